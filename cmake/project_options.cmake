@@ -1,0 +1,34 @@
+# Compiler settings that every target of the project shares.
+find_package(Threads REQUIRED)
+
+add_library(project_options INTERFACE)
+target_compile_options(project_options INTERFACE
+  -Wall -Wextra -Wpedantic -Werror
+  -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast -Wcast-qual
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef)
+target_compile_definitions(project_options INTERFACE _GNU_SOURCE)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # g++ 12 sees overlaps in plain string concatenation that are not there.
+  target_compile_options(project_options INTERFACE -Wno-restrict)
+endif()
+
+if(QUARN2_CP_SANITIZE)
+  target_compile_options(project_options INTERFACE
+    -fsanitize=${QUARN2_CP_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  target_link_options(project_options INTERFACE -fsanitize=${QUARN2_CP_SANITIZE})
+endif()
+
+# The counters lie in a file that is mapped into the memory, so that a process that is killed has counted too.
+if(QUARN2_CP_COVERAGE)
+  target_compile_options(project_options INTERFACE
+    -fprofile-instr-generate -fcoverage-mapping -mllvm -runtime-counter-relocation)
+  target_link_options(project_options INTERFACE -fprofile-instr-generate)
+endif()
+
+# A static library of one layer: its public headers lie in include/, its private ones beside the sources.
+function(add_layer name)
+  cmake_parse_arguments(LAYER "" "" "SOURCES;USES" ${ARGN})
+  add_library(${name} STATIC ${LAYER_SOURCES})
+  target_include_directories(${name} PUBLIC include PRIVATE src)
+  target_link_libraries(${name} PUBLIC ${LAYER_USES} PRIVATE project_options)
+endfunction()

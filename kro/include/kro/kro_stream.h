@@ -1,0 +1,32 @@
+// Reading a file piece by piece.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include "kro/res_handle.h"
+
+namespace kro_stream {
+
+// A file opened for buffered reading. A missing file reads as an empty one; other failures are
+// kro_err::Error.
+class Input {
+  public:
+    explicit Input(const std::string& path);
+
+  private:
+    friend bool GetLine(Input& input, std::string& line, char separator);
+    bool Fill();
+
+    std::string path_;
+    ResHandle handle_;
+    std::vector<char> buffer_;
+    std::size_t begin_ = 0;
+    std::size_t end_ = 0;
+};
+
+// The next line without its separator; false at the end. A last line without a separator counts.
+bool GetLine(Input& input, std::string& line, char separator = '\n');
+
+}  // namespace kro_stream

@@ -1,0 +1,36 @@
+#include "kro/kro_err.h"
+
+#include <cstring>
+
+namespace kro_err {
+
+namespace {
+
+Kind KindOf(int error) noexcept {
+    return error == ENOENT || error == ENOTDIR ? Kind::kNotFound : Kind::kFailed;
+}
+
+}  // namespace
+
+Error::Error(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
+
+std::string_view Error::type() const noexcept {
+    switch (kind_) {
+        case Kind::kUnauthorized:
+            return "unauthorized";
+        case Kind::kNotFound:
+            return "not_found";
+        case Kind::kUnavailable:
+            return "unavailable";
+        case Kind::kFailed:
+            break;
+    }
+    return "failed";
+}
+
+Error FromErrno(const std::string& text, int error) {
+    char buffer[128];
+    return Error(KindOf(error), text + ": " + strerror_r(error, buffer, sizeof buffer));
+}
+
+}  // namespace kro_err

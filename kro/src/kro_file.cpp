@@ -1,0 +1,300 @@
+#include "kro/kro_file.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <optional>
+#include <vector>
+
+#include "fd_io.h"
+#include "kro/kro_new_file.h"
+
+namespace kro_file {
+
+namespace {
+
+std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+
+struct stat Status(const std::string& path) {
+    struct stat status {};
+    if (::stat(path.c_str(), &status) != 0) {
+        throw kro_err::FromErrno("Failed to look at " + Quoted(path));
+    }
+    return status;
+}
+
+// The status of the file whose place a new one takes. What a link leads to is not replaced, and
+// says nothing about who may read the new file.
+std::optional<struct stat> OldStatus(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0 || S_ISLNK(status.st_mode)) return std::nullopt;
+    return status;
+}
+
+std::string_view WithoutClosingSlashes(std::string_view path) {
+    while (path.size() > 1 && path.back() == '/') path.remove_suffix(1);
+    return path;
+}
+
+// SplitPath without copies: a start-up scan splits a hundred thousand paths.
+std::pair<std::string_view, std::string_view> Halves(std::string_view path) {
+    path = WithoutClosingSlashes(path);
+    const std::size_t slash = path.rfind('/');
+    if (slash == path.npos) return {std::string_view(), path};
+    return {WithoutClosingSlashes(path.substr(0, slash + 1)), path.substr(slash + 1)};
+}
+
+bool IsDirectory(const std::string& path) noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+// Gives the new file the old one's mode and, as far as this process may, owner and group: only root
+// can give a file away, and a text that cannot be written at all would be worse than another owner.
+void TakeOver(int fd, const struct stat& old) {
+    if (::fchown(fd, old.st_uid, old.st_gid) != 0 &&
+        ::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && errno != EPERM) {
+        throw kro_err::FromErrno("Failed to set the owner of a new file");
+    }
+    // After the owner: a change of owner drops mode bits.
+    if (::fchmod(fd, old.st_mode & 07777) != 0) {
+        throw kro_err::FromErrno("Failed to set the mode of a new file");
+    }
+}
+
+bool IsOurs(const struct stat& status) noexcept {
+    return status.st_uid == 0 || status.st_uid == ::geteuid();
+}
+
+std::vector<std::string> Components(const std::string& path, bool absolute) {
+    std::vector<std::string> parts;
+    for (std::size_t begin = 0; begin < path.size();) {
+        std::size_t end = path.find('/', begin);
+        if (end == path.npos) end = path.size();
+        const std::string part = path.substr(begin, end - begin);
+        begin = end + 1;
+        if (part.empty() || part == ".") continue;
+        const bool up = part == "..";
+        const bool folds = up && !parts.empty() && parts.back() != "..";
+        if (folds) {
+            parts.pop_back();
+        } else if (!up || !absolute) {
+            parts.push_back(part);
+        }
+    }
+    return parts;
+}
+
+}  // namespace
+
+int OpenFd(const std::string& path, int flags, mode_t mode) noexcept {
+    return NoEintr([&]() noexcept { return ::open(path.c_str(), flags | O_CLOEXEC, mode); });
+}
+
+std::string ReadAll(int fd, const std::string& path) {
+    std::string text;
+    char buffer[16 * 1024];
+    for (;;) {
+        const ssize_t got = NoEintr(
+            [&] { return ::pread(fd, buffer, sizeof buffer, static_cast<off_t>(text.size())); });
+        if (got < 0) throw kro_err::FromErrno("Failed to read " + Quoted(path));
+        if (got == 0) return text;
+        text.append(buffer, static_cast<std::size_t>(got));
+    }
+}
+
+bool WriteAll(int fd, std::string_view text) noexcept {
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t put = NoEintr([&]() noexcept {
+            return ::pwrite(fd, text.data() + done, text.size() - done, static_cast<off_t>(done));
+        });
+        if (put < 0) return false;
+        done += static_cast<std::size_t>(put);
+    }
+    return true;
+}
+
+bool IsSameFile(int fd, const std::string& path) noexcept {
+    struct stat open {};
+    struct stat named {};
+    return ::fstat(fd, &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+           open.st_ino == named.st_ino && open.st_dev == named.st_dev;
+}
+
+std::string ConcatPath(const std::string& directory, const std::string& name) {
+    if (directory.empty()) return name;
+    if (name.empty()) return directory;
+    const std::size_t end = directory.find_last_not_of('/') + 1;
+    const std::size_t begin = std::min(name.find_first_not_of('/'), name.size());
+    return directory.substr(0, end) + "/" + name.substr(begin);
+}
+
+std::pair<std::string, std::string> SplitPath(const std::string& path) {
+    const auto [directory, name] = Halves(path);
+    return {std::string(directory), std::string(name)};
+}
+
+std::string Path(const std::string& path) { return std::string(Halves(path).first); }
+
+std::string Name(const std::string& path) { return std::string(Halves(path).second); }
+
+std::string GoodPath(const std::string& path) {
+    const bool absolute = path.starts_with('/');
+    std::string good;
+    for (const std::string& part : Components(path, absolute)) {
+        if (absolute || !good.empty()) good += '/';
+        good += part;
+    }
+    return absolute && good.empty() ? "/" : good;
+}
+
+bool Exists(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0;
+}
+
+std::int64_t Size(const std::string& path) {
+    const struct stat status = Status(path);
+    if (!S_ISREG(status.st_mode)) {
+        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
+    }
+    return status.st_size;
+}
+
+std::string Read(const std::string& path) {
+    const int fd = OpenFd(path, O_RDONLY);
+    if (fd < 0) throw kro_err::FromErrno("Failed to open " + Quoted(path));
+    const ResHandle handle(fd);
+    return ReadAll(handle, path);
+}
+
+std::string ReadE(const std::string& path) noexcept {
+    try {
+        return Read(path);
+    } catch (const std::exception&) {
+        return std::string();
+    }
+}
+
+std::string ReadOurs(const std::string& path) {
+    // A named pipe would hold the open, a link would show another file.
+    const int fd = OpenFd(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
+    if (fd < 0 && errno != ELOOP) throw kro_err::FromErrno("Failed to open " + Quoted(path));
+    const ResHandle handle(fd);
+    struct stat status {};
+    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
+    }
+    if (!IsOurs(status) || (status.st_mode & S_IWOTH) != 0) {
+        throw kro_err::Error(kro_err::Kind::kFailed,
+                             Quoted(path) + " could have been written by another user");
+    }
+    return ReadAll(handle, path);
+}
+
+bool IsForeignLink(const std::string& path) noexcept {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode) && !IsOurs(status);
+}
+
+void CheckOurDirectory(const std::string& path) {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        throw kro_err::FromErrno("Failed to look at " + Quoted(path));
+    }
+    const bool others_write = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
+    if (S_ISDIR(status.st_mode) && IsOurs(status) && !others_write) return;
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         Quoted(path) +
+                             " must be a directory that root or this user alone can "
+                             "write to; remove it");
+}
+
+void Write(const std::string& path, std::string_view text, mode_t mode) {
+    const auto old = OldStatus(path);
+    // A device or a directory must not be replaced by a file.
+    if (old && !S_ISREG(old->st_mode)) {
+        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
+    }
+    // A replacement is nobody else's to read before it has the old file's owner.
+    NewFile file(path, old ? 0600 : mode);
+    if (!WriteAll(file.fd(), text)) throw CopyError("Failed to write " + Quoted(path), errno);
+    if (old) TakeOver(file.fd(), *old);
+    file.Commit();
+}
+
+void RemoveFile(const std::string& path) {
+    if (::unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+        throw kro_err::FromErrno("Failed to remove " + Quoted(path));
+    }
+}
+
+void Remove(const std::string& path) {
+    if (path.empty()) return;
+    const std::string good = GoodPath(path);
+    if (good.empty() || good == "/") {
+        throw kro_err::Error(
+            kro_err::Kind::kFailed,
+            "Will not remove " + Quoted(path) + ": it is the root or the current directory");
+    }
+    std::error_code error;
+    // A slash at the end would follow a link.
+    std::filesystem::remove_all(std::string(WithoutClosingSlashes(path)), error);
+    if (error && error.value() != ENOENT && error.value() != ENOTDIR) {
+        throw kro_err::FromErrno("Failed to remove " + Quoted(path), error.value());
+    }
+}
+
+void MkDir(const std::string& path, mode_t mode) {
+    if (path.empty() || ::mkdir(path.c_str(), mode) == 0) return;
+    int error = errno;
+    const std::string parent = Path(path);
+    if (error == ENOENT && !parent.empty() && parent != path) {
+        MkDir(parent, mode);
+        if (::mkdir(path.c_str(), mode) == 0) return;
+        error = errno;
+    }
+    // Some file systems refuse first and look later: what counts is whether the directory is there.
+    if (!IsDirectory(path)) {
+        throw kro_err::FromErrno("Failed to make the directory " + Quoted(path), error);
+    }
+}
+
+void MkDirSynced(const std::string& path, mode_t mode) {
+    std::vector<std::string> changed;
+    for (std::string missing = path; !missing.empty() && !IsDirectory(missing);
+         missing = Path(missing)) {
+        changed.push_back(Path(missing));
+    }
+    MkDir(path, mode);
+    for (const std::string& directory : changed) SyncDir(directory);
+}
+
+void Attrs(const std::string& path, mode_t mode) {
+    if (::chmod(path.c_str(), mode) != 0) {
+        throw kro_err::FromErrno("Failed to set the mode of " + Quoted(path));
+    }
+}
+
+void SyncFileSystem(const std::string& path) {
+    const ResHandle handle(OpenFd(path, O_RDONLY));
+    if (!handle || NoEintr([&] { return ::syncfs(handle); }) != 0) {
+        throw kro_err::FromErrno("Failed to sync the file system of " + Quoted(path));
+    }
+}
+
+void SyncDir(const std::string& directory) {
+    const std::string name = directory.empty() ? "." : directory;
+    const int fd = OpenFd(name, O_RDONLY | O_DIRECTORY);
+    if (fd < 0) throw kro_err::FromErrno("Failed to open the directory " + Quoted(name));
+    const ResHandle handle(fd);
+    // Some file systems cannot sync a directory, and have nothing to sync then.
+    if (NoEintr([&] { return ::fsync(fd); }) != 0 && errno != EINVAL) {
+        throw kro_err::FromErrno("Failed to sync the directory " + Quoted(name));
+    }
+}
+
+}  // namespace kro_file

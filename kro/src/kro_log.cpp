@@ -1,0 +1,202 @@
+#include "kro/kro_log.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <mutex>
+#include <string_view>
+
+#include "fd_io.h"
+#include "kro/kro_env.h"
+#include "kro/kro_file.h"
+#include "kro/str.h"
+
+namespace kro_log {
+
+namespace {
+
+constexpr int kClosed = INT_MIN;
+
+std::atomic<int> current_level{kClosed};
+
+struct State {
+    std::mutex mutex;
+    std::string program;
+    std::string path;
+    int fd = -1;
+};
+
+// Never destroyed: threads and other objects' destructors may log to the last.
+State& TheState() {
+    static State& state = *new State;
+    return state;
+}
+
+// A message is logged between a failed call and the look at its errno as well.
+class KeepErrno {
+  public:
+    KeepErrno() noexcept : error_(errno) {}
+    ~KeepErrno() { errno = error_; }
+    KeepErrno(const KeepErrno&) = delete;
+    KeepErrno& operator=(const KeepErrno&) = delete;
+
+  private:
+    int error_;
+};
+
+void CloseFile(State& state) noexcept {
+    if (state.fd >= 0) ::close(state.fd);
+    state.fd = -1;
+}
+
+// A plain file, and not one that bears another name elsewhere.
+bool IsLogFile(int fd) noexcept {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
+}
+
+// Has the file open that the path names now: a rotated one is left to whoever took it.
+bool OpenFile(State& state) {
+    struct stat named {};
+    struct stat open {};
+    if (state.fd >= 0 && ::stat(state.path.c_str(), &named) == 0 && ::fstat(state.fd, &open) == 0 &&
+        named.st_ino == open.st_ino && named.st_dev == open.st_dev) {
+        return true;
+    }
+    CloseFile(state);
+    // A named pipe without a reader is refused instead of waited for.
+    constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_NONBLOCK;
+    state.fd = kro_file::OpenFd(state.path, kFlags | O_NOFOLLOW, 0600);
+    // An administrator may have laid the log elsewhere; others would have root write to their
+    // target.
+    if (state.fd < 0 && errno == ELOOP && !kro_file::IsForeignLink(state.path)) {
+        state.fd = kro_file::OpenFd(state.path, kFlags, 0600);
+    }
+    if (state.fd >= 0 && !IsLogFile(state.fd)) CloseFile(state);
+    return state.fd >= 0;
+}
+
+void AppendEscaped(std::string& line, char c) {
+    const auto code = static_cast<unsigned char>(c);
+    if (code >= 0x20 && code != 0x7f) {
+        line += c;
+    } else if (c == '\n') {
+        line += "\\n";
+    } else if (c == '\r') {
+        line += "\\r";
+    } else if (c == '\t') {
+        line += "\\t";
+    } else {
+        char text[8];
+        std::snprintf(text, sizeof text, "\\x%02x", static_cast<unsigned>(code));
+        line += text;
+    }
+}
+
+// "2026-11-20 16:06:18.123 [PID:TID] ". The real time, of which the clock of kro_date has no
+// milliseconds.
+std::string Prefix() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    std::tm civil{};
+    localtime_r(&now.tv_sec, &civil);
+    char text[128];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld [%d:%d] ",
+                  civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, civil.tm_hour,
+                  civil.tm_min, civil.tm_sec, now.tv_nsec / 1000000, ::getpid(), ::gettid());
+    return text;
+}
+
+void WriteLine(const char* module, int level, std::string_view text) {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> section(state.mutex);
+    if (!Enabled(level) || !OpenFile(state)) return;
+    std::string line = Prefix();
+    line.reserve(line.size() + text.size() + 64);
+    line.append(state.program).append(" ").append(module).append(" ").append(str::Str(level));
+    line += ": ";
+    for (const char c : text) AppendEscaped(line, c);
+    line += '\n';
+    // One call, so that lines of several processes do not mix. What a full disk cuts off is lost.
+    const ssize_t written =
+        kro_file::NoEintr([&] { return ::write(state.fd, line.data(), line.size()); });
+    if (written < 0) CloseFile(state);
+}
+
+std::string Formatted(const char* format, va_list arguments) __attribute__((format(printf, 1, 0)));
+
+std::string Formatted(const char* format, va_list arguments) {
+    va_list again;
+    va_copy(again, arguments);
+    char buffer[1024];
+    const int size = std::vsnprintf(buffer, sizeof buffer, format, arguments);
+    std::string text(buffer, static_cast<std::size_t>(std::clamp(size, 0, 1023)));
+    if (size > 1023) {
+        text.resize(static_cast<std::size_t>(size));
+        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    }
+    va_end(again);
+    return text;
+}
+
+int LevelFromEnvironment() {
+    const std::string text = kro_env::GetEnv("KRO_LOG_LEVEL");
+    try {
+        return str::Int(text);
+    } catch (const std::exception&) {
+        return 0;
+    }
+}
+
+}  // namespace
+
+void Init(const std::string& program, int level) {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> section(state.mutex);
+    CloseFile(state);
+    state.program = program;
+    state.path = "var/" + program + ".log";
+    current_level = std::max(level, LevelFromEnvironment());
+}
+
+void Close() noexcept {
+    State& state = TheState();
+    const std::lock_guard<std::mutex> section(state.mutex);
+    current_level = kClosed;
+    CloseFile(state);
+}
+
+bool Enabled(int level) noexcept { return level <= current_level.load(std::memory_order_relaxed); }
+
+void Module::Write(int level, const char* format, ...) const noexcept {
+    const KeepErrno keep;
+    if (!Enabled(level)) return;
+    va_list arguments;
+    va_start(arguments, format);
+    try {
+        WriteLine(name_, level, Formatted(format, arguments));
+    } catch (const std::exception&) {
+        // No memory for the line: it is lost, like a line that the disk has no room for.
+    }
+    va_end(arguments);
+}
+
+void Module::Text(int level, const std::string& text) const noexcept {
+    const KeepErrno keep;
+    if (!Enabled(level)) return;
+    try {
+        WriteLine(name_, level, text);
+    } catch (const std::exception&) {
+        // As above.
+    }
+}
+
+}  // namespace kro_log

@@ -1,0 +1,118 @@
+#include "kro/kro_new_file.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "fd_io.h"
+#include "kro/kro_file.h"
+
+namespace kro_file {
+
+namespace {
+
+constexpr std::string_view kTemporaryStart = ".";
+constexpr std::string_view kTemporaryEnd = ".part~";
+
+std::string TemporaryPath(const std::string& target) {
+    const auto [directory, name] = SplitPath(target);
+    return ConcatPath(directory, TemporaryName(name));
+}
+
+CopyError OpenError(const std::string& path) {
+    return CopyError("Failed to make the file '" + path + "'", errno);
+}
+
+bool Flock(int fd, int operation) noexcept {
+    return NoEintr([&]() noexcept { return ::flock(fd, operation); }) == 0;
+}
+
+// Waits for the lock. False when the path does not name the open file any more: the writer that was
+// waited for has renamed or removed it.
+bool LockNamed(int fd, const std::string& path) {
+    if (!Flock(fd, LOCK_EX)) throw kro_err::FromErrno("Failed to lock '" + path + "'");
+    return IsSameFile(fd, path);
+}
+
+// Links, sockets and the like: no writer here has made them, so nobody is to be waited for.
+bool IsNeitherFileNorDirectory(const std::string& path) noexcept {
+    struct stat status {};
+    return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
+           !S_ISDIR(status.st_mode);
+}
+
+// Removes the file under the name once nobody writes it.
+void ClearName(const std::string& path) {
+    if (IsNeitherFileNorDirectory(path)) return RemoveFile(path);
+    const int fd = OpenFd(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0 && (errno == ENOENT || errno == ELOOP)) return;
+    if (fd < 0) throw OpenError(path);
+    const ResHandle leftover(fd);
+    if (LockNamed(fd, path)) RemoveFile(path);
+}
+
+}  // namespace
+
+NewFile::NewFile(std::string target, mode_t mode)
+    : target_(std::move(target)), temporary_(TemporaryPath(target_)) {
+    // What is left of an earlier attempt is not written over but replaced, so that the file's mode
+    // and owner are those asked for. Somebody else may come first with either; then the turn is
+    // theirs.
+    for (;;) {
+        const int fd = OpenFd(temporary_, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
+        if (fd >= 0) {
+            handle_ = ResHandle(fd);
+            if (LockNamed(fd, temporary_)) return;
+            handle_.Reset();
+        } else if (errno == EEXIST) {
+            ClearName(temporary_);
+        } else {
+            throw OpenError(temporary_);
+        }
+    }
+}
+
+NewFile::~NewFile() {
+    // The lock is still held: the name cannot be another writer's.
+    if (!committed_) ::unlink(temporary_.c_str());
+}
+
+void NewFile::Commit(Durability durability) {
+    if (durability == Durability::kNow && NoEintr([&] { return ::fsync(handle_); }) != 0) {
+        throw CopyError("Failed to sync '" + temporary_ + "'", errno);
+    }
+    if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
+        throw CopyError("Failed to rename '" + temporary_ + "' to '" + target_ + "'", errno);
+    }
+    committed_ = true;
+    if (durability == Durability::kLater) return;
+    const std::string directory = Path(target_);
+    const ResHandle opened(OpenFd(directory.empty() ? "." : directory, O_RDONLY | O_DIRECTORY));
+    if (!opened || (NoEintr([&] { return ::fsync(opened); }) != 0 && errno != EINVAL)) {
+        throw CopyError("Failed to sync the directory of '" + target_ + "'", errno);
+    }
+}
+
+std::string TemporaryName(std::string_view name) {
+    return std::string(kTemporaryStart).append(name).append(kTemporaryEnd);
+}
+
+bool IsTemporaryName(std::string_view name) noexcept {
+    return name.size() > kTemporaryStart.size() + kTemporaryEnd.size() &&
+           name.starts_with(kTemporaryStart) && name.ends_with(kTemporaryEnd);
+}
+
+void RemoveTemporary(const std::string& target) {
+    const std::string path = TemporaryPath(target);
+    if (IsNeitherFileNorDirectory(path)) return RemoveFile(path);
+    const int fd = OpenFd(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
+    if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) return;
+    if (fd < 0) throw kro_err::FromErrno("Failed to open '" + path + "'");
+    const ResHandle leftover(fd);
+    if (Flock(fd, LOCK_EX | LOCK_NB) && IsSameFile(fd, path)) RemoveFile(path);
+}
+
+}  // namespace kro_file

@@ -1,0 +1,48 @@
+# shellcheck shell=bash
+# What the scripts share. A script sets `set -euo pipefail` itself and then reads this file.
+
+# shellcheck disable=SC2034  # for the script that reads this file
+top=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
+
+if [[ -t 1 ]]; then
+    bold=$'\033[1m' plain=$'\033[0m'
+else
+    bold='' plain=''
+fi
+
+heading() { printf '\n%s%s%s\n' "$bold" "$*" "$plain"; }
+
+die() {
+    printf '%s: %s\n' "$(basename -- "$0")" "$*" >&2
+    exit 1
+}
+
+# The project's own files that end in one of the given suffixes, one per line, relative to a directory.
+# Outside a git checkout (an unpacked archive, a copy made by a test) everything but build/ counts.
+project_files() {
+    local dir=$1 suffix
+    shift
+    local patterns=()
+    for suffix in "$@"; do patterns+=("*$suffix"); done
+    if [[ -e $dir/.git ]]; then
+        git -C "$dir" ls-files -co --exclude-standard -- "${patterns[@]}"
+    else
+        for suffix in "$@"; do
+            find "$dir" -path "$dir/build" -prune -o -type f -name "*$suffix" -printf '%P\n'
+        done
+    fi | sort -u | while IFS= read -r file; do
+        if [[ -f $dir/$file ]]; then printf '%s\n' "$file"; fi
+    done
+}
+
+# Runs a command quietly; its output is shown only when it fails.
+quietly() {
+    local log status=0
+    log=$(mktemp)
+    "$@" >"$log" 2>&1 || status=$?
+    if ((status != 0)); then
+        cat "$log" >&2
+    fi
+    rm -f "$log"
+    return "$status"
+}

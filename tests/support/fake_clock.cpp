@@ -1,0 +1,66 @@
+#include "fake_clock.h"
+
+#include <mutex>
+
+#include "kro/kro_date.h"
+#include "kro/kro_proc.h"
+
+namespace {
+
+struct State {
+    std::mutex mutex;
+    std::time_t now = fake_clock::kStart;
+    std::vector<int> sleeps;
+    std::function<void(int)> hook;
+};
+
+State& TheState() {
+    static State state;
+    return state;
+}
+
+}  // namespace
+
+void fake_clock::Reset() {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    state.now = kStart;
+    state.sleeps.clear();
+    state.hook = nullptr;
+}
+
+void fake_clock::Set(std::time_t now) {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    state.now = now;
+}
+
+void fake_clock::OnSleep(std::function<void(int)> hook) {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    state.hook = std::move(hook);
+}
+
+std::vector<int> fake_clock::Sleeps() {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    return state.sleeps;
+}
+
+void kro_proc::Sleep(int milliseconds) {
+    State& state = TheState();
+    std::function<void(int)> hook;
+    {
+        const std::lock_guard section(state.mutex);
+        state.sleeps.push_back(milliseconds);
+        state.now += milliseconds / 1000;
+        hook = state.hook;
+    }
+    if (hook) hook(milliseconds);
+}
+
+std::time_t kro_date::SystemNow() noexcept {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    return state.now;
+}

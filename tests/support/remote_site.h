@@ -1,0 +1,108 @@
+// What the sites of all storages behind a server share.
+#pragma once
+
+#include "server_info.h"
+#include "storage_site.h"
+
+class RemoteSite : public StorageSite {
+  public:
+    // `server` is the name of a running test server.
+    explicit RemoteSite(const std::string& server) : info_(server) {}
+
+    // Leads to the storage; a test may change it to be led astray.
+    virtual TokenParts Parts() const = 0;
+
+    std::string Token() const override { return Parts().Text(); }
+
+    // Every port that the server and its clients talk through.
+    virtual std::vector<std::uint16_t> Ports() const { return {Parts().port}; }
+
+    // Whether a path of Everything() is what an interrupted upload may leave: a temporary name,
+    // however the backend makes it different from others.
+    virtual bool IsLeftover(const std::string& path) const { return path.ends_with(".part~"); }
+
+    // Leads to where no storage is.
+    virtual TokenParts Missing() const {
+        TokenParts parts = Parts();
+        parts.path += "-missing";
+        return parts;
+    }
+
+    // Tokens that must be refused, each by what is wrong.
+    virtual std::map<std::string, TokenParts> Refused() const {
+        std::map<std::string, TokenParts> refused;
+        refused["an unknown user"] = refused["a wrong password"] = Parts();
+        refused["an unknown user"].user = "stranger";
+        refused["a wrong password"].password = "not/the+secret";
+        if (Parts().params.count("ca") != 0) AddBadCertificates(refused);
+        return refused;
+    }
+
+    const ServerInfo& info() const { return info_; }
+
+    // An address of this machine that no certificate names; nothing listens there.
+    static constexpr const char* kUnnamedHost = "127.0.0.3";
+
+  protected:
+    // The server's own address, user and password.
+    TokenParts Address(const std::string& scheme, const std::string& port_key) const {
+        return {.scheme = scheme,
+                .user = info_["user"],
+                .password = info_["password"],
+                .host = info_["host"],
+                .port = info_.Port(port_key),
+                .path = {},
+                .params = {}};
+    }
+
+  private:
+    void AddBadCertificates(std::map<std::string, TokenParts>& refused) const {
+        for (const char* const what : {"an expired certificate", "a self-signed certificate",
+                                       "a certificate for another host", "an unknown authority"}) {
+            refused[what] = Parts();
+        }
+        refused["an expired certificate"].port = info_.Port("expired_port");
+        refused["a self-signed certificate"].port = info_.Port("self_signed_port");
+        refused["a certificate for another host"].host = kUnnamedHost;
+        refused["an unknown authority"].params.erase("ca");
+    }
+
+    ServerInfo info_;
+};
+
+// The same site, encrypted on this side.
+template <class Site>
+class Encrypted : public Site {
+  public:
+    TokenParts Parts() const override {
+        TokenParts parts = Site::Parts();
+        parts.params["arch_password"] = "p@ss";
+        return parts;
+    }
+};
+
+// A kind for the suite of troubles (storage_trouble.h).
+struct RemoteKind {
+    const char* name;
+    std::unique_ptr<RemoteSite> (*make)();
+
+    friend std::ostream& operator<<(std::ostream& out, const RemoteKind& kind) {
+        return out << kind.name;
+    }
+};
+
+template <class Site>
+RemoteKind TroubledSite(const char* name) {
+    return {name, []() -> std::unique_ptr<RemoteSite> { return std::make_unique<Site>(); }};
+}
+
+// A kind for testing::Values, and what names the tests after it.
+template <class Site>
+StorageKind SiteKind(const char* name) {
+    return {name, []() -> std::unique_ptr<StorageSite> { return std::make_unique<Site>(); }};
+}
+
+template <class Kind>
+std::string NameOfKind(const testing::TestParamInfo<Kind>& kind) {
+    return kind.param.name;
+}

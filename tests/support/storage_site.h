@@ -1,0 +1,135 @@
+// What the conformance suite needs to know about one kind of storage.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "kro/kro_err.h"
+#include "local_files.h"
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+#include "quarn2_backend/storage_backend.h"
+#include "src/encryption/encrypted_backend.h"
+#include "temp_dir.h"
+
+// One storage of a test's own, empty at first and gone with this object.
+class StorageSite {
+  public:
+    StorageSite() = default;
+    virtual ~StorageSite() = default;
+    StorageSite(const StorageSite&) = delete;
+    StorageSite& operator=(const StorageSite&) = delete;
+
+    virtual std::string Token() const = 0;
+
+    // The paths of all files that lie on the storage, those that it does not show included.
+    virtual std::vector<std::string> Everything() const = 0;
+
+    // Leaves what an upload of `name` leaves that was killed; false when nothing can be left here.
+    virtual bool LeaveLeftover(const std::string& name) = 0;
+
+    // The server takes no file of that name, and says so.
+    virtual bool RefusesName(const std::string& /*name*/) const { return false; }
+
+    // From now on the storage has room for this many bytes, give or take some 64 KiB; false when
+    // the test cannot bring that about. Called on an empty storage.
+    virtual bool LimitRoom(std::int64_t bytes) = 0;
+};
+
+// A kind of storage: a name for the tests' names and the maker of sites.
+struct StorageKind {
+    const char* name;
+    std::unique_ptr<StorageSite> (*make)();
+
+    friend std::ostream& operator<<(std::ostream& out, const StorageKind& kind) {
+        return out << kind.name;
+    }
+};
+
+// A source that fails where a test wants it to.
+class TextSource : public quarn2::ByteSource {
+  public:
+    explicit TextSource(std::string text) : text_(std::move(text)) {}
+
+    std::int64_t size() const override { return static_cast<std::int64_t>(text_.size()); }
+
+    std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
+        if (fail_from >= 0 && offset + static_cast<std::int64_t>(buffer.size()) > fail_from) {
+            throw kro_err::Error(kro_err::Kind::kFailed, "the source broke");
+        }
+        const auto begin = static_cast<std::size_t>(offset);
+        const std::size_t count = std::min(buffer.size(), text_.size() - begin);
+        if (count > 0) std::memcpy(buffer.data(), text_.data() + begin, count);
+        return count;
+    }
+
+    void CheckUnchanged() override {
+        if (changed) throw kro_err::Error(kro_err::Kind::kFailed, "the source changed");
+    }
+
+    std::int64_t fail_from = -1;
+    bool changed = false;
+
+  private:
+    std::string text_;
+};
+
+// The kind of the kro_err::Error that `action` throws; nothing when it throws none.
+template <class Action>
+std::optional<kro_err::Kind> KindOf(const Action& action) {
+    try {
+        action();
+    } catch (const kro_err::Error& error) {
+        return error.kind();
+    }
+    return std::nullopt;
+}
+
+class StorageConformance : public testing::TestWithParam<StorageKind> {
+  protected:
+    std::shared_ptr<quarn2::Storage> Open() const {
+        return quarn2::GetStorage(quarn2::BackupToken(site_->Token()));
+    }
+    std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
+        const quarn2::BackupToken token(site_->Token());
+        auto backend = quarn2::FindScheme(token.scheme())->open(token);
+        const std::string password = token.Param("arch_password");
+        return password.empty() ? std::move(backend)
+                                : quarn2::Encrypted(std::move(backend), password);
+    }
+    // What a file of so many bytes takes on the storage, and what is told of its key.
+    std::int64_t StoredSize(std::int64_t size) const {
+        return KeyHash().empty() ? size : quarn2::SizeEncrypted("file", size);
+    }
+    std::string KeyHash() const { return quarn2::BackupToken(site_->Token()).Hash(); }
+    std::string LocalFile(const std::string& content, const std::string& name = "source") const {
+        local_files::Save(local_ / name, content);
+        return local_ / name;
+    }
+    bool Upload(const std::string& remote, const std::string& content) {
+        return storage_->Upload(remote, LocalFile(content));
+    }
+    std::string Download(const std::string& remote) const { return DownloadBy(*storage_, remote); }
+    std::string DownloadBy(quarn2::Storage& storage, const std::string& remote,
+                           const std::string& name = "target") const {
+        storage.Download(remote, local_ / name);
+        return local_files::Load(local_ / name);
+    }
+    std::vector<std::string> List(const std::string& directory) const {
+        std::vector<std::string> names = {"left from before"};
+        storage_->List(names, directory);
+        return names;
+    }
+
+    std::unique_ptr<StorageSite> site_ = GetParam().make();
+    TempDir local_;
+    std::shared_ptr<quarn2::Storage> storage_ = Open();
+};

@@ -1,0 +1,378 @@
+// What a storage behind a network promises when the network breaks, stalls or lies. To be included
+// by exactly one file of a test program, which instantiates the suite:
+//
+//     INSTANTIATE_TEST_SUITE_P(Sftp, StorageTrouble,
+//                              testing::Values(TroubledSite<SftpSite>("password")),
+//                              NameOfKind<RemoteKind>);
+#pragma once
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+
+#include "kro/kro_proc.h"
+#include "relay.h"
+#include "remote_site.h"
+
+using kro_err::Kind;
+using testing::Optional;
+using Harm = Relay::Harm;
+using Way = Relay::Way;
+using Names = std::vector<std::string>;
+
+// More than the buffers of all sockets on the way hold.
+inline constexpr std::int64_t kLarge = 20 * 1024 * 1024 + 1;
+
+// What the client waits, in seconds, and what a failure may take altogether.
+inline constexpr const char* kTimeout = "2";
+inline constexpr std::chrono::seconds kAFewSeconds{10};
+
+// Kills the process that reads it.
+class DeadlySource final : public TextSource {
+  public:
+    DeadlySource() : TextSource(local_files::Noise(kLarge)) {}
+    std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
+        if (offset > kLarge / 2) raise(SIGKILL);
+        return TextSource::ReadAt(offset, buffer);
+    }
+};
+
+class StorageTrouble : public testing::TestWithParam<RemoteKind> {
+  protected:
+    static std::shared_ptr<quarn2::Storage> Open(const TokenParts& parts) {
+        return quarn2::GetStorage(quarn2::BackupToken(parts.Text()));
+    }
+    std::shared_ptr<quarn2::Storage> OpenDirectly() const { return Open(site_->Parts()); }
+    std::shared_ptr<quarn2::Storage> OpenThroughRelay() const {
+        TokenParts parts = site_->Parts();
+        parts.host = "127.0.0.2";
+        parts.params["timeout"] = kTimeout;
+        return Open(parts);
+    }
+
+    std::string LocalFile(const std::string& content) const {
+        local_files::Save(local_ / "source", content);
+        return local_ / "source";
+    }
+    std::string Download(quarn2::Storage& storage, const std::string& name) const {
+        const TempDir fresh;
+        storage.Download(name, fresh / "target");
+        return local_files::Load(fresh / "target");
+    }
+    Names List(quarn2::Storage& storage) const {
+        Names names;
+        storage.List(names, "");
+        return names;
+    }
+
+    // The action fails in time and as trouble that may pass, and its text has no secret.
+    template <class Action>
+    void ExpectUnavailable(const Action& action) {
+        const auto begin = std::chrono::steady_clock::now();
+        ExpectFailure(Kind::kUnavailable, site_->Parts(), action);
+        EXPECT_LT(std::chrono::steady_clock::now() - begin, kAFewSeconds);
+    }
+
+    template <class Action>
+    void ExpectFailure(Kind kind, const TokenParts& parts, const Action& action) {
+        try {
+            action();
+            ADD_FAILURE() << "nothing failed";
+        } catch (const kro_err::Error& error) {
+            const std::string text = error.what();
+            EXPECT_EQ(error.kind(), kind) << text;
+            EXPECT_FALSE(text.empty());
+            for (const std::string& secret :
+                 {parts.password, TokenParts::Encoded(parts.password)}) {
+                EXPECT_TRUE(secret.empty() || text.find(secret) == std::string::npos) << text;
+            }
+        }
+    }
+
+    // The server may need a moment to see that a client is gone, and to clear away.
+    template <class Condition>
+    static bool SoonTrue(const Condition& condition) {
+        const auto end = std::chrono::steady_clock::now() + kAFewSeconds;
+        while (!condition()) {
+            if (std::chrono::steady_clock::now() > end) return false;
+            kro_proc::Sleep(20);
+        }
+        return true;
+    }
+    void ExpectSoonNothingBut(const std::string& name) const {
+        EXPECT_TRUE(SoonTrue([&] { return site_->Everything() == Names{name}; }))
+            << testing::PrintToString(site_->Everything());
+    }
+    // Nothing but the file and what the next upload of it takes away.
+    void ExpectSoonAtMostLeftoversBeside(const std::string& name) const {
+        EXPECT_TRUE(SoonTrue([&] {
+            Names names = site_->Everything();
+            names.erase(std::remove(names.begin(), names.end(), name), names.end());
+            return names.size() <= 2 &&
+                   std::all_of(names.begin(), names.end(),
+                               [&](const std::string& each) { return site_->IsLeftover(each); });
+        })) << testing::PrintToString(site_->Everything());
+    }
+    // An upload in a process of its own, killed when half of the source has been read.
+    void KillUpload(const std::string& name) const {
+        const pid_t child = fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            DeadlySource source;
+            const auto backend = OpenBackend();
+            backend->Put(name, source);
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(child, &status, 0), child);
+        ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+    }
+    std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
+        const quarn2::BackupToken token(site_->Token());
+        return quarn2::FindScheme(token.scheme())->open(token);
+    }
+
+    enum class Afterwards { kOld, kOldOrNew };
+
+    // An upload over an old file meets harm that lasts.
+    void TestUpload(Harm harm, Relay::When when, Afterwards afterwards = Afterwards::kOld) {
+        const std::string content = local_files::Noise(kLarge);
+        ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile("old")));
+        const auto storage = OpenThroughRelay();
+        relay_.HarmForGood(harm, when);
+        ExpectUnavailable([&] { storage->Upload("dir/file", LocalFile(content)); });
+        ASSERT_TRUE(relay_.Harmed());
+        relay_.Heal();
+        const std::string stored = Download(*OpenDirectly(), "dir/file");
+        if (afterwards == Afterwards::kOld) {
+            EXPECT_TRUE(stored == "old") << stored.size() << " bytes";
+        } else {
+            EXPECT_TRUE(stored == "old" || stored == content) << stored.size() << " bytes";
+        }
+        ExpectSoonAtMostLeftoversBeside("dir/file");
+        EXPECT_TRUE(storage->Upload("dir/file", LocalFile("next")));
+        EXPECT_EQ(Download(*storage, "dir/file"), "next");
+        ExpectSoonNothingBut("dir/file");
+    }
+
+    // A download over an old local file meets harm that lasts.
+    void TestDownload(Harm harm, Relay::When when) {
+        const std::string content = local_files::Noise(kLarge);
+        ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile(content)));
+        const auto storage = OpenThroughRelay();
+        const TempDir targets;
+        local_files::Save(targets / "old", "old");
+        relay_.HarmForGood(harm, when);
+        ExpectUnavailable([&] { storage->Download("dir/file", targets / "new"); });
+        ASSERT_TRUE(relay_.Harmed());
+        ExpectUnavailable([&] { storage->Download("dir/file", targets / "old"); });
+        EXPECT_EQ(local_files::Load(targets / "old"), "old");
+        const std::filesystem::directory_iterator files(targets.path());
+        EXPECT_EQ(std::distance(begin(files), end(files)), 1) << "the old file alone";
+        relay_.Heal();
+        EXPECT_TRUE(Download(*storage, "dir/file") == content);
+    }
+
+    std::unique_ptr<RemoteSite> site_ = GetParam().make();
+    Relay relay_{site_->Ports()};
+    TempDir local_;
+};
+
+// --- Broken transfers ---
+
+TEST_P(StorageTrouble, WorksThroughTheRelay) {
+    const std::string content = local_files::Noise(kLarge);
+    const auto storage = OpenThroughRelay();
+    EXPECT_TRUE(storage->Upload("file", LocalFile(content)));
+    EXPECT_TRUE(Download(*storage, "file") == content);
+    EXPECT_GT(relay_.Passed(Way::kUp), kLarge) << "every connection comes this way";
+    EXPECT_GT(relay_.Passed(Way::kDown), kLarge);
+}
+
+TEST_P(StorageTrouble, UploadReset) { TestUpload(Harm::kReset, {Way::kUp, kLarge / 2}); }
+
+TEST_P(StorageTrouble, UploadClosed) { TestUpload(Harm::kClose, {Way::kUp, kLarge / 2}); }
+
+TEST_P(StorageTrouble, UploadStalled) { TestUpload(Harm::kStall, {Way::kUp, kLarge / 2}); }
+
+TEST_P(StorageTrouble, UploadResetBeforeItsAnswer) {
+    TestUpload(Harm::kReset, {Way::kDown, 0, kLarge}, Afterwards::kOldOrNew);
+}
+
+TEST_P(StorageTrouble, UploadClosedBeforeItsAnswer) {
+    TestUpload(Harm::kClose, {Way::kDown, 0, kLarge}, Afterwards::kOldOrNew);
+}
+
+TEST_P(StorageTrouble, UploadStalledBeforeItsAnswer) {
+    TestUpload(Harm::kStall, {Way::kDown, 0, kLarge}, Afterwards::kOldOrNew);
+}
+
+TEST_P(StorageTrouble, DownloadReset) { TestDownload(Harm::kReset, {Way::kDown, kLarge / 2}); }
+
+TEST_P(StorageTrouble, DownloadClosed) { TestDownload(Harm::kClose, {Way::kDown, kLarge / 2}); }
+
+TEST_P(StorageTrouble, DownloadStalled) { TestDownload(Harm::kStall, {Way::kDown, kLarge / 2}); }
+
+// A backend may try again by itself, or leave that to the caller.
+TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
+    const std::string content = local_files::Noise(kLarge);
+    ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile("old")));
+    const auto storage = OpenThroughRelay();
+    relay_.HarmOnce(Harm::kReset, {Way::kUp, kLarge / 2});
+    bool stored = false;
+    const auto kind = KindOf([&] { stored = storage->Upload("file", LocalFile(content)); });
+    ASSERT_TRUE(relay_.Harmed());
+    EXPECT_EQ(kind.value_or(Kind::kUnavailable), Kind::kUnavailable);
+    EXPECT_NE(stored, kind.has_value()) << "a break is no lack of room";
+    EXPECT_TRUE(Download(*OpenDirectly(), "file") == (stored ? content : "old"));
+    ExpectSoonAtMostLeftoversBeside("file");
+    EXPECT_TRUE(storage->Upload("file", LocalFile("next")));
+    ExpectSoonNothingBut("file");
+}
+
+TEST_P(StorageTrouble, DownloadOverABreakIsWholeOrFails) {
+    const std::string content = local_files::Noise(kLarge);
+    ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile(content)));
+    const auto storage = OpenThroughRelay();
+    relay_.HarmOnce(Harm::kClose, {Way::kDown, kLarge / 2});
+    const auto kind = KindOf([&] { storage->Download("file", local_ / "target"); });
+    ASSERT_TRUE(relay_.Harmed());
+    EXPECT_EQ(kind.value_or(Kind::kUnavailable), Kind::kUnavailable);
+    EXPECT_EQ(local_files::Has(local_ / "target"), !kind);
+    EXPECT_TRUE(kind || local_files::Load(local_ / "target") == content);
+}
+
+// --- Killed clients ---
+
+TEST_P(StorageTrouble, AKilledUploadIsNotShownAndGoesWithTheNext) {
+    ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile("old")));
+    KillUpload("dir/file");
+    const auto storage = OpenDirectly();
+    Names names;
+    storage->List(names, "dir");
+    EXPECT_EQ(names, Names{"file"});
+    EXPECT_EQ(Download(*storage, "dir/file"), "old");
+    ExpectSoonAtMostLeftoversBeside("dir/file");
+    // An uploader need not look for what others have left in the last few seconds.
+    EXPECT_TRUE(SoonTrue([&] {
+        EXPECT_TRUE(storage->Upload("dir/file", LocalFile("next")));
+        return site_->Everything() == Names{"dir/file"};
+    })) << testing::PrintToString(site_->Everything());
+    EXPECT_EQ(Download(*storage, "dir/file"), "next");
+}
+
+TEST_P(StorageTrouble, AKilledUploadGoesWithTheRemoval) {
+    const auto storage = OpenDirectly();
+    ASSERT_TRUE(storage->Upload("other", LocalFile("x")));
+    KillUpload("file");
+    ExpectSoonAtMostLeftoversBeside("other");
+    storage->RemoveFile("file");
+    ExpectSoonNothingBut("other");
+}
+
+TEST_P(StorageTrouble, KilledUploadsGoWithClear) {
+    const auto storage = OpenDirectly();
+    KillUpload("file");
+    KillUpload("dir/file");
+    storage->Clear();
+    EXPECT_THAT(List(*storage), testing::IsEmpty());
+    EXPECT_TRUE(SoonTrue([&] { return site_->Everything().empty(); }))
+        << testing::PrintToString(site_->Everything());
+}
+
+// --- Connections ---
+
+TEST_P(StorageTrouble, KeepsItsConnection) {
+    const auto storage = OpenThroughRelay();
+    for (int i = 0; i < 10; ++i) {
+        const std::string name = "dir/" + std::to_string(i);
+        ASSERT_TRUE(storage->Upload(name, LocalFile(name)));
+        EXPECT_EQ(Download(*storage, name), name);
+        EXPECT_EQ(List(*storage), Names{"dir"});
+        storage->RemoveFile(name + "x");
+    }
+    EXPECT_LE(relay_.Accepted(site_->Parts().port), 4) << "a few side by side, not one for each";
+}
+
+TEST_P(StorageTrouble, AClosedIdleConnectionIsNotNoticed) {
+    const auto storage = OpenThroughRelay();
+    ASSERT_TRUE(storage->Upload("dir/file", LocalFile("first")));
+    relay_.CloseConnections();
+    EXPECT_TRUE(storage->Upload("dir/file", LocalFile("second")));
+    relay_.CloseConnections();
+    EXPECT_EQ(Download(*storage, "dir/file"), "second");
+    relay_.CloseConnections();
+    EXPECT_EQ(List(*storage), Names{"dir"});
+    relay_.CloseConnections();
+    storage->RemoveFile("dir/file");
+    relay_.CloseConnections();
+    storage->MkDir("other/deeper");
+    relay_.CloseConnections();
+    storage->RemoveDir("other");
+    relay_.CloseConnections();
+    storage->Clear();
+    relay_.CloseConnections();
+    EXPECT_TRUE(storage->Upload("large", LocalFile(local_files::Noise(kLarge))));
+    ExpectSoonNothingBut("large");
+}
+
+TEST_P(StorageTrouble, NothingListening) {
+    relay_.Refuse();
+    const auto storage = OpenThroughRelay();
+    ExpectUnavailable([&] { List(*storage); });
+    ExpectUnavailable([&] { storage->Upload("file", LocalFile("x")); });
+    ExpectUnavailable([&] { Download(*storage, "file"); });
+    ExpectUnavailable([&] { storage->RemoveFile("file"); });
+    relay_.Heal();
+    EXPECT_TRUE(storage->Upload("file", LocalFile("x")));
+}
+
+TEST_P(StorageTrouble, AServerThatNeverAnswers) {
+    relay_.HarmForGood(Harm::kStall, {Way::kDown, 0});
+    ExpectUnavailable([&] { List(*OpenThroughRelay()); });
+    ExpectUnavailable([&] { OpenThroughRelay()->Upload("file", LocalFile("x")); });
+}
+
+// A server that falls silent between two operations, of an object that has talked to it.
+TEST_P(StorageTrouble, AServerThatAnswersNoMore) {
+    const auto storage = OpenThroughRelay();
+    ASSERT_TRUE(storage->Upload("file", LocalFile("x")));
+    relay_.HarmForGood(Harm::kStall, {Way::kDown, 0});
+    ExpectUnavailable([&] { List(*storage); });
+    ExpectUnavailable([&] { storage->RemoveFile("file"); });
+    relay_.Heal();
+    EXPECT_EQ(List(*storage), Names{"file"});
+}
+
+// --- Refusals ---
+
+TEST_P(StorageTrouble, RefusesWhatCannotBeTrustedAndIsRefused) {
+    const Relay unnamed(site_->Ports(), RemoteSite::kUnnamedHost);
+    for (const auto& [what, parts] : site_->Refused()) {
+        SCOPED_TRACE(what);
+        ExpectFailure(Kind::kUnauthorized, parts, [&, &refused = parts] { List(*Open(refused)); });
+    }
+    EXPECT_THAT(site_->Everything(), testing::IsEmpty());
+}
+
+TEST_P(StorageTrouble, RefusedUploadsAreNotForWantOfRoom) {
+    const TokenParts refused = site_->Refused().at("an unknown user");
+    const auto storage = Open(refused);
+    ExpectFailure(Kind::kUnauthorized, refused, [&] { storage->Upload("file", LocalFile("x")); });
+    EXPECT_THAT(site_->Everything(), testing::IsEmpty());
+}
+
+TEST_P(StorageTrouble, AMissingRootIsNotFoundAndNeverMade) {
+    const auto storage = Open(site_->Missing());
+    EXPECT_THAT(KindOf([&] { List(*storage); }), Optional(Kind::kNotFound));
+    EXPECT_THAT(KindOf([&] { storage->Upload("file", LocalFile("x")); }),
+                Optional(Kind::kNotFound));
+    EXPECT_THAT(KindOf([&] { storage->Upload("dir/file", LocalFile("x")); }),
+                Optional(Kind::kNotFound));
+    EXPECT_TRUE(KindOf([&] { storage->Download("file", local_ / "target"); }).has_value());
+    EXPECT_THAT(KindOf([&] { List(*storage); }), Optional(Kind::kNotFound)) << "still missing";
+    EXPECT_THAT(KindOf([&] { List(*Open(site_->Missing())); }), Optional(Kind::kNotFound));
+}

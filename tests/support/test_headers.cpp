@@ -1,0 +1,1 @@
+// Holds the compiled headers of the test programs.

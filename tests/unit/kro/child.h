@@ -1,0 +1,76 @@
+// Processes that a test forks to have somebody else do something.
+#pragma once
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <functional>
+#include <stdexcept>
+#include <string>
+
+#include "kro/kro_proc.h"
+
+// Two processes' way to wait for each other.
+class Gate {
+  public:
+    Gate() : pipe_(kro_proc::Pipe()) {}
+
+    void Open() const {
+        if (::write(pipe_.second, "x", 1) != 1) throw std::runtime_error("Gate::Open failed");
+    }
+    void Wait() const {
+        char c = 0;
+        if (::read(pipe_.first, &c, 1) != 1) throw std::runtime_error("Gate::Wait failed");
+    }
+
+  private:
+    std::pair<ResHandle, ResHandle> pipe_;
+};
+
+// A forked child that runs the body and exits with 0, or with 1 when an exception leaves it.
+class Child {
+  public:
+    explicit Child(const std::function<void()>& body) : pid_(::fork()) {
+        if (pid_ < 0) throw std::runtime_error("fork failed");
+        if (pid_ == 0) Run(body);
+    }
+    ~Child() {
+        if (pid_ > 0) {
+            ::kill(pid_, SIGKILL);
+            Wait();
+        }
+    }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+
+    // The exit status, or 128 + the signal.
+    int Wait() {
+        int status = 0;
+        if (::waitpid(pid_, &status, 0) != pid_) throw std::runtime_error("waitpid failed");
+        pid_ = -1;
+        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    }
+    void Kill() const { ::kill(pid_, SIGKILL); }
+
+    // True when the child has not ended after a moment that suffices for what it would do
+    // otherwise.
+    bool StillRuns() const {
+        kro_proc::Sleep(150);
+        siginfo_t info{};
+        return ::waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+               info.si_pid == 0;
+    }
+
+  private:
+    [[noreturn]] static void Run(const std::function<void()>& body) {
+        try {
+            body();
+            ::_exit(0);
+        } catch (...) {
+            ::_exit(1);
+        }
+    }
+
+    pid_t pid_;
+};
