@@ -1,0 +1,315 @@
+#include "backends/ftp/ftp_backend.h"
+
+#include <algorithm>
+#include <functional>
+#include <utility>
+
+#include "backends/ftp/session.h"
+#include "backends/ftp/temporary.h"
+#include "backends/ftp/tree.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "stored_name.h"
+
+namespace quarn2 {
+
+namespace {
+
+using ftp::Found;
+using ftp::Outcome;
+using ftp::Reply;
+using kro_err::Error;
+using kro_err::Kind;
+
+// So many zeros find out whether a storage is full.
+class Zeros final : public ByteSource {
+  public:
+    std::int64_t size() const override { return kSize; }
+    std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
+        const auto count = std::min(buffer.size(), static_cast<std::size_t>(kSize - offset));
+        std::fill_n(buffer.begin(), count, std::byte{0});
+        return count;
+    }
+    void CheckUnchanged() override {}
+
+  private:
+    static constexpr std::int64_t kSize = 64L * 1024;
+};
+
+class FtpBackend final : public StorageBackend {
+  public:
+    FtpBackend(const BackupToken& token, bool tls)
+        : session_(token, tls),
+          tree_(session_, kro_file::GoodPath(token.path())),
+          user_(token.user()) {}
+
+    bool Put(const std::string& name, ByteSource& source) override;
+    void Get(const std::string& name, ByteSink& sink) override;
+    void Remove(const std::string& name) override;
+    void RemoveDir(const std::string& name) override;
+    void MakeDir(const std::string& name) override;
+    std::vector<std::string> List(const std::string& name) override;
+    void Clear() override;
+
+  private:
+    bool PutAs(const ftp::TemporaryName& temporary, const std::string& name, ByteSource& source);
+    Outcome Store(const std::string& path, const std::string& name, ByteSource& source);
+    void CheckStored(const Outcome& outcome, ByteSource& source) const;
+    bool IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary, std::int64_t size);
+    bool ProbeIsFull(const ftp::TemporaryName& temporary, std::int64_t size);
+    void Discard(const std::string& path) noexcept;
+    void Rename(const ftp::TemporaryName& temporary, const std::string& name, std::int64_t size);
+    bool IsRenamed(const std::string& from, const std::string& to, std::int64_t size);
+    void RenameOver(const ftp::TemporaryName& temporary, const std::string& name,
+                    const Reply& refusal);
+    void FinishRenameOver(const ftp::TemporaryName& temporary, const std::string& target);
+    ftp::TemporaryName TemporaryOf(const std::string& name) const {
+        return {user_, tree_.PathOf(name)};
+    }
+
+    ftp::Session session_;
+    ftp::Tree tree_;
+    std::string user_;
+};
+
+std::exception_ptr ErrorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (...) {
+        return std::current_exception();
+    }
+    return nullptr;
+}
+
+// --- Put ---
+
+bool FtpBackend::Put(const std::string& name, ByteSource& source) {
+    if (!tree_.MakeDirectories(kro_file::Path(name))) return false;
+    const ftp::TemporaryName temporary = TemporaryOf(name);
+    const Outcome outcome = Store(temporary.path(), name, source);
+    if (outcome.code != CURLE_OK || outcome.thrown) {
+        const std::exception_ptr error = ErrorOf([&] { session_.Throw(outcome); });
+        const bool full = IsFull(outcome, temporary, source.size());
+        Discard(temporary.path());
+        if (!full) std::rethrow_exception(error);
+        return false;
+    }
+    const std::exception_ptr error = ErrorOf([&] {
+        CheckStored(outcome, source);
+        source.CheckUnchanged();
+        Rename(temporary, name, source.size());
+    });
+    if (!error) return true;
+    Discard(temporary.path());
+    std::rethrow_exception(error);
+}
+
+// A directory that was seen before may have been removed by others since.
+Outcome FtpBackend::Store(const std::string& path, const std::string& name, ByteSource& source) {
+    Outcome outcome = session_.Store(path, source);
+    const Reply* const reply = session_.transcript().Find("STOR");
+    constexpr int kNotTaken = 550;
+    const bool refused = outcome.code != CURLE_OK && reply != nullptr && reply->code >= kNotTaken &&
+                         !ftp::IsFull(*reply);
+    if (!refused) return outcome;
+    const std::exception_ptr error = ErrorOf([&] { session_.Throw(outcome); });
+    tree_.Forget();
+    const bool made = tree_.MakeDirectories(kro_file::Path(name));
+    if (made) return session_.Store(path, source);
+    outcome.thrown = error;
+    return outcome;
+}
+
+// The server's own word on what it has; one that does not know the command has confirmed the
+// transfer's end, and libcurl has counted.
+void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
+    const Reply* const reply = session_.transcript().Find("SIZE");
+    const bool unknown = reply != nullptr && ftp::IsUnknownCommand(*reply);
+    if (outcome.size == source.size() || unknown) return;
+    throw Error(Kind::kUnavailable, session_.what() + " has " + std::to_string(outcome.size) +
+                                        " of " + std::to_string(source.size()) +
+                                        " bytes that were sent");
+}
+
+// --- Full storage ---
+
+// Only some servers say so in as many words. With others the write has failed for a reason that
+// they keep to themselves, or they close the data connection so early that their answer is not
+// read any more: then a small file tells.
+bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary,
+                        std::int64_t size) {
+    constexpr int kNotTaken = 500;
+    const Reply* const reply = session_.transcript().Find("STOR");
+    if (reply == nullptr || outcome.thrown || outcome.code == CURLE_OPERATION_TIMEDOUT)
+        return false;
+    if (ftp::IsFull(*reply)) return true;
+    const bool broken =
+        reply->IsRefusal() ? reply->code < kNotTaken : outcome.code == CURLE_SEND_ERROR;
+    if (!broken) return false;
+    bool full = false;
+    const std::exception_ptr error = ErrorOf([&] { full = ProbeIsFull(temporary, size); });
+    return full && !error;
+}
+
+// While the broken upload still lies there: what it took is what is missing. A server that has
+// removed it is asked whether it would take that much.
+bool FtpBackend::ProbeIsFull(const ftp::TemporaryName& temporary, std::int64_t size) {
+    constexpr int kWriteFailed = 451;
+    Zeros zeros;
+    const std::string path = temporary.ProbePath();
+    const Outcome outcome = session_.Store(path, zeros);
+    const Reply* const stor = session_.transcript().Find("STOR");
+    const bool refused =
+        stor != nullptr && (ftp::IsFull(*stor) || stor->code == kWriteFailed ||
+                            (outcome.code == CURLE_SEND_ERROR && !stor->IsRefusal()));
+    Discard(path);
+    if (refused) return true;
+    const std::vector<Reply> replies =
+        session_.Commands({"TYPE I", "SIZE " + temporary.path(), "ALLO " + std::to_string(size)});
+    return replies[1].IsRefusal() && ftp::IsFull(replies[2]);
+}
+
+// What cannot be removed now goes with the next upload or removal of the name.
+void FtpBackend::Discard(const std::string& path) noexcept {
+    const std::exception_ptr ignored = ErrorOf([&] { session_.Command("DELE " + path); });
+}
+
+// --- Renaming ---
+
+void FtpBackend::Rename(const ftp::TemporaryName& temporary, const std::string& name,
+                        std::int64_t size) {
+    const std::string target = tree_.PathOf(name);
+    std::vector<Reply> replies;
+    const std::exception_ptr error = ErrorOf([&] {
+        replies = session_.Commands({"RNFR " + temporary.path(), "RNTO " + target});
+    });
+    if (error) {
+        if (IsRenamed(temporary.path(), target, size)) return;
+        std::rethrow_exception(error);
+    }
+    if (replies[0].IsRefusal()) session_.Refused(replies[0], "rename to " + Quoted(name));
+    if (!replies[1].IsDone()) RenameOver(temporary, name, replies[1]);
+}
+
+// After a connection that broke before the answer.
+bool FtpBackend::IsRenamed(const std::string& from, const std::string& to, std::int64_t size) {
+    const std::vector<Reply> replies = session_.Commands({"TYPE I", "SIZE " + from, "SIZE " + to});
+    return replies[1].code >= 500 && replies[2].IsDone() && replies[2].text == std::to_string(size);
+}
+
+// For servers that rename onto no existing file. The old one steps aside and is removed last; it
+// comes back when the new one cannot take its place.
+void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::string& name,
+                            const Reply& refusal) {
+    const std::string target = tree_.PathOf(name);
+    const Found found = tree_.Look(name);
+    if (found == Found::kDirectory) {
+        throw Error(Kind::kFailed, Quoted(name) + " on the storage is a directory");
+    }
+    if (found == Found::kNothing) session_.Refused(refusal, "rename to " + Quoted(name));
+    const std::string old = temporary.OldPath();
+    std::vector<Reply> replies;
+    const std::exception_ptr error = ErrorOf([&] {
+        replies = session_.Commands({"DELE " + old, "RNFR " + target, "RNTO " + old,
+                                     "RNFR " + temporary.path(), "RNTO " + target});
+    });
+    if (error || !replies.back().IsDone()) FinishRenameOver(temporary, target);
+    if (error) std::rethrow_exception(error);
+    if (!replies.back().IsDone()) session_.Refused(refusal, "rename to " + Quoted(name));
+    Discard(old);
+}
+
+// Whichever of the two can be renamed to the target: where the old file never went, neither can.
+void FtpBackend::FinishRenameOver(const ftp::TemporaryName& temporary, const std::string& target) {
+    session_.Commands({"RNFR " + temporary.OldPath(), "RNTO " + target});
+}
+
+// --- The rest ---
+
+void FtpBackend::Get(const std::string& name, ByteSink& sink) {
+    const Outcome outcome = session_.Retrieve(tree_.PathOf(name), sink);
+    if (outcome.code == CURLE_OK && !outcome.thrown) return;
+    const Reply* const reply = session_.transcript().Refusal();
+    const bool refused =
+        outcome.code == CURLE_REMOTE_FILE_NOT_FOUND || outcome.code == CURLE_FTP_COULDNT_RETR_FILE;
+    if (outcome.thrown || reply == nullptr || !refused) session_.Throw(outcome);
+    const Reply refusal = *reply;
+    tree_.ThrowMissing(refusal, name, "hand out " + Quoted(name));
+}
+
+void FtpBackend::Remove(const std::string& name) {
+    tree_.RemoveFile(name);
+    const ftp::TemporaryName temporary = TemporaryOf(name);
+    // An upload that runs is not to be disturbed.
+    if (temporary.is_further()) return;
+    session_.Commands({"DELE " + temporary.path(), "DELE " + temporary.OldPath()});
+}
+
+void FtpBackend::RemoveDir(const std::string& name) { tree_.RemoveDirectory(name); }
+
+void FtpBackend::MakeDir(const std::string& name) {
+    tree_.Forget();
+    if (!tree_.MakeDirectories(name)) {
+        throw Error(Kind::kFailed, session_.what() + " has no room for directory " + Quoted(name));
+    }
+}
+
+std::vector<std::string> FtpBackend::List(const std::string& name) {
+    std::vector<ftp::Entry> entries;
+    try {
+        entries = tree_.Entries(name);
+    } catch (const Error& error) {
+        const bool maybe_file = error.kind() == Kind::kNotFound && !name.empty();
+        if (!maybe_file || tree_.Look(name) != Found::kFile) throw;
+        return {name};
+    }
+    std::vector<std::string> names;
+    for (ftp::Entry& entry : entries) {
+        if (!kro_file::IsTemporaryName(entry.name)) names.push_back(std::move(entry.name));
+    }
+    return names;
+}
+
+void FtpBackend::Clear() {
+    tree_.CheckRoot();
+    tree_.Empty("");
+}
+
+// --- Tokens ---
+
+std::string Fault(const BackupToken& token) {
+    const std::string form =
+        ", as in " + token.scheme() + "://user:password@ftp.example.com/backups";
+    if (token.host().empty()) return "an FTP storage needs a host" + form;
+    if (token.user().empty() || token.password().empty()) {
+        return "an FTP storage needs a user name and a password" + form;
+    }
+    if (token.path().empty()) {
+        return "an FTP storage needs a directory" + form +
+               "; a single '/' is all that the account sees";
+    }
+    if (HasComponent(token.path(), "..")) {
+        return "the directory of an FTP storage must not have '..' in it";
+    }
+    return {};
+}
+
+BackendScheme Scheme(const std::string& name, bool tls) {
+    BackendScheme scheme;
+    scheme.scheme = name;
+    scheme.fault = Fault;
+    scheme.keeps_connections = true;
+    scheme.open = [tls](const BackupToken& token) {
+        return std::make_unique<FtpBackend>(token, tls);
+    };
+    return scheme;
+}
+
+}  // namespace
+
+BackendScheme FtpsScheme() { return Scheme("ftps", true); }
+
+BackendScheme FtpScheme() { return Scheme("ftp", false); }
+
+}  // namespace quarn2

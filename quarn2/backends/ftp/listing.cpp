@@ -1,0 +1,242 @@
+#include "backends/ftp/listing.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "kro/kro_err.h"
+#include "listing_limit.h"
+#include "stored_name.h"
+
+namespace quarn2::ftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+using Type = Entry::Type;
+
+constexpr std::string_view kDigits = "0123456789";
+
+[[noreturn]] void NotUnderstood(std::string_view line) {
+    throw Error(Kind::kFailed, "a line of the server's listing is not understood: " + Quoted(line));
+}
+
+bool IsNumber(std::string_view text) noexcept {
+    return !text.empty() && text.find_first_not_of(kDigits) == std::string_view::npos;
+}
+
+std::string Small(std::string_view text) {
+    std::string small(text);
+    for (char& c : small) {
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    }
+    return small;
+}
+
+// A hostile server must not send a removal elsewhere.
+bool IsEntryName(std::string_view name) {
+    return !name.empty() && name.find('/') == std::string_view::npos && !HasControl(name);
+}
+
+void Add(Listing& listing, std::string_view name, Type type) {
+    if (name == ".") listing.shows_itself = true;
+    if (name == "." || name == ".." || !IsEntryName(name)) return;
+    if (listing.entries.size() >= ListingLimit::kMostEntries) {
+        throw Error(Kind::kFailed, "the server's listing has no end");
+    }
+    listing.entries.push_back({std::string(name), type});
+}
+
+template <class Action>
+void ForEachLine(std::string_view text, const Action& action) {
+    while (!text.empty()) {
+        const std::size_t end = text.find('\n');
+        if (end == std::string_view::npos) {
+            throw Error(Kind::kUnavailable, "the server's listing ends in the middle of a line");
+        }
+        std::string_view line = text.substr(0, end);
+        if (line.ends_with('\r')) line.remove_suffix(1);
+        action(line);
+        text.remove_prefix(end + 1);
+    }
+}
+
+// --- Facts ---
+
+// "type=file;size=3;" gives "file"; "" when no type is among them.
+std::string TypeFact(std::string_view facts) {
+    while (!facts.empty()) {
+        const std::size_t end = std::min(facts.find(';'), facts.size());
+        const std::string fact = Small(facts.substr(0, end));
+        constexpr std::string_view kType = "type=";
+        if (fact.starts_with(kType)) return fact.substr(kType.size());
+        facts.remove_prefix(std::min(end + 1, facts.size()));
+    }
+    return {};
+}
+
+Type TypeOf(std::string_view fact) {
+    if (fact == "file") return Type::kFile;
+    if (fact == "dir" || fact == "cdir" || fact == "pdir") return Type::kDirectory;
+    return fact.empty() ? Type::kUntold : Type::kOther;
+}
+
+void AddFacts(Listing& listing, std::string_view line) {
+    const std::size_t blank = line.find(' ');
+    const std::string_view facts = line.substr(0, blank);
+    const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
+    if (!good) NotUnderstood(line);
+    const std::string type = TypeFact(facts);
+    // These two may come with a whole path instead of a dot.
+    if (type == "cdir") listing.shows_itself = true;
+    if (type == "cdir" || type == "pdir") return;
+    Add(listing, line.substr(blank + 1), TypeOf(type));
+}
+
+// --- Lines for people ---
+
+// Reads a line word by word; the rest keeps its blanks.
+class Words {
+  public:
+    explicit Words(std::string_view line) : rest_(line) {}
+
+    std::string_view Next() {
+        rest_.remove_prefix(std::min(rest_.find_first_not_of(' '), rest_.size()));
+        const std::string_view word = rest_.substr(0, rest_.find(' '));
+        rest_.remove_prefix(word.size());
+        return word;
+    }
+
+    std::string_view rest() const noexcept { return rest_; }
+
+  private:
+    std::string_view rest_;
+};
+
+bool IsMonth(std::string_view word) {
+    static constexpr std::array<std::string_view, 12> kMonths = {
+        "jan", "feb", "mar", "apr", "may", "jun", "jul", "aug", "sep", "oct", "nov", "dec"};
+    return std::find(kMonths.begin(), kMonths.end(), Small(word)) != kMonths.end();
+}
+
+// "19:40" and the like: digits with that mark between them.
+bool IsPair(std::string_view word, char mark) {
+    const std::size_t found = word.find(mark);
+    return found != std::string_view::npos && IsNumber(word.substr(0, found)) &&
+           IsNumber(word.substr(found + 1));
+}
+
+bool IsDay(std::string_view word) { return IsNumber(word) && word.size() <= 2; }
+
+bool IsTimeOrYear(std::string_view word) {
+    constexpr std::size_t kYear = 4;
+    return IsPair(word, ':') || (IsNumber(word) && word.size() == kYear);
+}
+
+bool IsIsoDate(std::string_view word) {
+    constexpr std::size_t kLength = 10;
+    return word.size() == kLength && IsNumber(word.substr(0, 4)) && IsPair(word.substr(5), '-');
+}
+
+// What stands behind "SIZE Nov 20 19:40 " or "SIZE 2026-11-20 19:40 "; the number of columns before
+// it differs. The size must stand before the date, or a group named like a month would end them.
+std::string_view BehindDate(std::string_view line) {
+    Words words(line);
+    std::string_view before = words.Next();
+    for (std::string_view word = words.Next(); !word.empty(); word = words.Next()) {
+        if (IsNumber(before)) {
+            Words ahead = words;
+            const bool iso = IsIsoDate(word) && IsPair(ahead.Next(), ':');
+            if (iso) return ahead.rest();
+            ahead = words;
+            if (IsMonth(word) && IsDay(ahead.Next()) && IsTimeOrYear(ahead.Next())) {
+                return ahead.rest();
+            }
+        }
+        before = word;
+    }
+    return {};
+}
+
+bool IsUnixLine(std::string_view line) {
+    constexpr std::size_t kMode = 10;
+    return line.size() > kMode &&
+           std::string_view("-dlbcpsD").find(line.front()) != std::string_view::npos &&
+           line.substr(1, kMode - 1).find_first_not_of("rwxsStTlL-") == std::string_view::npos;
+}
+
+void AddUnixLine(Listing& listing, std::string_view line) {
+    std::string_view name = BehindDate(line);
+    // One blank ends the date; more are the name's own.
+    if (name.size() < 2) NotUnderstood(line);
+    name.remove_prefix(1);
+    if (line.front() == 'l') name = name.substr(0, name.find(" -> "));
+    Type type = Type::kOther;
+    if (line.front() == '-') type = Type::kFile;
+    if (line.front() == 'd') type = Type::kDirectory;
+    Add(listing, name, type);
+}
+
+bool IsDosDate(std::string_view word) {
+    constexpr std::size_t kShort = 8;
+    constexpr std::size_t kLong = 10;
+    return (word.size() == kShort || word.size() == kLong) && word[2] == '-' && word[5] == '-' &&
+           IsNumber(word.substr(0, 2)) && IsNumber(word.substr(3, 2)) && IsNumber(word.substr(6));
+}
+
+// "11-20-26  07:40PM       <DIR>          name", "11-20-26  07:40PM            12345 name".
+bool AddDosLine(Listing& listing, std::string_view line) {
+    Words words(line);
+    if (!IsDosDate(words.Next())) return false;
+    const std::string_view time = words.Next();
+    const std::string_view size = words.Next();
+    const bool directory = size == "<DIR>";
+    if (time.find(':') == std::string_view::npos || !(directory || IsNumber(size))) return false;
+    std::string_view name = words.rest();
+    constexpr std::size_t kColumns = 10;
+    const std::size_t blanks = std::min(name.find_first_not_of(' '), name.size());
+    name.remove_prefix(std::min(directory ? kColumns : 1, blanks));
+    if (name.empty()) return false;
+    Add(listing, name, directory ? Type::kDirectory : Type::kFile);
+    return true;
+}
+
+void AddLine(Listing& listing, std::string_view line) {
+    Words words(line);
+    const bool total = words.Next() == "total" && IsNumber(words.Next()) && words.Next().empty();
+    if (line.empty() || total) return;
+    if (IsUnixLine(line)) {
+        AddUnixLine(listing, line);
+    } else if (!AddDosLine(listing, line)) {
+        NotUnderstood(line);
+    }
+}
+
+}  // namespace
+
+Listing ParseMachineListing(std::string_view text) {
+    Listing listing;
+    ForEachLine(text, [&listing](std::string_view line) { AddFacts(listing, line); });
+    return listing;
+}
+
+Listing ParseListing(std::string_view text) {
+    Listing listing;
+    ForEachLine(text, [&listing](std::string_view line) { AddLine(listing, line); });
+    return listing;
+}
+
+std::optional<Type> ParseFacts(std::string_view reply) {
+    while (!reply.empty()) {
+        const std::size_t end = std::min(reply.find('\n'), reply.size());
+        std::string_view line = reply.substr(0, end);
+        line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
+        const std::string type = TypeFact(line.substr(0, line.find(' ')));
+        if (!type.empty()) return TypeOf(type);
+        reply.remove_prefix(std::min(end + 1, reply.size()));
+    }
+    return std::nullopt;
+}
+
+}  // namespace quarn2::ftp

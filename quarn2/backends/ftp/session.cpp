@@ -1,0 +1,433 @@
+#include "backends/ftp/session.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include "kro/kro_err.h"
+#include "kro/str.h"
+#include "percent.h"
+
+namespace quarn2::ftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+using net::ServerSettings;
+
+constexpr char kTelnetEscape = '\xff';
+constexpr int kClosing = 421;
+constexpr int kNoFile = 550;
+constexpr int kSize = 213;
+// Half a million names and their facts; a listing without end must not fill the memory.
+constexpr std::size_t kLongestListing = 64UL * 1024 * 1024;
+
+ServerSettings Settings(const BackupToken& token) {
+    return net::SettingsOf(token, "FTP", ServerSettings::Auth::kPlain);
+}
+
+// The size in the reply to SIZE, -1 when there is none.
+std::int64_t SizeIn(const Reply* reply) {
+    if (reply == nullptr || reply->code != kSize) return -1;
+    const std::string digits = reply->text.substr(0, reply->text.find_last_not_of(' ') + 1);
+    const bool number = !digits.empty() && digits.size() < 19 &&
+                        digits.find_first_not_of("0123456789") == std::string::npos;
+    return number ? str::Int64(digits) : -1;
+}
+
+}  // namespace
+
+Session::Session(const BackupToken& token, bool tls)
+    : tls_(tls),
+      what_(Settings(token).what),
+      timeout_(Settings(token).timeout),
+      server_("ftp://" + net::HostAndPort(token) + "/"),
+      multi_(net::Curl().multi_init()),
+      handle_(Settings(token)) {
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl makes no transfer handle");
+    net::Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
+    SetProtocol(tls);
+    handle_.Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, timeout_);
+    // libcurl's own watch takes seconds more than the timeout, and counts the time that a source
+    // takes.
+    handle_.Set(CURLOPT_NOPROGRESS, 0);
+    handle_.SetFunction(CURLOPT_XFERINFOFUNCTION, OnProgress);
+    handle_.SetPointer(CURLOPT_XFERINFODATA, this);
+    // The transcript is what libcurl tells a debugger.
+    handle_.Set(CURLOPT_VERBOSE, 1);
+    handle_.SetFunction(CURLOPT_DEBUGFUNCTION, OnDebug);
+    handle_.SetPointer(CURLOPT_DEBUGDATA, this);
+    handle_.SetFunction(CURLOPT_OPENSOCKETFUNCTION, OnOpenSocket);
+    handle_.SetPointer(CURLOPT_OPENSOCKETDATA, this);
+    handle_.SetFunction(CURLOPT_CLOSESOCKETFUNCTION, OnCloseSocket);
+    handle_.SetPointer(CURLOPT_CLOSESOCKETDATA, this);
+    handle_.SetFunction(CURLOPT_READFUNCTION, OnRead);
+    handle_.SetPointer(CURLOPT_READDATA, this);
+    handle_.SetFunction(CURLOPT_WRITEFUNCTION, OnWrite);
+    handle_.SetPointer(CURLOPT_WRITEDATA, this);
+}
+
+Session::~Session() {
+    // libcurl takes leave with a QUIT, and would wait two minutes for a server that is gone.
+    if (control_ != CURL_SOCKET_BAD) shutdown(control_, SHUT_RDWR);
+    net::Curl().multi_cleanup(multi_);
+}
+
+void Session::SetProtocol(bool tls) {
+    handle_.Set(CURLOPT_PROTOCOLS_STR, "ftp");
+    handle_.Set(CURLOPT_USE_SSL, tls ? CURLUSESSL_ALL : CURLUSESSL_NONE);
+    handle_.Set(CURLOPT_FTPSSLAUTH, CURLFTPAUTH_TLS);
+    // The data connection goes where the control connection goes, whatever the server says.
+    handle_.Set(CURLOPT_FTP_SKIP_PASV_IP, 1);
+    // Whole paths with every command: no time is lost for changes of directory, and no name depends
+    // on where the session stands.
+    handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
+    // No proxy of the environment's speaks FTP.
+    handle_.Set(CURLOPT_PROXY, "");
+}
+
+// --- Names on the wire ---
+
+// Some servers take the control connection for a telnet one, where a byte 255 has to be doubled;
+// others take it as it is. What they echo tells; asked only when such a name comes.
+bool Session::FindsTelnet() {
+    if (!telnet_) {
+        telnet_ = false;
+        const std::string four(4, kTelnetEscape);
+        const Reply reply = Command("SIZE /" + four);
+        const std::string& text = reply.text;
+        telnet_ =
+            text.find(four.substr(2)) != std::string::npos && text.find(four) == std::string::npos;
+    }
+    return *telnet_;
+}
+
+std::string Session::Wire(const std::string& text) {
+    if (text.find(kTelnetEscape) == std::string::npos) return text;
+    if (telnet_ == false || !FindsTelnet()) return text;
+    std::string doubled;
+    for (const char c : text) {
+        doubled += c;
+        if (c == kTelnetEscape) doubled += c;
+    }
+    return doubled;
+}
+
+// The path's first slash is encoded: libcurl would otherwise leave it out.
+std::string Session::Url(const std::string& path) {
+    return server_ + "%2F" + PercentEncoded(Wire(path).substr(1), "/");
+}
+
+// --- Running ---
+
+void Session::SetUp(const std::string& url, bool upload, bool body, const Around& around) {
+    handle_.Set(CURLOPT_URL, url);
+    // In this order: the first one changes what the second one sets.
+    handle_.Set(CURLOPT_UPLOAD, upload ? 1 : 0);
+    handle_.Set(CURLOPT_NOBODY, body ? 0 : 1);
+    handle_.SetList(CURLOPT_QUOTE, around.before);
+    handle_.SetList(CURLOPT_PREQUOTE, around.within);
+    handle_.SetList(CURLOPT_POSTQUOTE, around.behind);
+    source_ = nullptr;
+    take_ = nullptr;
+    offset_ = 0;
+}
+
+// The server said goodbye, or just went, before anything was answered on a connection that was kept
+// from before.
+bool Session::IsStale(CURLcode code) const {
+    const std::vector<Reply>& replies = transcript_.replies();
+    const auto first = std::find_if(replies.begin(), replies.end(),
+                                    [](const Reply& reply) { return reply.code != 0; });
+    const bool answered = first != replies.end() && first->code != kClosing;
+    const bool failed = code != CURLE_OK || first == replies.end() || first->code == kClosing;
+    return failed && !answered && handle_.Info(CURLINFO_NUM_CONNECTS) == 0 &&
+           code != CURLE_OPERATION_TIMEDOUT;
+}
+
+// As curl_easy_perform does it, but for one thing: when the reply that names the data port comes at
+// once, that waits for a socket which it has not opened yet, a whole second.
+CURLcode Session::Perform() {
+    constexpr int kPollMs = 1000;
+    const net::CurlLibrary& curl = net::Curl();
+    handle_.ForgetReason();
+    port_is_known_ = false;
+    is_stalled_ = false;
+    moved_ = 0;
+    Moved();
+    CURLMcode trouble = curl.multi_add_handle(multi_, handle_.get());
+    CURLcode result = CURLE_FAILED_INIT;
+    int running = 1;
+    while (trouble == CURLM_OK && running > 0) {
+        trouble = curl.multi_perform(multi_, &running);
+        if (trouble != CURLM_OK || running == 0 || port_is_known_) continue;
+        trouble = curl.multi_poll(multi_, nullptr, 0, kPollMs, nullptr);
+    }
+    int left = 0;
+    while (const CURLMsg* const message = curl.multi_info_read(multi_, &left)) {
+        if (message->msg == CURLMSG_DONE) result = message->data.result;
+    }
+    control_ = CURL_SOCKET_BAD;
+    curl.easy_getinfo(handle_.get(), CURLINFO_ACTIVESOCKET, &control_);
+    curl.multi_remove_handle(multi_, handle_.get());
+    if (trouble != CURLM_OK) throw Error(Kind::kFailed, curl.multi_strerror(trouble));
+    return is_stalled_ ? CURLE_OPERATION_TIMEDOUT : result;
+}
+
+CURLcode Session::Run(const std::function<bool()>& has_begun) {
+    thrown_ = nullptr;
+    transcript_.Clear();
+    CURLcode code = Perform();
+    if (IsStale(code) && !has_begun()) {
+        transcript_.Clear();
+        handle_.Set(CURLOPT_FRESH_CONNECT, 1);
+        code = Perform();
+        handle_.Set(CURLOPT_FRESH_CONNECT, 0);
+    }
+    return code;
+}
+
+// Not to be inherited by the programs that a server starts.
+curl_socket_t Session::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
+    auto& session = *static_cast<Session*>(self);
+    const int handle = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (std::exchange(session.port_is_known_, false)) session.data_ = handle;
+    return handle;
+}
+
+int Session::OnCloseSocket(void* self, curl_socket_t socket) {
+    auto& session = *static_cast<Session*>(self);
+    const bool is_data = socket == session.data_;
+    if (is_data) session.data_ = CURL_SOCKET_BAD;
+    const bool sent_all = session.source_ != nullptr && session.offset_ == session.source_->size();
+    if (is_data && sent_all) AwaitEnd(socket, session.timeout_);
+    return close(socket);
+}
+
+// To close a connection on which something unread has come resets it, and with it goes what the
+// server has not yet read: the end of the upload. TLS 1.3 servers do send something, tickets for
+// later sessions. So the server is to close first.
+void Session::AwaitEnd(curl_socket_t socket, int timeout) {
+    constexpr int kMilliseconds = 1000;
+    std::array<char, 4096> unwanted = {};
+    shutdown(socket, SHUT_WR);
+    pollfd waited = {socket, POLLIN, 0};
+    while (poll(&waited, 1, timeout * kMilliseconds) > 0) {
+        if (recv(socket, unwanted.data(), unwanted.size(), MSG_DONTWAIT) <= 0) return;
+    }
+}
+
+int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size_t size,
+                     void* self) {
+    auto& session = *static_cast<Session*>(self);
+    if (type == CURLINFO_HEADER_OUT) session.transcript_.Sent({data, size});
+    if (type != CURLINFO_HEADER_IN) return 0;
+    session.transcript_.Received({data, size});
+    session.port_is_known_ = session.transcript_.TellsPort();
+    return 0;
+}
+
+int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
+                        curl_off_t /*up_total*/, curl_off_t up) {
+    auto& session = *static_cast<Session*>(self);
+    // While it connects or talks libcurl keeps the time itself.
+    if (down + up != session.moved_ || down + up == 0) session.Moved();
+    session.moved_ = down + up;
+    const auto still = std::chrono::steady_clock::now() - session.moved_at_;
+    session.is_stalled_ = still > std::chrono::seconds(session.timeout_);
+    return session.is_stalled_ ? 1 : 0;
+}
+
+// Exceptions must not cross the C library: they wait until the transfer has ended.
+std::size_t Session::OnRead(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto& session = *static_cast<Session*>(self);
+    try {
+        if (session.source_ == nullptr || session.offset_ >= session.source_->size()) return 0;
+        const auto room = std::as_writable_bytes(std::span(buffer, size * count));
+        const std::size_t got = session.source_->ReadAt(session.offset_, room);
+        session.offset_ += static_cast<std::int64_t>(got);
+        session.Moved();
+        return got;
+    } catch (...) {
+        session.thrown_ = std::current_exception();
+        return CURL_READFUNC_ABORT;
+    }
+}
+
+std::size_t Session::OnWrite(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto& session = *static_cast<Session*>(self);
+    const auto bytes = std::as_bytes(std::span(buffer, size * count));
+    try {
+        if (session.take_) session.take_(bytes);
+        session.Moved();
+        return bytes.size();
+    } catch (...) {
+        session.thrown_ = std::current_exception();
+        return bytes.empty() ? 1 : 0;
+    }
+}
+
+// --- Commands ---
+
+std::vector<Reply> Session::Commands(const std::vector<std::string>& commands) {
+    Around around;
+    // The mark lets libcurl go on after a refusal.
+    for (const std::string& command : commands) around.before.Add("*" + Wire(command));
+    SetUp(server_ + "%2F", false, false, around);
+    const CURLcode code = Run([] { return false; });
+    return RepliesTo(commands, code);
+}
+
+// What a new connection says before is no reply to them.
+std::vector<Reply> Session::RepliesTo(const std::vector<std::string>& commands,
+                                      CURLcode code) const {
+    const std::vector<Reply>& all = transcript_.replies();
+    const bool whole = code == CURLE_OK && all.size() >= commands.size() && all.back().code != 0;
+    if (!whole || all.back().code == kClosing) {
+        Outcome outcome;
+        outcome.code = code == CURLE_OK ? CURLE_RECV_ERROR : code;
+        Throw(outcome);
+    }
+    return {all.end() - static_cast<std::ptrdiff_t>(commands.size()), all.end()};
+}
+
+// --- Transfers ---
+
+Outcome Session::Store(const std::string& path, ByteSource& source) {
+    Around around;
+    // A session that is not known to have ended may still write into what it had opened.
+    around.before.Add("*" + Wire("DELE " + path));
+    around.behind.Add("*" + Wire("SIZE " + path));
+    SetUp(Url(path), true, true, around);
+    source_ = &source;
+    handle_.SetSize(CURLOPT_INFILESIZE_LARGE, source.size());
+    Outcome outcome;
+    outcome.code = Run([this] { return offset_ > 0; });
+    outcome.size = SizeIn(transcript_.Find("SIZE"));
+    outcome.thrown = thrown_;
+    source_ = nullptr;
+    return outcome;
+}
+
+// libcurl asks for the size when the data connection is open. With TLS on that one, it then looks
+// at nothing else for 200 ms, while the server waits for RETR: so the size is asked for before. A
+// refusal ends it there, or libcurl would take the data connection that the server then closes for
+// one that it could not open, and get out of step.
+Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
+    Outcome outcome = RetrieveOnce(path, sink, tls_ && knows_size_);
+    if (outcome.code != CURLE_QUOTE_ERROR) return outcome;
+    const Reply* const size = transcript_.Find("SIZE");
+    if (size != nullptr && size->code == kNoFile) {
+        outcome.code = CURLE_REMOTE_FILE_NOT_FOUND;
+        return outcome;
+    }
+    knows_size_ = false;
+    return RetrieveOnce(path, sink, false);
+}
+
+Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first) {
+    Around around;
+    if (size_first) {
+        around.before.Add("*TYPE I");
+        around.before.Add(Wire("SIZE " + path));
+    }
+    SetUp(Url(path), false, true, around);
+    handle_.Set(CURLOPT_IGNORE_CONTENT_LENGTH, size_first ? 1 : 0);
+    bool begun = false;
+    std::int64_t received = 0;
+    std::int64_t size = -1;
+    const auto begin = [this, &begun, &size, &sink] {
+        if (std::exchange(begun, true)) return;
+        size = SizeIn(transcript_.Find("SIZE"));
+        if (size >= 0) sink.Expect(size);
+    };
+    take_ = [this, &begin, &sink, &received, &size](std::span<const std::byte> bytes) {
+        begin();
+        received += static_cast<std::int64_t>(bytes.size());
+        if (size >= 0 && received > size) {
+            throw Error(Kind::kUnavailable, what_ + " sends more than the file's size");
+        }
+        sink.Write(bytes);
+    };
+    Outcome outcome;
+    outcome.code = Run([&begun] { return begun; });
+    outcome.size = SizeIn(transcript_.Find("SIZE"));
+    outcome.thrown = thrown_;
+    take_ = nullptr;
+    if (outcome.code == CURLE_OK && outcome.size >= 0 && received != outcome.size) {
+        outcome.code = CURLE_PARTIAL_FILE;
+    }
+    if (outcome.code == CURLE_OK) begin();
+    return outcome;
+}
+
+Outcome Session::List(const std::string& command, const std::string& directory, Where where,
+                      std::string& text) {
+    text.clear();
+    Around around;
+    if (where == Where::kWithin) around.within.Add(Wire("CWD " + directory));
+    const bool slash = directory.ends_with('/');
+    SetUp(where == Where::kWithin ? server_ : Url(slash ? directory : directory + "/"), false, true,
+          around);
+    handle_.Set(CURLOPT_CUSTOMREQUEST, command);
+    take_ = [this, &text](std::span<const std::byte> bytes) {
+        if (text.size() + bytes.size() > kLongestListing) {
+            throw Error(Kind::kFailed, what_ + ": a listing without end");
+        }
+        text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    };
+    Outcome outcome;
+    outcome.code = Run([&text] { return !text.empty(); });
+    outcome.thrown = thrown_;
+    take_ = nullptr;
+    handle_.Clear(CURLOPT_CUSTOMREQUEST);
+    // libcurl takes some refusals of a listing for an empty one.
+    if (outcome.code == CURLE_OK && transcript_.Refusal() != nullptr) {
+        outcome.code = CURLE_FTP_COULDNT_RETR_FILE;
+    }
+    return outcome;
+}
+
+// --- Errors ---
+
+void Session::ThrowLogin(const Reply& reply) const {
+    const std::string said = net::OneLine(reply.text);
+    if (!tls_ && SaysTlsNeeded(said)) {
+        throw Error(Kind::kUnauthorized,
+                    what_ +
+                        " takes no login without encryption; write ftps:// instead of ftp:// (" +
+                        said + ")");
+    }
+    const Kind kind = reply.code >= 500 ? Kind::kUnauthorized : Kind::kUnavailable;
+    throw Error(kind, what_ + " refuses the login: " + str::Str(reply.code) + " " + said);
+}
+
+void Session::Throw(const Outcome& outcome) const {
+    if (outcome.thrown) std::rethrow_exception(outcome.thrown);
+    const Reply* const reply = transcript_.Refusal();
+    if (outcome.code == CURLE_USE_SSL_FAILED) {
+        throw Error(Kind::kFailed, what_ + " offers no encryption as ftps:// needs it" +
+                                       (reply == nullptr ? "" : ": " + net::OneLine(reply->text)));
+    }
+    if (is_stalled_) {
+        throw Error(Kind::kUnavailable,
+                    what_ + ": no byte has moved for " + str::Str(timeout_) + " seconds");
+    }
+    if (reply == nullptr) handle_.Throw(outcome.code);
+    if (reply->verb.empty() || reply->verb == "USER" || reply->verb == "PASS") ThrowLogin(*reply);
+    throw Error(KindOf(*reply),
+                what_ + ": " + str::Str(reply->code) + " " + net::OneLine(reply->text));
+}
+
+void Session::Refused(const Reply& reply, const std::string& deed) const {
+    throw Error(KindOf(reply), what_ + " does not " + deed + ": " + str::Str(reply.code) + " " +
+                                   net::OneLine(reply.text));
+}
+
+}  // namespace quarn2::ftp

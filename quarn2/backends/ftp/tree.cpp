@@ -1,0 +1,274 @@
+#include "backends/ftp/tree.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2::ftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+// So many removals are sent with one request to libcurl.
+constexpr std::size_t kBatch = 1000;
+// A server that shows directories without end must not be followed.
+constexpr int kDeepest = 200;
+constexpr int kMostEmptied = 100'000;
+
+}  // namespace
+
+Tree::Tree(Session& session, std::string root) : session_(session), root_(std::move(root)) {}
+
+std::string Tree::PathOf(const std::string& name) const {
+    return kro_file::ConcatPath(root_, name);
+}
+
+// --- What is there ---
+
+bool Tree::Enter(const std::string& name) {
+    return session_.Command("CWD " + PathOf(name)).IsDone();
+}
+
+// Links count as what they lead to. Without MLST: SIZE speaks of files only, CWD of directories
+// only. That is not asked first, because servers make those wait who try many wrong directories.
+Found Tree::Look(const std::string& name) {
+    const std::string path = PathOf(name);
+    if (has_mlst_) {
+        const Reply reply = session_.Command("MLST " + path);
+        const std::optional<Entry::Type> type =
+            reply.IsDone() ? ParseFacts(reply.text) : std::nullopt;
+        if (type) return IsDirectory(name, *type) ? Found::kDirectory : Found::kFile;
+        has_mlst_ = !IsUnknownCommand(reply);
+        if (reply.IsRefusal() && has_mlst_) return Found::kNothing;
+    }
+    const std::vector<Reply> replies = session_.Commands({"TYPE I", "SIZE " + path, "CWD " + path});
+    if (replies[1].IsDone()) return Found::kFile;
+    return replies[2].IsDone() ? Found::kDirectory : Found::kNothing;
+}
+
+bool Tree::IsDirectory(const std::string& name, Entry::Type type) {
+    if (type == Entry::Type::kOther) return Enter(name);
+    return type == Entry::Type::kDirectory;
+}
+
+void Tree::CheckRoot() {
+    const Reply reply = session_.Command("CWD " + PathOf(""));
+    if (reply.IsDone()) return;
+    if (reply.code < 500 || SaysDenied(reply.text)) {
+        session_.Refused(reply, "show directory " + Quoted(PathOf("")));
+    }
+    throw Error(Kind::kNotFound, session_.what() + " has no directory " + Quoted(PathOf("")) +
+                                     "; create it or correct the storage token");
+}
+
+void Tree::NoDirectory(const std::string& name) {
+    CheckRoot();
+    throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
+}
+
+// Whether the directory above shows the name: tells what is missing from what is not to be touched.
+bool Tree::IsListed(const std::string& name) {
+    const std::string last = kro_file::Name(name);
+    const std::vector<Entry> entries = ListOrNothing(kro_file::Path(name));
+    return std::any_of(entries.begin(), entries.end(),
+                       [&last](const Entry& entry) { return entry.name == last; });
+}
+
+void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::string& deed) {
+    constexpr int kRefused = 500;
+    if (reply.code < kRefused) session_.Refused(reply, deed);
+    const bool missing =
+        SaysMissing(reply.text) || (!SaysDenied(reply.text) && Look(name) != Found::kFile);
+    if (!missing && IsListed(name)) session_.Refused(reply, deed);
+    CheckRoot();
+    throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
+}
+
+// --- Directories ---
+
+bool Tree::MakeDirectories(const std::string& name) {
+    if (seen_.contains(name)) return true;
+    if (name.empty()) {
+        CheckRoot();
+    } else if (Look(name) != Found::kDirectory) {
+        if (!MakeDirectories(kro_file::Path(name))) return false;
+        const Reply reply = session_.Command("MKD " + PathOf(name));
+        if (IsFull(reply)) return false;
+        // Somebody else may have made it at the same moment.
+        if (!reply.IsDone() && Look(name) != Found::kDirectory) {
+            session_.Refused(reply, "make directory " + Quoted(name));
+        }
+    }
+    seen_.insert(name);
+    return true;
+}
+
+// --- Listings ---
+
+bool Tree::IsCut(std::string_view command) const {
+    const Reply* const reply = session_.transcript().Find(command);
+    return reply != nullptr && SaysTruncated(reply->text);
+}
+
+// False: the server has no machine listings.
+bool Tree::ListByMachine(const std::string& name, Listing& listing) {
+    std::string text;
+    const Outcome outcome = session_.List("MLSD", PathOf(name), Session::Where::kNamed, text);
+    if (outcome.code == CURLE_OK) {
+        listing = ParseMachineListing(text);
+        listing.is_cut = IsCut("MLSD");
+        return true;
+    }
+    const Reply* const reply = session_.transcript().Find("MLSD");
+    if (reply == nullptr || !reply->IsRefusal() || reply->code < 500) session_.Throw(outcome);
+    if (IsUnknownCommand(*reply)) return false;
+    const Reply refusal = *reply;
+    if (SaysDenied(refusal.text) || Look(name) == Found::kDirectory) {
+        session_.Refused(refusal, "list " + Quoted(name));
+    }
+    NoDirectory(name);
+}
+
+// Sent without a name, which some servers would take for a pattern, others for options. Hidden
+// files are asked for; a server that knows no options takes "-a" for a name and shows nothing.
+Listing Tree::ListForPeople(const std::string& name) {
+    Listing listing;
+    for (const char* const command : {"LIST -a", "LIST"}) {
+        if (!Enter(name)) NoDirectory(name);
+        std::string text;
+        const Outcome outcome = session_.List(command, PathOf(name), Session::Where::kWithin, text);
+        const bool last = std::string_view(command) == "LIST";
+        if (outcome.code != CURLE_OK && last) session_.Throw(outcome);
+        if (outcome.code != CURLE_OK) continue;
+        listing = ParseListing(text);
+        listing.is_cut = IsCut("LIST");
+        if (listing.shows_itself || !listing.entries.empty()) break;
+    }
+    return listing;
+}
+
+Listing Tree::ListAll(const std::string& name) {
+    Listing listing;
+    if (has_mlsd_ && !ListByMachine(name, listing)) has_mlsd_ = false;
+    if (!has_mlsd_) return ListForPeople(name);
+    // Some servers show a missing directory as an empty one.
+    if (listing.entries.empty() && !listing.shows_itself && !Enter(name)) NoDirectory(name);
+    return listing;
+}
+
+std::vector<Entry> Tree::Entries(const std::string& name) {
+    Listing listing = ListAll(name);
+    if (listing.is_cut) {
+        throw Error(Kind::kFailed, session_.what() + " shows no more than " +
+                                       str::Str(listing.entries.size()) + " names of directory " +
+                                       Quoted(PathOf(name)) + "; raise its limit for listings");
+    }
+    return std::move(listing.entries);
+}
+
+// --- Removals ---
+
+void Tree::RemoveFile(const std::string& name) {
+    const Reply reply = session_.Command("DELE " + PathOf(name));
+    if (reply.IsDone()) return;
+    if (reply.code >= 500 && SaysMissing(reply.text)) {
+        CheckRoot();
+        return;
+    }
+    if (SaysDenied(reply.text) || Look(name) != Found::kNothing) {
+        session_.Refused(reply, "remove " + Quoted(name));
+    }
+    CheckRoot();
+}
+
+void Tree::RemoveDirectory(const std::string& name) {
+    const auto [above, last] = kro_file::SplitPath(name);
+    for (const Entry& entry : ListOrNothing(above)) {
+        if (entry.name != last || entry.type == Entry::Type::kFile) continue;
+        // A link to a directory may look like one from outside; a link to a file stays.
+        if (Look(name) != Found::kDirectory) continue;
+        RemoveBatch(above, {&entry, 1}, 0);
+    }
+}
+
+std::vector<Entry> Tree::ListOrNothing(const std::string& name) {
+    try {
+        return Entries(name);
+    } catch (const Error& error) {
+        if (error.kind() != Kind::kNotFound) throw;
+    }
+    CheckRoot();
+    return {};
+}
+
+// Some servers leave links that lead nowhere out of their machine listings.
+void Tree::RemoveEmptied(const std::string& name) {
+    Reply reply = session_.Command("RMD " + PathOf(name));
+    if (!reply.IsDone() && Enter(name)) {
+        for (const Entry& entry : ListForPeople(name).entries) {
+            session_.Command("DELE " + PathOf(kro_file::ConcatPath(name, entry.name)));
+        }
+        reply = session_.Command("RMD " + PathOf(name));
+    }
+    if (!reply.IsDone() && Enter(name)) {
+        session_.Refused(reply, "remove directory " + Quoted(name));
+    }
+}
+
+void Tree::Empty(const std::string& name, int depth) {
+    emptied_ = depth == 0 ? 0 : emptied_ + 1;
+    if (depth > kDeepest || emptied_ > kMostEmptied) {
+        throw Error(Kind::kFailed, session_.what() + " shows directories without end");
+    }
+    Forget();
+    // What a limit hides is shown once the rest is gone.
+    constexpr int kMostRounds = 10000;
+    bool is_cut = true;
+    for (int round = 0; is_cut && round < kMostRounds; ++round) {
+        const Listing listing = ListAll(name);
+        is_cut = listing.is_cut && !listing.entries.empty();
+        RemoveEntries(name, listing.entries, depth);
+    }
+}
+
+void Tree::RemoveEntries(const std::string& name, std::span<const Entry> entries, int depth) {
+    while (!entries.empty()) {
+        const std::size_t count = std::min(kBatch, entries.size());
+        RemoveBatch(name, entries.first(count), depth);
+        entries = entries.subspan(count);
+    }
+}
+
+// Directories too are removed as files at first: what is one stays, and a link to one, which some
+// servers show as a directory, goes before anything in it is looked at.
+void Tree::RemoveBatch(const std::string& name, std::span<const Entry> entries, int depth) {
+    std::vector<std::string> commands;
+    for (const Entry& entry : entries) {
+        commands.push_back("DELE " + kro_file::ConcatPath(PathOf(name), entry.name));
+    }
+    const std::vector<Reply> replies = session_.Commands(commands);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (!replies[i].IsDone()) RemoveRefused(name, entries[i], replies[i], depth);
+    }
+}
+
+void Tree::RemoveRefused(const std::string& name, const Entry& entry, const Reply& reply,
+                         int depth) {
+    const std::string below = kro_file::ConcatPath(name, entry.name);
+    if (entry.type != Entry::Type::kDirectory) {
+        const Found found = SaysMissing(reply.text) ? Found::kNothing : Look(below);
+        if (found == Found::kNothing) return;
+        const bool untold = entry.type == Entry::Type::kUntold && found == Found::kDirectory;
+        if (!untold) session_.Refused(reply, "remove " + Quoted(below));
+    }
+    Empty(below, depth + 1);
+    RemoveEmptied(below);
+}
+
+}  // namespace quarn2::ftp

@@ -1,0 +1,358 @@
+#include "backends/local/local_backend.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "kro/res_handle.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2 {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+using kro_file::Copied;
+using kro_file::CopyError;
+
+// Backups of every user lie here side by side: nobody but the owner and the group may look.
+constexpr mode_t kFileMode = 0640;
+constexpr mode_t kDirectoryMode = 0750;
+constexpr std::size_t kBufferSize = 256UL * 1024;
+
+[[noreturn]] void FailedTo(const std::string& what, const std::string& path) {
+    throw CopyError("Failed to " + what + " " + Quoted(path) + " on the storage", errno);
+}
+
+// fsync of a directory that tells a full disk from other trouble. Some file systems cannot do it,
+// and have nothing to do.
+void SyncDirectory(const std::string& path) {
+    const ResHandle handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!handle || (fsync(handle) != 0 && errno != EINVAL)) FailedTo("sync directory", path);
+}
+
+// A full disk must not stop what makes room.
+void SyncRemoved(const std::string& directory) {
+    try {
+        SyncDirectory(directory);
+    } catch (const CopyError& error) {
+        if (!error.IsFull()) throw;
+    }
+}
+
+class DirCloser {
+  public:
+    void operator()(DIR* directory) const noexcept { closedir(directory); }
+};
+
+// Links to directories inside the root are followed when root or this user has made them, so that
+// an administrator can spread a storage over several disks; another user's link is an error. A link
+// in the place of a file is not followed: it is refused on reading, replaced on writing.
+class LocalBackend final : public StorageBackend {
+  public:
+    explicit LocalBackend(std::string root) : root_(std::move(root)) { CheckRoot(); }
+
+    bool Put(const std::string& name, ByteSource& source) override;
+    void Get(const std::string& name, ByteSink& sink) override;
+    void Remove(const std::string& name) override;
+    void RemoveDir(const std::string& name) override;
+    void SyncRemovals(const std::string& name) override;
+    void MakeDir(const std::string& name) override;
+    std::vector<std::string> List(const std::string& name) override;
+    void Clear() override;
+
+  private:
+    // An unmounted disk must neither pass for an empty storage nor be written in its mount point's
+    // place.
+    void CheckRoot() const;
+    std::string PathOf(const std::string& name) const { return kro_file::ConcatPath(root_, name); }
+    void CheckWay(const std::string& directory) const;
+    void MakeDirs(const std::string& path) const;
+    static void Store(const std::string& path, ByteSource& source);
+    static void Commit(kro_file::NewFile& file, const std::string& path);
+
+    std::string root_;
+};
+
+void LocalBackend::CheckRoot() const {
+    struct stat status = {};
+    if (stat(root_.c_str(), &status) != 0) {
+        if (errno != ENOENT && errno != ENOTDIR) {
+            throw kro_err::FromErrno("Failed to look at storage directory " + Quoted(root_));
+        }
+        throw Error(Kind::kNotFound, "storage directory " + Quoted(root_) +
+                                         " does not exist; create it or mount its disk");
+    }
+    if (!S_ISDIR(status.st_mode)) {
+        throw Error(Kind::kFailed, "storage directory " + Quoted(root_) + " is not a directory");
+    }
+}
+
+// No directory on the way to this one, nor this one, may be another user's link.
+void LocalBackend::CheckWay(const std::string& directory) const {
+    for (std::string at = directory; !at.empty(); at = kro_file::Path(at)) {
+        const std::string path = PathOf(at);
+        if (!kro_file::IsForeignLink(path)) continue;
+        throw Error(Kind::kFailed, Quoted(path) +
+                                       " on the storage is a symbolic link that another user has "
+                                       "made; remove it");
+    }
+}
+
+// --- Put ---
+
+void CheckCopied(Copied copied) {
+    if (copied == Copied::kAll) return;
+    throw Error(Kind::kFailed, std::string("the source became ") +
+                                   (copied == Copied::kSourceShorter ? "shorter" : "longer") +
+                                   " while it was uploaded");
+}
+
+void WriteAll(int fd, std::span<const std::byte> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t done = write(fd, bytes.data(), bytes.size());
+        if (done < 0 && errno == EINTR) continue;
+        if (done < 0) throw CopyError("Failed to write to the storage", errno);
+        bytes = bytes.subspan(static_cast<std::size_t>(done));
+    }
+}
+
+void CopyBytes(int fd, ByteSource& source) {
+    std::vector<std::byte> buffer(kBufferSize);
+    std::int64_t offset = 0;
+    while (offset < source.size()) {
+        const std::size_t got = source.ReadAt(offset, buffer);
+        WriteAll(fd, std::span(buffer).first(got));
+        offset += static_cast<std::int64_t>(got);
+    }
+}
+
+void Fill(int fd, ByteSource& source) {
+    const int from = source.Descriptor();
+    if (from < 0) {
+        CopyBytes(fd, source);
+        return;
+    }
+    // A repeated Put finds the descriptor where the last one left it.
+    if (lseek(from, 0, SEEK_SET) != 0) throw CopyError("Failed to read the source", errno);
+    CheckCopied(kro_file::CopyData(from, fd, source.size(),
+                                   [&source](std::int64_t bytes) { source.Advance(bytes); }));
+}
+
+bool LocalBackend::Put(const std::string& name, ByteSource& source) {
+    CheckRoot();
+    CheckWay(kro_file::Path(name));
+    const std::string path = PathOf(name);
+    try {
+        MakeDirs(kro_file::Path(path));
+        Store(path, source);
+    } catch (const CopyError& error) {
+        if (!error.IsFull()) throw;
+        return false;
+    }
+    return true;
+}
+
+// Directories that were made for a file that then found no room stay: another writer may count on
+// them.
+void LocalBackend::MakeDirs(const std::string& path) const {
+    struct stat status = {};
+    if (path.size() <= root_.size()) return;
+    const bool exists = stat(path.c_str(), &status) == 0;
+    if (exists && S_ISDIR(status.st_mode)) return;
+    if (exists || errno == ENOTDIR) {
+        throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
+    }
+    if (errno != ENOENT) FailedTo("look at directory", path);
+    const std::string above = kro_file::Path(path);
+    MakeDirs(above);
+    // Somebody else may make it at the same moment.
+    if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
+        FailedTo("make directory", path);
+    }
+    SyncDirectory(above);
+}
+
+void LocalBackend::Store(const std::string& path, ByteSource& source) {
+    kro_file::NewFile file(path, kFileMode);
+    Fill(file.fd(), source);
+    source.CheckUnchanged();
+    Commit(file, path);
+}
+
+// A full disk that shows only in the directory's fsync comes too late to be told as "not stored":
+// the new file has its name already.
+void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
+    struct stat written = {};
+    if (fstat(file.fd(), &written) != 0) FailedTo("examine", path);
+    try {
+        file.Commit();
+    } catch (const CopyError& error) {
+        struct stat visible = {};
+        const bool appeared = lstat(path.c_str(), &visible) == 0 &&
+                              visible.st_ino == written.st_ino && visible.st_dev == written.st_dev;
+        if (appeared) throw Error(Kind::kFailed, error.what());
+        throw;
+    }
+}
+
+// --- Get ---
+
+[[noreturn]] void NoFile(const std::string& name) {
+    throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
+}
+
+void CopyOut(int fd, ByteSink& sink, const std::string& path) {
+    std::vector<std::byte> buffer(kBufferSize);
+    for (;;) {
+        const ssize_t got = read(fd, buffer.data(), buffer.size());
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) FailedTo("read", path);
+        if (got == 0) return;
+        sink.Write(std::span(buffer).first(static_cast<std::size_t>(got)));
+    }
+}
+
+void LocalBackend::Get(const std::string& name, ByteSink& sink) {
+    CheckRoot();
+    CheckWay(kro_file::Path(name));
+    const std::string path = PathOf(name);
+    const ResHandle handle(
+        open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (!handle) {
+        if (errno == ENOENT || errno == ENOTDIR) NoFile(name);
+        FailedTo("open", path);
+    }
+    struct stat status = {};
+    if (fstat(handle, &status) != 0) FailedTo("examine", path);
+    if (!S_ISREG(status.st_mode)) NoFile(name);
+    sink.Expect(status.st_size);
+    if (sink.Descriptor() < 0) {
+        CopyOut(handle, sink, path);
+    } else if (kro_file::CopyData(handle, sink.Descriptor(), status.st_size,
+                                  [&sink](std::int64_t bytes) { sink.Advance(bytes); }) !=
+               Copied::kAll) {
+        throw Error(Kind::kUnavailable, Quoted(path) + " changed while it was downloaded");
+    }
+}
+
+// --- The rest ---
+
+// Not synced one by one: that would be felt with thousands of slices.
+void LocalBackend::Remove(const std::string& name) {
+    CheckRoot();
+    CheckWay(kro_file::Path(name));
+    const std::string path = PathOf(name);
+    if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) FailedTo("remove", path);
+    kro_file::RemoveTemporary(path);
+}
+
+void LocalBackend::RemoveDir(const std::string& name) {
+    CheckRoot();
+    CheckWay(kro_file::Path(name));
+    const std::string path = PathOf(name);
+    struct stat status = {};
+    if (stat(path.c_str(), &status) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return;
+        FailedTo("look at", path);
+    }
+    if (!S_ISDIR(status.st_mode)) return;
+    kro_file::Remove(path);
+    SyncRemoved(kro_file::Path(path));
+}
+
+void LocalBackend::SyncRemovals(const std::string& name) { SyncRemoved(PathOf(name)); }
+
+void LocalBackend::MakeDir(const std::string& name) {
+    CheckRoot();
+    CheckWay(name);
+    const std::string path = PathOf(name);
+    MakeDirs(path);
+    // Those that were there may be of somebody who was killed before they were synced.
+    for (std::string above = kro_file::Path(path); above.size() >= root_.size();
+         above = kro_file::Path(above)) {
+        SyncDirectory(above);
+    }
+}
+
+std::vector<std::string> ReadNames(DIR* directory, const std::string& path) {
+    std::vector<std::string> names;
+    for (;;) {
+        errno = 0;
+        const dirent* const entry = readdir(directory);
+        if (entry == nullptr && errno != 0) FailedTo("list", path);
+        if (entry == nullptr) return names;
+        const std::string_view name = static_cast<const char*>(entry->d_name);
+        if (name != "." && name != "..") names.emplace_back(name);
+    }
+}
+
+std::vector<std::string> LocalBackend::List(const std::string& name) {
+    CheckRoot();
+    CheckWay(name);
+    const std::string path = PathOf(name);
+    const std::unique_ptr<DIR, DirCloser> directory(opendir(path.c_str()));
+    if (directory == nullptr) {
+        struct stat status = {};
+        // ENOTDIR stands for a file, and for a name below one.
+        if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) return {name};
+        if (errno != ENOENT && errno != ENOTDIR) FailedTo("list", path);
+        throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
+    }
+    std::vector<std::string> names = ReadNames(directory.get(), path);
+    std::erase_if(names, [](const std::string& entry) { return kro_file::IsTemporaryName(entry); });
+    return names;
+}
+
+void LocalBackend::Clear() {
+    CheckRoot();
+    const std::unique_ptr<DIR, DirCloser> directory(opendir(root_.c_str()));
+    if (directory == nullptr) FailedTo("list", root_);
+    for (const std::string& name : ReadNames(directory.get(), root_)) {
+        kro_file::Remove(PathOf(name));
+    }
+    SyncRemoved(root_);
+}
+
+std::string Fault(const BackupToken& token) {
+    if (!token.host().empty()) {
+        return "a local storage has no host; an absolute directory is written with three slashes, "
+               "local:///srv/backups, one below the install root without any, "
+               "local:var/backup/storage";
+    }
+    for (const char* const name : {"ca", "timeout"}) {
+        if (!token.Param(name).empty()) {
+            return std::string("a local storage has no use for parameter '") + name + "'";
+        }
+    }
+    const std::string root = kro_file::GoodPath(token.path());
+    if (root.empty()) return "a local storage needs a directory, as in local:///srv/backups";
+    if (root == "/") return "the root directory cannot be a storage";
+    if (root == ".." || str::StartsWith(root, "../")) {
+        return "a relative storage directory must lie below the install root";
+    }
+    return {};
+}
+
+}  // namespace
+
+BackendScheme LocalScheme() {
+    BackendScheme scheme;
+    scheme.scheme = "local";
+    scheme.fault = Fault;
+    scheme.open = [](const BackupToken& token) {
+        return std::make_unique<LocalBackend>(kro_file::GoodPath(token.path()));
+    };
+    return scheme;
+}
+
+}  // namespace quarn2

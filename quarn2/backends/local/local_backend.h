@@ -1,0 +1,10 @@
+// The storage that is a directory of this machine.
+#pragma once
+
+#include "quarn2_backend/storage_backend.h"
+
+namespace quarn2 {
+
+BackendScheme LocalScheme();
+
+}  // namespace quarn2

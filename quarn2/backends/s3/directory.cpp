@@ -1,0 +1,309 @@
+#include "backends/s3/directory.h"
+
+#include <algorithm>
+#include <optional>
+#include <utility>
+
+#include "backends/s3/cancel_rest.h"
+#include "backends/s3/keys.h"
+#include "kro/kro_err.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2::s3 {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+constexpr int kNotFound = 404;
+constexpr const char* kNoBucket = "NoSuchBucket";
+
+Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
+                 const std::string& next, const std::string& doing) {
+    Call call = ListingCall(prefix, only_direct, next);
+    ListingReader reader(service.what());
+    call.sink = &reader;
+    service.Do(std::move(call), doing);
+    return reader.Finish();
+}
+
+// Follows a listing from page to page. A server could send us in a circle, or on for ever.
+class Pages {
+  public:
+    explicit Pages(const Service& service) : what_(service.what()) {}
+
+    const std::string& next() const noexcept { return next_; }
+
+    // False when this page was the last one.
+    bool GoOn(const Listing& page) {
+        if (page.next.empty()) return false;
+        if (page.next == next_ || ++count_ > kMost) {
+            throw Error(Kind::kFailed, what_ + ": a listing without end: " +
+                                           (page.next == next_ ? "the same page again and again"
+                                                               : "too many pages"));
+        }
+        next_ = page.next;
+        return true;
+    }
+
+  private:
+    // Each has a thousand keys.
+    static constexpr int kMost = 5'000;
+
+    std::string what_;
+    std::string next_;
+    int count_ = 0;
+};
+
+// Other programs may have stored what cannot be a name here ("a//b", "../x"): it is not shown, but
+// goes with its directory.
+bool IsName(const std::string& name) {
+    try {
+        CheckStoredName(name);
+        return true;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+void AddName(std::vector<std::string>& names, std::string_view key, std::string_view prefix) {
+    if (!str::StartsWith(key, prefix)) return;
+    key.remove_prefix(prefix.size());
+    if (str::EndsWith(key, "/")) key.remove_suffix(1);
+    const std::optional<std::string> name = NameOf(key);
+    if (name && IsName(*name)) names.push_back(*name);
+}
+
+bool FileExists(Service& service, const std::string& name, const std::string& doing) {
+    Call call;
+    call.method = "HEAD";
+    call.key = service.KeyOf(name);
+    const net::HttpReply reply = service.Ask(std::move(call));
+    if (reply.IsSuccess()) return true;
+    if (reply.status != kNotFound) service.Refuse(reply, doing);
+    return false;
+}
+
+Call DeleteCall(const std::string& key) {
+    Call call;
+    call.method = "DELETE";
+    call.key = key;
+    return call;
+}
+
+// Throws unless the answer to the removal of one key says that it is gone.
+void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
+    if (reply.IsSuccess()) return;
+    const Refusal refusal = RefusalOf(reply);
+    if (reply.status == kNotFound && refusal.code != kNoBucket) return;
+    service.Refuse(refusal, doing);
+}
+
+// Removes the keys of page after page, several requests at once.
+class Sweeper {
+  public:
+    Sweeper(Service& service, std::string prefix)
+        : service_(service), prefix_(std::move(prefix)), doing_("cannot empty a directory") {}
+
+    void Run() {
+        const CancelRest guard(service_.client());
+        Pages pages(service_);
+        bool more = true;
+        while (more) {
+            const Listing page = ListPage(service_, prefix_, false, pages.next(), doing_);
+            more = pages.GoOn(page);
+            StartPage(page.keys);
+        }
+        WaitUntilBelow(1);
+    }
+
+  private:
+    static constexpr std::size_t kAtOnce = 4;
+    static constexpr std::size_t kBatch = 1000;
+
+    void WaitUntilBelow(std::size_t count) {
+        while (service_.client().running() >= count) {
+            service_.client().Wait();
+            if (error_) std::rethrow_exception(error_);
+        }
+        if (error_) std::rethrow_exception(error_);
+    }
+
+    void StartPage(const std::vector<std::string>& keys) {
+        std::string batch;
+        std::size_t count = 0;
+        for (const std::string& key : keys) {
+            if (!IsXmlText(key)) {
+                StartOne(key);
+                continue;
+            }
+            batch += "<Object><Key>" + XmlEscaped(key) + "</Key></Object>";
+            if (++count % kBatch == 0) StartBatch(std::exchange(batch, {}));
+        }
+        if (!batch.empty()) StartBatch(batch);
+    }
+
+    // A key that XML cannot hold.
+    void StartOne(const std::string& key) {
+        StartCall(DeleteCall(key),
+                  [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
+    }
+
+    void StartBatch(const std::string& objects) {
+        const std::string body =
+            "<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Quiet>true</Quiet>" +
+            objects + "</Delete>";
+        Call call;
+        call.method = "POST";
+        call.query = {{"delete", ""}};
+        call.headers = {{"content-md5", ContentMd5(body)}, {"content-type", "application/xml"}};
+        SetBody(call, body);
+        StartCall(std::move(call), [this](const net::HttpReply& reply) { CheckBatch(reply); });
+    }
+
+    void CheckBatch(const net::HttpReply& reply) const {
+        if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+        const DeleteAnswer answer = ReadDeleteAnswer(service_.what(), reply.body);
+        if (answer.refusal.status == 0) return;
+        service_.Refuse(answer.refusal, "cannot remove " + Quoted(answer.key));
+    }
+
+    template <class Check>
+    void StartCall(Call call, const Check& check) {
+        WaitUntilBelow(kAtOnce);
+        service_.client().Start(service_.Signed(std::move(call)),
+                                [this, check](const net::HttpResult& result) {
+                                    try {
+                                        if (result.error) std::rethrow_exception(result.error);
+                                        check(result.reply);
+                                    } catch (...) {
+                                        if (!error_) error_ = std::current_exception();
+                                    }
+                                });
+    }
+
+    Service& service_;
+    std::string prefix_;
+    std::string doing_;
+    std::exception_ptr error_;
+};
+
+// The three requests of one removal: the file itself, whether there is a directory of that name,
+// and what uploads have left. They run at once, so that it takes the time of one.
+class Removal {
+  public:
+    Removal(Service& service, Unfinished& unfinished, const std::string& name)
+        : service_(service),
+          unfinished_(unfinished),
+          name_(name),
+          key_(service.KeyOf(name)),
+          doing_("cannot remove " + Quoted(name)),
+          below_(service.what()) {}
+
+    void Run() {
+        {
+            const CancelRest guard(service_.client());
+            Start(DeleteCall(key_), removed_);
+            Call below = ListingCall(key_ + "/", false, {});
+            below.query.emplace_back("max-keys", "1");
+            below.sink = &below_;
+            Start(std::move(below), listed_);
+            Start(unfinished_.PageCall(key_, {}), uploads_);
+            while (service_.client().running() > 0) service_.client().Wait();
+        }
+        CheckGone(service_, ReplyOf(removed_), doing_);
+        CheckNoDirectory();
+        AbortUploads();
+    }
+
+  private:
+    void Start(Call call, net::HttpResult& result) {
+        service_.client().Start(service_.Signed(std::move(call)),
+                                [&result](net::HttpResult ended) { result = std::move(ended); });
+    }
+
+    static const net::HttpReply& ReplyOf(const net::HttpResult& result) {
+        if (result.error) std::rethrow_exception(result.error);
+        return result.reply;
+    }
+
+    void CheckNoDirectory() {
+        const net::HttpReply& reply = ReplyOf(listed_);
+        if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+        if (below_.Finish().keys.empty()) return;
+        throw Error(Kind::kFailed, Quoted(name_) + " on the storage is a directory");
+    }
+
+    void AbortUploads() {
+        const Uploads page = unfinished_.PageOf(ReplyOf(uploads_));
+        const bool any = std::any_of(page.uploads.begin(), page.uploads.end(),
+                                     [this](const Upload& upload) { return upload.key == key_; });
+        if (any || page.more) unfinished_.AbortOf(key_);
+    }
+
+    Service& service_;
+    Unfinished& unfinished_;
+    const std::string& name_;
+    std::string key_;
+    std::string doing_;
+    ListingReader below_;
+    net::HttpResult removed_;
+    net::HttpResult listed_;
+    net::HttpResult uploads_;
+};
+
+}  // namespace
+
+Call ListingCall(const std::string& prefix, bool only_direct, const std::string& next) {
+    Call call;
+    call.query = {{"list-type", "2"}, {"encoding-type", "url"}, {"prefix", prefix}};
+    if (only_direct) call.query.emplace_back("delimiter", "/");
+    if (!next.empty()) call.query.emplace_back("continuation-token", next);
+    return call;
+}
+
+std::vector<std::string> ListDirectory(Service& service, const std::string& name) {
+    const std::string doing = "cannot list " + Quoted(name);
+    const std::string prefix = service.KeyOfDirectory(name);
+    std::vector<std::string> names;
+    ListingLimit limit(service.what());
+    Pages pages(service);
+    bool any = false;
+    bool more = true;
+    while (more) {
+        const Listing page = ListPage(service, prefix, true, pages.next(), doing);
+        for (const std::vector<std::string>* const keys : {&page.keys, &page.directories}) {
+            for (const std::string& key : *keys) {
+                limit.Count(key.size());
+                AddName(names, key, prefix);
+            }
+            any = any || !keys->empty();
+        }
+        more = pages.GoOn(page);
+    }
+    if (!any && !name.empty()) {
+        if (FileExists(service, name, doing)) return {name};
+        throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
+    }
+    // A file and a directory may have the same name here.
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+void CheckBucket(Service& service) {
+    if (service.bucket_seen()) return;
+    Call call = ListingCall(service.address().prefix, false, {});
+    call.query.emplace_back("max-keys", "1");
+    service.Do(std::move(call), "cannot use bucket " + Quoted(service.address().bucket));
+}
+
+void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name) {
+    Removal(service, unfinished, name).Run();
+}
+
+void RemoveBelow(Service& service, const std::string& prefix) { Sweeper(service, prefix).Run(); }
+
+}  // namespace quarn2::s3

@@ -1,0 +1,36 @@
+#include "backends/s3/plan.h"
+
+#include <algorithm>
+
+#include "backends/s3/address.h"
+#include "kro/kro_err.h"
+
+namespace quarn2::s3 {
+
+namespace {
+
+constexpr std::int64_t kMostParts = 10000;
+constexpr std::int64_t kLargestObject = 5 * kMiB * kMiB;
+// Of the 64 MiB that parts may take together a quarter stays free while it can.
+constexpr std::int64_t kMemory = 48 * kMiB;
+constexpr std::int64_t kMostAtOnce = 6;
+
+std::int64_t DividedUp(std::int64_t number, std::int64_t by) { return (number + by - 1) / by; }
+
+}  // namespace
+
+Plan PlanParts(std::int64_t size, std::int64_t part_size) {
+    if (size > kLargestObject) {
+        throw kro_err::Error(kro_err::Kind::kFailed,
+                             "the file is larger than 5 TiB, which is all that S3 can hold in one");
+    }
+    Plan plan;
+    const std::int64_t needed = DividedUp(DividedUp(size, kMostParts), kMiB) * kMiB;
+    plan.part_size = std::max(part_size, needed);
+    if (plan.part_size > kLargestPart) return plan;
+    plan.in_memory =
+        static_cast<int>(std::clamp<std::int64_t>(kMemory / plan.part_size, 1, kMostAtOnce));
+    return plan;
+}
+
+}  // namespace quarn2::s3

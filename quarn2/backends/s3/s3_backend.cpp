@@ -1,0 +1,141 @@
+#include "backends/s3/s3_backend.h"
+
+#include <cstddef>
+#include <memory>
+#include <utility>
+
+#include "backends/s3/directory.h"
+#include "backends/s3/download.h"
+#include "backends/s3/parts_upload.h"
+#include "backends/s3/service.h"
+#include "backends/s3/unfinished.h"
+#include "kro/kro_err.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2 {
+
+namespace s3 {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+// How often an upload that others abort is begun anew. Each of them aborts only once, at its own
+// beginning.
+constexpr int kMostBeginnings = 8;
+
+class S3Backend final : public StorageBackend {
+  public:
+    explicit S3Backend(const BackupToken& token) : service_(token), unfinished_(service_) {}
+
+    bool Put(const std::string& name, ByteSource& source) override;
+    void Get(const std::string& name, ByteSink& sink) override {
+        Download(service_, name, sink).Run();
+    }
+    void Remove(const std::string& name) override { RemoveOne(service_, unfinished_, name); }
+    void RemoveDir(const std::string& name) override { Sweep(service_.KeyOfDirectory(name)); }
+    void MakeDir(const std::string& /*name*/) override { CheckBucket(service_); }
+    std::vector<std::string> List(const std::string& name) override {
+        return ListDirectory(service_, name);
+    }
+    void Clear() override { Sweep(service_.address().prefix); }
+
+  private:
+    bool PutWhole(const std::string& name, ByteSource& source);
+    bool PutParts(const std::string& name, ByteSource& source);
+    bool IsStored(const std::string& key, std::int64_t size, const std::string& hash);
+    // Leftovers first: they take room, and what stays when this fails is still listed.
+    void Sweep(const std::string& prefix) {
+        unfinished_.AbortBelow(prefix);
+        RemoveBelow(service_, prefix);
+    }
+
+    Service service_;
+    Unfinished unfinished_;
+};
+
+bool S3Backend::Put(const std::string& name, ByteSource& source) {
+    return source.size() <= service_.address().part_size ? PutWhole(name, source)
+                                                         : PutParts(name, source);
+}
+
+std::string Doing(const std::string& name) { return "cannot store " + Quoted(name); }
+
+bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
+    const auto size = static_cast<std::size_t>(source.size());
+    const auto bytes = std::make_unique_for_overwrite<std::byte[]>(size);
+    const std::span<std::byte> all(bytes.get(), size);
+    const std::string key = service_.KeyOf(name);
+    unfinished_.AbortKnownOf(key);
+    if (source.ReadAt(0, all) != size) {
+        throw Error(Kind::kFailed, "the source became shorter while it was uploaded");
+    }
+    source.CheckUnchanged();
+
+    Call call = CreationCall(service_, "PUT", key);
+    const std::string hash = Hex(Sha256({reinterpret_cast<const char*>(bytes.get()), size}));
+    call.payload_hash = hash;
+    call.headers.emplace_back(kChecksumHeader, hash);
+    call.body = std::make_unique<net::MemoryBody>(all);
+    net::HttpReply reply;
+    try {
+        reply = service_.Ask(std::move(call));
+    } catch (const Error& error) {
+        // Only the answer may have got lost.
+        if (error.kind() != Kind::kUnavailable || !IsStored(key, source.size(), hash)) throw;
+        return true;
+    }
+    if (reply.IsSuccess()) return true;
+    const Refusal refusal = RefusalOf(reply);
+    if (refusal.IsNoRoom()) return false;
+    service_.Refuse(refusal, Doing(name));
+}
+
+bool S3Backend::IsStored(const std::string& key, std::int64_t size, const std::string& hash) {
+    Call call;
+    call.method = "HEAD";
+    call.key = key;
+    try {
+        const net::HttpReply reply = service_.AskAnew(std::move(call));
+        return reply.IsSuccess() && reply.Header("content-length") == str::Str(size) &&
+               reply.Header(kChecksumHeader) == hash;
+    } catch (const Error&) {
+        return false;
+    }
+}
+
+bool S3Backend::PutParts(const std::string& name, ByteSource& source) {
+    const std::string key = service_.KeyOf(name);
+    const Plan plan = PlanParts(source.size(), service_.address().part_size);
+    unfinished_.AbortOf(key);
+    PartsUpload upload(service_, unfinished_, Doing(name));
+    for (int i = 0; i < kMostBeginnings; ++i) {
+        const PartsUpload::Outcome outcome = upload.Run(key, source, plan);
+        if (outcome != PartsUpload::Outcome::kGone) {
+            return outcome == PartsUpload::Outcome::kStored;
+        }
+    }
+    throw Error(Kind::kUnavailable,
+                service_.what() + ": " + Doing(name) + ": others abort its upload all the time");
+}
+
+BackendScheme Scheme(const char* name) {
+    BackendScheme scheme;
+    scheme.scheme = name;
+    scheme.params = {"part_size", "region", "storage_class", "style"};
+    scheme.fault = Fault;
+    scheme.open = [](const BackupToken& token) { return std::make_unique<S3Backend>(token); };
+    scheme.keeps_connections = true;
+    return scheme;
+}
+
+}  // namespace
+
+}  // namespace s3
+
+BackendScheme S3Scheme() { return s3::Scheme("s3"); }
+BackendScheme S3PlainScheme() { return s3::Scheme("s3+http"); }
+
+}  // namespace quarn2

@@ -1,0 +1,103 @@
+#include "backends/s3/service.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "backends/s3/keys.h"
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/str.h"
+#include "percent.h"
+#include "stored_name.h"
+
+namespace quarn2::s3 {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+constexpr std::size_t kLongestKey = 1024;
+constexpr int kPatience = 10;  // seconds
+
+}  // namespace
+
+Service::Service(const BackupToken& token)
+    : address_(AddressOf(token)),
+      settings_(net::SettingsOf(token, "S3", net::ServerSettings::Auth::kNone)),
+      client_(settings_),
+      signer_({token.user(), token.password(), address_.region}) {}
+
+std::string Service::KeyOf(const std::string& name) const {
+    std::string key = s3::KeyOf(address_.prefix + name);
+    if (key.size() > kLongestKey) {
+        throw Error(Kind::kFailed, "bad name on a storage " + Quoted(name) +
+                                       ": with the prefix its key is longer than 1024 bytes");
+    }
+    return key;
+}
+
+std::string Service::KeyOfDirectory(const std::string& name) const {
+    return KeyOf(name.empty() ? name : name + "/");
+}
+
+net::HttpRequest Service::Signed(Call call) {
+    const std::time_t now = kro_date::SystemNow();
+    Unsigned request;
+    request.method = call.method;
+    request.path = address_.base + PercentEncoded(call.key, "/");
+    request.query = CanonicalQuery(call.query);
+    request.headers = std::move(call.headers);
+    request.payload_hash = std::move(call.payload_hash);
+    request.headers.emplace_back("x-amz-content-sha256", request.payload_hash);
+    request.headers.emplace_back("x-amz-date", AmzDate(now));
+
+    net::HttpRequest http;
+    http.method = call.method;
+    http.url = address_.url + request.path;
+    str::inpl::Append(http.url, request.query, "?");
+    for (const auto& header : request.headers) {
+        http.headers.push_back(header.first + ": " + header.second);
+    }
+    request.headers.emplace_back("host", address_.host);
+    http.headers.push_back("Authorization: " + signer_.Authorization(request, now));
+    http.body = std::move(call.body);
+    http.sink = call.sink;
+    return http;
+}
+
+net::HttpReply Service::Ask(Call call) {
+    net::HttpReply reply = client_.Do(Signed(std::move(call)));
+    if (reply.IsSuccess()) bucket_seen_ = true;
+    return reply;
+}
+
+net::HttpReply Service::Do(Call call, const std::string& doing) {
+    net::HttpReply reply = Ask(std::move(call));
+    if (!reply.IsSuccess()) Refuse(reply, doing);
+    return reply;
+}
+
+net::HttpReply Service::AskAnew(Call call) {
+    net::ServerSettings settings = settings_;
+    settings.timeout = std::min(settings.timeout, kPatience);
+    net::HttpClient client(settings);
+    return client.Do(Signed(std::move(call)));
+}
+
+void Service::Refuse(const net::HttpReply& reply, const std::string& doing) const {
+    Refuse(RefusalOf(reply), doing);
+}
+
+void Service::Refuse(const Refusal& refusal, const std::string& doing) const {
+    throw Error(refusal.kind(), what() + ": " + doing + ": " + refusal.Text());
+}
+
+void SetBody(Call& call, std::string text) {
+    call.payload_hash = Hex(Sha256(text));
+    call.body = std::make_unique<net::TextBody>(std::move(text));
+}
+
+std::string ContentMd5(std::string_view text) { return str::base64::Encode(Md5(text)); }
+
+}  // namespace quarn2::s3

@@ -1,0 +1,172 @@
+#include "backends/s3/unfinished.h"
+
+#include <mutex>
+#include <set>
+#include <utility>
+
+#include "backends/s3/cancel_rest.h"
+#include "kro/kro_err.h"
+#include "listing_limit.h"
+
+namespace quarn2::s3 {
+
+namespace {
+
+using kro_err::Error;
+
+constexpr const char* kListing = "cannot list unfinished uploads";
+// How long a list of leftovers is good for small files: a listing for each would take as long as
+// the file itself, while nobody comes back for a name so soon after the upload of it has died.
+constexpr std::chrono::seconds kListingAge{2};
+
+constexpr std::size_t kAtOnce = 4;
+constexpr int kNotFound = 404;
+constexpr int kMethodNotAllowed = 405;
+constexpr int kNotImplemented = 501;
+
+struct Running {
+    std::mutex mutex;
+    std::set<std::string> ids;
+};
+
+Running& AllRunning() {
+    static Running running;
+    return running;
+}
+
+Call AbortCall(const Upload& upload) {
+    Call call;
+    call.method = "DELETE";
+    call.key = upload.key;
+    call.query = {{"uploadId", upload.id}};
+    return call;
+}
+
+void CheckAborted(const Service& service, const net::HttpResult& result) {
+    if (result.error) std::rethrow_exception(result.error);
+    // Somebody else may have done it.
+    if (result.reply.IsSuccess() || result.reply.status == kNotFound) return;
+    service.Refuse(result.reply, "cannot abort an unfinished upload");
+}
+
+}  // namespace
+
+RunningUpload::RunningUpload(std::string id) : id_(std::move(id)) {
+    const std::lock_guard lock(AllRunning().mutex);
+    AllRunning().ids.insert(id_);
+}
+
+RunningUpload::~RunningUpload() {
+    const std::lock_guard lock(AllRunning().mutex);
+    AllRunning().ids.erase(id_);
+}
+
+bool RunningUpload::IsRunning(const std::string& id) {
+    const std::lock_guard lock(AllRunning().mutex);
+    return AllRunning().ids.contains(id);
+}
+
+void Unfinished::AbortOf(const std::string& key) {
+    known_.erase(key);
+    std::vector<Upload> uploads = List(key);
+    // Keys that begin with the same letters are others'.
+    std::erase_if(uploads, [&key](const Upload& upload) { return upload.key != key; });
+    Abort(uploads);
+}
+
+void Unfinished::AbortKnownOf(const std::string& key) {
+    const auto now = std::chrono::steady_clock::now();
+    if (!listed_ || now - *listed_ > kListingAge) {
+        Refresh();
+        listed_ = now;
+    }
+    const auto found = known_.find(key);
+    if (found == known_.end()) return;
+    std::vector<Upload> uploads;
+    for (const std::string& id : found->second) uploads.push_back({key, id});
+    known_.erase(found);
+    Abort(uploads);
+}
+
+void Unfinished::AbortBelow(const std::string& prefix) { Abort(List(prefix)); }
+
+void Unfinished::Refresh() {
+    known_.clear();
+    for (const Upload& upload : List(service_.address().prefix)) Remember(upload);
+}
+
+Call Unfinished::PageCall(const std::string& prefix, const Upload& last) const {
+    Call call;
+    call.query = {{"encoding-type", "url"}, {"prefix", prefix}, {"uploads", ""}};
+    if (!last.id.empty()) {
+        call.query.emplace_back("key-marker", last.key);
+        call.query.emplace_back("upload-id-marker", last.id);
+    }
+    return call;
+}
+
+Uploads Unfinished::PageOf(const net::HttpReply& reply) const {
+    if (reply.status == kMethodNotAllowed || reply.status == kNotImplemented) return {};
+    if (!reply.IsSuccess()) service_.Refuse(reply, kListing);
+    return ReadUploads(service_.what(), reply.body);
+}
+
+// What stands behind a page is asked for by its last upload: servers do not agree on how the
+// markers that they tell are encoded.
+std::vector<Upload> Unfinished::List(const std::string& prefix) const {
+    std::vector<Upload> all;
+    ListingLimit limit(service_.what());
+    Upload last;
+    for (;;) {
+        const Uploads page = PageOf(service_.Ask(PageCall(prefix, last)));
+        for (const Upload& upload : page.uploads) limit.Count(upload.key.size() + upload.id.size());
+        all.insert(all.end(), page.uploads.begin(), page.uploads.end());
+        if (!page.more || page.uploads.empty()) return all;
+        const Upload& end = page.uploads.back();
+        if (end.key == last.key && end.id == last.id) {
+            throw Error(kro_err::Kind::kFailed,
+                        service_.what() + ": a listing without end: the same page again and again");
+        }
+        last = end;
+    }
+}
+
+void Unfinished::Abort(const std::vector<Upload>& uploads) {
+    std::exception_ptr error;
+    const CancelRest guard(service_.client());
+    const auto wait_until_below = [&](std::size_t count) {
+        while (service_.client().running() >= count) service_.client().Wait();
+        if (error) std::rethrow_exception(error);
+    };
+    for (const Upload& upload : uploads) {
+        if (RunningUpload::IsRunning(upload.id)) continue;
+        wait_until_below(kAtOnce);
+        service_.client().Start(service_.Signed(AbortCall(upload)),
+                                [&](const net::HttpResult& result) {
+                                    try {
+                                        CheckAborted(service_, result);
+                                    } catch (...) {
+                                        if (!error) error = std::current_exception();
+                                    }
+                                });
+    }
+    wait_until_below(1);
+}
+
+bool TryToAbort(Service& service, const Upload& upload) noexcept {
+    // A server that has kept us waiting once is not worth another wait.
+    constexpr std::chrono::seconds kQuick{1};
+    const auto begin = std::chrono::steady_clock::now();
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (std::chrono::steady_clock::now() - begin > kQuick) return false;
+        try {
+            const net::HttpReply reply = service.AskAnew(AbortCall(upload));
+            if (reply.IsSuccess() || reply.status == kNotFound) return true;
+        } catch (const std::exception&) {
+            // The failure that made the upload be given up is what the caller is told.
+        }
+    }
+    return false;
+}
+
+}  // namespace quarn2::s3

@@ -1,0 +1,323 @@
+#include "backends/sftp/connection.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <utility>
+
+#include "backends/sftp/dial.h"
+#include "backends/sftp/key_file.h"
+#include "backends/sftp/known_hosts.h"
+#include "backends/sftp/ssh_library.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+// AES-GCM first: processors have instructions for it, and it needs no checksum beside it.
+const char* const kCiphers =
+    "aes128-gcm@openssh.com,aes256-gcm@openssh.com,chacha20-poly1305@openssh.com,"
+    "aes256-ctr,aes192-ctr,aes128-ctr";
+const char* const kSystemKnownHosts = "/etc/ssh/ssh_known_hosts";
+// What the server may send before it waits for us; the library's own choice would bound a download
+// to a third of this per round trip.
+constexpr std::size_t kWindow = 4UL * 1024 * 1024;
+constexpr std::size_t kTopUp = kWindow / 4;
+constexpr std::size_t kSmallRead = 256UL * 1024;
+constexpr int kMostQuestions = 4;
+
+std::string At(const Account& account) {
+    return "host " + Quoted(account.host) + ", port " + std::to_string(account.port);
+}
+
+// The library's last words. They may repeat what the server sent.
+std::string Reason(ssh_session session) {
+    const std::string text = Ssh().get_error(session);
+    return text.empty() ? "no reason given" : Quoted(text);
+}
+
+template <class T>
+void SetOption(ssh_session session, ssh_options_e option, const T& value) {
+    if (Ssh().options_set(session, option, value) != SSH_OK) {
+        throw Error(Kind::kFailed, "the SSH library refuses an option: " + Reason(session));
+    }
+}
+
+std::string HomeDirectory() {
+    if (const char* const home = getenv("HOME"); home != nullptr && *home != '\0') return home;
+    std::array<char, 4096> buffer{};
+    passwd entry = {};
+    passwd* found = nullptr;
+    const bool good = getpwuid_r(geteuid(), &entry, buffer.data(), buffer.size(), &found) == 0 &&
+                      found != nullptr;
+    return good ? std::string(entry.pw_dir) : std::string("/");
+}
+
+std::vector<std::string> KnownHostsFiles(const Account& account) {
+    if (!account.known_hosts_file.empty()) return {account.known_hosts_file};
+    return {kro_file::ConcatPath(HomeDirectory(), ".ssh/known_hosts"), kSystemKnownHosts};
+}
+
+// The host keys to be asked for: those first that can be checked.
+std::string KeyAlgorithms(const KnownHosts& known) {
+    std::vector<std::string> algorithms;
+    const auto add = [&algorithms](const std::string& name) {
+        if (std::find(algorithms.begin(), algorithms.end(), name) == algorithms.end()) {
+            algorithms.push_back(name);
+        }
+    };
+    for (const std::vector<std::string>& types :
+         {known.Types(),
+          std::vector<std::string>{"ssh-ed25519", "ecdsa-sha2-nistp256", "ecdsa-sha2-nistp384",
+                                   "ecdsa-sha2-nistp521", "ssh-rsa"}}) {
+        for (const std::string& type : types) {
+            if (type == "ssh-rsa") {
+                add("rsa-sha2-512");
+                add("rsa-sha2-256");
+            } else {
+                add(type);
+            }
+        }
+    }
+    return str::Join(algorithms, ",");
+}
+
+class Login {
+  public:
+    explicit Login(const Account& account)
+        : account_(account), files_(KnownHostsFiles(account)), known_(account.host, account.port) {
+        for (const std::string& file : files_) known_.AddFile(file);
+    }
+
+    SshSession Run() {
+        // A bad key file needs no server to be told of.
+        if (!account_.key_file.empty()) key_ = LoadKey(account_.key_file);
+        Configure();
+        Handshake();
+        CheckHostKey();
+        Authenticate();
+        return std::move(session_);
+    }
+
+  private:
+    void Configure() {
+        session_.reset(Ssh().make());
+        if (session_ == nullptr) throw std::bad_alloc();
+        ssh_session session = session_.get();
+        const bool no = false;
+        const long seconds = account_.timeout;
+        const std::string algorithms = KeyAlgorithms(known_);
+        // Nothing of the user's own settings: a token says all there is to say.
+        SetOption(session, SSH_OPTIONS_PROCESS_CONFIG, &no);
+        SetOption(session, SSH_OPTIONS_KNOWNHOSTS, "/dev/null");
+        SetOption(session, SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
+        SetOption(session, SSH_OPTIONS_HOST, account_.host.c_str());
+        SetOption(session, SSH_OPTIONS_USER, account_.user.c_str());
+        SetOption(session, SSH_OPTIONS_TIMEOUT, &seconds);
+        SetOption(session, SSH_OPTIONS_HOSTKEYS, algorithms.c_str());
+        SetOption(session, SSH_OPTIONS_CIPHERS_C_S, kCiphers);
+        SetOption(session, SSH_OPTIONS_CIPHERS_S_C, kCiphers);
+        SetOption(session, SSH_OPTIONS_COMPRESSION_C_S, "none");
+        SetOption(session, SSH_OPTIONS_COMPRESSION_S_C, "none");
+    }
+
+    void Handshake() {
+        Socket socket = Dial(account_.host, account_.port, account_.timeout);
+        const int fd = socket.fd();
+        SetOption(session_.get(), SSH_OPTIONS_FD, &fd);
+        // From here on the library closes it.
+        socket.Release();
+        if (Ssh().connect(session_.get()) == SSH_OK) return;
+        const std::string text = Ssh().get_error(session_.get());
+        const bool mismatch = text.find("no match for method") != std::string::npos;
+        throw Error(mismatch ? Kind::kFailed : Kind::kUnavailable,
+                    "no SSH session with " + At(account_) + ": " + Reason(session_.get()));
+    }
+
+    void CheckHostKey() {
+        ssh_key raw = nullptr;
+        if (Ssh().get_server_publickey(session_.get(), &raw) != SSH_OK) Lost("the host key");
+        const SshKey key(raw);
+        char* text = nullptr;
+        if (Ssh().pki_export_pubkey_base64(key.get(), &text) != SSH_OK) Lost("the host key");
+        const SshText encoded(text);
+        const std::string type = Ssh().key_type_to_char(Ssh().key_type(key.get()));
+        const Trust trust = known_.Check(type, encoded.get());
+        if (trust != Trust::kTrusted) {
+            throw Error(Kind::kUnauthorized, Distrust(trust, type + " " + Fingerprint(key.get())));
+        }
+    }
+
+    static std::string Fingerprint(ssh_key key) {
+        unsigned char* hash = nullptr;
+        std::size_t size = 0;
+        if (Ssh().get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &size) != SSH_OK) {
+            return "of unknown fingerprint";
+        }
+        const SshText text(Ssh().get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, size));
+        Ssh().clean_pubkey_hash(&hash);
+        return text == nullptr ? "of unknown fingerprint" : std::string(text.get());
+    }
+
+    std::string Distrust(Trust trust, const std::string& shown) const {
+        std::vector<std::string> files;
+        for (const std::string& file : files_) files.push_back(Quoted(file));
+        const std::string where = str::Join(files, " or ");
+        const std::string key = "the host key of " + Quoted(known_.host()) + " (" + shown + ") ";
+        if (trust == Trust::kRevoked) return key + "is marked as revoked in " + where;
+        if (trust == Trust::kChanged) {
+            return key + "is not the one in " + where +
+                   ": somebody may stand in between. If the server was set up anew, remove the old "
+                   "key (ssh-keygen -R " +
+                   Quoted(known_.host()) + (files.size() == 1 ? " -f " + where : "") +
+                   ") and add the new one";
+        }
+        return key + "is unknown: it is not in " + where +
+               ". Compare it with the server's own, then add it: ssh-keyscan -p " +
+               std::to_string(account_.port) + " " + account_.host + " >> " + files.front();
+    }
+
+    void Authenticate() {
+        std::vector<std::string> refused;
+        if (key_ != nullptr) {
+            if (Accepted(Ssh().userauth_publickey(session_.get(), nullptr, key_.get()))) return;
+            refused.push_back("the key " + Quoted(account_.key_file));
+        }
+        if (!account_.password.empty()) {
+            if (Accepted(
+                    Ssh().userauth_password(session_.get(), nullptr, account_.password.c_str()))) {
+                return;
+            }
+            if (Accepted(AnswerQuestions())) return;
+            refused.emplace_back("the password");
+        }
+        throw Error(Kind::kUnauthorized, At(account_) + " refuses user " + Quoted(account_.user) +
+                                             " with " + str::Join(refused, " and "));
+    }
+
+    bool Accepted(int result) {
+        if (result == SSH_AUTH_AGAIN) Lost("an answer to the login");
+        if (result == SSH_AUTH_ERROR) Lost("the login");
+        return result == SSH_AUTH_SUCCESS;
+    }
+
+    // Some servers take passwords only as the answer to a question.
+    int AnswerQuestions() {
+        ssh_session session = session_.get();
+        const auto methods = static_cast<unsigned>(Ssh().userauth_list(session, nullptr));
+        if ((methods & SSH_AUTH_METHOD_INTERACTIVE) == 0U) return SSH_AUTH_DENIED;
+        int result = Ssh().userauth_kbdint(session, nullptr, nullptr);
+        for (int round = 0; result == SSH_AUTH_INFO && round < kMostQuestions; ++round) {
+            const int prompts = Ssh().userauth_kbdint_getnprompts(session);
+            for (int i = 0; i < prompts; ++i) {
+                Ssh().userauth_kbdint_setanswer(session, static_cast<unsigned>(i),
+                                                account_.password.c_str());
+            }
+            result = Ssh().userauth_kbdint(session, nullptr, nullptr);
+        }
+        return result == SSH_AUTH_INFO ? SSH_AUTH_DENIED : result;
+    }
+
+    [[noreturn]] void Lost(const std::string& what) const {
+        throw Error(Kind::kUnavailable, "did not get " + what + " from " + At(account_) + ": " +
+                                            Reason(session_.get()));
+    }
+
+    const Account& account_;
+    std::vector<std::string> files_;
+    KnownHosts known_;
+    SshKey key_;
+    SshSession session_;
+};
+
+// The library frees a session's channels with it.
+class Connection final : public Stream {
+  public:
+    Connection(SshSession session, const Account& account)
+        : session_(std::move(session)), timeout_(account.timeout), where_(At(account)) {
+        channel_ = Ssh().channel_new(session_.get());
+        if (channel_ == nullptr) throw std::bad_alloc();
+        if (Ssh().channel_open_session(channel_) != SSH_OK) Fail("no SSH channel to ");
+        if (Ssh().channel_request_subsystem(channel_, "sftp") == SSH_OK) return;
+        throw Error(Kind::kFailed,
+                    "no SFTP service for the user on " + where_ + ": " + Reason(session_.get()));
+    }
+
+    // A farewell only where nobody has to be waited for.
+    ~Connection() override {
+        if (broken_) {
+            Ssh().silent_disconnect(session_.get());
+        } else {
+            Ssh().disconnect(session_.get());
+        }
+    }
+
+    void Write(std::span<const std::byte> bytes) override {
+        const auto size = static_cast<std::uint32_t>(bytes.size());
+        const int done = Ssh().channel_write(channel_, bytes.data(), size);
+        if (done < 0) Fail("Failed to send to ");
+        if (static_cast<std::uint32_t>(done) != size) Stalled(timeout_);
+    }
+
+    std::size_t Read(std::span<std::byte> buffer, int patience) override {
+        // Asked for more than the window holds, the library widens it, each time with a packet.
+        const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
+        if (top_up) received_ = 0;
+        const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);
+        const int seconds = std::min(timeout_, kLongestWait - patience) + patience;
+        const int got = Ssh().channel_read_timeout(
+            channel_, buffer.data(), static_cast<std::uint32_t>(size), 0, seconds * 1000);
+        if (got < 0) Fail("Failed to receive from ");
+        if (got == 0 && Ssh().channel_is_eof(channel_) != 0) Gone();
+        if (got == 0) Stalled(seconds);
+        received_ += static_cast<std::size_t>(got);
+        return static_cast<std::size_t>(got);
+    }
+
+    void CheckAlive() override {
+        const int waiting = Ssh().channel_poll(channel_, 0);
+        if (waiting == SSH_EOF) Gone();
+        if (waiting < 0 || Ssh().is_connected(session_.get()) == 0) Fail("lost the connection to ");
+    }
+
+  private:
+    static constexpr int kLongestWait = 2'000'000;  // seconds; the library counts milliseconds
+
+    [[noreturn]] void Unavailable(const std::string& text) {
+        broken_ = true;
+        throw Error(Kind::kUnavailable, text);
+    }
+    [[noreturn]] void Fail(const std::string& what) {
+        Unavailable(what + where_ + ": " + Reason(session_.get()));
+    }
+    [[noreturn]] void Gone() { Unavailable(where_ + " has closed the connection"); }
+    [[noreturn]] void Stalled(int seconds) {
+        if (Ssh().channel_is_eof(channel_) != 0 || Ssh().is_connected(session_.get()) == 0) Gone();
+        Unavailable("no progress with " + where_ + " for " + std::to_string(seconds) + " s");
+    }
+
+    SshSession session_;
+    ssh_channel channel_ = nullptr;
+    int timeout_;
+    std::string where_;
+    std::size_t received_ = kTopUp;
+    bool broken_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<Stream> Connect(const Account& account) {
+    return std::make_unique<Connection>(Login(account).Run(), account);
+}
+
+}  // namespace quarn2::sftp

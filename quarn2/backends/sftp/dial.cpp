@@ -1,0 +1,164 @@
+#include "backends/sftp/dial.h"
+
+#include <netdb.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <future>
+#include <memory>
+#include <system_error>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "kro/kro_err.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+struct Address {
+    int family;
+    std::vector<std::byte> bytes;
+};
+
+struct Resolved {
+    int error = 0;
+    int error_number = 0;
+    std::vector<Address> addresses;
+};
+
+Resolved Resolve(const std::string& host, std::uint16_t port, int flags) {
+    addrinfo hints = {};
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = AI_NUMERICSERV | flags;
+    addrinfo* found = nullptr;
+    Resolved resolved;
+    resolved.error = getaddrinfo(host.c_str(), std::to_string(port).c_str(), &hints, &found);
+    resolved.error_number = errno;
+    if (resolved.error != 0) return resolved;
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        Address address{each->ai_family, std::vector<std::byte>(each->ai_addrlen)};
+        std::memcpy(address.bytes.data(), each->ai_addr, each->ai_addrlen);
+        resolved.addresses.push_back(std::move(address));
+    }
+    freeaddrinfo(found);
+    return resolved;
+}
+
+// A name server that does not answer may hold the resolver for longer than anybody wants to wait,
+// and it cannot be stopped: it is left to its own thread.
+Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds) {
+    std::promise<Resolved> promise;
+    std::future<Resolved> future = promise.get_future();
+    try {
+        std::thread([host, port, promise = std::move(promise)]() mutable {
+            promise.set_value(Resolve(host, port, AI_ADDRCONFIG));
+        }).detach();
+    } catch (const std::system_error& error) {
+        throw Error(Kind::kUnavailable, std::string("Failed to start a thread: ") + error.what());
+    }
+    if (future.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
+        throw Error(Kind::kUnavailable, "no name server told the address of " + Quoted(host) +
+                                            " within " + std::to_string(seconds) + " s");
+    }
+    return future.get();
+}
+
+std::vector<Address> AddressesOf(const std::string& host, std::uint16_t port, int seconds) {
+    Resolved resolved = Resolve(host, port, AI_NUMERICHOST);
+    if (resolved.error != 0) resolved = ResolveWithin(host, port, seconds);
+    if (resolved.error != 0) {
+        const std::string reason = resolved.error == EAI_SYSTEM
+                                       ? std::generic_category().message(resolved.error_number)
+                                       : gai_strerror(resolved.error);
+        throw Error(Kind::kUnavailable, "no address of host " + Quoted(host) + ": " + reason);
+    }
+    return std::move(resolved.addresses);
+}
+
+template <class T>
+void SetOption(int fd, int level, int option, const T& value) {
+    // Each makes a connection better; without one it still is one.
+    static_cast<void>(setsockopt(fd, level, option, &value, sizeof value));
+}
+
+void Tune(int fd, int seconds) {
+    SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);
+    SetOption(fd, SOL_SOCKET, SO_KEEPALIVE, 1);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPIDLE, 30);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 10);
+    SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
+    SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<unsigned>(seconds) * 1000U);
+    timeval patience = {};
+    patience.tv_sec = seconds;
+    SetOption(fd, SOL_SOCKET, SO_SNDTIMEO, patience);
+    SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, patience);
+}
+
+// The errno of the attempt, 0 when it succeeded.
+int Finish(int fd, int seconds) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            end - std::chrono::steady_clock::now());
+        if (left.count() <= 0) return ETIMEDOUT;
+        pollfd wanted = {fd, POLLOUT, 0};
+        const int ready = poll(&wanted, 1, static_cast<int>(left.count()));
+        if (ready < 0 && errno != EINTR) return errno;
+        if (ready > 0) break;
+    }
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+int Connect(int fd, const Address& address, int seconds) {
+    sockaddr_storage name = {};
+    std::memcpy(&name, address.bytes.data(), std::min(address.bytes.size(), sizeof name));
+    const void* const bytes = &name;
+    const int done = connect(fd, static_cast<const sockaddr*>(bytes),
+                             static_cast<socklen_t>(address.bytes.size()));
+    if (done == 0) return 0;
+    return errno == EINPROGRESS || errno == EINTR ? Finish(fd, seconds) : errno;
+}
+
+}  // namespace
+
+Socket::~Socket() {
+    if (fd_ >= 0) close(fd_);
+}
+
+int Socket::Release() noexcept { return std::exchange(fd_, -1); }
+
+Socket Dial(const std::string& host, std::uint16_t port, int seconds) {
+    int error = EADDRNOTAVAIL;
+    for (const Address& address : AddressesOf(host, port, seconds)) {
+        Socket socket(::socket(address.family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+        if (socket.fd() < 0) {
+            error = errno;
+            continue;
+        }
+        error = Connect(socket.fd(), address, seconds);
+        if (error != 0) continue;
+        Tune(socket.fd(), seconds);
+        return socket;
+    }
+    throw Error(Kind::kUnavailable, "no connection to host " + Quoted(host) + ", port " +
+                                        std::to_string(port) + ": " +
+                                        std::generic_category().message(error));
+}
+
+}  // namespace quarn2::sftp

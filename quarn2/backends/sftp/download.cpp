@@ -1,0 +1,213 @@
+#include "backends/sftp/download.h"
+
+#include <algorithm>
+#include <deque>
+#include <limits>
+#include <optional>
+#include <utility>
+
+#include "backends/sftp/tree.h"
+#include "kro/kro_err.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+// Asked for and not yet handed on. What comes out of order waits in memory: this bounds it.
+constexpr std::uint64_t kMostUnderWay = 6UL * 1024 * 1024;
+constexpr int kAttempts = 5;
+// That is less than a kibibyte in each answer.
+constexpr std::size_t kMostPieces = 10'000;
+constexpr std::uint64_t kLargestFile = std::numeric_limits<std::int64_t>::max();
+
+// An open file and the reads of it that are under way, by offset.
+class Reads {
+  public:
+    Reads(Session& session, std::string handle, std::string path, std::uint64_t size)
+        : session_(session), handle_(std::move(handle)), path_(std::move(path)), size_(size) {}
+
+    // Whatever is still under way is dropped as it comes.
+    ~Reads() {
+        for (const Piece& piece : pieces_) session_.Forget(piece.id);
+        if (session_.broken()) return;
+        try {
+            session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_))));
+        } catch (const std::exception&) {
+            session_.Break();
+        }
+    }
+    Reads(const Reads&) = delete;
+    Reads& operator=(const Reads&) = delete;
+
+    // The size is asked for and the first reads are sent together: false when the file is another
+    // one than was looked at.
+    bool Begin() {
+        const std::uint32_t measured =
+            session_.Send(std::move(Request(Type::kFstat).Text(handle_)));
+        SendReads();
+        Reply reply = session_.Wait(measured);
+        if (reply.type != Type::kAttrs) Refused("examine", path_, reply.AsStatus());
+        return reply.fields.Attrs().size == size_;
+    }
+
+    void HandOn(ByteSink& sink) {
+        while (!pieces_.empty()) {
+            Take(session_.Next(), sink);
+            while (!pieces_.empty() && pieces_.front().arrived) {
+                sink.Write(pieces_.front().data);
+                pieces_.pop_front();
+            }
+            SendReads();
+        }
+    }
+
+  private:
+    struct Piece {
+        std::uint32_t id;
+        std::uint64_t offset;
+        std::size_t size;
+        bool arrived = false;
+        std::vector<std::byte> data;
+    };
+
+    std::uint32_t SendRead(std::uint64_t offset, std::size_t size) {
+        return session_.Send(std::move(
+            Request(Type::kRead).Text(handle_).U64(offset).U32(static_cast<std::uint32_t>(size))));
+    }
+
+    void SendReads() {
+        const std::uint64_t begin = pieces_.empty() ? next_ : pieces_.front().offset;
+        while (next_ < size_ && next_ - begin < kMostUnderWay) {
+            const auto size = static_cast<std::size_t>(
+                std::min<std::uint64_t>(size_ - next_, session_.read_size()));
+            pieces_.push_back({SendRead(next_, size), next_, size, false, {}});
+            next_ += size;
+        }
+    }
+
+    void Take(Reply reply, ByteSink& sink) {
+        const auto piece =
+            std::find_if(pieces_.begin(), pieces_.end(),
+                         [&reply](const Piece& each) { return each.id == reply.id; });
+        if (piece == pieces_.end()) return;
+        if (reply.type != Type::kData) Refuse(reply.AsStatus());
+        const std::span<const std::byte> data = reply.fields.Bytes();
+        if (data.empty() || data.size() > piece->size) BadReply("more or less data than asked for");
+        if (data.size() < piece->size) AskForRest(piece, data.size());
+        // The list's elements may have moved, the first is still the first.
+        Piece& taken = *std::find_if(pieces_.begin(), pieces_.end(),
+                                     [&reply](const Piece& each) { return each.id == reply.id; });
+        if (&taken == &pieces_.front()) {
+            pieces_.pop_front();
+            sink.Write(data);
+            return;
+        }
+        taken.data.assign(data.begin(), data.end());
+        taken.arrived = true;
+    }
+
+    // Servers may give less than was asked for.
+    void AskForRest(const std::deque<Piece>::iterator& piece, std::size_t got) {
+        const std::uint64_t offset = piece->offset + got;
+        const std::size_t size = piece->size - got;
+        piece->size = got;
+        if (pieces_.size() >= kMostPieces) BadReply("data in ever smaller pieces");
+        pieces_.insert(piece + 1, {SendRead(offset, size), offset, size, false, {}});
+    }
+
+    [[noreturn]] void Refuse(const Status& status) const {
+        if (status.code != Code::kEof) Refused("read", path_, status);
+        throw Error(Kind::kUnavailable, Quoted(path_) + " became shorter while it was downloaded");
+    }
+
+    Session& session_;
+    std::string handle_;
+    std::string path_;
+    std::uint64_t size_;
+    std::uint64_t next_ = 0;
+    std::deque<Piece> pieces_;
+};
+
+class Downloader {
+  public:
+    Downloader(Session& session, const Place& place, const std::string& name)
+        : session_(session), place_(place), name_(name), path_(place.PathOf(name)) {}
+
+    void Run(ByteSink& sink, bool& started) {
+        for (int attempt = 0; attempt < kAttempts; ++attempt) {
+            const auto size = Open();
+            if (!size) continue;
+            Reads reads(session_, handle_, path_, *size);
+            if (!reads.Begin()) continue;
+            started = true;
+            sink.Expect(static_cast<std::int64_t>(*size));
+            reads.HandOn(sink);
+            return;
+        }
+        throw Error(Kind::kUnavailable,
+                    Quoted(path_) + " was replaced again and again while it was opened");
+    }
+
+  private:
+    // The size; nothing when it is worth another look. A link is not followed, and what is no file
+    // is not there.
+    std::optional<std::uint64_t> Open() {
+        const std::uint32_t look = session_.Send(std::move(Request(Type::kLstat).Text(path_)));
+        const std::uint32_t open =
+            session_.Send(std::move(Request(Type::kOpen).Text(path_).U32(kOpenRead).U32(0)));
+        Reply seen = session_.Wait(look);
+        const bool there = seen.type == Type::kAttrs;
+        const Attributes attributes = there ? seen.fields.Attrs() : Attributes();
+        const Status unseen = there ? Status() : seen.AsStatus();
+        Reply opened = session_.Wait(open);
+        const bool good = opened.type == Type::kHandle;
+        if (good) handle_ = opened.fields.Text();
+        if (attributes.size.value_or(0) > kLargestFile) {
+            if (good) Close();
+            BadReply("a size that no file has");
+        }
+        if (good && there && attributes.IsFile() && attributes.size) return attributes.size;
+        const Status unopened = good ? Status() : opened.AsStatus();
+        if (good) Close();
+        if (!there && unseen.code != Code::kNoSuchFile) Refused("look at", path_, unseen);
+        if (there && attributes.IsFile() && !good && unopened.code != Code::kNoSuchFile) {
+            Refused("open", path_, unopened);
+        }
+        if ((there && !attributes.IsFile()) || !Recover()) NotThere();
+        return std::nullopt;
+    }
+
+    void Close() { session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_)))); }
+
+    // A replacement that was broken off left the old file under another name.
+    bool Recover() {
+        if (session_.Offers("posix-rename@openssh.com")) return false;
+        Request request(Type::kRename);
+        request.Text(DisplacedPath(path_)).Text(path_);
+        return session_.WaitStatus(session_.Send(std::move(request))).code == Code::kOk;
+    }
+
+    [[noreturn]] void NotThere() {
+        CheckRoot(session_, place_);
+        throw Error(Kind::kNotFound, "no file " + Quoted(name_) + " on the storage");
+    }
+
+    Session& session_;
+    const Place& place_;
+    const std::string& name_;
+    std::string path_;
+    std::string handle_;
+};
+
+}  // namespace
+
+void Download(Session& session, const Place& place, const std::string& name, ByteSink& sink,
+              bool& started) {
+    Downloader(session, place, name).Run(sink, started);
+}
+
+}  // namespace quarn2::sftp

@@ -1,0 +1,85 @@
+#include "backends/sftp/key_file.h"
+
+#include <fcntl.h>
+#include <openssl/crypto.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+
+#include "kro/kro_err.h"
+#include "kro/res_handle.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+constexpr std::size_t kLongestKey = 64UL * 1024;
+constexpr mode_t kOthers = 077;
+
+[[noreturn]] void BadKey(const std::string& path, const std::string& what) {
+    throw kro_err::Error(kro_err::Kind::kUnauthorized, "key file " + Quoted(path) + " " + what);
+}
+
+std::string Reason(int error) { return std::generic_category().message(error); }
+
+// A text that does not stay in memory.
+class Wiped {
+  public:
+    Wiped() : text(kLongestKey + 1, '\0') {}
+    ~Wiped() { OPENSSL_cleanse(text.data(), text.size()); }
+    Wiped(const Wiped&) = delete;
+    Wiped& operator=(const Wiped&) = delete;
+
+    std::string text;
+};
+
+void Read(const std::string& path, std::string& text) {
+    const ResHandle handle(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    struct stat status = {};
+    if (!handle || fstat(handle, &status) != 0) {
+        BadKey(path, "cannot be opened: " + Reason(errno));
+    }
+    if (!S_ISREG(status.st_mode)) BadKey(path, "is not a plain file");
+    if ((status.st_mode & kOthers) != 0) {
+        BadKey(path, "can be read or changed by others than its owner; make it private: chmod 600");
+    }
+    std::size_t size = 0;
+    for (;;) {
+        const ssize_t got = read(handle, text.data() + size, text.size() - size);
+        if (got < 0 && errno == EINTR) continue;
+        if (got < 0) BadKey(path, "cannot be read: " + Reason(errno));
+        if (got == 0) break;
+        size += static_cast<std::size_t>(got);
+        if (size > kLongestKey) BadKey(path, "is too long for a private key");
+    }
+    text[size] = '\0';
+}
+
+// Asked only for a key that has a passphrase.
+int NoPassphrase(const char* /*prompt*/, char* /*answer*/, std::size_t /*size*/, int /*echo*/,
+                 int /*verify*/, void* asked) {
+    *static_cast<bool*>(asked) = true;
+    return -1;
+}
+
+}  // namespace
+
+SshKey LoadKey(const std::string& path) {
+    Wiped content;
+    Read(path, content.text);
+    bool asked = false;
+    ssh_key key = nullptr;
+    const int result =
+        Ssh().pki_import_privkey_base64(content.text.c_str(), nullptr, NoPassphrase, &asked, &key);
+    SshKey owned(key);
+    if (asked) {
+        BadKey(path, "is locked with a passphrase; give the storage a key of its own without one");
+    }
+    if (result != SSH_OK) BadKey(path, "holds no private key that can be understood");
+    return owned;
+}
+
+}  // namespace quarn2::sftp

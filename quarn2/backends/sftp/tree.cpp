@@ -1,0 +1,359 @@
+#include "backends/sftp/tree.h"
+
+#include <algorithm>
+#include <iterator>
+#include <optional>
+#include <utility>
+
+#include "backends/sftp/dir_sync.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "kro/str.h"
+#include "listing_limit.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+constexpr std::uint32_t kDirectoryMode = 0750;
+// Directories that are read at once, and requests for names that each of them may have under way.
+constexpr std::size_t kDirectoriesAtOnce = 16;
+constexpr std::size_t kFewReads = 2;
+constexpr std::size_t kManyReads = 64;
+
+struct Entry {
+    std::string name;
+    Attributes attributes;
+};
+
+std::uint32_t SendPath(Session& session, Type type, const std::string& path) {
+    return session.Send(std::move(Request(type).Text(path)));
+}
+
+// What no component of a path can be; whoever sends it wants something else to be touched.
+bool IsComponent(const std::string& name) {
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
+           name.find('\0') == std::string::npos;
+}
+
+// --- Reading directories ---
+
+class DirectoryReader {
+  public:
+    DirectoryReader(Session& session, std::string path)
+        : session_(session),
+          path_(std::move(path)),
+          open_(SendPath(session, Type::kOpenDir, path_)),
+          limit_("SFTP server") {}
+
+    // False when there is no such directory.
+    bool Opened() {
+        Reply reply = session_.Wait(open_);
+        if (reply.type == Type::kHandle) {
+            handle_ = reply.fields.Text();
+            return true;
+        }
+        const Status status = reply.AsStatus();
+        if (status.code != Code::kNoSuchFile) Refused("list directory", path_, status);
+        return false;
+    }
+
+    bool done() const noexcept { return !handle_; }
+
+    void Ask(std::size_t times) {
+        for (; times > 0; --times) {
+            asked_.push_back(session_.Send(std::move(Request(Type::kReadDir).Text(*handle_))));
+        }
+    }
+
+    void TakeAnswers() {
+        for (const std::uint32_t id : std::exchange(asked_, {})) {
+            Reply reply = session_.Wait(id);
+            if (reply.type == Type::kName) {
+                Take(reply.fields);
+                continue;
+            }
+            const Status status = reply.AsStatus();
+            if (status.code != Code::kEof) Refused("list directory", path_, status);
+            Close();
+        }
+    }
+
+    std::vector<Entry>& entries() noexcept { return entries_; }
+    const std::string& path() const noexcept { return path_; }
+
+  private:
+    void Take(Fields& fields) {
+        // An answer without names is one more entry too, or they could go on for ever.
+        limit_.Count(0);
+        for (std::uint32_t left = fields.U32(); left > 0; --left) {
+            Entry entry;
+            entry.name = fields.Text();
+            fields.Bytes();  // the same as a line for people
+            entry.attributes = fields.Attrs();
+            limit_.Count(entry.name.size());
+            if (IsComponent(entry.name)) entries_.push_back(std::move(entry));
+        }
+    }
+
+    void Close() {
+        if (!handle_) return;
+        session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(*handle_))));
+        handle_.reset();
+    }
+
+    Session& session_;
+    std::string path_;
+    std::uint32_t open_;
+    std::optional<std::string> handle_;
+    std::vector<std::uint32_t> asked_;
+    std::vector<Entry> entries_;
+    ListingLimit limit_;
+};
+
+// Those of the directories that are there, read to their ends together. The first answers of each
+// tell little about how many there will be: twice as many are asked for each time.
+std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const std::string> paths) {
+    std::vector<DirectoryReader> readers;
+    readers.reserve(paths.size());
+    for (const std::string& path : paths) readers.emplace_back(session, path);
+    std::vector<DirectoryReader> open;
+    for (DirectoryReader& reader : readers) {
+        if (reader.Opened()) open.push_back(std::move(reader));
+    }
+    const auto unfinished = [](const DirectoryReader& reader) { return !reader.done(); };
+    for (std::size_t times = kFewReads; std::any_of(open.begin(), open.end(), unfinished);
+         times = std::min(times * 2, kManyReads)) {
+        for (DirectoryReader& reader : open) {
+            if (!reader.done()) reader.Ask(times);
+        }
+        for (DirectoryReader& reader : open) reader.TakeAnswers();
+    }
+    return open;
+}
+
+// --- Removing ---
+
+// Removes the files; directories among them are handed back instead.
+std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::string>& paths) {
+    std::vector<std::pair<std::string, Status>> refused;
+    Pipeline(
+        session, paths.size(),
+        [&](std::size_t i) { return SendPath(session, Type::kRemove, paths[i]); },
+        [&](std::size_t i, Reply reply) {
+            Status status = reply.AsStatus();
+            if (status.code == Code::kOk || status.code == Code::kNoSuchFile) return;
+            refused.emplace_back(paths[i], std::move(status));
+        });
+    std::vector<std::string> directories;
+    for (auto& [path, status] : refused) {
+        const std::optional<Attributes> there = LookAt(session, path);
+        if (!there) continue;
+        if (!there->IsDirectory()) Refused("remove", path, status);
+        directories.push_back(std::move(path));
+    }
+    return directories;
+}
+
+// Removes what is in the directories and hands back the directories in them.
+std::vector<std::string> RemoveContent(Session& session, std::span<const std::string> directories) {
+    std::vector<std::string> files;
+    std::vector<std::string> below;
+    for (DirectoryReader& reader : ReadDirectories(session, directories)) {
+        for (const Entry& entry : reader.entries()) {
+            auto& paths = entry.attributes.IsDirectory() ? below : files;
+            paths.push_back(kro_file::ConcatPath(reader.path(), entry.name));
+        }
+    }
+    std::vector<std::string> not_files = RemoveFiles(session, files);
+    std::move(not_files.begin(), not_files.end(), std::back_inserter(below));
+    return below;
+}
+
+void RemoveEmpty(Session& session, const std::vector<std::string>& directories) {
+    Pipeline(
+        session, directories.size(),
+        [&](std::size_t i) { return SendPath(session, Type::kRmDir, directories[i]); },
+        [&](std::size_t i, Reply reply) {
+            const Status status = reply.AsStatus();
+            if (status.code != Code::kOk && status.code != Code::kNoSuchFile) {
+                Refused("remove directory", directories[i], status);
+            }
+        });
+}
+
+// Level by level downwards, then the directories upwards. Links are taken, not followed: none of
+// them is a directory here.
+void RemoveBelow(Session& session, const std::string& top, bool top_too) {
+    std::vector<std::string> all = {top};
+    ListingLimit limit("SFTP server");
+    for (std::size_t begin = 0; begin < all.size();) {
+        const std::size_t count = std::min(kDirectoriesAtOnce, all.size() - begin);
+        std::vector<std::string> below =
+            RemoveContent(session, std::span<const std::string>(all).subspan(begin, count));
+        for (const std::string& path : below) {
+            limit.Count(path.size());
+            limit.CheckDepth(static_cast<std::size_t>(std::count(path.begin(), path.end(), '/') -
+                                                      std::count(top.begin(), top.end(), '/')));
+        }
+        std::move(below.begin(), below.end(), std::back_inserter(all));
+        begin += count;
+    }
+    if (!top_too) all.erase(all.begin());
+    std::reverse(all.begin(), all.end());
+    RemoveEmpty(session, all);
+}
+
+// --- Names ---
+
+// A file whose replacement was broken off on a server that cannot rename over a file is there under
+// another name.
+void ShowDisplaced(std::vector<std::string>& names) {
+    const std::size_t count = names.size();
+    for (std::size_t i = 0; i < count; ++i) {
+        if (auto target = DisplacedTarget(names[i])) names.push_back(std::move(*target));
+    }
+}
+
+std::vector<std::string> NamesToShow(Session& session, const std::vector<Entry>& entries) {
+    std::vector<std::string> names;
+    for (const Entry& entry : entries) {
+        if (!HasControl(entry.name)) names.push_back(entry.name);
+    }
+    if (!session.Offers("posix-rename@openssh.com")) ShowDisplaced(names);
+    std::erase_if(names, [](const std::string& name) { return kro_file::IsTemporaryName(name); });
+    std::sort(names.begin(), names.end());
+    names.erase(std::unique(names.begin(), names.end()), names.end());
+    return names;
+}
+
+}  // namespace
+
+std::optional<Attributes> LookAt(Session& session, const std::string& path) {
+    Reply reply = session.Wait(SendPath(session, Type::kLstat, path));
+    if (reply.type == Type::kAttrs) return reply.fields.Attrs();
+    const Status status = reply.AsStatus();
+    if (status.code != Code::kNoSuchFile) Refused("look at", path, status);
+    return std::nullopt;
+}
+
+std::uint32_t AskForRoot(Session& session, const Place& place) {
+    return SendPath(session, Type::kStat, place.root());
+}
+
+void CheckRoot(const Place& place, Reply answer) {
+    if (answer.type != Type::kAttrs) {
+        const Status status = answer.AsStatus();
+        if (status.code != Code::kNoSuchFile) {
+            Refused("look at storage directory", place.root(), status);
+        }
+        throw Error(Kind::kNotFound, "storage directory " + Quoted(place.root()) +
+                                         " does not exist on the server; create it or mount its "
+                                         "disk");
+    }
+    if (!answer.fields.Attrs().IsDirectory()) {
+        throw Error(Kind::kFailed,
+                    "storage directory " + Quoted(place.root()) + " is not a directory");
+    }
+}
+
+void CheckRoot(Session& session, const Place& place) {
+    CheckRoot(place, session.Wait(AskForRoot(session, place)));
+}
+
+MadeDirs MakeDirs(Session& session, const Place& place, const std::string& name) {
+    std::vector<std::string> names;
+    for (std::string at = name; !at.empty(); at = kro_file::Path(at)) names.push_back(at);
+    std::reverse(names.begin(), names.end());
+    MadeDirs made;
+    Pipeline(
+        session, names.size(),
+        [&](std::size_t i) {
+            return session.Send(
+                std::move(Request(Type::kMkDir).Text(place.PathOf(names[i])).Mode(kDirectoryMode)));
+        },
+        [&](std::size_t i, Reply reply) {
+            Status status = reply.AsStatus();
+            if (status.code == Code::kOk) {
+                made.parents.push_back(place.PathOf(kro_file::Path(names[i])));
+            } else {
+                made.refusal = std::move(status);
+            }
+        });
+    return made;
+}
+
+void MakeDir(Session& session, const Place& place, const std::string& name) {
+    CheckRoot(session, place);
+    const MadeDirs made = MakeDirs(session, place, name);
+    const std::string path = place.PathOf(name);
+    Reply reply = session.Wait(SendPath(session, Type::kStat, path));
+    if (reply.type != Type::kAttrs) Refused("make directory", path, made.refusal);
+    if (!reply.fields.Attrs().IsDirectory()) {
+        throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
+    }
+    DirSync sync(session);
+    sync.Open(made.parents);
+    sync.TakeHandles();
+    sync.Sync();
+    sync.Finish();
+}
+
+std::vector<std::string> List(Session& session, const Place& place, const std::string& name) {
+    const std::uint32_t root = AskForRoot(session, place);
+    const std::string path = place.PathOf(name);
+    const std::uint32_t look = SendPath(session, Type::kLstat, path);
+    try {
+        CheckRoot(place, session.Wait(root));
+    } catch (...) {
+        session.Forget(look);
+        throw;
+    }
+    Reply seen = session.Wait(look);
+    const bool other = seen.type == Type::kAttrs && !seen.fields.Attrs().IsDirectory();
+    std::vector<DirectoryReader> readers = ReadDirectories(session, {&path, 1});
+    if (!readers.empty()) return NamesToShow(session, readers.front().entries());
+    if (other) return {name};
+    throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
+}
+
+void Remove(Session& session, const Place& place, const std::string& name) {
+    const std::string path = place.PathOf(name);
+    const std::uint32_t root = AskForRoot(session, place);
+    std::vector<std::string> paths = TemporaryPaths(path);
+    paths.insert(paths.begin(), {path, DisplacedPath(path)});
+    const std::vector<std::string> directories = RemoveFiles(session, paths);
+    CheckRoot(place, session.Wait(root));
+    if (!directories.empty()) {
+        throw Error(Kind::kFailed,
+                    Quoted(directories.front()) + " on the storage is a directory, not a file");
+    }
+}
+
+void RemoveDir(Session& session, const Place& place, const std::string& name) {
+    CheckRoot(session, place);
+    const std::string path = place.PathOf(name);
+    const std::optional<Attributes> there = LookAt(session, path);
+    if (!there) return;
+    if (there->IsDirectory()) {
+        RemoveBelow(session, path, true);
+        return;
+    }
+    if (!there->IsLink()) return;
+    Reply target = session.Wait(SendPath(session, Type::kStat, path));
+    if (target.type == Type::kAttrs && target.fields.Attrs().IsDirectory()) {
+        RemoveFiles(session, {path});
+    }
+}
+
+void Clear(Session& session, const Place& place) {
+    CheckRoot(session, place);
+    RemoveBelow(session, place.root(), false);
+}
+
+}  // namespace quarn2::sftp

@@ -1,0 +1,366 @@
+#include "backends/sftp/upload.h"
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <set>
+#include <utility>
+
+#include "backends/sftp/dir_sync.h"
+#include "backends/sftp/tree.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+constexpr std::uint32_t kFileMode = 0640;
+// Read from the source at once.
+constexpr std::size_t kBlock = 1024UL * 1024;
+// Sent and not yet answered: more than is under way on any link that a server's window lets be
+// filled. Costs no memory here.
+constexpr std::size_t kMostUnderWay = 8UL * 1024 * 1024;
+// Uploads write several times a second: a temporary file that does not change for so long is one
+// that was left, if nobody on this machine writes to it.
+constexpr int kWatchMilliseconds = 3000;
+// Free space below this is none: the write that failed was larger or as large.
+constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
+// A disk that is slower than this when it syncs is broken.
+constexpr std::int64_t kSlowestSync = 4LL * 1024 * 1024;
+constexpr int kRenameAttempts = 5;
+constexpr int kOpenAttempts = 3;
+
+const char* const kSync = "fsync@openssh.com";
+const char* const kSpace = "statvfs@openssh.com";
+const char* const kPosixRename = "posix-rename@openssh.com";
+
+// The storage has no room for the file.
+struct NoRoom {};
+
+bool Contains(const std::string& text, std::string_view word) {
+    return str::Lower(text).find(word) != std::string::npos;
+}
+
+class Uploader {
+  public:
+    Uploader(Session& session, const Place& place, const std::string& name, ByteSource& source,
+             UploadState& state)
+        : session_(session),
+          place_(place),
+          name_(name),
+          path_(place.PathOf(name)),
+          directories_{kro_file::Path(path_)},
+          source_(source),
+          state_(state) {}
+
+    bool Run() {
+        try {
+            Open();
+            state_.started = true;
+            SendAll();
+            Finish();
+            Rename();
+            state_.temporary.clear();
+            sync_.Finish();
+        } catch (const NoRoom&) {
+            Discard();
+            return false;
+        } catch (...) {
+            Discard();
+            throw;
+        }
+        return true;
+    }
+
+  private:
+    std::uint32_t SendPath(Type type, const std::string& path) {
+        return session_.Send(std::move(Request(type).Text(path)));
+    }
+    std::uint32_t SendHandle(Type type) { return SendPath(type, handle_); }
+
+    // --- The temporary file ---
+
+    void Open() {
+        state_.lock.Release();
+        const std::uint32_t root = AskForRoot(session_, place_);
+        for (const std::string& path : TemporaryPaths(path_)) {
+            if (!state_.lock.TryTake(place_.server() + path)) continue;
+            std::uint32_t opened = SendOpen(path);
+            CheckRootOnce(root, opened);
+            if (TryOpen(path, opened)) return;
+        }
+        CheckRootOnce(root, 0);
+        throw Error(Kind::kUnavailable, "too many uploads of " + Quoted(path_) + " are under way");
+    }
+
+    void CheckRootOnce(std::uint32_t root, std::uint32_t opened) {
+        if (std::exchange(root_checked_, true)) return;
+        Reply answer = session_.Wait(root);
+        try {
+            CheckRoot(place_, answer);
+        } catch (...) {
+            session_.Forget(opened);
+            throw;
+        }
+    }
+
+    std::uint32_t SendOpen(const std::string& path) {
+        return session_.Send(std::move(Request(Type::kOpen)
+                                           .Text(path)
+                                           .U32(kOpenWrite | kOpenCreate | kOpenExclusive)
+                                           .Mode(kFileMode)));
+    }
+
+    // False when another machine writes under this name.
+    bool TryOpen(const std::string& path, std::uint32_t id) {
+        for (int failures = 0;; id = SendOpen(path)) {
+            Reply reply = session_.Wait(id);
+            if (reply.type == Type::kHandle) {
+                handle_ = reply.fields.Text();
+                state_.temporary = path;
+                return true;
+            }
+            const Status status = reply.AsStatus();
+            if (status.code == Code::kNoSuchFile && !made_directories_) {
+                MakeDirectories();
+            } else if (const auto there = LookAt(session_, path)) {
+                if (!IsLeftover(path, *there)) return false;
+                session_.WaitStatus(SendPath(Type::kRemove, path));
+                if (++failures == kOpenAttempts) return false;
+            } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
+                // It may have been another's that just took its final name.
+                Fail("make a file for", status);
+            }
+        }
+    }
+
+    bool IsLeftover(const std::string& path, const Attributes& before) {
+        kro_proc::Sleep(kWatchMilliseconds);
+        const std::optional<Attributes> now = LookAt(session_, path);
+        return !now || (now->size == before.size && now->mtime == before.mtime);
+    }
+
+    void MakeDirectories() {
+        made_directories_ = true;
+        MadeDirs made = MakeDirs(session_, place_, kro_file::Path(name_));
+        if (made.parents.empty() && made.refusal.code != Code::kOk) {
+            const std::string directory = kro_file::Path(path_);
+            const auto there = LookAt(session_, directory);
+            if (!there) Fail("make the directory of", made.refusal);
+            if (there->IsFile()) {
+                throw Error(Kind::kFailed,
+                            Quoted(directory) + " on the storage is not a directory");
+            }
+        }
+        directories_.insert(directories_.end(), made.parents.begin(), made.parents.end());
+    }
+
+    // --- The data ---
+
+    void SendAll() {
+        constexpr std::size_t kRoom = Session::kHeadroom;
+        const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kRoom + kBlock);
+        for (std::int64_t offset = 0; offset < source_.size();) {
+            const std::size_t got = source_.ReadAt(offset, {buffer.get() + kRoom, kBlock});
+            if (got == 0) throw Error(Kind::kFailed, "the source ended early");
+            SendBlock({buffer.get(), kRoom + got}, offset);
+            offset += static_cast<std::int64_t>(got);
+        }
+    }
+
+    // Each piece's head is written over the end of the piece before it, which has been sent.
+    void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
+        while (room_and_data.size() > Session::kHeadroom) {
+            const std::size_t size =
+                std::min(room_and_data.size() - Session::kHeadroom, session_.write_size());
+            while ((writes_.size() + 1) * session_.write_size() > kMostUnderWay) TakeAnswer();
+            Request request(Type::kWrite);
+            request.Text(handle_).U64(static_cast<std::uint64_t>(offset));
+            writes_.insert(session_.SendWithData(std::move(request),
+                                                 room_and_data.first(Session::kHeadroom + size)));
+            room_and_data = room_and_data.subspan(size);
+            offset += static_cast<std::int64_t>(size);
+            while (session_.HasNext()) TakeAnswer();
+        }
+    }
+
+    void TakeAnswer() {
+        Reply reply = session_.Next();
+        if (writes_.erase(reply.id) > 0) CheckDone("write", reply.AsStatus());
+    }
+
+    void CheckDone(const std::string& what, const Status& status) {
+        if (status.code != Code::kOk) Fail(what, status);
+    }
+
+    // --- The end ---
+
+    void Finish() {
+        const bool sync = session_.Offers(kSync);
+        const int patience =
+            static_cast<int>(std::min<std::int64_t>(source_.size() / kSlowestSync, 1'000'000));
+        std::uint32_t synced = 0;
+        if (sync) {
+            synced = session_.Send(std::move(Request(Type::kExtended).Text(kSync).Text(handle_)));
+            later_.push_back(synced);
+        }
+        const std::uint32_t measured = SendHandle(Type::kFstat);
+        const std::uint32_t closed = SendHandle(Type::kClose);
+        const std::uint32_t seen = SendPath(Type::kLstat, state_.temporary);
+        handle_.clear();
+        sync_.Open(directories_);
+        later_.insert(later_.end(), {measured, closed, seen});
+        while (!writes_.empty()) {
+            const std::uint32_t id = *writes_.begin();
+            writes_.erase(writes_.begin());
+            CheckDone("write", session_.WaitStatus(id));
+        }
+        if (sync) CheckSynced(session_.WaitStatus(synced, patience));
+        const Attributes own = AttributesIn(session_.Wait(measured));
+        CheckDone("close", session_.WaitStatus(closed, patience));
+        CheckSame(own, session_.Wait(seen));
+        sync_.TakeHandles();
+        source_.CheckUnchanged();
+    }
+
+    void CheckSynced(const Status& status) {
+        if (status.code != Code::kUnsupported) CheckDone("sync", status);
+    }
+
+    Attributes AttributesIn(Reply reply) {
+        if (reply.type != Type::kAttrs) Refused("examine", state_.temporary, reply.AsStatus());
+        return reply.fields.Attrs();
+    }
+
+    // The name must still be that of the file that was written: somebody may have taken it for
+    // abandoned.
+    void CheckSame(const Attributes& own, Reply seen) {
+        if (own.size != static_cast<std::uint64_t>(source_.size())) {
+            throw Error(Kind::kFailed,
+                        Quoted(path_) + " has another size on the storage than sent");
+        }
+        const bool there = seen.type == Type::kAttrs;
+        const Attributes named = there ? seen.fields.Attrs() : Attributes();
+        if (!there || named.size != own.size || named.mtime != own.mtime) {
+            state_.temporary.clear();
+            throw Error(Kind::kUnavailable,
+                        "the temporary file of " + Quoted(path_) +
+                            " was taken away while it was written, as if it were abandoned");
+        }
+    }
+
+    void Rename() {
+        if (!session_.Offers(kPosixRename)) {
+            RenameWithoutReplacing();
+            sync_.Sync();
+            return;
+        }
+        Request request(Type::kExtended);
+        request.Text(kPosixRename).Text(state_.temporary).Text(path_);
+        const std::uint32_t renamed = session_.Send(std::move(request));
+        sync_.Sync();
+        CheckDone("rename a file to", session_.WaitStatus(renamed));
+    }
+
+    Status PlainRename(const std::string& from, const std::string& to) {
+        return session_.WaitStatus(
+            session_.Send(std::move(Request(Type::kRename).Text(from).Text(to))));
+    }
+
+    // The old file goes aside under a name of its own, where a download, a listing and the next
+    // upload find it, until the new one is there.
+    void RenameWithoutReplacing() {
+        const std::string aside = DisplacedPath(path_);
+        Status status;
+        for (int attempt = 0; attempt < kRenameAttempts; ++attempt) {
+            status = PlainRename(state_.temporary, path_);
+            if (status.code == Code::kOk) {
+                session_.WaitStatus(SendPath(Type::kRemove, aside));
+                return;
+            }
+            const std::optional<Attributes> there = LookAt(session_, path_);
+            if (there && there->IsDirectory()) break;
+            if (!there) continue;
+            session_.WaitStatus(SendPath(Type::kRemove, aside));
+            PlainRename(path_, aside);
+        }
+        PlainRename(aside, path_);
+        Fail("rename a file to", status);
+    }
+
+    // --- Failure ---
+
+    // "Failure" is all that most servers say of a full disk.
+    [[noreturn]] void Fail(const std::string& what, const Status& status) {
+        const bool told = status.code == Code::kNoSpace || status.code == Code::kQuotaExceeded ||
+                          Contains(status.text, "no space") || Contains(status.text, "quota");
+        if (told) throw NoRoom();
+        if (status.code == Code::kFailure && IsFull()) throw NoRoom();
+        Refused(what, path_, status);
+    }
+
+    bool IsFull() {
+        if (!session_.Offers(kSpace)) return false;
+        Request request(Type::kExtended);
+        request.Text(kSpace).Text(place_.root());
+        Reply reply = session_.Wait(session_.Send(std::move(request)));
+        if (reply.type != Type::kExtendedReply) return false;
+        Fields& fields = reply.fields;
+        fields.U64();  // the preferred block size
+        const std::uint64_t block = fields.U64();
+        fields.U64();  // all blocks
+        fields.U64();  // free ones
+        const std::uint64_t blocks = fields.U64();
+        const std::uint64_t all_inodes = fields.U64();
+        fields.U64();  // free ones
+        const std::uint64_t inodes = fields.U64();
+        // File systems without a fixed number of inodes tell 0 of 0.
+        return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||
+               (inodes == 0 && all_inodes > 0);
+    }
+
+    // Nothing more can be done where this fails, too: what stays goes with the next upload.
+    void Discard() noexcept {
+        try {
+            for (const std::uint32_t id : writes_) session_.Forget(id);
+            for (const std::uint32_t id : later_) session_.Forget(id);
+            if (session_.broken()) return;
+            if (!handle_.empty()) session_.Forget(SendHandle(Type::kClose));
+            if (state_.temporary.empty()) return;
+            session_.WaitStatus(SendPath(Type::kRemove, state_.temporary));
+            state_.temporary.clear();
+        } catch (const std::exception&) {
+            return;
+        }
+    }
+
+    Session& session_;
+    const Place& place_;
+    const std::string& name_;
+    std::string path_;
+    std::vector<std::string> directories_;  // to be synced
+    ByteSource& source_;
+    UploadState& state_;
+    std::string handle_;
+    bool root_checked_ = false;
+    bool made_directories_ = false;
+    std::set<std::uint32_t> writes_;
+    std::vector<std::uint32_t> later_;
+    DirSync sync_{session_};
+};
+
+}  // namespace
+
+bool Upload(Session& session, const Place& place, const std::string& name, ByteSource& source,
+            UploadState& state) {
+    return Uploader(session, place, name, source, state).Run();
+}
+
+}  // namespace quarn2::sftp

@@ -1,0 +1,20 @@
+#include "backends/sftp/upload_lock.h"
+
+#include "digest.h"
+#include "kro/kro_err.h"
+
+namespace quarn2::sftp {
+
+// Where no lock can be had, the upload goes on as one of another machine would.
+bool UploadLock::TryTake(const std::string& what) {
+    try {
+        std::unique_ptr<NameLock> lock = TryLockName("quarn2-sftp-" + Hex(Sha256(what)));
+        const bool taken = lock != nullptr;
+        if (taken) lock_ = std::move(lock);
+        return taken;
+    } catch (const kro_err::Error&) {
+        return true;
+    }
+}
+
+}  // namespace quarn2::sftp

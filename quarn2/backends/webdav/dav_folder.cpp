@@ -1,0 +1,149 @@
+#include "backends/webdav/dav_folder.h"
+
+#include <ctime>
+#include <optional>
+#include <utility>
+
+#include "kro/kro_file.h"
+#include "kro/kro_proc.h"
+#include "stored_name.h"
+
+namespace quarn2::webdav {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+using Clock = std::chrono::steady_clock;
+
+constexpr std::chrono::seconds kFresh(10);
+constexpr std::size_t kMostFolders = 16;
+// Of longer directories the rest is asked for name by name.
+constexpr std::size_t kMostFiles = 50'000;
+// An upload leaves its temporary file alone for less than this.
+constexpr std::time_t kSurelyDead = 60;
+constexpr int kLookAgainMs = 1000;
+
+std::optional<std::time_t> HttpDate(const std::string& text) {
+    std::tm time = {};
+    const char* const end = strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &time);
+    if (end == nullptr || *end != '\0') return std::nullopt;
+    return timegm(&time);
+}
+
+bool IsSurelyDead(const Resource& file) {
+    const std::optional<std::time_t> modified = HttpDate(file.modified);
+    const std::optional<std::time_t> now = HttpDate(file.now);
+    return modified && now && *now - *modified > kSurelyDead;
+}
+
+}  // namespace
+
+// --- Listing ---
+
+Folder* DavFolders::Find(const std::string& directory) {
+    const auto found = known_.find(directory);
+    if (found == known_.end()) return nullptr;
+    if (Clock::now() - found->second.listed < kFresh) return &found->second;
+    known_.erase(found);
+    return nullptr;
+}
+
+Folder& DavFolders::Remember(const std::string& directory, Folder folder) {
+    if (known_.size() >= kMostFolders) known_.clear();
+    folder.listed = Clock::now();
+    return known_.insert_or_assign(directory, std::move(folder)).first->second;
+}
+
+// Null when there is no such directory.
+Folder* DavFolders::Load(const std::string& directory) {
+    Folder folder;
+    const Resource::Kind kind =
+        server_.List(directory, Ask::kType, [&folder](std::string name, const DavEntry& entry) {
+            if (entry.is_collection) return;
+            if (IsTemporaryEntry(name)) {
+                folder.temporaries.push_back(std::move(name));
+            } else if (folder.files.size() < kMostFiles) {
+                folder.files.insert(std::move(name));
+            }
+        });
+    if (kind != Resource::Kind::kCollection) return nullptr;
+    return &Remember(directory, std::move(folder));
+}
+
+void DavFolders::PrepareToWrite(const std::string& directory, const std::string& file) {
+    Folder* folder = Find(directory);
+    if (folder == nullptr) folder = Load(directory);
+    if (folder == nullptr && directory.empty()) server_.CheckRoot();
+    if (folder == nullptr && !MakeOne(directory)) folder = Load(directory);
+    if (folder == nullptr) folder = &Remember(directory, Folder());
+    folder->files.clear();
+    RemoveLeftovers(*folder, directory, file);
+}
+
+bool DavFolders::PrepareToRemove(const std::string& directory, const std::string& file) {
+    Folder* folder = Find(directory);
+    if (folder == nullptr || folder->files.erase(file) == 0) {
+        folder = Load(directory);
+        if (folder == nullptr) return false;
+        if (folder->files.erase(file) == 0) {
+            RemoveLeftovers(*folder, directory, file);
+            return false;
+        }
+    }
+    RemoveLeftovers(*folder, directory, file);
+    return true;
+}
+
+// --- Leftovers ---
+
+void DavFolders::RemoveLeftovers(Folder& folder, const std::string& directory,
+                                 const std::string& file) {
+    std::erase_if(folder.temporaries, [&](const std::string& entry) {
+        if (!IsTemporaryOf(entry, file)) return false;
+        RemoveLeftover(kro_file::ConcatPath(directory, entry));
+        return true;
+    });
+}
+
+// A temporary file of another writer that is still at work would be missed by it, and its upload
+// would have to begin again. It either grows or is renamed as soon as it is complete.
+void DavFolders::RemoveLeftover(const std::string& name) {
+    const Resource before = server_.Look(name, Ask::kAll);
+    if (!before.IsFile()) return;
+    if (!IsSurelyDead(before)) {
+        kro_proc::Sleep(kLookAgainMs);
+        const Resource after = server_.Look(name, Ask::kAll);
+        if (after.length != before.length || after.modified != before.modified) return;
+    }
+    server_.Delete(name, false);
+}
+
+// --- Making ---
+
+void DavFolders::Make(const std::string& name) { MakeOne(name); }
+
+// False when it was there already.
+bool DavFolders::MakeOne(const std::string& name) {
+    const auto ask = [&] { return server_.Do("MKCOL", server_.address().Directory(name)); };
+    net::HttpReply reply = ask();
+    if (reply.status == kConflict || reply.status == kNotFoundStatus) {
+        const std::string above = kro_file::Path(name);
+        if (above.empty()) {
+            server_.CheckRoot();
+        } else {
+            MakeOne(above);
+        }
+        reply = ask();
+    }
+    if (reply.IsSuccess()) return true;
+    if (reply.status == kNoRoom) throw NoRoomForDirectory();
+    const Resource found = server_.Look(name);
+    if (found.IsCollection()) return false;
+    if (found.IsFile()) {
+        throw Error(Kind::kFailed, Quoted(name) + " on the storage is not a directory");
+    }
+    server_.Refuse("MKCOL", name, reply);
+}
+
+}  // namespace quarn2::webdav

@@ -1,0 +1,242 @@
+#include "backends/webdav/dav_server.h"
+
+#include <exception>
+#include <utility>
+
+#include "kro/kro_file.h"
+#include "kro/str.h"
+#include "stored_name.h"
+
+namespace quarn2::webdav {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+using net::HttpReply;
+using net::HttpRequest;
+using net::HttpResult;
+
+constexpr int kMultistatus = 207;
+constexpr std::size_t kDeletionsAtOnce = 8;
+
+std::string Question(Ask ask) {
+    std::string properties = "<D:resourcetype/>";
+    if (ask != Ask::kType) properties += "<D:getcontentlength/>";
+    if (ask == Ask::kAll) properties += "<D:getlastmodified/><D:quota-available-bytes/>";
+    return "<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+           "<D:propfind xmlns:D=\"DAV:\"><D:prop>" +
+           properties + "</D:prop></D:propfind>\n";
+}
+
+bool IsAbsent(int status) { return status == kNotFoundStatus || status == kGone; }
+
+// What a status may mean that its number does not say.
+std::string Hint(const std::string& method, int status) {
+    switch (status) {
+        case kUnauthorizedStatus:
+            return " (user or password refused, or another 'auth' wanted)";
+        case kForbidden:
+            return " (the server's user has no right to do this)";
+        case kNotAllowed:
+        case 501:
+            return " (is WebDAV switched on for this directory?)";
+        case kTooLarge:
+            return " (larger than the server takes; raise its limit of a request's body)";
+        case 502:
+            return method == "MOVE" ? " (a proxy in front that changes the scheme or host must "
+                                      "change the Destination header too)"
+                                    : "";
+        case kLocked:
+            return " (locked by somebody)";
+        default:
+            return status >= 300 && status < 400
+                       ? " (a redirection; give the storage's own address)"
+                       : "";
+    }
+}
+
+}  // namespace
+
+// One removal on its way.
+struct DavServer::Deletion {
+    explicit Deletion(const std::string& what)
+        : sink(what, [this](const DavEntry& entry) {
+              if (failed == 0 && entry.status >= 300 && !IsAbsent(entry.status)) {
+                  failed = entry.status;
+              }
+          }) {}
+
+    Victim victim;
+    int failed = 0;  // the first status of something below that could not be removed
+    MultistatusSink sink;
+};
+
+DavServer::DavServer(const BackupToken& token, net::ServerSettings settings)
+    : address_(token), client_(std::move(settings)) {}
+
+void DavServer::Note(int status) {
+    const bool refused = status == kUnauthorizedStatus || status == kForbidden;
+    accepted_ = accepted_ || (status < 500 && !refused);
+}
+
+// --- Requests ---
+
+HttpReply DavServer::Do(HttpRequest request) {
+    HttpReply reply = client_.Do(std::move(request));
+    Note(reply.status);
+    return reply;
+}
+
+HttpReply DavServer::Do(const std::string& method, const std::string& url,
+                        std::vector<std::string> headers) {
+    HttpRequest request;
+    request.method = method;
+    request.url = url;
+    request.headers = std::move(headers);
+    return Do(std::move(request));
+}
+
+HttpReply DavServer::Propfind(const std::string& url, int depth, Ask ask,
+                              const MultistatusSink::Take& take) {
+    MultistatusSink sink(what(), take);
+    HttpRequest request;
+    request.method = "PROPFIND";
+    request.url = url;
+    request.headers = {"Depth: " + str::Str(depth), "Content-Type: application/xml"};
+    request.body = std::make_unique<net::TextBody>(Question(ask));
+    request.sink = &sink;
+    HttpReply reply = Do(std::move(request));
+    sink.Finish();
+    return reply;
+}
+
+void DavServer::Refuse(const std::string& method, const std::string& name,
+                       const HttpReply& reply) const {
+    Kind kind = net::KindOfStatus(reply.status);
+    if (reply.status == kLocked) kind = Kind::kUnavailable;
+    // Where others of our requests were welcome it is not the credentials that are refused.
+    if (reply.status == kForbidden && accepted_) kind = Kind::kFailed;
+    throw Error(kind, what() + ": " + method + " of " + Quoted(name) + " was answered with " +
+                          str::Str(reply.status) + Hint(method, reply.status));
+}
+
+// --- Looking ---
+
+Resource DavServer::Look(const std::string& name, Ask ask) {
+    Resource found;
+    bool seen = false;
+    const HttpReply reply = Propfind(address_.File(name), 0, ask, [&](const DavEntry& entry) {
+        if (std::exchange(seen, true)) return;
+        using enum Resource::Kind;
+        found.kind = entry.is_collection ? kCollection : kFile;
+        found.length = entry.length;
+        found.modified = entry.modified;
+        found.available = entry.available;
+    });
+    if (reply.status == kMultistatus && seen) {
+        found.now = reply.Header("date");
+        return found;
+    }
+    if (IsAbsent(reply.status)) return {};
+    // Some say so of whatever is asked for below a file.
+    const bool may_be_below_a_file = reply.status == kBadRequest || reply.status == kConflict;
+    if (may_be_below_a_file && !name.empty() && !Look(kro_file::Path(name)).IsCollection()) {
+        return {};
+    }
+    Refuse("PROPFIND", name, reply);
+}
+
+Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry& take) {
+    using enum Resource::Kind;
+    const std::string prefix = name.empty() ? "" : name + "/";
+    Resource::Kind kind = kCollection;
+    const auto take_one = [&](const DavEntry& entry) {
+        const std::optional<std::string> path = address_.NameOf(entry.href);
+        if (!path) return;
+        if (*path == name) {
+            kind = entry.is_collection ? kCollection : kFile;
+        } else if (str::StartsWith(*path, prefix)) {
+            std::string component = path->substr(prefix.size());
+            // What lies deeper was not asked for.
+            if (component.find('/') == std::string::npos) take(std::move(component), entry);
+        }
+    };
+    for (int attempt = 0;; ++attempt) {
+        const HttpReply reply = Propfind(address_.Directory(name), 1, ask, take_one);
+        if (reply.status == kMultistatus) return kind;
+        const Resource::Kind found = Look(name).kind;
+        if (found != kCollection) return found;
+        // It has been made this very moment, or there is other trouble.
+        if (attempt > 0) Refuse("PROPFIND", name, reply);
+    }
+}
+
+void DavServer::CheckRoot() {
+    if (!Look("").IsNothing()) return;
+    throw Error(Kind::kNotFound, what() + ": the storage's directory does not exist; create it");
+}
+
+// --- Removing ---
+
+std::unique_ptr<DavServer::Deletion> DavServer::NewDeletion(const Victim& victim) const {
+    auto deletion = std::make_unique<Deletion>(what());
+    deletion->victim = victim;
+    return deletion;
+}
+
+void DavServer::CheckDeleted(const Deletion& deletion, const HttpReply& reply) {
+    const std::string& name = deletion.victim.name;
+    if (reply.IsSuccess() && deletion.failed == 0) return;
+    if (IsAbsent(reply.status)) return;
+    const int status = deletion.failed != 0 ? deletion.failed : reply.status;
+    const bool partly = deletion.victim.is_collection &&
+                        (deletion.failed != 0 || status == kLocked || status == kFailedDependency);
+    if (!partly) Refuse("DELETE", name, reply);
+    throw Error(Kind::kFailed, what() + ": not everything below " + Quoted(name) +
+                                   " could be removed: " + str::Str(status) +
+                                   Hint("DELETE", status));
+}
+
+void DavServer::Delete(const std::string& name, bool is_collection) {
+    DeleteAll({{name, is_collection}});
+}
+
+void DavServer::StartDeletion(const Victim& victim, std::exception_ptr& error) {
+    std::shared_ptr<Deletion> deletion = NewDeletion(victim);
+    HttpRequest request;
+    request.method = "DELETE";
+    request.url =
+        victim.is_collection ? address_.Directory(victim.name) : address_.File(victim.name);
+    request.sink = &deletion->sink;
+    client_.Start(std::move(request), [this, &error, deletion](const HttpResult& result) {
+        try {
+            if (result.error) std::rethrow_exception(result.error);
+            Note(result.reply.status);
+            deletion->sink.Finish();
+            CheckDeleted(*deletion, result.reply);
+        } catch (...) {
+            if (!error) error = std::current_exception();
+        }
+    });
+}
+
+void DavServer::DeleteAll(const std::vector<Victim>& victims) {
+    std::exception_ptr error;
+    auto next = victims.begin();
+    try {
+        while (next != victims.end() || client_.running() > 0) {
+            while (next != victims.end() && client_.running() < kDeletionsAtOnce) {
+                StartDeletion(*next++, error);
+            }
+            client_.Wait();
+            if (error) next = victims.end();
+        }
+    } catch (...) {
+        client_.Cancel();
+        throw;
+    }
+    if (error) std::rethrow_exception(error);
+}
+
+}  // namespace quarn2::webdav

@@ -1,0 +1,201 @@
+#include "backend_storage.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <utility>
+
+#include "encryption/encrypted_backend.h"
+#include "kro/kro_err.h"
+#include "kro/kro_new_file.h"
+#include "kro/res_handle.h"
+#include "stored_name.h"
+
+namespace quarn2 {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+// A backup holds everything a user has; it is nobody else's to read.
+constexpr mode_t kDownloadMode = 0640;
+
+struct stat Status(int fd, const std::string& path) {
+    struct stat status = {};
+    if (fstat(fd, &status) != 0) throw kro_err::FromErrno("Failed to examine " + Quoted(path));
+    return status;
+}
+
+// The local file of an upload.
+class FileSource final : public ByteSource {
+  public:
+    FileSource(const std::string& path, TransferObserver* observer)
+        // A named pipe would otherwise hold the open until somebody writes to it.
+        : path_(path),
+          observer_(observer),
+          handle_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
+        if (!handle_) throw kro_err::FromErrno("Failed to open " + Quoted(path));
+        const struct stat status = Status(handle_, path);
+        if (!S_ISREG(status.st_mode)) {
+            throw Error(Kind::kFailed, Quoted(path) + " is not a plain file");
+        }
+        size_ = status.st_size;
+        if (observer_ != nullptr) observer_->Begin(size_);
+    }
+
+    std::int64_t size() const override { return size_; }
+
+    std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
+        if (offset < 0 || offset > size_) {
+            throw Error(Kind::kFailed, "read behind the end of " + Quoted(path_));
+        }
+        const std::size_t wanted =
+            static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), Left(offset)));
+        std::size_t done = 0;
+        while (done < wanted) {
+            const ssize_t got = pread(handle_, buffer.data() + done, wanted - done,
+                                      offset + static_cast<std::int64_t>(done));
+            if (got < 0 && errno == EINTR) continue;
+            if (got < 0) throw kro_err::FromErrno("Failed to read " + Quoted(path_));
+            if (got == 0) Changed();
+            done += static_cast<std::size_t>(got);
+        }
+        Advance(static_cast<std::int64_t>(done));
+        return done;
+    }
+
+    int Descriptor() const override { return handle_; }
+
+    void Advance(std::int64_t bytes) override {
+        if (observer_ != nullptr) observer_->Advance(bytes);
+    }
+
+    void CheckUnchanged() override {
+        if (Status(handle_, path_).st_size != size_) Changed();
+    }
+
+  private:
+    std::uint64_t Left(std::int64_t offset) const {
+        return static_cast<std::uint64_t>(size_ - offset);
+    }
+
+    [[noreturn]] void Changed() const {
+        throw Error(Kind::kFailed, Quoted(path_) + " changed its length while it was uploaded");
+    }
+
+    std::string path_;
+    TransferObserver* observer_;
+    ResHandle handle_;
+    std::int64_t size_ = 0;
+};
+
+// The new local file of a download.
+class FileSink final : public ByteSink {
+  public:
+    FileSink(int fd, const std::string& path, TransferObserver* observer)
+        : fd_(fd), path_(path), observer_(observer) {}
+
+    void Expect(std::int64_t size) override {
+        if (observer_ != nullptr) observer_->Begin(size);
+        expected_ = true;
+    }
+
+    void Advance(std::int64_t bytes) override {
+        Begin();
+        if (observer_ != nullptr) observer_->Advance(bytes);
+    }
+
+    // For a backend that does not tell the size; a transfer of no bytes begins too.
+    void Begin() {
+        if (!std::exchange(expected_, true) && observer_ != nullptr) observer_->Begin(-1);
+    }
+
+    void Write(std::span<const std::byte> bytes) override {
+        while (!bytes.empty()) {
+            const ssize_t done = write(fd_, bytes.data(), bytes.size());
+            if (done < 0 && errno == EINTR) continue;
+            if (done < 0) throw kro_err::FromErrno("Failed to write " + Quoted(path_));
+            bytes = bytes.subspan(static_cast<std::size_t>(done));
+            Advance(done);
+        }
+    }
+
+    int Descriptor() const override { return fd_; }
+
+  private:
+    int fd_;
+    std::string path_;
+    TransferObserver* observer_;
+    bool expected_ = false;
+};
+
+// The kinds of a download's failure speak of the storage: trouble with the local side is kFailed.
+std::unique_ptr<kro_file::NewFile> NewLocalFile(const std::string& local) {
+    try {
+        return std::make_unique<kro_file::NewFile>(local, kDownloadMode);
+    } catch (const Error& error) {
+        throw Error(Kind::kFailed, error.what());
+    }
+}
+
+}  // namespace
+
+BackendStorage::BackendStorage(std::unique_ptr<StorageBackend> backend, BackupToken token)
+    : backend_(std::move(backend)), token_(std::move(token)) {}
+
+void BackendStorage::Download(const std::string& remote, const std::string& local) {
+    CheckStoredName(remote);
+    const std::unique_ptr<kro_file::NewFile> file = NewLocalFile(local);
+    FileSink sink(file->fd(), local, observer());
+    backend_->Get(remote, sink);
+    sink.Begin();
+    using Durability = kro_file::NewFile::Durability;
+    file->Commit(sync_deferred() ? Durability::kLater : Durability::kNow);
+}
+
+bool BackendStorage::Upload(const std::string& remote, const std::string& local) {
+    CheckStoredName(remote);
+    FileSource source(local, observer());
+    return backend_->Put(remote, source);
+}
+
+void BackendStorage::Clear() { backend_->Clear(); }
+
+void BackendStorage::RemoveFile(const std::string& remote) {
+    if (remote.empty()) return;
+    CheckStoredName(remote);
+    backend_->Remove(remote);
+}
+
+void BackendStorage::SyncRemovals(const std::string& directory) {
+    if (!directory.empty()) CheckStoredName(directory);
+    backend_->SyncRemovals(directory);
+}
+
+void BackendStorage::List(std::vector<std::string>& names, const std::string& directory) {
+    if (!directory.empty()) CheckStoredName(directory);
+    names = backend_->List(directory);
+    std::sort(names.begin(), names.end());
+}
+
+void BackendStorage::RemoveDir(const std::string& remote) {
+    // An empty name is refused with the other bad ones: it would be the root.
+    CheckStoredName(remote);
+    backend_->RemoveDir(remote);
+}
+
+void BackendStorage::DoMkDir(const std::string& directory) {
+    CheckStoredName(directory);
+    backend_->MakeDir(directory);
+}
+
+std::string BackendStorage::KeyHash() { return token_.Hash(); }
+
+std::int64_t BackendStorage::StoredSize(const std::string& local, std::int64_t size) {
+    return token_.Param("arch_password").empty() ? size : SizeEncrypted(local, size);
+}
+
+}  // namespace quarn2

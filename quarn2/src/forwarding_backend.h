@@ -1,0 +1,33 @@
+// What wrappers around a backend have in common.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quarn2_backend/storage_backend.h"
+
+namespace quarn2 {
+
+// Hands on every operation that carries no bytes; a wrapper adds Put and Get.
+class ForwardingBackend : public StorageBackend {
+  public:
+    explicit ForwardingBackend(std::unique_ptr<StorageBackend> backend)
+        : backend_(std::move(backend)) {}
+
+    void Remove(const std::string& name) override { backend_->Remove(name); }
+    void RemoveDir(const std::string& name) override { backend_->RemoveDir(name); }
+    void SyncRemovals(const std::string& name) override { backend_->SyncRemovals(name); }
+    void MakeDir(const std::string& name) override { backend_->MakeDir(name); }
+    std::vector<std::string> List(const std::string& name) override { return backend_->List(name); }
+    void Clear() override { backend_->Clear(); }
+
+  protected:
+    StorageBackend& backend() const noexcept { return *backend_; }
+
+  private:
+    std::unique_ptr<StorageBackend> backend_;
+};
+
+}  // namespace quarn2

@@ -1,0 +1,157 @@
+#include "idle_backends.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "kro/kro_err.h"
+
+namespace quarn2 {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// As many as a node client uploads at once.
+constexpr std::size_t kMostIdle = 5;
+// Servers close what is silent for long, and a connection that is not needed is theirs to give to
+// others.
+constexpr std::chrono::seconds kLongestIdle(30);
+
+class IdleBackends {
+  public:
+    void Keep(const BackupToken& token, std::unique_ptr<StorageBackend> backend) {
+        std::vector<Entry> old;
+        const std::lock_guard lock(mutex_);
+        PutAsideAfterFork();
+        if (entries_.size() >= kMostIdle) {
+            old.push_back(std::move(entries_.front()));
+            entries_.erase(entries_.begin());
+        }
+        entries_.push_back({token, std::move(backend), Clock::now()});
+    }
+
+    // Null when none is there.
+    std::unique_ptr<StorageBackend> Take(const BackupToken& token) {
+        std::vector<Entry> old;
+        const std::lock_guard lock(mutex_);
+        PutAsideAfterFork();
+        TakeOld(old);
+        // The one that was used last is the likeliest to be connected still.
+        const auto found = std::find_if(entries_.rbegin(), entries_.rend(),
+                                        [&](const Entry& entry) { return entry.token == token; });
+        if (found == entries_.rend()) return nullptr;
+        std::unique_ptr<StorageBackend> backend = std::move(found->backend);
+        entries_.erase(std::next(found).base());
+        return backend;
+    }
+
+  private:
+    struct Entry {
+        BackupToken token;
+        std::unique_ptr<StorageBackend> backend;
+        Clock::time_point since;
+    };
+
+    // A connection belongs to the process that opened it. Closing it here would say good-bye on the
+    // other's behalf, so it is only put aside.
+    void PutAsideAfterFork() {
+        if (std::exchange(process_, getpid()) == process_) return;
+        std::move(entries_.begin(), entries_.end(), std::back_inserter(of_other_processes_));
+        entries_.clear();
+    }
+
+    // Entries lie in the order of their time. They are closed by the caller, without the lock.
+    void TakeOld(std::vector<Entry>& old) {
+        const auto first_young = std::find_if(entries_.begin(), entries_.end(), [](const Entry& e) {
+            return Clock::now() - e.since < kLongestIdle;
+        });
+        std::move(entries_.begin(), first_young, std::back_inserter(old));
+        entries_.erase(entries_.begin(), first_young);
+    }
+
+    std::mutex mutex_;
+    pid_t process_ = getpid();
+    std::vector<Entry> entries_;
+    std::vector<Entry> of_other_processes_;
+};
+
+// Never destroyed: at the end of a process the libraries below may be gone already.
+IdleBackends& Idle() {
+    static IdleBackends& idle = *new IdleBackends;
+    return idle;
+}
+
+class KeptBackend final : public StorageBackend {
+  public:
+    KeptBackend(BackupToken token, std::unique_ptr<StorageBackend> backend)
+        : token_(std::move(token)), backend_(std::move(backend)) {}
+
+    ~KeptBackend() override {
+        if (failed_) return;
+        try {
+            Idle().Keep(token_, std::move(backend_));
+        } catch (const std::exception&) {
+            // Without memory for the list the connection is closed, which loses nothing.
+            backend_.reset();
+        }
+    }
+
+    bool Put(const std::string& name, ByteSource& source) override {
+        return Watched([&] { return backend_->Put(name, source); });
+    }
+    void Get(const std::string& name, ByteSink& sink) override {
+        Watched([&] { backend_->Get(name, sink); });
+    }
+    void Remove(const std::string& name) override {
+        Watched([&] { backend_->Remove(name); });
+    }
+    void RemoveDir(const std::string& name) override {
+        Watched([&] { backend_->RemoveDir(name); });
+    }
+    void SyncRemovals(const std::string& name) override {
+        Watched([&] { backend_->SyncRemovals(name); });
+    }
+    void MakeDir(const std::string& name) override {
+        Watched([&] { backend_->MakeDir(name); });
+    }
+    std::vector<std::string> List(const std::string& name) override {
+        return Watched([&] { return backend_->List(name); });
+    }
+    void Clear() override {
+        Watched([&] { backend_->Clear(); });
+    }
+
+  private:
+    template <class Action>
+    std::invoke_result_t<Action> Watched(const Action& action) {
+        try {
+            return action();
+        } catch (const kro_err::Error& error) {
+            failed_ = failed_ || error.kind() != kro_err::Kind::kNotFound;
+            throw;
+        } catch (...) {
+            failed_ = true;
+            throw;
+        }
+    }
+
+    BackupToken token_;
+    std::unique_ptr<StorageBackend> backend_;
+    bool failed_ = false;
+};
+
+}  // namespace
+
+std::unique_ptr<StorageBackend> TakeBackend(
+    const BackupToken& token, const std::function<std::unique_ptr<StorageBackend>()>& open) {
+    std::unique_ptr<StorageBackend> backend = Idle().Take(token);
+    if (backend == nullptr) backend = open();
+    return std::make_unique<KeptBackend>(token, std::move(backend));
+}
+
+}  // namespace quarn2

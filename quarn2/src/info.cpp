@@ -1,0 +1,180 @@
+#include "quarn2/info.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <iterator>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "info_places.h"
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "kro/str.h"
+#include "quarn2/info_reader.h"
+#include "quarn2/names.h"
+#include "sort_paths.h"
+#include "stored_name.h"
+
+namespace quarn2 {
+
+namespace {
+
+constexpr std::string_view kInfo = ".info";
+
+struct DirCloser {
+    void operator()(DIR* directory) const noexcept { closedir(directory); }
+};
+
+class Finder {
+  public:
+    Finder(bool deep, const std::string& user, const std::string& date)
+        : deep_(deep), user_(user), date_(date) {}
+
+    // `depth`: how many names of users may still be descended into.
+    void Search(const std::string& directory, int depth) {
+        std::vector<std::string> below;
+        ReadDirectory(directory, below);
+        for (const std::string& name : below) {
+            const std::string path = kro_file::ConcatPath(directory, name);
+            if (deep_) {
+                Search(path, 0);
+            } else if (IsDateName(name)) {
+                std::vector<std::string> ignored;
+                ReadDirectory(path, ignored);
+            } else if (depth > 0) {
+                SearchUser(path);
+            }
+        }
+    }
+
+    std::vector<std::string>& found() { return found_; }
+
+  private:
+    static bool IsDateName(const std::string& name) {
+        return name == "custom" || kro_date::IsDate(name);
+    }
+
+    // The info files that lie in a user's directory itself belong to no form of backup.
+    void SearchUser(const std::string& directory) {
+        std::vector<std::string> below;
+        Walk(directory, [&below](std::string_view name, unsigned char type) {
+            if (type == DT_DIR) below.emplace_back(name);
+        });
+        std::vector<std::string> ignored;
+        for (const std::string& name : below) {
+            if (IsDateName(name)) ReadDirectory(kro_file::ConcatPath(directory, name), ignored);
+        }
+    }
+
+    // Notes the info files and adds the directories to `below`.
+    void ReadDirectory(const std::string& directory, std::vector<std::string>& below) {
+        Walk(directory, [&](std::string_view name, unsigned char type) {
+            if (type == DT_DIR) {
+                below.emplace_back(name);
+            } else if (type == DT_REG && IsWanted(name)) {
+                found_.push_back(kro_file::ConcatPath(directory, std::string(name)));
+            }
+        });
+    }
+
+    bool IsWanted(std::string_view name) const {
+        if (!str::EndsWith(name, kInfo) || kro_file::IsTemporaryName(name)) return false;
+        if (user_.empty() && date_.empty()) return true;
+        const std::string text(name);
+        return (user_.empty() || GetUserName(text) == user_) &&
+               (date_.empty() || GetDate(text) == date_);
+    }
+
+    template <class Visit>
+    static void Walk(const std::string& directory, const Visit& visit) {
+        const std::unique_ptr<DIR, DirCloser> opened(opendir(directory.c_str()));
+        if (opened == nullptr) {
+            if (errno == ENOENT) return;
+            throw kro_err::FromErrno("Failed to list " + Quoted(directory));
+        }
+        for (;;) {
+            errno = 0;
+            const dirent* const entry = readdir(opened.get());
+            if (entry == nullptr && errno != 0) {
+                throw kro_err::FromErrno("Failed to list " + Quoted(directory));
+            }
+            if (entry == nullptr) return;
+            const std::string_view name = static_cast<const char*>(entry->d_name);
+            if (name != "." && name != "..") visit(name, TypeOf(dirfd(opened.get()), *entry));
+        }
+    }
+
+    // Only an entry whose type the directory does not tell costs a look at the file. A link to a
+    // file counts as that file, one to a directory as nothing.
+    static unsigned char TypeOf(int directory, const dirent& entry) {
+        if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type;
+        struct stat status = {};
+        const char* const name = static_cast<const char*>(entry.d_name);
+        if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+        if (S_ISDIR(status.st_mode)) return DT_DIR;
+        if (S_ISLNK(status.st_mode) && fstatat(directory, name, &status, 0) != 0) return DT_UNKNOWN;
+        return S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
+    }
+
+    bool deep_;
+    const std::string& user_;
+    const std::string& date_;
+    std::vector<std::string> found_;
+};
+
+}  // namespace
+
+InfoMap GetInfo(const std::string& path) {
+    InfoReader reader;
+    reader.Read(path);
+    InfoMap info;
+    for (const auto& [key, value] : reader.entries()) {
+        // The program writes the keys in order, so the end is the place for nearly all of them.
+        info.insert_or_assign(info.end(), std::string(key), value);
+    }
+    return info;
+}
+
+std::vector<std::string> InfoPlaces(const std::string& directory, const std::string& user,
+                                    const std::string& date) {
+    const std::string name = date + "." + user + std::string(kInfo);
+    if (directory.empty()) return {name};
+    std::vector<std::string> places = {kro_file::ConcatPath(directory, name)};
+    // "x....info" is a name like others: of a user that would lead out of the directory.
+    constexpr std::string_view kAbove = "..";
+    if (date == kAbove) return places;
+    const std::string dated = kro_file::ConcatPath(date, name);
+    places.push_back(kro_file::ConcatPath(directory, dated));
+    if (user == kAbove) return places;
+    places.push_back(kro_file::ConcatPath(directory, kro_file::ConcatPath(user, dated)));
+    return places;
+}
+
+std::string GetInfoFile(const std::string& directory, const std::string& user,
+                        const std::string& date) {
+    const std::vector<std::string> places = InfoPlaces(directory, user, date);
+    const auto found = std::find_if(places.begin(), places.end(), kro_file::Exists);
+    return found == places.end() ? places.front() : *found;
+}
+
+void GetInfoFiles(std::list<std::string>& list, const std::string& directory, bool deep,
+                  const std::string& user, const std::string& date) {
+    Finder finder(deep, user, date);
+    finder.Search(directory.empty() ? "." : directory, 1);
+    list = SortedPaths(std::move(finder.found()));
+}
+
+std::string GetLastSliceLocalPath(const std::string& path) {
+    const bool is_info = str::EndsWith(path, kInfo);
+    InfoMap info = GetInfo(
+        is_info ? path : GetInfoFile(kro_file::Path(path), GetUserName(path), GetDate(path)));
+    return str::GetWord(info["last-slice"]);
+}
+
+}  // namespace quarn2

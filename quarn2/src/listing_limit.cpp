@@ -1,0 +1,25 @@
+#include "listing_limit.h"
+
+#include "kro/kro_err.h"
+#include "kro/str.h"
+
+namespace quarn2 {
+
+void ListingLimit::Count(std::size_t bytes) {
+    ++entries_;
+    bytes_ += bytes;
+    if (entries_ > kMostEntries || bytes_ > kMostBytes) Refuse();
+}
+
+void ListingLimit::CheckDepth(std::size_t depth) const {
+    if (depth <= kDeepest) return;
+    throw kro_err::Error(kro_err::Kind::kFailed, what_ + " shows directories without end");
+}
+
+void ListingLimit::Refuse() const {
+    throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": a listing without end, of more than " +
+                                                     str::Str(kMostEntries) + " names or " +
+                                                     str::Str(kMostBytes >> 20U) + " MiB");
+}
+
+}  // namespace quarn2

@@ -1,0 +1,385 @@
+#include "net/http_client.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <exception>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "kro/str.h"
+
+namespace quarn2::net {
+
+namespace {
+
+using kro_err::Error;
+using kro_err::Kind;
+
+constexpr std::size_t kLongestRefusal = 64UL * 1024;
+constexpr std::size_t kLongestAnswer = 16UL * 1024 * 1024;
+constexpr std::size_t kLongestHeaders = 256UL * 1024;
+// A 100, an invitation to authenticate, and the answer itself.
+constexpr int kMostAnswers = 100;
+constexpr int kPollMs = 1000;
+constexpr long kKeptConnections = 16;
+// A server may refuse a body before it is sent; asking costs a round trip, which only pays for
+// bodies that take longer than that to send.
+constexpr std::int64_t kWorthAsking = 1024L * 1024;
+
+}  // namespace
+
+std::string HttpReply::Header(const std::string& name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? std::string() : found->second;
+}
+
+kro_err::Kind KindOfStatus(int status) noexcept {
+    constexpr int kRequestTimeout = 408;
+    constexpr int kTooManyRequests = 429;
+    if (status == 401 || status == 403 || status == 407) return Kind::kUnauthorized;
+    if (status == 404 || status == 410) return Kind::kNotFound;
+    if (status == kRequestTimeout || status == kTooManyRequests || status >= 500) {
+        return Kind::kUnavailable;
+    }
+    return Kind::kFailed;
+}
+
+// One request on its way. The handle is used again for later ones: it remembers what a digest
+// authentication needs.
+class HttpClient::Transfer {
+  public:
+    explicit Transfer(HttpClient& client)
+        : handle_(client.settings_),
+          what_(client.what()),
+          timeout_(client.settings_.timeout),
+          waited_(client.waited_),
+          headers_came_(client.headers_came_) {
+        handle_.TellSockets(client.sockets_);
+        handle_.Set(CURLOPT_PROTOCOLS_STR, "http,https");
+        // Parallel transfers share no connection this way, and none waits for another.
+        handle_.Set(CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+        handle_.Set(CURLOPT_PATH_AS_IS, 1);
+        handle_.SetFunction(CURLOPT_READFUNCTION, OnRead);
+        handle_.SetPointer(CURLOPT_READDATA, this);
+        handle_.SetFunction(CURLOPT_SEEKFUNCTION, OnSeek);
+        handle_.SetPointer(CURLOPT_SEEKDATA, this);
+        handle_.SetFunction(CURLOPT_WRITEFUNCTION, OnWrite);
+        handle_.SetPointer(CURLOPT_WRITEDATA, this);
+        handle_.SetFunction(CURLOPT_HEADERFUNCTION, OnHeader);
+        handle_.SetPointer(CURLOPT_HEADERDATA, this);
+        handle_.SetPointer(CURLOPT_PRIVATE, this);
+        handle_.Set(CURLOPT_NOPROGRESS, 0);
+        handle_.SetFunction(CURLOPT_XFERINFOFUNCTION, OnProgress);
+        handle_.SetPointer(CURLOPT_XFERINFODATA, this);
+    }
+
+    CURL* handle() const noexcept { return handle_.get(); }
+
+    void Prepare(HttpRequest request, Done done) {
+        request_ = std::move(request);
+        done_ = std::move(done);
+        reply_ = HttpReply();
+        header_bytes_ = 0;
+        answers_ = 0;
+        refusal_bytes_ = 0;
+        begun_ = false;
+        thrown_ = nullptr;
+        moved_ = 0;
+        moved_at_ = waited_;
+        is_stalled_ = false;
+        headers_ = std::make_unique<CurlList>();
+        for (const std::string& header : request_.headers) headers_->Add(header);
+        const bool asks = request_.body != nullptr && request_.body->size() >= kWorthAsking;
+        if (!asks) headers_->Add("Expect:");
+        handle_.SetList(CURLOPT_HTTPHEADER, *headers_);
+        handle_.Set(CURLOPT_URL, request_.url);
+        SetMethod();
+    }
+
+    HttpResult Result(CURLcode code) {
+        HttpResult result;
+        try {
+            if (thrown_) std::rethrow_exception(thrown_);
+            if (is_stalled_) {
+                throw Error(Kind::kUnavailable,
+                            what_ + ": nothing has moved for " + str::Str(timeout_) + " seconds");
+            }
+            if (code != CURLE_OK) handle_.Throw(code);
+            reply_.status = Status();
+            if (reply_.IsSuccess()) Begin();
+            result.reply = std::move(reply_);
+        } catch (...) {
+            result.error = std::current_exception();
+        }
+        return result;
+    }
+
+    // Lets go of what belongs to the request.
+    Done Release() {
+        request_ = HttpRequest();
+        return std::exchange(done_, nullptr);
+    }
+
+  private:
+    void SetMethod() {
+        // In this order: each of the three changes what the ones before it have set.
+        handle_.Set(CURLOPT_HTTPGET, 1);
+        handle_.Set(CURLOPT_NOBODY, request_.method == "HEAD" ? 1 : 0);
+        if (request_.body != nullptr) {
+            handle_.Set(CURLOPT_UPLOAD, 1);
+            handle_.SetSize(CURLOPT_INFILESIZE_LARGE, request_.body->size());
+        }
+        if (request_.method == "HEAD") {
+            handle_.Clear(CURLOPT_CUSTOMREQUEST);
+        } else {
+            handle_.Set(CURLOPT_CUSTOMREQUEST, request_.method);
+        }
+    }
+
+    int Status() const { return static_cast<int>(handle_.Info(CURLINFO_RESPONSE_CODE)); }
+
+    void Begin() {
+        if (std::exchange(begun_, true) || request_.sink == nullptr) return;
+        request_.sink->Begin(reply_);
+    }
+
+    // Exceptions must not cross the C library: they wait until the transfer has ended.
+    template <class Action, class Result>
+    Result Guarded(const Action& action, Result on_error) noexcept {
+        try {
+            return action();
+        } catch (...) {
+            thrown_ = std::current_exception();
+            return on_error;
+        }
+    }
+
+    static std::size_t OnRead(char* buffer, std::size_t size, std::size_t count, void* data) {
+        auto* const self = static_cast<Transfer*>(data);
+        const std::size_t error = CURL_READFUNC_ABORT;
+        return self->Guarded(
+            [&] {
+                return self->request_.body->Read(
+                    std::as_writable_bytes(std::span(buffer, size * count)));
+            },
+            error);
+    }
+
+    static int OnSeek(void* data, curl_off_t offset, int origin) {
+        auto* const self = static_cast<Transfer*>(data);
+        if (offset != 0 || origin != SEEK_SET || self->request_.body == nullptr) {
+            return CURL_SEEKFUNC_CANTSEEK;
+        }
+        const int error = CURL_SEEKFUNC_FAIL;
+        return self->Guarded(
+            [self] {
+                self->request_.body->Rewind();
+                return CURL_SEEKFUNC_OK;
+            },
+            error);
+    }
+
+    static std::size_t OnWrite(char* buffer, std::size_t size, std::size_t count, void* data) {
+        auto* const self = static_cast<Transfer*>(data);
+        const auto bytes = std::as_bytes(std::span(buffer, size * count));
+        const std::size_t error = bytes.empty() ? 1 : 0;
+        return self->Guarded(
+            [self, bytes] {
+                self->Take(bytes);
+                return bytes.size();
+            },
+            error);
+    }
+
+    static std::size_t OnHeader(char* buffer, std::size_t size, std::size_t count, void* data) {
+        auto* const self = static_cast<Transfer*>(data);
+        const std::string_view line(buffer, size * count);
+        const std::size_t error = 0;
+        return self->Guarded(
+            [self, line] {
+                self->TakeHeader(line);
+                return line.size();
+            },
+            error);
+    }
+
+    // libcurl's own watch takes seconds more than the timeout. What a source or a sink takes is not
+    // the server's fault, nor is what those of other requests take.
+    static int OnProgress(void* data, curl_off_t /*down_total*/, curl_off_t down,
+                          curl_off_t /*up_total*/, curl_off_t up) {
+        auto* const self = static_cast<Transfer*>(data);
+        if (down + up != self->moved_) self->moved_at_ = self->waited_;
+        self->moved_ = down + up;
+        self->is_stalled_ = self->waited_ - self->moved_at_ > std::chrono::seconds(self->timeout_);
+        return self->is_stalled_ ? 1 : 0;
+    }
+
+    void Take(std::span<const std::byte> bytes) {
+        reply_.status = Status();
+        if (reply_.IsSuccess() && request_.sink != nullptr) {
+            Begin();
+            request_.sink->Write(bytes);
+            return;
+        }
+        const bool success = reply_.IsSuccess();
+        if (success && reply_.body.size() + bytes.size() > kLongestAnswer) {
+            throw Error(Kind::kUnavailable, what_ + ": an answer without end");
+        }
+        if (!success) refusal_bytes_ += bytes.size();
+        if (refusal_bytes_ > kLongestAnswer) {
+            throw Error(Kind::kUnavailable, what_ + ": a refusal without end");
+        }
+        const std::size_t room =
+            success ? bytes.size()
+                    : kLongestRefusal - std::min(kLongestRefusal, reply_.body.size());
+        reply_.body.append(reinterpret_cast<const char*>(bytes.data()),
+                           std::min(room, bytes.size()));
+    }
+
+    // Of several answers to one request (a 100, an invitation to authenticate) the last counts.
+    void TakeHeader(std::string_view line) {
+        moved_at_ = waited_;
+        if (str::StartsWith(line, "HTTP/")) {
+            if (++answers_ > kMostAnswers) {
+                throw Error(Kind::kUnavailable, what_ + ": answers to one request without end");
+            }
+            reply_.headers.clear();
+            reply_.body.clear();
+            header_bytes_ = 0;
+            return;
+        }
+        header_bytes_ += line.size();
+        if (header_bytes_ > kLongestHeaders) {
+            throw Error(Kind::kUnavailable, what_ + ": headers without end");
+        }
+        if (line == "\r\n") headers_came_ = true;
+        const std::size_t colon = line.find(':');
+        if (colon == std::string_view::npos) return;
+        reply_.headers[str::Lower(str::Trimmed(line.substr(0, colon)))] =
+            str::Trimmed(line.substr(colon + 1));
+    }
+
+    CurlHandle handle_;
+    std::string what_;
+    int timeout_;
+    // How long the client has waited for the network so far, and had when something last moved.
+    const Clock::duration& waited_;
+    Clock::duration moved_at_{};
+    curl_off_t moved_ = 0;
+    bool is_stalled_ = false;
+    bool& headers_came_;
+    std::unique_ptr<CurlList> headers_;
+    HttpRequest request_;
+    Done done_;
+    HttpReply reply_;
+    std::size_t header_bytes_ = 0;
+    std::size_t refusal_bytes_ = 0;
+    int answers_ = 0;
+    bool begun_ = false;
+    std::exception_ptr thrown_;
+};
+
+HttpClient::HttpClient(ServerSettings settings)
+    : settings_(std::move(settings)), multi_(Curl().multi_init()) {
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl makes no transfer handle");
+    Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kKeptConnections);
+}
+
+HttpClient::~HttpClient() {
+    Cancel();
+    // The handles go before the connections that they used.
+    idle_.clear();
+    Curl().multi_cleanup(multi_);
+}
+
+std::unique_ptr<HttpClient::Transfer> HttpClient::TakeTransfer() {
+    if (idle_.empty()) return std::make_unique<Transfer>(*this);
+    std::unique_ptr<Transfer> transfer = std::move(idle_.back());
+    idle_.pop_back();
+    return transfer;
+}
+
+void HttpClient::Start(HttpRequest request, Done done) {
+    std::unique_ptr<Transfer> transfer = TakeTransfer();
+    transfer->Prepare(std::move(request), std::move(done));
+    CURL* const handle = transfer->handle();
+    const CURLMcode code = Curl().multi_add_handle(multi_, handle);
+    if (code != CURLM_OK) throw Error(Kind::kFailed, Curl().multi_strerror(code));
+    running_.emplace(handle, std::move(transfer));
+}
+
+// True when something had ended. Whoever is called may start requests.
+bool HttpClient::Finish() {
+    int left = 0;
+    bool any = false;
+    while (const CURLMsg* const message = Curl().multi_info_read(multi_, &left)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        CURL* const handle = message->easy_handle;
+        const CURLcode code = message->data.result;
+        Curl().multi_remove_handle(multi_, handle);
+        auto node = running_.extract(handle);
+        Transfer& transfer = *node.mapped();
+        HttpResult result = transfer.Result(code);
+        const Done done = transfer.Release();
+        idle_.push_back(std::move(node.mapped()));
+        any = true;
+        done(std::move(result));
+    }
+    return any;
+}
+
+// Some servers send an answer's body only when its headers have been acknowledged, which the kernel
+// would otherwise put off for 40 ms.
+void HttpClient::Acknowledge() {
+    if (!std::exchange(headers_came_, false)) return;
+    const int on = 1;
+    for (const curl_socket_t socket : sockets_) {
+        setsockopt(socket, IPPROTO_TCP, TCP_QUICKACK, &on, sizeof on);
+    }
+}
+
+// True when something had ended; otherwise it has waited for the network.
+bool HttpClient::Move(int wait_ms) {
+    int active = 0;
+    CURLMcode code = Curl().multi_perform(multi_, &active);
+    Acknowledge();
+    if (Finish()) return true;
+    if (code == CURLM_OK && wait_ms > 0) {
+        const Clock::time_point start = Clock::now();
+        code = Curl().multi_poll(multi_, nullptr, 0, wait_ms, nullptr);
+        waited_ += Clock::now() - start;
+    }
+    if (code != CURLM_OK) throw Error(Kind::kFailed, Curl().multi_strerror(code));
+    return false;
+}
+
+void HttpClient::Wait() {
+    while (!running_.empty()) {
+        if (Move(kPollMs)) return;
+    }
+}
+
+void HttpClient::Pump(int wait_ms) {
+    if (!running_.empty()) Move(wait_ms);
+}
+
+void HttpClient::Cancel() noexcept {
+    for (const auto& [handle, transfer] : running_) {
+        Curl().multi_remove_handle(multi_, handle);
+    }
+    running_.clear();
+}
+
+HttpReply HttpClient::Do(HttpRequest request) {
+    std::optional<HttpResult> result;
+    Start(std::move(request), [&result](HttpResult ended) { result = std::move(ended); });
+    while (!result) Wait();
+    if (result->error) std::rethrow_exception(result->error);
+    return std::move(result->reply);
+}
+
+}  // namespace quarn2::net

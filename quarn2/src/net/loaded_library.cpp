@@ -1,0 +1,33 @@
+#include "net/loaded_library.h"
+
+#include <dlfcn.h>
+
+#include <utility>
+
+#include "kro/kro_err.h"
+
+namespace quarn2::net {
+
+LoadedLibrary::LoadedLibrary(std::string file, std::string package)
+    : file_(std::move(file)),
+      package_(std::move(package)),
+      // Never unloaded, so copies can share it.
+      // cppcheck-suppress [noCopyConstructor,noOperatorEq,noDestructor]
+      library_(dlopen(file_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
+    if (library_ == nullptr) CannotLoad();
+}
+
+void* LoadedLibrary::Symbol(const char* name) const {
+    void* const symbol = dlsym(library_, name);
+    if (symbol == nullptr) CannotLoad();
+    return symbol;
+}
+
+void LoadedLibrary::CannotLoad() const {
+    const char* const reason = dlerror();
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         "this storage needs " + file_ + " (Debian package " + package_ +
+                             "): " + (reason == nullptr ? "unknown reason" : reason));
+}
+
+}  // namespace quarn2::net

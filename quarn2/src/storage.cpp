@@ -1,0 +1,53 @@
+#include "quarn2/storage.h"
+
+#include "backend_storage.h"
+#include "encryption/encrypted_backend.h"
+#include "idle_backends.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "logging_backend.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "rate_limit.h"
+
+namespace quarn2 {
+
+void Storage::MkDir(const std::string& directory) {
+    if (!directory.empty()) DoMkDir(directory);
+}
+
+std::string Storage::GetFileInfo(const std::string& local) {
+    const std::string info = GetStoredName(local) + " " + str::Str(Size(local));
+    return str::Append(info, KeyHash(), " ");
+}
+
+std::int64_t Storage::Size(const std::string& local) {
+    return StoredSize(local, kro_file::Size(local));
+}
+
+namespace {
+
+// The scheme's backend with everything around it that the token asks for.
+std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const BackupToken& token) {
+    std::unique_ptr<StorageBackend> backend = scheme.open(token);
+    if (kro_log::Enabled(kStorageLogLevel)) backend = Logged(std::move(backend));
+    const std::int64_t limit = str::Int64(token.Param("limit_rate"));
+    if (limit > 0) backend = RateLimited(std::move(backend), limit);
+    const std::string password = token.Param("arch_password");
+    if (!password.empty()) backend = Encrypted(std::move(backend), password);
+    return backend;
+}
+
+}  // namespace
+
+std::shared_ptr<Storage> GetStorage(const BackupToken& token) {
+    if (!token) throw kro_err::Error(kro_err::Kind::kFailed, token.fault());
+    const BackendScheme& scheme = *FindScheme(token.scheme());
+    const auto open = [&] { return OpenBackend(scheme, token); };
+    return std::make_shared<BackendStorage>(
+        scheme.keeps_connections ? TakeBackend(token, open) : open(), token);
+}
+
+}  // namespace quarn2

@@ -1,0 +1,53 @@
+// FTP storages for the suites.
+#pragma once
+
+#include "backends/ftp/temporary.h"
+#include "served_directory_site.h"
+
+// Over explicit TLS, on pure-ftpd or another server.
+class FtpsSite : public ServedDirectorySite {
+  public:
+    explicit FtpsSite(const std::string& server = "ftp") : ServedDirectorySite(server) {}
+
+    TokenParts Parts() const override {
+        TokenParts parts = Address("ftps", "tls_port");
+        parts.path = ServedPath();
+        parts.params["ca"] = info()["ca"];
+        return parts;
+    }
+
+    std::vector<std::uint16_t> Ports() const override {
+        std::vector<std::uint16_t> ports = {Parts().port};
+        const std::uint16_t last = info().Port("last_passive_port");
+        for (std::uint16_t port = info().Port("first_passive_port"); port <= last; ++port) {
+            ports.push_back(port);
+        }
+        return ports;
+    }
+
+    // So does pure-ftpd for the sake of clients on Windows.
+    bool RefusesName(const std::string& name) const override {
+        return info()["name"] == "ftp" && name.find('\\') != std::string::npos;
+    }
+
+  protected:
+    std::string LeftoverName(const std::string& file) const override {
+        return kro_file::Name(quarn2::ftp::TemporaryName(Parts().user, "/" + file).path());
+    }
+};
+
+// In the clear.
+class FtpSite : public FtpsSite {
+  public:
+    TokenParts Parts() const override {
+        TokenParts parts = Address("ftp", "port");
+        parts.path = ServedPath();
+        return parts;
+    }
+};
+
+// On ProFTPD.
+class Ftps2Site : public FtpsSite {
+  public:
+    Ftps2Site() : FtpsSite("ftp2") {}
+};

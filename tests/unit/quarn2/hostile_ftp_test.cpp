@@ -1,0 +1,250 @@
+// FTP servers that mean no good: talk and listings without end, lies about sizes, other addresses,
+// less encryption than was asked for.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "bounds.h"
+#include "kro/kro_err.h"
+#include "local_files.h"
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+#include "scripted_ftp_server.h"
+#include "scripted_tls.h"
+#include "temp_dir.h"
+
+namespace {
+
+using scripted_tls::Certificate;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::Not;
+
+class HostileFtp : public testing::Test {
+  protected:
+    HostileFtp() {
+        std::signal(SIGPIPE, SIG_IGN);
+        local_files::Save(source_, "content");
+    }
+    void TearDown() override {
+        EXPECT_EQ(local_files::Load(source_), "content");
+        EXPECT_FALSE(local_files::Has(target_));
+        EXPECT_FALSE(local_files::Has(folder_ / ".target.part~"));
+    }
+
+    void Serve(std::map<std::string, ScriptedFtpServer::Answer> answers) {
+        server_ = std::make_unique<ScriptedFtpServer>(std::move(answers));
+    }
+    std::shared_ptr<quarn2::Storage> Open(const std::string& scheme = "ftp",
+                                          const std::string& more = "") const {
+        return quarn2::GetStorage(quarn2::BackupToken(
+            scheme + "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) +
+            "/dir?timeout=2" + more));
+    }
+    template <class Deed>
+    std::string ErrorOf(const Deed& deed) {
+        const Bounds bounds;
+        return ::ErrorOf(deed);
+    }
+    std::string ListError(const std::string& scheme = "ftp", const std::string& more = "") {
+        return ErrorOf([&] { Open(scheme, more)->List(names_, ""); });
+    }
+
+    static ScriptedFtpServer::Answer Saying(const std::string& line) {
+        return [line](FtpSession& session, const std::string&) { session.Say(line); };
+    }
+    static ScriptedFtpServer::Answer SayingWithoutEnd(const std::string& line) {
+        return [line](FtpSession& session, const std::string&) { session.SayWithoutEnd(line); };
+    }
+    static ScriptedFtpServer::Answer Sending(const std::string& text, const std::string& piece) {
+        return
+            [text, piece](FtpSession& session, const std::string&) { session.Send(text, piece); };
+    }
+
+    TempDir folder_;
+    std::string source_ = folder_ / "source";
+    std::string target_ = folder_ / "target";
+    std::vector<std::string> names_;
+    std::unique_ptr<ScriptedFtpServer> server_;
+};
+
+TEST_F(HostileFtp, OrdinaryAnswersAreTaken) {
+    Serve({});
+    EXPECT_EQ(ListError(), "(no error)");
+    EXPECT_THAT(names_, testing::IsEmpty());
+}
+
+// --- Without end ---
+
+TEST_F(HostileFtp, TalkWithoutEnd) {
+    for (const std::string verb : {"", "USER", "PASS", "EPSV", "MLSD"}) {
+        for (const std::string line : {"200-still talking", "200 again", "still talking"}) {
+            SCOPED_TRACE(verb + ": " + line);
+            Serve({{verb, SayingWithoutEnd(line)}});
+            EXPECT_NE(ListError(), "(no error)");
+        }
+    }
+}
+
+TEST_F(HostileFtp, OneLineWithoutEnd) {
+    Serve({{"PASS", [](FtpSession& session, const std::string&) {
+                while (session.Write(std::string(4096, 'x'))) continue;
+            }}});
+    EXPECT_NE(ListError(), "(no error)");
+}
+
+TEST_F(HostileFtp, ListingsWithoutEnd) {
+    Serve({{"MLSD", Sending("", "type=file; " + std::string(200, 'n') + "\r\n")}});
+    EXPECT_THAT(ListError(), HasSubstr("a listing without end"));
+    Serve({{"MLSD", Sending("", "type=file; n\r\n")}});
+    EXPECT_THAT(ListError(), HasSubstr("listing"));
+    Serve({{"MLSD", Sending("type=file; ", "n")}});
+    EXPECT_THAT(ListError(), HasSubstr("a listing without end"));
+}
+
+TEST_F(HostileFtp, NamesWithoutEnd) {
+    std::string listing;
+    for (int i = 0; i < 1'000'001; ++i) listing += "type=file; n\r\n";
+    Serve({{"MLSD", Sending(listing, "")}});
+    EXPECT_THAT(ListError(), HasSubstr("the server's listing has no end"));
+}
+
+TEST_F(HostileFtp, DirectoriesWithoutEnd) {
+    Serve({{"MLSD", Sending("type=dir; deeper\r\n", "")}});
+    EXPECT_THAT(ErrorOf([&] { Open()->Clear(); }), HasSubstr("shows directories without end"));
+}
+
+// What the server said the size is, it gives.
+TEST_F(HostileFtp, FileWithoutEnd) {
+    Serve({{"SIZE", Saying("213 5")}, {"RETR", Sending("", "bytes")}});
+    const std::string file = folder_ / "file";
+    EXPECT_EQ(ErrorOf([&] { Open()->Download("file", file); }), "(no error)");
+    EXPECT_EQ(local_files::Load(file), "bytes");
+}
+
+// --- Lies ---
+
+TEST_F(HostileFtp, FileShorterThanItsSize) {
+    Serve({{"SIZE", Saying("213 100")}, {"RETR", Sending("short", "")}});
+    EXPECT_NE(ErrorOf([&] { Open()->Download("file", target_); }), "(no error)");
+}
+
+TEST_F(HostileFtp, UploadOfWhichTheServerHasLess) {
+    Serve({{"SIZE", Saying("213 3")}, {"MLST", Saying("250-\r\n type=dir; /dir\r\n250 End")}});
+    EXPECT_THAT(ErrorOf([&] { Open()->Upload("file", source_); }),
+                HasSubstr("has 3 of 7 bytes that were sent"));
+    EXPECT_THAT(server_->Seen(), Not(Contains("RNTO")));
+}
+
+// --- Elsewhere ---
+
+TEST_F(HostileFtp, DataConnectionGoesToTheServerAlone) {
+    const LoopbackListener other("127.0.0.2");
+    const std::string port =
+        std::to_string(other.port() / 256) + "," + std::to_string(other.port() % 256);
+    Serve(
+        {{"EPSV", Saying("502 Unknown")}, {"PASV", Saying("227 Go to (127,0,0,2," + port + ")")}});
+    EXPECT_NE(ListError(), "(no error)");
+    EXPECT_THAT(server_->Seen(), Contains("PASV"));
+    EXPECT_FALSE(other.HasCaller());
+}
+
+TEST_F(HostileFtp, ExtendedReplyNamesNoOtherAddress) {
+    const LoopbackListener other("127.0.0.2");
+    Serve({{"EPSV", Saying("229 Go to (|1|127.0.0.2|" + std::to_string(other.port()) + "|)")},
+           {"PASV", Saying("502 Unknown")}});
+    EXPECT_NE(ListError(), "(no error)");
+    EXPECT_FALSE(other.HasCaller());
+}
+
+// --- Less encryption ---
+
+class HostileFtps : public HostileFtp {
+  protected:
+    HostileFtps() { certificate_.Save(folder_ / "ca.pem"); }
+    // Its answers use what is here.
+    ~HostileFtps() override { server_.reset(); }
+
+    std::string TlsError() { return ListError("ftps", "&ca=" + (folder_ / "ca.pem")); }
+    ScriptedFtpServer::Answer Encrypting(const std::string& before) const {
+        return [this, before](FtpSession& session, const std::string&) {
+            session.Write(before);
+            if (!session.Encrypt(certificate_.Streams())) session.Say("");
+        };
+    }
+    void ExpectNoLogin() const {
+        EXPECT_THAT(server_->Seen(), Not(Contains("USER")));
+        EXPECT_THAT(server_->Seen(), Not(Contains("PASS")));
+    }
+
+    Certificate certificate_;
+};
+
+TEST_F(HostileFtps, RefusedEncryptionEndsItBeforeTheLogin) {
+    for (const std::string refusal : {"502 Unknown", "534 No", "431 Later", "220 What?"}) {
+        SCOPED_TRACE(refusal);
+        Serve({{"AUTH", Saying(refusal)}});
+        EXPECT_THAT(TlsError(), HasSubstr("offers no encryption as ftps:// needs it"));
+        EXPECT_THAT(server_->Seen(), Contains("AUTH"));
+        ExpectNoLogin();
+    }
+}
+
+TEST_F(HostileFtps, LoginThatIsGrantedBeforeIsNotTaken) {
+    Serve({{"", Saying("230 You are in already")}, {"AUTH", Saying("502 Unknown")}});
+    EXPECT_NE(TlsError(), "(no error)");
+    ExpectNoLogin();
+    EXPECT_THAT(server_->Seen(), Not(Contains("MLSD")));
+}
+
+TEST_F(HostileFtps, WordsThatComeBeforeTheEncryptionAreNotTakenForLaterOnes) {
+    Serve({{"AUTH", Encrypting("234 Go on\r\n331 Password\r\n230 In\r\n")}});
+    EXPECT_NE(TlsError(), "(no error)");
+    ExpectNoLogin();
+}
+
+TEST_F(HostileFtps, CertificateThatNobodyTrustsEndsItBeforeTheLogin) {
+    Serve({{"AUTH", Encrypting("234 Go on\r\n")}});
+    EXPECT_THAT(ListError("ftps"), HasSubstr("certificate"));
+    ExpectNoLogin();
+}
+
+TEST_F(HostileFtps, UnprotectedDataChannelIsNotUsed) {
+    for (const std::string verb : {"PROT", "PBSZ"}) {
+        SCOPED_TRACE(verb);
+        Serve({{"AUTH", Encrypting("234 Go on\r\n")}, {verb, Saying("534 No")}});
+        const std::string error = TlsError();
+        if (verb == "PROT") {
+            EXPECT_THAT(error, HasSubstr("offers no encryption as ftps:// needs it"));
+            EXPECT_THAT(server_->Seen(), Not(Contains("MLSD")));
+            EXPECT_THAT(server_->Seen(), Contains("PROT"));
+        } else {
+            EXPECT_NE(error, "(no error)");
+        }
+    }
+}
+
+TEST_F(HostileFtps, EncryptedFileWithoutEnd) {
+    Serve({{"AUTH", Encrypting("234 Go on\r\n")},
+           {"PROT",
+            [this](FtpSession& session, const std::string&) {
+                session.EncryptData(certificate_.Streams());
+                session.Say("200 Fine");
+            }},
+           {"SIZE", Saying("213 5")},
+           {"RETR", Sending("", "bytes")}});
+    EXPECT_THAT(
+        ErrorOf([&] { Open("ftps", "&ca=" + (folder_ / "ca.pem"))->Download("file", target_); }),
+        HasSubstr("sends more than the file's size"));
+}
+
+// The client takes the server at its word that the channel is protected, and finds out.
+TEST_F(HostileFtps, DataInTheClearIsNotTaken) {
+    Serve({{"AUTH", Encrypting("234 Go on\r\n")},
+           {"MLSD", Sending("type=cdir; .\r\ntype=file; planted\r\n", "")}});
+    EXPECT_NE(TlsError(), "(no error)");
+    EXPECT_THAT(names_, testing::IsEmpty());
+}
+
+}  // namespace

@@ -1,0 +1,93 @@
+// Storages behind HTTP servers that mean no good.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "bounds.h"
+#include "kro/kro_err.h"
+#include "local_files.h"
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+#include "scripted_http_server.h"
+#include "temp_dir.h"
+
+struct HttpKind {
+    const char* scheme;  // with TLS
+    const char* path;
+    const char* parameters;
+    const char* list_head;  // the beginning of a listing
+    int list_status;
+
+    friend std::ostream& operator<<(std::ostream& out, const HttpKind& kind) {
+        return out << kind.scheme;
+    }
+};
+
+inline const HttpKind kS3 = {"s3", "/bucket", "", "<?xml version='1.0'?><ListBucketResult>", 200};
+inline const HttpKind kWebdav = {"webdav", "/dir", "", "<multistatus xmlns='DAV:'>", 207};
+
+class HostileHttp : public testing::TestWithParam<HttpKind> {
+  protected:
+    HostileHttp() {
+        for (const char* const name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy"}) {
+            unsetenv(name);
+        }
+        std::signal(SIGPIPE, SIG_IGN);
+        local_files::Save(source_, "content");
+    }
+
+    void Serve(ScriptedHttpServer::Script script) {
+        server_ = std::make_unique<ScriptedHttpServer>(std::move(script));
+    }
+    std::string Token(const std::string& more = "", bool tls = false) const {
+        return std::string(GetParam().scheme) + (tls ? "" : "+http") +
+               "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) + GetParam().path +
+               "?timeout=2" + more;
+    }
+    // A storage with connections of its own.
+    std::shared_ptr<quarn2::Storage> Open(const std::string& more = "", bool tls = false) const {
+        return quarn2::GetStorage(quarn2::BackupToken(Token(more, tls)));
+    }
+
+    // Every deed that has an answer from the server.
+    struct Deed {
+        const char* name;
+        std::function<void(quarn2::Storage&)> run;
+    };
+    std::vector<Deed> Deeds() {
+        return {{"list", [this](auto& storage) { storage.List(names_, ""); }},
+                {"download", [this](auto& storage) { storage.Download("file", target_); }},
+                {"upload", [this](auto& storage) { storage.Upload("file", source_); }},
+                {"remove", [](auto& storage) { storage.RemoveFile("file"); }},
+                {"remove directory", [](auto& storage) { storage.RemoveDir("dir"); }},
+                {"make directory", [](auto& storage) { storage.MkDir("dir"); }},
+                {"clear", [](auto& storage) { storage.Clear(); }}};
+    }
+
+    std::string ListError(const std::string& more = "") {
+        const Bounds bounds;
+        const auto storage = Open(more);
+        return ErrorOf([&] { storage->List(names_, ""); });
+    }
+
+    // Nothing that a hostile server does may cost the source, or leave half a target.
+    void TearDown() override {
+        EXPECT_EQ(local_files::Load(source_), "content");
+        EXPECT_FALSE(local_files::Has(target_));
+        EXPECT_FALSE(local_files::Has(folder_ / ".target.part~"));
+    }
+
+    TempDir folder_;
+    std::string source_ = folder_ / "source";
+    std::string target_ = folder_ / "target";
+    std::vector<std::string> names_;
+    std::unique_ptr<ScriptedHttpServer> server_;
+};

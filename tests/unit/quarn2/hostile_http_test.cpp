@@ -1,0 +1,282 @@
+// Listings and answers without end, and such as would have the client read something else.
+#include "hostile_http.h"
+
+namespace {
+
+using testing::AnyOf;
+using testing::HasSubstr;
+
+class HostileAnswer : public HostileHttp {
+  protected:
+    // Answers what is asked for a listing with this XML, again and again.
+    void ListWithoutEnd(const std::string& head, const std::string& piece) {
+        Serve([head, piece](HttpExchange& exchange) {
+            exchange.Body();
+            const std::string status = std::to_string(GetParam().list_status);
+            exchange.WriteWithoutEnd(
+                "HTTP/1.1 " + status + " OK\r\n\r\n" + GetParam().list_head + head, piece);
+        });
+    }
+    void AnswerAll(const std::string& body) {
+        Serve([body](HttpExchange& exchange) { exchange.Answer(GetParam().list_status, body); });
+    }
+};
+
+// --- XML ---
+
+TEST_P(HostileAnswer, OneListingWithoutEnd) {
+    const std::string name(900'000, 'n');
+    ListWithoutEnd("", "<Contents><Key>" + name + "</Key></Contents><response><href>/dir/" + name +
+                           "</href></response>");
+    EXPECT_THAT(ListError(), HasSubstr(": a listing without end"));
+}
+
+TEST_P(HostileAnswer, OneTextWithoutEnd) {
+    ListWithoutEnd("<Contents><Key>", "name");
+    EXPECT_THAT(ListError(), HasSubstr("with a text without end"));
+}
+
+TEST_P(HostileAnswer, OneTagWithoutEnd) {
+    ListWithoutEnd("<Contents a='", "name");
+    EXPECT_THAT(ListError(), HasSubstr("with a piece without end"));
+}
+
+TEST_P(HostileAnswer, OneCommentWithoutEnd) {
+    ListWithoutEnd("<!--", "name");
+    EXPECT_THAT(ListError(), HasSubstr("with a piece without end"));
+}
+
+TEST_P(HostileAnswer, CommentsWithoutEnd) {
+    ListWithoutEnd("", "<!-- name -->");
+    EXPECT_THAT(ListError(), HasSubstr("with a piece without end"));
+}
+
+TEST_P(HostileAnswer, NestingWithoutEnd) {
+    ListWithoutEnd("", "<a>");
+    EXPECT_THAT(ListError(), HasSubstr("that nests without end"));
+}
+
+TEST_P(HostileAnswer, NamesWithoutEnd) {
+    for (const std::string kind : {"element", "attribute", "prefix"}) {
+        SCOPED_TRACE(kind);
+        Serve([kind](HttpExchange& exchange) {
+            exchange.Body();
+            const std::string status = std::to_string(GetParam().list_status);
+            bool taken =
+                exchange.Write("HTTP/1.1 " + status + " OK\r\n\r\n" + GetParam().list_head);
+            for (long i = 0; taken; ++i) {
+                const std::string name = "n" + std::to_string(i);
+                taken = exchange.Write(kind == "element"     ? "<" + name + "/>"
+                                       : kind == "attribute" ? "<a " + name + "=''/>"
+                                                             : "<a xmlns:" + name + "='urn:x'/>");
+            }
+            exchange.Close();
+        });
+        EXPECT_THAT(ListError(), HasSubstr("with names without end"));
+    }
+}
+
+TEST_P(HostileAnswer, EntitiesAreNotExpandedAndNotFetched) {
+    local_files::Save(folder_ / "secret", "a secret of this machine");
+    const std::string bomb =
+        "<?xml version='1.0'?><!DOCTYPE x [<!ENTITY a 'aaaaaaaaaa'>"
+        "<!ENTITY b '&a;&a;&a;&a;&a;&a;&a;&a;&a;&a;'><!ENTITY c '&b;&b;&b;&b;&b;&b;&b;&b;'>]>"
+        "<ListBucketResult>&c;</ListBucketResult>";
+    const std::string file = "<?xml version='1.0'?><!DOCTYPE x [<!ENTITY a SYSTEM 'file://" +
+                             (folder_ / "secret") +
+                             "'>]><ListBucketResult><Contents><Key>&a;</Key></Contents>"
+                             "</ListBucketResult>";
+    ScriptedHttpServer other([](HttpExchange& exchange) { exchange.Answer(200, "fetched"); });
+    const std::string remote =
+        "<?xml version='1.0'?><!DOCTYPE x SYSTEM '" + other.Url("/dtd") + "'><ListBucketResult/>";
+    for (const std::string& body : {bomb, file, remote}) {
+        AnswerAll(body);
+        EXPECT_THAT(ListError(), HasSubstr("a document type, which no storage sends"));
+    }
+    EXPECT_EQ(other.connections(), 0);
+}
+
+// --- Answers ---
+
+TEST_P(HostileAnswer, RefusalsWithoutEnd) {
+    for (const int status : {400, 403, 404, 409, 503, 507}) {
+        Serve([status](HttpExchange& exchange) {
+            exchange.Body();
+            exchange.WriteWithoutEnd("HTTP/1.1 " + std::to_string(status) + " No\r\n\r\n", "<p>");
+        });
+        const auto storage = Open();
+        for (const Deed& deed : Deeds()) {
+            SCOPED_TRACE(std::string(deed.name) + ", " + std::to_string(status));
+            const Bounds bounds;
+            EXPECT_THAT(ErrorOf([&] { deed.run(*storage); }), HasSubstr(": a refusal without end"));
+        }
+    }
+}
+
+TEST_P(HostileAnswer, SuccessesWithoutEnd) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Body();
+        exchange.WriteWithoutEnd("HTTP/1.1 200 Fine\r\n\r\n", "<p>fine</p>");
+    });
+    const auto storage = Open();
+    for (const Deed& deed : Deeds()) {
+        SCOPED_TRACE(deed.name);
+        const Bounds bounds;
+        EXPECT_NE(ErrorOf([&] { deed.run(*storage); }), "(no error)");
+    }
+}
+
+TEST_P(HostileAnswer, HeadersWithoutEnd) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Body();
+        exchange.WriteWithoutEnd("HTTP/1.1 200 OK\r\n", "X-Header: text\r\n");
+    });
+    const auto storage = Open();
+    for (const Deed& deed : Deeds()) {
+        SCOPED_TRACE(deed.name);
+        const Bounds bounds;
+        EXPECT_NE(ErrorOf([&] { deed.run(*storage); }), "(no error)");
+    }
+}
+
+TEST_P(HostileAnswer, OneHeaderWithoutEnd) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Body();
+        exchange.WriteWithoutEnd("HTTP/1.1 200 OK\r\nX-Header: ", "text");
+    });
+    EXPECT_NE(ListError(), "(no error)");
+}
+
+TEST_P(HostileAnswer, InformationWithoutEnd) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Body();
+        exchange.WriteWithoutEnd("", "HTTP/1.1 102 Wait\r\n\r\n");
+    });
+    EXPECT_THAT(ListError(), HasSubstr(": answers to one request without end"));
+}
+
+// --- Lengths ---
+
+constexpr const char* kFileHeaders =
+    "ETag: \"x\"\r\nLast-Modified: Fri, 20 Nov 2026 10:00:00 GMT\r\n";
+
+TEST_P(HostileAnswer, BodyShorterThanItsLength) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Write(std::string("HTTP/1.1 200 OK\r\n") + kFileHeaders +
+                       "Content-Length: 100\r\n\r\nshort");
+        exchange.Close();
+    });
+    const auto storage = Open();
+    EXPECT_NE(ErrorOf([&] { storage->Download("file", target_); }), "(no error)");
+}
+
+TEST_P(HostileAnswer, BodyLongerThanItsLengthIsNoAnswerToTheNextRequest) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.method != "GET" || exchange.number > 0) return exchange.Answer(404);
+        exchange.Write(std::string("HTTP/1.1 200 OK\r\n") + kFileHeaders +
+                       "Content-Length: 5\r\n\r\nfirst" + "HTTP/1.1 200 OK\r\n" + kFileHeaders +
+                       "Content-Length: 8\r\n\r\nsmuggled");
+    });
+    const auto storage = Open();
+    const std::string first = folder_ / "first";
+    storage->Download("file", first);
+    EXPECT_EQ(local_files::Load(first), "first");
+    EXPECT_NE(ErrorOf([&] { storage->Download("other", target_); }), "(no error)");
+}
+
+TEST_P(HostileAnswer, FileWithoutEnd) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.method == "PROPFIND") {
+            return exchange.Answer(207,
+                                   "<multistatus xmlns='DAV:'><response><href>/dir/file</href>"
+                                   "<propstat><prop><resourcetype/><getcontentlength>5"
+                                   "</getcontentlength></prop><status>HTTP/1.1 200 OK</status>"
+                                   "</propstat></response></multistatus>");
+        }
+        exchange.Write(std::string("HTTP/1.1 200 OK\r\n") + kFileHeaders +
+                       "Transfer-Encoding: chunked\r\n\r\n");
+        while (exchange.Write("5\r\nbytes\r\n")) continue;
+        exchange.Close();
+    });
+    const auto storage = Open();
+    const Bounds bounds;
+    EXPECT_THAT(
+        ErrorOf([&] { storage->Download("file", target_); }),
+        AnyOf(HasSubstr("does not tell the size"), HasSubstr("sends more than the file's length")));
+}
+
+INSTANTIATE_TEST_SUITE_P(S3, HostileAnswer, testing::Values(kS3));
+INSTANTIATE_TEST_SUITE_P(Webdav, HostileAnswer, testing::Values(kWebdav));
+
+// --- Pages of S3 ---
+
+class HostilePages : public HostileHttp {
+  protected:
+    static std::string Page(const std::string& keys, const std::string& next) {
+        return "<ListBucketResult>" + keys + "<NextContinuationToken>" + next +
+               "</NextContinuationToken></ListBucketResult>";
+    }
+    // The deeds that go from page to page.
+    std::vector<std::string> Errors() {
+        const auto storage = Open();
+        std::vector<std::string> errors;
+        for (const Deed& deed : Deeds()) {
+            const std::string name = deed.name;
+            if (name != "list" && name != "remove directory" && name != "clear") continue;
+            const Bounds bounds;
+            errors.push_back(ErrorOf([&] { deed.run(*storage); }));
+        }
+        return errors;
+    }
+};
+
+TEST_P(HostilePages, TheSameAgain) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.target.find("uploads") != std::string::npos) {
+            return exchange.Answer(
+                200,
+                "<ListMultipartUploadsResult><Upload><Key>k</Key><UploadId>i</UploadId>"
+                "</Upload><IsTruncated>true</IsTruncated></ListMultipartUploadsResult>");
+        }
+        exchange.Answer(200, Page("", "again"));
+    });
+    EXPECT_THAT(Errors(), testing::Each(HasSubstr("the same page again and again")));
+}
+
+TEST_P(HostilePages, AlwaysAnother) {
+    Serve([](HttpExchange& exchange) {
+        exchange.Answer(200, Page("", "page" + std::to_string(exchange.number)));
+    });
+    EXPECT_THAT(ListError(), HasSubstr("a listing without end: too many pages"));
+}
+
+TEST_P(HostilePages, NamesOnAllOfThemTogether) {
+    Serve([](HttpExchange& exchange) {
+        std::string keys;
+        for (int i = 0; i < 10; ++i) {
+            keys += "<Contents><Key>" + std::string(900'000, 'n') + "</Key></Contents>";
+        }
+        exchange.Answer(200, Page(keys, "page" + std::to_string(exchange.number)));
+    });
+    EXPECT_THAT(ListError(), HasSubstr("a listing without end, of more than"));
+}
+
+TEST_P(HostilePages, UploadsOnAllOfThemTogether) {
+    Serve([](HttpExchange& exchange) {
+        const std::string number = std::to_string(exchange.number);
+        std::string uploads;
+        for (int i = 0; i < 10; ++i) {
+            uploads += "<Upload><Key>" + std::string(900'000, 'n') + number +
+                       "</Key><UploadId>i</UploadId></Upload>";
+        }
+        exchange.Answer(200, "<ListMultipartUploadsResult>" + uploads +
+                                 "<IsTruncated>true</IsTruncated></ListMultipartUploadsResult>");
+    });
+    const auto storage = Open();
+    const Bounds bounds;
+    EXPECT_THAT(ErrorOf([&] { storage->Clear(); }), HasSubstr("a listing without end"));
+}
+
+INSTANTIATE_TEST_SUITE_P(S3, HostilePages, testing::Values(kS3));
+
+}  // namespace

@@ -1,0 +1,144 @@
+// The limit of bytes per second. Sleeps are counted, and take the time that they say.
+#include "src/rate_limit.h"
+
+#include <gmock/gmock.h>
+
+#include <chrono>
+#include <numeric>
+#include <thread>
+
+#include "backends/memory/memory_backend.h"
+#include "fake_clock.h"
+#include "storage_site.h"
+
+namespace {
+
+constexpr std::int64_t kRate = 1000000;
+constexpr std::size_t kHalfASecond = kRate / 2;
+
+int Slept() {
+    const std::vector<int> sleeps = fake_clock::Sleeps();
+    return std::accumulate(sleeps.begin(), sleeps.end(), 0);
+}
+
+class RateLimit : public testing::Test {
+  protected:
+    RateLimit() {
+        fake_clock::Reset();
+        fake_clock::OnSleep([](int milliseconds) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+        });
+        quarn2::RegisterMemoryScheme();
+        store_->Reset();
+    }
+    ~RateLimit() override { fake_clock::Reset(); }
+
+    static std::unique_ptr<quarn2::StorageBackend> Limited(std::int64_t rate) {
+        return quarn2::RateLimited(
+            quarn2::FindScheme("memory")->open(quarn2::BackupToken("memory:slow")), rate);
+    }
+
+    std::shared_ptr<quarn2::MemoryStore> store_ = quarn2::MemoryStore::Named("slow");
+};
+
+struct TextSink final : quarn2::ByteSink {
+    void Expect(std::int64_t size) override { expected = size; }
+    void Write(std::span<const std::byte> bytes) override {
+        text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        ++writes;
+        if (stall > 0) std::this_thread::sleep_for(std::chrono::milliseconds(stall));
+        stall = 0;
+    }
+    std::string text;
+    std::int64_t expected = -1;
+    int writes = 0;
+    int stall = 0;
+};
+
+// The work itself takes time too, which is not slept: on a busy machine more of it.
+void ExpectAboutHalfASecond(std::chrono::steady_clock::time_point begin) {
+    const std::chrono::duration<double, std::milli> passed =
+        std::chrono::steady_clock::now() - begin;
+    EXPECT_GE(passed.count(), 495);
+    EXPECT_LE(Slept(), 500);
+    EXPECT_GE(Slept(), 250);
+}
+
+TEST_F(RateLimit, AnUploadTakesItsBytesByTheRate) {
+    TextSource source(local_files::Noise(kHalfASecond));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(Limited(kRate)->Put("file", source));
+    ExpectAboutHalfASecond(begin);
+    EXPECT_TRUE(store_->files()["file"] == local_files::Noise(kHalfASecond));
+}
+
+TEST_F(RateLimit, ADownloadTakesItsBytesByTheRate) {
+    store_->SetFile("file", local_files::Noise(kHalfASecond));
+    TextSink sink;
+    const auto begin = std::chrono::steady_clock::now();
+    Limited(kRate)->Get("file", sink);
+    ExpectAboutHalfASecond(begin);
+    EXPECT_TRUE(sink.text == local_files::Noise(kHalfASecond));
+    EXPECT_EQ(sink.writes, 5) << "in even pieces";
+}
+
+TEST_F(RateLimit, NoSingleSleepIsLongerThanAPiece) {
+    store_->SetFile("file", local_files::Noise(kHalfASecond));
+    TextSink sink;
+    Limited(kRate)->Get("file", sink);
+    EXPECT_THAT(fake_clock::Sleeps(), testing::Each(testing::Le(100)));
+    EXPECT_THAT(fake_clock::Sleeps(), testing::Not(testing::IsEmpty()));
+}
+
+TEST_F(RateLimit, ARateBelowTenBytesGoesByteByByte) {
+    store_->SetFile("file", "ab");
+    TextSink sink;
+    Limited(9)->Get("file", sink);
+    EXPECT_EQ(sink.text, "ab");
+    EXPECT_EQ(sink.writes, 2);
+    EXPECT_GE(Slept(), 200);
+    EXPECT_LE(Slept(), 222);
+}
+
+// A second and a half of standing still must not be followed by as much at full speed.
+TEST_F(RateLimit, AStallIsNotMadeUpFor) {
+    store_->SetFile("file", local_files::Noise(kHalfASecond));
+    TextSink sink;
+    sink.stall = 1500;
+    Limited(kRate)->Get("file", sink);
+    EXPECT_GE(Slept(), 200) << "the pieces behind the stall keep the rate";
+    EXPECT_LE(Slept(), 400);
+}
+
+TEST_F(RateLimit, AnEmptyFileCostsNoTime) {
+    TextSource source("");
+    EXPECT_TRUE(Limited(1)->Put("file", source));
+    TextSink sink;
+    Limited(1)->Get("file", sink);
+    EXPECT_THAT(fake_clock::Sleeps(), testing::IsEmpty());
+}
+
+TEST_F(RateLimit, ASourceThatChangesIsStillFoundOut) {
+    TextSource source("text");
+    source.changed = true;
+    EXPECT_EQ(KindOf([&] { Limited(kRate)->Put("file", source); }), kro_err::Kind::kFailed);
+}
+
+TEST_F(RateLimit, OfATokenIsKept) {
+    const TempDir local;
+    local_files::Save(local / "source", local_files::Noise(kHalfASecond));
+    const auto storage = quarn2::GetStorage(quarn2::BackupToken("memory:slow?limit_rate=1000000"));
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_TRUE(storage->Upload("file", local / "source"));
+    ExpectAboutHalfASecond(begin);
+}
+
+TEST_F(RateLimit, ZeroInATokenIsNoLimit) {
+    const TempDir local;
+    local_files::Save(local / "source", local_files::Noise(kHalfASecond));
+    const auto storage = quarn2::GetStorage(quarn2::BackupToken("memory:slow?limit_rate=0"));
+    EXPECT_TRUE(storage->Upload("file", local / "source"));
+    EXPECT_THAT(fake_clock::Sleeps(), testing::IsEmpty());
+}
+
+}  // namespace

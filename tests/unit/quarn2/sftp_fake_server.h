@@ -1,0 +1,214 @@
+// An SFTP server in memory, as stubborn as a test wants it. It answers a request as soon as it is
+// sent; the answers are read in pieces of any size.
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "backends/sftp/packet.h"
+#include "backends/sftp/session.h"
+#include "kro/kro_err.h"
+
+namespace fake_sftp {
+
+using quarn2::sftp::Code;
+using quarn2::sftp::Fields;
+using quarn2::sftp::Request;
+using quarn2::sftp::Type;
+
+inline constexpr std::uint32_t kFile = 0100640;
+inline constexpr std::uint32_t kDirectory = 040750;
+
+inline std::string Text(std::span<const std::byte> bytes) {
+    std::string text;
+    for (const std::byte byte : bytes) text += static_cast<char>(byte);
+    return text;
+}
+
+// What outlives a connection.
+struct Disk {
+    std::map<std::string, std::string> files;
+    std::set<std::string> directories = {"/root"};
+    std::set<std::string> extensions;
+    bool refuse_writes = false;
+    std::uint64_t free_blocks = 1 << 20;
+    int requests_left = -1;        // then the connection breaks; -1: never
+    std::size_t longest_read = 0;  // what a read gives at most; 0: what is asked for
+    bool backwards = false;        // answers to reads come in the opposite order
+    std::string growing;           // a file that another writes to
+    std::uint64_t told_size = 0;   // what is told of every file; 0: the truth
+    std::vector<Type> requests;
+};
+
+class Server final : public quarn2::sftp::Stream {
+  public:
+    explicit Server(Disk& disk, std::size_t piece = 1 << 20) : disk_(disk), piece_(piece) {}
+
+    void Write(std::span<const std::byte> bytes) override {
+        Fields packet(bytes.subspan(4));
+        const auto type = static_cast<Type>(packet.U8());
+        id_ = packet.U32();
+        disk_.requests.push_back(type);
+        if (disk_.requests_left == 0) Gone();
+        if (disk_.requests_left > 0) --disk_.requests_left;
+        Answer(type, packet);
+    }
+
+    std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+        while (!late_.empty()) {
+            out_ += late_.back();
+            late_.pop_back();
+        }
+        if (out_.empty()) Gone();
+        const std::size_t count = std::min({buffer.size(), piece_, out_.size()});
+        for (std::size_t i = 0; i < count; ++i) buffer[i] = static_cast<std::byte>(out_[i]);
+        out_.erase(0, count);
+        return count;
+    }
+
+    void CheckAlive() override {}
+
+    // Whatever the next answer shall be.
+    void Say(const std::string& bytes) { out_ += bytes; }
+
+  private:
+    [[noreturn]] static void Gone() {
+        throw kro_err::Error(kro_err::Kind::kUnavailable, "the connection broke");
+    }
+
+    void Send(Request request) { out_ += Text(request.Finish(id_)); }
+    void Status(Code code) {
+        Send(std::move(
+            Request(Type::kStatus).U32(static_cast<std::uint32_t>(code)).Text("Failure")));
+    }
+    void Done(bool good) { Status(good ? Code::kOk : Code::kFailure); }
+
+    void Answer(Type type, Fields& packet) {
+        switch (type) {
+            case Type::kInit:
+                return Greet();
+            case Type::kStat:
+            case Type::kLstat:
+                return Look(packet.Text());
+            case Type::kFstat:
+                return Look(packet.Text());
+            case Type::kOpen:
+                return Open(packet);
+            case Type::kWrite:
+                return Store(packet);
+            case Type::kRead:
+                return Give(packet);
+            case Type::kClose:
+                return Done(true);
+            case Type::kRemove:
+                return Erase(packet.Text());
+            case Type::kRename:
+                return Rename(packet, false);
+            case Type::kMkDir:
+                return Done(disk_.directories.insert(packet.Text()).second);
+            case Type::kExtended:
+                return Extended(packet);
+            default:
+                return Status(Code::kUnsupported);
+        }
+    }
+
+    void Greet() {
+        Request hello(Type::kVersion);
+        for (const std::string& name : disk_.extensions) hello.Text(name).Text("1");
+        id_ = 3;
+        Send(std::move(hello));
+    }
+
+    // A handle is the path itself.
+    void Look(const std::string& path) {
+        if (path == disk_.growing) disk_.files[path] += "more";
+        const bool file = disk_.files.contains(path);
+        if (!file && !disk_.directories.contains(path)) return Status(Code::kNoSuchFile);
+        Request answer(Type::kAttrs);
+        const std::uint64_t size = file ? disk_.files[path].size() : 0;
+        answer.U32(0x1 | 0x4 | 0x8).U64(disk_.told_size != 0 ? disk_.told_size : size);
+        Send(std::move(answer.U32(file ? kFile : kDirectory).U32(1000).U32(1000)));
+    }
+
+    void Open(Fields& packet) {
+        const std::string path = packet.Text();
+        const std::uint32_t flags = packet.U32();
+        const bool exists = disk_.files.contains(path);
+        if ((flags & quarn2::sftp::kOpenCreate) != 0) {
+            if (!disk_.directories.contains(path.substr(0, path.rfind('/')))) {
+                return Status(Code::kNoSuchFile);
+            }
+            if (exists) return Status(Code::kFailure);
+            disk_.files[path];
+        } else if (!exists) {
+            return Status(Code::kNoSuchFile);
+        }
+        Send(std::move(Request(Type::kHandle).Text(path)));
+    }
+
+    void Store(Fields& packet) {
+        const std::string path = packet.Text();
+        const std::uint64_t offset = packet.U64();
+        const std::string data = Text(packet.Bytes());
+        if (disk_.refuse_writes) return Status(Code::kFailure);
+        std::string& content = disk_.files[path];
+        content.resize(std::max(content.size(), offset + data.size()));
+        content.replace(offset, data.size(), data);
+        Done(true);
+    }
+
+    void Give(Fields& packet) {
+        const std::string& content = disk_.files[packet.Text()];
+        const std::uint64_t offset = packet.U64();
+        std::size_t count = packet.U32();
+        if (offset >= content.size()) return Status(Code::kEof);
+        if (disk_.longest_read > 0) count = std::min(count, disk_.longest_read);
+        Request answer(Type::kData);
+        answer.Text(content.substr(offset, count));
+        if (disk_.backwards) {
+            late_.push_back(Text(answer.Finish(id_)));
+        } else {
+            Send(std::move(answer));
+        }
+    }
+
+    void Erase(const std::string& path) {
+        Status(disk_.files.erase(path) > 0 ? Code::kOk : Code::kNoSuchFile);
+    }
+
+    void Rename(Fields& packet, bool replace) {
+        const std::string from = packet.Text();
+        const std::string to = packet.Text();
+        if (!disk_.files.contains(from)) return Status(Code::kNoSuchFile);
+        if (!replace && disk_.files.contains(to)) return Status(Code::kFailure);
+        disk_.files[to] = disk_.files[from];
+        disk_.files.erase(from);
+        Done(true);
+    }
+
+    void Extended(Fields& packet) {
+        const std::string name = packet.Text();
+        if (!disk_.extensions.contains(name)) return Status(Code::kUnsupported);
+        if (name == "posix-rename@openssh.com") return Rename(packet, true);
+        if (name == "fsync@openssh.com") return Done(true);
+        if (name != "statvfs@openssh.com") return Status(Code::kUnsupported);
+        Request answer(Type::kExtendedReply);
+        answer.U64(4096).U64(4096).U64(1 << 20);
+        answer.U64(disk_.free_blocks).U64(disk_.free_blocks);
+        Send(std::move(answer.U64(100).U64(50).U64(50).U64(0).U64(0).U64(255)));
+    }
+
+    Disk& disk_;
+    std::size_t piece_;
+    std::uint32_t id_ = 0;
+    std::string out_;
+    std::vector<std::string> late_;
+};
+
+}  // namespace fake_sftp

@@ -1,0 +1,12 @@
+// The conformance suite over the local storage.
+#include "local_site.h"
+#include "storage_conformance.h"
+
+namespace {
+
+INSTANTIATE_TEST_SUITE_P(Local, StorageConformance,
+                         testing::Values(StorageKind{"local", []() -> std::unique_ptr<StorageSite> {
+                                                         return std::make_unique<LocalSite>();
+                                                     }}));
+
+}  // namespace

@@ -1,0 +1,12 @@
+// The suite of troubles over S3: Ceph's object gateway.
+#include "s3_site.h"
+#include "storage_trouble.h"
+
+namespace {
+
+INSTANTIATE_TEST_SUITE_P(S3, StorageTrouble,
+                         testing::Values(TroubledSite<S3Site>("https"),
+                                         TroubledSite<Encrypted<S3Site>>("https_encrypted")),
+                         NameOfKind<RemoteKind>);
+
+}  // namespace

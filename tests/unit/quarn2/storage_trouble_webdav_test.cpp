@@ -1,0 +1,13 @@
+// The suite of troubles over WebDAV: Apache.
+#include "storage_trouble.h"
+#include "webdav_site.h"
+
+namespace {
+
+INSTANTIATE_TEST_SUITE_P(
+    Webdav, StorageTrouble,
+    testing::Values(TroubledSite<WebdavSite>("https_basic"),
+                    TroubledSite<Encrypted<WebdavDigestSite>>("http_digest_encrypted")),
+    NameOfKind<RemoteKind>);
+
+}  // namespace

@@ -1,0 +1,13 @@
+// The conformance suite over WebDAV: Apache.
+#include "storage_conformance.h"
+#include "webdav_site.h"
+
+namespace {
+
+INSTANTIATE_TEST_SUITE_P(
+    Webdav, StorageConformance,
+    testing::Values(SiteKind<WebdavSite>("https_basic"),
+                    SiteKind<Encrypted<WebdavDigestSite>>("http_digest_encrypted")),
+    NameOfKind<StorageKind>);
+
+}  // namespace
