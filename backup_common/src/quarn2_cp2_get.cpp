@@ -1,0 +1,187 @@
+#include "quarn2_cp2_get.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+#include <vector>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_progress.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kAttempts = 3;
+constexpr int kPauseSeconds = 60;
+constexpr int kMillisecondsPerSecond = 1000;
+constexpr std::size_t kCustomHead = 12;  // "C", a date and a dot
+
+bool IsListedAtRoot(quarn2::Storage& storage, const std::string& remote) {
+    std::vector<std::string> names;
+    storage.List(names, "");
+    return std::find(names.begin(), names.end(), remote) != names.end();
+}
+
+// True when another attempt is worth while; the pause is behind it then.
+bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std::string& local,
+                 const kro_err::Error& error, int attempt) {
+    if (error.type() == "unauthorized") return false;
+    if (!IsListedAtRoot(storage, remote)) {
+        quarn2::CreateAttemptsFile(local, error.what());
+        return false;
+    }
+    KRO_LOG(kLog, 4, "Failed download : %s. What: %s. Attempt: %d of %d", remote.c_str(),
+            error.what(), attempt, kAttempts);
+    if (attempt == kAttempts) {
+        quarn2::CreateAttemptsFile(local, error.what());
+        return false;
+    }
+    KRO_LOG(kLog, 6, "Wait %d seconds before next attempt", kPauseSeconds);
+    kro_proc::Sleep(kPauseSeconds * kMillisecondsPerSecond);
+    return true;
+}
+
+// Where a restore job's target lies on both sides.
+struct Target {
+    std::shared_ptr<quarn2::Storage> storage;
+    std::string remote_dir;
+    std::string local;
+
+    std::string local_dir() const { return kro_file::Path(local); }
+    std::string Remote(const std::string& name) const {
+        return kro_file::ConcatPath(remote_dir, name);
+    }
+};
+
+std::string RemoteDirectory(std::string argument) {
+    if (argument.find("//") == std::string::npos) {
+        throw std::runtime_error("'" + argument +
+                                 "' does not tell the file's place on the storage: write "
+                                 "LOCAL_DIRECTORY//NAME, or LOCAL_DIRECTORY//USER/DATE/NAME");
+    }
+    return quarn2::GetPath(kro_file::Path(str::RGetWord(argument, "//")));
+}
+
+std::string WithoutHead(const std::string& name) {
+    return name.substr(std::min(kCustomHead, name.size()));
+}
+
+// The name of the info file of the backup that an archive file belongs to.
+std::string InfoName(const std::string& name) {
+    if (str::StartsWith(name, "custom")) {
+        return quarn2::GetInfoFile("", WithoutHead(name), "custom");
+    }
+    const std::string stem = quarn2::StripSliceNumber(name);
+    if (str::StartsWith(name, "C")) return quarn2::GetInfoFile("", WithoutHead(stem), "custom");
+    return stem.substr(std::min<std::size_t>(1, stem.size())) + ".info";
+}
+
+bool AsksForZeroSlice(const std::string& local) {
+    return str::EndsWith(local, "part0") || str::EndsWith(local, "0.dar");
+}
+
+bool BeginsWithDigit(const std::string& text) {
+    return !text.empty() && text.front() >= '0' && text.front() <= '9';
+}
+
+// The first call of a restore asks for a slice that does not exist: it gets the index archive, or
+// the slice that the backup's info file names as the last.
+std::string ResolveZeroSlice(const Target& target) {
+    const std::string name = kro_file::Name(target.local);
+    if (BeginsWithDigit(name)) {
+        return quarn2::StripSliceNumber(target.local) +
+               (quarn2::IsEncrypted(target.local) ? ".tgz.aes" : ".tgz");
+    }
+    const std::string info_name = InfoName(name);
+    const std::string info = kro_file::ConcatPath(target.local_dir(), info_name);
+    if (!kro_file::Exists(info)) Get(target.storage, target.Remote(info_name), info);
+    const std::string last = kro_file::Name(quarn2::GetLastSliceLocalPath(info));
+    if (last.empty()) {
+        throw std::runtime_error("info file '" + info +
+                                 "' names no last slice: this backup cannot be restored from it");
+    }
+    return kro_file::ConcatPath(target.local_dir(), last);
+}
+
+bool IsOfType(const std::string& path, mode_t type) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
+}
+
+// What another user can have written must not say what is removed here.
+std::string PreviousIn(const std::string& tmp_file) {
+    try {
+        return kro_file::ReadOurs(tmp_file);
+    } catch (const kro_err::Error& error) {
+        if (error.type() == "not_found") return {};
+        throw std::runtime_error(
+            std::string("--tmp-file: ") + error.what() +
+            "; nothing was removed or fetched. Name a file where nobody else can write");
+    }
+}
+
+// Only what an earlier call left there may go: one plain file.
+void RemovePrevious(const std::string& tmp_file, const std::string& local) {
+    if (IsOfType(tmp_file, S_IFDIR)) {
+        throw std::runtime_error("--tmp-file '" + tmp_file + "' is a directory: name a file");
+    }
+    const std::string previous = PreviousIn(tmp_file);
+    // The system would take a path up to the NUL for the file's name.
+    if (previous.find('\0') != std::string::npos) {
+        throw std::runtime_error("--tmp-file '" + tmp_file +
+                                 "' holds no path: it has a NUL byte; nothing was removed or "
+                                 "fetched. Name another file");
+    }
+    if (previous.empty() || previous == local || !kro_file::Exists(previous)) return;
+    if (!IsOfType(previous, S_IFREG)) {
+        throw std::runtime_error(
+            "--tmp-file '" + tmp_file + "' names '" + previous +
+            "', which is no plain file; nothing was removed or fetched. Remove "
+            "the tmp-file to start anew");
+    }
+    kro_file::RemoveFile(previous);
+}
+
+}  // namespace
+
+void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
+         const std::string& local) {
+    for (int attempt = 1;; ++attempt) {
+        try {
+            storage->Download(remote, local);
+            return;
+        } catch (const kro_err::Error& error) {
+            if (!MayTryAgain(*storage, remote, local, error, attempt)) throw;
+        }
+    }
+}
+
+void CommandGet(kro_args::ResultPtr result) {
+    Target target;
+    target.storage = GetStorageByEnv();
+    target.local = GetArgPath(result->Args(0));
+    KRO_LOG(kLog, 5, "Get '%s'", target.local.c_str());
+    if (kro_file::Exists(target.local)) return;
+    target.remote_dir = RemoteDirectory(result->Args(0));
+    kro_file::MkDirSynced(target.local_dir());
+    ProgressLine progress(1);
+    target.storage->SetObserver(&progress);
+
+    if (result->Has("init") && AsksForZeroSlice(target.local)) {
+        target.local = ResolveZeroSlice(target);
+    }
+    KRO_LOG(kLog, 7, "Download %s", target.local.c_str());
+    const std::string tmp_file = result->Param("tmp-file", -1);
+    if (!tmp_file.empty()) RemovePrevious(tmp_file, target.local);
+    Get(target.storage, target.Remote(kro_file::Name(target.local)), target.local);
+    if (!tmp_file.empty()) kro_file::Write(tmp_file, target.local);
+}

@@ -1,0 +1,66 @@
+#include <string>
+
+#include "kro/kro_env.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_get.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr std::string_view kInfo = ".info";
+
+// The index of a backup without slices. Under another key than the token's it is fetched as it lies
+// on the storage, and noted.
+void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const std::string& stem,
+                   const quarn2::InfoMap& info, std::string& encrypted_lines) {
+    // The stem may be empty: without an ending it would be the directory's own name.
+    const std::string local_index = kro_file::ConcatPath(local_dir, stem + ".tgz");
+    quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    const std::string remote = stem + quarn2::GetExtByInfo(info);
+    const auto key_hash = info.find("key_hash");
+    const std::string hash = token.Hash();
+    if (key_hash == info.end() || key_hash->second == hash) {
+        storage.Download(remote, local_index);
+        return;
+    }
+    token.DropParam("arch_password");
+    quarn2::GetStorage(token)->Download(remote, local_index + ".aes");
+    str::inpl::Append(encrypted_lines, stem + ".tgz.aes=" + hash, "\n");
+}
+
+void Download(const std::string& local_dir, const std::string& node, quarn2::Storage& storage,
+              std::string& encrypted_lines, const std::string& name) {
+    const std::string local_info = kro_file::ConcatPath(local_dir, name);
+    storage.Download(name, local_info);
+    const std::string stem = name.substr(0, name.size() - kInfo.size());
+    quarn2::InfoMap info = quarn2::GetInfo(local_info);
+    if (str::EndsWith(info["last-slice"], ".dar")) {
+        const std::string catalogue = stem + ".1.dar";
+        storage.Download(catalogue, kro_file::ConcatPath(local_dir, catalogue));
+    } else {
+        DownloadIndex(storage, local_dir, stem, info, encrypted_lines);
+    }
+    if (!node.empty() && str::EndsWith(local_info, "#.info")) {
+        info["node"] = node;
+        kro_file::Write(local_info, str::Join(info, "\n"));
+    }
+}
+
+}  // namespace
+
+void DownloadInfoFile(const std::string& local_dir, const std::string& node,
+                      std::shared_ptr<quarn2::Storage> storage, const std::string& /*filter*/,
+                      std::string& encrypted_lines, const std::string& name) {
+    if (!str::EndsWith(name, kInfo) || name.find('#') != std::string::npos) return;
+    KRO_LOG(kLog, 6, "Download %s", name.c_str());
+    try {
+        Download(local_dir, node, *storage, encrypted_lines, name);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Cant download file: '%s'", error.what());
+    }
+}

@@ -1,0 +1,109 @@
+#include "quarn2_cp2_misc.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "kro/kro_env.h"
+#include "kro/kro_err.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/token.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+
+// Somebody else's server would answer that files are stored.
+void CheckPeer(int connection) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        throw kro_err::FromErrno("Failed to ask who holds the control socket");
+    }
+    if (peer.uid == 0 || peer.uid == geteuid()) return;
+    throw std::runtime_error("the control socket is held by another user, of id " +
+                             str::Str(peer.uid) + "; nothing was sent");
+}
+
+ResHandle ConnectToNodeClient(const std::string& path) {
+    ResHandle connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!connection) throw std::runtime_error("Failed to open socket");
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path));
+    if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("Failed to connect to size control server socket");
+    }
+    CheckPeer(connection);
+    return connection;
+}
+
+}  // namespace
+
+std::shared_ptr<quarn2::Storage> GetStorageByEnv() {
+    return quarn2::GetStorage(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")));
+}
+
+std::string Read(ResHandle handle) {
+    std::string text;
+    char piece[1024];
+    for (;;) {
+        const ssize_t count = read(handle, piece, sizeof piece);
+        if (count == 0) return text;
+        if (count < 0) {
+            if (errno == EINTR) continue;
+            throw std::runtime_error("Failed to read");
+        }
+        text.append(piece, static_cast<std::size_t>(count));
+    }
+}
+
+std::string ControlSocketPath(const std::string& storage) {
+    return str::Append("tmp/quarn2_cp.sock", storage, "#");
+}
+
+std::string SendCommand(const std::string& command) {
+    const std::string path = ControlSocketPath(kro_env::GetEnv("BACKUP_STORAGE"));
+    KRO_LOG(kLog, 8, "%s command = %s, storage = '%s'", "SendCommand", command.c_str(),
+            path.c_str());
+    const ResHandle connection = ConnectToNodeClient(path);
+    if (send(connection, command.data(), command.size(), 0) !=
+        static_cast<ssize_t>(command.size())) {
+        throw std::runtime_error("Failed to send command");
+    }
+    shutdown(connection, SHUT_WR);
+    std::string answer = Read(connection);
+    const std::string status = str::GetWord(answer);
+    if (status != "OK") throw std::runtime_error(status);
+    return answer;
+}
+
+quarn2::Expect::Result* FinishOnClose::operator()(ResHandle handle) {
+    const kro_thread::SafeSection section(lock_);
+    pollfd state{handle, POLLIN, 0};
+    return poll(&state, 1, 0) > 0 ? quarn2::Expect::erFinish : quarn2::Expect::erOk;
+}
+
+quarn2::Expect::Result* FinishOnSignal::operator()(ResHandle signals) {
+    signalfd_siginfo signal{};
+    if (read(signals, &signal, sizeof signal) == static_cast<ssize_t>(sizeof signal)) {
+        KRO_LOG(kLog, 5, "Signal %u received. Finish", signal.ssi_signo);
+        arrived_ = true;
+    }
+    return arrived_ ? quarn2::Expect::erFinish : quarn2::Expect::erOk;
+}
+
+ResHandle StandardInput() {
+    ResHandle copy(fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    if (!copy) throw kro_err::FromErrno("cannot watch standard input");
+    return copy;
+}

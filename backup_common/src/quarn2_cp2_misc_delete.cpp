@@ -1,0 +1,312 @@
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kro/kro_date.h"
+#include "kro/kro_env.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_removal.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kMostSlices = 100000;
+constexpr std::size_t kFirstSliceEnding = 6;  // ".1.dar"
+constexpr std::size_t kCustomHead = 11;       // "C" and a date: "custom" in the companion's name
+
+bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
+
+bool NamesSlice(const std::string& key) {
+    return key == "last-slice" || str::StartsWith(key, "role-");
+}
+
+// A plain backup that is being deleted: where its files lie and what they are called.
+struct PlainBackup {
+    Removal& storage;
+    std::string directory;  // of the info file
+    std::string extension;
+    std::string last_slice;  // the whole value, not only its first word
+};
+
+// The number of the last piece, 0 when the name has none.
+int CountOf(const std::string& number) {
+    try {
+        return str::Int(number);
+    } catch (const kro_err::Error& error) {
+        KRO_LOG(kLog, 4, "Slice without a number. What: %s", error.what());
+        return 0;
+    }
+}
+
+// The pieces there are, for a number that an honest archive does not reach: asking for each one
+// that there may be would take hours.
+void RemoveListed(Removal& storage, const std::string& stem, int count, const std::string& ending) {
+    std::vector<std::string> names;
+    storage.storage()->List(names, "");
+    for (const std::string& name : names) {
+        if (!str::StartsWith(name, stem) || !str::EndsWith(name, ending)) continue;
+        const std::size_t digits = name.size() - std::min(name.size(), stem.size() + ending.size());
+        const std::string number = name.substr(stem.size(), digits);
+        if (!number.empty() && number.find_first_not_of("0123456789") == std::string::npos &&
+            str::Int64(number) <= count) {
+            storage.RemoveFile(name);
+        }
+    }
+}
+
+// Numbered pieces go from the last to the first, so that an interrupted deletion leaves a backup
+// that still starts at piece 1 and can be deleted again by the same name.
+void RemoveNumbered(Removal& storage, const std::string& stem, int count,
+                    const std::string& ending) {
+    if (count > kMostSlices) {
+        RemoveListed(storage, stem, count, ending);
+        return;
+    }
+    for (int i = 0; i < count; ++i) {
+        storage.RemoveFile(std::string(stem).append(str::Str(count - i)).append(ending));
+    }
+}
+
+// Removes the archive's pieces and returns the name from which the companions' names are made.
+std::string RemovePieces(const PlainBackup& backup, std::string slice) {
+    KRO_LOG(kLog, 6, "Delete '%s'", slice.c_str());
+    if (str::EndsWith(slice, backup.extension)) {
+        backup.storage.RemoveFile(slice);
+        return slice;
+    }
+    if (str::EndsWith(slice, ".dar")) {
+        slice.resize(slice.size() - std::string_view(".dar").size());
+        const int count = CountOf(str::RGetWord(slice, "."));
+        RemoveNumbered(backup.storage, slice + ".", count, ".dar");
+        return slice + ".1.dar";
+    }
+    const int count = CountOf(str::RGetWord(slice, ".part"));
+    RemoveNumbered(backup.storage, slice + ".part", count, "");
+    return slice;
+}
+
+// The name of a role's own file when the role shares the archive's slice name.
+std::string InsertRole(const PlainBackup& backup, std::string slice, const std::string& role) {
+    const std::size_t place = slice.find(backup.extension);
+    if (place != std::string::npos) slice.insert(place, role);
+    if (!str::EndsWith(slice, backup.extension)) str::RGetWord(slice, ".part");
+    return slice;
+}
+
+std::string CompanionName(std::string slice) {
+    if (str::StartsWith(slice, "C")) return slice.replace(0, kCustomHead, "custom");
+    return slice.erase(0, slice.empty() ? 0 : 1);
+}
+
+std::string Stem(const PlainBackup& backup, const std::string& slice) {
+    const std::size_t ending =
+        str::EndsWith(slice, backup.extension) ? backup.extension.size() : kFirstSliceEnding;
+    return slice.substr(0, slice.size() - std::min(ending, slice.size()));
+}
+
+void RemoveCompanions(const PlainBackup& backup, const std::string& slice) {
+    backup.storage.RemoveFile(CompanionName(slice));
+    const std::string stem = Stem(backup, slice);
+    kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".tgz"));
+    DeleteEncryptedIndex(kro_file::ConcatPath(backup.directory, stem + ".tgz.aes"));
+    backup.storage.RemoveFile(stem + ".info");
+    // Without the info file here nobody would know of files that came back there.
+    backup.storage.storage()->SyncRemovals("");
+    kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".info"));
+}
+
+void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const std::string& slice) {
+    const bool shared_role = key != "last-slice" && slice == backup.last_slice;
+    const std::string name =
+        shared_role ? InsertRole(backup, slice, key.substr(std::string_view("role-").size()))
+                    : RemovePieces(backup, slice);
+    // A role is what the info file says it is, and the name becomes one of local files.
+    if (name.find('/') != std::string::npos) {
+        throw std::runtime_error("'" + name + "' is not the name of a slice");
+    }
+    RemoveCompanions(backup, name);
+}
+
+// The local files that carry the backup's own name, the info file last: as long as it is there the
+// deletion can be repeated.
+void RemoveLocalFiles(const std::string& info_path) {
+    const std::string directory = kro_file::Path(info_path);
+    std::string name = kro_file::Name(info_path);
+    str::RGetWord(name, ".info");
+    // The name may be empty: without an ending it would be the directory's own.
+    const auto local = [&](const char* ending) {
+        return kro_file::ConcatPath(directory, name + ending);
+    };
+    kro_file::RemoveFile(local(".tgz"));
+    DeleteEncryptedIndex(local(".tgz.aes"));
+    kro_file::RemoveFile(local(".tgz.aes"));
+    kro_file::RemoveFile(local(".1.dar"));
+    kro_file::RemoveFile(info_path);
+    // An info file that came back would count as a backup.
+    kro_file::SyncDir(directory);
+}
+
+bool HoldsOtherBackups(const std::string& directory, const std::string& info_name) {
+    kro_file::Dir entries(directory, 2);
+    while (entries.Read()) {
+        if (entries.name() != info_name && str::EndsWith(entries.name(), ".info")) return true;
+    }
+    return false;
+}
+
+// In directory form the info file's directory is named after the backup's date and belongs to the
+// backup. An info file that claims that form while it lies anywhere else, such as among other
+// backups' in the info root, takes only its own files along.
+bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
+    return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
+           !HoldsOtherBackups(directory, info_name);
+}
+
+void RemoveLocalDirectory(const std::string& info_path) {
+    const auto [directory, info_name] = kro_file::SplitPath(info_path);
+    if (!IsOwnDirectory(directory, info_name)) {
+        RemoveLocalFiles(info_path);
+        return;
+    }
+    RemoveDirectory(directory, info_name);
+    std::string parent = kro_file::Path(directory);
+    if (!parent.empty() && !kro_file::Dir(parent, 2).Read()) {
+        kro_file::Remove(parent);
+        parent = kro_file::Path(parent);
+    }
+    kro_file::SyncDir(parent);
+}
+
+// Whatever the slices were called: afterwards the backup that the info file names is gone, on both
+// sides, and no scan brings it back.
+void RemoveRest(Removal& storage, const std::string& info_path) {
+    storage.RemoveFile(kro_file::Name(info_path));
+    storage.storage()->SyncRemovals("");
+    RemoveLocalFiles(info_path);
+}
+
+// Every entry that names slices, and what is left after them.
+void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2::InfoMap& info) {
+    const auto last_slice = info.find("last-slice");
+    const PlainBackup backup{storage, kro_file::Path(info_path), quarn2::GetExtByInfo(info),
+                             last_slice == info.end() ? "" : last_slice->second};
+    bool directory_form = false;
+    bool all_deleted = true;
+    // From the last key to the first: every role goes before "last-slice".
+    for (auto entry = info.rbegin(); entry != info.rend(); ++entry) {
+        const auto& [key, value] = *entry;
+        if (!NamesSlice(key)) continue;
+        std::string rest = value;
+        const std::string slice = str::GetWord(rest);
+        const std::string remote_directory = kro_file::Path(slice);
+        if (slice.empty()) {
+            KRO_LOG(kLog, 4, "Last slice in '%s' is empty", info_path.c_str());
+            all_deleted = DeleteByPrefix(storage.storage(), info_path) && all_deleted;
+        } else if (!remote_directory.empty()) {
+            directory_form = true;
+            if (key == "last-slice") storage.RemoveDir(remote_directory);
+        } else {
+            DeletePlainEntry(backup, key, slice);
+        }
+    }
+    // The info file of slices that could not be deleted is needed to try again.
+    if (directory_form) {
+        RemoveLocalDirectory(info_path);
+    } else if (all_deleted) {
+        RemoveRest(storage, info_path);
+    }
+}
+
+}  // namespace
+
+void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
+            bool skip_full) {
+    quarn2::InfoMap info = quarn2::GetInfo(info_path);
+    if (skip_full && IsFull(info)) {
+        KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
+        return;
+    }
+    Removal removal(std::move(storage), info_path, info);
+    try {
+        DeleteEntries(removal, info_path, info);
+    } catch (const std::exception&) {
+        removal.GiveUp();
+        throw;
+    }
+}
+
+namespace {
+
+// What the walk over a full backup's week needs to know.
+struct Week {
+    std::string user_dir;
+    std::string user;
+    std::string date;
+    std::string identity;  // of the full backup, as its dependants name it
+};
+
+Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
+    const std::string archive_dir = kro_file::Path(info["last-slice"]);
+    auto [local_dir, name] = kro_file::SplitPath(info_path);
+    const std::string root = kro_file::GoodPath(str::GetWord(local_dir, archive_dir));
+    Week week;
+    week.user = quarn2::GetUserName(name);
+    week.date = quarn2::GetDate(name);
+    str::RGetWord(name, ".info");
+    if (name.empty()) throw std::runtime_error("Bad info file name");
+    week.identity = kro_file::ConcatPath(archive_dir, "F" + name + quarn2::GetExtByInfo(info));
+    week.user_dir = quarn2::IsAdminData(root) ? root : kro_file::ConcatPath(root, week.user);
+    return week;
+}
+
+// Newest first, so that with `force` an interruption leaves a chain that can still be restored.
+void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Week& week,
+                      bool force) {
+    constexpr int kLastWeekday = 6;
+    kro_date::Date day(week.date);
+    day.AddDays(kLastWeekday - day.weekday());
+    for (; day.AsDate() != week.date; day.AddDays(-1)) {
+        const std::string candidate = quarn2::GetInfoFile(week.user_dir, week.user, day.AsDate());
+        if (!kro_file::Exists(candidate)) continue;
+        if (quarn2::GetInfo(candidate)["base"] != week.identity) continue;
+        if (!force) {
+            throw std::runtime_error("Failed to delete backup. Depended backup '" + candidate +
+                                     "' still exists");
+        }
+        Delete(storage, candidate, false);
+    }
+}
+
+}  // namespace
+
+void DeleteWithDepends(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
+                       bool force) {
+    quarn2::InfoMap info = quarn2::GetInfo(info_path);
+    if (!IsFull(info)) {
+        Delete(storage, info_path, true);
+        return;
+    }
+    HandleDependants(storage, FindWeek(info, info_path), force);
+    Delete(storage, info_path, false);
+}
+
+void CommandDelete(kro_args::ResultPtr result) {
+    const std::string path = GetArgPath(result->Args(0));
+    KRO_LOG(kLog, 5, "Delete %s", path.c_str());
+    if (!kro_file::Exists(path)) return;
+    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    if (token) {
+        DeleteWithDepends(quarn2::GetStorage(token), path, result->Has("force"));
+    } else {
+        SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
+    }
+}

@@ -1,0 +1,83 @@
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2_cp2_misc.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+
+bool IsDigit(char c) { return c >= '0' && c <= '9'; }
+
+}  // namespace
+
+std::string GetPrefix(const std::string& name) {
+    std::string prefix = name;
+    if (!prefix.empty() && !IsDigit(prefix.front())) prefix.erase(0, 1);
+    str::RGetWord(prefix, str::EndsWith(prefix, ".info") ? ".info" : ".tgz");
+    return prefix;
+}
+
+void DeleteOnStorage(quarn2::Storage& storage, const std::string& prefix, const char* why) {
+    std::vector<std::string> names;
+    storage.List(names, "");
+    for (const std::string& name : names) {
+        if (GetPrefix(name) != prefix) continue;
+        KRO_LOG(kLog, 7, "Delete file %s (%s)", name.c_str(), why);
+        storage.RemoveFile(name);
+    }
+    storage.SyncRemovals("");
+}
+
+void DeleteLocally(const std::string& directory, const std::string& prefix, const char* why) {
+    kro_file::Dir entries(directory, 2);
+    bool removed = false;
+    while (entries.Read()) {
+        if (GetPrefix(entries.name()) != prefix) continue;
+        KRO_LOG(kLog, 7, "Delete local file %s (%s)", entries.FullName().c_str(), why);
+        kro_file::RemoveFile(entries.FullName());
+        removed = true;
+    }
+    if (removed) kro_file::SyncDir(directory);
+}
+
+bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path) {
+    KRO_LOG(kLog, 8, "%s info file = %s", "DeleteByPrefix", info_path.c_str());
+    constexpr const char* kWhy = "slice name from prefix";
+    try {
+        const auto [directory, name] = kro_file::SplitPath(info_path);
+        const std::string prefix = GetPrefix(name);
+        DeleteOnStorage(*storage, prefix, kWhy);
+        DeleteLocally(directory, prefix, kWhy);
+        return true;
+    } catch (const std::exception& error) {
+        // The head is the line that administrators' filters know; the reason stands behind it.
+        kLog.Text(4, std::string("Cant delete backup '%' :") + " " + error.what());
+        return false;
+    }
+}
+
+void DeleteEncryptedIndex(const std::string& path) {
+    const auto [directory, name] = kro_file::SplitPath(path);
+    const std::string list_path = kro_file::ConcatPath(directory, ".encrypted_indexes");
+    if (!kro_file::Exists(list_path)) return;
+
+    kro_file::Lock lock;
+    lock.DoLock(list_path, false);
+    std::map<std::string, std::string> indexes = str::Split(lock.Read(), "\n");
+    lock.Release();
+
+    const auto index = indexes.find(name);
+    if (index == indexes.end()) return;
+    kro_file::RemoveFile(path);
+    indexes.erase(index);
+
+    lock.DoLock(list_path, false);
+    lock.Write(str::Join(indexes, "\n"));
+    lock.Release();
+}

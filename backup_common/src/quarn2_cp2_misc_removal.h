@@ -1,0 +1,47 @@
+// The removal of one backup, which a crash can break off: the backup's info file tells of it before
+// anything is gone, so that nobody takes what is left for a whole backup, and it can be finished.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "quarn2/info.h"
+#include "quarn2/info_reader.h"
+#include "quarn2/storage.h"
+
+// A storage from which files are removed.
+class Removal {
+  public:
+    // Rewrites the info file: "deletion", the time, instead of "finished". Where there is no room
+    // for that it is done once the first file has gone: a removal is what makes room.
+    Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
+            quarn2::InfoMap info);
+
+    void RemoveFile(const std::string& name);
+    void RemoveDir(const std::string& name);
+
+    // Gives the info file its old text back if this removal has marked it and nothing has been
+    // removed yet.
+    void GiveUp() const noexcept;
+
+    const std::shared_ptr<quarn2::Storage>& storage() const noexcept { return storage_; }
+
+  private:
+    void Mark();
+
+    std::shared_ptr<quarn2::Storage> storage_;
+    std::string info_path_;
+    quarn2::InfoMap info_;
+    bool marked_;
+    std::string old_text_;  // empty when the file was not rewritten
+    bool touched_ = false;
+};
+
+// Removes a directory with all below it; the file `last` in it goes after everything else.
+void RemoveDirectory(const std::string& directory, const std::string& last);
+
+// True for an info file whose backup is half removed, or may be.
+bool IsBeingDeleted(const quarn2::InfoReader& info);
+
+// Finishes the removals that the info files in `directory` tell of. Errors pass out.
+void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage, const std::string& directory);

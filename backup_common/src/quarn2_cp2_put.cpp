@@ -1,0 +1,125 @@
+#include "quarn2_cp2_put.h"
+
+#include <cstdint>
+#include <stdexcept>
+
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_progress.h"
+#include "quarn2_cp2_misc_unstored.h"
+#include "quarn2_cp2_put_answer.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+// An info file may hold the archive's password.
+constexpr mode_t kInfoMode = 0640;
+
+// The node client reads a trailing " DELETE" as a wish of the job, so a name with a blank could be
+// taken for another file's.
+void CheckFileName(const std::string& file) { quarn2::GetStoredName(file); }
+
+kro_date::DateTime Created(const quarn2::InfoMap& info, const std::string& info_path) {
+    const auto created = info.find("created");
+    try {
+        return kro_date::DateTime(created == info.end() ? "" : created->second);
+    } catch (const kro_err::Error& error) {
+        throw std::runtime_error("info file '" + info_path + "': created: " + error.what());
+    }
+}
+
+std::int64_t AddSizes(std::int64_t a, std::int64_t b) {
+    std::int64_t sum = 0;
+    if (a >= 0 && !__builtin_add_overflow(a, b, &sum)) return sum;
+    throw std::runtime_error("the info file's size " + str::Str(a) + " cannot be used");
+}
+
+void StampTimes(quarn2::InfoMap& info, const std::string& info_path) {
+    const kro_date::DateTime now = kro_date::DateTime::Now();
+    info["finished"] = now.AsDateTime();
+    info["duration"] = str::Str(static_cast<std::int32_t>(now - Created(info, info_path)));
+}
+
+void RecordUpload(quarn2::InfoMap& info, const std::string& info_path, const Taken& taken,
+                  const kro_args::Result& args) {
+    info["size"] = str::Str(AddSizes(str::Int64(info["size"]), taken.bytes));
+    if (!taken.key_hash.empty()) info["key_hash"] = taken.key_hash;
+    if (args.Has("tovtar")) info["last-slice"] = quarn2::GetPath(taken.name);
+    if (!args.Has("convert")) StampTimes(info, info_path);
+}
+
+// Adds the text's own length to its "size": the digits may make the text longer, so until it no
+// longer changes.
+std::string JoinWithOwnSize(quarn2::InfoMap& info) {
+    const std::int64_t data = str::Int64(info["size"]);
+    auto length = static_cast<std::int64_t>(str::Join(info, "\n").size());
+    for (;;) {
+        info["size"] = str::Str(AddSizes(data, length));
+        std::string text = str::Join(info, "\n");
+        const auto new_length = static_cast<std::int64_t>(text.size());
+        if (new_length == length) return text;
+        length = new_length;
+    }
+}
+
+// The last file of a backup: the info file goes to the storage, without the node's name, which only
+// concerns the machine it was made on.
+void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
+    const std::string node = info["node"];
+    info.erase("node");
+    const std::string text = JoinWithOwnSize(info);
+    const std::string local_info = quarn2::StripSliceNumber(file) + ".info";
+    const UnstoredInfo unstored(local_info);
+    kro_file::Write(local_info, text, kInfoMode);
+    SendCommand("PUTLAST " + local_info);
+    if (!node.empty()) {
+        info["node"] = node;
+        kro_file::Write(local_info, str::Join(info, "\n"), kInfoMode);
+    }
+    unstored.Remove();
+}
+
+}  // namespace
+
+void CommandPut(std::shared_ptr<kro_args::Result> args) {
+    const std::string file = GetArgPath(args->Args(0));
+    KRO_LOG(kLog, 5, "Put %s", file.c_str());
+    CheckFileName(file);
+    const Taken taken =
+        ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
+    if (!args->Has("info-file")) return;
+
+    const std::string info_path = GetArgPath(args->Param("info-file"));
+    quarn2::InfoMap info = quarn2::GetInfo(info_path);
+    RecordUpload(info, info_path, taken, *args);
+    if (args->Has("isolated")) {
+        FinishBackup(info, file);
+    } else {
+        kro_file::Write(info_path, str::Join(info, "\n"));
+    }
+}
+
+void CommandUpdate(const std::string& path) {
+    const std::string last = quarn2::GetLastSliceLocalPath(path);
+    if (last.empty()) {
+        throw std::runtime_error("the info file of '" + path +
+                                 "' names no last slice; nothing was changed");
+    }
+    const std::string remote = kro_file::ConcatPath(kro_file::Path(last), kro_file::Name(path));
+    const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
+    // The old file goes first: the new one must be there to follow.
+    kro_file::Size(path);
+    ProgressLine progress(1);
+    storage->SetObserver(&progress);
+    storage->RemoveFile(remote);
+    if (!storage->Upload(remote, path)) {
+        throw std::runtime_error("the storage has no room for '" + remote +
+                                 "', and its old content is gone: make room and update it again");
+    }
+}

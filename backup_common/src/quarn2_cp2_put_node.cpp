@@ -1,0 +1,235 @@
+#include "quarn2_cp2_put_node.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_put.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kBacklog = 5;
+constexpr mode_t kSocketMode = 0600;
+constexpr std::size_t kCustomHead = 11;  // "C" and a date
+constexpr std::size_t kFramePiece = 32;
+
+sockaddr_un SocketAddress(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.size() >= sizeof address.sun_path) {
+        throw std::runtime_error("The control socket's path '" + path + "' is too long: " +
+                                 str::Str(path.size()) + " bytes, at most 107 are possible");
+    }
+    std::memcpy(address.sun_path, path.data(), path.size());
+    return address;
+}
+
+ResHandle OpenControlSocket(const std::string& path) {
+    ResHandle listening(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!listening) throw std::runtime_error("Failed to open socket");
+    const sockaddr_un address = SocketAddress(path);
+    kro_file::RemoveFile(path);
+    // From its first moment on, whatever the umask: nobody else may connect in between.
+    fchmod(listening, kSocketMode);
+    if (bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("Failed to bind to '" + path + "' error " + str::Str(errno));
+    }
+    if (listen(listening, kBacklog) != 0) throw std::runtime_error("Failed to listen");
+    return listening;
+}
+
+// True when the suffix was there.
+bool TakeSuffix(std::string& text, std::string_view suffix) {
+    if (!str::EndsWith(text, suffix)) return false;
+    text.resize(text.size() - suffix.size());
+    return true;
+}
+
+}  // namespace
+
+void CommandClient() {
+    const std::string storage = NodeSide::GetResult();
+    const std::string socket_path = ControlSocketPath(storage);
+    KRO_LOG(kLog, 5, "Open control socket '%s'", socket_path.c_str());
+    const ResHandle listening = OpenControlSocket(socket_path);
+    kro_thread::SafeLock lock;
+    quarn2::Expect loop;
+    loop.Add(listening, POLLIN, std::make_shared<NodeSide>(lock, MasterLink{}, storage));
+    loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));
+    // Before the first upload thread: every thread must leave these signals to the loop.
+    loop.Add(kro_proc::WatchTermination(), POLLIN, std::make_shared<FinishOnSignal>());
+    loop.Run(-1);
+}
+
+NodeSide::NodeSide(kro_thread::SafeLock& lock, MasterLink link, const std::string& storage)
+    : lock_(lock),
+      link_(link),
+      token_(GetResult(link.in)),
+      storage_(quarn2::GetStorage(token_)),
+      marks_(storage) {
+    KRO_LOG(kLog, 5, "Client. Backup token = '%s'", token_.Str().c_str());
+}
+
+NodeSide::~NodeSide() {
+    try {
+        for (auto& [key, upload] : uploads_) upload.Join();
+    } catch (const std::exception&) {
+        // The job learned of the failure, or never asked; the uploads left are waited for by their
+        // threads' own handles.
+    }
+}
+
+quarn2::Expect::Result* NodeSide::operator()(ResHandle listening) {
+    KRO_LOG(kLog, 8, "quarn2::Expect::Result* NodeSide::operator()(ResHandle)");
+    const ResHandle connection(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    if (!connection) return errno == EAGAIN ? quarn2::Expect::erOk : quarn2::Expect::erFinish;
+    try {
+        const std::string answer = Serve(Read(connection));
+        // A command that has gone away does not wait for its answer.
+        [[maybe_unused]] const ssize_t written = write(connection, answer.data(), answer.size());
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 3, "%s", error.what());
+    }
+    return quarn2::Expect::erOk;
+}
+
+std::string NodeSide::Serve(std::string command) {
+    // A path ends there for the system, and not for the name that a file is stored under.
+    if (command.find('\0') != std::string::npos) {
+        throw std::runtime_error("A command with a NUL byte is refused");
+    }
+    const std::string word = str::GetWord(command);
+    const std::string& argument = command;
+    if (word == "DELETE") {
+        Delete(argument, false);
+    } else if (word == "DELETEALL") {
+        Delete(argument, true);
+    } else if (word == "PUT") {
+        return Put(argument, false);
+    } else if (word == "PUTLAST") {
+        return Put(argument, true);
+    }
+    return "OK";
+}
+
+void NodeSide::Delete(const std::string& path, bool force) {
+    DeleteWithDepends(storage_, path, force);
+}
+
+std::string NodeSide::Key(const std::string& path) {
+    std::string name = kro_file::Name(path);
+    if (TakeSuffix(name, ".info")) return name;
+    if (str::StartsWith(name, "F") || str::StartsWith(name, "I")) {
+        name.erase(0, 1);
+    } else if (str::StartsWith(name, "C")) {
+        name.replace(0, kCustomHead, "custom");
+    }
+    return quarn2::StripSliceNumber(name);
+}
+
+std::string NodeSide::Put(std::string argument, bool last) {
+    delete_after_ = TakeSuffix(argument, " DELETE");
+    const std::string& path = argument;
+    std::string info = storage_->GetFileInfo(path);
+    size_ = storage_->Size(path);
+    Reserve();
+    std::string answer = "OK " + info;
+    KRO_LOG(kLog, 6, "PUT result: '%s'", answer.c_str());
+    const std::string remote = str::GetWord(info);
+    if (last) {
+        PutLast(remote, path);
+    } else {
+        PutInBackground(remote, path);
+    }
+    return answer;
+}
+
+void NodeSide::Reserve() { max_count_ = str::Int(DoCommand("RESERVE " + str::Str(size()) + "\n")); }
+
+void NodeSide::PutInBackground(const std::string& remote, const std::string& path) {
+    const std::string key = Key(path);
+    Upload& upload = uploads_[key];
+    Join(upload);
+    upload = Upload(this, remote, path);
+    upload.Run(marks_.Begin(key, remote));
+}
+
+// Whoever learns of a failure here needs no mark to learn of it again.
+void NodeSide::Join(Upload& upload) {
+    try {
+        upload.Join();
+    } catch (const std::exception&) {
+        upload.RemoveMark();
+        throw;
+    }
+}
+
+void NodeSide::PutLast(const std::string& remote, const std::string& path) {
+    const auto running = uploads_.find(Key(path));
+    if (running != uploads_.end()) {
+        Join(running->second);
+        uploads_.erase(running);
+    }
+    if (str::EndsWith(path, ".info")) marks_.CheckWhole(Key(path));
+    Upload(this, remote, path).PutLast();
+    if (str::EndsWith(path, ".info")) ReportComplete(path);
+}
+
+void NodeSide::ReportComplete(const std::string& info_path) {
+    const std::string name = kro_file::Name(info_path);
+    quarn2::InfoMap info = quarn2::GetInfo(info_path);
+    max_count_ =
+        str::Int(DoCommand("COMPLETE " + quarn2::GetUserName(name) + " " + quarn2::GetDate(name) +
+                           " " + info["type"] + " " + info["size"] + "\n"));
+}
+
+std::string NodeSide::DoCommand(const std::string& command) {
+    const kro_thread::SafeSection section(lock_);
+    KRO_LOG(kLog, 8, "%s command = %s", "DoCommand", command.c_str());
+    if (write(link_.out, command.data(), command.size()) != static_cast<ssize_t>(command.size())) {
+        throw CommandError("Failed to write data to server");
+    }
+    std::string answer = GetResult(link_.in);
+    const std::string status = str::GetWord(answer);
+    if (status != "OK") throw CommandError(answer);
+    return answer;
+}
+
+std::string NodeSide::GetResult(int fd) {
+    KRO_LOG(kLog, 8, "static std::string NodeSide::GetResult()");
+    std::uint32_t length = 0;
+    if (read(fd, &length, sizeof length) != static_cast<ssize_t>(sizeof length)) {
+        throw std::runtime_error("Failed to get answer size from server");
+    }
+    std::string text;
+    char piece[kFramePiece];
+    while (text.size() < length) {
+        const std::size_t wanted = std::min(kFramePiece, length - text.size());
+        if (read(fd, piece, wanted) != static_cast<ssize_t>(wanted)) {
+            throw std::runtime_error("Failed to get answer from server");
+        }
+        text.append(piece, wanted);
+    }
+    return text;
+}
+
+std::int32_t NodeSide::TakeOneEviction() noexcept {
+    std::int32_t left = max_count_;
+    while (left > 0 && !max_count_.compare_exchange_weak(left, left - 1)) {
+    }
+    return left - 1;
+}

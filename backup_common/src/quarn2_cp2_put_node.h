@@ -1,0 +1,87 @@
+// The node client: serves the control socket of its node and speaks to the server over the master
+// link.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "kro/kro_thread.h"
+#include "kro/res_handle.h"
+#include "quarn2/expect.h"
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_put_marks.h"
+#include "quarn2_cp2_put_upload.h"
+
+// The server's answer to a command was an error, or the command could not be sent.
+class CommandError : public std::runtime_error {
+  public:
+    using std::runtime_error::runtime_error;
+};
+
+// The two ends of the master link in this process.
+struct MasterLink {
+    int in = 0;   // answers arrive here
+    int out = 1;  // commands leave here
+};
+
+class NodeSide {
+  public:
+    // Reads the token from the link and opens the storage. `storage` is the name of a user's own
+    // one.
+    explicit NodeSide(kro_thread::SafeLock& lock, MasterLink link = {},
+                      const std::string& storage = "");
+    // Waits for the uploads.
+    ~NodeSide();
+    NodeSide(const NodeSide&) = delete;
+    NodeSide& operator=(const NodeSide&) = delete;
+
+    // Serves one connection of the control socket, to its end.
+    quarn2::Expect::Result* operator()(ResHandle listening);
+
+    // Runs one command text and returns the answer; a failure is an exception.
+    std::string Serve(std::string command);
+
+    void Delete(const std::string& path, bool force);
+
+    // The name that all slices of a backup and its info file share.
+    static std::string Key(const std::string& path);
+
+    // Sends a command (with its line feed) and returns the answer without "OK". One exchange at a
+    // time, whichever thread asks. CommandError when the server refused it or the link is broken.
+    std::string DoCommand(const std::string& command);
+
+    // Reads one frame of the master link. std::runtime_error when it does not come whole.
+    static std::string GetResult(int fd = 0);
+
+    const quarn2::BackupToken& token() const noexcept { return token_; }
+    bool delete_after() const noexcept { return delete_after_; }
+    std::int64_t size() const noexcept { return size_; }
+
+    // Takes one from the number of evictions that an upload may still ask for and returns what is
+    // left; -1 when there was none.
+    std::int32_t TakeOneEviction() noexcept;
+
+  private:
+    std::string Put(std::string argument, bool last);
+    void PutInBackground(const std::string& remote, const std::string& path);
+    void PutLast(const std::string& remote, const std::string& path);
+    static void Join(Upload& upload);
+    void Reserve();
+    void ReportComplete(const std::string& info_path);
+
+    kro_thread::SafeLock& lock_;
+    MasterLink link_;
+    quarn2::BackupToken token_;
+    std::shared_ptr<quarn2::Storage> storage_;
+    // Upload threads read these two while the loop's thread sets them.
+    std::atomic<std::int32_t> max_count_{0};
+    std::atomic<std::int64_t> size_{0};  // of the file of the latest PUT or PUTLAST
+    bool delete_after_ = false;
+    UploadMarks marks_;
+    std::map<std::string, Upload> uploads_;
+};

@@ -1,0 +1,107 @@
+#include "quarn2_cp2_put_upload.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_put_node.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kAttempts = 3;
+constexpr int kPauseSeconds = 60;
+constexpr int kMillisecondsPerSecond = 1000;
+
+}  // namespace
+
+Upload::Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path)
+    : node_(node),
+      remote_name_(remote_name),
+      local_path_(local_path),
+      storage_(quarn2::GetStorage(node->token())),
+      delete_after_(node->delete_after()) {
+    storage_->MkDir(kro_file::Path(remote_name));
+}
+
+void Upload::Run(std::unique_ptr<UploadMark> mark) {
+    mark_ = std::move(mark);
+    thread_ = std::make_shared<kro_thread::Handle>([this] {
+        (*this)();
+        if (!failed_) RemoveMark();
+    });
+}
+
+void Upload::RemoveMark() {
+    if (mark_) mark_->Remove();
+}
+
+void Upload::Join() {
+    if (!thread_) return;
+    thread_->Join();
+    if (failed_) throw std::runtime_error("Failed upload");
+}
+
+void Upload::PutLast() {
+    Put();
+    if (failed_) throw std::runtime_error("Failed upload");
+}
+
+void Upload::Put() {
+    for (int attempt = 1;; ++attempt) {
+        try {
+            Store();
+            failed_ = false;
+            break;
+        } catch (const CommandError& error) {
+            // The job is not told: this line and the attempts file are all that tells of it.
+            KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(local_path_).c_str(),
+                    error.what());
+            Release(error.what());
+            return;
+        } catch (const kro_err::Error& error) {
+            if (!MayTryAgain(error, attempt)) return;
+        }
+    }
+    if (delete_after_) kro_file::RemoveFile(local_path_);
+}
+
+// Until the storage takes the file: a storage that has no room is asked again after each eviction.
+void Upload::Store() {
+    while (!storage_->Upload(remote_name_, local_path_)) {
+        const std::int32_t left = node_->TakeOneEviction();
+        if (left < 0) throw std::runtime_error("Upload failed");
+        node_->DoCommand("DROPONE " + str::Str(left) + "\n");
+    }
+}
+
+bool Upload::MayTryAgain(const kro_err::Error& error, int attempt) {
+    failed_ = true;
+    if (error.type() == "unauthorized") {
+        Release(error.what());
+        return false;
+    }
+    storage_ = quarn2::GetStorage(node_->token());
+    KRO_LOG(kLog, 4, "Cant upload: %s. What: %s. Attempt: %d of %d",
+            kro_file::Name(local_path_).c_str(), error.what(), attempt, kAttempts);
+    if (attempt == kAttempts) {
+        Release(error.what());
+        return false;
+    }
+    KRO_LOG(kLog, 6, "Wait %d seconds before next attempt", kPauseSeconds);
+    kro_proc::Sleep(kPauseSeconds * kMillisecondsPerSecond);
+    return true;
+}
+
+void Upload::Release(const std::string& reason) {
+    quarn2::CreateAttemptsFile(local_path_, reason);
+    kro_file::RemoveFile(local_path_);
+    // The size of the node's latest file, which need not be this one: the server's account is reset
+    // by the next completion in any case.
+    node_->DoCommand("RELEASE " + str::Str(node_->size()) + "\n");
+}

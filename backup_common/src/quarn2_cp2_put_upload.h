@@ -1,0 +1,54 @@
+// One file on its way from this node to the storage.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "kro/kro_err.h"
+#include "kro/kro_thread.h"
+#include "quarn2/storage.h"
+#include "quarn2_cp2_put_marks.h"
+
+class NodeSide;
+
+// Lives idle until Run (in a thread of its own) or PutLast (in the caller's). Must stay where it is
+// while its thread runs.
+class Upload {
+  public:
+    Upload() = default;
+    // Opens a storage of its own and makes the file's directory there; failures pass out.
+    Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path);
+
+    // In a thread. The mark goes when the file is stored.
+    void Run(std::unique_ptr<UploadMark> mark);
+
+    // Waits for the thread. std::runtime_error "Failed upload", or what left the thread, when the
+    // file was not stored.
+    void Join();
+
+    // Somebody has been told that it failed.
+    void RemoveMark();
+
+    // The whole upload in the calling thread; "Failed upload" when it failed.
+    void PutLast();
+
+    // Up to three attempts; asks the server for space when the storage has none.
+    void Put();
+
+    // The thread's body.
+    void operator()() { Put(); }
+
+  private:
+    void Store();
+    bool MayTryAgain(const kro_err::Error& error, int attempt);
+    void Release(const std::string& reason);
+
+    NodeSide* node_ = nullptr;
+    std::string remote_name_;
+    std::string local_path_;
+    std::shared_ptr<quarn2::Storage> storage_;
+    bool delete_after_ = false;
+    bool failed_ = false;
+    std::unique_ptr<UploadMark> mark_;
+    std::shared_ptr<kro_thread::Handle> thread_;
+};

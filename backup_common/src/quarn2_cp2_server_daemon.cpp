@@ -1,0 +1,148 @@
+// The daemon: from the pid file to the last tidying.
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/kro_log.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2/expect.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_server_model.h"
+#include "quarn2_cp2_server_nodes.h"
+#include "quarn2_cp2_server_start.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr std::chrono::milliseconds kLongestRun{1000};
+
+class Daemon {
+  public:
+    Daemon(kro_args::ResultPtr args, kro_file::Lock& pid_lock, std::string server_key)
+        : args_(std::move(args)),
+          files_(args_->Param("storage", -1)),
+          pid_lock_(pid_lock),
+          server_key_(std::move(server_key)),
+          date_(ReferenceDate(args_->Param("date", -1))) {}
+
+    void Run() {
+        auto loop = std::make_unique<quarn2::Expect>();
+        auto control = std::make_unique<GlobalSizeControl>(*args_);
+        loop->Add(kro_proc::WatchTermination(), POLLIN, signal_);
+        GlobalSizeControl::StorageDesc& desc = control->AddStorage(GetStorageByEnv());
+        auto nodes = std::make_unique<NodeSessions>(desc, *loop, args_);
+        nodes->Start(std::chrono::steady_clock::now());
+        WritePidFile();
+        const std::string path = args_->Param("path", -1);
+        CleanUp(path);
+        control->unstored = UnstoredInfos(*desc.storage, args_->Param("storage", -1));
+        control->Init(date_);
+        control->FinishDeletions();
+        control->DropByCount(control->full_limit, control->daily_limit);
+        MakeRoom(*control);
+        AnnounceReady();
+        Serve(*loop, *nodes);
+        // Callers that come from here on must wait for the end instead of taking this server for
+        // theirs.
+        if (signal_->arrived()) pid_lock_.Write("");
+        control->DropByCount(control->full_limit, control->daily_limit);
+        nodes.reset();
+        control.reset();
+        loop.reset();
+        CleanUp(path);
+        RemoveFiles();
+    }
+
+  private:
+    // Asked for once: the pid file and the account must agree, over midnight too.
+    static std::string ReferenceDate(const std::string& date) {
+        return date.empty() || date == "custom" ? kro_date::Date::Today().AsDate() : date;
+    }
+
+    void WritePidFile() {
+        const PidFile file{str::Str(getpid()), date_, server_key_, RequestedParams(args_)};
+        pid_lock_.Write(file.Text());
+    }
+
+    static void MakeRoom(GlobalSizeControl& control) {
+        for (;;) {
+            const std::int64_t used = control.GreatestUsedSize();
+            KRO_LOG(kLog, 6, "Backup size: %lld, limit: %lld", static_cast<long long>(used),
+                    static_cast<long long>(control.size_limit));
+            if (control.size_limit >= used) return;
+            control.DropOldest(control.max_count - 1);
+        }
+    }
+
+    // The record lock is what callers ask for: from now on this process serves.
+    void AnnounceReady() const {
+        struct flock lock {};
+        lock.l_type = F_WRLCK;
+        lock.l_whence = SEEK_SET;
+        while (fcntl(pid_lock_.fd(), F_SETLKW, &lock) != 0) {
+            if (errno != EINTR) throw kro_err::FromErrno("cannot lock " + files_.pid);
+        }
+    }
+
+    // Until nobody holds the lock file any more, or a signal asks for the end.
+    void Serve(quarn2::Expect& loop, NodeSessions& nodes) {
+        lock_file_ = OpenLockFile(files_.lock);
+        if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
+        while (!signal_->arrived() && flock(lock_file_, LOCK_EX | LOCK_NB) != 0) {
+            if (errno != EAGAIN && errno != EINTR) return;
+            const auto next = nodes.Attend(std::chrono::steady_clock::now());
+            loop.Run(static_cast<int>(std::min(next, kLongestRun).count()));
+        }
+    }
+
+    // Nobody holds the lock file: new callers wait for it until this process is gone, so the pid
+    // file goes first. After a signal callers still hold it: then the pid file's name must stay
+    // taken until the lock file's is free, or a new server would lose its lock file to us.
+    void RemoveFiles() {
+        kro_log::Close();
+        if (signal_->arrived()) {
+            kro_file::RemoveFile(files_.lock);
+            kro_file::RemoveFile(files_.pid);
+        } else {
+            kro_file::RemoveFile(files_.pid);
+            kro_file::RemoveFile(files_.lock);
+        }
+        kro_log::Close();
+    }
+
+    kro_args::ResultPtr args_;
+    ServerFiles files_;
+    kro_file::Lock& pid_lock_;
+    std::string server_key_;
+    std::string date_;
+    std::shared_ptr<FinishOnSignal> signal_ = std::make_shared<FinishOnSignal>();
+    ResHandle lock_file_;
+};
+
+}  // namespace
+
+void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
+               const std::string& server_key) {
+    kro_log::Init("quarn2_cp", 5);
+    try {
+        // The lock on the lock file must last to the very end: the object goes with the process.
+        static std::unique_ptr<Daemon> daemon;
+        daemon = std::make_unique<Daemon>(args, pid_lock, server_key);
+        daemon->Run();
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 3, "Size control server error: %s", error.what());
+    }
+    std::exit(0);  // NOLINT(concurrency-mt-unsafe): the daemon has no thread but this one
+}

@@ -1,0 +1,45 @@
+#include "quarn2_cp2_server_info.h"
+
+#include <vector>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+
+namespace {
+
+// False when the storage does not have the file.
+bool Download(quarn2::Storage& storage, const std::string& remote, const std::string& local) {
+    try {
+        storage.Download(remote, local);
+        return true;
+    } catch (const kro_err::Error& error) {
+        if (error.type() != "not_found") throw;
+        return false;
+    }
+}
+
+bool Has(quarn2::Storage& storage, const std::string& remote) {
+    std::vector<std::string> names;
+    try {
+        storage.List(names, remote);
+    } catch (const kro_err::Error& error) {
+        if (error.type() != "not_found") throw;
+    }
+    return !names.empty();
+}
+
+}  // namespace
+
+std::string FetchInfoFile(quarn2::Storage& storage, const std::string& root,
+                          const std::string& user, const std::string& date) {
+    const std::string name = date + "." + user + ".info";
+    std::string path = kro_file::ConcatPath(root, name);
+    kro_file::MkDirSynced(root);
+    if (Download(storage, name, path)) return path;
+    // Asked for first: directories that stay empty would be left here otherwise.
+    const std::string in_directory = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
+    if (!Has(storage, in_directory)) return {};
+    path = kro_file::ConcatPath(root, in_directory);
+    kro_file::MkDirSynced(kro_file::Path(path));
+    return Download(storage, in_directory, path) ? path : "";
+}

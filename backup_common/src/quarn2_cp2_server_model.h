@@ -1,0 +1,114 @@
+// The server's account of what a storage holds: the one authority for reservations and evictions.
+// It lives on the thread of the server's event loop and is never written to disk.
+#pragma once
+
+#include <cstdint>
+#include <limits>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "kro/kro_args.h"
+#include "quarn2/storage.h"
+#include "quarn2_cp2_misc_unstored.h"
+
+// What the command line allows. 0 or nothing given: no limit, except for daily backups, where 0
+// means that none is kept beyond what the chains need.
+struct ServerLimits {
+    static constexpr std::int32_t kNoCount = std::numeric_limits<std::int32_t>::max();
+    static constexpr std::int64_t kNoSize = std::numeric_limits<std::int64_t>::max();
+
+    std::int32_t full = kNoCount;
+    std::int32_t daily = 0;
+    std::int64_t size = kNoSize;
+
+    // Reads count-limit (FULL or FULL:DAILY) and size-limit (bytes). A value that cannot be read is
+    // a std::runtime_error that quotes it and says what was expected.
+    static ServerLimits Parse(const std::string& count_limit, const std::string& size_limit);
+};
+
+// All sizes in bytes. Ordered maps throughout: the order of names is the order of work, and dates
+// sort as text.
+struct GlobalSizeControl {
+    struct StorageDesc {
+        struct UserDesc {
+            struct BackupInfo {
+                std::int64_t size = 0;
+                std::int32_t type = 1;  // 0 full, 1 daily: needs the newest full before it
+                bool locked = false;    // never chosen for eviction
+                bool remote = false;    // made by another machine, which has the info file
+            };
+
+            static bool IsFull(const std::pair<const std::string, BackupInfo>& record) noexcept {
+                return record.second.type == 0;
+            }
+
+            // The space of the newest chain, which no eviction may free: the newest record and,
+            // when it is not a full one, the full before it. For users with at least one record.
+            std::int64_t GetLockedSize() const noexcept;
+
+            std::map<std::string, BackupInfo> backups;  // by date: oldest first
+        };
+
+        GlobalSizeControl* owner = nullptr;
+        std::int64_t limit = 0;      // the most that could ever be free
+        std::int64_t free_size = 0;  // size_limit less what the backups use
+        std::int64_t reserved = 0;   // promised to uploads under way
+        std::map<std::string, UserDesc> users;
+        std::shared_ptr<quarn2::Storage> storage;
+        // The info files of backups whose removal was begun, and their sizes. They are no backups
+        // any more.
+        std::map<std::string, std::int64_t> half_deleted;
+    };
+
+    GlobalSizeControl() = default;
+    // Takes limits and path from the command line and says so in the log.
+    explicit GlobalSizeControl(const kro_args::Result& args);
+    // The storages point back here.
+    GlobalSizeControl(const GlobalSizeControl&) = delete;
+    GlobalSizeControl& operator=(const GlobalSizeControl&) = delete;
+
+    // Registers the one storage that all nodes share.
+    StorageDesc& AddStorage(std::shared_ptr<quarn2::Storage> storage);
+
+    // Sets the reference date and scans.
+    void Init(const std::string& reference_date);
+
+    // Forgets all backups and fills the account from the info files under `path`, as of
+    // `current_date`. Errors of reading leave it half filled and pass out.
+    void Scan(const std::string& current_date);
+
+    // Finishes the removals that the scan has found begun. What cannot be removed counts as used
+    // space for good.
+    void FinishDeletions();
+
+    // Forgets all backups; users and storages stay.
+    void ClearBackupInfo();
+
+    // One pass: deletes the oldest removable backup of every user with more than `keep` records,
+    // then lowers max_count by one. std::runtime_error when `keep` is negative: nothing is left to
+    // delete.
+    void DropOldest(int keep);
+
+    // Deletes daily and then full backups beyond these counts, per user, oldest first, as far as
+    // every remaining backup can still be restored.
+    void DropByCount(int count_to_leave_full, int count_to_leave_daily);
+
+    // The greatest used space of any storage, 0 without one.
+    std::int64_t GreatestUsedSize() const noexcept;
+
+    std::string path;
+    std::int32_t full_limit = ServerLimits::kNoCount;
+    std::int32_t daily_limit = 0;
+    std::int64_t size_limit = ServerLimits::kNoSize;
+    bool common_storage = false;
+    std::int32_t max_count = 0;  // the eviction passes count down from here
+    std::string date;
+    UnstoredInfos unstored;  // backups that the scan leaves out
+    std::map<std::string, StorageDesc> storages;
+};
+
+// Sums that stay at the ends of the range: info files and links say what they like, and an account
+// must not wrap round.
+std::int64_t SumOfSizes(std::int64_t a, std::int64_t b) noexcept;
+std::int64_t LessSize(std::int64_t a, std::int64_t b) noexcept;

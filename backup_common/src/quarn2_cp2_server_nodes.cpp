@@ -1,0 +1,143 @@
+#include "quarn2_cp2_server_nodes.h"
+
+#include <algorithm>
+#include <set>
+#include <utility>
+
+#include "kro/kro_log.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using Clock = SupervisedNode::Clock;
+
+constexpr kro_log::Module kLog("main");
+constexpr std::chrono::seconds kLongestPause = 60s;
+// A session that lasted so long was no failed attempt.
+constexpr auto kLongSession = 60s;
+constexpr auto kLookAtSession = 1000ms;
+constexpr auto kLookAtEnding = 100ms;
+// The link has ended, so nobody waits for what the client still does.
+constexpr ClientProcess::Patience kPatience{10s, 20s};
+
+std::string Description(const std::string& node) {
+    return node.find(':') != std::string::npos ? node : node + ":" + node + ":22";
+}
+
+}  // namespace
+
+std::chrono::seconds RestartPause::Next(bool did_good) {
+    if (did_good) next_ = 1s;
+    const std::chrono::seconds pause = next_;
+    next_ = std::min(next_ * 2, kLongestPause);
+    return pause;
+}
+
+void SupervisedNode::Start(Clock::time_point now) {
+    session_ = start_();
+    since_ = now;
+}
+
+void SupervisedNode::TryToStart(Clock::time_point now) {
+    try {
+        Start(now);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Cant start session with node '%s'. What: %s", name_.c_str(),
+                error.what());
+        PutOff(now, false);
+    }
+}
+
+void SupervisedNode::PutOff(Clock::time_point now, bool did_good) {
+    due_ = now + pause_.Next(did_good);
+}
+
+Clock::time_point SupervisedNode::Attend(Clock::time_point now) {
+    if (session_ && session_->is_open()) {
+        session_->client().Listen();
+        return now + kLookAtSession;
+    }
+    if (session_) {
+        did_good_ = session_->has_served() || now - since_ >= kLongSession;
+        Close();
+        since_ = now;
+    }
+    if (client_) WaitForClient(now);
+    if (client_) return now + kLookAtEnding;
+    if (now < due_) return due_;
+    TryToStart(now);
+    return now + kLookAtSession;
+}
+
+void SupervisedNode::Close() {
+    if (!session_) return;
+    client_ = session_->Close();
+    session_.reset();
+}
+
+// Never two clients of one node at a time: the next one waits until this one is gone.
+void SupervisedNode::WaitForClient(Clock::time_point now) {
+    if (client_->HasEnded()) {
+        LogEnd();
+        client_.reset();
+        PutOff(now, did_good_);
+    } else {
+        client_->Listen();
+        client_->Press(since_, now, kPatience);
+    }
+}
+
+void SupervisedNode::LogEnd() const {
+    const std::string words = client_->last_words();
+    KRO_LOG(kLog, 4, "Session with node '%s' ended. Exit status: %d%s%s", name_.c_str(),
+            client_->status(), words.empty() ? "" : ". Last words: ", words.c_str());
+}
+
+void SupervisedNode::Finish(Clock::time_point since) {
+    if (!client_) return;
+    client_->Finish(since);
+    // At the end of a server an ordinary end is not worth a line.
+    if (client_->status() != 0) LogEnd();
+    client_.reset();
+}
+
+NodeSessions::NodeSessions(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,
+                           kro_args::ResultPtr args)
+    : storage_(storage), loop_(loop), args_(std::move(args)) {
+    Add("local", "local");
+    const std::vector<std::string> given = args_->Params("node");
+    for (const std::string& node : std::set<std::string>(given.begin(), given.end())) {
+        Add(node, Description(node));
+    }
+}
+
+NodeSessions::~NodeSessions() {
+    try {
+        End();
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "%s", error.what());
+    }
+}
+
+void NodeSessions::Add(const std::string& name, const std::string& description) {
+    nodes_.emplace_back(name, [this, description] {
+        return MasterSide::Create(args_->Param("storage", -1), storage_, description, loop_, args_);
+    });
+}
+
+void NodeSessions::Start(Clock::time_point now) {
+    nodes_.front().Start(now);
+    for (auto node = std::next(nodes_.begin()); node != nodes_.end(); ++node) node->TryToStart(now);
+}
+
+std::chrono::milliseconds NodeSessions::Attend(Clock::time_point now) {
+    Clock::time_point next = now + kLookAtSession;
+    for (SupervisedNode& node : nodes_) next = std::min(next, node.Attend(now));
+    return std::chrono::ceil<std::chrono::milliseconds>(next - now);
+}
+
+void NodeSessions::End() {
+    const Clock::time_point now = Clock::now();
+    for (SupervisedNode& node : nodes_) node.Close();
+    for (SupervisedNode& node : nodes_) node.Finish(now);
+}

@@ -1,0 +1,135 @@
+// The meaning of a node client's lines: reservation, completion, eviction on request, release.
+
+#include <stdexcept>
+
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_server_info.h"
+#include "quarn2_cp2_server_session.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kCompleteTraceLine = 184;  // operators' filters know the line by this number
+
+using StorageDesc = GlobalSizeControl::StorageDesc;
+using UserDesc = StorageDesc::UserDesc;
+
+long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
+
+// A negative size would make room out of nothing.
+std::int64_t SizeArgument(const std::string& text) {
+    const std::int64_t size = str::Int64(text);
+    if (size < 0) throw std::runtime_error("'" + text + "' is not a size");
+    return size;
+}
+
+std::int64_t LockedSize(const UserDesc& user) {
+    return user.backups.empty() ? 0 : user.GetLockedSize();
+}
+
+// Names from a link become parts of paths when the backup is evicted.
+void CheckBackupName(const std::string& user, const std::string& date) {
+    if (!quarn2::IsSafeName(date + "." + user)) {
+        throw std::runtime_error("'" + date + "." + user + "' is not a backup's name");
+    }
+}
+
+}  // namespace
+
+void MasterSide::ProcessCommand(const std::string& line) {
+    KRO_LOG(kLog, 8, "%s line = '%s'", "ProcessCommand", line.c_str());
+    std::string arguments = line;
+    const std::string word = str::GetWord(arguments);
+    std::string answer;
+    try {
+        answer = Answer(word, arguments);
+    } catch (const std::exception& error) {
+        answer = std::string("ERR ") + error.what();
+    }
+    has_served_ = has_served_ || str::StartsWith(answer, "OK");
+    if (!answer.empty()) SaveResult(answer);
+}
+
+// Empty for a word without a meaning: such a line has no answer.
+std::string MasterSide::Answer(const std::string& word, const std::string& arguments) {
+    if (word == "RESERVE") return Reserve(SizeArgument(arguments));
+    if (word == "COMPLETE") return Complete(arguments);
+    if (word == "DROPONE") return DropOne(str::Int(arguments));
+    if (word == "RELEASE") return Release(SizeArgument(arguments));
+    return {};
+}
+
+std::string MasterSide::Reserve(std::int64_t size) {
+    GlobalSizeControl& control = *storage_.owner;
+    KRO_LOG(kLog, 8,
+            "%s this = %p, available_size = %lld, free_size = %lld, incomplete_size = %lld, size = "
+            "%lld",
+            "Reserve", static_cast<void*>(&storage_), ForLog(storage_.limit),
+            ForLog(storage_.free_size), ForLog(storage_.reserved), ForLog(size));
+    if (size > LessSize(storage_.limit, storage_.reserved)) {
+        throw std::runtime_error("No disk space left on storage. Size limit: " +
+                                 str::Str(control.size_limit));
+    }
+    while (size > LessSize(storage_.free_size, storage_.reserved)) {
+        control.DropOldest(control.max_count - 1);
+    }
+    storage_.reserved = SumOfSizes(storage_.reserved, size);
+    return "OK " + str::Str(control.max_count);
+}
+
+std::string MasterSide::Complete(std::string arguments) {
+    const std::string name = str::GetWord(arguments);
+    const std::string date = str::GetWord(arguments);
+    const std::string type = str::GetWord(arguments);
+    const std::int64_t size = SizeArgument(arguments);
+    CheckBackupName(name, date);
+
+    UserDesc& user = storage_.users[name];
+    const std::int64_t locked_before = LockedSize(user);
+    // A custom backup belongs to no user's chain: as a record it would pass for the newest backup.
+    const bool counted = date != "custom" && (type == "full" || type == "incremental");
+    if (counted) {
+        UserDesc::BackupInfo& backup = user.backups[date];
+        backup.size = size;
+        backup.type = type == "full" ? 0 : 1;
+        backup.remote = is_remote_;
+    }
+    const std::int64_t locked_after = LockedSize(user);
+    KRO_LOG(kLog, 9, "%s:%d available_size = %lld, locked_before = %lld, locked_after = %lld",
+            kServerSource, kCompleteTraceLine, ForLog(storage_.limit), ForLog(locked_before),
+            ForLog(locked_after));
+    storage_.limit = LessSize(SumOfSizes(storage_.limit, locked_before), locked_after);
+    storage_.free_size = LessSize(storage_.free_size, size);
+    // A completion ends every reservation of the storage, not only its own backup's.
+    storage_.reserved = 0;
+    if (is_remote_) KeepInfoFile(name, date);
+    return "OK " + str::Str(storage_.owner->max_count);
+}
+
+// The account is right without it until the server ends, and an eviction asks for it again.
+void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) const {
+    try {
+        FetchInfoFile(*storage_.storage, storage_.owner->path, user, date);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Cant keep info file of '%s.%s'. What: %s", date.c_str(), user.c_str(),
+                error.what());
+    }
+}
+
+std::string MasterSide::DropOne(std::int32_t count) {
+    GlobalSizeControl& control = *storage_.owner;
+    // With a limit the account has granted the space: a storage that refuses it is full for a
+    // reason that deleting backups would not cure.
+    if (control.size_limit != ServerLimits::kNoSize) {
+        return "ERR Upload failed and limit is set";
+    }
+    control.DropOldest(count);
+    return "OK";
+}
+
+std::string MasterSide::Release(std::int64_t size) {
+    storage_.reserved = LessSize(storage_.reserved, size);
+    return "OK";
+}

@@ -1,0 +1,303 @@
+#include "quarn2_cp2_server_rescan.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <memory>
+#include <set>
+#include <stdexcept>
+
+#include "kro/kro_env.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/names.h"
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_get.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_progress.h"
+#include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_server_start.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr const char* kMarker = ".rescan";
+
+using Names = std::vector<std::string>;
+
+// The directory that the rescan makes equal to the storage.
+std::string LocalDir(const std::string& local_root) {
+    return quarn2::IsAdminData(local_root) ? local_root : kro_file::Path(local_root);
+}
+
+bool IsOwnFile(const std::string& name) {
+    return name == kMarker || str::StartsWith(name, std::string(kMarker) + "#") ||
+           name == ".cleanup";
+}
+
+// The administrator's info roots lie beside a user's.
+bool IsAdminRoot(const std::string& name) { return name == "tovarn" || name == "tovarn.private"; }
+
+// Not copies of anything on the storage: a rescan could not bring them back.
+bool IsKept(const std::string& directory, const std::string& name) {
+    const bool beside_admin_root = !quarn2::IsAdminData(directory) ||
+                                   !quarn2::IsAdminData(kro_file::ConcatPath(directory, "u"));
+    return IsOwnFile(name) || (beside_admin_root && IsAdminRoot(name));
+}
+
+// Names from a listing become local paths.
+void DropUnsafe(Names& names) {
+    std::erase_if(names, [](const std::string& name) {
+        if (quarn2::IsSafeName(name)) return false;
+        KRO_LOG(kLog, 4, "Skip bad name '%s' on the storage", name.c_str());
+        return true;
+    });
+}
+
+// What lies in the place of a directory of the storage is no copy of it; where another user's link
+// leads nothing may be removed.
+void ClearForDirectory(const std::string& path) {
+    const bool other = kro_file::Exists(path) && !std::filesystem::is_directory(path);
+    if (other || kro_file::IsForeignLink(path)) kro_file::RemoveFile(path);
+}
+
+// Takes the storage's name of a local file out of the list; false when the storage has none.
+bool TakeOut(Names& files, const std::string& local) {
+    const auto matches = [&local](const std::string& file) {
+        return file == local || (str::EndsWith(local, ".tgz") && file == local + ".aes");
+    };
+    const auto found = std::find_if(files.begin(), files.end(), matches);
+    if (found == files.end()) return false;
+    files.erase(found);
+    return true;
+}
+
+// The info root is marked for as long as it is incomplete.
+class Marker {
+  public:
+    Marker(const std::string& local_dir, const std::string& storage)
+        : local_dir_(local_dir), path_(PathOf(local_dir, storage)) {
+        kro_file::MkDirSynced(local_dir);
+        was_there_ = kro_file::Exists(path_);
+        kro_file::Write(path_, "A rescan is under way, or was broken off.\n");
+    }
+
+    static std::string PathOf(const std::string& local_dir, const std::string& storage) {
+        return kro_file::ConcatPath(local_dir, str::Append(kMarker, storage, "#"));
+    }
+
+    // What an earlier rescan fetched before it was broken off may not have reached the disk.
+    bool was_there() const noexcept { return was_there_; }
+
+    void Remove() const {
+        kro_file::SyncFileSystem(local_dir_);
+        kro_file::RemoveFile(path_);
+        kro_file::SyncDir(local_dir_);
+    }
+
+  private:
+    std::string local_dir_;
+    std::string path_;
+    bool was_there_ = false;
+};
+
+class Rescanner {
+  public:
+    Rescanner(std::shared_ptr<quarn2::Storage> storage, const std::string& local_root,
+              const std::string& filter)
+        : storage_(std::move(storage)),
+          local_root_(local_root),
+          local_dir_(LocalDir(local_root)),
+          filter_(filter) {}
+
+    void Run() {
+        Names top;
+        storage_->List(top, "");
+        DropUnsafe(top);
+        DropReserved(top);
+        const Marker marker(local_dir_, filter_);
+        trust_local_ = !marker.was_there();
+        storage_->DeferSync(true);
+        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, false);
+        ProgressLine progress(static_cast<std::int64_t>(top.size()));
+        storage_->SetObserver(&progress);
+        for (const std::string& entry : top) {
+            Take(entry);
+            progress.FileDone();
+        }
+        storage_->SetObserver(nullptr);
+        WriteEncryptedLines();
+        marker.Remove();
+    }
+
+  private:
+    void Take(const std::string& entry) {
+        Names sub;
+        try {
+            storage_->List(sub, entry);
+        } catch (const std::exception& error) {
+            KRO_LOG(kLog, 4, "Cant list storage directory. What: '%s'. Try download file",
+                    error.what());
+            Fetch(local_root_, entry);
+            return;
+        }
+        if (sub.size() == 1 && sub.front() == entry) {
+            Fetch(local_root_, entry);
+        } else if (filter_.empty() || filter_ == entry) {
+            TakeUser(entry, sub);
+        }
+    }
+
+    // Directories of the storage that would take the place of what is no copy of anything there.
+    void DropReserved(Names& top) const {
+        const bool beside_admin = !quarn2::IsAdminData(local_root_);
+        std::erase_if(top, [beside_admin](const std::string& name) {
+            const bool reserved = IsOwnFile(name) || (beside_admin && IsAdminRoot(name));
+            if (reserved) KRO_LOG(kLog, 4, "Skip bad name '%s' on the storage", name.c_str());
+            return reserved;
+        });
+    }
+
+    void Fetch(const std::string& directory, const std::string& name) {
+        DownloadInfoFile(directory, node_, storage_, filter_, encrypted_lines_, name);
+    }
+
+    void TakeUser(const std::string& user, Names& dates) {
+        DropUnsafe(dates);
+        ClearForDirectory(kro_file::ConcatPath(local_dir_, user));
+        RemoveMissedDirs(dates, kro_file::ConcatPath(local_dir_, user), false);
+        for (const std::string& date : dates) {
+            const std::string dir = kro_file::ConcatPath(user, date);
+            ClearForDirectory(kro_file::ConcatPath(local_dir_, dir));
+            quarn2::MkLocalDir(local_root_, user, date);
+            Names files;
+            try {
+                storage_->List(files, dir);
+            } catch (const std::exception& error) {
+                KRO_LOG(kLog, 4, "Cant list date directory. What: '%s'", error.what());
+                continue;
+            }
+            DropUnsafe(files);
+            RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
+            for (const std::string& file : files)
+                Fetch(local_dir_, kro_file::ConcatPath(dir, file));
+        }
+    }
+
+    // What is left of `files` has to be fetched.
+    void RemoveMissedFiles(Names& files, const std::string& directory) const {
+        if (!trust_local_) return RemoveMissedDirs(files, directory, false);
+        Names kept;
+        kro_file::Dir entries(directory, 2);
+        while (entries.Read()) {
+            if (entries.IsDir()) continue;
+            if (TakeOut(files, entries.name())) {
+                kept.push_back(entries.name());
+            } else {
+                kro_file::RemoveFile(entries.FullName());
+            }
+        }
+        for (const std::string& name : kept) {
+            if (MissesIndex(name, files)) files.push_back(name);
+        }
+    }
+
+    // An index comes along with its info file only: where it is on the storage but not here, the
+    // info file is fetched again.
+    static bool MissesIndex(const std::string& kept, const Names& left) {
+        if (!str::EndsWith(kept, ".info")) return false;
+        const std::string stem = kept.substr(0, kept.size() - std::string_view("info").size());
+        return std::any_of(left.begin(), left.end(), [&stem](const std::string& name) {
+            return str::StartsWith(name, stem);
+        });
+    }
+
+    void WriteEncryptedLines() const {
+        if (encrypted_lines_.empty()) return;
+        kro_file::Lock lock;
+        lock.DoLock(kro_file::ConcatPath(local_root_, ".encrypted_indexes"), true);
+        lock.Write(encrypted_lines_);
+        lock.Release();
+    }
+
+    std::shared_ptr<quarn2::Storage> storage_;
+    std::string local_root_;
+    std::string local_dir_;
+    std::string filter_;
+    // One machine, one info root: no node has a part of it.
+    const std::string node_;
+    bool trust_local_ = true;
+    std::string encrypted_lines_;
+};
+
+std::filesystem::path RealPath(const std::string& path) {
+    return std::filesystem::weakly_canonical(path.empty() ? "." : path);
+}
+
+// True when `inner` is `outer` or lies below it.
+bool Contains(const std::filesystem::path& outer, const std::filesystem::path& inner) {
+    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first ==
+           outer.end();
+}
+
+[[noreturn]] void RefuseRoot(const std::string& local_root, const std::string& reason) {
+    throw std::runtime_error("--path '" + local_root + "' cannot be rescanned: " + reason);
+}
+
+// Whatever the storage does not list is removed from the directory, so it must hold nothing else.
+void CheckRoot(const std::string& local_root) {
+    // The one to clean would be the directory above, with the server's own files.
+    if (local_root == "var/backup" || str::EndsWith(local_root, "/var/backup")) {
+        RefuseRoot(local_root, "name the info root in it, such as '" +
+                                   kro_file::ConcatPath(local_root, "tovarn") + "'");
+    }
+    const std::filesystem::path cleaned = RealPath(LocalDir(local_root));
+    if (Contains(cleaned, RealPath("")) || Contains(cleaned, RealPath("var"))) {
+        RefuseRoot(local_root,
+                   "the install root lies there; name a directory for info files alone");
+    }
+    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    if (!token.IsLocal()) return;
+    const std::filesystem::path storage = RealPath(token.path());
+    if (Contains(cleaned, storage) || Contains(storage, cleaned)) {
+        RefuseRoot(local_root, "the storage lies there; name a directory for info files alone");
+    }
+}
+
+}  // namespace
+
+void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip) {
+    if (skip) return;
+    const std::set<std::string> kept(names.begin(), names.end());
+    std::vector<std::string> missed;
+    kro_file::Dir entries(dir, 2);
+    while (entries.Read()) {
+        if (!kept.contains(entries.name()) && !IsKept(dir, entries.name())) {
+            missed.push_back(entries.FullName());
+        }
+    }
+    for (const std::string& path : missed) kro_file::Remove(path);
+}
+
+void CheckNoBrokenRescan(const std::string& local_root, const std::string& storage) {
+    const std::string marker = Marker::PathOf(LocalDir(local_root), storage);
+    if (!kro_file::Exists(marker)) return;
+    throw std::runtime_error(
+        "the last rescan into '" + local_root + "' was broken off (" + marker +
+        " is there), so not every backup is known: run --server --rescan again");
+}
+
+ResHandle Rescan(const kro_args::Result& args) {
+    const std::string local_root = GetArgPath(args.Param("path", -1));
+    const std::string storage_name = args.Param("storage", -1);
+    CheckRoot(local_root);
+    const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
+    ResHandle handle = Quarn2Lock(ServerFiles(storage_name).lock, true);
+    KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
+    // Their info files on the storage would make them whole backups again.
+    FinishDeletions(storage, local_root);
+    Rescanner(storage, local_root, storage_name).Run();
+    return handle;
+}

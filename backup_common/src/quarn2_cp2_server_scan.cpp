@@ -1,0 +1,184 @@
+// Filling the account from the backups' info files.
+
+#include <list>
+#include <stdexcept>
+
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/info_reader.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_server_model.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+
+using StorageDesc = GlobalSizeControl::StorageDesc;
+using UserDesc = StorageDesc::UserDesc;
+using BackupInfo = UserDesc::BackupInfo;
+
+long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
+
+// Space that no eviction can ever free.
+void ChargeForGood(StorageDesc& desc, std::int64_t size) {
+    desc.limit = LessSize(desc.limit, size);
+    desc.free_size = LessSize(desc.free_size, size);
+}
+
+// The scan of one info file after another.
+class Scanner {
+  public:
+    Scanner(GlobalSizeControl& control, const std::string& current_date)
+        : control_(control), current_date_(current_date) {}
+
+    void Take(const std::string& path) {
+        const std::string name = kro_file::Name(path);
+        info_.Read(path);
+        const auto desc = control_.storages.find(control_.common_storage ? "" : ValueOf("node"));
+        if (desc == control_.storages.end()) return;
+        if (IsBeingDeleted(info_)) NoteHalfDeleted(desc->second, path);
+        if (control_.unstored.Contains(path)) {
+            KRO_LOG(kLog, 4, "Skip backup '%s': its last file was not put to its end",
+                    name.c_str());
+            return;
+        }
+        TakeBackup(desc->second, name);
+    }
+
+  private:
+    std::string ValueOf(std::string_view key) const {
+        return std::string(info_.Find(key).value_or(std::string_view()));
+    }
+
+    void NoteHalfDeleted(StorageDesc& desc, const std::string& path) const {
+        desc.half_deleted[path] = str::Int64(ValueOf("size"));
+    }
+
+    void TakeBackup(StorageDesc& desc, const std::string& name) const {
+        if (!info_.Find("finished")) {
+            KRO_LOG(kLog, 7, "%p Skip incomplete backup %s", static_cast<void*>(&desc),
+                    name.c_str());
+            return;
+        }
+        const std::int64_t size = str::Int64(ValueOf("size"));
+        // It would make room out of nothing.
+        if (size < 0) throw std::runtime_error("the size " + str::Str(size) + " is negative");
+        if (str::StartsWith(name, "custom.")) {
+            ChargeForGood(desc, size);
+            KRO_LOG(kLog, 7, "Custom backup %s size %lld", name.c_str(), ForLog(size));
+            return;
+        }
+        const std::string user_name = quarn2::GetUserName(name);
+        const std::string date = quarn2::GetDate(name);
+        // Both are pieces of the name: a type letter, or no user, shows in the length.
+        if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
+            // Eviction would not find it again by user and date.
+            ChargeForGood(desc, size);
+            KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
+                    name.c_str(), ForLog(size));
+            return;
+        }
+        UserDesc& user = desc.users[user_name];
+        if (date <= current_date_) {
+            Enter(desc, user, date, {name, ValueOf("type"), size});
+        } else {
+            ChargeForGood(desc, size);
+            KRO_LOG(kLog, 4,
+                    "Skip backup. Backup date '%s' in future. Current date '%s'. new free = %lld",
+                    date.c_str(), current_date_.c_str(), ForLog(desc.free_size));
+        }
+        if (info_.Find("deleted")) FillDays(user, date);
+    }
+
+    struct Found {
+        std::string name;
+        std::string type;
+        std::int64_t size;
+    };
+
+    void Enter(const StorageDesc& desc, UserDesc& user, const std::string& date,
+               const Found& found) const {
+        // The files come in the order of their dates, so the end is nearly always the place.
+        user.backups.insert_or_assign(user.backups.end(), date,
+                                      BackupInfo{found.size, found.type == "full" ? 0 : 1, false});
+        KRO_LOG(kLog, 7, "%p Add %s backup %s. new used = %lld, new free_size = %lld",
+                static_cast<const void*>(&desc), found.type.c_str(), found.name.c_str(),
+                ForLog(LessSize(control_.size_limit, desc.free_size)), ForLog(desc.free_size));
+    }
+
+    // Keeps the chain of days unbroken after a backup that is marked deleted: every day up to the
+    // current one has a record, Sundays as fulls.
+    void FillDays(UserDesc& user, const std::string& first) const {
+        if (first >= current_date_) return;
+        constexpr int kSunday = 0;
+        for (kro_date::Date day(first); day.AsDate() < current_date_; day.AddDays(1)) {
+            user.backups.try_emplace(day.AsDate(),
+                                     BackupInfo{0, day.weekday() == kSunday ? 0 : 1, false});
+        }
+    }
+
+    GlobalSizeControl& control_;
+    const std::string& current_date_;
+    quarn2::InfoReader info_;
+};
+
+void ChargeUser(StorageDesc& desc, const UserDesc& user) {
+    if (user.backups.empty()) return;
+    std::int64_t used = 0;
+    for (const auto& [date, backup] : user.backups) used = SumOfSizes(used, backup.size);
+    desc.limit = LessSize(desc.limit, user.GetLockedSize());
+    desc.free_size = LessSize(desc.free_size, used);
+}
+
+// The largest number of records of any user.
+std::int32_t ChargeUsers(StorageDesc& desc) {
+    std::int32_t most = 0;
+    for (const auto& [name, user] : desc.users) {
+        most = std::max(most, static_cast<std::int32_t>(user.backups.size()));
+        ChargeUser(desc, user);
+    }
+    return most;
+}
+
+}  // namespace
+
+void GlobalSizeControl::Scan(const std::string& current_date) {
+    KRO_LOG(kLog, 8, "void GlobalSizeControl::Scan(const string&)");
+    ClearBackupInfo();
+    std::list<std::string> paths;
+    quarn2::GetInfoFiles(paths, path, false, "", "");
+    Scanner scanner(*this, current_date);
+    for (const std::string& info_path : paths) {
+        try {
+            scanner.Take(info_path);
+        } catch (const std::exception& error) {
+            // The number or date alone would not tell an administrator which file to look at.
+            throw std::runtime_error(info_path + ": " + error.what());
+        }
+    }
+    for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
+}
+
+void GlobalSizeControl::FinishDeletions() {
+    for (auto& [key, desc] : storages) {
+        for (const auto& [info_path, size] : desc.half_deleted) {
+            KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
+            try {
+                Delete(desc.storage, info_path, false);
+            } catch (const std::exception& error) {
+                // Whoever had begun it was still at it.
+                if (!kro_file::Exists(info_path)) continue;
+                KRO_LOG(kLog, 4, "Cant finish the deletion of '%s'. What: %s", info_path.c_str(),
+                        error.what());
+                ChargeForGood(desc, std::max<std::int64_t>(size, 0));
+            }
+        }
+        desc.half_deleted.clear();
+    }
+}

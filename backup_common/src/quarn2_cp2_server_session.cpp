@@ -1,0 +1,139 @@
+#include "quarn2_cp2_server_session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <utility>
+
+#include "kro/kro_env.h"
+#include "kro/kro_log.h"
+#include "quarn2/token.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr std::size_t kReadPiece = 32;
+// No command is near this long; a client that sends more is not ours and must not fill the memory.
+constexpr std::size_t kLongestLine = 65536;
+// A client waits for each answer before it asks again.
+constexpr std::size_t kMostUnread = 1U << 20;
+
+}  // namespace
+
+std::shared_ptr<MasterSide> MasterSide::Create(const std::string& first,
+                                               GlobalSizeControl::StorageDesc& storage,
+                                               std::string node, quarn2::Expect& loop,
+                                               std::shared_ptr<kro_args::Result> args) {
+    KRO_LOG(kLog, 8, "%s ", "Create");
+    auto session = std::make_shared<MasterSide>(
+        storage, loop, NodeClientCommand(std::move(node), args->Param("ssh-key", -1)));
+    session->Start();
+    session->SaveResult(first);
+    const std::string token = kro_env::GetEnv("BACKUP_TOKEN");
+    KRO_LOG(kLog, 8, "%s result = '%s'", "SaveResult", quarn2::BackupToken(token).Str().c_str());
+    session->Queue(token);
+    loop.Add(session->read_, POLLIN, session, &MasterSide::Read);
+    loop.Add(session->write_, POLLOUT, session, &MasterSide::Write);
+    return session;
+}
+
+MasterSide::MasterSide(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,
+                       const std::vector<std::string>& command)
+    : storage_(storage),
+      loop_(loop),
+      client_(std::make_unique<ClientProcess>(command)),
+      is_remote_(client_->is_remote()) {}
+
+MasterSide::~MasterSide() { Close(); }
+
+void MasterSide::Start() {
+    ClientProcess::Pipes pipes = client_->Start();
+    Attach(std::move(pipes.from_client), std::move(pipes.to_client));
+}
+
+std::unique_ptr<ClientProcess> MasterSide::Close() {
+    is_open_ = false;
+    write_.Close();
+    read_.Close();
+    return std::move(client_);
+}
+
+void MasterSide::Attach(ResHandle read, ResHandle write) {
+    read_ = std::move(read);
+    write_ = std::move(write);
+}
+
+void MasterSide::SaveResult(const std::string& message) {
+    KRO_LOG(kLog, 8, "%s result = '%s'", "SaveResult", message.c_str());
+    Queue(message);
+}
+
+void MasterSide::Queue(const std::string& message) {
+    if (write_buffer_.empty()) loop_.SetEvents(write_, POLLOUT);
+    const auto length = static_cast<std::uint32_t>(message.size());
+    write_buffer_.append(reinterpret_cast<const char*>(&length), sizeof length);
+    write_buffer_ += message;
+}
+
+quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
+    KRO_LOG(kLog, 8, "quarn2::Expect::Result* MasterSide::Read(ResHandle)");
+    pollfd state{handle, POLLIN, 0};
+    poll(&state, 1, 0);
+    if ((state.revents & POLLHUP) != 0) {
+        KRO_LOG(kLog, 4, "Client disconnected. Close");
+        return Closed();
+    }
+    if (!ReadAvailable(handle)) return Closed();
+    KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
+    HandOverLines();
+    KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
+    if (m_read.size() > kLongestLine) {
+        KRO_LOG(kLog, 4, "Client sent a line of more than %zu bytes. Close", kLongestLine);
+        return Closed();
+    }
+    if (write_buffer_.size() > kMostUnread) {
+        KRO_LOG(kLog, 4, "Client leaves more than %zu bytes of answers unread. Close", kMostUnread);
+        return Closed();
+    }
+    return quarn2::Expect::erOk;
+}
+
+quarn2::Expect::Result* MasterSide::Closed() {
+    is_open_ = false;
+    return quarn2::Expect::erClose;
+}
+
+// Reads what is there; false when the client's output has ended or cannot be read.
+bool MasterSide::ReadAvailable(int fd) {
+    char piece[kReadPiece];
+    for (;;) {
+        const ssize_t count = read(fd, piece, sizeof piece);
+        if (count <= 0) return count < 0 && errno == EAGAIN;
+        m_read.append(piece, static_cast<std::size_t>(count));
+        // A client that writes without a pause must not keep the others waiting, nor grow the
+        // buffer.
+        if (m_read.size() > kLongestLine) return true;
+    }
+}
+
+void MasterSide::HandOverLines() {
+    std::size_t begin = 0;
+    for (std::size_t end = m_read.find('\n'); end != std::string::npos;
+         end = m_read.find('\n', begin)) {
+        ProcessCommand(m_read.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    m_read.erase(0, begin);
+}
+
+quarn2::Expect::Result* MasterSide::Write(ResHandle handle) {
+    KRO_LOG(kLog, 8, "quarn2::Expect::Result* MasterSide::Write(ResHandle)");
+    while (!write_buffer_.empty()) {
+        const ssize_t count = write(handle, write_buffer_.data(), write_buffer_.size());
+        if (count < 0) return errno == EAGAIN ? quarn2::Expect::erOk : Closed();
+        write_buffer_.erase(0, static_cast<std::size_t>(count));
+    }
+    return quarn2::Expect::erSuspend;
+}

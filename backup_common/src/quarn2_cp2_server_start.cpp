@@ -1,0 +1,235 @@
+#include "quarn2_cp2_server_start.h"
+
+#include <fcntl.h>
+#include <linux/close_range.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <optional>
+#include <stdexcept>
+
+#include "kro/kro_env.h"
+#include "kro/kro_log.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_misc.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr int kLockAttempts = 100;
+constexpr int kStartingPause = 500;
+constexpr int kOtherServerPause = 2000;
+constexpr std::size_t kKeyBytes = 15;
+
+// True when the descriptor is the file that the path names now.
+bool IsSameFile(int fd, const std::string& path) {
+    struct stat opened {};
+    struct stat named {};
+    return fstat(fd, &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
+           opened.st_ino == named.st_ino;
+}
+
+int FlockWaiting(int fd, int operation) {
+    int result = flock(fd, operation);
+    while (result != 0 && errno == EINTR) result = flock(fd, operation);
+    return result;
+}
+
+// The process that holds the record lock on the pid file: a server that is past its start.
+std::optional<pid_t> FindServer(const std::string& pid_file) {
+    const ResHandle file(open(pid_file.c_str(), O_RDWR | O_CLOEXEC));
+    if (!file) return std::nullopt;
+    struct flock query {};
+    query.l_type = F_WRLCK;
+    query.l_whence = SEEK_SET;
+    if (fcntl(file, F_GETLK, &query) != 0 || query.l_type != F_WRLCK) return std::nullopt;
+    return query.l_pid;
+}
+
+PidFile ReadPidFile(const std::string& path) {
+    const ResHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    return file ? PidFile::Parse(Read(file)) : PidFile();
+}
+
+bool Serves(const PidFile& server, pid_t holder, const kro_args::ResultPtr& args) {
+    if (server.pid != str::Str(holder) || server.params != RequestedParams(args)) return false;
+    const std::string date = args->Param("date", -1);
+    return date.empty() || date == "custom" || server.date == date;
+}
+
+// Everything goes but the pid file's lock, which is on its way from the caller to the daemon.
+bool CloseAllBut(int kept) {
+    const auto number = static_cast<unsigned>(kept);
+    return (kept == 0 || close_range(0, number - 1, 0) == 0) &&
+           close_range(number + 1, ~0U, 0) == 0;
+}
+
+void OpenNullStreams() {
+    open("/dev/null", O_RDONLY);
+    open("/dev/null", O_WRONLY);
+    open("/dev/null", O_WRONLY);
+}
+
+[[noreturn]] void RunIntermediateChild(const kro_args::ResultPtr& args, ResHandle& handle,
+                                       kro_file::Lock& pid_lock, const std::string& server_key) {
+    kro_log::Close();
+    setpgid(0, 0);
+    handle.Close();
+    if (!CloseAllBut(pid_lock.fd())) _exit(1);
+    OpenNullStreams();
+    const pid_t daemon = fork();
+    // An exception must not go back into the caller's code in this process.
+    if (daemon < 0) _exit(1);
+    if (daemon > 0) _exit(0);
+    RunDaemon(args, pid_lock, server_key);
+}
+
+void StartDaemon(const kro_args::ResultPtr& args, ResHandle& handle, kro_file::Lock& pid_lock,
+                 const std::string& server_key) {
+    const pid_t child = fork();
+    if (child < 0) throw std::runtime_error("Failed to fork");
+    if (child == 0) RunIntermediateChild(args, handle, pid_lock, server_key);
+    int status = 0;
+    if (waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
+        throw std::runtime_error("Waitpid failed ");
+    }
+}
+
+// One call's way to a server.
+class Starter {
+  public:
+    Starter(kro_args::ResultPtr args, ResHandle&& handle)
+        : args_(std::move(args)), files_(args_->Param("storage", -1)), handle_(std::move(handle)) {}
+
+    ResHandle Run() {
+        if (handle_) ShareLock();
+        for (;;) {
+            if (!handle_) handle_ = Quarn2Lock(files_.lock, false);
+            kro_file::Lock pid_lock;
+            if (pid_lock.TryLock(files_.pid, true)) {
+                Start(pid_lock);
+            } else if (const std::optional<pid_t> holder = FindServer(files_.pid)) {
+                if (Join(*holder)) return std::move(handle_);
+            } else {
+                // A server is starting, or ending.
+                kro_proc::Sleep(kStartingPause);
+            }
+        }
+    }
+
+  private:
+    // A rescan comes with an exclusive lock. Kept, it would shut out every other caller for as long
+    // as this one holds the server.
+    void ShareLock() {
+        if (FlockWaiting(handle_, LOCK_SH) == 0 && IsSameFile(handle_, files_.lock)) return;
+        handle_.Close();
+        handle_.Reset();
+    }
+
+    void Start(kro_file::Lock& pid_lock) {
+        handle_.Close();
+        handle_ = Quarn2Lock(files_.lock, false);
+        if (!server_key_.empty()) {
+            std::fputs(
+                "The size control server ended while it was starting; "
+                "see var/quarn2_cp.log for the reason.\n",
+                stderr);
+            throw std::runtime_error("Failed to start size control server");
+        }
+        server_key_ = str::base64::Encode(str::Random(kKeyBytes));
+        StartDaemon(args_, handle_, pid_lock, server_key_);
+        pid_lock.Release();
+        KRO_LOG(kLog, 5, "Size control started");
+    }
+
+    // True when the running server serves this call.
+    bool Join(pid_t holder) {
+        const PidFile server = ReadPidFile(files_.pid);
+        if (Serves(server, holder, args_)) {
+            KRO_LOG(kLog, 5, "Size control server is ready. Date: %s",
+                    args_->Param("date", -1).c_str());
+            CloseStandardOutput();
+            return true;
+        }
+        KRO_LOG(kLog, 4, "Other instanse of size control server is running. Date: %s",
+                server.date.c_str());
+        handle_.Close();
+        handle_.Reset();
+        kro_proc::Sleep(kOtherServerPause);
+        return false;
+    }
+
+    // The job that reads our output sees its end and knows that the server is ready. The number
+    // stays taken, so that no file opened later gets it.
+    static void CloseStandardOutput() {
+        const ResHandle null(open("/dev/null", O_WRONLY | O_CLOEXEC));
+        if (!null || dup2(null, STDOUT_FILENO) < 0) close(STDOUT_FILENO);
+    }
+
+    kro_args::ResultPtr args_;
+    ServerFiles files_;
+    ResHandle handle_;
+    std::string server_key_;
+};
+
+}  // namespace
+
+ServerFiles::ServerFiles(const std::string& storage)
+    : pid(str::Append("var/quarn2_cp.pid", storage, "#")),
+      lock(str::Append("var/quarn2_cp.lock", storage, "#")) {}
+
+ResHandle OpenLockFile(const std::string& path) {
+    constexpr mode_t kMode = 0600;
+    // A link in its place is not followed, a named pipe not waited for.
+    constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+    return ResHandle(open(path.c_str(), kFlags, kMode));
+}
+
+ResHandle Quarn2Lock(const std::string& path, bool exclusive) {
+    for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
+        ResHandle file = OpenLockFile(path);
+        if (!file) throw std::runtime_error("Failed to open pidfile");
+        if (FlockWaiting(file, exclusive ? LOCK_EX : LOCK_SH) != 0) {
+            throw std::runtime_error("Failed to set shared lock");
+        }
+        // Another process may have removed or replaced the file while this one waited.
+        if (IsSameFile(file, path)) return file;
+    }
+    throw std::runtime_error("Failed to lock " + path);
+}
+
+std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std::string>& nodes) {
+    return result->Param("size-limit", -1) + "\n" + result->Param("count-limit", -1) + "\n" +
+           str::Join(nodes, "\n");
+}
+
+std::string RequestedParams(const kro_args::ResultPtr& args) {
+    std::set<std::string> nodes;
+    if (quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).IsLocal()) {
+        const std::vector<std::string> given = args->Params("node");
+        nodes.insert(given.begin(), given.end());
+    }
+    return ControlParams(args, nodes);
+}
+
+std::string PidFile::Text() const { return pid + "\n" + date + "\n" + key + "\n" + params; }
+
+PidFile PidFile::Parse(std::string text) {
+    PidFile file;
+    file.pid = str::GetWord(text, "\n");
+    file.date = str::GetWord(text, "\n");
+    file.key = str::GetWord(text, "\n");
+    file.params = text;
+    return file;
+}
+
+ResHandle SizeControlServerStart(kro_args::ResultPtr args, ResHandle&& handle) {
+    KRO_LOG(kLog, 8, "ResHandle SizeControlServerStart(kro_args::ResultPtr, ResHandle&&)");
+    return Starter(std::move(args), std::move(handle)).Run();
+}

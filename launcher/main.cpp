@@ -1,0 +1,105 @@
+// Starts the program: finds the install root, goes there, and reports what escapes.
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <string>
+
+#include "backup_common/quarn2_cp2.h"
+#include "kro/kro_args.h"
+#include "kro/kro_env.h"
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr const char* kProgram = "quarn2_cp";
+
+// The launcher's own place decides, so that several roots work side by side on one machine.
+std::string FindInstallRoot() {
+    char self[PATH_MAX];
+    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
+    if (length <= 0 || static_cast<std::size_t>(length) == sizeof self) {
+        return kro_env::InstallRoot();
+    }
+    const std::string directory =
+        kro_file::Path(std::string(self, static_cast<std::size_t>(length)));
+    if (kro_file::Name(directory) != "sbin") return kro_env::InstallRoot();
+    return kro_file::Path(directory);
+}
+
+// A file opened later must never become a standard stream by accident: the node client's standard
+// output is a protocol.
+void OpenMissingStandardStreams() {
+    int fd = open("/dev/null", O_RDWR);
+    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
+    if (fd >= 0) close(fd);
+}
+
+// Tokens are in the environment and in memory: no dump may show them, and no other process of this
+// user may look in. A dump that goes to a program is held back by the first of the two alone.
+void KeepSecrets() {
+    const rlimit none = {0, 0};
+    if (prctl(PR_SET_DUMPABLE, 0) != 0 || setrlimit(RLIMIT_CORE, &none) != 0) {
+        throw kro_err::FromErrno("cannot switch core dumps off");
+    }
+}
+
+void EnterInstallRoot(const std::string& root) {
+    kro_file::MkDirSynced(kro_file::ConcatPath(root, "var"), 0750);
+    kro_file::MkDirSynced(kro_file::ConcatPath(root, "tmp"), 0700);
+    kro_file::MkDirSynced(kro_file::ConcatPath(root, "etc"), 0750);
+    if (chdir(root.c_str()) != 0)
+        throw kro_err::FromErrno("cannot enter install root '" + root + "'");
+}
+
+// Help must work for a user who has no right to the install root.
+bool AsksForInformationOnly(int argc, char** argv) {
+    return argc == 2 &&
+           (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0);
+}
+
+int Run(int argc, char** argv) {
+    KeepSecrets();
+    OpenMissingStandardStreams();
+    std::signal(SIGPIPE, SIG_IGN);
+    kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
+    const std::string root = FindInstallRoot();
+    kro_env::SetInstallRoot(root);
+    if (!AsksForInformationOnly(argc, argv)) EnterInstallRoot(root);
+    return tovmain(argc, argv);
+}
+
+// A command that the node client refused carries no text: the reason is in that process's log
+// lines.
+int Report(const std::exception& error) {
+    std::string text = error.what();
+    if (text.empty()) text = "the node client refused the command; see var/quarn2_cp.log";
+    KRO_LOG(kLog, 3, "%s", text.c_str());
+    std::fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return Run(argc, argv);
+    } catch (const kro_args::EarlyExit& exit) {
+        return exit.status;
+    } catch (const kro_args::UsageError& error) {
+        std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", kProgram, error.what(), kProgram);
+        return 2;
+    } catch (const std::exception& error) {
+        return Report(error);
+    }
+}

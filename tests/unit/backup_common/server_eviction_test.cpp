@@ -1,0 +1,298 @@
+// Eviction. Most cases are tables: a user's records in one letter each, oldest first (F full, D
+// daily, x another type, small letters f and d locked), named A, B, C... by age; what is compared
+// is who survives.
+#include <gtest/gtest.h>
+
+#include <cctype>
+
+#include "kro/kro_err.h"
+#include "program_site.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_server_eviction.h"
+
+namespace {
+
+using BackupInfo = GlobalSizeControl::StorageDesc::UserDesc::BackupInfo;
+
+std::string DateOf(std::size_t index) { return "2026-11-" + std::to_string(10 + index); }
+
+Backups Of(const std::string& letters) {
+    Backups backups;
+    for (std::size_t i = 0; i < letters.size(); ++i) {
+        const char kind = static_cast<char>(std::toupper(letters[i]));
+        const int type = kind == 'F' ? 0 : kind == 'D' ? 1 : 2;
+        backups[DateOf(i)] =
+            BackupInfo{std::int64_t{1} << i, type, letters[i] == 'f' || letters[i] == 'd'};
+    }
+    return backups;
+}
+
+std::string Names(const Backups& backups) {
+    std::string names;
+    for (const auto& [date, backup] : backups) {
+        names += static_cast<char>('A' + std::stoi(date.substr(8)) - 10);
+    }
+    return names;
+}
+
+class Eviction : public ProgramSite {
+  protected:
+    Eviction() {
+        control_.path = "root";
+        desc_->storage = quarn2::GetStorage(quarn2::BackupToken("memory:site"));
+        // An info root that is there: one without any entry has lost everything.
+        Place("root/.keep", "");
+    }
+
+    void User(const std::string& name, const std::string& letters) {
+        desc_->users[name].backups = Of(letters);
+        control_.max_count = std::max(control_.max_count, static_cast<int>(letters.size()));
+    }
+
+    std::string Survivors(const std::string& user) const {
+        return Names(desc_->users.at(user).backups);
+    }
+
+    // A backup with an info file and one slice on the storage.
+    void Files(const std::string& user, std::size_t index) {
+        const std::string name = DateOf(index) + "." + user;
+        const std::string info = "last-slice=F" + name + ".tgz\nsize=1\ntype=full";
+        Place("root/" + name + ".info", info);
+        store_->SetFile(name + ".info", info);
+        store_->SetFile("F" + name + ".tgz", "x");
+    }
+
+    GlobalSizeControl control_;
+    GlobalSizeControl::StorageDesc* desc_ = &control_.storages[""];
+};
+
+// --- One user's candidate ---
+
+TEST(OldestRemovable, OfATable) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+        {"", ""},      {"F", ""},     {"D", ""},    {"FF", "A"},  {"FD", ""},    {"DF", "A"},
+        {"DD", "A"},   {"FDD", "B"},  {"FDF", "B"}, {"FFD", "A"}, {"FDFD", "B"}, {"FFDD", "A"},
+        {"fF", ""},    {"fFF", "B"},  {"dDF", "B"}, {"fdf", ""},  {"Fdd", ""},   {"FdD", ""},
+        {"FdF", ""},   {"FdFF", "C"}, {"FfF", "A"}, {"xF", "A"},  {"FxF", "B"},  {"Fx", ""},
+        {"FDfd", "B"}, {"fDDF", "B"}, {"Df", "A"},  {"Fd", ""},   {"Ff", "A"}};
+    for (const auto& [letters, expected] : cases) {
+        const Backups backups = Of(letters);
+        const auto found = OldestRemovable(backups);
+        const std::string name = found == backups.end() ? "" : Names(Backups{*found});
+        EXPECT_EQ(name, expected) << letters;
+    }
+}
+
+// --- DropByCount ---
+
+struct CountCase {
+    const char* letters;
+    int full;
+    int daily;
+    const char* survivors;
+};
+
+TEST_F(Eviction, AnInfoRootThatIsGoneStopsIt) {
+    User("web1", "FF");
+    std::filesystem::remove_all("root");
+    const std::string text = "The info root 'root' is missing or empty";
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
+    std::filesystem::create_directory("root");  // The mount point of a disk that is not there.
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
+    EXPECT_EQ(Survivors("web1").size(), 2U);
+    EXPECT_EQ(control_.max_count, 2);
+}
+
+TEST_F(Eviction, DropByCountOfATable) {
+    const CountCase cases[] = {
+        {"", 0, 0, ""},         {"F", 0, 0, "A"},         {"D", 0, 0, "A"},
+        {"f", 0, 0, "A"},       {"FDD", 5, 0, "AC"},      {"FDD", 0, 0, "AC"},
+        {"FFF", 1, 0, "C"},     {"FFF", 2, 0, "BC"},      {"FFF", 3, 0, "ABC"},
+        {"FFF", 0, 0, "C"},     {"FDFD", 1, 5, "ABCD"},   {"FDFD", 1, 1, "CD"},
+        {"FDFD", 1, 0, "CD"},   {"FDFDF", 1, 0, "E"},     {"FDFDF", 2, 0, "CE"},
+        {"FDFDF", 1, 1, "CDE"}, {"FDDFDD", 9, 2, "ADEF"}, {"FDDFDD", 9, 3, "ACDEF"},
+        {"DDDD", 9, 2, "CD"},   {"DDDD", 9, 0, "D"},      {"DDFF", 1, 0, "D"},
+        {"FDDDD", 9, 1, "AE"},  {"fFF", 1, 0, "AC"},      {"FfF", 1, 0, "BC"},
+        {"ffF", 1, 0, "ABC"},   {"dDF", 9, 0, "AC"},      {"dDD", 9, 1, "AC"},
+        {"FdD", 9, 0, "ABC"},   {"ddD", 9, 0, "ABC"},     {"DDd", 9, 0, "C"},
+        {"xxx", 0, 0, "ABC"},   {"FxF", 1, 0, "ABC"},     {"FFx", 1, 0, "BC"},
+        {"FFD", 1, 9, "BC"},    {"FFDFFD", 2, 9, "BCEF"},
+    };
+    for (const CountCase& row : cases) {
+        SCOPED_TRACE(std::string(row.letters) + " " + std::to_string(row.full) + ":" +
+                     std::to_string(row.daily));
+        User("web1", row.letters);
+        const int count = control_.max_count;
+        const std::int64_t free = desc_->free_size;
+        std::int64_t gone = 0;
+        for (const auto& [date, backup] : desc_->users.at("web1").backups) gone += backup.size;
+        control_.DropByCount(row.full, row.daily);
+        for (const auto& [date, backup] : desc_->users.at("web1").backups) gone -= backup.size;
+        EXPECT_EQ(Survivors("web1"), row.survivors);
+        EXPECT_EQ(control_.max_count, count);
+        EXPECT_EQ(desc_->free_size, free + gone);
+        EXPECT_EQ(desc_->limit, 0);
+        EXPECT_EQ(desc_->reserved, 0);
+    }
+}
+
+TEST_F(Eviction, DropByCountTellsWhatItDoes) {
+    User("web1", "FDFDF");
+    User("web2", "DD");
+    control_.DropByCount(1, 0);
+    const auto lines = [](const std::string& name, int size) {
+        return Lines{"5: Evict backup 'root/" + name + ".info', size: " + std::to_string(size),
+                     "6: Backup 'root/" + name + ".info' is already gone"};
+    };
+    Lines expected = {"8: DropByCount count_to_leave_full = 1, count_to_leave_daily = 0"};
+    for (const Lines& pair :
+         {lines("2026-11-11.web1", 2), lines("2026-11-13.web1", 8), lines("2026-11-10.web1", 1),
+          lines("2026-11-12.web1", 4), lines("2026-11-10.web2", 1)}) {
+        expected.insert(expected.end(), pair.begin(), pair.end());
+    }
+    EXPECT_EQ(Log(), expected);
+    EXPECT_EQ(store_->log(), Lines());
+}
+
+TEST_F(Eviction, LargestCountsAreNoLimits) {
+    User("web1", "FFDD");
+    control_.DropByCount(ServerLimits::kNoCount, ServerLimits::kNoCount);
+    EXPECT_EQ(Survivors("web1"), "ABCD");
+}
+
+// --- DropOldest ---
+
+TEST_F(Eviction, DropOldestTakesOneFromEachUserAboveTheCount) {
+    User("a", "FFF");
+    User("b", "DDD");
+    User("c", "FF");
+    control_.DropOldest(2);
+    EXPECT_EQ(Survivors("a"), "BC");
+    EXPECT_EQ(Survivors("b"), "BC");
+    EXPECT_EQ(Survivors("c"), "AB");
+    EXPECT_EQ(control_.max_count, 2);
+    EXPECT_EQ(desc_->free_size, 2);
+    EXPECT_EQ(Log(5), (Lines{"5: Evict backup 'root/2026-11-10.a.info', size: 1",
+                             "5: Evict backup 'root/2026-11-10.b.info', size: 1"}));
+}
+
+TEST_F(Eviction, DropOldestGoesOverStoragesAndUsersInOrder) {
+    User("b", "FF");
+    User("a", "FF");
+    control_.storages["n1"].users["c"].backups = Of("FF");
+    control_.DropOldest(1);
+    EXPECT_EQ(Log(5), (Lines{"5: Evict backup 'root/2026-11-10.a.info', size: 1",
+                             "5: Evict backup 'root/2026-11-10.b.info', size: 1",
+                             "5: Evict backup 'root/2026-11-10.c.info', size: 1"}));
+    EXPECT_EQ(desc_->free_size, 2);
+    EXPECT_EQ(control_.storages.at("n1").free_size, 1);
+}
+
+TEST_F(Eviction, DropOldestOfACountThatNobodyExceedsChangesNothing) {
+    User("a", "FFF");
+    for (const int keep : {3, 4, ServerLimits::kNoCount}) {
+        control_.DropOldest(keep);
+        EXPECT_EQ(Survivors("a"), "ABC");
+        EXPECT_EQ(control_.max_count, 3);
+    }
+    EXPECT_EQ(Log(), Lines());
+}
+
+TEST_F(Eviction, DropOldestBelowZeroIsTheEnd) {
+    User("a", "FFF");
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(-1); }),
+              "No space left. But all backups are locked");
+    EXPECT_EQ(Survivors("a"), "ABC");
+    EXPECT_EQ(control_.max_count, 3);
+}
+
+TEST_F(Eviction, DropOldestWithoutUsersOnlyCountsDown) {
+    control_.max_count = 2;
+    control_.DropOldest(1);
+    EXPECT_EQ(control_.max_count, 1);
+    control_.storages.clear();
+    control_.DropOldest(0);
+    EXPECT_EQ(control_.max_count, 0);
+}
+
+TEST_F(Eviction, LockedBackupsAreSkippedUntilNothingIsLeft) {
+    User("a", "ffF");
+    int passes = 0;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] {
+                  for (;; ++passes) control_.DropOldest(control_.max_count - 1);
+              }),
+              "No space left. But all backups are locked");
+    EXPECT_EQ(passes, 3);
+    EXPECT_EQ(Survivors("a"), "ABC");
+}
+
+TEST_F(Eviction, RepeatedPassesEndAtTheNewestChain) {
+    User("a", "FDDFDD");
+    const std::string survivors[] = {"ACDEF", "ADEF", "DEF", "DF", "DF", "DF"};
+    for (const std::string& expected : survivors) {
+        control_.DropOldest(control_.max_count - 1);
+        EXPECT_EQ(Survivors("a"), expected);
+    }
+    EXPECT_THROW(control_.DropOldest(control_.max_count - 1), std::runtime_error);
+}
+
+// --- With files ---
+
+TEST_F(Eviction, FilesGoWithTheRecord) {
+    User("web1", "FF");
+    Files("web1", 0);
+    Files("web1", 1);
+    control_.DropOldest(1);
+    EXPECT_EQ(Survivors("web1"), "B");
+    EXPECT_EQ(Stored(), (Lines{"2026-11-11.web1.info", "F2026-11-11.web1.tgz"}));
+    EXPECT_EQ(Below("root"), (Lines{".keep", "2026-11-11.web1.info"}));
+    EXPECT_EQ(Log(6), (Lines{"5: Evict backup 'root/2026-11-10.web1.info', size: 1",
+                             "6: Delete 'F2026-11-10.web1.tgz'"}));
+}
+
+TEST_F(Eviction, InfoFilesInDirectoriesAreFound) {
+    User("web1", "FF");
+    Place("root/web1/2026-11-10/2026-11-10.web1.info",
+          "last-slice=web1/2026-11-10/F2026-11-10.web1.1.dar\ntype=full");
+    store_->SetFile("web1/2026-11-10/F2026-11-10.web1.1.dar", "x");
+    control_.DropOldest(1);
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(Below("root"), (Lines{".keep"}));
+    EXPECT_EQ(Log(5),
+              (Lines{"5: Evict backup 'root/web1/2026-11-10/2026-11-10.web1.info', size: 1"}));
+}
+
+TEST_F(Eviction, AFailedDeletionLeavesItsRecordAndStopsThePass) {
+    for (const char* user : {"a", "b", "c"}) {
+        User(user, "FF");
+        Files(user, 0);
+    }
+    store_->SetHook([](const std::string&, const std::string& name) {
+        if (name == "F2026-11-10.b.tgz") throw kro_err::Error(kro_err::Kind::kUnavailable, "down");
+    });
+    EXPECT_EQ(TextOf<kro_err::Error>([&] { control_.DropOldest(1); }), "down");
+    EXPECT_EQ(Survivors("a"), "B");
+    EXPECT_EQ(Survivors("b"), "AB");
+    EXPECT_EQ(Survivors("c"), "AB");
+    EXPECT_EQ(desc_->free_size, 1);
+    EXPECT_EQ(control_.max_count, 2);
+    store_->SetHook(nullptr);
+    control_.DropOldest(1);
+    EXPECT_EQ(Survivors("b"), "B");
+    EXPECT_EQ(Survivors("c"), "B");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(control_.max_count, 1);
+}
+
+TEST_F(Eviction, AFailedDeletionStopsTheCountLimitsToo) {
+    User("a", "FFFF");
+    for (std::size_t i = 0; i < 4; ++i) Files("a", i);
+    store_->SetHook([](const std::string&, const std::string& name) {
+        if (name == "F2026-11-11.a.tgz") throw kro_err::Error(kro_err::Kind::kUnavailable, "down");
+    });
+    EXPECT_EQ(TextOf<kro_err::Error>([&] { control_.DropByCount(1, 0); }), "down");
+    EXPECT_EQ(Survivors("a"), "BCD");
+    EXPECT_EQ(desc_->free_size, 1);
+}
+
+}  // namespace
