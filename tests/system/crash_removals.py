@@ -1,0 +1,232 @@
+"""Scenes in which backups go: deletions, evictions, clean-up, clear."""
+
+import os
+
+from crash_scene import GENEROUS, Scene, require
+from harness import read, write
+from samples import DATE, Backup, chain, day, left, read_info
+
+
+class Removal(Scene):
+    """Backups of which some go."""
+
+    backups = ()
+    staying = ()
+
+    def holds_whole(self, stem):
+        """On a disk that stays full to the end there is no room for telling of what is begun."""
+        return self.strike.lasting or any(backup.stem == stem and backup.is_whole()
+                                          for backup in self.backups)
+
+    def check(self):
+        for backup in self.backups:
+            whole, gone = backup.is_whole(), backup.is_gone()
+            require(whole or backup not in self.staying,
+                    lambda: f"{backup.stem} has been touched: {self.r.stored()} {self.r.local()}")
+            # Otherwise nothing would tell of what is left on the storage.
+            require(whole or gone or os.path.exists(backup.info_path),
+                    lambda: f"{backup.stem} has lost its info file first: {self.r.stored()}")
+            if os.path.exists(backup.info_path):
+                self.check_info(backup)
+
+    def check_info(self, backup):
+        """The old text, or the one that says that the backup is being deleted."""
+        old = {key: str(value) for key, value in backup.fields.items()}
+        info = read_info(backup.info_path)
+        marked = {**info, "finished": old["finished"]}
+        since = marked.pop("deletion", None)
+        require(info == old or (since and "finished" not in info and marked == old),
+                lambda: f"info file of {backup.stem}: {info}")
+
+    def remaining(self):
+        return [backup.stem for backup in self.staying]
+
+    def check_done(self):
+        require(left(self.backups) == [backup.date for backup in self.staying], lambda:
+                f"what stays: {self.r.stored()} {self.r.local()}")
+        self.check_no_leftovers()
+
+
+class Delete(Removal):
+    def lay_out(self):
+        self.doomed = Backup(self.r, "web1", day(-1), slices=3)
+        self.staying = [Backup(self.r, "web1", day(-2)), Backup(self.r, "web10", day(-1))]
+        self.backups = [self.staying[0], self.doomed, self.staying[1]]
+
+    def work(self):
+        self.arm()
+        self.run("--delete", self.doomed.info_path)
+
+
+class DeleteThenRescan(Delete):
+    """The storage's info file must not make a whole backup of it again."""
+
+    restart = ("--count-limit", "1000:1000", "--rescan")
+
+    def remaining(self):
+        """A rescan's server takes its date from this machine's clock, which need not be right."""
+        return ()
+
+
+class DeleteWeek(Removal):
+    """A full and the daily that rests on it; single files, with encrypted indexes."""
+
+    def lay_out(self):
+        full = Backup(self.r, "web1", day(-2), form="tgz")
+        daily = Backup(self.r, "web1", day(-1), "incremental", form="tgz", base=full.identity)
+        self.staying = [Backup(self.r, "web1", DATE, form="tgz")]
+        self.backups = [full, daily, *self.staying]
+        lines = [f"{backup.stem}.tgz.aes={'ab' * number}" for number, backup
+                 in enumerate(self.backups, 1)]
+        self.list = write(os.path.join(self.r.info_root, ".encrypted_indexes"), "\n".join(lines))
+        self.lines = lines
+
+    def work(self):
+        self.arm()
+        self.run("--delete", "--force", self.backups[0].info_path)
+
+    def check(self):
+        super().check()
+        text = read(self.list).decode()
+        require(set(filter(None, text.split("\n"))) <= set(self.lines) and self.lines[-1] in text,
+                lambda: f"the list of encrypted indexes: {text!r}")
+
+
+class DeleteDirectory(Removal):
+    def lay_out(self):
+        self.staying = [Backup(self.r, "web1", day(-2), form="dir")]
+        self.backups = [*self.staying, Backup(self.r, "web1", day(-1), form="dir")]
+
+    def work(self):
+        self.arm()
+        self.run("--delete", self.backups[-1].info_path)
+
+
+class DeleteByClient(Delete):
+    roles = ("client",)
+
+    def work(self):
+        server = self.serve(*GENEROUS)
+        if self.wait_for_client(server):
+            self.arm()
+            if os.path.exists(self.doomed.info_path):
+                self.run("--delete", self.doomed.info_path, BACKUP_TOKEN=None)
+        self.faults.stop()
+        self.release(server)
+
+
+class Evict(Removal):
+    """A server's start with more than its limits allow."""
+
+    roles = ("daemon",)
+    limits = ("--count-limit", "1:1")
+
+    def lay_out(self):
+        self.backups = chain(self.r, "web1", "FDDFD")
+        self.staying = self.backups[-2:]
+
+    def work(self):
+        self.arm()
+        server = self.serve("--date", DATE, *self.limits)
+        self.faults.stop()
+        self.release(server)
+
+
+class EvictBySize(Evict):
+    limits = ("--count-limit", "10:10", "--size-limit", "70")
+
+    def lay_out(self):
+        self.backups = chain(self.r, "web1", "FFFF", size=30)
+        self.staying = self.backups[-2:]
+
+
+class EvictForPut(Evict):
+    """The room for a file is made before it is taken."""
+
+    limits = ("--count-limit", "10:10", "--size-limit", "100")
+
+    def lay_out(self):
+        self.backups = chain(self.r, "web1", "FFF", size=30)
+        self.staying = self.backups[-2:]
+        self.again()
+
+    def again(self):
+        self.new = f"F{DATE}.web2.tgz"
+        self.path = write(os.path.join(self.r.work, self.new), b"x" * 20)
+
+    def work(self):
+        server = self.serve("--date", DATE, *self.limits)
+        if self.wait_for_client(server):
+            self.arm()
+            self.run("--put", "--no-delete", self.path)
+        self.faults.stop()
+        self.release(server)
+
+    def check_done(self):
+        super().check_done()
+        require(read(os.path.join(self.r.storage, self.new)) == b"x" * 20, "the new file")
+
+
+class CleanUp(Removal):
+    """What another program has given up on is removed when a server starts."""
+
+    roles = ("daemon",)
+
+    def lay_out(self):
+        self.backups = [Backup(self.r, "web1", day(-1), form="tgz")]
+        self.staying = self.backups
+        for user in ("web2", "web3"):
+            for name in (f"F{DATE}.{user}.tgz.part1", f"F{DATE}.{user}.tgz.part2"):
+                write(os.path.join(self.r.storage, name), "incomplete")
+            write(os.path.join(self.r.info_root, f"{DATE}.{user}.tgz"), "index")
+        self.list = os.path.join(self.r.info_root, ".cleanup")
+        self.lines = [f"{self.r.token}\t{DATE}.{user}\n" for user in ("web2", "web3")]
+        write(self.list, "".join(self.lines))
+
+    def work(self):
+        self.arm()
+        server = self.serve(*GENEROUS)
+        self.faults.stop()
+        self.release(server)
+
+    def unfinished(self):
+        return [user for user in ("web2", "web3")
+                if any(f"{DATE}.{user}." in name for name in self.r.stored() + self.r.local())]
+
+    def check(self):
+        super().check()
+        listed = read(self.list).decode() if os.path.exists(self.list) else ""
+        require(listed in ("", *self.lines, "".join(self.lines)), f"the list: {listed!r}")
+        for user in self.unfinished():
+            require(f"\t{DATE}.{user}\n" in listed, f"{user} is not on the list any more")
+
+    def check_done(self):
+        super().check_done()
+        require(not self.unfinished() and not os.path.exists(self.list), "not cleaned up")
+
+
+class Clear(Scene):
+    def lay_out(self):
+        self.backups = [Backup(self.r, "web1", DATE, slices=2), Backup(self.r, "web2", DATE, form="dir")]
+        write(self.r.file("var/backup/tovarn.private/x/y"), "private")
+        self.other = write(self.r.file("var/backup/web1/kept"), "a user's")
+
+    def work(self):
+        self.arm()
+        self.run("--clear")
+
+    def holds_whole(self, stem):
+        return any(backup.stem == stem and backup.is_whole() for backup in self.backups)
+
+    def check_start(self):
+        """Backups that are half removed stop the server."""
+        if self.failed:
+            require("--clear" in self.failed[0][2], lambda: f"the server does not start: {self.failed}")
+
+    def check(self):
+        require(read(self.other) == b"a user's", "what belongs to others")
+
+    def check_done(self):
+        self.check()
+        require(not os.listdir(self.r.storage), "the storage is not empty")
+        require(os.listdir(self.r.file("var/backup")) == ["web1"], "the info root is not empty")

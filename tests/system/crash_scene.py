@@ -1,0 +1,180 @@
+"""What a scene of the crash tests is: what is there before, what a job does, what must hold afterwards.
+
+Each scene is laid out in a root of its own. act() does what a job would do, and stops where a command
+fails. While the scene is armed, the calls of its roles are points at which it can be struck. check()
+holds at any time at which no process runs; check_done() when the job has been done from its beginning to
+its end, however often it was struck before.
+"""
+
+import os
+import re
+import select
+import subprocess
+import time
+
+from faults import Strike
+from harness import DEADLINE, LOG_LINE, LogEntry, _own, read, tree
+from samples import DATE
+
+GENEROUS = ("--date", DATE, "--count-limit", "1000:1000")
+TEMPORARY = re.compile(r"\..+\.part~")
+COUNTED = re.compile(r"\S+ Add \S+ backup (\S+)\.info\. new used .*")
+
+
+ENTRY = re.compile(r"(?=\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[)")
+
+
+class Failure(AssertionError):
+    """What must not be after a strike."""
+
+
+def require(condition, text):
+    if not condition:
+        raise Failure(text() if callable(text) else text)
+
+
+def names(folder):
+    """The files below a folder without what an interrupted writer leaves."""
+    return [name for name in tree(folder) if not TEMPORARY.fullmatch(os.path.basename(name))]
+
+
+def wait_until_alone(timeout=30):
+    """Waits until no process of the run is left; those started by name have been waited for already."""
+    end = time.monotonic() + timeout
+    while True:
+        try:
+            pid, _ = os.waitpid(-1, os.WNOHANG)
+        except ChildProcessError:
+            return
+        if pid == 0:
+            require(time.monotonic() < end, "a process outlived the run")
+            time.sleep(0.002)
+
+
+class Scene:
+    roles = ("command",)
+    restart = GENEROUS  # how a server starts on what is left
+
+    def __init__(self, test, faults):
+        self.r = test.root()
+        self.faults = faults
+        self.strike = Strike()
+        self.failed = []  # (command, exit status, standard error)
+        self.lay_out()
+
+    # --- What a job does ---
+
+    def env(self, **changes):
+        return {**self.faults.environment(), **changes}
+
+    def arm(self):
+        self.faults.write(self.strike, self.roles)
+
+    def run(self, *arguments, **env):
+        """False when the command failed."""
+        result = self.r.run(*arguments, env=self.env(**env))
+        if result.returncode != 0:
+            self.failed.append((arguments, result.returncode, result.stderr))
+        return result.returncode == 0
+
+    def serve(self, *arguments, **env):
+        """The process of a --server command once it is ready, or has ended."""
+        self.log_begin = len(self.log())
+        server = self.r.spawn("--server", *arguments, env=self.env(**env), stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        ready, _, _ = select.select([server.stdout], [], [], DEADLINE)
+        require(ready, "--server is neither ready nor ended")
+        return server
+
+    def release(self, server):
+        """False when the server command failed."""
+        _, errors = server.communicate(timeout=DEADLINE)
+        if server.returncode != 0:
+            self.failed.append((("--server",), server.returncode, errors.decode()))
+        return server.returncode == 0
+
+    def act(self, strike):
+        """True when every command said that it had done its work."""
+        self.strike = strike
+        self.failed = []
+        self.faults.write(Strike(), ())
+        try:
+            self.work()
+        finally:
+            wait_until_alone()
+            self.faults.stop()
+            _own.clear()
+        return not self.failed
+
+    def wait_for_client(self, server):
+        """False when the server ends first."""
+        end = time.monotonic() + DEADLINE
+        while server.poll() is None:
+            if any(entry.text.startswith("Client. Backup token")
+                   for entry in self.log()[self.log_begin:]):
+                return True
+            require(time.monotonic() < end, "no node client")
+            time.sleep(0.002)
+        return False
+
+    def log(self):
+        """The log's entries. A line may have been cut off by a kill, and others follow it then."""
+        try:
+            text = read(self.r.file("var/quarn2_cp.log")).decode(errors="backslashreplace")
+        except FileNotFoundError:
+            return []
+        lines = [line.rstrip("\n") for line in ENTRY.split(text)]
+        return [LogEntry(line) for line in lines if LOG_LINE.fullmatch(line)]
+
+    # --- What each scene has of its own ---
+
+    def lay_out(self):
+        """Everything that there is before."""
+
+    def again(self):
+        """What a job prepares before it does the same another time."""
+
+    def work(self):
+        raise NotImplementedError
+
+    def check(self):
+        """What holds in between."""
+
+    def check_done(self):
+        """What holds at the end."""
+
+    def remaining(self):
+        """The backups, DATE.USER, that a server counts at the end."""
+        return ()
+
+    def holds_whole(self, stem):
+        """True when the backup DATE.USER has all of its files."""
+        raise NotImplementedError
+
+    # --- What holds for all ---
+
+    def check_counted(self):
+        """A server that starts now counts whole backups only."""
+        self.failed = []
+        server = self.serve(*self.restart, KRO_LOG_LEVEL="7")
+        self.release(server)
+        wait_until_alone()
+        _own.clear()
+        self.check_start()
+        matches = [COUNTED.fullmatch(entry.text) for entry in self.log()[self.log_begin:]]
+        self.counted = {match[1] for match in matches if match}
+        for stem in self.counted:
+            require(self.holds_whole(stem), lambda stem=stem: f"{stem} is counted and is not whole: "
+                    f"{self.r.stored()} {self.r.local()}")
+
+    def check_start(self):
+        require(not self.failed, lambda: f"the server does not start: {self.failed} {self.log()[-3:]}")
+
+    def check_no_leftovers(self):
+        left_over = [name for folder in (self.r.base,) for name in tree(folder)
+                     if TEMPORARY.fullmatch(os.path.basename(name))]
+        require(not left_over, lambda: f"left over: {left_over}")
+        # One that could not be removed is nobody's: the next server takes it.
+        for name in ("quarn2_cp.pid", "quarn2_cp.lock"):
+            require(self.strike.number or not os.path.exists(self.r.file("var/" + name)),
+                    f"{name} is left")

@@ -1,0 +1,86 @@
+"""Strikes at chosen points of a run (see tests/support/fault_points.h), seen from a test."""
+
+import errno
+import mmap
+import os
+import struct
+
+LIBRARY = os.path.abspath(os.environ.get("QUARN2_FAULT_POINTS", "build/tests/system/libfault_points.so"))
+
+KINDS = ["open", "write", "allocate", "rename", "unlink", "mkdir", "link", "sync", "send", "connect",
+         "lock", "fork", "attributes", "read", "receive", "descriptor"]
+ROLES = ["command", "caller", "between", "daemon", "starter", "client"]
+ACTIONS = ["none", "kill_before", "kill_after", "fail", "short", "torn"]
+
+# What a crash is about: everything but taking data and taking descriptors.
+CHANGES = tuple(KINDS[:13])
+
+_HEAD = struct.Struct("=QQIIIiIII20x")
+_COUNT = struct.Struct("=Q")
+_ENTRIES = 4096
+_ENTRY_SIZE = 160
+
+
+def bits(names, table):
+    return sum(1 << table.index(name) for name in names)
+
+
+class Strike:
+    """What happens at a point. `number` None: nothing, the points are only counted."""
+
+    def __init__(self, action="none", number=None, error=0, kinds=CHANGES, lasting=False):
+        self.action = action
+        self.number = number
+        self.error = error
+        self.kinds = kinds
+        self.lasting = lasting
+
+    def __str__(self):
+        name = errno.errorcode.get(self.error, "")
+        lasting = " from there on" if self.lasting else ""
+        return f"{self.action} {name}".strip() + f" at point {self.number}{lasting}"
+
+
+class Faults:
+    """The file that one run's processes share."""
+
+    def __init__(self, path):
+        self.path = path
+        size = _HEAD.size + _ENTRIES * _ENTRY_SIZE
+        with open(path, "w+b") as file:
+            file.truncate(size)
+            self.memory = mmap.mmap(file.fileno(), size)
+        self.write(Strike(), ())
+
+    def close(self):
+        self.memory.close()
+        os.unlink(self.path)
+
+    def environment(self):
+        return {"LD_PRELOAD": LIBRARY, "QUARN2_FAULT_FILE": self.path}
+
+    def write(self, strike, roles):
+        """From now on the points of these roles are counted, and the strike's is struck."""
+        self.memory[:_HEAD.size] = _HEAD.pack(
+            0, strike.number or 0, bits(strike.kinds, KINDS), bits(roles, ROLES),
+            ACTIONS.index(strike.action), strike.error, strike.lasting, 0, True)
+
+    def stop(self):
+        """No more points; the counts stay."""
+        self.memory[20:24] = bytes(4)
+
+    @property
+    def count(self):
+        return _COUNT.unpack_from(self.memory, 0)[0]
+
+    @property
+    def struck(self):
+        return _HEAD.unpack_from(self.memory, 0)[7]
+
+    def point(self, number):
+        """"ROLE CALL PATH" of the point, counted from 1."""
+        begin = _HEAD.size + (number - 1) * _ENTRY_SIZE
+        return self.memory[begin:begin + _ENTRY_SIZE].split(b"\0", 1)[0].decode(errors="replace")
+
+    def points(self):
+        return [self.point(number) for number in range(1, min(self.count, _ENTRIES) + 1)]

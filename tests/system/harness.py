@@ -1,0 +1,473 @@
+"""What the system tests stand on: install roots, processes, waiting and the log.
+
+The program is taken from QUARN2_CP_BINARY and copied into a root of its own for every use, so that
+tests can run side by side. Nothing here waits for a fixed time: every wait has a condition and a
+deadline.
+"""
+
+import ctypes
+import fcntl
+import os
+import re
+import select
+import shlex
+import shutil
+import signal
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quarn2_cp"))
+DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "60"))
+# The words before every start of the program, of another that runs it: see scripts/valgrind.
+WRAPPER = shlex.split(os.environ.get("QUARN2_CP_WRAPPER", ""))
+
+PR_SET_CHILD_SUBREAPER = 36
+
+LOG_LINE = re.compile(
+    r"(?P<time>\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}) \[(?P<pid>\d+):(?P<tid>\d+)\] "
+    r"(?P<program>\S+) (?P<module>\S+) (?P<level>\d): (?P<text>.*)")
+
+
+def wait_for(condition, what, timeout=None, pause=0.002):
+    """Calls `condition` until it gives something true, and returns that."""
+    timeout = DEADLINE if timeout is None else timeout
+    end = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {timeout} s: {what() if callable(what) else what}")
+        time.sleep(pause)
+        pause = min(pause * 1.5, 0.05)
+
+
+# --- Processes ---
+
+_own = {}  # pid -> Popen of everything started here
+_statuses = {}  # pid -> exit status of adopted processes
+_reap_lock = threading.Lock()
+# No fork while an executable is being written: the child would have it open for writing for a
+# moment, and a start of it then fails.
+_exec_lock = threading.Lock()
+
+
+def start(arguments, **options):
+    with _exec_lock:
+        process = subprocess.Popen(arguments, **options)
+        # After thousands of starts a daemon may have the number of one that has ended.
+        for pid in [pid for pid, old in list(_own.items()) if old.poll() is not None]:
+            del _own[pid]
+        _own[process.pid] = process
+    return process
+
+
+def adopt_orphans():
+    """Makes this process the parent of orphaned daemons, so that none can be left unseen."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
+        raise OSError(ctypes.get_errno(), "prctl")
+
+
+def stat_of(pid):
+    """(state, parent) of a process, None when there is none."""
+    try:
+        with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as stat:
+            words = stat.read().rpartition(")")[2].split()
+    except (FileNotFoundError, ProcessLookupError):
+        return None
+    return words[0], int(words[1])
+
+
+def reap(pid):
+    """Collects an adopted process; False while it cannot be collected yet."""
+    with _reap_lock:
+        if pid in _own or pid in _statuses:
+            return True
+        try:
+            ended, status = os.waitpid(pid, os.WNOHANG)
+        except ChildProcessError:
+            return True
+        if ended == pid:
+            _statuses[pid] = os.waitstatus_to_exitcode(status)
+        return ended == pid
+
+
+def gone(pid):
+    own = _own.get(pid)
+    if own:
+        return own.poll() is not None
+    stat = stat_of(pid)
+    ended = stat is None or stat[0] in "ZX"
+    # Only now: collected before the look, a status could be missed that comes in between. And a process
+    # whose first thread has ended looks like a zombie while its other threads still go.
+    return ended and reap(pid)
+
+
+def wait_gone(pid, timeout=None):
+    """Waits until the process has ended; its exit status where it was ours to collect."""
+    wait_for(lambda: gone(pid), f"the end of process {pid}", timeout)
+    return _statuses.get(pid)
+
+
+def children(parent=None):
+    """The living children of a process."""
+    parent = os.getpid() if parent is None else parent
+    found = []
+    for name in os.listdir("/proc"):
+        if name.isdigit():
+            stat = stat_of(name)
+            if stat and stat[1] == parent and not gone(int(name)):
+                found.append(int(name))
+    return found
+
+
+def command_line(pid):
+    try:
+        with open(f"/proc/{pid}/cmdline", "rb") as line:
+            return line.read().replace(b"\0", b" ").decode(errors="replace").strip()
+    except (FileNotFoundError, ProcessLookupError):
+        return ""
+
+
+def descriptors(pid):
+    """What the descriptors of a process are open on: {number: target}."""
+    found = {}
+    for name in os.listdir(f"/proc/{pid}/fd"):
+        try:
+            found[int(name)] = os.readlink(f"/proc/{pid}/fd/{name}")
+        except FileNotFoundError:
+            pass
+    return found
+
+
+def access_mode(pid, fd):
+    """O_RDONLY, O_WRONLY or O_RDWR: how the descriptor was opened."""
+    with open(f"/proc/{pid}/fdinfo/{fd}", encoding="ascii") as info:
+        flags = next(line.split()[1] for line in info if line.startswith("flags:"))
+    return int(flags, 8) & os.O_ACCMODE
+
+
+def write_lock_holder(path):
+    """The process that holds a record lock on the file, 0 when nobody does."""
+    with open(path, "r+b") as file:
+        asked = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
+        kind, _, _, _, pid = struct.unpack("hhqqi4x", fcntl.fcntl(file, fcntl.F_GETLK, asked))
+        return 0 if kind == fcntl.F_UNLCK else pid
+
+
+def read_available(fd, timeout):
+    """Bytes of a pipe as soon as there are some, b"" at its end; None when the time is over."""
+    ready, _, _ = select.select([fd], [], [], timeout)
+    return os.read(fd, 65536) if ready else None
+
+
+# --- Install roots ---
+
+class LogEntry:
+    def __init__(self, line):
+        match = LOG_LINE.fullmatch(line)
+        if not match:
+            raise AssertionError(f"not a log line: {line!r}")
+        self.time = match["time"]
+        self.pid = int(match["pid"])
+        self.tid = int(match["tid"])
+        self.program = match["program"]
+        self.module = match["module"]
+        self.level = int(match["level"])
+        self.text = match["text"]
+
+    def __repr__(self):
+        return f"[{self.pid}] {self.level}: {self.text}"
+
+
+class Root:
+    """An install root of its own with a local storage beside it."""
+
+    def __init__(self, test, name="root"):
+        self.test = test
+        self.base = tempfile.mkdtemp(prefix=name + "-", dir=test.folder)
+        self.path = os.path.join(self.base, "root")
+        self.storage = os.path.join(self.base, "storage")
+        self.work = os.path.join(self.base, "work")  # where a job makes its archives
+        self.info_root = os.path.join(self.path, "var/backup/tovarn")
+        for folder in (os.path.join(self.path, "sbin"), self.storage, self.work, self.info_root):
+            os.makedirs(folder)
+        self.binary = os.path.join(self.path, "sbin/quarn2_cp")
+        with _exec_lock:
+            shutil.copy2(BINARY, self.binary)
+        self.token = "local://" + self.storage
+        self.log_level = None
+
+    def file(self, name):
+        return os.path.join(self.path, name)
+
+    def environment(self, **changes):
+        """BACKUP_TOKEN is the root's own unless it is changed; None takes a variable away."""
+        values = {name: value for name, value in os.environ.items()
+                  if not name.startswith(("BACKUP_", "KRO_"))}
+        values["BACKUP_TOKEN"] = self.token
+        if self.log_level is not None:
+            values["KRO_LOG_LEVEL"] = str(self.log_level)
+        for name, value in changes.items():
+            if value is None:
+                values.pop(name, None)
+            else:
+                values[name] = str(value)
+        return values
+
+    def spawn(self, *arguments, env=None, cwd="/", wrapper=(), **pipes):
+        """`wrapper`: the words before the program, of another that runs it."""
+        return start([*wrapper, *WRAPPER, self.binary, *arguments], cwd=cwd,
+                     env=self.environment(**(env or {})), **pipes)
+
+    def run(self, *arguments, env=None, cwd="/", wrapper=(), timeout=None):
+        """Runs a command to its end; the result has returncode, stdout, stderr."""
+        process = self.spawn(*arguments, env=env, cwd=cwd, wrapper=wrapper,
+                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE)
+        try:
+            out, err = process.communicate(timeout=DEADLINE if timeout is None else timeout)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.communicate()
+            raise AssertionError(f"{arguments} did not end") from None
+        return subprocess.CompletedProcess(arguments, process.returncode, out.decode(),
+                                           err.decode())
+
+    def log(self, level=None, pid=None):
+        try:
+            with open(self.file("var/quarn2_cp.log"), encoding="utf-8",
+                      errors="backslashreplace") as log:
+                lines = log.read().split("\n")
+        except FileNotFoundError:
+            return []
+        # The last piece is empty, or a line that is being written.
+        entries = [LogEntry(line) for line in lines[:-1]]
+        return [entry for entry in entries
+                if (level is None or entry.level == level) and (pid is None or entry.pid == pid)]
+
+    def log_texts(self, level=None, pid=None):
+        return [entry.text for entry in self.log(level, pid)]
+
+    def wait_log(self, text, level=None, pid=None, count=1, timeout=None):
+        """Waits until the log has the line (`count` times) and returns these entries."""
+        def found():
+            entries = [entry for entry in self.log(level, pid) if entry.text == text]
+            return entries if len(entries) >= count else None
+        return wait_for(found, lambda: f"log line {text!r} in {self.log()}", timeout)
+
+    def stored(self):
+        return tree(self.storage)
+
+    def local(self):
+        return tree(self.info_root)
+
+
+def tree(folder):
+    """All files below a folder, as sorted relative names."""
+    found = []
+    for directory, _, names in os.walk(folder):
+        found += [os.path.relpath(os.path.join(directory, name), folder) for name in names]
+    return sorted(found)
+
+
+def read(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
+def write(path, data):
+    os.makedirs(os.path.dirname(path), exist_ok=True)
+    with open(path, "wb") as file:
+        file.write(data.encode() if isinstance(data, str) else data)
+    return path
+
+
+def write_executable(path, text):
+    with _exec_lock:
+        write(path, text)
+        os.chmod(path, 0o700)
+
+
+class Watch:
+    """Looks again and again, in a thread of its own, as long as it is entered."""
+
+    pause = 0.02
+
+    def __init__(self):
+        self.over = threading.Event()
+        self.thread = threading.Thread(target=self.run)
+
+    def __enter__(self):
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.over.set()
+        self.thread.join()
+
+    def run(self):
+        while not self.over.is_set():
+            self.look()
+            self.over.wait(self.pause)
+
+
+# --- The server command ---
+
+class Server:
+    """One `--server` caller. It holds the server until release()."""
+
+    def __init__(self, root, *arguments, env=None, pass_fds=()):
+        self.root = root
+        self.daemon = None
+        self.output = b""
+        self.errors = None
+        storage = ""
+        for option, value in zip(arguments, arguments[1:]):
+            if option in ("--storage", "-U"):
+                storage = value
+        self.suffix = "#" + storage if storage else ""
+        self.process = root.spawn("--server", *arguments, env=env, pass_fds=pass_fds,
+                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  stderr=subprocess.PIPE)
+        root.test.addCleanup(self.close)
+
+    @property
+    def pid(self):
+        return self.process.pid
+
+    @property
+    def pid_file(self):
+        return self.root.file("var/quarn2_cp.pid" + self.suffix)
+
+    @property
+    def lock_file(self):
+        return self.root.file("var/quarn2_cp.lock" + self.suffix)
+
+    def pid_parts(self):
+        """The pid file's process id, date, key and control parameters."""
+        return read(self.pid_file).decode().split("\n", 3)
+
+    def is_ready(self, timeout=0):
+        """True once standard output is closed and the command still runs."""
+        if self.process.stdout.closed:
+            return True
+        end = time.monotonic() + timeout
+        while True:
+            piece = read_available(self.process.stdout.fileno(), max(0, end - time.monotonic()))
+            if piece is None:
+                return False
+            if not piece:
+                break
+            self.output += piece
+        ready = [entry for entry in self.root.log(5, self.pid)
+                 if entry.text.startswith("Size control server is ready. Date: ")]
+        if not ready:
+            status, errors = self.wait_end()
+            raise AssertionError(f"--server ended with {status}: {errors}; {self.root.log()}")
+        self.process.stdout.close()
+        return True
+
+    def wait_ready(self, timeout=None):
+        if not self.is_ready(DEADLINE if timeout is None else timeout):
+            raise AssertionError(f"the server is not ready; log: {self.root.log()}")
+        self.daemon = int(self.pid_parts()[0])
+        self.wait_socket()
+        return self
+
+    def wait_socket(self, timeout=10):
+        """The node client opens its control socket a little after the server is ready, if it can."""
+        if self.root.binary.endswith(".real"):
+            return  # a test plays the node client
+        path = self.root.file("tmp/quarn2_cp.sock" + self.suffix)
+        end = time.monotonic() + timeout
+        while not os.path.exists(path) and time.monotonic() < end:
+            time.sleep(0.002)
+
+    def wait_end(self, timeout=None):
+        """Waits for the caller's own end; its exit status and standard error."""
+        if self.errors is None:
+            self.errors = b""
+            end = time.monotonic() + (DEADLINE if timeout is None else timeout)
+            while True:
+                piece = read_available(self.process.stderr.fileno(), max(0, end - time.monotonic()))
+                if piece is None:
+                    raise AssertionError("the --server command does not end")
+                if not piece:
+                    break
+                self.errors += piece
+        return self.process.wait(DEADLINE), self.errors.decode()
+
+    def release(self):
+        """Lets the server go, as a job does when it is done."""
+        if not self.process.stdin.closed:
+            self.process.stdin.close()
+        return self.wait_end()
+
+    def end(self):
+        """Lets go and waits for the daemon's end; the daemon's exit status."""
+        self.release()
+        return wait_gone(self.daemon)
+
+    def node_client(self):
+        """The process id of the daemon's node client."""
+        return wait_for(lambda: children(self.daemon), "a node client")[0]
+
+    def close(self):
+        if not self.process.stdin.closed:
+            self.process.stdin.close()
+        try:
+            self.process.wait(DEADLINE)
+        except subprocess.TimeoutExpired:
+            self.process.kill()
+            self.process.wait(DEADLINE)
+            raise AssertionError("the --server command had to be killed") from None
+        finally:
+            for stream in (self.process.stdout, self.process.stderr):
+                stream.close()
+
+
+# --- Tests ---
+
+class SystemTest(unittest.TestCase):
+    """Gives a temporary folder and makes sure that no process outlives the test."""
+
+    maxDiff = None
+
+    @classmethod
+    def setUpClass(cls):
+        adopt_orphans()
+        if not os.access(BINARY, os.X_OK):
+            raise AssertionError(f"QUARN2_CP_BINARY does not name the program: {BINARY}")
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="quarn2-cp-")
+        self.addCleanup(shutil.rmtree, self.folder)
+        self.addCleanup(self.check_no_process_left)
+
+    def root(self, name="root"):
+        return Root(self, name)
+
+    def check_no_process_left(self):
+        end = time.monotonic() + 20
+        while children() and time.monotonic() < end:
+            time.sleep(0.01)
+        left = [(pid, command_line(pid)) for pid in children()]
+        for pid, _ in left:
+            os.kill(pid, signal.SIGKILL)
+            wait_gone(pid)
+        if left:
+            self.fail(f"processes outlived the test: {left}")
+
+    def assert_error(self, result, text):
+        """The command failed with exactly this message."""
+        self.assertEqual(("quarn2_cp: " + text + "\n", "", 1),
+                         (result.stderr, result.stdout, result.returncode))
+
+    def assert_success(self, result):
+        self.assertEqual(("", 0), (result.stderr, result.returncode))

@@ -1,0 +1,57 @@
+"""Odd peers on loopback: ports where nobody listens, where nobody speaks, where somebody else does."""
+
+import contextlib
+import socket
+import threading
+
+
+class Peer:
+    """Listens on `address`. Greets whoever comes with `greeting`, or is a way to `to`, or is silent."""
+
+    def __init__(self, test, greeting=b"", to=None, address="127.0.0.1"):
+        self.greeting = greeting
+        self.to = to
+        self.open = []
+        self.listener = socket.create_server((address, 0), backlog=100)
+        self.host, self.port = self.listener.getsockname()
+        self.thread = threading.Thread(target=self.serve)
+        self.thread.start()
+        test.addCleanup(self.close)
+
+    def serve(self):
+        with contextlib.suppress(OSError):
+            while True:
+                client, _ = self.listener.accept()
+                self.open.append(client)
+                if self.to:
+                    server = socket.create_connection(self.to)
+                    self.open.append(server)
+                    for pair in ((client, server), (server, client)):
+                        threading.Thread(target=self.carry, args=pair, daemon=True).start()
+                elif self.greeting:
+                    client.sendall(self.greeting)
+
+    @staticmethod
+    def carry(source, target):
+        with contextlib.suppress(OSError):
+            while piece := source.recv(65536):
+                target.sendall(piece)
+        for end in (source, target):
+            with contextlib.suppress(OSError):
+                end.shutdown(socket.SHUT_RDWR)
+
+    def close(self):
+        for each in (self.listener, *self.open):
+            with contextlib.suppress(OSError):
+                each.shutdown(socket.SHUT_RDWR)
+        self.thread.join()
+        for each in (self.listener, *self.open):
+            each.close()
+
+
+def deserted_port(test):
+    """A port of 127.0.0.1 where nobody listens and nobody will while the test runs."""
+    holder = socket.socket()
+    test.addCleanup(holder.close)
+    holder.bind(("127.0.0.1", 0))
+    return holder.getsockname()[1]

@@ -1,0 +1,310 @@
+"""What a power failure could leave of what a program did.
+
+The program runs with a recorder loaded into it (tests/support/write_recorder.cpp). Its trace is replayed
+here on a model of a disk that knows of every file and directory both what it is now and what of it has
+been synced. At each point of the trace the model tells what the disk may hold when the power fails there:
+an entry of a directory is there or not as at the directory's last sync, or as after any change since; a
+file holds what was last synced, or anything that it held since. Every outcome in between is legal, and a
+program can count on none of them.
+"""
+
+import os
+import random
+import shutil
+import tempfile
+
+from harness import Root, read, write
+
+RECORDER = os.environ.get("QUARN2_WRITE_RECORDER", "")
+
+# No promise is made about them: the log is never synced, and the program lies there.
+IGNORED = ("root/sbin/", "root/var/quarn2_cp.log")
+
+
+class RecordedRoot(Root):
+    """An install root whose program is watched."""
+
+    def __init__(self, test, name="root", drop=""):
+        super().__init__(test, name)
+        if not os.path.exists(RECORDER):
+            raise AssertionError(f"QUARN2_WRITE_RECORDER does not name the recorder: '{RECORDER}'")
+        self.base = os.path.realpath(self.base)
+        self.record = tempfile.mkdtemp(prefix="record-", dir=test.folder)
+        os.mkdir(os.path.join(self.record, "blobs"))
+        write(os.path.join(self.record, "lock"), bytes(8))
+        write(os.path.join(self.record, "trace"), "")
+        self.drop = drop
+        self.blobs = {}
+        self.sources = 0
+        self.start = None
+
+    def environment(self, **changes):
+        return super().environment(LD_PRELOAD=RECORDER, QUARN2_RECORD=self.record,
+                                   QUARN2_RECORD_BELOW=self.base, QUARN2_RECORD_DROP=self.drop,
+                                   **changes)
+
+    def begin(self):
+        """What lies there now is on the disk; what comes is recorded."""
+        self.start = Disk.of(self.base)
+
+    def make_source(self, name, data):
+        """A file of the job's own: it is on the disk from the beginning."""
+        path = write(os.path.join(self.work, name), data)
+        self.given(path)
+        return path
+
+    def given(self, path):
+        """So is this one, which the job has just written."""
+        self.sources += 1
+        blob = f"source-{self.sources}"
+        write(os.path.join(self.record, "blobs", blob), read(path))
+        self.line("J", path, os.stat(path).st_ino, blob)
+
+    def line(self, *words):
+        with open(os.path.join(self.record, "trace"), "a", encoding="utf-8") as trace:
+            trace.write("\t".join(map(str, (0,) + words)) + "\n")
+
+    def mark(self, text):
+        """A line of the test's own in the trace: what a command has told by now."""
+        self.line("#", text)
+
+    def events(self):
+        """The changes below the root's folder, with relative paths, and the marks."""
+        lines = read(os.path.join(self.record, "trace")).decode().splitlines()
+        found = []
+        ignored = set()  # inodes
+        for line in lines:
+            _, operation, *arguments = line.split("\t")
+            if operation in "CJMXUDR":
+                arguments = [os.path.relpath(argument, self.base) if argument.startswith("/")
+                             else argument for argument in arguments]
+                if arguments[0].startswith(IGNORED):
+                    ignored.update(arguments[1:])
+                    continue
+            if operation in "WS" and arguments[0] in ignored:
+                continue
+            if operation in "JWS":
+                arguments[-1] = self.blob(arguments[-1])
+            found.append((operation, *arguments))
+        return found
+
+    def blob(self, name):
+        if name not in self.blobs:
+            self.blobs[name] = read(os.path.join(self.record, "blobs", name))
+        return self.blobs[name]
+
+
+class File:
+    def __init__(self, data=b"", synced=b""):
+        self.now = data
+        self.synced = synced
+        self.since = []  # everything that it held since it was synced
+
+    def hold(self, data):
+        self.now = data
+        self.since.append(data)
+
+    def sync(self, data=None):
+        self.now = self.synced = self.now if data is None else data
+        self.since = []
+
+
+class Folder:
+    def __init__(self):
+        self.now = {}
+        self.synced = {}
+        self.since = []  # changes since it was synced, each {name: node, or None for none}
+
+    def change(self, entries):
+        self.since.append(entries)
+        apply_changes(self.now, entries)
+
+    def sync(self):
+        self.synced = dict(self.now)
+        self.since = []
+
+
+def apply_changes(entries, changes):
+    for name, node in changes.items():
+        if node is None:
+            entries.pop(name, None)
+        else:
+            entries[name] = node
+
+
+class Disk:
+    """The model. Paths are relative to the recorded folder."""
+
+    def __init__(self):
+        self.root = Folder()
+        self.inodes = {}
+
+    @classmethod
+    def of(cls, base):
+        """Everything below the folder, all of it synced."""
+        disk = cls()
+        for directory, folders, names in os.walk(base):
+            place = os.path.relpath(directory, base)
+            for name in folders:
+                disk.entry(os.path.normpath(os.path.join(place, name)), Folder())
+            for name in names:
+                path = os.path.normpath(os.path.join(place, name))
+                if path.startswith(IGNORED) or not os.path.isfile(os.path.join(directory, name)):
+                    continue
+                data = read(os.path.join(directory, name))
+                disk.inodes[str(os.stat(os.path.join(directory, name)).st_ino)] = node = \
+                    File(data, data)
+                disk.entry(path, node)
+        disk.sync_all()
+        return disk
+
+    def folder(self, path):
+        node = self.root
+        for part in path.split("/"):
+            if part not in ("", "."):
+                node = node.now[part]
+        return node
+
+    def entry(self, path, node):
+        above, name = os.path.split(path)
+        self.folder(above).change({name: node})
+
+    def node(self, path):
+        above, name = os.path.split(path)
+        return self.folder(above).now.get(name)
+
+    def sync_all(self):
+        def visit(node):
+            node.sync()
+            for below in node.now.values() if isinstance(node, Folder) else ():
+                visit(below)
+        visit(self.root)
+
+    def apply(self, operation, *arguments):
+        getattr(self, "do_" + {"#": "nothing"}.get(operation, operation))(*arguments)
+
+    def do_nothing(self, _text):
+        pass
+
+    def do_J(self, path, inode, data):
+        self.inodes[inode] = node = File(data, data)
+        above, name = os.path.split(path)
+        folder = self.root
+        for part in above.split("/"):
+            if part not in folder.now:
+                folder.now[part] = folder.synced[part] = Folder()
+            folder = folder.now[part]
+        folder.now[name] = folder.synced[name] = node
+
+    def do_C(self, path, inode):
+        self.inodes[inode] = node = File()
+        self.entry(path, node)
+
+    def do_W(self, inode, data):
+        self.inodes[inode].hold(data)
+
+    def do_S(self, inode, data):
+        self.inodes[inode].sync(data)
+
+    def do_M(self, path):
+        self.entry(path, Folder())
+
+    def do_U(self, path):
+        if self.node(path) is not None:  # else a socket
+            self.entry(path, None)
+
+    do_X = do_U
+
+    def do_R(self, source, target):
+        node = self.node(source)
+        above, name = os.path.split(source)
+        if os.path.dirname(target) != above:
+            raise AssertionError("a rename into another folder is beyond this model")
+        self.folder(above).change({name: None, os.path.basename(target): node})
+
+    def do_D(self, path):
+        self.folder(path).sync()
+
+    def do_Y(self):
+        self.sync_all()
+
+    def left(self, luck):
+        """{path: content} of all files that a power failure leaves; folders have None."""
+        found = {}
+
+        def visit(folder, path):
+            for name, node in luck.entries(folder, path).items():
+                place = path + name
+                if isinstance(node, Folder):
+                    found[place] = None
+                    visit(node, place + "/")
+                else:
+                    found[place] = luck.content(node, place)
+        visit(self.root, "")
+        return found
+
+
+class Luck:
+    """One way in which a power failure decides what stays of what was not synced."""
+
+    def __init__(self, name, keeps_change, keeps_data):
+        self.name = name
+        self.keeps_change = keeps_change  # (change, path of the folder) -> bool
+        self.pick_data = keeps_data       # (versions since the sync, path) -> index, or None
+
+    def entries(self, folder, path):
+        entries = dict(folder.synced)
+        for change in folder.since:
+            if self.keeps_change(change, path):
+                apply_changes(entries, change)
+        return entries
+
+    def content(self, file, path):
+        if not file.since:
+            return file.now
+        picked = self.pick_data(file.since, path)
+        return file.synced if picked is None else file.since[picked]
+
+
+def is_removal(change):
+    return all(node is None for node in change.values())
+
+
+def all_lucks(seed, count):
+    """The extremes, and so many random ones."""
+    found = [
+        Luck("nothing stays", lambda *_: False, lambda *_: None),
+        Luck("names stay, data does not", lambda *_: True, lambda *_: None),
+        Luck("everything stays", lambda *_: True, lambda *_: -1),
+        Luck("only removals stay", lambda change, _: is_removal(change), lambda *_: None),
+        Luck("all but removals stays", lambda change, _: not is_removal(change), lambda *_: -1),
+        # Storage and install root may lie on two disks.
+        Luck("only the storage stays", lambda _, path: path.startswith("storage/"),
+             lambda _, path: -1 if path.startswith("storage/") else None),
+        Luck("all but the storage stays", lambda _, path: not path.startswith("storage/"),
+             lambda _, path: None if path.startswith("storage/") else -1),
+    ]
+    for number in range(count):
+        chance = random.Random(seed * 1000 + number)
+        found.append(Luck(
+            f"chance {seed}/{number}", lambda *_, chance=chance: chance.random() < 0.5,
+            lambda since, _, chance=chance: chance.choice([None, *range(len(since))])))
+    return found
+
+
+def materialise(root, files, base):
+    """Puts what was left of a recorded root (`base`) in the place of another root's own files. Paths in
+    texts are made to fit."""
+    for folder in ("root/var", "root/tmp", "root/etc", "storage", "work"):
+        shutil.rmtree(os.path.join(root.base, folder), ignore_errors=True)
+    for path, data in sorted(files.items()):
+        place = os.path.join(root.base, path)
+        if data is None:
+            os.makedirs(place, exist_ok=True)
+        else:
+            write(place, data.replace(base.encode(), root.base.encode()))
+    # The machine has started anew.
+    marks = root.file("tmp/quarn2_cp.uploads")
+    for name in os.listdir(marks) if os.path.isdir(marks) else ():
+        path = os.path.join(marks, name)
+        write(path, b"another boot\n" + read(path).partition(b"\n")[2])

@@ -1,0 +1,155 @@
+"""A test that records the program and then lets the power fail at every point.
+
+QUARN2_POWER_SEED chooses the random ways (printed when a promise is broken), QUARN2_POWER_CHANCES how many
+there are at each point, QUARN2_POWER_STARTS on how many states of each scenario the program is started.
+"""
+
+import collections
+import concurrent.futures
+import os
+import random
+
+import power
+from harness import Root, Server, SystemTest, read, tree, write
+from promises import Promises
+from samples import DATE, day, info_text
+
+SEED = int(os.environ.get("QUARN2_POWER_SEED", "1"))
+CHANCES = int(os.environ.get("QUARN2_POWER_CHANCES", "20"))
+STARTS = int(os.environ.get("QUARN2_POWER_STARTS", "10"))
+
+
+class PowerTest(SystemTest):
+    drop = ""  # syncs that are not done
+
+    def setUp(self):
+        super().setUp()
+        self.r = power.RecordedRoot(self, drop=self.drop)
+        self.promises = Promises()
+        self.marks = {}  # text -> what it does to the promises
+        self.lost = []
+        self.states = []  # some of those that a failure could leave
+
+    # --- what the scenarios do ---
+
+    @staticmethod
+    def serve(root, *arguments):
+        """A server whose node client takes commands."""
+        server = Server(root, *arguments).wait_ready()
+        root.wait_log(f"Client. Backup token = '{root.token}'")
+        return server
+
+    def give(self, *backups):
+        """Finished backups, there from the beginning."""
+        for backup in backups:
+            names = backup.archives + [backup.index]
+            self.promises.backups[backup.info_name] = [*names, backup.info_name]
+            for name in names:
+                self.promises.contents[name].add(read(os.path.join(self.r.storage, name)))
+
+    def mark(self, text, change):
+        self.marks[text] = change
+        self.r.mark(text)
+
+    def run_marked(self, change, *arguments):
+        """A command, and what it has promised when it ends."""
+        self.assert_success(self.r.run(*arguments))
+        self.mark(" ".join(arguments), change)
+
+    def put_backup(self, user, date, letter="F", place="", **more):
+        """A job's way: the slices, the last of them, the index."""
+        names = [f"{place}{letter}{date}.{user}.{number}.dar" for number in (1, 2)]
+        index = f"{place}{date}.{user}.1.dar"
+        info_name = f"{place}{date}.{user}.info"
+        self.promises.backups[info_name] = [*names, index, info_name]
+        known = {"type": "full", "created": f"{DATE} 00:00:00", **more}
+        info = self.r.make_source(f"{date}.{user}.job/info", info_text(known))
+        for name in names:
+            self.promises.contents[name].add((name + "\n").encode() * 100)
+            path = self.r.make_source(f"{date}.{user}.job/{name}", (name + "\n").encode() * 100)
+            self.mark("made " + name, lambda promises, path=path, name=name:
+                      promises.sources.update({os.path.relpath(path, self.r.base): name}))
+            last = ["--last_slice"] if name == names[-1] else []
+            self.assert_success(self.r.run("--put", path, "-I", info, *last))
+        path = write(os.path.join(self.r.info_root, index), "the index of " + user)
+        self.r.given(path)
+        self.promises.contents[index].add(read(path))
+        self.run_marked(lambda promises: promises.stored.update(promises.backups[info_name]),
+                        "--put", path, "-I", info, "--isolated", "--no-delete")
+
+    # --- the failures ---
+
+    def fail_everywhere(self):
+        disk = self.r.start
+        lucks = power.all_lucks(SEED, CHANCES)
+        for point, (operation, *arguments) in enumerate(self.r.events()):
+            disk.apply(operation, *arguments)
+            if operation == "#":
+                self.marks[arguments[0]](self.promises)
+            elif operation in "UX":
+                self.promises.note_removal(arguments[0])
+            for luck in lucks:
+                left = disk.left(luck)
+                where = f"{point} {operation} {arguments[:1]}, {luck.name}"
+                self.lost += [f"after {where}: {text}" for text in self.broken(left)]
+                self.states.append((where, left, set(self.promises.stored)))
+        self.check_model(disk)
+        print(f"\n{self.id()}: {point + 1} points, {len(self.states)} states", flush=True)
+
+    def broken(self, left):
+        return self.promises.broken(left)
+
+    def check_model(self, disk):
+        """The model is what the disk is now: nothing was missed."""
+        left = disk.left(power.Luck("", lambda *_: True, lambda *_: -1))
+        there = {path: read(os.path.join(self.r.base, path)) for path in tree(self.r.base)
+                 if not path.startswith(power.IGNORED)
+                 and os.path.isfile(os.path.join(self.r.base, path))}
+        self.assertEqual(there, {path: data for path, data in left.items() if data is not None})
+
+    def assert_nothing_lost(self):
+        self.fail_everywhere()
+        if self.lost:
+            kinds = collections.Counter(text.split(": ", 1)[1] for text in self.lost)
+            first = {text.split(": ", 1)[1]: text for text in reversed(self.lost)}
+            self.fail(f"{len(self.lost)} broken promises (seed {SEED}):\n" + "\n".join(
+                f"{count} times, first {first[kind]}" for kind, count in kinds.most_common(8)))
+
+    def go_on(self, check):
+        """Starts the program on some of the states, four at a time."""
+        chosen = random.Random(SEED).sample(self.states, min(STARTS, len(self.states)))
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            for where, result in [(state[0], pool.submit(self.go_on_from, check, *state[1:]))
+                                  for state in chosen]:
+                with self.subTest(after=where):
+                    result.result()
+
+    def go_on_from(self, check, left, stored):
+        root = Root(self, "after")
+        power.materialise(root, left, self.r.base)
+        check(root, left, stored)
+
+    def next_day(self, root, left, stored):
+        """A server starts, and the next backup is made. What was stored is whole, the new one too."""
+        server = self.serve(root, "--date", day(1), "--count-limit", "9:9")
+        for user in ("web1", "web3"):
+            slice_name = f"F{day(1)}.{user}.1.dar"
+            job = write(os.path.join(root.work, user),
+                        info_text({"type": "full", "created": f"{day(1)} 00:00:00"}))
+            path = write(os.path.join(root.work, slice_name), "the next day")
+            index = write(os.path.join(root.info_root, f"{day(1)}.{user}.1.dar"), "its index")
+            self.assert_success(root.run("--put", path, "-I", job, "--last_slice"))
+            self.assert_success(root.run("--put", index, "-I", job, "--isolated", "--no-delete"))
+            stored = stored | {slice_name, f"{day(1)}.{user}.1.dar", f"{day(1)}.{user}.info"}
+        self.assertEqual(0, server.end())
+        self.assertEqual([], root.log_texts(3))
+        for info in self.promises.leaving:
+            names = set(self.promises.backups[info])
+            there = names & set(root.stored())
+            self.assertIn(there, (set(), names), "neither whole nor gone")
+            self.assertEqual(bool(there), info in root.local(), f"{there} {root.local()}")
+        self.assertEqual(set(), {name for name in stored if not self.promises.is_leaving(name)}
+                         - set(root.stored()))
+        for name in stored & set(self.promises.contents):
+            if os.path.exists(os.path.join(root.storage, name)):
+                self.assertIn(read(os.path.join(root.storage, name)), self.promises.contents[name])

@@ -1,0 +1,114 @@
+"""What must hold of the files that a power failure left, whatever it took."""
+
+import collections
+import os
+
+INFO = "root/var/backup/tovarn/"
+STORAGE = "storage/"
+NOTES = "root/tmp/quarn2_cp.unstored/"  # names of info files whose last file is under way
+
+
+def fields(data):
+    """An info file's entries; None for a text that is none."""
+    try:
+        return dict(line.split("=", 1) for line in data.decode().split("\n"))
+    except ValueError:
+        return None
+
+
+def is_hidden(path):
+    return os.path.basename(path).startswith(".")
+
+
+class Promises:
+    """Paths are relative to the recorded folder, stored names to the storage."""
+
+    def __init__(self):
+        self.contents = collections.defaultdict(set)  # stored name or path -> what it may hold
+        self.sources = {}  # path of a job's file -> its stored name; once the job has written it
+        self.backups = {}  # its info file's stored name -> stored names of all its files
+        self.stored = set()  # stored names that a command has told of
+        self.leaving = set()  # info names of backups whose removal has begun
+        self.gone = set()  # info names of backups whose removal has been told
+        self.fetched = set()  # paths that a command has told of
+
+    def backup_of(self, name):
+        return next((info for info, names in self.backups.items() if name in names), None)
+
+    def is_leaving(self, name):
+        return self.backup_of(name) in self.leaving
+
+    def note_removal(self, path):
+        """The program has removed a file: if a backup's on the storage, the backup is going."""
+        self.fetched.discard(path)
+        if path.startswith(STORAGE):
+            for info, names in self.backups.items():
+                if any(name == path[len(STORAGE):] or name.startswith(path[len(STORAGE):] + "/")
+                       for name in names):
+                    self.leaving.add(info)
+
+    def broken(self, left):
+        """What is wrong with the files that were left, as texts."""
+        return [*self.broken_files(left), *self.broken_infos(left), *self.broken_lists(left),
+                *self.lost_sources(left), *self.lost_names(left), *self.odd_backups(left)]
+
+    def broken_files(self, left):
+        for path, data in left.items():
+            name = path[len(STORAGE):] if path.startswith(STORAGE) else path
+            if data is None or is_hidden(path) or name.endswith(".info"):
+                continue
+            if (name in self.contents or path.startswith(STORAGE)) \
+                    and data not in self.contents[name]:
+                yield f"{path} has {len(data)} bytes that it never had whole"
+
+    def broken_infos(self, left):
+        for path, data in left.items():
+            if data is None or is_hidden(path) or not path.endswith(".info") \
+                    or path.startswith(NOTES):
+                continue
+            wanted = "finished" if path.startswith(STORAGE) else "type"
+            if wanted not in (fields(data) or ()):
+                yield f"{path} is no info file: {data!r}"
+
+    def broken_lists(self, left):
+        lines = left.get(INFO + ".cleanup", b"").split(b"\n")
+        if lines[-1] or any(b"\t" not in line for line in lines[:-1]):
+            yield f".cleanup cannot be read: {lines}"
+        listed = left.get(INFO + ".encrypted_indexes", b"")
+        if None in (fields(line) for line in listed.split(b"\n") if line):
+            yield f".encrypted_indexes cannot be read: {listed!r}"
+
+    def lost_sources(self, left):
+        for path, name in self.sources.items():
+            if not self.is_leaving(name) and not any(
+                    left.get(place) in self.contents[name] for place in (path, STORAGE + name)):
+                yield f"{name} is neither on the storage nor at its job"
+
+    def lost_names(self, left):
+        for name in sorted(self.stored):
+            if STORAGE + name not in left and not self.is_leaving(name):
+                yield f"{name} had been stored"
+        for path in sorted(self.fetched):
+            if path not in left:
+                yield f"{path} had been fetched"
+
+    def odd_backups(self, left):
+        """Backups that only seem whole, and files of backups that nobody would remove any more."""
+        for info, names in self.backups.items():
+            there = [name for name in names if STORAGE + name in left]
+            known = INFO + info in left
+            if info in self.gone and (there or known):
+                yield f"{info} is gone, but for {there} {known * [INFO + info]}"
+            elif known and len(there) < len(names) and self.counts(left, info):
+                yield f"{info} counts, with no more than {there}"
+            elif not known and info in self.leaving and there:
+                yield f"{info} is removed, but for {there}"
+
+    def counts(self, left, info):
+        """The next server would take the backup for whole."""
+        name = os.path.basename(info)
+        listed = b"\t" + name.removesuffix(".info").encode() + b"\n"
+        if INFO + ".clear" in left or listed in left.get(INFO + ".cleanup", b""):
+            return False
+        note = left.get(NOTES + name, b"").decode()
+        return "finished" in (fields(left[INFO + info]) or ()) and not note.endswith(INFO + info)

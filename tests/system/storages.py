@@ -1,0 +1,252 @@
+"""New, empty storages on real servers, and a look at them past the program.
+
+The servers are those that CTest has started for the test (QUARN2_TEST_SERVERS), or a test's own.
+"""
+
+import os
+import shutil
+import subprocess
+import sys
+import tempfile
+import uuid
+import xml.etree.ElementTree
+from urllib.parse import quote, unquote
+
+import harness
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
+
+import servers  # pylint: disable=wrong-import-position
+
+
+def shared_info(name):
+    """server.info of a server that runs for all tests."""
+    folder = os.environ.get("QUARN2_TEST_SERVERS")
+    if not folder:
+        raise AssertionError("QUARN2_TEST_SERVERS is not set: run this test through ctest")
+    with open(os.path.join(folder, name, "server.info"), encoding="utf-8") as file:
+        return dict(line.rstrip("\n").split("=", 1) for line in file)
+
+
+def own_server(test, kind, **options):
+    """A server of one test, which may halt or kill it. Its `info` is as good as a shared one's."""
+    # Below /var/tmp, where the users that serve the files can get to.
+    folder = tempfile.mkdtemp(prefix="quarn2-cp-", dir="/var/tmp")
+    test.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+    os.chmod(folder, 0o755)
+    server = servers.KINDS[kind](os.path.join(folder, kind), **options)
+    server.start()
+    test.addCleanup(server.stop)
+    return server
+
+
+class Storage:
+    """`parts` are the pieces of the token, not encoded: user, password, host, port, path."""
+
+    def __init__(self, info, scheme, port="port", params=()):
+        self.info = {key: str(value) for key, value in info.items()}
+        self.scheme = scheme
+        self.parts = {key: self.info[key] for key in ("user", "password", "host")}
+        self.parts["port"] = self.info[port]
+        self.params = dict(params)
+
+    def token(self, **changes):
+        """`changes` are parts or parameters; None takes one away."""
+        parts = {**self.parts, **{key: value for key, value in changes.items()
+                                  if key in self.parts}}
+        params = {**self.params, **{key: value for key, value in changes.items()
+                                    if key not in self.parts}}
+        text = quote(parts["user"], safe="")
+        if parts["password"] is not None:
+            text += ":" + quote(parts["password"], safe="")
+        text = f"{self.scheme}://{text}@{parts['host']}:{parts['port']}{quote(parts['path'])}"
+        given = [f"{key}={quote(str(value))}" for key, value in params.items() if value is not None]
+        return text + ("?" + "&".join(given) if given else "")
+
+    def secrets(self):
+        """Texts that no log and no error may show."""
+        return [self.parts["password"]] if self.parts["password"] else []
+
+    def names(self):
+        """All files on the storage, sorted, hidden and temporary ones too."""
+        return sorted(self.files())
+
+    def files(self):
+        """{name: bytes}."""
+        raise NotImplementedError
+
+    def put(self, name, data):
+        """Puts a file there, past the program."""
+        raise NotImplementedError
+
+
+class Served(Storage):
+    """A directory that a server serves."""
+
+    def __init__(self, test, info, scheme, port="port", params=(), path="path"):
+        super().__init__(info, scheme, port, params)
+        self.folder = tempfile.mkdtemp(prefix="roads_", dir=self.info["data"])
+        test.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        os.chmod(self.folder, 0o755)
+        self.give(self.folder)
+        self.parts["path"] = os.path.join(self.info[path], os.path.basename(self.folder))
+
+    def give(self, path):
+        os.chown(path, int(self.info["uid"]), int(self.info["gid"]))
+
+    def files(self):
+        return {name: harness.read(os.path.join(self.folder, name)) for name in self.names()}
+
+    def names(self):
+        return harness.tree(self.folder)
+
+    def put(self, name, data):
+        path = harness.write(os.path.join(self.folder, name), data)
+        while path != self.folder:
+            self.give(path)
+            path = os.path.dirname(path)
+
+    def limit(self, test, size):
+        """Makes it a small disk of its own, as empty as it was."""
+        options = f"size={size},mode=755,uid={self.info['uid']},gid={self.info['gid']}"
+        subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self.folder], check=True)
+        test.addCleanup(subprocess.run, ["umount", "--lazy", self.folder], check=True)
+
+
+class Bucket(Storage):
+    """A bucket of its own, whole or below a prefix."""
+
+    def __init__(self, test, info, scheme, port="port", params=(), prefix="backups of/node 1"):
+        super().__init__(info, scheme, port, {"region": info["region"], **dict(params)})
+        self.bucket = "roads-" + uuid.uuid4().hex
+        self.prefix = prefix + "/" if prefix else ""
+        self.parts["path"] = "/" + self.bucket + ("/" + prefix if prefix else "")
+        self.curl("", "-X", "PUT")
+        test.addCleanup(self.remove)
+
+    def url(self, what):
+        return f"http://{self.info['host']}:{self.info['port']}/{self.bucket}{what}"
+
+    def curl(self, what, *options):
+        return subprocess.run(["curl", "-sS", "--fail-with-body", "-K", self.info["curl_config"],
+                               *options, self.url(what)], check=True, stdout=subprocess.PIPE).stdout
+
+    def list(self, query, tag):
+        """The texts of that name in all pages of an answer."""
+        found, page = [], ""
+        while page is not None:
+            answer = xml.etree.ElementTree.fromstring(self.curl(f"?{page}encoding-type=url&{query}"))
+            name = answer.tag.removesuffix(answer.tag.split("}")[-1])
+            found += [unquote(each.text) for each in answer.iter(name + tag)]
+            following = answer.findtext(name + "NextContinuationToken")
+            page = f"continuation-token={quote(following, safe='')}&" if following else None
+        return found
+
+    def keys(self):
+        return self.list("list-type=2", "Key")
+
+    def shown(self, key):
+        """A key's name on the storage; one outside the prefix is told from those inside."""
+        return key.removeprefix(self.prefix) if key.startswith(self.prefix) else "outside: " + key
+
+    def uploads(self):
+        return [self.shown(key) + " (an unfinished upload)"
+                for key in self.list("uploads=", "Key")]
+
+    def names(self):
+        return sorted([self.shown(key) for key in self.keys()] + self.uploads())
+
+    def files(self):
+        if self.uploads():
+            raise AssertionError(f"unfinished uploads: {self.uploads()}")
+        return {self.shown(key): self.curl("/" + quote(key)) for key in self.keys()}
+
+    def put(self, name, data):
+        with tempfile.NamedTemporaryFile() as source:
+            source.write(data.encode() if isinstance(data, str) else data)
+            source.flush()
+            self.curl("/" + quote(self.prefix + name), "-T", source.name)
+
+    def put_many(self, files):
+        """Many small files over one connection: {name: text}."""
+        with tempfile.TemporaryDirectory() as folder:
+            lines = []
+            for number, (name, text) in enumerate(files.items()):
+                path = harness.write(os.path.join(folder, str(number)), text)
+                url = self.url("/" + quote(self.prefix + name))
+                lines += [f'upload-file = "{path}"', f'url = "{url}"']
+            config = harness.write(os.path.join(folder, "config"), "\n".join(lines))
+            subprocess.run(["curl", "-sS", "--fail-early", "--fail", "-K", self.info["curl_config"],
+                            "-K", config], check=True, stdout=subprocess.PIPE)
+
+    def limit(self, _test, size):
+        scope = ("--quota-scope=bucket", "--bucket", self.bucket)
+        admin = self.info["admin"].split()
+        for command in (("set", "--max-size", str(size)), ("enable",)):
+            subprocess.run([*admin, "quota", command[0], *scope, *command[1:]], check=True,
+                           stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+    def remove(self):
+        keys = [quote(key) for key in self.keys()]
+        for start in range(0, len(keys), 500):
+            urls = [self.url("/" + key) for key in keys[start:start + 500]]
+            subprocess.run(["curl", "-sS", "-K", self.info["curl_config"], "-X", "DELETE", *urls],
+                           check=True, stdout=subprocess.PIPE)
+
+
+def s3(test, info):
+    return Bucket(test, info, "s3", "tls_port", {"ca": info["ca"], "style": "path"})
+
+
+def s3_http(test, info):
+    storage = Bucket(test, info, "s3+http", params={"style": "virtual"}, prefix="")
+    storage.parts["host"] = "localhost"
+    return storage
+
+
+def sftp_key(test, info):
+    storage = Served(test, info, "sftp",
+                     params={"known_hosts": info["known_hosts"], "key": info["key"]})
+    storage.parts["password"] = None
+    return storage
+
+
+def sftp_password(test, info):
+    return Served(test, info, "sftp", params={"known_hosts": info["known_hosts"]})
+
+
+def webdav_basic(test, info):
+    return Served(test, info, "webdav", "tls_port", {"ca": info["ca"]})
+
+
+def webdav_digest(test, info):
+    return Served(test, info, "webdav+http", params={"auth": "digest"}, path="digest_path")
+
+
+def ftps(test, info):
+    return Served(test, info, "ftps", "tls_port", {"ca": info["ca"]})
+
+
+def ftp(test, info):
+    return Served(test, info, "ftp")
+
+
+# Where the storages of the tests lie: {name: (server, how to make one)}.
+KINDS = {
+    "S3": ("s3", s3),
+    "S3Http": ("s3", s3_http),
+    "SftpKey": ("sftp", sftp_key),
+    "SftpPassword": ("sftp", sftp_password),
+    "WebdavBasic": ("webdav", webdav_basic),
+    "WebdavDigest": ("webdav", webdav_digest),
+    "WebdavSecond": ("webdav2", webdav_basic),
+    "Ftps": ("ftp", ftps),
+    "Ftp": ("ftp", ftp),
+    "FtpsSecond": ("ftp2", ftps),
+}
+
+
+def shared(test, kind):
+    """A new storage of this kind on a server that runs for all tests."""
+    server, make = KINDS[kind]
+    return make(test, shared_info(server))

@@ -1,0 +1,71 @@
+"""Every command, with every call that changes something failing once; then done again.
+
+Like test_crash_kills.py, with errors in the place of the kill: a full disk and a quota (for one call, and
+from there on to the end), a broken disk, interrupted calls, no more descriptors, and less data taken or
+given than asked for. The command either ends well, or says on standard error or in the log what was wrong;
+either way nothing is lost, and done again it ends well.
+
+QUARN2_CP_ALL_POINTS=1 and QUARN2_CP_SEED as there. QUARN2_CP_ERRORS is the size of each scene's sample.
+"""
+
+import errno
+import os
+import re
+import unittest
+
+import crash_scenes
+from crash_scene import require
+from crash_trial import CrashTest, sample
+from faults import Strike
+
+ERRORS = int(os.environ.get("QUARN2_CP_ERRORS", "24"))
+DISK = ("open", "write", "allocate", "rename", "mkdir", "link", "sync")
+FAULTS = {
+    "full": Strike("fail", error=errno.ENOSPC, kinds=DISK),
+    "full from there on": Strike("fail", error=errno.ENOSPC, kinds=DISK, lasting=True),
+    "quota": Strike("fail", error=errno.EDQUOT, kinds=DISK),
+    "broken": Strike("fail", error=errno.EIO, kinds=(*DISK, "unlink", "attributes", "read")),
+    "interrupted": Strike("fail", error=errno.EINTR,
+                          kinds=("open", "write", "sync", "lock", "read", "send", "receive")),
+    "no descriptors": Strike("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
+    # What goes through pipes and sockets here is small, and the system takes it whole or not at all.
+    "short": Strike("short", kinds=("write", "read", "receive")),
+    "no process": Strike("fail", error=errno.EAGAIN, kinds=("fork",)),
+}
+
+
+class Errors(CrashTest):
+    def strikes(self, scene):
+        """(the fault's name, the strike) for every point of every fault."""
+        for name, fault in FAULTS.items():
+            for number in range(1, len(self.survey(scene, fault.kinds, may_be_none=True)) + 1):
+                yield name, Strike(fault.action, number, fault.error, fault.kinds, fault.lasting)
+
+    def fail_all(self, scene):
+        for name, strike in sample(list(self.strikes(scene)), ERRORS):
+            self.try_one(scene, strike, self.tally(name))
+        self.report(scene.__name__, "errors")
+
+    def after_strike(self, scene, done):
+        if not done:
+            self.check_told(scene)
+        elif not any(entry.level <= 4 for entry in scene.log()):
+            scene.check_done()
+        scene.check()
+
+    def check_told(self, scene):
+        """A command that failed has said why, in one line, or the log has it."""
+        command, status, text = scene.failed[0]
+        told = re.fullmatch(r"(The size control server ended while .*\n)?quarn2_cp: \S.*\n", text)
+        logged = any(entry.level <= 4 for entry in scene.log())
+        require(status in (1, 2) and (told or logged), lambda: f"{command} ended with {status}: {text!r}")
+
+
+for _scene in crash_scenes.SCENES:
+    def _test(self, scene=_scene):
+        self.fail_all(scene)
+    setattr(Errors, "test_" + _scene.__name__, _test)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,66 @@
+"""Failing downloads and their second and third attempts, a real minute apart."""
+
+import datetime
+import os
+import subprocess
+import unittest
+
+from harness import SystemTest, read, tree, wait_for, write
+
+NAME = "F2026-11-20.web1.1.dar"
+
+
+class Retry(SystemTest):
+    def failing_get(self, name):
+        """A --get of a name that the storage lists and cannot read."""
+        root = self.root(name)
+        root.log_level = 6
+        obstacle = os.path.join(root.storage, NAME)
+        os.symlink("/nowhere", obstacle)
+        place = os.path.join(root.base, "restore")
+        previous = write(os.path.join(place, "previous"), "the slice before")
+        tmp_file = write(os.path.join(root.base, "fetched"), previous)
+        process = root.spawn("--get", "--tmp-file", tmp_file, place + "//" + NAME,
+                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                             stderr=subprocess.PIPE)
+        self.addCleanup(process.kill)
+        return root, process, obstacle, place, tmp_file
+
+    def test_attempts_and_waits(self):
+        mended, mended_get, obstacle, mended_place, mended_tmp = self.failing_get("mended")
+        failing, failing_get, _, failing_place, failing_tmp = self.failing_get("failing")
+        for root in (mended, failing):
+            root.wait_log("Wait 60 seconds before next attempt", level=6)
+        os.remove(obstacle)
+        write(obstacle, "0123456789")
+
+        out, err = mended_get.communicate(timeout=90)
+        self.assertEqual((0, b"", b""), (mended_get.returncode, out, err))
+        self.assertEqual(b"0123456789", read(os.path.join(mended_place, NAME)))
+        self.assertEqual([NAME], tree(mended_place))
+        self.assertEqual(os.path.join(mended_place, NAME).encode(), read(mended_tmp))
+        self.check_attempts(mended, 1)
+
+        wait_for(lambda: failing.log_texts(6).count("Wait 60 seconds before next attempt") == 2,
+                 "the second attempt", 30)
+        out, err = failing_get.communicate(timeout=90)
+        self.assertEqual((1, b""), (failing_get.returncode, out))
+        self.assertRegex(err.decode(), rf"\Aquarn2_cp: \S.*{NAME}.*\n\Z")
+        self.check_attempts(failing, 3)
+        self.assertEqual([NAME + ".attempts"], tree(failing_place))
+        self.assertEqual(1, read(os.path.join(failing_place, NAME + ".attempts")).count(b"\n"))
+        self.assertEqual(os.path.join(failing_place, "previous").encode(), read(failing_tmp))
+
+    def check_attempts(self, root, count):
+        lines = root.log(4)
+        for number, line in enumerate(lines, 1):
+            self.assertRegex(line.text, rf"\AFailed download : {NAME}\. What: .+\. "
+                                        rf"Attempt: {number} of 3\Z")
+        self.assertEqual(count, len(lines))
+        times = [datetime.datetime.fromisoformat(line.time) for line in lines]
+        for earlier, later in zip(times, times[1:]):
+            self.assertGreaterEqual((later - earlier).total_seconds(), 60)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,273 @@
+"""Count and size limits from end to end, on storage and info root."""
+
+import os
+import signal
+import unittest
+
+import harness
+from harness import Server, SystemTest, tree, wait_for, wait_gone, write
+from link import scripted_session
+from samples import DATE, Backup, chain, day, info_text, left, read_info, write_info
+
+
+class Job:
+    """Makes one backup the way a backup job does: slices, then the index with the info file."""
+
+    def __init__(self, root):
+        self.root = root
+
+    def backup(self, user, date, kind="full", slices=2, size=1000):
+        """The result of the first command that fails, else of the last one."""
+        stem = f"{date}.{user}"
+        letter = "F" if kind == "full" else "I"
+        info = write(os.path.join(self.root.info_root, stem + ".info"),
+                     info_text({"type": kind, "created": f"{date} 00:00:00", "node": "n1"}))
+        for number in range(1, slices + 1):
+            path = write(os.path.join(self.root.work, f"{letter}{stem}.{number}.dar"), b"x" * size)
+            last = ["--last_slice"] if number == slices else []
+            result = self.root.run("--put", path, "-I", info, *last)
+            if result.returncode != 0:
+                return result
+        index = write(os.path.join(self.root.info_root, stem + ".1.dar"), b"i" * (size // 10))
+        return self.root.run("--put", index, "-I", info, "--isolated", "--no-delete")
+
+
+class LimitTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.r = self.root()
+
+    def start(self, *arguments, date=DATE):
+        server = Server(self.r, "--date", date, *arguments).wait_ready()
+        self.r.wait_log(f"Client. Backup token = 'local://{self.r.storage}'",
+                        pid=server.node_client())
+        return server
+
+    def assert_both_sides_agree(self):
+        """Every info file has its copy and its archive on the storage, and the other way round."""
+        local = {name for name in self.r.local() if name.endswith(".info")}
+        stored = {name for name in self.r.stored() if name.endswith(".info")}
+        self.assertEqual(local, stored)
+        stems = {name.removesuffix(".info") for name in stored}
+        for name in self.r.stored():
+            stem = name.removesuffix(".info")
+            if stem not in stems:
+                stem = name.lstrip("FI").rsplit(".", 2)[0]
+            self.assertIn(stem, stems, f"{name} belongs to no backup")
+
+
+class CountLimits(LimitTest):
+    def survivors(self, kinds, limit):
+        backups = chain(self.r, "web1", kinds)
+        self.start("--count-limit", limit).end()
+        dates = left(backups)
+        self.assert_both_sides_agree()
+        return "".join(letter if backup.date in dates else "-"
+                       for letter, backup in zip(kinds, backups))
+
+    def test_limits_at_start(self):
+        for kinds, limit, expected in (
+                ("F", "1:0", "F"), ("D", "1:0", "D"), ("FDD", "5:0", "F-D"),
+                ("FFF", "1:0", "--F"), ("FDFD", "1:5", "FDFD"), ("FDFD", "1:1", "--FD"),
+                ("FDDFDD", "2:2", "F--FDD"), ("FDDFDD", "1:2", "---FDD"),
+                ("FFFFF", "0:0", "FFFFF"), ("FDDD", "0", "F--D"), ("FDDD", "0:2", "F-DD"),
+                ("DDF", "1:0", "--F"), ("FFFD", "2:9", "-FFD")):
+            with self.subTest(kinds=kinds, limit=limit):
+                self.r = self.root()
+                self.assertEqual(expected, self.survivors(kinds, limit))
+
+    def test_the_directory_form_is_trimmed_as_well(self):
+        backups = chain(self.r, "web1", "FFF", form="dir")
+        self.start("--count-limit", "1").end()
+        self.assertEqual([DATE], left(backups))
+        self.assertEqual([DATE], os.listdir(os.path.join(self.r.storage, "web1")))
+
+    def test_limits_count_again_at_the_end(self):
+        backups = chain(self.r, "web1", "FF")
+        for ending in ("release", "terminate"):
+            with self.subTest(ending=ending):
+                root = self.r = self.root()
+                backups = chain(root, "web1", "FF", end=day(-1))
+                server, link = scripted_session(root, "--date", DATE, "--count-limit", "2:0")
+                self.assertEqual(2, len(left(backups)))
+                backups += chain(root, "web1", "F")
+                self.assertEqual("OK 2", link.ask(f"COMPLETE web1 {DATE} full 10"))
+                self.assertEqual(3, len(left(backups)))
+                link.close()
+                if ending == "terminate":
+                    os.kill(server.daemon, signal.SIGTERM)
+                    wait_gone(server.daemon)
+                server.release()
+                self.assertEqual(0, wait_gone(server.daemon))
+                self.assertEqual([day(-1), DATE], left(backups))
+
+    def test_incomplete_custom_and_future_backups_are_left_alone(self):
+        self.r.log_level = 7
+        future = Backup(self.r, "web1", day(1), size=100)
+        custom = write(os.path.join(self.r.info_root, "custom.web1.info"), "finished=x\nsize=70")
+        backups = chain(self.r, "web1", "FF", size=10)
+        unfinished = write(os.path.join(self.r.info_root, f"{day(-5)}.web1.info"), "type=full")
+        server = self.start("--count-limit", "1:0", "--size-limit", "1000")
+        self.assertEqual([DATE], left(backups))
+        self.assertTrue(future.is_whole())
+        self.assertTrue(os.path.exists(custom) and os.path.exists(unfinished))
+        self.assertEqual([f"Skip backup. Backup date '{day(1)}' in future. Current date '{DATE}'. "
+                          "new free = 900"], self.r.log_texts(4, server.daemon))
+        texts = self.r.log_texts(7, server.daemon)
+        self.assertIn("Custom backup custom.web1.info size 70", texts)
+        added = [text.split(" ", 1)[1] for text in texts if text.startswith("0x")]
+        # What is used and free is told as it stands before the totals: in list order.
+        self.assertEqual([f"Skip incomplete backup {day(-5)}.web1.info",
+                          f"Add full backup {day(-1)}.web1.info. new used = 0, "
+                          "new free_size = 1000",
+                          f"Add full backup {DATE}.web1.info. new used = 0, "
+                          "new free_size = 1000"], added)
+
+    def test_missing_days_of_a_backup_marked_deleted_are_filled(self):
+        write_info(self.r.info_root, "web1", day(-3), size=10, deleted=1)
+        server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
+                                        "--count-limit", "9:9")
+        self.assertEqual("OK 3", link.ask("RESERVE 0"))
+        # The newest record is one of the fillers; the full before it is locked all the same.
+        self.assertEqual("ERR No disk space left on storage. Size limit: 100",
+                         link.ask("RESERVE 91"))
+        self.assertEqual("OK 3", link.ask("RESERVE 90"))
+        link.close()
+        server.end()
+
+
+class SizeLimit(LimitTest):
+    def test_the_start_makes_the_storage_fit(self):
+        self.r.log_level = 6
+        users = [chain(self.r, "a", "FFFF", size=100), chain(self.r, "b", "FFF", size=100)]
+        server = self.start("--size-limit", "450")
+        self.assertEqual([[day(-1), DATE], [day(-1), DATE]], [left(user) for user in users])
+        self.assertEqual([f"Backup size: {used}, limit: 450" for used in (700, 600, 400)],
+                         [text for text in self.r.log_texts(6, server.daemon)
+                          if text.startswith("Backup size")])
+        self.assert_both_sides_agree()
+
+    def test_a_storage_that_cannot_be_made_to_fit_ends_the_daemon(self):
+        users = [chain(self.r, "a", "FF", size=100), chain(self.r, "b", "FD", size=100)]
+        server = Server(self.r, "--date", DATE, "--size-limit", "150", "--count-limit", "9:9")
+        status, errors = server.wait_end()
+        self.assertEqual(1, status)
+        self.assertIn("quarn2_cp: Failed to start size control server\n", errors)
+        self.assertIn("Size control server error: No space left. But all backups are locked",
+                      self.r.log_texts(3))
+        self.assertEqual([[DATE], [day(-1), DATE]], [left(user) for user in users])
+        self.assert_both_sides_agree()
+
+    def days_with(self, *limits):
+        """A server for each day of a job, as a job starts it; gives the day's date."""
+        for offset in range(-5, 1):
+            server = self.start(*limits, date=day(offset))
+            yield day(offset)
+            self.assert_both_sides_agree()
+            self.assertEqual(0, server.end())
+
+    def infos(self):
+        return [name for name in self.r.stored() if name.endswith(".info")]
+
+    def test_a_put_evicts_before_it_writes(self):
+        job = Job(self.r)
+        for date in self.days_with("--size-limit", "9000", "--count-limit", "9:9"):
+            self.assert_success(job.backup("web1", date))
+            used = sum(os.path.getsize(os.path.join(self.r.storage, name))
+                       for name in self.r.stored())
+            self.assertLessEqual(used, 9000)
+            self.assertEqual(used, sum(
+                int(read_info(os.path.join(self.r.storage, name))["size"])
+                for name in self.infos()), "the sizes told are the bytes stored")
+        self.assertEqual([f"{day(offset)}.web1.info" for offset in range(-3, 1)], self.infos())
+
+    def test_a_refused_reservation_is_told_in_the_log_and_leaves_the_job_its_files(self):
+        old = chain(self.r, "web1", "FD", size=400)
+        server = self.start("--size-limit", "1000", "--count-limit", "9:9")
+        result = Job(self.r).backup("web2", DATE, size=201)
+        self.assert_error(result, "the node client refused the command; see var/quarn2_cp.log")
+        self.assertEqual(["No disk space left on storage. Size limit: 1000"],
+                         self.r.log_texts(3, server.node_client()))
+        self.assertEqual([f"F{DATE}.web2.1.dar"], tree(self.r.work))
+        self.assertEqual(2, len(left(old)))
+        path = write(os.path.join(self.r.work, f"F{DATE}.web3.tgz"), b"x" * 200)
+        self.assert_success(self.r.run("--put", path))
+        wait_for(lambda: f"F{DATE}.web3.tgz" in self.r.stored(), "a put that just fits")
+
+    def test_chains_that_survive_are_restorable(self):
+        job = Job(self.r)
+        kinds = {}
+        for number, date in enumerate(self.days_with("--size-limit", "13000",
+                                                     "--count-limit", "9:9")):
+            for user in ("a", "b"):
+                kind, size = ("incremental", 300) if number % 3 else ("full", 1000)
+                self.assert_success(job.backup(user, date, kind, size=size))
+                kinds[f"{date}.{user}"] = kind
+            self.assert_restorable(kinds)
+        self.assertLess(len(self.infos()), 12, "something had to go")
+
+    def assert_restorable(self, kinds):
+        """Every backup has all of its slices, and a user's newest chain its full."""
+        alive = [name.removesuffix(".info") for name in self.infos()]
+        for stem in alive:
+            letter = "F" if kinds[stem] == "full" else "I"
+            for name in (f"{letter}{stem}.1.dar", f"{letter}{stem}.2.dar", f"{stem}.1.dar"):
+                self.assertIn(name, self.r.stored())
+        for user in {stem[11:] for stem in kinds}:
+            made = sorted(stem for stem in kinds if stem[11:] == user)
+            full = [stem for stem in made if kinds[stem] == "full"][-1]
+            self.assertLessEqual({made[-1], full}, set(alive))
+
+
+class Signals(LimitTest):
+    def test_sigterm_of_the_daemon_joins_the_node_clients_uploads(self):
+        server = self.start()
+        path = write(os.path.join(self.r.work, f"F{DATE}.web1.tgz"), b"x" * 5000000)
+        self.assert_success(self.r.run("--put", path))
+        os.kill(server.daemon, signal.SIGTERM)
+        self.assertEqual(0, wait_gone(server.daemon))
+        self.assertEqual([f"F{DATE}.web1.tgz"], self.r.stored())
+        self.assertEqual([], tree(self.r.work))
+
+    def test_a_killed_node_client_is_started_again_and_finds_its_stale_socket(self):
+        server = self.start()
+        client = server.node_client()
+        os.kill(client, signal.SIGKILL)
+        self.r.wait_log("Session with node 'local' ended. Exit status: 137", level=4,
+                        pid=server.daemon)
+        wait_for(lambda: [entry for entry in self.r.log(5) if entry.pid != client and
+                          entry.text.startswith("Client. Backup token = ")], "another client")
+        path = write(os.path.join(self.r.work, f"F{DATE}.web1.tgz"), "data")
+        self.assert_success(self.r.run("--put", path))
+        self.assertEqual(0, server.end())
+        self.assertEqual([f"F{DATE}.web1.tgz"], self.r.stored())
+
+    def test_signals_to_the_callers_group_do_not_reach_the_daemon(self):
+        server = self.start()
+        other = Server(self.r, "--date", DATE).wait_ready()
+        os.kill(server.pid, signal.SIGHUP)
+        server.process.wait()
+        self.assertFalse(harness.gone(server.daemon))
+        other.release()
+        self.assertEqual(0, wait_gone(server.daemon))
+
+
+class Scale(LimitTest):
+    def test_a_hundred_users_with_four_hundred_records_each(self):
+        for user in range(100):
+            for offset in range(400):
+                write_info(self.r.info_root, f"user{user}", day(-offset), size=10,
+                           type="incremental" if offset % 7 else "full")
+        server, link = scripted_session(self.r, "--date", DATE, "--count-limit", "1000:1000",
+                                        "--size-limit", "1000000")
+        self.assertEqual("OK 400", link.ask("RESERVE 0"))
+        self.assertEqual("OK 400", link.ask("RESERVE 600000"))
+        # One more byte takes a pass over all users: the oldest removable record of each.
+        self.assertEqual("OK 399", link.ask("RESERVE 1"))
+        self.assertEqual(100 * 399, len(self.r.local()))
+        link.close()
+        self.assertEqual(0, server.end())
+
+
+if __name__ == "__main__":
+    unittest.main()

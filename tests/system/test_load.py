@@ -1,0 +1,400 @@
+"""A day of a server's life and a night of a node client's, compressed: what grows, and is the account exact?
+
+Memory, descriptors, threads and the time that one step takes are sampled and printed as a table. Evictions keep
+the number of backups where it was, so nothing else may grow either. The short form runs with the other tests;
+
+    QUARN2_CP_LOAD=full TMPDIR=/dev/shm python3 -B -m unittest -v test_load
+
+plays 100,000 backups on the link to the server, and puts 10,000 (about 2 GB of small files).
+"""
+
+import os
+import random
+import shutil
+import statistics
+import time
+import unittest
+from collections import deque
+from concurrent.futures import ThreadPoolExecutor
+
+import harness
+from harness import Server, SystemTest, tree
+from link import ScriptedNode
+from machines import Job
+from samples import DATE, day, info_text, read_info
+
+FULL = os.environ.get("QUARN2_CP_LOAD") == "full"
+SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
+
+# An eviction pass takes one backup of each user, and a server has as many passes as the most backups that
+# a user had when it started: so there are about as many backups in the beginning as there will be evictions.
+USERS, COMPLETIONS, BREAKS = (1000, 100_000, 50) if FULL else (60, 2400, 2)
+PUT_USERS, PUT_ROUNDS = (500, 20) if FULL else (30, 10)
+SPARE_PASSES = 3
+SAMPLES = 20
+JOBS = 4
+
+# The last quarter of the samples against the second. What the C library and the kernel's counting by pages move up
+# and down; a node client takes memory for a thread when two uploads meet. In the long form 20 lost bytes of a
+# server for each backup, or 250 of a node client, are more.
+MEMORY_TOLERANCE = 0.02
+MEMORY_SLACK = {"server": 256, "client": 1024}  # KiB
+TIMES_SLOWER = 2
+TIME_SLACK = 200  # ms of processor time: what cannot be told apart in a quarter of the short form
+
+
+def memory(pid):
+    """KiB in use: VmRSS."""
+    with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
+        return int(next(line.split()[1] for line in status if line.startswith("VmRSS:")))
+
+
+def processor_time(pid):
+    """Milliseconds, of threads that have ended too."""
+    with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as stat:
+        words = stat.read().rpartition(")")[2].split()
+    return (int(words[11]) + int(words[12])) * 1000 // os.sysconf("SC_CLK_TCK")
+
+
+class Curve:
+    """Samples of processes between equal pieces of work."""
+
+    def __init__(self, title, **processes):
+        self.title = title
+        self.processes = processes
+        self.rows = []
+        self.done = 0
+        self.began = time.monotonic()
+        self.used = {name: processor_time(pid) for name, pid in processes.items()}
+
+    def sample(self, done):
+        step = (time.monotonic() - self.began) * 1000 / (done - self.done)
+        row = {"done": done, "ms_each": round(step, 3)}
+        for name, pid in self.processes.items():
+            used = processor_time(pid)
+            row |= {f"{name}_kib": memory(pid), f"{name}_fds": len(harness.descriptors(pid)),
+                    f"{name}_threads": len(os.listdir(f"/proc/{pid}/task")),
+                    f"{name}_cpu_ms": used - self.used[name]}
+            self.used[name] = used
+        self.rows.append(row)
+        self.done, self.began = done, time.monotonic()
+
+    def text(self):
+        names = list(self.rows[0])
+        lines = ["  ".join(f"{name:>14}" for name in names)]
+        lines += ["  ".join(f"{row[name]:>14}" for name in names) for row in self.rows]
+        return "\n".join([self.title, *lines])
+
+    def early_and_late(self, name):
+        """The medians of the second and of the last quarter."""
+        values = [row[name] for row in self.rows]
+        quarter = len(values) // 4
+        return (statistics.median(values[quarter:2 * quarter]),
+                statistics.median(values[-quarter:]))
+
+    def growth(self):
+        """What has grown, in words."""
+        found = []
+        for process in self.processes:
+            allowed = {"kib": lambda early: early * (1 + MEMORY_TOLERANCE) + MEMORY_SLACK[process],
+                       "fds": lambda early: early, "threads": lambda early: early,
+                       "cpu_ms": lambda early: early * TIMES_SLOWER + TIME_SLACK}
+            for what, most in allowed.items():
+                early, late = self.early_and_late(f"{process}_{what}")
+                if late > most(early):
+                    found.append(f"{process}_{what} grew from {early} to {late}")
+        return found
+
+    def check(self, test):
+        print("\n" + self.text(), flush=True)
+        test.assertEqual([], self.growth())
+
+
+class CurveItself(unittest.TestCase):
+    """A check that cannot fail is worth nothing."""
+
+    @staticmethod
+    def growth(**late):
+        curve = Curve("", server=os.getpid())
+        early = {"server_kib": 30000, "server_fds": 10, "server_threads": 1, "server_cpu_ms": 300}
+        curve.rows = [early] * 15 + [early | late] * 5
+        return curve.growth()
+
+    def test_what_grows_is_found(self):
+        self.assertEqual([], self.growth())
+        self.assertEqual([], self.growth(server_kib=30800, server_cpu_ms=700))
+        self.assertEqual(["server_kib grew from 30000 to 31000"], self.growth(server_kib=31000))
+        self.assertEqual(["server_fds grew from 10 to 11"], self.growth(server_fds=11))
+        self.assertEqual(["server_threads grew from 1 to 2"], self.growth(server_threads=2))
+        self.assertEqual(["server_cpu_ms grew from 300 to 900"], self.growth(server_cpu_ms=900))
+
+
+class Account:
+    """What the server has promised and counted, by the rules of the link; all backups are full ones."""
+
+    def __init__(self, limit):
+        self.limit = limit
+        self.users = {}
+        self.used = self.reserved = self.locked = self.count = self.evicted = 0
+
+    def start(self, records):
+        for user, dates in records.items():
+            for date, size in dates:
+                self.enter(user, date, size)
+        self.count = max(map(len, self.users.values()))
+
+    def enter(self, user, date, size):
+        dates = self.users.setdefault(user, deque())
+        self.locked += size - (dates[-1][1] if dates else 0)
+        self.used += size
+        dates.append((date, size))
+
+    @property
+    def free(self):
+        return self.limit - self.used - self.reserved
+
+    @property
+    def free_at_best(self):
+        return self.limit - self.locked - self.reserved
+
+    def reserve(self, size):
+        if size > self.free_at_best:
+            return f"ERR No disk space left on storage. Size limit: {self.limit}"
+        while size > self.free:
+            self.drop_pass()
+        self.reserved += size
+        return f"OK {self.count}"
+
+    def drop_pass(self):
+        if self.count == 0:
+            raise AssertionError("the test has used up all passes")
+        for dates in self.users.values():
+            if len(dates) >= self.count and len(dates) > 1:
+                self.used -= dates.popleft()[1]
+                self.evicted += 1
+        self.count -= 1
+
+    def release(self, size):
+        self.reserved -= size
+        return "OK"
+
+    def complete(self, user, date, size):
+        self.enter(user, date, size)
+        self.reserved = 0
+        return f"OK {self.count}"
+
+    def stems(self):
+        return {f"{date}.{user}" for user, dates in self.users.items() for date, _ in dates}
+
+
+def place(root, user, date, size):
+    """The files of a finished backup that says it has this size."""
+    stem = f"{date}.{user}"
+    text = info_text({"type": "full", "last-slice": f"F{stem}.tgz", "size": size,
+                      "created": f"{date} 00:59:00", "finished": f"{date} 01:00:00"}).encode()
+    for path, data in ((f"{root.storage}/F{stem}.tgz", b"x"), (f"{root.storage}/{stem}.info", text),
+                       (f"{root.info_root}/{stem}.info", text)):
+        descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_TRUNC | os.O_CLOEXEC, 0o600)
+        os.write(descriptor, data)
+        os.close(descriptor)
+
+
+class ServerLife(SystemTest):
+    def shortDescription(self):
+        return f"QUARN2_CP_SEED={SEED}"
+
+    def test_a_day_leaves_the_account_exact_and_the_server_as_small_as_it_was(self):
+        self.choice = random.Random(SEED)
+        self.root = self.root()
+        self.days = COMPLETIONS // USERS
+        self.fill()
+        self.node = ScriptedNode(self.root)
+        self.begin()
+        self.work()
+        self.check_account()
+        self.end()
+        # What a new server reads from the info files is what the old one had counted.
+        self.account.reserved = 0
+        self.account.count = max(map(len, self.account.users.values()))
+        self.begin()
+        self.check_account()
+        self.end()
+        self.assertEqual([], self.root.log_texts(3))
+
+    def fill(self):
+        """The backups from before, and a limit that leaves room for a few more."""
+        records = {}
+        passes = self.days + self.days // 8 + SPARE_PASSES  # the new ones are a little larger
+        for number in range(USERS):
+            records[f"user{number:04}"] = [(day(-self.days - back), self.size())
+                                           for back in range(passes, 0, -1)]
+        for user, dates in records.items():
+            for date, size in dates:
+                place(self.root, user, date, size)
+        total = sum(size for dates in records.values() for _, size in dates)
+        self.account = Account(total + USERS * 1000 // 3)
+        self.account.start(records)
+
+    def size(self):
+        return self.choice.randrange(500, 1500)
+
+    def begin(self):
+        self.server = Server(self.root, "--date", DATE, "--size-limit", str(self.account.limit),
+                             "--count-limit", "1000:1000")
+        self.accept()
+        self.server.wait_ready()
+
+    def end(self):
+        self.link.close()
+        self.assertEqual(0, self.server.end())
+        self.check_files()
+
+    def accept(self):
+        self.link = self.node.accept()
+        self.link.frame(), self.link.frame()
+
+    def reserve(self, size):
+        answer = self.account.reserve(size)
+        self.assertEqual(answer, self.link.ask(f"RESERVE {size}"))
+        return answer
+
+    def work(self):
+        curve = Curve(f"{COMPLETIONS} backups over the link to the server:", server=self.server.daemon)
+        done = reservations = 0
+        for offset in range(self.days):
+            date = day(offset + 1 - self.days)
+            for user in self.account.users:
+                reservations += self.back_up(user, date)
+                done += 1
+                if done % (COMPLETIONS // SAMPLES) == 0:
+                    curve.sample(done)
+                if done % (COMPLETIONS // BREAKS) == COMPLETIONS // BREAKS // 2:
+                    began = time.monotonic()
+                    self.break_session()
+                    curve.began += time.monotonic() - began  # most of it is the pause before the new one
+        curve.check(self)
+        print(f"{reservations} reservations, {done} completions, {self.account.evicted} evictions, "
+              f"{BREAKS} broken sessions", flush=True)
+        self.assertGreater(self.account.evicted, 0.9 * COMPLETIONS)
+        self.assertEqual(1, len(harness.children(self.server.daemon)))
+
+    def back_up(self, user, date):
+        """A slice, which now and then is given up and put again, and the last file; how many reservations."""
+        size = self.size()
+        count = 2
+        self.reserve(size)
+        if self.choice.random() < 0.05:
+            self.assertEqual(self.account.release(size), self.link.ask(f"RELEASE {size}"))
+            self.reserve(size)
+            count += 1
+        self.reserve(100)
+        place(self.root, user, date, size + 100)
+        self.assertEqual(self.account.complete(user, date, size + 100),
+                         self.link.ask(f"COMPLETE {user} {date} full {size + 100}"))
+        return count
+
+    def break_session(self):
+        """The node client dies with a reservation in its hands, which then lasts until the next completion."""
+        self.reserve(self.size())
+        self.link.close()
+        self.accept()
+
+    def check_account(self):
+        """Free space to the byte: what just fits needs no eviction, and one byte more needs a pass."""
+        free, evicted = self.account.free, self.account.evicted
+        self.reserve(free)
+        self.assertEqual(evicted, self.account.evicted)
+        self.reserve(1)
+        self.assertLess(evicted, self.account.evicted)
+        too_much = self.account.free_at_best + 1
+        self.assertTrue(self.reserve(too_much).startswith("ERR"))
+        self.check_files()
+
+    def check_files(self):
+        stems = self.account.stems()
+        self.assertEqual(sorted([f"{stem}.info" for stem in stems]), self.root.local())
+        self.assertEqual(sorted([f"{stem}.info" for stem in stems] + [f"F{stem}.tgz" for stem in stems]),
+                         self.root.stored())
+
+
+class ClientLife(SystemTest):
+    def test_a_night_of_puts_loses_nothing_and_grows_nothing(self):
+        self.root = self.root()
+        self.users = [f"user{number:04}" for number in range(PUT_USERS)]
+        old = self.fill()
+        self.server = Server(self.root, "--date", DATE, "--size-limit", str(self.limit),
+                             "--count-limit", "1000:1000").wait_ready()
+        curve = Curve(f"{PUT_USERS * PUT_ROUNDS} backups put, {JOBS} at a time:",
+                      server=self.server.daemon, client=self.server.node_client())
+        names = self.work(curve)
+        curve.check(self)
+        # One job alone: whatever the others' completions had ended meanwhile, it makes its room.
+        names |= self.put("last", DATE)
+        present = set(self.root.stored())
+        evicted = self.evictions()
+        print(f"{len(names)} backups put, {evicted} evictions", flush=True)
+        self.check_whole(present, old + list(names), evicted)
+        self.assertGreater(evicted, 0.8 * PUT_USERS * PUT_ROUNDS)
+        self.check_account()
+        self.assertEqual(0, self.server.end())
+        self.assertEqual([], self.root.log_texts(3) + self.root.log_texts(4))
+        self.assertEqual([], os.listdir(self.root.file("tmp/quarn2_cp.uploads")))
+
+    def fill(self):
+        passes = PUT_ROUNDS + PUT_ROUNDS // 8 + SPARE_PASSES
+        stems = []
+        for user in self.users:
+            for back in range(passes, 0, -1):
+                place(self.root, user, day(-PUT_ROUNDS - back), 1000)
+                stems.append(f"{day(-PUT_ROUNDS - back)}.{user}")
+        self.limit = 1000 * len(stems) + PUT_USERS * 300
+        return stems
+
+    def work(self, curve):
+        names = set()
+        with ThreadPoolExecutor(JOBS) as pool:
+            for number in range(PUT_ROUNDS):
+                date = day(number + 1 - PUT_ROUNDS)
+                for put in pool.map(lambda user, date=date: self.put(user, date), self.users):
+                    names |= put
+                curve.sample(len(names))
+        return names
+
+    def put(self, user, date):
+        """Two real --put: of the slice and of the last file."""
+        job = Job(self.root, user, date, slices=1, size=900).run()
+        shutil.rmtree(os.path.dirname(job.info))
+        return {job.stem}
+
+    def evictions(self):
+        return sum(text.startswith("Evict backup ") for text in self.root.log_texts(5, self.server.daemon))
+
+    def check_whole(self, present, stems, evicted):
+        """Each backup is there with all its files or gone with all of them, and nothing else is there."""
+        left = [stem for stem in stems if f"{stem}.info" in present]
+        self.assertEqual(evicted, len(stems) - len(left))
+        expected = {f"{stem}.info" for stem in left}
+        for stem in left:
+            expected |= {f"F{stem}.1.dar", f"{stem}.1.dar"} if self.is_new(stem) else {f"F{stem}.tgz"}
+        self.assertEqual(expected, present)
+
+    @staticmethod
+    def is_new(stem):
+        return stem[:len(DATE)] > day(-PUT_ROUNDS)
+
+    def check_account(self):
+        """To the byte: a file of what is free needs no eviction, one byte more needs one."""
+        used = sum(int(read_info(os.path.join(self.root.info_root, name))["size"])
+                   for name in tree(self.root.info_root) if name.endswith(".info"))
+        before = self.evictions()
+        self.put_alone("exact", self.limit - used)
+        self.assertEqual(before, self.evictions())
+        self.put_alone("more", 1)
+        self.assertLess(before, self.evictions())
+
+    def put_alone(self, user, size):
+        self.assert_success(Job(self.root, user, DATE, slices=1, size=size).put_slice(1))
+
+
+if __name__ == "__main__":
+    unittest.main()

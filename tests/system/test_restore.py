@@ -1,0 +1,129 @@
+"""The sample restore job: what it refuses, and what happens around it while it runs."""
+
+import os
+import shutil
+import unittest
+
+from archives import Maker, first_day, hold, manifest, restore
+from harness import SystemTest, wait_for, write, write_executable
+from samples import day
+
+SUNDAY = "2026-11-15"
+
+
+class RestoreJob(SystemTest):
+    def assert_refused(self, result, *words):
+        self.assertEqual(1, result.returncode)
+        self.assertRegex(result.stderr, r"\Arestore-job: ")
+        for word in words:
+            self.assertIn(word, result.stderr)
+
+    def test_what_cannot_be_restored_is_told(self):
+        root = self.root()
+        target = os.path.join(root.base, "restored")
+        self.assert_refused(restore(root, "web1", "yesterday", target), "yesterday", "custom")
+        self.assert_refused(restore(root, "web1", SUNDAY, target), "no full backup", "web1")
+        self.assert_refused(restore(root, "web1", "custom", target), "no backup", "custom", "web1")
+        write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
+              "finished=2026-11-15 01:00:00\ntype=full")
+        self.assert_refused(restore(root, "web1", SUNDAY, target), SUNDAY + ".web1.info")
+
+    def test_a_daily_whose_full_backup_is_gone_is_not_restored_onto_another(self):
+        root = self.root()
+        for date, fields in ((SUNDAY, "type=full\nlast-slice=F2026-11-15.web1.1.dar"),
+                             (day(8, SUNDAY), f"base=F{day(7, SUNDAY)}.web1.tgz\ntype=incremental\n"
+                                              "last-slice=I2026-11-23.web1.1.dar")):
+            write(os.path.join(root.info_root, date + ".web1.info"),
+                  "finished=2026-11-15 01:00:00\n" + fields)
+        target = os.path.join(root.base, "restored")
+        self.assert_refused(restore(root, "web1", day(8, SUNDAY), target), day(7, SUNDAY))
+
+    def test_a_lost_slice_makes_the_restore_fail(self):
+        for form in ("dar", "part"):
+            with self.subTest(form=form):
+                root = self.root(form)
+                files = os.path.join(root.base, "files")
+                first_day(files)
+                server = hold(root, SUNDAY)
+                made = Maker(root, form, "flat").put("web1", SUNDAY, "F", files)
+                self.assertEqual(0, server.end())
+                os.remove(os.path.join(root.storage, made["slices"][1]))
+                result = restore(root, "web1", SUNDAY, os.path.join(root.base, "restored"))
+                self.assertNotEqual(0, result.returncode)
+                self.assertIn(made["slices"][1], result.stderr)
+
+
+# Runs `first` before the N-th call of the program, and notes what lies in the target's directory
+# after each.
+WRAPPER = """#!/bin/sh
+for last; do :; done
+echo call >>'{base}/calls'
+if [ "$(wc -l <'{base}/calls')" = {number} ]; then {first}; fi
+'{real}' "$@" || exit
+ls "${{last%%//*}}" | grep -c '^[FI].*\\(dar\\|tgz.*\\)$' >>'{base}/counts'
+"""
+
+
+class DuringARestore(SystemTest):
+    def site(self, form, limit_above, number, first):
+        """Two full backups of web1, and the program wrapped; the server holds a size limit."""
+        root = self.root(form)
+        maker = Maker(root, form, "flat")
+        kept = {}
+        files = os.path.join(root.base, "files")
+        first_day(files)
+        server = hold(root, day(7, SUNDAY))
+        for date in (SUNDAY, day(7, SUNDAY)):
+            write(os.path.join(files, "date"), date)
+            maker.put("web1", date, "F", files)
+            kept[date] = manifest(files)
+        self.assertEqual(0, server.end())
+        size = sum(os.path.getsize(os.path.join(root.storage, name)) for name in root.stored())
+        server = hold(root, day(7, SUNDAY), "--size-limit", str(size + limit_above))
+        new = write(os.path.join(root.work, f"F{day(7, SUNDAY)}.web2.tgz"), b"x" * 100000)
+        real = root.binary + ".real"
+        shutil.move(root.binary, real)
+        write_executable(root.binary, WRAPPER.format(
+            base=root.base, real=real, number=number, first=first.format(real=real, new=new)))
+        return root, kept, server
+
+    def restore_during_eviction(self, form, date):
+        root, kept, server = self.site(form, 50000, 3, "'{real}' --put --no-delete '{new}'")
+        target = os.path.join(root.base, "restored")
+        result = restore(root, "web1", date, target)
+        # The new slice is on its way when its put has ended.
+        wait_for(lambda: f"F{day(7, SUNDAY)}.web2.tgz" in root.stored(), "the new slice")
+        self.assertNotIn(SUNDAY + ".web1.info", root.stored() + root.local())
+        self.assertEqual(0, server.end())
+        return result, kept[date], target
+
+    def test_the_server_evicts_another_backup(self):
+        for form in ("dar", "part"):
+            with self.subTest(form=form):
+                result, files, target = self.restore_during_eviction(form, day(7, SUNDAY))
+                self.assertEqual(("", 0), (result.stderr, result.returncode))
+                self.assertEqual(files, manifest(target))
+
+    def test_the_server_evicts_the_very_backup(self):
+        for form in ("dar", "part"):
+            with self.subTest(form=form):
+                result, _, _ = self.restore_during_eviction(form, SUNDAY)
+                self.assertNotEqual(0, result.returncode)
+                self.assertIn(f"F{SUNDAY}.web1", result.stderr)
+
+    def test_one_slice_at_most_lies_on_the_local_disk(self):
+        for form in ("dar", "part"):
+            with self.subTest(form=form):
+                root, kept, server = self.site(form, 1000000, 1, "true")
+                target = os.path.join(root.base, "restored")
+                self.assertEqual(0, restore(root, "web1", SUNDAY, target).returncode)
+                self.assertEqual(kept[SUNDAY], manifest(target))
+                with open(os.path.join(root.base, "counts"), encoding="ascii") as file:
+                    counts = file.read().split()
+                self.assertGreaterEqual(len(counts), 4)
+                self.assertEqual({"1"}, set(counts))
+                self.assertEqual(0, server.end())
+
+
+if __name__ == "__main__":
+    unittest.main()

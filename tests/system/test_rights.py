@@ -1,0 +1,395 @@
+"""Rights: the mode and owner of everything that the program makes, and what another user of the machine
+can get at. Other users are played by `nobody`, so these tests run as root."""
+
+import os
+import re
+import resource
+import shutil
+import signal
+import socket
+import stat
+import subprocess
+import unittest
+
+import harness
+from archives import Maker, first_day, hold, rescan
+from harness import Server, SystemTest, Watch, children, read, tree, wait_for, write
+from samples import Backup
+
+SUNDAY = "2026-11-15"
+NOBODY = 65534
+SECRET = "hidden+word"
+ARCH = f"?arch_password={SECRET}"
+
+# What the program makes, below the folder of a root, with the modes less the umask; the modes of a local
+# storage's files are those of what a storage keeps. Anything else is refused.
+MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
+    (r"root/(var|etc)", "directory", 0o750),
+    (r"root/tmp", "directory", 0o700),
+    (r"root/var/quarn2_cp\.(log|pid|lock)", "file", 0o600),
+    (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
+    (r"root/tmp/quarn2_cp\.(uploads|unstored)", "directory", 0o700),
+    (r"root/tmp/quarn2_cp\.(uploads|unstored)/.+", "file", 0o600),
+    (r"root/var/backup(/tovarn(/web1(/2026-11-15)?)?)?", "directory", 0o750),
+    (r"root/var/backup/tovarn/(web1/2026-11-15/)?\.(rescan|clear)", "file", 0o640),
+    (r"root/var/backup/tovarn/\.encrypted_indexes", "file", 0o600),
+    (r"root/var/backup/tovarn/(web1/2026-11-15/)?2026-11-15\.web1\.(info|tgz|tgz\.aes)", "file", 0o640),
+    # A replacement of what is there is nobody else's to read before it has the old one's owner.
+    (r"root/var/backup/tovarn/(.+/)?\..+\.part~", "file", (0o640, 0o600)),
+    (r"storage/web1(/2026-11-15)?", "directory", 0o750),
+    (r"storage/(web1/2026-11-15/)?[^.].+", "file", 0o640),
+    (r"storage/(web1/2026-11-15/)?\..+\.part~", "file", 0o640),
+    (r"restored(/deep(/no(/2026-11-15)?)?)?", "directory", 0o750),
+    (r"restored/[^/]+\.tgz", "file", 0o640),
+    (r"restored/deep/no/2026-11-15/file\.attempts", "file", 0o640),
+    (r"restored/(deep/no/2026-11-15/)?\..+\.part~", "file", 0o640),
+    (r"tmp-file", "file", 0o640),
+    (r"\.tmp-file\.part~", "file", 0o640))]
+
+KINDS = {stat.S_IFREG: "file", stat.S_IFDIR: "directory", stat.S_IFSOCK: "socket"}
+
+
+class WatchOfFiles(Watch):
+    """Notes the status of everything that appears below a folder, as often as it can."""
+
+    pause = 0.002
+
+    def __init__(self, folder):
+        super().__init__()
+        self.folder = folder
+        self.seen = set()  # (relative name, kind, mode, owner, group)
+        self.before = {name for name, *_ in self.files()}
+
+    def look(self):
+        self.seen.update(found for found in self.files() if found[0] not in self.before)
+
+    def files(self, below=""):
+        try:
+            entries = list(os.scandir(os.path.join(self.folder, below)))
+        except FileNotFoundError:
+            return
+        for entry in entries:
+            name = os.path.join(below, entry.name)
+            try:
+                status = entry.stat(follow_symlinks=False)
+            except FileNotFoundError:
+                continue
+            kind = KINDS.get(stat.S_IFMT(status.st_mode), "other")
+            yield name, kind, stat.S_IMODE(status.st_mode), status.st_uid, status.st_gid
+            if kind == "directory":
+                yield from self.files(name)
+
+    def names(self):
+        return {name for name, *_ in self.seen}
+
+
+class RightsTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        if os.geteuid() != 0:
+            self.fail("this test plays another user of the machine and so must run as root")
+        # Other users' ways must lead to the rights that are tested.
+        os.chmod(self.folder, 0o755)
+
+    def as_nobody(self, *command):
+        """Runs a command as a user without rights: (status, output and errors)."""
+        process = harness.start(["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
+                                 "--clear-groups", *command], stdin=subprocess.DEVNULL,
+                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        output, _ = process.communicate(timeout=harness.DEADLINE)
+        return process.returncode, output
+
+
+class Modes(RightsTest):
+    def under(self, mask):
+        before = os.umask(0o022)
+        self.addCleanup(os.umask, before)
+        root = self.root()
+        os.chmod(root.base, 0o755)
+        files = os.path.join(root.base, "work/files")
+        first_day(files)
+        shutil.rmtree(root.file("var"))
+        root.token += ARCH
+        os.umask(mask)
+        with WatchOfFiles(root.base) as watch:
+            self.use_everything(root, files)
+        self.check(watch, mask)
+
+    def use_everything(self, root, files):
+        storage = root.token
+        rescan(root)
+        # Slow enough that what lasts as long as an upload is seen.
+        root.token = storage + "&limit_rate=400000"
+        server = hold(root, SUNDAY, "--size-limit", "100000000")
+        maker = Maker(root, "tgz", "dir")
+        made = maker.put("web1", SUNDAY, "F", files)
+        flat = Maker(root, "tgz", "flat").put("web1", SUNDAY, "F", files)
+        index = os.path.join(root.info_root, flat["index"])
+        self.assert_success(root.run("--update", index))
+        target = os.path.join(root.base, "restored")
+        self.assert_success(root.run("--get", f"{target}//{flat['index']}", "--tmp-file",
+                                     os.path.join(root.base, "tmp-file")))
+        self.assertNotEqual(0, root.run("--get", f"{target}/deep//no/2026-11-15/file").returncode)
+        self.assertEqual(0, server.end())
+        root.token = storage
+        # Nothing local is trusted, so all comes anew; with another password indexes stay encrypted.
+        shutil.rmtree(root.info_root)
+        rescan(root)
+        rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
+        os.remove(os.path.join(root.info_root, flat["info"]))
+        rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
+        # The list keeps the mode that it was made with.
+        write(os.path.join(root.info_root, ".cleanup"), "local:///no/such/storage\t2026-11-14.web1\n")
+        os.chmod(os.path.join(root.info_root, ".cleanup"), 0o600)
+        rescan(root)
+        self.assertEqual(0o600, stat.S_IMODE(os.stat(os.path.join(root.info_root, ".cleanup")).st_mode))
+        os.remove(os.path.join(root.info_root, ".cleanup"))
+        self.assert_success(root.run("--delete", os.path.join(root.info_root, made["info"])))
+        self.assert_success(root.run("--clear"))
+
+    def check(self, watch, mask):
+        wrong = []
+        for name, kind, mode, owner, group in sorted(watch.seen):
+            if name.startswith("work/") or os.path.basename(name) == ".cleanup":
+                continue  # the job's own
+            if name.startswith("state-") or self.is_jobs_index(name, mode, mask):
+                continue
+            rule = next((rule for rule in MADE if rule[0].fullmatch(name)), None)
+            modes = rule[2] if rule and isinstance(rule[2], tuple) else (rule[2],) if rule else ()
+            if (rule is None or kind != rule[1] or mode not in [each & ~mask for each in modes]
+                    or (owner, group) != (0, 0)):
+                wrong.append((name, kind, oct(mode), owner, group))
+        self.assertEqual([], wrong)
+        # Each rule was met, but for what may be gone within a millisecond.
+        missed = [rule[0].pattern for rule in MADE
+                  if not any(rule[0].fullmatch(name) for name in watch.names())
+                  and not re.match(r"(root|restored|.?\.tmp-file).*(part~|rescan)", rule[0].pattern)]
+        self.assertEqual([], missed)
+
+    @staticmethod
+    def is_jobs_index(name, mode, mask):
+        """Jobs make the indexes, and the directories that these lie in, with modes of their own."""
+        ways = r"root/var/backup/tovarn(/web1(/2026-11-15(/.+\.tgz)?)?|/.+\.tgz)"
+        return re.fullmatch(ways, name) and mode in (0o777 & ~mask, 0o666 & ~mask)
+
+    def test_of_everything_under_umask_000(self):
+        self.under(0o000)
+
+    def test_of_everything_under_umask_077(self):
+        self.under(0o077)
+
+
+class OtherUsers(RightsTest):
+    """The ways of `nobody`, with a server that holds a token with a secret."""
+
+    def setUp(self):
+        super().setUp()
+        self.site = self.root()
+        os.chmod(self.site.base, 0o755)
+        self.site.token += ARCH
+        self.site.log_level = 9
+        self.server = hold(self.site, SUNDAY)
+        self.client = self.server.node_client()
+        self.all = [self.server.pid, self.server.daemon, self.client]
+
+    def tearDown(self):
+        self.assertEqual(0, self.server.end())
+
+    def test_cannot_connect_to_the_control_socket(self):
+        # Even where the directory lets everybody in, as the administrator may have it.
+        os.chmod(self.site.file("tmp"), 0o755)
+        path = self.site.file("tmp/quarn2_cp.sock")
+        script = "import socket, sys; socket.socket(socket.AF_UNIX).connect(sys.argv[1])"
+        status, output = self.as_nobody("python3", "-c", script, path)
+        self.assertIn(b"Permission denied", output)
+        self.assertEqual(1, status)
+        with socket.socket(socket.AF_UNIX) as connection:
+            connection.connect(path)  # and it is there
+
+    def test_cannot_read_the_log_the_pid_file_or_the_lock(self):
+        os.chmod(self.site.file("var"), 0o755)
+        for name in ("var/quarn2_cp.log", "var/quarn2_cp.pid", "var/quarn2_cp.lock"):
+            status, output = self.as_nobody("cat", self.site.file(name))
+            self.assertEqual(1, status)
+            self.assertIn(b"Permission denied", output)
+
+    def test_cannot_run_a_command_in_the_install_root(self):
+        os.chmod(self.site.base, 0o755)
+        status, output = self.as_nobody(self.site.binary, "--put", "/etc/hostname")
+        self.assertEqual(1, status, output)
+        status, output = self.as_nobody(self.site.binary, "--help")
+        self.assertEqual(0, status, output)
+
+    def test_cannot_look_into_the_processes(self):
+        for pid in self.all:
+            for name in ("environ", "mem", "maps"):
+                status, output = self.as_nobody("head", "-c1", f"/proc/{pid}/{name}")
+                self.assertEqual(1, status, (pid, name))
+                self.assertIn(b"Permission denied", output)
+
+    def test_sees_no_secret_in_command_lines_and_no_socket_without_a_file(self):
+        for pid in self.all:
+            self.assertNotIn(SECRET, harness.command_line(pid))
+        with open("/proc/net/unix", encoding="utf-8") as listing:
+            self.assertEqual([], [line for line in listing if "@quarn2" in line])
+
+    def test_log_tells_no_secret(self):
+        self.assertNotIn(SECRET.encode(), read(self.site.file("var/quarn2_cp.log")))
+        self.assertIn(b"arch_password=***", read(self.site.file("var/quarn2_cp.log")))
+
+
+class Dumps(RightsTest):
+    def hold(self):
+        root = self.root()
+        root.token += ARCH
+        # A limit that is given from outside is lowered too.
+        self.addCleanup(resource.setrlimit, resource.RLIMIT_CORE,
+                        resource.getrlimit(resource.RLIMIT_CORE))
+        resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
+        server = hold(root, SUNDAY)
+        return server, [server.pid, server.daemon, server.node_client()]
+
+    def test_no_process_that_has_the_token_can_be_dumped(self):
+        server, pids = self.hold()
+        for pid in pids:
+            with open(f"/proc/{pid}/limits", encoding="ascii") as limits:
+                core = next(line for line in limits if line.startswith("Max core file size"))
+            self.assertEqual(["0", "0", "bytes"], core.split()[-3:])
+        self.assertEqual(0, server.end())
+
+    # The kernel gives the files of a process that must not be dumped to root, whoever it runs as.
+    def test_of_another_users_processes_are_root_s_to_look_into(self):
+        root = self.root()
+        os.chmod(root.base, 0o755)
+        for folder in (root.path, root.storage, root.info_root, root.file("var")):
+            for directory, _, _ in os.walk(folder):
+                os.chown(directory, NOBODY, NOBODY)
+        process = root.spawn("--server", wrapper=("setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
+                                                  "--clear-groups"),
+                             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stderr.close)
+        self.assertEqual(b"", process.stdout.read())  # ready
+        self.assertIsNone(process.poll())
+        daemon = int(read(root.file("var/quarn2_cp.pid")).split(b"\n")[0])
+        client = wait_for(lambda: children(daemon), "a node client")[0]
+        for pid in (process.pid, daemon, client):
+            # The same user, but not the same process.
+            status, output = self.as_nobody("head", "-c1", f"/proc/{pid}/environ")
+            self.assertEqual(1, status)
+            self.assertIn(b"Permission denied", output)
+            self.assertEqual(0, os.stat(f"/proc/{pid}/environ").st_uid)
+        process.stdin.close()
+        self.assertEqual(0, process.wait(harness.DEADLINE))
+        harness.wait_gone(daemon)
+
+    def test_a_crash_leaves_no_core_file(self):
+        server, (_, daemon, client) = self.hold()
+        root = server.root
+        for pid in (client, daemon):
+            os.kill(pid, signal.SIGSEGV)
+            harness.wait_gone(pid)
+        server.release()
+        cores = [name for name in tree(root.base) if "core" in os.path.basename(name)]
+        self.assertEqual([], cores)
+
+
+class Environment(RightsTest):
+    def test_children_get_no_token(self):
+        root = self.root()
+        root.token += ARCH
+        note = os.path.join(root.base, "ssh-environment")
+        tools = os.path.join(root.base, "tools")
+        harness.write_executable(os.path.join(tools, "ssh"),
+                                 f"#!/bin/sh\nenv >{note}.new; mv {note}.new {note}; exec cat >/dev/null\n")
+        server = hold_with_node(root, tools)
+        wait_for(lambda: os.path.exists(note), "the environment of ssh")
+        client = server.node_client()
+        with open(f"/proc/{client}/environ", "rb") as environment:
+            self.assertNotIn(SECRET.encode(), environment.read())
+        self.assertNotIn(SECRET.encode(), read(note))
+        self.assertNotIn(b"BACKUP_TOKEN", read(note))
+        server.end()
+
+
+def hold_with_node(root, tools):
+    return Server(root, "--date", SUNDAY, "--count-limit", "9:99", "--node", "web9",
+                  env={"PATH": f"{tools}:{os.environ['PATH']}"}).wait_ready()
+
+
+class Planted(RightsTest):
+    """Links in the places of the server's own files."""
+
+    def setUp(self):
+        super().setUp()
+        self.site = self.root()
+        self.site.run("something")
+        self.victim = write(os.path.join(self.site.base, "victim"), "kept")
+
+    def tearDown(self):
+        self.assertEqual(b"kept", read(self.victim))
+        self.assertEqual(0o644, stat.S_IMODE(os.stat(self.victim).st_mode))
+
+    def lay(self, name, what):
+        path = self.site.file(name)
+        if os.path.lexists(path):
+            os.remove(path)
+        if what == "link":
+            os.symlink(self.victim, path)
+            os.lchown(path, NOBODY, NOBODY)
+        elif what == "dangling":
+            os.symlink(self.victim + "-none", path)
+            os.lchown(path, NOBODY, NOBODY)
+        elif what == "name":
+            os.link(self.victim, path)
+        else:
+            os.mkfifo(path, 0o666)
+        return path
+
+    def test_in_the_place_of_the_pid_file_and_the_lock_end_the_start_with_a_message(self):
+        os.chmod(self.victim, 0o644)
+        for name, what in (("var/quarn2_cp.pid", "link"), ("var/quarn2_cp.pid", "dangling"),
+                           ("var/quarn2_cp.pid", "fifo"), ("var/quarn2_cp.lock", "link"),
+                           ("var/quarn2_cp.lock", "dangling")):
+            with self.subTest(name=name, what=what):
+                path = self.lay(name, what)
+                result = self.site.run("--server")
+                self.assertEqual(1, result.returncode)
+                self.assertRegex(result.stderr, "Failed to (lock|open)")
+                self.assertFalse(os.path.exists(self.victim + "-none"))
+                os.remove(path)
+
+    def test_in_the_place_of_the_log_and_the_socket_hold_nobody_up(self):
+        for what in ("link", "dangling", "name", "fifo"):
+            for name in ("tmp/quarn2_cp.sock", "var/quarn2_cp.log"):
+                with self.subTest(name=name, what=what):
+                    path = self.lay(name, what)
+                    if name.endswith("log"):
+                        # Nothing is logged, so nothing can be waited for but the command's end.
+                        self.assert_success(self.site.run("--delete", "/nothing/here"))
+                    else:
+                        server = hold(self.site, SUNDAY)
+                        server.node_client()
+                        wait_for(lambda at=path: stat.S_ISSOCK(os.lstat(at).st_mode), "the socket")
+                        self.assertEqual(0, server.end())
+                    self.assertFalse(os.path.exists(self.victim + "-none"))
+                    if os.path.lexists(path):
+                        os.remove(path)
+
+    def test_in_the_info_root_are_neither_written_through_nor_emptied(self):
+        root = self.site
+        backup = Backup(root, "web1", SUNDAY, form="dir")
+        precious = os.path.join(root.base, "precious")
+        write(os.path.join(precious, "file"), "kept")
+        place = os.path.join(root.info_root, "web1")
+        shutil.rmtree(place)
+        os.symlink(precious, place)
+        os.lchown(place, NOBODY, NOBODY)
+        rescan(root)
+        self.assertEqual(["file"], tree(precious))
+        self.assertFalse(os.path.islink(place))
+        self.assertTrue(os.path.exists(backup.info_path))
+
+
+if __name__ == "__main__":
+    unittest.main()

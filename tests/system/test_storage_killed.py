@@ -1,0 +1,115 @@
+"""Servers that go down in the middle of an upload and come back: the retry, a real minute later.
+
+One test for all protocols, so that they wait for the same minute.
+"""
+
+import os
+import unittest
+
+import storages
+from archives import hold
+from harness import SystemTest, tree, wait_for, write
+from samples import DATE, info_text, read_info
+
+MIB = 1 << 20
+PATIENCE = 240
+FIRST = f"F{DATE}.web1.tgz"
+
+
+class Upload:
+    """One storage on a server of its own, and an upload onto it that takes some seconds."""
+
+    def __init__(self, test, server_name, make):
+        self.test = test
+        self.server = storages.own_server(test, server_name)
+        self.storage = make(test, self.server.info)
+        self.r = test.root(server_name)
+        parameters = {"part_size": 5 * MIB} if server_name == "s3" else {}
+        self.r.token = self.storage.token(limit_rate=3 * MIB, timeout=20, **parameters)
+        self.r.log_level = 6
+        self.daemon = hold(self.r, DATE)
+        self.client = self.daemon.node_client()
+
+    def put(self, user, data, *options):
+        path = write(os.path.join(self.r.work, f"F{DATE}.{user}.tgz"), data)
+        self.test.assert_success(self.r.run("--put", path, *options))
+        return path
+
+    def info(self, user):
+        return write(os.path.join(self.r.work, user + ".new"),
+                     info_text({"created": f"{DATE} 00:00:00", "type": "full"}))
+
+    def finished(self, user):
+        """A whole backup, made through the node client."""
+        info = self.info(user)
+        self.put(user, "archive", "--info-file", info, "--last_slice")
+        index = write(os.path.join(self.r.info_root, f"{DATE}.{user}.tgz"), "index")
+        self.test.assert_success(self.r.run("--put", index, "--info-file", info, "--isolated",
+                                            "--no-delete"))
+        os.remove(info)
+        return [f"{DATE}.{user}.info", f"{DATE}.{user}.tgz", f"F{DATE}.{user}.tgz"]
+
+    def break_off(self):
+        """The server goes down when a part of the upload has arrived."""
+        self.before = sorted(self.finished("old") + self.finished("older"))
+        self.data = os.urandom(MIB) * 18
+        self.job_info = self.info("web1")
+        self.path = self.put("web1", self.data, "--info-file", self.job_info, "--last_slice")
+        wait_for(lambda: set(self.storage.names()) > set(self.before), "a part of the upload")
+        self.server.kill()
+
+    def wait_first_failure(self):
+        self.r.wait_log("Wait 60 seconds before next attempt", level=6, timeout=PATIENCE)
+        self.test.assertEqual(["Cant upload"], [text[:11] for text in self.r.log_texts(4)])
+
+    def go_on(self):
+        """While the first upload waits, the same node client works on new and on old connections."""
+        made = self.finished("new")
+        self.test.assertLessEqual(set(made), set(self.storage.names()))
+        self.test.assert_success(self.r.run("--delete",
+                                            os.path.join(self.r.info_root, f"{DATE}.old.info")))
+        self.expected = [f"{DATE}.older.info", f"{DATE}.older.tgz", f"F{DATE}.older.tgz", *made]
+        self.test.assertLessEqual(set(self.expected), set(self.storage.names()))
+        self.test.assertFalse({f"{DATE}.old.info", f"F{DATE}.old.tgz"} & set(self.storage.names()))
+
+    def end(self):
+        wait_for(lambda: not os.path.exists(self.path), "the second attempt", PATIENCE)
+        index = write(os.path.join(self.r.info_root, f"{DATE}.web1.tgz"), "index")
+        self.test.assert_success(self.r.run("--put", index, "--info-file", self.job_info,
+                                            "--isolated", "--no-delete"))
+        os.remove(self.job_info)
+        self.test.assertEqual(0, self.daemon.end())
+        names = [*self.expected, f"{DATE}.web1.info", f"{DATE}.web1.tgz", FIRST]
+        # A killed Apache leaves what it had received, and shows it to nobody.
+        found = [name for name in self.storage.names() if not name.startswith(".davfs.tmp")]
+        self.test.assertEqual(sorted(names), found)
+        self.test.assertEqual(self.data, self.storage.files()[FIRST])
+        self.test.assertEqual([], tree(self.r.work))
+        self.test.assertEqual(1, len(self.r.log(4)), self.r.log(4))
+        info = read_info(os.path.join(self.r.info_root, f"{DATE}.web1.info"))
+        self.test.assertIn("finished", info)
+
+
+class Killed(SystemTest):
+    def test_uploads_are_tried_again(self):
+        uploads = {}
+        for name, make in (("sftp", storages.sftp_key), ("webdav", storages.webdav_basic),
+                           ("ftp", storages.ftps), ("s3", storages.s3)):
+            uploads[name] = Upload(self, name, make)
+        self.each(uploads, Upload.break_off)
+        self.each(uploads, Upload.wait_first_failure)
+        self.each(uploads, lambda upload: upload.server.revive())
+        self.each(uploads, Upload.go_on)
+        self.each(uploads, Upload.end)
+
+    def each(self, uploads, step):
+        """One that fails is told and left behind; the others go on."""
+        for name in list(uploads):
+            upload = uploads.pop(name)
+            with self.subTest(storage=name):
+                step(upload)
+                uploads[name] = upload
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,38 @@
+"""A storage with more objects in a directory than one answer lists."""
+
+import os
+import unittest
+
+import storages
+from archives import rescan, tree_bytes, wipe
+from harness import SystemTest
+from samples import DATE, info_text
+
+PAGE = 1000
+PLACE = f"web1/{DATE}/"
+
+
+class Pages(SystemTest):
+    def test_a_rescan_finds_what_stands_on_later_pages(self):
+        storage = storages.shared(self, "S3Http")
+        # Before the info files of the directory come more names than one page has.
+        others = {f"{PLACE}0{number}.dar": "x" for number in range(PAGE + 5)}
+        infos = {f"{PLACE}{DATE}.web1-{number}.info": info_text({"type": "full", "number": number})
+                 for number in range(40)}
+        first = {f"{DATE}.web2.info": info_text({"last-slice": f"F{DATE}.web2.1.dar"}),
+                 f"{DATE}.web2.1.dar": "slice"}
+        storage.put_many({**others, **infos, **first})
+        self.assertGreater(len(storage.names()), PAGE)
+        root = self.root()
+        root.token = storage.token()
+        rescan(root)
+        expected = {name: text.encode() for name, text in {**infos, **first}.items()}
+        self.assertEqual(expected, tree_bytes(root.info_root))
+        wipe(root)
+        self.assert_success(root.run("--clear"))
+        self.assertEqual([], storage.names())
+        self.assertFalse(os.path.exists(root.info_root))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,220 @@
+"""Servers that refuse, are somebody else, or do not answer: a clear error in time, nothing touched."""
+
+import concurrent.futures
+import os
+import sys
+import time
+import unittest
+
+import storages
+from harness import SystemTest, read, tree, write
+from peers import Peer, deserted_port
+
+TIMEOUT = 3
+GRACE = 7  # more than the program needs, less than a wait that it should not have
+NAME = "F2026-11-20.web1.tgz"
+LONELY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "lonely.py")
+STRANGERS = {  # what servers of other protocols say first
+    "http": b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
+    "ssh": b"SSH-2.0-OpenSSH_9.2\r\n",
+    "mail": b"220 mail.example ESMTP\r\n",
+    "noise": bytes(range(255, -1, -1)) * 300,
+}
+
+
+class Trouble:
+    """A token that leads into trouble. `words`: what the error has to have, any case."""
+
+    def __init__(self, words, token, patience=TIMEOUT):
+        self.words = words
+        self.token = token
+        self.patience = patience
+
+
+def credentials(test, storage):
+    """The server's own delay after a wrong password is waited for."""
+    refused = "(refuse|denied|not accept|password|log ?in|the access key|the secret key)"
+    patience = 20
+
+    def changed(**changes):
+        return Trouble(refused, storage.token(timeout=patience, **changes), patience)
+
+    troubles = {"an unknown user": changed(user="stranger")}
+    if storage.parts["password"]:
+        troubles["a wrong password"] = changed(password="not/the+secret")
+    if "key" in storage.params:
+        troubles["an unknown key"] = changed(key=storage.info["unknown_key"])
+        troubles["a key file that is missing"] = Trouble("/nowhere/key",
+                                                         storage.token(key="/nowhere/key"))
+        broken = write(os.path.join(test.folder, "broken key"), "no key")
+        os.chmod(broken, 0o600)
+        troubles["a key file that is none"] = Trouble("broken key", storage.token(key=broken))
+    return troubles
+
+
+def certificates(test, storage):
+    way = Peer(test, to=("127.0.0.1", int(storage.parts["port"])), address="127.0.0.9")
+    ports = {"expired": storage.info["expired_port"],
+             "self-signed": storage.info["self_signed_port"]}
+    troubles = {f"a certificate that is {what}": Trouble(f"certificate.*{what[:4]}",
+                                                        storage.token(port=port))
+                for what, port in ports.items()}
+    troubles["a certificate for another host"] = Trouble(
+        "certificate", storage.token(host=way.host, port=way.port))
+    troubles["an unknown authority"] = Trouble("certificate", storage.token(ca=None))
+    troubles["a file of authorities that is missing"] = Trouble("/nowhere/ca",
+                                                                storage.token(ca="/nowhere/ca"))
+    return troubles
+
+
+def host_keys(_test, storage):
+    files = {"an unknown host key": storage.info["known_hosts_empty"],
+             "a changed host key": storage.info["known_hosts_changed"],
+             "a file of host keys that is missing": "/nowhere/known_hosts"}
+    return {what: Trouble("(host key|known_hosts)", storage.token(known_hosts=path))
+            for what, path in files.items()}
+
+
+def places(_test, storage):
+    missing = storage.parts["path"].rstrip("/") + "-missing"
+    if "bucket" in vars(storage):
+        missing = storage.parts["path"].replace(storage.bucket, "roads-of-nobody")
+    return {"a place that is missing": Trouble("((directory|bucket).* does not exist|no (such )?directory)",
+                                               storage.token(path=missing))}
+
+
+def peers(test, storage):
+    address = "127[.]0[.]0[.]1('?, port |:){}"
+    port = deserted_port(test)
+    troubles = {"nobody": Trouble(address.format(port), storage.token(port=port))}
+    silent = Peer(test)
+    troubles["a silent server"] = Trouble(address.format(silent.port),
+                                          storage.token(port=silent.port))
+    for what, greeting in STRANGERS.items():
+        peer = Peer(test, greeting)
+        troubles["a stranger: " + what] = Trouble(address.format(peer.port),
+                                                  storage.token(port=peer.port))
+    return troubles
+
+
+class Site:
+    """A root that has something to lose, and the commands that meet the trouble."""
+
+    def __init__(self, test, token, name):
+        self.test = test
+        self.root = test.root(name)
+        self.root.token = token
+        self.root.log_level = 9
+        self.source = write(os.path.join(self.root.work, NAME), "data")
+        write(os.path.join(self.root.work, "2026-11-20.web1.info"), f"last-slice={NAME}")
+        write(os.path.join(self.root.info_root, "2026-11-20.web1.info"), f"last-slice={NAME}")
+        self.before = self.state()
+
+    def state(self):
+        return tree(self.root.work), self.root.local()
+
+    def commands(self):
+        """{command: how many operations on the storage it may try}."""
+        target = os.path.join(self.root.base, "restored")
+        return {("--update", self.source): 1, ("--get", f"{target}//{NAME}"): 2,
+                ("--server", "--rescan"): 1}
+
+    def logged(self):
+        return read(self.root.file("var/quarn2_cp.log")).decode(errors="replace")
+
+
+class RefusalTest(SystemTest):
+    kind = ""
+
+    def check(self, make):
+        storage = storages.shared(self, self.kind)
+        secrets = [*storage.secrets(), "not/the+secret"]
+        troubles = make(self, storage)
+        with concurrent.futures.ThreadPoolExecutor(4) as pool:
+            found = {what: pool.submit(self.meet, trouble, secrets)
+                     for what, trouble in troubles.items()}
+        for what, faults in found.items():
+            with self.subTest(trouble=what):
+                self.assertEqual([], faults.result())
+        self.assertEqual([], storage.names())
+
+    def meet(self, trouble, secrets):
+        """What went otherwise than it should."""
+        if "timeout=" not in trouble.token:
+            trouble.token += ("&" if "?" in trouble.token else "?") + f"timeout={TIMEOUT}"
+        site = Site(self, trouble.token, "refused")
+        faults = []
+        for command, tries in site.commands().items():
+            start = time.monotonic()
+            result = self.run_command(site.root, command)
+            seconds = time.monotonic() - start
+            if (result.returncode, result.stdout) != (1, ""):
+                faults.append(f"{command[0]} ended with {result.returncode}: {result.stdout}")
+            if seconds > tries * trouble.patience + GRACE:
+                faults.append(f"{command[0]} took {seconds:.1f} s")
+            if result.stderr.count("\n") != 1 or not result.stderr.startswith("quarn2_cp: "):
+                faults.append(f"{command[0]} said {result.stderr!r}")
+            faults += self.wrong_words(command[0], result.stderr, trouble.words)
+            faults += [f"{command[0]} showed {secret}" for secret in secrets
+                       if secret in result.stderr + site.logged()]
+        if site.state() != site.before:
+            faults.append(f"{site.before} became {site.state()}")
+        if tree(os.path.join(site.root.base, "restored")):
+            faults.append("a file appeared")
+        return faults
+
+    def wrong_words(self, command, text, words):
+        try:
+            self.assertRegex(text, "(?i)" + words)
+        except AssertionError as error:
+            return [f"{command}: {error}"]
+        return []
+
+    def run_command(self, root, command):
+        return root.run(*command)
+
+
+class LonelyTest(RefusalTest):
+    manner = ""
+
+    def check_name(self, manner):
+        self.manner = manner
+        server, make = storages.KINDS[self.kind]
+        storage = make(self, storages.shared_info(server))
+        trouble = Trouble("backup[.]example", storage.token(host="backup.example"))
+        self.assertEqual([], self.meet(trouble, storage.secrets()))
+
+    def run_command(self, root, command):
+        alone = ("unshare", "--net", "--mount", sys.executable, "-B", LONELY, self.manner)
+        return root.run(*command, wrapper=alone if self.manner else ())
+
+
+def case(make):
+    return lambda test: test.check(make)
+
+
+def name_case(manner):
+    return lambda test: test.check_name(manner)
+
+
+ALWAYS = {"test_credentials": case(credentials), "test_places": case(places)}
+ONCE_PER_PROTOCOL = {"test_peers": case(peers),
+                     "test_a_name_server_that_is_silent": name_case("silent"),
+                     "test_a_name_that_nobody_has": name_case("denying")}
+OF_TLS = {"test_certificates": case(certificates)}
+OF_SSH = {"test_host_keys": case(host_keys)}
+
+for kind_, cases_ in {
+        "S3": {**ALWAYS, **ONCE_PER_PROTOCOL, **OF_TLS},
+        "SftpKey": {**ALWAYS, **OF_SSH},
+        "SftpPassword": {**ALWAYS, **ONCE_PER_PROTOCOL, **OF_SSH},
+        "WebdavBasic": {**ALWAYS, **ONCE_PER_PROTOCOL, **OF_TLS},
+        "WebdavDigest": ALWAYS,
+        "WebdavSecond": {**ALWAYS, **OF_TLS},
+        "Ftps": {**ALWAYS, **ONCE_PER_PROTOCOL, **OF_TLS},
+        "FtpsSecond": {**ALWAYS, **OF_TLS}}.items():
+    globals()[kind_] = type(kind_, (LonelyTest,), {"kind": kind_, **cases_})
+
+
+if __name__ == "__main__":
+    unittest.main()

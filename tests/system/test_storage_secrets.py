@@ -1,0 +1,102 @@
+"""What succeeds tells no secret: not in the log at its most talkative, not in any command line."""
+
+import base64
+import os
+import unittest
+from urllib.parse import quote
+
+import harness
+import storages
+from archives import Maker, first_day, hold, rescan
+from harness import SystemTest, Watch, command_line, read
+
+SUNDAY = "2026-11-15"
+ARCH = "correct+horse&battery staple/%"
+
+
+class WatchOfProcesses(Watch):
+    """Notes the command line of every process that descends from this one, as often as it can."""
+
+    def __init__(self):
+        super().__init__()
+        self.seen = {}  # command line -> how often
+
+    def look(self):
+        for pid in self.family():
+            line = command_line(pid)
+            self.seen[line] = self.seen.get(line, 0) + 1
+
+    @staticmethod
+    def family():
+        parents = {}
+        for name in os.listdir("/proc"):
+            if name.isdigit():
+                stat = harness.stat_of(name)
+                if stat:
+                    parents.setdefault(stat[1], []).append(int(name))
+        found, ends = [], [os.getpid()]
+        while ends:
+            below = parents.get(ends.pop(), [])
+            found += below
+            ends += below
+        return found
+
+
+def forms(text):
+    """A secret as it is, as it stands in a token, and as a header carries it."""
+    return {text, quote(text), quote(text, safe=""), base64.b64encode(text.encode()).decode(),
+            text.encode().hex()}
+
+
+class SecretsTest(SystemTest):
+    kind = ""
+
+    def check(self):
+        storage = storages.shared(self, self.kind)
+        secrets = forms(ARCH)
+        for password in storage.secrets():
+            user = storage.parts["user"]
+            secrets |= forms(password) | forms(f"{user}:{password}")
+        root = self.root()
+        root.log_level = 9
+        root.token = storage.token(arch_password=ARCH)
+        with WatchOfProcesses() as watch:
+            self.use_everything(root, watch)
+        log = read(root.file("var/quarn2_cp.log")).decode()
+        self.assertIn("***", log)
+        self.assertGreater(len(root.log(level=9)), 0)
+        for secret in secrets:
+            self.assertNotIn(secret, log)
+            self.assertEqual([], [line for line in watch.seen if secret in line])
+
+    def use_everything(self, root, watch):
+        files = os.path.join(root.base, "files")
+        first_day(files)
+        server = hold(root, SUNDAY)
+        client = server.node_client()
+        made = Maker(root, "tgz", "flat").put("web1", SUNDAY, "F", files)
+        # Those that live long are looked at for certain.
+        harness.wait_for(lambda: {command_line(client), command_line(server.daemon)}
+                         <= set(watch.seen), "a look at daemon and node client")
+        self.assertIn("--client", command_line(client))
+        info = os.path.join(root.info_root, made["info"])
+        index = os.path.join(root.info_root, made["index"])
+        self.assert_success(root.run("--update", index))
+        target = os.path.join(root.base, "restored")
+        self.assert_success(root.run("--get", f"{target}//{made['index']}"))
+        self.assertEqual(read(index), read(os.path.join(target, made["index"])))
+        self.assertEqual(0, server.end())
+        rescan(root)
+        # A rescan with another password opens a second storage.
+        rescan(root, env={"BACKUP_TOKEN": root.token.replace("correct", "another")})
+        self.assert_success(root.run("--delete", info))
+        self.assert_success(root.run("--clear"))
+
+
+for kind_ in ("S3", "S3Http", "SftpKey", "SftpPassword", "WebdavBasic", "WebdavDigest", "Ftps", "Ftp"):
+    globals()[kind_] = type(kind_, (SecretsTest,), {"kind": kind_,
+                                                    "test_no_secret_is_told": SecretsTest.check})
+
+
+if __name__ == "__main__":
+    unittest.main()
