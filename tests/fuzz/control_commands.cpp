@@ -1,0 +1,153 @@
+// The control socket, both sides. A node client is given a command: whatever it says, a local file
+// goes only when the storage has its bytes, and the answer can be read by the command that waits
+// for it. The other way round, no answer makes the put side take what is no name and size.
+//
+// The first byte chooses what the server on the master link says; then follows the command. With
+// "?" the rest is an answer.
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <sstream>
+
+#include "backends/memory/memory_backend.h"
+#include "fuzz.h"
+#include "kro/kro_proc.h"
+#include "kro/str.h"
+#include "quarn2_cp2_put_answer.h"
+#include "quarn2_cp2_put_node.h"
+#include "stored_name.h"
+
+namespace {
+
+using fuzz::Require;
+namespace fs = std::filesystem;
+
+const char* const kToken = "memory:commands";
+
+// Slices, an index and info files, as a job leaves them.
+const std::map<std::string, std::string>& Files() {
+    static const std::map<std::string, std::string> files = {
+        {"F2026-11-19.web1.tgz", "full"},
+        {"I2026-11-20.web1.tgz.part1", "one"},
+        {"I2026-11-20.web1.tgz.part2", "two"},
+        {"2026-11-20.web1.tgz", "index"},
+        {"C2026-11-20.web1.1.dar", "custom"},
+        {"web2/2026-11-20/F2026-11-20.web2.tgz", "in a directory"},
+        {"2026-11-19.web1.info", "last-slice=F2026-11-19.web1.tgz\nsize=7\ntype=full"},
+        {"2026-11-20.web1.info",
+         "base=F2026-11-19.web1.tgz\nlast-slice=I2026-11-20.web1.tgz.part2\nsize=9\n"
+         "type=incremental"},
+        {"a b", "a blank"},
+    };
+    return files;
+}
+
+bool Has(const std::string& path, const std::string& content) {
+    std::ifstream file(path);
+    std::stringstream text;
+    text << file.rdbuf();
+    return file.good() && text.str() == content;
+}
+
+void PlaceFiles() {
+    fuzz::WorkFolder();
+    fs::create_directories("web2/2026-11-20");
+    fs::create_directories("tmp");
+    for (const auto& [path, content] : Files()) {
+        if (!Has(path, content)) std::ofstream(path) << content;
+    }
+}
+
+std::string Frame(const std::string& text) {
+    const auto length = static_cast<std::uint32_t>(text.size());
+    return std::string(reinterpret_cast<const char*>(&length), sizeof length) + text;
+}
+
+// A master link on which everything has been said before it is asked for.
+class Link {
+  public:
+    explicit Link(unsigned how) {
+        static constexpr const char* kAnswers[] = {"OK 2", "OK", "ERR No space left.", "", "OK x"};
+        std::string said = Frame(kToken);
+        for (int i = 0; i < 24; ++i) said += Frame(kAnswers[how % std::size(kAnswers)]);
+        Require(
+            write(answers_.second, said.data(), said.size()) == static_cast<ssize_t>(said.size()),
+            "a pipe takes what the server says");
+        answers_.second.Close();
+    }
+    MasterLink ends() const { return {answers_.first, commands_.second}; }
+
+  private:
+    std::pair<ResHandle, ResHandle> answers_ = kro_proc::Pipe();
+    std::pair<ResHandle, ResHandle> commands_ = kro_proc::Pipe();
+};
+
+void CheckAnswer(const std::string& word, std::string answer) {
+    Require(str::GetWord(answer) == "OK", "what is not refused is answered with OK");
+    if (word != "PUT" && word != "PUTLAST") return;
+    const Taken taken = ParseAnswer(answer);
+    Require(fuzz::Accepts([&] { quarn2::CheckStoredName(taken.name); }),
+            "the put command is told a stored name");
+    Require(taken.bytes >= 0, "and a size");
+}
+
+// A file that is gone was put, and its bytes lie on the storage.
+void CheckFiles(const std::string& word, const quarn2::MemoryStore& store) {
+    if (word.starts_with("DELETE")) return;
+    for (const auto& [path, content] : Files()) {
+        if (fs::exists(path)) continue;
+        const auto stored = store.files();
+        const std::string name = fs::path(path).filename();
+        const auto found =
+            stored.find(path.find('/') == path.npos ? name : "web2/2026-11-20/" + name);
+        Require(found != stored.end() && found->second == content,
+                "a local file goes when the storage has it");
+    }
+}
+
+void CheckCommand(unsigned how, const std::string& command) {
+    std::string argument = command;
+    const std::string word = str::GetWord(argument);
+    // What lies outside of the target's own folder is not to be touched.
+    if (argument.starts_with('/') || argument.find("..") != argument.npos) return;
+    PlaceFiles();
+    const auto store = quarn2::MemoryStore::Named("commands");
+    store->Reset();
+    {
+        const Link link(how);
+        kro_thread::SafeLock lock;
+        NodeSide node(lock, link.ends());
+        std::string answer;
+        if (fuzz::Accepts([&] { answer = node.Serve(command); })) CheckAnswer(word, answer);
+    }
+    CheckFiles(word, *store);
+}
+
+void CheckParsed(const std::string& answer) {
+    Taken taken;
+    if (!fuzz::Accepts([&] { taken = ParseAnswer(answer); })) return;
+    Require(!taken.name.empty() && taken.name.find(' ') == taken.name.npos, "a name is a word");
+    Require(answer.starts_with(taken.name) && answer.ends_with(taken.key_hash),
+            "both are pieces of the answer");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool ready = [] {
+        std::signal(SIGPIPE, SIG_IGN);
+        quarn2::RegisterMemoryScheme();
+        return true;
+    }();
+    Require(ready, "the storage in memory is known");
+    fuzz::Input input(data, size);
+    const unsigned how = input.Byte();
+    if (how == '?') {
+        CheckParsed(input.Rest());
+    } else {
+        CheckCommand(how, input.Rest());
+    }
+    return 0;
+}

@@ -1,0 +1,100 @@
+// Deleting a backup whose info file says anything, as one that came from a storage may: whatever it
+// names, no local file beside those of its own folder goes, and when the deletion ends well the
+// backup is gone on both sides.
+//
+// The first byte: "p" the info file lies among others in the info root, "d" in a folder of its own.
+#include <fstream>
+#include <sstream>
+
+#include "backends/memory/memory_backend.h"
+#include "fuzz.h"
+#include "kro/str.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_misc.h"
+
+namespace {
+
+using fuzz::Require;
+namespace fs = std::filesystem;
+
+constexpr std::size_t kMostSlices = 3;
+
+const char* const kOutside[] = {"outside.tgz", "beside/2026-11-20.web1.info", "beside/x.tgz",
+                                "info/web2/2026-11-20/2026-11-20.web2.info"};
+
+void Save(const std::string& path, const std::string& text) {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream file(path, std::ios::trunc);
+    file << text;
+}
+
+void PlaceFiles() {
+    fuzz::WorkFolder();
+    for (const char* const path : kOutside) {
+        if (!fs::exists(path)) Save(std::string("./") + path, "not of this backup");
+    }
+    for (const char* const name : {"2026-11-20.web1.tgz", "2026-11-20.web3.info"}) {
+        if (!fs::exists(std::string("info/") + name)) Save(std::string("info/") + name, "index");
+    }
+    // A user's folder, which has the letter of a custom backup's slices for its name.
+    fs::create_directories("info/C");
+    const auto store = quarn2::MemoryStore::Named("deletion");
+    store->Reset();
+    for (const char* const name :
+         {"F2026-11-20.web1.tgz", "I2026-11-20.web1.tgz.part1", "2026-11-20.web1.tgz",
+          "2026-11-20.web1.info", "F2026-11-20.web1.1.dar", "web1/2026-11-20/2026-11-20.web1.info",
+          "web1/2026-11-20/F2026-11-20.web1.tgz"}) {
+        store->SetFile(name, "stored");
+    }
+}
+
+// Each slice may be a hundred thousand names that are asked for, one after the other.
+bool IsCheap(const std::string& info) {
+    std::size_t slices = 0;
+    for (std::size_t at = info.find("role-"); at != info.npos; at = info.find("role-", at + 1)) {
+        ++slices;
+    }
+    const auto digits = [](char c) { return c >= '0' && c <= '9'; };
+    std::size_t row = 0;
+    for (const char c : info) {
+        row = digits(c) ? row + 1 : 0;
+        if (row == 4) return false;
+    }
+    return slices <= kMostSlices;
+}
+
+// A deletion that ends well has deleted at least what the info file simply names.
+void CheckSlice(const std::string& info) {
+    const auto entries = str::Split(info, "\n");
+    const auto named = entries.find("last-slice");
+    if (entries.size() != 1 || named == entries.end() || !named->second.ends_with(".tgz")) return;
+    Require(!quarn2::MemoryStore::Named("deletion")->files().contains(named->second),
+            "a backup is not forgotten before its slice is gone");
+}
+
+void Check(const std::string& path, const std::string& info) {
+    PlaceFiles();
+    Save(path, info);
+    const auto storage = quarn2::GetStorage(quarn2::BackupToken("memory:deletion"));
+    const bool deleted = fuzz::Accepts([&] { Delete(storage, path, false); });
+    for (const char* const other : kOutside) {
+        Require(fs::exists(other), "no file outside of the backup's folder goes");
+    }
+    Require(fs::exists("info/2026-11-20.web3.info") || info.find("web3") != info.npos,
+            "no other backup's info file goes that is not named");
+    if (deleted) CheckSlice(info);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool registered = (quarn2::RegisterMemoryScheme(), true);
+    Require(registered, "the storage in memory is known");
+    fuzz::Input input(data, size);
+    const bool own_folder = input.Byte() == 'd';
+    const std::string info = input.Rest();
+    if (!IsCheap(info)) return 0;
+    Check(own_folder ? "info/web1/2026-11-20/2026-11-20.web1.info" : "info/2026-11-20.web1.info",
+          info);
+    return 0;
+}

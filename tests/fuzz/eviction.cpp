@@ -1,0 +1,184 @@
+// Eviction against the simple rules: from the same records the same ones go, in the same order, and
+// what stays can be restored.
+//
+// The input makes users with records, then it says what happens to them.
+#include <algorithm>
+#include <map>
+#include <vector>
+
+#include "fuzz.h"
+#include "quarn2_cp2_server_eviction.h"
+#include "simple_rules.h"
+
+namespace {
+
+using fuzz::Require;
+using simple_rules::Eviction;
+using simple_rules::Record;
+using simple_rules::Rules;
+using simple_rules::User;
+
+constexpr std::size_t kMostUsers = 4;
+constexpr std::size_t kMostRecords = 24;
+
+// Both tellings of one storage.
+class World {
+  public:
+    explicit World(fuzz::Input& input) : storage_(control_.AddStorage(nullptr)) {
+        control_.size_limit = rules_.size_limit = 1000;
+        storage_.free_size = rules_.free = 1000;
+        const std::size_t users = input.Byte() % (kMostUsers + 1);
+        for (std::size_t i = 0; i < users; ++i) MakeUser("u" + std::to_string(i), input);
+        for (const User& user : rules_.users) {
+            const int count = static_cast<int>(user.records.size());
+            rules_.max_count = std::max(rules_.max_count, count);
+        }
+        control_.max_count = rules_.max_count;
+        RememberBases();
+    }
+
+    void Step(fuzz::Input& input) {
+        evicted_.clear();
+        rules_.evictions.clear();
+        switch (input.Byte() % 3) {
+            case 0:
+                return DropOldest(static_cast<int>(input.Byte() % (kMostRecords + 2)) - 1);
+            case 1:
+                return DropByCount(static_cast<int>(input.Byte() % 8),
+                                   static_cast<int>(input.Byte() % 32));
+            default:
+                return MakeRoom(static_cast<std::int64_t>(input.Number()));
+        }
+    }
+
+    void Compare() const {
+        Require(evicted_ == rules_.evictions, "the same backups go, in the same order");
+        Require(storage_.free_size == rules_.free, "the same space is free");
+        Require(control_.max_count == rules_.max_count, "the same passes are left");
+        Require(Survivors() == rules_.users.size(), "the same users stay");
+        for (const User& user : rules_.users) CompareUser(user, storage_.users.at(user.name));
+    }
+
+  private:
+    using UserDesc = GlobalSizeControl::StorageDesc::UserDesc;
+
+    void MakeUser(const std::string& name, fuzz::Input& input) {
+        std::string date = "2026-01-01";
+        User user{name, {}};
+        const std::size_t records = input.Byte() % (kMostRecords + 1);
+        UserDesc& desc = storage_.users[name];
+        for (std::size_t i = 0; i < records; ++i) {
+            const unsigned bits = input.Byte();
+            for (unsigned gap = bits >> 6U; gap > 0; --gap) date = simple_rules::NextDay(date);
+            date = simple_rules::NextDay(date);
+            const Record record{date, static_cast<std::int64_t>(bits >> 2U & 7U), (bits & 1U) != 0,
+                                (bits & 34U) == 34U};
+            user.records.push_back(record);
+            desc.backups[date] = {record.size, record.full ? 0 : 1, record.locked, false};
+            storage_.free_size -= record.size;
+            rules_.free -= record.size;
+        }
+        rules_.users.push_back(std::move(user));
+    }
+
+    // What each daily rests on: the newest full before it.
+    void RememberBases() {
+        for (const User& user : rules_.users) {
+            std::string base;
+            for (const Record& record : user.records) {
+                if (record.full) base = record.date;
+                if (!record.full && !base.empty()) bases_[user.name][record.date] = base;
+            }
+            if (!user.records.empty()) newest_[user.name] = user.records.back().date;
+        }
+    }
+
+    void Evict(const Victim& victim) {
+        evicted_.push_back({*victim.user_name, victim.record->first, victim.record->second.size});
+        ForgetBackup(victim);
+    }
+
+    void EvictAll(const std::string& name, UserDesc& user, const std::vector<std::string>& dates) {
+        for (const std::string& date : dates) {
+            Evict({&storage_, &name, &user, user.backups.find(date)});
+        }
+    }
+
+    bool ProductDropsOldest(int keep) {
+        if (keep < 0) return false;
+        if (keep >= control_.max_count) return true;
+        VisitOldest(control_, keep, [this](const Victim& victim) { Evict(victim); });
+        --control_.max_count;
+        return true;
+    }
+
+    void DropOldest(int keep) {
+        Require(ProductDropsOldest(keep) == rules_.DropOldest(keep), "both end, or neither");
+    }
+
+    void MakeRoom(std::int64_t wanted) {
+        bool possible = true;
+        while (possible && storage_.free_size < wanted) {
+            possible = ProductDropsOldest(control_.max_count - 1);
+        }
+        bool expected = true;
+        while (expected && rules_.free < wanted) expected = rules_.DropOldest(rules_.max_count - 1);
+        Require(possible == expected, "both find room, or neither");
+    }
+
+    void DropByCount(int full, int daily) {
+        rules_.full_limit = full;
+        rules_.daily_limit = daily;
+        rules_.DropByCount();
+        for (auto& [name, user] : storage_.users) {
+            EvictAll(name, user, ExcessDailies(user.backups, daily));
+            EvictAll(name, user, ExcessFulls(user.backups, full));
+        }
+    }
+
+    std::size_t Survivors() const { return storage_.users.size(); }
+
+    void CompareUser(const User& user, const UserDesc& desc) const {
+        Require(desc.backups.size() == user.records.size(), "as many records stay");
+        for (const Record& record : user.records) {
+            const auto kept = desc.backups.find(record.date);
+            Require(kept != desc.backups.end(), "the same records stay");
+            Require(kept->second.size == record.size && (kept->second.type == 0) == record.full,
+                    "they stay as they were");
+        }
+        CheckRestorable(user.name, desc);
+    }
+
+    // Neither telling is asked here.
+    void CheckRestorable(const std::string& name, const UserDesc& desc) const {
+        const auto newest = newest_.find(name);
+        if (newest == newest_.end()) return;
+        Require(desc.backups.contains(newest->second), "the newest backup stays");
+        const auto bases = bases_.find(name);
+        if (bases == bases_.end()) return;
+        for (const auto& [date, backup] : desc.backups) {
+            const auto base = bases->second.find(date);
+            Require(base == bases->second.end() || desc.backups.contains(base->second),
+                    "what a daily rests on stays as long as the daily");
+        }
+    }
+
+    GlobalSizeControl control_;
+    GlobalSizeControl::StorageDesc& storage_;
+    Rules rules_;
+    std::vector<Eviction> evicted_;
+    std::map<std::string, std::map<std::string, std::string>> bases_;
+    std::map<std::string, std::string> newest_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::Input input(data, size);
+    World world(input);
+    while (!input.empty()) {
+        world.Step(input);
+        world.Compare();
+    }
+    return 0;
+}

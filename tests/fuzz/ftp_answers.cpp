@@ -1,0 +1,86 @@
+// What FTP servers answer: a transcript keeps no argument of a command and no text without end, and
+// a name in a listing is that of an entry of its directory, as the line has it.
+//
+// The first byte: "t" a transcript (a line that begins with ">" was sent), "m" a machine listing,
+// "l" one for people.
+#include <algorithm>
+
+#include "backends/ftp/listing.h"
+#include "backends/ftp/reply.h"
+#include "fuzz.h"
+#include "stored_name.h"
+
+namespace {
+
+using fuzz::Require;
+using namespace quarn2::ftp;
+
+constexpr std::size_t kLongestText = 20UL * 1024;
+
+void CheckReply(const Reply& reply) {
+    Require(reply.code >= 0 && reply.code <= 999, "a code has three digits");
+    Require(reply.text.size() < kLongestText, "a text has an end");
+    Require(reply.verb.find(' ') == reply.verb.npos, "no argument of a command is kept");
+    SaysMissing(reply.text);
+    SaysDenied(reply.text);
+    SaysTlsNeeded(reply.text);
+    SaysTruncated(reply.text);
+    Require(!IsFull(reply) || reply.IsRefusal(), "a storage is full when it refuses");
+    IsUnknownCommand(reply);
+    KindOf(reply);
+}
+
+void CheckTranscript(fuzz::Input& input) {
+    Transcript transcript;
+    while (!input.empty()) {
+        const std::string line = input.Line();
+        if (line.starts_with('>')) {
+            transcript.Sent(line.substr(1) + "\r\n");
+        } else {
+            transcript.Received(line + "\r\n");
+        }
+        transcript.TellsPort();
+    }
+    for (const Reply& reply : transcript.replies()) {
+        CheckReply(reply);
+        const Reply* const found = transcript.Find(reply.verb);
+        Require(reply.code == 0 || found != nullptr, "a reply is found by its command");
+    }
+    const Reply* const refusal = transcript.Refusal();
+    Require(refusal == nullptr || refusal == &transcript.replies().back(),
+            "a refusal answers what was sent last");
+}
+
+void CheckListing(const std::string& text, Listing (*parse)(std::string_view)) {
+    Listing listing;
+    if (!fuzz::Accepts([&] { listing = parse(text); })) return;
+    Require(text.empty() || text.ends_with('\n'), "a listing that is cut off is refused");
+    for (const Entry& entry : listing.entries) {
+        Require(!entry.name.empty() && entry.name != "." && entry.name != ".." &&
+                    entry.name.find('/') == entry.name.npos && !quarn2::HasControl(entry.name),
+                "a name is that of an entry of the directory");
+        Require(text.find(entry.name) != text.npos, "a name stands in its line");
+    }
+    const auto lines = std::count(text.begin(), text.end(), '\n');
+    Require(listing.entries.size() <= static_cast<std::size_t>(lines), "a line has one name");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::Input input(data, size);
+    switch (input.Byte()) {
+        case 't':
+            CheckTranscript(input);
+            break;
+        case 'm':
+            CheckListing(input.Rest(), ParseMachineListing);
+            break;
+        case 'l':
+            CheckListing(input.Rest(), ParseListing);
+            break;
+        default:
+            ParseFacts(input.Rest());
+    }
+    return 0;
+}

@@ -1,0 +1,182 @@
+// The master link, both sides. The server's session: the same bytes in other pieces mean the same,
+// every answer is a whole frame, and no line makes room that is not there or names a place outside
+// of the info root. The node client: a frame is taken exactly or not at all.
+//
+// The first byte: "0" a client of this machine, "1" of another one, "2" frames for a node client.
+#include <unistd.h>
+
+#include <csignal>
+#include <fstream>
+#include <vector>
+
+#include "backends/memory/memory_backend.h"
+#include "fuzz.h"
+#include "kro/kro_file.h"
+#include "kro/kro_proc.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_put_node.h"
+#include "session_link.h"
+
+namespace {
+
+using fuzz::Require;
+
+const char* const kToken = "memory:link";
+constexpr std::int64_t kLimit = 1'000'000;
+// What a pipe holds with room to spare.
+constexpr std::size_t kPiece = 4096;
+
+void PlaceInfoRoot() {
+    fuzz::WorkFolder();
+    if (std::filesystem::exists("info/kept")) return;
+    std::filesystem::create_directory("info");
+    std::ofstream("info/kept") << "one file, so that the root is not empty";
+}
+
+// A server with one session.
+class Server {
+  public:
+    Server(unsigned limited, bool remote)
+        : storage_(control_.AddStorage(quarn2::GetStorage(quarn2::BackupToken(kToken)))),
+          link_(storage_, remote ? std::vector<std::string>{"ssh"} : std::vector<std::string>{}) {
+        control_.path = "info";
+        control_.size_limit = limited % 2 == 0 ? kLimit : ServerLimits::kNoSize;
+        storage_.limit = storage_.free_size = control_.size_limit;
+    }
+
+    void Feed(std::string_view bytes) {
+        const std::string piece(bytes);
+        link_.ClientWrites(piece);
+        open_ = open_ && link_.session()->Read(link_.read_end()) != quarn2::Expect::erClose;
+        link_.session()->Write(link_.write_end());
+        answers_ += link_.Bytes();
+    }
+    bool open() const { return open_; }
+    const std::string& answers() const { return answers_; }
+    const GlobalSizeControl& control() const { return control_; }
+    const GlobalSizeControl::StorageDesc& storage() const { return storage_; }
+
+  private:
+    GlobalSizeControl control_;
+    GlobalSizeControl::StorageDesc& storage_;
+    SessionLink link_;
+    std::string answers_;
+    bool open_ = true;
+};
+
+void CheckFrames(const std::string& answers) {
+    for (const std::string& answer : SessionLink::Cut(answers)) {
+        Require(answer.starts_with("OK") || answer.starts_with("ERR "),
+                "every answer is a whole frame");
+    }
+}
+
+void CheckNames(const Server& server) {
+    for (const auto& [name, user] : server.storage().users) {
+        for (const auto& [date, backup] : user.backups) {
+            Require(name.find('/') == name.npos && date.find('/') == date.npos,
+                    "no user and no date is a path");
+            Require(backup.size >= 0, "no backup has less than nothing");
+        }
+    }
+}
+
+void CheckAccount(const Server& server) {
+    if (server.control().size_limit != kLimit) return;
+    Require(server.storage().free_size <= kLimit, "no line makes room that is not there");
+}
+
+void CheckSession(bool remote, fuzz::Input& input) {
+    PlaceInfoRoot();
+    quarn2::MemoryStore::Named("link")->Reset();
+    const unsigned limited = input.Byte();
+    const std::string lines = input.Rest();
+    Server whole(limited, remote);
+    for (std::size_t at = 0; at < lines.size() && whole.open(); at += kPiece) {
+        whole.Feed(std::string_view(lines).substr(at, kPiece));
+    }
+    CheckFrames(whole.answers());
+    CheckNames(whole);
+    CheckAccount(whole);
+    quarn2::MemoryStore::Named("link")->Reset();
+    Server pieces(limited, remote);
+    fuzz::InPieces(lines, [&pieces](std::string_view piece) {
+        if (pieces.open()) pieces.Feed(piece);
+    });
+    Require(pieces.answers() == whole.answers(), "lines in pieces mean the same");
+    Require(pieces.storage().free_size == whole.storage().free_size &&
+                pieces.storage().reserved == whole.storage().reserved,
+            "the account is the same too");
+}
+
+// The frames that a simple reader finds before the first that is cut off.
+std::vector<std::string> FramesIn(std::string_view bytes) {
+    std::vector<std::string> frames;
+    std::uint32_t length = 0;
+    while (bytes.size() >= sizeof length) {
+        std::memcpy(&length, bytes.data(), sizeof length);
+        bytes.remove_prefix(sizeof length);
+        if (bytes.size() < length) break;
+        frames.emplace_back(bytes.substr(0, length));
+        bytes.remove_prefix(length);
+    }
+    return frames;
+}
+
+void CheckNodeSide(fuzz::Input& input) {
+    const std::string bytes = input.Take(kPiece);
+    auto pipe = kro_proc::Pipe();
+    Require(write(pipe.second, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
+            "a pipe takes the bytes");
+    pipe.second.Close();
+    for (const std::string& frame : FramesIn(bytes)) {
+        Require(NodeSide::GetResult(pipe.first) == frame, "a whole frame is taken exactly");
+    }
+    Require(!fuzz::Accepts([&pipe] { NodeSide::GetResult(pipe.first); }),
+            "a frame that is cut off is none");
+}
+
+// The node client's meaning of the same frames as answers.
+void CheckExchange(const std::string& bytes) {
+    const std::string token = kToken;
+    const auto length = static_cast<std::uint32_t>(token.size());
+    const std::string said =
+        std::string(reinterpret_cast<const char*>(&length), sizeof length) + token + bytes;
+    auto answers = kro_proc::Pipe();
+    const auto commands = kro_proc::Pipe();
+    Require(write(answers.second, said.data(), said.size()) == static_cast<ssize_t>(said.size()),
+            "a pipe takes the bytes");
+    answers.second.Close();
+    kro_thread::SafeLock lock;
+    NodeSide node(lock, {answers.first, commands.second});
+    for (const std::string& frame : FramesIn(bytes)) {
+        std::string answer;
+        const bool granted = fuzz::Accepts([&] { answer = node.DoCommand("RELEASE 1\n"); });
+        Require(granted == (frame == "OK" || frame.starts_with("OK ")),
+                "what is granted begins with OK, and nothing else does");
+        Require(!granted || answer == frame.substr(std::min<std::size_t>(3, frame.size())),
+                "its text is what stands behind");
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool ready = [] {
+        std::signal(SIGPIPE, SIG_IGN);
+        setenv("BACKUP_TOKEN", kToken, 1);
+        quarn2::RegisterMemoryScheme();
+        return true;
+    }();
+    Require(ready, "the storage in memory is known");
+    fuzz::Input input(data, size);
+    const unsigned what = input.Byte() % 3;
+    if (what == 2) {
+        fuzz::Input again = input;
+        CheckNodeSide(input);
+        CheckExchange(again.Take(kPiece));
+    } else {
+        CheckSession(what == 1, input);
+    }
+    return 0;
+}

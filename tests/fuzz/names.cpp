@@ -1,0 +1,126 @@
+// Names as a listing, a command line or an info file tells them: no accepted one leads out of a
+// root, and what is cut off a name leaves its directory alone.
+#include "quarn2/names.h"
+
+#include <algorithm>
+#include <optional>
+#include <vector>
+
+#include "backends/s3/keys.h"
+#include "backends/webdav/dav_names.h"
+#include "fuzz.h"
+#include "info_places.h"
+#include "kro/kro_date.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "quarn2/info.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_put_node.h"
+#include "stored_name.h"
+
+namespace {
+
+using fuzz::Require;
+
+const std::string kRoot = "/root/of/all";
+
+bool IsBelow(const std::string& path) {
+    return kro_file::GoodPath(path).starts_with(kRoot + "/") && path.find("/../") == path.npos;
+}
+
+bool IsStoredName(const std::string& name) {
+    return fuzz::Accepts([&name] { quarn2::CheckStoredName(name); });
+}
+
+void CheckCuts(const std::string& name) {
+    const std::string stem = quarn2::StripSliceNumber(name);
+    Require(name.starts_with(stem), "a stem is the beginning of its name");
+    Require(stem.size() >= name.rfind('/') + 1, "a slice number is not cut out of a directory");
+    const std::string extension = quarn2::GetExtByInfo({{"last-slice", name}});
+    Require(extension.starts_with('.') && extension.find('/') == extension.npos,
+            "an extension is no path");
+    Require(name.find(quarn2::GetUserName(name)) != name.npos, "a user is a piece of the name");
+    const std::string date = quarn2::GetDate(name);
+    Require(date == "custom" || name.find(date) != name.npos, "a date is a piece of the name");
+    Require(date.find('/') == date.npos && quarn2::GetUserName(name).find('/') == date.npos,
+            "neither is a path");
+    Require(NodeSide::Key(name).find('/') == name.npos, "a key of uploads is no path");
+    Require(!quarn2::GetPath(name).starts_with('/'), "a storage path is relative");
+    Require(kro_file::GoodPath(kro_file::GoodPath(name)) == kro_file::GoodPath(name),
+            "a normalised path is normalised");
+    quarn2::IsAdminData(name);
+    if (kro_date::IsDate(name)) {
+        Require(kro_date::Date(name).AsDate() == name, "a date is written as it is read");
+    }
+}
+
+// The prefix of broken backups: what every removal by prefix compares.
+void CheckPrefix(const std::string& name) {
+    const std::string prefix = GetPrefix(name);
+    Require(name.find(prefix) != name.npos && prefix.size() + 1 >= prefix.size(),
+            "a prefix is a piece of the name");
+}
+
+// A rescan makes local files and directories of the names that a storage lists.
+void CheckListed(const std::string& name) {
+    if (quarn2::IsSafeName(name)) {
+        const std::string path = kro_file::ConcatPath(kRoot, name);
+        Require(IsBelow(path) && kro_file::Path(path) == kRoot, "a safe name stays in its place");
+    }
+    if (IsStoredName(name)) {
+        Require(IsBelow(kro_file::ConcatPath(kRoot, name)), "a stored name stays below the root");
+        Require(quarn2::GetPath(name) == name, "a stored name is normalised");
+    }
+}
+
+void CheckOwnFile(const std::string& local) {
+    std::string stored;
+    if (!fuzz::Accepts([&] { stored = quarn2::GetStoredName(local); })) return;
+    Require(IsStoredName(stored), "the stored name of a local file is one");
+    Require(stored.find(' ') == stored.npos, "a stored name ends with its word");
+    Require(kro_file::Name(stored) == kro_file::Name(kro_file::GoodPath(local)),
+            "a file keeps its name");
+}
+
+// Where a backup is looked for, whoever has named it.
+void CheckInfoPlaces(const std::string& name) {
+    if (!quarn2::IsSafeName(name)) return;
+    for (const std::string& place :
+         quarn2::InfoPlaces(kRoot, quarn2::GetUserName(name), quarn2::GetDate(name))) {
+        Require(IsBelow(place), "an info file is looked for below its root alone");
+    }
+}
+
+void CheckRemote(const std::string& name) {
+    Require(quarn2::s3::NameOf(quarn2::s3::KeyOf(name)) == name, "a key stands for one name");
+    static const quarn2::BackupToken token("webdav://u:p@host/a/b%20c");
+    static const quarn2::webdav::DavAddress address(token);
+    const std::optional<std::string> behind = address.NameOf(name);
+    Require(!behind || behind->empty() || IsBelow(kro_file::ConcatPath(kRoot, *behind)),
+            "an href stands for a name below the root, or for none");
+    if (!IsStoredName(name)) return;
+    Require(address.NameOf(address.File(name)) == name, "a URL stands for one name");
+    const std::string temporary = kro_file::Name(quarn2::webdav::NewTemporaryName(name));
+    Require(quarn2::webdav::IsTemporaryEntry(temporary), "a temporary name is known again");
+    Require(quarn2::webdav::IsTemporaryOf(temporary, kro_file::Name(name)),
+            "a temporary name is known for its file's");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    fuzz::Input input(data, size);
+    while (!input.empty()) {
+        const std::string name = input.Line();
+        CheckCuts(name);
+        CheckPrefix(name);
+        CheckListed(name);
+        CheckOwnFile(name);
+        CheckInfoPlaces(name);
+        CheckRemote(name);
+        Require(kro_file::IsTemporaryName(kro_file::TemporaryName(name + "x")),
+                "a local temporary name is known again");
+    }
+    return 0;
+}

@@ -1,0 +1,121 @@
+// A rescan of a storage that lists and hands out anything: whatever the names are, nothing changes
+// outside of the info root, and what it fetches lies under names that a listing may have.
+//
+// The input's lines are the storage's: each listing takes those up to the next empty line, each
+// file that is fetched too. The first byte: "p" a user's root, below var/backup, else a plain one.
+#include <fstream>
+#include <memory>
+#include <set>
+#include <span>
+#include <vector>
+
+#include "arguments.h"
+#include "fuzz.h"
+#include "kro/kro_err.h"
+#include "quarn2/names.h"
+#include "quarn2_backend/storage_backend.h"
+#include "quarn2_cp2_server_rescan.h"
+
+namespace {
+
+using fuzz::Require;
+namespace fs = std::filesystem;
+using Names = std::set<std::string>;
+
+// The bytes that are left to say; the storages that are opened share them.
+fuzz::Input*& Script() {
+    static fuzz::Input* script = nullptr;
+    return script;
+}
+
+class Hostile final : public quarn2::StorageBackend {
+  public:
+    bool Put(const std::string& /*name*/, quarn2::ByteSource& /*source*/) override { return true; }
+    void Get(const std::string& name, quarn2::ByteSink& sink) override {
+        const std::string text = Script()->Until("\n\n");
+        if (text.empty()) throw kro_err::Error(kro_err::Kind::kNotFound, "no file " + name);
+        sink.Write(std::as_bytes(std::span(text)));
+    }
+    void Remove(const std::string& /*name*/) override {}
+    void RemoveDir(const std::string& /*name*/) override {}
+    void MakeDir(const std::string& /*name*/) override {}
+    std::vector<std::string> List(const std::string& name) override {
+        // "=" stands for the name that is asked for: it is a file.
+        std::vector<std::string> names;
+        for (std::string line = Script()->Line(); !line.empty(); line = Script()->Line()) {
+            names.push_back(line == "=" ? name : line);
+        }
+        if (names.empty()) throw kro_err::Error(kro_err::Kind::kNotFound, "nothing at " + name);
+        return names;
+    }
+    void Clear() override {}
+};
+
+void Register() {
+    quarn2::BackendScheme scheme;
+    scheme.scheme = "hostile";
+    scheme.fault = [](const quarn2::BackupToken&) { return std::string(); };
+    scheme.open = [](const quarn2::BackupToken&) { return std::make_unique<Hostile>(); };
+    quarn2::RegisterScheme(std::move(scheme));
+    setenv("BACKUP_TOKEN", "hostile:x?arch_password=p", 1);
+}
+
+// The folders of a rescan, and what lies beside them.
+const std::string& Folder() {
+    static const std::string folder = [] {
+        fs::create_directories(fuzz::WorkFolder() + "/root/var/backup/tovarn");
+        fs::create_directories(fuzz::WorkFolder() + "/root/tmp");
+        fs::create_directories(fuzz::WorkFolder() + "/root/plain/info");
+        std::ofstream("root/outside.info") << "not of the info root";
+        std::ofstream("root/plain/outside.info") << "not of the info root";
+        std::ofstream("root/var/outside.info") << "not of the info root";
+        fs::current_path("root");
+        return fs::current_path().string();
+    }();
+    return folder;
+}
+
+Names Below(const std::string& directory, const std::string& but) {
+    Names names;
+    for (auto entry = fs::recursive_directory_iterator(directory);
+         entry != fs::recursive_directory_iterator(); ++entry) {
+        const std::string path = entry->path().lexically_relative(directory);
+        if (path == but) entry.disable_recursion_pending();
+        names.insert(path);
+    }
+    return names;
+}
+
+void CheckFetched(const std::string& root) {
+    for (const auto& entry : fs::recursive_directory_iterator(root)) {
+        Require(quarn2::IsSafeName(entry.path().filename()), "what is fetched has a name");
+        Require(!entry.is_symlink(), "and is no link");
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool registered = (Register(), true);
+    Require(registered && !Folder().empty(), "the storage is known");
+    fuzz::Input input(data, size);
+    const bool user_data = input.Byte() == 'p';
+    Script() = &input;
+    // A user's info root stands for the folder above it.
+    const std::string root = user_data ? "var/backup/u" : "plain/info";
+    const std::string cleaned = user_data ? "var/backup" : root;
+    fs::create_directories("var/backup/tovarn");
+    fs::create_directories(root);
+    const Names before = Below(".", cleaned);
+    const kro_args::ResultPtr args = Arguments({"--rescan", "--path", Folder() + "/" + root});
+    fuzz::Accepts([&args] { Rescan(*args); });
+    Names after = Below(".", cleaned);
+    after.erase("var/quarn2_cp.lock");
+    Names expected = before;
+    expected.erase("var/quarn2_cp.lock");
+    Require(after == expected, "nothing changes outside of the info root");
+    Require(fs::exists("var/backup/tovarn"), "an administrator's info root stays");
+    CheckFetched(cleaned);
+    fs::remove_all(cleaned);
+    return 0;
+}

@@ -1,0 +1,97 @@
+// Storage tokens: no secret of one is ever displayed, whatever is wrong with it, and what is
+// displayed says the same as what was read.
+//
+// The input is a text; every "\x01" in it becomes a made-up secret.
+#include "quarn2/token.h"
+
+#include <vector>
+
+#include "backends/memory/memory_backend.h"
+#include "fuzz.h"
+#include "quarn2_backend/storage_backend.h"
+
+namespace {
+
+using fuzz::Require;
+using quarn2::BackupToken;
+
+const std::string kSecret = "Zq7KxW9vPm3T";
+
+std::string WithSecret(const std::string& text) {
+    std::string filled;
+    for (const char c : text) {
+        if (c == '\x01') {
+            filled += kSecret;
+        } else {
+            filled += c;
+        }
+    }
+    return filled;
+}
+
+bool Has(const std::string& text) { return text.find(kSecret) != text.npos; }
+
+std::vector<std::string> ParamsOf(const BackupToken& token) {
+    const quarn2::BackendScheme* const scheme = quarn2::FindScheme(token.scheme());
+    std::vector<std::string> names = {"ca", "limit_rate", "timeout"};
+    names.insert(names.end(), scheme->params.begin(), scheme->params.end());
+    std::erase_if(names, [scheme](const auto& name) { return scheme->secrets.contains(name); });
+    return names;
+}
+
+// The secret stands where it may be seen: its owner has written it into a path.
+bool IsPublic(const BackupToken& token) {
+    bool anywhere = Has(token.user()) || Has(token.host()) || Has(token.path());
+    for (const std::string& name : ParamsOf(token)) anywhere = anywhere || Has(token.Param(name));
+    return anywhere;
+}
+
+void CheckValid(const BackupToken& token) {
+    const std::string shown = token.Str();
+    Require(!Has(shown) || IsPublic(token), "a secret is not displayed");
+    const BackupToken again(shown);
+    // A scheme may refuse the stars that stand for a secret, or the text without them.
+    if (!again) return;
+    Require(again.scheme() == token.scheme() && again.user() == token.user() &&
+                again.host() == token.host() && again.port() == token.port() &&
+                again.path() == token.path(),
+            "what is displayed is what was read");
+    for (const std::string& name : ParamsOf(token)) {
+        Require(again.Param(name) == token.Param(name), "a parameter is displayed as it was read");
+    }
+    Require(again.Str() == shown, "a displayed token is displayed alike");
+}
+
+void Check(const std::string& text) {
+    const BackupToken token(text);
+    if (token) return CheckValid(token);
+    Require(token.Str() == "***", "an invalid token is not displayed");
+    Require(token.scheme().empty() && token.password().empty() && token.path().empty(),
+            "an invalid token holds nothing");
+}
+
+// A secret in a secret's place: no mistake before or behind it brings it into an error text.
+void CheckFault(const std::string& text) {
+    const BackupToken token(text);
+    Require(!Has(token.fault()), "a secret stands in no error text");
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    static const bool registered = (quarn2::RegisterMemoryScheme(), true);
+    Require(registered, "the storage in memory is known");
+    fuzz::Input input(data, size);
+    const std::string text = input.Rest();
+    // The secret is known by heart: who has read it here may write it anywhere.
+    if (Has(text)) return 0;
+    Check(WithSecret(text));
+    fuzz::Input halves(data, size);
+    const std::string before = halves.Until("\x01");
+    const std::string behind = halves.Rest();
+    if (before.find('\x01') == before.npos && behind.find('\x01') == behind.npos) {
+        CheckFault(before + "arch_password=" + kSecret + behind);
+        CheckFault(before + "://user:" + kSecret + behind);
+    }
+    return 0;
+}
