@@ -1,0 +1,164 @@
+// The account of a large storage: its memory, one eviction pass, a reservation, a completion.
+#include <benchmark/benchmark.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "kro/kro_proc.h"
+#include "quarn2/expect.h"
+#include "quarn2_cp2_server_eviction.h"
+#include "quarn2_cp2_server_model.h"
+#include "quarn2_cp2_server_session.h"
+
+namespace {
+
+constexpr int kUsers = 100'000;
+constexpr int kRecordsEach = 10;
+constexpr std::int64_t kRoom = std::int64_t{1} << 60;
+
+std::string UserName(int number) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "customer%06d", number);
+    return text.data();
+}
+
+std::string DateName(int number) {
+    std::array<char, 32> text{};
+    std::snprintf(text.data(), text.size(), "2026-03-%02d", number + 1);
+    return text.data();
+}
+
+// As a scan leaves it: every user has a full, six dailies, a full and dailies again.
+void Fill(GlobalSizeControl& control) {
+    control.size_limit = kRoom;
+    control.max_count = kRecordsEach;
+    auto& storage = control.AddStorage(nullptr);
+    for (int user = 0; user < kUsers; ++user) {
+        auto& backups = storage.users[UserName(user)].backups;
+        for (int day = 0; day < kRecordsEach; ++day) {
+            backups[DateName(day)] = {1000 + day, day % 7 == 0 ? 0 : 1, false};
+        }
+    }
+}
+
+void BM_MemoryPerRecord(benchmark::State& state) {
+    double bytes = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        const std::size_t before = mallinfo2().uordblks + mallinfo2().hblkhd;
+        GlobalSizeControl control;
+        Fill(control);
+        const std::size_t after = mallinfo2().uordblks + mallinfo2().hblkhd;
+        bytes = static_cast<double>(after - before) / (double{kUsers} * kRecordsEach);
+    }
+    state.counters["bytes_per_record"] = bytes;
+}
+BENCHMARK(BM_MemoryPerRecord)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+// Every user stands at the maximum, so each gives one backup: the most that a pass can have to do.
+void BM_EvictionPlan(benchmark::State& state) {
+    GlobalSizeControl control;
+    Fill(control);
+    std::size_t victims = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        victims = 0;
+        VisitOldest(control, control.max_count - 1, [&victims](const Victim& victim) {
+            benchmark::DoNotOptimize(&*victim.record);
+            ++victims;
+        });
+    }
+    state.counters["victims"] = static_cast<double>(victims);
+}
+BENCHMARK(BM_EvictionPlan)->Unit(benchmark::kMillisecond);
+
+// The plan and taking the chosen records out of the account, which is a whole pass but for the
+// storage.
+void BM_EvictionPass(benchmark::State& state) {
+    for ([[maybe_unused]] auto _ : state) {
+        state.PauseTiming();
+        {
+            GlobalSizeControl control;
+            Fill(control);
+            state.ResumeTiming();
+            VisitOldest(control, control.max_count - 1, ForgetBackup);
+            --control.max_count;
+            state.PauseTiming();
+        }
+        state.ResumeTiming();
+    }
+}
+BENCHMARK(BM_EvictionPass)->Iterations(10)->Unit(benchmark::kMillisecond);
+
+// A session whose client is this process: the answers are taken out of the pipe now and then.
+class Link {
+  public:
+    explicit Link(GlobalSizeControl& control)
+        : session_(control.storages.at(""), loop_, {"unused"}), pipe_(kro_proc::Pipe()) {
+        session_.Attach(ResHandle(), pipe_.second);
+    }
+
+    void Send(const std::string& line) {
+        session_.ProcessCommand(line);
+        if (++unread_ == kAnswersAtOnce) TakeAnswers();
+    }
+
+  private:
+    static constexpr int kAnswersAtOnce = 512;
+
+    void TakeAnswers() {
+        std::array<char, 65536> answers{};
+        session_.Write(pipe_.second);
+        const ssize_t count = read(pipe_.first, answers.data(), answers.size());
+        if (count < 3 * kAnswersAtOnce) std::abort();
+        unread_ = 0;
+    }
+
+    quarn2::Expect loop_;
+    MasterSide session_;
+    std::pair<ResHandle, ResHandle> pipe_;
+    int unread_ = 0;
+};
+
+void BM_Reserve(benchmark::State& state) {
+    GlobalSizeControl control;
+    Fill(control);
+    Link link(control);
+    for ([[maybe_unused]] auto _ : state) link.Send("RESERVE 1048576");
+    auto& storage = control.storages.at("");
+    if (storage.reserved != static_cast<std::int64_t>(state.iterations()) * 1048576) std::abort();
+}
+// As many as fit into the room: none may evict.
+BENCHMARK(BM_Reserve)->Iterations(1'000'000)->Unit(benchmark::kNanosecond);
+
+// One completion per user, as many times round as it takes.
+void Complete(benchmark::State& state, std::int64_t stride) {
+    GlobalSizeControl control;
+    Fill(control);
+    Link link(control);
+    std::vector<std::string> lines;
+    for (std::int64_t number = 0; number < kUsers; ++number) {
+        const int user = static_cast<int>((number * stride) % kUsers);
+        lines.push_back("COMPLETE " + UserName(user) + " " + DateName(kRecordsEach) +
+                        " incremental 1000");
+    }
+    std::size_t next = 0;
+    for ([[maybe_unused]] auto _ : state) {
+        link.Send(lines[next]);
+        next = (next + 1) % lines.size();
+    }
+}
+
+void BM_CompleteInOrder(benchmark::State& state) { Complete(state, 1); }
+BENCHMARK(BM_CompleteInOrder)->Unit(benchmark::kNanosecond);
+
+// Users all over the account: hardly any part of it is in the processor's cache.
+void BM_CompleteAtRandom(benchmark::State& state) { Complete(state, 7919); }
+BENCHMARK(BM_CompleteAtRandom)->Unit(benchmark::kNanosecond);
+
+}  // namespace
+
+BENCHMARK_MAIN();
