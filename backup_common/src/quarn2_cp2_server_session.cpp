@@ -81,11 +81,16 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
     KRO_LOG(kLog, 8, "quarn2::Expect::Result* MasterSide::Read(ResHandle)");
     pollfd state{handle, POLLIN, 0};
     poll(&state, 1, 0);
-    if ((state.revents & POLLHUP) != 0) {
-        KRO_LOG(kLog, 4, "Client disconnected. Close");
-        return Closed();
+    if ((state.revents & POLLHUP) != 0) return Disconnected();
+    switch (ReadAvailable(handle)) {
+        case Reading::kMore:
+            break;
+        // It has gone since the look above.
+        case Reading::kEnd:
+            return Disconnected();
+        case Reading::kFailed:
+            return Closed();
     }
-    if (!ReadAvailable(handle)) return Closed();
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
     HandOverLines();
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
@@ -100,21 +105,26 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
     return quarn2::Expect::erOk;
 }
 
+quarn2::Expect::Result* MasterSide::Disconnected() {
+    KRO_LOG(kLog, 4, "Client disconnected. Close");
+    return Closed();
+}
+
 quarn2::Expect::Result* MasterSide::Closed() {
     is_open_ = false;
     return quarn2::Expect::erClose;
 }
 
-// Reads what is there; false when the client's output has ended or cannot be read.
-bool MasterSide::ReadAvailable(int fd) {
+MasterSide::Reading MasterSide::ReadAvailable(int fd) {
     char piece[kReadPiece];
     for (;;) {
         const ssize_t count = read(fd, piece, sizeof piece);
-        if (count <= 0) return count < 0 && errno == EAGAIN;
+        if (count == 0) return Reading::kEnd;
+        if (count < 0) return errno == EAGAIN ? Reading::kMore : Reading::kFailed;
         m_read.append(piece, static_cast<std::size_t>(count));
         // A client that writes without a pause must not keep the others waiting, nor grow the
         // buffer.
-        if (m_read.size() > kLongestLine) return true;
+        if (m_read.size() > kLongestLine) return Reading::kMore;
     }
 }
 

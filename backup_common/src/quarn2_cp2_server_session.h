@@ -56,9 +56,13 @@ class MasterSide {
     std::unique_ptr<ClientProcess> Close();
 
   private:
+    // What a look at the client's output came to.
+    enum class Reading { kMore, kEnd, kFailed };
+
+    quarn2::Expect::Result* Disconnected();
     quarn2::Expect::Result* Closed();
     void Queue(const std::string& message);
-    bool ReadAvailable(int fd);
+    Reading ReadAvailable(int fd);
     void HandOverLines();
 
     std::string Answer(const std::string& word, const std::string& arguments);

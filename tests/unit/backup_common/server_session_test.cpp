@@ -1,4 +1,5 @@
 // A session's transport: lines in, frames out, the start of a client.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/stat.h>
@@ -118,6 +119,15 @@ TEST_F(Session, AClientThatHasGoneIsClosedWithALine) {
     link_.client_output().Close();
     EXPECT_EQ(Read(), Expect::erClose);
     EXPECT_EQ(Log(), (Lines{kReadTrace, "4: Client disconnected. Close"}));
+}
+
+TEST_F(Session, AClientThatGoesWhileItIsReadIsClosedWithTheSameLine) {
+    // Like a pipe whose end comes between the look and the reading: no hang-up, and nothing to
+    // read.
+    const ResHandle ended(open("/dev/null", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(link_.session()->Read(ended), Expect::erClose);
+    EXPECT_EQ(Log(), (Lines{kReadTrace, "4: Client disconnected. Close"}));
+    EXPECT_FALSE(link_.session()->is_open());
 }
 
 TEST_F(Session, ADescriptorThatCannotBeReadIsClosedWithoutALine) {
