@@ -63,6 +63,8 @@ ClientProcess::~ClientProcess() {
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "%s", error.what());
     }
+    // For the event loop's copy too.
+    output_.Close();
 }
 
 ClientProcess::Pipes ClientProcess::Start() {

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kro/kro_proc.h"
@@ -54,6 +55,9 @@ class ClientProcess {
     // says why it could not be started.
     Pipes Start();
 
+    // Keeps the pipe that it speaks into open until its end. What it says there is not read.
+    void KeepOutput(ResHandle from_client) { output_ = std::move(from_client); }
+
     // Takes what it has said on standard error, never more than a pipe holds.
     void Listen();
 
@@ -77,6 +81,7 @@ class ClientProcess {
   private:
     kro_proc::Execute child_;
     bool is_remote_;
+    ResHandle output_;
     ResHandle errors_;
     LastWords words_;
     int pressed_ = 0;  // the last signal sent

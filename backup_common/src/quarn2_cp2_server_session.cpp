@@ -56,7 +56,10 @@ void MasterSide::Start() {
 std::unique_ptr<ClientProcess> MasterSide::Close() {
     is_open_ = false;
     write_.Close();
-    read_.Close();
+    // Nobody listens any more, but a client that still asks for room must find its answers' end,
+    // not a broken pipe: that would pass for a refusal, which costs an upload its local file.
+    loop_.SetEvents(read_, 0);
+    if (client_) client_->KeepOutput(std::exchange(read_, ResHandle()));
     return std::move(client_);
 }
 

@@ -6,6 +6,7 @@ import shutil
 import subprocess
 import unittest
 
+import harness
 from harness import Server, SystemTest, read, tree, wait_for, write
 from link import ScriptedServer, control
 from samples import chain, day, info_text, left
@@ -97,7 +98,9 @@ class Refused(FullStorageTest):
         server.expect("DROPONE 2")
         # The answer is owed, so the next reservation waits for it on the link.
         second = server.call("PUT " + self.source("F2026-11-20.web2.tgz", 4096))
-        self.assertFalse(second.has_answer(0.3))
+        root.wait_log("quarn2::Expect::Result* NodeSide::operator()(ResHandle)", pid=server.pid, count=2)
+        wait_for(lambda: harness.stat_of(server.pid)[0] == "S", "the command's wait for the link")
+        self.assertFalse(second.has_answer(0.1))
         server.answer("ERR no")
         lines = [server.stream.line()]
         server.answer("OK 3" if lines[0].startswith("RESERVE") else "OK")
@@ -143,6 +146,18 @@ class ServerMakesRoom(FullStorageTest):
         self.assertEqual([day(0)], left(backups))
         self.assertIn("F2026-11-20.web2.tgz", root.stored())
         self.assertEqual(0, server.end())
+
+    def test_an_upload_that_wants_room_while_its_server_ends_keeps_its_file(self):
+        root = self.root_
+        chain(root, "web1", "FFF")
+        # Slow enough that the server goes before the storage is full.
+        root.token += "?limit_rate=500000"
+        server = Server(root, "--date", "2026-11-20").wait_ready()
+        path = self.source("F2026-11-20.web2.tgz")
+        self.assert_success(root.run("--put", path, "--no-delete"))
+        self.assertEqual(0, server.end())
+        self.assertEqual(["F2026-11-20.web2.tgz"], tree(root.work))
+        self.assertEqual([], [name for name in root.stored() if "web2" in name])
 
 
 if __name__ == "__main__":

@@ -259,6 +259,18 @@ TEST_F(Session, TheLoopDropsAClientThatHasGoneAndServesOn) {
     EXPECT_FALSE(static_cast<bool>(link_.read_end())) << "its descriptor is closed";
 }
 
+TEST_F(Session, AClientOfAClosedLinkSpeaksToNobodyButIntoAWholePipe) {
+    link_.loop().Add(link_.read_end(), POLLIN, link_.session(), &MasterSide::Read);
+    std::unique_ptr<ClientProcess> client = link_.session()->Close();
+    ClearLog();
+    link_.ClientWrites("RESERVE 5\n");
+    link_.loop().Run(20);
+    EXPECT_EQ(Log(), Lines()) << "nobody listens";
+    EXPECT_EQ(storage_.reserved, 0);
+    client.reset();
+    EXPECT_FALSE(static_cast<bool>(link_.read_end())) << "closed with the client's end";
+}
+
 // --- The client's process ---
 
 class Child : public ProgramSite {
