@@ -88,23 +88,19 @@ void CheckInfoRoot(const std::string& path) {
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
 }
 
-// A backup whose info file has gone was deleted by a job meanwhile, or is a day that never had one:
-// nothing is left to delete, only the record goes. That of another machine may still be on the
-// storage.
+// A backup without a local info file was deleted by a job meanwhile, or another machine or a job
+// with a directory of its own keeps the file: only the storage knows. A day that was filled in
+// takes nothing from anybody, and nobody need be asked.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::string& date = victim.record->first;
     const std::string info_path = quarn2::GetInfoFile(control.path, *victim.user_name, date);
     const std::int64_t size = victim.record->second.size;
     const bool exists = kro_file::Exists(info_path);
-    // A filled-in day takes nothing from anybody: no matter for an operator.
     KRO_LOG(kLog, exists || size != 0 ? 5 : 6, "Evict backup '%s', size: %lld", info_path.c_str(),
             static_cast<long long>(size));
-    if (exists) {
-        Delete(victim.storage->storage, info_path, false);
-        return;
-    }
-    if (size != 0) CheckInfoRoot(control.path);
-    if (victim.record->second.remote) {
+    if (exists) return Delete(victim.storage->storage, info_path, false);
+    if (size != 0) {
+        CheckInfoRoot(control.path);
         const std::string fetched =
             FetchInfoFile(*victim.storage->storage, control.path, *victim.user_name, date);
         if (!fetched.empty()) return Delete(victim.storage->storage, fetched, false);

@@ -36,7 +36,6 @@ struct GlobalSizeControl {
                 std::int64_t size = 0;
                 std::int32_t type = 1;  // 0 full, 1 daily: needs the newest full before it
                 bool locked = false;    // never chosen for eviction
-                bool remote = false;    // made by another machine, which has the info file
             };
 
             static bool IsFull(const std::pair<const std::string, BackupInfo>& record) noexcept {

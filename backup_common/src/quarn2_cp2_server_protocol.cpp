@@ -94,7 +94,6 @@ std::string MasterSide::Complete(std::string arguments) {
         UserDesc::BackupInfo& backup = user.backups[date];
         backup.size = size;
         backup.type = type == "full" ? 0 : 1;
-        backup.remote = is_remote_;
     }
     const std::int64_t locked_after = LockedSize(user);
     KRO_LOG(kLog, 9, "%s:%d available_size = %lld, locked_before = %lld, locked_after = %lld",

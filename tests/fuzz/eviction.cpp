@@ -74,7 +74,7 @@ class World {
             const Record record{date, static_cast<std::int64_t>(bits >> 2U & 7U), (bits & 1U) != 0,
                                 (bits & 34U) == 34U};
             user.records.push_back(record);
-            desc.backups[date] = {record.size, record.full ? 0 : 1, record.locked, false};
+            desc.backups[date] = {record.size, record.full ? 0 : 1, record.locked};
             storage_.free_size -= record.size;
             rules_.free -= record.size;
         }

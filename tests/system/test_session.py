@@ -287,8 +287,19 @@ class Reservation(SystemTest):
         root = self.root()
         backups = chain(root, "web1", "FF", size=50)
         link = self.session(root, "--size-limit", "100")
+        deletion = root.run("--delete", backups[0].info_path, env={"BACKUP_TOKEN": root.token})
+        self.assert_success(deletion)
+        self.assertTrue(backups[0].is_gone())
+        self.assertEqual("OK 1", link.ask("RESERVE 50"))
+        self.assertTrue(backups[1].is_whole())
+
+    def test_a_backup_whose_info_file_lies_elsewhere_leaves_the_storage_too(self):
+        root = self.root()
+        backups = chain(root, "web1", "FF", size=50)
+        link = self.session(root, "--size-limit", "100")
         os.unlink(backups[0].info_path)
         self.assertEqual("OK 1", link.ask("RESERVE 50"))
+        self.assertTrue(backups[0].is_gone())
         self.assertTrue(backups[1].is_whole())
 
 

@@ -1,8 +1,9 @@
 // The meaning of a node client's lines: the arithmetic of reservation, completion, eviction on
-// request and release. The model has no files here: what is evicted counts as already gone.
+// request and release. There are no files here: what is evicted counts as already gone.
 #include <gtest/gtest.h>
 
 #include "program_site.h"
+#include "quarn2/token.h"
 #include "session_link.h"
 
 namespace {
@@ -20,6 +21,7 @@ class Protocol : public ProgramSite {
         control_.size_limit = 200;
         storage_.owner = &control_;
         storage_.limit = storage_.free_size = 200;
+        storage_.storage = quarn2::GetStorage(quarn2::BackupToken("memory:site"));
     }
 
     void Add(const std::string& user, const std::string& date, std::int64_t size, int type) {
