@@ -186,12 +186,10 @@ void RemoveLocalDirectory(const std::string& info_path) {
     kro_file::SyncDir(parent);
 }
 
-// Whatever the slices were called: afterwards the backup that the info file names is gone, on both
-// sides, and no scan brings it back.
-void RemoveRest(Removal& storage, const std::string& info_path) {
+// Whatever the slices were called: a scan of the storage must not bring the backup back.
+void RemoveStoredInfo(Removal& storage, const std::string& info_path) {
     storage.RemoveFile(kro_file::Name(info_path));
     storage.storage()->SyncRemovals("");
-    RemoveLocalFiles(info_path);
 }
 
 // Every entry that names slices, and what is left after them.
@@ -199,6 +197,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     const auto last_slice = info.find("last-slice");
     const PlainBackup backup{storage, kro_file::Path(info_path), quarn2::GetExtByInfo(info),
                              last_slice == info.end() ? "" : last_slice->second};
+    bool plain_form = false;
     bool directory_form = false;
     bool all_deleted = true;
     // From the last key to the first: every role goes before "last-slice".
@@ -215,14 +214,16 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
             directory_form = true;
             if (key == "last-slice") storage.RemoveDir(remote_directory);
         } else {
+            plain_form = true;
             DeletePlainEntry(backup, key, slice);
         }
     }
     // The info file of slices that could not be deleted is needed to try again.
+    if (all_deleted && (plain_form || !directory_form)) RemoveStoredInfo(storage, info_path);
     if (directory_form) {
         RemoveLocalDirectory(info_path);
     } else if (all_deleted) {
-        RemoveRest(storage, info_path);
+        RemoveLocalFiles(info_path);
     }
 }
 

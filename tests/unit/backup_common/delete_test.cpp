@@ -280,6 +280,15 @@ TEST_F(DeleteTest, ARoleInADirectoryLeavesTheStoragesDirectoryToTheLastSlice) {
     EXPECT_EQ(Below("root"), Lines());
 }
 
+TEST_F(DeleteTest, ARoleInADirectoryBesideAPlainArchiveLeavesNoInfoFileOnTheStorage) {
+    store_->SetFile("2026-11-15.web1.info", "x");
+    EXPECT_EQ(Run("last-slice=F2026-11-15.web1.tgz\nrole-db=web1/db/F.1.dar"),
+              (Lines{"Remove F2026-11-15.web1.tgz", "Remove 2026-11-15.web1.tgz",
+                     "Remove F2026-11-15.web1.info", "Remove 2026-11-15.web1.info"}));
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(Below("root"), Lines());
+}
+
 TEST_F(DeleteTest, AnInfoFileAmongOthersTakesOnlyItsOwnAlong) {
     Place("root/2026-11-16.web1.info", "x");
     Place("root/2026-11-15.web1.tgz", "x");
