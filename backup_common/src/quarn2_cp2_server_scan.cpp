@@ -56,8 +56,15 @@ class Scanner {
         return std::string(info_.Find(key).value_or(std::string_view()));
     }
 
+    // What is left of it is going, so a size that cannot be read keeps no server from starting.
     void NoteHalfDeleted(StorageDesc& desc, const std::string& path) const {
-        desc.half_deleted[path] = str::Int64(ValueOf("size"));
+        std::int64_t& size = desc.half_deleted[path];
+        try {
+            size = str::Int64(ValueOf("size"));
+        } catch (const kro_err::Error& error) {
+            KRO_LOG(kLog, 4, "Half-deleted backup '%s' counts as empty. What: %s", path.c_str(),
+                    error.what());
+        }
     }
 
     void TakeBackup(StorageDesc& desc, const std::string& name) const {

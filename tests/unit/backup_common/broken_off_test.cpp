@@ -78,6 +78,16 @@ TEST_F(BrokenOff, ADeletionThatFailsInTheMiddleIsNoBackupAnyMore) {
               (std::map<std::string, std::int64_t>{{kInfo, 100}}));
 }
 
+TEST_F(BrokenOff, ADeletionOfABackupWithoutAReadableSizeIsFinishedToo) {
+    Place(kInfo, "deletion=x\nlast-slice=F2026-11-15.web1.2.dar\nsize=10G\ntype=full");
+    control_.Init("2026-11-20");
+    EXPECT_EQ(Log(4), (Lines{std::string("4: Half-deleted backup '") + kInfo +
+                             "' counts as empty. What: '10G' is not a whole decimal number"}));
+    control_.FinishDeletions();
+    EXPECT_FALSE(local_files::Has(kInfo));
+    EXPECT_EQ(Stored(), Lines());
+}
+
 TEST_F(BrokenOff, ADeletionThatFailedBeforeAnythingWasGoneIsTakenBack) {
     for (const Kind kind : {Kind::kNotFound, Kind::kUnauthorized}) {
         FailAt("F2026-11-15.web1.2.dar", kind);
