@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <future>
+#include <thread>
 
 #include "control_server.h"
 #include "gate.h"
@@ -367,8 +368,10 @@ TEST_F(Node, PutlastWaitsForTheBackupsUpload) {
     gate.WaitForArrival();
     auto last =
         std::async(std::launch::async, [&] { return node.Serve(std::string("PUTLAST ") + kInfo); });
-    EXPECT_EQ(last.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    while (server.lines().size() < 2) std::this_thread::yield();
     EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "RESERVE 53"}));
+    EXPECT_EQ(last.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    EXPECT_EQ(store_->log(), (Lines{"Put F2026-11-15.web1.1.dar"}));
     gate.Open();
     EXPECT_EQ(last.get(), "OK 2026-11-15.web1.info 53");
     EXPECT_EQ(store_->log(), (Lines{"Put F2026-11-15.web1.1.dar", "Put 2026-11-15.web1.info"}));

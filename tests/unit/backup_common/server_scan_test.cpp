@@ -283,6 +283,17 @@ TEST_F(Scan, WithoutACommonStorageTheNodeChooses) {
     EXPECT_EQ(Log(7).size(), 3U) << "no line for a node that nobody knows";
 }
 
+TEST_F(Scan, TheLargestCountIsThatOfAnyUserOnAnyStorage) {
+    control_.common_storage = false;
+    control_.storages["n1"];
+    Info("2026-11-15.web1", "full", "1", "finished=x\nnode=n1");
+    for (const char* name : {"2026-11-15.web2", "2026-11-16.web2", "2026-11-17.web2"}) {
+        Info(name, "full", "1");
+    }
+    Run();
+    EXPECT_EQ(control_.max_count, 3) << "of the first storage";
+}
+
 TEST_F(Scan, WithACommonStorageTheNodeDoesNotMatter) {
     Info("2026-11-15.web1", "full", "10", "finished=x\nnode=n1");
     Run();
