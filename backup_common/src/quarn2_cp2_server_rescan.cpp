@@ -110,7 +110,9 @@ class Rescanner {
         : storage_(std::move(storage)),
           local_root_(local_root),
           local_dir_(LocalDir(local_root)),
-          filter_(filter) {}
+          filter_(filter),
+          node_(NodeOf("")),
+          skip_local_(!node_.empty()) {}
 
     void Run() {
         Names top;
@@ -120,7 +122,7 @@ class Rescanner {
         const Marker marker(local_dir_, filter_);
         trust_local_ = !marker.was_there();
         storage_->DeferSync(true);
-        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, false);
+        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_);
         ProgressLine progress(static_cast<std::int64_t>(top.size()));
         storage_->SetObserver(&progress);
         for (const std::string& entry : top) {
@@ -133,6 +135,8 @@ class Rescanner {
     }
 
   private:
+    static std::string NodeOf(std::string description) { return str::GetWord(description, ":"); }
+
     void Take(const std::string& entry) {
         Names sub;
         try {
@@ -167,7 +171,7 @@ class Rescanner {
     void TakeUser(const std::string& user, Names& dates) {
         DropUnsafe(dates);
         ClearForDirectory(kro_file::ConcatPath(local_dir_, user));
-        RemoveMissedDirs(dates, kro_file::ConcatPath(local_dir_, user), false);
+        RemoveMissedDirs(dates, kro_file::ConcatPath(local_dir_, user), skip_local_);
         for (const std::string& date : dates) {
             const std::string dir = kro_file::ConcatPath(user, date);
             ClearForDirectory(kro_file::ConcatPath(local_dir_, dir));
@@ -180,7 +184,7 @@ class Rescanner {
                 continue;
             }
             DropUnsafe(files);
-            RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
+            if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
             for (const std::string& file : files)
                 Fetch(local_dir_, kro_file::ConcatPath(dir, file));
         }
@@ -226,8 +230,10 @@ class Rescanner {
     std::string local_root_;
     std::string local_dir_;
     std::string filter_;
-    // One machine, one info root: no node has a part of it.
+    // One machine, one info root: no node has a part of it. What a node had would be its own to
+    // remove.
     const std::string node_;
+    const bool skip_local_;
     bool trust_local_ = true;
     std::string encrypted_lines_;
 };
