@@ -186,7 +186,8 @@ class Progress(GetTest):
                                  stdout=subprocess.DEVNULL, stderr=stderr)
             wait_for(lambda: os.listdir(self.place), "the beginning of the download")
             process.send_signal(signal.SIGSTOP)
-            stopped = os.listdir(self.place) != [SLICE]
+            wait_for(lambda: harness.stat_of(process.pid)[0] in "TZ", "the program's halt")
+            stopped = self.is_copying()
             if stopped:
                 time.sleep(1.2)
             process.send_signal(signal.SIGCONT)
@@ -195,6 +196,10 @@ class Progress(GetTest):
             if stopped:
                 return
         self.fail("the download was always faster than the test")
+
+    def is_copying(self):
+        (name,) = os.listdir(self.place)
+        return name != SLICE and os.path.getsize(self.local(name)) < self.SIZE
 
     def test_a_terminal_shows_it(self):
         root = self.site()

@@ -5,7 +5,7 @@ import re
 import unittest
 
 import harness
-from harness import Server, SystemTest
+from harness import Server, SystemTest, wait_for
 from link import ScriptedNode, frame, scripted_session
 from samples import chain, day, left
 
@@ -43,8 +43,12 @@ class Transport(SystemTest):
         root = self.root()
         root.log_level = 9
         _, link = scripted_session(root)
+        sent = ""
         for piece in ("RES", "ERVE", " 1", "0"):
             link.send(piece)
+            sent += piece
+            wait_for(lambda: [text for text in root.log_texts(9) if text.endswith(f"m_read = '{sent}'")],
+                     "the piece's reading")
             self.assertTrue(link.is_silent(0.1))
         link.send("\nRELE")
         self.assertEqual("OK 0", link.frame())

@@ -357,6 +357,27 @@ TEST_F(Node, PutlastOfAnInfoFileReportsTheBackup) {
     EXPECT_TRUE(local_files::Has(kInfo));
 }
 
+TEST_F(Node, ABackupIsReportedWhenItsInfoFileIsStored) {
+    MasterServer server("memory:site");
+    Lines reported;
+    store_->SetHook([&](const std::string&, const std::string&) { reported = server.lines(); });
+    NodeSide node(lock_, server.link());
+    node.Serve(std::string("PUTLAST ") + kInfo);
+    EXPECT_EQ(reported, (Lines{"RESERVE 53"}));
+    EXPECT_EQ(server.lines(), (Lines{"RESERVE 53", "COMPLETE web1 2026-11-15 full 512"}));
+}
+
+TEST_F(Node, ABackupWhoseInfoFileIsNotStoredIsNotReported) {
+    MasterServer server("memory:site");
+    store_->SetHook([](const std::string&, const std::string&) {
+        throw kro_err::Error(kro_err::Kind::kUnauthorized, "no");
+    });
+    NodeSide node(lock_, server.link());
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { node.Serve(std::string("PUTLAST ") + kInfo); }),
+              "Failed upload");
+    EXPECT_EQ(server.lines(), (Lines{"RESERVE 53", "RELEASE 53"}));
+}
+
 TEST_F(Node, PutlastWaitsForTheBackupsUpload) {
     MasterServer server("memory:site");
     Gate gate;

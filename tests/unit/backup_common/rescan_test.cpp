@@ -178,6 +178,12 @@ TEST_F(RescanCommand, OfOneUserLeavesTheOthersAlone) {
     EXPECT_FALSE(local_files::Has("var/quarn2_cp.lock"));
 }
 
+TEST_F(RescanCommand, OfOneUserFetchesTheFilesOfTheRootAllTheSame) {
+    StoreFlat("2026-11-20.web2");
+    Run({"--storage", "web1"});
+    EXPECT_EQ(InfoRoot(), (Lines{"2026-11-20.web2.info", "2026-11-20.web2.tgz"}));
+}
+
 TEST_F(RescanCommand, IntoAUsersInfoRootBuildsItBesideTheAdministrators) {
     StoreDated("web1", "2026-11-20");
     Place(InfoRoot("x.info"), "kept");
