@@ -22,3 +22,7 @@ void kro_proc::Sleep(int milliseconds) {
 }
 
 std::time_t kro_date::SystemNow() noexcept { return std::time(nullptr); }
+
+std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
+    return std::chrono::steady_clock::now();
+}

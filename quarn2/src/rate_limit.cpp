@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "forwarding_backend.h"
+#include "kro/kro_date.h"
 #include "kro/kro_proc.h"
 
 namespace quarn2 {
@@ -14,7 +15,7 @@ namespace {
 // Counts bytes and waits as long as they are ahead of their time.
 class Pace {
   public:
-    explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second), start_(Clock::now()) {}
+    explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second) {}
 
     // No piece is larger than what a tenth of a second may carry, so that the rate is even.
     std::size_t Piece() const {
@@ -25,7 +26,7 @@ class Pace {
     void Carried(std::size_t bytes) {
         carried_ += static_cast<std::int64_t>(bytes);
         const double due = static_cast<double>(carried_) / static_cast<double>(rate_);
-        const double passed = std::chrono::duration<double>(Clock::now() - start_).count();
+        const double passed = std::chrono::duration<double>(kro_date::SteadyNow() - start_).count();
         constexpr double kMilliseconds = 1000;
         const int wait = static_cast<int>((due - passed) * kMilliseconds);
         if (wait > 0) kro_proc::Sleep(wait);
@@ -34,19 +35,17 @@ class Pace {
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
-
     // Seconds.
     static constexpr double kMostArrears = 1;
 
     void Restart() {
-        start_ = Clock::now();
+        start_ = kro_date::SteadyNow();
         carried_ = 0;
     }
 
     std::int64_t rate_;
     std::int64_t carried_ = 0;
-    Clock::time_point start_;
+    std::chrono::steady_clock::time_point start_ = kro_date::SteadyNow();
 };
 
 class SlowSource final : public ByteSource {

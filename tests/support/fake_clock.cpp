@@ -1,5 +1,6 @@
 #include "fake_clock.h"
 
+#include <chrono>
 #include <mutex>
 
 #include "kro/kro_date.h"
@@ -10,6 +11,7 @@ namespace {
 struct State {
     std::mutex mutex;
     std::time_t now = fake_clock::kStart;
+    std::chrono::steady_clock::time_point steady;
     std::vector<int> sleeps;
     std::function<void(int)> hook;
 };
@@ -35,6 +37,13 @@ void fake_clock::Set(std::time_t now) {
     state.now = now;
 }
 
+void fake_clock::Pass(int milliseconds) {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    state.now += milliseconds / 1000;
+    state.steady += std::chrono::milliseconds(milliseconds);
+}
+
 void fake_clock::OnSleep(std::function<void(int)> hook) {
     State& state = TheState();
     const std::lock_guard section(state.mutex);
@@ -54,6 +63,7 @@ void kro_proc::Sleep(int milliseconds) {
         const std::lock_guard section(state.mutex);
         state.sleeps.push_back(milliseconds);
         state.now += milliseconds / 1000;
+        state.steady += std::chrono::milliseconds(milliseconds);
         hook = state.hook;
     }
     if (hook) hook(milliseconds);
@@ -63,4 +73,10 @@ std::time_t kro_date::SystemNow() noexcept {
     State& state = TheState();
     const std::lock_guard section(state.mutex);
     return state.now;
+}
+
+std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
+    State& state = TheState();
+    const std::lock_guard section(state.mutex);
+    return state.steady;
 }

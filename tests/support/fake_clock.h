@@ -14,6 +14,9 @@ inline constexpr std::time_t kStart = 1795176000;
 void Reset();
 void Set(std::time_t now);
 
+// Time passes in which nobody sleeps.
+void Pass(int milliseconds);
+
 // Called at every sleep with its milliseconds, before the sleeper goes on.
 void OnSleep(std::function<void(int)> hook);
 

@@ -4,6 +4,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -40,7 +41,13 @@ class LoopbackListener {
     }
 
     int port() const { return port_; }
-    int Accept() const { return accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC); }
+    int Accept() const {
+        const int fd = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
+        // Short answers one after another would each wait until the one before is acknowledged.
+        const int yes = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        return fd;
+    }
     bool HasCaller() const {
         pollfd state = {socket_, POLLIN, 0};
         return poll(&state, 1, 0) > 0;

@@ -181,7 +181,7 @@ class Puts(SystemTest):
 
     def test_all_of_them_upload_at_the_same_time(self):
         size = 60000
-        self.r.token += f"?limit_rate={size // 12}"
+        self.r.token += f"?limit_rate={size // 30}"
         self.serve()
         watch = Watch(client=self.client, daemon=self.server.daemon)
         before = watch.look()

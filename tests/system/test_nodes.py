@@ -110,8 +110,9 @@ class Failures(NodesTest):
         times = [datetime.datetime.fromisoformat(entry.time) for entry in self.head.log(4)
                  if entry.text.startswith(f"Session with node '{node.option}' ended.")]
         gaps = [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
-        self.assertGreaterEqual(gaps[0], 1)
-        self.assertGreaterEqual(gaps[1], 2)
+        # Counted from the moment at which the end was seen, a little before its line was written.
+        self.assertGreaterEqual(gaps[0], 0.9)
+        self.assertGreaterEqual(gaps[1], 1.9)
 
     def test_a_machine_without_ssh_serves_itself(self):
         head = self.make_head()

@@ -103,8 +103,8 @@ class Links(TroubleTest):
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE)
         job.put_slices()
-        # The answers come, until the commands are on their way.
-        cut.cable.order("delay 300")
+        # The answers come, until the commands are on their way. The delay is the time to cut them off.
+        cut.cable.order("delay 700")
         put = Behind(job.put_last)
         info = f"{DATE}.web1.info"
         wait_for(lambda: info in self.head.stored(), "the info file on the storage")
@@ -124,7 +124,8 @@ class Links(TroubleTest):
         self.finish(server)
 
     def test_delay_and_loss_cost_time_and_nothing_else(self):
-        nodes = self.make_nodes(2, relayed=[1])
+        self.make_head(ssh_options="")  # as patient as it is installed
+        nodes = self.make_nodes(2, relayed=[1], sshd_options="")
         far, near = nodes
         far.cable.order("delay 200")
         far.cable.order("loss 5 5")

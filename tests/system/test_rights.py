@@ -370,7 +370,8 @@ class Planted(RightsTest):
                     else:
                         server = hold(self.site, SUNDAY)
                         server.node_client()
-                        wait_for(lambda at=path: stat.S_ISSOCK(os.lstat(at).st_mode), "the socket")
+                        wait_for(lambda at=path: os.path.exists(at) and stat.S_ISSOCK(
+                            os.lstat(at).st_mode), "the socket")
                         self.assertEqual(0, server.end())
                     self.assertFalse(os.path.exists(self.victim + "-none"))
                     if os.path.lexists(path):

@@ -4,6 +4,7 @@
 // it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string>
@@ -54,5 +55,8 @@ bool IsDate(std::string_view text) noexcept;
 
 // The one place that asks for the time (kro_clock library; a test links its own).
 std::time_t SystemNow() noexcept;
+
+// The same for what is measured: no setting of the clock moves it.
+std::chrono::steady_clock::time_point SteadyNow() noexcept;
 
 }  // namespace kro_date
