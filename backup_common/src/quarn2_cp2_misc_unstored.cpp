@@ -19,6 +19,8 @@ std::string Directory(const std::string& storage) {
     return str::Append("tmp/quarn2_cp.unstored", storage, "#");
 }
 
+std::string OwnDirectory() { return Directory(kro_env::GetEnv("BACKUP_STORAGE")); }
+
 // The info file as its put gives it to the storage.
 quarn2::InfoMap WithoutNode(const std::string& path) {
     quarn2::InfoMap info = quarn2::GetInfo(path);
@@ -42,11 +44,15 @@ bool IsStored(quarn2::Storage& storage, const std::string& info_path, const std:
 
 }  // namespace
 
-UnstoredInfo::UnstoredInfo(const std::string& info_path) {
-    const std::string directory = Directory(kro_env::GetEnv("BACKUP_STORAGE"));
+void UnstoredInfo::Prepare() {
+    const std::string directory = OwnDirectory();
     kro_file::MkDirSynced(directory, kDirectoryMode);
     kro_file::CheckOurDirectory(directory);
-    path_ = kro_file::ConcatPath(directory, kro_file::Name(info_path));
+}
+
+UnstoredInfo::UnstoredInfo(const std::string& info_path)
+    : path_(kro_file::ConcatPath(OwnDirectory(), kro_file::Name(info_path))) {
+    Prepare();
     kro_file::Write(path_, info_path, 0600);
 }
 

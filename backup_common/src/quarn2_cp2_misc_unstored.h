@@ -11,6 +11,9 @@
 // The note of one such info file, durable; it stays if the put is broken off.
 class UnstoredInfo {
   public:
+    // Makes the place of the notes. Throws when it is not for this user alone.
+    static void Prepare();
+
     explicit UnstoredInfo(const std::string& info_path);
     // The storage has it.
     void Remove() const;

@@ -91,6 +91,8 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     const std::string file = GetArgPath(args->Args(0));
     KRO_LOG(kLog, 5, "Put %s", file.c_str());
     CheckFileName(file);
+    // What could hinder the end later is told while the job still has its file.
+    if (args->Has("info-file") && args->Has("isolated")) UnstoredInfo::Prepare();
     const Taken taken =
         ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
     if (!args->Has("info-file")) return;

@@ -258,6 +258,19 @@ TEST_F(Put, AnInfoFileThatIsMissingIsAnError) {
               "Failed to open info file 'b/none.info': No such file or directory");
 }
 
+TEST_F(Put, WhereNoNoteCanBeKeptNothingIsSent) {
+    Place("tmp/quarn2_cp.unstored/x", "");
+    std::filesystem::permissions("tmp/quarn2_cp.unstored", std::filesystem::perms(0770));
+    EXPECT_EQ(TextOf<kro_err::Error>([this] {
+                  Run({"--isolated", "--info-file", kInfo}, "OK name 5");
+              }),
+              "'tmp/quarn2_cp.unstored' must be a directory that root or this user alone can write "
+              "to; remove it");
+    EXPECT_EQ(commands_, Lines());
+    Run({"--info-file", kInfo}, "OK name 5");
+    EXPECT_EQ(commands_.size(), 1U) << "the others need none";
+}
+
 TEST_F(Put, ANameThatCouldBeTakenForAnotherFilesIsRefusedBeforeAnythingIsSent) {
     EXPECT_EQ(TextOf<kro_err::Error>([] { CommandPut(Arguments({"b/a.tgz DELETE"})); }),
               "bad name on a storage 'a.tgz DELETE': it has a blank; rename the file");
