@@ -469,7 +469,7 @@ class SystemTest(unittest.TestCase):
         return Root(self, name)
 
     def check_no_process_left(self):
-        end = time.monotonic() + 20
+        end = time.monotonic() + DEADLINE
         while children() and time.monotonic() < end:
             time.sleep(0.01)
         left = [(pid, command_line(pid)) for pid in children()]

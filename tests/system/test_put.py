@@ -6,7 +6,7 @@ import threading
 import time
 import unittest
 
-from harness import Server, SystemTest, read, wait_for, write
+from harness import DEADLINE, Server, SystemTest, read, wait_for, write
 from samples import info_text, read_info
 
 DATE = "2026-11-20"
@@ -159,7 +159,7 @@ class Replies(SystemTest):
         self.listener = socket.socket(socket.AF_UNIX)
         self.listener.bind(self.r.file("tmp/quarn2_cp.sock"))
         self.listener.listen(5)
-        self.listener.settimeout(30)
+        self.listener.settimeout(DEADLINE)
         self.addCleanup(self.listener.close)
 
     def serve(self, *answers):

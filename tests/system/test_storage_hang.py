@@ -29,7 +29,7 @@ class HangTest(SystemTest):
         for folder in (self.r.work, self.r.info_root):
             write(os.path.join(folder, "2026-11-20.web1.info"), f"last-slice={NAME}")
         self.target = os.path.join(self.r.base, "restored")
-        self.assert_success(self.r.run("--update", self.source))
+        self.assert_success(self.r.run("--update", self.source, env=self.patient()))
         self.addCleanup(self.go_on)
 
     def halt(self):
