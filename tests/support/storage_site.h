@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <memory>
 #include <optional>
 #include <ostream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "kro/kro_err.h"
@@ -43,6 +45,22 @@ class StorageSite {
     // the test cannot bring that about. Called on an empty storage.
     virtual bool LimitRoom(std::int64_t bytes) = 0;
 };
+
+// The server may need a moment to see that a client is gone, and to clear away.
+template <class Condition>
+bool SoonTrue(const Condition& condition) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    return true;
+}
+
+inline void ExpectSoonNothingBut(const StorageSite& site, const std::string& name) {
+    EXPECT_TRUE(SoonTrue([&] { return site.Everything() == std::vector<std::string>{name}; }))
+        << testing::PrintToString(site.Everything());
+}
 
 // A kind of storage: a name for the tests' names and the maker of sites.
 struct StorageKind {

@@ -13,7 +13,6 @@
 #include <chrono>
 #include <csignal>
 
-#include "kro/kro_proc.h"
 #include "relay.h"
 #include "remote_site.h"
 
@@ -94,19 +93,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         }
     }
 
-    // The server may need a moment to see that a client is gone, and to clear away.
-    template <class Condition>
-    static bool SoonTrue(const Condition& condition) {
-        const auto end = std::chrono::steady_clock::now() + kAFewSeconds;
-        while (!condition()) {
-            if (std::chrono::steady_clock::now() > end) return false;
-            kro_proc::Sleep(20);
-        }
-        return true;
-    }
     void ExpectSoonNothingBut(const std::string& name) const {
-        EXPECT_TRUE(SoonTrue([&] { return site_->Everything() == Names{name}; }))
-            << testing::PrintToString(site_->Everything());
+        ::ExpectSoonNothingBut(*site_, name);
     }
     // Nothing but the file and what the next upload of it takes away.
     void ExpectSoonAtMostLeftoversBeside(const std::string& name) const {
