@@ -14,6 +14,11 @@ struct State {
     std::chrono::steady_clock::time_point steady;
     std::vector<int> sleeps;
     std::function<void(int)> hook;
+
+    void Advance(int milliseconds) {
+        now += milliseconds / 1000;
+        steady += std::chrono::milliseconds(milliseconds);
+    }
 };
 
 State& TheState() {
@@ -40,8 +45,7 @@ void fake_clock::Set(std::time_t now) {
 void fake_clock::Pass(int milliseconds) {
     State& state = TheState();
     const std::lock_guard section(state.mutex);
-    state.now += milliseconds / 1000;
-    state.steady += std::chrono::milliseconds(milliseconds);
+    state.Advance(milliseconds);
 }
 
 void fake_clock::OnSleep(std::function<void(int)> hook) {
@@ -62,8 +66,7 @@ void kro_proc::Sleep(int milliseconds) {
     {
         const std::lock_guard section(state.mutex);
         state.sleeps.push_back(milliseconds);
-        state.now += milliseconds / 1000;
-        state.steady += std::chrono::milliseconds(milliseconds);
+        state.Advance(milliseconds);
         hook = state.hook;
     }
     if (hook) hook(milliseconds);

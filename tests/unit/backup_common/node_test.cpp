@@ -28,6 +28,13 @@ class Node : public ProgramSite {
         Place(kInfo, "last-slice=F2026-11-15.web1.2.dar\nsize=512\ntype=full\n");
     }
 
+    // The upload of kFirst waits at the gate.
+    void HoldFirstUpload(Gate& gate) {
+        store_->SetHook([&gate](const std::string& operation, const std::string& name) {
+            if (operation == "Put" && name == "F2026-11-15.web1.1.dar") gate.Pass();
+        });
+    }
+
     kro_thread::SafeLock lock_;
 };
 
@@ -214,9 +221,7 @@ TEST_F(Node, PutOfADirectoryFormGoesToItsDirectory) {
 TEST_F(Node, PutAnswersBeforeTheUploadEndsAndTheNextPutWaits) {
     MasterServer server("memory:site");
     Gate gate;
-    store_->SetHook([&](const std::string& operation, const std::string& name) {
-        if (operation == "Put" && name == "F2026-11-15.web1.1.dar") gate.Pass();
-    });
+    HoldFirstUpload(gate);
     {
         NodeSide node(lock_, server.link());
         node.Serve(std::string("PUT ") + kFirst);
@@ -237,9 +242,7 @@ TEST_F(Node, PutsOfDifferentBackupsRunSideBySide) {
     Place("b/F2026-11-15.web2.1.dar", "x");
     MasterServer server("memory:site");
     Gate gate;
-    store_->SetHook([&](const std::string& operation, const std::string& name) {
-        if (operation == "Put" && name == "F2026-11-15.web1.1.dar") gate.Pass();
-    });
+    HoldFirstUpload(gate);
     {
         NodeSide node(lock_, server.link());
         node.Serve(std::string("PUT ") + kFirst);
@@ -381,9 +384,7 @@ TEST_F(Node, ABackupWhoseInfoFileIsNotStoredIsNotReported) {
 TEST_F(Node, PutlastWaitsForTheBackupsUpload) {
     MasterServer server("memory:site");
     Gate gate;
-    store_->SetHook([&](const std::string& operation, const std::string& name) {
-        if (operation == "Put" && name == "F2026-11-15.web1.1.dar") gate.Pass();
-    });
+    HoldFirstUpload(gate);
     NodeSide node(lock_, server.link());
     node.Serve(std::string("PUT ") + kFirst);
     gate.WaitForArrival();
