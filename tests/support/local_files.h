@@ -1,10 +1,13 @@
 // Short ways to a test's local files.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 
 namespace local_files {
@@ -15,7 +18,9 @@ inline void Save(const std::string& path, const std::string& content) {
 
 inline std::string Load(const std::string& path) {
     std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+    std::stringstream content;
+    content << file.rdbuf();
+    return std::move(content).str();
 }
 
 inline bool Has(const std::string& path) {
@@ -25,10 +30,12 @@ inline bool Has(const std::string& path) {
 // Bytes without a pattern that a copy could get right by chance.
 inline std::string Noise(std::size_t size, unsigned seed = 1) {
     std::string bytes(size, '\0');
-    unsigned state = seed;
-    for (char& byte : bytes) {
-        state = state * 1664525U + 1013904223U;
-        byte = static_cast<char>(state >> 24U);
+    std::uint64_t state = seed;
+    for (std::size_t done = 0; done < size; done += sizeof(state)) {
+        state = state * 6364136223846793005U + 1442695040888963407U;
+        // The low bits of such a sequence repeat soon: mix the high ones in.
+        const std::uint64_t word = state ^ (state >> 33U);
+        std::memcpy(bytes.data() + done, &word, std::min(sizeof(word), size - done));
     }
     return bytes;
 }

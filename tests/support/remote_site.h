@@ -95,14 +95,3 @@ template <class Site>
 RemoteKind TroubledSite(const char* name) {
     return {name, []() -> std::unique_ptr<RemoteSite> { return std::make_unique<Site>(); }};
 }
-
-// A kind for testing::Values, and what names the tests after it.
-template <class Site>
-StorageKind SiteKind(const char* name) {
-    return {name, []() -> std::unique_ptr<StorageSite> { return std::make_unique<Site>(); }};
-}
-
-template <class Kind>
-std::string NameOfKind(const testing::TestParamInfo<Kind>& kind) {
-    return kind.param.name;
-}

@@ -30,7 +30,8 @@ class Certificate {
     // `seconds` says otherwise; a negative value is a certificate that has expired.
     explicit Certificate(const std::string& alternative = "IP:127.0.0.1", long seconds = 3600,
                          const std::string& common_name = "test")
-        : key_(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256")), certificate_(X509_new()) {
+        : key_(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), Freed<EVP_PKEY_free>()),
+          certificate_(X509_new(), Freed<X509_free>()) {
         X509* const x509 = certificate_.get();
         X509_set_version(x509, X509_VERSION_3);
         ASN1_INTEGER_set(X509_get_serialNumber(x509), 1);
@@ -56,7 +57,8 @@ class Certificate {
         }
     }
 
-    // Streams of a server that shows this certificate, which must outlive them.
+    // Streams of a server that shows this certificate. They share its ownership: a server may
+    // accept a connection after the test that made the certificate has ended.
     ScriptedHttpServer::MakeStream Streams() const;
 
   private:
@@ -68,8 +70,8 @@ class Certificate {
         }
     }
 
-    std::unique_ptr<EVP_PKEY, Freed<EVP_PKEY_free>> key_;
-    std::unique_ptr<X509, Freed<X509_free>> certificate_;
+    std::shared_ptr<EVP_PKEY> key_;
+    std::shared_ptr<X509> certificate_;
 };
 
 class TlsStream final : public ServerStream {
@@ -97,8 +99,8 @@ class TlsStream final : public ServerStream {
 };
 
 inline ScriptedHttpServer::MakeStream Certificate::Streams() const {
-    return [certificate = certificate_.get(), key = key_.get()](int fd) {
-        return std::make_unique<TlsStream>(fd, certificate, key);
+    return [certificate = certificate_, key = key_](int fd) {
+        return std::make_unique<TlsStream>(fd, certificate.get(), key.get());
     };
 }
 

@@ -1,459 +1,51 @@
-// The promises of a storage, tested alike for every backend. To be included by exactly one file of
-// a test program, which instantiates the suite:
+// The fixture of the conformance suite, which checks every promise of a storage for every backend.
+// unit/quarn2/storage_conformance.cpp contains the tests and is compiled once. A backend joins with
+// a file that instantiates the suite:
 //
 //     INSTANTIATE_TEST_SUITE_P(Local, StorageConformance,
-//                              testing::Values(StorageKind{"local", MakeLocalSite}));
+//                              testing::Values(SiteKind<LocalSite>("local")),
+//                              NameOfKind<StorageKind>);
 #pragma once
-
-#include <gmock/gmock.h>
-
-#include <atomic>
-#include <thread>
 
 #include "storage_site.h"
 
-using kro_err::Kind;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::Optional;
-using Names = std::vector<std::string>;
-
-// More than any piece that a transfer is cut into.
-inline constexpr std::size_t kSeveralPieces = 17 * 1024 * 1024 + 1;
-
-// What an observer is told.
-struct Watcher final : quarn2::TransferObserver {
-    void Begin(std::int64_t size) override { begun.push_back(size); }
-    void Advance(std::int64_t more) override {
-        if (begun.empty()) ADD_FAILURE() << "bytes before the beginning";
-        bytes += more;
+class StorageConformance : public testing::TestWithParam<StorageKind> {
+  protected:
+    std::shared_ptr<quarn2::Storage> Open() const {
+        return quarn2::GetStorage(quarn2::BackupToken(site_->Token()));
+    }
+    std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
+        const quarn2::BackupToken token(site_->Token());
+        auto backend = quarn2::FindScheme(token.scheme())->open(token);
+        const std::string password = token.Param("arch_password");
+        return password.empty() ? std::move(backend)
+                                : quarn2::Encrypted(std::move(backend), password);
+    }
+    // What a file of so many bytes takes on the storage, and what is told of its key.
+    std::int64_t StoredSize(std::int64_t size) const {
+        return KeyHash().empty() ? size : quarn2::SizeEncrypted("file", size);
+    }
+    std::string KeyHash() const { return quarn2::BackupToken(site_->Token()).Hash(); }
+    std::string LocalFile(const std::string& content, const std::string& name = "source") const {
+        local_files::Save(local_ / name, content);
+        return local_ / name;
+    }
+    bool Upload(const std::string& remote, const std::string& content) {
+        return storage_->Upload(remote, LocalFile(content));
+    }
+    std::string Download(const std::string& remote) const { return DownloadBy(*storage_, remote); }
+    std::string DownloadBy(quarn2::Storage& storage, const std::string& remote,
+                           const std::string& name = "target") const {
+        storage.Download(remote, local_ / name);
+        return local_files::Load(local_ / name);
+    }
+    std::vector<std::string> List(const std::string& directory) const {
+        std::vector<std::string> names = {"left from before"};
+        storage_->List(names, directory);
+        return names;
     }
 
-    std::vector<std::int64_t> begun;
-    std::int64_t bytes = 0;
+    std::unique_ptr<StorageSite> site_ = GetParam().make();
+    TempDir local_;
+    std::shared_ptr<quarn2::Storage> storage_ = Open();
 };
-
-// --- Files ---
-
-TEST_P(StorageConformance, GivesBackWhatWasStored) {
-    EXPECT_TRUE(Upload("F2026-11-20.web1.tgz", "some bytes"));
-    EXPECT_EQ(Download("F2026-11-20.web1.tgz"), "some bytes");
-}
-
-TEST_P(StorageConformance, StoresAnEmptyFile) {
-    EXPECT_TRUE(Upload("empty", ""));
-    EXPECT_EQ(Download("empty"), "");
-    EXPECT_EQ(List(""), Names{"empty"});
-}
-
-TEST_P(StorageConformance, StoresALargeFile) {
-    const std::string content = local_files::Noise(20 * 1024 * 1024 + 1);
-    ASSERT_TRUE(Upload("large", content));
-    EXPECT_TRUE(Download("large") == content);
-}
-
-TEST_P(StorageConformance, StoresEveryByteValue) {
-    std::string content;
-    for (int byte = 0; byte < 256; ++byte) content += static_cast<char>(byte);
-    EXPECT_TRUE(Upload("bytes", content));
-    EXPECT_EQ(Download("bytes"), content);
-}
-
-TEST_P(StorageConformance, ReplacesAFile) {
-    EXPECT_TRUE(Upload("file", "a longer first content"));
-    EXPECT_TRUE(Upload("file", "second"));
-    EXPECT_EQ(Download("file"), "second");
-    EXPECT_THAT(site_->Everything(), ElementsAre("file"));
-}
-
-TEST_P(StorageConformance, KeepsWhatWasStoredForAnotherObject) {
-    EXPECT_TRUE(Upload("user/2026-11-20/file", "x"));
-    EXPECT_EQ(DownloadBy(*Open(), "user/2026-11-20/file"), "x");
-}
-
-TEST_P(StorageConformance, TakesDottedBlankAndForeignNames) {
-    for (const char* const name :
-         {"web.1.example.com/2026-11-20/F2026-11-20.web.1.tgz", ".hidden", "...", "a..b", "-rf",
-          "a b", "k\xc3\xa4se/\xe6\xbc\xa2", "\xff\xfe", "100%", "a+b&c=d?e#f", "quo\"te'",
-          "back\\slash", "~", "*"}) {
-        if (site_->RefusesName(name)) {
-            EXPECT_THAT(KindOf([&] { Upload(name, name); }), Optional(Kind::kFailed)) << name;
-            continue;
-        }
-        EXPECT_TRUE(Upload(name, name)) << name;
-        EXPECT_EQ(Download(name), name);
-        storage_->RemoveFile(name);
-    }
-    EXPECT_THAT(site_->Everything(), IsEmpty());
-}
-
-TEST_P(StorageConformance, RefusesHostileNames) {
-    const Names names = {"../x",
-                         "/abs",
-                         "a//b",
-                         "a/./b",
-                         ".",
-                         "..",
-                         "a/..",
-                         "a/",
-                         "/",
-                         "a\nb",
-                         "a\tb",
-                         "\x7f",
-                         "a/../../x",
-                         "./a",
-                         "a/b\r",
-                         ".x.part~",
-                         "d/.x.part~",
-                         ".d.part~/x",
-                         std::string("a\0b", 3)};
-    const std::string source = LocalFile("x");
-    for (const std::string& name : names) {
-        EXPECT_THAT(KindOf([&] { storage_->Upload(name, source); }), Optional(Kind::kFailed))
-            << name;
-        EXPECT_THAT(KindOf([&] { storage_->Download(name, local_ / "t"); }),
-                    Optional(Kind::kFailed))
-            << name;
-        EXPECT_THAT(KindOf([&] { storage_->RemoveFile(name); }), Optional(Kind::kFailed)) << name;
-        EXPECT_THAT(KindOf([&] { storage_->RemoveDir(name); }), Optional(Kind::kFailed)) << name;
-        EXPECT_THAT(KindOf([&] { storage_->MkDir(name); }), Optional(Kind::kFailed)) << name;
-        EXPECT_THAT(KindOf([&] { List(name); }), Optional(Kind::kFailed)) << name;
-    }
-    EXPECT_THAT(site_->Everything(), IsEmpty());
-    EXPECT_FALSE(local_files::Has(local_ / "t"));
-}
-
-TEST_P(StorageConformance, EscapesControlCharactersInErrorTexts) {
-    try {
-        storage_->RemoveFile("a\nb");
-        FAIL() << "a line feed was accepted";
-    } catch (const kro_err::Error& error) {
-        EXPECT_THAT(error.what(), testing::HasSubstr("'a\\x0ab'"));
-    }
-}
-
-TEST_P(StorageConformance, NeedsANameForATransfer) {
-    EXPECT_THAT(KindOf([&] { Upload("", "x"); }), Optional(Kind::kFailed));
-    EXPECT_THAT(KindOf([&] { Download(""); }), Optional(Kind::kFailed));
-}
-
-TEST_P(StorageConformance, StoresAVeryLongNameOrSaysNo) {
-    const std::string longest(100, 'x');
-    EXPECT_TRUE(Upload(longest + "/" + longest + "/" + longest, "x"));
-    const std::string name(5000, 'y');
-    const auto kind = KindOf([&] { Upload(name, "y"); });
-    if (kind) {
-        EXPECT_EQ(*kind, Kind::kFailed);
-    } else {
-        EXPECT_EQ(Download(name), "y");
-    }
-}
-
-TEST_P(StorageConformance, DoesNotUploadWhatIsNoPlainFile) {
-    EXPECT_THAT(KindOf([&] { storage_->Upload("x", local_.path()); }), Optional(Kind::kFailed));
-    EXPECT_TRUE(KindOf([&] { storage_->Upload("x", local_ / "missing"); }).has_value());
-    EXPECT_THAT(site_->Everything(), IsEmpty());
-}
-
-TEST_P(StorageConformance, TellsSizeAndStoredName) {
-    EXPECT_EQ(storage_->Size(LocalFile("12345")), StoredSize(5));
-    const std::string hash = KeyHash().empty() ? "" : " " + KeyHash();
-    EXPECT_EQ(storage_->GetFileInfo(LocalFile("123", "F2026-11-20.web1.tgz")),
-              "F2026-11-20.web1.tgz " + std::to_string(StoredSize(3)) + hash);
-}
-
-// --- Downloads ---
-
-TEST_P(StorageConformance, DownloadOfNothingIsNotFoundAndKeepsTheLocalFile) {
-    local_files::Save(local_ / "target", "old");
-    EXPECT_THAT(KindOf([&] { Download("missing"); }), Optional(Kind::kNotFound));
-    EXPECT_THAT(KindOf([&] { Download("no/such/file"); }), Optional(Kind::kNotFound));
-    EXPECT_EQ(local_files::Load(local_ / "target"), "old");
-}
-
-TEST_P(StorageConformance, DownloadOfADirectoryIsNotFound) {
-    EXPECT_TRUE(Upload("dir/file", "x"));
-    EXPECT_THAT(KindOf([&] { Download("dir"); }), Optional(Kind::kNotFound));
-}
-
-TEST_P(StorageConformance, DownloadReplacesTheLocalFileAndLeavesNothingBeside) {
-    EXPECT_TRUE(Upload("file", "new"));
-    local_files::Save(local_ / "target", "a longer old content");
-    EXPECT_EQ(Download("file"), "new");
-    std::ptrdiff_t files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(local_.path())) {
-        files += entry.is_regular_file() ? 1 : 0;
-    }
-    EXPECT_EQ(files, 2) << "the source and the target";
-}
-
-// A missing local directory must not pass for a missing file on the storage.
-TEST_P(StorageConformance, DownloadIntoAMissingDirectoryFails) {
-    EXPECT_TRUE(Upload("file", "x"));
-    EXPECT_THAT(KindOf([&] { storage_->Download("file", local_ / "no/target"); }),
-                Optional(Kind::kFailed));
-}
-
-// --- Listings ---
-
-TEST_P(StorageConformance, EmptyRootHasNoNames) { EXPECT_THAT(List(""), IsEmpty()); }
-
-TEST_P(StorageConformance, ListsFilesAndDirectoriesSorted) {
-    for (const char* const name : {"b", "a/x", "a/y", "B", "a.b", "\xc3\xa4"})
-        EXPECT_TRUE(Upload(name, ""));
-    EXPECT_EQ(List(""), (Names{"B", "a", "a.b", "b", "\xc3\xa4"}));
-    EXPECT_EQ(List("a"), (Names{"x", "y"}));
-}
-
-TEST_P(StorageConformance, ListingAFileGivesItsName) {
-    EXPECT_TRUE(Upload("file", "x"));
-    EXPECT_TRUE(Upload("dir/2026-11-20/file", "x"));
-    EXPECT_EQ(List("file"), Names{"file"});
-    EXPECT_EQ(List("dir/2026-11-20/file"), Names{"dir/2026-11-20/file"});
-}
-
-TEST_P(StorageConformance, MissingDirectoryIsNotFound) {
-    EXPECT_TRUE(Upload("file", "x"));
-    for (const char* const name : {"missing", "missing/deeper", "file/below", "fil"}) {
-        EXPECT_THAT(KindOf([&] { List(name); }), Optional(Kind::kNotFound)) << name;
-    }
-}
-
-TEST_P(StorageConformance, ListsMoreThanAPage) {
-    Names expected;
-    const auto backend = OpenBackend();
-    for (int i = 0; i < 2500; ++i) {
-        expected.push_back("slice." + std::to_string(10000 + i) + ".dar");
-        TextSource source("x");
-        ASSERT_TRUE(backend->Put("many/" + expected.back(), source));
-    }
-    EXPECT_EQ(List("many"), expected);
-    EXPECT_EQ(List(""), Names{"many"});
-}
-
-// --- Removals ---
-
-TEST_P(StorageConformance, RemovesOneFile) {
-    EXPECT_TRUE(Upload("a", "1"));
-    EXPECT_TRUE(Upload("ab", "2"));
-    storage_->RemoveFile("a");
-    storage_->RemoveFile("a");
-    EXPECT_THAT(site_->Everything(), ElementsAre("ab"));
-}
-
-TEST_P(StorageConformance, RemovalOfNothingSucceeds) {
-    EXPECT_TRUE(Upload("file", "x"));
-    for (const char* const name : {"", "missing", "missing/deeper", "file/below"}) {
-        storage_->RemoveFile(name);
-        if (*name != '\0') storage_->RemoveDir(name);
-    }
-    EXPECT_THAT(site_->Everything(), ElementsAre("file"));
-}
-
-TEST_P(StorageConformance, RemoveFileRefusesADirectory) {
-    EXPECT_TRUE(Upload("dir/file", "x"));
-    EXPECT_THAT(KindOf([&] { storage_->RemoveFile("dir"); }), Optional(Kind::kFailed));
-    EXPECT_THAT(site_->Everything(), ElementsAre("dir/file"));
-}
-
-TEST_P(StorageConformance, RemovesADirectoryTreeAndNothingBesideIt) {
-    for (const char* const name : {"dir/a", "dir/.b", "dir/c/d/e", "dir2/a", "dir.a", "dirs"}) {
-        EXPECT_TRUE(Upload(name, "x"));
-    }
-    storage_->RemoveDir("dir");
-    storage_->RemoveDir("dir");
-    EXPECT_THAT(site_->Everything(), ElementsAre("dir.a", "dir2/a", "dirs"));
-    EXPECT_THAT(KindOf([&] { List("dir"); }), Optional(Kind::kNotFound));
-}
-
-TEST_P(StorageConformance, RemoveDirLeavesAFileAlone) {
-    EXPECT_TRUE(Upload("file", "x"));
-    storage_->RemoveDir("file");
-    EXPECT_EQ(Download("file"), "x");
-}
-
-TEST_P(StorageConformance, NeverRemovesTheRoot) {
-    EXPECT_TRUE(Upload("file", "x"));
-    EXPECT_THAT(KindOf([&] { storage_->RemoveDir(""); }), Optional(Kind::kFailed));
-    EXPECT_THAT(site_->Everything(), ElementsAre("file"));
-}
-
-TEST_P(StorageConformance, ClearTakesAllButTheRoot) {
-    for (const char* const name : {"a", ".b", "c/d/e", ".f/g"}) EXPECT_TRUE(Upload(name, "x"));
-    site_->LeaveLeftover("a");
-    site_->LeaveLeftover("c/d/h");
-    storage_->Clear();
-    EXPECT_THAT(site_->Everything(), IsEmpty());
-    EXPECT_THAT(List(""), IsEmpty());
-    EXPECT_TRUE(Upload("again", "x"));
-}
-
-TEST_P(StorageConformance, MkDirCanBeRepeated) {
-    storage_->MkDir("");
-    storage_->MkDir("user/2026-11-20");
-    storage_->MkDir("user/2026-11-20");
-    EXPECT_TRUE(Upload("user/2026-11-20/file", "x"));
-    EXPECT_EQ(List("user/2026-11-20"), Names{"file"});
-}
-
-// --- Watched transfers ---
-
-TEST_P(StorageConformance, ObserverSeesAllBytesOfAnUpload) {
-    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kSeveralPieces}) {
-        Watcher watcher;
-        storage_->SetObserver(&watcher);
-        ASSERT_TRUE(Upload("file", local_files::Noise(size)));
-        storage_->SetObserver(nullptr);
-        EXPECT_THAT(watcher.begun, ElementsAre(static_cast<std::int64_t>(size)));
-        EXPECT_EQ(watcher.bytes, static_cast<std::int64_t>(size));
-    }
-}
-
-TEST_P(StorageConformance, ObserverSeesAllBytesOfADownload) {
-    for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kSeveralPieces}) {
-        const auto bytes = static_cast<std::int64_t>(size);
-        ASSERT_TRUE(Upload("file", local_files::Noise(size)));
-        Watcher watcher;
-        storage_->SetObserver(&watcher);
-        EXPECT_EQ(Download("file").size(), size);
-        storage_->SetObserver(nullptr);
-        EXPECT_THAT(watcher.begun, ElementsAre(testing::AnyOf(bytes, -1)));
-        EXPECT_EQ(watcher.bytes, bytes);
-    }
-}
-
-TEST_P(StorageConformance, ObserverSeesNothingOfWhatIsNotThereNorOnceItIsTakenAway) {
-    Watcher watcher;
-    storage_->SetObserver(&watcher);
-    EXPECT_THAT(KindOf([&] { Download("missing"); }), Optional(Kind::kNotFound));
-    List("");
-    storage_->SetObserver(nullptr);
-    EXPECT_TRUE(Upload("file", "x"));
-    EXPECT_EQ(Download("file"), "x");
-    EXPECT_THAT(watcher.begun, IsEmpty());
-    EXPECT_EQ(watcher.bytes, 0);
-}
-
-TEST_P(StorageConformance, DownloadWithDeferredSyncIsWholeAndKeepsItsPromises) {
-    const std::string content = local_files::Noise(kSeveralPieces);
-    ASSERT_TRUE(Upload("file", content));
-    ASSERT_TRUE(Upload("empty", ""));
-    storage_->DeferSync(true);
-    EXPECT_TRUE(Download("file") == content);
-    EXPECT_THAT(KindOf([&] { Download("missing"); }), Optional(Kind::kNotFound));
-    EXPECT_TRUE(local_files::Load(local_ / "target") == content) << "the old file stays";
-    EXPECT_EQ(Download("empty"), "");
-    storage_->DeferSync(false);
-    EXPECT_TRUE(Download("file") == content);
-    EXPECT_FALSE(local_files::Has(local_ / ".target.part~"));
-}
-
-// --- Interrupted transfers ---
-
-TEST_P(StorageConformance, BrokenSourceLeavesTheOldFile) {
-    ASSERT_TRUE(Upload("dir/file", "old"));
-    const auto backend = OpenBackend();
-    TextSource broken(local_files::Noise(3 * 1024 * 1024));
-    broken.fail_from = 2 * 1024 * 1024;
-    EXPECT_THAT(KindOf([&] { backend->Put("dir/file", broken); }), Optional(Kind::kFailed));
-    TextSource changed("grown meanwhile");
-    changed.changed = true;
-    EXPECT_THAT(KindOf([&] { backend->Put("dir/file", changed); }), Optional(Kind::kFailed));
-    EXPECT_EQ(Download("dir/file"), "old");
-    ExpectSoonNothingBut(*site_, "dir/file");
-}
-
-TEST_P(StorageConformance, UploadWorksAfterAFailure) {
-    const auto backend = OpenBackend();
-    TextSource source(local_files::Noise(300 * 1024));
-    source.changed = true;
-    EXPECT_THAT(KindOf([&] { backend->Put("file", source); }), Optional(Kind::kFailed));
-    source.changed = false;
-    EXPECT_TRUE(backend->Put("file", source));
-    EXPECT_EQ(Download("file"), local_files::Noise(300 * 1024));
-}
-
-TEST_P(StorageConformance, LeftoversAreNotShown) {
-    if (!site_->LeaveLeftover("file")) GTEST_SKIP() << "nothing is ever left here";
-    EXPECT_THAT(List(""), IsEmpty());
-    EXPECT_THAT(KindOf([&] { Download("file"); }), Optional(Kind::kNotFound));
-}
-
-TEST_P(StorageConformance, LeftoversGoWithTheNextUpload) {
-    if (!site_->LeaveLeftover("file")) GTEST_SKIP() << "nothing is ever left here";
-    EXPECT_TRUE(Upload("file", "x"));
-    EXPECT_EQ(Download("file"), "x");
-    EXPECT_THAT(site_->Everything(), ElementsAre("file"));
-}
-
-TEST_P(StorageConformance, LeftoversGoWithTheRemoval) {
-    ASSERT_TRUE(Upload("other", "x"));
-    if (!site_->LeaveLeftover("file")) GTEST_SKIP() << "nothing is ever left here";
-    storage_->RemoveFile("file");
-    EXPECT_THAT(site_->Everything(), ElementsAre("other"));
-}
-
-TEST_P(StorageConformance, FullStorageIsFalseAndKeepsTheOldFile) {
-    storage_.reset();
-    if (!site_->LimitRoom(1024 * 1024)) GTEST_SKIP() << "the storage cannot be made full here";
-    storage_ = Open();
-    ASSERT_TRUE(Upload("file", "old"));
-    EXPECT_FALSE(Upload("file", local_files::Noise(4 * 1024 * 1024)));
-    EXPECT_FALSE(Upload("dir/new", local_files::Noise(4 * 1024 * 1024)));
-    EXPECT_EQ(Download("file"), "old");
-    ExpectSoonNothingBut(*site_, "file");
-    EXPECT_TRUE(Upload("file", local_files::Noise(700 * 1024))) << "room is free again";
-}
-
-// --- Several at once ---
-
-// An error of one of them is this test's, not the end of all tests.
-template <class Work>
-void FourAtOnce(const Work& work) {
-    std::vector<std::thread> threads;
-    for (unsigned i = 0; i < 4; ++i) {
-        threads.emplace_back([i, &work] {
-            try {
-                work(i);
-            } catch (const std::exception& error) {
-                ADD_FAILURE() << error.what();
-            }
-        });
-    }
-    for (std::thread& thread : threads) thread.join();
-}
-
-TEST_P(StorageConformance, SeparateObjectsWorkOnDifferentNamesAtOnce) {
-    std::atomic<int> good = 0;
-    FourAtOnce([this, &good](unsigned i) {
-        const auto storage = Open();
-        const std::string id = std::to_string(i);
-        const std::string content = local_files::Noise(200 * 1024, i);
-        for (int round = 0; round < 10; ++round) {
-            const std::string name = "user/2026-11-20/" + id + "." + std::to_string(round);
-            good += storage->Upload(name, LocalFile(content, "source" + id)) ? 1 : 0;
-            good += DownloadBy(*storage, name, "target" + id) == content ? 1 : 0;
-        }
-    });
-    EXPECT_EQ(good, 80);
-    EXPECT_EQ(List("user/2026-11-20").size(), 40U);
-}
-
-TEST_P(StorageConformance, SeparateObjectsWriteOneNameWhole) {
-    std::atomic<int> good = 0;
-    ASSERT_TRUE(Upload("shared", local_files::Noise(300 * 1024, 0)));
-    FourAtOnce([this, &good](unsigned i) {
-        const auto storage = Open();
-        const std::string id = std::to_string(i);
-        const std::string source = LocalFile(local_files::Noise(300 * 1024, i), "source" + id);
-        for (int round = 0; round < 10; ++round) {
-            good += storage->Upload("shared", source) ? 1 : 0;
-            const std::string got = DownloadBy(*storage, "shared", "target" + id);
-            for (unsigned n = 0; n < 4; ++n) {
-                good += got == local_files::Noise(300 * 1024, n) ? 1 : 0;
-            }
-        }
-    });
-    EXPECT_EQ(good, 80) << "every upload succeeded, every download was one writer's content";
-    ExpectSoonNothingBut(*site_, "shared");
-}

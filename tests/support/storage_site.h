@@ -1,4 +1,4 @@
-// What the conformance suite needs to know about one kind of storage.
+// One kind of storage as the test suites see it, and helpers for tests of storages.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <span>
 #include <string>
 #include <thread>
 #include <vector>
@@ -72,6 +73,18 @@ struct StorageKind {
     }
 };
 
+// A kind for testing::Values.
+template <class Site>
+StorageKind SiteKind(const char* name) {
+    return {name, []() -> std::unique_ptr<StorageSite> { return std::make_unique<Site>(); }};
+}
+
+// The name that GoogleTest appends to the name of a test of this kind.
+template <class Kind>
+std::string NameOfKind(const testing::TestParamInfo<Kind>& kind) {
+    return kind.param.name;
+}
+
 // A source that fails where a test wants it to.
 class TextSource : public quarn2::ByteSource {
   public:
@@ -110,44 +123,3 @@ std::optional<kro_err::Kind> KindOf(const Action& action) {
     }
     return std::nullopt;
 }
-
-class StorageConformance : public testing::TestWithParam<StorageKind> {
-  protected:
-    std::shared_ptr<quarn2::Storage> Open() const {
-        return quarn2::GetStorage(quarn2::BackupToken(site_->Token()));
-    }
-    std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
-        const quarn2::BackupToken token(site_->Token());
-        auto backend = quarn2::FindScheme(token.scheme())->open(token);
-        const std::string password = token.Param("arch_password");
-        return password.empty() ? std::move(backend)
-                                : quarn2::Encrypted(std::move(backend), password);
-    }
-    // What a file of so many bytes takes on the storage, and what is told of its key.
-    std::int64_t StoredSize(std::int64_t size) const {
-        return KeyHash().empty() ? size : quarn2::SizeEncrypted("file", size);
-    }
-    std::string KeyHash() const { return quarn2::BackupToken(site_->Token()).Hash(); }
-    std::string LocalFile(const std::string& content, const std::string& name = "source") const {
-        local_files::Save(local_ / name, content);
-        return local_ / name;
-    }
-    bool Upload(const std::string& remote, const std::string& content) {
-        return storage_->Upload(remote, LocalFile(content));
-    }
-    std::string Download(const std::string& remote) const { return DownloadBy(*storage_, remote); }
-    std::string DownloadBy(quarn2::Storage& storage, const std::string& remote,
-                           const std::string& name = "target") const {
-        storage.Download(remote, local_ / name);
-        return local_files::Load(local_ / name);
-    }
-    std::vector<std::string> List(const std::string& directory) const {
-        std::vector<std::string> names = {"left from before"};
-        storage_->List(names, directory);
-        return names;
-    }
-
-    std::unique_ptr<StorageSite> site_ = GetParam().make();
-    TempDir local_;
-    std::shared_ptr<quarn2::Storage> storage_ = Open();
-};

@@ -21,6 +21,9 @@ import time
 import unittest
 
 BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quarn2_cp"))
+# The same program with a clock whose long pauses end when a test wants it: see Root.end_pauses.
+ENDED_PAUSES = os.path.abspath(os.environ.get("QUARN2_CP_ENDED_PAUSES",
+                                              "build/tests/system/quarn2_cp_ended_pauses"))
 DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "60"))
 # The words before every start of the program, of another that runs it: see scripts/valgrind.
 WRAPPER = shlex.split(os.environ.get("QUARN2_CP_WRAPPER", ""))
@@ -203,7 +206,7 @@ class LogEntry:
 class Root:
     """An install root of its own with a local storage beside it."""
 
-    def __init__(self, test, name="root"):
+    def __init__(self, test, name="root", program=BINARY):
         self.test = test
         self.base = tempfile.mkdtemp(prefix=name + "-", dir=test.folder)
         self.path = os.path.join(self.base, "root")
@@ -214,12 +217,16 @@ class Root:
             os.makedirs(folder)
         self.binary = os.path.join(self.path, "sbin/quarn2_cp")
         with _exec_lock:
-            shutil.copy2(BINARY, self.binary)
+            shutil.copy2(program, self.binary)
         self.token = "local://" + self.storage
         self.log_level = None
 
     def file(self, name):
         return os.path.join(self.path, name)
+
+    def end_pauses(self):
+        """Ends the pauses between attempts, those that are to come included (program=ENDED_PAUSES)."""
+        write(self.file("tmp/end_pauses"), "")
 
     def environment(self, **changes):
         """BACKUP_TOKEN is the root's own unless it is changed; None takes a variable away."""
@@ -465,8 +472,8 @@ class SystemTest(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder)
         self.addCleanup(self.check_no_process_left)
 
-    def root(self, name="root"):
-        return Root(self, name)
+    def root(self, name="root", **options):
+        return Root(self, name, **options)
 
     def check_no_process_left(self):
         end = time.monotonic() + DEADLINE

@@ -18,7 +18,7 @@ from crash_scene import require
 from crash_trial import CrashTest, sample
 from faults import Strike
 
-ERRORS = int(os.environ.get("QUARN2_CP_ERRORS", "24"))
+ERRORS = int(os.environ.get("QUARN2_CP_ERRORS", "10"))
 DISK = ("open", "write", "allocate", "rename", "mkdir", "link", "sync")
 FAULTS = {
     "full": Strike("fail", error=errno.ENOSPC, kinds=DISK),

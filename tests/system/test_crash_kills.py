@@ -18,7 +18,7 @@ import crash_scenes
 from crash_trial import CrashTest, sample
 from faults import CHANGES, Strike
 
-KILLS = int(os.environ.get("QUARN2_CP_KILLS", "30"))
+KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))
 
 class Kills(CrashTest):
     def strikes(self, scene):

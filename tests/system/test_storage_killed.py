@@ -1,14 +1,11 @@
-"""Servers that go down in the middle of an upload and come back: the retry, a real minute later.
-
-One test for all protocols, so that they wait for the same minute.
-"""
+"""Servers that go down in the middle of an upload and come back: the retry, whose pause the test ends."""
 
 import os
 import unittest
 
 import storages
 from archives import hold
-from harness import SystemTest, tree, wait_for, write
+from harness import ENDED_PAUSES, SystemTest, tree, wait_for, write
 from samples import DATE, info_text, read_info
 
 MIB = 1 << 20
@@ -23,7 +20,7 @@ class Upload:
         self.test = test
         self.server = storages.own_server(test, server_name)
         self.storage = make(test, self.server.info)
-        self.r = test.root(server_name)
+        self.r = test.root(server_name, program=ENDED_PAUSES)
         parameters = {"part_size": 5 * MIB} if server_name == "s3" else {}
         self.r.token = self.storage.token(limit_rate=3 * MIB, timeout=20, **parameters)
         self.r.log_level = 6
@@ -73,6 +70,8 @@ class Upload:
         self.test.assertFalse({f"{DATE}.old.info", f"F{DATE}.old.tgz"} & set(self.storage.names()))
 
     def end(self):
+        self.test.assertTrue(os.path.exists(self.path))
+        self.r.end_pauses()
         wait_for(lambda: not os.path.exists(self.path), "the second attempt", PATIENCE)
         index = write(os.path.join(self.r.info_root, f"{DATE}.web1.tgz"), "index")
         self.test.assert_success(self.r.run("--put", index, "--info-file", self.job_info,

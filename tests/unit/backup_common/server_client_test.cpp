@@ -48,7 +48,7 @@ TEST(LastWords, AZeroByteHidesNothing) { EXPECT_EQ(WordsOf({"a\0b"s}), "a?b"); }
 
 // --- ClientProcess ---
 
-class Client : public ProgramSite {
+class NodeClientProcess : public ProgramSite {
   protected:
     static void WaitForEnd(ClientProcess& client) {
         for (int i = 0; i < 600 && !client.HasEnded(100ms); ++i) client.Listen();
@@ -56,7 +56,7 @@ class Client : public ProgramSite {
     }
 };
 
-TEST_F(Client, TellsStatusAndLastWords) {
+TEST_F(NodeClientProcess, TellsStatusAndLastWords) {
     ClientProcess client({"/bin/sh", "-c", "echo no such host >&2; exit 255"});
     client.Start();
     WaitForEnd(client);
@@ -64,7 +64,7 @@ TEST_F(Client, TellsStatusAndLastWords) {
     EXPECT_EQ(client.last_words(), "no such host");
 }
 
-TEST_F(Client, HasNoTerminalAndNoTokenInItsEnvironment) {
+TEST_F(NodeClientProcess, HasNoTerminalAndNoTokenInItsEnvironment) {
     setenv("BACKUP_TOKEN", "memory:secret", 1);
     setenv("SSH_ASKPASS", "/bin/false", 1);
     ClientProcess client({"/bin/sh", "-c",
@@ -82,7 +82,7 @@ TEST_F(Client, HasNoTerminalAndNoTokenInItsEnvironment) {
     unsetenv("SSH_ASKPASS");
 }
 
-TEST_F(Client, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
+TEST_F(NodeClientProcess, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
     ClientProcess client({"/bin/sh", "-c", "head -c 1000000 /dev/zero >&2; echo done >&2"});
     client.Start();
     WaitForEnd(client);
@@ -91,7 +91,7 @@ TEST_F(Client, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
     EXPECT_LT(client.last_words().size(), 2 * LastWords::kMost);
 }
 
-TEST_F(Client, IsLeftAloneThenAskedThenMadeToEnd) {
+TEST_F(NodeClientProcess, IsLeftAloneThenAskedThenMadeToEnd) {
     // Says so when it is asked, and stays.
     ClientProcess client(
         {"/bin/sh", "-c", "trap 'echo asked >&2' TERM; echo up; while :; do sleep 0.01; done"});
@@ -115,7 +115,7 @@ TEST_F(Client, IsLeftAloneThenAskedThenMadeToEnd) {
     EXPECT_EQ(client.status(), 128 + SIGKILL);
 }
 
-TEST_F(Client, OneThatNeverRanHasEnded) {
+TEST_F(NodeClientProcess, OneThatNeverRanHasEnded) {
     ClientProcess client({"/no/such/program"});
     EXPECT_ANY_THROW(client.Start());
     EXPECT_TRUE(client.HasEnded());
@@ -123,7 +123,7 @@ TEST_F(Client, OneThatNeverRanHasEnded) {
     client.Press(ClientProcess::Clock::now() - 100s, ClientProcess::Clock::now(), {1s, 2s});
 }
 
-TEST_F(Client, SshIsRemoteAndOurOwnProgramIsNot) {
+TEST_F(NodeClientProcess, SshIsRemoteAndOurOwnProgramIsNot) {
     EXPECT_TRUE(ClientProcess(NodeClientCommand("a:a:22", "key")).is_remote());
     EXPECT_FALSE(ClientProcess(NodeClientCommand("local", "key")).is_remote());
     EXPECT_FALSE(ClientProcess({}).is_remote());

@@ -10,9 +10,7 @@ class EncryptedLocalSite final : public LocalSite {
 };
 
 INSTANTIATE_TEST_SUITE_P(EncryptedLocal, StorageConformance,
-                         testing::Values(StorageKind{
-                             "encrypted_local", []() -> std::unique_ptr<StorageSite> {
-                                 return std::make_unique<EncryptedLocalSite>();
-                             }}));
+                         testing::Values(SiteKind<EncryptedLocalSite>("encrypted_local")),
+                         NameOfKind<StorageKind>);
 
 }  // namespace

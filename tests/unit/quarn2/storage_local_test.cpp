@@ -4,9 +4,7 @@
 
 namespace {
 
-INSTANTIATE_TEST_SUITE_P(Local, StorageConformance,
-                         testing::Values(StorageKind{"local", []() -> std::unique_ptr<StorageSite> {
-                                                         return std::make_unique<LocalSite>();
-                                                     }}));
+INSTANTIATE_TEST_SUITE_P(Local, StorageConformance, testing::Values(SiteKind<LocalSite>("local")),
+                         NameOfKind<StorageKind>);
 
 }  // namespace

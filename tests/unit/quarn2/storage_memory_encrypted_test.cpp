@@ -10,9 +10,7 @@ class EncryptedMemorySite final : public MemorySite {
 };
 
 INSTANTIATE_TEST_SUITE_P(EncryptedMemory, StorageConformance,
-                         testing::Values(StorageKind{
-                             "encrypted_memory", []() -> std::unique_ptr<StorageSite> {
-                                 return std::make_unique<EncryptedMemorySite>();
-                             }}));
+                         testing::Values(SiteKind<EncryptedMemorySite>("encrypted_memory")),
+                         NameOfKind<StorageKind>);
 
 }  // namespace

@@ -5,9 +5,6 @@
 namespace {
 
 INSTANTIATE_TEST_SUITE_P(Memory, StorageConformance,
-                         testing::Values(StorageKind{"memory",
-                                                     []() -> std::unique_ptr<StorageSite> {
-                                                         return std::make_unique<MemorySite>();
-                                                     }}));
+                         testing::Values(SiteKind<MemorySite>("memory")), NameOfKind<StorageKind>);
 
 }  // namespace
