@@ -21,6 +21,9 @@ class RemoteSite : public StorageSite {
     // however the backend makes it different from others.
     virtual bool IsLeftover(const std::string& path) const { return path.ends_with(".part~"); }
 
+    // True while the server writes a file of this site, for a client that may have gone.
+    virtual bool IsBeingWritten() const { return false; }
+
     // Leads to where no storage is.
     virtual TokenParts Missing() const {
         TokenParts parts = Parts();

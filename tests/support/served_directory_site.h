@@ -38,6 +38,18 @@ class ServedDirectorySite : public RemoteSite {
         return names;
     }
 
+    bool IsBeingWritten() const override {
+        namespace fs = std::filesystem;
+        std::error_code gone;  // processes end while they are looked at
+        for (const auto& process : fs::directory_iterator("/proc", gone)) {
+            for (const auto& open : fs::directory_iterator(process.path() / "fd", gone)) {
+                const std::string file = fs::read_symlink(open.path(), gone).string();
+                if (file.starts_with(directory_ + "/")) return true;
+            }
+        }
+        return false;
+    }
+
     bool LeaveLeftover(const std::string& name) override {
         const auto [above, file] = kro_file::SplitPath(directory_ + "/" + name);
         for (std::string made = above; !local_files::Has(made) || made == above;

@@ -107,7 +107,9 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
                                [&](const std::string& each) { return site_->IsLeftover(each); });
         })) << testing::PrintToString(site_->Everything());
     }
-    // An upload in a process of its own, killed when half of the source has been read.
+    // An upload in a process of its own, killed when half of the source has been read. Returns when
+    // the server has noticed that: pure-ftpd renames a file that it deletes, and leaves it under
+    // that name if another of its processes still writes the file.
     void KillUpload(const std::string& name) const {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -120,6 +122,7 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
+        ASSERT_TRUE(SoonTrue([&] { return !site_->IsBeingWritten(); }));
     }
     std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
         const quarn2::BackupToken token(site_->Token());

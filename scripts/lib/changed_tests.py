@@ -1,0 +1,139 @@
+"""Which CTest tests a set of changed files touches; see scripts/test-changed.
+
+The decision is a pure function of three tables: the changed paths, what each test file's object and each test
+script depends on, and which tests CTest knows.
+"""
+
+import json
+import os
+import re
+import subprocess
+import sys
+
+# Below this folder: the names of the tests, as the beginnings of CTest's names. The first match counts.
+FOLDERS = [
+    ("kro/", [""]),
+    ("quarn2/backends/s3/", ["quarn2_s3", "quarn2_hostile_http", "quarn2_storage_s3",
+                             "quarn2_storage_trouble_s3", "system_storage_"]),
+    ("quarn2/backends/sftp/", ["quarn2_sftp", "quarn2_hostile_sftp", "quarn2_storage_sftp",
+                               "quarn2_storage_trouble_sftp", "system_storage_"]),
+    ("quarn2/backends/webdav/", ["quarn2_webdav", "quarn2_hostile_http", "quarn2_storage_webdav",
+                                 "quarn2_storage_trouble_webdav", "system_storage_"]),
+    ("quarn2/backends/ftp/", ["quarn2_ftp", "quarn2_hostile_ftp", "quarn2_storage_ftp",
+                              "quarn2_storage_trouble_ftp", "system_storage_"]),
+    ("quarn2/backends/local/", ["quarn2_local", "quarn2_storage_local", "system_"]),
+    ("quarn2/backends/memory/", ["quarn2_memory", "quarn2_storage_memory", "backup_"]),
+    ("quarn2/src/encryption/", ["quarn2_", "system_storage_"]),
+    ("quarn2/", ["quarn2_", "backup_", "system_"]),
+    ("backup_common/", ["backup_", "system_"]),
+    ("launcher/", ["system_"]),
+    ("tests/servers/", ["server", "quarn2_storage_", "quarn2_sftp_login", "system_storage_"]),
+    ("scripts/", ["layer_check", "changed_tests"]),
+    ("cmake/", [""]),
+]
+EVERYTHING = ("CMakeLists.txt", "CMakePresets.json", "tests/CMakeLists.txt")
+# Support code that is loaded into or linked beside the program, and so appears in no test's own dependencies.
+SYSTEM_SUPPORT = ("clock_ahead", "ended_pauses_clock", "fault_calls", "fault_points", "without_pidfd",
+                  "write_recorder")
+
+
+def test_of_source(path):
+    """The CTest test of a file tests/unit/LAYER/NAME_test.cpp, or None."""
+    match = re.fullmatch(r"tests/unit/(\w+)/(\w+_test)\.cpp", path)
+    if not match:
+        return None
+    layer, name = match.groups()
+    return {"backup_common": "backup"}.get(layer, layer) + "_" + name
+
+
+def tests_of_script(path):
+    """The beginning of the CTest names of a file tests/system/test_NAME.py, or None."""
+    match = re.fullmatch(r"tests/system/test_(\w+)\.py", path)
+    return "system_" + match[1] if match else None
+
+
+def select(changed, dependencies, known):
+    """The tests, in the order of `known`.
+
+    `dependencies`: for each source file of a test or script the set of project files that it depends on.
+    """
+    prefixes, names = set(), set()
+    for path in changed:
+        if path in EVERYTHING:
+            return list(known)
+        if path.endswith("CMakeLists.txt") and path.startswith("tests/"):
+            layer = path.split("/")[-2]
+            prefixes.add({"backup_common": "backup", "servers": "server"}.get(layer, layer) + "_")
+        prefixes.update(next((found for folder, found in FOLDERS if path.startswith(folder)), []))
+        if os.path.basename(path).split(".")[0] in SYSTEM_SUPPORT:
+            prefixes.add("system_")
+        for source, needs in dependencies.items():
+            if path != source and path not in needs:
+                continue
+            if source.endswith(".py") and tests_of_script(source):
+                prefixes.add(tests_of_script(source))
+            elif test_of_source(source):
+                names.add(test_of_source(source))
+            elif source.endswith("storage_conformance.cpp"):
+                prefixes.add("quarn2_storage_")
+            elif source.endswith("storage_trouble.cpp"):
+                prefixes.add("quarn2_storage_trouble_")
+    return [name for name in known
+            if name in names or any(name.startswith(prefix) for prefix in prefixes)]
+
+
+# --- Reading the tables ---
+
+def run(*command, **options):
+    return subprocess.run(command, check=True, text=True, stdout=subprocess.PIPE, **options).stdout
+
+
+def changed_files(base):
+    """Relative paths that differ from a commit, new files included."""
+    names = run("git", "diff", "--name-only", base).splitlines()
+    return names + run("git", "ls-files", "--others", "--exclude-standard").splitlines()
+
+
+def object_dependencies(top, build):
+    """{test source: project files that its object was compiled from}, from the last build."""
+    found, current = {}, None
+    for line in run("ninja", "-C", build, "-t", "deps").splitlines():
+        if not line.startswith(" "):
+            current = set()
+        elif line.strip().startswith(top + "/"):
+            path = os.path.relpath(line.strip(), top)
+            current.add(path)
+            if path.startswith("tests/") and path.endswith(".cpp"):
+                found[path] = current
+    return found
+
+
+def script_dependencies(folder):
+    """{script: scripts that it imports, directly or not} for tests/system."""
+    names = {name[:-3] for name in os.listdir(folder) if name.endswith(".py")}
+    imports = {}
+    for name in names:
+        with open(os.path.join(folder, name + ".py"), encoding="utf-8") as file:
+            words = re.findall(r"^(?:from|import) ([\w, ]+)", file.read(), re.MULTILINE)
+        imports[name] = {word.strip() for line in words for word in line.split(" import")[0].split(",")} & names
+    found = {}
+    for name in names:
+        seen, left = set(), [name]
+        while left:
+            left += [each for each in imports[left.pop()] if each not in seen and not seen.add(each)]
+        found[f"tests/system/{name}.py"] = {f"tests/system/{each}.py" for each in seen | {"run"}}
+    return found
+
+
+def main(arguments):
+    base = arguments[0] if arguments else "HEAD"
+    top = os.getcwd()
+    build = os.path.join(top, "build/release")
+    known = [test["name"] for test in json.loads(run("ctest", "--show-only=json-v1", cwd=build))["tests"]]
+    dependencies = object_dependencies(top, build) | script_dependencies(os.path.join(top, "tests/system"))
+    for name in select(changed_files(base), dependencies, known):
+        print(name)
+
+
+if __name__ == "__main__":
+    main(sys.argv[1:])
