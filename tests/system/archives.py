@@ -177,5 +177,15 @@ def restore(root, user, date, target, **changes):
     return result
 
 
+def backup(root, date, user, source, **changes):
+    """Runs the sample backup job; nothing of its own is left, whatever came out."""
+    place = os.path.join(root.base, "backup-tmp")
+    os.makedirs(place, exist_ok=True)
+    environment = root.environment(KRO_ROOT=root.path, TMPDIR=place, **changes)
+    result = call(os.path.join(SAMPLES, "backup-job"), date, user, source, env=environment)
+    root.test.assertEqual([], os.listdir(place))
+    return result
+
+
 def tree_bytes(folder):
     return {name: read(os.path.join(folder, name)) for name in harness.tree(folder)}

@@ -3,12 +3,21 @@
 import os
 import shutil
 import unittest
+import urllib.parse
 
-from archives import Maker, first_day, hold, manifest, restore
+from archives import Maker, backup, first_day, hold, manifest, restore
 from harness import SystemTest, wait_for, write, write_executable
 from samples import day
 
 SUNDAY = "2026-11-15"
+
+HOSTILE_USERS = ["x';touch${IFS}EVIL;'", "$(touch${IFS}EVIL)", "`touch${IFS}EVIL`", "x;touch${IFS}EVIL", "../web1",
+                 "-rf", ".hidden", "a b", "a\nb", "%p%b", "", "w*"]
+HOSTILE_ARCHIVES = ["x';touch${IFS}EVIL;'/F2026-11-15.web1.2.dar", "F2026-11-15.web1.$(touch${IFS}EVIL).dar",
+                    "../../F2026-11-15.web1.1.dar", "/etc/F2026-11-15.web1.1.dar", "F2026-11-15.web2.1.dar",
+                    "F2026-11-14.web1.1.dar", "web2/2026-11-15/F2026-11-15.web1.1.dar",
+                    "web1/2026-11-15/../F2026-11-15.web1.1.dar", "F2026-11-15.web1.1.dar;touch${IFS}EVIL",
+                    "F2026-11-15.web1.tgz.part", "F2026-11-15.web1.1.dar'", "-x.1.dar"]
 
 
 class RestoreJob(SystemTest):
@@ -27,6 +36,63 @@ class RestoreJob(SystemTest):
         write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
               "finished=2026-11-15 01:00:00\ntype=full")
         self.assert_refused(restore(root, "web1", SUNDAY, target), SUNDAY + ".web1.info")
+
+    def test_a_user_name_is_no_command(self):
+        root = self.root()
+        for user in HOSTILE_USERS:
+            with self.subTest(user=user):
+                self.assert_refused(restore(root, user, SUNDAY, os.path.join(root.base, "restored")), "user name")
+                self.assert_no_command_ran(root)
+
+    def test_an_archive_name_from_the_storage_is_no_command_and_no_path(self):
+        root = self.root()
+        target = os.path.join(root.base, "restored")
+        for name in HOSTILE_ARCHIVES:
+            with self.subTest(name=name):
+                write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
+                      f"finished=2026-11-15 01:00:00\nlast-slice={name}\ntype=full")
+                self.assert_refused(restore(root, "web1", SUNDAY, target), "last-slice")
+                self.assert_no_command_ran(root)
+                self.assertEqual([], os.listdir(target))
+
+    def test_a_custom_backups_archive_name(self):
+        root = self.root()
+        for name in ("F2026-11-20.web1.1.dar", "C2026-11-20.web2.1.dar", "C2026-11-20.web1.1.dar';touch${IFS}EVIL;'"):
+            with self.subTest(name=name):
+                write(os.path.join(root.info_root, "custom.web1.info"),
+                      f"finished=2026-11-20 01:00:00\nlast-slice={name}\ntype=full")
+                self.assert_refused(restore(root, "web1", "custom", os.path.join(root.base, "restored")), "last-slice")
+                self.assert_no_command_ran(root)
+
+    def test_the_backup_job_takes_no_command_for_a_name(self):
+        root = self.root()
+        files = os.path.join(root.base, "files")
+        first_day(files)
+        for user in HOSTILE_USERS:
+            with self.subTest(user=user):
+                result = backup(root, SUNDAY, user, files)
+                self.assertEqual(1, result.returncode)
+                self.assertRegex(result.stderr, r"\Abackup-job: a user name here has letters")
+                self.assert_no_command_ran(root)
+                self.assertEqual([], root.stored())
+
+    def test_hostile_folders_are_backed_up_and_restored(self):
+        root = self.root("x';touch ${IFS}EVIL;'$(touch EVIL) %p")
+        root.token = "local://" + urllib.parse.quote(root.storage)
+        files = os.path.join(root.base, "files")
+        first_day(files)
+        result = backup(root, SUNDAY, "web.1@example+a-b_c", files)
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        target = os.path.join(root.base, "restored")
+        result = restore(root, "web.1@example+a-b_c", SUNDAY, target)
+        self.assertEqual((0, ""), (result.returncode, result.stderr))
+        self.assertEqual(manifest(files), manifest(target))
+        self.assert_no_command_ran(root)
+
+    def assert_no_command_ran(self, root):
+        left = {name for _, _, names in os.walk(root.base) for name in names}
+        self.assertNotIn("EVIL", left)
+        self.assertFalse(os.path.exists("EVIL"))
 
     def test_a_daily_whose_full_backup_is_gone_is_not_restored_onto_another(self):
         root = self.root()
