@@ -68,10 +68,18 @@ bool AsksForInformationOnly(int argc, char** argv) {
            (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0);
 }
 
+// Writes to a closed pipe and beyond a file size limit fail with an error, which names the file.
+// The program waits for its children, which is impossible where a caller left SIGCHLD ignored.
+void SetSignals() {
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    std::signal(SIGCHLD, SIG_DFL);
+}
+
 int Run(int argc, char** argv) {
     KeepSecrets();
     OpenMissingStandardStreams();
-    std::signal(SIGPIPE, SIG_IGN);
+    SetSignals();
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
     const std::string root = FindInstallRoot();
     kro_env::SetInstallRoot(root);

@@ -43,11 +43,13 @@ ResHandle OpenControlSocket(const std::string& path) {
     if (!listening) throw std::runtime_error("Failed to open socket");
     const sockaddr_un address = SocketAddress(path);
     kro_file::RemoveFile(path);
-    // From its first moment on, whatever the umask: nobody else may connect in between.
+    // bind() creates the file with this mode less the umask, so that no other user can connect
+    // before the chmod() below.
     fchmod(listening, kSocketMode);
     if (bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::runtime_error("Failed to bind to '" + path + "' error " + str::Str(errno));
     }
+    kro_file::Attrs(path, kSocketMode);
     if (listen(listening, kBacklog) != 0) throw std::runtime_error("Failed to listen");
     return listening;
 }

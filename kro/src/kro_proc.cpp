@@ -29,7 +29,7 @@ constexpr int kNotExecuted = 127;
 void ResetSignals() noexcept {
     struct sigaction action {};
     action.sa_handler = SIG_DFL;
-    for (const int signal : {SIGPIPE, SIGTERM, SIGINT, SIGCHLD}) {
+    for (const int signal : {SIGPIPE, SIGXFSZ, SIGTERM, SIGINT, SIGCHLD}) {
         ::sigaction(signal, &action, nullptr);
     }
     sigset_t none;

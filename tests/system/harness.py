@@ -344,7 +344,7 @@ class Watch:
 class Server:
     """One `--server` caller. It holds the server until release()."""
 
-    def __init__(self, root, *arguments, env=None, pass_fds=()):
+    def __init__(self, root, *arguments, env=None, pass_fds=(), wrapper=()):
         self.root = root
         self.daemon = None
         self.output = b""
@@ -355,7 +355,7 @@ class Server:
                 storage = value
         self.suffix = "#" + storage if storage else ""
         self.process = root.spawn("--server", *arguments, env=env, pass_fds=pass_fds,
-                                  stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                  wrapper=wrapper, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                   stderr=subprocess.PIPE)
         root.test.addCleanup(self.close)
 
