@@ -304,10 +304,13 @@ void CommandDelete(kro_args::ResultPtr result) {
     const std::string path = GetArgPath(result->Args(0));
     KRO_LOG(kLog, 5, "Delete %s", path.c_str());
     if (!kro_file::Exists(path)) return;
-    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
-    if (token) {
-        DeleteWithDepends(quarn2::GetStorage(token), path, result->Has("force"));
-    } else {
+    const std::string token = kro_env::GetEnv("BACKUP_TOKEN");
+    if (token.empty()) {
         SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
+    } else {
+        // A malformed token fails here. The running server may have another storage than the one it
+        // was to name.
+        DeleteWithDepends(quarn2::GetStorage(quarn2::BackupToken(token)), path,
+                          result->Has("force"));
     }
 }

@@ -207,6 +207,16 @@ class ThroughTheNodeClient(DeleteTest):
                           "Failed to connect to size control server socket")
         self.assertTrue(backup.is_whole())
 
+    def test_a_malformed_token_is_an_error_and_no_request_to_the_running_server(self):
+        backup = Backup(self.r, "web1", DATE)
+        self.start()
+        for token in ("local:", "locall:///srv", "s3://", "x", " "):
+            with self.subTest(token=token):
+                result = self.r.run("--delete", backup.info_path, env={"BACKUP_TOKEN": token})
+                self.assertEqual(1, result.returncode)
+                self.assertRegex(result.stderr, r"\Aquarn2_cp: (storage token: |unknown storage scheme ).+\n\Z")
+                self.assertTrue(backup.is_whole())
+
     def test_an_individual_storage_is_reached_by_its_name(self):
         backup = Backup(self.r, "web1", DATE)
         Server(self.r, "--storage", "alice", "--date", DATE).wait_ready()

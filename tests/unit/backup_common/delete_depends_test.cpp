@@ -195,9 +195,19 @@ TEST_F(Depends, CommandWithoutATokenAsksTheNodeClient) {
 }
 
 TEST_F(Depends, CommandRefusedByTheNodeClientFails) {
-    setenv("BACKUP_TOKEN", "not a token", 1);
+    unsetenv("BACKUP_TOKEN");
     const ControlServer server(kSocket, [](const std::string&) { return ""; });
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandDelete(Arguments({kFull})); }), "");
+}
+
+// The running server may have another storage than the one that the token was to name.
+TEST_F(Depends, CommandWithAMalformedTokenAsksNobody) {
+    setenv("BACKUP_TOKEN", "not-a-token", 1);
+    const ControlServer server(kSocket, [](const std::string&) { return "OK"; });
+    EXPECT_THAT(TextOf<std::exception>([] { CommandDelete(Arguments({kFull})); }),
+                testing::StartsWith("storage token: "));
+    EXPECT_EQ(server.commands(), Lines());
+    EXPECT_TRUE(local_files::Has(kFull));
 }
 
 }  // namespace
