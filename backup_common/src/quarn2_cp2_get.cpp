@@ -62,12 +62,8 @@ struct Target {
     }
 };
 
+// Without "//" the argument names a file at the storage's root.
 std::string RemoteDirectory(std::string argument) {
-    if (argument.find("//") == std::string::npos) {
-        throw std::runtime_error("'" + argument +
-                                 "' does not tell the file's place on the storage: write "
-                                 "LOCAL_DIRECTORY//NAME, or LOCAL_DIRECTORY//USER/DATE/NAME");
-    }
     return quarn2::GetPath(kro_file::Path(str::RGetWord(argument, "//")));
 }
 
@@ -172,7 +168,8 @@ void CommandGet(kro_args::ResultPtr result) {
     KRO_LOG(kLog, 5, "Get '%s'", target.local.c_str());
     if (kro_file::Exists(target.local)) return;
     target.remote_dir = RemoteDirectory(result->Args(0));
-    kro_file::MkDirSynced(target.local_dir());
+    // A bare name is a file in the install root.
+    if (!target.local_dir().empty()) kro_file::MkDirSynced(target.local_dir());
     ProgressLine progress(1);
     target.storage->SetObserver(&progress);
 

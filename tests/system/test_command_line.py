@@ -130,17 +130,6 @@ class Errors(SystemTest):
 class NothingToWorkOn(SystemTest):
     """Commands that miss what they need say so and change nothing."""
 
-    def test_get_without_the_files_place_on_the_storage(self):
-        root = self.root()
-        for target in ("file", "/a/file", "a/b/c"):
-            for more in ([], ["--init", "--tmp-file", "x"]):
-                with self.subTest(target=target, more=more):
-                    self.assert_error(
-                        root.run("--get", target, *more),
-                        f"'{target}' does not tell the file's place on the storage: write "
-                        "LOCAL_DIRECTORY//NAME, or LOCAL_DIRECTORY//USER/DATE/NAME")
-        self.assertEqual([], root.stored())
-
     def test_update_of_a_file_without_an_info_file(self):
         root = self.root()
         path = write(os.path.join(root.info_root, "2026-11-20.web1.tgz"), "new")

@@ -46,6 +46,11 @@ class Get(GetTest):
         self.assert_success(root.run("--get", self.target(SLICE)))
         self.assertEqual(b"0123456789", read(self.local(SLICE)))
 
+    def test_without_a_double_slash_the_file_is_at_the_storage_root(self):
+        root = self.site()
+        self.assert_success(root.run("--get", self.local(SLICE)))
+        self.assertEqual(b"0123456789", read(self.local(SLICE)))
+
     def test_a_file_in_a_directory_of_the_storage(self):
         root = self.site()
         backup = Backup(root, "web4", DATE, form="dir", data=b"in a directory")

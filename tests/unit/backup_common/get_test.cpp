@@ -88,12 +88,14 @@ TEST_F(GetCommand, AFileThatIsThereIsNotFetchedAndTheTmpFileLeftAlone) {
     EXPECT_EQ(store_->log(), (Lines{}));
 }
 
-TEST_F(GetCommand, ATargetWithoutThePlaceOnTheStorageIsAnError) {
-    EXPECT_EQ(Failure({"r/x.tgz"}),
-              "'r/x.tgz' does not tell the file's place on the storage: write "
-              "LOCAL_DIRECTORY//NAME, or LOCAL_DIRECTORY//USER/DATE/NAME");
-    EXPECT_FALSE(local_files::Has("r"));
-    EXPECT_EQ(store_->log(), (Lines{}));
+TEST_F(GetCommand, WithoutADoubleSlashTheFileIsAtTheStorageRoot) {
+    store_->SetFile("x.tgz", "bytes");
+    store_->SetFile("r/x.tgz", "another");
+    CallGet({"r/x.tgz"});
+    CallGet({"x.tgz"});
+    EXPECT_EQ(Local("r/x.tgz"), "bytes");
+    EXPECT_EQ(Local("x.tgz"), "bytes");
+    EXPECT_EQ(store_->log(), (Lines{"Get x.tgz", "Get x.tgz"}));
 }
 
 TEST_F(GetCommand, ALocalDirectoryThatCannotBeMadeIsAnError) {

@@ -251,11 +251,11 @@ TEST_P(HostilePages, AlwaysAnother) {
 }
 
 TEST_P(HostilePages, NamesOnAllOfThemTogether) {
-    Serve([](HttpExchange& exchange) {
-        std::string keys;
-        for (int i = 0; i < 10; ++i) {
-            keys += "<Contents><Key>" + std::string(900'000, 'n') + "</Key></Contents>";
-        }
+    std::string keys;
+    for (int i = 0; i < 10; ++i) {
+        keys += "<Contents><Key>" + std::string(900'000, 'n') + "</Key></Contents>";
+    }
+    Serve([&](HttpExchange& exchange) {
         exchange.Answer(200, Page(keys, "page" + std::to_string(exchange.number)));
     });
     EXPECT_THAT(ListError(), HasSubstr("a listing without end, of more than"));
