@@ -167,24 +167,22 @@ def rescan(root, *arguments, env=None):
     harness.wait_gone(server.daemon)
 
 
-def restore(root, user, date, target, **changes):
-    """Runs the sample restore job; nothing of its own is left, whatever came out."""
-    place = os.path.join(root.base, "restore-tmp")
+def run_sample(root, program, *arguments, **changes):
+    """Runs a sample job; nothing of its own is left, whatever came out."""
+    place = os.path.join(root.base, program + "-tmp")
     os.makedirs(place, exist_ok=True)
     environment = root.environment(KRO_ROOT=root.path, TMPDIR=place, **changes)
-    result = call(os.path.join(SAMPLES, "restore-job"), user, date, target, env=environment)
+    result = call(os.path.join(SAMPLES, program), *arguments, env=environment)
     root.test.assertEqual([], os.listdir(place))
     return result
+
+
+def restore(root, user, date, target, **changes):
+    return run_sample(root, "restore-job", user, date, target, **changes)
 
 
 def backup(root, date, user, source, **changes):
-    """Runs the sample backup job; nothing of its own is left, whatever came out."""
-    place = os.path.join(root.base, "backup-tmp")
-    os.makedirs(place, exist_ok=True)
-    environment = root.environment(KRO_ROOT=root.path, TMPDIR=place, **changes)
-    result = call(os.path.join(SAMPLES, "backup-job"), date, user, source, env=environment)
-    root.test.assertEqual([], os.listdir(place))
-    return result
+    return run_sample(root, "backup-job", date, user, source, **changes)
 
 
 def tree_bytes(folder):
