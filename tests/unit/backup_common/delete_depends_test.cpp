@@ -200,7 +200,7 @@ TEST_F(Depends, CommandRefusedByTheNodeClientFails) {
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandDelete(Arguments({kFull})); }), "");
 }
 
-// The running server may have another storage than the one that the token was to name.
+// The running server may serve a different storage than the one that was meant.
 TEST_F(Depends, CommandWithAMalformedTokenAsksNobody) {
     setenv("BACKUP_TOKEN", "not-a-token", 1);
     const ControlServer server(kSocket, [](const std::string&) { return "OK"; });
