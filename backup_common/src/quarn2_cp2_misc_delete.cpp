@@ -308,8 +308,8 @@ void CommandDelete(kro_args::ResultPtr result) {
     if (token.empty()) {
         SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
     } else {
-        // A malformed token fails here. The running server may have another storage than the one it
-        // was to name.
+        // A malformed token throws. The running server may serve a different storage than the one
+        // that was meant.
         DeleteWithDepends(quarn2::GetStorage(quarn2::BackupToken(token)), path,
                           result->Has("force"));
     }
