@@ -21,7 +21,7 @@ class StorageConformance : public testing::TestWithParam<StorageKind> {
         return password.empty() ? std::move(backend)
                                 : quarn2::Encrypted(std::move(backend), password);
     }
-    // What a file of so many bytes takes on the storage, and what is told of its key.
+    // The size that a file of `size` bytes has on the storage.
     std::int64_t StoredSize(std::int64_t size) const {
         return KeyHash().empty() ? size : quarn2::SizeEncrypted("file", size);
     }

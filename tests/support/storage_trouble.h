@@ -1,6 +1,6 @@
-// The fixture of the suite that checks what a storage behind a network promises when the network
-// breaks, stalls or lies. unit/quarn2/storage_trouble.cpp contains the tests and is compiled once.
-// A backend joins with a file that instantiates the suite:
+// The fixture of the suite that checks what a storage behind a network promises when connections
+// break or stall, or the server refuses. unit/quarn2/storage_trouble.cpp contains the tests and is
+// compiled once. A backend joins with a file that instantiates the suite:
 //
 //     INSTANTIATE_TEST_SUITE_P(Sftp, StorageTrouble,
 //                              testing::Values(TroubledSite<SftpSite>("password")),

@@ -15,7 +15,7 @@ using Names = std::vector<std::string>;
 // More than any piece that a transfer is cut into.
 inline constexpr std::size_t kSeveralPieces = 17 * 1024 * 1024 + 1;
 
-// What an observer is told.
+// Records the calls of an observer.
 struct Watcher final : quarn2::TransferObserver {
     void Begin(std::int64_t size) override { begun.push_back(size); }
     void Advance(std::int64_t more) override {
