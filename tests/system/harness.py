@@ -470,6 +470,8 @@ class SystemTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="quarn2-cp-")
         self.addCleanup(shutil.rmtree, self.folder)
+        # Those of a server that the whole class uses.
+        self.children_before = set(children())
         self.addCleanup(self.check_no_process_left)
 
     def root(self, name="root", **options):
@@ -477,14 +479,17 @@ class SystemTest(unittest.TestCase):
 
     def check_no_process_left(self):
         end = time.monotonic() + DEADLINE
-        while children() and time.monotonic() < end:
+        while self.new_children() and time.monotonic() < end:
             time.sleep(0.01)
-        left = [(pid, command_line(pid)) for pid in children()]
+        left = [(pid, command_line(pid)) for pid in self.new_children()]
         for pid, _ in left:
             os.kill(pid, signal.SIGKILL)
             wait_gone(pid)
         if left:
             self.fail(f"processes outlived the test: {left}")
+
+    def new_children(self):
+        return set(children()) - self.children_before
 
     def assert_error(self, result, text):
         """The command failed with exactly this message."""

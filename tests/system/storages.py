@@ -28,15 +28,16 @@ def shared_info(name):
         return dict(line.rstrip("\n").split("=", 1) for line in file)
 
 
-def own_server(test, kind, **options):
-    """A server of one test, which may halt or kill it. Its `info` is as good as a shared one's."""
-    # Below /var/tmp, where the users that serve the files can get to.
+def own_server(add_cleanup, kind, **options):
+    """Starts a server of one test or class, which may halt or kill it; add_cleanup is the addCleanup of the
+    test or the addClassCleanup of the class. Its `info` has the same keys as a shared server's."""
+    # Below /var/tmp, which the users that serve the files can enter.
     folder = tempfile.mkdtemp(prefix="quarn2-cp-", dir="/var/tmp")
-    test.addCleanup(shutil.rmtree, folder, ignore_errors=True)
+    add_cleanup(shutil.rmtree, folder, ignore_errors=True)
     os.chmod(folder, 0o755)
     server = servers.KINDS[kind](os.path.join(folder, kind), **options)
     server.start()
-    test.addCleanup(server.stop)
+    add_cleanup(server.stop)
     return server
 
 

@@ -18,7 +18,7 @@ class Upload:
 
     def __init__(self, test, server_name, make):
         self.test = test
-        self.server = storages.own_server(test, server_name)
+        self.server = storages.own_server(test.addCleanup, server_name)
         self.storage = make(test, self.server.info)
         self.r = test.root(server_name, program=ENDED_PAUSES)
         parameters = {"part_size": 5 * MIB} if server_name == "s3" else {}
