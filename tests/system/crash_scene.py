@@ -38,7 +38,7 @@ def names(folder):
     return [name for name in tree(folder) if not TEMPORARY.fullmatch(os.path.basename(name))]
 
 
-def wait_until_alone(timeout=30):
+def wait_until_alone(timeout=DEADLINE):
     """Waits until no process of the run is left; those started by name have been waited for already."""
     end = time.monotonic() + timeout
     while True:

@@ -24,7 +24,7 @@ BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quar
 # The same program with a clock whose long pauses end when a test wants it: see Root.end_pauses.
 ENDED_PAUSES = os.path.abspath(os.environ.get("QUARN2_CP_ENDED_PAUSES",
                                               "build/tests/system/quarn2_cp_ended_pauses"))
-DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "60"))
+DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "180"))
 # The words before every start of the program, of another that runs it: see scripts/valgrind.
 WRAPPER = shlex.split(os.environ.get("QUARN2_CP_WRAPPER", ""))
 
