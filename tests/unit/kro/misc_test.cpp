@@ -205,7 +205,7 @@ TEST(Sleep, WaitsAtLeastThatLong) {
     kro_proc::Sleep(-1);
     const auto passed = std::chrono::steady_clock::now() - start;
     EXPECT_GE(passed, std::chrono::milliseconds(30));
-    EXPECT_LT(passed, std::chrono::seconds(10));
+    EXPECT_LT(passed, std::chrono::seconds(30));
 }
 
 }  // namespace

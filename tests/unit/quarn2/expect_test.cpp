@@ -114,7 +114,7 @@ TEST(Expect, RunLastsItsTime) {
     expect.Add(pipe.in, POLLIN, probe);
     const double seconds = SecondsOf([&] { expect.Run(60); });
     EXPECT_GE(seconds, 0.06);
-    EXPECT_LT(seconds, 5);
+    EXPECT_LT(seconds, 30);
     EXPECT_EQ(probe->calls, 0);
 }
 

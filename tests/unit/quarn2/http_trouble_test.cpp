@@ -131,6 +131,9 @@ TEST_F(HttpTroubleTest, NobodyThereIsUnavailable) {
 
 // --- Stalls ---
 
+// In seconds: the default timeout is 60, and a busy machine takes some seconds for itself.
+constexpr double kWellBelowTheDefault = 30;
+
 TEST_F(HttpTroubleTest, SilentServerIsGivenUpAfterTheTimeout) {
     Serve([](HttpExchange& exchange) { exchange.Stall(); });
     UseTimeout(1);
@@ -138,7 +141,7 @@ TEST_F(HttpTroubleTest, SilentServerIsGivenUpAfterTheTimeout) {
         ExpectError(Kind::kUnavailable, "test server: ", [&] { client_->Do(Request("GET", "/")); });
     });
     EXPECT_GE(seconds, 0.9);
-    EXPECT_LT(seconds, 4);
+    EXPECT_LT(seconds, kWellBelowTheDefault);
 }
 
 TEST_F(HttpTroubleTest, StallInTheMiddleOfAnAnswerIsGivenUp) {
@@ -153,7 +156,7 @@ TEST_F(HttpTroubleTest, StallInTheMiddleOfAnAnswerIsGivenUp) {
         ExpectError(Kind::kUnavailable,
                     "test server: ", [&] { client_->Do(Request("GET", "/", sink)); });
     });
-    EXPECT_LT(seconds, 5);
+    EXPECT_LT(seconds, kWellBelowTheDefault);
     EXPECT_EQ(sink.text.size(), 5'000'000U);
 }
 
@@ -173,20 +176,20 @@ TEST_F(HttpTroubleTest, StallInTheMiddleOfABodyIsGivenUp) {
     end.Open();
     // Its thread still stands in the gate.
     server_.reset();
-    EXPECT_LT(seconds, 5);
+    EXPECT_LT(seconds, kWellBelowTheDefault);
 }
 
 // Slow is not stalled.
 TEST_F(HttpTroubleTest, SlowAnswerMayTakeLongerThanTheTimeout) {
     Serve([](HttpExchange& exchange) {
-        exchange.Write("HTTP/1.1 200 OK\r\nContent-Length: 12\r\n\r\n");
-        for (int i = 0; i < 12; ++i) {
+        exchange.Write("HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n");
+        for (int i = 0; i < 16; ++i) {
             exchange.Write("x");
             kro_proc::Sleep(250);
         }
     });
-    UseTimeout(1);
-    EXPECT_EQ(client_->Do(Request("GET", "/")).body, "xxxxxxxxxxxx");
+    UseTimeout(3);
+    EXPECT_EQ(client_->Do(Request("GET", "/")).body, std::string(16, 'x'));
 }
 
 TEST_F(HttpTroubleTest, SilentNameServerIsGivenUpAfterTheTimeout) {
@@ -197,7 +200,7 @@ TEST_F(HttpTroubleTest, SilentNameServerIsGivenUpAfterTheTimeout) {
         ExpectError(Kind::kUnavailable, "", [&] { client_->Do(std::move(request)); });
         client_.reset();
     });
-    EXPECT_LT(seconds, 4);
+    EXPECT_LT(seconds, kWellBelowTheDefault);
 }
 
 // --- Connections ---
