@@ -1,9 +1,8 @@
 #include "quarn2_cp2_server_info.h"
 
-#include <vector>
-
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
+#include "quarn2_cp2_misc_newest.h"
 
 namespace {
 
@@ -18,16 +17,6 @@ bool Download(quarn2::Storage& storage, const std::string& remote, const std::st
     }
 }
 
-bool Has(quarn2::Storage& storage, const std::string& remote) {
-    std::vector<std::string> names;
-    try {
-        storage.List(names, remote);
-    } catch (const kro_err::Error& error) {
-        if (error.type() != "not_found") throw;
-    }
-    return !names.empty();
-}
-
 }  // namespace
 
 std::string FetchInfoFile(quarn2::Storage& storage, const std::string& root,
@@ -38,7 +27,7 @@ std::string FetchInfoFile(quarn2::Storage& storage, const std::string& root,
     if (Download(storage, name, path)) return path;
     // Asked for first: directories that stay empty would be left here otherwise.
     const std::string in_directory = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
-    if (!Has(storage, in_directory)) return {};
+    if (!IsOnStorage(storage, in_directory)) return {};
     path = kro_file::ConcatPath(root, in_directory);
     kro_file::MkDirSynced(kro_file::Path(path));
     return Download(storage, in_directory, path) ? path : "";
