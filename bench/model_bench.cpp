@@ -11,8 +11,8 @@
 
 #include "kro/kro_proc.h"
 #include "quarn2/expect.h"
-#include "quarn2_cp2_server_eviction.h"
 #include "quarn2_cp2_server_model.h"
+#include "quarn2_cp2_server_plan.h"
 #include "quarn2_cp2_server_session.h"
 
 namespace {
@@ -65,11 +65,8 @@ void BM_EvictionPlan(benchmark::State& state) {
     Fill(control);
     std::size_t victims = 0;
     for ([[maybe_unused]] auto _ : state) {
-        victims = 0;
-        VisitOldest(control, control.max_count - 1, [&victims](const Victim& victim) {
-            benchmark::DoNotOptimize(&*victim.record);
-            ++victims;
-        });
+        victims = PlanPass(control.storages, control.max_count - 1).size();
+        benchmark::DoNotOptimize(victims);
     }
     state.counters["victims"] = static_cast<double>(victims);
 }
@@ -84,7 +81,9 @@ void BM_EvictionPass(benchmark::State& state) {
             GlobalSizeControl control;
             Fill(control);
             state.ResumeTiming();
-            VisitOldest(control, control.max_count - 1, ForgetBackup);
+            for (const Victim& victim : PlanPass(control.storages, control.max_count - 1)) {
+                ForgetBackup(control.storages, victim);
+            }
             --control.max_count;
             state.PauseTiming();
         }

@@ -50,8 +50,7 @@ class Daemon {
         control->unstored = UnstoredInfos(*desc.storage, args_->Param("storage", -1));
         control->Init(date_);
         control->FinishDeletions();
-        control->DropByCount(control->full_limit, control->daily_limit);
-        MakeRoom(*control);
+        control->FitIntoLimits();
         AnnounceReady();
         Serve(*loop, *nodes);
         // Callers that come from here on must wait for the end instead of taking this server for
@@ -74,16 +73,6 @@ class Daemon {
     void WritePidFile() {
         const PidFile file{str::Str(getpid()), date_, server_key_, RequestedParams(args_)};
         pid_lock_.Write(file.Text());
-    }
-
-    static void MakeRoom(GlobalSizeControl& control) {
-        for (;;) {
-            const std::int64_t used = control.GreatestUsedSize();
-            KRO_LOG(kLog, 6, "Backup size: %lld, limit: %lld", static_cast<long long>(used),
-                    static_cast<long long>(control.size_limit));
-            if (control.size_limit >= used) return;
-            control.DropOldest(control.max_count - 1);
-        }
     }
 
     // The record lock is what callers ask for: from now on this process serves.

@@ -8,6 +8,7 @@
 #include "quarn2/info.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_server_info.h"
+#include "quarn2_cp2_server_plan.h"
 
 namespace {
 
@@ -15,6 +16,8 @@ constexpr kro_log::Module kLog("main");
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
 using BackupInfo = StorageDesc::UserDesc::BackupInfo;
+
+long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
 bool IsFull(const BackupInfo& backup) { return backup.type == 0; }
 bool IsDaily(const BackupInfo& backup) { return backup.type == 1; }
@@ -34,17 +37,6 @@ Backups::const_iterator OldestRemovable(const Backups& backups) {
         if (!IsFull(record->second) || IsFull(successor->second)) return record;
     }
     return backups.end();
-}
-
-void VisitOldest(GlobalSizeControl& control, int keep,
-                 const std::function<void(const Victim&)>& visit) {
-    for (auto& [key, desc] : control.storages) {
-        for (auto& [name, user] : desc.users) {
-            if (static_cast<std::int64_t>(user.backups.size()) <= keep) continue;
-            const auto record = OldestRemovable(user.backups);
-            if (record != user.backups.end()) visit({&desc, &name, &user, record});
-        }
-    }
 }
 
 std::vector<std::string> ExcessDailies(const Backups& backups, int leave) {
@@ -75,11 +67,6 @@ std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
     return dates;
 }
 
-void ForgetBackup(const Victim& victim) {
-    victim.storage->free_size = SumOfSizes(victim.storage->free_size, victim.record->second.size);
-    victim.user->backups.erase(victim.record);
-}
-
 namespace {
 
 // An info root that cannot be read, or that is empty, has not lost one backup but all of them.
@@ -92,50 +79,98 @@ void CheckInfoRoot(const std::string& path) {
 // with a directory of its own keeps the file: only the storage knows. A day that was filled in
 // takes nothing from anybody, and nobody need be asked.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
-    const std::string& date = victim.record->first;
-    const std::string info_path = quarn2::GetInfoFile(control.path, *victim.user_name, date);
-    const std::int64_t size = victim.record->second.size;
+    const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
+    const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);
     const bool exists = kro_file::Exists(info_path);
-    KRO_LOG(kLog, exists || size != 0 ? 5 : 6, "Evict backup '%s', size: %lld", info_path.c_str(),
-            static_cast<long long>(size));
-    if (exists) return Delete(victim.storage->storage, info_path, false);
-    if (size != 0) {
+    KRO_LOG(kLog, exists || victim.size != 0 ? 5 : 6, "Evict backup '%s', size: %lld",
+            info_path.c_str(), ForLog(victim.size));
+    if (exists) return Delete(storage, info_path, false);
+    if (victim.size != 0) {
         CheckInfoRoot(control.path);
-        const std::string fetched =
-            FetchInfoFile(*victim.storage->storage, control.path, *victim.user_name, date);
-        if (!fetched.empty()) return Delete(victim.storage->storage, fetched, false);
+        const std::string fetched = FetchInfoFile(*storage, control.path, victim.user, victim.date);
+        if (!fetched.empty()) return Delete(storage, fetched, false);
     }
     KRO_LOG(kLog, 6, "Backup '%s' is already gone", info_path.c_str());
 }
 
-void DeleteBackup(const GlobalSizeControl& control, const Victim& victim) {
-    DeleteFiles(control, victim);
-    ForgetBackup(victim);
+void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
+    for (const Victim& victim : victims) {
+        DeleteFiles(control, victim);
+        ForgetBackup(control.storages, victim);
+    }
 }
 
-void DeleteAll(const GlobalSizeControl& control, StorageDesc& desc, const std::string& name,
-               StorageDesc::UserDesc& user, const std::vector<std::string>& dates) {
-    for (const std::string& date : dates) {
-        DeleteBackup(control, {&desc, &name, &user, user.backups.find(date)});
-    }
+void ExecutePass(GlobalSizeControl& control, const Victims& victims) {
+    DeleteAll(control, victims);
+    --control.max_count;
+}
+
+[[noreturn]] void ThrowAllLocked() {
+    throw std::runtime_error("No space left. But all backups are locked");
+}
+
+// An operator must see that a limit or a size is wrong, and that no backup was lost by it.
+void LogImpossible(const EvictionPlan& plan, std::int64_t wanted, const char* unit) {
+    KRO_LOG(kLog, 4,
+            "Evictions cannot make room: %lld %s, and all evictions together would free %lld "
+            "bytes. Nothing was deleted. Check --size-limit and the sizes in the info files",
+            ForLog(wanted), unit, ForLog(plan.FreedSize()));
+}
+
+void LogUsed(const GlobalSizeControl& control) {
+    KRO_LOG(kLog, 6, "Backup size: %lld, limit: %lld", ForLog(control.GreatestUsedSize()),
+            ForLog(control.size_limit));
+}
+
+std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) {
+    const auto found =
+        std::find_if(control.storages.begin(), control.storages.end(),
+                     [&storage](const auto& entry) { return &entry.second == &storage; });
+    if (found == control.storages.end()) throw std::logic_error("a storage of another model");
+    return found->first;
 }
 
 }  // namespace
 
 void GlobalSizeControl::DropOldest(int keep) {
-    if (keep < 0) throw std::runtime_error("No space left. But all backups are locked");
+    if (keep < 0) ThrowAllLocked();
     if (keep >= max_count) return;
-    VisitOldest(*this, keep, [this](const Victim& victim) { DeleteBackup(*this, victim); });
-    --max_count;
+    ExecutePass(*this, PlanPass(storages, keep));
 }
 
 void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_daily) {
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             count_to_leave_full, count_to_leave_daily);
-    for (auto& [key, desc] : storages) {
-        for (auto& [name, user] : desc.users) {
-            DeleteAll(*this, desc, name, user, ExcessDailies(user.backups, count_to_leave_daily));
-            DeleteAll(*this, desc, name, user, ExcessFulls(user.backups, count_to_leave_full));
+    DeleteAll(*this, PlanCounts(storages, count_to_leave_full, count_to_leave_daily));
+}
+
+// Passes that delete nothing lower max_count, also when all passes together would not suffice.
+void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
+    if (size <= LessSize(storage.free_size, storage.reserved)) return;
+    const EvictionPlan plan = PlanRoom(*this, KeyOf(*this, storage), size);
+    for (const Victims& pass : plan.passes) {
+        if (!plan.possible && !pass.empty()) {
+            LogImpossible(plan, size, "bytes are asked for");
+            ThrowAllLocked();
         }
+        ExecutePass(*this, pass);
+    }
+    if (!plan.possible) ThrowAllLocked();
+}
+
+void GlobalSizeControl::FitIntoLimits() {
+    const EvictionPlan plan = PlanStart(*this);
+    if (!plan.possible) {
+        LogUsed(*this);
+        LogImpossible(plan, GreatestUsedSize(), "bytes are used");
+        ThrowAllLocked();
+    }
+    KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
+            full_limit, daily_limit);
+    DeleteAll(*this, plan.by_count);
+    LogUsed(*this);
+    for (const Victims& pass : plan.passes) {
+        ExecutePass(*this, pass);
+        LogUsed(*this);
     }
 }

@@ -93,6 +93,14 @@ struct GlobalSizeControl {
     // every remaining backup can still be restored.
     void DropByCount(int count_to_leave_full, int count_to_leave_daily);
 
+    // Deletes backups, in passes of DropOldest, until the storage has `size` bytes that are neither
+    // used nor reserved. std::runtime_error, before any deletion, when that cannot be reached.
+    void MakeRoom(const StorageDesc& storage, std::int64_t size);
+
+    // Deletes by the count limits and then, in passes of DropOldest, until no storage uses more
+    // than the size limit. std::runtime_error, before any deletion, when that cannot be reached.
+    void FitIntoLimits();
+
     // The greatest used space of any storage, 0 without one.
     std::int64_t GreatestUsedSize() const noexcept;
 

@@ -72,9 +72,7 @@ std::string MasterSide::Reserve(std::int64_t size) {
         throw std::runtime_error("No disk space left on storage. Size limit: " +
                                  str::Str(control.size_limit));
     }
-    while (size > LessSize(storage_.free_size, storage_.reserved)) {
-        control.DropOldest(control.max_count - 1);
-    }
+    control.MakeRoom(storage_, size);
     storage_.reserved = SumOfSizes(storage_.reserved, size);
     return "OK " + str::Str(control.max_count);
 }

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "fuzz.h"
-#include "quarn2_cp2_server_eviction.h"
+#include "quarn2_cp2_server_plan.h"
 #include "simple_rules.h"
 
 namespace {
@@ -93,21 +93,17 @@ class World {
         }
     }
 
-    void Evict(const Victim& victim) {
-        evicted_.push_back({*victim.user_name, victim.record->first, victim.record->second.size});
-        ForgetBackup(victim);
-    }
-
-    void EvictAll(const std::string& name, UserDesc& user, const std::vector<std::string>& dates) {
-        for (const std::string& date : dates) {
-            Evict({&storage_, &name, &user, user.backups.find(date)});
+    void Evict(const Victims& victims) {
+        for (const Victim& victim : victims) {
+            evicted_.push_back({victim.user, victim.date, victim.size});
+            ForgetBackup(control_.storages, victim);
         }
     }
 
     bool ProductDropsOldest(int keep) {
         if (keep < 0) return false;
         if (keep >= control_.max_count) return true;
-        VisitOldest(control_, keep, [this](const Victim& victim) { Evict(victim); });
+        Evict(PlanPass(control_.storages, keep));
         --control_.max_count;
         return true;
     }
@@ -117,23 +113,20 @@ class World {
     }
 
     void MakeRoom(std::int64_t wanted) {
-        bool possible = true;
-        while (possible && storage_.free_size < wanted) {
-            possible = ProductDropsOldest(control_.max_count - 1);
+        const EvictionPlan plan = PlanRoom(control_, "", wanted);
+        Require(plan.possible == rules_.MakeRoom(wanted), "both find room, or neither");
+        for (const Victims& pass : plan.passes) {
+            if (!plan.possible && !pass.empty()) return;
+            Evict(pass);
+            --control_.max_count;
         }
-        bool expected = true;
-        while (expected && rules_.free < wanted) expected = rules_.DropOldest(rules_.max_count - 1);
-        Require(possible == expected, "both find room, or neither");
     }
 
     void DropByCount(int full, int daily) {
         rules_.full_limit = full;
         rules_.daily_limit = daily;
         rules_.DropByCount();
-        for (auto& [name, user] : storage_.users) {
-            EvictAll(name, user, ExcessDailies(user.backups, daily));
-            EvictAll(name, user, ExcessFulls(user.backups, full));
-        }
+        Evict(PlanCounts(control_.storages, full, daily));
     }
 
     std::size_t Survivors() const { return storage_.users.size(); }

@@ -103,6 +103,32 @@ class Rules {
         return true;
     }
 
+    // Deletes nothing when the passes do not make so much room: they are tried on a copy, and of
+    // those that do not suffice only the first ones, which find nothing, count.
+    bool MakeRoom(std::int64_t wanted) {
+        Rules trial = *this;
+        bool possible = true;
+        while (possible && trial.free < wanted) possible = trial.DropOldest(trial.max_count - 1);
+        if (possible) {
+            *this = trial;
+            return true;
+        }
+        for (trial = *this; trial.DropOldest(trial.max_count - 1);) {
+            if (trial.evictions.size() != evictions.size()) break;
+            max_count = trial.max_count;
+        }
+        return false;
+    }
+
+    // What a server does at its start; nothing when it cannot fit.
+    bool FitIntoLimits() {
+        Rules trial = *this;
+        trial.DropByCount();
+        if (!trial.MakeRoom(0)) return false;
+        *this = trial;
+        return true;
+    }
+
     void DropByCount() {
         for (User& user : users) {
             while (DropOneDaily(user)) {
@@ -116,9 +142,7 @@ class Rules {
         if (size + reserved > limit) {
             return "ERR No disk space left on storage. Size limit: " + std::to_string(size_limit);
         }
-        while (size + reserved > free) {
-            if (!DropOldest(max_count - 1)) return "ERR No space left. But all backups are locked";
-        }
+        if (!MakeRoom(size + reserved)) return "ERR No space left. But all backups are locked";
         reserved += size;
         return "OK " + std::to_string(max_count);
     }

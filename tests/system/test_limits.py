@@ -155,8 +155,29 @@ class SizeLimit(LimitTest):
         self.assertIn("quarn2_cp: Failed to start size control server\n", errors)
         self.assertIn("Size control server error: No space left. But all backups are locked",
                       self.r.log_texts(3))
-        self.assertEqual([[DATE], [day(-1), DATE]], [left(user) for user in users])
+        self.assertEqual([[day(-1), DATE]] * 2, [left(user) for user in users])
         self.assert_both_sides_agree()
+
+    def test_a_limit_that_is_too_small_by_a_slip_costs_no_backup(self):
+        users = [chain(self.r, f"user{number}", "FDDFDFDFDF", size=1000) for number in range(5)]
+        server = Server(self.r, "--date", DATE, "--size-limit", "500", "--count-limit", "2:2")
+        status, errors = server.wait_end()
+        self.assertEqual(1, status)
+        self.assertIn("quarn2_cp: Failed to start size control server\n", errors)
+        self.assertEqual(50, sum(len(left(user)) for user in users))
+        self.assertIn("Evictions cannot make room: 50000 bytes are used, and all evictions "
+                      "together would free 45000 bytes. Nothing was deleted. Check --size-limit "
+                      "and the sizes in the info files", self.r.log_texts(4))
+        self.assert_both_sides_agree()
+        self.start("--size-limit", "500000", "--count-limit", "9:9")
+        self.assertEqual(50, sum(len(left(user)) for user in users))
+
+    def test_an_info_file_with_a_huge_size_costs_no_other_backup(self):
+        backups = chain(self.r, "web1", "FFFF", size=100)
+        write_info(self.r.info_root, "web2", DATE, size=10**15)
+        server = Server(self.r, "--date", DATE, "--size-limit", "1000", "--count-limit", "9:9")
+        self.assertEqual(1, server.wait_end()[0])
+        self.assertEqual(4, len(left(backups)))
 
     def days_with(self, *limits):
         """A server for each day of a job, as a job starts it; gives the day's date."""

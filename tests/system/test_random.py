@@ -1,5 +1,6 @@
 """Random storages, limits and reservations against a plain statement of the rules."""
 
+import copy
 import os
 import random
 import unittest
@@ -68,17 +69,31 @@ class Rules:
         self.count -= 1
 
     def start(self):
-        self.trim()
-        while self.used() > self.size_limit:
-            self.drop_pass()
+        """All or nothing: what cannot fit deletes nothing."""
+        trial = copy.deepcopy(self)
+        trial.trim()
+        while trial.used() > trial.size_limit:
+            trial.drop_pass()
+        self.take(trial)
+
+    def take(self, other):
+        self.records, self.count = other.records, other.count
+
+    def make_room(self, size):
+        """Passes until there is room; before the first deletion it is tried whether they suffice."""
+        trial = copy.deepcopy(self)
+        while size > trial.size_limit - trial.used() - trial.reserved:
+            trial.drop_pass()
+            if trial.records == self.records:
+                self.count = trial.count
+        self.take(trial)
 
     def reserve(self, size):
         lockable = self.size_limit - sum(map(self.locked, self.records))
         if size > lockable - self.reserved:
             return f"ERR No disk space left on storage. Size limit: {self.size_limit}"
         try:
-            while size > self.size_limit - self.used() - self.reserved:
-                self.drop_pass()
+            self.make_room(size)
         except ValueError as error:
             return f"ERR {error}"
         self.reserved += size

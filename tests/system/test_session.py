@@ -274,6 +274,16 @@ class Reservation(SystemTest):
         self.assertEqual([day(-1), DATE], left(backups))
         self.assertEqual("OK 0", link.ask("RESERVE 0"))
 
+    def test_a_reservation_that_evictions_cannot_meet_deletes_nothing(self):
+        root = self.root()
+        backups = chain(root, "web1", "FFF", size=20)
+        link = self.session(root, "--size-limit", "100")
+        self.assertEqual("OK 3", link.ask("COMPLETE other custom custom 40"))
+        self.assertEqual(LOCKED, link.ask("RESERVE 41"))
+        self.assertEqual(3, len(left(backups)))
+        self.assertEqual("OK 1", link.ask("RESERVE 40"))
+        self.assertEqual([DATE], left(backups))
+
     def test_an_eviction_that_fails_is_answered_and_can_be_repeated(self):
         root = self.root()
         backups = chain(root, "web1", "FF", size=50, slices=1)

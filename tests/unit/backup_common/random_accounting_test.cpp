@@ -61,8 +61,7 @@ class World {
             control_->Init(kToday);
             rules_.Scan();
         });
-        Step("count limits", [this] { DropByCount(); });
-        Step("room at the start", [this] { MakeRoom(); });
+        Step("limits at the start", [this] { FitIntoLimits(); });
         for (int i = 0; i < kStepsPerWorld && !testing::Test::HasFailure(); ++i) RandomStep();
     }
 
@@ -164,21 +163,16 @@ class World {
         rules_.DropByCount();
     }
 
-    // What the server does after its count limits; a storage that cannot be brought below its limit
-    // would end it.
-    void MakeRoom() {
+    // A storage that cannot be brought below its limit would end the server.
+    void FitIntoLimits() {
         bool possible = true;
-        while (possible && control_->GreatestUsedSize() > control_->size_limit) {
-            try {
-                control_->DropOldest(control_->max_count - 1);
-            } catch (const std::runtime_error& error) {
-                EXPECT_STREQ(error.what(), "No space left. But all backups are locked");
-                possible = false;
-            }
+        try {
+            control_->FitIntoLimits();
+        } catch (const std::runtime_error& error) {
+            EXPECT_STREQ(error.what(), "No space left. But all backups are locked");
+            possible = false;
         }
-        bool expected = true;
-        while (expected && rules_.free < 0) expected = rules_.DropOldest(rules_.max_count - 1);
-        EXPECT_EQ(possible, expected);
+        EXPECT_EQ(possible, rules_.FitIntoLimits());
     }
 
     void RandomStep() {

@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <cstring>
 
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_server_eviction.h"
+#include "quarn2_cp2_server_plan.h"
 
 namespace {
 
@@ -237,6 +239,139 @@ TEST_F(Eviction, RepeatedPassesEndAtTheNewestChain) {
         EXPECT_EQ(Survivors("a"), expected);
     }
     EXPECT_THROW(control_.DropOldest(control_.max_count - 1), std::runtime_error);
+}
+
+// --- Plans ---
+
+// The dates' letters of each pass, in brackets.
+std::string Text(const EvictionPlan& plan) {
+    std::string text;
+    const auto add = [&text](const Victims& victims) {
+        for (const Victim& victim : victims) {
+            text += victim.user + static_cast<char>('A' + std::stoi(victim.date.substr(8)) - 10);
+        }
+    };
+    add(plan.by_count);
+    for (const Victims& pass : plan.passes) {
+        text += "[";
+        add(pass);
+        text += "]";
+    }
+    return text + (plan.possible ? "" : " impossible");
+}
+
+struct RoomCase {
+    const char* a;  // the records of user "a"; the sizes are 1, 2, 4...
+    const char* b;
+    std::int64_t free;
+    std::int64_t reserved;
+    std::int64_t size;
+    const char* plan;
+};
+
+TEST_F(Eviction, PlanRoomOfATable) {
+    const RoomCase cases[] = {
+        {"FFF", "FFF", 0, 0, 0, ""},
+        {"FFF", "FFF", 5, 0, 5, ""},
+        {"FFF", "FFF", 5, 4, 1, ""},
+        {"FFF", "FFF", 5, 5, 1, "[aAbA]"},
+        {"FFF", "FFF", 0, 0, 2, "[aAbA]"},
+        {"FFF", "FFF", 0, 0, 3, "[aAbA][aBbB]"},
+        {"FFF", "FFF", 0, 0, 6, "[aAbA][aBbB]"},
+        {"FFF", "FFF", 0, 0, 7, "[aAbA][aBbB][] impossible"},
+        {"FFF", "FF", 0, 0, 2, "[aA][aBbA]"},
+        {"FFF", "F", 0, 0, 3, "[aA][aB]"},
+        {"FDDF", "", 0, 0, 7, "[aB][aC][aA]"},
+        {"FDD", "", 0, 0, 3, "[aB][][] impossible"},
+        {"FD", "F", 0, 0, 1, "[][] impossible"},
+        {"fFF", "", 0, 0, 2, "[aB]"},
+        {"fFF", "", 0, 0, 3, "[aB][][] impossible"},
+        {"ffF", "", 0, 0, 1, "[][][] impossible"},
+        {"", "", 0, 0, 1, " impossible"},
+        {"F", "", -10, 0, 0, "[] impossible"},
+        {"FF", "", -1, 0, 0, "[aA]"},
+        {"FF", "", 0, -1, 1, ""},
+    };
+    for (const RoomCase& row : cases) {
+        GlobalSizeControl control;
+        GlobalSizeControl::StorageDesc& desc = control.storages[""];
+        desc.users["a"].backups = Of(row.a);
+        desc.users["b"].backups = Of(row.b);
+        control.max_count = static_cast<int>(std::max(strlen(row.a), strlen(row.b)));
+        desc.free_size = row.free;
+        desc.reserved = row.reserved;
+        EXPECT_EQ(Text(PlanRoom(control, "", row.size)), row.plan)
+            << row.a << " " << row.b << " " << row.free << " " << row.reserved << " " << row.size;
+        EXPECT_EQ(desc.users.at("a").backups.size(), strlen(row.a)) << "a plan deletes nothing";
+        EXPECT_EQ(desc.free_size, row.free);
+    }
+}
+
+struct StartCase {
+    const char* a;
+    int full;
+    int daily;
+    std::int64_t free;
+    const char* plan;
+};
+
+TEST_F(Eviction, PlanStartOfATable) {
+    const StartCase cases[] = {
+        {"FFF", 9, 9, 0, ""},
+        {"FFF", 2, 9, 0, "aA"},
+        {"FFF", 9, 9, -1, "[aA]"},
+        {"FFF", 9, 9, -3, "[aA][aB]"},
+        {"FFF", 9, 9, -4, "[aA][aB][] impossible"},
+        {"FFF", 2, 9, -1, "aA"},
+        {"FFF", 2, 9, -3, "aA[][aB]"},
+        {"FFF", 2, 9, -4, "aA[][aB][] impossible"},
+        {"FDDF", 1, 0, -7, "aBaCaA"},
+        {"FDD", 9, 0, -2, "aB"},
+        {"FDD", 9, 0, -3, "aB[][][] impossible"},
+    };
+    for (const StartCase& row : cases) {
+        GlobalSizeControl control;
+        GlobalSizeControl::StorageDesc& desc = control.storages[""];
+        desc.users["a"].backups = Of(row.a);
+        control.max_count = static_cast<int>(strlen(row.a));
+        control.full_limit = row.full;
+        control.daily_limit = row.daily;
+        control.size_limit = 1000;
+        desc.free_size = row.free;
+        EXPECT_EQ(Text(PlanStart(control)), row.plan)
+            << row.a << " " << row.full << ":" << row.daily << " " << row.free;
+    }
+}
+
+TEST_F(Eviction, AStorageWithoutALimitIsNeverTooFull) {
+    desc_->free_size = -10;  // two info files whose sizes together are out of range
+    control_.size_limit = ServerLimits::kNoSize;
+    User("a", "FF");
+    EXPECT_EQ(Text(PlanStart(control_)), "");
+}
+
+TEST_F(Eviction, AnImpossibleStartDeletesNothing) {
+    User("a", "FFFFDD");
+    for (std::size_t i = 0; i < 6; ++i) Files("a", i);
+    const Lines stored = Stored();
+    control_.full_limit = 1;
+    control_.daily_limit = 1;
+    control_.size_limit = 100;
+    desc_->free_size = -24;
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.FitIntoLimits(); }),
+              "No space left. But all backups are locked");
+    EXPECT_EQ(Survivors("a"), "ABCDEF");
+    EXPECT_EQ(Stored(), stored);
+    EXPECT_EQ(control_.max_count, 6);
+    EXPECT_EQ(Log(6),
+              (Lines{"6: Backup size: 124, limit: 100",
+                     "4: Evictions cannot make room: 124 bytes are used, and all evictions "
+                     "together would free 23 bytes. Nothing was deleted. Check --size-limit and "
+                     "the sizes in the info files"}));
+    desc_->free_size = -23;
+    control_.FitIntoLimits();
+    EXPECT_EQ(Survivors("a"), "DF");
+    EXPECT_EQ(desc_->free_size, 0);
 }
 
 // --- With files ---

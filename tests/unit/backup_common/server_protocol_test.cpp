@@ -115,6 +115,39 @@ TEST_F(Protocol, ReserveThatFindsNothingToDropSaysSo) {
     EXPECT_EQ(storage_.users.at("web1").backups.size(), 2U);
 }
 
+TEST_F(Protocol, ReserveThatEvictionsCannotMeetDeletesNothing) {
+    for (const char* day : {"01", "02", "03", "04"}) {
+        Add("web1", std::string("2026-11-") + day, 20, kFull);
+    }
+    control_.max_count = 4;
+    storage_.free_size = 50;
+    // It lowers no limit, so the limit promises more than evictions can free.
+    EXPECT_EQ(Ask("COMPLETE web1 custom custom 50"), "OK 4");
+    EXPECT_EQ(Ask("RESERVE 61"), "ERR No space left. But all backups are locked");
+    EXPECT_EQ(Account(), "200/0/0");
+    EXPECT_EQ(control_.max_count, 4);
+    EXPECT_EQ(storage_.users.at("web1").backups.size(), 4U);
+    EXPECT_EQ(Log(4),
+              (Lines{"4: Evictions cannot make room: 61 bytes are asked for, and all evictions "
+                     "together would free 60 bytes. Nothing was deleted. Check --size-limit and "
+                     "the sizes in the info files"}));
+    EXPECT_EQ(Ask("RESERVE 60"), "OK 1");
+    EXPECT_EQ(storage_.users.at("web1").backups.size(), 1U);
+}
+
+TEST_F(Protocol, ReserveCountsOnNoLockedBackup) {
+    for (const char* day : {"01", "02", "03"}) {
+        Add("web1", std::string("2026-11-") + day, 20, kFull);
+    }
+    storage_.users.at("web1").backups.at("2026-11-02").locked = true;
+    control_.max_count = 3;
+    storage_.free_size = 0;
+    EXPECT_EQ(Ask("RESERVE 21"), "ERR No space left. But all backups are locked");
+    EXPECT_EQ(storage_.users.at("web1").backups.size(), 3U);
+    EXPECT_EQ(Ask("RESERVE 20"), "OK 2");
+    EXPECT_EQ(storage_.users.at("web1").backups.begin()->first, "2026-11-02");
+}
+
 TEST_F(Protocol, ReserveWhoseEvictionFailsAnswersWithTheReason) {
     Add("web1", "2026-11-01", 20, kFull);
     Add("web1", "2026-11-02", 20, kFull);
