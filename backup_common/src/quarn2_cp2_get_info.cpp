@@ -8,6 +8,7 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_get.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -29,7 +30,7 @@ void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const
         return;
     }
     token.DropParam("arch_password");
-    quarn2::GetStorage(token)->Download(remote, local_index + ".aes");
+    OpenStorage(token)->Download(remote, local_index + ".aes");
     str::inpl::Append(encrypted_lines, stem + ".tgz.aes=" + hash, "\n");
 }
 

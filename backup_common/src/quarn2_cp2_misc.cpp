@@ -16,7 +16,6 @@
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
-#include "quarn2/token.h"
 
 namespace {
 
@@ -48,10 +47,6 @@ ResHandle ConnectToNodeClient(const std::string& path) {
 }
 
 }  // namespace
-
-std::shared_ptr<quarn2::Storage> GetStorageByEnv() {
-    return quarn2::GetStorage(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")));
-}
 
 std::string Read(ResHandle handle) {
     std::string text;

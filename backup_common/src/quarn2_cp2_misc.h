@@ -10,9 +10,7 @@
 #include "kro/res_handle.h"
 #include "quarn2/expect.h"
 #include "quarn2/storage.h"
-
-// The storage that BACKUP_TOKEN names. An unset or malformed token is a kro_err::Error.
-std::shared_ptr<quarn2::Storage> GetStorageByEnv();
+#include "quarn2_cp2_misc_storage.h"
 
 // Reads a descriptor to its end. std::runtime_error "Failed to read".
 std::string Read(ResHandle handle);

@@ -10,12 +10,13 @@
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_removal.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr const char* kInfoRoot = "var/backup/tovarn";
+constexpr const char* kInfoRoot = kDefaultInfoRoot;
 constexpr const char* kClearMark = ".clear";
 constexpr const char* kWhy = "incomplete backup";
 
@@ -25,7 +26,7 @@ void RemoveIncomplete(const std::string& dir, std::string line) {
     const std::string& prefix = line;
     // An empty prefix would match files that belong to no such backup.
     if (prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
-    const std::shared_ptr<quarn2::Storage> storage = quarn2::GetStorage(quarn2::BackupToken(token));
+    const std::shared_ptr<quarn2::Storage> storage = OpenStorage(quarn2::BackupToken(token), dir);
     DeleteOnStorage(*storage, prefix, kWhy);
     DeleteLocally(dir, prefix, kWhy);
 }
@@ -57,11 +58,26 @@ void MarkInfoRoot() {
     }
 }
 
-void ClearStorage(const quarn2::BackupToken& token, bool has_info_root) {
-    const std::shared_ptr<quarn2::Storage> storage = quarn2::GetStorage(token);
-    if (has_info_root) MarkInfoRoot();
+// With another storage's token, --clear would remove the info files of backups that still exist.
+void CheckIsOurStorage(quarn2::Storage& storage) {
+    // An interrupted --clear may have removed the newest backups already.
+    if (kro_file::Exists(ClearMark(kInfoRoot))) return;
+    const NewestCheck check = FindNewestOnStorage(storage, kInfoRoot);
+    if (check.result != NewestOnStorage::kNoneFound) return;
+    throw std::runtime_error(
+        "none of the " + str::Str(check.asked) + " newest backups known in " + kInfoRoot +
+        " is on " + quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).Str() +
+        ": is it mounted, is the token right? Nothing was removed. If that storage was emptied on "
+        "purpose, run --server --rescan, and --clear again");
+}
+
+void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
+    if (has_info_root) {
+        CheckIsOurStorage(storage);
+        MarkInfoRoot();
+    }
     try {
-        storage->Clear();
+        storage.Clear();
     } catch (const kro_err::Error& error) {
         // A storage that is not there, or does not let us in, has lost nothing.
         if (error.type() == "not_found" || error.type() == "unauthorized") {
@@ -75,17 +91,20 @@ void ClearStorage(const quarn2::BackupToken& token, bool has_info_root) {
 
 void CommandClear() {
     KRO_LOG(kLog, 5, "Clear all storage");
-    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    // A malformed token throws: the storage that was meant would keep its files, and their info
+    // files would be gone.
+    const bool has_token = !kro_env::GetEnv("BACKUP_TOKEN").empty();
+    const std::shared_ptr<quarn2::Storage> storage = has_token ? GetStorageByEnv() : nullptr;
     // What a link leads to is not ours.
     const bool has_info_root =
         std::filesystem::is_directory(std::filesystem::symlink_status(kInfoRoot));
-    if (token) ClearStorage(token, has_info_root);
+    if (storage) ClearStorage(*storage, has_info_root);
     if (has_info_root) {
         RemoveDirectory(kInfoRoot, kClearMark);
     } else {
         kro_file::Remove(kInfoRoot);
     }
-    kro_file::Remove(kro_file::ConcatPath("var/backup/tovarn.private", ""));
+    kro_file::Remove(kPrivateInfoRoot);
     // Info files that came back would count as backups.
     if (kro_file::Exists("var/backup")) kro_file::SyncDir("var/backup");
 }

@@ -310,7 +310,6 @@ void CommandDelete(kro_args::ResultPtr result) {
     } else {
         // A malformed token throws. The running server may serve a different storage than the one
         // that was meant.
-        DeleteWithDepends(quarn2::GetStorage(quarn2::BackupToken(token)), path,
-                          result->Has("force"));
+        DeleteWithDepends(GetStorageByEnv(), path, result->Has("force"));
     }
 }

@@ -81,7 +81,7 @@ NodeSide::NodeSide(kro_thread::SafeLock& lock, MasterLink link, const std::strin
     : lock_(lock),
       link_(link),
       token_(GetResult(link.in)),
-      storage_(quarn2::GetStorage(token_)),
+      storage_(OpenStorage(token_)),
       marks_(storage) {
     KRO_LOG(kLog, 5, "Client. Backup token = '%s'", token_.Str().c_str());
 }
@@ -147,11 +147,12 @@ std::string NodeSide::Put(std::string argument, bool last) {
     delete_after_ = TakeSuffix(argument, " DELETE");
     const std::string& path = argument;
     std::string info = storage_->GetFileInfo(path);
+    std::string answer = "OK " + info;
+    const std::string remote = str::GetWord(info);
+    CheckSource(token_, remote, path);
     size_ = storage_->Size(path);
     Reserve();
-    std::string answer = "OK " + info;
     KRO_LOG(kLog, 6, "PUT result: '%s'", answer.c_str());
-    const std::string remote = str::GetWord(info);
     if (last) {
         PutLast(remote, path);
     } else {

@@ -9,6 +9,7 @@
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put_node.h"
 
 namespace {
@@ -24,7 +25,7 @@ Upload::Upload(NodeSide* node, const std::string& remote_name, const std::string
     : node_(node),
       remote_name_(remote_name),
       local_path_(local_path),
-      storage_(quarn2::GetStorage(node->token())),
+      storage_(OpenStorage(node->token())),
       delete_after_(node->delete_after()) {
     storage_->MkDir(kro_file::Path(remote_name));
 }
@@ -86,7 +87,7 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt) {
         Release(error.what());
         return false;
     }
-    storage_ = quarn2::GetStorage(node_->token());
+    storage_ = OpenStorage(node_->token());
     KRO_LOG(kLog, 4, "Cant upload: %s. What: %s. Attempt: %d of %d",
             kro_file::Name(local_path_).c_str(), error.what(), attempt, kAttempts);
     if (attempt == kAttempts) {

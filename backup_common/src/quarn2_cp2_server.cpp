@@ -63,7 +63,7 @@ void CheckArguments(const kro_args::Result& args) {
                                  "' cannot be used: the name is too long");
     }
     for (const std::string& node : args.Params("node")) CheckNode(node);
-    GetStorageByEnv();
+    GetStorageByEnv(GetArgPath(args.Param("path", -1)));
 }
 
 }  // namespace

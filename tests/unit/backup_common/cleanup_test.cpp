@@ -232,15 +232,76 @@ TEST_F(Clear, EmptiesTheStorageAndBothLocalDirectories) {
 }
 
 TEST_F(Clear, WithoutATokenTheStorageIsLeftAlone) {
-    for (const char* token : {"", "not a token"}) {
-        setenv("BACKUP_TOKEN", token, 1);
-        CommandClear();
-        EXPECT_EQ(store_->log(), Lines());
-        EXPECT_EQ(Below("var/backup"), (Lines{"web1", "web1/d.info"}));
-    }
+    setenv("BACKUP_TOKEN", "", 1);
+    CommandClear();
+    EXPECT_EQ(store_->log(), Lines());
+    EXPECT_EQ(Below("var/backup"), (Lines{"web1", "web1/d.info"}));
     unsetenv("BACKUP_TOKEN");
     CommandClear();
     EXPECT_EQ(Stored(), (Lines{"a/b"}));
+}
+
+TEST_F(Clear, AMalformedTokenRemovesNothing) {
+    setenv("BACKUP_TOKEN", "nonsense", 1);
+    EXPECT_NE(TextOf<kro_err::Error>([] { CommandClear(); }).find("scheme"), std::string::npos);
+    EXPECT_TRUE(local_files::Has("var/backup/tovarn/a/b.info"));
+    EXPECT_TRUE(local_files::Has("var/backup/tovarn.private/c.info"));
+}
+
+// --- The clear command and another storage ---
+
+class ClearAnother : public Clear {
+  protected:
+    static void Know(int count) {
+        for (int day = 1; day <= count; ++day) {
+            const std::string stem = "2026-11-0" + std::to_string(day) + ".web1";
+            Place("var/backup/tovarn/" + stem + ".info",
+                  "finished=2026-11-0" + std::to_string(day) + " 03:00:00\nlast-slice=F" + stem +
+                      ".tgz");
+        }
+    }
+};
+
+TEST_F(ClearAnother, OfAStorageWithoutTheNewestBackupsIsRefused) {
+    Know(3);
+    const Lines before = Below("var/backup");
+    EXPECT_EQ(TextOf<std::runtime_error>([] { CommandClear(); }),
+              "none of the 3 newest backups known in var/backup/tovarn is on memory:site: is it "
+              "mounted, is the token right? Nothing was removed. If that storage was emptied on "
+              "purpose, run --server --rescan, and --clear again");
+    EXPECT_EQ(Below("var/backup"), before);
+    EXPECT_EQ(Stored(), (Lines{"a/b"}));
+}
+
+TEST_F(ClearAnother, OfAStorageWithOneOfThemIsDone) {
+    Know(3);
+    store_->SetFile("F2026-11-01.web1.tgz", "x");
+    CommandClear();
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
+}
+
+TEST_F(ClearAnother, WithTwoKnownBackupsIsDone) {
+    Know(2);
+    CommandClear();
+    EXPECT_EQ(Stored(), Lines());
+}
+
+TEST_F(ClearAnother, AfterAnInterruptedOneIsDone) {
+    Know(3);
+    Place("var/backup/tovarn/.clear", "");
+    CommandClear();
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
+}
+
+TEST_F(ClearAnother, OfAStorageThatCannotBeAskedLeavesNoMarkerFile) {
+    Know(3);
+    store_->SetHook([](const std::string&, const std::string&) {
+        throw kro_err::Error(kro_err::Kind::kUnavailable, "down");
+    });
+    EXPECT_EQ(TextOf<kro_err::Error>([] { CommandClear(); }), "down");
+    EXPECT_FALSE(local_files::Has("var/backup/tovarn/.clear"));
 }
 
 TEST_F(Clear, AStorageThatFailsKeepsTheLocalDirectories) {

@@ -1,0 +1,123 @@
+#include "quarn2_cp2_misc_storage.h"
+
+#include <algorithm>
+#include <iterator>
+#include <stdexcept>
+#include <system_error>
+
+#include "kro/kro_env.h"
+#include "kro/kro_file.h"
+#include "quarn2_cp2_misc_paths.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+// The storage directory as the local storage opens it.
+fs::path StorageDirectory(const quarn2::BackupToken& token) {
+    return ResolvePath(kro_file::GoodPath(token.path()));
+}
+
+// Every role works in the install root.
+ProtectedDirectories FindProtected(const std::string& info_root) {
+    ProtectedDirectories found;
+    for (const char* const path : {"", "var"}) found.outside.push_back(ResolvePath(path));
+    const std::vector<std::string> closed = {"sbin",           "etc",     "tmp",
+                                             kDefaultInfoRoot, info_root, kPrivateInfoRoot};
+    std::transform(closed.begin(), closed.end(), std::back_inserter(found.closed), ResolvePath);
+    return found;
+}
+
+std::string Relation(Overlap overlap) {
+    switch (overlap) {
+        case Overlap::kIs:
+            return "is";
+        case Overlap::kContains:
+            return "contains";
+        case Overlap::kIsInside:
+            break;
+    }
+    return "is inside of";
+}
+
+std::optional<Overlap> FindOverlap(const fs::path& storage, const fs::path& directory,
+                                   bool may_be_inside) {
+    if (storage == directory) return Overlap::kIs;
+    if (IsSameOrBelow(storage, directory)) return Overlap::kContains;
+    if (!may_be_inside && IsSameOrBelow(directory, storage)) return Overlap::kIsInside;
+    return std::nullopt;
+}
+
+// The directories in which the storage keeps files: its own, the one of `remote`, and those that
+// links at its top lead to, because an administrator may spread a storage over several disks.
+std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& remote) {
+    std::vector<fs::path> found = {storage, ResolvePath(storage / kro_file::Path(remote))};
+    std::error_code error;
+    for (fs::directory_iterator entry(storage, error), end; !error && entry != end;
+         entry.increment(error)) {
+        std::error_code ignored;
+        if (!entry->is_symlink(ignored) || !entry->is_directory(ignored)) continue;
+        // The storage does not follow another user's link.
+        if (kro_file::IsForeignLink(entry->path())) continue;
+        found.push_back(ResolvePath(entry->path()));
+    }
+    return found;
+}
+
+[[noreturn]] void RefuseSource(const std::string& source, const std::string& reason) {
+    throw std::runtime_error("'" + source + "' cannot be uploaded: " + reason +
+                             "; nothing was changed. Put archives that are outside of the storage");
+}
+
+}  // namespace
+
+std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protected_directories,
+                                            const fs::path& storage) {
+    for (const fs::path& directory : protected_directories.outside) {
+        const auto overlap = FindOverlap(storage, directory, true);
+        if (overlap) return StorageConflict{*overlap, directory};
+    }
+    for (const fs::path& directory : protected_directories.closed) {
+        const auto overlap = FindOverlap(storage, directory, false);
+        if (overlap) return StorageConflict{*overlap, directory};
+    }
+    return std::nullopt;
+}
+
+void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root) {
+    if (!token.IsLocal()) return;
+    const auto conflict = FindConflict(FindProtected(info_root), StorageDirectory(token));
+    if (!conflict) return;
+    throw std::runtime_error("storage directory '" + kro_file::GoodPath(token.path()) +
+                             "' cannot be used: it " + Relation(conflict->overlap) + " '" +
+                             conflict->directory.string() +
+                             "', which this program needs; nothing was changed. Name a directory "
+                             "for backups alone in BACKUP_TOKEN");
+}
+
+std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
+                                             const std::string& info_root) {
+    CheckStorageDirectory(token, info_root);
+    return quarn2::GetStorage(token);
+}
+
+std::shared_ptr<quarn2::Storage> GetStorageByEnv(const std::string& info_root) {
+    return OpenStorage(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")), info_root);
+}
+
+void CheckSource(const quarn2::BackupToken& token, const std::string& remote,
+                 const std::string& source) {
+    if (!token.IsLocal()) return;
+    const fs::path storage = StorageDirectory(token);
+    std::error_code error;
+    if (fs::equivalent(storage / remote, source, error)) {
+        RefuseSource(source, "it is the stored file itself");
+    }
+    const fs::path resolved = ResolvePath(source);
+    for (const fs::path& directory : DirectoriesOf(storage, remote)) {
+        if (IsSameOrBelow(directory, resolved)) {
+            RefuseSource(source,
+                         "it is inside of the storage directory '" + directory.string() + "'");
+        }
+    }
+}

@@ -1,0 +1,53 @@
+// Opening storages. Every role opens its storages here, so that no command works on a local storage
+// directory that it must not touch.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "quarn2/storage.h"
+#include "quarn2/token.h"
+
+inline constexpr const char* kDefaultInfoRoot = "var/backup/tovarn";
+inline constexpr const char* kPrivateInfoRoot = "var/backup/tovarn.private";
+
+// What a local storage directory must keep away from, because --clear empties the storage and
+// evictions delete in it. All paths are resolved.
+struct ProtectedDirectories {
+    std::vector<std::filesystem::path> outside;  // a storage may be below them: ROOT and var
+    std::vector<std::filesystem::path> closed;   // a storage may not: sbin, etc, tmp, info roots
+};
+
+enum class Overlap { kIs, kContains, kIsInside };
+
+struct StorageConflict {
+    Overlap overlap;
+    std::filesystem::path directory;  // the protected one
+};
+
+// The first protected directory that forbids this storage directory; nothing when it may be used.
+std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protected_directories,
+                                            const std::filesystem::path& storage);
+
+// Throws std::runtime_error when the token names a local directory that is, or contains, the
+// install root, one of its sbin, etc, var and tmp, or an info root; and when the directory is
+// inside of sbin, etc, tmp or an info root. The info roots are `info_root` and the default ones. A
+// token of another kind, or a malformed one, passes.
+void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root);
+
+// Opens the storage after CheckStorageDirectory. A malformed token is a kro_err::Error.
+std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
+                                             const std::string& info_root = kDefaultInfoRoot);
+
+// OpenStorage for the token in BACKUP_TOKEN. An unset token is a kro_err::Error too.
+std::shared_ptr<quarn2::Storage> GetStorageByEnv(const std::string& info_root = kDefaultInfoRoot);
+
+// Throws std::runtime_error when the file `source` must not be uploaded to the storage as `remote`
+// and removed afterwards: it is the stored file itself, or it is inside the storage directory.
+// Links are resolved, those to directories at the top of the storage too. Only a local storage can
+// have such a file.
+void CheckSource(const quarn2::BackupToken& token, const std::string& remote,
+                 const std::string& source);
