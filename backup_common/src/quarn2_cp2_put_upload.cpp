@@ -19,6 +19,16 @@ constexpr int kAttempts = 3;
 constexpr int kPauseSeconds = 60;
 constexpr int kMillisecondsPerSecond = 1000;
 
+void LogGivenUp(const std::string& path, const std::exception& error) {
+    KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(path).c_str(), error.what());
+}
+
+[[noreturn]] void ThrowChanged(const std::string& path) {
+    throw kro_err::Error(
+        kro_err::Kind::kFailed,
+        "'" + path + "' was rewritten or replaced while it was uploaded; put it again");
+}
+
 }  // namespace
 
 Upload::Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path)
@@ -54,44 +64,61 @@ void Upload::PutLast() {
 }
 
 void Upload::Put() {
+    Source source;
     for (int attempt = 1;; ++attempt) {
         try {
-            Store();
+            Store(source);
             failed_ = false;
             break;
         } catch (const CommandError& error) {
             // The job is not told: this line and the attempts file are all that tells of it.
-            KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(local_path_).c_str(),
-                    error.what());
-            Release(error.what());
+            LogGivenUp(local_path_, error);
+            Release(error.what(), source);
             return;
         } catch (const kro_err::Error& error) {
-            if (!MayTryAgain(error, attempt)) return;
+            if (!MayTryAgain(error, attempt, source)) return;
         }
     }
-    if (delete_after_) kro_file::RemoveFile(local_path_);
+    if (delete_after_) RemoveSource(source);
 }
 
 // Until the storage takes the file: a storage that has no room is asked again after each eviction.
-void Upload::Store() {
-    while (!storage_->Upload(remote_name_, local_path_)) {
+void Upload::Store(Source& source) {
+    while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
         if (left < 0) throw std::runtime_error("Upload failed");
         node_->DoCommand("DROPONE " + str::Str(left) + "\n");
     }
 }
 
-bool Upload::MayTryAgain(const kro_err::Error& error, int attempt) {
+bool Upload::Send(Source& source) {
+    if (!source) {
+        source.emplace(local_path_);
+    } else if (source->Compare() != SourceState::kUnchanged) {
+        ThrowChanged(local_path_);
+    }
+    const bool stored = storage_->Upload(remote_name_, local_path_);
+    if (stored && source->Compare() == SourceState::kRewritten) ThrowChanged(local_path_);
+    return stored;
+}
+
+bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source& source) {
     failed_ = true;
     if (error.type() == "unauthorized") {
-        Release(error.what());
+        Release(error.what(), source);
+        return false;
+    }
+    // The job was told the size of another content than the next attempt would store.
+    if (source && source->Compare() != SourceState::kUnchanged) {
+        LogGivenUp(local_path_, error);
+        Release(error.what(), source);
         return false;
     }
     storage_ = OpenStorage(node_->token());
     KRO_LOG(kLog, 4, "Cant upload: %s. What: %s. Attempt: %d of %d",
             kro_file::Name(local_path_).c_str(), error.what(), attempt, kAttempts);
     if (attempt == kAttempts) {
-        Release(error.what());
+        Release(error.what(), source);
         return false;
     }
     KRO_LOG(kLog, 6, "Wait %d seconds before next attempt", kPauseSeconds);
@@ -99,9 +126,20 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt) {
     return true;
 }
 
-void Upload::Release(const std::string& reason) {
+void Upload::RemoveSource(const Source& source) const {
+    // A source that could not be opened was not uploaded.
+    if (!source) return;
+    if (source->Compare() == SourceState::kUnchanged) {
+        kro_file::RemoveFile(local_path_);
+    } else if (kro_file::Exists(local_path_)) {
+        KRO_LOG(kLog, 4, "'%s' stays: it is not the file whose upload was begun",
+                local_path_.c_str());
+    }
+}
+
+void Upload::Release(const std::string& reason, const Source& source) {
     quarn2::CreateAttemptsFile(local_path_, reason);
-    kro_file::RemoveFile(local_path_);
+    RemoveSource(source);
     // The size of the node's latest file, which need not be this one: the server's account is reset
     // by the next completion in any case.
     node_->DoCommand("RELEASE " + str::Str(node_->size()) + "\n");

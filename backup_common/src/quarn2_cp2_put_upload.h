@@ -2,12 +2,14 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "kro/kro_err.h"
 #include "kro/kro_thread.h"
 #include "quarn2/storage.h"
 #include "quarn2_cp2_put_marks.h"
+#include "quarn2_cp2_put_source.h"
 
 class NodeSide;
 
@@ -32,16 +34,23 @@ class Upload {
     // The whole upload in the calling thread; "Failed upload" when it failed.
     void PutLast();
 
-    // Up to three attempts; asks the server for space when the storage has none.
+    // Up to three attempts; asks the server for space when the storage has none. A source that is
+    // rewritten meanwhile, or replaced between two attempts, fails the upload for good and stays.
     void Put();
 
     // The thread's body.
     void operator()() { Put(); }
 
   private:
-    void Store();
-    bool MayTryAgain(const kro_err::Error& error, int attempt);
-    void Release(const std::string& reason);
+    using Source = std::optional<SourceFile>;
+
+    void Store(Source& source);
+    // One transfer; false when the storage has no room. Opens the source if that was not done yet.
+    bool Send(Source& source);
+    bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);
+    void Release(const std::string& reason, const Source& source);
+    // Another file that has taken the source's name stays.
+    void RemoveSource(const Source& source) const;
 
     NodeSide* node_ = nullptr;
     std::string remote_name_;

@@ -43,6 +43,7 @@ class FileSource final : public ByteSource {
             throw Error(Kind::kFailed, Quoted(path) + " is not a plain file");
         }
         size_ = status.st_size;
+        modified_ = status.st_mtim;
         if (observer_ != nullptr) observer_->Begin(size_);
     }
 
@@ -74,7 +75,12 @@ class FileSource final : public ByteSource {
     }
 
     void CheckUnchanged() override {
-        if (Status(handle_, path_).st_size != size_) Changed();
+        const struct stat now = Status(handle_, path_);
+        if (now.st_size != size_) Changed();
+        if (now.st_mtim.tv_sec == modified_.tv_sec && now.st_mtim.tv_nsec == modified_.tv_nsec) {
+            return;
+        }
+        throw Error(Kind::kFailed, Quoted(path_) + " was rewritten while it was uploaded");
     }
 
   private:
@@ -90,6 +96,7 @@ class FileSource final : public ByteSource {
     TransferObserver* observer_;
     ResHandle handle_;
     std::int64_t size_ = 0;
+    timespec modified_ = {};
 };
 
 // The new local file of a download.

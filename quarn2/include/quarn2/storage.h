@@ -41,9 +41,9 @@ class Storage {
 
     // Stores the local file under `remote`, replacing it. True: stored whole and durable. False:
     // the storage has no room for it. On false and on failure `remote` is what it was before and no
-    // leftover stays but empty directories. A source that changes its length meanwhile is a
-    // failure. Can be repeated. The directories of `remote` are made where the storage has such a
-    // thing.
+    // leftover stays but empty directories. A source that changes its length or its time of
+    // modification meanwhile is a failure. Can be repeated. The directories of `remote` are made
+    // where the storage has such a thing.
     virtual bool Upload(const std::string& remote, const std::string& local) = 0;
 
     // Removes everything on the storage, leftovers included; the root itself stays.

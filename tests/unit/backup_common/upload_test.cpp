@@ -1,13 +1,17 @@
 // The upload worker: eviction on request, attempts, giving up.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <atomic>
+#include <chrono>
+#include <utility>
 
 #include "gate.h"
 #include "kro/kro_err.h"
 #include "master_server.h"
 #include "program_site.h"
 #include "quarn2_cp2_put_node.h"
+#include "quarn2_cp2_put_source.h"
 
 namespace {
 
@@ -251,6 +255,127 @@ TEST_F(UploadTest, ASuccessfulUploadRemovesTheFileOnlyWhenAsked) {
     node.Serve(kPutlast + " DELETE");
     EXPECT_FALSE(local_files::Has(kSlice));
     EXPECT_FALSE(local_files::Has(kAttempts));
+}
+
+// --- A local file that changes meanwhile ---
+
+class ChangingSource : public UploadTest {
+  protected:
+    // `change` is made at the first Put.
+    template <class Change>
+    void AtPut(const Change& change) {
+        store_->SetHook([this, change](const std::string& operation, const std::string&) {
+            if (operation == "Put" && !std::exchange(changed_, true)) change();
+        });
+    }
+
+    static void Replace(const std::string& content) {
+        Place("b/new", content);
+        std::filesystem::rename("b/new", kSlice);
+    }
+    // A test is faster than the clock of the file system.
+    static void Rewrite(const std::string& content) {
+        Place(kSlice, content);
+        using namespace std::chrono_literals;
+        std::filesystem::last_write_time(kSlice, std::filesystem::last_write_time(kSlice) + 1s);
+    }
+
+    std::string Serve(const std::string& command) {
+        NodeSide node(lock_, server_.link());
+        return TextOf<std::runtime_error>([&] { node.Serve(command); });
+    }
+
+    bool changed_ = false;
+    MasterServer server_{"memory:site"};
+};
+
+const std::string kServed = "(no exception)";
+
+TEST_F(ChangingSource, AFileThatReplacedItStays) {
+    AtPut([] { Replace("newer"); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), kServed);
+    EXPECT_EQ(store_->files().at("F2026-11-15.web1.1.dar"), "12345");
+    EXPECT_EQ(local_files::Load(kSlice), "newer");
+    EXPECT_EQ(UploadLog(Log(4)), (Lines{"4: 'b/F2026-11-15.web1.1.dar' stays: it is not the file "
+                                        "whose upload was begun"}));
+}
+
+TEST_F(ChangingSource, OneThatWasRemovedIsStoredAllTheSame) {
+    AtPut([] { std::filesystem::remove(kSlice); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), kServed);
+    EXPECT_EQ(store_->files().at("F2026-11-15.web1.1.dar"), "12345");
+    EXPECT_EQ(UploadLog(Log(4)), Lines());
+}
+
+TEST_F(ChangingSource, OneThatWasRewrittenFailsAndStays) {
+    AtPut([] { Rewrite("54321"); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), "Failed upload");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(local_files::Load(kSlice), "54321");
+    EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>()) << "its size was promised to the job";
+    EXPECT_EQ(server_.lines(), (Lines{"RESERVE 5", "RELEASE 5"}));
+    EXPECT_EQ(UploadLog(Log(4)).front(),
+              "3: Upload given up: F2026-11-15.web1.1.dar. What: 'b/F2026-11-15.web1.1.dar' was "
+              "rewritten while it was uploaded");
+}
+
+TEST_F(ChangingSource, OneThatBecameLongerFailsAndStays) {
+    AtPut([] { Place(kSlice, "123456"); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), "Failed upload");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(local_files::Load(kSlice), "123456");
+}
+
+TEST_F(ChangingSource, OneThatWasReplacedBetweenTwoAttemptsIsNotUploadedInItsPlace) {
+    FailPuts(kro_err::Kind::kUnavailable, 1);
+    fake_clock::OnSleep([](int) { Replace("newer and longer"); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), "Failed upload");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(local_files::Load(kSlice), "newer and longer");
+    EXPECT_EQ(Puts().size(), 1U);
+}
+
+TEST_F(ChangingSource, AfterThreeErrorsAFileThatReplacedItStays) {
+    FailPuts(kro_err::Kind::kUnavailable);
+    fake_clock::OnSleep([](int) { Replace("newer"); });
+    EXPECT_EQ(Serve(kPutlast + " DELETE"), "Failed upload");
+    EXPECT_EQ(local_files::Load(kSlice), "newer");
+    EXPECT_TRUE(local_files::Has(kAttempts));
+}
+
+TEST_F(ChangingSource, ARefusedEvictionRemovesNoOtherFile) {
+    MasterServer server("memory:site", [](const std::string& line) {
+        if (!line.starts_with("DROPONE")) return MasterServer::Usual(line);
+        Replace("newer");
+        return std::optional<std::string>("ERR no room");
+    });
+    store_->SetCapacity(4);
+    NodeSide node(lock_, server.link());
+    node.Serve(kPutlast);
+    EXPECT_EQ(local_files::Load(kSlice), "newer");
+}
+
+TEST(CompareSource, TellsWhichOfTheTwoChanged) {
+    struct stat status {};
+    status.st_dev = 1;
+    status.st_ino = 2;
+    status.st_size = 3;
+    status.st_mtim = {4, 5};
+    const FileIdentity opened(status);
+    EXPECT_EQ(CompareSource(opened, opened, opened), SourceState::kUnchanged);
+    EXPECT_EQ(CompareSource(opened, opened, std::nullopt), SourceState::kReplaced);
+    for (int field = 0; field < 5; ++field) {
+        struct stat other = status;
+        if (field == 0) ++other.st_dev;
+        if (field == 1) ++other.st_ino;
+        if (field == 2) ++other.st_size;
+        if (field == 3) ++other.st_mtim.tv_sec;
+        if (field == 4) ++other.st_mtim.tv_nsec;
+        const FileIdentity changed(other);
+        EXPECT_EQ(CompareSource(opened, opened, changed), SourceState::kReplaced) << field;
+        EXPECT_EQ(CompareSource(opened, changed, changed), SourceState::kRewritten) << field;
+        EXPECT_EQ(CompareSource(opened, changed, opened), SourceState::kRewritten) << field;
+    }
 }
 
 TEST_F(UploadTest, AFileOfNoBytesIsStored) {
