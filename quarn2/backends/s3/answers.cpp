@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
 #include <utility>
 
 #include "kro/str.h"
@@ -62,99 +61,11 @@ void TakeRefusal(Refusal& refusal, std::string_view name, const std::string& tex
     if (name == "Region") refusal.region = net::OneLine(text);
 }
 
-bool Contains(std::string text, std::string_view piece) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text.find(piece) != std::string::npos;
-}
-
-const std::map<std::string, Kind>& Kinds() {
-    static const std::map<std::string, Kind> kinds = {
-        {"AccessDenied", Kind::kUnauthorized},
-        {"AccountProblem", Kind::kUnauthorized},
-        {"AllAccessDisabled", Kind::kUnauthorized},
-        {"ExpiredToken", Kind::kUnauthorized},
-        {"InvalidAccessKeyId", Kind::kUnauthorized},
-        {"InvalidToken", Kind::kUnauthorized},
-        {"RequestTimeTooSkewed", Kind::kUnauthorized},
-        {"SignatureDoesNotMatch", Kind::kUnauthorized},
-        {"UserSuspended", Kind::kUnauthorized},
-        {"NoSuchBucket", Kind::kNotFound},
-        {"NoSuchKey", Kind::kNotFound},
-        // The bytes that arrived are not those that were sent.
-        {"BadDigest", Kind::kUnavailable},
-        {"IncompleteBody", Kind::kUnavailable},
-        {"InternalError", Kind::kUnavailable},
-        {"OperationAborted", Kind::kUnavailable},
-        {"RequestTimeout", Kind::kUnavailable},
-        {"ServiceUnavailable", Kind::kUnavailable},
-        {"SlowDown", Kind::kUnavailable},
-        {"XAmzContentSHA256Mismatch", Kind::kUnavailable},
-        {"AuthorizationHeaderMalformed", Kind::kFailed},
-        {"IllegalLocationConstraintException", Kind::kFailed},
-        {"InvalidObjectState", Kind::kFailed},
-        {"PermanentRedirect", Kind::kFailed},
-        {"TemporaryRedirect", Kind::kFailed},
-    };
-    return kinds;
-}
-
-const std::map<std::string, std::string>& Advice() {
-    static const std::map<std::string, std::string> advice = {
-        {"AccessDenied", "give the access key the rights that the storage needs"},
-        {"InvalidAccessKeyId", "the server does not know the access key"},
-        {"InvalidObjectState", "the file lies in an archive class and must be restored first"},
-        {"NoSuchBucket", "the bucket does not exist; create it or correct the token"},
-        {"RequestTimeTooSkewed", "this machine's clock is off; set it"},
-        {"SignatureDoesNotMatch", "the secret key is wrong"},
-    };
-    return advice;
-}
-
-bool NamesAnotherRegion(const Refusal& refusal) {
-    constexpr int kRedirects = 300;
-    constexpr int kErrors = 400;
-    return (refusal.status >= kRedirects && refusal.status < kErrors) ||
-           refusal.code == "AuthorizationHeaderMalformed" ||
-           refusal.code == "IllegalLocationConstraintException" ||
-           refusal.code == "PermanentRedirect";
-}
-
-std::string AdviceFor(const Refusal& refusal) {
-    if (NamesAnotherRegion(refusal)) {
-        return refusal.region.empty()
-                   ? "the bucket is in another region; set region= in the token"
-                   : "the bucket is in another region; set region=" + refusal.region +
-                         " in the token";
-    }
-    const auto found = Advice().find(refusal.code);
-    return found == Advice().end() ? std::string() : found->second;
-}
-
 }  // namespace
 
-bool Refusal::IsNoRoom() const {
-    constexpr int kInsufficientStorage = 507;
-    if (status == kInsufficientStorage || Contains(code, "quotaexceeded")) return true;
-    return code == "EntityTooLarge" && Contains(message, "quota");
-}
-
-kro_err::Kind Refusal::kind() const {
-    const auto found = Kinds().find(code);
-    return found == Kinds().end() ? net::KindOfStatus(status) : found->second;
-}
-
-std::string Refusal::Text() const {
-    std::string text = code.empty() ? "refused" : code;
-    str::inpl::Append(text, message, ": ");
-    text += " (HTTP " + str::Str(status) + ")";
-    str::inpl::Append(text, AdviceFor(*this), ": ");
-    return text;
-}
-
-Refusal RefusalOf(const net::HttpReply& reply) {
+Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
     Refusal refusal;
+    refusal.path = std::move(path);
     refusal.status = reply.status;
     refusal.region = net::OneLine(reply.Header("x-amz-bucket-region"));
     try {

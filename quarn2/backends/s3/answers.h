@@ -4,30 +4,16 @@
 #include <string>
 #include <vector>
 
-#include "kro/kro_err.h"
+#include "backends/s3/refusal.h"
 #include "listing_limit.h"
 #include "net/http_client.h"
 #include "net/xml.h"
 
 namespace quarn2::s3 {
 
-// A refusal. Servers leave out what they like: the message may be empty, and without a body (HEAD,
-// a proxy in between) there is no code either.
-struct Refusal {
-    int status = 0;
-    std::string code;
-    std::string message;
-    std::string region;  // where the bucket is, when the server tells
-
-    // The storage has no room: a quota, or a disk that is full.
-    bool IsNoRoom() const;
-    kro_err::Kind kind() const;
-    // "QuotaExceeded (HTTP 403)", with the message and what to do about it where that is known.
-    std::string Text() const;
-};
-
-// Of an answer whose status is no success, or whose body is an error all the same.
-Refusal RefusalOf(const net::HttpReply& reply);
+// Of an answer whose status is no success, or whose body is an error all the same. `path` is that
+// of the refusal.
+Refusal RefusalOf(const net::HttpReply& reply, std::string path = {});
 
 struct Listing {
     std::vector<std::string> keys;

@@ -18,7 +18,6 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr int kNotFound = 404;
-constexpr const char* kNoBucket = "NoSuchBucket";
 
 Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
                  const std::string& next, const std::string& doing) {
@@ -97,7 +96,7 @@ Call DeleteCall(const std::string& key) {
 void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
     if (reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(reply);
-    if (reply.status == kNotFound && refusal.code != kNoBucket) return;
+    if (refusal.IsMissing()) return;
     service.Refuse(refusal, doing);
 }
 

@@ -205,7 +205,7 @@ void Download::Refuse(const net::HttpReply& reply) const {
     const bool gone = reply.status == kGone || reply.status == kPreconditionFailed;
     if (size_ && gone) Broken("the file was replaced while it was downloaded");
     const Refusal refusal = RefusalOf(reply);
-    if (reply.status == kGone && refusal.code != "NoSuchBucket") {
+    if (refusal.IsMissing()) {
         throw Error(Kind::kNotFound, "no file " + Quoted(name_) + " on the storage");
     }
     service_.Refuse(refusal, "cannot fetch " + Quoted(name_));

@@ -82,9 +82,13 @@ PartsUpload::Outcome PartsUpload::Run(const std::string& key, ByteSource& source
     error_ = nullptr;
     refusal_.reset();
 
-    const Upload upload{key_, BeginUpload()};
+    try {
+        id_ = BeginUpload();
+    } catch (const Stopped& stopped) {
+        return stopped.outcome;
+    }
+    const Upload upload{key_, id_};
     const RunningUpload running(upload.id);
-    id_ = upload.id;
     Outcome outcome = Outcome::kGone;
     try {
         outcome = SendAndComplete();
@@ -102,7 +106,7 @@ std::string PartsUpload::BeginUpload() {
     call.query = {{"uploads", ""}};
     SetBody(call, {});
     const net::HttpReply reply = service_.Ask(std::move(call));
-    if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+    if (!reply.IsSuccess()) Stop(service_.RefusalOfKey(reply, key_));
     std::string id = ReadUploadAnswer(service_.what(), reply.body).id;
     if (id.empty()) {
         throw Error(Kind::kUnavailable,
@@ -226,7 +230,7 @@ void PartsUpload::TakePart(std::size_t index, const net::HttpResult& result) {
     if (result.error) {
         if (is_first) error_ = result.error;
     } else if (!result.reply.IsSuccess()) {
-        if (is_first) refusal_ = RefusalOf(result.reply);
+        if (is_first) refusal_ = service_.RefusalOfKey(result.reply, key_);
     } else {
         etags_[index] = Unquoted(result.reply.Header("etag"));
     }
@@ -269,7 +273,7 @@ PartsUpload::Outcome PartsUpload::OutcomeOf(const net::HttpReply& reply) {
         if (expected.empty() || answer.etag != expected) CheckSize();
         return Outcome::kStored;
     }
-    const Refusal refusal = RefusalOf(reply);
+    const Refusal refusal = service_.RefusalOfKey(reply, key_);
     if (refusal.IsNoRoom()) return Outcome::kNoRoom;
     // A request that was sent once more finds that the first has done it.
     if (refusal.code == kGoneCode) return IsStored() ? Outcome::kStored : Outcome::kGone;

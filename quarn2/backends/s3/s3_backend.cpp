@@ -88,7 +88,7 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
         return true;
     }
     if (reply.IsSuccess()) return true;
-    const Refusal refusal = RefusalOf(reply);
+    const Refusal refusal = service_.RefusalOfKey(reply, key);
     if (refusal.IsNoRoom()) return false;
     service_.Refuse(refusal, Doing(name));
 }

@@ -85,6 +85,10 @@ net::HttpReply Service::AskAnew(Call call) {
     return client.Do(Signed(std::move(call)));
 }
 
+Refusal Service::RefusalOfKey(const net::HttpReply& reply, const std::string& key) const {
+    return RefusalOf(reply, address_.bucket + "/" + key);
+}
+
 void Service::Refuse(const net::HttpReply& reply, const std::string& doing) const {
     Refuse(RefusalOf(reply), doing);
 }

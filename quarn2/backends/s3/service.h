@@ -53,6 +53,9 @@ class Service {
     // a server that has shown that it does not answer.
     net::HttpReply AskAnew(Call call);
 
+    // What the answer to a request for the key means.
+    Refusal RefusalOfKey(const net::HttpReply& reply, const std::string& key) const;
+
     [[noreturn]] void Refuse(const net::HttpReply& reply, const std::string& doing) const;
     [[noreturn]] void Refuse(const Refusal& refusal, const std::string& doing) const;
 

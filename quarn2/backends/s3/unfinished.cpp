@@ -20,7 +20,6 @@ constexpr const char* kListing = "cannot list unfinished uploads";
 constexpr std::chrono::seconds kListingAge{2};
 
 constexpr std::size_t kAtOnce = 4;
-constexpr int kNotFound = 404;
 constexpr int kMethodNotAllowed = 405;
 constexpr int kNotImplemented = 501;
 
@@ -45,8 +44,10 @@ Call AbortCall(const Upload& upload) {
 void CheckAborted(const Service& service, const net::HttpResult& result) {
     if (result.error) std::rethrow_exception(result.error);
     // Somebody else may have done it.
-    if (result.reply.IsSuccess() || result.reply.status == kNotFound) return;
-    service.Refuse(result.reply, "cannot abort an unfinished upload");
+    if (result.reply.IsSuccess()) return;
+    const Refusal refusal = RefusalOf(result.reply);
+    if (refusal.IsMissing()) return;
+    service.Refuse(refusal, "cannot abort an unfinished upload");
 }
 
 }  // namespace
@@ -161,7 +162,7 @@ bool TryToAbort(Service& service, const Upload& upload) noexcept {
         if (std::chrono::steady_clock::now() - begin > kQuick) return false;
         try {
             const net::HttpReply reply = service.AskAnew(AbortCall(upload));
-            if (reply.IsSuccess() || reply.status == kNotFound) return true;
+            if (reply.IsSuccess() || RefusalOf(reply).IsMissing()) return true;
         } catch (const std::exception&) {
             // The failure that made the upload be given up is what the caller is told.
         }

@@ -11,6 +11,7 @@ namespace {
 
 using kro_err::Error;
 using kro_err::Kind;
+using quarn2::Failure;
 using namespace quarn2::s3;  // NOLINT(google-build-using-namespace): the unit under test
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -72,41 +73,120 @@ TEST(S3Refusal, ShowsNoControlCharacters) {
     EXPECT_EQ(Refused(400, "Odd", "two&#10;lines").Text(), "Odd: two lines (HTTP 400)");
 }
 
-TEST(S3Refusal, HasTheKindThatItsCodeMeans) {
+// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
+// old backups.
+TEST(S3Refusal, HasOneMeaningForEachCode) {
+    using enum Failure;
     const struct {
         int status;
         const char* code;
-        Kind kind;
+        Failure failure;
     } cases[] = {
-        {403, "AccessDenied", Kind::kUnauthorized},
-        {403, "InvalidAccessKeyId", Kind::kUnauthorized},
-        {403, "SignatureDoesNotMatch", Kind::kUnauthorized},
-        {403, "RequestTimeTooSkewed", Kind::kUnauthorized},
-        {404, "NoSuchBucket", Kind::kNotFound},
-        {404, "NoSuchKey", Kind::kNotFound},
-        {503, "SlowDown", Kind::kUnavailable},
-        {503, "ServiceUnavailable", Kind::kUnavailable},
-        {500, "InternalError", Kind::kUnavailable},
-        {200, "InternalError", Kind::kUnavailable},
-        {400, "BadDigest", Kind::kUnavailable},
-        {301, "PermanentRedirect", Kind::kFailed},
-        {400, "AuthorizationHeaderMalformed", Kind::kFailed},
-        {400, "InvalidBucketName", Kind::kFailed},
-        {403, "", Kind::kUnauthorized},
-        {404, "", Kind::kNotFound},
+        {403, "AccessDenied", kUnauthorized},
+        {400, "ExpiredToken", kUnauthorized},
+        {403, "InvalidAccessKeyId", kUnauthorized},
+        {403, "InvalidSecurity", kUnauthorized},
+        {400, "InvalidToken", kUnauthorized},
+        {403, "SignatureDoesNotMatch", kUnauthorized},
+        {400, "TokenRefreshRequired", kUnauthorized},
+
+        {403, "QuotaExceeded", kNoRoom},
+        {403, "BucketQuotaExceeded", kNoRoom},
+        {403, "StorageQuotaExceeded", kNoRoom},
+        {403, "UserQuotaExceeded", kNoRoom},
+        {400, "XMinioAdminBucketQuotaExceeded", kNoRoom},
+        {507, "", kNoRoom},
+        {507, "InsufficientStorage", kNoRoom},
+
+        {404, "NoSuchBucket", kNotFound},
+        {404, "NoSuchKey", kNotFound},
+        {404, "NoSuchVersion", kNotFound},
+
+        {403, "AccountProblem", kUnavailable},
+        {403, "AllAccessDisabled", kUnavailable},
+        {403, "RequestTimeTooSkewed", kUnavailable},
+        {403, "UserSuspended", kUnavailable},
+        {400, "BadDigest", kUnavailable},
+        {400, "IncompleteBody", kUnavailable},
+        {400, "XAmzContentSHA256Mismatch", kUnavailable},
+        {409, "ConditionalRequestConflict", kUnavailable},
+        {500, "InternalError", kUnavailable},
+        {200, "InternalError", kUnavailable},
+        {409, "OperationAborted", kUnavailable},
+        {400, "RequestLimitExceeded", kUnavailable},
+        {400, "RequestTimeout", kUnavailable},
+        {503, "ServiceUnavailable", kUnavailable},
+        {503, "SlowDown", kUnavailable},
+        {200, "SlowDown", kUnavailable},
+        {307, "TemporaryRedirect", kUnavailable},
+        {400, "Throttling", kUnavailable},
+        {429, "TooManyRequests", kUnavailable},
+        {429, "RequestQuotaExceeded", kUnavailable},
+        {400, "InvalidPart", kUnavailable},
+        {404, "NoSuchUpload", kUnavailable},
+        {403, "NoCodeOfThisTable", kUnavailable},
+
+        {400, "AuthorizationHeaderMalformed", kFailed},
+        {400, "EntityTooLarge", kFailed},
+        {400, "IllegalLocationConstraintException", kFailed},
+        {400, "InvalidBucketName", kFailed},
+        {403, "InvalidObjectState", kFailed},
+        {501, "NotImplemented", kFailed},
+        {403, "NotSignedUp", kFailed},
+        {403, "ObjectNotInActiveTierError", kFailed},
+        {301, "PermanentRedirect", kFailed},
+        {412, "PreconditionFailed", kFailed},
     };
-    for (const auto& one : cases) {
-        EXPECT_EQ(Refused(one.status, one.code, "").kind(), one.kind) << one.code;
-        EXPECT_FALSE(Refused(one.status, one.code, "").IsNoRoom()) << one.code;
+    for (const auto& [status, code, failure] : cases) {
+        const Refusal refusal = Refused(status, code, "");
+        EXPECT_EQ(refusal.failure(), failure) << status << " " << code;
+        EXPECT_EQ(refusal.kind(), quarn2::KindOf(failure)) << status << " " << code;
+        EXPECT_EQ(refusal.IsNoRoom(), failure == kNoRoom) << status << " " << code;
     }
 }
 
-TEST(S3Refusal, KnowsTheWaysToSayThatThereIsNoRoom) {
-    EXPECT_TRUE(Refused(403, "QuotaExceeded", "").IsNoRoom());
-    EXPECT_TRUE(Refused(400, "EntityTooLarge", "Upload exceeds quota.").IsNoRoom());
-    EXPECT_TRUE(Refused(507, "").IsNoRoom());
-    EXPECT_FALSE(Refused(400, "EntityTooLarge", "Your proposed upload is too large").IsNoRoom());
-    EXPECT_FALSE(Refused(503, "ServiceUnavailable", "Please reduce your request rate.").IsNoRoom());
+// The page of a proxy proves neither that the credentials are wrong nor that a file is missing.
+TEST(S3Refusal, MayPassWhenNoCodeSaysWhoRefuses) {
+    for (const char* const body : {"", "<html><title>Forbidden</title><body>quota</body></html>"}) {
+        for (const int status : {302, 303, 307, 401, 403, 404, 407, 408, 425, 429, 500, 501, 502,
+                                 503, 504, 511, 599}) {
+            EXPECT_EQ(Refused(status, body).failure(), Failure::kUnavailable) << status;
+            EXPECT_FALSE(Refused(status, body).IsMissing()) << status;
+        }
+        for (const int status : {301, 308, 400, 405, 409, 411, 412, 413, 416}) {
+            EXPECT_EQ(Refused(status, body).failure(), Failure::kFailed) << status;
+        }
+    }
+    EXPECT_EQ(Refused(302, "").Text(), "refused (HTTP 302)");
+}
+
+TEST(S3Refusal, OfAMissingFileNeedsACode) {
+    EXPECT_TRUE(Refused(404, "NoSuchKey", "").IsMissing());
+    EXPECT_TRUE(Refused(404, "NoSuchUpload", "").IsMissing());
+    EXPECT_FALSE(Refused(404, "NoSuchBucket", "").IsMissing());
+    EXPECT_FALSE(Refused(404, "<html>default backend</html>").IsMissing());
+}
+
+TEST(S3Refusal, OfALargeFileIsAQuotaOnlyIfTheTextSaysSo) {
+    const struct {
+        const char* message;
+        const char* path;
+        bool no_room;
+    } cases[] = {
+        {"Upload exceeds quota.", "bucket/file", true},
+        {"Upload of file exceeds Quota", "bucket/file", true},
+        {"Your proposed upload is too large", "bucket/file", false},
+        {"bucket/p/quota/2026-11-20/F.tgz is too large", "bucket/p/quota/2026-11-20/F.tgz", false},
+        {"/p/F2026-11-20.quota.tgz is too large", "bucket/p/F2026-11-20.quota.tgz", false},
+        {"quota: quota exceeded", "bucket/quota", false},
+    };
+    for (const auto& [message, path, no_room] : cases) {
+        Refusal refusal = Refused(400, "EntityTooLarge", message);
+        refusal.path = path;
+        EXPECT_EQ(refusal.IsNoRoom(), no_room) << message;
+    }
+    EXPECT_EQ(Refused(403, "AccessDenied", "arn:aws:iam::1:user/quota is not allowed").failure(),
+              Failure::kUnauthorized);
 }
 
 TEST(S3Refusal, NamesTheRegionToSet) {

@@ -1,0 +1,162 @@
+#include "backends/s3/refusal.h"
+
+#include <algorithm>
+#include <iterator>
+#include <map>
+
+#include "kro/str.h"
+
+namespace quarn2::s3 {
+
+namespace {
+
+constexpr int kRedirects = 300;
+constexpr int kErrors = 400;
+constexpr int kNotFound = 404;
+constexpr int kServerErrors = 500;
+constexpr int kInsufficientStorage = 507;
+constexpr std::string_view kNoBucket = "NoSuchBucket";
+// A quota on some servers, on others a file or a part that is larger than they take.
+constexpr std::string_view kTooLarge = "EntityTooLarge";
+
+struct CodeRow {
+    std::string_view code;
+    Failure failure;
+};
+
+constexpr CodeRow kCodes[] = {
+    // The access key or its rights, and nothing else.
+    {"AccessDenied", Failure::kUnauthorized},
+    {"ExpiredToken", Failure::kUnauthorized},
+    {"InvalidAccessKeyId", Failure::kUnauthorized},
+    {"InvalidSecurity", Failure::kUnauthorized},
+    {"InvalidToken", Failure::kUnauthorized},
+    {"SignatureDoesNotMatch", Failure::kUnauthorized},
+    {"TokenRefreshRequired", Failure::kUnauthorized},
+
+    {"BucketQuotaExceeded", Failure::kNoRoom},
+    {"QuotaExceeded", Failure::kNoRoom},
+    {"StorageQuotaExceeded", Failure::kNoRoom},
+    {"UserQuotaExceeded", Failure::kNoRoom},
+    {"XMinioAdminBucketQuotaExceeded", Failure::kNoRoom},
+
+    {kNoBucket, Failure::kNotFound},
+    {"NoSuchKey", Failure::kNotFound},
+
+    // The owner of the account, or of this machine's clock, can end it; the key itself is good.
+    {"AccountProblem", Failure::kUnavailable},
+    {"AllAccessDisabled", Failure::kUnavailable},
+    {"RequestTimeTooSkewed", Failure::kUnavailable},
+    {"UserSuspended", Failure::kUnavailable},
+    // The bytes that arrived are not those that were sent.
+    {"BadDigest", Failure::kUnavailable},
+    {"IncompleteBody", Failure::kUnavailable},
+    {"XAmzContentSHA256Mismatch", Failure::kUnavailable},
+    // The server is busy or in trouble.
+    {"ConditionalRequestConflict", Failure::kUnavailable},
+    {"InternalError", Failure::kUnavailable},
+    {"OperationAborted", Failure::kUnavailable},
+    {"RequestLimitExceeded", Failure::kUnavailable},
+    {"RequestTimeout", Failure::kUnavailable},
+    {"ServiceUnavailable", Failure::kUnavailable},
+    {"SlowDown", Failure::kUnavailable},
+    {"TemporaryRedirect", Failure::kUnavailable},
+    {"Throttling", Failure::kUnavailable},
+    {"TooManyRequests", Failure::kUnavailable},
+    // Another process aborted the upload, and the next attempt begins a new one.
+    {"InvalidPart", Failure::kUnavailable},
+    {"NoSuchUpload", Failure::kUnavailable},
+
+    {"AuthorizationHeaderMalformed", Failure::kFailed},
+    {kTooLarge, Failure::kFailed},
+    {"IllegalLocationConstraintException", Failure::kFailed},
+    {"InvalidObjectState", Failure::kFailed},
+    {"NotImplemented", Failure::kFailed},
+    {"NotSignedUp", Failure::kFailed},
+    {"ObjectNotInActiveTierError", Failure::kFailed},
+    {"PermanentRedirect", Failure::kFailed},
+};
+
+struct StatusRow {
+    int status;
+    Failure failure;
+};
+
+// Without a code that is known, a refusal of the request or of the user may be a proxy's.
+constexpr StatusRow kStatuses[] = {
+    {302, Failure::kUnavailable}, {303, Failure::kUnavailable}, {307, Failure::kUnavailable},
+    {401, Failure::kUnavailable}, {403, Failure::kUnavailable}, {407, Failure::kUnavailable},
+    {408, Failure::kUnavailable}, {425, Failure::kUnavailable}, {429, Failure::kUnavailable},
+};
+
+const std::map<std::string_view, std::string>& Advice() {
+    static const std::map<std::string_view, std::string> advice = {
+        {"AccessDenied", "give the access key the rights that the storage needs"},
+        {"AccountProblem", "ask the storage's provider about the account"},
+        {"InvalidAccessKeyId", "the server does not know the access key"},
+        {"InvalidObjectState", "the file lies in an archive class and must be restored first"},
+        {kNoBucket, "the bucket does not exist; create it or correct the token"},
+        {"RequestTimeTooSkewed", "this machine's clock is off; set it"},
+        {"SignatureDoesNotMatch", "the secret key is wrong"},
+        {"UserSuspended", "ask the storage's provider about the account"},
+    };
+    return advice;
+}
+
+// A redirection without a code is a proxy's, unless it is for good.
+bool NamesAnotherRegion(const Refusal& refusal) {
+    constexpr int kMovedPermanently = 301;
+    const bool redirects = refusal.status >= kRedirects && refusal.status < kErrors;
+    return (redirects && (!refusal.code.empty() || !refusal.region.empty())) ||
+           refusal.status == kMovedPermanently || refusal.code == "AuthorizationHeaderMalformed" ||
+           refusal.code == "IllegalLocationConstraintException" ||
+           refusal.code == "PermanentRedirect";
+}
+
+std::string AdviceFor(const Refusal& refusal) {
+    if (NamesAnotherRegion(refusal)) {
+        return refusal.region.empty()
+                   ? "the bucket is in another region; set region= in the token"
+                   : "the bucket is in another region; set region=" + refusal.region +
+                         " in the token";
+    }
+    const auto found = Advice().find(refusal.code);
+    return found == Advice().end() ? std::string() : found->second;
+}
+
+bool SpeaksOfAQuota(const Refusal& refusal) {
+    return SearchableText(refusal.message, refusal.path).find("quota") != std::string::npos;
+}
+
+Failure FailureOfStatus(int status, bool has_code) {
+    if (status >= kServerErrors) return Failure::kUnavailable;
+    if (status == kNotFound) return has_code ? Failure::kNotFound : Failure::kUnavailable;
+    const auto* const row =
+        std::find_if(std::begin(kStatuses), std::end(kStatuses),
+                     [status](const StatusRow& each) { return each.status == status; });
+    return row == std::end(kStatuses) ? Failure::kFailed : row->failure;
+}
+
+}  // namespace
+
+Failure Refusal::failure() const {
+    if (status == kInsufficientStorage) return Failure::kNoRoom;
+    if (code == kTooLarge && SpeaksOfAQuota(*this)) return Failure::kNoRoom;
+    const auto* const row = std::find_if(std::begin(kCodes), std::end(kCodes),
+                                         [this](const CodeRow& each) { return each.code == code; });
+    return row == std::end(kCodes) ? FailureOfStatus(status, !code.empty()) : row->failure;
+}
+
+bool Refusal::IsMissing() const {
+    return status == kNotFound && !code.empty() && code != kNoBucket;
+}
+
+std::string Refusal::Text() const {
+    std::string text = code.empty() ? "refused" : code;
+    str::inpl::Append(text, message, ": ");
+    text += " (HTTP " + str::Str(status) + ")";
+    str::inpl::Append(text, AdviceFor(*this), ": ");
+    return text;
+}
+
+}  // namespace quarn2::s3
