@@ -50,15 +50,21 @@ enum class Code : std::uint32_t {
     kConnectionLost = 7,
     kUnsupported = 8,
     // Of later versions of the protocol; some servers send them all the same.
+    kInvalidHandle = 9,
+    kNoSuchPath = 10,
     kFileAlreadyExists = 11,
+    kWriteProtected = 12,
+    kNoMedia = 13,
     kNoSpace = 14,
     kQuotaExceeded = 15,
+    kLockConflict = 17,
 };
 
 // The flags of an open request.
 inline constexpr std::uint32_t kOpenRead = 0x01;
 inline constexpr std::uint32_t kOpenWrite = 0x02;
 inline constexpr std::uint32_t kOpenCreate = 0x08;
+inline constexpr std::uint32_t kOpenTruncate = 0x10;
 inline constexpr std::uint32_t kOpenExclusive = 0x20;
 
 // What a server tells of a file; it need not tell everything.

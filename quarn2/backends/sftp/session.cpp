@@ -5,7 +5,6 @@
 #include <utility>
 
 #include "kro/kro_err.h"
-#include "stored_name.h"
 
 namespace quarn2::sftp {
 
@@ -226,44 +225,6 @@ void Pipeline(Session& session, std::size_t count,
         for (; done < ids.size(); ++done) session.Forget(ids[done]);
         throw;
     }
-}
-
-std::string Describe(const Status& status) {
-    switch (status.code) {
-        case Code::kOk:
-            return "success";
-        case Code::kEof:
-            return "end of file";
-        case Code::kNoSuchFile:
-            return "no such file or directory";
-        case Code::kPermissionDenied:
-            return "permission denied";
-        case Code::kBadMessage:
-            return "the server does not take the name; it may be too long";
-        case Code::kNoConnection:
-        case Code::kConnectionLost:
-            return "the server lost its connection";
-        case Code::kUnsupported:
-            return "the server cannot do this";
-        case Code::kFileAlreadyExists:
-            return "it exists";
-        case Code::kNoSpace:
-            return "no space left";
-        case Code::kQuotaExceeded:
-            return "the quota is used up";
-        case Code::kFailure:
-            break;
-    }
-    const bool telling = !status.text.empty() && status.text != "Failure";
-    return telling ? "the server says " + Quoted(status.text)
-                   : "the server gives no reason (code " +
-                         std::to_string(static_cast<std::uint32_t>(status.code)) + ")";
-}
-
-void Refused(const std::string& what, const std::string& path, const Status& status) {
-    const bool lost = status.code == Code::kNoConnection || status.code == Code::kConnectionLost;
-    throw Error(lost ? Kind::kUnavailable : Kind::kFailed,
-                "Failed to " + what + " " + Quoted(path) + " on the storage: " + Describe(status));
 }
 
 }  // namespace quarn2::sftp

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "backends/sftp/packet.h"
+#include "backends/sftp/status.h"
 
 namespace quarn2::sftp {
 
@@ -30,11 +31,6 @@ class Stream {
     virtual std::size_t Read(std::span<std::byte> buffer, int patience) = 0;
     // Throws when the other side is known to have gone; waits for nothing.
     virtual void CheckAlive() = 0;
-};
-
-struct Status {
-    Code code = Code::kOk;
-    std::string text;  // the server's own, any bytes
 };
 
 // A reply; its fields are good until the session is used again.
@@ -112,11 +108,5 @@ class Session {
 void Pipeline(Session& session, std::size_t count,
               const std::function<std::uint32_t(std::size_t)>& send,
               const std::function<void(std::size_t, Reply)>& answered);
-
-// What the server said, in words.
-std::string Describe(const Status& status);
-
-// Throws "Failed to WHAT 'PATH' on the storage: ...".
-[[noreturn]] void Refused(const std::string& what, const std::string& path, const Status& status);
 
 }  // namespace quarn2::sftp

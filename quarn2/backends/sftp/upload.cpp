@@ -22,6 +22,7 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kFileMode = 0640;
+constexpr std::uint32_t kExclusive = kOpenWrite | kOpenCreate | kOpenExclusive;
 // Read from the source at once.
 constexpr std::size_t kBlock = 1024UL * 1024;
 // Sent and not yet answered: more than is under way on any link that a server's window lets be
@@ -43,10 +44,6 @@ const char* const kPosixRename = "posix-rename@openssh.com";
 
 // The storage has no room for the file.
 struct NoRoom {};
-
-bool Contains(const std::string& text, std::string_view word) {
-    return str::Lower(text).find(word) != std::string::npos;
-}
 
 class Uploader {
   public:
@@ -92,7 +89,7 @@ class Uploader {
         const std::uint32_t root = AskForRoot(session_, place_);
         for (const std::string& path : TemporaryPaths(path_)) {
             if (!state_.lock.TryTake(place_.server() + path)) continue;
-            std::uint32_t opened = SendOpen(path);
+            std::uint32_t opened = SendOpen(path, kExclusive);
             CheckRootOnce(root, opened);
             if (TryOpen(path, opened)) return;
         }
@@ -111,16 +108,14 @@ class Uploader {
         }
     }
 
-    std::uint32_t SendOpen(const std::string& path) {
-        return session_.Send(std::move(Request(Type::kOpen)
-                                           .Text(path)
-                                           .U32(kOpenWrite | kOpenCreate | kOpenExclusive)
-                                           .Mode(kFileMode)));
+    std::uint32_t SendOpen(const std::string& path, std::uint32_t flags) {
+        return session_.Send(std::move(Request(Type::kOpen).Text(path).U32(flags).Mode(kFileMode)));
     }
 
     // False when another machine writes under this name.
     bool TryOpen(const std::string& path, std::uint32_t id) {
-        for (int failures = 0;; id = SendOpen(path)) {
+        std::uint32_t flags = kExclusive;
+        for (int failures = 0;; id = SendOpen(path, flags)) {
             Reply reply = session_.Wait(id);
             if (reply.type == Type::kHandle) {
                 handle_ = reply.fields.Text();
@@ -131,14 +126,24 @@ class Uploader {
             if (status.code == Code::kNoSuchFile && !made_directories_) {
                 MakeDirectories();
             } else if (const auto there = LookAt(session_, path)) {
+                flags = kExclusive;
                 if (!IsLeftover(path, *there)) return false;
                 session_.WaitStatus(SendPath(Type::kRemove, path));
                 if (++failures == kOpenAttempts) return false;
+            } else if (flags == kExclusive && MayWantTruncate(status)) {
+                flags = kExclusive | kOpenTruncate;
             } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
                 // It may have been another's that just took its final name.
                 Fail("make a file for", status);
             }
         }
+    }
+
+    // Some servers refuse to create a file without this flag. It is added only when nothing has the
+    // name, because a server that then ignores "exclusive" would empty another machine's file.
+    bool MayWantTruncate(const Status& status) const {
+        const Failure failure = FailureOf(status, path_);
+        return failure == Failure::kFailed || failure == Failure::kNotFound;
     }
 
     bool IsLeftover(const std::string& path, const Attributes& before) {
@@ -225,7 +230,7 @@ class Uploader {
         if (sync) CheckSynced(session_.WaitStatus(synced, patience));
         const Attributes own = AttributesIn(session_.Wait(measured));
         CheckDone("close", session_.WaitStatus(closed, patience));
-        CheckSame(own, session_.Wait(seen));
+        CheckSame(own, AttributesIn(session_.Wait(seen)));
         sync_.TakeHandles();
         source_.CheckUnchanged();
     }
@@ -234,26 +239,25 @@ class Uploader {
         if (status.code != Code::kUnsupported) CheckDone("sync", status);
     }
 
-    Attributes AttributesIn(Reply reply) {
-        if (reply.type != Type::kAttrs) Refused("examine", state_.temporary, reply.AsStatus());
-        return reply.fields.Attrs();
+    // Nothing is known where the server answers with a status.
+    static Attributes AttributesIn(Reply reply) {
+        return reply.type == Type::kAttrs ? reply.fields.Attrs() : Attributes();
     }
 
-    // The name must still be that of the file that was written: somebody may have taken it for
-    // abandoned.
-    void CheckSame(const Attributes& own, Reply seen) {
-        if (own.size != static_cast<std::uint64_t>(source_.size())) {
+    // The name must still be that of the file that was written: another machine may have taken it
+    // for abandoned and have begun a file of its own. Only the size can show that. The modification
+    // time cannot, because a server that writes back later changes it when the file is closed.
+    void CheckSame(const Attributes& own, const Attributes& named) {
+        const auto expected = static_cast<std::uint64_t>(source_.size());
+        if (named.size == expected && named.IsFile()) return;
+        if (own.size != expected && named.size) {
             throw Error(Kind::kFailed,
                         Quoted(path_) + " has another size on the storage than sent");
         }
-        const bool there = seen.type == Type::kAttrs;
-        const Attributes named = there ? seen.fields.Attrs() : Attributes();
-        if (!there || named.size != own.size || named.mtime != own.mtime) {
-            state_.temporary.clear();
-            throw Error(Kind::kUnavailable,
-                        "the temporary file of " + Quoted(path_) +
-                            " was taken away while it was written, as if it were abandoned");
-        }
+        state_.temporary.clear();
+        throw Error(Kind::kUnavailable,
+                    "the temporary file of " + Quoted(path_) +
+                        " was taken away while it was written, as if it were abandoned");
     }
 
     void Rename() {
@@ -299,11 +303,18 @@ class Uploader {
 
     // "Failure" is all that most servers say of a full disk.
     [[noreturn]] void Fail(const std::string& what, const Status& status) {
-        const bool told = status.code == Code::kNoSpace || status.code == Code::kQuotaExceeded ||
-                          Contains(status.text, "no space") || Contains(status.text, "quota");
-        if (told) throw NoRoom();
+        const Failure failure = FailureOf(status, path_);
+        if (failure == Failure::kNoRoom) throw NoRoom();
         if (status.code == Code::kFailure && IsFull()) throw NoRoom();
+        if (failure == Failure::kNotFound) Vanished(what, status);
         Refused(what, path_, status);
+    }
+
+    // Another process removed the file or its directory. The next attempt makes them again.
+    [[noreturn]] void Vanished(const std::string& what, const Status& status) const {
+        throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
+                                            " on the storage: " + Describe(status) +
+                                            "; it was removed during the upload");
     }
 
     bool IsFull() {

@@ -42,6 +42,15 @@ struct Disk {
     bool backwards = false;        // answers to reads come in the opposite order
     std::string growing;           // a file that another writes to
     std::uint64_t told_size = 0;   // what is told of every file; 0: the truth
+    bool needs_truncate = false;  // refuses to create a file without this flag, and with it ignores
+                                  // that the file must not exist
+    bool writes_back = false;     // a file's data appear when it is closed
+    bool late_time = false;       // the modification time is that of the close
+    std::map<std::string, std::string> replaced;  // what others put there when a file is closed
+    Code write_code = Code::kFailure;             // and text, for refused writes
+    std::string write_text = "Failure";
+    std::map<std::string, std::string> unwritten;  // what a server that writes back holds
+    std::map<std::string, std::uint32_t> times;
     std::vector<Type> requests;
 };
 
@@ -82,9 +91,8 @@ class Server final : public quarn2::sftp::Stream {
     }
 
     void Send(Request request) { out_ += Text(request.Finish(id_)); }
-    void Status(Code code) {
-        Send(std::move(
-            Request(Type::kStatus).U32(static_cast<std::uint32_t>(code)).Text("Failure")));
+    void Status(Code code, const std::string& text = "Failure") {
+        Send(std::move(Request(Type::kStatus).U32(static_cast<std::uint32_t>(code)).Text(text)));
     }
     void Done(bool good) { Status(good ? Code::kOk : Code::kFailure); }
 
@@ -94,7 +102,6 @@ class Server final : public quarn2::sftp::Stream {
                 return Greet();
             case Type::kStat:
             case Type::kLstat:
-                return Look(packet.Text());
             case Type::kFstat:
                 return Look(packet.Text());
             case Type::kOpen:
@@ -104,7 +111,7 @@ class Server final : public quarn2::sftp::Stream {
             case Type::kRead:
                 return Give(packet);
             case Type::kClose:
-                return Done(true);
+                return Close(packet.Text());
             case Type::kRemove:
                 return Erase(packet.Text());
             case Type::kRename:
@@ -133,7 +140,18 @@ class Server final : public quarn2::sftp::Stream {
         Request answer(Type::kAttrs);
         const std::uint64_t size = file ? disk_.files[path].size() : 0;
         answer.U32(0x1 | 0x4 | 0x8).U64(disk_.told_size != 0 ? disk_.told_size : size);
-        Send(std::move(answer.U32(file ? kFile : kDirectory).U32(1000).U32(1000)));
+        const std::uint32_t time = disk_.times.contains(path) ? disk_.times[path] : 1000;
+        Send(std::move(answer.U32(file ? kFile : kDirectory).U32(time).U32(time)));
+    }
+
+    void Close(const std::string& path) {
+        if (disk_.unwritten.contains(path)) {
+            disk_.files[path] = disk_.unwritten[path];
+            disk_.unwritten.erase(path);
+        }
+        if (disk_.late_time) disk_.times[path] = 1060;
+        if (disk_.replaced.contains(path)) disk_.files[path] = disk_.replaced[path];
+        Done(true);
     }
 
     void Open(Fields& packet) {
@@ -144,8 +162,9 @@ class Server final : public quarn2::sftp::Stream {
             if (!disk_.directories.contains(path.substr(0, path.rfind('/')))) {
                 return Status(Code::kNoSuchFile);
             }
-            if (exists) return Status(Code::kFailure);
-            disk_.files[path];
+            const bool truncates = (flags & quarn2::sftp::kOpenTruncate) != 0;
+            if (disk_.needs_truncate ? !truncates : exists) return Status(Code::kFailure);
+            disk_.files[path].clear();
         } else if (!exists) {
             return Status(Code::kNoSuchFile);
         }
@@ -156,8 +175,8 @@ class Server final : public quarn2::sftp::Stream {
         const std::string path = packet.Text();
         const std::uint64_t offset = packet.U64();
         const std::string data = Text(packet.Bytes());
-        if (disk_.refuse_writes) return Status(Code::kFailure);
-        std::string& content = disk_.files[path];
+        if (disk_.refuse_writes) return Status(disk_.write_code, disk_.write_text);
+        std::string& content = disk_.writes_back ? disk_.unwritten[path] : disk_.files[path];
         content.resize(std::max(content.size(), offset + data.size()));
         content.replace(offset, data.size(), data);
         Done(true);

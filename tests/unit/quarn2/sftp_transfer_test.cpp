@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include "backends/sftp/download.h"
+#include "backends/sftp/status.h"
 #include "backends/sftp/tree.h"
 #include "backends/sftp/upload.h"
 #include "backends/sftp/upload_lock.h"
@@ -114,6 +115,44 @@ TEST_F(SftpTransfer, RemovesWhatDoesNotGrow) {
     EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "mine")));
 }
 
+TEST_F(SftpTransfer, StoresWhereDataAndTimeAppearAtTheClose) {
+    disk_.late_time = true;
+    EXPECT_TRUE(Put("file", "old"));
+    disk_.writes_back = true;
+    EXPECT_TRUE(Put("file", "content"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "content")));
+}
+
+// The other machine's file stays: it is at work.
+TEST_F(SftpTransfer, NeverRenamesAFileThatAnotherMachineHasBegun) {
+    disk_.replaced = {{kTemporary, "cont"}};
+    EXPECT_THAT(KindOf([this] { Put("file", "content"); }), Optional(Kind::kUnavailable));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kTemporary, "cont")));
+}
+
+TEST_F(SftpTransfer, RemovesItsFileThatTheServerStoredInPart) {
+    disk_.writes_back = true;
+    disk_.replaced = {{kTemporary, "cont"}};
+    EXPECT_THAT(KindOf([this] { Put("file", "content"); }), Optional(Kind::kFailed));
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpTransfer, TruncatesWhereFilesCannotBeMadeOtherwise) {
+    disk_.needs_truncate = true;
+    EXPECT_TRUE(Put("dir/file", "content"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair("/root/dir/file", "content")));
+}
+
+TEST_F(SftpTransfer, NeverTruncatesAnotherMachinesFile) {
+    disk_.needs_truncate = true;
+    disk_.files = {{kTemporary, "another's"}};
+    disk_.growing = kTemporary;
+    EXPECT_TRUE(Put("file", "mine"));
+    EXPECT_THAT(Files(), ElementsAre(kTemporary, kPath));
+    EXPECT_THAT(disk_.files[kTemporary], testing::StartsWith("another's"));
+    EXPECT_EQ(Get("file"), "mine");
+}
+
 TEST(SftpUploadLock, IsHeldOnceAndGoesWithItsOwner) {
     quarn2::sftp::UploadLock second;
     {
@@ -133,6 +172,68 @@ TEST_F(SftpTransfer, RefusedWriteIsNoRoomOnlyWhenThereIsNone) {
     disk_.free_blocks = 3;
     EXPECT_FALSE(Put("file", "x"));
     EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpTransfer, QuotaInTheNameOfAFileIsNoQuota) {
+    disk_.refuse_writes = true;
+    disk_.write_text = "write of /root/quota/file failed";
+    EXPECT_THAT(KindOf([this] { Put("quota/file", "x"); }), Optional(Kind::kFailed));
+    disk_.write_text = "/root/quota/file: Disk quota exceeded";
+    EXPECT_FALSE(Put("quota/file", "x"));
+}
+
+TEST_F(SftpTransfer, UploadWhoseFileVanishedIsWorthAnotherTry) {
+    disk_.refuse_writes = true;
+    disk_.write_code = quarn2::sftp::Code::kNoSuchFile;
+    EXPECT_THAT(KindOf([this] { Put("file", "x"); }), Optional(Kind::kUnavailable));
+}
+
+// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
+// old backups.
+TEST(SftpStatus, HasOneMeaningForEachCode) {
+    using enum quarn2::Failure;
+    using enum quarn2::sftp::Code;
+    const struct {
+        quarn2::sftp::Code code;
+        const char* text;
+        quarn2::Failure failure;
+    } cases[] = {
+        {kEof, "", kFailed},
+        {kNoSuchFile, "", kNotFound},
+        {kPermissionDenied, "", kFailed},
+        {kPermissionDenied, "Permission denied", kFailed},
+        {kPermissionDenied, "Disk quota exceeded", kNoRoom},
+        {kFailure, "", kFailed},
+        {kFailure, "Failure", kFailed},
+        {kFailure, "/srv/quota/file: Failure", kFailed},
+        {kFailure, "No space left on device", kNoRoom},
+        {kFailure, "There is not enough space on the disk.", kNoRoom},
+        {kFailure, "write: disk is full", kNoRoom},
+        {kFailure, "disk full", kNoRoom},
+        {kFailure, "/srv/quota/file: quota exceeded", kNoRoom},
+        {kBadMessage, "no space", kFailed},
+        {kNoConnection, "", kUnavailable},
+        {kConnectionLost, "quota", kUnavailable},
+        {kUnsupported, "", kFailed},
+        {kInvalidHandle, "", kUnavailable},
+        {kNoSuchPath, "", kNotFound},
+        {kFileAlreadyExists, "no space", kFailed},
+        {kWriteProtected, "", kUnavailable},
+        {kNoMedia, "", kUnavailable},
+        {kNoSpace, "", kNoRoom},
+        {kQuotaExceeded, "", kNoRoom},
+        {kLockConflict, "", kUnavailable},
+        {static_cast<quarn2::sftp::Code>(16), "quota", kFailed},
+        {static_cast<quarn2::sftp::Code>(4711), "", kFailed},
+    };
+    for (const auto& [code, text, failure] : cases) {
+        const quarn2::sftp::Status status{code, text};
+        EXPECT_EQ(quarn2::sftp::FailureOf(status, "/srv/quota/file"), failure)
+            << static_cast<int>(code) << " " << text;
+        EXPECT_THAT(
+            KindOf([&status] { quarn2::sftp::Refused("look at", "/srv/quota/file", status); }),
+            Optional(quarn2::KindOf(failure)));
+    }
 }
 
 TEST_F(SftpTransfer, PutsShortAndDisorderedAnswersTogether) {

@@ -1,0 +1,114 @@
+#include "backends/sftp/status.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <string_view>
+
+#include "kro/kro_err.h"
+#include "stored_name.h"
+
+namespace quarn2::sftp {
+
+namespace {
+
+struct Row {
+    Code code;
+    Failure failure;
+};
+
+// None of them is kUnauthorized: a login is refused before the first of these replies.
+constexpr Row kRows[] = {
+    {Code::kNoSpace, Failure::kNoRoom},
+    {Code::kQuotaExceeded, Failure::kNoRoom},
+
+    {Code::kNoSuchFile, Failure::kNotFound},
+    {Code::kNoSuchPath, Failure::kNotFound},
+
+    {Code::kNoConnection, Failure::kUnavailable},
+    {Code::kConnectionLost, Failure::kUnavailable},
+    {Code::kInvalidHandle, Failure::kUnavailable},
+    // A file system is read-only after an error of its disk, and until that is mended.
+    {Code::kWriteProtected, Failure::kUnavailable},
+    {Code::kNoMedia, Failure::kUnavailable},
+    {Code::kLockConflict, Failure::kUnavailable},
+
+    {Code::kEof, Failure::kFailed},
+    {Code::kPermissionDenied, Failure::kFailed},
+    {Code::kFailure, Failure::kFailed},
+    {Code::kBadMessage, Failure::kFailed},
+    {Code::kUnsupported, Failure::kFailed},
+    {Code::kFileAlreadyExists, Failure::kFailed},
+};
+
+// The codes that servers send for a full disk or quota when they know no better one.
+bool NeedsItsText(Code code) { return code == Code::kFailure || code == Code::kPermissionDenied; }
+
+bool TellsOfNoRoom(const Status& status, const std::string& path) {
+    constexpr std::array<std::string_view, 5> kWords = {"no space", "not enough space", "disk full",
+                                                        "disk is full", "quota"};
+    const std::string text = SearchableText(status.text, path);
+    return std::any_of(kWords.begin(), kWords.end(), [&text](std::string_view word) {
+        return text.find(word) != std::string::npos;
+    });
+}
+
+}  // namespace
+
+Failure FailureOf(const Status& status, const std::string& path) {
+    if (NeedsItsText(status.code) && TellsOfNoRoom(status, path)) return Failure::kNoRoom;
+    const auto* const row =
+        std::find_if(std::begin(kRows), std::end(kRows),
+                     [&status](const Row& each) { return each.code == status.code; });
+    return row == std::end(kRows) ? Failure::kFailed : row->failure;
+}
+
+std::string Describe(const Status& status) {
+    switch (status.code) {
+        case Code::kOk:
+            return "success";
+        case Code::kEof:
+            return "end of file";
+        case Code::kNoSuchFile:
+            return "no such file or directory";
+        case Code::kPermissionDenied:
+            return "permission denied";
+        case Code::kBadMessage:
+            return "the server does not take the name; it may be too long";
+        case Code::kNoConnection:
+        case Code::kConnectionLost:
+            return "the server lost its connection";
+        case Code::kUnsupported:
+            return "the server cannot do this";
+        case Code::kInvalidHandle:
+            return "the server does not know the open file any more";
+        case Code::kNoSuchPath:
+            return "no such directory";
+        case Code::kFileAlreadyExists:
+            return "it exists";
+        case Code::kWriteProtected:
+            return "the file system is read-only";
+        case Code::kNoMedia:
+            return "the disk is not there";
+        case Code::kNoSpace:
+            return "no space left";
+        case Code::kQuotaExceeded:
+            return "the quota is used up";
+        case Code::kLockConflict:
+            return "it is locked";
+        case Code::kFailure:
+            break;
+    }
+    const bool telling = !status.text.empty() && status.text != "Failure";
+    return telling ? "the server says " + Quoted(status.text)
+                   : "the server gives no reason (code " +
+                         std::to_string(static_cast<std::uint32_t>(status.code)) + ")";
+}
+
+void Refused(const std::string& what, const std::string& path, const Status& status) {
+    throw kro_err::Error(
+        KindOf(FailureOf(status, path)),
+        "Failed to " + what + " " + Quoted(path) + " on the storage: " + Describe(status));
+}
+
+}  // namespace quarn2::sftp
