@@ -17,7 +17,6 @@ using net::HttpReply;
 using net::HttpRequest;
 using net::HttpResult;
 
-constexpr int kMultistatus = 207;
 constexpr std::size_t kDeletionsAtOnce = 8;
 
 std::string Question(Ask ask) {
@@ -30,31 +29,6 @@ std::string Question(Ask ask) {
 }
 
 bool IsAbsent(int status) { return status == kNotFoundStatus || status == kGone; }
-
-// What a status may mean that its number does not say.
-std::string Hint(const std::string& method, int status) {
-    switch (status) {
-        case kUnauthorizedStatus:
-            return " (user or password refused, or another 'auth' wanted)";
-        case kForbidden:
-            return " (the server's user has no right to do this)";
-        case kNotAllowed:
-        case 501:
-            return " (is WebDAV switched on for this directory?)";
-        case kTooLarge:
-            return " (larger than the server takes; raise its limit of a request's body)";
-        case 502:
-            return method == "MOVE" ? " (a proxy in front that changes the scheme or host must "
-                                      "change the Destination header too)"
-                                    : "";
-        case kLocked:
-            return " (locked by somebody)";
-        default:
-            return status >= 300 && status < 400
-                       ? " (a redirection; give the storage's own address)"
-                       : "";
-    }
-}
 
 }  // namespace
 
@@ -113,12 +87,9 @@ HttpReply DavServer::Propfind(const std::string& url, int depth, Ask ask,
 
 void DavServer::Refuse(const std::string& method, const std::string& name,
                        const HttpReply& reply) const {
-    Kind kind = net::KindOfStatus(reply.status);
-    if (reply.status == kLocked) kind = Kind::kUnavailable;
-    // Where others of our requests were welcome it is not the credentials that are refused.
-    if (reply.status == kForbidden && accepted_) kind = Kind::kFailed;
-    throw Error(kind, what() + ": " + method + " of " + Quoted(name) + " was answered with " +
-                          str::Str(reply.status) + Hint(method, reply.status));
+    throw Error(KindOf(FailureOf(reply.status, accepted_)),
+                what() + ": " + method + " of " + Quoted(name) + " was answered with " +
+                    str::Str(reply.status) + Hint(method, reply.status));
 }
 
 // --- Looking ---
@@ -188,7 +159,10 @@ std::unique_ptr<DavServer::Deletion> DavServer::NewDeletion(const Victim& victim
 void DavServer::CheckDeleted(const Deletion& deletion, const HttpReply& reply) {
     const std::string& name = deletion.victim.name;
     if (reply.IsSuccess() && deletion.failed == 0) return;
-    if (IsAbsent(reply.status)) return;
+    if (IsAbsent(reply.status)) {
+        some_absent_ = true;
+        return;
+    }
     const int status = deletion.failed != 0 ? deletion.failed : reply.status;
     const bool partly = deletion.victim.is_collection &&
                         (deletion.failed != 0 || status == kLocked || status == kFailedDependency);
@@ -237,6 +211,8 @@ void DavServer::DeleteAll(const std::vector<Victim>& victims) {
         throw;
     }
     if (error) std::rethrow_exception(error);
+    // A proxy in front of a server that is gone says so of everything.
+    if (std::exchange(some_absent_, false)) CheckRoot();
 }
 
 }  // namespace quarn2::webdav

@@ -10,25 +10,10 @@
 
 #include "backends/webdav/dav_names.h"
 #include "backends/webdav/multistatus.h"
+#include "backends/webdav/statuses.h"
 #include "net/http_client.h"
 
 namespace quarn2::webdav {
-
-// Statuses that decide something here.
-inline constexpr int kOk = 200;
-inline constexpr int kBadRequest = 400;
-inline constexpr int kUnauthorizedStatus = 401;
-inline constexpr int kForbidden = 403;
-inline constexpr int kNotFoundStatus = 404;
-inline constexpr int kNotAllowed = 405;
-inline constexpr int kConflict = 409;
-inline constexpr int kGone = 410;
-inline constexpr int kPreconditionFailed = 412;
-inline constexpr int kTooLarge = 413;
-inline constexpr int kLocked = 423;
-inline constexpr int kFailedDependency = 424;
-inline constexpr int kServerError = 500;
-inline constexpr int kNoRoom = 507;
 
 // What lies under a name.
 struct Resource {
@@ -70,7 +55,8 @@ class DavServer {
 
     // Removes a file, or a collection with everything below; nothing there is success.
     void Delete(const std::string& name, bool is_collection);
-    // The same for many, several at once. After a failure no more are begun.
+    // The same for many, several at once. After a failure no more are begun. kNotFound when the
+    // storage's directory is missing, too.
     struct Victim {
         std::string name;
         bool is_collection = false;
@@ -96,7 +82,8 @@ class DavServer {
 
     DavAddress address_;
     net::HttpClient client_;
-    bool accepted_ = false;  // the server has once let us in
+    bool accepted_ = false;     // the server has once let us in
+    bool some_absent_ = false;  // a file to be removed was not there
 };
 
 }  // namespace quarn2::webdav

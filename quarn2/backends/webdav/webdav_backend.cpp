@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <optional>
 #include <utility>
 
 #include "backends/webdav/dav_folder.h"
@@ -45,7 +46,9 @@ net::ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "WebDAV", auth);
 }
 
+// -1 when it is not told: beside a transfer encoding a length means nothing.
 std::int64_t ContentLength(const HttpReply& reply) {
+    if (!reply.Header("transfer-encoding").empty()) return -1;
     const std::string text = reply.Header("content-length");
     std::int64_t length = -1;
     const char* const end = text.data() + text.size();
@@ -91,9 +94,12 @@ class WebdavBackend final : public StorageBackend {
     enum class Stored { kYes, kNoRoom, kLost };
 
     Stored Store(const std::string& name, ByteSource& source);
+    Stored SendChecked(const std::string& temporary, ByteSource& source);
     Stored Send(const std::string& temporary, ByteSource& source);
     Stored Refused(const std::string& temporary, const HttpReply& reply, std::int64_t size);
-    Stored CheckLength(const std::string& temporary, std::int64_t size);
+    // How much the server has of the file that was sent; nothing when it has no such file. -1: it
+    // does not tell.
+    std::optional<std::int64_t> LengthOf(const std::string& temporary, std::int64_t expected);
     HttpReply Move(const std::string& temporary, const std::string& name);
     Stored Rename(const std::string& temporary, const std::string& name);
     bool BrokeOff(const std::string& temporary, std::int64_t size);
@@ -106,6 +112,7 @@ class WebdavBackend final : public StorageBackend {
     BackupToken token_;
     DavServer server_;
     DavFolders folders_;
+    bool waits_for_invitation_ = true;
 };
 
 // --- Put ---
@@ -130,8 +137,7 @@ bool WebdavBackend::Put(const std::string& name, ByteSource& source) {
 WebdavBackend::Stored WebdavBackend::Store(const std::string& name, ByteSource& source) {
     const std::string temporary = webdav::NewTemporaryName(name);
     try {
-        Stored stored = Send(temporary, source);
-        if (stored == Stored::kYes) stored = CheckLength(temporary, source.size());
+        Stored stored = SendChecked(temporary, source);
         if (stored == Stored::kYes) {
             source.CheckUnchanged();
             stored = Rename(temporary, name);
@@ -145,12 +151,35 @@ WebdavBackend::Stored WebdavBackend::Store(const std::string& name, ByteSource& 
     }
 }
 
+// Some servers report success for a body that they should have invited, and store nothing of it.
+WebdavBackend::Stored WebdavBackend::SendChecked(const std::string& temporary, ByteSource& source) {
+    const std::int64_t size = source.size();
+    const bool waits = waits_for_invitation_ && size >= net::kWorthWaiting;
+    Stored stored = Send(temporary, source);
+    if (stored != Stored::kYes) return stored;
+    std::optional<std::int64_t> length = LengthOf(temporary, size);
+    if (waits && length.value_or(0) == 0) {
+        waits_for_invitation_ = false;
+        stored = Send(temporary, source);
+        if (stored != Stored::kYes) return stored;
+        length = LengthOf(temporary, size);
+    }
+    if (!length) return Stored::kLost;
+    if (*length >= 0 && *length != size) {
+        throw Error(Kind::kUnavailable, server_.what() + ": stored " + str::Str(*length) +
+                                            " bytes of " + str::Str(size) + " of " +
+                                            Quoted(temporary));
+    }
+    return Stored::kYes;
+}
+
 WebdavBackend::Stored WebdavBackend::Send(const std::string& temporary, ByteSource& source) {
     HttpRequest request;
     request.method = "PUT";
     request.url = server_.address().File(temporary);
     request.headers = {"Content-Type: application/octet-stream"};
     request.body = std::make_unique<net::SourceBody>(source);
+    request.waits_for_invitation = waits_for_invitation_;
     const HttpReply reply = server_.Do(std::move(request));
     return reply.IsSuccess() ? Stored::kYes : Refused(temporary, reply, source.size());
 }
@@ -165,8 +194,9 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     if (reply.status < 500 && !no_directory) server_.Refuse("PUT", temporary, reply);
     const Resource above = server_.Look(kro_file::Path(temporary), Ask::kAll);
     if (!above.IsCollection()) return Stored::kLost;
-    const bool no_room = reply.status >= 500 && ((above.available >= 0 && above.available < size) ||
-                                                 BrokeOff(temporary, size));
+    const bool too_little = above.available >= 0 && above.available < size;
+    const bool no_room = (reply.status >= webdav::kServerError && too_little) ||
+                         (reply.status == webdav::kServerError && BrokeOff(temporary, size));
     if (no_room) return Stored::kNoRoom;
     server_.Refuse("PUT", temporary, reply);
 }
@@ -188,21 +218,16 @@ bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     return shorter;
 }
 
-WebdavBackend::Stored WebdavBackend::CheckLength(const std::string& temporary, std::int64_t size) {
+// Where HEAD tells another length than expected, it may be none: some servers say 0 of every file.
+std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary,
+                                                    std::int64_t expected) {
     const HttpReply reply = server_.Do("HEAD", server_.address().File(temporary));
-    if (reply.status == webdav::kNotFoundStatus) return Stored::kLost;
-    std::int64_t stored = reply.status == webdav::kOk ? ContentLength(reply) : -1;
-    if (stored < 0) {
-        const Resource found = server_.Look(temporary, Ask::kLength);
-        if (!found.IsFile()) return Stored::kLost;
-        stored = found.length;
-    }
-    if (stored >= 0 && stored != size) {
-        throw Error(Kind::kUnavailable, server_.what() + ": stored " + str::Str(stored) +
-                                            " bytes of " + str::Str(size) + " of " +
-                                            Quoted(temporary));
-    }
-    return Stored::kYes;
+    if (reply.status == webdav::kNotFoundStatus) return std::nullopt;
+    const std::int64_t told = reply.status == webdav::kOk ? ContentLength(reply) : -1;
+    if (told == expected) return told;
+    const Resource found = server_.Look(temporary, Ask::kLength);
+    if (!found.IsFile()) return std::nullopt;
+    return found.length >= 0 ? found.length : told;
 }
 
 // Some servers replace a directory, with all that is in it, as they replace a file: it is looked

@@ -26,26 +26,12 @@ constexpr std::size_t kLongestHeaders = 256UL * 1024;
 constexpr int kMostAnswers = 100;
 constexpr int kPollMs = 1000;
 constexpr long kKeptConnections = 16;
-// A server may refuse a body before it is sent; asking costs a round trip, which only pays for
-// bodies that take longer than that to send.
-constexpr std::int64_t kWorthAsking = 1024L * 1024;
 
 }  // namespace
 
 std::string HttpReply::Header(const std::string& name) const {
     const auto found = headers.find(name);
     return found == headers.end() ? std::string() : found->second;
-}
-
-kro_err::Kind KindOfStatus(int status) noexcept {
-    constexpr int kRequestTimeout = 408;
-    constexpr int kTooManyRequests = 429;
-    if (status == 401 || status == 403 || status == 407) return Kind::kUnauthorized;
-    if (status == 404 || status == 410) return Kind::kNotFound;
-    if (status == kRequestTimeout || status == kTooManyRequests || status >= 500) {
-        return Kind::kUnavailable;
-    }
-    return Kind::kFailed;
 }
 
 // One request on its way. The handle is used again for later ones: it remembers what a digest
@@ -93,8 +79,9 @@ class HttpClient::Transfer {
         is_stalled_ = false;
         headers_ = std::make_unique<CurlList>();
         for (const std::string& header : request_.headers) headers_->Add(header);
-        const bool asks = request_.body != nullptr && request_.body->size() >= kWorthAsking;
-        if (!asks) headers_->Add("Expect:");
+        const bool waits = request_.waits_for_invitation && request_.body != nullptr &&
+                           request_.body->size() >= kWorthWaiting;
+        if (!waits) headers_->Add("Expect:");
         handle_.SetList(CURLOPT_HTTPHEADER, *headers_);
         handle_.Set(CURLOPT_URL, request_.url);
         SetMethod();

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
@@ -37,12 +38,17 @@ class ReplySink {
     virtual void Write(std::span<const std::byte> bytes) = 0;
 };
 
+// A server may refuse a body before it is sent ("Expect: 100-continue"). Waiting for its invitation
+// costs a round trip, which only pays for bodies that take longer than that to send.
+inline constexpr std::int64_t kWorthWaiting = 1024L * 1024;
+
 struct HttpRequest {
     std::string method = "GET";
     std::string url;                   // whole, percent-encoded
     std::vector<std::string> headers;  // "Name: value"
     std::unique_ptr<HttpBody> body;    // PUT and POST always have one
     ReplySink* sink = nullptr;         // outlives the request; null: the reply keeps the body
+    bool waits_for_invitation = true;  // with a body of kWorthWaiting and more
 };
 
 // How a started request ended: with an answer, whatever its status, or with an error.
@@ -96,8 +102,5 @@ class HttpClient {
     std::map<CURL*, std::unique_ptr<Transfer>> running_;
     std::vector<std::unique_ptr<Transfer>> idle_;
 };
-
-// What an HTTP status means where the protocol above says nothing more precise.
-kro_err::Kind KindOfStatus(int status) noexcept;
 
 }  // namespace quarn2::net

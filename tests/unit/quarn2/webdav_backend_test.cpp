@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <map>
 
+#include "backends/webdav/statuses.h"
 #include "kro/kro_err.h"
 #include "quarn2/token.h"
 #include "quarn2_backend/storage_backend.h"
@@ -223,7 +225,9 @@ TEST_F(WebdavBackendTest, ShortenedUploadIsRemovedAndNotRenamed) {
         if (exchange.method == "PUT") return exchange.Answer(201);
         if (exchange.method == "HEAD") return exchange.Answer(200, "cont");
         if (exchange.method == "DELETE") return exchange.Answer(204);
-        DescribeRoot(exchange);
+        if (exchange.target == "/dir/") return DescribeRoot(exchange);
+        Describe(exchange, Described(exchange.target,
+                                     "<resourcetype/><getcontentlength>4</getcontentlength>"));
     });
     ExpectError(Kind::kUnavailable, "stored 4 bytes of 7", [&] { backend_->Put("x", source_); });
     EXPECT_THAT(server_->SeenLines(), Contains(StartsWith("DELETE ")));
@@ -257,18 +261,135 @@ TEST_F(WebdavBackendTest, ServerErrorWithRoomIsUnavailable) {
     ExpectError(Kind::kUnavailable, "PUT of '", [&] { backend_->Put("x", source_); });
 }
 
-TEST_F(WebdavBackendTest, ForbiddenMeansTheCredentialsUntilTheyHaveBeenTaken) {
+// Until then it may be the page of a proxy, which says nothing about the credentials.
+TEST_F(WebdavBackendTest, ForbiddenIsAMissingRightOnceTheUserWasAccepted) {
     bool welcome = false;
     Serve([&](HttpExchange& exchange) {
         if (!welcome || exchange.method == "MKCOL") return exchange.Answer(403);
         exchange.Answer(404);
     });
-    ExpectError(Kind::kUnauthorized, "403", [&] { backend_->MakeDir("x"); });
+    ExpectError(Kind::kUnavailable, "403", [&] { backend_->MakeDir("x"); });
     welcome = true;
     ExpectError(Kind::kNotFound, "does not exist", [&] { backend_->List(""); });
     ExpectError(Kind::kFailed, "MKCOL of 'x' was answered with 403",
                 [&] { backend_->MakeDir("x"); });
 }
+
+// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
+// old backups.
+TEST(WebdavStatus, HasOneMeaning) {
+    using enum quarn2::Failure;
+    const std::map<int, quarn2::Failure> failures = {
+        {200, kFailed},      {207, kFailed},       {301, kFailed},      {302, kUnavailable},
+        {303, kUnavailable}, {304, kFailed},       {307, kUnavailable}, {308, kFailed},
+        {400, kFailed},      {401, kUnauthorized}, {402, kFailed},      {403, kUnavailable},
+        {404, kNotFound},    {405, kFailed},       {407, kUnavailable}, {408, kUnavailable},
+        {409, kFailed},      {410, kNotFound},     {411, kFailed},      {412, kFailed},
+        {413, kFailed},      {415, kFailed},       {416, kFailed},      {417, kFailed},
+        {423, kUnavailable}, {424, kFailed},       {425, kUnavailable}, {429, kUnavailable},
+        {500, kUnavailable}, {501, kUnavailable},  {502, kUnavailable}, {503, kUnavailable},
+        {504, kUnavailable}, {507, kNoRoom},       {508, kUnavailable}, {511, kUnavailable},
+        {599, kUnavailable}};
+    for (const auto& [status, failure] : failures) {
+        EXPECT_EQ(quarn2::webdav::FailureOf(status, false), failure) << status;
+        const quarn2::Failure afterwards = status == 403 ? kFailed : failure;
+        EXPECT_EQ(quarn2::webdav::FailureOf(status, true), afterwards) << status;
+    }
+}
+
+TEST_F(WebdavBackendTest, OnlyA401RefusesTheCredentials) {
+    for (const auto& [status, kind] : std::map<int, Kind>{
+             {401, Kind::kUnauthorized}, {403, Kind::kUnavailable}, {407, Kind::kUnavailable}}) {
+        Serve([&, answer = status](HttpExchange& exchange) { exchange.Answer(answer); });
+        ExpectError(kind, std::to_string(status), [&] { backend_->Put("x", source_); });
+        ExpectError(kind, std::to_string(status), [&] { backend_->Get("x", sink_); });
+    }
+}
+
+// A front server that waits no longer says nothing about the disk behind it, where the file that is
+// still being copied is short.
+TEST_F(WebdavBackendTest, GatewaysTimeoutIsNoFullDisk) {
+    std::string temporary;
+    Serve([&](HttpExchange& exchange) {
+        if (exchange.method == "DELETE") return exchange.Answer(204);
+        if (exchange.method == "PUT") {
+            temporary = exchange.target;
+            return exchange.Answer(504);
+        }
+        Describe(exchange, Described("/dir/", kDir) +
+                               Described(temporary + ".0000000001",
+                                         "<resourcetype/><getcontentlength>1</getcontentlength>"));
+    });
+    ExpectError(Kind::kUnavailable, "504", [&] { backend_->Put("x", source_); });
+}
+
+TEST_F(WebdavBackendTest, PageOfAProxyIsNoRemoval) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.method == "DELETE") return exchange.Answer(404, "default backend");
+        if (exchange.Header("depth") == "0") return exchange.Answer(404, "default backend");
+        Describe(exchange, Described("/dir/", kDir) + Described("/dir/x", kFile));
+    });
+    ExpectError(Kind::kNotFound, "directory does not exist", [&] { backend_->Remove("x"); });
+}
+
+TEST_F(WebdavBackendTest, LengthOfHeadThatIsNoneIsAskedForAgain) {
+    for (const char* const headers : {"Content-Length: 0\r\nTransfer-Encoding: chunked\r\n",
+                                      "Content-Length: 0\r\n", "Transfer-Encoding: chunked\r\n"}) {
+        Serve([&, answer = std::string(headers)](HttpExchange& exchange) {
+            if (exchange.method == "PUT" || exchange.method == "MOVE") return exchange.Answer(201);
+            if (exchange.method == "HEAD") {
+                exchange.Write("HTTP/1.1 200 OK\r\n" + answer + "\r\n");
+                return;
+            }
+            if (exchange.target == "/dir/") return DescribeRoot(exchange);
+            Describe(exchange, Described(exchange.target, kFile));
+        });
+        EXPECT_TRUE(backend_->Put("x", source_)) << headers;
+    }
+}
+
+// It takes the body of a request that waits for an invitation, and stores nothing of it.
+class DropsInvitedBodies : public WebdavBackendTest, public testing::WithParamInterface<int> {
+  protected:
+    void ServeBodies() {
+        Serve([this](HttpExchange& exchange) {
+            if (exchange.method == "PUT") {
+                const bool drops = !exchange.Header("expect").empty();
+                const std::string body = exchange.Body();
+                stored_[exchange.target] = drops ? "" : body;
+                ++puts_;
+                return exchange.Answer(201);
+            }
+            if (exchange.method == "MOVE") return exchange.Answer(201);
+            if (exchange.target == "/dir/") return DescribeRoot(exchange);
+            AnswerLength(exchange);
+        });
+    }
+    // The parameter is the status of what is empty.
+    void AnswerLength(HttpExchange& exchange) {
+        const std::string& content = stored_[exchange.target];
+        if (content.empty() && GetParam() != 200) return exchange.Answer(GetParam());
+        if (exchange.method == "HEAD") return exchange.Answer(200, content);
+        Describe(exchange, Described(exchange.target, "<resourcetype/><getcontentlength>" +
+                                                          std::to_string(content.size()) +
+                                                          "</getcontentlength>"));
+    }
+
+    std::map<std::string, std::string> stored_;
+    int puts_ = 0;
+};
+
+TEST_P(DropsInvitedBodies, AreSentAgainUninvited) {
+    ServeBodies();
+    TextSource large(std::string(1'048'576, 'x'));
+    EXPECT_TRUE(backend_->Put("x", large));
+    EXPECT_EQ(puts_, 2);
+    EXPECT_TRUE(backend_->Put("y", large));
+    EXPECT_EQ(puts_, 3) << "the server is known";
+    for (const auto& [target, content] : stored_) EXPECT_EQ(content.size(), 1'048'576U) << target;
+}
+
+INSTANTIATE_TEST_SUITE_P(Webdav, DropsInvitedBodies, testing::Values(200, 404));
 
 TEST_F(WebdavBackendTest, RemovalThatLeavesSomethingFailsWithTheReason) {
     Serve([](HttpExchange& exchange) {
