@@ -16,12 +16,14 @@ Everything listens on loopback addresses only and runs as root, as the continuou
 from .base import Server, ServerError
 from .ftp import PureFtpd
 from .ftp2 import Proftpd
+from .ftp3 import Vsftpd
 from .s3 import Radosgw
 from .sftp import Sshd
 from .webdav import Apache
 from .webdav2 import Nginx
 
-KINDS = {kind.name: kind for kind in (Radosgw, Sshd, Apache, Nginx, PureFtpd, Proftpd)}
+KINDS = {kind.name: kind for kind in (Radosgw, Sshd, Apache, Nginx, PureFtpd, Proftpd,
+                                     Vsftpd)}
 
 __all__ = ["KINDS", "Server", "ServerError", "Apache", "Nginx", "Proftpd", "PureFtpd", "Radosgw",
-           "Sshd"]
+           "Sshd", "Vsftpd"]

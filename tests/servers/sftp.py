@@ -1,64 +1,23 @@
 """SFTP: OpenSSH's sshd, login by password and by key."""
 
-import contextlib
-import fcntl
 import os
-import pwd
-import secrets
 import subprocess
 
+from . import system_user
 from .base import Server
 
-# sshd takes the word of the system about who a user is and what the password is, so there has to be one.
-# All builds on a machine share it: its password is kept where only root can read it.
-USER = "quarn2-sftp-test"
-STATE = "/var/lib/quarn2-sftp-test"
 KEY_TYPES = ("ed25519", "ecdsa", "rsa")
-
-
-@contextlib.contextmanager
-def _one_at_a_time():
-    os.makedirs(STATE, mode=0o700, exist_ok=True)
-    with open(os.path.join(STATE, "lock"), "w", encoding="ascii") as lock:
-        fcntl.flock(lock, fcntl.LOCK_EX)
-        yield
-
-
-def _has_user():
-    try:
-        pwd.getpwnam(USER)
-    except KeyError:
-        return False
-    return True
 
 
 class Sshd(Server):
     name = "sftp"
     programs = ("/usr/sbin/sshd", "ssh-keygen", "useradd", "chpasswd")
-    owner = USER
+    owner = system_user.USER
 
     def start(self):
         self.check_means()
-        self.password = self.ensure_user()
+        self.password = system_user.ensure(self.run)
         super().start()
-
-    def ensure_user(self):
-        with _one_at_a_time():
-            path = os.path.join(STATE, "password")
-            if not _has_user():
-                with contextlib.suppress(FileNotFoundError):
-                    os.unlink(path)
-                self.run("useradd", "--system", "--no-create-home", "--home-dir", "/nonexistent",
-                         "--shell", "/usr/sbin/nologin", USER)
-            if not os.path.exists(path):
-                password = "p@ss/w%rd? #" + secrets.token_hex(16)
-                self.run("chpasswd", input=f"{USER}:{password}\n")
-                with open(path + ".new", "w", encoding="ascii") as file:
-                    os.fchmod(file.fileno(), 0o600)
-                    file.write(password)
-                os.rename(path + ".new", path)
-            with open(path, encoding="ascii") as file:
-                return file.read()
 
     def launch(self, base):
         os.makedirs("/run/sshd", exist_ok=True)  # compiled in: where sshd locks its children up
@@ -71,7 +30,7 @@ class Sshd(Server):
         self.run("/usr/sbin/sshd", "-t", "-f", config)
         self.spawn("sshd", "/usr/sbin/sshd", "-D", "-e", "-f", config)
         self.info.update(
-            port=base, user=USER, password=self.password, path=self.data,
+            port=base, user=system_user.USER, password=self.password, path=self.data,
             key=self.file("etc/client"), unknown_key=self.file("etc/stranger"),
             known_hosts=self.file("etc/known_hosts"),
             known_hosts_changed=self.file("etc/known_hosts_changed"),
@@ -116,7 +75,7 @@ UseDNS no
 MaxStartups 100:30:200
 MaxSessions 100
 Subsystem sftp internal-sftp
-AllowUsers {USER}
+AllowUsers {system_user.USER}
 ForceCommand internal-sftp
 AllowTcpForwarding no
 """

@@ -59,7 +59,8 @@ class Certificate {
 
     // Streams of a server that shows this certificate. They share its ownership: a server may
     // accept a connection after the test that made the certificate has ended.
-    ScriptedHttpServer::MakeStream Streams() const;
+    // `lowest` is the lowest version of TLS that they accept, 0 for any.
+    ScriptedHttpServer::MakeStream Streams(int lowest = 0) const;
 
   private:
     void Extend(int id, const std::string& value) {
@@ -76,8 +77,9 @@ class Certificate {
 
 class TlsStream final : public ServerStream {
   public:
-    TlsStream(int fd, X509* certificate, EVP_PKEY* key)
+    TlsStream(int fd, X509* certificate, EVP_PKEY* key, int lowest)
         : ServerStream(fd), context_(SSL_CTX_new(TLS_server_method())) {
+        SSL_CTX_set_min_proto_version(context_.get(), lowest);
         SSL_CTX_use_certificate(context_.get(), certificate);
         SSL_CTX_use_PrivateKey(context_.get(), key);
         ssl_.reset(SSL_new(context_.get()));
@@ -98,9 +100,9 @@ class TlsStream final : public ServerStream {
     std::unique_ptr<SSL, Freed<SSL_free>> ssl_;
 };
 
-inline ScriptedHttpServer::MakeStream Certificate::Streams() const {
-    return [certificate = certificate_, key = key_](int fd) {
-        return std::make_unique<TlsStream>(fd, certificate.get(), key.get());
+inline ScriptedHttpServer::MakeStream Certificate::Streams(int lowest) const {
+    return [certificate = certificate_, key = key_, lowest](int fd) {
+        return std::make_unique<TlsStream>(fd, certificate.get(), key.get(), lowest);
     };
 }
 

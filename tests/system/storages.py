@@ -228,6 +228,10 @@ def ftps(test, info):
     return Served(test, info, "ftps", "tls_port", {"ca": info["ca"]})
 
 
+def ftps_lenient(test, info):
+    return Served(test, info, "ftps", "lenient_port", {"ca": info["ca"]})
+
+
 def ftp(test, info):
     return Served(test, info, "ftp")
 
@@ -244,6 +248,7 @@ KINDS = {
     "Ftps": ("ftp", ftps),
     "Ftp": ("ftp", ftp),
     "FtpsSecond": ("ftp2", ftps),
+    "FtpsThird": ("ftp3", ftps_lenient),
 }
 
 

@@ -52,17 +52,21 @@ std::string_view WithoutLineEnd(std::string_view line) {
 void Transcript::Clear() {
     replies_.clear();
     open_.clear();
+    is_leaving_ = false;
 }
 
 void Transcript::Sent(std::string_view line) {
     line = WithoutLineEnd(line);
+    open_.clear();
+    is_leaving_ = line == "QUIT";
+    if (is_leaving_) return;
     Reply reply;
     reply.verb = line.substr(0, line.find(' '));
     replies_.push_back(std::move(reply));
-    open_.clear();
 }
 
 void Transcript::Received(std::string_view line) {
+    if (is_leaving_) return;
     line = WithoutLineEnd(line);
     const int code = CodeOf(line);
     const bool last = code != 0 && (line.size() == kCodeLength || line[kCodeLength] == ' ');
@@ -127,6 +131,12 @@ bool IsFull(const Reply& reply) {
         "not enough space", "out of space", "insufficient storage", "insufficient disk"};
     if (reply.code == kNoSpace || reply.code == kOverQuota) return true;
     return reply.IsRefusal() && HasAny(reply.text, kWords);
+}
+
+bool RefusesDataConnection(const Reply& reply) noexcept {
+    constexpr int kCannotOpen = 425;
+    constexpr int kSecurityRefused = 522;
+    return reply.code == kCannotOpen || reply.code == kSecurityRefused;
 }
 
 bool IsUnknownCommand(const Reply& reply) noexcept {

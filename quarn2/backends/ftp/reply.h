@@ -20,7 +20,7 @@ struct Reply {
 };
 
 // The replies of one transfer, in order, each with its command. Keeps no argument of any command: a
-// password is one.
+// password is one. A QUIT is left out: libcurl sends it on the previous connection.
 class Transcript {
   public:
     void Clear();
@@ -39,6 +39,7 @@ class Transcript {
   private:
     std::vector<Reply> replies_;
     std::string open_;  // the lines of a reply that is not yet complete
+    bool is_leaving_ = false;
 };
 
 // The texts of FTP servers are free; these find the words that the usual ones use.
@@ -50,6 +51,9 @@ bool SaysTruncated(std::string_view text);
 
 // The storage has no room: by the code, or by the text where the code tells nothing.
 bool IsFull(const Reply& reply);
+
+// The server does not accept the data connection of a transfer.
+bool RefusesDataConnection(const Reply& reply) noexcept;
 
 // The command is not known or not supported.
 bool IsUnknownCommand(const Reply& reply) noexcept;

@@ -74,15 +74,22 @@ Session::Session(const BackupToken& token, bool tls)
 }
 
 Session::~Session() {
-    // libcurl takes leave with a QUIT, and would wait two minutes for a server that is gone.
-    if (control_ != CURL_SOCKET_BAD) shutdown(control_, SHUT_RDWR);
+    EndControl();
     net::Curl().multi_cleanup(multi_);
+}
+
+// libcurl sends a QUIT before it closes a connection, and would wait two minutes for a server that
+// is gone.
+void Session::EndControl() noexcept {
+    const curl_socket_t control = std::exchange(control_, CURL_SOCKET_BAD);
+    if (control != CURL_SOCKET_BAD) shutdown(control, SHUT_RDWR);
 }
 
 void Session::SetProtocol(bool tls) {
     handle_.Set(CURLOPT_PROTOCOLS_STR, "ftp");
     handle_.Set(CURLOPT_USE_SSL, tls ? CURLUSESSL_ALL : CURLUSESSL_NONE);
     handle_.Set(CURLOPT_FTPSSLAUTH, CURLFTPAUTH_TLS);
+    LimitTls(tls);
     // The data connection goes where the control connection goes, whatever the server says.
     handle_.Set(CURLOPT_FTP_SKIP_PASV_IP, 1);
     // Whole paths with every command: no time is lost for changes of directory, and no name depends
@@ -90,6 +97,15 @@ void Session::SetProtocol(bool tls) {
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
     // No proxy of the environment's speaks FTP.
     handle_.Set(CURLOPT_PROXY, "");
+}
+
+// Some servers accept a data connection only when it reuses the control connection's TLS session.
+// With TLS 1.3 libcurl has no ticket left after a few transfers, because an upload reads none. A
+// session of TLS 1.2 can be reused any number of times.
+void Session::LimitTls(bool limited) {
+    is_tls_limited_ = limited;
+    const long highest = limited ? CURL_SSLVERSION_MAX_TLSv1_2 : CURL_SSLVERSION_MAX_DEFAULT;
+    handle_.Set(CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2 | highest);
 }
 
 // --- Names on the wire ---
@@ -132,7 +148,6 @@ void Session::SetUp(const std::string& url, bool upload, bool body, const Around
     handle_.Set(CURLOPT_UPLOAD, upload ? 1 : 0);
     handle_.Set(CURLOPT_NOBODY, body ? 0 : 1);
     handle_.SetList(CURLOPT_QUOTE, around.before);
-    handle_.SetList(CURLOPT_PREQUOTE, around.within);
     handle_.SetList(CURLOPT_POSTQUOTE, around.behind);
     source_ = nullptr;
     take_ = nullptr;
@@ -147,8 +162,7 @@ bool Session::IsStale(CURLcode code) const {
                                     [](const Reply& reply) { return reply.code != 0; });
     const bool answered = first != replies.end() && first->code != kClosing;
     const bool failed = code != CURLE_OK || first == replies.end() || first->code == kClosing;
-    return failed && !answered && handle_.Info(CURLINFO_NUM_CONNECTS) == 0 &&
-           code != CURLE_OPERATION_TIMEDOUT;
+    return failed && !answered && !is_new_ && code != CURLE_OPERATION_TIMEDOUT;
 }
 
 // As curl_easy_perform does it, but for one thing: when the reply that names the data port comes at
@@ -159,6 +173,7 @@ CURLcode Session::Perform() {
     handle_.ForgetReason();
     port_is_known_ = false;
     is_stalled_ = false;
+    is_new_ = false;
     moved_ = 0;
     Moved();
     CURLMcode trouble = curl.multi_add_handle(multi_, handle_.get());
@@ -183,21 +198,51 @@ CURLcode Session::Perform() {
 CURLcode Session::Run(const std::function<bool()>& has_begun) {
     thrown_ = nullptr;
     transcript_.Clear();
-    CURLcode code = Perform();
-    if (IsStale(code) && !has_begun()) {
-        transcript_.Clear();
-        handle_.Set(CURLOPT_FRESH_CONNECT, 1);
-        code = Perform();
-        handle_.Set(CURLOPT_FRESH_CONNECT, 0);
+    CURLcode code = std::exchange(is_fresh_wanted_, false) ? RunFresh() : Perform();
+    if (IsStale(code) && !has_begun()) code = RunFresh();
+    if (NeedsNewerTls(code)) {
+        LimitTls(false);
+        code = RunFresh();
     }
     return code;
+}
+
+CURLcode Session::RunFresh() {
+    transcript_.Clear();
+    EndControl();
+    handle_.Set(CURLOPT_FRESH_CONNECT, 1);
+    const CURLcode code = Perform();
+    handle_.Set(CURLOPT_FRESH_CONNECT, 0);
+    return code;
+}
+
+// The handshake of the control connection failed.
+bool Session::NeedsNewerTls(CURLcode code) const {
+    const std::vector<Reply>& replies = transcript_.replies();
+    return is_tls_limited_ && code == CURLE_SSL_CONNECT_ERROR && !replies.empty() &&
+           replies.back().verb == "AUTH";
+}
+
+// A TLS session expires while a control connection is kept. The first data connection of a new one
+// reuses a session that is new too.
+Outcome Session::WithDataConnection(const std::function<Outcome()>& transfer) {
+    Outcome outcome = transfer();
+    const Reply* const reply = transcript_.Refusal();
+    const bool is_refused = reply != nullptr && RefusesDataConnection(*reply);
+    if (!is_refused || is_new_ || outcome.thrown || outcome.has_delivered) return outcome;
+    is_fresh_wanted_ = true;
+    return transfer();
 }
 
 // Not to be inherited by the programs that a server starts.
 curl_socket_t Session::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
     auto& session = *static_cast<Session*>(self);
     const int handle = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-    if (std::exchange(session.port_is_known_, false)) session.data_ = handle;
+    if (std::exchange(session.port_is_known_, false)) {
+        session.data_ = handle;
+    } else {
+        session.is_new_ = true;
+    }
     return handle;
 }
 
@@ -300,6 +345,10 @@ std::vector<Reply> Session::RepliesTo(const std::vector<std::string>& commands,
 // --- Transfers ---
 
 Outcome Session::Store(const std::string& path, ByteSource& source) {
+    return WithDataConnection([&] { return StoreOnce(path, source); });
+}
+
+Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     Around around;
     // A session that is not known to have ended may still write into what it had opened.
     around.before.Add("*" + Wire("DELE " + path));
@@ -320,7 +369,8 @@ Outcome Session::Store(const std::string& path, ByteSource& source) {
 // refusal ends it there, or libcurl would take the data connection that the server then closes for
 // one that it could not open, and get out of step.
 Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
-    Outcome outcome = RetrieveOnce(path, sink, tls_ && knows_size_);
+    const bool size_first = tls_ && knows_size_;
+    Outcome outcome = WithDataConnection([&] { return RetrieveOnce(path, sink, size_first); });
     if (outcome.code != CURLE_QUOTE_ERROR) return outcome;
     const Reply* const size = transcript_.Find("SIZE");
     if (size != nullptr && size->code == kNoFile) {
@@ -359,6 +409,7 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
     outcome.code = Run([&begun] { return begun; });
     outcome.size = SizeIn(transcript_.Find("SIZE"));
     outcome.thrown = thrown_;
+    outcome.has_delivered = begun;
     take_ = nullptr;
     if (outcome.code == CURLE_OK && outcome.size >= 0 && received != outcome.size) {
         outcome.code = CURLE_PARTIAL_FILE;
@@ -367,14 +418,26 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
     return outcome;
 }
 
+// libcurl leaves out a change into the directory of the last listing, although commands have left
+// it since. So two listings never write their directory in the same way.
+std::string Session::ListingUrl(const std::string& directory, Where where) {
+    const std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
+    if (where == Where::kNamed) return url;
+    lists_with_slash_ = !lists_with_slash_;
+    return lists_with_slash_ ? url + "/" : url;
+}
+
 Outcome Session::List(const std::string& command, const std::string& directory, Where where,
                       std::string& text) {
+    return WithDataConnection([&] { return ListOnce(command, directory, where, text); });
+}
+
+Outcome Session::ListOnce(const std::string& command, const std::string& directory, Where where,
+                          std::string& text) {
     text.clear();
-    Around around;
-    if (where == Where::kWithin) around.within.Add(Wire("CWD " + directory));
-    const bool slash = directory.ends_with('/');
-    SetUp(where == Where::kWithin ? server_ : Url(slash ? directory : directory + "/"), false, true,
-          around);
+    const bool within = where == Where::kWithin;
+    SetUp(ListingUrl(directory, where), false, true, {});
+    handle_.Set(CURLOPT_FTP_FILEMETHOD, within ? CURLFTPMETHOD_SINGLECWD : CURLFTPMETHOD_NOCWD);
     handle_.Set(CURLOPT_CUSTOMREQUEST, command);
     take_ = [this, &text](std::span<const std::byte> bytes) {
         if (text.size() + bytes.size() > kLongestListing) {
@@ -387,9 +450,14 @@ Outcome Session::List(const std::string& command, const std::string& directory, 
     outcome.thrown = thrown_;
     take_ = nullptr;
     handle_.Clear(CURLOPT_CUSTOMREQUEST);
+    handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
     // libcurl takes some refusals of a listing for an empty one.
     if (outcome.code == CURLE_OK && transcript_.Refusal() != nullptr) {
         outcome.code = CURLE_FTP_COULDNT_RETR_FILE;
+    }
+    const Reply* const change = transcript_.Find("CWD");
+    if (outcome.code == CURLE_OK && within && (change == nullptr || !change->IsDone())) {
+        throw Error(Kind::kUnavailable, what_ + " lists a directory that was not asked for");
     }
     return outcome;
 }

@@ -22,6 +22,8 @@ struct Outcome {
     std::int64_t size = -1;
     // What the source or the sink threw.
     std::exception_ptr thrown;
+    // The sink has received something: the transfer cannot be repeated.
+    bool has_delivered = false;
 };
 
 // Paths are absolute. The connection is made at the first use and kept; one that the server has
@@ -44,8 +46,9 @@ class Session {
     Outcome Store(const std::string& path, ByteSource& source);
     // Hands the file to the sink.
     Outcome Retrieve(const std::string& path, ByteSink& sink);
-    // The text of a directory's listing. `command` with the directory behind it, or sent within the
-    // directory.
+    // The text of a directory's listing. kNamed sends the directory with the command, kWithin
+    // changes into it right before. kUnavailable when no change was confirmed: the listing may be
+    // another directory's.
     enum class Where { kNamed, kWithin };
     Outcome List(const std::string& command, const std::string& directory, Where where,
                  std::string& text);
@@ -66,19 +69,28 @@ class Session {
 
     void SetProtocol(bool tls);
     std::string Url(const std::string& path);
+    std::string ListingUrl(const std::string& directory, Where where);
     std::string Wire(const std::string& text);
     bool FindsTelnet();
-    // Sets the commands that go before, right before and behind a transfer.
+    // The commands that go before and behind a transfer.
     struct Around {
         net::CurlList before;
-        net::CurlList within;
         net::CurlList behind;
     };
     void SetUp(const std::string& url, bool upload, bool body, const Around& around);
     // With the size asked for before the data connection is opened, or by libcurl.
     Outcome RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first);
-    // Runs the transfer, once more when the kept connection turns out to be closed.
+    Outcome StoreOnce(const std::string& path, ByteSource& source);
+    Outcome ListOnce(const std::string& command, const std::string& directory, Where where,
+                     std::string& text);
+    void LimitTls(bool limited);
+    // Runs the transfer, again when the kept connection turns out to be closed.
     CURLcode Run(const std::function<bool()>& has_begun);
+    CURLcode RunFresh();
+    void EndControl() noexcept;
+    // Repeats a transfer whose data connection the server refuses, on a new control connection.
+    Outcome WithDataConnection(const std::function<Outcome()>& transfer);
+    bool NeedsNewerTls(CURLcode code) const;
     CURLcode Perform();
     bool IsStale(CURLcode code) const;
     std::vector<Reply> RepliesTo(const std::vector<std::string>& commands, CURLcode code) const;
@@ -109,6 +121,10 @@ class Session {
     bool port_is_known_ = false;
     std::optional<bool> telnet_;
     bool knows_size_ = true;  // until the server shows that it does not
+    bool lists_with_slash_ = false;
+    bool is_tls_limited_ = false;
+    bool is_fresh_wanted_ = false;
+    bool is_new_ = false;  // the control connection was made for what ran last
 
     // Of the running transfer.
     ByteSource* source_ = nullptr;

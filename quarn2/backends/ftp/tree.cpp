@@ -31,12 +31,20 @@ std::string Tree::PathOf(const std::string& name) const {
 
 // --- What is there ---
 
-bool Tree::Enter(const std::string& name) {
-    return session_.Command("CWD " + PathOf(name)).IsDone();
+void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
+    constexpr int kLasting = 500;
+    if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.text))) return;
+    session_.Refused(reply, "show " + Quoted(PathOf(name)));
 }
 
-// Links count as what they lead to. Without MLST: SIZE speaks of files only, CWD of directories
-// only. That is not asked first, because servers make those wait who try many wrong directories.
+Reply Tree::TryEnter(const std::string& name) {
+    Reply reply = session_.Command("CWD " + PathOf(name));
+    CheckAnswered(reply, name);
+    return reply;
+}
+
+// Links count as what they lead to. Without MLST: SIZE is answered for files only, CWD for
+// directories only. MLST is preferred, because some servers delay the replies to many failed CWDs.
 Found Tree::Look(const std::string& name) {
     const std::string path = PathOf(name);
     if (has_mlst_) {
@@ -44,12 +52,17 @@ Found Tree::Look(const std::string& name) {
         const std::optional<Entry::Type> type =
             reply.IsDone() ? ParseFacts(reply.text) : std::nullopt;
         if (type) return IsDirectory(name, *type) ? Found::kDirectory : Found::kFile;
+        CheckAnswered(reply, name);
         has_mlst_ = !IsUnknownCommand(reply);
         if (reply.IsRefusal() && has_mlst_) return Found::kNothing;
     }
     const std::vector<Reply> replies = session_.Commands({"TYPE I", "SIZE " + path, "CWD " + path});
     if (replies[1].IsDone()) return Found::kFile;
-    return replies[2].IsDone() ? Found::kDirectory : Found::kNothing;
+    if (replies[2].IsDone()) return Found::kDirectory;
+    CheckAnswered(replies[1], name);
+    CheckAnswered(replies[2], name);
+    const bool is_listed = IsUnknownCommand(replies[1]) && FindListed(name).has_value();
+    return is_listed ? Found::kFile : Found::kNothing;
 }
 
 bool Tree::IsDirectory(const std::string& name, Entry::Type type) {
@@ -67,17 +80,23 @@ void Tree::CheckRoot() {
                                      "; create it or correct the storage token");
 }
 
-void Tree::NoDirectory(const std::string& name) {
+// A directory that exists but cannot be entered is no missing one.
+void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
     CheckRoot();
+    const std::optional<Entry> entry = FindListed(name);
+    if (entry && entry->type == Entry::Type::kDirectory) {
+        session_.Refused(refusal, "list " + Quoted(name));
+    }
     throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
 }
 
-// Whether the directory above shows the name: tells what is missing from what is not to be touched.
-bool Tree::IsListed(const std::string& name) {
-    const std::string last = kro_file::Name(name);
-    const std::vector<Entry> entries = ListOrNothing(kro_file::Path(name));
-    return std::any_of(entries.begin(), entries.end(),
-                       [&last](const Entry& entry) { return entry.name == last; });
+std::optional<Entry> Tree::FindListed(const std::string& name) {
+    if (name.empty()) return std::nullopt;
+    const auto [above, last] = kro_file::SplitPath(name);
+    for (Entry& entry : ListOrNothing(above)) {
+        if (entry.name == last) return std::move(entry);
+    }
+    return std::nullopt;
 }
 
 void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::string& deed) {
@@ -85,7 +104,7 @@ void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::
     if (reply.code < kRefused) session_.Refused(reply, deed);
     const bool missing =
         SaysMissing(reply.text) || (!SaysDenied(reply.text) && Look(name) != Found::kFile);
-    if (!missing && IsListed(name)) session_.Refused(reply, deed);
+    if (!missing && FindListed(name)) session_.Refused(reply, deed);
     CheckRoot();
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
@@ -132,25 +151,35 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     if (SaysDenied(refusal.text) || Look(name) == Found::kDirectory) {
         session_.Refused(refusal, "list " + Quoted(name));
     }
-    NoDirectory(name);
+    ThrowNoDirectory(refusal, name);
 }
 
-// Sent without a name, which some servers would take for a pattern, others for options. Hidden
-// files are asked for; a server that knows no options takes "-a" for a name and shows nothing.
+// False: the server refuses the command.
+bool Tree::TryList(const std::string& command, const std::string& name, Listing& listing) {
+    std::string text;
+    const Outcome outcome = session_.List(command, PathOf(name), Session::Where::kWithin, text);
+    const Transcript& transcript = session_.transcript();
+    const Reply* const change = transcript.Find("CWD");
+    if (change != nullptr && change->IsRefusal()) {
+        const Reply refusal = *change;
+        CheckAnswered(refusal, name);
+        ThrowNoDirectory(refusal, name);
+    }
+    if (outcome.code != CURLE_OK && transcript.Refusal() != nullptr) return false;
+    if (outcome.code != CURLE_OK || outcome.thrown) session_.Throw(outcome);
+    listing = ParseListing(text);
+    listing.is_cut = IsCut("LIST");
+    return true;
+}
+
+// Enters the directory and lists it without a name, which some servers would take for a pattern,
+// others for options. "LIST -a" shows hidden files too. A server that knows no options takes "-a"
+// for a name; its answer does not contain the directory itself.
 Listing Tree::ListForPeople(const std::string& name) {
     Listing listing;
-    for (const char* const command : {"LIST -a", "LIST"}) {
-        if (!Enter(name)) NoDirectory(name);
-        std::string text;
-        const Outcome outcome = session_.List(command, PathOf(name), Session::Where::kWithin, text);
-        const bool last = std::string_view(command) == "LIST";
-        if (outcome.code != CURLE_OK && last) session_.Throw(outcome);
-        if (outcome.code != CURLE_OK) continue;
-        listing = ParseListing(text);
-        listing.is_cut = IsCut("LIST");
-        if (listing.shows_itself || !listing.entries.empty()) break;
-    }
-    return listing;
+    if (TryList("LIST -a", name, listing) && listing.shows_itself) return listing;
+    if (TryList("LIST", name, listing)) return listing;
+    session_.Refused(*session_.transcript().Refusal(), "list " + Quoted(PathOf(name)));
 }
 
 Listing Tree::ListAll(const std::string& name) {
@@ -158,7 +187,10 @@ Listing Tree::ListAll(const std::string& name) {
     if (has_mlsd_ && !ListByMachine(name, listing)) has_mlsd_ = false;
     if (!has_mlsd_) return ListForPeople(name);
     // Some servers show a missing directory as an empty one.
-    if (listing.entries.empty() && !listing.shows_itself && !Enter(name)) NoDirectory(name);
+    if (listing.entries.empty() && !listing.shows_itself) {
+        const Reply reply = TryEnter(name);
+        if (!reply.IsDone()) ThrowNoDirectory(reply, name);
+    }
     return listing;
 }
 

@@ -1,6 +1,7 @@
 // The files and directories below a storage's root on an FTP server.
 #pragma once
 
+#include <optional>
 #include <set>
 #include <span>
 #include <string>
@@ -50,16 +51,22 @@ class Tree {
                                    const std::string& deed);
 
   private:
-    bool Enter(const std::string& name);
+    // Throws for a reply that leaves open whether something is there.
+    void CheckAnswered(const Reply& reply, const std::string& name) const;
+    Reply TryEnter(const std::string& name);
+    bool Enter(const std::string& name) { return TryEnter(name).IsDone(); }
     bool IsDirectory(const std::string& name, Entry::Type type);
     Listing ListAll(const std::string& name);
     bool IsCut(std::string_view command) const;
     bool ListByMachine(const std::string& name, Listing& listing);
     Listing ListForPeople(const std::string& name);
-    bool IsListed(const std::string& name);
+    bool TryList(const std::string& command, const std::string& name, Listing& listing);
+    // The name in the listing of the directory above, which tells what is missing from what cannot
+    // be accessed.
+    std::optional<Entry> FindListed(const std::string& name);
     // Nothing for a missing directory; kNotFound for a missing root.
     std::vector<Entry> ListOrNothing(const std::string& name);
-    [[noreturn]] void NoDirectory(const std::string& name);
+    [[noreturn]] void ThrowNoDirectory(const Reply& refusal, const std::string& name);
     void Empty(const std::string& name, int depth);
     void RemoveEntries(const std::string& name, std::span<const Entry> entries, int depth);
     void RemoveBatch(const std::string& name, std::span<const Entry> entries, int depth);

@@ -227,6 +227,13 @@ TEST(FtpTranscript, RefusalIsTheReplyToTheLastCommandAlone) {
     EXPECT_EQ(Transcript().Refusal(), nullptr);
 }
 
+TEST(FtpTranscript, LeavesOutTheEndOfThePreviousConnection) {
+    const Transcript transcript = Heard({"> STOR x", "150 go", "522 no", "> QUIT", "221 bye"});
+    ASSERT_NE(transcript.Refusal(), nullptr);
+    EXPECT_EQ(transcript.Refusal()->code, 522);
+    EXPECT_EQ(transcript.Find("STOR")->code, 522);
+}
+
 TEST(FtpTranscript, TakesNoLineInAReplyForItsEnd) {
     const Transcript transcript =
         Heard({"> FEAT", "211-Features:", " 211 this is one", "2110 and this", "211 End"});

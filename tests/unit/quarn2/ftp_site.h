@@ -51,3 +51,9 @@ class Ftps2Site : public FtpsSite {
   public:
     Ftps2Site() : FtpsSite("ftp2") {}
 };
+
+// On vsftpd, with the demand that data connections reuse the TLS session.
+class Ftps3Site : public FtpsSite {
+  public:
+    Ftps3Site() : FtpsSite("ftp3") {}
+};

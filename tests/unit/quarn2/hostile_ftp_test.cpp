@@ -3,70 +3,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <csignal>
-
-#include "bounds.h"
-#include "kro/kro_err.h"
-#include "local_files.h"
-#include "quarn2/storage.h"
-#include "quarn2/token.h"
-#include "scripted_ftp_server.h"
-#include "scripted_tls.h"
-#include "temp_dir.h"
+#include "scripted_ftp.h"
 
 namespace {
 
-using scripted_tls::Certificate;
 using testing::Contains;
 using testing::HasSubstr;
 using testing::Not;
 
-class HostileFtp : public testing::Test {
+class HostileFtp : public ScriptedFtp {
   protected:
-    HostileFtp() {
-        std::signal(SIGPIPE, SIG_IGN);
-        local_files::Save(source_, "content");
-    }
     void TearDown() override {
         EXPECT_EQ(local_files::Load(source_), "content");
         EXPECT_FALSE(local_files::Has(target_));
         EXPECT_FALSE(local_files::Has(folder_ / ".target.part~"));
     }
-
-    void Serve(std::map<std::string, ScriptedFtpServer::Answer> answers) {
-        server_ = std::make_unique<ScriptedFtpServer>(std::move(answers));
-    }
-    std::shared_ptr<quarn2::Storage> Open(const std::string& scheme = "ftp",
-                                          const std::string& more = "") const {
-        return quarn2::GetStorage(quarn2::BackupToken(
-            scheme + "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) +
-            "/dir?timeout=2" + more));
-    }
-    template <class Deed>
-    std::string ErrorOf(const Deed& deed) {
-        const Bounds bounds;
-        return ::ErrorOf(deed);
-    }
-    std::string ListError(const std::string& scheme = "ftp", const std::string& more = "") {
-        return ErrorOf([&] { Open(scheme, more)->List(names_, ""); });
-    }
-
-    static ScriptedFtpServer::Answer Saying(const std::string& line) {
-        return [line](FtpSession& session, const std::string&) { session.Say(line); };
-    }
-    static ScriptedFtpServer::Answer SayingWithoutEnd(const std::string& line) {
-        return [line](FtpSession& session, const std::string&) { session.SayWithoutEnd(line); };
-    }
-    static ScriptedFtpServer::Answer Sending(const std::string& text, const std::string& piece) {
-        return
-            [text, piece](FtpSession& session, const std::string&) { session.Send(text, piece); };
-    }
-
-    TempDir folder_;
-    std::string source_ = folder_ / "source";
-    std::string target_ = folder_ / "target";
-    std::vector<std::string> names_;
-    std::unique_ptr<ScriptedFtpServer> server_;
 };
 
 TEST_F(HostileFtp, OrdinaryAnswersAreTaken) {
@@ -160,25 +111,12 @@ TEST_F(HostileFtp, ExtendedReplyNamesNoOtherAddress) {
 
 // --- Less encryption ---
 
-class HostileFtps : public HostileFtp {
+class HostileFtps : public EncryptedFtp<HostileFtp> {
   protected:
-    HostileFtps() { certificate_.Save(folder_ / "ca.pem"); }
-    // Its answers use what is here.
-    ~HostileFtps() override { server_.reset(); }
-
-    std::string TlsError() { return ListError("ftps", "&ca=" + (folder_ / "ca.pem")); }
-    ScriptedFtpServer::Answer Encrypting(const std::string& before) const {
-        return [this, before](FtpSession& session, const std::string&) {
-            session.Write(before);
-            if (!session.Encrypt(certificate_.Streams())) session.Say("");
-        };
-    }
     void ExpectNoLogin() const {
         EXPECT_THAT(server_->Seen(), Not(Contains("USER")));
         EXPECT_THAT(server_->Seen(), Not(Contains("PASS")));
     }
-
-    Certificate certificate_;
 };
 
 TEST_F(HostileFtps, RefusedEncryptionEndsItBeforeTheLogin) {
@@ -227,11 +165,7 @@ TEST_F(HostileFtps, UnprotectedDataChannelIsNotUsed) {
 
 TEST_F(HostileFtps, EncryptedFileWithoutEnd) {
     Serve({{"AUTH", Encrypting("234 Go on\r\n")},
-           {"PROT",
-            [this](FtpSession& session, const std::string&) {
-                session.EncryptData(certificate_.Streams());
-                session.Say("200 Fine");
-            }},
+           {"PROT", EncryptingData()},
            {"SIZE", Saying("213 5")},
            {"RETR", Sending("", "bytes")}});
     EXPECT_THAT(

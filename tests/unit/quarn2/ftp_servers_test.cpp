@@ -1,0 +1,182 @@
+// FTP servers that lack commands or answer in their own ways: what is listed, removed and refused.
+#include <gmock/gmock.h>
+
+#include <map>
+
+#include "scripted_ftp.h"
+
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+std::string Line(const std::string& name, char type = '-') {
+    return type + std::string("rw-r--r--    1 33       33              3 Nov 20 19:40 ") + name +
+           "\r\n";
+}
+
+// --- Servers without machine listings ---
+
+// Lists the directory that the session is in, as vsftpd does. Logins begin in "/".
+class FtpWithoutMlsd : public ScriptedFtp {
+  protected:
+    FtpWithoutMlsd() {
+        Serve({{"MLSD", Saying("500 Unknown command.")},
+               {"MLST", Saying("500 Unknown command.")},
+               {"PASS",
+                [this](FtpSession& session, const std::string&) {
+                    current_ = "/";
+                    session.Say("230 In");
+                }},
+               {"CWD",
+                [this](FtpSession& session, const std::string& path) { Enter(session, path); }},
+               {"LIST",
+                [this](FtpSession& session, const std::string& arguments) {
+                    ++lists_;
+                    session.Send(arguments == "-a" ? hidden_ + directories_[current_]
+                                                   : directories_[current_]);
+                }},
+               {"DELE", [this](FtpSession& session, const std::string& path) {
+                    removed_.push_back(path);
+                    session.Say("250 Gone");
+                }}});
+    }
+    ~FtpWithoutMlsd() override { server_.reset(); }
+
+    void Enter(FtpSession& session, std::string path) {
+        while (path.size() > 1 && path.ends_with('/')) path.pop_back();
+        const bool known = directories_.count(path) != 0;
+        if (known) current_ = path;
+        session.Say(known ? "250 Fine" : refusal_);
+    }
+    std::vector<std::string> List(quarn2::Storage& storage, const std::string& name) {
+        std::vector<std::string> names;
+        storage.List(names, name);
+        return names;
+    }
+
+    std::map<std::string, std::string> directories_ = {
+        {"/", Line("dir", 'd') + Line("private")},
+        {"/dir", Line("user", 'd') + Line("F2026-11-20.web1.tgz")},
+        {"/dir/user", Line("2026-11-20", 'd')},
+        {"/dir/user/2026-11-20", ""}};
+    std::string hidden_ = Line(".", 'd');
+    std::string refusal_ = "550 Failed to change directory.";
+    std::string current_ = "/";
+    int lists_ = 0;
+    std::vector<std::string> removed_;
+};
+
+TEST_F(FtpWithoutMlsd, ListsTheDirectoryThatIsAskedForAndNoOther) {
+    const auto storage = Open();
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_THAT(List(*storage, ""), ElementsAre("F2026-11-20.web1.tgz", "user"));
+        EXPECT_THAT(List(*storage, ""), ElementsAre("F2026-11-20.web1.tgz", "user"));
+        storage->MkDir("user/2026-11-20");
+        EXPECT_THAT(List(*storage, ""), ElementsAre("F2026-11-20.web1.tgz", "user"));
+        EXPECT_THAT(List(*storage, "user"), ElementsAre("2026-11-20"));
+        EXPECT_THAT(List(*storage, "user/2026-11-20"), IsEmpty());
+    }
+    EXPECT_EQ(lists_, 10) << "one listing each";
+}
+
+TEST_F(FtpWithoutMlsd, ListsItOnANewConnectionToo) {
+    EXPECT_THAT(List(*Open(), "user"), ElementsAre("2026-11-20"));
+    EXPECT_THAT(List(*Open(), ""), ElementsAre("F2026-11-20.web1.tgz", "user"));
+}
+
+TEST_F(FtpWithoutMlsd, ClearRemovesTheFilesOfTheStorageAlone) {
+    directories_["/dir"] = Line("a") + Line(".b");
+    Open()->Clear();
+    EXPECT_THAT(removed_, ElementsAre("/dir/a", "/dir/.b"));
+}
+
+// A server that knows no options takes "-a" for the name of a file, which may exist.
+TEST_F(FtpWithoutMlsd, OptionThatIsTakenForAFileHidesNothing) {
+    hidden_ = Line("-a");
+    EXPECT_THAT(List(*Open(), "user"), ElementsAre("2026-11-20"));
+}
+
+TEST_F(FtpWithoutMlsd, DirectoryThatCannotBeEnteredIsNotMissing) {
+    directories_.erase("/dir/user");
+    EXPECT_EQ(TypeOf([&] { List(*Open(), "user"); }), "failed") << "/dir shows it";
+    EXPECT_EQ(TypeOf([&] { List(*Open(), "other"); }), "not_found");
+    refusal_ = "550 other: Permission denied";
+    EXPECT_EQ(TypeOf([&] { List(*Open(), "other"); }), "failed");
+}
+
+TEST_F(FtpWithoutMlsd, TroubleThatMayPassIsNotAMissingDirectory) {
+    refusal_ = "450 Try again later";
+    EXPECT_EQ(TypeOf([&] { List(*Open(), "other"); }), "unavailable");
+}
+
+// --- Servers with demands on TLS ---
+
+using FtpsServers = EncryptedFtp<ScriptedFtp>;
+
+TEST_F(FtpsServers, OneWithoutTls12IsServedByTls13) {
+    Serve({{"AUTH", Encrypting("234 Go on\r\n", TLS1_3_VERSION)},
+           {"PROT", EncryptingData(TLS1_3_VERSION)},
+           {"MLSD", Sending("type=cdir; .\r\ntype=file; F2026-11-20.web1.tgz\r\n", "")}});
+    EXPECT_EQ(TlsError(), "(no error)");
+    EXPECT_THAT(names_, ElementsAre("F2026-11-20.web1.tgz"));
+}
+
+// Each connection has one transfer: then its TLS session has expired.
+class FtpWithShortSessions : public ScriptedFtp {
+  protected:
+    FtpWithShortSessions() {
+        Serve({{"PASS",
+                [this](FtpSession& session, const std::string&) {
+                    transfers_ = 0;
+                    ++connections_;
+                    session.Say("230 In");
+                }},
+               {"MLSD", OnlyFirst(Sending("type=cdir; .\r\ntype=file; file\r\n", ""))},
+               {"RETR", OnlyFirst(Sending("content", ""))},
+               {"STOR",
+                OnlyFirst([](FtpSession& session, const std::string&) { session.Receive(); })},
+               {"SIZE", Saying("213 7")},
+               {"RNFR", Saying("350 Go on")},
+               {"RNTO", Saying("250 Fine")}});
+    }
+    ~FtpWithShortSessions() override { server_.reset(); }
+
+    ScriptedFtpServer::Answer OnlyFirst(const ScriptedFtpServer::Answer& answer) {
+        return [this, answer](FtpSession& session, const std::string& argument) {
+            const bool reused = transfers_++ == 0 && !refuses_all_;
+            if (reused) return answer(session, argument);
+            session.Say("522 SSL connection failed: session reuse required");
+        };
+    }
+
+    bool refuses_all_ = false;
+    int transfers_ = 0;
+    int connections_ = 0;
+};
+
+TEST_F(FtpWithShortSessions, RefusedDataConnectionIsTriedOnANewConnection) {
+    const auto storage = Open();
+    for (int round = 0; round < 2; ++round) {
+        EXPECT_TRUE(storage->Upload("file", source_));
+        storage->Download("file", target_);
+        EXPECT_EQ(local_files::Load(target_), "content");
+        storage->List(names_, "");
+        EXPECT_THAT(names_, ElementsAre("file"));
+    }
+    EXPECT_EQ(connections_, 6) << "one for each transfer";
+}
+
+TEST_F(FtpWithShortSessions, ServerThatRefusesEachIsAskedTwice) {
+    refuses_all_ = true;
+    const auto storage = Open();
+    EXPECT_THAT(ErrorOf([&] { storage->Upload("file", source_); }),
+                HasSubstr("522 SSL connection failed: session reuse required"));
+    EXPECT_LE(connections_, 2);
+    EXPECT_EQ(transfers_, 1);
+}
+
+}  // namespace
