@@ -26,6 +26,7 @@ constexpr int kBacklog = 5;
 constexpr mode_t kSocketMode = 0600;
 constexpr std::size_t kCustomHead = 11;  // "C" and a date
 constexpr std::size_t kFramePiece = 32;
+constexpr int kLookAtPeersMs = 1000;
 
 sockaddr_un SocketAddress(const std::string& path) {
     sockaddr_un address{};
@@ -70,11 +71,13 @@ void CommandClient() {
     const ResHandle listening = OpenControlSocket(socket_path);
     kro_thread::SafeLock lock;
     quarn2::Expect loop;
-    loop.Add(listening, POLLIN, std::make_shared<NodeSide>(lock, MasterLink{}, storage));
+    const auto node = std::make_shared<NodeSide>(lock, MasterLink{}, storage);
+    node->AcceptIn(loop);
+    loop.Add(listening, POLLIN, node);
     loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));
     // Before the first upload thread: every thread must leave these signals to the loop.
     loop.Add(kro_proc::WatchTermination(), POLLIN, std::make_shared<FinishOnSignal>());
-    loop.Run(-1);
+    while (!loop.Run(kLookAtPeersMs)) node->DisconnectSilentPeers();
 }
 
 NodeSide::NodeSide(kro_thread::SafeLock& lock, MasterLink link, const std::string& storage)
@@ -97,15 +100,9 @@ NodeSide::~NodeSide() {
 
 quarn2::Expect::Result* NodeSide::operator()(ResHandle listening) {
     KRO_LOG(kLog, 8, "quarn2::Expect::Result* NodeSide::operator()(ResHandle)");
-    const ResHandle connection(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
+    ResHandle connection(accept4(listening, nullptr, nullptr, SOCK_CLOEXEC));
     if (!connection) return errno == EAGAIN ? quarn2::Expect::erOk : quarn2::Expect::erFinish;
-    try {
-        const std::string answer = Serve(Read(connection));
-        // A command that has gone away does not wait for its answer.
-        [[maybe_unused]] const ssize_t written = write(connection, answer.data(), answer.size());
-    } catch (const std::exception& error) {
-        KRO_LOG(kLog, 3, "%s", error.what());
-    }
+    peers_.Add(*loop_, std::move(connection));
     return quarn2::Expect::erOk;
 }
 

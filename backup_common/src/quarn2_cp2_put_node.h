@@ -8,12 +8,14 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "kro/kro_thread.h"
 #include "kro/res_handle.h"
 #include "quarn2/expect.h"
 #include "quarn2/storage.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_put_control.h"
 #include "quarn2_cp2_put_marks.h"
 #include "quarn2_cp2_put_upload.h"
 
@@ -40,8 +42,15 @@ class NodeSide {
     NodeSide(const NodeSide&) = delete;
     NodeSide& operator=(const NodeSide&) = delete;
 
-    // Serves one connection of the control socket, to its end.
+    // Accepts one connection of the control socket and adds it to the loop of AcceptIn, which
+    // serves it when its command is complete.
     quarn2::Expect::Result* operator()(ResHandle listening);
+
+    // Where accepted connections are served. The loop must outlive the last call of operator().
+    void AcceptIn(quarn2::Expect& loop) noexcept { loop_ = &loop; }
+
+    // Disconnects the peers of the control socket that have sent nothing for 10 seconds.
+    void DisconnectSilentPeers() { peers_.DisconnectSilent(); }
 
     // Runs one command text and returns the answer; a failure is an exception.
     std::string Serve(std::string command);
@@ -84,4 +93,6 @@ class NodeSide {
     bool delete_after_ = false;
     UploadMarks marks_;
     std::map<std::string, Upload> uploads_;
+    quarn2::Expect* loop_ = nullptr;
+    ControlPeers peers_{[this](std::string command) { return Serve(std::move(command)); }};
 };

@@ -62,11 +62,11 @@ void Expect::SetEvents(int fd, short events) {
     if (entry != nullptr) entry->events = events;
 }
 
-void Expect::Run(int timeout_ms) {
+bool Expect::Run(int timeout_ms) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
     for (;;) {
-        if (!Turn(timeout_ms < 0 ? -1 : Remaining(deadline))) return;
-        if (timeout_ms >= 0 && Clock::now() >= deadline) return;
+        if (!Turn(timeout_ms < 0 ? -1 : Remaining(deadline))) return true;
+        if (timeout_ms >= 0 && Clock::now() >= deadline) return false;
     }
 }
 

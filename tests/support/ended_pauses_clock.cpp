@@ -1,7 +1,8 @@
 // The clock of a program under test whose long pauses a test ends: linked in place of the real one.
 //
 // A pause of ten seconds or more ends as soon as the file tmp/end_pauses exists in the install
-// root, which is the working directory. All else is real time.
+// root, which is the working directory. The steady clock is a day ahead from then on, so every
+// silence has lasted long enough. All else is real time.
 #include <time.h>
 #include <unistd.h>
 
@@ -38,5 +39,6 @@ void kro_proc::Sleep(int milliseconds) {
 std::time_t kro_date::SystemNow() noexcept { return std::time(nullptr); }
 
 std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
-    return std::chrono::steady_clock::now();
+    const auto now = std::chrono::steady_clock::now();
+    return access(kEnd, F_OK) == 0 ? now + std::chrono::hours(24) : now;
 }

@@ -8,7 +8,8 @@ import struct
 import time
 import unittest
 
-from harness import SystemTest, read, tree, wait_for, write
+from harness import (DEADLINE, ENDED_PAUSES, Server, SystemTest, read, tree, wait_for, wait_gone,
+                     write)
 from link import ControlCall, ScriptedServer, control, frame
 from samples import Backup, info_text
 
@@ -155,6 +156,50 @@ class ControlSocket(ClientTest):
         server.expect("RESERVE 10", "OK 0")
         self.assertEqual("OK F2026-11-20.web1.tgz 10", first.answer())
         self.assertEqual(["OK"] * 4, [call.answer() for call in others])
+
+
+class SilentPeers(ClientTest):
+    def silent_peer(self, root, text=b""):
+        peer = socket.socket(socket.AF_UNIX)
+        self.addCleanup(peer.close)
+        peer.settimeout(DEADLINE)
+        peer.connect(root.file("tmp/quarn2_cp.sock"))
+        peer.sendall(text)
+        return peer
+
+    def test_they_block_neither_other_commands_nor_the_end(self):
+        root = self.root()
+        for end in (ScriptedServer.end,
+                    lambda server: (server.process.terminate(), server.wait_end())[1]):
+            server = ScriptedServer(root)
+            self.silent_peer(root)
+            self.silent_peer(root, b"PUT /")
+            path = self.source(root, "F2026-11-20.web1.tgz")
+            self.assertEqual("OK F2026-11-20.web1.tgz 10",
+                             server.reserved_call("PUT " + path, 10).answer())
+            self.assertEqual((0, ""), end(server))
+
+    def test_they_are_disconnected_after_a_silence_of_ten_seconds(self):
+        root = self.root(program=ENDED_PAUSES)
+        server = ScriptedServer(root)
+        peer = self.silent_peer(root, b"PUT /")
+        self.assertEqual("OK", control(root, "STAT"))
+        root.end_pauses()
+        self.assertEqual(b"", peer.recv(1))
+        self.assertEqual([f"Process {os.getpid()} was disconnected from the control socket: "
+                          "it sent nothing for 10 seconds"], root.log_texts(4, server.pid))
+
+    def test_the_server_ends_with_its_holders_and_on_sigterm(self):
+        for signalled in (False, True):
+            root = self.root()
+            server = Server(root, "--count-limit", "0:9").wait_ready()
+            self.silent_peer(root)
+            wait_for(lambda r=root: control(r, "STAT"), "an answer")
+            if signalled:
+                os.kill(server.daemon, signal.SIGTERM)
+            else:
+                server.release()
+            self.assertEqual(0, wait_gone(server.daemon))
 
 
 class Put(ClientTest):

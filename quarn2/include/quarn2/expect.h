@@ -41,8 +41,8 @@ class Expect {
     // Serves the workers for at most this long (-1: without limit) and ends early on erFinish. When
     // no worker waits for anything, a run without limit ends, as nothing could happen any more; one
     // with a limit lasts its time, so that a caller who runs the loop again and again does not
-    // spin.
-    void Run(int timeout_ms);
+    // spin. False when the time is over, true after every other end.
+    bool Run(int timeout_ms);
 
   private:
     struct Callable {

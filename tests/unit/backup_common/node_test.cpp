@@ -5,7 +5,6 @@
 #include <future>
 #include <thread>
 
-#include "control_server.h"
 #include "gate.h"
 #include "kro/kro_err.h"
 #include "master_server.h"
@@ -464,62 +463,6 @@ TEST_F(Node, DeleteAndDeleteallDeleteTheBackup) {
     EXPECT_FALSE(local_files::Has(kInfo));
     EXPECT_FALSE(local_files::Has("b/2026-11-16.web1.info"));
     EXPECT_EQ(server.lines(), Lines());
-}
-
-// --- The control socket, node client's side ---
-
-class Control : public Node {
-  protected:
-    Control() { kro_proc::SetNonBlocking(listening_); }
-
-    // One connection, served by the node.
-    std::string Ask(NodeSide& node, const std::string& command) {
-        auto asking = std::async(std::launch::async,
-                                 [&] { return ControlServer::Ask("tmp/control", command); });
-        pollfd state{listening_, POLLIN, 0};
-        EXPECT_EQ(poll(&state, 1, 10000), 1);
-        EXPECT_EQ(node(listening_), Expect::erOk);
-        return asking.get();
-    }
-
-    ResHandle listening_ = ControlServer::Listen("tmp/control");
-    MasterServer server_{"memory:site"};
-};
-
-TEST_F(Control, AnswersOneCommandPerConnection) {
-    NodeSide node(lock_, server_.link());
-    EXPECT_EQ(Ask(node, std::string("PUTLAST ") + kSecond), "OK F2026-11-15.web1.2.dar 7");
-    EXPECT_EQ(Ask(node, "STAT"), "OK");
-}
-
-TEST_F(Control, AFailedCommandGetsNoAnswerAndALineInTheLog) {
-    NodeSide node(lock_, server_.link());
-    EXPECT_EQ(Ask(node, "PUT b/none.tgz"), "");
-    EXPECT_EQ(Log(4), (Lines{"3: Failed to look at 'b/none.tgz': No such file or directory"}));
-    EXPECT_EQ(Ask(node, "STAT"), "OK") << "the node client goes on";
-}
-
-TEST_F(Control, NobodyThereIsNoReasonToEnd) {
-    NodeSide node(lock_, server_.link());
-    ClearLog();
-    EXPECT_EQ(node(listening_), Expect::erOk);
-    EXPECT_EQ(Log(), (Lines{"8: quarn2::Expect::Result* NodeSide::operator()(ResHandle)"}));
-}
-
-TEST_F(Control, ASocketThatCannotAcceptEndsTheLoop) {
-    NodeSide node(lock_, server_.link());
-    EXPECT_EQ(node(kro_proc::Pipe().first), Expect::erFinish);
-}
-
-TEST_F(Control, ACommandThatHasGoneAwayDoesNotStopTheNodeClient) {
-    NodeSide node(lock_, server_.link());
-    {
-        const ResHandle gone(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        const sockaddr_un address = ControlServer::Address("tmp/control");
-        ASSERT_EQ(connect(gone, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    }
-    EXPECT_EQ(node(listening_), Expect::erOk);
-    EXPECT_EQ(Ask(node, "STAT"), "OK");
 }
 
 }  // namespace

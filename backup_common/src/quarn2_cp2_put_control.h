@@ -1,0 +1,65 @@
+// The connections of the control socket, the node client's side.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "kro/res_handle.h"
+#include "quarn2/expect.h"
+
+// Runs one command text and returns the answer; throws when the command fails.
+using ControlService = std::function<std::string(std::string command)>;
+
+// One accepted connection. It collects the command until the peer ends its side of the stream, so a
+// slow peer does not block the loop. Then it runs the command, answers and closes.
+class ControlPeer {
+  public:
+    // `connection` must not block. The service must outlive the peer.
+    ControlPeer(ResHandle connection, const ControlService& service);
+
+    // Reads the bytes that have arrived. Never throws: a failed command is logged and gets no
+    // answer.
+    quarn2::Expect::Result* operator()(ResHandle connection);
+
+    // True when no byte has arrived for this long and none is waiting to be read.
+    bool HasBeenSilent(std::chrono::milliseconds limit) const;
+
+    bool IsOpen() const noexcept { return bool(connection_); }
+
+    // Closes the connection without an answer. The loop drops it at its next turn.
+    void Disconnect(const char* reason);
+
+  private:
+    // True at the end of the stream, false while the peer may send more.
+    bool Collect();
+    void Answer();
+
+    ResHandle connection_;
+    const ControlService& service_;
+    std::string command_;
+    std::chrono::steady_clock::time_point last_byte_;
+};
+
+// All connections whose command is not complete yet.
+class ControlPeers {
+  public:
+    explicit ControlPeers(ControlService service) : service_(std::move(service)) {}
+    ControlPeers(const ControlPeers&) = delete;
+    ControlPeers& operator=(const ControlPeers&) = delete;
+
+    // The loop serves the connection from now on. Beyond the maximum number of connections the
+    // oldest one is disconnected.
+    void Add(quarn2::Expect& loop, ResHandle connection);
+
+    // Disconnects the peers that have sent nothing for 10 seconds.
+    void DisconnectSilent();
+
+  private:
+    void ForgetClosed();
+
+    ControlService service_;
+    std::vector<std::shared_ptr<ControlPeer>> peers_;  // the oldest first
+};
