@@ -14,6 +14,7 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_owner.h"
 #include "quarn2_cp2_misc_removal.h"
 
 namespace {
@@ -155,19 +156,83 @@ void RemoveLocalFiles(const std::string& info_path) {
     kro_file::SyncDir(directory);
 }
 
+// The names by which the backup's files are known in a directory of the storage.
+BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
+                    const std::string& directory) {
+    const std::string info_name = kro_file::Name(info_path);
+    BackupNames names{quarn2::GetUserName(info_name), quarn2::GetDate(info_name), {}};
+    for (const auto& [key, value] : info) {
+        std::string rest = value;
+        const std::string slice = NamesSlice(key) ? str::GetWord(rest) : "";
+        if (slice.empty() || kro_file::Path(slice) != directory) continue;
+        std::string name = kro_file::Name(slice);
+        names.stems.insert(quarn2::StripSliceNumber(name));
+        // A role that shares the archive's slice name has files of its own beside it.
+        const std::size_t ending = name.find(quarn2::GetExtByInfo(info));
+        if (key == "last-slice" || ending == std::string::npos) continue;
+        name.insert(ending, key.substr(std::string_view("role-").size()));
+        names.stems.insert(quarn2::StripSliceNumber(name));
+    }
+    return names;
+}
+
+std::vector<std::string> ListStored(quarn2::Storage& storage, const std::string& directory) {
+    std::vector<std::string> names;
+    try {
+        storage.List(names, directory);
+    } catch (const kro_err::Error& error) {
+        if (error.kind() != kro_err::Kind::kNotFound) throw;
+    }
+    return names;
+}
+
+// The info file goes last: as long as it is there, a rescan brings it back and the deletion can be
+// repeated.
+void RemoveOwnFiles(Removal& storage, const std::string& directory,
+                    const std::vector<std::string>& names, const BackupNames& backup) {
+    const std::string info_name = backup.date + "." + backup.user + ".info";
+    for (const std::string& name : names) {
+        if (name == info_name || !BelongsTo(name, backup)) continue;
+        storage.RemoveFile(kro_file::ConcatPath(directory, name));
+    }
+    storage.RemoveFile(kro_file::ConcatPath(directory, info_name));
+    storage.storage()->SyncRemovals(directory);
+}
+
+// A job may stage the archives of several users in one directory that is named like a date. They
+// share a directory on the storage then.
+void RemoveStoredDirectory(Removal& storage, const std::string& directory,
+                           const std::string& info_path, const quarn2::InfoMap& info) {
+    const BackupNames backup = NamesOf(info_path, info, directory);
+    const std::vector<std::string> names = ListStored(*storage.storage(), directory);
+    if (OwnsDirectory(directory, names, backup)) {
+        storage.RemoveDir(directory);
+        return;
+    }
+    KRO_LOG(kLog, 5, "Directory '%s' is not of '%s' alone: only that backup's files are removed",
+            directory.c_str(), info_path.c_str());
+    RemoveOwnFiles(storage, directory, names, backup);
+}
+
 bool HoldsOtherBackups(const std::string& directory, const std::string& info_name) {
     kro_file::Dir entries(directory, 2);
     while (entries.Read()) {
-        if (entries.name() != info_name && str::EndsWith(entries.name(), ".info")) return true;
+        const std::string& name = entries.name();
+        if (name != info_name && str::EndsWith(name, ".info")) return true;
+        if (quarn2::IsBackupFile(name) &&
+            quarn2::GetUserName(name) != quarn2::GetUserName(info_name)) {
+            return true;
+        }
     }
     return false;
 }
 
-// In directory form the info file's directory is named after the backup's date and belongs to the
-// backup. An info file that claims that form while it lies anywhere else, such as among other
-// backups' in the info root, takes only its own files along.
+// In directory form the info file's directory is USER/DATE and belongs to the backup. An info file
+// that claims that form while it is anywhere else, such as among other backups' in the info root or
+// where a job stages archives, takes only its own files along.
 bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
     return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
+           kro_file::Name(kro_file::Path(directory)) == quarn2::GetUserName(info_name) &&
            !HoldsOtherBackups(directory, info_name);
 }
 
@@ -212,7 +277,9 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
             all_deleted = DeleteByPrefix(storage.storage(), info_path) && all_deleted;
         } else if (!remote_directory.empty()) {
             directory_form = true;
-            if (key == "last-slice") storage.RemoveDir(remote_directory);
+            if (key == "last-slice") {
+                RemoveStoredDirectory(storage, remote_directory, info_path, info);
+            }
         } else {
             plain_form = true;
             DeletePlainEntry(backup, key, slice);

@@ -157,6 +157,23 @@ std::string GetDate(const std::string& name) { return std::string(BackupOf(name)
 
 std::string GetUserName(const std::string& name) { return std::string(BackupOf(name).user); }
 
+bool IsBackupFile(const std::string& name) {
+    static constexpr std::string_view kAttempts = ".attempts";
+    if (!IsSafeName(name)) return false;
+    std::string_view stem = name;
+    if (str::EndsWith(stem, kAttempts)) stem.remove_suffix(kAttempts.size());
+    const std::size_t whole = stem.size();
+    if (str::EndsWith(stem, kInfo)) {
+        stem.remove_suffix(kInfo.size());
+    } else {
+        stem = WithoutEnding(stem);
+    }
+    if (stem.size() == whole) return false;
+    if (str::StartsWith(stem, "custom.")) return stem.size() > std::string_view("custom.").size();
+    if (BeginsWithTypeLetter(stem)) stem.remove_prefix(1);
+    return BeginsWithDate(stem) && stem.size() > kDateSize + 1;
+}
+
 std::string GetPath(const std::string& name) {
     const std::string path = kro_file::GoodPath(name);
     return path.substr(std::min(path.find_first_not_of('/'), path.size()));

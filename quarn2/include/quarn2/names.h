@@ -23,6 +23,10 @@ std::string GetExtByInfo(const std::map<std::string, std::string>& info);
 std::string GetDate(const std::string& name);
 std::string GetUserName(const std::string& name);
 
+// True for the name of a backup's info file, index or archive file, and for one of these followed
+// by ".attempts". `name` has no directory.
+bool IsBackupFile(const std::string& name);
+
 // The storage path of a stored name: normalised, no leading slash.
 std::string GetPath(const std::string& name);
 

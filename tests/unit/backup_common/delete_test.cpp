@@ -5,6 +5,7 @@
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_owner.h"
 
 namespace {
 
@@ -261,10 +262,97 @@ TEST_F(DeleteTest, ADirectoryGoesOnBothSides) {
     Place("root/web1/2026-11-15/2026-11-15.web1.1.dar", "x");
     Place("root/web1/2026-11-15/deeper/file", "x");
     EXPECT_EQ(Run("last-slice=web1/2026-11-15/F2026-11-15.web1.1.dar", kDirInfo),
-              (Lines{"RemoveDir web1/2026-11-15"}));
+              (Lines{"List web1/2026-11-15", "RemoveDir web1/2026-11-15"}));
     EXPECT_EQ(Below("root"), Lines()) << "the user's directory was left empty";
     EXPECT_EQ(Stored(), (Lines{"web1/2026-11-16/I2026-11-16.web1.1.dar"}));
     EXPECT_EQ(Log(), Lines());
+}
+
+// Two users' archives that were staged in one directory "work/2026-11-15".
+TEST_F(DeleteTest, ASharedDirectoryKeepsTheOthersFiles) {
+    const std::string directory = "work/2026-11-15/";
+    for (const std::string user : {"web1", "web2"}) {
+        for (const std::string& name :
+             Lines{"F2026-11-15." + user + ".1.dar", "2026-11-15." + user + ".tgz",
+                   "F2026-11-15." + user + ".2.dar", "2026-11-15." + user + ".info"}) {
+            store_->SetFile(directory + name, "x");
+            Place("root/" + directory + name, "x");
+        }
+    }
+    Run("last-slice=work/2026-11-15/F2026-11-15.web1.2.dar",
+        "root/work/2026-11-15/2026-11-15.web1.info");
+    const Lines kept = {"2026-11-15.web2.info", "2026-11-15.web2.tgz", "F2026-11-15.web2.1.dar",
+                        "F2026-11-15.web2.2.dar"};
+    Lines stored;
+    for (const std::string& name : kept) stored.push_back(directory + name);
+    EXPECT_EQ(Stored(), stored);
+    Lines local = Below("root/work/2026-11-15");
+    // Archives that wait for their upload are the job's.
+    std::erase_if(local,
+                  [](const std::string& name) { return name.starts_with("F2026-11-15.web1"); });
+    EXPECT_EQ(local, kept);
+    EXPECT_EQ(store_->log().back(), "Remove work/2026-11-15/2026-11-15.web1.info");
+}
+
+TEST_F(DeleteTest, AnotherUsersArchivesInTheBackupsOwnDirectoryStay) {
+    store_->SetFile("web1/2026-11-15/F2026-11-15.web1.1.dar", "x");
+    store_->SetFile("web1/2026-11-15/F2026-11-15.web2.1.dar", "x");
+    Place("root/web1/2026-11-15/F2026-11-15.web2.1.dar", "x");
+    Run("last-slice=web1/2026-11-15/F2026-11-15.web1.1.dar", kDirInfo);
+    EXPECT_EQ(Stored(), (Lines{"web1/2026-11-15/F2026-11-15.web2.1.dar"}));
+    EXPECT_EQ(Below("root/web1/2026-11-15"), (Lines{"F2026-11-15.web2.1.dar"}));
+}
+
+TEST_F(DeleteTest, ADirectoryAboveTheBackupsOwnStays) {
+    store_->SetFile("web1/F2026-11-15.web1.1.dar", "x");
+    store_->SetFile("web1/2026-11-14/F2026-11-14.web1.1.dar", "x");
+    Run("last-slice=web1/F2026-11-15.web1.1.dar", kDirInfo);
+    EXPECT_EQ(Stored(), (Lines{"web1/2026-11-14/F2026-11-14.web1.1.dar"}));
+}
+
+TEST_F(DeleteTest, ASharedDirectoryLosesTheSlicesOfRolesToo) {
+    store_->SetFile("work/2026-11-15/F2026-11-15.web1.tgz", "x");
+    store_->SetFile("work/2026-11-15/F2026-11-15.web1.db.tgz", "x");
+    store_->SetFile("work/2026-11-15/F2026-11-15.web1.mail.tgz", "x");
+    Run("last-slice=work/2026-11-15/F2026-11-15.web1.tgz\n"
+        "role-db=work/2026-11-15/F2026-11-15.web1.db.tgz",
+        kDirInfo);
+    EXPECT_EQ(Stored(), (Lines{"work/2026-11-15/F2026-11-15.web1.mail.tgz"}))
+        << "it may be the archive of a user 'web1.mail'";
+}
+
+TEST_F(DeleteTest, ARoleThatSharesTheSliceNameIsNoOtherUsersFile) {
+    store_->SetFile("web1/2026-11-15/F2026-11-15.web1.tgz", "x");
+    store_->SetFile("web1/2026-11-15/F2026-11-15.web1sql.tgz", "x");
+    Run("last-slice=web1/2026-11-15/F2026-11-15.web1.tgz\n"
+        "role-sql=web1/2026-11-15/F2026-11-15.web1.tgz",
+        kDirInfo);
+    EXPECT_EQ(Stored(), Lines());
+}
+
+TEST(OwnsDirectory, OnlyUserAndDateWithoutAnotherUsersFiles) {
+    const BackupNames backup{"web1", "2026-11-15", {"F2026-11-15.web1", "F2026-11-15.web1.db"}};
+    struct Case {
+        std::string directory;
+        std::vector<std::string> names;
+        bool owns;
+    };
+    const std::vector<Case> cases = {
+        {"web1/2026-11-15", {}, true},
+        {"web1/2026-11-15", {"F2026-11-15.web1.1.dar", "2026-11-15.web1.info", "notes"}, true},
+        {"web1/2026-11-15", {"F2026-11-15.web1.db.tgz"}, true},
+        {"web1/2026-11-15", {"I2026-11-14.web1.tgz"}, true},
+        {"web1/2026-11-15", {"F2026-11-15.web10.tgz"}, false},
+        {"web1/2026-11-15", {"F2026-11-15.web1.1.dar", "2026-11-15.web2.info"}, false},
+        {"web1", {}, false},
+        {"", {}, false},
+        {"web1/2026-11-14", {}, false},
+        {"web2/2026-11-15", {}, false},
+        {"x/web1/2026-11-15", {}, false},
+        {"web1/2026-11-15/x", {}, false}};
+    for (const Case& c : cases) EXPECT_EQ(OwnsDirectory(c.directory, c.names, backup), c.owns);
+    EXPECT_FALSE(OwnsDirectory("", {}, {"", "", {}}));
+    EXPECT_FALSE(OwnsDirectory("../2026-11-15", {}, {"..", "2026-11-15", {}}));
 }
 
 TEST_F(DeleteTest, TheUsersDirectoryStaysWhileItHoldsOthers) {
@@ -276,7 +364,7 @@ TEST_F(DeleteTest, TheUsersDirectoryStaysWhileItHoldsOthers) {
 
 TEST_F(DeleteTest, ARoleInADirectoryLeavesTheStoragesDirectoryToTheLastSlice) {
     EXPECT_EQ(Run("last-slice=web1/2026-11-15/F.1.dar\nrole-db=web1/db/F.1.dar", kDirInfo),
-              (Lines{"RemoveDir web1/2026-11-15"}));
+              (Lines{"List web1/2026-11-15", "RemoveDir web1/2026-11-15"}));
     EXPECT_EQ(Below("root"), Lines());
 }
 
@@ -294,7 +382,7 @@ TEST_F(DeleteTest, AnInfoFileAmongOthersTakesOnlyItsOwnAlong) {
     Place("root/2026-11-15.web1.tgz", "x");
     Run("last-slice=web1/2026-11-15/F2026-11-15.web1.1.dar");
     EXPECT_EQ(Below("root"), (Lines{"2026-11-16.web1.info"}));
-    EXPECT_EQ(store_->log(), (Lines{"RemoveDir web1/2026-11-15"}));
+    EXPECT_EQ(store_->log(), (Lines{"List web1/2026-11-15", "RemoveDir web1/2026-11-15"}));
 }
 
 TEST_F(DeleteTest, AnInfoFileAboveTheUsersDirectoriesTakesOnlyItsOwnAlong) {

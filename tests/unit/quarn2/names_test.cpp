@@ -154,6 +154,23 @@ TEST(IsAdminData, KnowsTheUsersDirectories) {
     }
 }
 
+TEST(IsBackupFile, KnowsInfoFilesIndexesAndArchives) {
+    for (const char* const name :
+         {"2026-11-20.web1.info", "custom.web1.info", "2026-11-20.web1.tgz", "custom.web1.tgz",
+          "2026-11-20.web1.tgz.aes", "2026-11-20.web1.1.dar", "F2026-11-20.web1.3.dar",
+          "I2026-11-20.a.b.c.tgz.part2", "C2026-11-20.web1.tar.zst",
+          "F2026-11-20.web1.3.dar.attempts", "2026-11-20.web1.info.attempts"}) {
+        EXPECT_TRUE(IsBackupFile(name)) << name;
+    }
+    for (const char* const name :
+         {"", ".", ".info", "web1.info", "notes.txt", "2026-11-20.web1", "2026-11-20.info",
+          "2026-11-20..info", "2026-13-20.web1.info", "X2026-11-20.web1.tgz", "custom.info",
+          "customer.tgz", "photos.tgz", "2026-11-20.web1.jpg", ".attempts",
+          "web1/2026-11-20.web1.info", "2026-11-20.web1\n.info"}) {
+        EXPECT_FALSE(IsBackupFile(name)) << name;
+    }
+}
+
 TEST(IsSafeName, TakesOneComponent) {
     for (const char* const good : {"a", "web.1", "..a", "a b", "\xc3\xa4", ".hidden", "-rf"}) {
         EXPECT_TRUE(IsSafeName(good)) << good;
