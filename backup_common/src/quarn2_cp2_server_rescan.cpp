@@ -6,18 +6,18 @@
 #include <set>
 #include <stdexcept>
 
-#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/storage.h"
-#include "quarn2/token.h"
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_server_rescan_removed.h"
+#include "quarn2_cp2_server_rescan_root.h"
 #include "quarn2_cp2_server_start.h"
 
 namespace {
@@ -27,18 +27,10 @@ constexpr const char* kMarker = ".rescan";
 
 using Names = std::vector<std::string>;
 
-// The directory that the rescan makes equal to the storage.
-std::string LocalDir(const std::string& local_root) {
-    return quarn2::IsAdminData(local_root) ? local_root : kro_file::Path(local_root);
-}
-
 bool IsOwnFile(const std::string& name) {
     return name == kMarker || str::StartsWith(name, std::string(kMarker) + "#") ||
            name == ".cleanup";
 }
-
-// The administrator's info roots lie beside a user's.
-bool IsAdminRoot(const std::string& name) { return name == "tovarn" || name == "tovarn.private"; }
 
 // Not copies of anything on the storage: a rescan could not bring them back.
 bool IsKept(const std::string& directory, const std::string& name) {
@@ -58,9 +50,9 @@ void DropUnsafe(Names& names) {
 
 // What lies in the place of a directory of the storage is no copy of it; where another user's link
 // leads nothing may be removed.
-void ClearForDirectory(const std::string& path) {
+void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
     const bool other = kro_file::Exists(path) && !std::filesystem::is_directory(path);
-    if (other || kro_file::IsForeignLink(path)) kro_file::RemoveFile(path);
+    if (other || kro_file::IsForeignLink(path)) removed.Take({path});
 }
 
 // Takes the storage's name of a local file out of the list; false when the storage has none.
@@ -109,20 +101,27 @@ class Rescanner {
               const std::string& filter)
         : storage_(std::move(storage)),
           local_root_(local_root),
-          local_dir_(LocalDir(local_root)),
+          local_dir_(RescanDirectory(local_root)),
           filter_(filter),
           node_(NodeOf("")),
           skip_local_(!node_.empty()) {}
 
     void Run() {
-        Names top;
+        Names& top = top_;
         storage_->List(top, "");
         DropUnsafe(top);
         DropReserved(top);
         const Marker marker(local_dir_, filter_);
         trust_local_ = !marker.was_there();
+        RemovedEntries removed(filter_, local_dir_, marker.was_there());
+        removed_ = &removed;
+        // Files of the storage's root may come before the user's directory.
+        if (local_root_ != local_dir_) {
+            ClearForDirectory(local_root_, removed);
+            kro_file::MkDirSynced(local_root_);
+        }
         storage_->DeferSync(true);
-        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_);
+        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_, removed);
         ProgressLine progress(static_cast<std::int64_t>(top.size()));
         storage_->SetObserver(&progress);
         for (const std::string& entry : top) {
@@ -170,11 +169,15 @@ class Rescanner {
 
     void TakeUser(const std::string& user, Names& dates) {
         DropUnsafe(dates);
-        ClearForDirectory(kro_file::ConcatPath(local_dir_, user));
-        RemoveMissedDirs(dates, kro_file::ConcatPath(local_dir_, user), skip_local_);
+        const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
+        ClearForDirectory(user_dir, *removed_);
+        Names kept = dates;
+        // A user's info root has the files of the storage's root too.
+        if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
+        RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
         for (const std::string& date : dates) {
             const std::string dir = kro_file::ConcatPath(user, date);
-            ClearForDirectory(kro_file::ConcatPath(local_dir_, dir));
+            ClearForDirectory(kro_file::ConcatPath(local_dir_, dir), *removed_);
             quarn2::MkLocalDir(local_root_, user, date);
             Names files;
             try {
@@ -192,17 +195,19 @@ class Rescanner {
 
     // What is left of `files` has to be fetched.
     void RemoveMissedFiles(Names& files, const std::string& directory) const {
-        if (!trust_local_) return RemoveMissedDirs(files, directory, false);
+        if (!trust_local_) return RemoveMissedDirs(files, directory, false, *removed_);
         Names kept;
+        Names missed;
         kro_file::Dir entries(directory, 2);
         while (entries.Read()) {
             if (entries.IsDir()) continue;
             if (TakeOut(files, entries.name())) {
                 kept.push_back(entries.name());
             } else {
-                kro_file::RemoveFile(entries.FullName());
+                missed.push_back(entries.FullName());
             }
         }
+        removed_->Take(missed);
         for (const std::string& name : kept) {
             if (MissesIndex(name, files)) files.push_back(name);
         }
@@ -230,51 +235,20 @@ class Rescanner {
     std::string local_root_;
     std::string local_dir_;
     std::string filter_;
+    Names top_;  // of the storage
     // One machine, one info root: no node has a part of it. What a node had would be its own to
     // remove.
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;
+    RemovedEntries* removed_ = nullptr;  // while Run works
     std::string encrypted_lines_;
 };
 
-std::filesystem::path RealPath(const std::string& path) {
-    return std::filesystem::weakly_canonical(path.empty() ? "." : path);
-}
-
-// True when `inner` is `outer` or lies below it.
-bool Contains(const std::filesystem::path& outer, const std::filesystem::path& inner) {
-    return std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end()).first ==
-           outer.end();
-}
-
-[[noreturn]] void RefuseRoot(const std::string& local_root, const std::string& reason) {
-    throw std::runtime_error("--path '" + local_root + "' cannot be rescanned: " + reason);
-}
-
-// Whatever the storage does not list is removed from the directory, so it must hold nothing else.
-void CheckRoot(const std::string& local_root) {
-    // The one to clean would be the directory above, with the server's own files.
-    if (local_root == "var/backup" || str::EndsWith(local_root, "/var/backup")) {
-        RefuseRoot(local_root, "name the info root in it, such as '" +
-                                   kro_file::ConcatPath(local_root, "tovarn") + "'");
-    }
-    const std::filesystem::path cleaned = RealPath(LocalDir(local_root));
-    if (Contains(cleaned, RealPath("")) || Contains(cleaned, RealPath("var"))) {
-        RefuseRoot(local_root,
-                   "the install root lies there; name a directory for info files alone");
-    }
-    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
-    if (!token.IsLocal()) return;
-    const std::filesystem::path storage = RealPath(token.path());
-    if (Contains(cleaned, storage) || Contains(storage, cleaned)) {
-        RefuseRoot(local_root, "the storage lies there; name a directory for info files alone");
-    }
-}
-
 }  // namespace
 
-void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip) {
+void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip,
+                      RemovedEntries& removed) {
     if (skip) return;
     const std::set<std::string> kept(names.begin(), names.end());
     std::vector<std::string> missed;
@@ -284,11 +258,11 @@ void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& 
             missed.push_back(entries.FullName());
         }
     }
-    for (const std::string& path : missed) kro_file::Remove(path);
+    removed.Take(missed);
 }
 
 void CheckNoBrokenRescan(const std::string& local_root, const std::string& storage) {
-    const std::string marker = Marker::PathOf(LocalDir(local_root), storage);
+    const std::string marker = Marker::PathOf(RescanDirectory(local_root), storage);
     if (!kro_file::Exists(marker)) return;
     throw std::runtime_error(
         "the last rescan into '" + local_root + "' was broken off (" + marker +
@@ -298,8 +272,8 @@ void CheckNoBrokenRescan(const std::string& local_root, const std::string& stora
 ResHandle Rescan(const kro_args::Result& args) {
     const std::string local_root = GetArgPath(args.Param("path", -1));
     const std::string storage_name = args.Param("storage", -1);
-    CheckRoot(local_root);
-    const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
+    CheckRescanRoot(local_root, storage_name);
+    const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(local_root);
     ResHandle handle = Quarn2Lock(ServerFiles(storage_name).lock, true);
     KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
     // Their info files on the storage would make them whole backups again.

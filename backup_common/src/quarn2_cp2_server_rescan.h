@@ -16,5 +16,9 @@ ResHandle Rescan(const kro_args::Result& args);
 // what is there for everything would let the storage grow beyond its limit.
 void CheckNoBrokenRescan(const std::string& local_root, const std::string& storage);
 
-// Unless `skip`: removes the entries of the local directory that are not among the names.
-void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip);
+class RemovedEntries;
+
+// Unless `skip`: moves the entries of the local directory that are not among the names to
+// `removed`.
+void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip,
+                      RemovedEntries& removed);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 namespace {
 
@@ -39,6 +40,7 @@ int __real_socket(int domain, int type, int protocol);
 int __real_listen(int fd, int backlog);
 ssize_t __real_send(int fd, const void* data, size_t size, int flags);
 pid_t __real_fork(void);
+int __real_rename(const char* from, const char* to);
 
 int __wrap_lstat(const char* path, struct stat* status) {
     ++faults::ThePlan().lstat_calls;
@@ -60,6 +62,12 @@ int __wrap_listen(int fd, int backlog) {
 ssize_t __wrap_send(int fd, const void* data, size_t size, int flags) {
     const bool cut = Take(faults::ThePlan().send_short);
     return __real_send(fd, data, cut ? size - 1 : size, flags);
+}
+
+int __wrap_rename(const char* from, const char* to) {
+    const bool fails = std::strstr(to, "/quarn2_cp.removed") != nullptr &&
+                       Take(faults::ThePlan().rename_to_removed);
+    return fails ? -1 : __real_rename(from, to);
 }
 
 pid_t __wrap_fork(void) {

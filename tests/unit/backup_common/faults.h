@@ -3,13 +3,14 @@
 
 namespace faults {
 
-// How often lstat, flock, socket, listen and send fail from now on, and with which errno.
+// How often lstat, flock, socket, listen, send and rename fail from now on, and with which errno.
 struct Plan {
     int lstat = 0;
     int flock = 0;
     int socket = 0;
     int listen = 0;
-    int send_short = 0;  // send takes one byte less than it was given
+    int send_short = 0;         // send takes one byte less than it was given
+    int rename_to_removed = 0;  // only renames into var/quarn2_cp.removed
     int error = 0;
     int lstat_calls = 0;
 };

@@ -1,4 +1,5 @@
 // The rescan: what it fetches and what it removes.
+#include "quarn2_cp2_server_rescan_removed.h"
 #include "rescan_site.h"
 
 namespace {
@@ -200,11 +201,11 @@ TEST_F(RescanCommand, IntoAUsersInfoRootNeverTouchesTheAdministrators) {
     StoreDated("tovarn.private", "2026-11-20");
     Place(InfoRoot("x.info"), "kept");
     Place("var/backup/tovarn.private/y.info", "kept");
-    Place("var/backup/web2/z.info", "gone");
-    Run({"--path", "var/backup/web1"});
+    Place("var/backup/web2/z.info", "kept");
+    Run({"--storage", "web1", "--path", "var/backup/web1"});
     EXPECT_EQ(InfoRoot(), (Lines{"x.info"}));
     EXPECT_EQ(Below("var/backup/tovarn.private"), (Lines{"y.info"}));
-    EXPECT_FALSE(local_files::Has("var/backup/web2"));
+    EXPECT_TRUE(local_files::Has("var/backup/web2/z.info"));
     EXPECT_EQ(Log(4), (Lines{"4: Skip bad name 'tovarn' on the storage",
                              "4: Skip bad name 'tovarn.private' on the storage"}));
 }
@@ -272,7 +273,7 @@ TEST_F(RescanCommand, OfAnEmptyStorageEmptiesTheInfoRoot) {
     Run();
     EXPECT_EQ(InfoRoot(), (Lines{}));
     EXPECT_EQ(Fetched(), (Lines{}));
-    EXPECT_EQ(Log(), (Lines{"5: Rescan storage and place indexes to 'var/backup/tovarn'"}));
+    EXPECT_EQ(Log(5), (Lines{"5: Rescan storage and place indexes to 'var/backup/tovarn'"}));
 }
 
 TEST_F(RescanCommand, KeepsTheListOfIncompleteBackupsWhichNoStorageCouldGiveBack) {
@@ -318,11 +319,12 @@ TEST_F(RescanCommand, ReplacesTheListOfEncryptedIndexes) {
 TEST_F(RescanCommand, RemoveMissedDirsComparesNamesExactly) {
     for (const char* const name : {"a", "ab", "A", "dir/file", "a.tgz"})
         Place("d/" + std::string(name), "");
-    RemoveMissedDirs({"a", "b"}, "d", true);
+    RemovedEntries removed("", "d", false);
+    RemoveMissedDirs({"a", "b"}, "d", true, removed);
     EXPECT_EQ(Below("d").size(), 6U);
-    RemoveMissedDirs({"a", "b"}, "d", false);
+    RemoveMissedDirs({"a", "b"}, "d", false, removed);
     EXPECT_EQ(Below("d"), (Lines{"a"}));
-    RemoveMissedDirs({}, "missing", false);
+    RemoveMissedDirs({}, "missing", false, removed);
 }
 
 TEST_F(RescanCommand, RemovesALinkAndNotWhatItPointsTo) {

@@ -1,0 +1,91 @@
+#include "quarn2_cp2_server_rescan_removed.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <stdexcept>
+#include <utility>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr mode_t kDirectoryMode = 0700;
+
+bool Exists(const std::string& path) { return fs::exists(fs::symlink_status(path)); }
+
+// False when the target is on another file system.
+bool Rename(const std::string& path, const std::string& target) {
+    if (std::rename(path.c_str(), target.c_str()) == 0) return true;
+    if (errno == EXDEV) return false;
+    throw kro_err::FromErrno("Failed to move '" + path + "' to '" + target + "'");
+}
+
+void Copy(const std::string& path, const std::string& target) {
+    std::error_code error;
+    fs::copy(path, target, fs::copy_options::recursive | fs::copy_options::copy_symlinks, error);
+    if (!error) return;
+    throw std::runtime_error("Failed to copy '" + path + "' to '" + target +
+                             "': " + error.message());
+}
+
+// True when the directory is there or could be made: an entry that was taken before may have its
+// name.
+bool MakeDirectory(const std::string& path) {
+    if (!path.empty() && !fs::is_directory(fs::symlink_status(path))) {
+        if (Exists(path) || !MakeDirectory(kro_file::Path(path))) return false;
+        kro_file::MkDirSynced(path, kDirectoryMode);
+    }
+    return true;
+}
+
+}  // namespace
+
+RemovedEntries::RemovedEntries(const std::string& storage_name, std::string directory,
+                               bool continues)
+    : place_(str::Append("var/quarn2_cp.removed", storage_name, "#")),
+      directory_(std::move(directory)),
+      prepared_(continues) {}
+
+void RemovedEntries::Prepare() {
+    if (!std::exchange(prepared_, true)) kro_file::Remove(place_);
+    kro_file::MkDirSynced(place_, kDirectoryMode);
+    kro_file::CheckOurDirectory(place_);
+}
+
+// Two rescans of which the first was interrupted may take entries of the same path.
+std::string RemovedEntries::FindFreeTarget(const std::string& path) const {
+    const std::string below = path.substr(directory_.empty() ? 0 : directory_.size() + 1);
+    for (int number = 1;; ++number) {
+        const std::string top =
+            number == 1 ? place_ : kro_file::ConcatPath(place_, ".again" + str::Str(number));
+        std::string target = kro_file::ConcatPath(top, below);
+        if (!Exists(target) && MakeDirectory(kro_file::Path(target))) return target;
+    }
+}
+
+void RemovedEntries::Take(const std::vector<std::string>& paths) {
+    if (paths.empty()) return;
+    Prepare();
+    std::vector<std::string> copied;
+    for (const std::string& path : paths) {
+        if (!Exists(path)) continue;
+        const std::string target = FindFreeTarget(path);
+        KRO_LOG(kLog, 6, "Move '%s' to '%s': the storage does not have it", path.c_str(),
+                target.c_str());
+        if (Rename(path, target)) continue;
+        Copy(path, target);
+        copied.push_back(path);
+    }
+    if (copied.empty()) return;
+    kro_file::SyncFileSystem(place_);
+    for (const std::string& path : copied) kro_file::Remove(path);
+}

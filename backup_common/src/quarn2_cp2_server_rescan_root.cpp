@@ -1,0 +1,138 @@
+#include "quarn2_cp2_server_rescan_root.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <stdexcept>
+#include <vector>
+
+#include "kro/kro_date.h"
+#include "kro/kro_env.h"
+#include "kro/kro_file.h"
+#include "kro/kro_new_file.h"
+#include "kro/str.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_misc_paths.h"
+
+namespace {
+
+constexpr const char* kData = "var/backup";
+
+enum class Level { kTop, kUser, kDate };
+
+bool IsDateName(const std::string& name) { return name == "custom" || kro_date::IsDate(name); }
+
+// ".NAME.part~" -> "NAME".
+std::string WithoutTemporaryForm(const std::string& name) {
+    if (!kro_file::IsTemporaryName(name)) return name;
+    const std::size_t start = 1;
+    const std::size_t extra = kro_file::TemporaryName("").size();
+    return name.substr(start, name.size() - extra);
+}
+
+bool IsExpectedFile(const std::string& name) {
+    return IsProgramFile(name) || quarn2::IsBackupFile(WithoutTemporaryForm(name));
+}
+
+std::string FindStray(const std::string& directory, Level level);
+
+// The part of the entry's path, from its name on, that is stray; empty when the entry is expected.
+std::string FindStrayIn(const std::string& directory, const std::string& name, Level level) {
+    const std::string path = kro_file::ConcatPath(directory, name);
+    if (!std::filesystem::is_directory(path)) return IsExpectedFile(name) ? "" : name;
+    if (level == Level::kDate || (level == Level::kUser && !IsDateName(name))) return name;
+    const std::string stray = FindStray(path, IsDateName(name) ? Level::kDate : Level::kUser);
+    return stray.empty() ? "" : kro_file::ConcatPath(name, stray);
+}
+
+std::string FindStray(const std::string& directory, Level level) {
+    std::vector<std::string> names;
+    kro_file::Dir entries(directory, 2);
+    while (entries.Read()) names.push_back(entries.name());
+    std::sort(names.begin(), names.end());
+    for (const std::string& name : names) {
+        std::string stray = FindStrayIn(directory, name, level);
+        if (!stray.empty()) return stray;
+    }
+    return {};
+}
+
+[[noreturn]] void Refuse(const std::string& local_root, const std::string& reason) {
+    throw std::runtime_error("--path '" + local_root + "' cannot be rescanned: " + reason);
+}
+
+void CheckIsNoOtherUsers(const std::string& local_root, const std::string& storage_name) {
+    const auto check = [&](const std::string& user) {
+        if (user.empty() || user == storage_name) return;
+        Refuse(local_root, "it belongs to user '" + user + "'; give --storage " + user +
+                               " with it and that storage's token");
+    };
+    check(UserOfInfoRoot(local_root, kData));
+    check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
+    // In another installation's data.
+    if (!quarn2::IsAdminData(local_root)) check(kro_file::Name(local_root));
+}
+
+void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem::path& cleaned) {
+    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    if (!token.IsLocal()) return;
+    const std::filesystem::path storage = ResolvePath(kro_file::GoodPath(token.path()));
+    if (IsSameOrBelow(cleaned, storage) || IsSameOrBelow(storage, cleaned)) {
+        Refuse(local_root, "the storage lies there; name a directory for info files alone");
+    }
+}
+
+// The directories below var/backup are for info files alone. Any other may hold what no storage
+// could give back.
+void CheckHoldsNothingElse(const std::string& local_root) {
+    const std::filesystem::path data = ResolvePath(kData);
+    const bool in_data = str::StartsWith(local_root, std::string(kData) + "/") ||
+                         IsSameOrBelow(data, ResolvePath(local_root)) ||
+                         IsSameOrBelow(data, std::filesystem::absolute(local_root));
+    if (in_data) return;
+    const std::string stray = FindStrayEntry(RescanDirectory(local_root));
+    if (stray.empty()) return;
+    Refuse(local_root, "'" + stray +
+                           "' in it is no file of a backup, and the rescan would take it away; "
+                           "name a directory for info files alone");
+}
+
+}  // namespace
+
+std::string RescanDirectory(const std::string& local_root) {
+    return quarn2::IsAdminData(local_root) ? local_root : kro_file::Path(local_root);
+}
+
+bool IsProgramFile(const std::string& name) {
+    const std::string own = WithoutTemporaryForm(name);
+    return own == ".rescan" || str::StartsWith(own, ".rescan#") || own == ".clear" ||
+           own == ".cleanup" || own == ".encrypted_indexes";
+}
+
+bool IsAdminRoot(const std::string& name) { return name == "tovarn" || name == "tovarn.private"; }
+
+std::string UserOfInfoRoot(const std::string& path, const std::string& data) {
+    if (!str::StartsWith(path, data + "/")) return {};
+    std::string below = path.substr(data.size() + 1);
+    std::string name = str::GetWord(below, "/");
+    return IsAdminRoot(name) ? "" : name;
+}
+
+std::string FindStrayEntry(const std::string& directory) {
+    return FindStray(directory, Level::kTop);
+}
+
+void CheckRescanRoot(const std::string& local_root, const std::string& storage_name) {
+    // The one to clean would be the directory above, with the server's own files.
+    if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
+        Refuse(local_root, "name the info root in it, such as '" +
+                               kro_file::ConcatPath(local_root, "tovarn") + "'");
+    }
+    const std::filesystem::path cleaned = ResolvePath(RescanDirectory(local_root));
+    if (IsSameOrBelow(cleaned, ResolvePath("")) || IsSameOrBelow(cleaned, ResolvePath("var"))) {
+        Refuse(local_root, "the install root lies there; name a directory for info files alone");
+    }
+    CheckTouchesNoStorage(local_root, cleaned);
+    CheckIsNoOtherUsers(local_root, storage_name);
+    CheckHoldsNothingElse(local_root);
+}
