@@ -30,7 +30,9 @@ void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const
         return;
     }
     token.DropParam("arch_password");
-    OpenStorage(token)->Download(remote, local_index + ".aes");
+    const auto plain = OpenStorage(token);
+    plain->AllowCiphertext(true);
+    plain->Download(remote, local_index + ".aes");
     str::inpl::Append(encrypted_lines, stem + ".tgz.aes=" + hash, "\n");
 }
 

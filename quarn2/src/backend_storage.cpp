@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <cerrno>
 #include <utility>
 
 #include "encryption/encrypted_backend.h"
@@ -102,8 +104,8 @@ class FileSource final : public ByteSource {
 // The new local file of a download.
 class FileSink final : public ByteSink {
   public:
-    FileSink(int fd, const std::string& path, TransferObserver* observer)
-        : fd_(fd), path_(path), observer_(observer) {}
+    FileSink(int fd, const std::string& path, TransferObserver* observer, bool refuse_encrypted)
+        : fd_(fd), path_(path), observer_(observer), refuse_encrypted_(refuse_encrypted) {}
 
     void Expect(std::int64_t size) override {
         if (observer_ != nullptr) observer_->Begin(size);
@@ -111,8 +113,26 @@ class FileSink final : public ByteSink {
     }
 
     void Advance(std::int64_t bytes) override {
+        RefuseEncrypted();
         Begin();
         if (observer_ != nullptr) observer_->Advance(bytes);
+    }
+
+    // Reads the bytes back, because a backend may have written them through the descriptor. Throws
+    // as soon as they have arrived: a whole backup may follow them.
+    void RefuseEncrypted() {
+        if (!refuse_encrypted_) return;
+        std::array<std::byte, kEncryptedMarkSize> first{};
+        const ssize_t count = pread(fd_, first.data(), first.size(), 0);
+        if (count < 0) throw kro_err::FromErrno("Failed to read " + Quoted(path_));
+        if (static_cast<std::size_t>(count) < first.size()) return;
+        if (IsEncrypted(first)) {
+            throw Error(Kind::kUnauthorized,
+                        "the file is encrypted and the storage token has no arch_password: add the "
+                        "password that it was stored with; " +
+                            Quoted(path_) + " was not written");
+        }
+        refuse_encrypted_ = false;
     }
 
     // For a backend that does not tell the size; a transfer of no bytes begins too.
@@ -136,6 +156,7 @@ class FileSink final : public ByteSink {
     int fd_;
     std::string path_;
     TransferObserver* observer_;
+    bool refuse_encrypted_;
     bool expected_ = false;
 };
 
@@ -156,8 +177,10 @@ BackendStorage::BackendStorage(std::unique_ptr<StorageBackend> backend, BackupTo
 void BackendStorage::Download(const std::string& remote, const std::string& local) {
     CheckStoredName(remote);
     const std::unique_ptr<kro_file::NewFile> file = NewLocalFile(local);
-    FileSink sink(file->fd(), local, observer());
+    const bool refuse_encrypted = token_.Param("arch_password").empty() && !ciphertext_allowed();
+    FileSink sink(file->fd(), local, observer(), refuse_encrypted);
     backend_->Get(remote, sink);
+    sink.RefuseEncrypted();
     sink.Begin();
     using Durability = kro_file::NewFile::Durability;
     file->Commit(sync_deferred() ? Durability::kLater : Durability::kNow);

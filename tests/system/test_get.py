@@ -8,7 +8,7 @@ import subprocess
 import unittest
 
 import harness
-from harness import SystemTest, read, tree, write
+from harness import Server, SystemTest, read, tree, write
 from samples import DATE, Backup, info_text
 
 SLICE = f"F{DATE}.web1.2.dar"
@@ -76,6 +76,24 @@ class Get(GetTest):
         self.assert_success(root.run("--get", "--init", self.target(f"F{DATE}.web1.0.dar")))
         self.assertEqual([f"{DATE}.web1.info", "evil"], tree(self.place))
         self.assertFalse(os.path.exists(os.path.join(root.base, "evil")))
+
+
+class Encrypted(GetTest):
+    def test_without_a_password_an_encrypted_file_is_refused_and_nothing_written(self):
+        root = self.root()
+        plain, name = root.token, "F2026-11-20.web1.tgz"
+        root.token = plain + "?arch_password=long%20enough"
+        server = Server(root, "--count-limit", "0:9").wait_ready()
+        self.assert_success(root.run("--put", write(os.path.join(root.work, name), "data" * 1000)))
+        server.end()
+        place = os.path.join(root.base, "back")
+        refused = root.run("--get", f"{place}//{name}", env={"BACKUP_TOKEN": plain})
+        self.assert_error(refused, "the file is encrypted and the storage token has no "
+                                   "arch_password: add the password that it was stored with; "
+                                   f"'{place}/{name}' was not written")
+        self.assertEqual([], tree(place))
+        self.assert_success(root.run("--get", f"{place}//{name}"))
+        self.assertEqual(b"data" * 1000, read(os.path.join(place, name)))
 
 
 class BadInput(GetTest):

@@ -36,7 +36,8 @@ class Storage {
 
     // Fetches `remote` into the local file `local`, replacing it. The local name appears only when
     // the file is whole and synced; on failure an old one stays as it was. kNotFound when there is
-    // no such file on the storage.
+    // no such file on the storage, kUnauthorized when the file is encrypted and the token has no
+    // arch_password or another one.
     virtual void Download(const std::string& remote, const std::string& local) = 0;
 
     // Stores the local file under `remote`, replacing it. True: stored whole and durable. False:
@@ -79,6 +80,10 @@ class Storage {
     // durable with kro_file::SyncFileSystem and lets nobody trust them before.
     void DeferSync(bool deferred) noexcept { sync_deferred_ = deferred; }
 
+    // With `allowed`, and with a token without arch_password, Download hands out encrypted files as
+    // they are stored instead of refusing them.
+    void AllowCiphertext(bool allowed) noexcept { ciphertext_allowed_ = allowed; }
+
     // "NAME SIZE", and " HASH" when the storage encrypts: the name under which a local file is
     // stored, the bytes that it will occupy, the key's hash. A file in a directory named like a
     // date, or "custom", is stored as USER/DATE/NAME, any other as NAME. A name that has a blank or
@@ -91,6 +96,7 @@ class Storage {
   protected:
     TransferObserver* observer() const noexcept { return observer_; }
     bool sync_deferred() const noexcept { return sync_deferred_; }
+    bool ciphertext_allowed() const noexcept { return ciphertext_allowed_; }
 
   private:
     virtual void DoMkDir(const std::string& directory) = 0;
@@ -99,6 +105,7 @@ class Storage {
 
     TransferObserver* observer_ = nullptr;
     bool sync_deferred_ = false;
+    bool ciphertext_allowed_ = false;
 };
 
 // Opens the storage that the token names. A token that cannot be used is a kro_err::Error that says

@@ -238,6 +238,14 @@ std::unique_ptr<StorageBackend> Encrypted(std::unique_ptr<StorageBackend> backen
     return std::make_unique<EncryptedBackend>(std::move(backend), std::move(password));
 }
 
+static_assert(kEncryptedMarkSize == kMagic.size());
+
+bool IsEncrypted(std::span<const std::byte> first_bytes) {
+    const Bytes magic = std::as_bytes(std::span(kMagic));
+    return first_bytes.size() >= magic.size() &&
+           std::equal(magic.begin(), magic.end(), first_bytes.begin());
+}
+
 std::int64_t SizeEncrypted(const std::string& name, std::int64_t size) {
     return StaysPlain(name) ? size : EncryptedSize(size);
 }

@@ -103,6 +103,21 @@ TEST_F(InfoDownload, ABackupUnderAnotherKeyIsKeptEncryptedAndAddsALine) {
     EXPECT_FALSE(local_files::Has("info/2026-11-20.web1.tgz"));
 }
 
+TEST_F(InfoDownload, CiphertextIsKeptUnderItsOwnNameOnly) {
+    const std::string ciphertext = "QN2ENC1\nand so on";
+    store_->SetFile(kInfo, "key_hash=other\n");
+    store_->SetFile("2026-11-20.web1.tgz", ciphertext);
+    Download();
+    EXPECT_EQ(Local("2026-11-20.web1.tgz.aes"), ciphertext);
+
+    store_->SetFile("2026-11-20.web2.info", "key_hash=other\nlast-slice=F2026-11-20.web2.3.dar\n");
+    store_->SetFile("2026-11-20.web2.1.dar", ciphertext);
+    Download("2026-11-20.web2.info");
+    EXPECT_EQ(Below("info"), (Lines{kInfo, "2026-11-20.web1.tgz.aes", "2026-11-20.web2.info"}))
+        << "the backup counts, its catalogue is missing";
+    EXPECT_EQ(Log(4).size(), 1U);
+}
+
 TEST_F(InfoDownload, AnIndexUnderAnotherKeyComesThroughAStorageOfItsOwn) {
     OddStore::Register();
     OddStore& store = OddStore::The();

@@ -136,6 +136,40 @@ TEST_F(Encryption, HandsOutWhatWasStoredBeforeThePassword) {
     }
 }
 
+TEST_F(Encryption, WithoutAPasswordAnEncryptedFileIsRefused) {
+    Upload("file", local_files::Noise(3 * kChunk));
+    const std::shared_ptr<quarn2::Storage> plain = Open("");
+    local_files::Save(local_ / "old", "old");
+    for (const std::size_t size : {Stored().size(), kHeader, std::size_t{8}}) {
+        store_->SetFile("file", Stored().substr(0, size));
+        for (const char* target : {"old", "new"}) {
+            EXPECT_THAT(KindOf([&] { plain->Download("file", local_ / target); }),
+                        Optional(Kind::kUnauthorized));
+        }
+        EXPECT_EQ(local_files::Load(local_ / "old"), "old");
+        EXPECT_FALSE(local_files::Has(local_ / "new"));
+        EXPECT_FALSE(local_files::Has(local_ / ".new.part~"));
+    }
+}
+
+TEST_F(Encryption, WithoutAPasswordOtherFilesAreHandedOut) {
+    const std::shared_ptr<quarn2::Storage> plain = Open("");
+    for (const std::string& content : {std::string(), std::string("QN2ENC1"),
+                                       std::string("QN2ENC2\n"), local_files::Noise(kChunk)}) {
+        store_->SetFile("file", content);
+        plain->Download("file", local_ / "target");
+        EXPECT_EQ(local_files::Load(local_ / "target"), content);
+    }
+}
+
+TEST_F(Encryption, CiphertextIsHandedOutWhereItIsAllowed) {
+    Upload("file", "content");
+    const std::shared_ptr<quarn2::Storage> plain = Open("");
+    plain->AllowCiphertext(true);
+    plain->Download("file", local_ / "target");
+    EXPECT_EQ(local_files::Load(local_ / "target"), Stored());
+}
+
 TEST_F(Encryption, EncryptsWhatLooksEncrypted) {
     Upload("file", "text");
     const std::string stored = Stored();
