@@ -17,6 +17,7 @@
 #include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
+#include "kro/kro_hint.h"
 #include "kro/kro_log.h"
 
 namespace {
@@ -87,8 +88,7 @@ int Run(int argc, char** argv) {
     return tovmain(argc, argv);
 }
 
-// A command that the node client refused carries no text: the reason is in that process's log
-// lines.
+// A command that the node client refused carries no text when its reason was not found in the log.
 int Report(const std::exception& error) {
     std::string text = error.what();
     if (text.empty()) text = "the node client refused the command; see var/quarn2_cp.log";
@@ -107,6 +107,10 @@ int main(int argc, char** argv) {
     } catch (const kro_args::UsageError& error) {
         std::fprintf(stderr, "%s: %s\nTry '%s --help'.\n", kProgram, error.what(), kProgram);
         return 2;
+    } catch (const kro_err::HintedError& error) {
+        Report(error);
+        std::fprintf(stderr, "%s\n", error.hint().c_str());
+        return 1;
     } catch (const std::exception& error) {
         return Report(error);
     }

@@ -14,23 +14,41 @@
 
 #include "kro/kro_env.h"
 #include "kro/kro_err.h"
+#include "kro/kro_hint.h"
 #include "kro/kro_log.h"
+#include "kro/kro_log_reader.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_refusal.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
 
-// Somebody else's server would answer that files are stored.
-void CheckPeer(int connection) {
+// Another user's server would answer that files are stored. Returns the node client's process.
+pid_t CheckPeer(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
         throw kro_err::FromErrno("Failed to ask who holds the control socket");
     }
-    if (peer.uid == 0 || peer.uid == geteuid()) return;
+    if (peer.uid == 0 || peer.uid == geteuid()) return peer.pid;
     throw std::runtime_error("the control socket is held by another user, of id " +
                              str::Str(peer.uid) + "; nothing was sent");
+}
+
+std::string HowToStartServer() {
+    const std::string storage = kro_env::GetEnv("BACKUP_STORAGE");
+    return "No size control server runs here for this storage. Start one and keep its standard "
+           "input open: mkfifo /run/hold; quarn2_cp --server " +
+           (storage.empty() ? "" : "--storage '" + storage + "' ") +
+           "--size-limit BYTES --count-limit FULL:DAILY </run/hold & exec 3>/run/hold";
+}
+
+[[noreturn]] void ThrowNotConnected(const std::string& path, int error) {
+    const bool no_server = error == ENOENT || error == ECONNREFUSED;
+    throw kro_err::HintedError(
+        "Failed to connect to size control server socket",
+        no_server ? HowToStartServer() : kro_err::FromErrno("'" + path + "'", error).what());
 }
 
 ResHandle ConnectToNodeClient(const std::string& path) {
@@ -40,10 +58,15 @@ ResHandle ConnectToNodeClient(const std::string& path) {
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path));
     if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        throw std::runtime_error("Failed to connect to size control server socket");
+        ThrowNotConnected(path, errno);
     }
-    CheckPeer(connection);
     return connection;
+}
+
+[[noreturn]] void ThrowRefused(const kro_log::Bookmark& begin, pid_t node_client) {
+    const std::string reason = FindRefusal(begin, node_client);
+    throw std::runtime_error(reason.empty() ? ""
+                                            : "the node client refused the command: " + reason);
 }
 
 }  // namespace
@@ -70,7 +93,9 @@ std::string SendCommand(const std::string& command) {
     const std::string path = ControlSocketPath(kro_env::GetEnv("BACKUP_STORAGE"));
     KRO_LOG(kLog, 8, "%s command = %s, storage = '%s'", "SendCommand", command.c_str(),
             path.c_str());
+    const kro_log::Bookmark begin;
     const ResHandle connection = ConnectToNodeClient(path);
+    const pid_t node_client = CheckPeer(connection);
     if (send(connection, command.data(), command.size(), 0) !=
         static_cast<ssize_t>(command.size())) {
         throw std::runtime_error("Failed to send command");
@@ -78,6 +103,7 @@ std::string SendCommand(const std::string& command) {
     shutdown(connection, SHUT_WR);
     std::string answer = Read(connection);
     const std::string status = str::GetWord(answer);
+    if (status.empty()) ThrowRefused(begin, node_client);
     if (status != "OK") throw std::runtime_error(status);
     return answer;
 }

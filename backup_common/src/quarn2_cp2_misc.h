@@ -19,8 +19,8 @@ std::string Read(ResHandle handle);
 std::string ControlSocketPath(const std::string& storage);
 
 // Sends one command to the node client of the storage that BACKUP_STORAGE names and returns its
-// answer without the leading "OK". Throws std::runtime_error, with an empty text when the command
-// was refused.
+// answer without the leading "OK". Throws std::runtime_error. When the command was refused its text
+// holds the reason that the node client has logged, or is empty when that was not found.
 std::string SendCommand(const std::string& command);
 
 // Ends an event loop once a descriptor has something to say (or was closed). The lock keeps it from

@@ -13,13 +13,14 @@
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_refusal.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kMaxSilence{10};
 // A command is one word and one path.
-constexpr std::size_t kMaxCommandBytes = 64 * 1024;
+constexpr std::size_t kMaxCommandBytes = 64UL * 1024;
 // Descriptors are limited. A command that is served as soon as it is complete needs one briefly.
 constexpr std::size_t kMaxPeers = 64;
 
@@ -46,8 +47,7 @@ quarn2::Expect::Result* ControlPeer::operator()(ResHandle /*connection*/) {
         Answer();
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 3, "%s", error.what());
-        // The caller finds its reason by this line: it follows the reason in the same thread.
-        KRO_LOG(kLog, 5, "The command of process %d was refused: %.4200s", PeerProcess(connection_),
+        KRO_LOG(kLog, 5, "%s%.4200s", RefusalLine(PeerProcess(connection_)).c_str(),
                 command_.c_str());
     }
     return quarn2::Expect::erClose;

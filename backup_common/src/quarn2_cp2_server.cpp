@@ -13,6 +13,7 @@
 #include "quarn2/names.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_server_model.h"
+#include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_rescan.h"
 #include "quarn2_cp2_server_start.h"
 
@@ -70,6 +71,8 @@ void CheckArguments(const kro_args::Result& args) {
 
 void CommandServer(int /*argc*/, char** /*argv*/, kro_args::ResultPtr args) {
     CheckArguments(*args);
+    WarnOfCountLimit(*args);
+    WarnOfEndedInput();
     const std::string info_root = GetArgPath(args->Param("path", -1));
     CheckNoBrokenClear(info_root);
     ResHandle handle;

@@ -18,6 +18,7 @@
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_server_notes.h"
 
 namespace {
 
@@ -39,6 +40,16 @@ int FlockWaiting(int fd, int operation) {
     int result = flock(fd, operation);
     while (result != 0 && errno == EINTR) result = flock(fd, operation);
     return result;
+}
+
+// Waits for the lock, and says so when it is not free.
+bool LockSayingSo(int fd, const std::string& path, int operation) {
+    if (FlockWaiting(fd, operation | LOCK_NB) == 0) return true;
+    if (errno != EWOULDBLOCK) return false;
+    SayWaiting(path + (operation == LOCK_EX
+                           ? " is held by another caller or server"
+                           : " is held by a rescan or by a server that is ending"));
+    return FlockWaiting(fd, operation) == 0;
 }
 
 // The process that holds the record lock on the pid file: a server that is past its start.
@@ -118,6 +129,7 @@ class Starter {
                 if (Join(*holder)) return std::move(handle_);
             } else {
                 // A server is starting, or ending.
+                if (server_key_.empty()) SayWaiting("another server is starting or ending");
                 kro_proc::Sleep(kStartingPause);
             }
         }
@@ -159,6 +171,9 @@ class Starter {
         }
         KRO_LOG(kLog, 4, "Other instanse of size control server is running. Date: %s",
                 server.date.c_str());
+        SayWaiting("process " + str::Str(holder) +
+                   " is the server of this storage and was started with another date, other limits "
+                   "or other nodes; this call waits until that server ends");
         handle_.Close();
         handle_.Reset();
         kro_proc::Sleep(kOtherServerPause);
@@ -195,7 +210,7 @@ ResHandle Quarn2Lock(const std::string& path, bool exclusive) {
     for (int attempt = 0; attempt < kLockAttempts; ++attempt) {
         ResHandle file = OpenLockFile(path);
         if (!file) throw std::runtime_error("Failed to open pidfile");
-        if (FlockWaiting(file, exclusive ? LOCK_EX : LOCK_SH) != 0) {
+        if (!LockSayingSo(file, path, exclusive ? LOCK_EX : LOCK_SH)) {
             throw std::runtime_error("Failed to set shared lock");
         }
         // Another process may have removed or replaced the file while this one waited.

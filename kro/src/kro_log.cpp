@@ -17,6 +17,8 @@
 #include "fd_io.h"
 #include "kro/kro_env.h"
 #include "kro/kro_file.h"
+#include "kro/kro_log_reader.h"
+#include "kro/res_handle.h"
 #include "kro/str.h"
 
 namespace kro_log {
@@ -197,6 +199,82 @@ void Module::Text(int level, const std::string& text) const noexcept {
     } catch (const std::exception&) {
         // As above.
     }
+}
+
+namespace {
+
+constexpr off_t kMaxReadBack = 256L * 1024;
+
+// The bytes from `begin` on; fewer when the file cannot be read further.
+std::string ReadFrom(int fd, off_t begin, off_t end) {
+    std::string text(static_cast<std::size_t>(end - begin), '\0');
+    std::size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = kro_file::NoEintr([&] {
+            return ::pread(fd, text.data() + done, text.size() - done,
+                           begin + static_cast<off_t>(done));
+        });
+        if (count <= 0) break;
+        done += static_cast<std::size_t>(count);
+    }
+    text.resize(done);
+    return text;
+}
+
+std::vector<Line> CompleteLinesOf(pid_t process, std::string_view text) {
+    std::vector<Line> lines;
+    for (std::size_t end = text.find('\n'); end != text.npos; end = text.find('\n')) {
+        std::optional<Line> line = ParseLine(std::string(text.substr(0, end)));
+        if (line && line->process == process) lines.push_back(std::move(*line));
+        text.remove_prefix(end + 1);
+    }
+    return lines;
+}
+
+ResHandle OpenToRead(const std::string& path) {
+    if (path.empty() || kro_file::IsForeignLink(path)) return {};
+    return ResHandle(kro_file::OpenFd(path, O_RDONLY | O_NOCTTY | O_NONBLOCK));
+}
+
+}  // namespace
+
+std::optional<Line> ParseLine(const std::string& line) {
+    Line parsed;
+    int text_at = 0;
+    const int fields =
+        std::sscanf(  // NOLINT(cert-err34-c): a number out of range is no line of ours
+            line.c_str(), "%*4d-%*2d-%*2d %*2d:%*2d:%*2d.%*3d [%d:%d] %*s %*s %d:%n",
+            &parsed.process, &parsed.thread, &parsed.level, &text_at);
+    const auto at = static_cast<std::size_t>(text_at);
+    if (fields != 3 || at == 0 || at >= line.size()) return std::nullopt;
+    parsed.text = line.substr(at + 1);
+    return parsed;
+}
+
+Bookmark::Bookmark() {
+    {
+        State& state = TheState();
+        const std::lock_guard<std::mutex> section(state.mutex);
+        path_ = state.path;
+    }
+    struct stat status {};
+    if (path_.empty() || ::stat(path_.c_str(), &status) != 0) return;
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+    size_ = status.st_size;
+}
+
+std::vector<Line> Bookmark::LinesOf(pid_t process) const {
+    const ResHandle file = OpenToRead(path_);
+    struct stat status {};
+    if (!file || ::fstat(file, &status) != 0 || !S_ISREG(status.st_mode)) return {};
+    const bool same = status.st_dev == device_ && status.st_ino == inode_;
+    if ((inode_ != 0 && !same) || status.st_size < size_) return {};
+    const off_t begin = std::max(size_, status.st_size - kMaxReadBack);
+    std::string text = ReadFrom(file, begin, status.st_size);
+    // The first line may have lost its beginning.
+    if (begin > size_) text.erase(0, std::min(text.find('\n'), text.size()));
+    return CompleteLinesOf(process, text);
 }
 
 }  // namespace kro_log

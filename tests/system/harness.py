@@ -184,6 +184,14 @@ def read_available(fd, timeout):
     return os.read(fd, 65536) if ready else None
 
 
+def split_warnings(errors):
+    """Standard error without its warnings, and the warnings' texts."""
+    lines = errors.splitlines(keepends=True)
+    begin = "quarn2_cp: warning: "
+    return ("".join(line for line in lines if not line.startswith(begin)),
+            [line[len(begin):].rstrip("\n") for line in lines if line.startswith(begin)])
+
+
 # --- Install roots ---
 
 class LogEntry:
@@ -248,7 +256,7 @@ class Root:
                      env=self.environment(**(env or {})), **pipes)
 
     def run(self, *arguments, env=None, cwd="/", wrapper=(), timeout=None):
-        """Runs a command to its end; the result has returncode, stdout, stderr."""
+        """Runs a command to its end; the result has returncode, stdout, stderr, warnings."""
         process = self.spawn(*arguments, env=env, cwd=cwd, wrapper=wrapper,
                              stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                              stderr=subprocess.PIPE)
@@ -258,8 +266,10 @@ class Root:
             process.kill()
             process.communicate()
             raise AssertionError(f"{arguments} did not end") from None
-        return subprocess.CompletedProcess(arguments, process.returncode, out.decode(),
-                                           err.decode())
+        errors, warnings = split_warnings(err.decode())
+        result = subprocess.CompletedProcess(arguments, process.returncode, out.decode(), errors)
+        result.warnings = warnings
+        return result
 
     def log(self, level=None, pid=None):
         try:
@@ -349,6 +359,7 @@ class Server:
         self.daemon = None
         self.output = b""
         self.errors = None
+        self.warnings = []
         storage = ""
         for option, value in zip(arguments, arguments[1:]):
             if option in ("--storage", "-U"):
@@ -412,7 +423,7 @@ class Server:
             time.sleep(0.01)
 
     def wait_end(self, timeout=None):
-        """Waits for the caller's own end; its exit status and standard error."""
+        """Waits for the caller's own end; its exit status and standard error without warnings."""
         if self.errors is None:
             self.errors = b""
             end = time.monotonic() + (DEADLINE if timeout is None else timeout)
@@ -423,7 +434,8 @@ class Server:
                 if not piece:
                     break
                 self.errors += piece
-        return self.process.wait(DEADLINE), self.errors.decode()
+        errors, self.warnings = split_warnings(self.errors.decode())
+        return self.process.wait(DEADLINE), errors
 
     def release(self):
         """Lets the server go, as a job does when it is done."""

@@ -206,7 +206,8 @@ class SizeLimit(LimitTest):
         old = chain(self.r, "web1", "FD", size=400)
         server = self.start("--size-limit", "1000", "--count-limit", "9:9")
         result = Job(self.r).backup("web2", DATE, size=201)
-        self.assert_error(result, "the node client refused the command; see var/quarn2_cp.log")
+        self.assert_error(result, "the node client refused the command: "
+                                  "No disk space left on storage. Size limit: 1000")
         self.assertEqual(["No disk space left on storage. Size limit: 1000"],
                          self.r.log_texts(3, server.node_client()))
         self.assertEqual([f"F{DATE}.web2.1.dar"], tree(self.r.work))

@@ -13,6 +13,13 @@ DATE = "2026-11-20"
 NO_SERVER = "Failed to connect to size control server socket"
 
 
+def how_to_start(option=""):
+    """The second line of a command that finds no server."""
+    return ("\nNo size control server runs here for this storage. Start one and keep its standard "
+            f"input open: mkfifo /run/hold; quarn2_cp --server {option}--size-limit BYTES "
+            "--count-limit FULL:DAILY </run/hold & exec 3>/run/hold")
+
+
 class PutTest(SystemTest):
     """A root with a running server."""
 
@@ -100,8 +107,10 @@ class Slices(PutTest):
     def test_a_missing_source(self):
         info = self.info(type="full", created=f"{DATE} 00:00:00")
         before = read(info)
-        result = self.r.run("--put", os.path.join(self.r.work, "F2026-11-20.no.tgz"), "-I", info)
-        self.assert_error(result, "the node client refused the command; see var/quarn2_cp.log")
+        path = os.path.join(self.r.work, "F2026-11-20.no.tgz")
+        result = self.r.run("--put", path, "-I", info)
+        self.assert_error(result, f"the node client refused the command: Failed to look at '{path}': "
+                                  "No such file or directory")
         self.assertEqual(before, read(info))
 
     def test_a_relative_path_is_relative_to_the_install_root(self):
@@ -132,7 +141,7 @@ class WithoutServer(SystemTest):
         root = self.root()
         path = write(os.path.join(root.work, "F2026-11-20.web1.tgz"), "data")
         info = write(os.path.join(root.work, "job.info"), "type=full")
-        self.assert_error(root.run("--put", path, "-I", info), NO_SERVER)
+        self.assert_error(root.run("--put", path, "-I", info), NO_SERVER + how_to_start())
         self.assertEqual([NO_SERVER], root.log_texts(3))
         self.assertEqual((b"data", b"type=full"), (read(path), read(info)))
 
@@ -141,8 +150,9 @@ class WithoutServer(SystemTest):
         server = Server(root, "--storage", "alice").wait_ready()
         root.wait_log(f"Client. Backup token = 'local://{root.storage}'")
         path = write(os.path.join(root.work, "F2026-11-20.web1.tgz"), "data")
-        for name in (None, "", "bob"):
-            self.assert_error(root.run("--put", path, env={"BACKUP_STORAGE": name}), NO_SERVER)
+        for name, option in ((None, ""), ("", ""), ("bob", "--storage 'bob' ")):
+            self.assert_error(root.run("--put", path, env={"BACKUP_STORAGE": name}),
+                              NO_SERVER + how_to_start(option))
         result = root.run("--put", path, env={"BACKUP_STORAGE": "alice", "BACKUP_TOKEN": None})
         self.assert_success(result)
         self.assertEqual(0, server.end())

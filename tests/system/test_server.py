@@ -393,5 +393,55 @@ class CleanUpAtStart(SystemTest):
         self.assertEqual([told] * 2, root.log_texts(4, server.daemon))
 
 
+class Warnings(SystemTest):
+    NO_DAILIES = ("--count-limit names no number of daily backups: this server deletes every daily "
+                  "backup that is not the newest backup of its user, when it starts and when it ends; "
+                  "give --count-limit FULL:DAILY to keep them")
+
+    def test_a_call_that_holds_no_server_says_so(self):
+        root = self.root()
+        ended = root.run("--server", "--count-limit", "0:9")
+        closed = root.run("--server", "--count-limit", "0:9",
+                          wrapper=("sh", "-c", 'exec "$0" "$@" <&-'))
+        for result in (ended, closed):
+            self.assert_success(result)
+            self.assertEqual(["standard input is closed, /dev/null or at its end: this call ends at "
+                              "once and does not keep the server. To hold it, keep standard input "
+                              "open: mkfifo /run/hold; quarn2_cp --server ... </run/hold & "
+                              "exec 3>/run/hold"], result.warnings)
+
+    def test_missing_daily_limits_are_told_on_standard_error_and_in_the_log(self):
+        for arguments, warnings in (((), [self.NO_DAILIES]), (("-C", "4"), [self.NO_DAILIES]),
+                                    (("-C", "4:9"), []), (("-C", "0:0"), [])):
+            root = self.root()
+            server = Server(root, *arguments).wait_ready()
+            server.release()
+            self.assertEqual(warnings, server.warnings)
+            self.assertEqual(warnings, root.log_texts(4, server.pid))
+
+    def test_a_call_that_waits_for_another_server_says_so_once(self):
+        root = self.root()
+        first = Server(root, "--count-limit", "0:9", "--date", DATE).wait_ready()
+        waiting = Server(root, "--count-limit", "0:8", "--date", DATE)
+        root.wait_log(OTHER + DATE, level=4, pid=waiting.pid, count=2)
+        first.release()
+        waiting.wait_ready()
+        waiting.release()
+        self.assertEqual([f"waiting: process {first.daemon} is the server of this storage and was "
+                          "started with another date, other limits or other nodes; this call waits "
+                          "until that server ends"], waiting.warnings)
+
+    def test_a_rescan_that_waits_for_other_callers_says_so(self):
+        root = self.root()
+        holder = Server(root, "--count-limit", "0:9").wait_ready()
+        rescan = Server(root, "--rescan", "--count-limit", "0:9")
+        said = harness.read_available(rescan.process.stderr.fileno(), harness.DEADLINE).decode()
+        self.assertEqual("quarn2_cp: warning: waiting: var/quarn2_cp.lock is held by another caller "
+                         "or server\n", said)
+        holder.release()
+        rescan.wait_ready()
+        self.assertEqual((0, ""), rescan.release())
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -8,9 +8,11 @@
 #include "control_server.h"
 #include "faults.h"
 #include "kro/kro_err.h"
+#include "kro/kro_hint.h"
 #include "program_site.h"
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_refusal.h"
 #include "quarn2_cp2_put.h"
 
 namespace {
@@ -99,20 +101,83 @@ TEST_F(Misc, SendCommandGoesToTheStorageOfTheEnvironment) {
     EXPECT_EQ(Log(), (Lines{"8: SendCommand command = X, storage = 'tmp/quarn2_cp.sock#web1'"}));
 }
 
-TEST_F(Misc, SendCommandWithoutANodeClientThrows) {
-    EXPECT_EQ(TextOf<std::runtime_error>([] { SendCommand("PUT a"); }),
-              "Failed to connect to size control server socket");
+// The text and the hint of a command that finds no node client.
+std::pair<std::string, std::string> NotConnected() {
+    try {
+        SendCommand("PUT a");
+    } catch (const kro_err::HintedError& error) {
+        return {error.what(), error.hint()};
+    }
+    return {};
 }
 
-TEST_F(Misc, SendCommandToAStaleSocketThrows) {
+std::string HowToStart(const std::string& option) {
+    return "No size control server runs here for this storage. Start one and keep its standard "
+           "input open: mkfifo /run/hold; quarn2_cp --server " +
+           option + "--size-limit BYTES --count-limit FULL:DAILY </run/hold & exec 3>/run/hold";
+}
+
+TEST_F(Misc, SendCommandWithoutANodeClientSaysHowToStartAServer) {
+    const std::string text = "Failed to connect to size control server socket";
+    EXPECT_EQ(NotConnected(), std::pair(text, HowToStart("")));
     ControlServer::Listen(kSocket).Close();
-    EXPECT_EQ(TextOf<std::runtime_error>([] { SendCommand("PUT a"); }),
-              "Failed to connect to size control server socket");
+    EXPECT_EQ(NotConnected(), std::pair(text, HowToStart(""))) << "a stale socket";
+    setenv("BACKUP_STORAGE", "web1", 1);
+    EXPECT_EQ(NotConnected(), std::pair(text, HowToStart("--storage 'web1' ")));
+}
+
+TEST_F(Misc, ASocketThatCannotBeReachedForAnotherReasonGivesIt) {
+    std::filesystem::remove_all("tmp");
+    Place("tmp", "a file");
+    EXPECT_EQ(NotConnected().second, "'tmp/quarn2_cp.sock': Not a directory");
 }
 
 TEST_F(Misc, RefusedCommandThrowsAnEmptyText) {
     const ControlServer server(kSocket, [](const std::string&) { return ""; });
     EXPECT_EQ(TextOf<std::runtime_error>([] { SendCommand("PUT a"); }), "");
+}
+
+// The server of these tests runs in this process, so its log lines are those of the node client.
+void LogRefusal(const std::string& reason, pid_t process) {
+    constexpr kro_log::Module kLog("main");
+    kLog.Text(3, reason);
+    kLog.Text(5, RefusalLine(process) + "PUT a");
+}
+
+std::string TextOfRefusal(ControlServer::Answer refuse) {
+    const ControlServer server(kSocket, std::move(refuse));
+    return TextOf<std::runtime_error>([] { SendCommand("PUT a"); });
+}
+
+TEST_F(Misc, RefusedCommandThrowsTheReasonOfTheNodeClientsLog) {
+    LogRefusal("of an earlier command", getpid());
+    EXPECT_EQ(TextOfRefusal([](const std::string&) {
+                  LogRefusal("No disk space left on storage. Size limit: 5", getpid());
+                  LogRefusal("of another process", 1);
+                  return "";
+              }),
+              "the node client refused the command: No disk space left on storage. Size limit: 5");
+}
+
+TEST_F(Misc, WithoutALogOfThisCommandTheRefusalHasNoText) {
+    LogRefusal("of an earlier command", getpid());
+    const std::vector<ControlServer::Answer> cases = {
+        [](const std::string&) { return ""; },
+        [](const std::string&) {
+            LogRefusal("of another process", 1);
+            return "";
+        },
+        [](const std::string&) {
+            LogRefusal("rotated", getpid());
+            std::filesystem::rename("var/quarn2_cp.log", "var/quarn2_cp.log.1");
+            return "";
+        },
+        [](const std::string&) {
+            LogRefusal("removed", getpid());
+            std::filesystem::remove_all("var");
+            return "";
+        }};
+    for (const ControlServer::Answer& refuse : cases) EXPECT_EQ(TextOfRefusal(refuse), "");
 }
 
 TEST_F(Misc, AnswerThatIsNotOkThrowsItsFirstWord) {

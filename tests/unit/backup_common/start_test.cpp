@@ -12,6 +12,7 @@
 #include "kro/kro_proc.h"
 #include "program_site.h"
 #include "quarn2_cp2_server.h"
+#include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_start.h"
 
 namespace {
@@ -360,6 +361,19 @@ TEST_F(Start, BadServerArgumentsAreReportedByTheCaller) {
               "the storage token is empty: set BACKUP_TOKEN, for instance to local:///srv/backups");
     EXPECT_FALSE(local_files::Has(kPid));
     EXPECT_FALSE(local_files::Has(kLock));
+}
+
+// --- Warnings ---
+
+TEST(Notes, AServerWithoutANumberOfDailiesWarns) {
+    for (const char* given : {"4:21", "0:0", ":7", "4:0"}) EXPECT_EQ(CountLimitWarning(given), "");
+    for (const char* given : {"", "0", "4", "4:"}) {
+        EXPECT_EQ(CountLimitWarning(given),
+                  "--count-limit names no number of daily backups: this server deletes every daily "
+                  "backup that is not the newest backup of its user, when it starts and when it "
+                  "ends; give --count-limit FULL:DAILY to keep them")
+            << given;
+    }
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "child.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
+#include "kro/kro_log_reader.h"
 #include "kro/kro_stream.h"
 #include "kro/str.h"
 #include "temp_dir.h"
@@ -207,6 +208,86 @@ TEST_F(Log, MayBeRotatedAndReopenedWhileThreadsLog) {
     std::size_t count = Lines().size();
     for (int i = 0; i < 20; ++i) count += Lines("var/prog.log." + str::Str(i)).size();
     EXPECT_EQ(count, 400U);
+}
+
+// --- Reading it back ---
+
+TEST_F(Log, ALineIsParsedIntoItsFields) {
+    const auto line =
+        kro_log::ParseLine("2026-11-20 16:06:18.123 [12:345] prog main 3: No space: \\n[1:2] 5: x");
+    ASSERT_TRUE(line);
+    EXPECT_EQ(line->process, 12);
+    EXPECT_EQ(line->thread, 345);
+    EXPECT_EQ(line->level, 3);
+    EXPECT_EQ(line->text, "No space: \\n[1:2] 5: x");
+}
+
+TEST_F(Log, OtherTextIsNoLine) {
+    for (const char* text : {"", "x", "2026-11-20 16:06:18.123 [12:345] prog main 3",
+                             "2026-11-20 16:06:18.123 [12:345] prog main x: y",
+                             "2026-11-20 16:06:18 [12:345] prog main 3: y",
+                             "2026-11-20 16:06:18.123 [:345] prog main 3: y"}) {
+        EXPECT_FALSE(kro_log::ParseLine(text)) << text;
+    }
+}
+
+std::vector<std::string> TextsSince(const kro_log::Bookmark& begin) {
+    std::vector<std::string> texts;
+    for (const kro_log::Line& line : begin.LinesOf(::getpid())) texts.push_back(line.text);
+    return texts;
+}
+
+TEST_F(Log, ABookmarkGivesTheLinesOfOneProcessSinceThen) {
+    kro_log::Init("prog", 5);
+    const kro_log::Bookmark before_the_file;
+    kMain.Text(3, "one");
+    const kro_log::Bookmark begin;
+    EXPECT_THAT(TextsSince(begin), testing::IsEmpty());
+    kMain.Text(3, "two\nlines");
+    kMain.Text(5, " three");
+    EXPECT_THAT(TextsSince(before_the_file), testing::ElementsAre("one", "two\\nlines", " three"));
+    EXPECT_THAT(TextsSince(begin), testing::ElementsAre("two\\nlines", " three"));
+    EXPECT_EQ(begin.LinesOf(::getpid()).front().thread, ::gettid());
+    EXPECT_THAT(begin.LinesOf(1), testing::IsEmpty());
+}
+
+TEST_F(Log, ALineThatIsBeingWrittenIsLeftOut) {
+    kro_log::Init("prog", 5);
+    kMain.Text(3, "one");
+    const kro_log::Bookmark begin;
+    kMain.Text(3, "two");
+    std::filesystem::resize_file("var/prog.log", std::filesystem::file_size("var/prog.log") - 1);
+    EXPECT_THAT(TextsSince(begin), testing::IsEmpty());
+}
+
+TEST_F(Log, AReplacedShortenedOrMissingLogGivesNothing) {
+    kro_log::Init("prog", 5);
+    kMain.Text(3, "one");
+    const kro_log::Bookmark begin;
+    std::filesystem::rename("var/prog.log", "var/prog.log.1");
+    EXPECT_THAT(TextsSince(begin), testing::IsEmpty());
+    kMain.Text(3, "two");
+    EXPECT_THAT(TextsSince(begin), testing::IsEmpty());
+    const kro_log::Bookmark later;
+    std::filesystem::resize_file("var/prog.log", 0);
+    kMain.Text(3, "3");
+    EXPECT_THAT(TextsSince(later), testing::IsEmpty());
+    std::filesystem::remove("var/prog.log");
+    std::filesystem::create_directory("var/prog.log");
+    EXPECT_THAT(TextsSince(later), testing::IsEmpty());
+}
+
+TEST_F(Log, OfALongLogOnlyTheEndIsRead) {
+    kro_log::Init("prog", 5);
+    const kro_log::Bookmark begin;
+    const std::string noise(100, 'x');
+    for (int i = 0; i < 3000; ++i) kMain.Text(5, noise);
+    kMain.Text(3, "last");
+    const std::vector<std::string> texts = TextsSince(begin);
+    EXPECT_LT(texts.size(), 3000U);
+    EXPECT_GT(texts.size(), 1000U);
+    EXPECT_EQ(texts.front(), noise);
+    EXPECT_EQ(texts.back(), "last");
 }
 
 }  // namespace
