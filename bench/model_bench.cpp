@@ -17,7 +17,8 @@
 
 namespace {
 
-constexpr int kUsers = 100'000;
+// A first argument that is a number replaces it.
+int users = 100'000;
 constexpr int kRecordsEach = 10;
 constexpr std::int64_t kRoom = std::int64_t{1} << 60;
 
@@ -38,7 +39,7 @@ void Fill(GlobalSizeControl& control) {
     control.size_limit = kRoom;
     control.max_count = kRecordsEach;
     auto& storage = control.AddStorage(nullptr);
-    for (int user = 0; user < kUsers; ++user) {
+    for (int user = 0; user < users; ++user) {
         auto& backups = storage.users[UserName(user)].backups;
         for (int day = 0; day < kRecordsEach; ++day) {
             backups[DateName(day)] = {1000 + day, day % 7 == 0 ? 0 : 1, false};
@@ -53,7 +54,7 @@ void BM_MemoryPerRecord(benchmark::State& state) {
         GlobalSizeControl control;
         Fill(control);
         const std::size_t after = mallinfo2().uordblks + mallinfo2().hblkhd;
-        bytes = static_cast<double>(after - before) / (double{kUsers} * kRecordsEach);
+        bytes = static_cast<double>(after - before) / (double{1} * users * kRecordsEach);
     }
     state.counters["bytes_per_record"] = bytes;
 }
@@ -139,8 +140,8 @@ void Complete(benchmark::State& state, std::int64_t stride) {
     Fill(control);
     Link link(control);
     std::vector<std::string> lines;
-    for (std::int64_t number = 0; number < kUsers; ++number) {
-        const int user = static_cast<int>((number * stride) % kUsers);
+    for (std::int64_t number = 0; number < users; ++number) {
+        const int user = static_cast<int>((number * stride) % users);
         lines.push_back("COMPLETE " + UserName(user) + " " + DateName(kRecordsEach) +
                         " incremental 1000");
     }
@@ -160,4 +161,16 @@ BENCHMARK(BM_CompleteAtRandom)->Unit(benchmark::kNanosecond);
 
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    if (argc > 1 && argv[1][0] != '-') {
+        users = std::atoi(argv[1]);
+        if (users < 1) return 2;
+        --argc;
+        argv[1] = argv[0];
+        ++argv;
+    }
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+}

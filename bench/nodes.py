@@ -22,14 +22,17 @@ from harness import Root, Server, wait_for, write, write_executable  # noqa: E40
 from machines import Head, Node  # noqa: E402
 
 DELAY = 10  # milliseconds one way
-PUTS = 100
-SESSIONS = 50
-SECONDS = 20
+SHORT = bool(os.environ.get("BENCH_SHORT"))
+PUTS = 5 if SHORT else 100
+SESSIONS = 5 if SHORT else 50
+SECONDS = 3 if SHORT else 20
 
-# A reservation each second, whatever the answers say.
+# A reservation each second, whatever the answers say, until the server closes its input. A shell gives a
+# background command no input, so the reader is the command in the foreground.
 SSH = """#!/bin/sh
-cat >/dev/null &
-while sleep 1; do echo 'RESERVE 1000'; done
+while sleep 1; do echo 'RESERVE 1000'; done &
+cat >/dev/null
+kill $!
 """
 
 
@@ -74,7 +77,8 @@ def measure_round_trips(site):
     node = Node(site, head, 1, relayed=True)
     node.start_sshd()
     node.cable.order(f"delay {DELAY}")
-    server = Server(head, "--ssh-key", head.key, "--node", node.option).wait_ready()
+    server = Server(head, "--count-limit", "0:1000", "--ssh-key", head.key, "--node",
+                    node.option).wait_ready()
     node.served()
     local, remote, trip = put_times(head), put_times(node), round_trip(node)
     server.end()
@@ -101,7 +105,7 @@ def served_server(root, count):
     write_executable(root.file("bin/ssh"), SSH)
     nodes = [word for number in range(count) for word in ("--node", f"node{number}")]
     path = root.file("bin") + ":" + os.environ["PATH"]
-    server = Server(root, *nodes, env={"PATH": path}).wait_ready()
+    server = Server(root, "--count-limit", "0:1000", *nodes, env={"PATH": path}).wait_ready()
     wait_for(lambda: len(harness.children(server.daemon)) == count + 1, "all sessions")
     time.sleep(3)
     return server
