@@ -6,6 +6,7 @@
 #include <algorithm>
 
 #include "backends/ftp/listing.h"
+#include "backends/ftp/meaning.h"
 #include "backends/ftp/reply.h"
 #include "fuzz.h"
 #include "stored_name.h"
@@ -21,9 +22,9 @@ void CheckReply(const Reply& reply) {
     Require(reply.code >= 0 && reply.code <= 999, "a code has three digits");
     Require(reply.text.size() < kLongestText, "a text has an end");
     Require(reply.verb.find(' ') == reply.verb.npos, "no argument of a command is kept");
-    SaysMissing(reply.text);
-    SaysDenied(reply.text);
-    SaysTlsNeeded(reply.text);
+    SaysMissing(reply.words);
+    SaysDenied(reply.words);
+    SaysTlsNeeded(reply.words);
     SaysTruncated(reply.text);
     Require(!IsFull(reply) || reply.IsRefusal(), "a storage is full when it refuses");
     IsUnknownCommand(reply);

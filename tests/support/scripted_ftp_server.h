@@ -114,11 +114,19 @@ class FtpSession {
         Say("226 Done");
     }
     void Receive() {
+        ReceiveBytes();
+        Say("226 Done");
+    }
+    // Leaves the answer at the end to the caller; the number of bytes that came.
+    std::size_t ReceiveBytes() {
         Say("150 Give it");
         const ResHandle fd(data_->Accept());
         char piece[4096];
-        while (recv(fd, piece, sizeof piece, 0) > 0) continue;
-        Say("226 Done");
+        std::size_t received = 0;
+        for (ssize_t count = 0; (count = recv(fd, piece, sizeof piece, 0)) > 0;) {
+            received += static_cast<std::size_t>(count);
+        }
+        return received;
     }
 
   private:

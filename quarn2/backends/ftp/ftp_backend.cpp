@@ -4,6 +4,7 @@
 #include <functional>
 #include <utility>
 
+#include "backends/ftp/meaning.h"
 #include "backends/ftp/session.h"
 #include "backends/ftp/temporary.h"
 #include "backends/ftp/tree.h"
@@ -22,20 +23,23 @@ using ftp::Reply;
 using kro_err::Error;
 using kro_err::Kind;
 
-// So many zeros find out whether a storage is full.
+// A file that finds out whether a storage is full.
 class Zeros final : public ByteSource {
   public:
-    std::int64_t size() const override { return kSize; }
+    explicit Zeros(std::int64_t size) : size_(size) {}
+    std::int64_t size() const override { return size_; }
     std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
-        const auto count = std::min(buffer.size(), static_cast<std::size_t>(kSize - offset));
+        const auto count = std::min(buffer.size(), static_cast<std::size_t>(size_ - offset));
         std::fill_n(buffer.begin(), count, std::byte{0});
         return count;
     }
     void CheckUnchanged() override {}
 
   private:
-    static constexpr std::int64_t kSize = 64L * 1024;
+    std::int64_t size_;
 };
+
+constexpr std::int64_t kProbeSize = 64L * 1024;
 
 class FtpBackend final : public StorageBackend {
   public:
@@ -57,7 +61,11 @@ class FtpBackend final : public StorageBackend {
     Outcome Store(const std::string& path, const std::string& name, ByteSource& source);
     void CheckStored(const Outcome& outcome, ByteSource& source) const;
     bool IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary, std::int64_t size);
-    bool ProbeIsFull(const ftp::TemporaryName& temporary, std::int64_t size);
+    bool IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size);
+    bool IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial);
+    // How the server takes a file of that size. kUnclear: it fails and names no reason.
+    enum class Probe { kStored, kFull, kUnclear };
+    Probe StoreProbe(const ftp::TemporaryName& temporary, std::int64_t size);
     void Discard(const std::string& path) noexcept;
     void Rename(const ftp::TemporaryName& temporary, const std::string& name, std::int64_t size);
     bool IsRenamed(const std::string& from, const std::string& to, std::int64_t size);
@@ -135,39 +143,58 @@ void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
 // --- Full storage ---
 
 // Only some servers say so in as many words. With others the write has failed for a reason that
-// they keep to themselves, or they close the data connection so early that their answer is not
-// read any more: then a small file tells.
+// they keep to themselves, or they close the data connection so early that their reply is not read
+// any more. Such a failure may be a broken disk. It counts as a full storage only when the server
+// confirms that there is no room, because callers evict backups then.
 bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary,
                         std::int64_t size) {
-    constexpr int kNotTaken = 500;
     const Reply* const reply = session_.transcript().Find("STOR");
     if (reply == nullptr || outcome.thrown || outcome.code == CURLE_OPERATION_TIMEDOUT)
         return false;
-    if (ftp::IsFull(*reply)) return true;
-    const bool broken =
-        reply->IsRefusal() ? reply->code < kNotTaken : outcome.code == CURLE_SEND_ERROR;
-    if (!broken) return false;
+    const ftp::Meaning meaning = ftp::MeaningOf(*reply);
+    if (meaning == ftp::Meaning::kNoRoom) return true;
+    const bool is_unclear = meaning == ftp::Meaning::kUnavailable ||
+                            (!reply->IsRefusal() && outcome.code == CURLE_SEND_ERROR);
+    if (!is_unclear) return false;
     bool full = false;
-    const std::exception_ptr error = ErrorOf([&] { full = ProbeIsFull(temporary, size); });
+    const std::exception_ptr error = ErrorOf([&] { full = IsRoomShort(temporary, size); });
     return full && !error;
 }
 
-// While the broken upload still lies there: what it took is what is missing. A server that has
-// removed it is asked whether it would take that much.
-bool FtpBackend::ProbeIsFull(const ftp::TemporaryName& temporary, std::int64_t size) {
-    constexpr int kWriteFailed = 451;
-    Zeros zeros;
+// Asks for the free space. Few servers know AVBL; the others get a small file while the
+// unfinished upload occupies its room. A server that has removed the unfinished upload by itself is
+// asked whether it would accept that much.
+bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size) {
+    const std::vector<Reply> replies = session_.Commands(
+        {"TYPE I", "SIZE " + temporary.path(), "AVBL " + kro_file::Path(temporary.path()),
+         "ALLO " + std::to_string(size)});
+    const std::int64_t partial = std::max<std::int64_t>(0, ftp::NumberIn(replies[1]));
+    const std::int64_t available = ftp::NumberIn(replies[2]);
+    if (available >= 0) return available < size - partial;
+    if (replies[1].IsRefusal()) return ftp::IsFull(replies[3]);
+    const Probe probe = StoreProbe(temporary, kProbeSize);
+    if (probe != Probe::kUnclear) return probe == Probe::kFull;
+    return IsRoomFreedByRemoval(temporary, partial);
+}
+
+// Two writes have failed without a reason. When the storage accepts a file again after the
+// unfinished upload is removed, that one had occupied the last room. Writes to a broken disk keep
+// failing.
+bool FtpBackend::IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial) {
+    if (partial == 0) return false;
+    if (!session_.Command("DELE " + temporary.path()).IsDone()) return false;
+    return StoreProbe(temporary, std::min(partial, kProbeSize)) == Probe::kStored;
+}
+
+FtpBackend::Probe FtpBackend::StoreProbe(const ftp::TemporaryName& temporary, std::int64_t size) {
+    Zeros zeros(size);
     const std::string path = temporary.ProbePath();
     const Outcome outcome = session_.Store(path, zeros);
-    const Reply* const stor = session_.transcript().Find("STOR");
-    const bool refused =
-        stor != nullptr && (ftp::IsFull(*stor) || stor->code == kWriteFailed ||
-                            (outcome.code == CURLE_SEND_ERROR && !stor->IsRefusal()));
+    const Reply* const reply = session_.transcript().Find("STOR");
+    const bool full = reply != nullptr && ftp::IsFull(*reply);
     Discard(path);
-    if (refused) return true;
-    const std::vector<Reply> replies =
-        session_.Commands({"TYPE I", "SIZE " + temporary.path(), "ALLO " + std::to_string(size)});
-    return replies[1].IsRefusal() && ftp::IsFull(replies[2]);
+    if (outcome.code == CURLE_OK && outcome.size == size) return Probe::kStored;
+    return full ? Probe::kFull : Probe::kUnclear;
 }
 
 // What cannot be removed now goes with the next upload or removal of the name.

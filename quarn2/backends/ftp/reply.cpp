@@ -1,7 +1,6 @@
 #include "backends/ftp/reply.h"
 
 #include <algorithm>
-#include <array>
 #include <utility>
 
 #include "kro/str.h"
@@ -10,16 +9,9 @@ namespace quarn2::ftp {
 
 namespace {
 
-using kro_err::Kind;
-
 constexpr std::size_t kCodeLength = 3;
 // A reply is a few lines; the longest of use is that of MLST.
 constexpr std::size_t kLongestText = 16UL * 1024;
-constexpr int kTimedOut = 421;
-constexpr int kNoSpace = 452;
-constexpr int kNotLoggedIn = 530;
-constexpr int kNeedAccount = 532;
-constexpr int kOverQuota = 552;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -30,16 +22,42 @@ int CodeOf(std::string_view line) {
     return std::all_of(digits.begin(), digits.end(), IsDigit) ? str::Int(digits) : 0;
 }
 
-char Small(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+bool IsWordCharacter(char c) noexcept {
+    return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
 
-// True when one of the words, written in small letters, is in the text.
-template <std::size_t count>
-bool HasAny(std::string_view text, const std::array<std::string_view, count>& words) {
-    std::string small(text);
-    std::transform(small.begin(), small.end(), small.begin(), Small);
-    return std::any_of(words.begin(), words.end(), [&small](std::string_view word) {
-        return small.find(word) != std::string::npos;
-    });
+// Whether text[begin, end) begins or ends within a word.
+bool CutsWord(std::string_view text, std::size_t begin, std::size_t end) {
+    const bool before = begin > 0 && IsWordCharacter(text[begin - 1]);
+    const bool after = end < text.size() && IsWordCharacter(text[end]);
+    return (before && IsWordCharacter(text[begin])) || (after && IsWordCharacter(text[end - 1]));
+}
+
+void EraseName(std::string& text, std::string_view name) {
+    if (name.empty()) return;
+    std::size_t found = 0;
+    while ((found = text.find(name, found)) != std::string::npos) {
+        if (!CutsWord(text, found, found + name.size())) text.replace(found, name.size(), 1, ' ');
+        ++found;
+    }
+}
+
+bool IsPath(std::string_view word) {
+    word.remove_prefix(std::min(word.find_first_not_of("\"'(<["), word.size()));
+    return word.starts_with('/');
+}
+
+std::string WithoutPaths(std::string_view text) {
+    constexpr std::string_view kBlanks = " \n\t";
+    std::string rest;
+    while (!text.empty()) {
+        const std::size_t end = std::min(text.find_first_of(kBlanks), text.size());
+        const std::string_view word = text.substr(0, end);
+        if (!IsPath(word)) rest += word;
+        rest += ' ';
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+    return rest;
 }
 
 std::string_view WithoutLineEnd(std::string_view line) {
@@ -49,10 +67,35 @@ std::string_view WithoutLineEnd(std::string_view line) {
 
 }  // namespace
 
+std::int64_t NumberIn(const Reply& reply) {
+    constexpr int kStatus = 213;
+    constexpr std::size_t kMaxDigits = 18;
+    if (reply.code != kStatus) return -1;
+    const std::size_t end = reply.text.find_last_not_of(" \n") + 1;
+    const std::string_view digits = std::string_view(reply.text).substr(0, end);
+    const bool is_number = !digits.empty() && digits.size() <= kMaxDigits &&
+                           std::all_of(digits.begin(), digits.end(), IsDigit);
+    return is_number ? str::Int64(digits) : -1;
+}
+
+std::string WithoutNames(std::string text, const std::vector<std::string>& names) {
+    for (const std::string& name : names) EraseName(text, name);
+    for (std::string_view name : names) {
+        while (!name.empty()) {
+            const std::size_t end = std::min(name.find('/'), name.size());
+            EraseName(text, name.substr(0, end));
+            name.remove_prefix(std::min(end + 1, name.size()));
+        }
+    }
+    return WithoutPaths(text);
+}
+
 void Transcript::Clear() {
     replies_.clear();
     open_.clear();
     is_leaving_ = false;
+    argument_.clear();
+    previous_argument_.clear();
 }
 
 void Transcript::Sent(std::string_view line) {
@@ -61,7 +104,12 @@ void Transcript::Sent(std::string_view line) {
     is_leaving_ = line == "QUIT";
     if (is_leaving_) return;
     Reply reply;
-    reply.verb = line.substr(0, line.find(' '));
+    const std::size_t end = std::min(line.find(' '), line.size());
+    reply.verb = line.substr(0, end);
+    const bool is_secret = reply.verb == "PASS" || reply.verb == "ACCT";
+    line.remove_prefix(std::min(end + 1, line.size()));
+    previous_argument_ = std::exchange(argument_, is_secret ? "" : std::string(line));
+    if (reply.verb == "USER") login_ = argument_;
     replies_.push_back(std::move(reply));
 }
 
@@ -80,8 +128,11 @@ void Transcript::Received(std::string_view line) {
         if (!replies_.empty()) reply.verb = replies_.back().verb;
         replies_.push_back(std::move(reply));
     }
-    replies_.back().code = code;
-    replies_.back().text = std::exchange(open_, std::string());
+    Reply& reply = replies_.back();
+    reply.code = code;
+    reply.text = std::exchange(open_, std::string());
+    if (!reply.IsRefusal()) return;
+    reply.words = WithoutNames(reply.text, {argument_, previous_argument_, login_});
 }
 
 const Reply* Transcript::Find(std::string_view verb) const noexcept {
@@ -100,53 +151,6 @@ bool Transcript::TellsPort() const noexcept {
     constexpr int kExtendedPassive = 229;
     if (replies_.empty()) return false;
     return replies_.back().code == kPassive || replies_.back().code == kExtendedPassive;
-}
-
-bool SaysMissing(std::string_view text) {
-    static constexpr std::array<std::string_view, 5> kWords = {
-        "no such file", "not found", "does not exist", "doesn't exist", "cannot find the"};
-    return HasAny(text, kWords);
-}
-
-bool SaysDenied(std::string_view text) {
-    static constexpr std::array<std::string_view, 5> kWords = {
-        "permission denied", "access denied", "access is denied", "not permitted", "prohibited"};
-    return HasAny(text, kWords);
-}
-
-bool SaysTlsNeeded(std::string_view text) {
-    static constexpr std::array<std::string_view, 5> kWords = {"tls", "ssl", "encrypt", "cleartext",
-                                                               "secure"};
-    return HasAny(text, kWords);
-}
-
-bool SaysTruncated(std::string_view text) {
-    static constexpr std::array<std::string_view, 1> kWords = {"truncated"};
-    return HasAny(text, kWords);
-}
-
-bool IsFull(const Reply& reply) {
-    static constexpr std::array<std::string_view, 8> kWords = {
-        "no space",         "disk full",    "disk is full",         "quota",
-        "not enough space", "out of space", "insufficient storage", "insufficient disk"};
-    if (reply.code == kNoSpace || reply.code == kOverQuota) return true;
-    return reply.IsRefusal() && HasAny(reply.text, kWords);
-}
-
-bool RefusesDataConnection(const Reply& reply) noexcept {
-    constexpr int kCannotOpen = 425;
-    constexpr int kSecurityRefused = 522;
-    return reply.code == kCannotOpen || reply.code == kSecurityRefused;
-}
-
-bool IsUnknownCommand(const Reply& reply) noexcept {
-    static constexpr std::array<int, 4> kCodes = {500, 501, 502, 504};
-    return std::find(kCodes.begin(), kCodes.end(), reply.code) != kCodes.end();
-}
-
-Kind KindOf(const Reply& reply) noexcept {
-    if (reply.code == kNotLoggedIn || reply.code == kNeedAccount) return Kind::kUnauthorized;
-    return reply.code >= kTimedOut && reply.code < 500 ? Kind::kUnavailable : Kind::kFailed;
 }
 
 }  // namespace quarn2::ftp

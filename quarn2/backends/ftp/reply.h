@@ -1,11 +1,10 @@
-// What an FTP server answers, and what its answers mean.
+// What an FTP server answers.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 #include <vector>
-
-#include "kro/kro_err.h"
 
 namespace quarn2::ftp {
 
@@ -14,13 +13,23 @@ struct Reply {
     std::string verb;  // of the command that it answers; "" for the greeting
     int code = 0;      // 0: none came
     std::string text;  // all its lines, joined by line feeds, without the code
+    // The text of a refusal without the login and the paths of the last two commands. Only this one
+    // may be searched for words, because names can contain any word.
+    std::string words;
 
     bool IsDone() const noexcept { return code >= 200 && code < 300; }
     bool IsRefusal() const noexcept { return code >= 400; }
 };
 
-// The replies of one transfer, in order, each with its command. Keeps no argument of any command: a
-// password is one. A QUIT is left out: libcurl sends it on the previous connection.
+// The number in a reply to SIZE or AVBL; -1 when there is none.
+std::int64_t NumberIn(const Reply& reply);
+
+// The text with each of the names replaced by a blank, and each of their components, where it is no
+// part of a longer word. Absolute paths are left out too.
+std::string WithoutNames(std::string text, const std::vector<std::string>& names);
+
+// The replies of one transfer, in order, each with its command. No reply contains an argument, and
+// no password is kept. A QUIT is left out: libcurl sends it on the previous connection.
 class Transcript {
   public:
     void Clear();
@@ -40,25 +49,9 @@ class Transcript {
     std::vector<Reply> replies_;
     std::string open_;  // the lines of a reply that is not yet complete
     bool is_leaving_ = false;
+    std::string login_;  // kept by Clear: a later transfer may use the connection
+    std::string argument_;
+    std::string previous_argument_;
 };
-
-// The texts of FTP servers are free; these find the words that the usual ones use.
-bool SaysMissing(std::string_view text);
-bool SaysDenied(std::string_view text);
-bool SaysTlsNeeded(std::string_view text);
-// A listing that has succeeded is not the whole.
-bool SaysTruncated(std::string_view text);
-
-// The storage has no room: by the code, or by the text where the code tells nothing.
-bool IsFull(const Reply& reply);
-
-// The server does not accept the data connection of a transfer.
-bool RefusesDataConnection(const Reply& reply) noexcept;
-
-// The command is not known or not supported.
-bool IsUnknownCommand(const Reply& reply) noexcept;
-
-// What a refusal means for a caller, unless the command gives it a narrower meaning.
-kro_err::Kind KindOf(const Reply& reply) noexcept;
 
 }  // namespace quarn2::ftp

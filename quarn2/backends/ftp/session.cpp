@@ -9,6 +9,7 @@
 #include <chrono>
 #include <utility>
 
+#include "backends/ftp/meaning.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
 #include "percent.h"
@@ -24,7 +25,6 @@ using net::ServerSettings;
 constexpr char kTelnetEscape = '\xff';
 constexpr int kClosing = 421;
 constexpr int kNoFile = 550;
-constexpr int kSize = 213;
 // Half a million names and their facts; a listing without end must not fill the memory.
 constexpr std::size_t kLongestListing = 64UL * 1024 * 1024;
 
@@ -32,14 +32,7 @@ ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "FTP", ServerSettings::Auth::kPlain);
 }
 
-// The size in the reply to SIZE, -1 when there is none.
-std::int64_t SizeIn(const Reply* reply) {
-    if (reply == nullptr || reply->code != kSize) return -1;
-    const std::string digits = reply->text.substr(0, reply->text.find_last_not_of(' ') + 1);
-    const bool number = !digits.empty() && digits.size() < 19 &&
-                        digits.find_first_not_of("0123456789") == std::string::npos;
-    return number ? str::Int64(digits) : -1;
-}
+std::int64_t SizeIn(const Reply* reply) { return reply == nullptr ? -1 : NumberIn(*reply); }
 
 }  // namespace
 
@@ -421,7 +414,7 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
 // libcurl leaves out a change into the directory of the last listing, although commands have left
 // it since. So two listings never write their directory in the same way.
 std::string Session::ListingUrl(const std::string& directory, Where where) {
-    const std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
+    std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
     if (where == Where::kNamed) return url;
     lists_with_slash_ = !lists_with_slash_;
     return lists_with_slash_ ? url + "/" : url;
@@ -466,14 +459,13 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
 
 void Session::ThrowLogin(const Reply& reply) const {
     const std::string said = net::OneLine(reply.text);
-    if (!tls_ && SaysTlsNeeded(said)) {
-        throw Error(Kind::kUnauthorized,
+    if (!tls_ && SaysTlsNeeded(reply.words)) {
+        throw Error(Kind::kFailed,
                     what_ +
                         " takes no login without encryption; write ftps:// instead of ftp:// (" +
                         said + ")");
     }
-    const Kind kind = reply.code >= 500 ? Kind::kUnauthorized : Kind::kUnavailable;
-    throw Error(kind, what_ + " refuses the login: " + str::Str(reply.code) + " " + said);
+    throw Error(KindOf(reply), what_ + " refuses the login: " + str::Str(reply.code) + " " + said);
 }
 
 void Session::Throw(const Outcome& outcome) const {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "backends/ftp/meaning.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
@@ -33,7 +34,7 @@ std::string Tree::PathOf(const std::string& name) const {
 
 void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
     constexpr int kLasting = 500;
-    if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.text))) return;
+    if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.words))) return;
     session_.Refused(reply, "show " + Quoted(PathOf(name)));
 }
 
@@ -73,7 +74,7 @@ bool Tree::IsDirectory(const std::string& name, Entry::Type type) {
 void Tree::CheckRoot() {
     const Reply reply = session_.Command("CWD " + PathOf(""));
     if (reply.IsDone()) return;
-    if (reply.code < 500 || SaysDenied(reply.text)) {
+    if (reply.code < 500 || SaysDenied(reply.words)) {
         session_.Refused(reply, "show directory " + Quoted(PathOf("")));
     }
     throw Error(Kind::kNotFound, session_.what() + " has no directory " + Quoted(PathOf("")) +
@@ -103,7 +104,7 @@ void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::
     constexpr int kRefused = 500;
     if (reply.code < kRefused) session_.Refused(reply, deed);
     const bool missing =
-        SaysMissing(reply.text) || (!SaysDenied(reply.text) && Look(name) != Found::kFile);
+        SaysMissing(reply.words) || (!SaysDenied(reply.words) && Look(name) != Found::kFile);
     if (!missing && FindListed(name)) session_.Refused(reply, deed);
     CheckRoot();
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
@@ -148,7 +149,7 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     if (reply == nullptr || !reply->IsRefusal() || reply->code < 500) session_.Throw(outcome);
     if (IsUnknownCommand(*reply)) return false;
     const Reply refusal = *reply;
-    if (SaysDenied(refusal.text) || Look(name) == Found::kDirectory) {
+    if (SaysDenied(refusal.words) || Look(name) == Found::kDirectory) {
         session_.Refused(refusal, "list " + Quoted(name));
     }
     ThrowNoDirectory(refusal, name);
@@ -209,11 +210,11 @@ std::vector<Entry> Tree::Entries(const std::string& name) {
 void Tree::RemoveFile(const std::string& name) {
     const Reply reply = session_.Command("DELE " + PathOf(name));
     if (reply.IsDone()) return;
-    if (reply.code >= 500 && SaysMissing(reply.text)) {
+    if (reply.code >= 500 && SaysMissing(reply.words)) {
         CheckRoot();
         return;
     }
-    if (SaysDenied(reply.text) || Look(name) != Found::kNothing) {
+    if (SaysDenied(reply.words) || Look(name) != Found::kNothing) {
         session_.Refused(reply, "remove " + Quoted(name));
     }
     CheckRoot();
@@ -294,7 +295,7 @@ void Tree::RemoveRefused(const std::string& name, const Entry& entry, const Repl
                          int depth) {
     const std::string below = kro_file::ConcatPath(name, entry.name);
     if (entry.type != Entry::Type::kDirectory) {
-        const Found found = SaysMissing(reply.text) ? Found::kNothing : Look(below);
+        const Found found = SaysMissing(reply.words) ? Found::kNothing : Look(below);
         if (found == Found::kNothing) return;
         const bool untold = entry.type == Entry::Type::kUntold && found == Found::kDirectory;
         if (!untold) session_.Refused(reply, "remove " + Quoted(below));

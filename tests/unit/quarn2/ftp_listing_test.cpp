@@ -1,4 +1,4 @@
-// The listings that FTP servers send, and what they answer.
+// The listings and replies of FTP servers.
 #include <gmock/gmock.h>
 
 #include "backends/ftp/listing.h"
@@ -239,69 +239,6 @@ TEST(FtpTranscript, TakesNoLineInAReplyForItsEnd) {
         Heard({"> FEAT", "211-Features:", " 211 this is one", "2110 and this", "211 End"});
     ASSERT_EQ(transcript.replies().size(), 1U);
     EXPECT_EQ(transcript.replies()[0].text, "Features:\n 211 this is one\n2110 and this\nEnd");
-}
-
-TEST(FtpReply, TellsAFullStorage) {
-    const std::pair<Reply, bool> cases[] = {
-        {{"STOR", 552, "Quota exceeded"}, true},
-        {{"STOR", 552, ""}, true},
-        {{"STOR", 452, "/x: No space left on device"}, true},
-        {{"STOR", 451, "Error during write to file: No space left on device"}, true},
-        {{"STOR", 553, "Can't open that file: Disk quota exceeded"}, true},
-        {{"MKD", 550, "Can't create directory: NO SPACE LEFT on device"}, true},
-        {{"STOR", 451, "Disk full"}, true},
-        {{"STOR", 451, "Error during write to file"}, false},
-        {{"STOR", 451, "Input/output error"}, false},
-        {{"STOR", 550, "Permission denied"}, false},
-        {{"STOR", 426, "Connection closed; transfer aborted"}, false},
-        {{"STOR", 226, "Done; 12 MB of your quota used"}, false},
-    };
-    for (const auto& [reply, full] : cases) {
-        EXPECT_EQ(quarn2::ftp::IsFull(reply), full) << reply.code << " " << reply.text;
-    }
-}
-
-TEST(FtpReply, MeansForCallers) {
-    const std::pair<int, Kind> cases[] = {
-        {530, Kind::kUnauthorized}, {532, Kind::kUnauthorized}, {421, Kind::kUnavailable},
-        {425, Kind::kUnavailable},  {426, Kind::kUnavailable},  {450, Kind::kUnavailable},
-        {451, Kind::kUnavailable},  {500, Kind::kFailed},       {550, Kind::kFailed},
-        {553, Kind::kFailed},
-    };
-    for (const auto& [code, kind] : cases) {
-        EXPECT_EQ(quarn2::ftp::KindOf(Reply{"X", code, ""}), kind) << code;
-    }
-}
-
-TEST(FtpReply, TellsMissingFromDenied) {
-    using quarn2::ftp::SaysDenied;
-    using quarn2::ftp::SaysMissing;
-    for (const char* const text : {"/nope: No such file or directory", "Can't open x: no such file",
-                                   "The system cannot find the file specified.",
-                                   "Sorry, but that file doesn't exist", "File not found"}) {
-        EXPECT_TRUE(SaysMissing(text)) << text;
-        EXPECT_FALSE(SaysDenied(text)) << text;
-    }
-    for (const char* const text :
-         {"Can't open x: Permission denied", "Access is denied.", "/dd: Operation not permitted"}) {
-        EXPECT_TRUE(SaysDenied(text)) << text;
-        EXPECT_FALSE(SaysMissing(text)) << text;
-    }
-    EXPECT_FALSE(SaysMissing("Failed to open file."));
-    EXPECT_FALSE(SaysDenied("Failed to open file."));
-}
-
-TEST(FtpReply, TellsAListingThatIsCut) {
-    EXPECT_TRUE(quarn2::ftp::SaysTruncated("Options: -l\nOutput truncated to 10000 matches"));
-    EXPECT_FALSE(quarn2::ftp::SaysTruncated("7 matches total"));
-}
-
-TEST(FtpReply, TellsServersThatWantEncryption) {
-    using quarn2::ftp::SaysTlsNeeded;
-    EXPECT_TRUE(SaysTlsNeeded("Sorry, cleartext sessions and weak ciphers are not accepted"));
-    EXPECT_TRUE(SaysTlsNeeded("SSL/TLS required on the control channel"));
-    EXPECT_TRUE(SaysTlsNeeded("Non-anonymous sessions must use encryption."));
-    EXPECT_FALSE(SaysTlsNeeded("Login incorrect."));
 }
 
 }  // namespace

@@ -115,6 +115,7 @@ TEST_F(FtpWithoutMlsd, TroubleThatMayPassIsNotAMissingDirectory) {
 
 // --- Servers with demands on TLS ---
 
+using FtpServers = ScriptedFtp;
 using FtpsServers = EncryptedFtp<ScriptedFtp>;
 
 TEST_F(FtpsServers, OneWithoutTls12IsServedByTls13) {
@@ -177,6 +178,107 @@ TEST_F(FtpWithShortSessions, ServerThatRefusesEachIsAskedTwice) {
                 HasSubstr("522 SSL connection failed: session reuse required"));
     EXPECT_LE(connections_, 2);
     EXPECT_EQ(transfers_, 1);
+}
+
+// --- Uploads that fail ---
+
+// Has room for some bytes, and does not say so when it has no more.
+class FtpWithLittleRoom : public ScriptedFtp {
+  protected:
+    void ServeWith(std::map<std::string, ScriptedFtpServer::Answer> more = {}) {
+        std::map<std::string, ScriptedFtpServer::Answer> answers = {
+            {"MLST", Saying("250-\r\n type=dir; /dir\r\n250 End")},
+            {"STOR",
+             [this](FtpSession& session, const std::string& path) { Store(session, path); }},
+            {"SIZE",
+             [this](FtpSession& session, const std::string& path) {
+                 const bool known = files_.count(path) != 0;
+                 session.Say(known ? "213 " + std::to_string(files_[path]) : "550 Not here");
+             }},
+            {"DELE", [this](FtpSession& session, const std::string& path) {
+                 session.Say(files_.erase(path) > 0 ? "250 Gone" : "550 Not here");
+             }}};
+        more.merge(answers);
+        Serve(std::move(more));
+    }
+    ~FtpWithLittleRoom() override { server_.reset(); }
+
+    void Store(FtpSession& session, const std::string& path) {
+        const std::size_t received = session.ReceiveBytes();
+        std::size_t used = 0;
+        for (const auto& [name, size] : files_) used += size;
+        files_[path] = std::min(received, room_ - used);
+        const bool fits = files_[path] == received && !is_broken_;
+        session.Say(fits ? "226 Done" : "451 Failure writing to local file.");
+    }
+
+    std::map<std::string, std::size_t> files_;
+    std::size_t room_ = 5;
+    bool is_broken_ = false;
+};
+
+TEST_F(FtpWithLittleRoom, IsFullWhenTheRemovalOfThePartMakesRoom) {
+    ServeWith();
+    EXPECT_FALSE(Open()->Upload("file", source_));
+    EXPECT_THAT(files_, IsEmpty());
+}
+
+// Evictions make no room on a broken disk.
+TEST_F(FtpWithLittleRoom, IsNotFullWhenWritesKeepFailing) {
+    room_ = 1U << 20U;
+    is_broken_ = true;
+    ServeWith();
+    EXPECT_EQ(TypeOf([&] { Open()->Upload("file", source_); }), "unavailable");
+    EXPECT_THAT(files_, IsEmpty());
+}
+
+TEST_F(FtpWithLittleRoom, IsNotFullWithoutAnySign) {
+    room_ = 0;
+    ServeWith();
+    EXPECT_EQ(TypeOf([&] { Open()->Upload("file", source_); }), "unavailable");
+}
+
+TEST_F(FtpWithLittleRoom, IsFullWhenItSaysSoOfASmallFile) {
+    room_ = 0;
+    ServeWith({{"STOR", [this](FtpSession& session, const std::string& path) {
+                    if (path.find("-probe") == std::string::npos) return Store(session, path);
+                    session.Say("452 Sorry");
+                }}});
+    EXPECT_FALSE(Open()->Upload("file", source_));
+}
+
+TEST_F(FtpWithLittleRoom, IsAskedForTheFreeSpace) {
+    ServeWith({{"AVBL", Saying("213 1")}});
+    EXPECT_FALSE(Open()->Upload("file", source_)) << "5 bytes are there, 1 more fits";
+    ServeWith({{"AVBL", Saying("213 2")}});
+    EXPECT_EQ(TypeOf([&] { Open()->Upload("file", source_); }), "unavailable");
+}
+
+TEST_F(FtpWithLittleRoom, NameOfAFileIsNoReason) {
+    ServeWith({{"STOR", [](FtpSession& session, const std::string& path) {
+                    session.Say("550 " + path + ": Not now");
+                }}});
+    for (const char* const name :
+         {"over-quota/F.tgz", "F2026-11-20.disk full.tgz", "quota exceeded"}) {
+        EXPECT_EQ(TypeOf([&] { Open()->Upload(name, source_); }), "failed") << name;
+    }
+}
+
+// --- Logins that are refused ---
+
+// Refused credentials make callers remove what they wanted to store.
+TEST_F(FtpServers, OnlyARefusedPasswordIsUnauthorized) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"530 Login incorrect.", "unauthorized"},
+        {"530 Sorry, the maximum number of allowed clients (10) already connected", "unavailable"},
+        {"500 OOPS: cannot change directory", "failed"},
+        {"550 SSL/TLS required on the control channel", "failed"},
+        {"430 Not now", "unavailable"},
+    };
+    for (const auto& [line, type] : cases) {
+        Serve({{"PASS", Saying(line)}});
+        EXPECT_EQ(TypeOf([&] { Open()->List(names_, ""); }), type) << line;
+    }
 }
 
 }  // namespace
