@@ -17,13 +17,14 @@ from .base import Server, ServerError
 from .ftp import PureFtpd
 from .ftp2 import Proftpd
 from .ftp3 import Vsftpd
+from .ftp4 import Pyftpdlib
 from .s3 import Radosgw
 from .sftp import Sshd
 from .webdav import Apache
 from .webdav2 import Nginx
 
 KINDS = {kind.name: kind for kind in (Radosgw, Sshd, Apache, Nginx, PureFtpd, Proftpd,
-                                     Vsftpd)}
+                                     Vsftpd, Pyftpdlib)}
 
-__all__ = ["KINDS", "Server", "ServerError", "Apache", "Nginx", "Proftpd", "PureFtpd", "Radosgw",
-           "Sshd", "Vsftpd"]
+__all__ = ["KINDS", "Server", "ServerError", "Apache", "Nginx", "Proftpd", "PureFtpd", "Pyftpdlib",
+           "Radosgw", "Sshd", "Vsftpd"]

@@ -249,6 +249,7 @@ KINDS = {
     "Ftp": ("ftp", ftp),
     "FtpsSecond": ("ftp2", ftps),
     "FtpsThird": ("ftp3", ftps_lenient),
+    "FtpsFourth": ("ftp4", ftps),
 }
 
 

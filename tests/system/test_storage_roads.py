@@ -29,6 +29,7 @@ FORMS = {
     "Ftp": (("tgz", "flat"), ("part", "flat")),
     "FtpsSecond": (("dar", "flat"), ("tgz", "dir")),
     "FtpsThird": (("dar", "dir"),),
+    "FtpsFourth": (("tgz", "flat"),),
 }
 
 

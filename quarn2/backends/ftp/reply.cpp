@@ -153,4 +153,10 @@ bool Transcript::TellsPort() const noexcept {
     return replies_.back().code == kPassive || replies_.back().code == kExtendedPassive;
 }
 
+bool Transcript::SaysBegun() const noexcept {
+    constexpr int kBegun = 100;
+    constexpr int kDone = 200;
+    return !replies_.empty() && replies_.back().code >= kBegun && replies_.back().code < kDone;
+}
+
 }  // namespace quarn2::ftp

@@ -44,6 +44,8 @@ class Transcript {
     const Reply* Refusal() const noexcept;
     // What came last names the port of a data connection.
     bool TellsPort() const noexcept;
+    // What came last announces a transfer.
+    bool SaysBegun() const noexcept;
 
   private:
     std::vector<Reply> replies_;

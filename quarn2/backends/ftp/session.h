@@ -91,6 +91,8 @@ class Session {
     // Repeats a transfer whose data connection the server refuses, on a new control connection.
     Outcome WithDataConnection(const std::function<Outcome()>& transfer);
     bool NeedsNewerTls(CURLcode code) const;
+    bool NeedsNewDataConnection(const Outcome& outcome) const;
+    bool IsHandshakeTooEarly(CURLcode code) const;
     CURLcode Perform();
     bool IsStale(CURLcode code) const;
     std::vector<Reply> RepliesTo(const std::vector<std::string>& commands, CURLcode code) const;
@@ -124,6 +126,8 @@ class Session {
     bool lists_with_slash_ = false;
     bool is_tls_limited_ = false;
     bool is_fresh_wanted_ = false;
+    // The data connection's handshake waits until the server has begun the transfer.
+    bool is_handshake_late_ = false;
     bool is_new_ = false;  // the control connection was made for what ran last
 
     // Of the running transfer.

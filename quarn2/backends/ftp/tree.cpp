@@ -136,8 +136,10 @@ bool Tree::IsCut(std::string_view command) const {
     return reply != nullptr && SaysTruncated(reply->text);
 }
 
-// False: the server has no machine listings.
+// False: the server has no machine listings. For a file some servers answer as if they did not
+// understand the argument.
 bool Tree::ListByMachine(const std::string& name, Listing& listing) {
+    constexpr int kBadArgument = 501;
     std::string text;
     const Outcome outcome = session_.List("MLSD", PathOf(name), Session::Where::kNamed, text);
     if (outcome.code == CURLE_OK) {
@@ -147,9 +149,11 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     }
     const Reply* const reply = session_.transcript().Find("MLSD");
     if (reply == nullptr || !reply->IsRefusal() || reply->code < 500) session_.Throw(outcome);
-    if (IsUnknownCommand(*reply)) return false;
     const Reply refusal = *reply;
-    if (SaysDenied(refusal.words) || Look(name) == Found::kDirectory) {
+    if (IsUnknownCommand(refusal) && refusal.code != kBadArgument) return false;
+    const bool is_directory = !SaysDenied(refusal.words) && Look(name) == Found::kDirectory;
+    if (refusal.code == kBadArgument && is_directory) return false;
+    if (SaysDenied(refusal.words) || is_directory) {
         session_.Refused(refusal, "list " + Quoted(name));
     }
     ThrowNoDirectory(refusal, name);

@@ -1,0 +1,113 @@
+// What libcurl calls during a session's transfers.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <utility>
+
+#include "backends/ftp/session.h"
+
+namespace quarn2::ftp {
+
+namespace {
+
+// What is sent stays in the kernel, for at least 200 ms and about three round trips.
+void Cork(curl_socket_t socket, bool corked) noexcept {
+    const int value = corked ? 1 : 0;
+    setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
+}
+
+}  // namespace
+
+// Not to be inherited by the programs that a server starts.
+curl_socket_t Session::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
+    auto& session = *static_cast<Session*>(self);
+    const int handle = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+    if (std::exchange(session.port_is_known_, false)) {
+        session.data_ = handle;
+        if (session.is_handshake_late_) Cork(handle, true);
+    } else {
+        session.is_new_ = true;
+    }
+    return handle;
+}
+
+int Session::OnCloseSocket(void* self, curl_socket_t socket) {
+    auto& session = *static_cast<Session*>(self);
+    const bool is_data = socket == session.data_;
+    if (is_data) session.data_ = CURL_SOCKET_BAD;
+    const bool sent_all = session.source_ != nullptr && session.offset_ == session.source_->size();
+    if (is_data && sent_all) AwaitEnd(socket, session.timeout_);
+    return close(socket);
+}
+
+// To close a connection on which something unread has come resets it, and with it goes what the
+// server has not yet read: the end of the upload. TLS 1.3 servers do send something, tickets for
+// later sessions. So the server is to close first.
+void Session::AwaitEnd(curl_socket_t socket, int timeout) {
+    constexpr int kMilliseconds = 1000;
+    std::array<char, 4096> unwanted = {};
+    shutdown(socket, SHUT_WR);
+    pollfd waited = {socket, POLLIN, 0};
+    while (poll(&waited, 1, timeout * kMilliseconds) > 0) {
+        if (recv(socket, unwanted.data(), unwanted.size(), MSG_DONTWAIT) <= 0) return;
+    }
+}
+
+int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size_t size,
+                     void* self) {
+    auto& session = *static_cast<Session*>(self);
+    if (type == CURLINFO_HEADER_OUT) session.transcript_.Sent({data, size});
+    if (type != CURLINFO_HEADER_IN) return 0;
+    session.transcript_.Received({data, size});
+    session.port_is_known_ = session.transcript_.TellsPort();
+    const bool is_corked = session.is_handshake_late_ && session.data_ != CURL_SOCKET_BAD;
+    if (is_corked && session.transcript_.SaysBegun()) Cork(session.data_, false);
+    return 0;
+}
+
+int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
+                        curl_off_t /*up_total*/, curl_off_t up) {
+    auto& session = *static_cast<Session*>(self);
+    // While it connects or talks libcurl keeps the time itself.
+    if (down + up != session.moved_ || down + up == 0) session.Moved();
+    session.moved_ = down + up;
+    const auto still = std::chrono::steady_clock::now() - session.moved_at_;
+    session.is_stalled_ = still > std::chrono::seconds(session.timeout_);
+    return session.is_stalled_ ? 1 : 0;
+}
+
+// Exceptions must not cross the C library: they wait until the transfer has ended.
+std::size_t Session::OnRead(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto& session = *static_cast<Session*>(self);
+    try {
+        if (session.source_ == nullptr || session.offset_ >= session.source_->size()) return 0;
+        const auto room = std::as_writable_bytes(std::span(buffer, size * count));
+        const std::size_t got = session.source_->ReadAt(session.offset_, room);
+        session.offset_ += static_cast<std::int64_t>(got);
+        session.Moved();
+        return got;
+    } catch (...) {
+        session.thrown_ = std::current_exception();
+        return CURL_READFUNC_ABORT;
+    }
+}
+
+std::size_t Session::OnWrite(char* buffer, std::size_t size, std::size_t count, void* self) {
+    auto& session = *static_cast<Session*>(self);
+    const auto bytes = std::as_bytes(std::span(buffer, size * count));
+    try {
+        if (session.take_) session.take_(bytes);
+        session.Moved();
+        return bytes.size();
+    } catch (...) {
+        session.thrown_ = std::current_exception();
+        return bytes.empty() ? 1 : 0;
+    }
+}
+
+}  // namespace quarn2::ftp
