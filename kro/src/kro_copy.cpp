@@ -156,9 +156,9 @@ class Copy {
 }  // namespace
 
 CopyError::CopyError(const std::string& text, int error)
-    : kro_err::Error(kro_err::FromErrno(text, error)), error_(error) {}
+    : kro_err::SystemError(kro_err::FromErrno(text, error)) {}
 
-bool CopyError::IsFull() const noexcept { return error_ == ENOSPC || error_ == EDQUOT; }
+bool CopyError::IsFull() const noexcept { return error() == ENOSPC || error() == EDQUOT; }
 
 Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progress) {
     const Copied before = Compare(SizeOf(from), size);

@@ -28,9 +28,9 @@ std::string_view Error::type() const noexcept {
     return "failed";
 }
 
-Error FromErrno(const std::string& text, int error) {
+SystemError FromErrno(const std::string& text, int error) {
     char buffer[128];
-    return Error(KindOf(error), text + ": " + strerror_r(error, buffer, sizeof buffer));
+    return {KindOf(error), text + ": " + strerror_r(error, buffer, sizeof buffer), error};
 }
 
 }  // namespace kro_err

@@ -29,8 +29,19 @@ class Error : public std::runtime_error {
     Kind kind_;
 };
 
+// The error of a failed system call; error() is its errno.
+class SystemError : public Error {
+  public:
+    SystemError(Kind kind, const std::string& text, int error) : Error(kind, text), error_(error) {}
+
+    int error() const noexcept { return error_; }
+
+  private:
+    int error_;
+};
+
 // The error of a failed system call: "TEXT: reason". ENOENT and ENOTDIR give kNotFound, EACCES and
 // EPERM kFailed (a local file's rights are no matter of credentials), the rest kFailed.
-Error FromErrno(const std::string& text, int error = errno);
+SystemError FromErrno(const std::string& text, int error = errno);
 
 }  // namespace kro_err

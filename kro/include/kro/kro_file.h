@@ -87,16 +87,12 @@ void SyncFileSystem(const std::string& path);
 
 // --- Copying ---
 
-// A copy that failed; error() is the errno, so that a full disk can be told from a broken one.
-class CopyError : public kro_err::Error {
+// A copy that failed; a full disk can be told from a broken one.
+class CopyError : public kro_err::SystemError {
   public:
     CopyError(const std::string& text, int error);
-    int error() const noexcept { return error_; }
     // The disk or a quota is full.
     bool IsFull() const noexcept;
-
-  private:
-    int error_;
 };
 
 // What became of CopyData.

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "backends/local/errnos.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
@@ -54,6 +55,25 @@ class DirCloser {
     void operator()(DIR* directory) const noexcept { closedir(directory); }
 };
 
+// Gives the errors of system calls the kind that they have in a storage.
+template <class Action>
+auto Translated(const Action& action) {
+    try {
+        return action();
+    } catch (const kro_err::SystemError& error) {
+        throw Error(KindOf(local::FailureOf(error.error())), error.what());
+    }
+}
+
+bool IsDirectory(const std::string& path) noexcept {
+    struct stat status = {};
+    return stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+std::string MissingRoot(const std::string& root) {
+    return "storage directory " + Quoted(root) + " does not exist; create it or mount its disk";
+}
+
 // Links to directories inside the root are followed when root or this user has made them, so that
 // an administrator can spread a storage over several disks; another user's link is an error. A link
 // in the place of a file is not followed: it is refused on reading, replaced on writing.
@@ -62,13 +82,27 @@ class LocalBackend final : public StorageBackend {
     explicit LocalBackend(std::string root) : root_(std::move(root)) { CheckRoot(); }
 
     bool Put(const std::string& name, ByteSource& source) override;
-    void Get(const std::string& name, ByteSink& sink) override;
-    void Remove(const std::string& name) override;
-    void RemoveDir(const std::string& name) override;
-    void SyncRemovals(const std::string& name) override;
-    void MakeDir(const std::string& name) override;
-    std::vector<std::string> List(const std::string& name) override;
-    void Clear() override;
+    void Get(const std::string& name, ByteSink& sink) override {
+        Translated([&] { Load(name, sink); });
+    }
+    void Remove(const std::string& name) override {
+        Translated([&] { RemoveOne(name); });
+    }
+    void RemoveDir(const std::string& name) override {
+        Translated([&] { RemoveAll(name); });
+    }
+    void SyncRemovals(const std::string& name) override {
+        Translated([&] { SyncRemoved(PathOf(name)); });
+    }
+    void MakeDir(const std::string& name) override {
+        Translated([&] { MakeSynced(name); });
+    }
+    std::vector<std::string> List(const std::string& name) override {
+        return Translated([&] { return NamesIn(name); });
+    }
+    void Clear() override {
+        Translated([&] { Empty(); });
+    }
 
   private:
     // An unmounted disk must neither pass for an empty storage nor be written in its mount point's
@@ -77,6 +111,13 @@ class LocalBackend final : public StorageBackend {
     std::string PathOf(const std::string& name) const { return kro_file::ConcatPath(root_, name); }
     void CheckWay(const std::string& directory) const;
     void MakeDirs(const std::string& path) const;
+    bool TryToStore(const std::string& name, ByteSource& source) const;
+    void Load(const std::string& name, ByteSink& sink) const;
+    void RemoveOne(const std::string& name) const;
+    void RemoveAll(const std::string& name) const;
+    void MakeSynced(const std::string& name) const;
+    std::vector<std::string> NamesIn(const std::string& name) const;
+    void Empty() const;
     static void Store(const std::string& path, ByteSource& source);
     static void Commit(kro_file::NewFile& file, const std::string& path);
 
@@ -89,8 +130,7 @@ void LocalBackend::CheckRoot() const {
         if (errno != ENOENT && errno != ENOTDIR) {
             throw kro_err::FromErrno("Failed to look at storage directory " + Quoted(root_));
         }
-        throw Error(Kind::kNotFound, "storage directory " + Quoted(root_) +
-                                         " does not exist; create it or mount its disk");
+        throw Error(Kind::kNotFound, MissingRoot(root_));
     }
     if (!S_ISDIR(status.st_mode)) {
         throw Error(Kind::kFailed, "storage directory " + Quoted(root_) + " is not a directory");
@@ -148,15 +188,26 @@ void Fill(int fd, ByteSource& source) {
                                    [&source](std::int64_t bytes) { source.Advance(bytes); }));
 }
 
+// The storage was there when it was opened. Where something is missing now, its disk was unmounted
+// or another process removed a directory: another attempt may find or make it again.
 bool LocalBackend::Put(const std::string& name, ByteSource& source) {
+    try {
+        return Translated([&] { return TryToStore(name, source); });
+    } catch (const Error& error) {
+        if (error.kind() != Kind::kNotFound) throw;
+        throw Error(Kind::kUnavailable, IsDirectory(root_) ? error.what() : MissingRoot(root_));
+    }
+}
+
+bool LocalBackend::TryToStore(const std::string& name, ByteSource& source) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
     const std::string path = PathOf(name);
     try {
         MakeDirs(kro_file::Path(path));
         Store(path, source);
-    } catch (const CopyError& error) {
-        if (!error.IsFull()) throw;
+    } catch (const kro_err::SystemError& error) {
+        if (local::FailureOf(error.error()) != Failure::kNoRoom) throw;
         return false;
     }
     return true;
@@ -200,7 +251,7 @@ void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
         struct stat visible = {};
         const bool appeared = lstat(path.c_str(), &visible) == 0 &&
                               visible.st_ino == written.st_ino && visible.st_dev == written.st_dev;
-        if (appeared) throw Error(Kind::kFailed, error.what());
+        if (appeared) throw Error(KindOf(local::FailureOf(error.error())), error.what());
         throw;
     }
 }
@@ -222,7 +273,7 @@ void CopyOut(int fd, ByteSink& sink, const std::string& path) {
     }
 }
 
-void LocalBackend::Get(const std::string& name, ByteSink& sink) {
+void LocalBackend::Load(const std::string& name, ByteSink& sink) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
     const std::string path = PathOf(name);
@@ -248,7 +299,7 @@ void LocalBackend::Get(const std::string& name, ByteSink& sink) {
 // --- The rest ---
 
 // Not synced one by one: that would be felt with thousands of slices.
-void LocalBackend::Remove(const std::string& name) {
+void LocalBackend::RemoveOne(const std::string& name) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
     const std::string path = PathOf(name);
@@ -256,7 +307,7 @@ void LocalBackend::Remove(const std::string& name) {
     kro_file::RemoveTemporary(path);
 }
 
-void LocalBackend::RemoveDir(const std::string& name) {
+void LocalBackend::RemoveAll(const std::string& name) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
     const std::string path = PathOf(name);
@@ -270,9 +321,7 @@ void LocalBackend::RemoveDir(const std::string& name) {
     SyncRemoved(kro_file::Path(path));
 }
 
-void LocalBackend::SyncRemovals(const std::string& name) { SyncRemoved(PathOf(name)); }
-
-void LocalBackend::MakeDir(const std::string& name) {
+void LocalBackend::MakeSynced(const std::string& name) const {
     CheckRoot();
     CheckWay(name);
     const std::string path = PathOf(name);
@@ -296,7 +345,7 @@ std::vector<std::string> ReadNames(DIR* directory, const std::string& path) {
     }
 }
 
-std::vector<std::string> LocalBackend::List(const std::string& name) {
+std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
     CheckRoot();
     CheckWay(name);
     const std::string path = PathOf(name);
@@ -313,7 +362,7 @@ std::vector<std::string> LocalBackend::List(const std::string& name) {
     return names;
 }
 
-void LocalBackend::Clear() {
+void LocalBackend::Empty() const {
     CheckRoot();
     const std::unique_ptr<DIR, DirCloser> directory(opendir(root_.c_str()));
     if (directory == nullptr) FailedTo("list", root_);
@@ -350,7 +399,8 @@ BackendScheme LocalScheme() {
     scheme.scheme = "local";
     scheme.fault = Fault;
     scheme.open = [](const BackupToken& token) {
-        return std::make_unique<LocalBackend>(kro_file::GoodPath(token.path()));
+        return Translated(
+            [&token] { return std::make_unique<LocalBackend>(kro_file::GoodPath(token.path())); });
     };
     return scheme;
 }

@@ -92,6 +92,7 @@ TEST(Error, ComesFromErrno) {
     const kro_err::Error missing = kro_err::FromErrno("Failed to open 'x'");
     EXPECT_STREQ(missing.what(), "Failed to open 'x': No such file or directory");
     EXPECT_EQ(missing.kind(), kro_err::Kind::kNotFound);
+    EXPECT_EQ(kro_err::FromErrno("x", EROFS).error(), EROFS);
     EXPECT_EQ(kro_err::FromErrno("x", ENOTDIR).kind(), kro_err::Kind::kNotFound);
     for (const int error : {EACCES, EPERM, EIO, ENOSPC}) {
         EXPECT_EQ(kro_err::FromErrno("x", error).kind(), kro_err::Kind::kFailed);

@@ -4,7 +4,9 @@
 #include <unistd.h>
 
 #include <functional>
+#include <map>
 
+#include "backends/local/errnos.h"
 #include "storage_site.h"
 
 using kro_err::Kind;
@@ -58,7 +60,6 @@ TEST_F(LocalBackend, FileIsNoRoot) {
 TEST_F(LocalBackend, RootThatWentAwayIsNotFoundAndNotMadeAgain) {
     std::filesystem::remove_all(root_.path());
     std::vector<std::string> names;
-    EXPECT_THAT(KindOf([&] { storage_->Upload("a/b", source_); }), Optional(Kind::kNotFound));
     EXPECT_THAT(KindOf([&] { storage_->List(names, ""); }), Optional(Kind::kNotFound));
     EXPECT_THAT(KindOf([&] { storage_->MkDir("a"); }), Optional(Kind::kNotFound));
     EXPECT_THAT(KindOf([&] { storage_->RemoveFile("a"); }), Optional(Kind::kNotFound));
@@ -66,6 +67,67 @@ TEST_F(LocalBackend, RootThatWentAwayIsNotFoundAndNotMadeAgain) {
     EXPECT_THAT(KindOf([&] { storage_->Clear(); }), Optional(Kind::kNotFound));
     EXPECT_THAT(KindOf([&] { storage_->Download("a", local_ / "t"); }), Optional(Kind::kNotFound));
     EXPECT_FALSE(local_files::Has(root_.path()));
+}
+
+TEST_F(LocalBackend, UploadWaitsForARootThatComesBack) {
+    const std::string elsewhere = local_ / "unmounted";
+    std::filesystem::rename(root_.path(), elsewhere);
+    try {
+        storage_->Upload("a/b", source_);
+        FAIL() << "no failure";
+    } catch (const kro_err::Error& error) {
+        EXPECT_EQ(error.kind(), Kind::kUnavailable);
+        EXPECT_EQ(std::string(error.what()), "storage directory '" + root_.path() +
+                                                 "' does not exist; create it or mount its disk");
+    }
+    EXPECT_FALSE(local_files::Has(root_.path()));
+    std::filesystem::rename(elsewhere, root_.path());
+    EXPECT_TRUE(storage_->Upload("a/b", source_));
+}
+
+// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
+// old backups.
+TEST(LocalErrno, HasOneMeaning) {
+    using enum quarn2::Failure;
+    const std::map<int, quarn2::Failure> failures = {{ENOSPC, kNoRoom},
+                                                     {EDQUOT, kNoRoom},
+                                                     {ENOENT, kNotFound},
+                                                     {ENOTDIR, kNotFound},
+                                                     {EIO, kUnavailable},
+                                                     {EREMOTEIO, kUnavailable},
+                                                     {EROFS, kUnavailable},
+                                                     {EUCLEAN, kUnavailable},
+                                                     {ENODEV, kUnavailable},
+                                                     {ENXIO, kUnavailable},
+                                                     {ENOMEDIUM, kUnavailable},
+                                                     {ESTALE, kUnavailable},
+                                                     {ENOTCONN, kUnavailable},
+                                                     {ETIMEDOUT, kUnavailable},
+                                                     {EHOSTDOWN, kUnavailable},
+                                                     {EHOSTUNREACH, kUnavailable},
+                                                     {ENETDOWN, kUnavailable},
+                                                     {ENETUNREACH, kUnavailable},
+                                                     {ECONNABORTED, kUnavailable},
+                                                     {ECONNREFUSED, kUnavailable},
+                                                     {ECONNRESET, kUnavailable},
+                                                     {ENOLCK, kUnavailable},
+                                                     {EAGAIN, kUnavailable},
+                                                     {EINTR, kUnavailable},
+                                                     {EMFILE, kUnavailable},
+                                                     {ENFILE, kUnavailable},
+                                                     {ENOMEM, kUnavailable},
+                                                     {EACCES, kFailed},
+                                                     {EPERM, kFailed},
+                                                     {EISDIR, kFailed},
+                                                     {ENOTEMPTY, kFailed},
+                                                     {ENAMETOOLONG, kFailed},
+                                                     {ELOOP, kFailed},
+                                                     {EINVAL, kFailed},
+                                                     {EFBIG, kFailed},
+                                                     {EBUSY, kFailed}};
+    for (const auto& [error, failure] : failures) {
+        EXPECT_EQ(quarn2::local::FailureOf(error), failure) << error;
+    }
 }
 
 TEST_F(LocalBackend, RelativeRootLiesBelowTheCurrentDirectory) {

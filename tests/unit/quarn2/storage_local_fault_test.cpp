@@ -161,21 +161,62 @@ TEST_F(LocalFaults, NoRoomWhileBytesAreCopiedIsFalse) {
 
 // --- Other failures ---
 
-class LocalBroken : public LocalFaults, public testing::WithParamInterface<Fault> {};
+struct Broken {
+    Fault fault;
+    Kind kind;
+
+    friend std::ostream& operator<<(std::ostream& out, const Broken& broken) {
+        return out << broken.fault;
+    }
+};
+
+class LocalBroken : public LocalFaults, public testing::WithParamInterface<Broken> {};
 
 TEST_P(LocalBroken, ThrowsAndLeavesTheOldFile) {
     local_files::Save(root_ / "file", "old");
-    Faults()[GetParam().function] = Always(GetParam().error);
-    EXPECT_THAT(KindOf([&] { storage_->Upload("file", source_); }), Optional(Kind::kFailed));
+    Faults()[GetParam().fault.function] = Always(GetParam().fault.error);
+    EXPECT_THAT(KindOf([&] { storage_->Upload("file", source_); }), Optional(GetParam().kind));
     EXPECT_EQ(local_files::Load(root_ / "file"), "old");
     EXPECT_THAT(Everything(), ElementsAre("file"));
 }
 
 INSTANTIATE_TEST_SUITE_P(Local, LocalBroken,
-                         testing::Values(Fault{"fsync", "fsync", EIO},
-                                         Fault{"rename", "rename", EROFS},
-                                         Fault{"write", "pwrite", EIO}),
-                         [](const auto& test) { return test.param.name; });
+                         testing::Values(Broken{{"fsync", "fsync", EIO}, Kind::kUnavailable},
+                                         Broken{{"rename", "rename", EROFS}, Kind::kUnavailable},
+                                         Broken{{"rename_denied", "rename", EACCES}, Kind::kFailed},
+                                         Broken{{"write", "pwrite", ESTALE}, Kind::kUnavailable}),
+                         [](const auto& test) { return test.param.fault.name; });
+
+// As when the disk is unmounted between two system calls.
+TEST_F(LocalFaults, RootThatGoesDuringTheUploadIsWorthAnotherTry) {
+    const std::string elsewhere = local_ / "unmounted";
+    for (const char* const function : {"pwrite", "fsync", "rename", "mkdir"}) {
+        Faults()[function] = [&] {
+            std::filesystem::rename(root_.path(), elsewhere);
+            Faults().clear();
+            return 0;
+        };
+        EXPECT_THAT(KindOf([&] { storage_->Upload("dir/file", source_); }),
+                    Optional(Kind::kUnavailable))
+            << function;
+        EXPECT_FALSE(local_files::Has(root_.path())) << function;
+        std::filesystem::rename(elsewhere, root_.path());
+        std::filesystem::remove_all(root_ / "dir");
+    }
+    EXPECT_TRUE(storage_->Upload("dir/file", source_));
+    EXPECT_THAT(Everything(), ElementsAre("dir/file"));
+}
+
+TEST_F(LocalFaults, EachErrorOfARemovalHasItsKind) {
+    ASSERT_TRUE(storage_->Upload("dir/file", source_));
+    Faults()["fsync"] = Always(EIO);
+    EXPECT_THAT(KindOf([&] { storage_->SyncRemovals("dir"); }), Optional(Kind::kUnavailable));
+    EXPECT_THAT(KindOf([&] { storage_->RemoveDir("dir"); }), Optional(Kind::kUnavailable));
+    Faults()["mkdir"] = Always(EACCES);
+    EXPECT_THAT(KindOf([&] { storage_->MkDir("new"); }), Optional(Kind::kFailed));
+    Faults()["mkdir"] = Always(EROFS);
+    EXPECT_THAT(KindOf([&] { storage_->MkDir("new"); }), Optional(Kind::kUnavailable));
+}
 
 // The new file stands under its name already: "no room, nothing stored" would be a lie.
 TEST_F(LocalFaults, FullDiskAfterTheRenameIsAFailure) {

@@ -1,0 +1,59 @@
+#include "backends/local/errnos.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <iterator>
+
+namespace quarn2::local {
+
+namespace {
+
+struct Row {
+    int error;
+    Failure failure;
+};
+
+constexpr Row kRows[] = {
+    {ENOSPC, Failure::kNoRoom},
+    {EDQUOT, Failure::kNoRoom},
+
+    {ENOENT, Failure::kNotFound},
+    {ENOTDIR, Failure::kNotFound},
+
+    // The disk is broken or gone. A file system is read-only after an error, until it is mended.
+    {EIO, Failure::kUnavailable},
+    {EREMOTEIO, Failure::kUnavailable},
+    {EROFS, Failure::kUnavailable},
+    {EUCLEAN, Failure::kUnavailable},
+    {ENODEV, Failure::kUnavailable},
+    {ENXIO, Failure::kUnavailable},
+    {ENOMEDIUM, Failure::kUnavailable},
+    // The server of a network file system is gone or was restarted.
+    {ESTALE, Failure::kUnavailable},
+    {ENOTCONN, Failure::kUnavailable},
+    {ETIMEDOUT, Failure::kUnavailable},
+    {EHOSTDOWN, Failure::kUnavailable},
+    {EHOSTUNREACH, Failure::kUnavailable},
+    {ENETDOWN, Failure::kUnavailable},
+    {ENETUNREACH, Failure::kUnavailable},
+    {ECONNABORTED, Failure::kUnavailable},
+    {ECONNREFUSED, Failure::kUnavailable},
+    {ECONNRESET, Failure::kUnavailable},
+    {ENOLCK, Failure::kUnavailable},
+    // This machine lacks memory or descriptors at the moment.
+    {EAGAIN, Failure::kUnavailable},
+    {EINTR, Failure::kUnavailable},
+    {EMFILE, Failure::kUnavailable},
+    {ENFILE, Failure::kUnavailable},
+    {ENOMEM, Failure::kUnavailable},
+};
+
+}  // namespace
+
+Failure FailureOf(int error) noexcept {
+    const auto* const row = std::find_if(std::begin(kRows), std::end(kRows),
+                                         [error](const Row& each) { return each.error == error; });
+    return row == std::end(kRows) ? Failure::kFailed : row->failure;
+}
+
+}  // namespace quarn2::local
