@@ -72,10 +72,9 @@ void CheckIsOurStorage(quarn2::Storage& storage) {
 }
 
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
-    if (has_info_root) {
-        CheckIsOurStorage(storage);
-        MarkInfoRoot();
-    }
+    // An administrator may have put the info root elsewhere, with a link in its place.
+    if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage);
+    if (has_info_root) MarkInfoRoot();
     try {
         storage.Clear();
     } catch (const kro_err::Error& error) {

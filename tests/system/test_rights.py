@@ -28,6 +28,10 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/tmp", "directory", 0o700),
     (r"root/var/quarn2_cp\.(log|pid|lock)", "file", 0o600),
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
+    (r"root/var/quarn2_cp\.removed", "directory", 0o700),
+    # With the modes that they had in the info root.
+    (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),
+    (r"root/var/quarn2_cp\.removed/2026-11-15\.web1\.tgz\.aes", "file", 0o640),
     (r"root/tmp/quarn2_cp\.(uploads|unstored)", "directory", 0o700),
     (r"root/tmp/quarn2_cp\.(uploads|unstored)/.+", "file", 0o600),
     (r"root/var/backup(/tovarn(/web1(/2026-11-15)?)?)?", "directory", 0o750),

@@ -273,6 +273,15 @@ TEST_F(ClearAnother, OfAStorageWithoutTheNewestBackupsIsRefused) {
     EXPECT_EQ(Stored(), (Lines{"a/b"}));
 }
 
+TEST_F(ClearAnother, IsRefusedWhereTheInfoRootIsALinkToo) {
+    Know(3);
+    std::filesystem::rename("var/backup/tovarn", "elsewhere");
+    std::filesystem::create_directory_symlink("../../elsewhere", "var/backup/tovarn");
+    EXPECT_THROW(CommandClear(), std::runtime_error);
+    EXPECT_EQ(Stored(), (Lines{"a/b"}));
+    EXPECT_TRUE(local_files::Has("var/backup/tovarn/2026-11-01.web1.info"));
+}
+
 TEST_F(ClearAnother, OfAStorageWithOneOfThemIsDone) {
     Know(3);
     store_->SetFile("F2026-11-01.web1.tgz", "x");
