@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
@@ -11,6 +12,7 @@
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
+#include "kro/kro_new_file.h"
 #include "kro/str.h"
 
 namespace fs = std::filesystem;
@@ -72,7 +74,13 @@ std::string RemovedEntries::FindFreeTarget(const std::string& path) const {
     }
 }
 
-void RemovedEntries::Take(const std::vector<std::string>& paths) {
+void RemovedEntries::Take(std::vector<std::string> paths) {
+    // What an interrupted write has left is of no use to anybody.
+    const auto leftovers = std::partition(paths.begin(), paths.end(), [](const std::string& path) {
+        return !kro_file::IsTemporaryName(kro_file::Name(path));
+    });
+    std::for_each(leftovers, paths.end(), kro_file::Remove);
+    paths.erase(leftovers, paths.end());
     if (paths.empty()) return;
     Prepare();
     std::vector<std::string> copied;

@@ -15,8 +15,9 @@ class RemovedEntries {
     // Moves entries of the directory, files and whole directories, to
     // var/quarn2_cp.removed[#STORAGE]/, where each keeps its path below the directory. The first
     // call removes what an earlier rescan has left there. Entries that are missing are skipped.
+    // Temporary files are removed for good.
     // std::runtime_error when an entry cannot be moved; that entry is still in its old place then.
-    void Take(const std::vector<std::string>& paths);
+    void Take(std::vector<std::string> paths);
 
     // The place of the entries, relative to the install root.
     const std::string& place() const noexcept { return place_; }

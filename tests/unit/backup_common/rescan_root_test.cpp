@@ -164,6 +164,14 @@ TEST_F(Removed, IsKeptWithItsPath) {
               "info of web2");
 }
 
+TEST_F(Removed, LeftoversOfInterruptedWritesAreNotKept) {
+    Place(InfoRoot(".2026-11-20.web1.info.part~"), "half");
+    PlaceBackups();
+    Run();
+    EXPECT_EQ(InfoRoot(), Lines());
+    EXPECT_EQ(Below(kPlace), kBackups);
+}
+
 TEST_F(Removed, AtEveryLevelIsKept) {
     StoreDated("web2", "2026-11-21");
     PlaceBackups();
