@@ -28,6 +28,7 @@ FOLDERS = [
     ("backup_common/", ["backup_", "system_"]),
     ("launcher/", ["system_"]),
     ("tests/servers/", ["server", "quarn2_storage_", "quarn2_sftp_login", "system_storage_"]),
+    ("bench/", ["bench_"]),
     ("scripts/", ["layer_check", "changed_tests"]),
     ("cmake/", [""]),
 ]
