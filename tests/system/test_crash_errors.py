@@ -54,9 +54,10 @@ class Errors(CrashTest):
         scene.check()
 
     def check_told(self, scene):
-        """A command that failed has said why, in one line, or the log has it."""
+        """A command that failed has said why, and perhaps how to start a server, or the log has it."""
         command, status, text = scene.failed[0]
-        told = re.fullmatch(r"(The size control server ended while .*\n)?quarn2_cp: \S.*\n", text)
+        told = re.fullmatch(r"(The size control server ended while .*\n)?quarn2_cp: \S.*\n"
+                            r"(No size control server runs here .*\n)?", text)
         logged = any(entry.level <= 4 for entry in scene.log())
         require(status in (1, 2) and (told or logged), lambda: f"{command} ended with {status}: {text!r}")
 

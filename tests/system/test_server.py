@@ -119,7 +119,7 @@ class Start(SystemTest):
         with socket.socket(socket.AF_UNIX) as stale:
             os.makedirs(root.file("tmp"))
             stale.bind(root.file("tmp/quarn2_cp.sock"))
-        server = Server(root, "--date", DATE).wait_ready()
+        server = Server(root, "--date", DATE, "--count-limit", "0:9").wait_ready()
         self.assertEqual(DATE, server.pid_parts()[1])
         self.assertEqual([], root.log(4, server.pid))
         root.wait_log("Open control socket 'tmp/quarn2_cp.sock'", level=5)

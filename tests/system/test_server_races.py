@@ -119,9 +119,9 @@ class DiesWhileStarting(SystemTest):
     def test_a_caller_that_comes_while_the_daemon_starts_uses_it(self):
         root = self.root()
         held = HeldStart(root)
-        first = Server(root, "--date", DATE)
+        first = Server(root, "--date", DATE, "--count-limit", "0:9")
         daemon = held.wait_held()
-        second = Server(root, "--date", DATE)
+        second = Server(root, "--date", DATE, "--count-limit", "0:9")
         self.assertFalse(second.is_ready(1.2))
         held.let_go()
         self.assertEqual((daemon, daemon), (first.wait_ready().daemon, second.wait_ready().daemon))
