@@ -38,24 +38,38 @@ class Finder {
 
     // `depth`: how many names of users may still be descended into.
     void Search(const std::string& directory, int depth) {
-        std::vector<std::string> below;
+        Below below;
         ReadDirectory(directory, below);
-        for (const std::string& name : below) {
+        for (const std::string& name : below.directories) {
             const std::string path = kro_file::ConcatPath(directory, name);
             if (deep_) {
                 Search(path, 0);
-            } else if (IsDateName(name)) {
-                std::vector<std::string> ignored;
-                ReadDirectory(path, ignored);
-            } else if (depth > 0) {
-                SearchUser(path);
+                continue;
             }
+            // A user may be named like a date too, such as "custom".
+            if (IsDateName(name)) ReadDirectory(path);
+            if (depth > 0) SearchUser(path);
         }
+        if (!deep_ && depth > 0) SearchLinkedUsers(directory, below.links);
     }
 
     std::vector<std::string>& found() { return found_; }
 
   private:
+    struct Below {
+        std::vector<std::string> directories;
+        std::vector<std::string> links;  // to directories
+    };
+
+    // An administrator may keep a user's directory on another disk. A link of another user leads to
+    // info files that this user makes up.
+    void SearchLinkedUsers(const std::string& directory, const std::vector<std::string>& links) {
+        for (const std::string& name : links) {
+            const std::string path = kro_file::ConcatPath(directory, name);
+            if (!kro_file::IsForeignLink(path)) SearchUser(path);
+        }
+    }
+
     static bool IsDateName(const std::string& name) {
         return name == "custom" || kro_date::IsDate(name);
     }
@@ -66,17 +80,23 @@ class Finder {
         Walk(directory, [&below](std::string_view name, unsigned char type) {
             if (type == DT_DIR) below.emplace_back(name);
         });
-        std::vector<std::string> ignored;
         for (const std::string& name : below) {
-            if (IsDateName(name)) ReadDirectory(kro_file::ConcatPath(directory, name), ignored);
+            if (IsDateName(name)) ReadDirectory(kro_file::ConcatPath(directory, name));
         }
     }
 
+    void ReadDirectory(const std::string& directory) {
+        Below ignored;
+        ReadDirectory(directory, ignored);
+    }
+
     // Notes the info files and adds the directories to `below`.
-    void ReadDirectory(const std::string& directory, std::vector<std::string>& below) {
+    void ReadDirectory(const std::string& directory, Below& below) {
         Walk(directory, [&](std::string_view name, unsigned char type) {
             if (type == DT_DIR) {
-                below.emplace_back(name);
+                below.directories.emplace_back(name);
+            } else if (type == DT_LNK) {
+                below.links.emplace_back(name);
             } else if (type == DT_REG && IsWanted(name)) {
                 found_.push_back(kro_file::ConcatPath(directory, std::string(name)));
             }
@@ -111,14 +131,17 @@ class Finder {
     }
 
     // Only an entry whose type the directory does not tell costs a look at the file. A link to a
-    // file counts as that file, one to a directory as nothing.
+    // file counts as that file, and DT_LNK is a link to a directory.
     static unsigned char TypeOf(int directory, const dirent& entry) {
         if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type;
         struct stat status = {};
         const char* const name = static_cast<const char*>(entry.d_name);
         if (fstatat(directory, name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
         if (S_ISDIR(status.st_mode)) return DT_DIR;
-        if (S_ISLNK(status.st_mode) && fstatat(directory, name, &status, 0) != 0) return DT_UNKNOWN;
+        if (S_ISLNK(status.st_mode)) {
+            if (fstatat(directory, name, &status, 0) != 0) return DT_UNKNOWN;
+            if (S_ISDIR(status.st_mode)) return DT_LNK;
+        }
         return S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
     }
 

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <optional>
 #include <string>
@@ -215,6 +216,35 @@ TEST_F(GetInfoFilesTest, FollowsLinksToFilesOnly) {
     std::filesystem::create_directory_symlink(dir_.path(), dir_ / "loop");
     EXPECT_THAT(Find(), ElementsAre("2026-11-20.l.info"));
     EXPECT_THAT(Find(true), ElementsAre("2026-11-20.l.info"));
+}
+
+TEST_F(GetInfoFilesTest, AUserMayBeNamedLikeADate) {
+    for (const char* const name :
+         {"custom/custom.web1.info", "custom/2026-11-20/2026-11-20.custom.info",
+          "custom/custom/custom.custom.info", "2026-11-19/2026-11-20/2026-11-20.2026-11-19.info",
+          "custom/other/x.info", "custom/2026-11-20/deeper/x.info"}) {
+        Make(name);
+    }
+    EXPECT_THAT(Find(), ElementsAre("2026-11-19/2026-11-20/2026-11-20.2026-11-19.info",
+                                    "custom/2026-11-20/2026-11-20.custom.info",
+                                    "custom/custom.web1.info", "custom/custom/custom.custom.info"));
+}
+
+TEST_F(GetInfoFilesTest, FollowsALinkToAUsersDirectoryUnlessItIsAnotherUsers) {
+    const TempDir outside;
+    for (const char* const date : {"2026-11-20", "2026-11-21"}) {
+        std::filesystem::create_directory(outside / date);
+        local_files::Save(outside / (std::string(date) + "/x.info"), "");
+    }
+    // No link below the user's directory is followed.
+    std::filesystem::create_directory_symlink(outside / "2026-11-20", outside / "2026-11-22");
+    for (const char* const user : {"web1", "web2"}) {
+        std::filesystem::create_directory_symlink(outside.path(), dir_ / user);
+    }
+    const std::string foreign = dir_ / "web2";
+    ASSERT_EQ(lchown(foreign.c_str(), 12345, 12345), 0);
+    EXPECT_THAT(Find(), ElementsAre("web1/2026-11-20/x.info", "web1/2026-11-21/x.info"));
+    EXPECT_THAT(Find(true), IsEmpty());
 }
 
 TEST_F(GetInfoFilesTest, MissingDirectoryHasNone) {
