@@ -102,6 +102,16 @@ bool Upload::Send(Source& source) {
     return stored;
 }
 
+// A storage that cannot be opened, such as a directory whose disk is gone, costs an attempt like
+// any other failure. The previous storage reports it.
+void Upload::OpenAgain() {
+    try {
+        storage_ = OpenStorage(node_->token());
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+    }
+}
+
 bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source& source) {
     failed_ = true;
     if (error.type() == "unauthorized") {
@@ -114,7 +124,7 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
         Release(error.what(), source);
         return false;
     }
-    storage_ = OpenStorage(node_->token());
+    OpenAgain();
     KRO_LOG(kLog, 4, "Cant upload: %s. What: %s. Attempt: %d of %d",
             kro_file::Name(local_path_).c_str(), error.what(), attempt, kAttempts);
     if (attempt == kAttempts) {

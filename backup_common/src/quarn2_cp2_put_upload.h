@@ -47,6 +47,7 @@ class Upload {
     void Store(Source& source);
     // One transfer; false when the storage has no room. Opens the source if that was not done yet.
     bool Send(Source& source);
+    void OpenAgain();
     bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);
     void Release(const std::string& reason, const Source& source);
     // Another file that has taken the source's name stays.

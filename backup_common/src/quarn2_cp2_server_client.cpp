@@ -18,7 +18,7 @@ using namespace std::chrono_literals;
 constexpr kro_log::Module kLog("main");
 constexpr const char* kSsh = "ssh";
 constexpr std::size_t kPipeSize = 65536;
-constexpr auto kListenEvery = 200ms;
+constexpr auto kListenEvery = 200ms;  // the pipe for its errors must not stay full
 constexpr ClientProcess::Patience kRemotePatience{60s, 65s};
 // A client of this machine takes SIGTERM for what it is told anyway: to finish its uploads and end.
 // However long that takes, killing it would break them.
@@ -59,7 +59,8 @@ ClientProcess::ClientProcess(const std::vector<std::string>& command)
 
 ClientProcess::~ClientProcess() {
     try {
-        Finish(Clock::now());
+        const auto since = Clock::now();
+        while (!FinishWithin(kListenEvery, since)) continue;
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "%s", error.what());
     }
@@ -112,9 +113,9 @@ void ClientProcess::Press(Clock::time_point since, Clock::time_point now, Patien
     child_.Signal(signal);
 }
 
-void ClientProcess::Finish(Clock::time_point since) {
-    while (!HasEnded(kListenEvery)) {
-        Listen();
-        Press(since, Clock::now(), is_remote_ ? kRemotePatience : kLocalPatience);
-    }
+bool ClientProcess::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {
+    if (HasEnded(wait)) return true;
+    Listen();
+    Press(since, Clock::now(), is_remote_ ? kRemotePatience : kLocalPatience);
+    return false;
 }

@@ -67,9 +67,10 @@ class ClientProcess {
     // Asks or makes it end once it has had its time since `since`.
     void Press(Clock::time_point since, Clock::time_point now, Patience patience);
 
-    // Waits for the end of one whose input is closed. One on this machine may finish its uploads;
-    // an ssh is ended after a minute, and what it leads to finishes by itself.
-    void Finish(Clock::time_point since);
+    // Waits at most so long for the end of one whose input is closed since then; true when it has
+    // ended. One on this machine may finish its uploads; an ssh is ended after a minute, and what
+    // it leads to finishes by itself.
+    bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
     bool is_remote() const noexcept { return is_remote_; }
 

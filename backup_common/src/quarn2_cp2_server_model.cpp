@@ -51,6 +51,11 @@ std::int64_t GlobalSizeControl::StorageDesc::UserDesc::GetLockedSize() const noe
     return record == backups.rend() ? newest : SumOfSizes(newest, record->second.size);
 }
 
+void GlobalSizeControl::StorageDesc::ResetReserved() noexcept {
+    reserved = 0;
+    ++resets;
+}
+
 GlobalSizeControl::GlobalSizeControl(const kro_args::Result& args) {
     const ServerLimits limits =
         ServerLimits::Parse(args.Param("count-limit", -1), args.Param("size-limit", -1));
@@ -85,7 +90,7 @@ void GlobalSizeControl::Init(const std::string& reference_date) {
 void GlobalSizeControl::ClearBackupInfo() {
     KRO_LOG(kLog, 8, "void GlobalSizeControl::ClearBackupInfo()");
     for (auto& [key, desc] : storages) {
-        desc.reserved = 0;
+        desc.ResetReserved();
         desc.limit = size_limit;
         desc.free_size = size_limit;
         for (auto& [name, user] : desc.users) user.backups.clear();

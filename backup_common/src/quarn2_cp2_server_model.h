@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -53,6 +54,10 @@ struct GlobalSizeControl {
         std::int64_t limit = 0;      // the most that could ever be free
         std::int64_t free_size = 0;  // size_limit less what the backups use
         std::int64_t reserved = 0;   // promised to uploads under way
+        std::uint64_t resets = 0;    // how often `reserved` has been set back to 0
+        // Forgets every reservation.
+        void ResetReserved() noexcept;
+
         std::map<std::string, UserDesc> users;
         std::shared_ptr<quarn2::Storage> storage;
         // The info files of backups whose removal was begun, and their sizes. They are no backups
@@ -76,6 +81,14 @@ struct GlobalSizeControl {
     // Forgets all backups and fills the account from the info files under `path`, as of
     // `current_date`. Errors of reading leave it half filled and pass out.
     void Scan(const std::string& current_date);
+
+    // The scan's part for each info file: enters its backup. Skips a file that is not there any
+    // more, because a job has deleted its backup since the files were listed.
+    void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date);
+
+    // Throws while the storage cannot be asked whether it has the backups of this account, and when
+    // it has none of them.
+    void CheckStorage();
 
     // Finishes the removals that the scan has found begun. What cannot be removed counts as used
     // space for good.
@@ -111,6 +124,9 @@ struct GlobalSizeControl {
     bool common_storage = false;
     std::int32_t max_count = 0;  // the eviction passes count down from here
     std::string date;
+    // False while it is not known whether the storage holds the backups of this account, because it
+    // could not be asked. Every deletion checks it first.
+    bool is_storage_checked = true;
     UnstoredInfos unstored;  // backups that the scan leaves out
     std::map<std::string, StorageDesc> storages;
 };

@@ -16,7 +16,7 @@ constexpr std::chrono::seconds kLongestPause = 60s;
 // A session that lasted so long was no failed attempt.
 constexpr auto kLongSession = 60s;
 constexpr auto kLookAtSession = 1000ms;
-constexpr auto kLookAtEnding = 100ms;
+constexpr std::chrono::milliseconds kLookAtEnding = 100ms;
 // The link has ended, so nobody waits for what the client still does.
 constexpr ClientProcess::Patience kPatience{10s, 20s};
 
@@ -93,12 +93,23 @@ void SupervisedNode::LogEnd() const {
             client_->status(), words.empty() ? "" : ". Last words: ", words.c_str());
 }
 
-void SupervisedNode::Finish(Clock::time_point since) {
-    if (!client_) return;
-    client_->Finish(since);
+bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {
+    if (!client_) return true;
+    if (!client_->FinishWithin(wait, since)) return false;
     // At the end of a server an ordinary end is not worth a line.
     if (client_->status() != 0) LogEnd();
     client_.reset();
+    return true;
+}
+
+void FinishAll(std::vector<SupervisedNode>& nodes, Clock::time_point since) {
+    for (bool waiting = true; waiting;) {
+        waiting = false;
+        // Each round waits for one client; the others are only looked at.
+        for (SupervisedNode& node : nodes) {
+            if (!node.FinishWithin(waiting ? 0ms : kLookAtEnding, since)) waiting = true;
+        }
+    }
 }
 
 NodeSessions::NodeSessions(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,
@@ -139,5 +150,5 @@ std::chrono::milliseconds NodeSessions::Attend(Clock::time_point now) {
 void NodeSessions::End() {
     const Clock::time_point now = Clock::now();
     for (SupervisedNode& node : nodes_) node.Close();
-    for (SupervisedNode& node : nodes_) node.Finish(now);
+    FinishAll(nodes_, now);
 }

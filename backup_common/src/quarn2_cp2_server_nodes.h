@@ -45,8 +45,9 @@ class SupervisedNode {
     // Closes the session for good.
     void Close();
 
-    // Waits for the end of a closed session's client.
-    void Finish(Clock::time_point since);
+    // Waits at most so long for the end of the client of a session that was closed then; true when
+    // there is none any more.
+    bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
   private:
     void Listen();
@@ -63,6 +64,10 @@ class SupervisedNode {
     Clock::time_point since_;                // when the present state began
     Clock::time_point due_;
 };
+
+// Waits for the clients of sessions that were closed then, for all at the same time: also those
+// that must be asked to end, or killed, cost their time once and not one after another.
+void FinishAll(std::vector<SupervisedNode>& nodes, SupervisedNode::Clock::time_point since);
 
 // Runs on the event loop's thread alone.
 class NodeSessions {

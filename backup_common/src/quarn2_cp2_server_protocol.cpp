@@ -38,6 +38,22 @@ void CheckBackupName(const std::string& user, const std::string& date) {
 
 }  // namespace
 
+void OwnReserved::Add(std::int64_t size) {
+    if (resets_ != storage_.resets) sum_ = 0;
+    resets_ = storage_.resets;
+    sum_ = SumOfSizes(sum_, size);
+    storage_.reserved = SumOfSizes(storage_.reserved, size);
+}
+
+void OwnReserved::GiveBack() {
+    if (sum_ == 0) return;
+    if (resets_ == storage_.resets) {
+        KRO_LOG(kLog, 5, "The session has ended: %lld reserved bytes are free again", ForLog(sum_));
+        storage_.reserved = LessSize(storage_.reserved, sum_);
+    }
+    sum_ = 0;
+}
+
 void MasterSide::ProcessCommand(const std::string& line) {
     KRO_LOG(kLog, 8, "%s line = '%s'", "ProcessCommand", line.c_str());
     std::string arguments = line;
@@ -73,7 +89,7 @@ std::string MasterSide::Reserve(std::int64_t size) {
                                  str::Str(control.size_limit));
     }
     control.MakeRoom(storage_, size);
-    storage_.reserved = SumOfSizes(storage_.reserved, size);
+    own_reserved_.Add(size);
     return "OK " + str::Str(control.max_count);
 }
 
@@ -100,7 +116,7 @@ std::string MasterSide::Complete(std::string arguments) {
     storage_.limit = LessSize(SumOfSizes(storage_.limit, locked_before), locked_after);
     storage_.free_size = LessSize(storage_.free_size, size);
     // A completion ends every reservation of the storage, not only its own backup's.
-    storage_.reserved = 0;
+    storage_.ResetReserved();
     if (is_remote_) KeepInfoFile(name, date);
     return "OK " + str::Str(storage_.owner->max_count);
 }
@@ -127,6 +143,6 @@ std::string MasterSide::DropOne(std::int32_t count) {
 }
 
 std::string MasterSide::Release(std::int64_t size) {
-    storage_.reserved = LessSize(storage_.reserved, size);
+    own_reserved_.Add(-size);
     return "OK";
 }

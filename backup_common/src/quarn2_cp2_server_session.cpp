@@ -55,6 +55,7 @@ void MasterSide::Start() {
 
 std::unique_ptr<ClientProcess> MasterSide::Close() {
     is_open_ = false;
+    own_reserved_.GiveBack();
     write_.Close();
     // Nobody listens any more, but a client that still asks for room must find its answers' end,
     // not a broken pipe: that would pass for a refusal, which costs an upload its local file.
@@ -115,6 +116,7 @@ quarn2::Expect::Result* MasterSide::Disconnected() {
 
 quarn2::Expect::Result* MasterSide::Closed() {
     is_open_ = false;
+    own_reserved_.GiveBack();
     return quarn2::Expect::erClose;
 }
 

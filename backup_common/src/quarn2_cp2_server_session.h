@@ -12,6 +12,25 @@
 #include "quarn2_cp2_server_client.h"
 #include "quarn2_cp2_server_model.h"
 
+// What one session has reserved on its storage since the last completion there, which ends every
+// reservation. It ends with the session: no upload of a client that is gone is under way.
+class OwnReserved {
+  public:
+    explicit OwnReserved(GlobalSizeControl::StorageDesc& storage) : storage_(storage) {}
+
+    // Adds to the storage's reservations; a negative size releases.
+    void Add(std::int64_t size);
+
+    // Takes the session's share out of the storage's reservations. Looks at the storage only if
+    // there is a share.
+    void GiveBack();
+
+  private:
+    GlobalSizeControl::StorageDesc& storage_;
+    std::int64_t sum_ = 0;
+    std::uint64_t resets_ = 0;  // of the storage, when `sum_` began
+};
+
 // Runs on the event loop's thread alone; the loop's workers own it.
 class MasterSide {
   public:
@@ -73,6 +92,7 @@ class MasterSide {
     void KeepInfoFile(const std::string& user, const std::string& date) const;
 
     GlobalSizeControl::StorageDesc& storage_;
+    OwnReserved own_reserved_{storage_};
     quarn2::Expect& loop_;
     std::unique_ptr<ClientProcess> client_;
     bool is_remote_ = false;

@@ -294,8 +294,10 @@ class ServerLife(SystemTest):
         return count
 
     def break_session(self):
-        """The node client dies with a reservation in its hands, which then lasts until the next completion."""
-        self.reserve(self.size())
+        """The node client dies with a reservation in its hands, which ends with its session."""
+        size = self.size()
+        self.reserve(size)
+        self.account.release(size)
         self.link.close()
         self.accept()
 

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -147,7 +148,7 @@ TEST_F(Nodes, AfterACommandWasGrantedThePauseIsShortAgain) {
     EXPECT_EQ(node.Attend(begin_ + 1s), begin_ + 3s);
     AttendUntil(node, begin_ + 3s, [] { return Ends().size() == 3; });
     EXPECT_EQ(node.Attend(begin_ + 3s), begin_ + 4s);
-    EXPECT_EQ(storage_.reserved, 1) << "the end of a session changes no account";
+    EXPECT_EQ(storage_.reserved, 0) << "the reservation ends with its session";
 }
 
 TEST_F(Nodes, NoSecondClientWhileTheFirstIsThere) {
@@ -169,8 +170,35 @@ TEST_F(Nodes, AnOrdinaryEndOfTheServerIsNotWorthALine) {
     node.Start(begin_);
     AttendUntil(node, begin_, [] { return local_files::Has("input"); });
     node.Close();
-    node.Finish(Clock::now());
+    const auto since = Clock::now();
+    while (!node.FinishWithin(100ms, since)) continue;
     EXPECT_EQ(Log(), Lines());
+}
+
+// The first client ends only after the second one, and both must be asked.
+TEST_F(Nodes, ClientsThatMustBeAskedToEndAreAskedAtTheSameTime) {
+    const std::string script =
+        "if mkdir first 2>/dev/null; then\n"
+        "  trap 'for i in $(seq 50); do [ -e second ] && exit 0; sleep 0.1; done; exit 3' TERM\n"
+        "else\n"
+        "  trap 'mkdir second; exit 0' TERM\n"
+        "fi\n"
+        "echo >> ready\n"
+        "while :; do sleep 0.05; done\n";
+    std::vector<SupervisedNode> nodes;
+    nodes.push_back(Playing(script));
+    nodes.push_back(Playing(script));
+    for (std::size_t i = 0; i < nodes.size(); ++i) {
+        nodes[i].Start(begin_);
+        const auto ready = [i] {
+            return local_files::Has("ready") && local_files::Load("ready").size() == i + 1;
+        };
+        for (int wait = 0; wait < 30000 && !ready(); ++wait) usleep(1000);
+        ASSERT_TRUE(ready());
+    }
+    for (SupervisedNode& node : nodes) node.Close();
+    FinishAll(nodes, Clock::now() - 11s);
+    EXPECT_EQ(Ends(), Lines());
 }
 
 TEST_F(Nodes, AFailureAtTheEndOfTheServerIs) {
@@ -178,7 +206,8 @@ TEST_F(Nodes, AFailureAtTheEndOfTheServerIs) {
     node.Start(begin_);
     AttendUntil(node, begin_, [] { return local_files::Has("input"); });
     node.Close();
-    node.Finish(Clock::now());
+    const auto since = Clock::now();
+    while (!node.FinishWithin(100ms, since)) continue;
     EXPECT_EQ(Log(), (Lines{"4: Session with node 'n1' ended. Exit status: 1. Last words: lost the "
                             "disk"}));
 }

@@ -331,6 +331,57 @@ TEST_F(Protocol, ReleaseHasNoFloor) {
     EXPECT_EQ(storage_.reserved, kLeast);
 }
 
+// --- The end of a session ---
+
+TEST_F(Protocol, ASessionThatEndsTakesItsReservationsWithIt) {
+    auto other = std::make_unique<SessionLink>(storage_);
+    EXPECT_EQ(Ask("RESERVE 50"), "OK 0");
+    EXPECT_EQ(other->Answer("RESERVE 100"), "OK 0");
+    EXPECT_EQ(other->Answer("RESERVE 20"), "OK 0");
+    EXPECT_EQ(other->Answer("RELEASE 10"), "OK");
+    EXPECT_EQ(storage_.reserved, 160);
+    ClearLog();
+    other->session()->Close();
+    EXPECT_EQ(storage_.reserved, 50);
+    EXPECT_EQ(Log(), (Lines{"5: The session has ended: 110 reserved bytes are free again"}));
+    other.reset();
+    EXPECT_EQ(storage_.reserved, 50) << "only once";
+    EXPECT_EQ(Ask("RESERVE 150"), "OK 0");
+}
+
+TEST_F(Protocol, ASessionsReservationsFromBeforeACompletionAreGoneAlready) {
+    SessionLink other(storage_);
+    EXPECT_EQ(other.Answer("RESERVE 30"), "OK 0");
+    EXPECT_EQ(Ask("COMPLETE web1 2026-11-15 full 10"), "OK 0");
+    EXPECT_EQ(Ask("RESERVE 40"), "OK 0");
+    other.session()->Close();
+    EXPECT_EQ(storage_.reserved, 40);
+
+    SessionLink third(storage_);
+    EXPECT_EQ(third.Answer("RESERVE 30"), "OK 0");
+    EXPECT_EQ(Ask("COMPLETE web1 2026-11-16 full 10"), "OK 0");
+    EXPECT_EQ(third.Answer("RESERVE 5"), "OK 0");
+    third.session()->Close();
+    EXPECT_EQ(storage_.reserved, 0);
+}
+
+TEST_F(Protocol, ASessionThatReleasedTooMuchTakesThatWithItToo) {
+    SessionLink other(storage_);
+    EXPECT_EQ(other.Answer("RESERVE 10"), "OK 0");
+    EXPECT_EQ(other.Answer("RELEASE 50"), "OK");
+    EXPECT_EQ(storage_.reserved, -40);
+    other.session()->Close();
+    EXPECT_EQ(storage_.reserved, 0);
+}
+
+TEST_F(Protocol, ALinkThatBreaksIsTheSessionsEnd) {
+    SessionLink other(storage_);
+    EXPECT_EQ(other.Answer("RESERVE 10"), "OK 0");
+    other.client_output().Close();
+    EXPECT_EQ(other.session()->Read(other.read_end()), quarn2::Expect::erClose);
+    EXPECT_EQ(storage_.reserved, 0);
+}
+
 // --- Other lines ---
 
 TEST_F(Protocol, OtherWordsGetNoFrameAtAll) {

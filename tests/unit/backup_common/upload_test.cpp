@@ -120,6 +120,17 @@ TEST_F(UploadTest, ALinkThatBreaksAtAnEvictionKeepsTheFile) {
 
 // --- A storage in trouble ---
 
+TEST_F(UploadTest, ALocalStorageThatDisappearsGivesTheReservationBack) {
+    Place("storage/F2026-11-15.web1.1.dar/in the way", "");
+    MasterServer server("local:storage");
+    NodeSide node(lock_, server.link());
+    fake_clock::OnSleep([](int) { std::filesystem::remove_all("storage"); });
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { node.Serve(kPutlast); }), "Failed upload");
+    EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "RELEASE 5"}));
+    EXPECT_EQ(fake_clock::Sleeps(), (std::vector<int>{60000, 60000}));
+    EXPECT_TRUE(local_files::Has(kAttempts));
+}
+
 TEST_F(UploadTest, ThreeErrorsGiveTheFileUp) {
     MasterServer server("memory:site");
     FailPuts(kro_err::Kind::kUnavailable);
