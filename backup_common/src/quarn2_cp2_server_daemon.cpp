@@ -13,15 +13,19 @@
 #include <stdexcept>
 
 #include "kro/kro_date.h"
+#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
 #include "quarn2/expect.h"
+#include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_server_model.h"
 #include "quarn2_cp2_server_nodes.h"
 #include "quarn2_cp2_server_start.h"
+#include "quarn2_cp2_server_state.h"
 
 namespace {
 
@@ -30,37 +34,42 @@ constexpr std::chrono::milliseconds kLongestRun{1000};
 
 class Daemon {
   public:
-    Daemon(kro_args::ResultPtr args, kro_file::Lock& pid_lock, std::string server_key)
+    Daemon(kro_args::ResultPtr args, kro_file::Lock& pid_lock, DaemonStart start)
         : args_(std::move(args)),
           files_(args_->Param("storage", -1)),
+          state_file_(args_->Param("storage", -1)),
           pid_lock_(pid_lock),
-          server_key_(std::move(server_key)),
+          start_(std::move(start)),
           date_(ReferenceDate(args_->Param("date", -1))) {}
 
     void Run() {
         auto loop = std::make_unique<quarn2::Expect>();
         auto control = std::make_unique<GlobalSizeControl>(*args_);
         loop->Add(kro_proc::WatchTermination(), POLLIN, signal_);
+        control->is_storage_checked = start_.is_storage_checked;
         GlobalSizeControl::StorageDesc& desc = control->AddStorage(GetStorageByEnv());
         auto nodes = std::make_unique<NodeSessions>(desc, *loop, args_);
         nodes->Start(std::chrono::steady_clock::now());
         WritePidFile();
         const std::string path = args_->Param("path", -1);
-        CleanUp(path);
+        if (control->is_storage_checked) CleanUp(path);
         control->unstored = UnstoredInfos(*desc.storage, args_->Param("storage", -1));
         control->Init(date_);
         control->FinishDeletions();
         control->FitIntoLimits();
+        // Before a caller can join.
+        WriteState();
         AnnounceReady();
         Serve(*loop, *nodes);
         // Callers that come from here on must wait for the end instead of taking this server for
         // theirs.
         if (signal_->arrived()) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
+        const bool may_delete = control->is_storage_checked;
         nodes.reset();
         control.reset();
         loop.reset();
-        CleanUp(path);
+        if (may_delete) CleanUp(path);
         RemoveFiles();
     }
 
@@ -70,9 +79,17 @@ class Daemon {
         return date.empty() || date == "custom" ? kro_date::Date::Today().AsDate() : date;
     }
 
-    void WritePidFile() {
-        const PidFile file{str::Str(getpid()), date_, server_key_, RequestedParams(args_)};
-        pid_lock_.Write(file.Text());
+    PidFile Myself() const {
+        return {str::Str(getpid()), date_, start_.server_key, RequestedParams(args_)};
+    }
+
+    void WritePidFile() { pid_lock_.Write(Myself().Text()); }
+
+    // A full disk may have room later.
+    void WriteState() {
+        if (is_state_written_) return;
+        const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+        is_state_written_ = state_file_.Write(Myself(), StorageIdentity(token));
     }
 
     // The record lock is what callers ask for: from now on this process serves.
@@ -92,6 +109,7 @@ class Daemon {
         while (!signal_->arrived() && flock(lock_file_, LOCK_EX | LOCK_NB) != 0) {
             if (errno != EAGAIN && errno != EINTR) return;
             const auto next = nodes.Attend(std::chrono::steady_clock::now());
+            WriteState();
             loop.Run(static_cast<int>(std::min(next, kLongestRun).count()));
         }
     }
@@ -101,6 +119,7 @@ class Daemon {
     // taken until the lock file's is free, or a new server would lose its lock file to us.
     void RemoveFiles() {
         kro_log::Close();
+        state_file_.Remove();
         if (signal_->arrived()) {
             kro_file::RemoveFile(files_.lock);
             kro_file::RemoveFile(files_.pid);
@@ -113,8 +132,10 @@ class Daemon {
 
     kro_args::ResultPtr args_;
     ServerFiles files_;
+    StateFile state_file_;
+    bool is_state_written_ = false;
     kro_file::Lock& pid_lock_;
-    std::string server_key_;
+    DaemonStart start_;
     std::string date_;
     std::shared_ptr<FinishOnSignal> signal_ = std::make_shared<FinishOnSignal>();
     ResHandle lock_file_;
@@ -123,12 +144,12 @@ class Daemon {
 }  // namespace
 
 void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
-               const std::string& server_key) {
+               const DaemonStart& start) {
     kro_log::Init("quarn2_cp", 5);
     try {
         // The lock on the lock file must last to the very end: the object goes with the process.
         static std::unique_ptr<Daemon> daemon;
-        daemon = std::make_unique<Daemon>(args, pid_lock, server_key);
+        daemon = std::make_unique<Daemon>(args, pid_lock, start);
         daemon->Run();
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 3, "Size control server error: %s", error.what());

@@ -7,6 +7,7 @@
 #include "kro/kro_log.h"
 #include "quarn2/info.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_server_check.h"
 #include "quarn2_cp2_server_info.h"
 #include "quarn2_cp2_server_plan.h"
 
@@ -94,9 +95,21 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
 }
 
 void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
+    if (!victims.empty()) control.CheckStorage();
     for (const Victim& victim : victims) {
         DeleteFiles(control, victim);
         ForgetBackup(control.storages, victim);
+    }
+}
+
+// Count limits can wait: a server must start and end without the storage too.
+bool MayDelete(GlobalSizeControl& control) {
+    try {
+        control.CheckStorage();
+        return true;
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Backups beyond the limits are kept for now. What: %s", error.what());
+        return false;
     }
 }
 
@@ -132,6 +145,13 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
 
 }  // namespace
 
+void GlobalSizeControl::CheckStorage() {
+    if (is_storage_checked) return;
+    for (const auto& [key, desc] : storages) CheckRightStorage(*desc.storage, path);
+    is_storage_checked = true;
+    KRO_LOG(kLog, 5, "The storage has backups that are known here: deletions are allowed");
+}
+
 void GlobalSizeControl::DropOldest(int keep) {
     if (keep < 0) ThrowAllLocked();
     if (keep >= max_count) return;
@@ -141,7 +161,8 @@ void GlobalSizeControl::DropOldest(int keep) {
 void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_daily) {
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             count_to_leave_full, count_to_leave_daily);
-    DeleteAll(*this, PlanCounts(storages, count_to_leave_full, count_to_leave_daily));
+    const Victims victims = PlanCounts(storages, count_to_leave_full, count_to_leave_daily);
+    if (!victims.empty() && MayDelete(*this)) DeleteAll(*this, victims);
 }
 
 // Passes that delete nothing lower max_count, also when all passes together would not suffice.
@@ -167,6 +188,7 @@ void GlobalSizeControl::FitIntoLimits() {
     }
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             full_limit, daily_limit);
+    if (plan.HasVictims() && !MayDelete(*this)) return;
     DeleteAll(*this, plan.by_count);
     LogUsed(*this);
     for (const Victims& pass : plan.passes) {

@@ -10,6 +10,7 @@
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
+#include "quarn2/info.h"
 #include "quarn2/names.h"
 #include "quarn2/storage.h"
 #include "quarn2_cp2_get.h"
@@ -93,6 +94,32 @@ class Marker {
     std::string local_dir_;
     std::string path_;
     bool was_there_ = false;
+};
+
+// The keys of a local info file that is fetched again, for the index alone. A key that the stored
+// file does not have is not the storage's to drop.
+class LocalKeys {
+  public:
+    LocalKeys(const std::string& path, bool is_trusted) : path_(path) {
+        if (!is_trusted || !str::EndsWith(path, ".info") || !kro_file::Exists(path)) return;
+        try {
+            info_ = quarn2::GetInfo(path);
+        } catch (const kro_err::Error& error) {
+            KRO_LOG(kLog, 6, "%s", error.what());
+        }
+    }
+
+    void Restore() const {
+        if (info_.empty()) return;
+        quarn2::InfoMap info = quarn2::GetInfo(path_);
+        const std::size_t fetched = info.size();
+        info.insert(info_.begin(), info_.end());
+        if (info.size() != fetched) kro_file::Write(path_, str::Join(info, "\n"));
+    }
+
+  private:
+    std::string path_;
+    quarn2::InfoMap info_;
 };
 
 class Rescanner {
@@ -188,8 +215,12 @@ class Rescanner {
             }
             DropUnsafe(files);
             if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
-            for (const std::string& file : files)
+            for (const std::string& file : files) {
+                const LocalKeys kept(kro_file::ConcatPath(local_dir_, dir + "/" + file),
+                                     trust_local_);
                 Fetch(local_dir_, kro_file::ConcatPath(dir, file));
+                kept.Restore();
+            }
         }
     }
 
@@ -274,7 +305,7 @@ ResHandle Rescan(const kro_args::Result& args) {
     const std::string storage_name = args.Param("storage", -1);
     CheckRescanRoot(local_root, storage_name);
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(local_root);
-    ResHandle handle = Quarn2Lock(ServerFiles(storage_name).lock, true);
+    ResHandle handle = LockWithoutServer(ServerFiles(storage_name));
     KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
     // Their info files on the storage would make them whole backups again.
     FinishDeletions(storage, local_root);

@@ -160,16 +160,25 @@ void GlobalSizeControl::Scan(const std::string& current_date) {
     ClearBackupInfo();
     std::list<std::string> paths;
     quarn2::GetInfoFiles(paths, path, false, "", "");
+    TakeInfoFiles(paths, current_date);
+    for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
+}
+
+void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
+                                      const std::string& current_date) {
     Scanner scanner(*this, current_date);
     for (const std::string& info_path : paths) {
         try {
             scanner.Take(info_path);
         } catch (const std::exception& error) {
+            if (!kro_file::Exists(info_path)) {
+                KRO_LOG(kLog, 6, "Skip '%s', which was removed during the scan", info_path.c_str());
+                continue;
+            }
             // The number or date alone would not tell an administrator which file to look at.
             throw std::runtime_error(info_path + ": " + error.what());
         }
     }
-    for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
 }
 
 void GlobalSizeControl::FinishDeletions() {
@@ -177,6 +186,7 @@ void GlobalSizeControl::FinishDeletions() {
         for (const auto& [info_path, size] : desc.half_deleted) {
             KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
             try {
+                CheckStorage();
                 Delete(desc.storage, info_path, false);
             } catch (const std::exception& error) {
                 // Whoever had begun it was still at it.

@@ -13,12 +13,16 @@
 #include <stdexcept>
 
 #include "kro/kro_env.h"
+#include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_server_check.h"
 #include "quarn2_cp2_server_notes.h"
+#include "quarn2_cp2_server_state.h"
 
 namespace {
 
@@ -88,7 +92,7 @@ void OpenNullStreams() {
 }
 
 [[noreturn]] void RunIntermediateChild(const kro_args::ResultPtr& args, ResHandle& handle,
-                                       kro_file::Lock& pid_lock, const std::string& server_key) {
+                                       kro_file::Lock& pid_lock, const DaemonStart& start) {
     kro_log::Close();
     setpgid(0, 0);
     handle.Close();
@@ -98,14 +102,14 @@ void OpenNullStreams() {
     // An exception must not go back into the caller's code in this process.
     if (daemon < 0) _exit(1);
     if (daemon > 0) _exit(0);
-    RunDaemon(args, pid_lock, server_key);
+    RunDaemon(args, pid_lock, start);
 }
 
 void StartDaemon(const kro_args::ResultPtr& args, ResHandle& handle, kro_file::Lock& pid_lock,
-                 const std::string& server_key) {
+                 const DaemonStart& start) {
     const pid_t child = fork();
     if (child < 0) throw std::runtime_error("Failed to fork");
-    if (child == 0) RunIntermediateChild(args, handle, pid_lock, server_key);
+    if (child == 0) RunIntermediateChild(args, handle, pid_lock, start);
     int status = 0;
     if (waitpid(child, &status, 0) != child || !WIFEXITED(status) || WEXITSTATUS(status) != 0) {
         throw std::runtime_error("Waitpid failed ");
@@ -155,7 +159,8 @@ class Starter {
             throw std::runtime_error("Failed to start size control server");
         }
         server_key_ = str::base64::Encode(str::Random(kKeyBytes));
-        StartDaemon(args_, handle_, pid_lock, server_key_);
+        const bool is_checked = IsRightStorageAtStart(args_->Param("path", -1));
+        StartDaemon(args_, handle_, pid_lock, {server_key_, is_checked});
         pid_lock.Release();
         KRO_LOG(kLog, 5, "Size control started");
     }
@@ -164,6 +169,7 @@ class Starter {
     bool Join(pid_t holder) {
         const PidFile server = ReadPidFile(files_.pid);
         if (Serves(server, holder, args_)) {
+            CheckSameStorage(server);
             KRO_LOG(kLog, 5, "Size control server is ready. Date: %s",
                     args_->Param("date", -1).c_str());
             CloseStandardOutput();
@@ -178,6 +184,24 @@ class Starter {
         handle_.Reset();
         kro_proc::Sleep(kOtherServerPause);
         return false;
+    }
+
+    // The node clients store what they are given on the storage of the running server.
+    void CheckSameStorage(const PidFile& server) const {
+        const StateFile state(args_->Param("storage", -1));
+        const std::string running = state.IdentityOf(server);
+        const std::string asked =
+            StorageIdentity(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")));
+        if (running.empty()) {
+            KRO_LOG(kLog, 4, "Cant learn from '%s' which storage the running server serves",
+                    state.path().c_str());
+        } else if (running != asked) {
+            throw std::runtime_error("the running size control server (process " + server.pid +
+                                     ") serves the storage " + running +
+                                     ", and BACKUP_TOKEN is of " + asked +
+                                     ": wait until that server has ended, or use --storage NAME "
+                                     "for a server of its own");
+        }
     }
 
     // The job that reads our output sees its end and knows that the server is ready. The number
@@ -217,6 +241,32 @@ ResHandle Quarn2Lock(const std::string& path, bool exclusive) {
         if (IsSameFile(file, path)) return file;
     }
     throw std::runtime_error("Failed to lock " + path);
+}
+
+namespace {
+
+// A server that starts, serves or ends holds the pid file's lock.
+bool HasServer(const std::string& pid_file) {
+    kro_file::Lock lock;
+    try {
+        return !lock.TryLock(pid_file, false);
+    } catch (const kro_err::Error& error) {
+        if (error.kind() != kro_err::Kind::kNotFound) throw;
+        return false;
+    }
+}
+
+}  // namespace
+
+ResHandle LockWithoutServer(const ServerFiles& files) {
+    for (bool is_first = true;; is_first = false) {
+        ResHandle handle = Quarn2Lock(files.lock, true);
+        if (!HasServer(files.pid)) return handle;
+        if (is_first) KRO_LOG(kLog, 5, "Wait for the end of the size control server");
+        // The server ends when it gets this lock, for which it asks once a second.
+        handle.Close();
+        kro_proc::Sleep(kStartingPause);
+    }
 }
 
 std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std::string>& nodes) {

@@ -23,6 +23,10 @@ ResHandle OpenLockFile(const std::string& path);
 // std::runtime_error when it cannot be opened or locked.
 ResHandle Quarn2Lock(const std::string& path, bool exclusive);
 
+// Takes the exclusive lock of a storage at a moment when no server of it runs. A server that no job
+// holds any more ends while this call waits. As long as the lock is held no server can start.
+ResHandle LockWithoutServer(const ServerFiles& files);
+
 // Limits and nodes as one text, to tell whether a running server does what a call asks for.
 std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std::string>& nodes);
 
@@ -44,6 +48,12 @@ struct PidFile {
 // output then. The server lives as long as the returned lock is held, by this process or another.
 ResHandle SizeControlServerStart(kro_args::ResultPtr args, ResHandle&& handle);
 
+// What the caller gives to the daemon besides its arguments.
+struct DaemonStart {
+    std::string server_key;
+    bool is_storage_checked = false;  // see IsRightStorageAtStart
+};
+
 // The daemon's life, from its first step in the grandchild on; ends the process.
 [[noreturn]] void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
-                            const std::string& server_key);
+                            const DaemonStart& start);

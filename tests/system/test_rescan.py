@@ -8,7 +8,7 @@ import time
 import unittest
 
 from archives import rescan, tree_bytes, wipe
-from harness import Server, SystemTest, children, read, tree, wait_for, write
+from harness import Server, SystemTest, children, read, tree, wait_for, wait_gone, write
 from samples import DATE, Backup, info_text
 
 MARKER = ".rescan"
@@ -313,6 +313,23 @@ class Callers(RescanTest):
         self.assertEqual((0, ""), second.release())
         self.assertEqual(0, third.end())
         self.assertEqual(expected, tree_bytes(root.info_root))
+
+    def test_a_server_that_no_job_holds_ends_before_the_rescan(self):
+        root = self.root()
+        server = Server(root, "--date", DATE).wait_ready()
+        os.kill(server.daemon, signal.SIGSTOP)  # it would end by itself within a second
+        server.release()
+        rescan = Server(root, "--rescan")
+        root.wait_log("Wait for the end of the size control server", pid=rescan.pid)
+        Backup(root, "web9", DATE)
+        for name in tree(root.info_root):
+            os.unlink(os.path.join(root.info_root, name))
+        os.kill(server.daemon, signal.SIGCONT)
+        wait_gone(server.daemon)
+        rescan.wait_ready()
+        self.assertNotEqual(server.daemon, rescan.daemon)
+        self.assertIn(f"{DATE}.web9.info", root.local())
+        self.assertEqual(0, rescan.end())
 
     def test_it_waits_until_nobody_holds_the_server(self):
         root = self.root()

@@ -87,6 +87,17 @@ TEST_F(RescanCommand, FetchesAnIndexAgainThatIsMissingHere) {
     EXPECT_EQ(InfoRoot(), DatedFiles("web1", "2026-11-20"));
 }
 
+TEST_F(RescanCommand, AnInfoFileThatIsFetchedForItsIndexKeepsItsLocalKeys) {
+    const std::string stem = "web1/2026-11-20/2026-11-20.web1";
+    store_->SetFile(stem + ".info", "comment=stored\nlast-slice=" + stem + "\nsize=5");
+    store_->SetFile(stem + ".tgz", "index");
+    Place(InfoRoot(stem + ".info"), "comment=old\nlast-slice=x\nlocked=1\nnode=n1\nsize=4");
+    Run();
+    EXPECT_EQ(Local(stem + ".tgz"), "index");
+    EXPECT_EQ(Local(stem + ".info"),
+              "comment=stored\nlast-slice=" + stem + "\nlocked=1\nnode=n1\nsize=5");
+}
+
 TEST_F(RescanCommand, FetchesAnIndexAgainWhoseLocalNameSaysOtherwise) {
     StoreDated("web1", "2026-11-20");
     Run();

@@ -453,4 +453,78 @@ TEST_F(Eviction, AFailedDeletionStopsTheCountLimitsToo) {
     EXPECT_EQ(desc_->free_size, 1);
 }
 
+// --- The right storage ---
+
+class UncheckedStorage : public Eviction {
+  protected:
+    UncheckedStorage() {
+        User("a", "FFF");
+        for (std::size_t i = 0; i < 3; ++i) {
+            Files("a", i);
+            Place("root/" + DateOf(i) + ".a.info",
+                  "last-slice=F" + DateOf(i) + ".a.tgz\nsize=1\ntype=full\nfinished=" + DateOf(i));
+        }
+        control_.is_storage_checked = false;
+        control_.full_limit = 2;
+        control_.size_limit = 100;
+    }
+
+    void FailWith(kro_err::Kind kind) {
+        store_->SetHook(
+            [kind](const std::string&, const std::string&) { throw kro_err::Error(kind, "down"); });
+    }
+
+    void ExpectNothingDeleted() {
+        EXPECT_EQ(Survivors("a"), "ABC");
+        EXPECT_EQ(Below("root").size(), 4U);
+        EXPECT_EQ(control_.max_count, 3);
+        EXPECT_FALSE(control_.is_storage_checked);
+    }
+};
+
+TEST_F(UncheckedStorage, OneThatCannotBeAskedLosesNothing) {
+    for (const kro_err::Kind kind : {kro_err::Kind::kUnavailable, kro_err::Kind::kUnauthorized}) {
+        FailWith(kind);
+        EXPECT_EQ(TextOf<kro_err::Error>([&] { control_.DropOldest(2); }), "down");
+        EXPECT_EQ(TextOf<kro_err::Error>([&] { control_.MakeRoom(*desc_, 1); }), "down");
+        ClearLog();
+        control_.DropByCount(1, 0);
+        control_.FitIntoLimits();
+        EXPECT_EQ(Log(4), (Lines(2, "4: Backups beyond the limits are kept for now. What: down")));
+        ExpectNothingDeleted();
+    }
+}
+
+TEST_F(UncheckedStorage, OneThatHasNoneOfTheBackupsLosesNothing) {
+    store_->Reset();
+    const std::string text =
+        "none of the 3 newest backups known here is on memory:site: is it mounted, is the token "
+        "right? If it was emptied on purpose, run --rescan";
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(2); }), text);
+    control_.DropByCount(1, 0);
+    ExpectNothingDeleted();
+}
+
+TEST_F(UncheckedStorage, OneThatAnswersLaterIsCheckedOnce) {
+    FailWith(kro_err::Kind::kUnavailable);
+    control_.FitIntoLimits();
+    store_->SetHook(nullptr);
+    control_.DropByCount(2, 0);
+    EXPECT_EQ(Survivors("a"), "BC");
+    EXPECT_TRUE(control_.is_storage_checked);
+    // A server that deletes the last ones known here must not stop for that.
+    control_.DropByCount(1, 0);
+    EXPECT_EQ(Survivors("a"), "C");
+}
+
+TEST_F(UncheckedStorage, ABegunDeletionWaitsToo) {
+    desc_->half_deleted["root/" + DateOf(0) + ".a.info"] = 5;
+    desc_->free_size = desc_->limit = 50;
+    FailWith(kro_err::Kind::kUnavailable);
+    control_.FinishDeletions();
+    EXPECT_EQ(Below("root").size(), 4U);
+    EXPECT_EQ(desc_->free_size, 45);
+    EXPECT_EQ(desc_->limit, 45);
+}
+
 }  // namespace

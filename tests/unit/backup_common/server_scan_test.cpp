@@ -70,6 +70,17 @@ TEST_F(Scan, AnInfoFileThatEvictionWouldNotFindIsChargedForGood) {
                "4: Info file 'foo.info' is not named DATE.USER.info. Never evicted. size 7"}));
 }
 
+TEST_F(Scan, AnInfoFileThatVanishesMeanwhileIsSkipped) {
+    Info("2026-11-15.web1", "full", "10");
+    Info("2026-11-17.web1", "full", "20");
+    control_.TakeInfoFiles(
+        {"root/2026-11-15.web1.info", "root/2026-11-16.web1.info", "root/2026-11-17.web1.info"},
+        "2026-11-20");
+    EXPECT_EQ(Records("web1"), "2026-11-15F10 2026-11-17F20");
+    EXPECT_EQ(Log(6), (Lines{"6: Skip 'root/2026-11-16.web1.info', which was removed during the "
+                             "scan"}));
+}
+
 TEST_F(Scan, ANegativeSizeStopsIt) {
     Info("2026-11-15.web1", "full", "-100");
     EXPECT_EQ(TextOf<std::runtime_error>([&] { Run(); }),
