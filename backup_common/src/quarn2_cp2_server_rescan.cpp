@@ -216,9 +216,9 @@ class Rescanner {
             DropUnsafe(files);
             if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
             for (const std::string& file : files) {
-                const LocalKeys kept(kro_file::ConcatPath(local_dir_, dir + "/" + file),
-                                     trust_local_);
-                Fetch(local_dir_, kro_file::ConcatPath(dir, file));
+                const std::string name = kro_file::ConcatPath(dir, file);
+                const LocalKeys kept(kro_file::ConcatPath(local_dir_, name), trust_local_);
+                Fetch(local_dir_, name);
                 kept.Restore();
             }
         }
