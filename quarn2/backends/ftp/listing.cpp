@@ -17,6 +17,8 @@ using kro_err::Kind;
 using Type = Entry::Type;
 
 constexpr std::string_view kDigits = "0123456789";
+// Between the name of a link and what it points to.
+constexpr std::string_view kArrow = " -> ";
 
 [[noreturn]] void NotUnderstood(std::string_view line) {
     throw Error(Kind::kFailed, "a line of the server's listing is not understood: " + Quoted(line));
@@ -171,7 +173,12 @@ void AddUnixLine(Listing& listing, std::string_view line) {
     // One blank ends the date; more are the name's own.
     if (name.size() < 2) NotUnderstood(line);
     name.remove_prefix(1);
-    if (line.front() == 'l') name = name.substr(0, name.find(" -> "));
+    if (line.front() == 'l') {
+        const std::size_t arrow = name.find(kArrow);
+        // Where the name ends is open: a removal must not get the name of another file.
+        if (arrow != name.rfind(kArrow)) return;
+        name = name.substr(0, arrow);
+    }
     Type type = Type::kOther;
     if (line.front() == '-') type = Type::kFile;
     if (line.front() == 'd') type = Type::kDirectory;

@@ -121,7 +121,8 @@ TEST(FtpListing, UnixInItsVariants) {
         "-rw-r--r--   1 ftptest        3 Jan  1 00:00 without group\r\n"
         "drwxr-xr-t+  3 jan      may          4096 Dec 31 23:59 months for names\r\n"
         "-rw-r--r--   1 u        g           123 2026-11-20 19:40 iso\r\n"
-        "lrwxrwxrwx   1 u        g             4 Nov 20 19:53 link -> a -> b\r\n"
+        "lrwxrwxrwx   1 u        g             4 Nov 20 19:53 link -> target\r\n"
+        "lrwxrwxrwx   1 u        g             4 Nov 20 19:53 which -> a -> b\r\n"
         "crw-rw-rw-   1 root     root     1,   3 Nov 20 19:53 null\r\n");
     EXPECT_TRUE(listing.shows_itself);
     EXPECT_THAT(listing.entries,

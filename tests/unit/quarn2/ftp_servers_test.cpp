@@ -18,6 +18,8 @@ std::string Line(const std::string& name, char type = '-') {
            "\r\n";
 }
 
+using FtpServers = ScriptedFtp;
+
 // --- Servers without machine listings ---
 
 // Lists the directory that the session is in, as vsftpd does. Logins begin in "/".
@@ -113,9 +115,31 @@ TEST_F(FtpWithoutMlsd, TroubleThatMayPassIsNotAMissingDirectory) {
     EXPECT_EQ(TypeOf([&] { List(*Open(), "other"); }), "unavailable");
 }
 
+// --- Machine listings ---
+
+// Such a server understands the command. LIST, which may not show hidden files, is not needed.
+TEST_F(FtpServers, RefusalToListAFileDoesNotEndMachineListings) {
+    Serve({{"MLSD",
+            [](FtpSession& session, const std::string& path) {
+                if (path.find("file") != std::string::npos) {
+                    session.Say("501 No such directory.");
+                } else {
+                    session.Send("type=cdir; .\r\ntype=file; file\r\n");
+                }
+            }},
+           {"MLST", Saying("250-\r\n type=file; file\r\n250 End")}});
+    const auto storage = Open();
+    for (int round = 0; round < 2; ++round) {
+        storage->List(names_, "file");
+        EXPECT_THAT(names_, ElementsAre("file"));
+        storage->List(names_, "");
+        EXPECT_THAT(names_, ElementsAre("file"));
+    }
+    EXPECT_THAT(server_->Seen(), Not(Contains("LIST")));
+}
+
 // --- Servers with demands on TLS ---
 
-using FtpServers = ScriptedFtp;
 using FtpsServers = EncryptedFtp<ScriptedFtp>;
 
 TEST_F(FtpsServers, OneWithoutTls12IsServedByTls13) {
