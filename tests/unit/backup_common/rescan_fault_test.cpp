@@ -381,8 +381,8 @@ TEST_F(RescanLock, IsLetGoByAFailedRescan) {
 }
 
 TEST_F(RescanLock, IsSharedOnceTheServerIsJoined) {
-    const Server server;
     ResHandle handle = Rescan(*Arguments({}));
+    const Server server;
     const int number = handle;
     handle = SizeControlServerStart(Arguments({}), std::move(handle));
     EXPECT_EQ(static_cast<int>(handle), number);
@@ -394,8 +394,8 @@ TEST_F(RescanLock, IsSharedOnceTheServerIsJoined) {
 }
 
 TEST_F(RescanLock, OfAFileReplacedMeanwhileIsTakenAnew) {
-    const Server server;
     ResHandle handle = Rescan(*Arguments({}));
+    const Server server;
     std::filesystem::rename(kLock, "var/old");
     handle = SizeControlServerStart(Arguments({}), std::move(handle));
     EXPECT_TRUE(CanLock(LOCK_SH));
