@@ -1,19 +1,16 @@
 #include "quarn2_cp2_server_check.h"
 
-#include <cstdio>
 #include <stdexcept>
 
 #include "kro/kro_env.h"
 #include "kro/kro_err.h"
-#include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_server_notes.h"
 
 namespace {
-
-constexpr kro_log::Module kLog("main");
 
 // Without secrets.
 std::string StorageName() { return quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).Str(); }
@@ -34,12 +31,10 @@ bool IsRightStorageAtStart(const std::string& info_root) {
         CheckRightStorage(*GetStorageByEnv(), info_root);
         return true;
     } catch (const kro_err::Error& error) {
-        const std::string warning = "cannot check whether " + StorageName() +
-                                    " is the storage of the backups known here: " + error.what() +
-                                    ". The server starts, and deletes nothing before this check "
-                                    "has succeeded";
-        KRO_LOG(kLog, 4, "%s", warning.c_str());
-        std::fprintf(stderr, "quarn2_cp: %s\n", warning.c_str());
+        Warn("cannot check whether " + StorageName() +
+             " is the storage of the backups known here: " + error.what() +
+             ". The server starts, and deletes nothing before this check "
+             "has succeeded");
         return false;
     }
 }

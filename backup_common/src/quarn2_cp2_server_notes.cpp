@@ -19,6 +19,11 @@ void Print(const std::string& text) {
 
 }  // namespace
 
+void Warn(const std::string& text) {
+    KRO_LOG(kLog, 4, "%s", text.c_str());
+    Print(text);
+}
+
 std::string CountLimitWarning(const std::string& count_limit) {
     std::string daily = count_limit;
     str::GetWord(daily, ":");
@@ -30,9 +35,7 @@ std::string CountLimitWarning(const std::string& count_limit) {
 
 void WarnOfCountLimit(const kro_args::Result& args) {
     const std::string text = CountLimitWarning(args.Param("count-limit", -1));
-    if (text.empty()) return;
-    KRO_LOG(kLog, 4, "%s", text.c_str());
-    Print(text);
+    if (!text.empty()) Warn(text);
 }
 
 void WarnOfEndedInput() {

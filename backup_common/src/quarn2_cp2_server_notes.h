@@ -5,6 +5,9 @@
 
 #include "kro/kro_args.h"
 
+// Prints "quarn2_cp: warning: TEXT" on standard error and logs TEXT at level 4.
+void Warn(const std::string& text);
+
 // What a server with this --count-limit deletes although no number asks for it; "" when the value
 // names the number of daily backups.
 std::string CountLimitWarning(const std::string& count_limit);
