@@ -217,9 +217,9 @@ class Rescanner {
             if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
             for (const std::string& file : files) {
                 const std::string name = kro_file::ConcatPath(dir, file);
-                const LocalKeys kept(kro_file::ConcatPath(local_dir_, name), trust_local_);
+                const LocalKeys local_keys(kro_file::ConcatPath(local_dir_, name), trust_local_);
                 Fetch(local_dir_, name);
-                kept.Restore();
+                local_keys.Restore();
             }
         }
     }
