@@ -28,6 +28,7 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/tmp", "directory", 0o700),
     (r"root/var/quarn2_cp\.(log|pid|lock)", "file", 0o600),
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
+    (r"root/tmp/(quarn2_cp\.state|\.quarn2_cp\.state\.part~)", "file", 0o600),
     (r"root/var/quarn2_cp\.removed", "directory", 0o700),
     # With the modes that they had in the info root.
     (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),

@@ -57,3 +57,13 @@ class Ftps3Site : public FtpsSite {
   public:
     Ftps3Site() : FtpsSite("ftp3") {}
 };
+
+// On vsftpd, without that demand.
+class Ftps3LenientSite : public Ftps3Site {
+  public:
+    TokenParts Parts() const override {
+        TokenParts parts = Ftps3Site::Parts();
+        parts.port = info().Port("lenient_port");
+        return parts;
+    }
+};

@@ -4,7 +4,9 @@
 
 namespace {
 
-INSTANTIATE_TEST_SUITE_P(Ftp3, StorageConformance, testing::Values(SiteKind<Ftps3Site>("tls")),
+INSTANTIATE_TEST_SUITE_P(Ftp3, StorageConformance,
+                         testing::Values(SiteKind<Ftps3Site>("tls"),
+                                         SiteKind<Ftps3LenientSite>("tls_without_reuse")),
                          NameOfKind<StorageKind>);
 
 }  // namespace
