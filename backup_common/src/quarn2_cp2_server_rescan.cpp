@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <memory>
+#include <optional>
 #include <set>
 #include <stdexcept>
 
@@ -140,15 +141,14 @@ class Rescanner {
         DropReserved(top);
         const Marker marker(local_dir_, filter_);
         trust_local_ = !marker.was_there();
-        RemovedEntries removed(filter_, local_dir_, marker.was_there());
-        removed_ = &removed;
+        removed_.emplace(filter_, local_dir_, marker.was_there());
         // Files of the storage's root may come before the user's directory.
         if (local_root_ != local_dir_) {
-            ClearForDirectory(local_root_, removed);
+            ClearForDirectory(local_root_, *removed_);
             kro_file::MkDirSynced(local_root_);
         }
         storage_->DeferSync(true);
-        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_, removed);
+        if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_, *removed_);
         ProgressLine progress(static_cast<std::int64_t>(top.size()));
         storage_->SetObserver(&progress);
         for (const std::string& entry : top) {
@@ -225,7 +225,7 @@ class Rescanner {
     }
 
     // What is left of `files` has to be fetched.
-    void RemoveMissedFiles(Names& files, const std::string& directory) const {
+    void RemoveMissedFiles(Names& files, const std::string& directory) {
         if (!trust_local_) return RemoveMissedDirs(files, directory, false, *removed_);
         Names kept;
         Names missed;
@@ -272,7 +272,7 @@ class Rescanner {
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;
-    RemovedEntries* removed_ = nullptr;  // while Run works
+    std::optional<RemovedEntries> removed_;  // while Run works
     std::string encrypted_lines_;
 };
 

@@ -94,8 +94,8 @@ void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
 std::optional<Entry> Tree::FindListed(const std::string& name) {
     if (name.empty()) return std::nullopt;
     const auto [above, last] = kro_file::SplitPath(name);
-    for (Entry& entry : ListOrNothing(above)) {
-        if (entry.name == last) return std::move(entry);
+    for (const Entry& entry : ListOrNothing(above)) {
+        if (entry.name == last) return entry;
     }
     return std::nullopt;
 }
