@@ -1,13 +1,11 @@
 #include "quarn2_cp2_misc_identity.h"
 
-#include <algorithm>
-#include <cctype>
 #include <cstdint>
-#include <filesystem>
 #include <map>
 
 #include "kro/kro_file.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_paths.h"
 
 namespace {
 
@@ -19,25 +17,12 @@ std::uint16_t DefaultPort(const std::string& scheme) {
     return found == ports.end() ? 0 : found->second;
 }
 
-std::string Lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(),
-                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-    return text;
-}
-
-// A path that cannot be resolved, such as one below a directory without rights, stays as it is.
-std::string ResolvedPath(const std::string& path) {
-    std::error_code error;
-    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-    const std::filesystem::path resolved = std::filesystem::weakly_canonical(absolute, error);
-    return kro_file::GoodPath(error ? path : resolved.string());
-}
-
 }  // namespace
 
 std::string StorageIdentity(const quarn2::BackupToken& token) {
-    if (token.IsLocal()) return token.scheme() + "://" + ResolvedPath(token.path());
-    std::string text = token.scheme() + "://" + Lower(token.host());
+    if (token.IsLocal())
+        return token.scheme() + "://" + ResolvePath(kro_file::GoodPath(token.path())).string();
+    std::string text = token.scheme() + "://" + str::Lower(token.host());
     if (token.port() != 0 && token.port() != DefaultPort(token.scheme())) {
         text += ":" + str::Str(token.port());
     }

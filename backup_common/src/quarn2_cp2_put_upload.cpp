@@ -118,7 +118,7 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
         Release(error.what(), source);
         return false;
     }
-    // The job was told the size of another content than the next attempt would store.
+    // The next attempt would store other content than the size that the job was told.
     if (source && source->Compare() != SourceState::kUnchanged) {
         LogGivenUp(local_path_, error);
         Release(error.what(), source);

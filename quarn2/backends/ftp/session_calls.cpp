@@ -15,7 +15,7 @@ namespace quarn2::ftp {
 
 namespace {
 
-// What is sent stays in the kernel, for at least 200 ms and about three round trips.
+// The kernel keeps the bytes that are sent, for at least 200 ms and about three round trips.
 void Cork(curl_socket_t socket, bool corked) noexcept {
     const int value = corked ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);

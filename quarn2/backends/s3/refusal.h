@@ -14,7 +14,7 @@ struct Refusal {
     int status = 0;
     std::string code;
     std::string message;
-    std::string region;  // where the bucket is, when the server tells
+    std::string region;  // of the bucket; empty when the reply names none
     std::string path;    // bucket and key of the request; not searched in the message
 
     // The one table of S3's codes; see the definition.

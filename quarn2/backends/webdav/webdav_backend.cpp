@@ -46,7 +46,8 @@ net::ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "WebDAV", auth);
 }
 
-// -1 when it is not told: beside a transfer encoding a length means nothing.
+// Returns -1 when the reply has no length, or a transfer encoding, which makes a length
+// meaningless.
 std::int64_t ContentLength(const HttpReply& reply) {
     if (!reply.Header("transfer-encoding").empty()) return -1;
     const std::string text = reply.Header("content-length");

@@ -1,4 +1,4 @@
-// FTP servers that lack commands or answer in their own ways: what is listed, removed and refused.
+// Listings, removals and refusals on FTP servers that lack commands or answer in their own way.
 #include <gmock/gmock.h>
 
 #include <map>
