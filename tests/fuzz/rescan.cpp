@@ -1,5 +1,6 @@
 // A rescan of a storage that lists and hands out anything: whatever the names are, nothing changes
-// outside of the info root, and what it fetches lies under names that a listing may have.
+// outside of the info root and of the directory that keeps what a rescan removes, and what it
+// fetches lies under names that a listing may have.
 //
 // The input's lines are the storage's: each listing takes those up to the next empty line, each
 // file that is fetched too. The first byte: "p" a user's root, below var/backup, else a plain one.
@@ -12,6 +13,7 @@
 #include "arguments.h"
 #include "fuzz.h"
 #include "kro/kro_err.h"
+#include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2_backend/storage_backend.h"
 #include "quarn2_cp2_server_rescan.h"
@@ -86,6 +88,16 @@ Names Below(const std::string& directory, const std::string& but) {
     return names;
 }
 
+// Without the lock file and the directory that keeps what the rescan has removed.
+Names WithoutOwn(Names names, const std::string& mark) {
+    const std::string removed = "var/quarn2_cp.removed" + mark;
+    names.erase("var/quarn2_cp.lock" + mark);
+    std::erase_if(names, [&removed](const std::string& name) {
+        return name == removed || str::StartsWith(name, removed + "/");
+    });
+    return names;
+}
+
 void CheckFetched(const std::string& root) {
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
         Require(quarn2::IsSafeName(entry.path().filename()), "what is fetched has a name");
@@ -107,15 +119,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fs::create_directories("var/backup/tovarn");
     fs::create_directories(root);
     const Names before = Below(".", cleaned);
-    const kro_args::ResultPtr args = Arguments({"--rescan", "--path", Folder() + "/" + root});
+    std::vector<std::string> words = {"--rescan", "--path", Folder() + "/" + root};
+    if (user_data) words.insert(words.end(), {"--storage", "u"});
+    const kro_args::ResultPtr args = Arguments(words);
     fuzz::Accepts([&args] { Rescan(*args); });
-    Names after = Below(".", cleaned);
-    after.erase("var/quarn2_cp.lock");
-    Names expected = before;
-    expected.erase("var/quarn2_cp.lock");
-    Require(after == expected, "nothing changes outside of the info root");
+    const std::string mark = user_data ? "#u" : "";
+    Require(WithoutOwn(Below(".", cleaned), mark) == WithoutOwn(before, mark),
+            "nothing changes outside of the info root");
     Require(fs::exists("var/backup/tovarn"), "an administrator's info root stays");
     CheckFetched(cleaned);
     fs::remove_all(cleaned);
+    fs::remove_all("var/quarn2_cp.removed" + mark);
     return 0;
 }
