@@ -66,7 +66,7 @@ void CheckIsOurStorage(quarn2::Storage& storage) {
     if (check.result != NewestOnStorage::kNoneFound) return;
     throw std::runtime_error(
         "none of the " + str::Str(check.asked) + " newest backups known in " + kInfoRoot +
-        " is on " + quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).Str() +
+        " is on " + TokenByEnv().Str() +
         ": is it mounted, is the token right? Nothing was removed. If that storage was emptied on "
         "purpose, run --server --rescan, and --clear again");
 }

@@ -176,16 +176,6 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
     return names;
 }
 
-std::vector<std::string> ListStored(quarn2::Storage& storage, const std::string& directory) {
-    std::vector<std::string> names;
-    try {
-        storage.List(names, directory);
-    } catch (const kro_err::Error& error) {
-        if (error.kind() != kro_err::Kind::kNotFound) throw;
-    }
-    return names;
-}
-
 // The info file goes last: as long as it is there, a rescan brings it back and the deletion can be
 // repeated.
 void RemoveOwnFiles(Removal& storage, const std::string& directory,
@@ -204,7 +194,7 @@ void RemoveOwnFiles(Removal& storage, const std::string& directory,
 void RemoveStoredDirectory(Removal& storage, const std::string& directory,
                            const std::string& info_path, const quarn2::InfoMap& info) {
     const BackupNames backup = NamesOf(info_path, info, directory);
-    const std::vector<std::string> names = ListStored(*storage.storage(), directory);
+    const std::vector<std::string> names = ListOrNothing(*storage.storage(), directory);
     if (OwnsDirectory(directory, names, backup)) {
         storage.RemoveDir(directory);
         return;

@@ -5,7 +5,7 @@
 
 #include "kro/kro_file.h"
 #include "kro/str.h"
-#include "quarn2_cp2_misc_paths.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -20,8 +20,7 @@ std::uint16_t DefaultPort(const std::string& scheme) {
 }  // namespace
 
 std::string StorageIdentity(const quarn2::BackupToken& token) {
-    if (token.IsLocal())
-        return token.scheme() + "://" + ResolvePath(kro_file::GoodPath(token.path())).string();
+    if (token.IsLocal()) return token.scheme() + "://" + StorageDirectory(token).string();
     std::string text = token.scheme() + "://" + str::Lower(token.host());
     if (token.port() != 0 && token.port() != DefaultPort(token.scheme())) {
         text += ":" + str::Str(token.port());

@@ -16,6 +16,7 @@
 #include "quarn2/info.h"
 #include "quarn2/info_reader.h"
 #include "quarn2/names.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -105,13 +106,7 @@ std::vector<BackupFiles> FilesOfNewest(const std::string& info_root) {
 }
 
 bool IsOnStorage(quarn2::Storage& storage, const std::string& name) {
-    std::vector<std::string> names;
-    try {
-        storage.List(names, name);
-    } catch (const kro_err::Error& error) {
-        if (error.kind() != kro_err::Kind::kNotFound) throw;
-    }
-    return !names.empty();
+    return !ListOrNothing(storage, name).empty();
 }
 
 NewestCheck FindNewestOnStorage(quarn2::Storage& storage, const std::string& info_root) {

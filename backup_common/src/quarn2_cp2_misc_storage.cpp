@@ -6,17 +6,13 @@
 #include <system_error>
 
 #include "kro/kro_env.h"
+#include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "quarn2_cp2_misc_paths.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// The storage directory as the local storage opens it.
-fs::path StorageDirectory(const quarn2::BackupToken& token) {
-    return ResolvePath(kro_file::GoodPath(token.path()));
-}
 
 // Every role works in the install root.
 ProtectedDirectories FindProtected(const std::string& info_root) {
@@ -71,6 +67,22 @@ std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& 
 
 }  // namespace
 
+quarn2::BackupToken TokenByEnv() { return quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")); }
+
+fs::path StorageDirectory(const quarn2::BackupToken& token) {
+    return ResolvePath(kro_file::GoodPath(token.path()));
+}
+
+std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::string& path) {
+    std::vector<std::string> names;
+    try {
+        storage.List(names, path);
+    } catch (const kro_err::Error& error) {
+        if (error.kind() != kro_err::Kind::kNotFound) throw;
+    }
+    return names;
+}
+
 std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protected_directories,
                                             const fs::path& storage) {
     for (const fs::path& directory : protected_directories.outside) {
@@ -102,7 +114,7 @@ std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
 }
 
 std::shared_ptr<quarn2::Storage> GetStorageByEnv(const std::string& info_root) {
-    return OpenStorage(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")), info_root);
+    return OpenStorage(TokenByEnv(), info_root);
 }
 
 void CheckSource(const quarn2::BackupToken& token, const std::string& remote,

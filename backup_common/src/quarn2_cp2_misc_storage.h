@@ -14,6 +14,15 @@
 inline constexpr const char* kDefaultInfoRoot = "var/backup/tovarn";
 inline constexpr const char* kPrivateInfoRoot = "var/backup/tovarn.private";
 
+// The token in BACKUP_TOKEN. One that is unset or malformed tests false.
+quarn2::BackupToken TokenByEnv();
+
+// The directory of a local token as the local storage opens it, resolved.
+std::filesystem::path StorageDirectory(const quarn2::BackupToken& token);
+
+// Storage::List, but a missing path has no names.
+std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::string& path);
+
 // What a local storage directory must keep away from, because --clear empties the storage and
 // evictions delete in it. All paths are resolved.
 struct ProtectedDirectories {

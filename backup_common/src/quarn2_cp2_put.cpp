@@ -4,7 +4,6 @@
 #include <stdexcept>
 
 #include "kro/kro_date.h"
-#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
@@ -95,7 +94,7 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     CheckFileName(file);
     // The node client has the token that is used. One of this job's that names a forbidden
     // directory is a mistake that its next command would make too.
-    CheckStorageDirectory(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")), kDefaultInfoRoot);
+    CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
     // What could hinder the end later is told while the job still has its file.
     if (args->Has("info-file") && args->Has("isolated")) UnstoredInfo::Prepare();
     const Taken taken =
@@ -120,7 +119,7 @@ void CommandUpdate(const std::string& path) {
     }
     const std::string remote = kro_file::ConcatPath(kro_file::Path(last), kro_file::Name(path));
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
-    CheckSource(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")), remote, path);
+    CheckSource(TokenByEnv(), remote, path);
     // The old file goes first: the new one must be there to follow.
     kro_file::Size(path);
     ProgressLine progress(1);

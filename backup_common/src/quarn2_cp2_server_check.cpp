@@ -2,7 +2,6 @@
 
 #include <stdexcept>
 
-#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
@@ -13,7 +12,7 @@
 namespace {
 
 // Without secrets.
-std::string StorageName() { return quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).Str(); }
+std::string StorageName() { return TokenByEnv().Str(); }
 
 }  // namespace
 

@@ -13,7 +13,6 @@
 #include <stdexcept>
 
 #include "kro/kro_date.h"
-#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
@@ -88,7 +87,7 @@ class Daemon {
     // A full disk may have room later.
     void WriteState() {
         if (is_state_written_) return;
-        const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+        const quarn2::BackupToken token = TokenByEnv();
         is_state_written_ = state_file_.Write(Myself(), StorageIdentity(token));
     }
 

@@ -6,13 +6,13 @@
 #include <vector>
 
 #include "kro/kro_date.h"
-#include "kro/kro_env.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc_paths.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -74,9 +74,9 @@ void CheckIsNoOtherUsers(const std::string& local_root, const std::string& stora
 }
 
 void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem::path& cleaned) {
-    const quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
+    const quarn2::BackupToken token = TokenByEnv();
     if (!token.IsLocal()) return;
-    const std::filesystem::path storage = ResolvePath(kro_file::GoodPath(token.path()));
+    const std::filesystem::path storage = StorageDirectory(token);
     if (IsSameOrBelow(cleaned, storage) || IsSameOrBelow(storage, cleaned)) {
         Refuse(local_root, "the storage lies there; name a directory for info files alone");
     }

@@ -12,7 +12,6 @@
 #include <optional>
 #include <stdexcept>
 
-#include "kro/kro_env.h"
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
@@ -190,8 +189,7 @@ class Starter {
     void CheckSameStorage(const PidFile& server) const {
         const StateFile state(args_->Param("storage", -1));
         const std::string running = state.IdentityOf(server);
-        const std::string asked =
-            StorageIdentity(quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")));
+        const std::string asked = StorageIdentity(TokenByEnv());
         if (running.empty()) {
             KRO_LOG(kLog, 4, "Cant learn from '%s' which storage the running server serves",
                     state.path().c_str());
@@ -276,7 +274,7 @@ std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std:
 
 std::string RequestedParams(const kro_args::ResultPtr& args) {
     std::set<std::string> nodes;
-    if (quarn2::BackupToken(kro_env::GetEnv("BACKUP_TOKEN")).IsLocal()) {
+    if (TokenByEnv().IsLocal()) {
         const std::vector<std::string> given = args->Params("node");
         nodes.insert(given.begin(), given.end());
     }

@@ -17,7 +17,7 @@ using kro_err::Kind;
 using Type = Entry::Type;
 
 constexpr std::string_view kDigits = "0123456789";
-// Between the name of a link and what it points to.
+// Separates the name of a link from its target.
 constexpr std::string_view kArrow = " -> ";
 
 [[noreturn]] void NotUnderstood(std::string_view line) {

@@ -77,7 +77,7 @@ template <class Plain>
 class EncryptedFtp : public Plain {
   protected:
     EncryptedFtp() { certificate_.Save(this->folder_ / "ca.pem"); }
-    // Its answers use what is here.
+    // The server's threads use the members of this class, so the server ends first.
     ~EncryptedFtp() override { this->server_.reset(); }
 
     std::string Trust() const { return "&ca=" + (this->folder_ / "ca.pem"); }

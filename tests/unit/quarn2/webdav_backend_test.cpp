@@ -365,7 +365,7 @@ class DropsInvitedBodies : public WebdavBackendTest, public testing::WithParamIn
             AnswerLength(exchange);
         });
     }
-    // The parameter is the status of what is empty.
+    // The parameter is the status of the answer for an empty file.
     void AnswerLength(HttpExchange& exchange) {
         const std::string& content = stored_[exchange.target];
         if (content.empty() && GetParam() != 200) return exchange.Answer(GetParam());
