@@ -2,6 +2,7 @@
 
 import os
 import signal
+import socket
 import sys
 import unittest
 
@@ -55,8 +56,19 @@ class BadClients(NodesTest):
         lines = [text for text in self.head.log_texts(8) if text.startswith("Reserve this")]
         return int(lines[-1].rpartition("incomplete_size = ")[2].split(",")[0])
 
+    @staticmethod
+    def takes_connections(machine):
+        with socket.socket(socket.AF_UNIX) as connection:
+            try:
+                connection.connect(machine.file("tmp/quarn2_cp.sock"))
+                return True
+            except OSError:
+                return False
+
     def check_others(self, server, *machines):
         for number, machine in enumerate(machines):
+            # Nothing orders the start of this node's client before the trouble of the other one.
+            wait_for(lambda node=machine: self.takes_connections(node), "the node client's socket")
             Job(machine, f"other{number}", DATE).run().check_stored(self.head.storage)
         self.assertEqual(0, server.end())
         self.assertEqual([], self.head.log_texts(3))
