@@ -120,6 +120,8 @@ void ChangeRoleAfterFork() noexcept {
 
 bool IsQuick() noexcept { return control != nullptr && control->quick != 0; }
 
+bool MayAdvanceClock() noexcept { return role != Role::kClient; }
+
 bool IsFile(int fd) noexcept {
     const int before = errno;
     struct stat status {};

@@ -91,6 +91,10 @@ void ChangeRoleAfterFork() noexcept;
 
 bool IsQuick() noexcept;
 
+// False in a node client: it would take every command for silent that connects while a wait of
+// another thread is cut short.
+bool MayAdvanceClock() noexcept;
+
 // True for a plain file: a descriptor of anything else sends and receives.
 bool IsFile(int fd) noexcept;
 
