@@ -1,0 +1,32 @@
+// Exclusive locks on single bytes of a lock file: one file serves any number of named locks, and
+// it is never removed, so no process can lock a file that another process has just replaced.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "kro/res_handle.h"
+
+namespace kro_file {
+
+// Holds the lock on byte `offset` of the file at `path` while the object lives. The constructor
+// creates the file (mode 0600) when it is missing and waits for other holders, other objects of
+// this process included. A process that dies releases its locks. Throws kro_err::Error when the
+// file cannot be opened or locked.
+class ByteLock {
+  public:
+    ByteLock(const std::string& path, std::int64_t offset);
+
+    // The same without waiting: null while another object holds the lock.
+    static std::unique_ptr<ByteLock> Try(const std::string& path, std::int64_t offset);
+
+  private:
+    explicit ByteLock(const std::string& path);
+    bool Take(std::int64_t offset, int command);
+
+    std::string path_;
+    ResHandle handle_;
+};
+
+}  // namespace kro_file

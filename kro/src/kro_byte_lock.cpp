@@ -1,0 +1,44 @@
+#include "kro/kro_byte_lock.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "fd_io.h"
+#include "kro/kro_err.h"
+
+namespace kro_file {
+
+ByteLock::ByteLock(const std::string& path)
+    : path_(path),
+      handle_(OpenFd(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600)) {
+    if (!handle_) throw kro_err::FromErrno("Failed to open '" + path + "'");
+    struct stat status {};
+    if (fstat(handle_, &status) != 0 || !S_ISREG(status.st_mode)) {
+        throw kro_err::Error(kro_err::Kind::kFailed, "'" + path + "' is not a plain file");
+    }
+}
+
+ByteLock::ByteLock(const std::string& path, std::int64_t offset) : ByteLock(path) {
+    Take(offset, F_OFD_SETLKW);
+}
+
+std::unique_ptr<ByteLock> ByteLock::Try(const std::string& path, std::int64_t offset) {
+    std::unique_ptr<ByteLock> lock(new ByteLock(path));
+    if (!lock->Take(offset, F_OFD_SETLK)) lock.reset();
+    return lock;
+}
+
+// Locks of open file descriptions: two threads of one process exclude each other as well.
+bool ByteLock::Take(std::int64_t offset, int command) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = offset;
+    lock.l_len = 1;
+    if (NoEintr([&] { return fcntl(handle_, command, &lock); }) == 0) return true;
+    if (errno == EAGAIN || errno == EACCES) return false;
+    throw kro_err::FromErrno("Failed to lock '" + path_ + "'");
+}
+
+}  // namespace kro_file
