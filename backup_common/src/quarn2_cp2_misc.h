@@ -71,10 +71,11 @@ void DeleteWithDepends(std::shared_ptr<quarn2::Storage> storage, const std::stri
 // What the names of a broken or incomplete backup's files have in common.
 std::string GetPrefix(const std::string& name);
 
-// Delete the files with this prefix at the storage root, and in a local directory; each is logged
-// with the reason `why`.
-void DeleteOnStorage(quarn2::Storage& storage, const std::string& prefix, const char* why);
-void DeleteLocally(const std::string& directory, const std::string& prefix, const char* why);
+// Delete the files whose names `takes` accepts, at the storage root and in a local directory; each
+// is logged with the reason `why`.
+using TakesName = std::function<bool(const std::string& name)>;
+void DeleteOnStorageIf(quarn2::Storage& storage, const TakesName& takes, const char* why);
+void DeleteLocallyIf(const std::string& directory, const TakesName& takes, const char* why);
 
 // Deletes every file with the info file's prefix, at the storage root and beside the info file.
 // Errors are logged, never thrown; false after one.

@@ -1,5 +1,4 @@
 #include <filesystem>
-#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -9,7 +8,9 @@
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_removal.h"
 
@@ -18,30 +19,6 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kInfoRoot = kDefaultInfoRoot;
 constexpr const char* kClearMark = ".clear";
-constexpr const char* kWhy = "incomplete backup";
-
-// A line is the escaped token of the storage, a tab, the prefix.
-void RemoveIncomplete(const std::string& dir, std::string line) {
-    const std::string token = str::badchars::Unescape(str::GetWord(line, "\t"), '\\');
-    const std::string& prefix = line;
-    // An empty prefix would match files that belong to no such backup.
-    if (prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
-    const std::shared_ptr<quarn2::Storage> storage = OpenStorage(quarn2::BackupToken(token), dir);
-    DeleteOnStorage(*storage, prefix, kWhy);
-    DeleteLocally(dir, prefix, kWhy);
-}
-
-// Its lines say what is removed, and where: they must be nobody else's.
-std::optional<std::string> ListOfIncomplete(const std::string& path) {
-    try {
-        return kro_file::ReadOurs(path);
-    } catch (const kro_err::Error& error) {
-        if (error.type() != "not_found") {
-            KRO_LOG(kLog, 3, "List of incomplete backups is left alone: %s", error.what());
-        }
-        return std::nullopt;
-    }
-}
 
 std::string ClearMark(const std::string& info_root) {
     return kro_file::ConcatPath(info_root, kClearMark);
@@ -71,10 +48,24 @@ void CheckIsOurStorage(quarn2::Storage& storage) {
         "purpose, run --server --rescan, and --clear again");
 }
 
+// The jobs that run meanwhile will ask the storage for their slices.
+void ForgetUnfinished(const std::string& identity) {
+    for (const Ledger& ledger : Ledger::All()) {
+        for (const LedgerEntry& entry : ledger.Entries()) {
+            if (entry.IsOf(identity)) ledger.End(entry.name);
+        }
+    }
+}
+
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     // An administrator may have put the info root elsewhere, with a link in its place.
     if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage);
+    // The marker keeps servers from starting until another --clear, so it must not be written for a
+    // storage that is not there.
+    ListOrNothing(storage, "");
     if (has_info_root) MarkInfoRoot();
+    const std::string identity = StorageIdentity(TokenByEnv());
+    ForgetUnfinished(identity);
     try {
         storage.Clear();
     } catch (const kro_err::Error& error) {
@@ -84,6 +75,8 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
         }
         throw;
     }
+    // Uploads that ended while the storage was emptied.
+    ForgetUnfinished(identity);
 }
 
 }  // namespace
@@ -113,33 +106,4 @@ void CheckNoBrokenClear(const std::string& info_root) {
     if (!kro_file::Exists(mark)) return;
     throw std::runtime_error("the last --clear was broken off (" + mark +
                              " is there), so backups may be half removed: run --clear again");
-}
-
-void CleanUp(const std::string& dir) {
-    KRO_LOG(kLog, 8, "%s", "void CleanUp(const string&)");
-    const std::string list = kro_file::ConcatPath(dir, ".cleanup");
-    std::string failed;
-    std::optional<std::string> lines = ListOfIncomplete(list);
-    if (!lines) return;
-    while (!lines->empty()) {
-        const std::string line = str::GetWord(*lines, "\n");
-        if (line.empty()) continue;
-        try {
-            RemoveIncomplete(dir, line);
-        } catch (const std::exception& error) {
-            KRO_LOG(kLog, 4,
-                    "Failed to remove incomplete backup files. You can get failed list in %s file",
-                    list.c_str());
-            KRO_LOG(kLog, 6, "%s", error.what());
-            failed += line + "\n";
-        }
-    }
-    if (failed.empty()) {
-        if (!kro_file::Exists(list)) return;
-        kro_file::RemoveFile(list);
-        // A line that came back could name a backup that has been made anew by then.
-        kro_file::SyncDir(dir);
-    } else {
-        kro_file::Write(list, failed);
-    }
 }

@@ -13,9 +13,11 @@
 #include "quarn2/info.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger_deletion.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_owner.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_misc_slices.h"
 
 namespace {
 
@@ -25,10 +27,6 @@ constexpr std::size_t kFirstSliceEnding = 6;  // ".1.dar"
 constexpr std::size_t kCustomHead = 11;       // "C" and a date: "custom" in the companion's name
 
 bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
-
-bool NamesSlice(const std::string& key) {
-    return key == "last-slice" || str::StartsWith(key, "role-");
-}
 
 // A plain backup that is being deleted: where its files lie and what they are called.
 struct PlainBackup {
@@ -293,13 +291,17 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
         KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
         return;
     }
-    Removal removal(std::move(storage), info_path, info);
+    // A storage that does not answer must cost no backup its state.
+    ListOrNothing(*storage, kro_file::Name(info_path));
+    const LedgerDeletion ledger(info_path, info);
+    Removal removal(storage, info_path, info);
     try {
         DeleteEntries(removal, info_path, info);
     } catch (const std::exception&) {
         removal.GiveUp();
         throw;
     }
+    ledger.Finish(*storage);
 }
 
 namespace {

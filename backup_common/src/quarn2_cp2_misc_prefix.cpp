@@ -23,22 +23,22 @@ std::string GetPrefix(const std::string& name) {
     return prefix;
 }
 
-void DeleteOnStorage(quarn2::Storage& storage, const std::string& prefix, const char* why) {
+void DeleteOnStorageIf(quarn2::Storage& storage, const TakesName& takes, const char* why) {
     std::vector<std::string> names;
     storage.List(names, "");
     for (const std::string& name : names) {
-        if (GetPrefix(name) != prefix) continue;
+        if (!takes(name)) continue;
         KRO_LOG(kLog, 7, "Delete file %s (%s)", name.c_str(), why);
         storage.RemoveFile(name);
     }
     storage.SyncRemovals("");
 }
 
-void DeleteLocally(const std::string& directory, const std::string& prefix, const char* why) {
+void DeleteLocallyIf(const std::string& directory, const TakesName& takes, const char* why) {
     kro_file::Dir entries(directory, 2);
     bool removed = false;
     while (entries.Read()) {
-        if (GetPrefix(entries.name()) != prefix) continue;
+        if (!takes(entries.name())) continue;
         KRO_LOG(kLog, 7, "Delete local file %s (%s)", entries.FullName().c_str(), why);
         kro_file::RemoveFile(entries.FullName());
         removed = true;
@@ -52,8 +52,9 @@ bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string&
     try {
         const auto [directory, name] = kro_file::SplitPath(info_path);
         const std::string prefix = GetPrefix(name);
-        DeleteOnStorage(*storage, prefix, kWhy);
-        DeleteLocally(directory, prefix, kWhy);
+        const auto takes = [&prefix](const std::string& file) { return GetPrefix(file) == prefix; };
+        DeleteOnStorageIf(*storage, takes, kWhy);
+        DeleteLocallyIf(directory, takes, kWhy);
         return true;
     } catch (const std::exception& error) {
         // The head is the line that administrators' filters know; the reason stands behind it.

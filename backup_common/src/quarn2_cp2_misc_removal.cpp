@@ -1,5 +1,6 @@
 #include "quarn2_cp2_misc_removal.h"
 
+#include <algorithm>
 #include <list>
 #include <utility>
 #include <vector>
@@ -10,11 +11,20 @@
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_misc_slices.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr const char* kKey = "deletion";
+constexpr const char* kFinished = "finished";
+constexpr const char* kWasFinished = "deletion-finished";
+
+// A key of this name in the info file of a finished backup is another program's.
+bool IsBegun(const quarn2::InfoMap& info) {
+    return info.contains(kKey) && !info.contains(kFinished);
+}
 
 }  // namespace
 
@@ -23,7 +33,7 @@ Removal::Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& in
     : storage_(std::move(storage)),
       info_path_(info_path),
       info_(std::move(info)),
-      marked_(info_.contains(kKey)) {
+      marked_(IsBegun(info_)) {
     Mark();
 }
 
@@ -31,7 +41,9 @@ void Removal::Mark() {
     // Somebody else may be deleting the same backup.
     if (marked_ || !kro_file::Exists(info_path_)) return;
     const std::string old_text = kro_file::Read(info_path_);
-    info_.erase("finished");
+    const auto finished = info_.find(kFinished);
+    if (finished != info_.end()) info_[kWasFinished] = finished->second;
+    info_.erase(kFinished);
     info_[kKey] = kro_date::DateTime::Now().AsDateTime();
     try {
         kro_file::Write(info_path_, str::Join(info_, "\n"));
@@ -82,7 +94,79 @@ void RemoveDirectory(const std::string& directory, const std::string& last) {
     kro_file::Remove(directory);
 }
 
-bool IsBeingDeleted(const quarn2::InfoReader& info) { return info.Find(kKey).has_value(); }
+bool IsBeingDeleted(const quarn2::InfoReader& info) {
+    return info.Find(kKey).has_value() && !info.Find(kFinished).has_value();
+}
+
+namespace {
+
+// The index files of the backup that are here, by their stored names.
+std::vector<std::string> LocalIndexes(const std::string& info_path, const std::string& directory) {
+    std::string stem = kro_file::Name(info_path);
+    str::RGetWord(stem, ".info");
+    std::vector<std::string> names;
+    for (const char* const ending : {".tgz", ".tgz.aes", ".1.dar"}) {
+        const std::string name = stem + ending;
+        if (!kro_file::Exists(kro_file::ConcatPath(kro_file::Path(info_path), name))) continue;
+        names.push_back(kro_file::ConcatPath(directory, name));
+    }
+    return names;
+}
+
+// A role with the archive's value has companion files, which the info file does not name.
+bool HasSharedRole(const quarn2::InfoMap& info) {
+    const auto last = info.find("last-slice");
+    return std::any_of(info.begin(), info.end(), [&](const auto& entry) {
+        return entry.first != "last-slice" && NamesSlice(entry.first) &&
+               (last == info.end() || entry.second == last->second);
+    });
+}
+
+bool AreOnStorage(quarn2::Storage& storage, const std::vector<std::string>& names) {
+    return std::all_of(names.begin(), names.end(),
+                       [&storage](const std::string& name) { return IsOnStorage(storage, name); });
+}
+
+bool HasSlicesAndInfo(quarn2::Storage& storage, const std::string& info_path,
+                      const quarn2::InfoMap& info) {
+    std::vector<std::string> names = NamedSlices(info);
+    if (names.empty()) return false;
+    const std::string directory = kro_file::Path(LastSliceOf(info));
+    names.push_back(kro_file::ConcatPath(directory, kro_file::Name(info_path)));
+    return AreOnStorage(storage, names);
+}
+
+// In directory form the files go in any order, so the index must be known and be there as well.
+bool HasEveryFile(quarn2::Storage& storage, const std::string& info_path,
+                  const quarn2::InfoMap& info) {
+    const std::string directory = kro_file::Path(LastSliceOf(info));
+    const std::vector<std::string> indexes = LocalIndexes(info_path, directory);
+    const bool is_index_unknown = !directory.empty() && indexes.empty();
+    return !is_index_unknown && !HasSharedRole(info) && AreOnStorage(storage, indexes) &&
+           HasSlicesAndInfo(storage, info_path, info);
+}
+
+}  // namespace
+
+bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
+                         const quarn2::InfoMap& info) {
+    return info.contains(kFinished) && HasSlicesAndInfo(storage, info_path, info);
+}
+
+bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
+    quarn2::InfoMap info = quarn2::GetInfo(info_path);
+    const auto finished = info.find(kWasFinished);
+    // A backup that was not finished before is not finished now.
+    if (!IsBegun(info) || finished == info.end()) return false;
+    if (!HasEveryFile(storage, info_path, info)) return false;
+    info[kFinished] = finished->second;
+    info.erase(kWasFinished);
+    info.erase(kKey);
+    kro_file::Write(info_path, str::Join(info, "\n"));
+    KRO_LOG(kLog, 4, "The deletion of '%s' had removed nothing and is taken back. Delete it again",
+            info_path.c_str());
+    return true;
+}
 
 void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage,
                      const std::string& directory) {

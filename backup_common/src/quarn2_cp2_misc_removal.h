@@ -12,7 +12,8 @@
 // A storage from which files are removed.
 class Removal {
   public:
-    // Rewrites the info file: "deletion", the time, instead of "finished". Where there is no room
+    // Rewrites the info file: "deletion", the time, instead of "finished", whose value is kept as
+    // "deletion-finished". Where there is no room
     // for that it is done once the first file has gone: a removal is what makes room.
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
@@ -42,6 +43,16 @@ void RemoveDirectory(const std::string& directory, const std::string& last);
 
 // True for an info file whose backup is half removed, or may be.
 bool IsBeingDeleted(const quarn2::InfoReader& info);
+
+// True when the info file says that the backup is finished, and the storage has every slice that it
+// names, and the info file. Throws the storage's kro_err::Error.
+bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
+                         const quarn2::InfoMap& info);
+
+// Makes the backup a finished one again when the storage still has every slice and the info file:
+// the deletion was interrupted before it removed anything. Returns whether that was so. Throws the
+// storage's kro_err::Error.
+bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path);
 
 // Finishes the removals that the info files in `directory` tell of. Errors pass out.
 void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage, const std::string& directory);

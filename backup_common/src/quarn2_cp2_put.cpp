@@ -11,9 +11,10 @@
 #include "quarn2/info.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_progress.h"
-#include "quarn2_cp2_misc_unstored.h"
+#include "quarn2_cp2_misc_slices.h"
 #include "quarn2_cp2_put_answer.h"
 
 namespace {
@@ -69,6 +70,19 @@ std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     }
 }
 
+// From now on the info file may say "finished" before the storage has it. The node client ends the
+// entry once the backup is complete.
+void RecordInfo(const std::string& file, const std::string& local_info, const std::string& text,
+                const quarn2::InfoMap& info) {
+    const Ledger ledger = OwnLedger();
+    const std::string last = LastSliceOf(info);
+    ledger.Update(ledger.EntryNameOf(last.empty() ? file : last), [&](LedgerEntry& entry) {
+        entry.completed.clear();
+        entry.info = local_info;
+        entry.info_bytes = static_cast<std::int64_t>(text.size());
+    });
+}
+
 // The last file of a backup: the info file goes to the storage, without the node's name, which only
 // concerns the machine it was made on.
 void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
@@ -76,14 +90,25 @@ void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     info.erase("node");
     const std::string text = JoinWithOwnSize(info);
     const std::string local_info = quarn2::StripSliceNumber(file) + ".info";
-    const UnstoredInfo unstored(local_info);
+    RecordInfo(file, local_info, text, info);
     kro_file::Write(local_info, text, kInfoMode);
     SendCommand("PUTLAST " + local_info);
     if (!node.empty()) {
         info["node"] = node;
         kro_file::Write(local_info, str::Join(info, "\n"), kInfoMode);
     }
-    unstored.Remove();
+}
+
+// A file with another key than its backup's slices could not be restored together with them.
+void CheckKey(const std::string& path) {
+    if (str::EndsWith(path, ".info")) return;
+    const quarn2::InfoMap info = quarn2::GetInfo(quarn2::GetInfoFile(
+        kro_file::Path(path), quarn2::GetUserName(path), quarn2::GetDate(path)));
+    const auto key_hash = info.find("key_hash");
+    if (key_hash == info.end() || key_hash->second == TokenByEnv().Hash()) return;
+    throw std::runtime_error("the backup of '" + path +
+                             "' is encrypted with another password than the arch_password of "
+                             "BACKUP_TOKEN; nothing was changed. Give the backup's own");
 }
 
 }  // namespace
@@ -95,8 +120,6 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     // The node client has the token that is used. One of this job's that names a forbidden
     // directory is a mistake that its next command would make too.
     CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
-    // What could hinder the end later is told while the job still has its file.
-    if (args->Has("info-file") && args->Has("isolated")) UnstoredInfo::Prepare();
     const Taken taken =
         ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
     if (!args->Has("info-file")) return;
@@ -120,6 +143,7 @@ void CommandUpdate(const std::string& path) {
     const std::string remote = kro_file::ConcatPath(kro_file::Path(last), kro_file::Name(path));
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
     CheckSource(TokenByEnv(), remote, path);
+    CheckKey(path);
     // The old file goes first: the new one must be there to follow.
     kro_file::Size(path);
     ProgressLine progress(1);

@@ -16,7 +16,10 @@
 #include "kro/str.h"
 #include "quarn2/info.h"
 #include "quarn2/names.h"
+#include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_misc_slices.h"
 #include "quarn2_cp2_put.h"
 
 namespace {
@@ -24,7 +27,6 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr int kBacklog = 5;
 constexpr mode_t kSocketMode = 0600;
-constexpr std::size_t kCustomHead = 11;  // "C" and a date
 constexpr std::size_t kFramePiece = 32;
 constexpr int kLookAtPeersMs = 1000;
 
@@ -62,11 +64,15 @@ bool TakeSuffix(std::string& text, std::string_view suffix) {
     return true;
 }
 
+bool IsInfo(const std::string& path) { return str::EndsWith(path, ".info"); }
+
 }  // namespace
 
 void CommandClient() {
     const std::string storage = NodeSide::GetResult();
     const std::string socket_path = ControlSocketPath(storage);
+    SetOwnLedger(storage);
+    MigrateMarkers(storage);
     KRO_LOG(kLog, 5, "Open control socket '%s'", socket_path.c_str());
     const ResHandle listening = OpenControlSocket(socket_path);
     kro_thread::SafeLock lock;
@@ -85,7 +91,7 @@ NodeSide::NodeSide(kro_thread::SafeLock& lock, MasterLink link, const std::strin
       link_(link),
       token_(GetResult(link.in)),
       storage_(OpenStorage(token_)),
-      marks_(storage) {
+      ledger_(storage, StorageIdentity(token_)) {
     KRO_LOG(kLog, 5, "Client. Backup token = '%s'", token_.Str().c_str());
 }
 
@@ -129,16 +135,7 @@ void NodeSide::Delete(const std::string& path, bool force) {
     DeleteWithDepends(storage_, path, force);
 }
 
-std::string NodeSide::Key(const std::string& path) {
-    std::string name = kro_file::Name(path);
-    if (TakeSuffix(name, ".info")) return name;
-    if (str::StartsWith(name, "F") || str::StartsWith(name, "I")) {
-        name.erase(0, 1);
-    } else if (str::StartsWith(name, "C")) {
-        name.replace(0, kCustomHead, "custom");
-    }
-    return quarn2::StripSliceNumber(name);
-}
+std::string NodeSide::Key(const std::string& path) { return BackupKey(path); }
 
 std::string NodeSide::Put(std::string argument, bool last) {
     delete_after_ = TakeSuffix(argument, " DELETE");
@@ -146,47 +143,61 @@ std::string NodeSide::Put(std::string argument, bool last) {
     std::string info = storage_->GetFileInfo(path);
     std::string answer = "OK " + info;
     const std::string remote = str::GetWord(info);
+    str::GetWord(info);
     CheckSource(token_, remote, path);
     size_ = storage_->Size(path);
-    Reserve();
+    // Before the reservation: it may evict backups, for a file that then is not uploaded.
+    if (last && IsInfo(path)) CheckComplete(path);
+    Record record = Admit(remote, path, info);
     KRO_LOG(kLog, 6, "PUT result: '%s'", answer.c_str());
     if (last) {
-        PutLast(remote, path);
+        PutLast(remote, path, std::move(record));
     } else {
-        PutInBackground(remote, path);
+        PutInBackground(remote, path, std::move(record));
     }
     return answer;
 }
 
-void NodeSide::Reserve() { max_count_ = str::Int(DoCommand("RESERVE " + str::Str(size()) + "\n")); }
-
-void NodeSide::PutInBackground(const std::string& remote, const std::string& path) {
-    const std::string key = Key(path);
-    Upload& upload = uploads_[key];
-    Join(upload);
-    upload = Upload(this, remote, path);
-    upload.Run(marks_.Begin(key, remote));
-}
-
-// Whoever learns of a failure here needs no mark to learn of it again.
-void NodeSide::Join(Upload& upload) {
+NodeSide::Record NodeSide::Admit(const std::string& remote, const std::string& path,
+                                 const std::string& key_hash) {
+    Record record = IsInfo(path) ? nullptr : ledger_.Begin(remote, size_, key_hash);
     try {
-        upload.Join();
+        Reserve();
     } catch (const std::exception&) {
-        upload.RemoveMark();
+        if (record) record->Refused();
         throw;
     }
+    return record;
 }
 
-void NodeSide::PutLast(const std::string& remote, const std::string& path) {
+void NodeSide::Reserve() { max_count_ = str::Int(DoCommand("RESERVE " + str::Str(size()) + "\n")); }
+
+void NodeSide::PutInBackground(const std::string& remote, const std::string& path, Record record) {
+    Upload& upload = uploads_[Key(path)];
+    upload.Join();
+    upload = Upload(this, remote, path);
+    upload.Run(std::move(record));
+}
+
+void NodeSide::JoinPrevious(const std::string& path) {
     const auto running = uploads_.find(Key(path));
-    if (running != uploads_.end()) {
-        Join(running->second);
-        uploads_.erase(running);
-    }
-    if (str::EndsWith(path, ".info")) marks_.CheckWhole(Key(path));
-    Upload(this, remote, path).PutLast();
-    if (str::EndsWith(path, ".info")) ReportComplete(path);
+    if (running == uploads_.end()) return;
+    running->second.Join();
+    uploads_.erase(running);
+}
+
+void NodeSide::CheckComplete(const std::string& info_path) {
+    JoinPrevious(info_path);
+    ledger_.CheckComplete(info_path, quarn2::GetInfo(info_path), *storage_);
+}
+
+void NodeSide::PutLast(const std::string& remote, const std::string& path, Record record) {
+    JoinPrevious(path);
+    Upload upload(this, remote, path);
+    upload.PutLast(std::move(record));
+    if (!IsInfo(path)) return;
+    if (!upload.stored()) throw std::runtime_error("Failed upload");
+    ReportComplete(path);
 }
 
 void NodeSide::ReportComplete(const std::string& info_path) {
@@ -195,6 +206,7 @@ void NodeSide::ReportComplete(const std::string& info_path) {
     max_count_ =
         str::Int(DoCommand("COMPLETE " + quarn2::GetUserName(name) + " " + quarn2::GetDate(name) +
                            " " + info["type"] + " " + info["size"] + "\n"));
+    ledger_.Complete(info_path, info);
 }
 
 std::string NodeSide::DoCommand(const std::string& command) {

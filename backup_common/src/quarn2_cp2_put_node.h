@@ -16,7 +16,7 @@
 #include "quarn2/storage.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_put_control.h"
-#include "quarn2_cp2_put_marks.h"
+#include "quarn2_cp2_put_ledger.h"
 #include "quarn2_cp2_put_upload.h"
 
 // The server's answer to a command was an error, or the command could not be sent.
@@ -77,9 +77,13 @@ class NodeSide {
 
   private:
     std::string Put(std::string argument, bool last);
-    void PutInBackground(const std::string& remote, const std::string& path);
-    void PutLast(const std::string& remote, const std::string& path);
-    static void Join(Upload& upload);
+    using Record = std::unique_ptr<SliceRecord>;
+    // Reserves space for a file and records it. Null for an info file.
+    Record Admit(const std::string& remote, const std::string& path, const std::string& key_hash);
+    void PutInBackground(const std::string& remote, const std::string& path, Record record);
+    void PutLast(const std::string& remote, const std::string& path, Record record);
+    void JoinPrevious(const std::string& path);
+    void CheckComplete(const std::string& info_path);
     void Reserve();
     void ReportComplete(const std::string& info_path);
 
@@ -91,7 +95,7 @@ class NodeSide {
     std::atomic<std::int32_t> max_count_{0};
     std::atomic<std::int64_t> size_{0};  // of the file of the latest PUT or PUTLAST
     bool delete_after_ = false;
-    UploadMarks marks_;
+    PutLedger ledger_;
     std::map<std::string, Upload> uploads_;
     quarn2::Expect* loop_ = nullptr;
     ControlPeers peers_{[this](std::string command) { return Serve(std::move(command)); }};

@@ -1,5 +1,6 @@
 #include "quarn2_cp2_put_upload.h"
 
+#include <functional>
 #include <stdexcept>
 #include <utility>
 
@@ -40,16 +41,24 @@ Upload::Upload(NodeSide* node, const std::string& remote_name, const std::string
     storage_->MkDir(kro_file::Path(remote_name));
 }
 
-void Upload::Run(std::unique_ptr<UploadMark> mark) {
-    mark_ = std::move(mark);
-    thread_ = std::make_shared<kro_thread::Handle>([this] {
-        (*this)();
-        if (!failed_) RemoveMark();
-    });
+void Upload::Run(Record record) {
+    Hold(std::move(record));
+    thread_ = std::make_shared<kro_thread::Handle>(std::ref(*this));
 }
 
-void Upload::RemoveMark() {
-    if (mark_) mark_->Remove();
+void Upload::Hold(Record record) {
+    record_ = std::move(record);
+    if (record_) record_->Hold();
+}
+
+void Upload::operator()() {
+    try {
+        Put();
+    } catch (const std::exception&) {
+        record_.reset();
+        throw;
+    }
+    record_.reset();
 }
 
 void Upload::Join() {
@@ -58,8 +67,9 @@ void Upload::Join() {
     if (failed_) throw std::runtime_error("Failed upload");
 }
 
-void Upload::PutLast() {
-    Put();
+void Upload::PutLast(Record record) {
+    Hold(std::move(record));
+    (*this)();
     if (failed_) throw std::runtime_error("Failed upload");
 }
 
@@ -79,6 +89,8 @@ void Upload::Put() {
             if (!MayTryAgain(error, attempt, source)) return;
         }
     }
+    stored_ = true;
+    if (record_) record_->Stored();
     if (delete_after_) RemoveSource(source);
 }
 

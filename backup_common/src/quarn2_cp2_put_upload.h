@@ -8,7 +8,7 @@
 #include "kro/kro_err.h"
 #include "kro/kro_thread.h"
 #include "quarn2/storage.h"
-#include "quarn2_cp2_put_marks.h"
+#include "quarn2_cp2_put_ledger.h"
 #include "quarn2_cp2_put_source.h"
 
 class NodeSide;
@@ -21,29 +21,34 @@ class Upload {
     // Opens a storage of its own and makes the file's directory there; failures pass out.
     Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path);
 
-    // In a thread. The mark goes when the file is stored.
-    void Run(std::unique_ptr<UploadMark> mark);
+    using Record = std::unique_ptr<SliceRecord>;
+
+    // In a thread, which ends the record.
+    void Run(Record record);
 
     // Waits for the thread. std::runtime_error "Failed upload", or what left the thread, when the
     // file was not stored.
     void Join();
 
-    // Somebody has been told that it failed.
-    void RemoveMark();
-
-    // The whole upload in the calling thread; "Failed upload" when it failed.
-    void PutLast();
+    // The whole upload in the calling thread; "Failed upload" when it failed. `record` is null for
+    // an info file.
+    void PutLast(Record record);
 
     // Up to three attempts; asks the server for space when the storage has none. A source that is
     // rewritten meanwhile, or replaced between two attempts, fails the upload for good and stays.
     void Put();
 
-    // The thread's body.
-    void operator()() { Put(); }
+    // The thread's body: Put, and the end of the record.
+    void operator()();
+
+    // True when the storage has the file. An upload can end without an error and without this,
+    // when the server refuses to make room.
+    bool stored() const noexcept { return stored_; }
 
   private:
     using Source = std::optional<SourceFile>;
 
+    void Hold(Record record);
     void Store(Source& source);
     // One transfer; false when the storage has no room. Opens the source if that was not done yet.
     bool Send(Source& source);
@@ -59,6 +64,7 @@ class Upload {
     std::shared_ptr<quarn2::Storage> storage_;
     bool delete_after_ = false;
     bool failed_ = false;
-    std::unique_ptr<UploadMark> mark_;
+    bool stored_ = false;
+    Record record_;
     std::shared_ptr<kro_thread::Handle> thread_;
 };

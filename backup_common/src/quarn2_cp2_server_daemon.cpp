@@ -19,6 +19,8 @@
 #include "kro/str.h"
 #include "quarn2/expect.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_server_model.h"
@@ -51,8 +53,10 @@ class Daemon {
         nodes->Start(std::chrono::steady_clock::now());
         WritePidFile();
         const std::string path = args_->Param("path", -1);
+        MigrateMarkers(args_->Param("storage", -1));
         if (control->is_storage_checked) CleanUp(path);
-        control->unstored = UnstoredInfos(*desc.storage, args_->Param("storage", -1));
+        control->unfinished =
+            UnfinishedBackups(OwnLedger(), StorageIdentity(TokenByEnv()), *desc.storage);
         control->Init(date_);
         control->FinishDeletions();
         control->FitIntoLimits();
@@ -145,6 +149,7 @@ class Daemon {
 void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
                const DaemonStart& start) {
     kro_log::Init("quarn2_cp", 5);
+    SetOwnLedger(args->Param("storage", -1));
     try {
         // The lock on the lock file must last to the very end: the object goes with the process.
         static std::unique_ptr<Daemon> daemon;

@@ -1,12 +1,15 @@
 #include "quarn2_cp2_server_eviction.h"
 
 #include <algorithm>
+#include <set>
 #include <stdexcept>
 
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "quarn2/info.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_server_check.h"
 #include "quarn2_cp2_server_info.h"
 #include "quarn2_cp2_server_plan.h"
@@ -95,7 +98,9 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
 }
 
 void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
-    if (!victims.empty()) control.CheckStorage();
+    if (victims.empty()) return;
+    control.CheckStorage();
+    control.FinishBegunFirst();
     for (const Victim& victim : victims) {
         DeleteFiles(control, victim);
         ForgetBackup(control.storages, victim);
@@ -106,11 +111,72 @@ void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
 bool MayDelete(GlobalSizeControl& control) {
     try {
         control.CheckStorage();
+        control.FinishBegunFirst();
         return true;
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Backups beyond the limits are kept for now. What: %s", error.what());
         return false;
     }
+}
+
+// False also for a backup whose info file only the storage has, and while the storage cannot be
+// asked.
+bool IsGone(const GlobalSizeControl& control, const Victim& backup) {
+    const std::string info_path = quarn2::GetInfoFile(control.path, backup.user, backup.date);
+    if (backup.size == 0 || kro_file::Exists(info_path)) return false;
+    CheckInfoRoot(control.path);
+    const std::string name = backup.date + "." + backup.user + ".info";
+    const std::string in_directory =
+        kro_file::ConcatPath(backup.user, kro_file::ConcatPath(backup.date, name));
+    try {
+        quarn2::Storage& storage = *control.storages.at(backup.storage).storage;
+        return !IsOnStorage(storage, name) && !IsOnStorage(storage, in_directory);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+        return false;
+    }
+}
+
+void ForgetGone(GlobalSizeControl& control, const Victim& backup) {
+    KRO_LOG(kLog, 5, "Backup '%s.%s' was deleted by another process and counts no more",
+            backup.date.c_str(), backup.user.c_str());
+    StorageDesc& desc = control.storages.at(backup.storage);
+    const StorageDesc::UserDesc& user = desc.users.at(backup.user);
+    const std::int64_t before = user.GetLockedSize();
+    ForgetBackup(control.storages, backup);
+    const std::int64_t after = user.backups.empty() ? 0 : user.GetLockedSize();
+    desc.limit = LessSize(SumOfSizes(desc.limit, before), after);
+}
+
+bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
+    if (!IsGone(control, backup)) return false;
+    ForgetGone(control, backup);
+    return true;
+}
+
+// A deletion by a command does not pass through this process. The newest backup of a user protects
+// itself and nothing else, so an older one must not go on the word of a newest one that is gone.
+bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
+    bool any = false;
+    for (const Victim& victim : victims) {
+        const Backups& backups = control.storages.at(victim.storage).users.at(victim.user).backups;
+        if (backups.empty()) continue;
+        const auto& [date, newest] = *backups.rbegin();
+        any = ForgetIfGone(control, {victim.storage, victim.user, date, newest.size}) || any;
+    }
+    return any;
+}
+
+// Where backups are counted, each one that is gone costs one that is there.
+bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
+    bool any = false;
+    for (const Victim& victim : victims) {
+        const Backups backups = control.storages.at(victim.storage).users.at(victim.user).backups;
+        for (const auto& [date, backup] : backups) {
+            any = ForgetIfGone(control, {victim.storage, victim.user, date, backup.size}) || any;
+        }
+    }
+    return any;
 }
 
 void ExecutePass(GlobalSizeControl& control, const Victims& victims) {
@@ -143,6 +209,14 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     return found->first;
 }
 
+// The server learns from the ledger which jobs are being repeated since it has started.
+Storages Evictable(const GlobalSizeControl& control) {
+    const std::set<std::string> open = control.unfinished.OpenKeys();
+    return WithoutOpen(control.storages, [&open](const std::string& user, const std::string& date) {
+        return !open.empty() && open.contains(date + "." + user);
+    });
+}
+
 }  // namespace
 
 void GlobalSizeControl::CheckStorage() {
@@ -155,20 +229,30 @@ void GlobalSizeControl::CheckStorage() {
 void GlobalSizeControl::DropOldest(int keep) {
     if (keep < 0) ThrowAllLocked();
     if (keep >= max_count) return;
-    ExecutePass(*this, PlanPass(storages, keep));
+    Victims victims = PlanPass(Evictable(*this), keep);
+    while (ForgetNewestThatIsGone(*this, victims)) victims = PlanPass(Evictable(*this), keep);
+    ExecutePass(*this, victims);
 }
 
 void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_daily) {
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             count_to_leave_full, count_to_leave_daily);
-    const Victims victims = PlanCounts(storages, count_to_leave_full, count_to_leave_daily);
+    const auto plan = [&] {
+        return PlanCounts(Evictable(*this), count_to_leave_full, count_to_leave_daily);
+    };
+    Victims victims = plan();
+    while (ForgetAllThatAreGone(*this, victims)) victims = plan();
     if (!victims.empty() && MayDelete(*this)) DeleteAll(*this, victims);
 }
 
 // Passes that delete nothing lower max_count, also when all passes together would not suffice.
 void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
     if (size <= LessSize(storage.free_size, storage.reserved)) return;
-    const EvictionPlan plan = PlanRoom(*this, KeyOf(*this, storage), size);
+    const auto make_plan = [&] {
+        return PlanRoom(*this, KeyOf(*this, storage), size, Evictable(*this));
+    };
+    EvictionPlan plan = make_plan();
+    while (ForgetNewestThatIsGone(*this, plan.AllVictims())) plan = make_plan();
     for (const Victims& pass : plan.passes) {
         if (!plan.possible && !pass.empty()) {
             LogImpossible(plan, size, "bytes are asked for");

@@ -51,9 +51,28 @@ std::int64_t GlobalSizeControl::StorageDesc::UserDesc::GetLockedSize() const noe
     return record == backups.rend() ? newest : SumOfSizes(newest, record->second.size);
 }
 
+void GlobalSizeControl::StorageDesc::ChargeForGood(std::int64_t size) noexcept {
+    limit = LessSize(limit, size);
+    free_size = LessSize(free_size, size);
+}
+
 void GlobalSizeControl::StorageDesc::ResetReserved() noexcept {
     reserved = 0;
+    remote_reserved = 0;
     ++resets;
+}
+
+std::int64_t GlobalSizeControl::StorageDesc::NeededFor(std::int64_t size,
+                                                       bool is_remote) const noexcept {
+    if (unfinished == 0) return size;
+    std::int64_t used = SumOfSizes(unfinished, remote_reserved);
+    if (is_remote) used = SumOfSizes(used, size);
+    return std::max(size, LessSize(used, reserved));
+}
+
+void GlobalSizeControl::RefreshUnfinished() {
+    const std::int64_t bytes = unfinished.Bytes();
+    for (auto& [key, desc] : storages) desc.unfinished = bytes;
 }
 
 GlobalSizeControl::GlobalSizeControl(const kro_args::Result& args) {
@@ -104,18 +123,4 @@ std::int64_t GlobalSizeControl::GreatestUsedSize() const noexcept {
         greatest = std::max(greatest, LessSize(size_limit, desc.free_size));
     }
     return storages.empty() ? 0 : greatest;
-}
-
-std::int64_t SumOfSizes(std::int64_t a, std::int64_t b) noexcept {
-    std::int64_t sum = 0;
-    if (!__builtin_add_overflow(a, b, &sum)) return sum;
-    using Limits = std::numeric_limits<std::int64_t>;
-    return b > 0 ? Limits::max() : Limits::min();
-}
-
-std::int64_t LessSize(std::int64_t a, std::int64_t b) noexcept {
-    std::int64_t rest = 0;
-    if (!__builtin_sub_overflow(a, b, &rest)) return rest;
-    using Limits = std::numeric_limits<std::int64_t>;
-    return b < 0 ? Limits::max() : Limits::min();
 }

@@ -11,7 +11,8 @@
 
 #include "kro/kro_args.h"
 #include "quarn2/storage.h"
-#include "quarn2_cp2_misc_unstored.h"
+#include "quarn2_cp2_misc_sizes.h"
+#include "quarn2_cp2_server_unfinished.h"
 
 // What the command line allows. 0 or nothing given: no limit, except for daily backups, where 0
 // means that none is kept beyond what the chains need.
@@ -51,12 +52,20 @@ struct GlobalSizeControl {
         };
 
         GlobalSizeControl* owner = nullptr;
-        std::int64_t limit = 0;      // the most that could ever be free
-        std::int64_t free_size = 0;  // size_limit less what the backups use
-        std::int64_t reserved = 0;   // promised to uploads under way
-        std::uint64_t resets = 0;    // how often `reserved` has been set back to 0
+        std::int64_t limit = 0;            // the most that could ever be free
+        std::int64_t free_size = 0;        // size_limit less what the backups use
+        std::int64_t reserved = 0;         // promised to uploads under way
+        std::uint64_t resets = 0;          // how often `reserved` has been set back to 0
+        std::int64_t remote_reserved = 0;  // the part of `reserved` of other machines' uploads
+        std::int64_t unfinished = 0;       // what backups that are not complete use
+        // Space that no eviction can free; a negative size gives it back.
+        void ChargeForGood(std::int64_t size) noexcept;
         // Forgets every reservation.
         void ResetReserved() noexcept;
+        // What must be free beyond `reserved` for a reservation of `size` bytes. A completion
+        // forgets reservations of uploads that are under way: then `unfinished`, which has the file
+        // that a node client of this machine asks for already, is the greater one.
+        std::int64_t NeededFor(std::int64_t size, bool is_remote) const noexcept;
 
         std::map<std::string, UserDesc> users;
         std::shared_ptr<quarn2::Storage> storage;
@@ -90,9 +99,14 @@ struct GlobalSizeControl {
     // it has none of them.
     void CheckStorage();
 
-    // Finishes the removals that the scan has found begun. What cannot be removed counts as used
-    // space for good.
+    // For the deletions that the scan has found begun: takes back those that have removed nothing,
+    // and finishes the others. What cannot be removed counts as used space until a deletion of
+    // another backup finishes it first.
     void FinishDeletions();
+
+    // Finishes the deletions that FinishDeletions could not. Errors pass out: a server has one
+    // begun deletion at a time, so that an outage costs no backup.
+    void FinishBegunFirst();
 
     // Forgets all backups; users and storages stay.
     void ClearBackupInfo();
@@ -114,6 +128,14 @@ struct GlobalSizeControl {
     // than the size limit. std::runtime_error, before any deletion, when that cannot be reached.
     void FitIntoLimits();
 
+    // Removes slices that belong to no complete backup and to no job of this date (see
+    // UnfinishedBackups::Reclaimable), oldest first, until a reservation of `size` bytes needs no
+    // eviction or none is left. Failures are only logged.
+    void ReclaimUnfinished(const StorageDesc& storage, std::int64_t size, bool is_remote);
+
+    // Takes over from the ledger what unfinished backups use.
+    void RefreshUnfinished();
+
     // The greatest used space of any storage, 0 without one.
     std::int64_t GreatestUsedSize() const noexcept;
 
@@ -127,11 +149,6 @@ struct GlobalSizeControl {
     // False while it is not known whether the storage holds the backups of this account, because it
     // could not be asked. Every deletion checks it first.
     bool is_storage_checked = true;
-    UnstoredInfos unstored;  // backups that the scan leaves out
+    UnfinishedBackups unfinished;  // backups that the scan leaves out
     std::map<std::string, StorageDesc> storages;
 };
-
-// Sums that stay at the ends of the range: info files and links say what they like, and an account
-// must not wrap round.
-std::int64_t SumOfSizes(std::int64_t a, std::int64_t b) noexcept;
-std::int64_t LessSize(std::int64_t a, std::int64_t b) noexcept;

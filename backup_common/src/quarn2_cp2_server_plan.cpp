@@ -1,7 +1,6 @@
 #include "quarn2_cp2_server_plan.h"
 
 #include <algorithm>
-#include <functional>
 
 #include "quarn2_cp2_server_eviction.h"
 
@@ -50,6 +49,12 @@ bool EvictionPlan::HasVictims() const noexcept {
                                             [](const Victims& pass) { return !pass.empty(); });
 }
 
+Victims EvictionPlan::AllVictims() const {
+    Victims all = by_count;
+    for (const Victims& pass : passes) all.insert(all.end(), pass.begin(), pass.end());
+    return all;
+}
+
 std::int64_t EvictionPlan::FreedSize() const noexcept {
     std::int64_t size = 0;
     const auto add = [&size](const Victims& victims) {
@@ -83,14 +88,27 @@ Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily) {
     return victims;
 }
 
-EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size) {
+Storages WithoutOpen(const Storages& storages, const IsOpenBackup& is_open) {
+    Storages copy = storages;
+    for (auto& [key, desc] : copy) {
+        for (auto& [name, user] : desc.users) {
+            std::erase_if(user.backups, [&is_open, &user_name = name](const auto& record) {
+                return is_open(user_name, record.first);
+            });
+        }
+    }
+    return copy;
+}
+
+EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
+                      const Storages& model) {
     const IsReached is_reached = [&key, size](const Storages& storages) {
         const StorageDesc& desc = storages.at(key);
         return size <= LessSize(desc.free_size, desc.reserved);
     };
     EvictionPlan plan;
-    if (is_reached(control.storages)) return plan;
-    Storages storages = control.storages;
+    if (is_reached(model)) return plan;
+    Storages storages = model;
     AddPasses(plan, storages, control.max_count, is_reached);
     return plan;
 }

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,6 +30,7 @@ struct EvictionPlan {
     bool possible = true;         // false: the aim is not reached after the last pass
 
     bool HasVictims() const noexcept;
+    Victims AllVictims() const;
     std::int64_t FreedSize() const noexcept;
 };
 
@@ -39,8 +41,15 @@ Victims PlanPass(const Storages& storages, int keep);
 // The backups beyond these counts, per user the dailies first.
 Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily);
 
+// A copy of the model without the backups that `is_open` knows: their jobs are being repeated, so
+// they are neither deleted nor protect an older one. Their space stays used.
+using IsOpenBackup = std::function<bool(const std::string& user, const std::string& date)>;
+Storages WithoutOpen(const Storages& storages, const IsOpenBackup& is_open);
+
 // The passes until the storage with this key has `size` bytes that are neither used nor reserved.
-EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size);
+// `storages` is the model, or a copy without some backups.
+EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
+                      const Storages& storages);
 
 // What a starting server deletes: first for the count limits, then until no storage uses more than
 // the size limit.

@@ -5,6 +5,7 @@
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2/names.h"
+#include "quarn2_cp2_misc_cleanup.h"
 #include "quarn2_cp2_server_info.h"
 #include "quarn2_cp2_server_session.h"
 
@@ -43,6 +44,7 @@ void OwnReserved::Add(std::int64_t size) {
     resets_ = storage_.resets;
     sum_ = SumOfSizes(sum_, size);
     storage_.reserved = SumOfSizes(storage_.reserved, size);
+    if (is_remote_) storage_.remote_reserved = SumOfSizes(storage_.remote_reserved, size);
 }
 
 void OwnReserved::GiveBack() {
@@ -50,6 +52,7 @@ void OwnReserved::GiveBack() {
     if (resets_ == storage_.resets) {
         KRO_LOG(kLog, 5, "The session has ended: %lld reserved bytes are free again", ForLog(sum_));
         storage_.reserved = LessSize(storage_.reserved, sum_);
+        if (is_remote_) storage_.remote_reserved = LessSize(storage_.remote_reserved, sum_);
     }
     sum_ = 0;
 }
@@ -84,11 +87,18 @@ std::string MasterSide::Reserve(std::int64_t size) {
             "%lld",
             "Reserve", static_cast<void*>(&storage_), ForLog(storage_.limit),
             ForLog(storage_.free_size), ForLog(storage_.reserved), ForLog(size));
-    if (size > LessSize(storage_.limit, storage_.reserved)) {
+    control.RefreshUnfinished();
+    control.ReclaimUnfinished(storage_, size, is_remote_);
+    const std::int64_t needed = storage_.NeededFor(size, is_remote_);
+    if (needed != size) {
+        KRO_LOG(kLog, 8, "Unfinished backups use %lld bytes, needed are %lld",
+                ForLog(storage_.unfinished), ForLog(needed));
+    }
+    if (needed > LessSize(storage_.limit, storage_.reserved)) {
         throw std::runtime_error("No disk space left on storage. Size limit: " +
                                  str::Str(control.size_limit));
     }
-    control.MakeRoom(storage_, size);
+    control.MakeRoom(storage_, needed);
     own_reserved_.Add(size);
     return "OK " + str::Str(control.max_count);
 }
@@ -118,6 +128,7 @@ std::string MasterSide::Complete(std::string arguments) {
     // A completion ends every reservation of the storage, not only its own backup's.
     storage_.ResetReserved();
     if (is_remote_) KeepInfoFile(name, date);
+    ForgetIncomplete(storage_.owner->path, name, date);
     return "OK " + str::Str(storage_.owner->max_count);
 }
 

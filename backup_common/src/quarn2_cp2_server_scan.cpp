@@ -25,12 +25,6 @@ using BackupInfo = UserDesc::BackupInfo;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// Space that no eviction can ever free.
-void ChargeForGood(StorageDesc& desc, std::int64_t size) {
-    desc.limit = LessSize(desc.limit, size);
-    desc.free_size = LessSize(desc.free_size, size);
-}
-
 // The scan of one info file after another.
 class Scanner {
   public:
@@ -43,9 +37,9 @@ class Scanner {
         const auto desc = control_.storages.find(control_.common_storage ? "" : ValueOf("node"));
         if (desc == control_.storages.end()) return;
         if (IsBeingDeleted(info_)) NoteHalfDeleted(desc->second, path);
-        if (control_.unstored.Contains(path)) {
-            KRO_LOG(kLog, 4, "Skip backup '%s': its last file was not put to its end",
-                    name.c_str());
+        const std::string_view last_slice = info_.Find("last-slice").value_or("");
+        if (control_.unfinished.Contains(path, last_slice)) {
+            NoteUnfinished(desc->second, path, last_slice);
             return;
         }
         TakeBackup(desc->second, name);
@@ -67,6 +61,20 @@ class Scanner {
         }
     }
 
+    // It may be a complete backup whose job was repeated and interrupted: then its files are still
+    // there beside the new ones.
+    void NoteUnfinished(const StorageDesc& desc, const std::string& path,
+                        std::string_view last_slice) const {
+        KRO_LOG(kLog, 4, "Skip backup '%s': it is not complete", kro_file::Name(path).c_str());
+        if (!info_.Find("finished")) return;
+        try {
+            control_.unfinished.NoteSize(path, last_slice, str::Int64(ValueOf("size")),
+                                         *desc.storage);
+        } catch (const kro_err::Error& error) {
+            KRO_LOG(kLog, 4, "%s: %s", path.c_str(), error.what());
+        }
+    }
+
     void TakeBackup(StorageDesc& desc, const std::string& name) const {
         if (!info_.Find("finished")) {
             KRO_LOG(kLog, 7, "%p Skip incomplete backup %s", static_cast<void*>(&desc),
@@ -77,7 +85,7 @@ class Scanner {
         // It would make room out of nothing.
         if (size < 0) throw std::runtime_error("the size " + str::Str(size) + " is negative");
         if (str::StartsWith(name, "custom.")) {
-            ChargeForGood(desc, size);
+            desc.ChargeForGood(size);
             KRO_LOG(kLog, 7, "Custom backup %s size %lld", name.c_str(), ForLog(size));
             return;
         }
@@ -86,7 +94,7 @@ class Scanner {
         // Both are pieces of the name: a type letter, or no user, shows in the length.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
             // Eviction would not find it again by user and date.
-            ChargeForGood(desc, size);
+            desc.ChargeForGood(size);
             KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
                     name.c_str(), ForLog(size));
             return;
@@ -95,7 +103,7 @@ class Scanner {
         if (date <= current_date_) {
             Enter(desc, user, date, {name, ValueOf("type"), size});
         } else {
-            ChargeForGood(desc, size);
+            desc.ChargeForGood(size);
             KRO_LOG(kLog, 4,
                     "Skip backup. Backup date '%s' in future. Current date '%s'. new free = %lld",
                     date.c_str(), current_date_.c_str(), ForLog(desc.free_size));
@@ -162,6 +170,7 @@ void GlobalSizeControl::Scan(const std::string& current_date) {
     quarn2::GetInfoFiles(paths, path, false, "", "");
     TakeInfoFiles(paths, current_date);
     for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
+    RefreshUnfinished();
 }
 
 void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
@@ -178,24 +187,5 @@ void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
             // The number or date alone would not tell an administrator which file to look at.
             throw std::runtime_error(info_path + ": " + error.what());
         }
-    }
-}
-
-void GlobalSizeControl::FinishDeletions() {
-    for (auto& [key, desc] : storages) {
-        for (const auto& [info_path, size] : desc.half_deleted) {
-            KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
-            try {
-                CheckStorage();
-                Delete(desc.storage, info_path, false);
-            } catch (const std::exception& error) {
-                // Whoever had begun it was still at it.
-                if (!kro_file::Exists(info_path)) continue;
-                KRO_LOG(kLog, 4, "Cant finish the deletion of '%s'. What: %s", info_path.c_str(),
-                        error.what());
-                ChargeForGood(desc, std::max<std::int64_t>(size, 0));
-            }
-        }
-        desc.half_deleted.clear();
     }
 }

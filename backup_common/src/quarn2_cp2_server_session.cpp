@@ -44,7 +44,8 @@ MasterSide::MasterSide(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& 
     : storage_(storage),
       loop_(loop),
       client_(std::make_unique<ClientProcess>(command)),
-      is_remote_(client_->is_remote()) {}
+      is_remote_(client_->is_remote()),
+      own_reserved_(storage, is_remote_) {}
 
 MasterSide::~MasterSide() { Close(); }
 

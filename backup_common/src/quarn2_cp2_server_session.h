@@ -16,7 +16,8 @@
 // reservation. It ends with the session: no upload of a client that is gone is under way.
 class OwnReserved {
   public:
-    explicit OwnReserved(GlobalSizeControl::StorageDesc& storage) : storage_(storage) {}
+    OwnReserved(GlobalSizeControl::StorageDesc& storage, bool is_remote)
+        : storage_(storage), is_remote_(is_remote) {}
 
     // Adds to the storage's reservations; a negative size releases.
     void Add(std::int64_t size);
@@ -27,6 +28,7 @@ class OwnReserved {
 
   private:
     GlobalSizeControl::StorageDesc& storage_;
+    bool is_remote_;
     std::int64_t sum_ = 0;
     std::uint64_t resets_ = 0;  // of the storage, when `sum_` began
 };
@@ -92,10 +94,10 @@ class MasterSide {
     void KeepInfoFile(const std::string& user, const std::string& date) const;
 
     GlobalSizeControl::StorageDesc& storage_;
-    OwnReserved own_reserved_{storage_};
     quarn2::Expect& loop_;
     std::unique_ptr<ClientProcess> client_;
-    bool is_remote_ = false;
+    bool is_remote_;
+    OwnReserved own_reserved_;
     bool is_open_ = true;
     bool has_served_ = false;
     ResHandle read_;

@@ -113,7 +113,7 @@ class World {
     }
 
     void MakeRoom(std::int64_t wanted) {
-        const EvictionPlan plan = PlanRoom(control_, "", wanted);
+        const EvictionPlan plan = PlanRoom(control_, "", wanted, control_.storages);
         Require(plan.possible == rules_.MakeRoom(wanted), "both find room, or neither");
         for (const Victims& pass : plan.passes) {
             if (!plan.possible && !pass.empty()) return;

@@ -35,7 +35,9 @@ class Removal(Scene):
         info = read_info(backup.info_path)
         marked = {**info, "finished": old["finished"]}
         since = marked.pop("deletion", None)
-        require(info == old or (since and "finished" not in info and marked == old),
+        kept = marked.pop("deletion-finished", None)
+        require(info == old or (since and kept == old["finished"] and "finished" not in info
+                                and marked == old),
                 lambda: f"info file of {backup.stem}: {info}")
 
     def remaining(self):

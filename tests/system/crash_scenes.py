@@ -107,7 +107,7 @@ class Put(Scene):
             self.check_info(path)
         require(not any(os.path.exists(self.source(name)) for name in self.slices), "a source is left")
         require(not self.given_up(), "an upload was given up")
-        require(not tree(self.r.file("tmp/quarn2_cp.uploads")), "a mark of an upload is left")
+        require(not self.r.unfinished(), "the ledger has an entry of a complete backup")
         self.check_no_leftovers()
 
 

@@ -299,6 +299,10 @@ class Root:
     def local(self):
         return tree(self.info_root)
 
+    def unfinished(self):
+        """The names of the ledger's entries."""
+        return [name for name in tree(self.file("var/quarn2_cp.ledger")) if name != ".lock"]
+
 
 def tree(folder):
     """All files below a folder, as sorted relative names."""

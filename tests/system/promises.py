@@ -5,7 +5,7 @@ import os
 
 INFO = "root/var/backup/tovarn/"
 STORAGE = "storage/"
-NOTES = "root/tmp/quarn2_cp.unstored/"  # names of info files whose last file is under way
+LEDGER = "root/var/quarn2_cp.ledger/"  # an entry for each backup that is not complete
 
 
 def fields(data):
@@ -63,8 +63,7 @@ class Promises:
 
     def broken_infos(self, left):
         for path, data in left.items():
-            if data is None or is_hidden(path) or not path.endswith(".info") \
-                    or path.startswith(NOTES):
+            if data is None or is_hidden(path) or not path.endswith(".info"):
                 continue
             wanted = "finished" if path.startswith(STORAGE) else "type"
             if wanted not in (fields(data) or ()):
@@ -110,5 +109,17 @@ class Promises:
         listed = b"\t" + name.removesuffix(".info").encode() + b"\n"
         if INFO + ".clear" in left or listed in left.get(INFO + ".cleanup", b""):
             return False
-        note = left.get(NOTES + name, b"").decode()
-        return "finished" in (fields(left[INFO + info]) or ()) and not note.endswith(INFO + info)
+        if any(is_open(path, data, name.removesuffix(".info")) for path, data in left.items()):
+            return False
+        return "finished" in (fields(left[INFO + info]) or ())
+
+
+def is_open(path, data, backup):
+    """The path is of a ledger's entry that keeps this backup from being counted."""
+    if data is None or not path.startswith(LEDGER) or is_hidden(path):
+        return False
+    stem = path[len(LEDGER):]
+    entry = fields(data) or {}
+    states = [value.split()[0] for key, value in entry.items() if key.startswith("slice-")]
+    touched = "info" in entry or any(state != "refused" for state in states)
+    return backup in (stem, stem[1:]) and touched and "completed" not in entry

@@ -65,6 +65,11 @@ class Backup:
                     self.stem + ".tgz")
         return [name + ".tgz"], self.stem + ".tgz"
 
+    def interrupt(self):
+        """Makes it a backup whose job was interrupted."""
+        write(self.info_path, info_text({key: value for key, value in self.fields.items() if key != "finished"}))
+        return self
+
     @property
     def info_path(self):
         return os.path.join(self.root.info_root, self.info_name)

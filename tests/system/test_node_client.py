@@ -378,8 +378,9 @@ class PutLast(ClientTest):
                 put = server.reserved_call("PUT " + self.source(root, slice_name), 10)
                 self.assertRegex(put.answer(), r"\AOK ")
                 root.wait_log("Wait 60 seconds before next attempt", level=6, pid=server.pid)
-                last = server.reserved_call(
-                    "PUTLAST " + self.source(root, info_name, "size=1\ntype=full"), 16)
+                # Nothing is reserved for the info file before the backup is known to be complete.
+                last = server.call(
+                    "PUTLAST " + self.source(root, info_name, "size=1\ntype=full"))
                 self.assertFalse(last.has_answer(0.4))
                 self.assertTrue(server.is_silent(0.1))
                 self.assertNotIn(info_name, root.stored())

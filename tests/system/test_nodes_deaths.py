@@ -31,8 +31,8 @@ class Deaths(TroubleTest):
         # The job may go on, but nobody takes the backup for whole.
         self.assert_success(job.put_slice(2))
         self.assertEqual(1, job.put_last().returncode)
-        self.assertEqual([f"Upload of '{name}' was broken off", "Failed upload"],
-                         hit.log_texts(3)[:2])
+        self.assertEqual(f"the backup is not complete: '{name}' is missing: its upload was interrupted. "
+                         "Put this file again, or repeat the whole job", hit.log_texts(3)[0])
         self.assertNotIn(job.stem + ".info", self.head.stored())
         self.assert_success(job.put_slice(1))
         self.assert_success(job.put_last())

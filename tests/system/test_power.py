@@ -100,7 +100,7 @@ class Removal(PowerTest):
 
     def test_incomplete_backups(self):
         kept = self.backups("web1")
-        broken = Backup(self.r, "web2", DATE, form="tgz", data=b"broken off")
+        broken = Backup(self.r, "web2", DATE, form="tgz", data=b"broken off").interrupt()
         self.give(broken)
         listed = write(os.path.join(self.r.info_root, ".cleanup"),
                        f"{self.r.token}\t{DATE}.web2\n{self.r.token}-not-there\t{DATE}.web9\n")
@@ -121,6 +121,7 @@ class Unfinished(SystemTest):
                     info_text({"type": "full", "created": f"{DATE} 00:00:00",
                                "last-slice": f"F{DATE}.web1.1.dar"}))
         index = write(os.path.join(root.info_root, f"{DATE}.web1.1.dar"), "index")
+        write(os.path.join(root.storage, f"F{DATE}.web1.1.dar"), "slice")
         server = Server(root, "--date", DATE, "-C", "1:0").wait_ready()
         root.wait_log(f"Client. Backup token = '{root.token}'")
         write(os.path.join(root.storage, f"{DATE}.web1.info/in the way"), "")

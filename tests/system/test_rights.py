@@ -33,8 +33,8 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     # With the modes that they had in the info root.
     (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),
     (r"root/var/quarn2_cp\.removed/2026-11-15\.web1\.tgz\.aes", "file", 0o640),
-    (r"root/tmp/quarn2_cp\.(uploads|unstored)", "directory", 0o700),
-    (r"root/tmp/quarn2_cp\.(uploads|unstored)/.+", "file", 0o600),
+    (r"root/var/quarn2_cp\.ledger", "directory", 0o700),
+    (r"root/var/quarn2_cp\.ledger/.+", "file", 0o600),
     (r"root/var/backup(/tovarn(/web1(/2026-11-15)?)?)?", "directory", 0o750),
     (r"root/var/backup/tovarn/(web1/2026-11-15/)?\.(rescan|clear)", "file", 0o640),
     (r"root/var/backup/tovarn/\.encrypted_indexes", "file", 0o600),

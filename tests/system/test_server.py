@@ -387,7 +387,7 @@ class CleanUpAtStart(SystemTest):
     def test_incomplete_backups_are_removed_from_storage_and_info_root(self):
         root = self.root()
         root.log_level = 7
-        broken = Backup(root, "web1", day(-1), form="tgz")
+        broken = Backup(root, "web1", day(-1), form="tgz").interrupt()
         whole = Backup(root, "web10", day(-1), form="tgz")
         write(os.path.join(root.info_root, ".cleanup"), f"{root.token}\t{day(-1)}.web1\n")
         server = Server(root, "--date", DATE).wait_ready()
@@ -402,7 +402,7 @@ class CleanUpAtStart(SystemTest):
 
     def test_entries_that_fail_stay_in_the_list_as_they_were(self):
         root = self.root()
-        broken = Backup(root, "web1", day(-1), form="tgz")
+        broken = Backup(root, "web1", day(-1), form="tgz").interrupt()
         bad = "local:///no/such/\\\\directory\t2026-11-19.web2\n"
         listed = os.path.join(root.info_root, ".cleanup")
         write(listed, f"{root.token}\t{day(-1)}.web1\n{bad}garbage without a tab\n")

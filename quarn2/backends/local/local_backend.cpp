@@ -41,12 +41,12 @@ void SyncDirectory(const std::string& path) {
     if (!handle || (fsync(handle) != 0 && errno != EINVAL)) FailedTo("sync directory", path);
 }
 
-// A full disk must not stop what makes room.
+// A full disk must not stop what makes room. Nothing can come back into a directory that is gone.
 void SyncRemoved(const std::string& directory) {
     try {
         SyncDirectory(directory);
     } catch (const CopyError& error) {
-        if (!error.IsFull()) throw;
+        if (!error.IsFull() && kro_file::Exists(directory)) throw;
     }
 }
 

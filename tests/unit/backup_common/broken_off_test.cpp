@@ -3,11 +3,13 @@
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
+#include "kro/str.h"
 #include "program_site.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_removal.h"
-#include "quarn2_cp2_misc_unstored.h"
 #include "quarn2_cp2_server_model.h"
 
 namespace {
@@ -46,7 +48,8 @@ class BrokenOff : public ProgramSite {
         const std::string text = local_files::Load(kInfo);
         EXPECT_EQ(text.substr(0, 11), "deletion=20") << text;
         EXPECT_EQ(text.substr(text.find('\n')),
-                  "\nlast-slice=F2026-11-15.web1.2.dar\nsize=100\ntype=full");
+                  "\ndeletion-finished=2026-11-15 01:00:00\nlast-slice=F2026-11-15.web1.2.dar\n"
+                  "size=100\ntype=full");
     }
 
     std::size_t Counted() const { return control_.storages.at("").users.at("web1").backups.size(); }
@@ -132,6 +135,78 @@ TEST_F(BrokenOff, WhatCannotBeFinishedTakesUpSpaceAndStopsNobody) {
     ExpectMarked();
 }
 
+// --- Deletions and outages ---
+
+TEST_F(BrokenOff, ADeletionThatRemovedNothingIsTakenBackByTheNextServer) {
+    FailAt("F2026-11-15.web1.2.dar", Kind::kUnavailable);
+    ExpectTrouble();
+    ExpectMarked();
+    store_->SetHook({});
+    control_.Init("2026-11-20");
+    control_.FinishDeletions();
+    EXPECT_EQ(local_files::Load(kInfo), kText);
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_EQ(Stored().size(), 3U);
+}
+
+TEST_F(BrokenOff, InDirectoryFormItIsTakenBackOnlyIfTheIndexIsThereToo) {
+    const std::string directory = "root/web1/2026-11-15/";
+    const std::string info = directory + "2026-11-15.web1.info";
+    const std::string marked =
+        "deletion=2026-11-20 01:00:00\ndeletion-finished=2026-11-15 01:00:00\n"
+        "last-slice=web1/2026-11-15/F2026-11-15.web1.1.dar\nsize=100\ntype=full";
+    for (const char* name : {"F2026-11-15.web1.1.dar", "2026-11-15.web1.info"}) {
+        store_->SetFile(std::string("web1/2026-11-15/") + name, "x");
+    }
+    Place(info, marked);
+    EXPECT_FALSE(TakeBackDeletion(*storage_, info)) << "the index may have gone";
+    Place(directory + "2026-11-15.web1.1.dar", "index");
+    EXPECT_FALSE(TakeBackDeletion(*storage_, info));
+    store_->SetFile("web1/2026-11-15/2026-11-15.web1.1.dar", "index");
+    EXPECT_TRUE(TakeBackDeletion(*storage_, info));
+}
+
+TEST_F(BrokenOff, AnOutageCostsNoFurtherBackup) {
+    for (const char* day : {"13", "14"}) {
+        Place(std::string("root/2026-11-") + day + ".web1.info",
+              std::string("finished=2026-11-15 01:00:00\nlast-slice=F2026-11-") + day +
+                  ".web1.1.dar\nsize=100\ntype=full");
+    }
+    FailAt("F2026-11-15.web1.1.dar", Kind::kUnavailable);
+    ExpectTrouble();
+    control_.Init("2026-11-20");
+    control_.FinishDeletions();
+    EXPECT_EQ(TextOf<kro_err::Error>([this] { control_.DropOldest(0); }), "trouble");
+    EXPECT_EQ(Counted(), 2U);
+    store_->SetHook({});
+    control_.DropOldest(0);
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_FALSE(local_files::Has(kInfo)) << "the begun one went first";
+    EXPECT_EQ(control_.storages.at("").free_size, 900);
+}
+
+TEST_F(BrokenOff, ADeletionThatNoStorageCanFinishKeepsNoOtherFromBeingMade) {
+    Place("root/2026-11-14.web1.info",
+          "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
+    Place("root/2026-11-16.web1.info",
+          "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-16.web1.1.dar\nsize=100\ntype=full");
+    FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
+    ExpectTrouble();
+    control_.Init("2026-11-20");
+    control_.FinishDeletions();
+    control_.DropOldest(0);
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_TRUE(local_files::Has(kInfo));
+}
+
+TEST_F(BrokenOff, AKeyOfAnotherProgramBesideFinishedIsNoDeletion) {
+    Place(kInfo, std::string("deletion=planned for March\n") + kText);
+    control_.Init("2026-11-20");
+    control_.FinishDeletions();
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_EQ(Stored().size(), 3U);
+}
+
 TEST_F(BrokenOff, ARescanFinishesDeletionsFirst) {
     FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
     Place("root/2026-11-14.web1.info", kText);
@@ -144,46 +219,180 @@ TEST_F(BrokenOff, ARescanFinishesDeletionsFirst) {
     EXPECT_EQ(Below("root"), (Lines{"2026-11-13.web1.info", "2026-11-14.web1.info"}));
 }
 
-TEST_F(BrokenOff, ABackupWhoseLastFileWasNotPutToItsEndIsNotCounted) {
-    store_->SetFile("2026-11-15.web1.info", "of an earlier backup=1");
-    const UnstoredInfo note(kInfo);
-    control_.unstored = UnstoredInfos(*storage_, "");
-    EXPECT_TRUE(control_.unstored.Contains(kInfo));
-    EXPECT_TRUE(control_.unstored.Contains(root_.path() + "/" + kInfo));
-    EXPECT_FALSE(control_.unstored.Contains("other/2026-11-15.web1.info"));
+TEST_F(BrokenOff, ADeletionByAnotherProcessLeavesTheNewestThatIsLeft) {
+    Place("root/2026-11-14.web1.info",
+          "finished=2026-11-14 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
     control_.Init("2026-11-20");
-    EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
-    EXPECT_EQ(Log(4), (Lines{"4: Skip backup '2026-11-15.web1.info': its last file was not put to "
-                             "its end"}));
-    EXPECT_EQ(Below("tmp"),
-              (Lines{"quarn2_cp.unstored", "quarn2_cp.unstored/2026-11-15.web1.info"}));
-}
-
-TEST_F(BrokenOff, OneThatTheStorageHasIsCounted) {
-    Place(kInfo, std::string("node=web1\n") + kText);
-    const UnstoredInfo note(kInfo);
-    control_.unstored = UnstoredInfos(*storage_, "");
-    control_.Init("2026-11-20");
+    Delete(storage_, kInfo, false);
+    control_.DropOldest(0);
+    control_.DropByCount(0, 0);
     EXPECT_EQ(Counted(), 1U);
-    EXPECT_EQ(Below("tmp"), (Lines{"quarn2_cp.unstored"}));
+    EXPECT_TRUE(local_files::Has("root/2026-11-14.web1.info"));
+    EXPECT_EQ(control_.storages.at("").free_size, 900);
+    EXPECT_EQ(control_.storages.at("").limit, 900);
 }
 
-TEST_F(BrokenOff, ANoteOfAnInfoFileThatIsGoneIsForgotten) {
-    const UnstoredInfo note(kInfo);
-    std::filesystem::remove(kInfo);
-    EXPECT_FALSE(UnstoredInfos(*storage_, "").Contains(kInfo));
-    EXPECT_EQ(Below("tmp"), (Lines{"quarn2_cp.unstored"}));
+// --- Backups that are not complete ---
+
+class Unfinished : public BrokenOff {
+  protected:
+    static constexpr const char* kEntry = "F2026-11-15.web1";
+
+    static void Record(SliceState state, const std::string& info = "") {
+        Ledger().Update(kEntry, [&](LedgerEntry& entry) {
+            entry.storage = "memory:///site";
+            entry.slices["F2026-11-15.web1.1.dar"] = {state, 30, ""};
+            entry.info = info;
+        });
+    }
+
+    void Init() {
+        control_.unfinished = UnfinishedBackups(Ledger(), "memory:///site", *storage_);
+        control_.Init("2026-11-20");
+    }
+};
+
+TEST_F(Unfinished, AreNotCountedWhateverTheirInfoFileSays) {
+    Record(SliceState::kStored, kInfo);
+    store_->SetFile("2026-11-15.web1.info", "of an earlier backup=1");
+    Init();
+    EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
+    EXPECT_EQ(Log(4), (Lines{"4: Backup 'F2026-11-15.web1' is not complete. Begun: 2026-11-20 "
+                             "12:00:00, bytes on the storage: 30. Repeat its job, or delete it",
+                             "4: Skip backup '2026-11-15.web1.info': it is not complete"}));
+    EXPECT_EQ(control_.storages.at("").unfinished, 130)
+        << "the files of an earlier one may still be there";
 }
 
-TEST_F(BrokenOff, StoragesHaveNotesOfTheirOwn) {
-    store_->SetFile("2026-11-15.web1.info", "");
-    setenv("BACKUP_STORAGE", "alice", 1);
-    const UnstoredInfo note(kInfo);
-    EXPECT_FALSE(UnstoredInfos(*storage_, "").Contains(kInfo));
-    EXPECT_TRUE(UnstoredInfos(*storage_, "alice").Contains(kInfo));
-    note.Remove();
-    EXPECT_FALSE(UnstoredInfos(*storage_, "alice").Contains(kInfo));
+TEST_F(Unfinished, OnesWhoseInfoFileTheStorageHasAreComplete) {
+    Place(kInfo, std::string("node=web1\n") + kText);
+    Record(SliceState::kStored, kInfo);
+    Init();
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_EQ(Ledger().Entries().size(), 0U);
 }
+
+TEST_F(Unfinished, AMissingSliceMattersMoreThanTheInfoFile) {
+    for (const SliceState state :
+         {SliceState::kUploading, SliceState::kAbandoned, SliceState::kRemoved}) {
+        Record(state, kInfo);
+        Init();
+        EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
+    }
+}
+
+TEST_F(Unfinished, ARefusedUploadLeavesACompleteBackupAsItIs) {
+    Record(SliceState::kRefused);
+    Init();
+    EXPECT_EQ(Counted(), 1U);
+}
+
+TEST_F(Unfinished, OnesOfAnotherStorageAreNotOfThisAccount) {
+    Record(SliceState::kUploading);
+    Ledger().Update(kEntry, [](LedgerEntry& entry) { entry.storage = "sftp://elsewhere/srv"; });
+    Init();
+    EXPECT_EQ(Counted(), 1U);
+    EXPECT_EQ(control_.storages.at("").unfinished, 0);
+}
+
+TEST_F(Unfinished, ADamagedEntryKeepsItsBackupFromBeingCounted) {
+    Place(std::string("var/quarn2_cp.ledger/") + kEntry,
+          "slice-1=stored 10G F2026-11-15.web1.1.dar");
+    std::filesystem::permissions("var/quarn2_cp.ledger", std::filesystem::perms(0700));
+    Init();
+    EXPECT_EQ(Log(4).front(),
+              "4: Ledger entry 'F2026-11-15.web1' cannot be used. What: '10G' is "
+              "not a whole decimal number");
+    EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
+}
+
+TEST_F(Unfinished, MarkersOfAnEarlierVersionBecomeEntries) {
+    std::string boot = local_files::Load("/proc/sys/kernel/random/boot_id");
+    boot = str::GetWord(boot, "\n");
+    const std::string upload = "\n2026-11-15.web1\nF2026-11-15.web1.1.dar";
+    Place("tmp/quarn2_cp.uploads/F2026-11-15.web1.1.dar", boot + upload);
+    Place("tmp/quarn2_cp.uploads/F2026-11-15.web2.1.dar", "an earlier start" + upload);
+    Place("tmp/quarn2_cp.unstored/2026-11-15.web1.info", kInfo);
+    Place("tmp/quarn2_cp.unstored/2026-11-16.web1.info", "root/none.info");
+    MigrateMarkers("");
+    EXPECT_EQ(Below("tmp"), Lines());
+    ASSERT_EQ(Ledger().Entries().size(), 1U);
+    const LedgerEntry entry = Ledger().Read(kEntry);
+    EXPECT_EQ(entry.info, kInfo);
+    EXPECT_EQ(entry.slices.at("F2026-11-15.web1.1.dar").state, SliceState::kUploading);
+    Init();
+    EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
+}
+
+TEST_F(Unfinished, SlicesOfAnEarlierDateGoBeforeBackups) {
+    store_->SetFile("F2026-11-14.web2.1.dar", "x");
+    store_->SetFile("F2026-11-20.web2.1.dar", "x");
+    for (const char* day : {"14", "20"}) {
+        const std::string entry = std::string("F2026-11-") + day + ".web2";
+        Ledger().Update(entry, [&](LedgerEntry& changed) {
+            changed.storage = "memory:///site";
+            changed.slices[entry + ".1.dar"] = {SliceState::kStored, 400, ""};
+        });
+    }
+    Init();
+    GlobalSizeControl::StorageDesc& desc = control_.storages.at("");
+    EXPECT_EQ(desc.unfinished, 800);
+    EXPECT_EQ(desc.NeededFor(50, false), 800) << "the ledger has the file that is asked for";
+    EXPECT_EQ(desc.NeededFor(50, true), 850);
+    control_.ReclaimUnfinished(desc, 100, true);
+    EXPECT_EQ(desc.unfinished, 800) << "900 bytes are free";
+    control_.ReclaimUnfinished(desc, 200, true);
+    EXPECT_EQ(desc.unfinished, 400);
+    EXPECT_EQ(Counted(), 1U);
+    control_.ReclaimUnfinished(desc, 600, true);
+    EXPECT_EQ(desc.unfinished, 400) << "the job of this date may go on";
+    EXPECT_EQ(Stored(), (Lines{"2026-11-15.web1.info", "F2026-11-15.web1.1.dar",
+                               "F2026-11-15.web1.2.dar", "F2026-11-20.web2.1.dar"}));
+}
+
+TEST_F(Unfinished, ABackupWhoseJobIsRepeatedProtectsNoOlderOneAndIsNotEvicted) {
+    Place("root/2026-11-14.web1.info",
+          "finished=2026-11-14 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
+    Init();
+    Record(SliceState::kUploading);
+    control_.DropOldest(0);
+    EXPECT_EQ(Counted(), 2U) << "2026-11-14 may be the last complete one";
+    Ledger().End(kEntry);
+    control_.DropOldest(0);
+    EXPECT_EQ(Counted(), 1U);
+}
+
+TEST_F(Unfinished, OnesWithoutTheirSlicesAreStillNoBackups) {
+    const std::string entry = "F2026-11-14.web2";
+    Place("root/2026-11-14.web2.info",
+          "finished=2026-11-14 01:00:00\nlast-slice=" + entry + ".1.dar\nsize=900\ntype=full");
+    Ledger().Update(entry, [&entry](LedgerEntry& changed) {
+        changed.storage = "memory:///site";
+        changed.slices[entry + ".1.dar"] = {SliceState::kStored, 900, ""};
+    });
+    Init();
+    control_.ReclaimUnfinished(control_.storages.at(""), 100, true);
+    EXPECT_EQ(control_.storages.at("").unfinished, 0);
+    Init();
+    EXPECT_FALSE(control_.storages.at("").users.contains("web2"));
+    EXPECT_EQ(control_.storages.at("").unfinished, 0);
+}
+
+TEST_F(Unfinished, WhatAJobTouchesMeanwhileIsNotReclaimed) {
+    Ledger().Update("F2026-11-14.web2", [](LedgerEntry& entry) {
+        entry.storage = "memory:///site";
+        entry.slices["F2026-11-14.web2.1.dar"] = {SliceState::kStored, 900, ""};
+    });
+    Init();
+    Ledger().Update("F2026-11-14.web2", [](LedgerEntry& entry) {
+        entry.slices["F2026-11-14.web2.2.dar"] = {SliceState::kStored, 10, ""};
+    });
+    control_.RefreshUnfinished();
+    control_.ReclaimUnfinished(control_.storages.at(""), 100, false);
+    EXPECT_EQ(control_.storages.at("").unfinished, 910);
+}
+
+// --- Clear ---
 
 TEST_F(BrokenOff, ABrokenClearStopsServers) {
     Place("var/backup/tovarn/a.info", "x");

@@ -6,7 +6,9 @@
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_cleanup.h"
 
 namespace {
 
@@ -225,7 +227,7 @@ class Clear : public CleanUpTest {
 
 TEST_F(Clear, EmptiesTheStorageAndBothLocalDirectories) {
     CommandClear();
-    EXPECT_EQ(store_->log(), (Lines{"Clear"}));
+    EXPECT_EQ(store_->log(), (Lines{"List", "Clear"}));
     EXPECT_EQ(Stored(), Lines());
     EXPECT_EQ(Below("var/backup"), (Lines{"web1", "web1/d.info"}));
     EXPECT_EQ(Log(), (Lines{"5: Clear all storage"}));
@@ -326,6 +328,114 @@ TEST_F(Clear, MissingLocalDirectoriesAreNoError) {
     std::filesystem::remove_all("var/backup");
     CommandClear();
     EXPECT_EQ(Stored(), Lines());
+}
+
+// --- The list and the ledger ---
+
+class ListAndLedger : public CleanUpTest {
+  protected:
+    static void List(const std::string& prefix) {
+        const std::string path = "root/.cleanup";
+        const std::string before = local_files::Has(path) ? local_files::Load(path) : "";
+        Place(path, before + "memory:site\t" + prefix + "\n");
+    }
+    static void Begin(const std::string& slice) {
+        const Ledger ledger;
+        ledger.Update(ledger.EntryNameOf(slice), [&slice](LedgerEntry& entry) {
+            entry.storage = "memory:///site";
+            entry.slices[slice] = {SliceState::kStored, 1, ""};
+        });
+    }
+    void Store(const Lines& names) {
+        for (const std::string& name : names) store_->SetFile(name, "x");
+    }
+};
+
+TEST_F(ListAndLedger, ALineMeansTheUnfinishedOnesOfItsPrefix) {
+    Store({"F2026-11-15.web1.tgz", "2026-11-15.web1.tgz", "2026-11-15.web1.info",
+           "C2026-11-15.web1.tgz"});
+    Begin("C2026-11-15.web1.tgz");
+    List("2026-11-15.web1");
+    CleanUp("root");
+    EXPECT_EQ(Stored(),
+              (Lines{"2026-11-15.web1.info", "2026-11-15.web1.tgz", "F2026-11-15.web1.tgz"}));
+    EXPECT_EQ(Ledger().Entries().size(), 0U);
+    EXPECT_FALSE(local_files::Has("root/.cleanup"));
+}
+
+TEST_F(ListAndLedger, WithoutAnEntryALineMeansWhatIsNotComplete) {
+    const Lines full = {"2026-11-15.web1.info", "2026-11-15.web1.tgz", "F2026-11-15.web1.tgz"};
+    Store(full);
+    Store({"C2026-11-15.web1.tgz"});
+    Place("root/2026-11-15.web1.info",
+          "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-15.web1.tgz\nsize=1");
+    List("2026-11-15.web1");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), full);
+    EXPECT_TRUE(local_files::Has("root/2026-11-15.web1.info"));
+    EXPECT_FALSE(local_files::Has("root/.cleanup"));
+    for (const std::string& missing : full) {
+        if (missing == "2026-11-15.web1.tgz") continue;
+        store_->Reset();
+        Store(full);
+        storage_->RemoveFile(missing);
+        List("2026-11-15.web1");
+        CleanUp("root");
+        EXPECT_EQ(Stored(), Lines()) << "without " << missing << " it is not complete";
+        Place("root/2026-11-15.web1.info",
+              "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-15.web1.tgz\nsize=1");
+    }
+}
+
+TEST_F(ListAndLedger, ALineOfANumberedSliceMeansThemToo) {
+    Store({"F2026-11-15.web1.1.dar", "C2026-11-15.web1.1.dar"});
+    Begin("F2026-11-15.web1.1.dar");
+    List("2026-11-15.web1.1.dar");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), (Lines{"C2026-11-15.web1.1.dar"}));
+}
+
+TEST_F(ListAndLedger, AnInfoFileOfAnEarlierRunGoesWithItsSlices) {
+    Store({"C2026-11-15.web1.tgz", "custom.web1.info"});
+    Place("root/custom.web1.info", "finished=x\nlast-slice=C2026-11-15.web1.tgz\nsize=1");
+    Begin("C2026-11-15.web1.tgz");
+    List("2026-11-15.web1");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(Below("root"), Lines());
+}
+
+TEST_F(ListAndLedger, WhileALineIsLeftTheLedgerKeepsItsEntries) {
+    Store({"C2026-11-15.web1.tgz"});
+    Begin("C2026-11-15.web1.tgz");
+    List("2026-11-15.web1");
+    Place("root/.cleanup", local_files::Load("root/.cleanup") + "bad\n");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), Lines());
+    EXPECT_EQ(Ledger().Read("C2026-11-15.web1").slices.at("C2026-11-15.web1.tgz").state,
+              SliceState::kRemoved);
+}
+
+TEST_F(ListAndLedger, ACompletionTakesItsLinesAway) {
+    List("2026-11-15.web1");
+    List("2026-11-15.web1.1.dar");
+    List("2026-11-15.web10");
+    List("2026-11-16.web1");
+    const std::string other = "memory:other\t2026-11-15.web1\nno token\n\n";
+    Place("root/.cleanup", local_files::Load("root/.cleanup") + other);
+    ForgetIncomplete("root", "web1", "2026-11-15");
+    EXPECT_EQ(local_files::Load("root/.cleanup"),
+              "memory:site\t2026-11-15.web10\nmemory:site\t2026-11-16.web1\n"
+              "memory:other\t2026-11-15.web1\nno token\n");
+}
+
+TEST_F(ListAndLedger, ACompletionOfACustomBackupTakesTheLinesOfItsArchiveAway) {
+    Place("root/custom.web1.info", "last-slice=C2026-11-15.web1.2.dar\n");
+    List("2026-11-15.web1");
+    List("2026-11-15.web1.2.dar");
+    List("2026-11-14.web1");
+    ForgetIncomplete("root", "web1", "custom");
+    EXPECT_EQ(local_files::Load("root/.cleanup"), "memory:site\t2026-11-14.web1\n");
 }
 
 }  // namespace

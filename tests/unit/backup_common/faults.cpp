@@ -27,6 +27,11 @@ faults::Plan& faults::ThePlan() {
     return plan;
 }
 
+std::atomic<int>& faults::LstatCalls() {
+    static std::atomic<int> calls{0};
+    return calls;
+}
+
 void faults::SetFork(Fork what, int status) {
     fork_kind = what;
     fork_status = status;
@@ -43,7 +48,7 @@ pid_t __real_fork(void);
 int __real_rename(const char* from, const char* to);
 
 int __wrap_lstat(const char* path, struct stat* status) {
-    ++faults::ThePlan().lstat_calls;
+    ++faults::LstatCalls();
     return Take(faults::ThePlan().lstat) ? -1 : __real_lstat(path, status);
 }
 

@@ -9,8 +9,8 @@
 #include "kro/kro_err.h"
 #include "quarn2/names.h"
 #include "quarn2_cp2_get.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
-#include "quarn2_cp2_put_marks.h"
 #include "rescan_site.h"
 
 namespace {
@@ -95,14 +95,13 @@ TEST_F(PlantedForRoles, LocalDirectoryOfABackupIsNoLinkOfOthers) {
               "'" + InfoRoot("web1") + "' is a symbolic link of another user; remove it");
 }
 
-TEST_F(PlantedForRoles, MarksOfUploadsLieInOurOwnDirectoryAlone) {
-    const std::string text =
-        "'tmp/quarn2_cp.uploads' must be a directory that root or this user alone can write to; "
-        "remove it";
-    const UploadMarks marks{""};
-    Link("tmp/quarn2_cp.uploads");
-    EXPECT_EQ(TextOf<kro_err::Error>([&] { marks.Begin("key", "name"); }), text);
-    EXPECT_EQ(TextOf<kro_err::Error>([&] { marks.CheckWhole("key"); }), text);
+TEST_F(PlantedForRoles, TheLedgerIsOurOwnDirectoryAlone) {
+    Link("var/quarn2_cp.ledger");
+    EXPECT_EQ(Ledger().Entries().size(), 0U);
+    EXPECT_FALSE(Ledger().Update("F2026-11-15.web1", [](LedgerEntry& entry) {
+        entry.slices["F2026-11-15.web1.tgz"].bytes = 1;
+    }));
+    EXPECT_EQ(Ledger().Read("F2026-11-15.web1").slices.size(), 0U);
 }
 
 TEST_F(PlantedForRoles, NoteOfAGivenUpDownloadIsWrittenToNothingOfOthers) {

@@ -10,6 +10,7 @@
 #include "kro/str.h"
 #include "program_site.h"
 #include "quarn2/info.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_put.h"
 
 namespace {
@@ -258,17 +259,19 @@ TEST_F(Put, AnInfoFileThatIsMissingIsAnError) {
               "Failed to open info file 'b/none.info': No such file or directory");
 }
 
-TEST_F(Put, WhereNoNoteCanBeKeptNothingIsSent) {
-    Place("tmp/quarn2_cp.unstored/x", "");
-    std::filesystem::permissions("tmp/quarn2_cp.unstored", std::filesystem::perms(0770));
-    EXPECT_EQ(TextOf<kro_err::Error>([this] {
-                  Run({"--isolated", "--info-file", kInfo}, "OK name 5");
-              }),
-              "'tmp/quarn2_cp.unstored' must be a directory that root or this user alone can write "
-              "to; remove it");
-    EXPECT_EQ(commands_, Lines());
-    Run({"--info-file", kInfo}, "OK name 5");
-    EXPECT_EQ(commands_.size(), 1U) << "the others need none";
+TEST_F(Put, TheLastFileIsPutAlsoWhereTheLedgerCannotBeWritten) {
+    Place("var/quarn2_cp.ledger/x", "");
+    std::filesystem::permissions("var/quarn2_cp.ledger", std::filesystem::perms(0770));
+    Run({"--isolated", "--info-file", kInfo}, "OK name 5");
+    EXPECT_EQ(commands_.size(), 2U);
+}
+
+TEST_F(Put, TheLedgerHasTheInfoFileBeforeItMaySayFinished) {
+    Run({"--isolated", "--last_slice", "--info-file", kInfo}, "OK F2026-11-15.web1.tgz 5");
+    const LedgerEntry entry = Ledger().Read("F2026-11-15.web1");
+    EXPECT_TRUE(str::EndsWith(entry.info, ".info")) << entry.info;
+    EXPECT_EQ(entry.info_bytes, static_cast<std::int64_t>(local_files::Load(entry.info).size()));
+    EXPECT_TRUE(entry.IsOpen()) << "only the node client ends it";
 }
 
 TEST_F(Put, ANameThatCouldBeTakenForAnotherFilesIsRefusedBeforeAnythingIsSent) {

@@ -26,6 +26,8 @@ class Protocol : public ProgramSite {
 
     void Add(const std::string& user, const std::string& date, std::int64_t size, int type) {
         storage_.users[user].backups[date] = BackupInfo{size, type, false};
+        // The newest one is looked for before an older one goes.
+        store_->SetFile(date + "." + user + ".info", "");
     }
 
     std::string Ask(const std::string& line) { return link_.Answer(line); }

@@ -94,6 +94,7 @@ class Start : public ProgramSite {
     Start() { keep_output_ = dup(STDOUT_FILENO); }
     ~Start() override {
         faults::ThePlan() = {};
+        faults::LstatCalls() = 0;
         faults::SetFork(faults::Fork::kReal);
         dup2(keep_output_, STDOUT_FILENO);
         close(keep_output_);
@@ -156,23 +157,25 @@ TEST_F(Start, LockOfAFileReplacedWhileWaitingIsTheNewFiles) {
 TEST_F(Start, LockInAMissingDirectoryFailsAtOnce) {
     EXPECT_EQ(TextOf<std::runtime_error>([] { Quarn2Lock("nowhere/lock", false); }),
               "Failed to open pidfile");
-    EXPECT_EQ(faults::ThePlan().lstat_calls, 0);
+    EXPECT_EQ(faults::LstatCalls(), 0);
 }
 
 TEST_F(Start, LockThatTheSystemRefusesHasOneTextForBothKinds) {
     for (const bool exclusive : {false, true}) {
         faults::ThePlan() = {.flock = 1, .error = ENOLCK};
+        faults::LstatCalls() = 0;
         EXPECT_EQ(TextOf<std::runtime_error>([&] { Quarn2Lock(kLock, exclusive); }),
                   "Failed to set shared lock");
-        EXPECT_EQ(faults::ThePlan().lstat_calls, 0);
+        EXPECT_EQ(faults::LstatCalls(), 0);
     }
 }
 
 TEST_F(Start, LockIsGivenUpAfterAHundredAttempts) {
     faults::ThePlan() = {.lstat = 100, .error = ENOENT};
+    faults::LstatCalls() = 0;
     EXPECT_EQ(TextOf<std::runtime_error>([] { Quarn2Lock(kLock, false); }),
               "Failed to lock var/quarn2_cp.lock");
-    EXPECT_EQ(faults::ThePlan().lstat_calls, 100);
+    EXPECT_EQ(faults::LstatCalls(), 100);
     faults::ThePlan() = {.lstat = 99, .error = ENOENT};
     EXPECT_TRUE(static_cast<bool>(Quarn2Lock(kLock, false)));
 }

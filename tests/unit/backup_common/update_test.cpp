@@ -1,6 +1,7 @@
 // The update command.
 #include "kro/kro_err.h"
 #include "program_site.h"
+#include "quarn2/token.h"
 #include "quarn2_cp2_put.h"
 
 namespace {
@@ -47,6 +48,21 @@ TEST_F(Update, AddsAFileThatTheStorageLacks) {
     store_->Reset();
     CommandUpdate(kLocal);
     EXPECT_EQ(Stored(), (Lines{kRemote}));
+}
+
+TEST_F(Update, AFileWithAnotherKeyThanItsBackupIsRefused) {
+    Place("b/2026-11-20.web1.info",
+          "key_hash=k1\nlast-slice=web1/2026-11-20/F2026-11-20.web1.2.dar 5\n");
+    EXPECT_EQ(Failure(),
+              "the backup of 'b/2026-11-20.web1.tgz' is encrypted with another password than the "
+              "arch_password of BACKUP_TOKEN; nothing was changed. Give the backup's own");
+    EXPECT_EQ(store_->files().at(kRemote), "old");
+    const std::string token = "memory:site?arch_password=p";
+    setenv("BACKUP_TOKEN", token.c_str(), 1);
+    Place("b/2026-11-20.web1.info", "key_hash=" + quarn2::BackupToken(token).Hash() +
+                                        "\nlast-slice=web1/2026-11-20/F2026-11-20.web1.2.dar 5\n");
+    CommandUpdate(kLocal);
+    EXPECT_NE(store_->files().at(kRemote), "old");
 }
 
 TEST_F(Update, AFailedRemovalEndsItBeforeTheUpload) {

@@ -1,0 +1,50 @@
+#include "quarn2_cp2_ledger_deletion.h"
+
+#include <algorithm>
+#include <set>
+
+#include "kro/kro_file.h"
+#include "quarn2_cp2_misc_slices.h"
+
+namespace {
+
+// An info file that names too many slices is deleted by listing; the ledger has none of them.
+std::vector<std::string> NamedOrNone(const quarn2::InfoMap& info) {
+    try {
+        return NamedSlices(info);
+    } catch (const std::exception&) {
+        return {};
+    }
+}
+
+}  // namespace
+
+LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoMap& info)
+    : ledger_(OwnLedger()),
+      key_(LedgerKey(info_path)),
+      entries_(ledger_.EntriesOf(info_path, info)) {
+    if (entries_.empty()) return;
+    named_ = NamedOrNone(info);
+    for (const std::string& name : entries_) {
+        const bool written = ledger_.Update(name, [](LedgerEntry& entry) {
+            for (auto& [slice_name, slice] : entry.slices) slice.state = SliceState::kRemoved;
+        });
+        // A slice that the ledger does not know is looked for on the storage.
+        if (!written) ledger_.End(name);
+    }
+}
+
+void LedgerDeletion::Finish(quarn2::Storage& storage) const {
+    const std::set<std::string> named(named_.begin(), named_.end());
+    std::set<std::string> directories;
+    for (const std::string& entry_name : entries_) {
+        for (const auto& [name, slice] : ledger_.Read(entry_name).slices) {
+            // The ledger is a file like others: it must not name another backup's files.
+            if (named.contains(name) || slice.bytes == 0 || LedgerKey(name) != key_) continue;
+            storage.RemoveFile(name);
+            directories.insert(kro_file::Path(name));
+        }
+    }
+    for (const std::string& directory : directories) storage.SyncRemovals(directory);
+    for (const std::string& name : entries_) ledger_.End(name);
+}

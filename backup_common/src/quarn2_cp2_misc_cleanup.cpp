@@ -1,0 +1,249 @@
+#include "quarn2_cp2_misc_cleanup.h"
+
+#include <algorithm>
+#include <optional>
+#include <set>
+#include <stdexcept>
+#include <vector>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2/token.h"
+#include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_misc_slices.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr const char* kWhy = "incomplete backup";
+constexpr const char* kCustom = "custom";
+
+struct Line {
+    std::string text;
+    quarn2::BackupToken token;
+    std::string prefix;
+};
+
+Line ParseLine(const std::string& text) {
+    std::string prefix = text;
+    const std::string token = str::badchars::Unescape(str::GetWord(prefix, "\t"), '\\');
+    return {text, quarn2::BackupToken(token), prefix};
+}
+
+std::string ListPath(const std::string& dir) { return kro_file::ConcatPath(dir, ".cleanup"); }
+
+// Its lines say what is removed, and where: they must be nobody else's.
+std::optional<std::string> ReadList(const std::string& path) {
+    try {
+        return kro_file::ReadOurs(path);
+    } catch (const kro_err::Error& error) {
+        if (error.type() != "not_found") {
+            KRO_LOG(kLog, 3, "List of incomplete backups is left alone: %s", error.what());
+        }
+        return std::nullopt;
+    }
+}
+
+void WriteList(const std::string& dir, const std::string& lines) {
+    const std::string path = ListPath(dir);
+    if (!lines.empty()) return kro_file::Write(path, lines);
+    if (!kro_file::Exists(path)) return;
+    kro_file::RemoveFile(path);
+    // A line that came back could name a backup that has been made anew by then.
+    kro_file::SyncDir(dir);
+}
+
+// The archive's name without its type letter, which is what the prefix of its files is.
+std::string PrefixOf(const std::string& entry_name) {
+    return IsArchive(entry_name) ? entry_name.substr(1) : entry_name;
+}
+
+// Archives with slice numbers have a line for each slice.
+bool IsPrefixOf(const std::string& prefix, const std::string& backup) {
+    return prefix == backup || quarn2::StripSliceNumber(prefix) == backup;
+}
+
+// The archives of complete backups whose files have this prefix. A completion takes its backup's
+// lines away, so a line cannot mean one.
+std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::string& dir,
+                                          const std::string& prefix) {
+    const std::string backup = quarn2::StripSliceNumber(prefix);
+    std::vector<std::string> archives;
+    for (const std::string& date : {quarn2::GetDate(backup), std::string(kCustom)}) {
+        const std::string info_path = quarn2::GetInfoFile(dir, quarn2::GetUserName(backup), date);
+        if (!kro_file::Exists(info_path)) continue;
+        const quarn2::InfoMap info = quarn2::GetInfo(info_path);
+        std::string archive = quarn2::StripSliceNumber(kro_file::Name(LastSliceOf(info)));
+        if (PrefixOf(archive) == backup && IsOnStorageAsAWhole(storage, info_path, info)) {
+            archives.push_back(std::move(archive));
+        }
+    }
+    return archives;
+}
+
+// The unfinished backups that a line means. A full and a custom backup of one day have the same
+// prefix, and one of them may be complete.
+class Unfinished {
+  public:
+    Unfinished(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
+               const std::string& dir)
+        : ledger_(ledger), complete_(CompleteArchives(storage, dir, line.prefix)) {
+        const std::string identity = StorageIdentity(line.token);
+        for (LedgerEntry& entry : ledger.Entries()) {
+            if (!entry.completed.empty() || !entry.IsOf(identity)) continue;
+            if (IsPrefixOf(line.prefix, PrefixOf(entry.name))) entries_.push_back(std::move(entry));
+        }
+    }
+
+    const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
+
+    // Without entries every file of the prefix is meant that is not of a complete backup: an older
+    // version made the incomplete one, or another machine.
+    bool Has(const std::string& name) const {
+        const std::string stem = quarn2::StripSliceNumber(name);
+        const bool is_archive = IsArchive(stem);
+        if (entries_.empty()) {
+            return std::none_of(
+                complete_.begin(), complete_.end(), [&](const std::string& archive) {
+                    return is_archive ? archive == stem : !str::StartsWith(archive, "C");
+                });
+        }
+        return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
+            // The index and the info file of a custom backup have another name.
+            return is_archive ? entry.name == stem : !str::StartsWith(entry.name, "C");
+        });
+    }
+
+    // A job that runs meanwhile must notice.
+    void RecordRemoval() const {
+        for (const LedgerEntry& entry : entries_) {
+            ledger_.Update(entry.name, [](LedgerEntry& changed) {
+                for (auto& [name, slice] : changed.slices) slice.state = SliceState::kRemoved;
+            });
+        }
+    }
+
+  private:
+    const Ledger& ledger_;
+    std::vector<std::string> complete_;
+    std::vector<LedgerEntry> entries_;
+};
+
+void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry) {
+    for (const auto& [name, slice] : entry.slices) {
+        if (LedgerKey(name) != LedgerKey(entry.name)) continue;
+        storage.RemoveFile(name);
+        storage.SyncRemovals(kro_file::Path(name));
+    }
+}
+
+// An earlier run of the job may have left an info file with another prefix, or in a directory. It
+// would count once the entry has ended.
+void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::string& dir,
+                    const LedgerEntry& entry) {
+    const std::string info_path =
+        quarn2::GetInfoFile(dir, quarn2::GetUserName(entry.name), quarn2::GetDate(entry.name));
+    if (!kro_file::Exists(info_path)) return;
+    const std::string last = kro_file::Name(LastSliceOf(quarn2::GetInfo(info_path)));
+    if (quarn2::StripSliceNumber(last) == entry.name) Delete(storage, info_path, false);
+}
+
+// Returns the names of the ledger's entries that must end once the line is gone: without them the
+// line would mean every file of the prefix.
+std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& line) {
+    // An empty prefix would match files that belong to no such backup.
+    if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
+    const std::shared_ptr<quarn2::Storage> storage = OpenStorage(line.token, dir);
+    const Ledger ledger = OwnLedger();
+    const Unfinished unfinished(ledger, line, *storage, dir);
+    unfinished.RecordRemoval();
+    const auto takes = [&](const std::string& name) {
+        return GetPrefix(name) == line.prefix && unfinished.Has(name);
+    };
+    DeleteOnStorageIf(*storage, takes, kWhy);
+    for (const LedgerEntry& entry : unfinished.entries()) {
+        RemoveKnownSlices(*storage, entry);
+        RemoveInfoFile(storage, dir, entry);
+    }
+    DeleteLocallyIf(dir, takes, kWhy);
+    std::vector<std::string> names;
+    for (const LedgerEntry& entry : unfinished.entries()) names.push_back(entry.name);
+    return names;
+}
+
+// The prefixes of the archives that the custom backup may have been made of.
+void AddCustomPrefixes(std::set<std::string>& prefixes, const std::string& dir,
+                       const std::string& user) {
+    prefixes.insert(GetPrefix("custom." + user + ".info"));
+    const std::string info_path = quarn2::GetInfoFile(dir, user, kCustom);
+    if (kro_file::Exists(info_path)) {
+        const std::string last = kro_file::Name(LastSliceOf(quarn2::GetInfo(info_path)));
+        if (!last.empty()) prefixes.insert(PrefixOf(quarn2::StripSliceNumber(last)));
+    }
+    for (const LedgerEntry& entry : OwnLedger().Entries()) {
+        const bool is_of_user = LedgerKey(entry.name) == std::string(kCustom) + "." + user;
+        if (is_of_user && !entry.info.empty()) prefixes.insert(PrefixOf(entry.name));
+    }
+}
+
+}  // namespace
+
+void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date) {
+    if (!kro_file::Exists(ListPath(dir))) return;
+    try {
+        std::optional<std::string> lines = ReadList(ListPath(dir));
+        if (!lines) return;
+        std::set<std::string> prefixes = {date + "." + user};
+        if (date == kCustom) AddCustomPrefixes(prefixes, dir, user);
+        const std::string identity = StorageIdentity(TokenByEnv());
+        const std::string all = *lines;
+        std::string kept;
+        while (!lines->empty()) {
+            const Line line = ParseLine(str::GetWord(*lines, "\n"));
+            const bool is_of_backup = std::any_of(
+                prefixes.begin(), prefixes.end(),
+                [&line](const std::string& known) { return IsPrefixOf(line.prefix, known); });
+            const bool is_complete =
+                line.token && is_of_backup && StorageIdentity(line.token) == identity;
+            if (!is_complete && !line.text.empty()) kept += line.text + "\n";
+        }
+        if (kept != all) WriteList(dir, kept);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Cant take '%s.%s' out of the list of incomplete backups. What: %s",
+                date.c_str(), user.c_str(), error.what());
+    }
+}
+
+void CleanUp(const std::string& dir) {
+    KRO_LOG(kLog, 8, "%s", "void CleanUp(const string&)");
+    std::string failed;
+    std::vector<std::string> ended;
+    std::optional<std::string> lines = ReadList(ListPath(dir));
+    if (!lines) return;
+    while (!lines->empty()) {
+        const std::string text = str::GetWord(*lines, "\n");
+        if (text.empty()) continue;
+        try {
+            for (std::string& name : RemoveIncomplete(dir, ParseLine(text))) {
+                ended.push_back(std::move(name));
+            }
+        } catch (const std::exception& error) {
+            KRO_LOG(kLog, 4,
+                    "Failed to remove incomplete backup files. You can get failed list in %s file",
+                    ListPath(dir).c_str());
+            KRO_LOG(kLog, 6, "%s", error.what());
+            failed += text + "\n";
+        }
+    }
+    WriteList(dir, failed);
+    // A line that is left needs the entries to tell the backups of one prefix apart.
+    if (!failed.empty()) return;
+    for (const std::string& name : ended) OwnLedger().End(name);
+}

@@ -1,0 +1,111 @@
+// Work that an earlier process of the server or a command has left: begun deletions, and slices of
+// backups that will not be completed.
+
+#include <algorithm>
+#include <exception>
+#include <string>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_server_model.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+
+using StorageDesc = GlobalSizeControl::StorageDesc;
+
+// False when it was not finished, and not by another process either.
+bool Finish(GlobalSizeControl& control, const StorageDesc& desc, const std::string& info_path) {
+    KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
+    try {
+        control.CheckStorage();
+        Delete(desc.storage, info_path, false);
+        return true;
+    } catch (const std::exception& error) {
+        if (!kro_file::Exists(info_path)) return true;
+        KRO_LOG(kLog, 4, "Cant finish the deletion of '%s'. What: %s", info_path.c_str(),
+                error.what());
+        return false;
+    }
+}
+
+bool TakeBack(GlobalSizeControl& control, const StorageDesc& desc, const std::string& info_path) {
+    try {
+        control.CheckStorage();
+        return TakeBackDeletion(*desc.storage, info_path);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+        return false;
+    }
+}
+
+bool TakeBackAny(GlobalSizeControl& control) {
+    bool any = false;
+    for (auto& [key, desc] : control.storages) {
+        for (const auto& [info_path, size] : desc.half_deleted) {
+            any = TakeBack(control, desc, info_path) || any;
+        }
+    }
+    return any;
+}
+
+bool IsOfStorage(const std::exception& error) {
+    const auto* const known = dynamic_cast<const kro_err::Error*>(&error);
+    return known != nullptr && known->kind() != kro_err::Kind::kFailed;
+}
+
+}  // namespace
+
+void GlobalSizeControl::FinishDeletions() {
+    if (TakeBackAny(*this)) Scan(date);
+    for (auto& [key, desc] : storages) {
+        std::erase_if(desc.half_deleted, [&, &storage = desc](const auto& begun) {
+            if (Finish(*this, storage, begun.first)) return true;
+            storage.ChargeForGood(std::max<std::int64_t>(begun.second, 0));
+            return false;
+        });
+    }
+}
+
+// An error of the storage passes out, because the next victim would meet it too. An info file that
+// cannot be deleted for a reason of its own keeps nobody from anything.
+void GlobalSizeControl::FinishBegunFirst() {
+    for (auto& [key, desc] : storages) {
+        std::erase_if(desc.half_deleted, [&storage = desc](const auto& begun) {
+            KRO_LOG(kLog, 5, "Finish the deletion of '%s'", begun.first.c_str());
+            try {
+                if (kro_file::Exists(begun.first)) Delete(storage.storage, begun.first, false);
+            } catch (const std::exception& error) {
+                if (IsOfStorage(error)) throw;
+                KRO_LOG(kLog, 4, "Cant finish the deletion of '%s'. What: %s", begun.first.c_str(),
+                        error.what());
+                return false;
+            }
+            storage.ChargeForGood(-std::max<std::int64_t>(begun.second, 0));
+            return true;
+        });
+    }
+}
+
+void GlobalSizeControl::ReclaimUnfinished(const StorageDesc& storage, std::int64_t size,
+                                          bool is_remote) {
+    const auto has_room = [&] {
+        return storage.NeededFor(size, is_remote) <= LessSize(storage.free_size, storage.reserved);
+    };
+    try {
+        if (storage.unfinished == 0 || has_room()) return;
+        CheckStorage();
+        for (const LedgerEntry& entry : unfinished.Reclaimable(date)) {
+            unfinished.Remove(entry, *storage.storage);
+            RefreshUnfinished();
+            if (has_room()) return;
+        }
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 4, "Cant remove slices of backups that are not complete. What: %s",
+                error.what());
+    }
+}

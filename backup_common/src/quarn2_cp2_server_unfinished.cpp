@@ -1,0 +1,177 @@
+#include "quarn2_cp2_server_unfinished.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "kro/kro_file.h"
+#include "kro/kro_log.h"
+#include "kro/str.h"
+#include "quarn2/info.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_misc_sizes.h"
+#include "quarn2_cp2_misc_slices.h"
+
+namespace {
+
+constexpr kro_log::Module kLog("main");
+constexpr const char* kFetched = "tmp/quarn2_cp.fetched";
+
+// The info file as its put gives it to the storage.
+quarn2::InfoMap WithoutNode(const std::string& path) {
+    quarn2::InfoMap info = quarn2::GetInfo(path);
+    info.erase("node");
+    return info;
+}
+
+// A storage may have the info file of an earlier backup with the same name.
+bool IsInfoStored(quarn2::Storage& storage, const std::string& info_path) {
+    try {
+        const std::string fetched = kFetched;
+        storage.Download(quarn2::GetStoredName(info_path), fetched);
+        const bool is_same = WithoutNode(fetched) == WithoutNode(info_path);
+        kro_file::RemoveFile(fetched);
+        return is_same;
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+        return false;
+    }
+}
+
+// A storage that cannot be asked may have it.
+bool MayHaveInfo(quarn2::Storage& storage, const std::string& info_path) {
+    try {
+        return IsOnStorage(storage, quarn2::GetStoredName(info_path));
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+        return true;
+    }
+}
+
+bool IsComplete(quarn2::Storage& storage, const LedgerEntry& entry) {
+    const bool are_stored =
+        std::all_of(entry.slices.begin(), entry.slices.end(),
+                    [](const auto& slice) { return slice.second.state == SliceState::kStored; });
+    return are_stored && !entry.info.empty() && kro_file::Exists(entry.info) &&
+           IsInfoStored(storage, entry.info);
+}
+
+void LogUnfinished(const LedgerEntry& entry) {
+    KRO_LOG(kLog, 4,
+            "Backup '%s' is not complete. Begun: %s, bytes on the storage: %lld. Repeat its job, "
+            "or delete it",
+            entry.name.c_str(), entry.started.c_str(), static_cast<long long>(entry.Bytes()));
+}
+
+}  // namespace
+
+UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage)
+    : ledger_(std::move(ledger)), identity_(std::move(identity)), has_ledger_(true) {
+    for (const LedgerEntry& entry : ledger_.Entries()) {
+        if (!entry.IsOf(identity_) || !entry.IsOpen()) continue;
+        if (IsComplete(storage, entry)) {
+            const auto named = NamedSlices(quarn2::GetInfo(entry.info));
+            ledger_.Update(entry.name, [&named](LedgerEntry& ended) { ended.Complete(named); });
+            continue;
+        }
+        LogUnfinished(entry);
+        open_.emplace(entry.name, entry);
+    }
+}
+
+// Without a last slice the backup's own name must do.
+std::string UnfinishedBackups::EntryOf(const std::string& info_path,
+                                       std::string_view last_slice) const {
+    std::string rest(last_slice);
+    std::string archive = quarn2::StripSliceNumber(kro_file::Name(str::GetWord(rest)));
+    if (open_.contains(archive)) return archive;
+    std::string key = LedgerKey(info_path);
+    if (open_.contains(key)) return key;
+    if (!archive.empty()) return {};
+    const auto found = std::find_if(open_.begin(), open_.end(), [&key](const auto& entry) {
+        return LedgerKey(entry.first) == key;
+    });
+    return found == open_.end() ? "" : found->first;
+}
+
+bool UnfinishedBackups::Contains(const std::string& info_path, std::string_view last_slice) const {
+    return !open_.empty() && !EntryOf(info_path, last_slice).empty();
+}
+
+void UnfinishedBackups::NoteSize(const std::string& info_path, std::string_view last_slice,
+                                 std::int64_t size, quarn2::Storage& storage) {
+    const std::string name = EntryOf(info_path, last_slice);
+    if (!name.empty()) noted_[name] = {MayHaveInfo(storage, info_path), size};
+}
+
+bool UnfinishedBackups::WasComplete(const LedgerEntry& entry) const {
+    const auto noted = noted_.find(entry.name);
+    return noted != noted_.end() && noted->second.was_complete;
+}
+
+// A job may make a backup of an earlier date than the server's.
+bool UnfinishedBackups::IsForsaken(const LedgerEntry& entry, const std::string& date) const {
+    const auto at_start = open_.find(entry.name);
+    return at_start != open_.end() && at_start->second == entry && IsArchive(entry.name) &&
+           entry.name.substr(1, date.size()) < date;
+}
+
+std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date) const {
+    std::vector<LedgerEntry> found;
+    if (!has_ledger_) return found;
+    for (LedgerEntry& entry : ledger_.Entries()) {
+        if (!entry.IsOf(identity_) || entry.Bytes() == 0) continue;
+        const bool is_left_over = !entry.completed.empty();
+        if (!is_left_over && (!IsForsaken(entry, date) || WasComplete(entry))) continue;
+        if (!ledger_.IsUploading(entry.name)) found.push_back(std::move(entry));
+    }
+    std::sort(found.begin(), found.end(),
+              [](const LedgerEntry& a, const LedgerEntry& b) { return a.started < b.started; });
+    return found;
+}
+
+void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
+    KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
+            entry.name.c_str(), static_cast<long long>(entry.Bytes()));
+    ledger_.Update(entry.name, [](LedgerEntry& changed) {
+        for (auto& [name, slice] : changed.slices) slice.state = SliceState::kRemoved;
+    });
+    for (const auto& [name, slice] : entry.slices) {
+        if (LedgerKey(name) == LedgerKey(entry.name)) storage.RemoveFile(name);
+    }
+    for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
+    // A local info file may say that the backup is finished.
+    if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
+    ledger_.Update(entry.name, [](LedgerEntry& changed) {
+        for (auto& [name, slice] : changed.slices) slice.bytes = 0;
+    });
+}
+
+std::set<std::string> UnfinishedBackups::OpenKeys() const {
+    std::set<std::string> keys;
+    if (!has_ledger_) return keys;
+    for (const LedgerEntry& entry : ledger_.Entries()) {
+        if (entry.IsOf(identity_) && entry.IsOpen()) keys.insert(LedgerKey(entry.name));
+    }
+    return keys;
+}
+
+// The bound is safe: the old slices that were replaced are counted twice.
+std::int64_t UnfinishedBackups::BytesOf(const LedgerEntry& entry) const {
+    const auto noted = noted_.find(entry.name);
+    if (noted == noted_.end() || !entry.IsOpen()) return entry.Bytes();
+    if (noted->second.was_complete) return SumOfSizes(entry.Bytes(), noted->second.size);
+    // Its slices were removed to make room.
+    if (entry.Bytes() == 0) return 0;
+    return std::max(entry.Bytes(), noted->second.size);
+}
+
+std::int64_t UnfinishedBackups::Bytes() const {
+    std::int64_t sum = 0;
+    if (!has_ledger_) return sum;
+    for (const LedgerEntry& entry : ledger_.Entries()) {
+        if (!entry.IsOf(identity_)) continue;
+        sum = SumOfSizes(sum, BytesOf(entry));
+    }
+    return sum;
+}
