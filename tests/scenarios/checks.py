@@ -1,0 +1,202 @@
+"""The record of what commands acknowledged, and the promises that are checked against it."""
+
+import os
+import re
+
+from backups import content_of, week_of
+from world import Violation
+
+COUNTED = re.compile(r"Add \S+ backup (\S+)\.info\. new used|Custom backup (\S+)\.info size")
+# A stored slice was removed again in the same step.
+REMOVED = re.compile(r"Remove the slices of|Delete file|Delete '|Clear all storage|Evict backup|"
+                     r"Finish the deletion")
+GRANTED = re.compile(r"SaveResult result = 'OK \d")
+
+
+class Judge:
+    def __init__(self, world):
+        self.world = world
+        self.latest = {}  # (user, date) -> the latest run of the job
+        self.acked = {}  # (user, date) -> the run whose last file was acknowledged
+        self.runs = []
+        self.complete = {}  # key -> run of the backups that were complete after the previous step
+        self.session = set()  # keys of those that were completed while this server runs
+        self.used = 0  # after the previous step
+        self.pending = 0  # bytes that were asked for since the last completion
+        self.log = ""
+        self.has_log = True
+        self.has_ledger = True  # until an entry could not be written
+
+    def add(self, run):
+        self.latest[run.key] = run
+        self.runs.append(run)
+
+    def release(self, key):
+        """The user has removed it, or a rule: nothing more is promised."""
+        self.acked.pop(key, None)
+
+    def base_for(self, user, date):
+        """The full backup on which a daily of this date is made: the newest of its week."""
+        fulls = {key: run for key, run in self.find_complete().items()
+                 if key[0] == user and week_of(date) <= key[1] <= date and run.kind == "full"}
+        newest = max(fulls, default=None)
+        # A full backup that is repeated stays one: as a daily it would rest on one that may go.
+        return fulls[newest] if newest in self.acked and newest[1] < date else None
+
+    def whole_run(self, key):
+        """The run whose files are all on the storage; None when there is none."""
+        storage = self.world.main_storage
+        return next((run for run in reversed(self.runs)
+                     if run.key == key and run.is_whole(storage)), None)
+
+    def find_complete(self):
+        """The backups whose files are all on the storage: {key: run}."""
+        found = {key: self.whole_run(key) for key in self.latest}
+        return {key: run for key, run in found.items() if run}
+
+    def last_errors(self):
+        return " | ".join(line[24:] for line in self.log.splitlines()
+                          if re.search(r" main [34]: ", line))[-1500:]
+
+    # --- After each step ---
+
+    def check(self, step, out):
+        self.log = self.world.new_log()
+        # A log that cannot be written says nothing.
+        # Without a size limit a storage that refuses data is asked again after each eviction.
+        self.has_refused = self.world.disks["storage"].is_full or out.struck
+        self.has_log = not self.world.disks["var"].is_full
+        if not self.has_log or "Cant write 'var/quarn2_cp.ledger" in self.log:
+            self.has_ledger = False
+        complete = self.find_complete()
+        self.pending += out.asked_bytes
+        if out.completed:
+            self.take_completed(out.completed, complete)
+        self.session |= {key for key in complete if self.complete.get(key) is not complete[key]}
+        self.check_acked(step, out, complete)
+        self.check_sources()
+        self.used_before, self.used = self.used, self.world.used()
+        self.check_space(out)
+        if out.started and self.has_log:
+            self.check_counted(complete)
+        if out.completed or step["do"] == "serve":
+            self.pending = 0
+        if step["do"] in ("serve", "release"):
+            self.session = set()
+        self.complete = complete
+
+    def take_completed(self, run, complete):
+        missing = run.missing(self.world.main_storage)
+        if missing:
+            raise Violation("bad-complete", f"{run} was acknowledged without {missing}")
+        abandoned = [path for path in run.sources if os.path.exists(path + ".attempts")]
+        if abandoned:
+            raise Violation("bad-complete", f"{run} was acknowledged, and {abandoned} is there")
+        self.acked[run.key] = run
+
+    def check_acked(self, step, out, complete):
+        removed = []
+        for key, run in list(self.acked.items()):
+            missing = run.missing(self.world.main_storage)
+            if missing and self.is_replaced(run, missing):
+                self.release(key)
+                continue
+            if missing or self.is_forgotten(run):
+                removed.append((key, run, missing))
+        for key, run, missing in removed:
+            if not self.is_justified(key, run, out, complete):
+                raise Violation("lost", f"{run} was acknowledged, and {missing or 'its info file'} "
+                                f"is gone after {step}; {self.last_errors()}")
+            self.release(key)
+        self.check_refused(step, out, removed)
+
+    def is_replaced(self, run, missing):
+        """A later run of the job has put its own files in the place of these."""
+        later = self.latest[run.key]
+        if later is run or not later.begun:
+            return False
+        storage = self.world.main_storage
+        there = {name for name in missing if os.path.exists(os.path.join(storage, name))}
+        return bool(there) and all(name in there for name in missing)
+
+    def is_forgotten(self, run):
+        """The info root has no finished info file of it."""
+        info_root = self.world.root.info_root
+        if any(os.path.exists(os.path.join(info_root, name)) for name in (".rescan", ".clear")):
+            return False
+        return "finished" not in (run.local_info() or ())
+
+    def is_justified(self, key, run, out, complete):
+        """A rule of some server that took part allows the removal, and there was a reason."""
+        user, date = key
+        if date == "custom":
+            return False
+        mine = [other for other in {**self.complete, **complete}
+                if other[0] == user and other[1] != "custom"]
+        kinds = {other: self.kind_of(other) for other in mine}
+        for size, fulls, dailies, today in out.limits:
+            known = {other for other in mine if other[1] <= today or other in self.session}
+            if not any(date < other[1] for other in known if other in complete):
+                continue
+            if any(complete[other].base is run for other in mine if other in complete):
+                continue
+            same = sum(kinds[other] == run.kind for other in {*known, key})
+            limit = (fulls or 1 << 31) if run.kind == "full" else dailies
+            wanted = self.used + self.pending
+            if same > limit or (wanted > size if size else self.has_refused):
+                return True
+        return False
+
+    def kind_of(self, key):
+        return next(run.kind for run in reversed(self.runs) if run.key == key)
+
+    def check_refused(self, step, out, removed):
+        """A request that was refused has removed nothing."""
+        away = os.path.isdir(self.world.away)
+        if not removed or not out.failed or out.struck or away or not self.has_log \
+                or GRANTED.search(self.log):
+            return
+        raise Violation("refused-removes", f"{[str(run) for _, run, _ in removed]} went, and "
+                        f"nothing was granted: {out.results}")
+
+    def check_sources(self):
+        """A slice leaves the job when it is stored, or when its upload was abandoned."""
+        for run in self.latest.values():
+            for path, name in list(run.sources.items()):
+                if os.path.exists(path):
+                    continue
+                stored = {content_of(os.path.join(storage, name))
+                          for storage in (self.world.storage, self.world.main_storage)}
+                if run.contents[name] not in stored and not os.path.exists(path + ".attempts") \
+                        and self.has_log and not REMOVED.search(self.log):
+                    raise Violation("source", f"{path} is gone and not stored; {self.last_errors()}")
+                del run.sources[path]
+
+    def check_space(self, out):
+        if not out.put or not self.has_ledger or not self.world.limits or not self.world.limits[0]:
+            return
+        if self.used > self.world.limits[0]:
+            raise Violation("space", f"{self.used} bytes are used, the limit is "
+                            f"{self.world.limits[0]}")
+
+    def check_counted(self, complete):
+        """A server that has started counts complete backups, and every acknowledged one."""
+        counted = {one or other for one, other in COUNTED.findall(self.log)}
+        for key in self.latest:
+            name = f"{key[1]}.{key[0]}"
+            run = self.latest[key]
+            if name in counted and key not in complete and "finished" in (run.local_info() or ()):
+                raise Violation("bad-counted", f"{name} is counted and not complete: "
+                                f"{run.missing(self.world.main_storage)}")
+            is_contested = key in self.acked and self.acked[key] is not run
+            if key in self.acked and name not in counted and not is_contested \
+                    and (key[1] == "custom" or key[1] <= self.world.limits[3]):
+                raise Violation("not-counted", f"{name} was acknowledged, and the server does not "
+                                f"count it: {self.last_errors()}")
+
+    def check_outside(self):
+        base = self.world.root.base
+        expected = {"root", "disk", "work", "other", "outside"}
+        if set(os.listdir(base)) != expected or os.listdir(os.path.join(base, "disk")) != ["storage"] \
+                or os.listdir(self.world.other) or os.listdir(os.path.join(base, "outside")) != ["file"]:
+            raise Violation("outside", f"files were changed in {base}")

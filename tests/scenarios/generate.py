@@ -1,0 +1,160 @@
+"""Random weeks. The same seed gives the same steps."""
+
+import datetime
+import errno
+import random
+
+from backups import USERS
+
+SUNDAY = datetime.date(2026, 11, 15)
+# What there was before, a letter for each day: full, incremental, or nothing.
+PASTS = ["", "F", "FI", "FII", "FIII", "FFI", "FIFI", "FF", "F-F", "F-I", "FFF", "I", "II"]
+STRIKES = [("client", 5), ("command", 3), ("daemon", 3), ("caller", 1)]
+ACTIONS = ["kill_before", "kill_after", "torn", "fail", "fail"]
+ERRORS = [errno.ENOSPC, errno.ENOSPC, errno.EIO, errno.EDQUOT, errno.EACCES]
+
+
+class Week:
+    def __init__(self, seed):
+        self.choice = random.Random(f"week {seed}")
+        self.users = self.choice.sample(USERS, self.choice.randint(1, len(USERS)))
+        self.today = SUNDAY + datetime.timedelta(self.choice.randint(2, 4))
+        self.made = []  # (user, date) of jobs
+        self.size = self.pick_size()
+        self.count = self.pick_count()
+        self.steps = []
+
+    def pick_size(self):
+        return self.choice.choice([0, 0, 2500, 4000, 6000, 8000])
+
+    def pick_count(self):
+        return self.choice.choice(["1000:1000", "2:2", "1:1", "1:0", "2:3", "0:0"])
+
+    def generate(self):
+        for user in self.users:
+            self.past(user)
+        length = len(self.steps) + self.choice.randint(7, 13)
+        self.add("serve", **self.server())
+        while len(self.steps) < length:
+            self.choice.choices([self.job, self.again, self.go, self.note, self.delete, self.serve, self.kill,
+                                 self.outage, self.full, self.mistake, self.clear, self.rescan],
+                                [12, 3, 4, 3, 3, 5, 2, 2, 1, 1, 0.3, 0.7])[0]()
+        return self.steps
+
+    def past(self, user):
+        letters = self.choice.choice(PASTS)
+        for number, letter in enumerate(letters, -len(letters)):
+            date = (self.today + datetime.timedelta(number)).isoformat()
+            if letter != "-":
+                self.add("past", user=user, date=date,
+                         kind="full" if letter == "F" else "incremental", sizes=self.sizes())
+                self.made.append((user, date))
+
+    def sizes(self):
+        return [self.choice.choice([40, 200, 700]) for _ in range(self.choice.randint(1, 3))]
+
+    def add(self, do, **fields):
+        self.steps.append({"do": do, **fields})
+
+    def strike(self, chance, roles=None):
+        if self.choice.random() >= chance:
+            return {}
+        names, weights = zip(*[one for one in STRIKES if roles is None or one[0] in roles])
+        action = self.choice.choice(ACTIONS)
+        strike = {"role": self.choice.choices(names, weights)[0], "action": action,
+                  "number": int(2 ** self.choice.uniform(0, 7))}
+        if action == "fail":
+            strike["error"] = self.choice.choice(ERRORS)
+            strike["lasting"] = self.choice.random() < 0.6
+        return {"strike": strike}
+
+    def server(self, **more):
+        return {"date": self.today.isoformat(), "size": self.size, "count": self.count, **more}
+
+    def serve(self):
+        self.today += datetime.timedelta(self.choice.choice([0, 1, 1, 1, 2, -1]))
+        if self.choice.random() < 0.3:
+            self.size = self.pick_size()
+        if self.choice.random() < 0.3:
+            self.count = self.pick_count()
+        self.add("serve", **self.server(**self.strike(0.2, ("caller", "daemon"))))
+        if "strike" in self.steps[-1]:
+            self.add("serve", **self.server())
+
+    def job(self):
+        if self.made and self.choice.random() < 0.3:
+            self.job_of(*self.choice.choice(self.made))
+        else:
+            self.job_of(self.choice.choice(self.users), self.today.isoformat())
+
+    def again(self):
+        if self.made:
+            self.job_of(*self.made[-1])
+
+    def job_of(self, user, date):
+        kind = self.choice.choices(["full", "incremental", "custom"], [4, 6, 1])[0]
+        if date == "custom":
+            date, kind = self.today.isoformat(), "custom"
+        fields = {"user": user, "date": date, "kind": kind,
+                  "sizes": self.sizes()}
+        if self.choice.random() < 0.25:
+            fields["stop"] = self.choice.randint(1, 3)
+        if self.choice.random() < 0.3:
+            fields["keep"] = True
+        self.add("job", **fields, **self.strike(0.3))
+        self.made.append((user, "custom" if kind == "custom" else date))
+
+    def known(self):
+        return dict(zip(("user", "date"), self.choice.choice(self.made)))
+
+    def go(self):
+        if self.made:
+            fields = {"stop": 1} if self.choice.random() < 0.3 else {}
+            self.add("go", **dict(zip(("user", "date"), self.made[-1])), **fields,
+                     **self.strike(0.15))
+
+    def note(self):
+        if self.made:
+            self.add("note", **dict(zip(("user", "date"), self.made[-1])))
+
+    def delete(self):
+        if self.made:
+            fields = {"force": True} if self.choice.random() < 0.4 else {}
+            self.add("delete", **self.known(), **fields, **self.strike(0.3, ("command",)))
+
+    def kill(self):
+        self.add("kill", who=self.choice.choice(["daemon", "client", "client", "caller"]))
+
+    def outage(self):
+        self.add("unmount", how=self.choice.choice(["missing", "empty"]))
+        for _ in range(self.choice.randint(1, 2)):
+            self.choice.choice([self.job, self.serve, self.delete])()
+        self.add("mount")
+
+    def full(self):
+        self.add("fill", what=self.choice.choice(["storage", "var", "tmp"]))
+        for _ in range(self.choice.randint(1, 2)):
+            self.choice.choice([self.job, self.job, self.serve, self.delete])()
+        self.add("room")
+
+    def mistake(self):
+        token = self.choice.choice(["other", "bad"])
+        what = self.choice.choice(["serve", "clear", "delete"])
+        if what == "serve":
+            self.add("serve", **self.server(token=token))
+            self.add("serve", **self.server())
+        elif what == "clear":
+            self.add("clear", token=token)
+        elif self.made:
+            self.add("delete", **self.known(), token="bad")
+
+    def clear(self):
+        self.add("clear", **self.strike(0.5, ("command",)))
+
+    def rescan(self):
+        self.add("serve", **self.server(rescan=True, **self.strike(0.5, ("caller",))))
+        self.add("serve", **self.server())
+
+
+def generate(seed):
+    return Week(seed).generate()

@@ -1,0 +1,129 @@
+"""Faults planted behind the program's back, each of which the checks must find."""
+
+import os
+import subprocess
+
+from harness import write
+from shrink import shrink
+from world import World
+
+SERVE = {"do": "serve", "date": "2026-11-16", "size": 0, "count": "1000:1000"}
+
+
+def job(user, date, kind="full", slices=2, **more):
+    return {"do": "job", "user": user, "date": date, "kind": kind, "sizes": [200] * slices, **more}
+
+
+WEEK = [SERVE, job("u1", "2026-11-16"), job("u3", "2026-11-16"), job("u2", "2026-11-16", stop=1),
+        {"do": "go", "user": "u2", "date": "2026-11-16"}, {**SERVE, "date": "2026-11-17"},
+        job("u1", "2026-11-17", "incremental"), {"do": "release"}]
+
+
+class Dropped(World):
+    """A put that reports success and has stored nothing."""
+
+    def run(self, *arguments, **options):
+        result = super().run(*arguments, **options)
+        if "--operation" in arguments and result[0] == 0:
+            self.settle()
+            os.unlink(os.path.join(self.storage, os.path.basename(arguments[-1])))
+        return result
+
+
+class Deleted(World):
+    """A stored file that is gone a while after its backup was complete."""
+
+    victim = "F2026-11-16.u1.2.dar"
+
+    def release_server(self):
+        errors = super().release_server()
+        path = os.path.join(self.storage, self.victim)
+        if os.path.exists(path):
+            os.unlink(path)
+        return errors
+
+
+class Altered(Deleted):
+    """A stored file that has another content than was put."""
+
+    def release_server(self):
+        errors = World.release_server(self)
+        path = os.path.join(self.storage, self.victim)
+        if os.path.exists(path):
+            write(path, "x" * os.path.getsize(path))
+        return errors
+
+
+class TooMuch(World):
+    """A server that deletes the newest backup of a user."""
+
+    def start_server(self, step):
+        ready = super().start_server(step)
+        info = os.path.join(self.root.info_root, "2026-11-16.u2.info")
+        if os.path.exists(info):
+            self.root.run("--delete", info)
+        return ready
+
+
+class LostSource(World):
+    """A put that fails, and has removed its file."""
+
+    def run(self, *arguments, **options):
+        if arguments[-1].endswith("F2026-11-16.u2.tgz.part2"):
+            os.unlink(arguments[-1])
+            return 1, "planted"
+        return super().run(*arguments, **options)
+
+
+class Orphans(World):
+    """Files that the account does not know, although the program made them."""
+
+    def run(self, *arguments, **options):
+        write(os.path.join(self.storage, "F2026-11-01.u9.1.dar"), "x" * 3000)
+        return super().run(*arguments, **options)
+
+
+class Refused(World):
+    """A repeated job never succeeds."""
+
+    def run(self, *arguments, **options):
+        if "2026-11-16.u2" in arguments[-1]:
+            return 1, "planted"
+        return super().run(*arguments, **options)
+
+
+class Outside(World):
+    """A file appears where the program has nothing to do."""
+
+    def start_server(self, step):
+        subprocess.run(["touch", os.path.join(self.other, "made")], check=True)
+        return super().start_server(step)
+
+
+# world, promise that it breaks, a change of the week's server options
+PLANTED = [(Dropped, "bad-complete", {}), (Deleted, "lost", {}), (Altered, "lost", {}),
+           (TooMuch, "lost", {}), (LostSource, "source", {}), (Orphans, "space", {"size": 3500}),
+           (Refused, "blocked", {}), (Outside, "outside", {})]
+
+
+def self_check(play):
+    """Texts about planted faults that were not found. `play(steps, world)` as in run.py."""
+    problems = []
+    for world, kind, changes in PLANTED:
+        steps = [{**step, **changes} if step["do"] == "serve" else step for step in WEEK]
+        broken = play(steps, world)
+        if broken is None or broken[0] != kind:
+            problems.append(f"{world.__doc__} Expected: {kind}, found: {broken}")
+    broken = play(WEEK, World)
+    if broken is not None:
+        problems.append(f"without a fault: {broken}")
+
+    def fails(steps):
+        found = play(steps, Deleted, finish=False)
+        return found is not None and found[0] == "lost"
+
+    shortest = shrink(WEEK, fails)
+    if [step["do"] for step in shortest] != ["serve", "job", "release"] \
+            and [step["do"] for step in shortest] != ["serve", "job", "serve"]:
+        problems.append(f"a deleted file is lost in three steps, and the shortest list is {shortest}")
+    return problems

@@ -1,0 +1,131 @@
+"""Plays random weeks of backup jobs, crashes and mistakes, and checks that no backup is lost.
+
+    run.py --seeds 200 --first 1 --jobs 2   plays the weeks 1 to 200, two at a time
+    run.py --replay FILE                    plays the steps in FILE, one a line
+    run.py --show SEED                      prints the steps of a week
+    run.py --self-check --seeds 0           checks that planted faults are found
+
+A week that breaks a promise is shrunk, and its steps are printed and kept in a file that --replay plays.
+"""
+
+import argparse
+import ast
+import multiprocessing
+import os
+import re
+import sys
+import tempfile
+import time
+import traceback
+
+from world import Violation, World, prepare  # first: it makes the harness of the system tests known
+import harness
+from actions import Player
+from generate import generate
+from planted import self_check
+from shrink import shrink
+
+
+def play(steps, world=World, finish=True):
+    """None, or (kind, text, number of the step)."""
+    player = Player(world)
+    try:
+        player.play(steps, finish=finish)
+        return None
+    except Violation as broken:
+        return broken.kind, str(broken), player.number
+    finally:
+        player.close()
+
+
+def play_seed(arguments):
+    """(seed, seconds, report or None)"""
+    seed, shrinks = arguments
+    begin = time.monotonic()
+    steps = generate(seed)
+    try:
+        broken = play(steps)
+        report = broken and describe(seed, steps, broken, shrinks)
+    except Exception:  # an error of the simulator itself must not end the other weeks
+        report = f"seed {seed}: the simulator failed\n{traceback.format_exc()}"
+    return seed, time.monotonic() - begin, report
+
+
+def subject_of(text):
+    """The backup that a report is about, so that no other loss is taken for the same one."""
+    found = re.search(r"\b(\d{4}-\d\d-\d\d|custom)\.u\d", text)
+    return found and found[0]
+
+
+def describe(seed, steps, broken, shrinks):
+    kind, text, number = broken
+    finish = number > len(steps)
+    steps = steps[:number]
+
+    def fails(candidate):
+        result = play(candidate, finish=finish)
+        return result is not None and result[0] == kind and subject_of(result[1]) == subject_of(text)
+
+    if shrinks and fails(steps):
+        steps = shrink(steps, fails)
+        text = (play(steps, finish=finish) or broken)[1]
+    path = os.path.join(tempfile.gettempdir(), f"scenario-{seed}.steps")
+    harness.write(path, "".join(f"{step}\n" for step in steps))
+    listed = "".join(f"    {step}\n" for step in steps)
+    return f"seed {seed} breaks a promise: {text}\n{listed}    replay: run.py --replay {path}\n"
+
+
+def parse(text):
+    return [ast.literal_eval(line) for line in text.splitlines() if line.strip()]
+
+
+def check_self():
+    with multiprocessing.Pool(1, prepare) as pool:
+        return pool.apply(self_check, (play,))
+
+
+def play_many(options):
+    begin = time.monotonic()
+    seeds = range(options.first, options.first + options.seeds)
+    failed = 0
+    with multiprocessing.Pool(options.jobs, prepare) as pool:
+        work = [(seed, not options.no_shrink) for seed in seeds]
+        for seed, seconds, report in pool.imap_unordered(play_seed, work):
+            if report:
+                failed += 1
+                print(f"{report}    ({seconds:.1f} s)", flush=True)
+    print(f"{options.seeds} weeks from {options.first}, {failed} of them broke a promise,"
+          f" {time.monotonic() - begin:.0f} s")
+    return 1 if failed else 0
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawTextHelpFormatter)
+    parser.add_argument("--seeds", type=int, default=100)
+    parser.add_argument("--first", type=int, default=1)
+    parser.add_argument("--jobs", type=int, default=2)
+    parser.add_argument("--no-shrink", action="store_true")
+    parser.add_argument("--self-check", action="store_true")
+    parser.add_argument("--replay", metavar="FILE")
+    parser.add_argument("--show", type=int, metavar="SEED")
+    options = parser.parse_args()
+    if options.show is not None:
+        print("".join(f"{step}\n" for step in generate(options.show)), end="")
+        return 0
+    if options.self_check:
+        problems = check_self()
+        print("".join(problem + "\n" for problem in problems) or "all planted faults were found")
+        if problems:
+            return 1
+    if options.replay:
+        prepare()
+        with open(options.replay, encoding="utf-8") as file:
+            broken = play(parse(file.read()))
+        print(broken[1] if broken else "no promise was broken")
+        return 1 if broken else 0
+    return play_many(options)
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,58 @@
+"""The shortest list of steps that still breaks the same promise."""
+
+
+def shrink(steps, fails, budget=150):
+    """`fails(steps)` is true when the list breaks the promise. Tries at most `budget` lists."""
+    tries = [budget]
+
+    def still(candidate):
+        tries[0] -= 1
+        return tries[0] >= 0 and fails(candidate)
+
+    steps = without_steps(steps, still)
+    steps = simpler_steps(steps, still)
+    return without_steps(steps, still)
+
+
+def without_steps(steps, still):
+    size = max(1, len(steps) // 2)
+    while True:
+        begin = 0
+        shorter = False
+        while begin < len(steps):
+            candidate = steps[:begin] + steps[begin + size:]
+            if candidate and still(candidate):
+                steps, shorter = candidate, True
+            else:
+                begin += size
+        if size == 1 and not shorter:
+            return steps
+        size = max(1, size // 2)
+
+
+def simpler(step):
+    """Simpler forms of a step."""
+    for name in ("strike", "stop", "keep", "force", "token", "rescan"):
+        if name in step:
+            yield {key: value for key, value in step.items() if key != name}
+    if len(step.get("sizes", ())) > 1:
+        yield {**step, "sizes": step["sizes"][:1]}
+        yield {**step, "sizes": step["sizes"][:-1]}
+    if any(size != 40 for size in step.get("sizes", ())):
+        yield {**step, "sizes": [40] * len(step["sizes"])}
+    if step.get("size"):
+        yield {**step, "size": 0}
+    if step.get("count", "1000:1000") != "1000:1000":
+        yield {**step, "count": "1000:1000"}
+
+
+def simpler_steps(steps, still):
+    number = 0
+    while number < len(steps):
+        for candidate in simpler(steps[number]):
+            if still(steps[:number] + [candidate] + steps[number + 1:]):
+                steps = steps[:number] + [candidate] + steps[number + 1:]
+                break
+        else:
+            number += 1
+    return steps

@@ -1,0 +1,313 @@
+"""The installed program with its storage, and what can happen to them. Nothing is judged here."""
+
+import os
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system"))
+
+import harness  # noqa: E402
+from disks import Disk, prepare as prepare_disks  # noqa: E402
+from faults import Faults, Strike  # noqa: E402
+
+# A command that takes longer is blocked: the longest pause of the program is cut short here.
+BLOCKED = 30
+
+
+def prepare():
+    """What a process needs before its first world."""
+    harness.adopt_orphans()
+    prepare_disks()
+
+
+class Violation(Exception):
+    """A broken promise. `kind` says which one."""
+
+    def __init__(self, kind, text):
+        super().__init__(f"{kind}: {text}")
+        self.kind = kind
+
+
+class Folder:
+    """What harness.Root expects of a test."""
+
+    def __init__(self):
+        base = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
+        self.folder = tempfile.mkdtemp(prefix="scenario-", dir=base)
+
+    def addCleanup(self, *_):  # the name is the test framework's
+        pass
+
+    def remove(self):
+        shutil.rmtree(self.folder)
+
+
+class World:
+    """One machine, its storage and its server."""
+
+    def __init__(self):
+        self.place = Folder()
+        self.root = harness.Root(self.place)
+        self.root.log_level = 8
+        self.faults = Faults(os.path.join(self.place.folder, "faults"))
+        self.make_disks()
+        self.away = self.storage + ".away"
+        self.other = os.path.join(self.root.base, "other")
+        os.makedirs(self.other)
+        harness.write(os.path.join(self.root.base, "outside/file"), "not the program's")
+        self.server = None  # the process that holds the server
+        self.daemon = None
+        self.limits = None  # of the running server: (size, fulls, dailies, date)
+        self.log_at = 0
+        self.settle_all()
+
+    def make_disks(self):
+        base = self.root.base
+        os.rmdir(self.root.storage)
+        self.disks = {"storage": Disk(os.path.join(base, "disk"), 4),
+                      "var": Disk(self.root.file("var"), 16), "tmp": Disk(self.root.file("tmp"), 1)}
+        self.storage = self.root.storage = os.path.join(base, "disk/storage")
+        self.root.token = "local://" + self.storage
+        for folder in (self.storage, self.root.info_root):
+            os.makedirs(folder, exist_ok=True)
+        for name, mode in (("var", 0o750), ("tmp", 0o700)):
+            os.chmod(self.root.file(name), mode)
+
+    def close(self):
+        try:
+            self.end_server(force=True)
+        finally:
+            self.faults.close()
+            if os.environ.get("QUARN2_SCENARIO_KEEP"):
+                kept = shutil.copytree(self.root.base, self.place.folder + ".kept", symlinks=True,
+                                       ignore=shutil.ignore_patterns("*.sock", "filler"))
+                print(f"kept: {kept}")
+            for disk in self.disks.values():
+                disk.close()
+            self.place.remove()
+
+    # --- Commands ---
+
+    def environment(self, token=None):
+        changes = dict(self.faults.environment())
+        if token == "other":
+            changes["BACKUP_TOKEN"] = "local://" + self.other
+        elif token == "bad":
+            changes["BACKUP_TOKEN"] = "locl:/" + self.storage
+        return changes
+
+    def run(self, *arguments, token=None):
+        """The result of a command; one that blocks is a violation."""
+        process = self.root.spawn(*arguments, env=self.environment(token), stdin=subprocess.DEVNULL,
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        try:
+            _, errors = process.communicate(timeout=BLOCKED)
+        except subprocess.TimeoutExpired:
+            process.kill()
+            process.communicate()
+            raise Violation("blocked", f"{arguments} does not end") from None
+        return process.returncode, errors.decode(errors="replace").strip()
+
+    def arm(self, strike):
+        if strike:
+            self.faults.write(
+                Strike(strike["action"], strike["number"], strike.get("error", 0),
+                       lasting=strike.get("lasting", False)), (strike["role"],))
+
+    def disarm(self):
+        """True when the strike has hit."""
+        struck = self.faults.struck > 0
+        self.faults.write(Strike(), ())
+        return struck
+
+    # --- The server ---
+
+    def start_server(self, step):
+        """True when the server is ready."""
+        arguments = ["--date", step["date"], "--size-limit", str(step["size"]),
+                     "--count-limit", step["count"]]
+        if step.get("rescan"):
+            arguments.append("--rescan")
+        self.server = self.root.spawn("--server", *arguments, env=self.environment(step.get("token")),
+                                      stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                      stderr=subprocess.PIPE)
+        ready, _, _ = select.select([self.server.stdout], [], [], BLOCKED)
+        if not ready:
+            raise Violation("blocked", f"--server {arguments} is neither ready nor ended")
+        try:
+            self.server.wait(0.01)
+        except subprocess.TimeoutExpired:
+            self.daemon = self.daemon_pid()
+            full, _, daily = step["count"].partition(":")
+            self.limits = (step["size"], int(full), int(daily or 0), step["date"])
+            if self.daemon is not None:
+                return True
+        self.release_server()
+        return False
+
+    def daemon_pid(self):
+        path = self.root.file("var/quarn2_cp.pid")
+        try:
+            return harness.write_lock_holder(path) or None
+        except FileNotFoundError:
+            return None
+
+    def release_server(self):
+        """Lets the server go and waits until no process is left; standard error of its caller."""
+        errors = b""
+        if self.server is not None:
+            try:
+                _, errors = self.server.communicate(timeout=BLOCKED)
+            except subprocess.TimeoutExpired:
+                raise Violation("blocked", "--server does not end after its release") from None
+        self.server = None
+        self.daemon = None
+        self.limits = None
+        self.settle_all()
+        return errors.decode(errors="replace")
+
+    def end_server(self, force=False):
+        if force:
+            for pid in harness.children():
+                self.signal(pid)
+            self.disarm()
+        self.release_server()
+
+    def serves(self):
+        return self.daemon is not None and not harness.gone(self.daemon)
+
+    def client(self):
+        return (harness.children(self.daemon) or [None])[0] if self.serves() else None
+
+    @staticmethod
+    def signal(pid):
+        try:
+            os.kill(pid, signal.SIGKILL)
+        except ProcessLookupError:
+            pass
+
+    def kill(self, who):
+        if who == "daemon":
+            pid = self.daemon if self.serves() else None
+        elif who == "caller":
+            pid = self.server.pid if self.server and self.server.poll() is None else None
+        else:
+            pid = self.client()
+        if pid:
+            self.signal(pid)
+            harness.wait_for(lambda: harness.stat_of(pid) is None or harness.stat_of(pid)[0] in "ZX",
+                             "the end of a killed process", BLOCKED)
+            if who != "client":
+                harness.gone(pid)
+        self.settle()
+
+    # --- Waiting ---
+
+    def wait_client(self):
+        """Waits until the node client of a server that lives takes commands."""
+        end = time.monotonic() + BLOCKED
+        while self.serves() and not self.can_connect():
+            if time.monotonic() > end:
+                raise Violation("blocked", "no node client takes commands")
+            time.sleep(0.002)
+
+    def can_connect(self):
+        with socket.socket(socket.AF_UNIX) as peer:
+            try:
+                peer.connect(self.root.file("tmp/quarn2_cp.sock"))
+                return True
+            except OSError:
+                return False
+
+    def ask_client(self):
+        """An empty command is answered when the one before it has ended, whose process may be gone."""
+        end = time.monotonic() + 1
+        while time.monotonic() < end and self.serves():
+            with socket.socket(socket.AF_UNIX) as peer:
+                peer.settimeout(BLOCKED)
+                try:
+                    peer.connect(self.root.file("tmp/quarn2_cp.sock"))
+                    peer.shutdown(socket.SHUT_WR)
+                    if peer.recv(16):
+                        return
+                except socket.timeout:
+                    raise Violation("blocked", "the node client does not answer") from None
+                except OSError:
+                    pass
+            time.sleep(0.005)
+
+    def settle(self):
+        """Waits until no command and no upload runs. After the death of the server, until its client is gone."""
+        if self.server and self.server.poll() is not None:
+            self.release_server()  # nothing holds the server, so it ends
+        if not self.serves():
+            self.daemon = None
+            self.limits = None
+            self.settle_all([self.server.pid] if self.server else [])
+            return
+        self.ask_client()
+        end = time.monotonic() + BLOCKED
+        lock = self.root.file("var/quarn2_cp.ledger/.lock")
+        while os.path.exists(lock) and harness.write_lock_holder(lock):
+            if time.monotonic() > end:
+                raise Violation("blocked", "an upload does not end")
+            time.sleep(0.002)
+
+    @staticmethod
+    def settle_all(but=()):
+        """Waits until all processes of the program are gone."""
+        end = time.monotonic() + BLOCKED
+        while True:
+            left = [pid for pid in harness.children() if pid not in but]
+            if not left:
+                return
+            if time.monotonic() > end:
+                raise Violation("blocked", f"processes stay: {list(map(harness.command_line, left))}")
+            time.sleep(0.002)
+
+    # --- The storage ---
+
+    @property
+    def main_storage(self):
+        """Where the storage's files are, mounted or not."""
+        return self.away if os.path.isdir(self.away) else self.storage
+
+    def unmount(self, how):
+        if os.path.isdir(self.away):
+            return
+        os.rename(self.storage, self.away)
+        if how == "empty":
+            os.makedirs(self.storage)
+
+    def mount(self):
+        if os.path.isdir(self.away):
+            shutil.rmtree(self.storage, ignore_errors=True)
+            os.rename(self.away, self.storage)
+
+    def used(self):
+        """Bytes of the files on the storage without the temporary ones."""
+        total = 0
+        for directory, _, names in os.walk(self.main_storage):
+            for name in names:
+                if not (name.startswith(".") and name.endswith(".part~")):
+                    total += os.lstat(os.path.join(directory, name)).st_size
+        return total
+
+    # --- The log ---
+
+    def new_log(self):
+        """The log's text since the last call."""
+        try:
+            with open(self.root.file("var/quarn2_cp.log"), "rb") as log:
+                log.seek(self.log_at)
+                data = log.read()
+        except FileNotFoundError:
+            return ""
+        self.log_at += len(data)
+        return data.decode(errors="replace")
