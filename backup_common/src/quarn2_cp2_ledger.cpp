@@ -104,6 +104,10 @@ std::int64_t LedgerEntry::Bytes() const {
     return sum;
 }
 
+void LedgerEntry::RecordRemoval() {
+    for (auto& [stored_name, slice] : slices) slice.state = SliceState::kRemoved;
+}
+
 void LedgerEntry::Complete(const std::vector<std::string>& named) {
     for (const std::string& slice : named) slices.erase(slice);
     std::erase_if(slices, [](const auto& slice) { return !IsArchive(slice.first); });
@@ -287,7 +291,7 @@ std::string Ledger::EntryNameOf(const std::string& stored_name) const {
 std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
                                            const quarn2::InfoMap& info) const {
     const std::string key = LedgerKey(info_path);
-    const std::string archive = quarn2::StripSliceNumber(kro_file::Name(LastSliceOf(info)));
+    const std::string archive = ArchiveOf(info);
     std::vector<std::string> found;
     for (const std::string& name : Names()) {
         if (LedgerKey(name) != key) continue;

@@ -59,6 +59,8 @@ struct LedgerEntry {
     bool IsOf(const std::string& identity) const { return storage.empty() || storage == identity; }
     // The bytes of all files that the entry knows.
     std::int64_t Bytes() const;
+    // Every file that the entry knows is removed, or will be.
+    void RecordRemoval();
     // The backup is complete, with these slices. What is left are archive files on the storage that
     // its info file does not name, because an earlier run of the job made more of them.
     void Complete(const std::vector<std::string>& named);

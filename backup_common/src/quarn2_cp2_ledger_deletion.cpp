@@ -26,9 +26,8 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
     if (entries_.empty()) return;
     named_ = NamedOrNone(info);
     for (const std::string& name : entries_) {
-        const bool written = ledger_.Update(name, [](LedgerEntry& entry) {
-            for (auto& [slice_name, slice] : entry.slices) slice.state = SliceState::kRemoved;
-        });
+        const bool written =
+            ledger_.Update(name, [](LedgerEntry& entry) { entry.RecordRemoval(); });
         // A slice that the ledger does not know is looked for on the storage.
         if (!written) ledger_.End(name);
     }

@@ -80,7 +80,7 @@ std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::s
         const std::string info_path = quarn2::GetInfoFile(dir, quarn2::GetUserName(backup), date);
         if (!kro_file::Exists(info_path)) continue;
         const quarn2::InfoMap info = quarn2::GetInfo(info_path);
-        std::string archive = quarn2::StripSliceNumber(kro_file::Name(LastSliceOf(info)));
+        std::string archive = ArchiveOf(info);
         if (PrefixOf(archive) == backup && IsOnStorageAsAWhole(storage, info_path, info)) {
             archives.push_back(std::move(archive));
         }
@@ -124,9 +124,7 @@ class Unfinished {
     // A job that runs meanwhile must notice.
     void RecordRemoval() const {
         for (const LedgerEntry& entry : entries_) {
-            ledger_.Update(entry.name, [](LedgerEntry& changed) {
-                for (auto& [name, slice] : changed.slices) slice.state = SliceState::kRemoved;
-            });
+            ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
         }
     }
 
@@ -151,8 +149,7 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
     const std::string info_path =
         quarn2::GetInfoFile(dir, quarn2::GetUserName(entry.name), quarn2::GetDate(entry.name));
     if (!kro_file::Exists(info_path)) return;
-    const std::string last = kro_file::Name(LastSliceOf(quarn2::GetInfo(info_path)));
-    if (quarn2::StripSliceNumber(last) == entry.name) Delete(storage, info_path, false);
+    if (ArchiveOf(quarn2::GetInfo(info_path)) == entry.name) Delete(storage, info_path, false);
 }
 
 // Returns the names of the ledger's entries that must end once the line is gone: without them the
@@ -184,8 +181,8 @@ void AddCustomPrefixes(std::set<std::string>& prefixes, const std::string& dir,
     prefixes.insert(GetPrefix("custom." + user + ".info"));
     const std::string info_path = quarn2::GetInfoFile(dir, user, kCustom);
     if (kro_file::Exists(info_path)) {
-        const std::string last = kro_file::Name(LastSliceOf(quarn2::GetInfo(info_path)));
-        if (!last.empty()) prefixes.insert(PrefixOf(quarn2::StripSliceNumber(last)));
+        const std::string archive = ArchiveOf(quarn2::GetInfo(info_path));
+        if (!archive.empty()) prefixes.insert(PrefixOf(archive));
     }
     for (const LedgerEntry& entry : OwnLedger().Entries()) {
         const bool is_of_user = LedgerKey(entry.name) == std::string(kCustom) + "." + user;

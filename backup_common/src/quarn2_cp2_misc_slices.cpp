@@ -63,6 +63,10 @@ std::string LastSliceOf(const quarn2::InfoMap& info) {
     return str::GetWord(value);
 }
 
+std::string ArchiveOf(const quarn2::InfoMap& info) {
+    return quarn2::StripSliceNumber(kro_file::Name(LastSliceOf(info)));
+}
+
 std::vector<std::string> NamedSlices(const quarn2::InfoMap& info) {
     std::vector<std::string> names;
     const auto last = info.find("last-slice");

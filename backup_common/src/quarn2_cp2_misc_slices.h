@@ -17,6 +17,10 @@ std::vector<std::string> NamedSlices(const quarn2::InfoMap& info);
 // The first word of "last-slice"; empty without one.
 std::string LastSliceOf(const quarn2::InfoMap& info);
 
+// The name of the archive that "last-slice" names, without directory and slice number; empty
+// without one.
+std::string ArchiveOf(const quarn2::InfoMap& info);
+
 // True for the name of an archive file: a type letter, a date, a dot. `path` may have directories.
 bool IsArchive(const std::string& path);
 

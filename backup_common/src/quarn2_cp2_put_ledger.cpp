@@ -209,7 +209,7 @@ void PutLedger::WaitForOthers(const std::vector<std::string>& entries) const {
 // an earlier job's, of another type.
 std::vector<LedgerEntry> PutLedger::OwnEntries(const std::string& info_path,
                                                const quarn2::InfoMap& info) const {
-    const std::string archive = quarn2::StripSliceNumber(kro_file::Name(LastSliceOf(info)));
+    const std::string archive = ArchiveOf(info);
     std::vector<LedgerEntry> own;
     LedgerEntry latest;
     for (const std::string& name : ledger_.EntriesOf(info_path, info)) {

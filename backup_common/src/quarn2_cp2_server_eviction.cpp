@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <set>
 #include <stdexcept>
+#include <string>
+#include <utility>
 
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
@@ -169,11 +171,13 @@ bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) 
 
 // Where backups are counted, each one that is gone costs one that is there.
 bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
+    std::set<std::pair<std::string, std::string>> users;
+    for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
     bool any = false;
-    for (const Victim& victim : victims) {
-        const Backups backups = control.storages.at(victim.storage).users.at(victim.user).backups;
+    for (const auto& [storage, user] : users) {
+        const Backups backups = control.storages.at(storage).users.at(user).backups;
         for (const auto& [date, backup] : backups) {
-            any = ForgetIfGone(control, {victim.storage, victim.user, date, backup.size}) || any;
+            any = ForgetIfGone(control, {storage, user, date, backup.size}) || any;
         }
     }
     return any;

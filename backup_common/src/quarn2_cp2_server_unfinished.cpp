@@ -133,9 +133,7 @@ std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date)
 void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
     KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
             entry.name.c_str(), static_cast<long long>(entry.Bytes()));
-    ledger_.Update(entry.name, [](LedgerEntry& changed) {
-        for (auto& [name, slice] : changed.slices) slice.state = SliceState::kRemoved;
-    });
+    ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
     for (const auto& [name, slice] : entry.slices) {
         if (LedgerKey(name) == LedgerKey(entry.name)) storage.RemoveFile(name);
     }
