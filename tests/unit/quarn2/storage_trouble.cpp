@@ -40,7 +40,7 @@ TEST_P(StorageTrouble, DownloadStalled) { TestDownload(Harm::kStall, {Way::kDown
 TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
     const std::string content = local_files::Noise(kLarge);
     ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile("old")));
-    const auto storage = OpenThroughRelay();
+    const auto storage = OpenThroughRelay(kPatience);
     relay_.HarmOnce(Harm::kReset, {Way::kUp, kLarge / 2});
     bool stored = false;
     const auto kind = KindOf([&] { stored = storage->Upload("file", LocalFile(content)); });
@@ -56,7 +56,7 @@ TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
 TEST_P(StorageTrouble, DownloadOverABreakIsWholeOrFails) {
     const std::string content = local_files::Noise(kLarge);
     ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile(content)));
-    const auto storage = OpenThroughRelay();
+    const auto storage = OpenThroughRelay(kPatience);
     relay_.HarmOnce(Harm::kClose, {Way::kDown, kLarge / 2});
     const auto kind = KindOf([&] { storage->Download("file", local_ / "target"); });
     ASSERT_TRUE(relay_.Harmed());
@@ -141,7 +141,7 @@ TEST_P(StorageTrouble, AClosedIdleConnectionIsNotNoticed) {
 
 TEST_P(StorageTrouble, NothingListening) {
     relay_.Refuse();
-    const auto storage = OpenThroughRelay();
+    const auto storage = OpenThroughRelay(kTimeout);
     ExpectUnavailable([&] { List(*storage); });
     ExpectUnavailable([&] { storage->Upload("file", LocalFile("x")); });
     ExpectUnavailable([&] { Download(*storage, "file"); });
@@ -152,13 +152,13 @@ TEST_P(StorageTrouble, NothingListening) {
 
 TEST_P(StorageTrouble, AServerThatNeverAnswers) {
     relay_.HarmForGood(Harm::kStall, {Way::kDown, 0});
-    ExpectUnavailable([&] { List(*OpenThroughRelay()); });
-    ExpectUnavailable([&] { OpenThroughRelay()->Upload("file", LocalFile("x")); });
+    ExpectUnavailable([&] { List(*OpenThroughRelay(kTimeout)); });
+    ExpectUnavailable([&] { OpenThroughRelay(kTimeout)->Upload("file", LocalFile("x")); });
 }
 
 // A server that falls silent between two operations, of an object that has talked to it.
 TEST_P(StorageTrouble, AServerThatAnswersNoMore) {
-    const auto storage = OpenThroughRelay();
+    const auto storage = OpenThroughRelay(kTimeout);
     ASSERT_TRUE(storage->Upload("file", LocalFile("x")));
     relay_.HarmForGood(Harm::kStall, {Way::kDown, 0});
     ExpectUnavailable([&] { List(*storage); });
