@@ -76,7 +76,7 @@ void CheckEntryName(const std::string& name) {
 
 void LogFailure(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 4,
-            "Cant write '%s', so an interruption of this backup would not be noticed. What: %s",
+            "Cant write '%s', so an interruption of this backup may not be noticed. What: %s",
             path.c_str(), error.what());
 }
 
@@ -92,7 +92,7 @@ std::int64_t UploadByte(const std::string& name) { return ChangeByte(name) + 1; 
 
 bool LedgerEntry::IsOpen() const {
     if (!completed.empty()) return false;
-    if (!info.empty() || is_damaged) return true;
+    if (!info.empty() || is_unknown) return true;
     return std::any_of(slices.begin(), slices.end(), [](const auto& slice) {
         return slice.second.state != SliceState::kRefused;
     });
@@ -146,6 +146,7 @@ std::string LedgerEntry::Format() const {
 LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text) {
     LedgerEntry entry;
     entry.name = name;
+    entry.is_unknown = text.empty();
     try {
         std::map<std::string, std::string> lines = str::Split(text, "\n");
         entry.storage = lines["storage"];
@@ -162,7 +163,7 @@ LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text)
         KRO_LOG(kLog, 4, "Ledger entry '%s' cannot be used. What: %s", name.c_str(), error.what());
         entry = LedgerEntry();
         entry.name = name;
-        entry.is_damaged = true;
+        entry.is_unknown = true;
     }
     return entry;
 }
@@ -211,7 +212,12 @@ std::vector<LedgerEntry> Ledger::Entries() const {
 }
 
 LedgerEntry Ledger::Read(const std::string& name) const {
-    return LedgerEntry::Parse(name, kro_file::ReadE(kro_file::ConcatPath(directory_, name)));
+    const std::string path = kro_file::ConcatPath(directory_, name);
+    const std::string text = kro_file::ReadE(path);
+    if (!text.empty() || kro_file::Exists(path)) return LedgerEntry::Parse(name, text);
+    LedgerEntry nothing;
+    nothing.name = name;
+    return nothing;
 }
 
 std::string Ledger::LockPath() const { return kro_file::ConcatPath(directory_, kLockFile); }
@@ -259,6 +265,21 @@ bool Ledger::Update(const std::string& name, const Change& change) const {
         return true;
     } catch (const kro_err::Error& error) {
         LogFailure(kro_file::ConcatPath(directory_, name), error);
+        return false;
+    }
+}
+
+bool Ledger::MakeUnknown(const std::string& name) const {
+    const std::string path = kro_file::ConcatPath(directory_, name);
+    try {
+        CheckEntryName(name);
+        if (!HasDirectory()) kro_file::MkDirSynced(directory_, kDirectoryMode);
+        const kro_file::ByteLock lock(LockPath(), ChangeByte(name));
+        if (kro_file::Exists(path)) return false;
+        kro_file::Write(path, "", kEntryMode);
+        return true;
+    } catch (const kro_err::Error& error) {
+        LogFailure(path, error);
         return false;
     }
 }

@@ -11,6 +11,7 @@
 //   earlier_bytes  the size of the complete backup that the job makes again
 //   completed    when the backup was completed; then only slices that it does not name are left
 //   slice-N      "STATE BYTES NAME [KEY_HASH]": one stored file; BYTES count as used
+// An empty file is an entry whose text found no room on the disk.
 #pragma once
 
 #include <cstdint>
@@ -50,7 +51,7 @@ struct LedgerEntry {
     std::string completed;
     std::int64_t earlier_bytes = 0;             // of the complete backup that the job makes again
     std::map<std::string, LedgerSlice> slices;  // by stored name
-    bool is_damaged = false;                    // the text could not be parsed
+    bool is_unknown = false;                    // the text cannot be parsed, or found no room
 
     // True while the backup must not count as complete. A backup that was complete before is so
     // until its first slice is replaced: refused uploads alone change nothing on the storage.
@@ -87,6 +88,11 @@ class Ledger {
     // and info file is removed. Returns false, after a line in the log, when that failed.
     using Change = std::function<void(LedgerEntry&)>;
     bool Update(const std::string& name, const Change& change) const;
+
+    // Makes an empty entry, for which a full disk has room, unless there is one of this name: the
+    // backup is in progress, and which slices the storage has is not known. Returns whether it has
+    // made one.
+    bool MakeUnknown(const std::string& name) const;
 
     // Removes the entry durably. A failure is only logged.
     void End(const std::string& name) const;

@@ -302,6 +302,7 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
         throw;
     }
     ledger.Finish(*storage);
+    removal.Finish();
 }
 
 namespace {

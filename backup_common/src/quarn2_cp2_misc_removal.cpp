@@ -10,6 +10,7 @@
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
+#include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_slices.h"
@@ -53,6 +54,7 @@ void Removal::Mark() {
         if (!error.IsFull()) throw;
         KRO_LOG(kLog, 4, "Cant mark '%s' as being deleted. What: %s", info_path_.c_str(),
                 error.what());
+        has_entry_ = OwnLedger().MakeUnknown(LedgerKey(info_path_)) || has_entry_;
     }
 }
 
@@ -75,12 +77,17 @@ void Removal::RemoveDir(const std::string& name) {
 }
 
 void Removal::GiveUp() const noexcept {
-    if (touched_ || old_text_.empty()) return;
+    if (touched_) return;
     try {
-        kro_file::Write(info_path_, old_text_);
+        Finish();
+        if (!old_text_.empty()) kro_file::Write(info_path_, old_text_);
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Cant restore '%s'. What: %s", info_path_.c_str(), error.what());
     }
+}
+
+void Removal::Finish() const {
+    if (has_entry_) OwnLedger().End(LedgerKey(info_path_));
 }
 
 void RemoveDirectory(const std::string& directory, const std::string& last) {

@@ -13,17 +13,20 @@
 class Removal {
   public:
     // Rewrites the info file: "deletion", the time, instead of "finished", whose value is kept as
-    // "deletion-finished". Where there is no room
-    // for that it is done once the first file has gone: a removal is what makes room.
+    // "deletion-finished". Where there is no room for that, an empty entry of the ledger says that
+    // the backup is not complete, and it is done once the first file has gone: a removal is what
+    // makes room.
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
 
     void RemoveFile(const std::string& name);
     void RemoveDir(const std::string& name);
 
-    // Gives the info file its old text back if this removal has marked it and nothing has been
-    // removed yet.
+    // Takes the marks of this removal back if nothing has been removed yet.
     void GiveUp() const noexcept;
+
+    // Nothing is left of the backup.
+    void Finish() const;
 
     const std::shared_ptr<quarn2::Storage>& storage() const noexcept { return storage_; }
 
@@ -36,6 +39,7 @@ class Removal {
     bool marked_;
     std::string old_text_;  // empty when the file was not rewritten
     bool touched_ = false;
+    bool has_entry_ = false;  // this removal has made one in the ledger
 };
 
 // Removes a directory with all below it; the file `last` in it goes after everything else.

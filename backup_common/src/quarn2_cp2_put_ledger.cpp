@@ -104,8 +104,7 @@ SliceRecord::~SliceRecord() {
 void SliceRecord::Hold() {
     uploads_ = ledger_->ledger_.LockUploads(entry_);
     slice_.state = SliceState::kUploading;
-    ledger_->Set(entry_, name_, slice_);
-    ledger_->BeginUpload(entry_, name_);
+    ledger_->BeginUpload(entry_, name_, slice_);
 }
 
 void SliceRecord::Stored() {
@@ -145,9 +144,11 @@ void PutLedger::BelongHere(LedgerEntry& entry) const {
     entry.storage = identity_;
 }
 
-void PutLedger::Set(const std::string& entry, const std::string& name, const LedgerSlice& slice) {
+bool PutLedger::Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
+                    const Ledger::Change& before) {
     const bool written = ledger_.Update(entry, [&](LedgerEntry& changed) {
         BelongHere(changed);
+        if (before) before(changed);
         changed.slices[name] = slice;
     });
     const std::lock_guard<std::mutex> guard(mutex_);
@@ -156,24 +157,27 @@ void PutLedger::Set(const std::string& entry, const std::string& name, const Led
     } else {
         unwritten_[name] = slice.state;
     }
+    return written;
 }
 
 // From now on the storage may have another content.
-void PutLedger::BeginUpload(const std::string& entry, const std::string& name) {
-    ledger_.Update(entry, [&name](LedgerEntry& changed) {
-        const bool is_first =
-            std::all_of(changed.slices.begin(), changed.slices.end(), [&name](const auto& slice) {
-                return slice.first == name || slice.second.state == SliceState::kRefused;
-            });
+void PutLedger::BeginUpload(const std::string& entry, const std::string& name,
+                            const LedgerSlice& slice) {
+    const auto is_other = [&name](const auto& each) {
+        return each.first != name && each.second.state != SliceState::kRefused;
+    };
+    const bool written = Set(entry, name, slice, [&](LedgerEntry& changed) {
+        const bool is_first = std::none_of(changed.slices.begin(), changed.slices.end(), is_other);
         if (is_first) RecordEarlierRun(changed, name);
     });
+    if (!written) ledger_.MakeUnknown(entry);
 }
 
 std::unique_ptr<SliceRecord> PutLedger::Begin(const std::string& name, std::int64_t bytes,
                                               const std::string& key_hash) {
     const std::string entry_name = ledger_.EntryNameOf(name);
-    auto record = std::make_unique<SliceRecord>(
-        this, entry_name, name, LedgerSlice{SliceState::kUploading, bytes, key_hash});
+    const LedgerSlice slice{SliceState::kUploading, bytes, key_hash};
+    auto record = std::make_unique<SliceRecord>(this, entry_name, name, slice);
     bool same_key = true;
     const bool written = ledger_.Update(entry_name, [&](LedgerEntry& entry) {
         BelongHere(entry);
@@ -182,11 +186,11 @@ std::unique_ptr<SliceRecord> PutLedger::Begin(const std::string& name, std::int6
         entry.completed.clear();
         if (IsFirstSlice(name)) BeginAgain(entry);
         entry.key_hash = key_hash;
-        entry.slices[name] = {SliceState::kUploading, bytes, key_hash};
+        entry.slices[name] = slice;
     });
     if (!written) {
         const std::lock_guard<std::mutex> guard(mutex_);
-        unwritten_[name] = SliceState::kUploading;
+        unwritten_[name] = slice.state;
     }
     if (same_key) return record;
     record->Refused();

@@ -70,9 +70,11 @@ class PutLedger {
   private:
     friend class SliceRecord;
 
-    // Changes one slice's record; a failure to write is remembered while this process lives.
-    void Set(const std::string& entry, const std::string& name, const LedgerSlice& slice);
-    void BeginUpload(const std::string& entry, const std::string& name);
+    // Changes one slice's record, after `before` has changed its entry. Returns false when it
+    // cannot be written; then it is remembered while this process lives.
+    bool Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
+             const Ledger::Change& before = {});
+    void BeginUpload(const std::string& entry, const std::string& name, const LedgerSlice& slice);
     void WaitForOthers(const std::vector<std::string>& entries) const;
     std::vector<LedgerEntry> OwnEntries(const std::string& info_path,
                                         const quarn2::InfoMap& info) const;

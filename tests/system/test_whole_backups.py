@@ -308,8 +308,7 @@ class Removals(WholeTest):
 class FullDisks(WholeTest):
     def test_puts_and_deletions_work_when_the_disks_of_the_program_are_full(self):
         tmpfs(self, self.r.file("tmp"), "200k")
-        tmpfs(self, self.r.file("var"), "400k")
-        os.makedirs(self.r.info_root)
+        self.small_var()
         server = self.serve("-C", "9:9")
         first = self.night(date=NIGHTS[0]).run()
         info = os.path.join(self.r.info_root, f"{first.stem}.info")
@@ -325,6 +324,51 @@ class FullDisks(WholeTest):
         self.assert_success(job.last())
         self.assertTrue(job.is_stored())
         self.assertEqual(0, server.end())
+
+    def small_var(self):
+        tmpfs(self, self.r.file("var"), "400k")
+        os.makedirs(self.r.info_root)
+
+    def assert_does_not_count(self, backup, older):
+        """A server that allows one full backup takes none away in favour of the incomplete one."""
+        self.assertEqual(0, self.serve("-C", "1:9").end())
+        self.assertIn(f"Backup '{backup}' is not complete", "".join(self.r.log_texts(4)))
+        self.assertTrue(older.is_whole())
+
+    def test_a_repeated_job_that_is_interrupted_while_the_disk_is_full_does_not_count(self):
+        self.small_var()
+        server = self.serve("-C", "9:9")
+        older = Backup(self.r, "web1", day(-1))
+        Backup(self.r, "web1", DATE)
+        path = fill(self.r.file("var"))
+        self.assert_success(self.night().begin().slice(1))
+        self.die(server)
+        os.unlink(path)
+        self.assert_does_not_count(f"F{DATE}.web1", older)
+        server = self.serve("-C", "1:9")
+        self.assertTrue(self.night().run().is_stored())
+        self.assertEqual(0, server.end())
+        self.assertEqual([], self.r.unfinished())
+
+    def test_a_deletion_that_fails_while_the_disk_is_full_leaves_nothing_that_counts(self):
+        self.small_var()
+        server = self.serve("-C", "9:9")
+        older = Backup(self.r, "web1", day(-1))
+        backup = Backup(self.r, "web1", DATE)
+        kept = os.path.join(self.r.storage, f"F{DATE}.web1.1.dar")
+        os.unlink(kept)
+        write(os.path.join(kept, "a directory in its place"), b"")
+        path = fill(self.r.file("var"))
+        self.assertEqual(1, self.r.run("--delete", backup.info_path).returncode)
+        self.assertNotIn(f"F{DATE}.web1.2.dar", self.r.stored())
+        self.die(server)
+        os.unlink(path)
+        self.assert_does_not_count(f"{DATE}.web1", older)
+        shutil.rmtree(kept)
+        server = self.serve("-C", "1:9")
+        self.assert_success(self.r.run("--delete", backup.info_path))
+        self.assertEqual(0, server.end())
+        self.assertEqual((older.stored_names(), []), (sorted(self.r.stored()), self.r.unfinished()))
 
 
 class Orphans(WholeTest):

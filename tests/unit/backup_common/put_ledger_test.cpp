@@ -369,9 +369,27 @@ TEST_F(LedgerOfPuts, WithoutALedgerThePutGoesOnAndSaysSo) {
     EXPECT_EQ(Put(node, kSecond), "(no exception)");
     EXPECT_EQ(PutLast(node), kDone);
     EXPECT_NE(Log(4).front().find("4: Cant write 'var/quarn2_cp.ledger/F2026-11-15.web1', so an "
-                                  "interruption of this backup would not be noticed. What: "),
+                                  "interruption of this backup may not be noticed. What: "),
               std::string::npos)
         << Log(4).front();
+}
+
+TEST_F(LedgerOfPuts, AnEmptyEntryIsOpenAndEndsWithTheBackup) {
+    EXPECT_TRUE(Ledger().MakeUnknown(kEntry));
+    EXPECT_FALSE(Ledger().MakeUnknown(kEntry)) << "there is one";
+    EXPECT_TRUE(Ledger().Read(kEntry).IsOpen());
+    EXPECT_FALSE(Ledger().Read("F2026-11-16.web1").IsOpen()) << "there is none";
+    store_->SetFile(kFirstName, "first");
+    store_->SetFile(kSecondName, "second!");
+    NodeSide node(lock_, server_.link());
+    EXPECT_EQ(PutLast(node), kDone);
+    EXPECT_EQ(Below("var/quarn2_cp.ledger"), (Lines{".lock"}));
+}
+
+TEST_F(LedgerOfPuts, AnEmptyEntryTakesThePlaceOfNoOther) {
+    Die(kFirstName);
+    EXPECT_FALSE(Ledger().MakeUnknown(kEntry));
+    EXPECT_EQ(StateOf(kFirstName), SliceState::kUploading);
 }
 
 TEST_F(LedgerOfPuts, WithoutALedgerTheClientStillKnowsOfItsFailures) {
