@@ -4,6 +4,7 @@
     run.py --replay FILE                    plays the steps in FILE, one a line
     run.py --show SEED                      prints the steps of a week
     run.py --self-check --seeds 0           checks that planted faults are found
+    run.py --real-time --seeds 3            with the program's own pauses, and without strikes
 
 A week that breaks a promise is shrunk, and its steps are printed and kept in a file that --replay plays.
 """
@@ -18,7 +19,7 @@ import tempfile
 import time
 import traceback
 
-from world import Violation, World, prepare  # first: it makes the harness of the system tests known
+from world import RealTime, Violation, World, prepare  # first: it makes the harness of the system tests known
 import harness
 from actions import Player
 from generate import generate
@@ -40,12 +41,12 @@ def play(steps, world=World, finish=True):
 
 def play_seed(arguments):
     """(seed, seconds, report or None)"""
-    seed, shrinks = arguments
+    seed, world, shrinks = arguments
     begin = time.monotonic()
     steps = generate(seed)
     try:
-        broken = play(steps)
-        report = broken and describe(seed, steps, broken, shrinks)
+        broken = play(steps, world)
+        report = broken and describe(seed, steps, broken, world, shrinks)
     except Exception:  # an error of the simulator itself must not end the other weeks
         report = f"seed {seed}: the simulator failed\n{traceback.format_exc()}"
     return seed, time.monotonic() - begin, report
@@ -57,18 +58,18 @@ def subject_of(text):
     return found and found[0]
 
 
-def describe(seed, steps, broken, shrinks):
+def describe(seed, steps, broken, world, shrinks):
     kind, text, number = broken
     finish = number > len(steps)
     steps = steps[:number]
 
     def fails(candidate):
-        result = play(candidate, finish=finish)
+        result = play(candidate, world, finish)
         return result is not None and result[0] == kind and subject_of(result[1]) == subject_of(text)
 
     if shrinks and fails(steps):
         steps = shrink(steps, fails)
-        text = (play(steps, finish=finish) or broken)[1]
+        text = (play(steps, world, finish) or broken)[1]
     path = os.path.join(tempfile.gettempdir(), f"scenario-{seed}.steps")
     harness.write(path, "".join(f"{step}\n" for step in steps))
     listed = "".join(f"    {step}\n" for step in steps)
@@ -89,7 +90,8 @@ def play_many(options):
     seeds = range(options.first, options.first + options.seeds)
     failed = 0
     with multiprocessing.Pool(options.jobs, prepare) as pool:
-        work = [(seed, not options.no_shrink) for seed in seeds]
+        world = RealTime if options.real_time else World
+        work = [(seed, world, not options.no_shrink) for seed in seeds]
         for seed, seconds, report in pool.imap_unordered(play_seed, work):
             if report:
                 failed += 1
@@ -106,6 +108,7 @@ def main():
     parser.add_argument("--first", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--no-shrink", action="store_true")
+    parser.add_argument("--real-time", action="store_true")
     parser.add_argument("--self-check", action="store_true")
     parser.add_argument("--replay", metavar="FILE")
     parser.add_argument("--show", type=int, metavar="SEED")
@@ -121,7 +124,7 @@ def main():
     if options.replay:
         prepare()
         with open(options.replay, encoding="utf-8") as file:
-            broken = play(parse(file.read()))
+            broken = play(parse(file.read()), RealTime if options.real_time else World)
         print(broken[1] if broken else "no promise was broken")
         return 1 if broken else 0
     return play_many(options)

@@ -16,10 +16,6 @@ import harness  # noqa: E402
 from disks import Disk, prepare as prepare_disks  # noqa: E402
 from faults import Faults, Strike  # noqa: E402
 
-# A command that takes longer is blocked: the longest pause of the program is cut short here.
-BLOCKED = 30
-
-
 def prepare():
     """What a process needs before its first world."""
     harness.adopt_orphans()
@@ -50,6 +46,9 @@ class Folder:
 
 class World:
     """One machine, its storage and its server."""
+
+    # What takes longer is blocked, in seconds: the pauses of the program are cut short.
+    patience = 30
 
     def __init__(self):
         self.place = Folder()
@@ -107,7 +106,7 @@ class World:
         process = self.root.spawn(*arguments, env=self.environment(token), stdin=subprocess.DEVNULL,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         try:
-            _, errors = process.communicate(timeout=BLOCKED)
+            _, errors = process.communicate(timeout=self.patience)
         except subprocess.TimeoutExpired:
             process.kill()
             process.communicate()
@@ -137,7 +136,7 @@ class World:
         self.server = self.root.spawn("--server", *arguments, env=self.environment(step.get("token")),
                                       stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                       stderr=subprocess.PIPE)
-        ready, _, _ = select.select([self.server.stdout], [], [], BLOCKED)
+        ready, _, _ = select.select([self.server.stdout], [], [], self.patience)
         if not ready:
             raise Violation("blocked", f"--server {arguments} is neither ready nor ended")
         try:
@@ -163,7 +162,7 @@ class World:
         errors = b""
         if self.server is not None:
             try:
-                _, errors = self.server.communicate(timeout=BLOCKED)
+                _, errors = self.server.communicate(timeout=self.patience)
             except subprocess.TimeoutExpired:
                 raise Violation("blocked", "--server does not end after its release") from None
         self.server = None
@@ -202,7 +201,7 @@ class World:
         if pid:
             self.signal(pid)
             harness.wait_for(lambda: harness.stat_of(pid) is None or harness.stat_of(pid)[0] in "ZX",
-                             "the end of a killed process", BLOCKED)
+                             "the end of a killed process", self.patience)
             if who != "client":
                 harness.gone(pid)
         self.settle()
@@ -211,7 +210,7 @@ class World:
 
     def wait_client(self):
         """Waits until the node client of a server that lives takes commands."""
-        end = time.monotonic() + BLOCKED
+        end = time.monotonic() + self.patience
         while self.serves() and not self.can_connect():
             if time.monotonic() > end:
                 raise Violation("blocked", "no node client takes commands")
@@ -230,7 +229,7 @@ class World:
         end = time.monotonic() + 1
         while time.monotonic() < end and self.serves():
             with socket.socket(socket.AF_UNIX) as peer:
-                peer.settimeout(BLOCKED)
+                peer.settimeout(self.patience)
                 try:
                     peer.connect(self.root.file("tmp/quarn2_cp.sock"))
                     peer.shutdown(socket.SHUT_WR)
@@ -252,17 +251,16 @@ class World:
             self.settle_all([self.server.pid] if self.server else [])
             return
         self.ask_client()
-        end = time.monotonic() + BLOCKED
+        end = time.monotonic() + self.patience
         lock = self.root.file("var/quarn2_cp.ledger/.lock")
         while os.path.exists(lock) and harness.write_lock_holder(lock):
             if time.monotonic() > end:
                 raise Violation("blocked", "an upload does not end")
             time.sleep(0.002)
 
-    @staticmethod
-    def settle_all(but=()):
+    def settle_all(self, but=()):
         """Waits until all processes of the program are gone."""
-        end = time.monotonic() + BLOCKED
+        end = time.monotonic() + self.patience
         while True:
             left = [pid for pid in harness.children() if pid not in but]
             if not left:
@@ -311,3 +309,16 @@ class World:
             return ""
         self.log_at += len(data)
         return data.decode(errors="replace")
+
+
+class RealTime(World):
+    """Nothing is cut short, so nothing strikes: both are the work of one library."""
+
+    patience = 300
+
+    def environment(self, token=None):
+        return {name: value for name, value in super().environment(token).items()
+                if name not in self.faults.environment()}
+
+    def arm(self, strike):
+        pass

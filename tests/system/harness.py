@@ -119,14 +119,25 @@ def wait_gone(pid, timeout=None):
 
 def children(parent=None):
     """The living children of a process."""
-    parent = os.getpid() if parent is None else parent
-    found = []
-    for name in os.listdir("/proc"):
-        if name.isdigit():
-            stat = stat_of(name)
-            if stat and stat[1] == parent and not gone(int(name)):
-                found.append(int(name))
-    return found
+    pids = own_children() if parent is None else children_by_scan(parent)
+    return [pid for pid in pids if not gone(pid)]
+
+
+def own_children():
+    """The kernel's list: of another process it can lack one while children end."""
+    try:
+        pids = []
+        for task in os.listdir("/proc/self/task"):
+            with open(f"/proc/self/task/{task}/children", encoding="ascii") as listed:
+                pids += map(int, listed.read().split())
+        return pids
+    except FileNotFoundError:  # a thread has ended, or the kernel has no such list
+        return children_by_scan(os.getpid())
+
+
+def children_by_scan(parent):
+    pids = [int(name) for name in os.listdir("/proc") if name.isdigit()]
+    return [pid for pid in pids if (stat_of(pid) or ("", None))[1] == parent]
 
 
 def listens(pid):
