@@ -131,24 +131,20 @@ class Judge:
         user, date = key
         if date == "custom":
             return False
-        mine = [other for other in {**self.complete, **complete}
-                if other[0] == user and other[1] != "custom"]
-        kinds = {other: self.kind_of(other) for other in mine}
+        mine = {other: whole for other, whole in {**self.complete, **complete}.items()
+                if other[0] == user and other[1] != "custom"}
         for size, fulls, dailies, today in out.limits:
             known = {other for other in mine if other[1] <= today or other in self.session}
             if not any(date < other[1] for other in known if other in complete):
                 continue
             if any(complete[other].base is run for other in mine if other in complete):
                 continue
-            same = sum(kinds[other] == run.kind for other in {*known, key})
+            same = sum(mine.get(other, run).kind == run.kind for other in {*known, key})
             limit = (fulls or 1 << 31) if run.kind == "full" else dailies
             wanted = self.used + self.pending
             if same > limit or (wanted > size if size else self.has_refused):
                 return True
         return False
-
-    def kind_of(self, key):
-        return next(run.kind for run in reversed(self.runs) if run.key == key)
 
     def check_refused(self, step, out, removed):
         """A request that was refused has removed nothing."""
