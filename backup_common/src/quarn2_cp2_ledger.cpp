@@ -118,6 +118,7 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
         slice.state = SliceState::kRemoved;
     }
     std::erase_if(slices, [](const auto& slice) { return slice.second.bytes == 0; });
+    is_unknown = false;
     earlier_bytes = 0;
     info.clear();
     info_bytes = 0;
@@ -134,6 +135,7 @@ std::string LedgerEntry::Format() const {
     if (!info.empty()) lines["info"] = info;
     if (info_bytes != 0) lines["info_bytes"] = str::Str(info_bytes);
     if (!completed.empty()) lines["completed"] = completed;
+    if (is_unknown) lines["unknown"] = "yes";
     if (earlier_bytes != 0) lines["earlier_bytes"] = str::Str(earlier_bytes);
     int number = 0;
     for (const auto& [stored_name, slice] : slices) {
@@ -146,7 +148,6 @@ std::string LedgerEntry::Format() const {
 LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text) {
     LedgerEntry entry;
     entry.name = name;
-    entry.is_unknown = text.empty();
     try {
         std::map<std::string, std::string> lines = str::Split(text, "\n");
         entry.storage = lines["storage"];
@@ -155,6 +156,7 @@ LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text)
         entry.info = lines["info"];
         entry.info_bytes = std::max<std::int64_t>(str::Int64(lines["info_bytes"]), 0);
         entry.completed = lines["completed"];
+        entry.is_unknown = text.empty() || lines.contains("unknown");
         entry.earlier_bytes = std::max<std::int64_t>(str::Int64(lines["earlier_bytes"]), 0);
         for (const auto& [key, value] : lines) {
             if (str::StartsWith(key, kSliceKey)) ParseSlice(entry, value);

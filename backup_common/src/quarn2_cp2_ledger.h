@@ -11,7 +11,8 @@
 //   earlier_bytes  the size of the complete backup that the job makes again
 //   completed    when the backup was completed; then only slices that it does not name are left
 //   slice-N      "STATE BYTES NAME [KEY_HASH]": one stored file; BYTES count as used
-// An empty file is an entry whose text found no room on the disk.
+//   unknown      "yes" if the storage may have other slices: the entry was an empty file before,
+//                because its text found no room on the disk, or its text could not be parsed
 #pragma once
 
 #include <cstdint>
@@ -51,7 +52,7 @@ struct LedgerEntry {
     std::string completed;
     std::int64_t earlier_bytes = 0;             // of the complete backup that the job makes again
     std::map<std::string, LedgerSlice> slices;  // by stored name
-    bool is_unknown = false;                    // the text cannot be parsed, or found no room
+    bool is_unknown = false;                    // the storage may have other slices than these
 
     // True while the backup must not count as complete. A backup that was complete before is so
     // until its first slice is replaced: refused uploads alone change nothing on the storage.

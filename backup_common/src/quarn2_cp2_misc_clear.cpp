@@ -19,15 +19,17 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kInfoRoot = kDefaultInfoRoot;
 constexpr const char* kClearMark = ".clear";
+constexpr const char* kStorageLine = "storage=";
 
 std::string ClearMark(const std::string& info_root) {
     return kro_file::ConcatPath(info_root, kClearMark);
 }
 
 // From now on no server takes the info files here for backups.
-void MarkInfoRoot() {
+void MarkInfoRoot(const std::string& identity) {
     try {
-        kro_file::Write(ClearMark(kInfoRoot), "The backups are being removed.\n");
+        kro_file::Write(ClearMark(kInfoRoot),
+                        std::string("The backups are being removed.\n") + kStorageLine + identity);
     } catch (const kro_file::CopyError& error) {
         // A full disk must not stop what makes room.
         if (!error.IsFull()) throw;
@@ -35,10 +37,23 @@ void MarkInfoRoot() {
     }
 }
 
+// The interrupted --clear may have removed the newest backups already, so the marker must say which
+// storage it was. One of an earlier version, or one that is empty, does not.
+void CheckIsMarkedStorage(const std::string& mark, const std::string& identity) {
+    std::string begun = kro_file::ReadE(mark);
+    str::GetWord(begun, kStorageLine);
+    if (begun.empty() || begun == identity) return;
+    throw std::runtime_error(
+        "the interrupted --clear was of '" + begun + "', and BACKUP_TOKEN is of '" + identity +
+        "'. Nothing was removed. Run --clear with that storage's token; if both are the same "
+        "storage, remove " +
+        mark + " first");
+}
+
 // With another storage's token, --clear would remove the info files of backups that still exist.
-void CheckIsOurStorage(quarn2::Storage& storage) {
-    // An interrupted --clear may have removed the newest backups already.
-    if (kro_file::Exists(ClearMark(kInfoRoot))) return;
+void CheckIsOurStorage(quarn2::Storage& storage, const std::string& identity) {
+    const std::string mark = ClearMark(kInfoRoot);
+    if (kro_file::Exists(mark)) return CheckIsMarkedStorage(mark, identity);
     const NewestCheck check = FindNewestOnStorage(storage, kInfoRoot);
     if (check.result != NewestOnStorage::kNoneFound) return;
     throw std::runtime_error(
@@ -59,12 +74,12 @@ void ForgetUnfinished(const std::string& identity) {
 
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     // An administrator may have put the info root elsewhere, with a link in its place.
-    if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage);
+    const std::string identity = StorageIdentity(TokenByEnv());
+    if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage, identity);
     // The marker keeps servers from starting until another --clear, so it must not be written for a
     // storage that is not there.
     ListOrNothing(storage, "");
-    if (has_info_root) MarkInfoRoot();
-    const std::string identity = StorageIdentity(TokenByEnv());
+    if (has_info_root) MarkInfoRoot(identity);
     ForgetUnfinished(identity);
     try {
         storage.Clear();

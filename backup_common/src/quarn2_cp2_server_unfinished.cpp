@@ -56,6 +56,14 @@ bool IsComplete(quarn2::Storage& storage, const LedgerEntry& entry) {
            IsInfoStored(storage, entry.info);
 }
 
+// The index and the info file have the same names in each archive of a user and day.
+bool MayHaveReplacedSharedFiles(const LedgerEntry& entry) {
+    if (entry.is_unknown || !entry.info.empty()) return true;
+    return std::any_of(entry.slices.begin(), entry.slices.end(), [](const auto& slice) {
+        return !IsArchive(slice.first) && slice.second.state != SliceState::kRefused;
+    });
+}
+
 void LogUnfinished(const LedgerEntry& entry) {
     KRO_LOG(kLog, 4,
             "Backup '%s' is not complete. Begun: %s, bytes on the storage: %lld. Repeat its job, "
@@ -79,7 +87,8 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
     }
 }
 
-// Without a last slice the backup's own name must do.
+// The entry of the backup's archive; or that of a job which makes another archive of the same day,
+// such as a full one after a daily, and may have replaced files that both have.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -87,9 +96,9 @@ std::string UnfinishedBackups::EntryOf(const std::string& info_path,
     if (open_.contains(archive)) return archive;
     std::string key = LedgerKey(info_path);
     if (open_.contains(key)) return key;
-    if (!archive.empty()) return {};
-    const auto found = std::find_if(open_.begin(), open_.end(), [&key](const auto& entry) {
-        return LedgerKey(entry.first) == key;
+    const auto found = std::find_if(open_.begin(), open_.end(), [&](const auto& entry) {
+        return LedgerKey(entry.first) == key &&
+               (archive.empty() || MayHaveReplacedSharedFiles(entry.second));
     });
     return found == open_.end() ? "" : found->first;
 }

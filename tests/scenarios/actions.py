@@ -140,6 +140,7 @@ class Player:
                 if not self.make_index(run):
                     return
             self.out.asked_bytes += (len(read(arguments[-1])) if not is_last else run.bytes) + 1000
+            run.note_password(arguments[-1], self.world.uploads_with)
             done = self.command(*arguments)
             run.begun = run.begun or done or self.world.faults.struck > 0
             if not done:
@@ -193,7 +194,8 @@ class Player:
         if done or self.world.faults.struck:
             self.judge.release(run.key)
             for other in list(self.judge.acked.values()):
-                if force and other.base is run and week_of(other.date) == week_of(run.date):
+                if force and other.base and other.base.key == run.key \
+                        and week_of(other.date) == week_of(run.date):
                     self.judge.release(other.key)
         if done and was_there and step.get("token"):
             raise Violation("wrong-token", "a deletion with a malformed token succeeded")
@@ -228,6 +230,15 @@ class Player:
     def do_room(self, _):
         for disk in self.world.disks.values():
             disk.empty()
+
+    # --- The machine ---
+
+    def do_password(self, step):
+        """Another `arch_password` in the token of what starts from now on."""
+        self.world.password = step["to"]
+
+    def do_clock(self, step):
+        self.world.is_ahead = step["ahead"]
 
     # --- The end of a week ---
 

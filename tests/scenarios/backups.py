@@ -25,6 +25,12 @@ def fields_of(path):
         return None
 
 
+def has_length_of(cipher, plain):
+    """Whether a stored file can be the encrypted form of a file of this many bytes."""
+    head, tag, chunk = 64, 16, 65536
+    return cipher.startswith(b"QN2ENC1\n") and len(cipher) == head + plain + tag * (-(-plain // chunk))
+
+
 def content_of(path):
     try:
         with open(path, "rb") as file:
@@ -50,6 +56,8 @@ class Run:
         self.keeps = step.get("keep", False)
         self.contents = {}  # stored name -> bytes
         self.sources = {}  # path of a slice that was made -> its stored name
+        self.passwords = {}  # stored name -> with which it was put last
+        self.plain_sizes = {}  # stored name -> bytes, of encrypted files that were not found yet
         self.folder = os.path.join(root.work, f"r{number}", self.place)
         self.info_folder = os.path.join(root.info_root, self.place)
         self.make(step)
@@ -69,7 +77,7 @@ class Run:
             write(path, self.contents[self.place + name])
         index = self.name + (".tgz" if self.form == "part" else ".1.dar")
         self.index = os.path.join(self.info_folder, index)
-        self.contents[self.place + index] = self.fill(index, 60)
+        self.index_text = self.contents[self.place + index] = self.fill(index, 60)
         kind = "incremental" if self.kind == "incremental" else "full"
         text = f"type={kind}\ncreated={self.date} 01:00:00\n"
         if self.base:
@@ -101,8 +109,25 @@ class Run:
                 for path in self.slices]
         return [*made, ["--put", "--info-file", self.info, "--no-delete", "--isolated", self.index]]
 
+    def note_password(self, path, password):
+        """A command is about to put this file."""
+        name = self.place + os.path.basename(path)
+        self.passwords[name] = password
+        if password:
+            self.plain_sizes[name] = len(content_of(path))
+
+    def find_encrypted(self, storage, earlier):
+        """Takes what the storage has as content of an encrypted file: only the program can make
+        it. `earlier`: the other runs of this backup, whose files are not this run's."""
+        for name, size in list(self.plain_sizes.items()):
+            stored = content_of(os.path.join(storage, name))
+            is_other = any(run.contents.get(name) == stored for run in earlier)
+            if stored and not is_other and has_length_of(stored, size):
+                self.contents[name] = stored
+                del self.plain_sizes[name]
+
     def write_index(self):
-        write(self.index, self.contents[self.place + os.path.basename(self.index)])
+        write(self.index, self.index_text)
 
     def lay(self, storage):
         """The complete backup, as the program would have left it."""

@@ -68,6 +68,7 @@ class Judge:
         self.has_log = not self.world.disks["var"].is_full
         if not self.has_log or "Cant write 'var/quarn2_cp.ledger" in self.log:
             self.has_ledger = False
+        self.find_encrypted()
         complete = self.find_complete()
         self.pending += out.asked_bytes
         if out.completed:
@@ -85,6 +86,11 @@ class Judge:
             self.session = set()
         self.complete = complete
 
+    def find_encrypted(self):
+        for run in self.latest.values():
+            earlier = [other for other in self.runs if other.key == run.key and other is not run]
+            run.find_encrypted(self.world.main_storage, earlier)
+
     def take_completed(self, run, complete):
         missing = run.missing(self.world.main_storage)
         if missing:
@@ -92,6 +98,8 @@ class Judge:
         abandoned = [path for path in run.sources if os.path.exists(path + ".attempts")]
         if abandoned:
             raise Violation("bad-complete", f"{run} was acknowledged, and {abandoned} is there")
+        if len(set(run.passwords.values())) > 1:
+            raise Violation("bad-complete", f"{run} was acknowledged with several passwords")
         self.acked[run.key] = run
 
     def check_acked(self, step, out, complete):

@@ -156,5 +156,16 @@ class Week:
         self.add("serve", **self.server())
 
 
+def with_rare_steps(steps, choice):
+    """Changes of the token's password, which is slow to use, and of the machine's clock."""
+    for rate, do, name, values in [(0.04, "password", "to", ["one", "two", None]),
+                                   (0.1, "clock", "ahead", [True, False])]:
+        if choice.random() >= rate:
+            continue
+        for value in values:
+            steps.insert(choice.randint(0, len(steps)), {"do": do, name: value})
+    return steps
+
+
 def generate(seed):
-    return Week(seed).generate()
+    return with_rare_steps(Week(seed).generate(), random.Random(f"rare {seed}"))

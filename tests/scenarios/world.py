@@ -15,6 +15,8 @@ sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../
 import harness  # noqa: E402
 from disks import Disk, prepare as prepare_disks  # noqa: E402
 from faults import Faults, Strike  # noqa: E402
+CLOCK_AHEAD = os.environ.get("QUARN2_CLOCK_AHEAD")
+
 
 def prepare():
     """What a process needs before its first world."""
@@ -61,6 +63,9 @@ class World:
         os.makedirs(self.other)
         harness.write(os.path.join(self.root.base, "outside/file"), "not the program's")
         self.server = None  # the process that holds the server
+        self.password = None  # in the token of commands and servers that start from now on
+        self.uploads_with = None  # the password of the running server's node client
+        self.is_ahead = False  # the clock, by two days, for processes that start from now on
         self.daemon = None
         self.limits = None  # of the running server: (size, fulls, dailies, date)
         self.log_at = 0
@@ -95,6 +100,10 @@ class World:
 
     def environment(self, token=None):
         changes = dict(self.faults.environment())
+        if self.is_ahead and CLOCK_AHEAD:
+            changes["LD_PRELOAD"] = f"{CLOCK_AHEAD}:{changes['LD_PRELOAD']}"
+        if self.password:
+            changes["BACKUP_TOKEN"] = f"{self.root.token}?arch_password={self.password}"
         if token == "other":
             changes["BACKUP_TOKEN"] = "local://" + self.other
         elif token == "bad":
@@ -129,6 +138,7 @@ class World:
 
     def start_server(self, step):
         """True when the server is ready."""
+        self.uploads_with = self.password
         arguments = ["--date", step["date"], "--size-limit", str(step["size"]),
                      "--count-limit", step["count"]]
         if step.get("rescan"):
@@ -317,8 +327,10 @@ class RealTime(World):
     patience = 300
 
     def environment(self, token=None):
-        return {name: value for name, value in super().environment(token).items()
-                if name not in self.faults.environment()}
+        changes = super().environment(token)
+        for name in self.faults.environment():
+            del changes[name]
+        return changes
 
     def arm(self, strike):
         pass

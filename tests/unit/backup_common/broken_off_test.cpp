@@ -52,6 +52,10 @@ class BrokenOff : public ProgramSite {
                   "size=100\ntype=full");
     }
 
+    bool IsCounted() const {
+        const auto& users = control_.storages.at("").users;
+        return users.contains("web1") && !users.at("web1").backups.empty();
+    }
     std::size_t Counted() const { return control_.storages.at("").users.at("web1").backups.size(); }
 
     std::shared_ptr<quarn2::Storage> storage_ =
@@ -295,6 +299,36 @@ TEST_F(Unfinished, OnesOfAnotherStorageAreNotOfThisAccount) {
     EXPECT_EQ(control_.storages.at("").unfinished, 0);
 }
 
+TEST_F(Unfinished, AnotherArchiveOfTheDayMattersOnceItMayHaveReplacedTheIndex) {
+    const std::string other = "I2026-11-15.web1";
+    const auto counts_with = [&](const std::string& name, SliceState state) {
+        Ledger().Update(other, [&](LedgerEntry& entry) {
+            entry.storage = "memory:///site";
+            entry.slices[name] = {state, 5, ""};
+        });
+        Init();
+        return IsCounted();
+    };
+    EXPECT_TRUE(counts_with(other + ".1.dar", SliceState::kStored));
+    EXPECT_TRUE(counts_with("2026-11-15.web1.1.dar", SliceState::kRefused));
+    EXPECT_FALSE(counts_with("2026-11-15.web1.1.dar", SliceState::kStored));
+}
+
+TEST_F(Unfinished, AnEmptyEntryIsRememberedAsUnknownWhenItGetsATextUntilTheEnd) {
+    const std::string other = "I2026-11-15.web1";
+    ASSERT_TRUE(Ledger().MakeUnknown(other));
+    Init();
+    EXPECT_FALSE(IsCounted()) << "the other archive's job may have replaced the index";
+    Ledger().Update(other, [&](LedgerEntry& entry) {
+        entry.slices[other + ".1.dar"] = {SliceState::kStored, 5, ""};
+    });
+    Init();
+    EXPECT_FALSE(IsCounted());
+    Ledger().Update(other, [](LedgerEntry& entry) { entry.Complete({}); });
+    Init();
+    EXPECT_TRUE(IsCounted());
+}
+
 TEST_F(Unfinished, ADamagedEntryKeepsItsBackupFromBeingCounted) {
     Place(std::string("var/quarn2_cp.ledger/") + kEntry,
           "slice-1=stored 10G F2026-11-15.web1.1.dar");
@@ -407,6 +441,19 @@ TEST_F(BrokenOff, ABrokenClearStopsServers) {
     store_->SetHook({});
     CommandClear();
     CheckNoBrokenClear("var/backup/tovarn");
+    EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
+}
+
+TEST_F(BrokenOff, AnInterruptedClearIsNotFinishedWithAnotherStorage) {
+    Place("var/backup/tovarn/a.info", "x");
+    Place("var/backup/tovarn/.clear", "The backups are being removed.\nstorage=sftp://host/srv");
+    EXPECT_EQ(TextOf<std::runtime_error>([] { CommandClear(); }),
+              "the interrupted --clear was of 'sftp://host/srv', and BACKUP_TOKEN is of "
+              "'memory:///site'. Nothing was removed. Run --clear with that storage's token; if "
+              "both are the same storage, remove var/backup/tovarn/.clear first");
+    EXPECT_EQ(Below("var/backup/tovarn"), (Lines{".clear", "a.info"}));
+    Place("var/backup/tovarn/.clear", "The backups are being removed.\n");
+    CommandClear();
     EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
 }
 
