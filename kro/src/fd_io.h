@@ -1,4 +1,4 @@
-// What the sources that work on descriptors share.
+// Helpers for file descriptors that several sources of this layer share.
 #pragma once
 
 #include <sys/stat.h>
@@ -17,16 +17,16 @@ auto NoEintr(Call call) noexcept(noexcept(call())) {
     return result;
 }
 
-// open(2), close-on-exec; -1 with errno.
+// open(2) with close-on-exec. Returns -1 and sets errno on failure.
 int OpenFd(const std::string& path, int flags, mode_t mode = 0) noexcept;
 
-// Everything from the descriptor's beginning; throws with the path in the text.
+// Reads the file from its beginning to its end. Throws an error that contains `path`.
 std::string ReadAll(int fd, const std::string& path);
 
-// The whole text at the descriptor's beginning; false with errno.
+// Writes the complete text at the beginning of the file. Returns false and sets errno on failure.
 bool WriteAll(int fd, std::string_view text) noexcept;
 
-// True when the path itself (not what a link points to) is the open file.
+// True when the path itself (not the target of a link) names the open file.
 bool IsSameFile(int fd, const std::string& path) noexcept;
 
 }  // namespace kro_file

@@ -1,4 +1,4 @@
-// The declaration of options, what a command line said, and the usage text.
+// The declaration of options, the parsed values and the usage text.
 #include "kro/kro_args.h"
 
 #include <algorithm>
@@ -15,7 +15,7 @@ constexpr std::size_t kIndent = 4;
 constexpr std::size_t kMargin = 2;
 constexpr std::size_t kGap = 2;
 
-// One option of the usage text: what is typed, and what it does.
+// A row of the usage text: an option and its help.
 struct Row {
     std::string option;
     std::string help;
@@ -28,7 +28,7 @@ std::string OptionColumn(std::size_t depth, char letter, const std::string& name
     return column + "--" + name;
 }
 
-// Breaks the text at blanks, every line but the first indented to the column.
+// Breaks the text into lines at blanks. Indents every line but the first to the column.
 std::string Wrapped(const std::string& text, std::size_t column) {
     std::string wrapped;
     std::size_t used = column;

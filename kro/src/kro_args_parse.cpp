@@ -56,7 +56,8 @@ class Parser {
   private:
     using Match = std::function<bool(const Arg&)>;
 
-    // A default holds without its command too, unless two commands have an option of that name.
+    // A default also applies when its command is not given. When several commands have an option of
+    // that name, the default of the first one applies.
     void AddDefaults(const Arg& option) {
         if (option.has_default_) result_.defaults_.emplace(option.name_, option.default_);
         for (const auto& child : option.children_) AddDefaults(*child);
@@ -83,7 +84,7 @@ class Parser {
     void Letters(const std::string& word) {
         for (std::size_t i = 1; i < word.size(); ++i) {
             const char letter = word[i];
-            // Half of a character would make an unreadable message.
+            // One byte of a multibyte character would make the message unreadable.
             const bool plain = letter > ' ' && letter < '\x7f';
             const std::string shown = plain ? std::string{'-', letter} : word;
             const Arg& option = Find(
@@ -101,7 +102,7 @@ class Parser {
         return words_[next_++];
     }
 
-    // The option that is known by now; of the commands given, the last one's comes first.
+    // Finds an option among the known ones. Suboptions of the most recent command take precedence.
     const Arg& Find(const Match& match, const std::string& shown) const {
         for (auto command = given_.rbegin(); command != given_.rend(); ++command) {
             if (const Arg* found = FindIn((*command)->children_, match)) return *found;

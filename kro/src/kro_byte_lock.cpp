@@ -29,7 +29,7 @@ std::unique_ptr<ByteLock> ByteLock::Try(const std::string& path, std::int64_t of
     return lock;
 }
 
-// Locks of open file descriptions: two threads of one process exclude each other as well.
+// Uses locks of open file descriptions, so that two threads of one process exclude each other too.
 bool ByteLock::Take(std::int64_t offset, int command) {
     struct flock lock {};
     lock.l_type = F_WRLCK;

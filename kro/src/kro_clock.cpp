@@ -1,4 +1,4 @@
-// Time as it really passes.
+// The real clock. Tests link another one in its place.
 #include <time.h>
 
 #include <cerrno>
@@ -16,7 +16,7 @@ void kro_proc::Sleep(int milliseconds) {
         end.tv_nsec -= 1000000000L;
         ++end.tv_sec;
     }
-    // An absolute end: signals in between do not lengthen the wait.
+    // With an absolute end time, signals do not lengthen the wait.
     while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
     }
 }

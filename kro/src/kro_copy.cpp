@@ -1,4 +1,4 @@
-// Copying a file's data the quickest way that the file systems allow.
+// Copies the data of a file in the fastest way that the file systems support.
 #include <fcntl.h>
 #include <linux/fs.h>
 #include <sys/ioctl.h>
@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::int64_t kPiece = 16LL * 1024 * 1024;
 constexpr std::size_t kBufferSize = 1024UL * 1024;
-// For smaller files an allocation beforehand costs more than it saves.
+// For smaller files, preallocation costs more than it saves.
 constexpr std::int64_t kWorthAllocating = 4LL * 1024 * 1024;
 
 std::int64_t SizeOf(int fd) {
@@ -37,8 +37,8 @@ bool IsSparse(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && status.st_blocks * 512 < status.st_size;
 }
 
-// Finds out about a full disk before anything is written, and lets the file system lay the file out
-// in one piece. Where it cannot, the writes find out.
+// Detects a full disk before the first write and lets the file system allocate contiguous space.
+// Where the file system does not support it, the writes detect a full disk.
 void Allocate(int fd, std::int64_t size) {
     if (size < kWorthAllocating) return;
     const int result = NoEintr([&]() noexcept { return ::fallocate(fd, 0, 0, size); });
@@ -46,9 +46,9 @@ void Allocate(int fd, std::int64_t size) {
     throw CopyError("Failed to make room for a copy", errno);
 }
 
-// True when the file system can copy on its far side: then the kernel is asked to. Where the data
-// has to pass through this machine's memory anyway, large reads and writes are the quicker way: the
-// kernel's own copy goes page by page.
+// True for file systems that may copy on the server, so that copy_file_range is worth a call. On
+// all others the data passes through this machine's memory. There, large reads and writes are
+// faster, because the kernel copies page by page.
 bool CopiesRemotely(int fd) noexcept {
     constexpr std::array<unsigned, 6> kRemote = {
         0x6969,      // NFS
@@ -70,20 +70,20 @@ class Copy {
     Copy(int from, int to, const CopyProgress& progress) noexcept
         : from_(from), to_(to), progress_(progress), in_kernel_(CopiesRemotely(to)) {}
 
-    // Everything between the two offsets; ends early where the source ends.
+    // Copies the bytes from `begin` to `end`. Stops early at the end of the source.
     void Range(std::int64_t begin, std::int64_t end) {
         offset_ = begin;
         while (offset_ < end) {
             const std::int64_t start = offset_;
             if (!Piece(std::min(end, start + kPiece))) return;
-            // Started now, the write-back runs beside the rest of the copy and leaves little to
-            // wait for when the file is synced. Only a hint: a failure shows there.
+            // Starts the write-back now, so that it runs in parallel with the rest of the copy and
+            // the final sync is short. It is only a hint: the sync reports a failure.
             ::sync_file_range(to_, start, offset_ - start, SYNC_FILE_RANGE_WRITE);
             Report(offset_ - start);
         }
     }
 
-    // The data only; the holes between are left out of the target too.
+    // Copies only the data of a sparse file. The holes of the source stay holes in the target.
     void Data(std::int64_t size) {
         if (::ftruncate(to_, size) != 0) throw CopyError("Failed to set a file's size", errno);
         std::int64_t end = 0;
@@ -91,7 +91,7 @@ class Copy {
             const std::int64_t begin = ::lseek(from_, end, SEEK_DATA);
             if (begin < 0 && errno == ENXIO) return Report(size - end);
             if (begin < 0) return Range(end, size);
-            // A file that grows meanwhile may go on with data behind the size.
+            // When the source grows during the copy, its next data may begin beyond `size`.
             Report(std::min(begin, size) - end);
             end = std::min<std::int64_t>(::lseek(from_, begin, SEEK_HOLE), size);
             if (end <= begin) return Range(begin, size);
@@ -107,7 +107,8 @@ class Copy {
     bool Piece(std::int64_t end) {
         while (offset_ < end) {
             if (in_kernel_ && InKernel(end)) continue;
-            // Whatever stopped the kernel, the plain way copies on or tells what is wrong.
+            // If the in-kernel copy fails, fall back to read and write, which report the real
+            // error.
             in_kernel_ = false;
             if (!Plain(end)) return false;
         }
@@ -163,12 +164,13 @@ bool CopyError::IsFull() const noexcept { return error() == ENOSPC || error() ==
 Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progress) {
     const Copied before = Compare(SizeOf(from), size);
     if (before != Copied::kAll || size == 0) return before;
-    // A clone is made at one moment, so it is the one whose size counts.
+    // A clone is a snapshot of the source. The source may change after it, so the size of the clone
+    // is compared.
     if (::ioctl(to, FICLONE, from) == 0) {
         if (progress) progress(size);
         return Compare(SizeOf(to), size);
     }
-    // A longer read-ahead. Only a hint.
+    // Requests a longer read-ahead. It is only a hint.
     ::posix_fadvise(from, 0, 0, POSIX_FADV_SEQUENTIAL);
     Copy copy(from, to, progress);
     if (IsSparse(from)) {

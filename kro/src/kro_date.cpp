@@ -20,7 +20,7 @@ using std::chrono::year_month_day;
 constexpr std::size_t kDateSize = 10;      // YYYY-MM-DD
 constexpr std::size_t kDateTimeSize = 19;  // YYYY-MM-DD HH:MM:SS
 
-// True when every 'd' of the shape is a digit in the text and every other character the same.
+// True when the text has a digit for every 'd' of the shape, and the same characters otherwise.
 bool HasShape(std::string_view text, std::string_view shape) noexcept {
     if (text.size() != shape.size()) return false;
     for (std::size_t i = 0; i < text.size(); ++i) {
@@ -111,7 +111,8 @@ int Date::weekday() const noexcept {
 DateTime::DateTime(std::string_view text) : time_(0) {
     auto civil = ParseDateTime(text);
     if (!civil) throw TextError(text, "a date and time (YYYY-MM-DD HH:MM:SS)");
-    // mktime's failure value is a time too; only a success sets the day of the week.
+    // The value that mktime returns on failure is also a valid time. Only a successful call sets
+    // tm_wday.
     civil->tm_wday = -1;
     time_ = std::mktime(&*civil);
     if (civil->tm_wday < 0) throw TextError(text, "a time of this system");

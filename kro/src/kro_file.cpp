@@ -25,8 +25,8 @@ struct stat Status(const std::string& path) {
     return status;
 }
 
-// The status of the file whose place a new one takes. What a link leads to is not replaced, and
-// says nothing about who may read the new file.
+// The status of the file that a new one replaces. Nothing for a symbolic link: its target is not
+// replaced, so the target's mode and owner do not apply to the new file.
 std::optional<struct stat> OldStatus(const std::string& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0 || S_ISLNK(status.st_mode)) return std::nullopt;
@@ -38,7 +38,7 @@ std::string_view WithoutClosingSlashes(std::string_view path) {
     return path;
 }
 
-// SplitPath without copies: a start-up scan splits a hundred thousand paths.
+// SplitPath without copies, because a start-up scan splits a hundred thousand paths.
 std::pair<std::string_view, std::string_view> Halves(std::string_view path) {
     path = WithoutClosingSlashes(path);
     const std::size_t slash = path.rfind('/');
@@ -51,14 +51,15 @@ bool IsDirectory(const std::string& path) noexcept {
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Gives the new file the old one's mode and, as far as this process may, owner and group: only root
-// can give a file away, and a text that cannot be written at all would be worse than another owner.
+// Gives the new file the mode of the old one and, as far as this process may, its owner and group.
+// Only root can change an owner. EPERM is ignored, because a file of another owner is better than
+// no file.
 void TakeOver(int fd, const struct stat& old) {
     if (::fchown(fd, old.st_uid, old.st_gid) != 0 &&
         ::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && errno != EPERM) {
         throw kro_err::FromErrno("Failed to set the owner of a new file");
     }
-    // After the owner: a change of owner drops mode bits.
+    // The mode comes after the owner, because a change of the owner clears mode bits.
     if (::fchmod(fd, old.st_mode & 07777) != 0) {
         throw kro_err::FromErrno("Failed to set the mode of a new file");
     }
@@ -180,7 +181,8 @@ std::string ReadE(const std::string& path) noexcept {
 }
 
 std::string ReadOurs(const std::string& path) {
-    // A named pipe would hold the open, a link would show another file.
+    // O_NONBLOCK, because the open of a named pipe would block. O_NOFOLLOW, because a symbolic link
+    // would lead to another file.
     const int fd = OpenFd(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0 && errno != ELOOP) throw kro_err::FromErrno("Failed to open " + Quoted(path));
     const ResHandle handle(fd);
@@ -215,11 +217,12 @@ void CheckOurDirectory(const std::string& path) {
 
 void Write(const std::string& path, std::string_view text, mode_t mode) {
     const auto old = OldStatus(path);
-    // A device or a directory must not be replaced by a file.
+    // A device or a directory must not be replaced with a file.
     if (old && !S_ISREG(old->st_mode)) {
         throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
     }
-    // A replacement is nobody else's to read before it has the old file's owner.
+    // The new file has mode 0600 until it has the old file's owner, so that no other user can read
+    // it earlier.
     NewFile file(path, old ? 0600 : mode);
     if (!WriteAll(file.fd(), text)) throw CopyError("Failed to write " + Quoted(path), errno);
     if (old) TakeOver(file.fd(), *old);
@@ -241,7 +244,7 @@ void Remove(const std::string& path) {
             "Will not remove " + Quoted(path) + ": it is the root or the current directory");
     }
     std::error_code error;
-    // A slash at the end would follow a link.
+    // With a trailing slash, remove_all would follow a symbolic link.
     std::filesystem::remove_all(std::string(WithoutClosingSlashes(path)), error);
     if (error && error.value() != ENOENT && error.value() != ENOTDIR) {
         throw kro_err::FromErrno("Failed to remove " + Quoted(path), error.value());
@@ -257,7 +260,8 @@ void MkDir(const std::string& path, mode_t mode) {
         if (::mkdir(path.c_str(), mode) == 0) return;
         error = errno;
     }
-    // Some file systems refuse first and look later: what counts is whether the directory is there.
+    // Some file systems return another error than EEXIST for an existing directory, so the error
+    // code does not decide.
     if (!IsDirectory(path)) {
         throw kro_err::FromErrno("Failed to make the directory " + Quoted(path), error);
     }
@@ -291,7 +295,7 @@ void SyncDir(const std::string& directory) {
     const int fd = OpenFd(name, O_RDONLY | O_DIRECTORY);
     if (fd < 0) throw kro_err::FromErrno("Failed to open the directory " + Quoted(name));
     const ResHandle handle(fd);
-    // Some file systems cannot sync a directory, and have nothing to sync then.
+    // File systems that return EINVAL for a directory have nothing to sync.
     if (NoEintr([&] { return ::fsync(fd); }) != 0 && errno != EINVAL) {
         throw kro_err::FromErrno("Failed to sync the directory " + Quoted(name));
     }

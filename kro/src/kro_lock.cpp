@@ -10,11 +10,12 @@ namespace kro_file {
 
 namespace {
 
-// In a directory that others can write to a link may lie in the file's place, and a file made or
-// locked where it leads would be somebody else's; a named pipe would hold the open.
+// In a directory that other users can write to, the path may be a symbolic link or a named pipe of
+// theirs. Through a link, this process would create or lock another user's file. The open of a
+// named pipe would block.
 constexpr int kPlanted = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
-// A file that is replaced this often between its opening and its lock is replaced without end.
+// The lock fails when the file was replaced this often between its open and its flock.
 constexpr int kAttempts = 100;
 
 bool IsPlainFile(int fd) noexcept {
@@ -22,7 +23,8 @@ bool IsPlainFile(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// Written in place, a file with a second name would change under that one too.
+// Lock::Write changes the file in place, so it would also change the content under a second hard
+// link.
 bool HasAnotherName(int fd) noexcept {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && status.st_nlink > 1;
@@ -39,7 +41,7 @@ void Lock::DoLock(const std::string& path, bool create) { Open(path, create, tru
 bool Lock::TryLock(const std::string& path, bool create) { return Open(path, create, false); }
 
 bool Lock::Open(const std::string& path, bool create, bool wait) {
-    // A lock of our own on another open file would block this one for ever.
+    // A lock that this object still holds through another descriptor would block this call forever.
     Release();
     const int operation = wait ? LOCK_EX : LOCK_EX | LOCK_NB;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
@@ -52,8 +54,8 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
             if (errno == EWOULDBLOCK) return false;
             throw kro_err::FromErrno("Failed to lock '" + path + "'");
         }
-        // Its last holder may have removed the file: a lock on a file that nobody can find any more
-        // keeps nobody out.
+        // The previous holder may have removed the file. A lock on a file that no longer has its
+        // name excludes no other process.
         if (IsSameFile(fd, path)) {
             handle_ = std::move(handle);
             path_ = path;
@@ -70,8 +72,8 @@ void Lock::Write(std::string_view text) {
     if (HasAnotherName(handle_)) Refuse(path_, "has a second name, which would be written as well");
     struct stat status {};
     std::string padded(text);
-    // Before the file is cut to its length, what a longer text had behind this one must not be read
-    // as part of it: empty lines are no part of any.
+    // Until ftruncate, the end of a longer old text must not appear to belong to the new text.
+    // Overwrites it with line feeds, because readers ignore empty lines.
     if (::fstat(handle_, &status) == 0 && status.st_size > static_cast<off_t>(text.size())) {
         padded.resize(static_cast<std::size_t>(status.st_size), '\n');
     }

@@ -36,13 +36,15 @@ struct State {
     int fd = -1;
 };
 
-// Never destroyed: threads and other objects' destructors may log to the last.
+// Never destroyed, because threads and destructors of other objects may log until the process
+// exits.
 State& TheState() {
     static State& state = *new State;
     return state;
 }
 
-// A message is logged between a failed call and the look at its errno as well.
+// Restores errno at the end of the scope, because callers log between a failed call and the check
+// of its errno.
 class KeepErrno {
   public:
     KeepErrno() noexcept : error_(errno) {}
@@ -59,13 +61,14 @@ void CloseFile(State& state) noexcept {
     state.fd = -1;
 }
 
-// A plain file, and not one that bears another name elsewhere.
+// True for a plain file without a second hard link.
 bool IsLogFile(int fd) noexcept {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
-// Has the file open that the path names now: a rotated one is left to whoever took it.
+// Opens the file that the path names now. After a rotation, closes the old file and creates a new
+// one.
 bool OpenFile(State& state) {
     struct stat named {};
     struct stat open {};
@@ -74,11 +77,11 @@ bool OpenFile(State& state) {
         return true;
     }
     CloseFile(state);
-    // A named pipe without a reader is refused instead of waited for.
+    // With O_NONBLOCK, the open of a named pipe without a reader fails instead of blocking.
     constexpr int kFlags = O_WRONLY | O_APPEND | O_CREAT | O_NOCTTY | O_NONBLOCK;
     state.fd = kro_file::OpenFd(state.path, kFlags | O_NOFOLLOW, 0600);
-    // An administrator may have laid the log elsewhere; others would have root write to their
-    // target.
+    // Follows a symbolic link of root or this user: an administrator may have moved the log. A link
+    // of another user could redirect root's writes to any file.
     if (state.fd < 0 && errno == ELOOP && !kro_file::IsForeignLink(state.path)) {
         state.fd = kro_file::OpenFd(state.path, kFlags, 0600);
     }
@@ -103,8 +106,8 @@ void AppendEscaped(std::string& line, char c) {
     }
 }
 
-// "2026-11-20 16:06:18.123 [PID:TID] ". The real time, of which the clock of kro_date has no
-// milliseconds.
+// "2026-11-20 16:06:18.123 [PID:TID] ". Reads the system clock directly, because
+// kro_date::SystemNow has no milliseconds.
 std::string Prefix() {
     timespec now{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -127,7 +130,8 @@ void WriteLine(const char* module, int level, std::string_view text) {
     line += ": ";
     for (const char c : text) AppendEscaped(line, c);
     line += '\n';
-    // One call, so that lines of several processes do not mix. What a full disk cuts off is lost.
+    // Writes the line with one call, so that the lines of several processes do not interleave. When
+    // the disk is full, the rest of the line is lost.
     const ssize_t written =
         kro_file::NoEintr([&] { return ::write(state.fd, line.data(), line.size()); });
     if (written < 0) CloseFile(state);
@@ -186,7 +190,7 @@ void Module::Write(int level, const char* format, ...) const noexcept {
     try {
         WriteLine(name_, level, Formatted(format, arguments));
     } catch (const std::exception&) {
-        // No memory for the line: it is lost, like a line that the disk has no room for.
+        // Without memory the line is lost, as it is on a full disk.
     }
     va_end(arguments);
 }
@@ -197,7 +201,7 @@ void Module::Text(int level, const std::string& text) const noexcept {
     try {
         WriteLine(name_, level, text);
     } catch (const std::exception&) {
-        // As above.
+        // Without memory the line is lost.
     }
 }
 
@@ -205,7 +209,7 @@ namespace {
 
 constexpr off_t kMaxReadBack = 256L * 1024;
 
-// The bytes from `begin` on; fewer when the file cannot be read further.
+// The bytes from `begin` to `end`. Fewer when the file cannot be read that far.
 std::string ReadFrom(int fd, off_t begin, off_t end) {
     std::string text(static_cast<std::size_t>(end - begin), '\0');
     std::size_t done = 0;
@@ -272,7 +276,7 @@ std::vector<Line> Bookmark::LinesOf(pid_t process) const {
     if ((inode_ != 0 && !same) || status.st_size < size_) return {};
     const off_t begin = std::max(size_, status.st_size - kMaxReadBack);
     std::string text = ReadFrom(file, begin, status.st_size);
-    // The first line may have lost its beginning.
+    // The beginning of the first line may be missing.
     if (begin > size_) text.erase(0, std::min(text.find('\n'), text.size()));
     return CompleteLinesOf(process, text);
 }

@@ -30,21 +30,22 @@ bool Flock(int fd, int operation) noexcept {
     return NoEintr([&]() noexcept { return ::flock(fd, operation); }) == 0;
 }
 
-// Waits for the lock. False when the path does not name the open file any more: the writer that was
-// waited for has renamed or removed it.
+// Waits for the lock. Returns false when the path no longer names the open file, because the
+// previous writer has renamed or removed it.
 bool LockNamed(int fd, const std::string& path) {
     if (!Flock(fd, LOCK_EX)) throw kro_err::FromErrno("Failed to lock '" + path + "'");
     return IsSameFile(fd, path);
 }
 
-// Links, sockets and the like: no writer here has made them, so nobody is to be waited for.
+// True for links, sockets and other special files. NewFile never creates them, so there is no
+// writer to wait for.
 bool IsNeitherFileNorDirectory(const std::string& path) noexcept {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
            !S_ISDIR(status.st_mode);
 }
 
-// Removes the file under the name once nobody writes it.
+// Removes the file at the path after its writer has released the lock.
 void ClearName(const std::string& path) {
     if (IsNeitherFileNorDirectory(path)) return RemoveFile(path);
     const int fd = OpenFd(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
@@ -58,9 +59,9 @@ void ClearName(const std::string& path) {
 
 NewFile::NewFile(std::string target, mode_t mode)
     : target_(std::move(target)), temporary_(TemporaryPath(target_)) {
-    // What is left of an earlier attempt is not written over but replaced, so that the file's mode
-    // and owner are those asked for. Somebody else may come first with either; then the turn is
-    // theirs.
+    // Removes the leftover of an earlier attempt and creates the file again, so that it has the
+    // requested mode and this process's owner. Another process may create or remove the file first.
+    // Then the loop waits for it and retries.
     for (;;) {
         const int fd = OpenFd(temporary_, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
         if (fd >= 0) {
@@ -76,7 +77,7 @@ NewFile::NewFile(std::string target, mode_t mode)
 }
 
 NewFile::~NewFile() {
-    // The lock is still held: the name cannot be another writer's.
+    // This object still holds the lock, so the file cannot belong to another writer.
     if (!committed_) ::unlink(temporary_.c_str());
 }
 

@@ -37,11 +37,13 @@ void ResetSignals() noexcept {
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-// A copy that no redirection of a standard descriptor can overwrite; -1 of -1.
+// Duplicates the descriptor to a number above 2, so that no redirection overwrites it. Returns -1
+// for -1.
 int OutOfTheWay(int fd) noexcept { return fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 3); }
 
-// Makes `fd` the standard descriptor `number`. Without one the child has this process's own; where
-// that is closed, or would close, it has /dev/null, so that no file of its gets the number.
+// Makes `fd` the child's standard descriptor `number`. When `fd` is -1, the child inherits this
+// process's descriptor. If that is closed or close-on-exec, opens /dev/null instead, so that no
+// file of the child gets the number.
 bool SetStandard(int number, int fd, int flags) noexcept {
     if (fd >= 0) return NoEintr([&]() noexcept { return ::dup2(fd, number); }) == number;
     const int state = ::fcntl(number, F_GETFD);
@@ -55,7 +57,7 @@ bool SetStandard(int number, int fd, int flags) noexcept {
 
 // --- In the parent ---
 
-// The errno that the child reported; 0 when its program runs.
+// The errno that the child reported; 0 when the exec succeeded.
 int ReadReport(int fd) noexcept {
     int error = 0;
     const ssize_t got = NoEintr([&]() noexcept { return ::read(fd, &error, sizeof error); });
@@ -70,7 +72,7 @@ std::string_view NameOf(std::string_view entry) noexcept {
     return entry.substr(0, entry.find('='));
 }
 
-// This process's environment with the changes made.
+// A copy of this process's environment with the changes applied.
 std::vector<std::string> ChangedEnvironment(const std::vector<std::string>& changes) {
     std::vector<std::string> entries;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
@@ -85,7 +87,7 @@ std::vector<std::string> ChangedEnvironment(const std::vector<std::string>& chan
     return entries;
 }
 
-// What exec takes; it points into the texts.
+// A null-terminated array of pointers for exec. It points into `texts`.
 std::vector<char*> Pointers(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     pointers.reserve(texts.size() + 1);
@@ -132,7 +134,7 @@ void Execute::RunChild(char* const* argv, char* const* environment, int report) 
     if (in >= (in_ ? 0 : -1) && out >= (out_ ? 0 : -1) && err >= (err_ ? 0 : -1) &&
         SetStandard(0, in, O_RDONLY) && SetStandard(1, out, O_WRONLY) &&
         SetStandard(2, err, O_WRONLY)) {
-        // Descriptors that came from outside may lack the close-on-exec mark of our own.
+        // Descriptors that this process inherited may lack the close-on-exec flag.
         ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
         ::execvpe(argv[0], argv, environment);
     }

@@ -10,8 +10,8 @@ struct ResHandle::Descriptor {
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
-    // close(2) is never repeated: on Linux the number is free even after EINTR, and may be somebody
-    // else's by then.
+    // Never repeats close(2): on Linux the number is free even after EINTR, and another thread may
+    // have reused it.
     void Close() noexcept {
         const int number = fd.exchange(-1);
         if (number >= 0) ::close(number);

@@ -1,9 +1,9 @@
-// The command line: a tree of options, declared as one chain of calls.
+// The command line parser: a tree of options, declared as one chain of calls.
 //
-// "--name VALUE", "--name=VALUE", "-x VALUE", "-xVALUE"; short flags may be bundled; "--" ends the
-// options; positional arguments may stand anywhere. Suboptions are known once their top-level
-// option has been seen. Nothing is guessed: an unknown option, a missing or unwanted value, a
-// suboption without its command and two different members of one group are errors.
+// Accepts "--name VALUE", "--name=VALUE", "-x VALUE" and "-xVALUE". Short flags may be bundled.
+// "--" ends the options. Positional arguments may be anywhere. A suboption is known after its
+// parent option. An unknown option, a missing or unwanted value, a suboption without its parent
+// option and two different members of one group are errors.
 #pragma once
 
 #include <map>
@@ -14,35 +14,35 @@
 
 namespace kro_args {
 
-// A command line that cannot be used; the text says what is wrong with it.
+// Thrown for an invalid command line. The text names the error.
 class UsageError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// The parser has done all there was to do (--help, --version): end with this status.
+// Thrown after --help or --version was printed. The program exits with this status.
 struct EarlyExit {
     int status;
 };
 
 class Args;
 
-// One option; made by the builder calls only, owned by the parser.
+// One option. Only the builder calls create it; the parser owns it.
 class Arg {
   public:
-    // A further option at this option's level. A `letter` of ' ' means none.
+    // Adds an option at this option's level and returns it. A `letter` of ' ' means none.
     Arg& AddOption(const std::string& name, char letter, const std::string& help);
-    // The first option one level below this one.
+    // Adds an option one level below this one and returns it.
     Arg& AddSuboption(const std::string& name, char letter, const std::string& help);
     // The option takes a value.
     Arg& SetParam();
-    // The option takes a value and has this one when it is not given.
+    // The option takes a value. `value` applies when the option is not given.
     Arg& SetDefault(const std::string& value);
-    // May be given more than once, every value is kept.
+    // The option takes a value and may be given more than once. Every value is kept.
     Arg& SetMultiple();
-    // At most one option of a group can be given; the group's value is that option's name.
+    // At most one option of a group can be given. The group's value is that option's name.
     Arg& SetGroup(const std::string& group);
-    // Closes this level: the option above.
+    // Ends this level and returns the parent option. Throws std::logic_error at the top level.
     Arg& Last();
 
   private:
@@ -64,17 +64,17 @@ class Arg {
     std::vector<std::unique_ptr<Arg>> children_;
 };
 
-// What a command line said.
+// The parsed command line.
 class Result {
   public:
-    // `index` -1: the last value given, else the default, else "". Other indexes: that value of a
-    // multiple option, "" beyond the last. For a group: the chosen member's name.
+    // `index` -1: the last value given, else the default, else "". Other indexes: the value at that
+    // index of a multiple option, "" beyond the last. For a group: the name of the chosen member.
     std::string Param(const std::string& name, int index = -1) const;
-    // All values given, in order.
+    // All given values, in the order of the command line.
     std::vector<std::string> Params(const std::string& name) const;
     // True when the option, or any member of the group, was given.
     bool Has(const std::string& name) const;
-    // The positional arguments. An index out of range is "".
+    // The positional argument at `index`, "" when the index is out of range.
     std::string Args(int index) const;
     int ArgsCount() const noexcept;
 
@@ -90,7 +90,7 @@ using ResultPtr = std::shared_ptr<Result>;
 
 class Args {
   public:
-    // `banner` heads the usage text.
+    // `banner` is the beginning of the usage text.
     explicit Args(std::string banner);
     ~Args();
     Args(const Args&) = delete;
@@ -98,14 +98,14 @@ class Args {
 
     Arg& AddOption(const std::string& name, char letter, const std::string& help);
 
-    // Throws UsageError; prints and throws EarlyExit for --help and --version.
+    // Throws UsageError. For --help and --version, prints the text and throws EarlyExit.
     void Parse(int argc, char** argv);
 
     // The result of Parse.
     Result* operator->() const noexcept { return result_.get(); }
     const ResultPtr& GetResult() const noexcept { return result_; }
 
-    // Prints the usage and, when it is not empty, `text` below it, on standard output.
+    // Prints the usage on standard output, followed by `text` unless it is empty.
     void Usage(const std::string& text) const;
     std::string UsageText() const;
 
@@ -118,12 +118,12 @@ class Args {
     ResultPtr result_;
 };
 
-// What --version prints; for the launcher.
+// Sets the name and version that --version prints. The launcher calls it.
 void SetProgram(const std::string& name, const std::string& version);
 const std::string& ProgramName();
 
 }  // namespace kro_args
 
-// A path from the command line as the program uses it: normalised. A relative one stays relative,
-// and so is relative to the install root, where every role works.
+// Normalises a path from the command line. A relative path stays relative. It refers to the install
+// root, which is the working directory of every role.
 std::string GetArgPath(const std::string& argument);

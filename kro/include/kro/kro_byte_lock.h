@@ -1,5 +1,5 @@
-// Exclusive locks on single bytes of a lock file: one file serves any number of named locks, and
-// it is never removed, so no process can lock a file that another process has just replaced.
+// Exclusive locks on single bytes of a lock file. One file serves any number of locks. It is never
+// removed, so no process can lock a file that another process has just replaced.
 #pragma once
 
 #include <cstdint>
@@ -10,15 +10,15 @@
 
 namespace kro_file {
 
-// Holds the lock on byte `offset` of the file at `path` while the object lives. The constructor
-// creates the file (mode 0600) when it is missing and waits for other holders, other objects of
-// this process included. A process that dies releases its locks. Throws kro_err::Error when the
+// Holds the lock on byte `offset` of the file at `path` during its lifetime. The constructor
+// creates the file (mode 0600) when it is missing. It waits for other holders, including other
+// objects of this process. A process that dies releases its locks. Throws kro_err::Error when the
 // file cannot be opened or locked.
 class ByteLock {
   public:
     ByteLock(const std::string& path, std::int64_t offset);
 
-    // The same without waiting: null while another object holds the lock.
+    // Like the constructor, but does not wait: returns null while another object holds the lock.
     static std::unique_ptr<ByteLock> Try(const std::string& path, std::int64_t offset);
 
   private:

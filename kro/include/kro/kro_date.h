@@ -1,7 +1,7 @@
 // Civil dates and date-times in local time.
 //
-// Texts are "YYYY-MM-DD" and "YYYY-MM-DD HH:MM:SS"; any other text is a kro_err::Error that quotes
-// it.
+// The text formats are "YYYY-MM-DD" and "YYYY-MM-DD HH:MM:SS". The constructors throw
+// kro_err::Error, which quotes the text, for any other text.
 #pragma once
 
 #include <chrono>
@@ -16,7 +16,7 @@ class Date {
   public:
     explicit Date(std::string_view text);
 
-    // The date today.
+    // The current date.
     static Date Today();
 
     std::string AsDate() const;
@@ -29,7 +29,7 @@ class Date {
   private:
     explicit Date(std::int64_t days) noexcept : days_(days) {}
 
-    std::int64_t days_;  // since 1970-01-01
+    std::int64_t days_;  // days since 1970-01-01
 };
 
 class DateTime {
@@ -39,7 +39,7 @@ class DateTime {
 
     std::string AsDateTime() const;
 
-    // Real elapsed seconds: a change of summer time in between adds or takes no hour.
+    // Elapsed seconds. A daylight saving change in between neither adds nor removes an hour.
     friend std::int64_t operator-(const DateTime& a, const DateTime& b) noexcept {
         return static_cast<std::int64_t>(a.time_) - static_cast<std::int64_t>(b.time_);
     }
@@ -50,13 +50,13 @@ class DateTime {
     std::time_t time_;
 };
 
-// True when the text is a date as Date takes it.
+// True when the constructor of Date accepts the text.
 bool IsDate(std::string_view text) noexcept;
 
-// The one place that asks for the time (kro_clock library; a test links its own).
+// The current time. The kro_clock library defines it, so that a test can link another clock.
 std::time_t SystemNow() noexcept;
 
-// The same for what is measured: no setting of the clock moves it.
+// The current time for measuring durations. A change of the system clock does not affect it.
 std::chrono::steady_clock::time_point SteadyNow() noexcept;
 
 }  // namespace kro_date

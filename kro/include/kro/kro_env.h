@@ -5,13 +5,14 @@
 
 namespace kro_env {
 
-// The variable's value, empty when it is not set.
+// The value of the variable, empty when it is not set.
 std::string GetEnv(const std::string& name);
 
-// The panel's install root: where the launcher found itself, else "/usr/local/kro5".
+// The panel's install root: the directory that contains the launcher's sbin directory, else
+// "/usr/local/kro5".
 const std::string& InstallRoot();
 
-// For the launcher, once, before anything else runs.
+// Sets the install root. The launcher calls it once, before it starts a role.
 void SetInstallRoot(const std::string& root);
 
 }  // namespace kro_env

@@ -1,4 +1,4 @@
-// Errors of the framework and of everything that reports through it.
+// The errors that the framework and the layers above it throw.
 #pragma once
 
 #include <cerrno>
@@ -8,12 +8,12 @@
 
 namespace kro_err {
 
-// What a caller can do about an error.
+// The kind of an error. It decides how the caller reacts.
 enum class Kind {
-    kUnauthorized,  // refused credentials, keys or certificates: trying again changes nothing
-    kNotFound,      // what was asked for is not there
-    kUnavailable,   // trouble that may pass: worth another try
-    kFailed,        // everything else
+    kUnauthorized,  // refused credentials, keys or certificates: a retry changes nothing
+    kNotFound,      // the requested object does not exist
+    kUnavailable,   // a temporary failure: a retry may succeed
+    kFailed,        // any other failure
 };
 
 class Error : public std::runtime_error {
@@ -29,7 +29,7 @@ class Error : public std::runtime_error {
     Kind kind_;
 };
 
-// The error of a failed system call; error() is its errno.
+// The error of a failed system call. error() returns its errno.
 class SystemError : public Error {
   public:
     SystemError(Kind kind, const std::string& text, int error) : Error(kind, text), error_(error) {}
@@ -40,8 +40,9 @@ class SystemError : public Error {
     int error_;
 };
 
-// The error of a failed system call: "TEXT: reason". ENOENT and ENOTDIR give kNotFound, EACCES and
-// EPERM kFailed (a local file's rights are no matter of credentials), the rest kFailed.
+// Makes the error of a failed system call, with the text "TEXT: reason". ENOENT and ENOTDIR give
+// kNotFound, every other errno kFailed. EACCES and EPERM do not give kUnauthorized, because
+// permissions of local files are not credentials.
 SystemError FromErrno(const std::string& text, int error = errno);
 
 }  // namespace kro_err

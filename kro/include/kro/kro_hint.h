@@ -1,4 +1,4 @@
-// An error that comes with advice for the person who ran the command.
+// An error with advice for the user who ran the command.
 #pragma once
 
 #include <stdexcept>
@@ -12,7 +12,7 @@ class HintedError : public std::runtime_error {
     HintedError(const std::string& text, std::string hint)
         : std::runtime_error(text), hint_(std::move(hint)) {}
 
-    // One line that says what to do. The launcher prints it below the error's text.
+    // One line of advice. The launcher prints it below the text of the error.
     const std::string& hint() const noexcept { return hint_; }
 
   private:

@@ -1,8 +1,8 @@
 // The log: one line per message in a file that several processes share.
 //
-// A line reads "2026-11-20 16:06:18.123 [PID:TID] PROGRAM MODULE LEVEL: TEXT" and is written with
-// one append. Control characters of the text are written escaped ("\n"), so a message never makes
-// two lines. Levels: 3 errors, 4 survived warnings, 5 facts about commands, 6 and 7 detail, 8
+// The format of a line is "2026-11-20 16:06:18.123 [PID:TID] PROGRAM MODULE LEVEL: TEXT". Each line
+// is written with one append. Control characters of the text are escaped ("\n"), so a message never
+// makes two lines. Levels: 3 errors, 4 survived warnings, 5 facts about commands, 6 and 7 detail, 8
 // trace, 9 buffers. Threads may log at the same time.
 #pragma once
 
@@ -10,18 +10,18 @@
 
 namespace kro_log {
 
-// Logs to var/PROGRAM.log below the current directory from now on (created with mode 0600 at the
-// first line), messages of `level` and more important ones. KRO_LOG_LEVEL in the environment can
-// raise the level, not lower it. A file that was rotated away is noticed and made anew; a log that
-// cannot be written is given up line by line, never an error.
+// From now on, logs messages up to `level` to var/PROGRAM.log below the current directory. The
+// first message creates the file with mode 0600. KRO_LOG_LEVEL in the environment can raise the
+// level, not lower it. After a rotation, the next message creates a new file. A line that cannot be
+// written is dropped without an error.
 void Init(const std::string& program, int level);
 
-// Closes the file. The next Init opens it again; messages in between are lost.
+// Closes the file. Messages before the next Init are lost.
 void Close() noexcept;
 
 bool Enabled(int level) noexcept;
 
-// A source of messages, named in every line.
+// A source of messages. Every line contains its name.
 class Module {
   public:
     explicit constexpr Module(const char* name) noexcept : name_(name) {}
@@ -29,7 +29,7 @@ class Module {
     // Logs a printf-formatted message when `level` is enabled.
     [[gnu::format(printf, 3, 4)]] void Write(int level, const char* format, ...) const noexcept;
 
-    // Logs a text as it stands.
+    // Logs a text without formatting when `level` is enabled.
     void Text(int level, const std::string& text) const noexcept;
 
   private:
@@ -38,8 +38,8 @@ class Module {
 
 }  // namespace kro_log
 
-// Asks for the level first, so that a message that nobody reads costs neither formatting nor its
-// arguments.
+// Checks the level first, so that a disabled message costs neither formatting nor the evaluation of
+// its arguments.
 #define KRO_LOG(module, level, ...)                                      \
     do {                                                                 \
         if (kro_log::Enabled(level)) (module).Write(level, __VA_ARGS__); \

@@ -1,4 +1,5 @@
-// Reads the log back. The line format is known only to the file that writes it.
+// Reads lines of the log. kro_log.cpp implements it next to the writer, so that only one file
+// depends on the line format.
 #pragma once
 
 #include <sys/types.h>
@@ -14,26 +15,27 @@ struct Line {
     pid_t process = 0;
     pid_t thread = 0;
     int level = 0;
-    std::string text;  // as it is in the file: control characters are escaped
+    std::string text;  // as in the file: control characters are escaped
 };
 
-// A line without its line feed; nothing when it is no line of a log.
+// Parses a line without its line feed; nothing when it is not a log line.
 std::optional<Line> ParseLine(const std::string& line);
 
-// A position in the log that Init names.
+// A position in the log file of the last Init.
 class Bookmark {
   public:
-    // At the present end of the log.
+    // Points to the current end of the log.
     Bookmark();
 
-    // The complete lines that the process has written after this position, the oldest first. Only
-    // the last 256 KiB are read. Nothing when the log was replaced or shortened meanwhile, or
+    // The complete lines that the process has written after this position, the oldest first. Reads
+    // only the last 256 KiB. Returns nothing when the log was replaced or truncated meanwhile, or
     // cannot be read.
     std::vector<Line> LinesOf(pid_t process) const;
 
   private:
     std::string path_;
-    // All zero for a log that did not exist: every line of a later one comes after this position.
+    // All zero when the log did not exist: every line of a log created later comes after this
+    // position.
     dev_t device_ = 0;
     ino_t inode_ = 0;
     off_t size_ = 0;

@@ -1,4 +1,4 @@
-// A file that appears under its name only once it is whole and durable.
+// A file that appears under its name only when it is complete and durable.
 #pragma once
 
 #include <sys/types.h>
@@ -10,29 +10,29 @@
 
 namespace kro_file {
 
-// Writes under a temporary name in the target's directory. Commit makes the file appear; without it
-// the destructor removes the temporary file. The temporary name is derived from the target's, so
-// that what a crash leaves behind is taken over by the next attempt; a lock on it makes two writers
-// of one target take turns. A crash at any point leaves the old file or the new one under the
-// target's name.
+// Writes under a temporary name in the target's directory. Commit renames the file to the target.
+// Without Commit, the destructor removes the temporary file. The temporary name is derived from the
+// target's name, so that the next attempt replaces the leftover of a crash. A lock on the temporary
+// file makes two writers of one target take turns. After a crash at any point, the target is the
+// old file or the new one.
 class NewFile {
   public:
-    // Opens the temporary file, empty, with `mode` less the umask. Waits for another writer of the
-    // same target. Throws CopyError.
+    // Creates the empty temporary file with `mode` less the umask. Waits for another writer of the
+    // same target. Throws kro_err::SystemError.
     explicit NewFile(std::string target, mode_t mode = 0644);
     ~NewFile();
     NewFile(const NewFile&) = delete;
     NewFile& operator=(const NewFile&) = delete;
 
-    // Open for reading and writing; stays this object's.
+    // The temporary file, open for reading and writing. This object owns the descriptor.
     int fd() const noexcept { return handle_; }
 
-    // fsync, rename, fsync of the directory. Throws CopyError; nothing has appeared then unless
-    // only the last step failed.
+    // Syncs the file, renames it and syncs the directory. Throws CopyError. The target is unchanged
+    // then, unless only the sync of the directory failed.
     void Commit() { Commit(Durability::kNow); }
 
-    // kLater: the rename alone. The caller sees to it that nobody trusts the file before
-    // SyncFileSystem; for thousands of files that can be made again.
+    // kLater: only renames. The file is not durable before SyncFileSystem, so the caller must not
+    // rely on it until then. For thousands of files that can be created again.
     enum class Durability { kNow, kLater };
     void Commit(Durability durability);
 
@@ -43,11 +43,13 @@ class NewFile {
     bool committed_ = false;
 };
 
-// The temporary name of a target's last component, and whether a name has that form.
+// TemporaryName returns the temporary name for the last component of a target. IsTemporaryName is
+// true for a name of that form.
 std::string TemporaryName(std::string_view name);
 bool IsTemporaryName(std::string_view name) noexcept;
 
-// Removes what a crashed writer of `target` left; a temporary file that a writer holds stays.
+// Removes the temporary file that a crashed writer of `target` left. A file that a running writer
+// has locked stays.
 void RemoveTemporary(const std::string& target);
 
 }  // namespace kro_file

@@ -11,48 +11,53 @@
 
 namespace kro_proc {
 
-// The one place that waits for time to pass (kro_clock library; a test links its own).
+// Sleeps, also through signals. The kro_clock library defines it, so that a test can link another
+// clock.
 void Sleep(int milliseconds);
 
-// A pipe: read side, write side; both close-on-exec.
+// Creates a pipe and returns its read side and write side, both close-on-exec.
 std::pair<ResHandle, ResHandle> Pipe();
 
 void SetNonBlocking(int fd);
 
-// A child process that runs another program. The child inherits no descriptor but its standard ones
-// and starts with default signal handling.
+// A child process that runs another program. The child inherits only its standard descriptors. It
+// starts with an empty signal mask and the default actions of SIGPIPE, SIGXFSZ, SIGTERM, SIGINT and
+// SIGCHLD.
 class Execute {
   public:
     explicit Execute(std::vector<std::string> arguments);
-    // A child that still runs is not waited for and not ended.
+    // Neither waits for a running child nor ends it.
     ~Execute() = default;
     Execute(const Execute&) = delete;
     Execute& operator=(const Execute&) = delete;
 
-    // The child's standard input (output, error output) will be `fd`; this process's own copy is
-    // let go once the child runs.
+    // Makes `fd` the child's standard input (output, error output). Run releases this object's copy
+    // after the fork.
     void RedirectInTo(ResHandle fd);
     void RedirectOutTo(ResHandle fd);
 
     void RedirectErrTo(ResHandle fd);
 
-    // The child leads a session of its own, without a terminal: it can ask nobody anything.
+    // The child leads its own session without a terminal, so it cannot prompt the user.
     void LeaveTerminal() noexcept { leave_terminal_ = true; }
 
-    // The child's environment is this process's own but for these: NAME=VALUE sets one, NAME takes
-    // one away.
+    // The child gets this process's environment with these changes: NAME=VALUE sets a variable,
+    // NAME removes one.
     void ChangeEnvironment(std::vector<std::string> changes);
 
-    // Starts the program; a kro_err::Error says why it could not be started.
+    // Starts the program. Throws kro_err::Error with the reason when it cannot be started.
     void Run();
 
-    // Waits for the end: the exit status, or 128 + the signal that ended it. -1 when never run.
+    // Waits until the child has ended. Returns its exit status, or 128 + the signal that ended it,
+    // or -1 when Run was never called.
     int Result();
 
-    // Waits for the end for at most this long; true when the child has ended, or never ran.
+    // Waits at most this long for the child to end. True when the child has ended or was never
+    // started.
     bool Wait(int milliseconds);
 
-    // Sends a signal to a child that has not been waited for; to no other process.
+    // Sends a signal to the child. Does nothing when the child was not started or has been waited
+    // for.
     void Signal(int number) const noexcept;
 
     pid_t pid() const noexcept { return pid_; }
@@ -72,9 +77,9 @@ class Execute {
     int result_ = -1;
 };
 
-// From now on SIGTERM and SIGINT do not end the process: the returned descriptor becomes readable
-// when one arrives. To be called before the process has a second thread. Children started by
-// Execute do not inherit this.
+// Blocks SIGTERM and SIGINT for the process and returns a descriptor that becomes readable when one
+// of them arrives. Must be called before the process has a second thread. Children started by
+// Execute do not inherit the blocked signals.
 ResHandle WatchTermination();
 
 }  // namespace kro_proc

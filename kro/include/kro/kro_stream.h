@@ -1,4 +1,4 @@
-// Reading a file piece by piece.
+// Buffered reading of a file, line by line.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace kro_stream {
 
-// A file opened for buffered reading. A missing file reads as an empty one; other failures are
+// A file opened for buffered reading. A missing file reads as an empty one. Other failures throw
 // kro_err::Error.
 class Input {
   public:
@@ -26,7 +26,8 @@ class Input {
     std::size_t end_ = 0;
 };
 
-// The next line without its separator; false at the end. A last line without a separator counts.
+// Reads the next line without its separator; false at the end. A last line without a separator
+// counts.
 bool GetLine(Input& input, std::string& line, char separator = '\n');
 
 }  // namespace kro_stream

@@ -1,4 +1,4 @@
-// Threads and the lock they share.
+// Threads and mutexes.
 #pragma once
 
 #include <exception>
@@ -11,19 +11,19 @@ namespace kro_thread {
 using SafeLock = std::mutex;
 using SafeSection = std::lock_guard<std::mutex>;
 
-// A running thread. An exception that leaves it is logged at level 3 when it happens and kept.
+// A running thread. An exception that leaves its body is logged at level 3 immediately and stored.
 class Handle {
   public:
     explicit Handle(std::function<void()> body);
-    // Joins; a kept exception is dropped.
+    // Joins the thread and discards a stored exception.
     ~Handle();
     Handle(const Handle&) = delete;
     Handle& operator=(const Handle&) = delete;
 
     bool joinable() const noexcept { return thread_.joinable(); }
 
-    // Waits for the end, then rethrows what left the thread: at every call, so that a failure is
-    // not forgotten once somebody has seen it.
+    // Waits until the thread has ended and rethrows a stored exception. Every call rethrows it, so
+    // that no caller misses a failure that another one has caught.
     void Join();
 
   private:

@@ -1,22 +1,22 @@
-// An owning handle of a file descriptor that can be shared.
+// An owning handle of a file descriptor. Copies share the descriptor.
 #pragma once
 
 #include <memory>
 
-// Copies share one descriptor; it is closed when the last copy goes. The copies may live on
-// different threads, one copy may not be used by two threads at once.
+// Copies share one descriptor, which is closed when the last copy is destroyed. Copies may be used
+// on different threads. Two threads must not use the same copy at once.
 class ResHandle {
   public:
     ResHandle() = default;
 
-    // Takes over `fd`; a negative value makes a handle that is not open.
+    // Takes ownership of `fd`. A negative value makes a handle that is not open.
     explicit ResHandle(int fd);
 
-    // The descriptor's number, -1 when not open.
+    // The descriptor, -1 when not open.
     operator int() const noexcept;
     explicit operator bool() const noexcept { return static_cast<int>(*this) >= 0; }
 
-    // Lets go of this copy's share.
+    // Releases this copy's share of the descriptor.
     void Reset() noexcept { shared_.reset(); }
 
     // Closes the descriptor now, for every copy.

@@ -15,23 +15,23 @@ namespace str {
 bool StartsWith(std::string_view text, std::string_view prefix) noexcept;
 bool EndsWith(std::string_view text, std::string_view suffix) noexcept;
 
-// ASCII letters made small; every other byte stays.
+// Converts ASCII letters to lower case. Other bytes stay unchanged.
 std::string Lower(std::string_view text);
 
-// What stands between the blanks, tabs and line ends at both ends.
+// The text without leading and trailing blanks, tabs and line ends.
 std::string_view Trimmed(std::string_view text) noexcept;
 
-// Cuts `text` at the first occurrence of `separator`: returns what stands before it and leaves what
-// stands behind it. Without an occurrence (an empty separator never occurs) the word is all of
-// `text`, which becomes empty.
+// Removes and returns the part of `text` before the first `separator`, and removes that separator.
+// Without a separator in `text`, or with an empty one, returns all of `text` and leaves it empty.
 std::string GetWord(std::string& text, std::string_view separator = " ");
 
-// Cuts `text` at the last occurrence of `separator`: leaves what stands before it and returns what
-// stands behind it. Without an occurrence `text` stays whole and the result is empty.
+// Removes and returns the part of `text` after the last `separator`, and removes that separator.
+// Without a separator in `text`, or with an empty one, returns an empty text and leaves `text`
+// unchanged.
 std::string RGetWord(std::string& text, std::string_view separator);
 
-// Whole decimal numbers with an optional sign. The empty text is 0; any other text that is not such
-// a number, or is out of range, is a kro_err::Error that quotes it.
+// Parse a decimal integer with an optional sign. The empty text is 0. Throw kro_err::Error, which
+// quotes the text, for any other text and for a number out of range.
 std::int32_t Int(std::string_view text);
 std::int64_t Int64(std::string_view text);
 
@@ -40,27 +40,27 @@ std::string Str(T value) {
     return std::to_string(value);
 }
 
-// `text`, `separator` and `tail` in one; the separator stands only between two texts that are not
-// empty.
+// Concatenates `text`, `separator` and `tail`. Omits the separator when `text` or `tail` is empty.
 std::string Append(const std::string& text, std::string_view tail, std::string_view separator);
 
 namespace inpl {
-// The same, onto `text` itself.
+// Appends `separator` and `tail` to `text` in place. Omits the separator when `text` or `tail` is
+// empty.
 void Append(std::string& text, std::string_view tail, std::string_view separator);
 }  // namespace inpl
 
 std::string Join(const std::vector<std::string>& texts, std::string_view separator);
 std::string Join(const std::set<std::string>& texts, std::string_view separator);
 
-// KEY=VALUE entries in key order.
+// Joins KEY=VALUE entries in key order.
 std::string Join(const std::map<std::string, std::string>& entries, std::string_view separator);
 
-// The reverse: cuts every line at its first "=" (a line without one is a key with an empty value),
-// skips empty lines, strips a carriage return at a line's end. A key given twice keeps the last
-// value.
+// Parses KEY=VALUE lines. Splits every line at its first "=". A line without "=" is a key with an
+// empty value. Skips empty lines and strips a carriage return at the end of a line. Of a repeated
+// key, the last value counts.
 std::map<std::string, std::string> Split(std::string_view text, std::string_view separator);
 
-// `size` bytes of the system's random source.
+// Returns `size` bytes of the system's random source.
 std::string Random(std::size_t size);
 
 namespace base64 {
@@ -68,11 +68,11 @@ std::string Encode(std::string_view bytes);
 }
 
 namespace badchars {
-// Makes a text fit for one field of a line: tab, line feed, carriage return and the escape
-// character itself are written as the escape character and a letter (t, n, r) or the character.
+// Escapes a text for one field of a line: writes tab, line feed, carriage return and the escape
+// character itself as the escape character followed by t, n, r or itself.
 std::string Escape(std::string_view text, char escape);
 
-// The reverse; an escaped character without a meaning of its own stands for itself.
+// Reverses Escape. Any other escaped character yields itself.
 std::string Unescape(std::string_view text, char escape);
 }  // namespace badchars
 
