@@ -1,4 +1,4 @@
-// Starts the program: finds the install root, goes there, and reports what escapes.
+// Starts the program: finds and enters the install root, runs the command and reports its errors.
 
 #include <fcntl.h>
 #include <sys/prctl.h>
@@ -25,7 +25,8 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kProgram = "quarn2_cp";
 
-// The launcher's own place decides, so that several roots work side by side on one machine.
+// Derives the install root from the path of this executable, so that several installations work on
+// one machine.
 std::string FindInstallRoot() {
     char self[PATH_MAX];
     const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
@@ -38,16 +39,17 @@ std::string FindInstallRoot() {
     return kro_file::Path(directory);
 }
 
-// A file opened later must never become a standard stream by accident: the node client's standard
-// output is a protocol.
+// Opens /dev/null for each closed standard stream. Otherwise a file opened later could become
+// standard output, on which the node client speaks its protocol.
 void OpenMissingStandardStreams() {
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
     if (fd >= 0) close(fd);
 }
 
-// Tokens are in the environment and in memory: no dump may show them, and no other process of this
-// user may look in. A dump that goes to a program is held back by the first of the two alone.
+// Protects the tokens in the environment and in memory: disables core dumps and access by other
+// processes of this user. RLIMIT_CORE does not stop a core dump that is piped to a program;
+// PR_SET_DUMPABLE does.
 void KeepSecrets() {
     const rlimit none = {0, 0};
     if (prctl(PR_SET_DUMPABLE, 0) != 0 || setrlimit(RLIMIT_CORE, &none) != 0) {
@@ -63,14 +65,16 @@ void EnterInstallRoot(const std::string& root) {
         throw kro_err::FromErrno("cannot enter install root '" + root + "'");
 }
 
-// Help must work for a user who has no right to the install root.
+// True for --help and --version alone. They must work for a user without access to the install
+// root.
 bool AsksForInformationOnly(int argc, char** argv) {
     return argc == 2 &&
            (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0);
 }
 
-// Writes to a closed pipe and beyond a file size limit fail with an error, which names the file.
-// The program waits for its children, which is impossible where a caller left SIGCHLD ignored.
+// Makes writes to a closed pipe and beyond a file size limit return an error, which names the file.
+// Restores the default for SIGCHLD, because the program cannot wait for its children when the
+// caller left it ignored.
 void SetSignals() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
@@ -88,7 +92,7 @@ int Run(int argc, char** argv) {
     return tovmain(argc, argv);
 }
 
-// A command that the node client refused carries no text when its reason was not found in the log.
+// The error has no text when the node client refused the command and the log contains no reason.
 int Report(const std::exception& error) {
     std::string text = error.what();
     if (text.empty()) text = "the node client refused the command; see var/quarn2_cp.log";
