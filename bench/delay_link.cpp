@@ -1,8 +1,9 @@
-// A link between two network namespaces that delays every packet, for kernels that have no netem:
+// A link between two network namespaces that delays every packet, for kernels without netem:
 //   bench_delay_link NAMESPACE NAMESPACE MILLISECONDS
-// A namespace is named by its file, as /proc/PID/ns/net. Each gets the interface "link0", a TUN
-// device that is still to be given an address and set up. What one of them sends the other receives
-// after the delay, in order. "ready" is written when both exist; they go when standard input ends.
+// A NAMESPACE is a file such as /proc/PID/ns/net. The program creates the TUN device "link0" in
+// both namespaces; the caller assigns the addresses and sets the devices up. Each device receives
+// the packets of the other one in order, after the delay. The program prints "ready" when both
+// devices exist. It exits, which removes them, when standard input ends.
 #include <fcntl.h>
 #include <linux/if.h>
 #include <linux/if_tun.h>
@@ -30,14 +31,15 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLargestPacket = 65536;
-// What a slow receiver leaves lying is dropped above this, as a router would.
+// A lane drops packets beyond this limit, as a router does for a slow receiver.
 constexpr std::size_t kMostQueuedBytes = std::size_t{64} << 20;
 
 [[noreturn]] void Fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-// The device belongs to the namespace that the thread is in when it is made, and stays there.
+// Creates the TUN device in the namespace. The thread enters the namespace first, because a device
+// belongs to the namespace of the thread that creates it.
 int MakeDevice(const std::string& network) {
     const int space = open(network.c_str(), O_RDONLY | O_CLOEXEC);
     if (space < 0) Fail(network);
@@ -62,12 +64,12 @@ class Lane {
   public:
     Lane(int from, int to, Clock::duration delay) : from_(from), to_(to), delay_(delay) {}
 
-    // Takes up what waits to be sent.
+    // Queues all packets that the device has.
     void Receive() {
         for (;;) {
             const ssize_t size = read(from_, buffer_.data(), buffer_.size());
             if (size < 0 && errno == EINTR) continue;
-            // A device that is not up yet has nothing either.
+            // No packet is waiting, or the device is not up yet.
             if (size <= 0) return;
             const auto length = static_cast<std::size_t>(size);
             if (queued_ + length > kMostQueuedBytes) continue;
@@ -76,7 +78,8 @@ class Lane {
         }
     }
 
-    // Hands over what is due. A receiver that is not up yet, or has no room, loses the packet.
+    // Sends the packets that are due. A packet is lost when the receiving device is not up or has
+    // no room.
     void Deliver() {
         const Clock::time_point now = Clock::now();
         while (!packets_.empty() && packets_.front().due <= now) {
@@ -103,13 +106,13 @@ class Lane {
     std::array<char, kLargestPacket> buffer_ = {};
 };
 
-// Nobody reads from standard input: its end is what is waited for.
+// True at the end of standard input. Discards any input before it.
 bool InputEnded(const pollfd& input) {
     char byte = 0;
     return input.revents != 0 && read(STDIN_FILENO, &byte, 1) <= 0;
 }
 
-// Both directions run in one thread each, so that a busy one does not hold up the other.
+// Each direction has its own thread, so that a busy one does not delay the other.
 void RunLane(Lane& lane) {
     for (;;) {
         pollfd wanted = {lane.from(), POLLIN, 0};
@@ -150,6 +153,6 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "bench_delay_link: %s\n", error.what());
         return 1;
     }
-    // The threads wait for packets for ever; the end of the process is theirs.
+    // The threads of the lanes never end, so the process exits without joining them.
     std::_Exit(0);
 }

@@ -1,9 +1,10 @@
-/* Runs a command and writes what it cost:  bench_measured RESULT COMMAND [ARGUMENT...]
-   RESULT gets one line: seconds passed, processor seconds (user and system), kB of the largest
-   process; the command's children that it waited for are included. The exit status is the
-   command's.
+/* Runs a command and measures its cost:  bench_measured RESULT COMMAND [ARGUMENT...]
+   The program writes one line to the file RESULT: elapsed seconds, processor seconds (user and
+   system) and the peak memory of the largest process in kB. The figures include the children that
+   the command has waited for. The exit status is that of the command.
 
-   A process begins with the peak memory of the one that started it, so that one must be small. */
+   The kernel counts the memory of the parent in the peak memory of a new process. So this program,
+   which starts the command, must be small. */
 #include <errno.h>
 #include <spawn.h>
 #include <stdio.h>

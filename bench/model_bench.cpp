@@ -1,4 +1,5 @@
-// The account of a large storage: its memory, one eviction pass, a reservation, a completion.
+// Measures the account of a large storage: memory, an eviction pass, a reservation and a
+// completion.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -17,7 +18,7 @@
 
 namespace {
 
-// A first argument that is a number replaces it.
+// The first argument of the program replaces it, unless that is an option.
 int users = 100'000;
 constexpr int kRecordsEach = 10;
 constexpr std::int64_t kRoom = std::int64_t{1} << 60;
@@ -34,7 +35,8 @@ std::string DateName(int number) {
     return text.data();
 }
 
-// As a scan leaves it: every user has a full, six dailies, a full and dailies again.
+// Fills the account like a start-up scan: each user has a full backup every seven days and
+// incremental ones in between.
 void Fill(GlobalSizeControl& control) {
     control.size_limit = kRoom;
     control.max_count = kRecordsEach;
@@ -60,7 +62,7 @@ void BM_MemoryPerRecord(benchmark::State& state) {
 }
 BENCHMARK(BM_MemoryPerRecord)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// Every user stands at the maximum, so each gives one backup: the most that a pass can have to do.
+// Every user exceeds the limit by one backup, so the plan contains a victim of each user.
 void BM_EvictionPlan(benchmark::State& state) {
     GlobalSizeControl control;
     Fill(control);
@@ -73,8 +75,8 @@ void BM_EvictionPlan(benchmark::State& state) {
 }
 BENCHMARK(BM_EvictionPlan)->Unit(benchmark::kMillisecond);
 
-// The plan and taking the chosen records out of the account, which is a whole pass but for the
-// storage.
+// Plans the eviction and removes the victims from the account: a complete pass without the
+// operations on the storage.
 void BM_EvictionPass(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
         state.PauseTiming();
@@ -93,7 +95,7 @@ void BM_EvictionPass(benchmark::State& state) {
 }
 BENCHMARK(BM_EvictionPass)->Iterations(10)->Unit(benchmark::kMillisecond);
 
-// A session whose client is this process: the answers are taken out of the pipe now and then.
+// A session whose client is this process. The client reads kAnswersAtOnce answers at a time.
 class Link {
   public:
     explicit Link(GlobalSizeControl& control)
@@ -131,10 +133,10 @@ void BM_Reserve(benchmark::State& state) {
     auto& storage = control.storages.at("");
     if (storage.reserved != static_cast<std::int64_t>(state.iterations()) * 1048576) std::abort();
 }
-// As many as fit into the room: none may evict.
+// The number of iterations is limited, so that all reservations fit into kRoom and none evicts.
 BENCHMARK(BM_Reserve)->Iterations(1'000'000)->Unit(benchmark::kNanosecond);
 
-// One completion per user, as many times round as it takes.
+// Sends one completion per user, and starts again with the first user until the measurement ends.
 void Complete(benchmark::State& state, std::int64_t stride) {
     GlobalSizeControl control;
     Fill(control);
@@ -155,7 +157,8 @@ void Complete(benchmark::State& state, std::int64_t stride) {
 void BM_CompleteInOrder(benchmark::State& state) { Complete(state, 1); }
 BENCHMARK(BM_CompleteInOrder)->Unit(benchmark::kNanosecond);
 
-// Users all over the account: hardly any part of it is in the processor's cache.
+// Completes backups of users from all over the account, so that hardly any of it is in the
+// processor's cache.
 void BM_CompleteAtRandom(benchmark::State& state) { Complete(state, 7919); }
 BENCHMARK(BM_CompleteAtRandom)->Unit(benchmark::kNanosecond);
 

@@ -1,7 +1,7 @@
-"""What several machines cost:  nodes.py BINARY, prints the figures as JSON.
+"""Measures the cost of several machines and prints the figures as JSON:  nodes.py BINARY
 
-Machines are those of the system tests; where a session's other end does not matter, a script stands in
-for ssh.
+The machines are those of the system tests. Where the remote end of a session does not matter, a script
+replaces ssh.
 """
 
 import contextlib
@@ -27,8 +27,8 @@ PUTS = 5 if SHORT else 100
 SESSIONS = 5 if SHORT else 50
 SECONDS = 3 if SHORT else 20
 
-# A reservation each second, whatever the answers say, until the server closes its input. A shell gives a
-# background command no input, so the reader is the command in the foreground.
+# Sends a reservation each second and ignores the answers, until the server closes its end. cat runs in the
+# foreground, because a shell redirects the input of a background command from /dev/null.
 SSH = """#!/bin/sh
 while sleep 1; do echo 'RESERVE 1000'; done &
 cat >/dev/null
@@ -37,7 +37,7 @@ kill $!
 
 
 class Site:
-    """Stands in for a test: a folder, and what is to be done at the end."""
+    """Replaces the test case that the machines need: has a folder and runs their clean-up functions."""
 
     def __init__(self, stack):
         self.folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="quarn2-cp-bench-"))
@@ -45,11 +45,11 @@ class Site:
 
 
 def put_times(machine):
-    """Seconds of each --put of a small slice, process start to exit."""
+    """The seconds of each --put of a small slice, from process start to exit."""
     path = write(os.path.join(machine.work, "F2026-03-01.web1.1.dar"), os.urandom(1024))
     times = []
     for number in range(PUTS + 10):
-        # The upload of the run before has ended by then: the next --put of a backup waits for it.
+        # Waits for the end of the previous upload. Otherwise the next --put of the backup would wait for it.
         time.sleep(0.05)
         begin = time.perf_counter()
         result = machine.run("--put", "--no-delete", path)
@@ -62,7 +62,7 @@ def put_times(machine):
 
 
 def round_trip(node):
-    """Seconds of a round trip over the cable: being refused by a port takes one."""
+    """The seconds of a round trip over the cable. A refused connection takes one round trip."""
     script = """
 import socket, time
 begin = time.perf_counter()
@@ -95,13 +95,13 @@ def processor_seconds(pid):
 
 
 def memory(pid):
-    """KiB that the process has for itself."""
+    """The private memory of the process in KiB."""
     with open(f"/proc/{pid}/smaps_rollup", encoding="ascii") as rollup:
         return sum(int(line.split()[1]) for line in rollup if line.startswith("Private_"))
 
 
 def served_server(root, count):
-    """A server with so many sessions beside its own, each of which has had its first answer."""
+    """Starts a server with `count` sessions besides its own and waits until each has had its first answer."""
     write_executable(root.file("bin/ssh"), SSH)
     nodes = [word for number in range(count) for word in ("--node", f"node{number}")]
     path = root.file("bin") + ":" + os.environ["PATH"]

@@ -1,5 +1,5 @@
-/* Reads every ".info" file of a directory once, one by one, and does nothing with it: the least
-   that a start-up scan can cost.  bench_read_files DIRECTORY */
+/* Reads every ".info" file of a directory once and discards the content: the minimum cost of a
+   start-up scan.  bench_read_files DIRECTORY */
 #include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>

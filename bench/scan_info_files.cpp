@@ -1,4 +1,4 @@
-// The start-up scan alone, over a directory of info files:  bench_scan DIRECTORY DATE
+// Runs only the start-up scan, over a directory of info files: bench_scan DIRECTORY DATE
 #include <cstdio>
 #include <exception>
 

@@ -1,4 +1,4 @@
-// Many operations on one storage object, as a rescan, an eviction and a node client do them:
+// Runs many operations on one storage object, as a rescan, an eviction and a node client do:
 //   BACKUP_TOKEN=... bench_storage put DIRECTORY | get DIRECTORY | list | remove | clear
 #include <cstdio>
 #include <cstdlib>
@@ -32,7 +32,7 @@ std::size_t Put(quarn2::Storage& storage, const std::string& directory) {
     return count;
 }
 
-// As the rescan does: durable all at once in the end.
+// Downloads all files like a rescan: syncs the file system once at the end, not each file.
 std::size_t Get(quarn2::Storage& storage, const std::string& directory) {
     storage.DeferSync(true);
     const std::vector<std::string> names = Names(storage);

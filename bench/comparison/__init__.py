@@ -1,1 +1,1 @@
-"""What compare-storages is made of."""
+"""The modules of bench/compare-storages."""

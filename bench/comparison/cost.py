@@ -1,4 +1,4 @@
-"""What a command costs its machine, measured around the command and nothing else."""
+"""Measures the cost of a single command: time, processor time and peak memory."""
 
 import contextlib
 import dataclasses
@@ -10,18 +10,18 @@ import subprocess
 
 
 class Failed(Exception):
-    """A tool that did not do its work: the figures would be worth nothing."""
+    """Raised when a tool did not do its work, so that its figures would be meaningless."""
 
 
 @dataclasses.dataclass
 class Command:
-    """A program with its arguments, or several in a line of the shell."""
+    """A program with its arguments, or a shell command line of several programs."""
 
     arguments: list
     environment: dict = dataclasses.field(default_factory=dict)
 
     def then_sync(self, path, whole_file_system=False):
-        """A download of ours is durable when it ends, so others' have to be."""
+        """Adds a sync to a peer's download, because our downloads are durable when they end."""
         text = f"{shlex.join(self.arguments)} && sync {'-f ' if whole_file_system else ''}"
         return shell(text + shlex.quote(path), self.environment)
 
@@ -34,7 +34,7 @@ def shell(text, environment=None):
 class Cost:
     wall: float  # seconds
     processor: float  # seconds, user and system, all processes of the client
-    memory: float  # MiB, the largest of them
+    memory: float  # MiB, of the largest process
 
 
 def median(costs):
@@ -43,21 +43,21 @@ def median(costs):
 
 
 def clean_environment():
-    """Settings of the machine that point to other authorities, accounts or proxies stay out."""
+    """The environment without settings of this program, of certificate authorities, accounts and proxies."""
     heads = ("AWS_", "RCLONE_", "SSL_CERT", "CURL_", "REQUESTS_", "QUARN2_", "KRO_", "BACKUP_")
     return {name: value for name, value in os.environ.items()
             if not name.startswith(heads) and not name.lower().endswith("_proxy")}
 
 
 def end_group(process):
-    """Ends a process that was started with a group of its own, and its children."""
+    """Kills a process that leads its own process group, and its children."""
     with contextlib.suppress(ProcessLookupError):
         os.killpg(process.pid, signal.SIGKILL)
     process.wait()
 
 
 def run(arguments, environment=None, **options):
-    """Runs a helper to its end; what it wrote. Never measured."""
+    """Runs a helper program without measuring it and returns its output. Raises Failed when it fails."""
     result = subprocess.run(arguments, env={**clean_environment(), **(environment or {})},
                             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE, check=False, text=True, **options)
@@ -67,7 +67,7 @@ def run(arguments, environment=None, **options):
 
 
 class Meter:
-    """Runs commands, where `prefix` says (another network), and tells their cost."""
+    """Runs commands and returns their cost. `prefix` is a command that enters another network."""
 
     def __init__(self, program, place, prefix=()):
         self.program = program
@@ -76,7 +76,7 @@ class Meter:
         self.prefix = list(prefix)
 
     def measure(self, command):
-        # What ran before must not have its data written in this command's time.
+        # Writes the data of the previous command now, so that it does not slow this one.
         os.sync()
         with open(self.output, "w+", encoding="utf-8", errors="replace") as output:
             process = subprocess.Popen(
@@ -98,14 +98,14 @@ class Meter:
 
 
 def spent(pid):
-    """Processor seconds of a running process, with those of its ended children."""
+    """The processor seconds of a running process and of its ended children."""
     with open(f"/proc/{pid}/stat", encoding="utf-8") as stat:
         words = stat.read().rpartition(")")[2].split()
     return sum(int(word) for word in words[11:15]) / os.sysconf("SC_CLK_TCK")
 
 
 def peak(pid):
-    """The most memory that a running process ever held, in MiB."""
+    """The peak memory of a running process in MiB."""
     with open(f"/proc/{pid}/status", encoding="utf-8") as status:
         return next(int(line.split()[1]) for line in status if line.startswith("VmHWM")) / 1024
 

@@ -1,7 +1,7 @@
-"""Two networks, one for the server and one for the clients, with a long way between them.
+"""Two networks, one for the server and one for the clients, with a delayed link between them.
 
-In both, the server is 127.0.0.1: addresses are translated at the two ends of the link. So nothing
-(certificates, host keys, what a server says about itself) differs from a run without the link.
+In both networks, the server has the address 127.0.0.1, because both ends of the link translate addresses.
+So certificates, host keys and the addresses in the server's replies are the same as without the link.
 """
 
 import subprocess
@@ -32,7 +32,7 @@ SERVER_RULES = """table ip link {
 
 
 class Network:
-    """A network namespace; a process that sleeps keeps it."""
+    """A network namespace, which a sleeping process keeps alive."""
 
     def __init__(self):
         self.keeper = subprocess.Popen(["unshare", "--net", "sh", "-c", "echo made; exec sleep infinity"],
@@ -59,7 +59,7 @@ class Network:
 
 
 class Link:
-    """As a context manager: the networks `client` and `server`, a round trip of so long apart."""
+    """A context manager with the networks `client` and `server` and the given round trip time between them."""
 
     def __init__(self, program, round_trip_milliseconds):
         self.program = program

@@ -1,4 +1,4 @@
-"""The program, and the library beneath it on one storage object."""
+"""The measured program, and its library with one storage object."""
 
 import contextlib
 import os
@@ -31,7 +31,7 @@ class Ours(Peer):
 
 
 class Library(Ours):
-    """What a rescan, an eviction and a node client do: many operations on one storage object."""
+    """Runs many operations on one storage object, as a rescan, an eviction and a node client do."""
 
     name = "library"
 
@@ -56,7 +56,7 @@ class Library(Ours):
 
 
 class Program(Ours):
-    """One process of the program for a file; for many files a --put each, through a node client."""
+    """Runs one process for a single file. For many files, runs a --put for each through a node client."""
 
     name = "quarn2_cp"
 
@@ -69,7 +69,7 @@ class Program(Ours):
         shutil.copy2(os.path.join(build, "launcher/quarn2_cp"), self.program)
 
     def up(self, local, name, password=None):
-        # --update takes the file's place on the storage from the info file beside it.
+        # --update reads the file's name on the storage from the info file in the same directory.
         with open(os.path.join(os.path.dirname(local), f"{DATE}.{USER}.info"), "w",
                   encoding="ascii") as info:
             info.write(f"last-slice={name}\ntype=full\ncreated={DATE} 01:00:00")
@@ -107,12 +107,12 @@ class Program(Ours):
                           f" {put} --isolated {shlex.quote(index)}")
 
     def added(self):
-        """What a backup has besides its slices."""
+        """The files that a backup has besides its slices."""
         return [f"{DATE}.{USER}.1.dar", f"{DATE}.{USER}.info"]
 
     @contextlib.contextmanager
     def session(self):
-        """A server and its node client. What they spend is the client's too: adds it to a cost."""
+        """Runs a server and its node client. Yields a function that adds their cost to the cost of the commands."""
         server = subprocess.Popen(
             [*self.prefix, self.program, "--server", "--date", DATE, "--count-limit", "0:1000"],
             env={**cost.clean_environment(), **self.environment()}, stdin=subprocess.PIPE,

@@ -1,6 +1,6 @@
-"""The tools people use: for each, the command of each piece of work. None: it has no such thing.
+"""The tools that people use. Each method returns the command for one kind of work, or None if the tool has none.
 
-Each has its sensible defaults and, where it offers that, eight transfers at once.
+Each tool runs with sensible defaults and, if it supports that, with eight parallel transfers.
 """
 
 import os
@@ -19,31 +19,31 @@ class Peer:
         self.site = site
 
     def up(self, local, name):
-        """One file onto the storage."""
+        """Uploads one file."""
 
     def down(self, name, local):
-        """And back."""
+        """Downloads one file."""
 
     def sealed_up(self, local, name):
-        """The same, encrypted on this side."""
+        """Encrypts one file on the client and uploads it."""
 
     def sealed_down(self, name, local):
-        """And back."""
+        """Downloads one file and decrypts it on the client."""
 
     def up_many(self, folder):
-        """All files of a directory."""
+        """Uploads all files of a directory."""
 
     def down_many(self, names, folder):
-        """All files of the storage."""
+        """Downloads all files of the storage."""
 
     def list(self):
-        """The names on the storage."""
+        """Lists the names on the storage."""
 
     def remove_each(self, names):
-        """These files, each for itself."""
+        """Removes these files one by one."""
 
     def remove_all(self):
-        """All files at once, as quickly as the tool can."""
+        """Removes all files in the tool's fastest way."""
 
 
 class Rclone(Peer):
@@ -55,13 +55,13 @@ class Rclone(Peer):
         self.root = "r:" + path
         self.environment = {"RCLONE_CONFIG_R_" + name: value for name, value in remote.items()}
         if site.tls:
-            # Its FTP part looks for authorities where its language does, not at --ca-cert.
+            # rclone's FTP backend ignores --ca-cert and reads the variable of its language's standard library.
             self.environment.update(RCLONE_CA_CERT=site.info["ca"], SSL_CERT_FILE=site.info["ca"])
 
     def command(self, *arguments, environment=None):
         options = ["--config", "/dev/null", "--transfers", PARALLEL, "--checkers", PARALLEL]
         if self.site.server == "ftp":
-            # Several streams break off large downloads over FTP.
+            # Several streams interrupt large downloads over FTP.
             options += ["--multi-thread-streams", "0"]
         return Command(["rclone", *options, *arguments], {**self.environment, **(environment or {})})
 
@@ -99,12 +99,12 @@ class Rclone(Peer):
 
     def remove_all(self):
         if self.site.server == "s3":
-            return None  # it has nothing quicker there
+            return None  # rclone has no faster way for S3
         return self.command("purge", self.root)
 
 
 class AgeRclone(Rclone):
-    """Encryption by age, and a pipe."""
+    """Encrypts with age and transfers through a pipe with rclone."""
 
     name = "age+rclone"
     up = down = up_many = down_many = list = remove_each = remove_all = (
@@ -148,7 +148,7 @@ class OpenSftp(OpenSsh):
         path = self.site.write("sftp-batch", "".join(line + "\n" for line in lines))
         return Command(["sftp", *self.options("-P"), "-b", path, f"{self.host}:{self.site.data}"])
 
-    # With -f the server syncs the file, as it does for us.
+    # put -f makes the server sync the file, as it does for our uploads.
     def up(self, local, name):
         return self.batch(f"put -f {local} {name}")
 
@@ -182,7 +182,7 @@ class Scp(OpenSsh):
 
 
 class Curl(Peer):
-    """Of HTTP and FTP alike: a file of options, in which the secrets are."""
+    """curl for HTTP and FTP. Its options are in a file, because they contain secrets."""
 
     name = "curl"
 
@@ -259,7 +259,7 @@ class CurlFtp(Curl):
 
 
 class CurlS3(Curl):
-    # A stream without a length and several requests with one signature are beyond it.
+    # curl can sign neither a stream of unknown length nor several requests of one command.
     up_many = down_many = sealed_up = sealed_down = lambda self, *arguments: None
 
     def account(self):
@@ -368,7 +368,7 @@ class Lftp(Peer):
                 f'open -u "{info["user"]},{escaped(info["password"])}" -p {site.port} 127.0.0.1',
                 f"cd /{FOLDER}"]
         path = site.write("lftp-script", "".join(line + "\n" for line in [*head, *lines, "bye"]))
-        # Its settings of the user and of the system stay out.
+        # Ignores the lftp settings of the user and of the system.
         return Command(["lftp", "--norc", "-f", path], {"LFTP_HOME": site.file("tmp")})
 
     def up(self, local, name):

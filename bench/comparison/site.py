@@ -1,4 +1,4 @@
-"""A server under measurement: its storage as each tool names it, and what lies there, seen past the tools."""
+"""A measured server: the settings that each tool needs, and access to its files without these tools."""
 
 import os
 import shutil
@@ -8,7 +8,7 @@ import urllib.parse
 from . import cost
 
 TESTS = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..", "tests")
-FOLDER = "bench"  # the storage, on every server
+FOLDER = "bench"  # the directory or bucket of the storage, on every server
 
 
 def quoted(text):
@@ -16,7 +16,7 @@ def quoted(text):
 
 
 class Site:
-    """A running server. `near` is put before commands that are to be run beside it."""
+    """A running server. `near` is the command prefix that runs a command in the server's network."""
 
     server = ""
     tls = False
@@ -42,7 +42,7 @@ class Site:
 
     def serve(self, *arguments):
         cost.run([*self.near, sys.executable, "-B", "-m", "servers", *arguments],
-                 # Where the unpacked servers lie is told by the caller's environment.
+                 # The caller's environment contains the path of the unpacked servers.
                  {name: value for name, value in os.environ.items() if name.startswith("QUARN2_")},
                  cwd=TESTS)
 
@@ -50,7 +50,7 @@ class Site:
         return os.path.join(self.path, name)
 
     def write(self, name, text):
-        """A file with secrets in it, for a tool to read."""
+        """Writes a file with secrets for a tool, readable by this user only, and returns its path."""
         path = self.file("tmp/" + name)
         with open(path, "w", encoding="utf-8", opener=lambda p, f: os.open(p, f, 0o600)) as file:
             file.write(text)
@@ -61,7 +61,7 @@ class Site:
         return self.info["tls_port" if self.tls else "port"]
 
     def token(self, password=None):
-        """As BACKUP_TOKEN."""
+        """The value of BACKUP_TOKEN for this storage."""
         parameters = self.parameters()
         if password:
             parameters["arch_password"] = password
@@ -74,40 +74,40 @@ class Site:
     def parameters(self):
         return {"ca": self.info["ca"]} if self.tls else {}
 
-    # --- For the kinds of servers ---
+    # --- Implemented by each kind of server ---
 
     scheme = ""
 
     def prepare(self):
-        """Makes the storage."""
+        """Creates the storage."""
         raise NotImplementedError
 
     def storage_path(self):
-        """The storage in the token."""
+        """The path of the storage in the token."""
         raise NotImplementedError
 
     def rclone(self):
         """(environment, path of the storage on the remote "r:")."""
         raise NotImplementedError
 
-    # --- The storage, past the tools that are measured ---
+    # --- Access to the storage without the measured tools ---
 
     def empty(self):
         raise NotImplementedError
 
     def fill(self, names):
-        """Makes small files of these names, on an empty storage."""
+        """Creates a small file for each name on the empty storage."""
         raise NotImplementedError
 
     def count(self):
         raise NotImplementedError
 
     def check_file(self, name, local):
-        """That the storage holds this file with the content of the local one."""
+        """Checks that the storage has this file with the content of the local one."""
         raise NotImplementedError
 
     def check_folder(self, local):
-        """That the storage holds exactly what the local directory does."""
+        """Checks that the storage has exactly the files of the local directory."""
         raise NotImplementedError
 
     def drop(self, names):
@@ -115,7 +115,7 @@ class Site:
 
 
 class Served(Site):
-    """Of a server whose files are those of a directory."""
+    """A server that stores its files in a local directory."""
 
     def prepare(self):
         self.data = os.path.join(self.info["data"], FOLDER)
@@ -138,7 +138,7 @@ class Served(Site):
                 os.fchown(file.fileno(), *self.owner)
 
     def count(self):
-        # Some tools take the directory along.
+        # Some tools remove the directory too.
         return len(os.listdir(self.data)) if os.path.isdir(self.data) else 0
 
     def check_file(self, name, local):
@@ -164,7 +164,7 @@ class Sftp(Served):
     def rclone(self):
         return {"TYPE": "sftp", "HOST": "127.0.0.1", "PORT": self.port, "USER": self.info["user"],
                 "KEY_FILE": self.info["key"], "KNOWN_HOSTS_FILE": self.info["known_hosts"],
-                # The account has no shell, so sums are out of reach for everybody.
+                # The account has no shell, so no tool can compute checksums on the server.
                 "SHELL_TYPE": "none", "DISABLE_HASHCHECK": "true"}, self.data
 
 
@@ -231,7 +231,7 @@ class S3(Site):
                 "ACCESS_KEY_ID": self.info["user"], "SECRET_ACCESS_KEY": self.info["password"],
                 "REGION": self.info["region"], "NO_CHECK_BUCKET": "true"}, FOLDER
 
-    # --- Beside the server, in the clear ---
+    # --- Requests in the server's network, without TLS ---
 
     @property
     def plain_url(self):

@@ -10,7 +10,7 @@ def number(value):
 
 
 def against(ours, peers, field):
-    """"OURS / THEIRS TOOL  RATIO" of one field, the peer being the one that is best in it."""
+    """The cells "OURS / THEIRS TOOL" and "RATIO" of one field, against the peer that is best in it."""
     mine = getattr(ours, field)
     if not peers:
         return f"{number(mine):>6}", ""
@@ -22,7 +22,7 @@ def against(ours, peers, field):
 
 class Table:
     def __init__(self):
-        self.rows = []  # (what, our tool, Cost of ours, {peer: Cost})
+        self.rows = []  # (title, our tool, its Cost, {peer: Cost})
         self.trouble = []
 
     def add(self, what, results):

@@ -1,4 +1,4 @@
-"""The pieces of work. Each is done by all tools in turn, round after round, on the same server."""
+"""The kinds of work. In each round, all tools do the same work one after another on the same server."""
 
 import contextlib
 import os
@@ -13,20 +13,20 @@ MIB = 1 << 20
 class Sizes:
     def __init__(self, big, files, names, rounds):
         self.big = big  # bytes of the large file
-        self.files = files  # of 64 KiB
+        self.files = files  # number of files of 64 KiB
         self.names = names
         self.rounds = rounds
 
 
 def make_noise(path, size):
-    """Data that nothing makes smaller."""
+    """Writes a file of random data, which cannot be compressed."""
     with open(path, "wb") as file:
         while size > 0:
             size -= file.write(os.urandom(min(size, 8 * MIB)))
 
 
 class Bench:
-    """`where` is said in the table behind each piece of work."""
+    """Runs the work of all tools. The table shows `where` after the title of each kind of work."""
 
     def __init__(self, site, tools, meter, place, sizes, table, where):
         self.site, self.tools, self.meter = site, tools, meter
@@ -66,7 +66,7 @@ class Bench:
     # --- Measuring ---
 
     def run(self, titles, steps, rounds):
-        """`steps(tool)` yields (number of the title, Cost) of what the tool can do."""
+        """`steps(tool)` yields (index of the title, Cost) for each step that the tool supports."""
         results = [{} for _ in titles]
         for _ in range(rounds):
             for tool in list(self.tools):
@@ -99,7 +99,7 @@ class Bench:
         self.run([f"{self.size()} up", f"{self.size()} down"], self.big_steps, self.sizes.rounds)
 
     def warm_up(self):
-        """A server that has just started is slow; whoever comes first would pay for it."""
+        """Uploads a file first, because a server that has just started would be slow for the first tool."""
         source = self.big_source()
         self.site.empty()
         peer = next(tool for tool in self.tools if not isinstance(tool, Ours))
@@ -131,7 +131,7 @@ class Bench:
         command = tool.sealed_up(source, os.path.basename(source))
         if command:
             spent = self.meter.measure(command)
-            # What was stored is right if it comes back right.
+            # The stored file is encrypted, so the correct download is the check of the upload.
             fetched = list(self.fetch(tool, tool.sealed_down, source))
             yield 0, spent
             yield from fetched
