@@ -10,7 +10,7 @@ From a test that needs a server of its own:
     with servers.Sshd(directory) as server:
         server.info["port"]
 
-Everything listens on loopback addresses only and runs as root, as the continuous integration does.
+The servers listen on loopback addresses only. They must be started as root, as in continuous integration.
 """
 
 from .base import Server, ServerError

@@ -1,4 +1,4 @@
-"""What the servers share: a directory, processes with pid files, readiness, server.info."""
+"""The base class of the servers: a directory, processes with pid files, readiness, server.info."""
 
 import base64
 import contextlib
@@ -21,7 +21,7 @@ INSTALL = "run 'scripts/install-deps servers' as root"
 
 
 class ServerError(Exception):
-    """A server that cannot run, and what to do about it."""
+    """Raised when a server cannot run. The text contains what to do."""
 
 
 def mounts_below(folder):
@@ -34,22 +34,22 @@ def mounts_below(folder):
 
 
 class Server:
-    """One server (or a family that works together) with everything it has in one directory.
+    """One server (one or several processes) with all its files in one directory.
 
-    As a context manager it is started and stopped. `info` holds what server.info does.
+    As a context manager it starts and stops the server. `info` has the keys and values of server.info.
     """
 
     name = ""
-    programs = ()  # those that must be there
-    owner = "root"  # of the files it serves
+    programs = ()  # the required programs
+    owner = "root"  # the owner of the served files
 
     def __init__(self, directory):
         self.path = os.path.abspath(directory)
         self.data = self.file("data")
         self.info_path = self.file("server.info")
         self.info = {}
-        self._own = {}  # pid -> Popen of what this object started
-        self._commands = {}  # name -> how it was started
+        self._own = {}  # pid -> Popen, for each process that this object started
+        self._commands = {}  # process name -> its arguments
 
     def __enter__(self):
         self.start()
@@ -61,18 +61,18 @@ class Server:
     def file(self, *parts):
         return os.path.join(self.path, *parts)
 
-    # --- For the servers ---
+    # --- For the subclasses ---
 
     def launch(self, base):
-        """Starts the processes on the ports from `base` on; adds to `info`."""
+        """Starts the processes on the ports from `base` upwards and completes `info`."""
         raise NotImplementedError
 
     def is_ready(self):
-        """Whether requests are answered."""
+        """True when the server answers requests."""
         raise NotImplementedError
 
     def prepare(self):
-        """Once all is ready: users and the like."""
+        """Prepares the running server, for example creates its users."""
 
     def write(self, path, text, mode=0o644):
         with open(self.file(path), "w", encoding="utf-8") as file:
@@ -81,7 +81,7 @@ class Server:
         return self.file(path)
 
     def run(self, *arguments, **options):
-        """Runs a tool to its end; its output. A failure tells what it said."""
+        """Runs a tool and returns its output. If the tool fails, raises ServerError with its output."""
         result = subprocess.run(arguments, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                 check=False, text=True,
                                 **({} if "input" in options else {"stdin": subprocess.DEVNULL}),
@@ -92,7 +92,7 @@ class Server:
         return result.stdout
 
     def spawn(self, name, *arguments):
-        """Starts a process that stays in the foreground. It keeps none of our descriptors."""
+        """Starts a process that stays in the foreground. It inherits no descriptor of this process."""
         with open(self.file("log", name + ".out"), "ab") as out:
             process = subprocess.Popen(arguments, cwd=self.path, stdin=subprocess.DEVNULL,
                                        stdout=out, stderr=out, start_new_session=True)
@@ -101,12 +101,12 @@ class Server:
         self.write(f"run/{name}.id", processes.identity(process.pid) or f"{process.pid} ended")
 
     def pid(self, name):
-        """The process id of a running process of this server."""
+        """The id of a process that spawn() has started under this name."""
         with open(self.file("run", name + ".id"), encoding="ascii") as file:
             return int(file.read().split()[0])
 
     def serve_directory(self):
-        """Makes the directory of the files to be served."""
+        """Creates the directory of the served files and adds it to `info`."""
         os.makedirs(self.data, exist_ok=True)
         user = pwd.getpwnam(self.owner)
         os.chown(self.data, user.pw_uid, user.pw_gid)
@@ -120,13 +120,13 @@ class Server:
         return self.file("tls", f"{name}.{part}")
 
     def web_password(self):
-        """A line for a web server's file of users. Its hash is the quickest: it is computed for each
-        request, and a slow one would be all that a test of small files measures."""
+        """The line of a web server's password file. It uses the fastest hash: the server computes it for each
+        request, so a slow hash would dominate the measurements of small files."""
         digest = hashlib.sha1(self.info["password"].encode()).digest()
         return f"{self.info['user']}:{{SHA}}{base64.b64encode(digest).decode()}\n"
 
     def answers(self, port, greeting, request=b""):
-        """Whether somebody accepts connections on the port, and begins with this greeting."""
+        """True when a server accepts a connection on the port and its reply begins with this greeting."""
         try:
             with socket.create_connection(("127.0.0.1", port), 1) as peer:
                 peer.settimeout(5)
@@ -150,7 +150,7 @@ class Server:
         self.check_reach()
         certificates.make(self.file("tls"))
         self.info = {"name": self.name, "host": "127.0.0.1", "user": "tester",
-                     # Every character that a token or a file of passwords could stumble over.
+                     # Contains the characters that need escaping in a token or in a password file.
                      "password": "p@ss/w%rd? #" + secrets.token_hex(4),
                      "ca": self.file("tls", "ca.crt"), "directory": self.path}
         try:
@@ -178,17 +178,17 @@ class Server:
         os.rename(self.write("server.info.new", lines, 0o600), self.info_path)
 
     def kill(self, number=signal.SIGKILL):
-        """As if the machine went down: no process has time for a word. Or any other signal."""
+        """Sends a signal to all processes of the server. SIGKILL ends all at once, like a crash of the machine."""
         main = self.processes()
         if number == signal.SIGKILL:
-            processes.send(main, signal.SIGSTOP)  # no more children from now on
+            processes.send(main, signal.SIGSTOP)  # so that they start no more children
         family = [each for process in main for each in processes.tree(process)]
         processes.send(family, number)
         if number == signal.SIGKILL:
             processes.wait_end(family, 10)
 
     def revive(self):
-        """Starts again what was killed, on the same ports and with what it had."""
+        """Restarts the killed processes with the same ports and data."""
         killed = [pid for pid, process in self._own.items() if process.poll() is not None]
         for pid in killed:
             del self._own[pid]
@@ -198,7 +198,7 @@ class Server:
         self.wait_ready()
 
     def stop(self):
-        """Stops what this directory's pid files name and removes all but the logs."""
+        """Stops the processes in this directory's pid files and removes all files but the logs."""
         self.end_processes()
         for point in mounts_below(self.path):
             subprocess.run(["umount", "--lazy", point], check=False)
@@ -212,10 +212,10 @@ class Server:
                 else:
                     os.unlink(path)
 
-    # --- Inside ---
+    # --- Internal ---
 
     def processes(self):
-        """The running ones of this directory, as identities, the last started first."""
+        """The identities of this directory's running processes, the last started first."""
         with contextlib.suppress(FileNotFoundError):
             names = [name for name in os.listdir(self.file("run")) if name.endswith(".id")]
             paths = sorted((self.file("run", name) for name in names), key=os.path.getmtime)
@@ -255,7 +255,7 @@ class Server:
             raise ServerError(f"{self.name} lacks {', '.join(missing)}: {INSTALL}")
 
     def check_reach(self):
-        """The files are served by users who are not root: they must be able to get there."""
+        """Checks that the user who serves the files, unless it is root, can enter their directory."""
         folder = self.path
         while folder != "/" and self.owner != "root":
             if not os.stat(folder).st_mode & 0o001:

@@ -1,11 +1,11 @@
-"""A certificate authority of a server's own, a good certificate and bad ones.
+"""Creates a certificate authority for one server, a valid certificate and invalid ones.
 
     ca.crt           signs server.* and expired.*
     server.{crt,key,pem}       for localhost, *.localhost, 127.0.0.1 and 127.0.0.2
-    expired.{crt,key,pem}      the same, but its time is over
-    self_signed.{crt,key,pem}  the same, but signed by nobody
+    expired.{crt,key,pem}      the same, but expired
+    self_signed.{crt,key,pem}  the same, but self-signed
 
-A .pem file holds the key and the certificate.
+A .pem file contains the key and the certificate.
 """
 
 import os

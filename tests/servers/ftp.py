@@ -6,7 +6,7 @@ import pwd
 from .base import INSTALL, TOP, Server, ServerError
 from .ports import BLOCK
 
-# Debian's FTP servers cannot be installed together, so they are only unpacked, side by side.
+# Debian's FTP server packages conflict with each other, so they are only unpacked, each in its own directory.
 DAEMONS = os.environ.get("QUARN2_FTP_DAEMONS", os.path.join(TOP, "build/ftp-daemons"))
 
 
@@ -33,8 +33,8 @@ class PureFtpd(Server):
         self.info.update(port=base, tls_port=base, expired_port=last - 1, self_signed_port=last,
                          first_passive_port=base + 1, last_passive_port=last - 10, path="/")
         self.start_daemon("server", base, base + 1, last - 10)
-        # A handshake that fails needs no data connection, but a range of one port makes pure-ftpd
-        # spoil its memory.
+        # A client that rejects the certificate opens no data connection. But with a range of one port,
+        # pure-ftpd corrupts its memory.
         self.start_daemon("expired", last - 1, last - 9, last - 6)
         self.start_daemon("self_signed", last, last - 5, last - 2)
 
@@ -43,7 +43,7 @@ class PureFtpd(Server):
                    for key in ("port", "expired_port", "self_signed_port"))
 
     def make_users(self):
-        """The line that pure-pw would write, with a hash that is not made to be slow."""
+        """Writes the line that pure-pw would write, but with a faster password hash."""
         user = pwd.getpwnam(self.owner)
         hashed = self.run("openssl", "passwd", "-6", "-stdin", input=self.info["password"]).strip()
         lines = (f"{self.info['user']}:{hashed}:{user.pw_uid}:{user.pw_gid}::{self.data}/./"

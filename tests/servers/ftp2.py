@@ -1,4 +1,4 @@
-"""FTP, a second opinion: ProFTPD, plain and with explicit TLS on one port."""
+"""A second FTP server: ProFTPD, plain and with explicit TLS on one port."""
 
 import os
 import pwd

@@ -1,7 +1,7 @@
-"""FTP, a third opinion: vsftpd, which has no machine listings.
+"""A third FTP server: vsftpd, which has no machine-readable listings.
 
-Plain and explicit TLS on one port. One process demands that data connections reuse the control
-connection's TLS session, as vsftpd does unless it is configured otherwise; another one does not.
+It offers plain FTP and explicit TLS on one port. One process requires that data connections reuse the TLS
+session of the control connection, which is vsftpd's default. Another process does not require it.
 """
 
 import os
@@ -11,13 +11,13 @@ from .base import Server
 from .ftp import DAEMONS, check_unpacked
 from .ports import BLOCK
 
-# The PAM service that every Debian system has. It checks the user's password.
+# A PAM service that exists on every Debian system. It checks the user's password.
 PAM_SERVICE = "other"
 
 
 class Vsftpd(Server):
     name = "ftp3"
-    owner = "daemon"  # vsftpd needs a user with a home directory that exists
+    owner = "daemon"  # vsftpd needs a user with an existing home directory
     program = os.path.join(DAEMONS, "vsftpd/usr/sbin/vsftpd")
     programs = ("useradd", "chpasswd")
 
@@ -48,7 +48,7 @@ class Vsftpd(Server):
         self.spawn("vsftpd-" + name, self.program, config)
 
     def config(self, name, port, require_reuse):
-        # Its filter of system calls ends sessions on current kernels.
+        # seccomp_sandbox=NO, because vsftpd's filter of system calls ends sessions on current kernels.
         return f"""listen=YES
 listen_address=127.0.0.1
 listen_port={port}

@@ -1,11 +1,11 @@
-"""FTP, a fourth opinion: pyftpdlib, which closes a data connection whose TLS handshake begins early."""
+"""A fourth FTP server: pyftpdlib, which closes a data connection whose TLS handshake begins early."""
 
 import os
 
 from .base import INSTALL, Server, ServerError
 from .ports import BLOCK
 
-# Debian's own interpreter: another one in the path does not have Debian's modules.
+# Debian's own interpreter, because another one in PATH does not have Debian's modules.
 PYTHON = "/usr/bin/python3"
 
 

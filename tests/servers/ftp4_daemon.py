@@ -1,4 +1,4 @@
-"""The process of the server in ftp4.py:  ftp4_daemon.py SETTINGS
+"""The server process of ftp4.py:  ftp4_daemon.py SETTINGS
 
 SETTINGS is a file of KEY=VALUE lines.
 """
@@ -24,7 +24,7 @@ def main():
                               int(settings["last_passive_port"]) + 1)
 
     server = FTPServer(("127.0.0.1", int(settings["port"])), Handler)
-    Handler.get_ssl_context()  # while the certificate's key can be read
+    Handler.get_ssl_context()  # before setuid, because only root can read the key
     os.setgid(int(settings["gid"]))
     os.setuid(int(settings["uid"]))
     os.umask(0o022)

@@ -1,9 +1,9 @@
-"""Ports for a server, in one run of neighbours.
+"""Blocks of consecutive ports for the servers.
 
-They lie below the range from which the kernel takes ports for outgoing connections, so that nothing
-takes one by chance. Each is free on 127.0.0.1 for the server and on 127.0.0.2 for a relay before it.
-A server holds its block by listening on the first port; until it does, the block is held on
-127.0.0.3.
+The ports are below the range from which the kernel takes ports for outgoing connections, so that no
+connection takes one by chance. Each is free on 127.0.0.1 for the server and on 127.0.0.2 for a relay in
+front of it. A server reserves its block because it listens on the first port. Until then, a socket on
+127.0.0.3 reserves the block.
 """
 
 import contextlib
@@ -15,7 +15,7 @@ FIRST, LAST = 10240, 32768
 
 
 def _bind(address, port):
-    """A socket on the port, None when somebody else has it."""
+    """A socket that is bound to the port; None when the port is in use."""
     listener = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
     try:
         listener.bind((address, port))
@@ -34,7 +34,7 @@ def _is_free(address, port):
 
 @contextlib.contextmanager
 def reserved():
-    """The first port of a block of BLOCK ports, nobody else's while the context lasts."""
+    """Yields the first port of a free block of BLOCK ports and reserves the block during the context."""
     candidates = list(range(FIRST, LAST, BLOCK))
     random.shuffle(candidates)
     for base in candidates:

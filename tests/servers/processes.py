@@ -1,6 +1,6 @@
-"""Processes that are ended by their own ids only, never by a name.
+"""Ends processes by their ids, never by a name.
 
-A pid file here holds "PID START": the start time tells a process from a later one of the same id.
+A pid file contains "PID START". The start time distinguishes a process from a later one with the same id.
 """
 
 import os
@@ -9,7 +9,7 @@ import time
 
 
 def _stat(pid):
-    """(state, parent, start time, session) of a process; None when there is none."""
+    """(state, parent, start time, session) of a process; None when it does not exist."""
     try:
         with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as stat:
             words = stat.read().rpartition(")")[2].split()
@@ -19,7 +19,7 @@ def _stat(pid):
 
 
 def identity(pid):
-    """"PID START" of a running process, None of an ended one (a zombie is one)."""
+    """"PID START" of a running process; None for an ended one, also if it is still a zombie."""
     stat = _stat(pid)
     return None if stat is None or stat[0] in "ZX" else f"{pid} {stat[2]}"
 
@@ -29,9 +29,10 @@ def runs(process):
 
 
 def tree(process):
-    """The process and everything that descends from it, as identities.
+    """The identities of the process and of all its descendants.
 
-    What it forked while it was killed has lost its parent, but not the session that each server has.
+    A child that was forked during a kill may have lost its parent. Its session still identifies it, because
+    each server has a session of its own.
     """
     leader = int(process.split()[0])
     parents, orphans = {}, []
@@ -52,7 +53,7 @@ def tree(process):
 
 
 def kill(process, seconds=10):
-    """Ends a whole family at once, with what it forks meanwhile."""
+    """Kills the process and all its descendants, including those that it forks meanwhile."""
     end = time.monotonic() + seconds
     while (family := tree(process)) and time.monotonic() < end:
         send(family, signal.SIGKILL)
@@ -79,10 +80,10 @@ def wait_end(processes, seconds):
 
 
 def stop(process, seconds=10):
-    """Ends a server: the main process politely, then what is left of its family."""
+    """Ends a server: the main process with SIGTERM, then its remaining descendants with SIGTERM and SIGKILL."""
     family = tree(process)
     send([process], signal.SIGTERM)
-    send([process], signal.SIGCONT)  # a halted one could not end
+    send([process], signal.SIGCONT)  # a stopped process does not handle SIGTERM
     wait_end([process], seconds)
     send(family, signal.SIGTERM)
     wait_end(family, 2)

@@ -1,4 +1,4 @@
-"""S3: Ceph's object gateway on a cluster of one monitor and one disk, without authentication inside."""
+"""S3: Ceph's object gateway on a cluster of one monitor and one disk, without authentication in the cluster."""
 
 import json
 import os
@@ -29,7 +29,8 @@ class Radosgw(Server):
         cluster, disk = str(uuid.uuid4()), str(uuid.uuid4())
         self.config_path = self.write("etc/ceph.conf", self.config(cluster, base))
         self.start_monitor(cluster, base + 2)
-        # Where only the handshake matters the gateway's place is taken.
+        # openssl serves the invalid certificates instead of the gateway, because only the TLS handshake matters
+        # there.
         for certificate in ("expired", "self_signed"):
             self.spawn("tls-" + certificate, "openssl", "s_server", "-quiet", "-naccept", "10000",
                        "-accept", f"127.0.0.1:{self.info[certificate + '_port']}",
@@ -83,7 +84,7 @@ header = "x-amz-content-sha256: UNSIGNED-PAYLOAD"
         return self.run("radosgw-admin", "-c", self.config_path, "-n", "client.rgw", *arguments)
 
     def set_quota(self, bucket, size):
-        """From now on the bucket holds at most so many bytes; None: any number."""
+        """Limits the size of the bucket in bytes. None removes the limit."""
         scope = ("--quota-scope=bucket", "--bucket", bucket)
         if size is None:
             self.admin("quota", "disable", *scope)
@@ -92,8 +93,8 @@ header = "x-amz-content-sha256: UNSIGNED-PAYLOAD"
             self.admin("quota", "enable", *scope)
 
     def config(self, cluster, base):
-        # With authentication off the gateway must be told to talk in the clear. The short proposal
-        # interval saves ten seconds of the start.
+        # The connection mode crc (no encryption) is set, because the gateway cannot encrypt without
+        # authentication. The short proposal interval saves ten seconds at the start.
         return f"""[global]
 fsid = {cluster}
 mon host = [v2:127.0.0.1:{base + 2}/0]

@@ -1,4 +1,4 @@
-"""Tests of the servers themselves, with curl for a client:  python3 -m unittest servers.selftest
+"""Tests of the servers themselves, with curl as the client:  python3 -m unittest servers.selftest
 
 QUARN2_TEST_SERVERS names a directory in which all servers run.
 """
@@ -13,7 +13,7 @@ import unittest
 from . import Nginx, ServerError, Sshd, processes
 from .base import mounts_below
 
-OK, REFUSED, NO_TRUST = 0, 22, 60  # what curl ends with
+OK, REFUSED, NO_TRUST = 0, 22, 60  # exit statuses of curl
 PROPFIND = ("--fail", "-X", "PROPFIND", "-H", "Depth: 0")
 
 
@@ -25,7 +25,7 @@ def curl(url, info, *options):
 
 
 def running(name):
-    """server.info of a server that CTest has started."""
+    """The contents of server.info of a server that CTest has started."""
     path = os.path.join(os.environ["QUARN2_TEST_SERVERS"], name, "server.info")
     with open(path, encoding="utf-8") as info:
         return dict(line.rstrip("\n").split("=", 1) for line in info)

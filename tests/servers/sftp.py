@@ -20,7 +20,7 @@ class Sshd(Server):
         super().start()
 
     def launch(self, base):
-        os.makedirs("/run/sshd", exist_ok=True)  # compiled in: where sshd locks its children up
+        os.makedirs("/run/sshd", exist_ok=True)  # the compiled-in chroot directory of sshd's child processes
         self.serve_directory()
         self.make_keys()
         self.write("etc/known_hosts", self.known_hosts(base, "host"))

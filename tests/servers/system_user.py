@@ -1,6 +1,6 @@
-"""A user of this machine, for servers that ask the system who a user is and what the password is.
+"""A user of the operating system, for servers that look up users and passwords in the system.
 
-All builds on a machine share the user. Its password is in a file that only root can read.
+All builds on a machine share the user. A file that only root can read contains its password.
 """
 
 import contextlib
@@ -30,7 +30,7 @@ def _has_user():
 
 
 def ensure(run):
-    """Makes the user where there is none and returns its password. `run` runs a program."""
+    """Creates the user if it does not exist and returns its password. `run` is a function that runs a program."""
     with _one_at_a_time():
         path = os.path.join(STATE, "password")
         if not _has_user():
@@ -40,7 +40,7 @@ def ensure(run):
                 "--shell", "/usr/sbin/nologin", USER)
         if not os.path.exists(path):
             password = "p@ss/w%rd? #" + secrets.token_hex(16)
-            # A hash that is quick to check: a server checks it at each login.
+            # Uses a hash that is fast to check, because a server checks it at each login.
             hashed = run("openssl", "passwd", "-6", "-stdin", input=password).strip()
             run("chpasswd", "--encrypted", input=f"{USER}:{hashed}\n")
             with open(path + ".new", "w", encoding="ascii") as file:

@@ -1,4 +1,4 @@
-"""WebDAV, a second opinion: nginx with its dav and dav-ext modules, below /basic."""
+"""A second WebDAV server: nginx with its dav and dav-ext modules, below /basic."""
 
 import os
 
@@ -19,7 +19,7 @@ class Nginx(Server):
 
     def launch(self, base):
         self.serve_directory()
-        # Not mode 644 and the like: nginx makes the folders for bodies itself, as its user.
+        # nginx creates the folders for request bodies here, as its own user.
         self.run("chown", self.owner, self.file("tmp"))
         self.info.update(port=base, tls_port=base + 1, expired_port=base + 2,
                          self_signed_port=base + 3, path="/basic")
