@@ -55,7 +55,7 @@ class Rclone(Peer):
         self.root = "r:" + path
         self.environment = {"RCLONE_CONFIG_R_" + name: value for name, value in remote.items()}
         if site.tls:
-            # rclone's FTP backend ignores --ca-cert and reads the variable of its language's standard library.
+            # rclone's FTP backend ignores --ca-cert and reads SSL_CERT_FILE instead.
             self.environment.update(RCLONE_CA_CERT=site.info["ca"], SSL_CERT_FILE=site.info["ca"])
 
     def command(self, *arguments, environment=None):

@@ -21,7 +21,7 @@ struct Row {
     std::string help;
 };
 
-// "-s, --server", indented, without the letter where there is none.
+// Formats an option as "-s, --server", indented. Omits the letter when the option has none.
 std::string OptionColumn(std::size_t depth, char letter, const std::string& name) {
     std::string column(kMargin + depth * kIndent, ' ');
     column += letter == ' ' ? "    " : std::string{'-', letter, ',', ' '};

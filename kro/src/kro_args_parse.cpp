@@ -1,4 +1,4 @@
-// The parsing of a command line.
+// Parses the command line.
 #include <algorithm>
 #include <cstdio>
 #include <functional>
@@ -19,7 +19,7 @@ Program& TheProgram() {
     return program;
 }
 
-// "--put", "--put and --get", "--put, --get and --server".
+// Joins option names: "--put", "--put and --get", "--put, --get and --server".
 std::string Listed(const std::vector<std::string>& names) {
     std::string text;
     for (std::size_t i = 0; i < names.size(); ++i) {

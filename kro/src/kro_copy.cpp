@@ -64,7 +64,7 @@ bool CopiesRemotely(int fd) noexcept {
            kRemote.end();
 }
 
-// The copy of one file's data.
+// Copies the data of one file.
 class Copy {
   public:
     Copy(int from, int to, const CopyProgress& progress) noexcept

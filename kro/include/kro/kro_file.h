@@ -100,12 +100,13 @@ class CopyError : public kro_err::SystemError {
 // The result of CopyData.
 enum class Copied { kAll, kSourceShorter, kSourceLonger };
 
+// Receives the number of bytes of each piece after its copy.
+using CopyProgress = std::function<void(std::int64_t)>;
+
 // Copies the file open at `from` to the empty file open at `to`. Shares extents or copies inside
 // the kernel where the file systems support it. The offsets of the two descriptors do not matter.
 // `size` is the size that the caller expects; the result reports a source of another size. Memory
-// use does not depend on the size. `progress` receives the number of bytes of each piece after its
-// copy. Throws CopyError.
-using CopyProgress = std::function<void(std::int64_t)>;
+// use does not depend on the size. Throws CopyError.
 Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progress = {});
 
 // --- Directories ---
