@@ -4,13 +4,14 @@ The functions read the text of a file and need no compiler, so the names of decl
 """
 
 import ast
+import bisect
 import io
 import re
 import tokenize
 
-# Comments for tools, the ends of namespaces and headings of sections: no sentences.
+# Comments for tools, ends of namespaces and headings of sections, which are not sentences.
 NO_PROSE = re.compile(r"\s*(NOLINT|clang-format |shellcheck |noqa|namespace( |$)|!/|-- |---|$)")
-# A comment, a string, a character or a number with separators of C++.
+# The tokens of C++ that can contain any character.
 CPP_TOKEN = re.compile(r"""
     (?P<comment> //[^\n]* | /\*.*?\*/)
   | (?P<raw> R"(?P<end>[^(\s]*)\( .*? \)(?P=end)" )
@@ -51,7 +52,7 @@ def _cpp_code(text):
     """The text with comments and the content of strings replaced by blanks, and the comments as matches."""
     comments, pieces, done = [], [], 0
     for match in CPP_TOKEN.finditer(text):
-        if match.lastgroup == "comment" or match["comment"]:
+        if match["comment"]:
             comments.append(match)
         pieces += [text[done:match.start()], re.sub(r"[^\n]", " ", match[0])]
         done = match.end()
@@ -68,12 +69,15 @@ def _cpp_name(header):
     while re.search(r"<[^<>()]*(\([^()]*\)[^<>()]*)*>", header):
         header = re.sub(r"<[^<>()]*(\([^()]*\)[^<>()]*)*>", " ", header)
     header = header.strip()
-    if re.match(r"(inline )?namespace\b", header):
+    test = re.match(r"TEST\w*\(\s*(\w+),\s*(\w+)", header)
+    if test:
+        return "function", ".".join(test.groups())
+    if re.match(r"(inline )?namespace\b|extern\s*$", header):
         return "namespace", ""
     kind = re.match(r"(?:template\s+)?(?:class|struct|union|enum(?:\s+class)?)\s+([\w:]+)[^()=]*$", header)
     if kind:
         return "type", kind[1]
-    call = re.search(r"(operator\s*[^\s\w(]+|operator\s*\(\)|operator\s+[\w:]+|~?[\w:]+)\s*\(", header)
+    call = re.search(r"(operator\s*[^\s\w(]+|operator\s*\(\)|operator\s+[\w:]+|[\w:]*~?[\w:]+)\s*\(", header)
     equals = header.find("=")
     if call and (equals < 0 or call.start() < equals or call[1].startswith("operator")):
         block = re.match(r"(if|for|while|switch|catch|return|else|do|try)\b", header)
@@ -87,7 +91,8 @@ def _header_after(code, offset):
     depth = 0
     for end in range(offset, len(code)):
         character = code[end]
-        depth += {"(": 1, ")": -1, "[": 1, "]": -1}.get(character, 0)
+        depth += {"(": 1, ")": -1, "[": 1, "]": -1, "<": 1}.get(character, 0)
+        depth -= character == ">" and code[end - 1] not in "-r"  # operator-> and operator>
         if depth < 0 or (depth == 0 and character in ";{}=,"):
             return code[offset:end + 1].rstrip(";{},=")
     return code[offset:]
@@ -112,11 +117,11 @@ class _CppScopes:
                 self.events.append((at, tuple(scope for scope, _ in stack)))
 
     def at(self, offset):
-        """(the names of the types, the name of the outermost function or "")."""
-        scopes = max((event for event in self.events if event[0] <= offset), key=lambda event: event[0])[1]
+        """(the names of the types, the name of the outermost function or variable or "")."""
+        scopes = self.events[bisect.bisect_right(self.events, offset, key=lambda event: event[0]) - 1][1]
         types, function = [], ""
         for kind, name in scopes:
-            if kind == "function" and not function:
+            if kind in ("function", "other") and not function:
                 function = name
             elif kind == "type" and not function:
                 types.append(name)
@@ -130,23 +135,29 @@ def cpp_comments(text):
     lines, matches = [], {}
     for match in found:
         begin = text.rfind("\n", 0, match.start()) + 1
+        if text[match.end():].split("\n", 1)[0].strip():  # the name of a parameter
+            continue
         line = _line(text, match.start())
         lines.append((line, match.start() - begin, match[0], not text[begin:match.start()].strip()))
         matches[line] = match
     for block in _blocks(lines):
         comment = _clean("\n".join(entry[2] for entry in block).split("\n"), r"//|/\*+|\*/")
         comment = re.sub(r"\s*\*/$", "", comment)
-        if NO_PROSE.match(comment):
-            continue
-        last = matches[block[-1][0]]
-        if block[0][3]:
-            blank_follows = re.match(r"\n[ \t]*\n|\n#(include|pragma)", text[last.end():])
-            after = "" if blank_follows else _cpp_name(_header_after(code, last.end()))[1]
-        else:
-            begin = text.rfind("\n", 0, last.start()) + 1
-            after = _cpp_name(code[begin:last.start()].strip().rstrip(",;{").split("{")[0])[1]
-        types, function = scopes.at(last.start())
-        yield block[0][0], "::".join([*types, function or after]).strip(":"), comment
+        if not NO_PROSE.match(comment):
+            last = matches[block[-1][0]]
+            types, function = scopes.at(last.start())
+            declared = function or _cpp_declared(text, code, last, block[0][3])
+            yield block[0][0], "::".join([*types, declared]).strip(":"), comment
+
+
+def _cpp_declared(text, code, comment, is_alone):
+    """The name of the declaration that a comment belongs to, "" for a comment on the file."""
+    if is_alone:
+        if re.match(r"\n[ \t]*\n|\n#(include|pragma)", text[comment.end():]):
+            return ""
+        return _cpp_name(_header_after(code, comment.end()))[1]
+    begin = text.rfind("\n", 0, comment.start()) + 1
+    return _cpp_name(code[begin:comment.start()].strip().rstrip(",;{").split("{")[0])[1]
 
 
 # --- Python ---
@@ -241,7 +252,7 @@ def shell_comments(text):
     def name_of(line):
         declared = re.match(r"\s*([\w-]+)(\(\)|=)", line)
         return declared[1] if declared else ""
-    return _script_comments(text, name_of, re.compile(r"([\w-]+)\(\) [{(]"), re.compile(r"[})]|.*[})]$(?<=\) [})])"))
+    return _script_comments(text, name_of, re.compile(r"([\w-]+)\(\) [{(]"), re.compile(r"[})]|[\w-]+\(\) .*[})]$"))
 
 
 def cmake_comments(text):
@@ -263,17 +274,17 @@ def _paragraphs(text):
     for number, line in enumerate([*text.split("\n"), ""], 1):
         fence = line.lstrip().startswith("```")
         item = re.match(r"\s*([-*]|\d+\.) ", line)
-        special = fence or fenced or not line.strip() or line.startswith(("#", "|", "    "))
-        code = line.startswith("    ") and not paragraph
-        if paragraph and (item or (special and not line.startswith("    ")) or fence):
+        is_code = fenced or fence or (line.startswith("    ") and not paragraph and not item)
+        is_text = line.strip() and not is_code and not line.startswith(("#", "|"))
+        if paragraph and (item or not is_text):
             yield begin, "\n".join(paragraph)
             paragraph = []
         fenced ^= fence
-        if line.startswith("|") and not fenced and not re.match(r"[|\s:-]+$", line):
-            yield from ((number, cell.strip()) for cell in re.split(r"(?<!\\)\|", line) if " " in cell.strip())
-        elif not (fence or fenced or code or not line.strip() or line.startswith(("#", "|"))):
+        if is_text:
             begin = begin if paragraph else number
             paragraph.append(re.sub(r"^\s*([-*]|\d+\.) ", "", line).strip())
+        elif line.startswith("|") and not re.match(r"[|\s:-]+$", line):
+            yield from ((number, cell.strip()) for cell in re.split(r"(?<!\\)\|", line))
 
 
 def sentences(text):
@@ -293,7 +304,10 @@ MESSAGE = re.compile(r"\bKRO_LOG\(|\bthrow\b(?!;)|\b(?:\w*Error|FromErrno|Throw\
 
 
 def messages(text):
-    """(line, function, text) of the string literals of logs and errors; "..." stands for values between them."""
+    """(line, function, text) of the string literals of logs and errors; "..." replaces the values between them.
+
+    Texts of fewer than two words are left out.
+    """
     code, _ = _cpp_code(text)
     scopes = _CppScopes(code)
     done = 0
@@ -304,7 +318,7 @@ def messages(text):
         literals = [part["string"][1:-1] for part in CPP_TOKEN.finditer(text, match.start(), done) if part["string"]]
         message = " ... ".join(filter(None, (literal.strip() for literal in _joined(literals, text, match.start()))))
         message = re.sub(r"\s+", " ", message.replace('\\"', '"').replace("\\n", " ")).strip()
-        if re.search(r"[A-Za-z]{2,}", message.replace("%s", "")):
+        if len(re.findall(r"[A-Za-z]{2,}", message)) > 1:
             types, function = scopes.at(match.start())
             yield _line(text, match.start()), "::".join([*types, function]).strip(":"), message
 
@@ -323,9 +337,11 @@ def _joined(literals, text, begin):
 
 
 def _statement(code, begin):
-    """The code from a call or a throw to its end."""
+    """The code from a call or a throw to its end; "" when it is the definition of a function."""
     depth = 0
     for end in range(begin, len(code)):
+        if depth == 0 and code[end] == "{" and re.search(r"(\)|const|noexcept)\s*$", code[begin:end]):
+            return ""
         depth += {"(": 1, ")": -1, "{": 1, "}": -1}.get(code[end], 0)
         if depth < 0 or (depth == 0 and code[end] == ";"):
             return code[begin:end]
