@@ -3,8 +3,8 @@
    system) and the peak memory of the largest process in kB. The figures include the children that
    the command has waited for. The exit status is that of the command.
 
-   The kernel counts the memory of the parent in the peak memory of a new process. So this program,
-   which starts the command, must be small. */
+   A new process starts with the peak memory of its parent. So this program, which starts the
+   command, must be small. */
 #include <errno.h>
 #include <spawn.h>
 #include <stdio.h>

@@ -1,4 +1,4 @@
-// A file that appears under its name only when it is complete and durable.
+// A file that appears under its name only when it is complete and, by default, durable.
 #pragma once
 
 #include <sys/types.h>
@@ -14,7 +14,7 @@ namespace kro_file {
 // Without Commit, the destructor removes the temporary file. The temporary name is derived from the
 // target's name, so that the next attempt replaces the leftover of a crash. A lock on the temporary
 // file makes two writers of one target take turns. After a crash at any point, the target is the
-// old file or the new one.
+// old file or the new one, unless Commit was called with kLater.
 class NewFile {
   public:
     // Creates the empty temporary file with `mode` less the umask. Waits for another writer of the

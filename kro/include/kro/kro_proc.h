@@ -11,8 +11,8 @@
 
 namespace kro_proc {
 
-// Sleeps, also through signals. The kro_clock library defines it, so that a test can link another
-// clock.
+// Sleeps for the full time, even when signals arrive. The kro_clock library defines it, so that a
+// test can link another clock.
 void Sleep(int milliseconds);
 
 // Creates a pipe and returns its read side and write side, both close-on-exec.
