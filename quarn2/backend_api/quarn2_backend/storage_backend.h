@@ -1,10 +1,11 @@
-// A storage as the author of a backend sees it: exactly what to implement.
+// The interface that the author of a storage backend implements.
 //
-// A backend carries bytes and nothing else: local files, temporary local names, encryption,
-// retries, rate limits and logging are done around it. Names come checked: relative, normalised, no
-// empty, "." or ".." component, no control character. Failures are thrown as kro_err::Error with
-// the kind that tells the caller what to do (see kro_err.h). One object is used by one thread at a
-// time; several objects may work on the same storage at once, from other processes too.
+// A backend only transfers bytes. The library handles local files, temporary local names,
+// encryption, retries, rate limits and logging around it. Names are already checked: relative,
+// normalised, no empty, "." or ".." component, no control character. A backend throws
+// kro_err::Error; its kind determines the reaction of the caller (see kro_err.h). An object is used
+// by one thread at a time. Several objects, also in other processes, may work on the same storage
+// at once.
 #pragma once
 
 #include <cstddef>
@@ -20,47 +21,51 @@
 
 namespace quarn2 {
 
-// The bytes of one upload, readable at any offset and more than once. Outlives the call it is given
-// to.
+// The bytes of one upload, readable at any offset and more than once. Outlives the call that it is
+// passed to.
 class ByteSource {
   public:
     virtual ~ByteSource() = default;
 
-    // The number of bytes, fixed from the start.
+    // The number of bytes. It does not change during the upload.
     virtual std::int64_t size() const = 0;
 
-    // Fills `buffer` from `offset` on: all of it, or up to the end. A source that has become
-    // shorter than size() throws kFailed.
+    // Fills `buffer` with the bytes at `offset`, completely or up to the end of the source, and
+    // returns their number. Throws kFailed when the source has become shorter than size().
     virtual std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) = 0;
 
-    // A descriptor of a plain file that holds exactly these bytes at offset 0, for backends that
-    // can copy inside the kernel; -1 when there is none. It stays the source's.
+    // Returns a descriptor of a plain file that contains exactly these bytes from offset 0, for
+    // backends that can copy inside the kernel; -1 when there is none. The source keeps ownership.
     virtual int Descriptor() const { return -1; }
 
-    // Whoever reads through Descriptor() tells here how many more bytes are done.
+    // A backend that reads through Descriptor() reports here the number of bytes since its last
+    // report.
     virtual void Advance(std::int64_t /*bytes*/) {}
 
-    // To be called once everything has been read and before the result is made visible: throws
-    // kFailed when the source no longer has the size it started with.
+    // The backend calls this after it has read everything and before it makes the result visible.
+    // Throws kFailed when the source has changed since the start; for a local file, when its size
+    // or modification time is different.
     virtual void CheckUnchanged() = 0;
 };
 
-// Where the bytes of one download go, in order.
+// Receives the bytes of one download in order.
 class ByteSink {
   public:
     virtual ~ByteSink() = default;
 
-    // May be called once, before the first byte, by a backend that knows how many are to come.
+    // A backend that knows the total number of bytes may call this once, before the first byte.
     virtual void Expect(std::int64_t /*size*/) {}
 
-    // Takes the next bytes, all of them.
+    // Writes the next bytes, all of them.
     virtual void Write(std::span<const std::byte> bytes) = 0;
 
-    // A descriptor of an empty plain file that takes the bytes as they are, for backends that can
-    // copy inside the kernel; -1 when there is none. Whoever writes to it calls Write no more.
+    // Returns a descriptor of an empty plain file that stores the bytes unchanged, for backends
+    // that can copy inside the kernel; -1 when there is none. A backend that writes to the
+    // descriptor must not call Write.
     virtual int Descriptor() const { return -1; }
 
-    // Whoever writes through Descriptor() tells here how many more bytes are done.
+    // A backend that writes through Descriptor() reports here the number of bytes since its last
+    // report.
     virtual void Advance(std::int64_t /*bytes*/) {}
 };
 
@@ -71,63 +76,67 @@ class StorageBackend {
     StorageBackend(const StorageBackend&) = delete;
     StorageBackend& operator=(const StorageBackend&) = delete;
 
-    // Stores the source under `name`, replacing what was there, in one step that others see whole
-    // or not at all. True: complete, verified as far as the protocol allows, durable. False: no
-    // room (full storage or quota). On false and on failure the old file stays and no temporary one
-    // does. Missing directories above `name` are made; the root never is.
+    // Stores the source as `name` and replaces an existing file atomically: readers see the
+    // complete old or the complete new file. Makes missing directories above `name`, but never the
+    // root. Returns true when the file is complete, and verified and durable as far as the protocol
+    // allows. Returns false when the storage or a quota is full. If it returns false or throws, the
+    // old file stays and no temporary file is left, with two exceptions. If the connection is lost,
+    // a leftover may stay until the next Put or Remove of that name. If only the last step fails,
+    // such as the sync of the directory or the reply to a rename, the new file may be visible.
     virtual bool Put(const std::string& name, ByteSource& source) = 0;
 
-    // Hands the stored bytes to the sink, all of them or an exception. kNotFound when there are
-    // none. A transfer that ends before the file does is kUnavailable.
+    // Writes all stored bytes to the sink, or throws. Throws kNotFound when there is no such file,
+    // and kUnavailable when the transfer ends before the end of the file.
     virtual void Get(const std::string& name, ByteSink& sink) = 0;
 
-    // Removes the file and the leftovers of interrupted Puts of that name; nothing there is
-    // success. A directory is kFailed.
+    // Removes the file and the leftovers of interrupted Puts of that name. Succeeds when there is
+    // none. Throws kFailed for a directory.
     virtual void Remove(const std::string& name) = 0;
 
-    // Removes a directory with everything below; nothing there is success.
+    // Removes a directory and everything below it. Succeeds when there is none.
     virtual void RemoveDir(const std::string& name) = 0;
 
-    // What Remove has removed directly below the directory ("" is the root) stays so, even if the
-    // power fails. Nothing to do where the storage cannot be asked for that.
+    // Makes the removals of Remove directly in this directory ("" is the root) durable, so that
+    // they survive a power failure. Does nothing where the storage has no such operation.
     virtual void SyncRemovals(const std::string& /*name*/) {}
 
-    // Makes the directory and those above it; there already is success. Nothing to do where
-    // directories do not exist. The root never is made: a missing one is kNotFound.
+    // Makes the directory and its missing parents. Succeeds when it exists, and does nothing where
+    // the storage has no directories. Never makes the root: throws kNotFound when the root is
+    // missing.
     virtual void MakeDir(const std::string& name) = 0;
 
-    // The names directly below a directory ("" is the root), files and directories, in any order
-    // and each once, temporary ones left out. For a file: that file's `name` alone. kNotFound when
-    // neither exists (also for a missing root); an empty root has no names.
+    // Returns the names of the files and directories directly in a directory ("" is the root), in
+    // any order, each once, without temporary names. For a file, returns `name` alone. Throws
+    // kNotFound when neither exists (also when the root is missing). An empty root has no names.
     virtual std::vector<std::string> List(const std::string& name) = 0;
 
-    // Removes everything below the root, leftovers of interrupted Puts included, and keeps the
-    // root.
+    // Removes everything below the root, including leftovers of interrupted Puts. The root stays.
     virtual void Clear() = 0;
 };
 
-// One entry of the registry: everything that the library knows about a scheme.
+// One entry of the registry: all properties of a scheme.
 struct BackendScheme {
     std::string scheme;
-    // The parameters it takes besides those that every scheme takes.
+    // The parameters that it accepts in addition to those of every scheme.
     std::set<std::string> params;
     // The parameters whose values are secrets.
     std::set<std::string> secrets;
-    // What is wrong with a token of this scheme (no path, no host, ...), "" when nothing is. Must
-    // not put a secret into its answer.
+    // Returns the error in a token of this scheme (no path, no host, ...), or "" for a valid one.
+    // The text must not contain a secret.
     std::function<std::string(const BackupToken&)> fault;
-    // Opens the storage. May connect later, at the first operation.
+    // Opens the storage. The backend may connect later, at the first operation.
     std::function<std::unique_ptr<StorageBackend>(const BackupToken&)> open;
-    // The backend holds connections that are worth keeping: it is used again, later, by other
-    // storage objects of the same token, on other threads too.
+    // True when the backend keeps its connections open. After its storage object is destroyed, a
+    // later storage object of the same token reuses the backend, possibly on another thread.
     bool keeps_connections = false;
 };
 
-// The scheme's entry, null when it is unknown. The built-in schemes are listed in registry.cpp.
+// Returns the scheme's entry, or null for an unknown scheme. The built-in schemes are listed in
+// registry.cpp.
 const BackendScheme* FindScheme(const std::string& scheme);
 
-// Adds a scheme to those built in; for storages that are not part of the program, as in tests. Not
-// to be called while other threads open storages.
+// Adds a scheme to the built-in ones, for storages outside the program, such as those of tests.
+// Must not be called while other threads open storages.
 void RegisterScheme(BackendScheme scheme);
 
 }  // namespace quarn2

@@ -11,11 +11,11 @@ namespace quarn2 {
 
 class Expect {
   public:
-    // What a worker wants next: one of the four below, compared by address.
+    // The return value of a worker: one of the four constants below, compared by address.
     struct Result;
     static Result* const erOk;       // keep waiting for the same events
-    static Result* const erSuspend;  // stop waiting until SetEvents asks again
-    static Result* const erClose;    // drop the worker and close its descriptor
+    static Result* const erSuspend;  // do not poll it until the next SetEvents
+    static Result* const erClose;    // remove the worker and close its descriptor
     static Result* const erFinish;   // end the current Run
 
     Expect() = default;
@@ -24,9 +24,9 @@ class Expect {
     Expect& operator=(const Expect&) = delete;
 
     // Calls object->*member with the descriptor whenever one of the poll `events` (or an error or
-    // hang-up) occurs on it. The loop shares the object's ownership until the worker is dropped. An
-    // exception that leaves the member leaves Run. A descriptor added again changes its worker; one
-    // that somebody else closes loses it.
+    // hang-up) occurs on it. The loop shares ownership of the object until it removes the worker.
+    // An exception from the member propagates out of Run. Adding the same descriptor again replaces
+    // its worker. The loop removes the worker of a descriptor that was closed elsewhere.
     template <class T>
     void Add(ResHandle handle, short events, std::shared_ptr<T> object,
              Result* (T::*member)(ResHandle) = &T::operator()) {
@@ -34,14 +34,14 @@ class Expect {
                   std::make_shared<Worker<T>>(std::move(object), member));
     }
 
-    // Waits for these events on the descriptor again, or from now on. Unknown descriptors are
-    // ignored.
+    // Sets the poll events of a descriptor, which also resumes a suspended worker. Ignores unknown
+    // descriptors.
     void SetEvents(int fd, short events);
 
-    // Serves the workers for at most this long (-1: without limit) and ends early on erFinish. When
-    // no worker waits for anything, a run without limit ends, as nothing could happen any more; one
-    // with a limit lasts its time, so that a caller who runs the loop again and again does not
-    // spin. False when the time is over, true after every other end.
+    // Runs the workers for at most `timeout_ms` milliseconds (-1: no limit) and returns early on
+    // erFinish. When no worker waits for an event, a run without limit returns, because no event
+    // could end it. A run with a limit still lasts its full time, so that a caller that runs the
+    // loop repeatedly does not spin. Returns false when the time is over, true otherwise.
     bool Run(int timeout_ms);
 
   private:
@@ -67,9 +67,9 @@ class Expect {
     };
 
     void AddWorker(ResHandle handle, short events, std::shared_ptr<Callable> worker);
-    // One poll and the calls that it asks for; false when the run is over.
+    // One poll and the calls of all ready workers. Returns false when the run is over.
     bool Turn(int timeout_ms);
-    // Calls one worker that is ready; false when it ended the run.
+    // Calls one ready worker. Returns false when it ended the run.
     bool Serve(int fd, short events, const std::shared_ptr<Callable>& worker);
 
     Entry* Find(int fd);

@@ -9,24 +9,25 @@ namespace quarn2 {
 
 using InfoMap = std::map<std::string, std::string>;
 
-// Reads an info file: KEY=VALUE lines. It is written back as str::Join(map, "\n"). A file that
-// cannot be read is a kro_err::Error.
+// Reads an info file: KEY=VALUE lines. Callers write it back with str::Join(map, "\n"). Throws
+// kro_err::Error when InfoReader cannot read the file.
 InfoMap GetInfo(const std::string& path);
 
-// The path of a user's info file of a date: DATE.USER.info in `directory`, else in directory/DATE,
-// else in directory/USER/DATE; the first that exists, else the first. With an empty directory the
-// bare name.
+// Returns the path of a user's info file for a date: DATE.USER.info in `directory`, else in
+// directory/DATE, else in directory/USER/DATE. Returns the first path that exists, or the first of
+// the three when none exists. With an empty `directory` it returns the bare file name.
 std::string GetInfoFile(const std::string& directory, const std::string& user,
                         const std::string& date);
 
-// Fills `list` with the info files in `directory`, in its DATE and in its USER/DATE directories,
-// sorted. `deep` descends into every other directory as well. `user` and `date` narrow the list
-// when they are not empty. A missing directory has none.
+// Replaces `list` with the sorted paths of the info files in `directory`, in its DATE and in its
+// USER/DATE directories. USER may be a symbolic link to a directory, unless another user made the
+// link. With `deep` it searches all directories below `directory`, but follows no links. `user` and
+// `date` filter the list when they are not empty. A missing directory gives an empty list.
 void GetInfoFiles(std::list<std::string>& list, const std::string& directory, bool deep,
                   const std::string& user, const std::string& date);
 
-// The first word of "last-slice" in the info file that `path` belongs to (`path` itself when it
-// ends with ".info").
+// Returns the first word of "last-slice" in the info file of the backup that `path` belongs to.
+// When `path` ends with ".info", it is that info file.
 std::string GetLastSliceLocalPath(const std::string& path);
 
 }  // namespace quarn2

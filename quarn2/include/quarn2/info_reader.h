@@ -1,4 +1,4 @@
-// Reading very many info files, one after the other.
+// Fast reading of many info files in sequence.
 #pragma once
 
 #include <optional>
@@ -9,27 +9,28 @@
 
 namespace quarn2 {
 
-// The entries of one info file at a time, in the file's own text: unlike GetInfo, a start-up scan
-// with one reader makes no map and no copies for each of its files.
+// Provides the entries of one info file at a time as views of the file's text. A start-up scan uses
+// one reader for all its files: unlike GetInfo, it builds no map and copies no entries.
 class InfoReader {
   public:
     using Entry = std::pair<std::string_view, std::string_view>;
 
-    // Reads the file; what was read before, and pieces of it handed out, are gone. A file that
-    // cannot be read, or is none, is a kro_err::Error.
+    // Reads the file and invalidates all entries and views of the previous file. Throws
+    // kro_err::Error when the file cannot be read, is larger than 1 MiB or contains a NUL byte.
     void Read(const std::string& path);
 
-    // In the file's order; of a key given twice the last entry counts. Valid until the next Read.
+    // The entries in file order, valid until the next Read. If a key occurs more than once, its
+    // last entry counts.
     const std::vector<Entry>& entries() const noexcept { return entries_; }
 
-    // The value of a key, nothing when the file does not have it.
+    // Returns the value of a key, or nullopt when the file does not contain the key.
     std::optional<std::string_view> Find(std::string_view key) const noexcept;
 
   private:
     void ReadText(const std::string& path);
     void ParseLine(std::string_view line);
 
-    std::string text_;  // a buffer; only its first size_ bytes are the file's
+    std::string text_;  // the buffer; the file is in its first size_ bytes
     std::size_t size_ = 0;
     std::vector<Entry> entries_;
 };

@@ -1,9 +1,10 @@
-// What the names of a backup's files say. Pure text, but for MkLocalDir, IsEncrypted and
-// CreateAttemptsFile.
+// Parses the names of backup files. Only MkLocalDir, IsEncrypted and CreateAttemptsFile access the
+// disk.
 //
 // A backup is named DATE.USER. Its info file is DATE.USER.info, its index DATE.USER.tgz or
-// DATE.USER.1.dar; its archive files begin with F (full) or I (incremental). A custom backup's
-// archive begins with C, a date and a dot; its info file is custom.USER.info.
+// DATE.USER.1.dar. The names of its archive files begin with F (full) or I (incremental). The
+// archive names of a custom backup begin with C, a date and a dot; its info file is
+// custom.USER.info.
 #pragma once
 
 #include <map>
@@ -11,47 +12,51 @@
 
 namespace quarn2 {
 
-// Takes one archive ending off the last component of a path: ".partN" if there, then ".N.dar" or an
-// archive extension. "F2026-11-20.web1.tgz.part2" -> "F2026-11-20.web1".
+// Strips one archive ending from the last component of a path: ".partN" if present, then ".N.dar"
+// or an archive extension. "F2026-11-20.web1.tgz.part2" -> "F2026-11-20.web1".
 std::string StripSliceNumber(const std::string& path);
 
-// The extension of a backup's archive files by its info map: what "last-slice" ends with (without
-// ".partN"), ".tgz" for numbered slices and for everything unknown.
+// Returns the extension of a backup's archive files: the extension of "last-slice" in its info map,
+// without ".partN". Returns ".tgz" for numbered slices and for unknown or missing values.
 std::string GetExtByInfo(const std::map<std::string, std::string>& info);
 
-// Date ("custom" for a custom backup) and user in an info, index or archive file's name.
+// Return the date ("custom" for a custom backup) and the user from the name of an info, index or
+// archive file.
 std::string GetDate(const std::string& name);
 std::string GetUserName(const std::string& name);
 
-// True for the name of a backup's info file, index or archive file, and for one of these followed
-// by ".attempts". `name` has no directory.
+// Returns true for the name of a backup's info file, index or archive file, with or without
+// ".attempts" at the end. `name` has no directory.
 bool IsBackupFile(const std::string& name);
 
-// The storage path of a stored name: normalised, no leading slash.
+// Converts a stored name to the path on the storage: normalised, without a leading slash.
 std::string GetPath(const std::string& name);
 
-// The stored name of a local file, as Storage::GetFileInfo tells it. A kro_err::Error when it has a
-// blank or control character.
+// Returns the name under which a storage keeps a local file (see Storage::GetFileInfo). Throws
+// kro_err::Error when a storage does not allow the name, or when it contains a space.
 std::string GetStoredName(const std::string& local);
 
-// False for ".../var/backup" itself and for its children other than "tovarn" and "tovarn.private":
-// those hold a user's data. True anywhere else.
+// Returns false for ".../var/backup" and for its children except "tovarn" and "tovarn.private",
+// because these directories contain the data of one user. Returns true for every other path.
 bool IsAdminData(const std::string& directory);
 
-// True for a name that may become a local file's name: one component, no "..", no control
-// character.
+// Returns true for a name that is safe as the name of a local file: one component of at most
+// NAME_MAX bytes, not empty, not "." or "..", without control characters.
 bool IsSafeName(const std::string& name);
 
-// Makes and returns the local directory of a user's backups of a date: root/USER/DATE, or beside
-// root when root is not admin data.
+// Makes the local directory of a user's backups of a date and returns its path: root/USER/DATE, or
+// PARENT/USER/DATE in the parent directory of `root` when `root` is not admin data. Throws
+// kro_err::Error when `user` or `date` is not a safe name, and when USER or USER/DATE is another
+// user's symbolic link.
 std::string MkLocalDir(const std::string& root, const std::string& user, const std::string& date);
 
-// The backup's ".tgz.aes" index lies in the path's directory or is in its ".encrypted_indexes"
-// list.
+// Returns true when the directory of `path` contains the ".tgz.aes" index of the backup, or when
+// the ".encrypted_indexes" file there lists it.
 bool IsEncrypted(const std::string& path);
 
-// Marks that carrying this local file was given up: adds a line to local + ".attempts". Called
-// while the reason is on its way out, so that a file that cannot be written is only logged.
+// Records that the transfer of this local file was abandoned: appends a line with the time and the
+// reason to local + ".attempts". Callers are already handling an error, so a failure to write the
+// file is only logged.
 void CreateAttemptsFile(const std::string& local, const std::string& reason = "");
 
 }  // namespace quarn2
