@@ -37,8 +37,8 @@ int Length(std::size_t size) {
     return static_cast<int>(size);
 }
 
-// The chunk's number and whether it is the file's last: a chunk in another place, or an end in the
-// middle, does not open.
+// The nonce contains the number of the chunk and whether it is the last one. A moved chunk or a
+// truncated file therefore fails to open.
 std::array<unsigned char, kNonceSize> Nonce(std::uint64_t number, bool last) {
     constexpr unsigned kByteBits = 8;
     std::array<unsigned char, kNonceSize> nonce{};

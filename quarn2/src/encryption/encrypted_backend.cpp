@@ -26,8 +26,8 @@ using kro_err::Kind;
 
 bool StaysPlain(const std::string& name) { return str::EndsWith(name, ".info"); }
 
-// The encrypted form of a source, made as it is read. The chunk that was sealed last is kept:
-// backends read on where they stopped.
+// Encrypts a source while the backend reads it. Keeps the last chunk that was read in part, because
+// backends continue where their previous read ended.
 class EncryptingSource final : public ByteSource {
   public:
     EncryptingSource(ByteSource& plain, const std::string& password, const std::string& name)
@@ -57,7 +57,7 @@ class EncryptingSource final : public ByteSource {
         const std::uint64_t number = at / sealed_.size();
         const std::uint64_t within = at % sealed_.size();
         const std::size_t whole = PlainBytesOf(number) + kTagSize;
-        // Most chunks go straight to where they are wanted.
+        // Seal directly into the buffer of the caller when the complete chunk fits.
         if (within == 0 && buffer.size() >= whole && loaded_ != number) {
             Seal(number, buffer.first(whole));
             return whole;
@@ -87,8 +87,9 @@ class EncryptingSource final : public ByteSource {
         loaded_ = number;
     }
 
-    // A chunk that is read again is sealed again: the same bytes give the same result. A source
-    // whose bytes change in between gives two chunks under one number, and has no business here.
+    // A chunk that is read again is sealed again, with the same result for the same bytes. The
+    // source must not change in between, because then two different chunks would be sealed under
+    // one number.
     void Seal(std::uint64_t number, std::span<std::byte> sealed) {
         const std::size_t count = PlainBytesOf(number);
         const std::span<std::byte> clear = std::span(clear_).first(count);
@@ -108,21 +109,21 @@ class EncryptingSource final : public ByteSource {
     std::optional<std::uint64_t> loaded_;
 };
 
-// Takes the stored bytes, hands the plain ones on. Nothing of a chunk is handed on before its tag
-// was right.
+// Decrypts the stored bytes and writes the plain bytes to `plain`. Writes nothing of a chunk before
+// its tag is verified.
 class DecryptingSink final : public ByteSink {
   public:
     DecryptingSink(ByteSink& plain, const std::string& password, const std::string& name)
         : plain_(plain), password_(password), name_(kro_file::Name(name)) {}
 
-    // The number of plain bytes is known once the header is.
+    // Reports the size to the plain sink later, because the plain size depends on the header.
     void Expect(std::int64_t size) override { expected_ = size; }
 
     void Write(std::span<const std::byte> bytes) override {
         while (!bytes.empty()) {
             if (passing_) return plain_.Write(bytes);
             bytes = OpenWholeChunks(bytes);
-            // One byte more than a whole chunk says that the chunk is not the last.
+            // Another byte after a complete chunk means that the chunk is not the last one.
             if (held_.size() == Wanted()) {
                 TakeHeld(false);
                 continue;
@@ -134,13 +135,14 @@ class DecryptingSink final : public ByteSink {
         }
     }
 
-    // After the last byte.
+    // Must be called after the last byte.
     void Finish() {
         if (!cipher_ && !passing_ && held_.size() == kHeaderSize && BeginsAsHeader())
             TakeHeld(false);
         if (passing_) return;
         if (cipher_) return TakeHeld(true);
-        // Shorter than a header: no encrypted file, or one that was cut off within its first bytes.
+        // Fewer bytes than a header: a plain file, or an encrypted file that was truncated. An
+        // empty file counts as truncated.
         if (held_.empty() || BeginsAsHeader()) Damaged();
         PassOn();
     }
@@ -182,8 +184,8 @@ class DecryptingSink final : public ByteSink {
         if (expected_) plain_.Expect(PlainSize(*expected_, keys_.chunk_size));
     }
 
-    // Opens the chunks that need not be put together first; the rest remains. What may be the last
-    // chunk is left to be held.
+    // Opens complete chunks directly from `bytes` and returns the rest. Leaves a chunk that may be
+    // the last one, because only Finish can decide that.
     Bytes OpenWholeChunks(Bytes bytes) {
         while (cipher_ && held_.empty() && bytes.size() > Wanted()) {
             OpenChunk(bytes.first(Wanted()), false);

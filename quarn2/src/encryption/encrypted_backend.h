@@ -10,19 +10,19 @@
 
 namespace quarn2 {
 
-// Every file but ".info" files is encrypted on its way to `backend` and decrypted on its way back.
-// A stored file without the header of encryption is handed out as it is: it was stored before there
-// was a password.
+// Encrypts every file except ".info" files on upload and decrypts it on download. Get returns a
+// stored file without an encryption header unchanged, because it was stored before the token had a
+// password.
 std::unique_ptr<StorageBackend> Encrypted(std::unique_ptr<StorageBackend> backend,
                                           std::string password);
 
-// The bytes that a local file of this name and size occupies behind it.
+// Returns the stored size of a local file of this name and size.
 std::int64_t SizeEncrypted(const std::string& name, std::int64_t size);
 
-// The number of first bytes that IsEncrypted needs.
+// The number of leading bytes that IsEncrypted needs.
 constexpr std::size_t kEncryptedMarkSize = 8;
 
-// True when a file with these first bytes is an encrypted one.
+// Returns true when a file that begins with these bytes is encrypted.
 bool IsEncrypted(std::span<const std::byte> first_bytes);
 
 }  // namespace quarn2

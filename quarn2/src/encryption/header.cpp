@@ -27,11 +27,11 @@ constexpr std::size_t kCheckSize = 8;
 constexpr std::size_t kCodeAt = 52;
 constexpr std::size_t kCodeSize = kHeaderSize - kCodeAt;
 
-// 64 MiB and a good tenth of a second per password.
+// Takes 64 MiB of memory and somewhat more than 0.1 seconds per password.
 constexpr KeyCost kCost = {16, 8, 1};
 constexpr std::uint8_t kChunkBits = 16;
 
-// What a header from a storage may ask for: it must not cost all the memory of a node.
+// Limits for a header from a storage: it must not use up the memory of this machine.
 constexpr std::uint8_t kMostRounds = 17;
 constexpr std::uint8_t kMostBlock = 8;
 constexpr std::uint8_t kMostLanes = 4;
@@ -40,8 +40,7 @@ constexpr std::uint8_t kMostChunkBits = 20;
 
 using Salt = std::array<std::byte, kSaltSize>;
 
-// Keys that were made once: a process meets the same password with the same salt thousands of
-// times.
+// A cache of derived keys, because a process uses the same password and salt thousands of times.
 class KeyCache {
   public:
     Key Get(const std::string& password, const Salt& salt, KeyCost cost) {
@@ -64,7 +63,7 @@ KeyCache& Keys() {
     return cache;
 }
 
-// One salt per process: uploads after the first cost no derivation of their own.
+// One salt per process, so that only the first upload derives a key.
 const Salt& ProcessSalt() {
     static const Salt salt = [] {
         Salt made{};
@@ -82,7 +81,7 @@ void Place(Header& header, std::size_t at, const std::array<std::byte, Size>& by
 
 Key CheckOf(const Key& master) { return KeyFor(master, "password check", {}); }
 
-// The name goes in, so that one file cannot take another's place.
+// The code covers the name, so that one encrypted file cannot replace another.
 Key CodeOf(const Key& master, std::string_view name, const Header& header) {
     const Key key = KeyFor(master, "header", std::span(header).subspan(kFileAt, kFileSize));
     std::string text(reinterpret_cast<const char*>(header.data()), kCodeAt);
@@ -147,7 +146,7 @@ FileKeys ReadHeader(const std::string& password, std::string_view name, const He
 }
 
 std::string PasswordHash(const std::string& password) {
-    // The hash must be the same in every process, so its salt is.
+    // A fixed salt, because the hash must be the same in every process.
     static constexpr std::string_view kHashSalt = "quarn2 key hash ";
     static constexpr std::size_t kHashBytes = 16;
     static constexpr std::string_view kHex = "0123456789abcdef";
@@ -173,7 +172,7 @@ std::int64_t EncryptedSize(std::int64_t plain) {
 std::int64_t PlainSize(std::int64_t encrypted, std::size_t chunk_size) {
     constexpr auto kTag = static_cast<std::int64_t>(kTagSize);
     constexpr auto kHeader = static_cast<std::int64_t>(kHeaderSize);
-    // A server tells what it likes: nothing here may go beyond the ends of the range.
+    // The size comes from a server and can be any number: avoid an overflow.
     if (encrypted <= kHeader) return 0;
     const std::int64_t sealed = encrypted - kHeader;
     const std::int64_t whole = static_cast<std::int64_t>(chunk_size) + kTag;

@@ -1,16 +1,16 @@
-// The head of an encrypted file, and the keys that come from it and the password.
+// The header of an encrypted file, and the keys derived from it and the password.
 //
 //   offset  bytes
 //   0       8      "QN2ENC1\n"
 //   8       3      cost of the key derivation: log2 rounds, block, lanes
 //   11      1      log2 of the plain bytes in a chunk
 //   12      16     salt of the key derivation
-//   28      16     the file's own number, random
-//   44      8      check of the password
+//   28      16     random identifier of the file
+//   44      8      check value of the password
 //   52      12     authentication code of all of the above and of the file's name
 //
-// Chunks follow: plain bytes sealed, each with its tag; every chunk but the last is full, the last
-// one carries a mark, and an empty file has one empty chunk.
+// The chunks follow: encrypted bytes, each chunk with its tag. Every chunk except the last is full.
+// The nonce of the last chunk marks it as the last. An empty file has one empty chunk.
 #pragma once
 
 #include <array>
@@ -28,27 +28,29 @@ constexpr std::string_view kMagic = "QN2ENC1\n";
 
 using Header = std::array<std::byte, kHeaderSize>;
 
-// What it takes to seal or open one file's chunks.
+// The key and the chunk size of one file.
 struct FileKeys {
     Key chunks{};
-    std::size_t chunk_size = 0;  // of plain bytes
+    std::size_t chunk_size = 0;  // in plain bytes
 };
 
-// A new file's header, for the last component of its stored name.
+// Fills `header` for a new file and returns its keys. `name` is the last component of the stored
+// name.
 FileKeys NewHeader(const std::string& password, std::string_view name, Header& header);
 
-// Reads a header. kUnauthorized for a wrong password, kFailed for a damaged header or one that
-// belongs to another name.
+// Reads a header that begins with kMagic. Throws kUnauthorized for a wrong password, kFailed for a
+// damaged header or one that belongs to another name. A damaged salt or check value looks like a
+// wrong password.
 FileKeys ReadHeader(const std::string& password, std::string_view name, const Header& header);
 
-// What tells one password's backups from another's.
+// Returns a hash that identifies a password. It is the same in every process.
 std::string PasswordHash(const std::string& password);
 
-// The size on the storage of a file of so many bytes.
+// Returns the stored size of a file of `plain` bytes.
 std::int64_t EncryptedSize(std::int64_t plain);
 
-// The other way round, for a file with chunks of so many plain bytes; 0 for a size that no
-// encrypted file has.
+// The reverse of EncryptedSize for chunks of `chunk_size` plain bytes. Returns 0 for a size below
+// that of an empty file.
 std::int64_t PlainSize(std::int64_t encrypted, std::size_t chunk_size);
 
 }  // namespace quarn2
