@@ -20,7 +20,7 @@ constexpr Row kRows[] = {
     {ENOENT, Failure::kNotFound},
     {ENOTDIR, Failure::kNotFound},
 
-    // The disk is broken or gone. A file system is read-only after an error, until it is mended.
+    // The disk is broken or missing, or its file system became read-only after an error.
     {EIO, Failure::kUnavailable},
     {EREMOTEIO, Failure::kUnavailable},
     {EROFS, Failure::kUnavailable},
@@ -28,7 +28,7 @@ constexpr Row kRows[] = {
     {ENODEV, Failure::kUnavailable},
     {ENXIO, Failure::kUnavailable},
     {ENOMEDIUM, Failure::kUnavailable},
-    // The server of a network file system is gone or was restarted.
+    // The server of a network file system is unreachable or was restarted.
     {ESTALE, Failure::kUnavailable},
     {ENOTCONN, Failure::kUnavailable},
     {ETIMEDOUT, Failure::kUnavailable},
@@ -40,7 +40,7 @@ constexpr Row kRows[] = {
     {ECONNREFUSED, Failure::kUnavailable},
     {ECONNRESET, Failure::kUnavailable},
     {ENOLCK, Failure::kUnavailable},
-    // This machine lacks memory or descriptors at the moment.
+    // This machine is short of memory or descriptors at the moment.
     {EAGAIN, Failure::kUnavailable},
     {EINTR, Failure::kUnavailable},
     {EMFILE, Failure::kUnavailable},

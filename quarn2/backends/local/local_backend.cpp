@@ -25,7 +25,7 @@ using kro_err::Kind;
 using kro_file::Copied;
 using kro_file::CopyError;
 
-// Backups of every user lie here side by side: nobody but the owner and the group may look.
+// The storage contains the backups of all users: only the owner and the group may read them.
 constexpr mode_t kFileMode = 0640;
 constexpr mode_t kDirectoryMode = 0750;
 constexpr std::size_t kBufferSize = 256UL * 1024;
@@ -34,14 +34,15 @@ constexpr std::size_t kBufferSize = 256UL * 1024;
     throw CopyError("Failed to " + what + " " + Quoted(path) + " on the storage", errno);
 }
 
-// fsync of a directory that tells a full disk from other trouble. Some file systems cannot do it,
-// and have nothing to do.
+// Syncs a directory. Throws CopyError, which distinguishes a full disk from other errors. Ignores
+// EINVAL, the error of file systems that cannot sync a directory and do not need it.
 void SyncDirectory(const std::string& path) {
     const ResHandle handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!handle || (fsync(handle) != 0 && errno != EINVAL)) FailedTo("sync directory", path);
 }
 
-// A full disk must not stop what makes room. Nothing can come back into a directory that is gone.
+// Syncs a directory after removals. Ignores a full disk, because removals make room. Ignores a
+// directory that is gone, because no removed file can reappear in it.
 void SyncRemoved(const std::string& directory) {
     try {
         SyncDirectory(directory);
@@ -55,7 +56,7 @@ class DirCloser {
     void operator()(DIR* directory) const noexcept { closedir(directory); }
 };
 
-// Gives the errors of system calls the kind that they have in a storage.
+// Runs `action` and translates its system errors to the kinds that they have in a storage.
 template <class Action>
 auto Translated(const Action& action) {
     try {
@@ -74,9 +75,10 @@ std::string MissingRoot(const std::string& root) {
     return "storage directory " + Quoted(root) + " does not exist; create it or mount its disk";
 }
 
-// Links to directories inside the root are followed when root or this user has made them, so that
-// an administrator can spread a storage over several disks; another user's link is an error. A link
-// in the place of a file is not followed: it is refused on reading, replaced on writing.
+// Inside the storage the backend follows a symbolic link to a directory if the link belongs to the
+// superuser or to this user, so that an administrator can spread a storage over several disks. A
+// link of another user is an error. A link at the path of a file is not followed: reading refuses
+// it, writing replaces it.
 class LocalBackend final : public StorageBackend {
   public:
     explicit LocalBackend(std::string root) : root_(std::move(root)) { CheckRoot(); }
@@ -105,8 +107,8 @@ class LocalBackend final : public StorageBackend {
     }
 
   private:
-    // An unmounted disk must neither pass for an empty storage nor be written in its mount point's
-    // place.
+    // Throws when the root does not exist. An unmounted disk must not look like an empty storage,
+    // and nothing may be written below its mount point.
     void CheckRoot() const;
     std::string PathOf(const std::string& name) const { return kro_file::ConcatPath(root_, name); }
     void CheckWay(const std::string& directory) const;
@@ -137,7 +139,7 @@ void LocalBackend::CheckRoot() const {
     }
 }
 
-// No directory on the way to this one, nor this one, may be another user's link.
+// Throws when the directory or one of its parents on the storage is a link of another user.
 void LocalBackend::CheckWay(const std::string& directory) const {
     for (std::string at = directory; !at.empty(); at = kro_file::Path(at)) {
         const std::string path = PathOf(at);
@@ -182,14 +184,15 @@ void Fill(int fd, ByteSource& source) {
         CopyBytes(fd, source);
         return;
     }
-    // A repeated Put finds the descriptor where the last one left it.
+    // The previous Put may have moved the offset of the descriptor.
     if (lseek(from, 0, SEEK_SET) != 0) throw CopyError("Failed to read the source", errno);
     CheckCopied(kro_file::CopyData(from, fd, source.size(),
                                    [&source](std::int64_t bytes) { source.Advance(bytes); }));
 }
 
-// The storage was there when it was opened. Where something is missing now, its disk was unmounted
-// or another process removed a directory: another attempt may find or make it again.
+// The root existed when the storage was opened. If a directory is missing now, its disk was
+// unmounted or another process removed it. The error is kUnavailable, because a retry may find or
+// make the directory.
 bool LocalBackend::Put(const std::string& name, ByteSource& source) {
     try {
         return Translated([&] { return TryToStore(name, source); });
@@ -213,7 +216,7 @@ bool LocalBackend::TryToStore(const std::string& name, ByteSource& source) const
     return true;
 }
 
-// Directories that were made for a file that then found no room stay: another writer may count on
+// Keeps new directories even when the file then finds no room, because another writer may rely on
 // them.
 void LocalBackend::MakeDirs(const std::string& path) const {
     struct stat status = {};
@@ -226,7 +229,7 @@ void LocalBackend::MakeDirs(const std::string& path) const {
     if (errno != ENOENT) FailedTo("look at directory", path);
     const std::string above = kro_file::Path(path);
     MakeDirs(above);
-    // Somebody else may make it at the same moment.
+    // Another process may make it at the same time.
     if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
         FailedTo("make directory", path);
     }
@@ -240,8 +243,8 @@ void LocalBackend::Store(const std::string& path, ByteSource& source) {
     Commit(file, path);
 }
 
-// A full disk that shows only in the directory's fsync comes too late to be told as "not stored":
-// the new file has its name already.
+// When only the sync of the directory reports a full disk, the new file is already visible. Put
+// must not return false then, so this throws an error that TryToStore does not catch.
 void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
     struct stat written = {};
     if (fstat(file.fd(), &written) != 0) FailedTo("examine", path);
@@ -298,7 +301,8 @@ void LocalBackend::Load(const std::string& name, ByteSink& sink) const {
 
 // --- The rest ---
 
-// Not synced one by one: that would be felt with thousands of slices.
+// Does not sync the directory, because that would be slow for thousands of slices. The caller uses
+// SyncRemovals.
 void LocalBackend::RemoveOne(const std::string& name) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
@@ -326,7 +330,8 @@ void LocalBackend::MakeSynced(const std::string& name) const {
     CheckWay(name);
     const std::string path = PathOf(name);
     MakeDirs(path);
-    // Those that were there may be of somebody who was killed before they were synced.
+    // Sync existing directories too: the process that made them may have been killed before it
+    // synced them.
     for (std::string above = kro_file::Path(path); above.size() >= root_.size();
          above = kro_file::Path(above)) {
         SyncDirectory(above);
@@ -352,7 +357,7 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
     const std::unique_ptr<DIR, DirCloser> directory(opendir(path.c_str()));
     if (directory == nullptr) {
         struct stat status = {};
-        // ENOTDIR stands for a file, and for a name below one.
+        // ENOTDIR can mean a file, or a name below a file.
         if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) return {name};
         if (errno != ENOENT && errno != ENOTDIR) FailedTo("list", path);
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");

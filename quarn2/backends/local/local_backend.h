@@ -1,4 +1,4 @@
-// The storage that is a directory of this machine.
+// A storage in a directory of this machine.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"

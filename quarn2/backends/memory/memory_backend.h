@@ -14,36 +14,38 @@
 
 namespace quarn2 {
 
-// Makes memory:NAME tokens known.
+// Registers the scheme "memory", so that memory:NAME is a valid token.
 void RegisterMemoryScheme();
 
-// What lies on one storage. All storage objects of one NAME share it. Every call is thread-safe;
-// the hook is called without the lock, so it may look at the store itself.
+// The content of one storage. All storage objects of one NAME share it. Every call is thread-safe.
+// The hook is called without the lock, so it may call the store.
 class MemoryStore {
   public:
-    // Called before an operation with its name ("Put", "Get", "Remove", "RemoveDir", "MakeDir",
-    // "List", "Clear") and the stored name; what it throws is the operation's failure.
+    // Called before each operation with its name ("Put", "Get", "Remove", "RemoveDir", "MakeDir",
+    // "List", "Clear") and the stored name. An exception from the hook makes the operation fail.
     using Hook = std::function<void(const std::string& operation, const std::string& name)>;
 
-    // The store of this name, made at the first call.
+    // Returns the store of this name and makes it at the first call.
     static std::shared_ptr<MemoryStore> Named(const std::string& name);
 
-    // As new: no files, no directories, no capacity, no hook, an empty log.
+    // Restores the initial state: no files, no directories, no capacity limit, no hook, an empty
+    // log.
     void Reset();
 
-    // A Put that would bring the sum of all files above this is refused. -1: no limit.
+    // A Put that would raise the total size of all files above `bytes` returns false. -1: no limit.
     void SetCapacity(std::int64_t bytes);
     void SetHook(Hook before);
 
     std::map<std::string, std::string> files() const;
-    // The directories that MakeDir and Put have made, those above them included.
+    // All directories, including the parents that Put and MakeDir have made.
     std::set<std::string> directories() const;
     std::int64_t used() const;
-    // "OPERATION NAME" ("List" alone for the root) of every call so far, failed ones too.
+    // "OPERATION NAME" of every call so far, including failed ones; the operation alone for the
+    // root.
     std::vector<std::string> log() const;
     void ClearLog();
 
-    // Places a file without a Put.
+    // Adds a file directly: no hook, no log entry, no capacity limit.
     void SetFile(const std::string& name, const std::string& content);
 
   private:
