@@ -36,7 +36,7 @@ class Finder {
     Finder(bool deep, const std::string& user, const std::string& date)
         : deep_(deep), user_(user), date_(date) {}
 
-    // `depth`: how many names of users may still be descended into.
+    // `depth`: how many levels of user directories may follow below `directory`.
     void Search(const std::string& directory, int depth) {
         Below below;
         ReadDirectory(directory, below);
@@ -46,7 +46,7 @@ class Finder {
                 Search(path, 0);
                 continue;
             }
-            // A user may be named like a date too, such as "custom".
+            // A user name may look like a date too, such as "custom".
             if (IsDateName(name)) ReadDirectory(path);
             if (depth > 0) SearchUser(path);
         }
@@ -61,8 +61,8 @@ class Finder {
         std::vector<std::string> links;  // to directories
     };
 
-    // An administrator may keep a user's directory on another disk. A link of another user leads to
-    // info files that this user makes up.
+    // Follows a link of root or of this user, because an administrator may keep a user's directory
+    // on another disk. Another user's link could lead to forged info files.
     void SearchLinkedUsers(const std::string& directory, const std::vector<std::string>& links) {
         for (const std::string& name : links) {
             const std::string path = kro_file::ConcatPath(directory, name);
@@ -74,7 +74,7 @@ class Finder {
         return name == "custom" || kro_date::IsDate(name);
     }
 
-    // The info files that lie in a user's directory itself belong to no form of backup.
+    // Ignores info files directly in a user's directory, because no backup keeps them there.
     void SearchUser(const std::string& directory) {
         std::vector<std::string> below;
         Walk(directory, [&below](std::string_view name, unsigned char type) {
@@ -90,7 +90,7 @@ class Finder {
         ReadDirectory(directory, ignored);
     }
 
-    // Notes the info files and adds the directories to `below`.
+    // Adds the wanted info files to found_, and the directories and links to `below`.
     void ReadDirectory(const std::string& directory, Below& below) {
         Walk(directory, [&](std::string_view name, unsigned char type) {
             if (type == DT_DIR) {
@@ -130,8 +130,8 @@ class Finder {
         }
     }
 
-    // Only an entry whose type the directory does not tell costs a look at the file. A link to a
-    // file counts as that file, and DT_LNK is a link to a directory.
+    // Examines the file only when readdir reports no type or a link. A link to a file has the type
+    // of that file. DT_LNK is a link to a directory.
     static unsigned char TypeOf(int directory, const dirent& entry) {
         if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type;
         struct stat status = {};
@@ -158,7 +158,7 @@ InfoMap GetInfo(const std::string& path) {
     reader.Read(path);
     InfoMap info;
     for (const auto& [key, value] : reader.entries()) {
-        // The program writes the keys in order, so the end is the place for nearly all of them.
+        // The program writes sorted keys, so the end is the right position for nearly all of them.
         info.insert_or_assign(info.end(), std::string(key), value);
     }
     return info;
@@ -169,7 +169,7 @@ std::vector<std::string> InfoPlaces(const std::string& directory, const std::str
     const std::string name = date + "." + user + std::string(kInfo);
     if (directory.empty()) return {name};
     std::vector<std::string> places = {kro_file::ConcatPath(directory, name)};
-    // "x....info" is a name like others: of a user that would lead out of the directory.
+    // The name "x....info" parses as date "x" and user "..", which would lead out of the directory.
     constexpr std::string_view kAbove = "..";
     if (date == kAbove) return places;
     const std::string dated = kro_file::ConcatPath(date, name);

@@ -1,4 +1,4 @@
-// Where a backup's info file may lie.
+// The possible paths of a backup's info file.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 namespace quarn2 {
 
-// The paths that GetInfoFile tries, in this order.
+// Returns the paths that GetInfoFile tries, in this order.
 std::vector<std::string> InfoPlaces(const std::string& directory, const std::string& user,
                                     const std::string& date);
 

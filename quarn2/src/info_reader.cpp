@@ -14,9 +14,9 @@ namespace quarn2 {
 
 namespace {
 
-// Such files have some hundred bytes; the limit keeps a misnamed archive out of memory.
+// Info files have a few hundred bytes. The limit prevents loading a misnamed archive.
 constexpr std::size_t kLargestInfo = 1024UL * 1024;
-// Nearly every one is read with one call and a second that finds its end.
+// The buffer fits nearly every info file: one read for the content, one that finds the end.
 constexpr std::size_t kUsualInfo = 8UL * 1024;
 
 std::size_t ReadSome(int fd, char* buffer, std::size_t size, const std::string& path) {
@@ -27,7 +27,7 @@ std::size_t ReadSome(int fd, char* buffer, std::size_t size, const std::string& 
     }
 }
 
-// An open info file. A handle that can be shared would cost an allocation for each.
+// An open info file. Unlike ResHandle it needs no allocation per file.
 class OpenInfo {
   public:
     explicit OpenInfo(const std::string& path)

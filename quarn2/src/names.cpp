@@ -23,7 +23,7 @@ namespace {
 
 constexpr kro_log::Module kLog("names");
 
-// A longer ending stands before one that it ends with.
+// An extension precedes the shorter ones that it ends with, because the first match counts.
 constexpr std::array<std::string_view, 7> kArchiveExtensions = {
     ".tar.gz", ".tar.bz2", ".tar.xz", ".tar.zst", ".tgz", ".tar", ".zip"};
 constexpr std::string_view kEncrypted = ".aes";
@@ -36,7 +36,7 @@ bool IsNumber(std::string_view text) {
            std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
 }
 
-// `name` without ".partN", or as it is.
+// Returns `name` without ".partN", or unchanged when it has none.
 std::string_view WithoutPart(std::string_view name) {
     static constexpr std::string_view kPart = ".part";
     const std::size_t found = name.rfind(kPart);
@@ -45,7 +45,7 @@ std::string_view WithoutPart(std::string_view name) {
     return part ? name.substr(0, found) : name;
 }
 
-// `name` without ".N.dar", or as it is.
+// Returns `name` without ".N.dar", or unchanged when it has none.
 std::string_view WithoutSlice(std::string_view name) {
     static constexpr std::string_view kDar = ".dar";
     if (!str::EndsWith(name, kDar)) return name;
@@ -55,7 +55,7 @@ std::string_view WithoutSlice(std::string_view name) {
     return slice ? numbered.substr(0, dot) : name;
 }
 
-// The archive extension that `name` ends with, ".aes" included; empty when there is none.
+// Returns the archive extension at the end of `name`, ".aes" included; empty when there is none.
 std::string_view ArchiveExtension(std::string_view name) {
     std::string_view plain = name;
     if (str::EndsWith(plain, kEncrypted)) plain.remove_suffix(kEncrypted.size());
@@ -65,13 +65,13 @@ std::string_view ArchiveExtension(std::string_view name) {
     return {};
 }
 
-// DATE and "." at the start.
+// Returns true when `name` begins with a date and ".".
 bool BeginsWithDate(std::string_view name) {
     return name.size() > kDateSize && name[kDateSize] == '.' &&
            kro_date::IsDate(name.substr(0, kDateSize));
 }
 
-// `name` without one archive ending.
+// Returns `name` without one archive ending.
 std::string_view WithoutEnding(std::string_view name) {
     const std::string_view part = WithoutPart(name);
     std::string_view stem = WithoutSlice(part);
@@ -83,7 +83,8 @@ bool BeginsWithTypeLetter(std::string_view name) {
     return !name.empty() && (name.front() == 'F' || name.front() == 'I' || name.front() == 'C');
 }
 
-// The two halves of a backup's name, whatever file of it is named; pieces of the given text.
+// The date and user of a backup, parsed from the name of any of its files. Both are views of that
+// name.
 struct Backup {
     std::string_view date;
     std::string_view user;
@@ -121,8 +122,8 @@ bool ListsIndex(const std::string& list, const std::string& index) {
 }
 
 void AppendLine(const std::string& path, const std::string& line) {
-    // The directory may be one that others write to: no link and no named pipe of theirs is to be
-    // written to.
+    // Other users may be able to write to the directory. Do not write to a link or a named pipe of
+    // theirs.
     constexpr int kFlags =
         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     const ResHandle handle(open(path.c_str(), kFlags, 0640));

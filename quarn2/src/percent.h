@@ -1,4 +1,4 @@
-// Percent-encoding, as URLs have it.
+// Percent-encoding of URLs.
 #pragma once
 
 #include <optional>
@@ -7,10 +7,10 @@
 
 namespace quarn2 {
 
-// Letters, digits, "-._~" and the bytes of `also_plain` stay, every other byte becomes %XX.
+// Encodes every byte as %XX except letters, digits, "-._~" and the bytes of `also_plain`.
 std::string PercentEncoded(std::string_view text, std::string_view also_plain = {});
 
-// The reverse; nothing when a "%" is not followed by two hexadecimal digits.
+// Decodes the text. Returns nullopt when a "%" is not followed by two hexadecimal digits.
 std::optional<std::string> PercentDecoded(std::string_view text);
 
 }  // namespace quarn2

@@ -17,7 +17,7 @@ namespace {
 
 using Schemes = std::map<std::string, BackendScheme>;
 
-// A storage that is built in has its line here.
+// Every built-in storage has one line here.
 Schemes BuiltIn() {
     Schemes schemes;
     for (BackendScheme& scheme : std::vector<BackendScheme>{

@@ -1,11 +1,11 @@
-// The registry's own helper; its interface is quarn2_backend/storage_backend.h.
+// Internal functions of the registry. Its public interface is quarn2_backend/storage_backend.h.
 #pragma once
 
 #include <string>
 
 namespace quarn2 {
 
-// The schemes that exist, as an error text lists them.
+// Returns the names of all schemes, separated by ", ", for error texts.
 std::string KnownSchemes();
 
 }  // namespace quarn2

@@ -13,7 +13,7 @@ namespace {
 constexpr std::size_t kKeySize = 24;
 
 struct Keyed {
-    std::array<char, kKeySize> key;  // filled up with NUL
+    std::array<char, kKeySize> key;  // padded with NUL
     std::string* path;
 };
 

@@ -7,9 +7,9 @@
 
 namespace quarn2 {
 
-// The paths in the order of their bytes. Most comparisons look at a copy of the bytes in which the
-// paths differ first: following a pointer to each path's own text for every comparison takes
-// several times as long.
+// Returns the paths sorted by their bytes. Most comparisons use a copy of the first bytes after the
+// common prefix, because a comparison that dereferences the text of each path takes several times
+// as long.
 std::list<std::string> SortedPaths(std::vector<std::string> paths);
 
 }  // namespace quarn2

@@ -28,7 +28,7 @@ void CheckComponent(std::string_view name, std::string_view component) {
     // Such a file would be hidden from every listing and removed as a leftover.
     if (kro_file::IsTemporaryName(component))
         Refuse(name, "the form of temporary names is reserved");
-    // While it is written a file has a longer name.
+    // The temporary name of the file is longer and must fit too.
     if (kro_file::TemporaryName(component).size() > NAME_MAX) Refuse(name, "it is too long");
 }
 
@@ -92,7 +92,7 @@ std::string GetStoredName(const std::string& local) {
         stored = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
     }
     CheckStoredName(stored);
-    // A blank would end the name in the line that carries it.
+    // The name is sent in a line of fields separated by spaces, so a space would end it.
     if (stored.find(' ') != std::string::npos) Refuse(stored, "it has a blank; rename the file");
     return stored;
 }

@@ -1,4 +1,4 @@
-// Checks of the names that files have on a storage.
+// Checks the names of files on a storage.
 #pragma once
 
 #include <string>
@@ -8,17 +8,17 @@ namespace quarn2 {
 
 bool IsControl(char c) noexcept;
 
-// True when the text has NUL or another control character.
+// Returns true when the text contains NUL or another control character.
 bool HasControl(std::string_view text) noexcept;
 
-// True when `component` stands between the slashes of the path.
+// Returns true when one of the components of `path` is `component`.
 bool HasComponent(std::string_view path, std::string_view component) noexcept;
 
-// The name between apostrophes as an error text shows it: control characters escaped, an endless
-// one shortened.
+// Returns the name in apostrophes for an error text. Escapes control characters and truncates a
+// very long name.
 std::string Quoted(std::string_view name);
 
-// Throws kro_err::Error (kFailed) unless a file or directory of a storage may have this name.
+// Throws kro_err::Error (kFailed) unless a file or directory on a storage may have this name.
 void CheckStoredName(const std::string& name);
 
 }  // namespace quarn2

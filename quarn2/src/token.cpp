@@ -18,8 +18,8 @@ namespace quarn2 {
 
 namespace {
 
-// What is wrong with the text. Whatever goes into it is printed: a piece of the text is quoted only
-// where it cannot be a part of a secret.
+// The reason why a token is invalid. Because it is printed, it quotes a part of the token only
+// where that part cannot belong to a secret.
 struct Fault {
     std::string text;
 };
@@ -44,7 +44,7 @@ bool IsLetterOrDigit(char c) noexcept {
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// A word that could as well stand in a manual.
+// Returns true for a short word of letters, digits and `marks`, which is safe to quote.
 bool IsWord(std::string_view text, std::string_view marks) {
     return !text.empty() && text.size() <= kLongestQuote &&
            std::all_of(text.begin(), text.end(), [marks](char c) {
@@ -52,7 +52,7 @@ bool IsWord(std::string_view text, std::string_view marks) {
            });
 }
 
-// `what` names the piece in the fault.
+// `what` names the part of the token in the fault.
 std::string Decode(std::string_view text, const std::string& what) {
     std::optional<std::string> decoded = PercentDecoded(text);
     if (!decoded) {
@@ -63,7 +63,8 @@ std::string Decode(std::string_view text, const std::string& what) {
     return std::move(*decoded);
 }
 
-// Cuts `text` at the first `mark`: what stands behind it, nothing when it does not occur.
+// Truncates `text` before the first `mark` and returns the text after it; nullopt when there is no
+// `mark`.
 std::optional<std::string_view> CutTail(std::string_view& text, char mark) {
     const std::size_t found = text.find(mark);
     if (found == std::string_view::npos) return std::nullopt;
@@ -118,7 +119,7 @@ class BackupToken::Parser {
         }
     }
 
-    // Returns what stands behind the scheme.
+    // Returns the text after the scheme and its ":".
     std::string_view ParseScheme(std::string_view text) {
         std::string_view scheme = text;
         const std::optional<std::string_view> rest = CutTail(scheme, ':');
@@ -128,15 +129,17 @@ class BackupToken::Parser {
         token_.scheme_ = str::Lower(scheme);
         scheme_ = FindScheme(token_.scheme_);
         if (scheme_ != nullptr) return *rest;
-        // Without "//" the text may be "user:password@host", whose scheme was forgotten.
+        // Without "//" the text may be "user:password@host" with a missing scheme, which must not
+        // be quoted.
         const bool telling = IsWord(scheme, "+-.") && (str::StartsWith(*rest, "//") ||
                                                        rest->find('@') == std::string_view::npos);
         throw Fault{"unknown storage scheme" + (telling ? " '" + token_.scheme_ + "'" : "") +
                     "; known: " + KnownSchemes()};
     }
 
-    // A password with a "/" or "?" that is not encoded ends the authority too early: its rest would
-    // pass for a path and be shown. What gives it away is the "@" further on.
+    // A "/" or "?" in a password that is not encoded ends the authority too early: the rest of the
+    // password would become part of the path, which is printed. A "@" after the authority reveals
+    // this mistake.
     static void CheckStrayAt(std::string_view text, std::size_t authority_end) {
         const std::string_view authority = text.substr(0, authority_end);
         const bool stray = text.find('@', authority_end) != std::string_view::npos;
@@ -191,7 +194,7 @@ class BackupToken::Parser {
                host.find_first_not_of("0123456789abcdefABCDEF:.") == std::string_view::npos;
     }
 
-    // The host is not quoted: it may be a piece of a password with a "/" in it.
+    // Does not quote the host, because it may be part of a password that contains a "/".
     [[noreturn]] static void BadHost() {
         throw Fault{"storage token: what stands in the host's place is no host name or address"};
     }
@@ -218,12 +221,13 @@ class BackupToken::Parser {
         const std::string what = "parameter '" + name + "'";
         if (token_.params_.contains(name)) throw Fault{"storage token: repeated " + what};
         token_.params_[name] = Decode(value.value_or(std::string_view()), what);
-        // Empty where something was meant to stand: the likes of "arch_password=$UNSET".
+        // An empty value is usually a mistake, such as "arch_password=$UNSET".
         if (token_.params_[name].empty()) throw Fault{"storage token: " + what + " has no value"};
         after_secret_ = after_secret_ || IsSecret(scheme_, name);
     }
 
-    // What has no "=" behind it may be a value whose name was forgotten: it is not quoted.
+    // Returns the name of a known parameter, else throws. Quotes no text without "=", because it
+    // may be a value whose name is missing.
     std::string KnownParam(std::string_view text, bool has_value) const {
         std::set<std::string> known = CommonParams();
         known.insert(scheme_->params.begin(), scheme_->params.end());
