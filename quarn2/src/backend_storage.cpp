@@ -22,7 +22,7 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// A backup holds everything a user has; it is nobody else's to read.
+// A backup contains all data of a user, so other users must not read it.
 constexpr mode_t kDownloadMode = 0640;
 
 struct stat Status(int fd, const std::string& path) {
@@ -35,7 +35,7 @@ struct stat Status(int fd, const std::string& path) {
 class FileSource final : public ByteSource {
   public:
     FileSource(const std::string& path, TransferObserver* observer)
-        // A named pipe would otherwise hold the open until somebody writes to it.
+        // O_NONBLOCK because opening a named pipe would otherwise block until a writer opens it.
         : path_(path),
           observer_(observer),
           handle_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
@@ -118,8 +118,9 @@ class FileSink final : public ByteSink {
         if (observer_ != nullptr) observer_->Advance(bytes);
     }
 
-    // Reads the bytes back, because a backend may have written them through the descriptor. Throws
-    // as soon as they have arrived: a whole backup may follow them.
+    // Throws kUnauthorized when the file begins like an encrypted one. Reads the first bytes back
+    // from the file, because the backend may have written them through the descriptor. Each Advance
+    // calls this, so that the download stops before the rest of a large backup follows.
     void RefuseEncrypted() {
         if (!refuse_encrypted_) return;
         std::array<std::byte, kEncryptedMarkSize> first{};
@@ -135,7 +136,8 @@ class FileSink final : public ByteSink {
         refuse_encrypted_ = false;
     }
 
-    // For a backend that does not tell the size; a transfer of no bytes begins too.
+    // Reports the start of a transfer of unknown size unless the backend has called Expect.
+    // Download calls this too, so that a transfer of zero bytes is also reported.
     void Begin() {
         if (!std::exchange(expected_, true) && observer_ != nullptr) observer_->Begin(-1);
     }
@@ -160,7 +162,8 @@ class FileSink final : public ByteSink {
     bool expected_ = false;
 };
 
-// The kinds of a download's failure speak of the storage: trouble with the local side is kFailed.
+// Reports a failure to make the local file as kFailed, because the other kinds of a download's
+// errors refer to the storage.
 std::unique_ptr<kro_file::NewFile> NewLocalFile(const std::string& local) {
     try {
         return std::make_unique<kro_file::NewFile>(local, kDownloadMode);
@@ -212,7 +215,7 @@ void BackendStorage::List(std::vector<std::string>& names, const std::string& di
 }
 
 void BackendStorage::RemoveDir(const std::string& remote) {
-    // An empty name is refused with the other bad ones: it would be the root.
+    // Also refuses the empty name, which is the root.
     CheckStoredName(remote);
     backend_->RemoveDir(remote);
 }

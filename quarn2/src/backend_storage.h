@@ -1,4 +1,4 @@
-// The storage that users see, around a backend.
+// The Storage implementation around a backend.
 #pragma once
 
 #include <memory>
@@ -9,10 +9,11 @@
 
 namespace quarn2 {
 
-// What every storage has in common, done once: checking names, reading and writing local files.
+// The part that all storages share: checks names, reads and writes local files.
 class BackendStorage final : public Storage {
   public:
-    // The token tells how the files are changed on their way to the backend.
+    // `token` is the token that the backend was opened with. Its arch_password determines the
+    // stored sizes, the key hash and how Download treats encrypted files.
     BackendStorage(std::unique_ptr<StorageBackend> backend, BackupToken token);
 
     void Download(const std::string& remote, const std::string& local) override;

@@ -1,4 +1,4 @@
-// Hashes, in the one place that knows the library for them.
+// Hash functions. Callers do not depend on the cryptographic library.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace quarn2 {
 
-// A hash over bytes that come piece by piece.
+// Computes a hash of data that arrives in several buffers.
 class Digest {
   public:
     enum class Algorithm { kSha256, kMd5 };
@@ -21,7 +21,7 @@ class Digest {
     Digest& operator=(const Digest&) = delete;
 
     void Add(std::span<const std::byte> bytes);
-    // The raw bytes of the hash; once, after the last piece.
+    // Returns the raw bytes of the hash. Call it once, after the last Add.
     std::string Finish();
 
   private:
@@ -29,17 +29,17 @@ class Digest {
     std::unique_ptr<Context> context_;
 };
 
-// Raw bytes, too.
+// These return raw bytes as well.
 std::string Sha256(std::string_view text);
 std::string Md5(std::string_view text);
 std::string HmacSha256(std::string_view key, std::string_view text);
 
-// In small letters.
+// Encodes in lowercase.
 std::string Hex(std::string_view bytes);
-// Nothing when the text is no pairs of hexadecimal digits.
+// Returns nullopt when the text does not consist of pairs of hexadecimal digits.
 std::optional<std::string> FromHex(std::string_view text);
 
-// The SHA-256 of no bytes, in hexadecimal digits.
+// The SHA-256 of empty input, in hexadecimal digits.
 const std::string& EmptySha256();
 
 }  // namespace quarn2

@@ -17,7 +17,7 @@ struct Expect::Result {
 
 namespace {
 
-// The addresses are what counts; the names are for a debugger.
+// Only the addresses matter. The names are for a debugger.
 Expect::Result result_ok{"erOk"};
 Expect::Result result_suspend{"erSuspend"};
 Expect::Result result_close{"erClose"};
@@ -25,7 +25,7 @@ Expect::Result result_finish{"erFinish"};
 
 using Clock = std::chrono::steady_clock;
 
-// What is left of a run in poll's terms, rounded up so that it never ends early.
+// The remaining time of a run in milliseconds, rounded up so that the run never ends early.
 int Remaining(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
@@ -39,7 +39,7 @@ Expect::Result* const Expect::erClose = &result_close;
 Expect::Result* const Expect::erFinish = &result_finish;
 
 Expect::~Expect() {
-    // A worker's destructor may still look at the loop.
+    // Empties the list first, because the destructor of a worker may call the loop.
     const std::vector<Entry> leaving = std::exchange(entries_, {});
 }
 
@@ -72,7 +72,7 @@ bool Expect::Run(int timeout_ms) {
 
 bool Expect::Turn(int timeout_ms) {
     DropClosed();
-    // Suspended workers stay out: poll would report a hang-up on them again and again.
+    // Leave out suspended workers: poll would report a hang-up on them in every turn.
     std::vector<pollfd> waiting;
     std::vector<std::shared_ptr<Callable>> workers;
     for (const Entry& entry : entries_) {
@@ -93,7 +93,8 @@ bool Expect::Turn(int timeout_ms) {
 }
 
 bool Expect::Serve(int fd, short events, const std::shared_ptr<Callable>& worker) {
-    // An earlier call of this turn may have dropped the worker, or another one may have its number.
+    // An earlier call in this turn may have removed the worker, or another worker may have its
+    // descriptor number now.
     const Entry* const entry = Find(fd);
     if (entry == nullptr || entry->worker != worker) return true;
     if ((events & POLLNVAL) != 0) {

@@ -15,7 +15,7 @@ bool IsWordPart(char c) noexcept {
 
 bool IsDelimiter(char c) noexcept { return c == '/' || c == '\'' || c == '"' || c == '`'; }
 
-// A component "a" must not be taken out of "space".
+// Keeps a component "a" from being removed inside "space".
 bool IsOnItsOwn(const std::string& text, std::size_t begin, std::size_t end) noexcept {
     return (begin == 0 || !IsWordPart(text[begin - 1])) &&
            (end == text.size() || !IsWordPart(text[end]));
@@ -58,8 +58,8 @@ std::string SearchableText(std::string_view text, std::string_view path) {
     std::string rest = str::Lower(std::string(path));
     Erase(searched, rest, IsOnItsOwn);
     Erase(searched, str::RGetWord(rest, "/"), IsOnItsOwn);
-    // Of the directories only what is part of a path or quoted: "quota exceeded" stays, also for a
-    // user of that name.
+    // Remove directory names only where a slash or quote delimits them. "quota exceeded" stays,
+    // even for a user named "quota".
     while (!rest.empty()) Erase(searched, str::GetWord(rest, "/"), IsDelimited);
     return searched;
 }

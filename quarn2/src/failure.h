@@ -1,5 +1,5 @@
-// What the error codes of a storage mean for its caller. Each backend has one table that maps its
-// protocol's codes to these.
+// The classes of storage errors that a caller distinguishes. Each backend has one table that maps
+// the error codes of its protocol to these.
 #pragma once
 
 #include <string>
@@ -10,19 +10,19 @@
 namespace quarn2 {
 
 enum class Failure {
-    kUnauthorized,  // the credentials are refused: the caller drops the upload at once
+    kUnauthorized,  // refused credentials: the caller abandons the upload at once
     kNoRoom,        // a full disk or quota: the caller deletes old backups to make room
     kNotFound,
-    kUnavailable,  // worth another try
+    kUnavailable,  // the caller may retry
     kFailed,
 };
 
-// The kind of error that is thrown for it. Only an upload can report kNoRoom otherwise: for every
-// other operation it is kFailed.
+// Returns the error kind to throw for a failure. kNoRoom becomes kFailed, because only an upload
+// can report it in another way: Put returns false.
 kro_err::Kind KindOf(Failure failure) noexcept;
 
-// The text in small letters, without the path and without its components. For searching a server's
-// words: a file of user "quota" must not look like a quota.
+// Returns the text of a server in lowercase, without the path and its components, for a search for
+// keywords: the name of user "quota" must not look like an exceeded quota.
 std::string SearchableText(std::string_view text, std::string_view path);
 
 }  // namespace quarn2

@@ -1,4 +1,4 @@
-// What wrappers around a backend have in common.
+// Base class of the wrappers around a backend.
 #pragma once
 
 #include <memory>
@@ -10,7 +10,7 @@
 
 namespace quarn2 {
 
-// Hands on every operation that carries no bytes; a wrapper adds Put and Get.
+// Forwards every operation except Put and Get, which the wrapper implements.
 class ForwardingBackend : public StorageBackend {
   public:
     explicit ForwardingBackend(std::unique_ptr<StorageBackend> backend)

@@ -16,10 +16,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// As many as a node client uploads at once.
+// When more backends are idle, the oldest one is closed.
 constexpr std::size_t kMostIdle = 5;
-// Servers close what is silent for long, and a connection that is not needed is theirs to give to
-// others.
+// Servers close idle connections, and each idle connection takes one of their slots.
 constexpr std::chrono::seconds kLongestIdle(30);
 
 class IdleBackends {
@@ -35,13 +34,13 @@ class IdleBackends {
         entries_.push_back({token, std::move(backend), Clock::now()});
     }
 
-    // Null when none is there.
+    // Returns null when there is none.
     std::unique_ptr<StorageBackend> Take(const BackupToken& token) {
         std::vector<Entry> old;
         const std::lock_guard lock(mutex_);
         PutAsideAfterFork();
         TakeOld(old);
-        // The one that was used last is the likeliest to be connected still.
+        // The most recently used backend is most likely still connected.
         const auto found = std::find_if(entries_.rbegin(), entries_.rend(),
                                         [&](const Entry& entry) { return entry.token == token; });
         if (found == entries_.rend()) return nullptr;
@@ -57,15 +56,16 @@ class IdleBackends {
         Clock::time_point since;
     };
 
-    // A connection belongs to the process that opened it. Closing it here would say good-bye on the
-    // other's behalf, so it is only put aside.
+    // A connection belongs to the process that opened it. Closing it in a forked child would end
+    // the session of the parent, so the child only sets it aside.
     void PutAsideAfterFork() {
         if (std::exchange(process_, getpid()) == process_) return;
         std::move(entries_.begin(), entries_.end(), std::back_inserter(of_other_processes_));
         entries_.clear();
     }
 
-    // Entries lie in the order of their time. They are closed by the caller, without the lock.
+    // Moves expired entries to `old`. The entries are sorted by time. The caller destroys `old`,
+    // which closes the connections, after it has released the lock.
     void TakeOld(std::vector<Entry>& old) {
         const auto first_young = std::find_if(entries_.begin(), entries_.end(), [](const Entry& e) {
             return Clock::now() - e.since < kLongestIdle;
@@ -80,7 +80,7 @@ class IdleBackends {
     std::vector<Entry> of_other_processes_;
 };
 
-// Never destroyed: at the end of a process the libraries below may be gone already.
+// Never destroyed, because at process exit the network libraries may already be unloaded.
 IdleBackends& Idle() {
     static IdleBackends& idle = *new IdleBackends;
     return idle;
@@ -96,7 +96,7 @@ class KeptBackend final : public StorageBackend {
         try {
             Idle().Keep(token_, std::move(backend_));
         } catch (const std::exception&) {
-            // Without memory for the list the connection is closed, which loses nothing.
+            // Out of memory for the list: close the connection, which loses nothing.
             backend_.reset();
         }
     }

@@ -1,7 +1,7 @@
-// Backends with open connections, kept for the next storage object of the same token.
+// Keeps backends with open connections for the next storage object of the same token.
 //
-// Every upload of a node client has a storage object of its own, one after another for each slice:
-// without this each would connect, prove who it is and agree on keys anew.
+// A node client makes a new storage object for every upload. Without this, each upload would
+// connect, authenticate and agree on keys again.
 #pragma once
 
 #include <functional>
@@ -12,9 +12,10 @@
 
 namespace quarn2 {
 
-// A backend of this token that lay idle, else the one that `open` makes. When the result goes, the
-// backend inside is kept for the next call, unless an operation has failed in a way that may be the
-// connection's. Thread-safe; nothing crosses a fork.
+// Returns an idle backend of this token, or the one that `open` makes. When the result is
+// destroyed, its backend becomes idle for the next call, unless an operation has failed with an
+// error other than kNotFound, because then the connection may be broken. Thread-safe. A forked
+// child does not reuse the connections of its parent.
 std::unique_ptr<StorageBackend> TakeBackend(
     const BackupToken& token, const std::function<std::unique_ptr<StorageBackend>()>& open);
 

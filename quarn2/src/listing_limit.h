@@ -1,4 +1,4 @@
-// Keeps a listing within the memory of this machine, whatever a server shows.
+// Limits the memory that the listing of a server can take.
 #pragma once
 
 #include <cstddef>
@@ -6,21 +6,23 @@
 
 namespace quarn2 {
 
-// Counts what a server lists in answer to one question, over all pages.
+// Counts the entries that a server lists during one operation, over all pages.
 class ListingLimit {
   public:
-    // Ten times what a storage with ten thousand backups shows.
+    // Ten times the number of names on a storage with ten thousand backups.
     static constexpr std::size_t kMostEntries = 1'000'000;
     static constexpr std::size_t kMostBytes = 128UL * 1024 * 1024;
-    // Deeper than backups lie; servers can show directories within directories without end.
+    // No backup is nested this deep, but a server could report nested directories without end.
     static constexpr std::size_t kDeepest = 200;
 
     // `what` names the server in the error text.
     explicit ListingLimit(std::string what) : what_(std::move(what)) {}
 
-    // One more entry of so many bytes. Throws a kro_err::Error (kFailed) when it is too many.
+    // Counts one more entry with a name of `bytes` bytes. Throws kro_err::Error (kFailed) above the
+    // limits.
     void Count(std::size_t bytes);
-    // Throws likewise for a directory so far below the one that was asked for.
+    // Throws kro_err::Error (kFailed) for a directory more than kDeepest levels below the one where
+    // the operation started.
     void CheckDepth(std::size_t depth) const;
 
   private:

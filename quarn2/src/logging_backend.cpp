@@ -14,7 +14,7 @@ namespace {
 
 constexpr kro_log::Module kLog("storage");
 
-// Measures one operation and writes its line.
+// Measures one operation and logs its line.
 class Operation {
   public:
     explicit Operation(std::string text) : text_(std::move(text)), start_(Clock::now()) {}
@@ -23,7 +23,7 @@ class Operation {
         kLog.Text(kStorageLogLevel, text_ + ": " + how + " in " + Milliseconds());
     }
 
-    // Runs `action`, which tells how it ended.
+    // Runs `action`, which returns the result for the log line.
     template <class Action>
     void Run(const Action& action) const {
         try {
@@ -48,7 +48,7 @@ class Operation {
     Clock::time_point start_;
 };
 
-// Counts what passes, and hands everything on.
+// Counts the bytes and forwards all calls.
 class CountingSink final : public ByteSink {
   public:
     explicit CountingSink(ByteSink& sink) : sink_(sink) {}

@@ -1,4 +1,4 @@
-// What a storage is asked and how long it takes, in the log.
+// Logs the operations of a storage and their duration.
 #pragma once
 
 #include <memory>
@@ -7,10 +7,10 @@
 
 namespace quarn2 {
 
-// The level of the lines: a trace, silent unless somebody looks for trouble.
+// The log level of these lines: trace, which is not logged by default.
 inline constexpr int kStorageLogLevel = 8;
 
-// Logs one line for each operation when it has ended, well or not.
+// Logs one line at the end of each operation, successful or failed, except for SyncRemovals.
 std::unique_ptr<StorageBackend> Logged(std::unique_ptr<StorageBackend> backend);
 
 }  // namespace quarn2

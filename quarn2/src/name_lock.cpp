@@ -23,12 +23,13 @@ std::string DirectoryPath() {
 
 }  // namespace
 
-// The file first: whoever opened it meanwhile finds that it is not the named one any more.
+// Removes the file while the lock is still held. A process that has opened the file meanwhile takes
+// the lock later and detects that the path no longer names the file.
 NameLock::~NameLock() {
     try {
         kro_file::RemoveFile(path_);
     } catch (const std::exception& error) {
-        // An empty file that nobody holds is in nobody's way.
+        // A leftover lock file that no process holds does no harm.
         KRO_LOG(kLog, 4, "%s", error.what());
     }
 }

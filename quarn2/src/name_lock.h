@@ -1,4 +1,4 @@
-// A lock that lasts as long as a process of this machine holds it.
+// Locks by name between the processes of this machine.
 #pragma once
 
 #include <memory>
@@ -8,7 +8,7 @@
 
 namespace quarn2 {
 
-// Held until the object goes, and freed by the kernel when the process dies.
+// Holds the lock until it is destroyed. The kernel releases the lock when the process dies.
 class NameLock {
   public:
     NameLock(std::string path, kro_file::Lock lock)
@@ -22,12 +22,13 @@ class NameLock {
     kro_file::Lock lock_;
 };
 
-// Takes the lock of this name, which must be good for a file's. Null when another process of this
-// user has it. A kro_err::Error where no lock can be had at all.
+// Takes the lock of this name, which must be valid as a file name. Returns null when this user
+// already holds the lock, in this process or another one. Throws kro_err::Error when the lock file
+// or its directory is unusable.
 std::unique_ptr<NameLock> TryLockName(const std::string& name);
 
-// The directory that the locks lie in, made when it is missing. Nobody else can write to it: who
-// could would keep files from being uploaded for as long as he liked.
+// Returns the directory of the lock files, and makes it when it is missing. Throws kro_err::Error
+// when another user can write to it, because that user could block uploads by holding locks.
 std::string NameLockDirectory();
 
 }  // namespace quarn2

@@ -12,12 +12,13 @@ namespace quarn2 {
 
 namespace {
 
-// Counts bytes and waits as long as they are ahead of their time.
+// Counts bytes and sleeps while the transfer is ahead of the rate.
 class Pace {
   public:
     explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second) {}
 
-    // No piece is larger than what a tenth of a second may carry, so that the rate is even.
+    // The maximum bytes of one transfer step: a tenth of a second at this rate, so that the rate is
+    // even.
     std::size_t Piece() const {
         constexpr std::int64_t kPiecesPerSecond = 10;
         return static_cast<std::size_t>(std::max<std::int64_t>(1, rate_ / kPiecesPerSecond));
@@ -30,12 +31,12 @@ class Pace {
         constexpr double kMilliseconds = 1000;
         const int wait = static_cast<int>((due - passed) * kMilliseconds);
         if (wait > 0) kro_proc::Sleep(wait);
-        // What a stall has cost is not made up for: the network would get it all at once.
+        // Does not make up for a stall, because the missed bytes would follow at full speed.
         if (passed - due > kMostArrears) Restart();
     }
 
   private:
-    // Seconds.
+    // In seconds.
     static constexpr double kMostArrears = 1;
 
     void Restart() {

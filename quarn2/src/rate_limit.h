@@ -1,4 +1,4 @@
-// A limit of the bytes per second around any backend.
+// Limits the transfer rate of any backend.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 
 namespace quarn2 {
 
-// Carries at most `bytes_per_second` in each direction, averaged over a second.
+// Limits each upload and each download to `bytes_per_second`, averaged over about a second.
 std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
                                             std::int64_t bytes_per_second);
 

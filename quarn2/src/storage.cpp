@@ -29,7 +29,7 @@ std::int64_t Storage::Size(const std::string& local) {
 
 namespace {
 
-// The scheme's backend with everything around it that the token asks for.
+// Opens the scheme's backend and adds the wrappers that the token and the log level require.
 std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const BackupToken& token) {
     std::unique_ptr<StorageBackend> backend = scheme.open(token);
     if (kro_log::Enabled(kStorageLogLevel)) backend = Logged(std::move(backend));
