@@ -1,4 +1,4 @@
-// What an HTTP request carries.
+// Bodies of HTTP requests.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@
 
 namespace quarn2::net {
 
-// The bytes of one request, read forward. A request that meets a stale connection is sent again,
-// from the start.
+// The bytes of one request, read forward. If the request's connection was stale, the request is
+// sent again and the body is read again from the start.
 class HttpBody {
   public:
     virtual ~HttpBody() = default;
     virtual std::int64_t size() const = 0;
-    // Fills the buffer, or less at the end; 0 is the end.
+    // Fills the buffer. Returns fewer bytes only at the end, and 0 after the last one.
     virtual std::size_t Read(std::span<std::byte> buffer) = 0;
     virtual void Rewind() = 0;
 };
@@ -33,7 +33,7 @@ class TextBody final : public HttpBody {
     std::size_t done_ = 0;
 };
 
-// A stretch of memory that outlives the request.
+// A range of memory, which must outlive the request.
 class MemoryBody final : public HttpBody {
   public:
     explicit MemoryBody(std::span<const std::byte> bytes) : bytes_(bytes) {}
@@ -46,7 +46,7 @@ class MemoryBody final : public HttpBody {
     std::size_t done_ = 0;
 };
 
-// All of an upload's source, which outlives the request.
+// The complete source of an upload, which must outlive the request.
 class SourceBody final : public HttpBody {
   public:
     explicit SourceBody(ByteSource& source) : source_(source) {}

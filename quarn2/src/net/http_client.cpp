@@ -22,7 +22,7 @@ using kro_err::Kind;
 constexpr std::size_t kLongestRefusal = 64UL * 1024;
 constexpr std::size_t kLongestAnswer = 16UL * 1024 * 1024;
 constexpr std::size_t kLongestHeaders = 256UL * 1024;
-// A 100, an invitation to authenticate, and the answer itself.
+// Normally a request gets up to three responses: a 100, a 401 and the final one.
 constexpr int kMostAnswers = 100;
 constexpr int kPollMs = 1000;
 constexpr long kKeptConnections = 16;
@@ -34,8 +34,8 @@ std::string HttpReply::Header(const std::string& name) const {
     return found == headers.end() ? std::string() : found->second;
 }
 
-// One request on its way. The handle is used again for later ones: it remembers what a digest
-// authentication needs.
+// One request in progress. The handle is reused for later requests because it holds the state of
+// the digest authentication.
 class HttpClient::Transfer {
   public:
     explicit Transfer(HttpClient& client)
@@ -46,7 +46,7 @@ class HttpClient::Transfer {
           headers_came_(client.headers_came_) {
         handle_.TellSockets(client.sockets_);
         handle_.Set(CURLOPT_PROTOCOLS_STR, "http,https");
-        // Parallel transfers share no connection this way, and none waits for another.
+        // With HTTP/1.1 parallel transfers do not share a connection, so none waits for another.
         handle_.Set(CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
         handle_.Set(CURLOPT_PATH_AS_IS, 1);
         handle_.SetFunction(CURLOPT_READFUNCTION, OnRead);
@@ -105,7 +105,7 @@ class HttpClient::Transfer {
         return result;
     }
 
-    // Lets go of what belongs to the request.
+    // Destroys the request and returns its callback.
     Done Release() {
         request_ = HttpRequest();
         return std::exchange(done_, nullptr);
@@ -113,7 +113,7 @@ class HttpClient::Transfer {
 
   private:
     void SetMethod() {
-        // In this order: each of the three changes what the ones before it have set.
+        // The order matters: each of these three options changes what the previous ones have set.
         handle_.Set(CURLOPT_HTTPGET, 1);
         handle_.Set(CURLOPT_NOBODY, request_.method == "HEAD" ? 1 : 0);
         if (request_.body != nullptr) {
@@ -134,7 +134,8 @@ class HttpClient::Transfer {
         request_.sink->Begin(reply_);
     }
 
-    // Exceptions must not cross the C library: they wait until the transfer has ended.
+    // Exceptions must not pass through the C library. Result() rethrows them when the transfer has
+    // ended.
     template <class Action, class Result>
     Result Guarded(const Action& action, Result on_error) noexcept {
         try {
@@ -194,8 +195,9 @@ class HttpClient::Transfer {
             error);
     }
 
-    // libcurl's own watch takes seconds more than the timeout. What a source or a sink takes is not
-    // the server's fault, nor is what those of other requests take.
+    // Aborts a stalled transfer, because libcurl's own timeout takes effect seconds later. Only the
+    // time spent waiting for the network counts, not the time spent in the sources and sinks of
+    // this and other requests.
     static int OnProgress(void* data, curl_off_t /*down_total*/, curl_off_t down,
                           curl_off_t /*up_total*/, curl_off_t up) {
         auto* const self = static_cast<Transfer*>(data);
@@ -227,7 +229,7 @@ class HttpClient::Transfer {
                            std::min(room, bytes.size()));
     }
 
-    // Of several answers to one request (a 100, an invitation to authenticate) the last counts.
+    // If a request gets several responses (a 100, a 401), only the last one counts.
     void TakeHeader(std::string_view line) {
         moved_at_ = waited_;
         if (str::StartsWith(line, "HTTP/")) {
@@ -253,7 +255,8 @@ class HttpClient::Transfer {
     CurlHandle handle_;
     std::string what_;
     int timeout_;
-    // How long the client has waited for the network so far, and had when something last moved.
+    // The time that the client has waited for the network: in total, and until this transfer's last
+    // progress.
     const Clock::duration& waited_;
     Clock::duration moved_at_{};
     curl_off_t moved_ = 0;
@@ -278,7 +281,7 @@ HttpClient::HttpClient(ServerSettings settings)
 
 HttpClient::~HttpClient() {
     Cancel();
-    // The handles go before the connections that they used.
+    // The handles must be destroyed before the connections that they used.
     idle_.clear();
     Curl().multi_cleanup(multi_);
 }
@@ -299,7 +302,7 @@ void HttpClient::Start(HttpRequest request, Done done) {
     running_.emplace(handle, std::move(transfer));
 }
 
-// True when something had ended. Whoever is called may start requests.
+// Returns true if a request has ended. The callbacks may start new requests.
 bool HttpClient::Finish() {
     int left = 0;
     bool any = false;
@@ -319,8 +322,8 @@ bool HttpClient::Finish() {
     return any;
 }
 
-// Some servers send an answer's body only when its headers have been acknowledged, which the kernel
-// would otherwise put off for 40 ms.
+// Makes the kernel acknowledge received headers at once instead of after 40 ms. Some servers send
+// the body only after the acknowledgement.
 void HttpClient::Acknowledge() {
     if (!std::exchange(headers_came_, false)) return;
     const int on = 1;
@@ -329,7 +332,8 @@ void HttpClient::Acknowledge() {
     }
 }
 
-// True when something had ended; otherwise it has waited for the network.
+// Returns true if a request has ended. Otherwise waits up to `wait_ms` for the network and returns
+// false.
 bool HttpClient::Move(int wait_ms) {
     int active = 0;
     CURLMcode code = Curl().multi_perform(multi_, &active);

@@ -1,4 +1,4 @@
-// HTTP requests to one server, one after another or several at once, on one thread.
+// Sends HTTP requests to one server, in sequence or in parallel, on one thread.
 #pragma once
 
 #include <chrono>
@@ -20,45 +20,47 @@ namespace quarn2::net {
 
 struct HttpReply {
     int status = 0;
-    std::map<std::string, std::string> headers;  // names in small letters
-    // What no sink took; of a refusal at most its first 64 KiB.
+    std::map<std::string, std::string> headers;  // names in lower case
+    // The body, unless a sink took it. Of an error response it is at most the first 64 KiB.
     std::string body;
 
     bool IsSuccess() const noexcept { return status >= 200 && status < 300; }
-    // The header's value, "" when it was not sent; `name` in small letters.
+    // Returns the header's value, "" if the server did not send it. `name` is in lower case.
     std::string Header(const std::string& name) const;
 };
 
-// Takes the body of a successful answer piece by piece.
+// Receives the body of a successful response incrementally.
 class ReplySink {
   public:
     virtual ~ReplySink() = default;
-    // Once, before the first byte: status and headers are known.
+    // Called once, before the first byte, when the status and the headers are known. Also called
+    // for an empty body.
     virtual void Begin(const HttpReply& /*reply*/) {}
     virtual void Write(std::span<const std::byte> bytes) = 0;
 };
 
-// A server may refuse a body before it is sent ("Expect: 100-continue"). Waiting for its invitation
-// costs a round trip, which only pays for bodies that take longer than that to send.
+// Minimum size of the bodies that are sent with "Expect: 100-continue", which allows the server to
+// refuse a request before it receives the body. The header costs a round trip, so it is used only
+// for bodies that take longer than that to send.
 inline constexpr std::int64_t kWorthWaiting = 1024L * 1024;
 
 struct HttpRequest {
     std::string method = "GET";
-    std::string url;                   // whole, percent-encoded
+    std::string url;                   // complete, percent-encoded
     std::vector<std::string> headers;  // "Name: value"
     std::unique_ptr<HttpBody> body;    // PUT and POST always have one
-    ReplySink* sink = nullptr;         // outlives the request; null: the reply keeps the body
-    bool waits_for_invitation = true;  // with a body of kWorthWaiting and more
+    ReplySink* sink = nullptr;         // must outlive the request; null: the reply holds the body
+    bool waits_for_invitation = true;  // only for a body of at least kWorthWaiting
 };
 
-// How a started request ended: with an answer, whatever its status, or with an error.
+// The result of a request: a response of any status, or an error.
 struct HttpResult {
     HttpReply reply;
     std::exception_ptr error;
 };
 
-// Connections are kept for the next requests; a stale one is replaced and the request sent again.
-// Redirections are answers like others. Used by one thread.
+// Keeps connections for later requests. Replaces a stale connection and sends the request again.
+// Does not follow redirections. Not thread-safe: used by one thread at a time.
 class HttpClient {
   public:
     using Done = std::function<void(HttpResult)>;
@@ -68,19 +70,21 @@ class HttpClient {
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
 
-    // The server's answer; throws when there is none (kUnavailable, kUnauthorized for a certificate
-    // that is not trusted), and what the body or the sink threw.
+    // Sends a request and returns the response of any status. Throws if there is none
+    // (kUnavailable; kUnauthorized for a certificate that is not trusted). Rethrows exceptions of
+    // the body and of the sink.
     HttpReply Do(HttpRequest request);
 
-    // Begins a request; `done` is called from Wait (or Do) when it has ended.
+    // Starts a request. Wait(), Pump() or Do() calls `done` when the request has ended.
     void Start(HttpRequest request, Done done);
-    // Waits until at least one of the started requests has ended. At once when none runs.
+    // Waits until at least one of the started requests has ended. Returns at once if none is
+    // running.
     void Wait();
-    // Moves on what runs as far as it goes now, or at the latest in `wait_ms`; for whoever has
-    // other work in between.
+    // Advances the running requests without blocking. If none has ended, waits up to `wait_ms` for
+    // the network. For callers that do other work in between.
     void Pump(int wait_ms);
     std::size_t running() const noexcept { return running_.size(); }
-    // Breaks off all that run; nobody is called.
+    // Cancels all running requests. Their `done` is not called.
     void Cancel() noexcept;
 
     const std::string& what() const noexcept { return settings_.what; }

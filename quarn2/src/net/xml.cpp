@@ -20,12 +20,13 @@ using kro_err::Kind;
 constexpr char kSeparator = '\n';
 constexpr std::size_t kDeepest = 64;
 constexpr std::size_t kLongestText = 1024UL * 1024;
-// expat keeps what it has not yet understood (a tag, a comment), and every name that it has met.
+// expat buffers incomplete tokens (a tag, a comment) and keeps every name that it has parsed. These
+// limits bound its memory.
 constexpr std::size_t kLongestPiece = 4UL * 1024 * 1024;
 constexpr std::size_t kMostNames = 1000;
 constexpr std::size_t kLongestAnswer = 512UL * 1024 * 1024;
 
-// expat gives "URI<separator>NAME", or the name alone.
+// Splits expat's "URI<separator>NAME". A name without a namespace has no separator.
 std::pair<std::string_view, std::string_view> SpaceAndName(const char* text) {
     const std::string_view whole = text;
     const std::size_t end = whole.rfind(kSeparator);
@@ -76,7 +77,7 @@ class XmlReader::Parser {
                                             XML_ErrorString(XML_GetErrorCode(parser_)));
     }
 
-    // Exceptions must not cross the C library.
+    // Exceptions must not pass through the C library. ParsePiece() rethrows them.
     template <class Action>
     void Guarded(const Action& action) noexcept {
         if (thrown_) return;
@@ -103,7 +104,7 @@ class XmlReader::Parser {
         self->understood_ = self->fed_;
         self->Guarded([self, name, attributes] {
             self->Meet(name);
-            // Names and values take turns.
+            // The array holds names and values alternately.
             for (const char** at = attributes; *at != nullptr; at += 2) self->Meet(*at);
             if (self->texts_.size() >= kDeepest) self->Refuse("that nests without end");
             self->texts_.emplace_back();
@@ -125,7 +126,7 @@ class XmlReader::Parser {
             self->texts_.pop_back();
             const auto parts = SpaceAndName(name);
             self->handler_.Close(parts.first, parts.second, text);
-            // The blanks between elements are nobody's text.
+            // Drops the white space between child elements.
             if (!self->texts_.empty()) self->texts_.back().clear();
         });
     }
@@ -152,7 +153,7 @@ class XmlReader::Parser {
     std::vector<std::string> texts_;
     std::set<std::string, std::less<>> names_;
     std::size_t fed_ = 0;
-    std::size_t understood_ = 0;  // of that, at the end of the last tag
+    std::size_t understood_ = 0;  // the value of fed_ at the last tag
     std::exception_ptr thrown_;
 };
 

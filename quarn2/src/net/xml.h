@@ -1,4 +1,4 @@
-// XML answers, read piece by piece in memory that does not depend on their length.
+// Incremental XML parser. Its memory does not grow with the length of the document.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,8 @@
 
 namespace quarn2::net {
 
-// Told of each element as it ends; `text` is what stood directly in it, "" where it holds elements.
+// Receives each element. `text` is the text of the element; if it has child elements, only the text
+// after the last one.
 class XmlHandler {
   public:
     virtual ~XmlHandler() = default;
@@ -18,19 +19,19 @@ class XmlHandler {
     virtual void Close(std::string_view space, std::string_view name, const std::string& text) = 0;
 };
 
-// Reads one document. What is no XML, is cut off, declares entities or nests without end is
-// kUnavailable: a server's answer that makes no sense may be better the next time. What the handler
-// throws is thrown on.
+// Parses one document. Throws kUnavailable for XML that is malformed, truncated, has a document
+// type declaration or exceeds a limit (nesting, names, texts, size), because the server's next
+// response may be valid. Rethrows exceptions of the handler.
 class XmlReader {
   public:
-    // `what` names the server in error texts. The handler outlives the reader.
+    // `what` names the server in error texts. The handler must outlive the reader.
     XmlReader(std::string what, XmlHandler& handler);
     ~XmlReader();
     XmlReader(const XmlReader&) = delete;
     XmlReader& operator=(const XmlReader&) = delete;
 
     void Feed(std::span<const std::byte> bytes);
-    // To be called when everything has been fed.
+    // Must be called after the last Feed(). Throws if the document is incomplete.
     void Finish();
 
   private:
