@@ -20,7 +20,7 @@ constexpr std::size_t kShortestBucket = 3;
 constexpr std::size_t kLongestBucket = 255;
 constexpr std::size_t kLongestHostLabel = 63;
 constexpr std::size_t kLongestWord = 64;
-// S3 allows keys of 1024 bytes, and file names must still find room.
+// S3 limits keys to 1024 bytes. The rest of the limit is left for file names.
 constexpr std::size_t kLongestPrefix = 512;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -34,7 +34,7 @@ bool IsWord(std::string_view text, std::string_view marks) {
            });
 }
 
-// The bucket and the prefix, without the slashes around.
+// Splits a token's path into bucket and prefix. Slashes at both ends of the path are dropped.
 std::pair<std::string, std::string> Split(std::string path) {
     while (str::StartsWith(path, "/")) path.erase(0, 1);
     while (str::EndsWith(path, "/")) path.pop_back();
@@ -115,7 +115,8 @@ std::string ParamFault(const BackupToken& token) {
     return PartSizeFault(token.Param("part_size"));
 }
 
-// The Host header names no port that the protocol has anyway, and is signed.
+// The Host header omits the protocol's default port. The header is signed, so this text must be
+// exactly the one that is sent.
 std::string HostText(const BackupToken& token, std::uint16_t default_port) {
     std::string host = net::HostAndPort(token);
     if (token.port() == default_port) str::RGetWord(host, ":");

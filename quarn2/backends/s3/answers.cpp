@@ -14,7 +14,7 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Tells of each element's text by its name and its parent's.
+// Calls `take` with the text of each element, its name and its parent's name.
 class Elements final : public net::XmlHandler {
   public:
     using Take = std::function<void(std::string_view parent, std::string_view name,
@@ -43,8 +43,8 @@ void ReadAll(const std::string& what, const std::string& body, Elements::Take ta
     reader.Finish();
 }
 
-// Listings are asked for in this form, because XML cannot hold every key. Some servers write a
-// blank as a plus sign.
+// Decodes a key of a listing. Listings are requested percent-encoded because XML cannot represent
+// every key. Some servers encode a blank as a plus sign.
 std::string DecodedKey(const std::string& text) {
     std::string plain = text;
     std::replace(plain.begin(), plain.end(), '+', ' ');
@@ -73,7 +73,8 @@ Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
             TakeRefusal(refusal, name, text);
         });
     } catch (const Error&) {
-        // A proxy's page, or nothing at all: what was read of it counts, and the status does.
+        // The body is empty or a proxy's page. The refusal keeps the status and the fields parsed
+        // so far.
     }
     return refusal;
 }
@@ -93,7 +94,7 @@ void ListingReader::Close(std::string_view /*space*/, std::string_view name,
         limit_.Count(text.size());
         (is_key ? listing_.keys : listing_.directories).push_back(DecodedKey(text));
     }
-    // Whatever the token means is the server's business.
+    // The continuation token is opaque: it is not decoded.
     if (name == "NextContinuationToken") listing_.next = text;
 }
 

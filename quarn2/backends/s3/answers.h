@@ -1,4 +1,4 @@
-// What S3 servers answer, taken out of the XML.
+// Parses the XML responses of S3 servers.
 #pragma once
 
 #include <string>
@@ -11,14 +11,14 @@
 
 namespace quarn2::s3 {
 
-// Of an answer whose status is no success, or whose body is an error all the same. `path` is that
-// of the refusal.
+// Parses an error response: one whose status is not 2xx, or one with an error in its body despite a
+// 200. `path` becomes Refusal::path.
 Refusal RefusalOf(const net::HttpReply& reply, std::string path = {});
 
 struct Listing {
     std::vector<std::string> keys;
-    std::vector<std::string> directories;  // with the slash at the end
-    std::string next;                      // continues the listing; "" at its end
+    std::vector<std::string> directories;  // with a trailing slash
+    std::string next;                      // the continuation token; "" on the last page
 };
 
 struct Upload {
@@ -31,7 +31,8 @@ struct Uploads {
     bool more = false;
 };
 
-// The answer to the end of an upload in parts, or to its beginning: an error may come with a 200.
+// The response to the start or the completion of a multipart upload. A response with status 200 may
+// contain an error.
 struct UploadAnswer {
     bool is_error = false;
     std::string id;
@@ -39,11 +40,12 @@ struct UploadAnswer {
 };
 
 struct DeleteAnswer {
-    std::string key;  // the first that stays, "" when all are gone
+    std::string key;  // the first key that was not removed; "" if all were
     Refusal refusal;
 };
 
-// Reads one answer piece by piece; what makes no sense is kUnavailable. `what` names the server.
+// Parses one listing incrementally. Throws kUnavailable for a malformed listing and kFailed for one
+// beyond ListingLimit. `what` names the server in error texts.
 class ListingReader final : public net::ReplySink, private net::XmlHandler {
   public:
     explicit ListingReader(const std::string& what) : reader_(what, *this), limit_(what) {}

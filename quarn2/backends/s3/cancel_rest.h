@@ -1,12 +1,12 @@
-// For requests whose results lie on the caller's stack.
+// Cancels requests whose results are on the caller's stack.
 #pragma once
 
 #include "net/http_client.h"
 
 namespace quarn2::s3 {
 
-// Breaks off what still runs when the scope is left. To be declared behind everything that the
-// requests refer to.
+// Cancels all running requests of the client at the end of the scope. Declare it after every object
+// that the requests refer to.
 class CancelRest {
   public:
     explicit CancelRest(net::HttpClient& client) : client_(client) {}

@@ -28,14 +28,15 @@ Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
     return reader.Finish();
 }
 
-// Follows a listing from page to page. A server could send us in a circle, or on for ever.
+// Follows a listing from page to page. Throws kFailed if the server repeats a page or the listing
+// does not end.
 class Pages {
   public:
     explicit Pages(const Service& service) : what_(service.what()) {}
 
     const std::string& next() const noexcept { return next_; }
 
-    // False when this page was the last one.
+    // Returns false after the last page.
     bool GoOn(const Listing& page) {
         if (page.next.empty()) return false;
         if (page.next == next_ || ++count_ > kMost) {
@@ -48,7 +49,7 @@ class Pages {
     }
 
   private:
-    // Each has a thousand keys.
+    // Pages of up to 1000 keys each.
     static constexpr int kMost = 5'000;
 
     std::string what_;
@@ -56,8 +57,8 @@ class Pages {
     int count_ = 0;
 };
 
-// Other programs may have stored what cannot be a name here ("a//b", "../x"): it is not shown, but
-// goes with its directory.
+// False for keys that only other programs can have stored ("a//b", "../x"). Listings omit them. The
+// removal of their directory removes them, too.
 bool IsName(const std::string& name) {
     try {
         CheckStoredName(name);
@@ -92,7 +93,7 @@ Call DeleteCall(const std::string& key) {
     return call;
 }
 
-// Throws unless the answer to the removal of one key says that it is gone.
+// Throws unless the response to a DELETE confirms that the key no longer exists.
 void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
     if (reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(reply);
@@ -100,7 +101,7 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
     service.Refuse(refusal, doing);
 }
 
-// Removes the keys of page after page, several requests at once.
+// Removes all objects below a prefix, page by page, with several requests in parallel.
 class Sweeper {
   public:
     Sweeper(Service& service, std::string prefix)
@@ -144,7 +145,7 @@ class Sweeper {
         if (!batch.empty()) StartBatch(batch);
     }
 
-    // A key that XML cannot hold.
+    // For a key that XML cannot represent.
     void StartOne(const std::string& key) {
         StartCall(DeleteCall(key),
                   [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
@@ -189,8 +190,8 @@ class Sweeper {
     std::exception_ptr error_;
 };
 
-// The three requests of one removal: the file itself, whether there is a directory of that name,
-// and what uploads have left. They run at once, so that it takes the time of one.
+// Sends the three requests of one removal: delete the file, look for a directory of that name, list
+// the file's unfinished uploads. They run in parallel, so the removal takes one round trip.
 class Removal {
   public:
     Removal(Service& service, Unfinished& unfinished, const std::string& name)
@@ -286,7 +287,7 @@ std::vector<std::string> ListDirectory(Service& service, const std::string& name
         if (FileExists(service, name, doing)) return {name};
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
-    // A file and a directory may have the same name here.
+    // S3 allows a file and a directory of the same name.
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;

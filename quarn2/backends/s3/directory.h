@@ -1,4 +1,4 @@
-// Directories, which S3 knows only as beginnings of keys.
+// Operations on directories. S3 has no directories: a directory is a common prefix of keys.
 #pragma once
 
 #include <string>
@@ -9,21 +9,23 @@
 
 namespace quarn2::s3 {
 
-// One page of the keys that begin with `prefix`, from `next` on ("" from the start). With
-// `only_direct` those with a further slash are put together to directories.
+// Returns the request for one page of the keys that begin with `prefix`. `next` is the continuation
+// token, "" for the first page. With `only_direct` the server groups keys that contain a further
+// slash into directories.
 Call ListingCall(const std::string& prefix, bool only_direct, const std::string& next);
 
-// What lies directly in a directory ("" is the root); for a file its name. kNotFound when there is
-// neither.
+// Returns the names directly in a directory ("" is the root); for a file, that file's name. Throws
+// kNotFound if neither exists.
 std::vector<std::string> ListDirectory(Service& service, const std::string& name);
 
-// kNotFound for a missing bucket.
+// Throws kNotFound if the bucket does not exist.
 void CheckBucket(Service& service);
 
-// Removes one file and its leftovers; a directory is kFailed.
+// Removes one file and aborts its unfinished uploads. Throws kFailed if there is a directory of
+// that name.
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name);
 
-// Removes all whose key begins with `prefix`.
+// Removes every object whose key begins with `prefix`.
 void RemoveBelow(Service& service, const std::string& prefix);
 
 }  // namespace quarn2::s3

@@ -37,10 +37,10 @@ std::optional<std::int64_t> Number(std::string_view text) {
 
 struct ContentRange {
     std::int64_t offset = 0;
-    std::int64_t size = 0;  // of the whole file
+    std::int64_t size = 0;  // of the complete file
 };
 
-// Of "bytes 0-99/1000".
+// Parses "bytes 0-99/1000".
 std::optional<ContentRange> ParseRange(std::string text) {
     if (str::GetWord(text, " ") != "bytes") return std::nullopt;
     const std::optional<std::int64_t> offset = Number(str::GetWord(text, "-"));
@@ -52,7 +52,7 @@ std::optional<ContentRange> ParseRange(std::string text) {
 
 }  // namespace
 
-// A range on its way. The memory for what must wait is kept for the next one.
+// A range in transfer. The object is reused for later ranges, which keeps the memory of `held`.
 class Download::Piece final : public net::ReplySink {
   public:
     explicit Piece(Download& owner) : owner_(owner) {}
@@ -103,7 +103,7 @@ Call Download::PieceCall(Piece& piece) const {
         call.headers.emplace_back("range", "bytes=" + str::Str(piece.offset) + "-" +
                                                str::Str(piece.offset + piece.length - 1));
     }
-    // All ranges must be of one version of the file.
+    // All ranges must come from the same version of the file.
     if (!etag_.empty()) call.headers.emplace_back("if-match", etag_);
     return call;
 }
@@ -134,7 +134,7 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
         }
         return;
     }
-    // Not every server knows ranges.
+    // Some servers ignore the range header and send the complete file.
     const std::optional<std::int64_t> size =
         range ? range->size : Number(reply.Header("content-length"));
     if (!size || (range && range->offset != 0)) Broken("the server does not tell the size");
@@ -177,8 +177,8 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
     }
 }
 
-// An empty file has no ranges; and some servers answer with an error of their own when the file is
-// replaced in the moment between two looks at it.
+// A range request for an empty file gets a 416, so it is sent again without a range. Some servers
+// return a 500 if the file is replaced while they open it.
 bool Download::IsWorthAnother(int status) {
     if (status == kNoSuchRange) return std::exchange(has_ranges_, false);
     return status == kInternalError && ++failures_ < kMostFailures;

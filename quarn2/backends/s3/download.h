@@ -19,7 +19,8 @@ namespace quarn2::s3 {
 // The header with the SHA-256 of a file that was stored in one request.
 inline constexpr const char* kChecksumHeader = "x-amz-meta-quarn2-sha256";
 
-// A large file comes in ranges, several at once; what comes before its turn waits in memory.
+// Downloads a large file in ranges, several in parallel. Ranges that arrive before their turn wait
+// in memory.
 class Download {
   public:
     Download(Service& service, const std::string& name, ByteSink& sink);
@@ -27,7 +28,7 @@ class Download {
     Download(const Download&) = delete;
     Download& operator=(const Download&) = delete;
 
-    // Once.
+    // To be called once per object.
     void Run();
 
   private:
@@ -36,14 +37,16 @@ class Download {
     Call PieceCall(Piece& piece) const;
     void Start(std::int64_t offset, std::int64_t length);
     void StartMore();
-    // The first answer tells what there is to come.
+    // Takes size, ETag and checksum from the first response. Every later response must have the
+    // requested range and the same size.
     void Begin(Piece& piece, const net::HttpReply& reply);
     void Take(Piece& piece, std::span<const std::byte> bytes);
     void Deliver(std::span<const std::byte> bytes);
     void End(Piece& piece, const net::HttpResult& result);
-    // Hands on what had to wait for the pieces that are done.
+    // Removes finished ranges from the front of the queue and delivers the held bytes of the next
+    // one.
     void TakeTurns();
-    // The first request is to be sent once more.
+    // True if the first request is to be sent again.
     bool IsWorthAnother(int status);
     void CheckWhole();
     [[noreturn]] void Refuse(const net::HttpReply& reply) const;

@@ -22,8 +22,8 @@ bool IsWithin(unsigned byte, unsigned lowest, unsigned highest) {
     return byte >= lowest && byte <= highest;
 }
 
-// The length of the character that the text begins with, 0 when it begins with none: what is too
-// long for its number, half of a pair or beyond the last number is no character.
+// Returns the length of the UTF-8 character at the start of the text, 0 if it is invalid. Overlong
+// encodings, surrogates and code points above U+10FFFF are invalid.
 std::size_t Character(std::string_view text) {
     const unsigned first = ByteAt(text, 0);
     if (first < 0x80) return text.empty() ? 0 : 1;
@@ -44,7 +44,7 @@ bool IsOneOf(std::string_view text, std::size_t at, std::string_view digits) {
     return at < text.size() && digits.find(text[at]) != std::string_view::npos;
 }
 
-// "%25", or "%" and the digits of a byte that no character of one byte has.
+// True for "%25", and for "%" with the hexadecimal digits of a byte of 0x80 or more.
 bool BeginsWithEscape(std::string_view text) {
     if (text.substr(0, kEscape) == kEscapedPercent) return true;
     return ByteAt(text, 0) == '%' && IsOneOf(text, 1, kHighDigits) && IsOneOf(text, 2, kDigits);

@@ -1,4 +1,4 @@
-// The names of files as keys of objects, and back.
+// Converts file names to object keys and back.
 #pragma once
 
 #include <optional>
@@ -7,16 +7,16 @@
 
 namespace quarn2::s3 {
 
-// Keys are UTF-8, names any bytes. A byte that belongs to no character is written as "%" and two
-// digits, and so is the "%" of a name that would pass for such a piece; every other name is its own
-// key.
+// Keys are UTF-8; names may contain any bytes. A byte that is not part of a valid UTF-8 character
+// is percent-encoded. A "%" that would look like such an escape becomes "%25". Every other name is
+// its own key.
 std::string KeyOf(std::string_view name);
 
-// Nothing when no name has that key.
+// Returns nullopt if KeyOf() maps no name to this key.
 std::optional<std::string> NameOf(std::string_view key);
 
-// The text can stand in an XML document as it is, but for the five characters that are escaped
-// there.
+// True if an XML document can contain the text once XmlEscaped() has escaped the five special
+// characters.
 bool IsXmlText(std::string_view text);
 std::string XmlEscaped(std::string_view text);
 

@@ -15,16 +15,16 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Between two pieces that are read the parts on their way move on.
+// Bytes read from the source at a time. Running transfers advance after each read.
 constexpr std::size_t kPiece = kMiB;
 constexpr std::size_t kMd5Size = 16;
 
-// What a server said about a part that decides about the whole.
+// Thrown when a server's response ends the whole upload without an error.
 struct Stopped {
     PartsUpload::Outcome outcome;
 };
 
-// A stretch of the source, read as it is sent.
+// A range of the source, read while it is sent.
 class SourceRange final : public net::HttpBody {
   public:
     SourceRange(ByteSource& source, std::int64_t begin, std::int64_t size)
@@ -168,7 +168,7 @@ PartsUpload::Slot& PartsUpload::FreeSlot() {
     }
 }
 
-// Returns the hash of what it has read.
+// Returns the SHA-256 of the bytes that it has read.
 std::string PartsUpload::Fill(std::span<std::byte> bytes, std::int64_t offset) {
     Digest digest(Digest::Algorithm::kSha256);
     while (!bytes.empty()) {
@@ -206,8 +206,8 @@ void PartsUpload::StartPart(std::size_t index, Slot& slot, std::span<const std::
                             });
 }
 
-// A part too large to be held is read twice: for the hash that begins the request, then for the
-// request.
+// Reads a part that is too large for memory twice: first for the hash in the request's headers,
+// then for the request's body.
 void PartsUpload::SendInPlace() {
     const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kPiece);
     for (std::size_t index = 0; index < etags_.size(); ++index) {
@@ -247,7 +247,7 @@ void PartsUpload::Stop(const Refusal& refusal) const {
     service_.Refuse(refusal, doing_);
 }
 
-// --- The end ---
+// --- Completion ---
 
 PartsUpload::Outcome PartsUpload::Complete() {
     Call call;
@@ -259,7 +259,7 @@ PartsUpload::Outcome PartsUpload::Complete() {
     try {
         return OutcomeOf(service_.Ask(std::move(call)));
     } catch (const Error& error) {
-        // Only the answer may have got lost.
+        // Possibly only the response was lost.
         if (error.kind() != Kind::kUnavailable || !IsStored()) throw;
         return Outcome::kStored;
     }
@@ -275,13 +275,14 @@ PartsUpload::Outcome PartsUpload::OutcomeOf(const net::HttpReply& reply) {
     }
     const Refusal refusal = service_.RefusalOfKey(reply, key_);
     if (refusal.IsNoRoom()) return Outcome::kNoRoom;
-    // A request that was sent once more finds that the first has done it.
+    // If libcurl sent the request twice, the second one gets this code after the first has
+    // succeeded.
     if (refusal.code == kGoneCode) return IsStored() ? Outcome::kStored : Outcome::kGone;
     service_.Refuse(refusal, doing_);
 }
 
-// What servers tell of a file made of parts: the MD5 of the parts' MD5s, and how many there are.
-// "" when theirs are something else.
+// Returns the usual ETag of a multipart object: the MD5 of the parts' MD5s, "-", and the number of
+// parts. Returns "" if the parts' ETags are not MD5s.
 std::string PartsUpload::ExpectedEtag() const {
     std::string all;
     for (const std::string& etag : etags_) {

@@ -1,4 +1,4 @@
-// One upload in parts, from its beginning to its end.
+// One multipart upload, from its start to its completion.
 #pragma once
 
 #include <cstddef>
@@ -17,20 +17,22 @@
 
 namespace quarn2::s3 {
 
-// Each part is read once, forward, into memory; its SHA-256 goes into the signature, so that the
-// server takes nothing but these bytes. While one part is read the others are on their way.
+// Reads each part once, forward, into memory. The SHA-256 of the part is signed, so the server
+// accepts only these bytes. While one part is read, others are sent. A part too large for memory is
+// sent by SendInPlace() instead.
 class PartsUpload {
   public:
     enum class Outcome {
         kStored,
         kNoRoom,
-        kGone,  // somebody aborted it
+        kGone,  // another process aborted it
     };
 
-    // `doing` begins the texts of errors.
+    // Error texts contain `doing`: "cannot store 'x'".
     PartsUpload(Service& service, Unfinished& unfinished, std::string doing);
 
-    // Whatever does not end with the stored file leaves nothing on the server.
+    // Aborts the upload on the server unless the file is stored. If the server cannot be reached
+    // for that, `unfinished` remembers the upload.
     Outcome Run(const std::string& key, ByteSource& source, const Plan& plan);
 
   private:
@@ -38,10 +40,10 @@ class PartsUpload {
         std::unique_ptr<std::byte[]> bytes;
         bool free = true;
     };
-    // What is said of an upload that is no more.
+    // S3's error code for an upload that does not exist.
     static constexpr const char* kGoneCode = "NoSuchUpload";
 
-    // The new upload's id.
+    // Returns the new upload's id.
     std::string BeginUpload();
     Outcome SendAndComplete();
     void SendFromMemory();
@@ -52,7 +54,7 @@ class PartsUpload {
     void StartPart(std::size_t index, Slot& slot, std::span<const std::byte> bytes,
                    std::string hash);
     void TakePart(std::size_t index, const net::HttpResult& result);
-    // Throws what went wrong with a part.
+    // Throws the first failure of a part, if there is one.
     void Check();
     [[noreturn]] void Stop(const Refusal& refusal) const;
     std::int64_t LengthOf(std::size_t index) const;
@@ -61,7 +63,8 @@ class PartsUpload {
     Outcome Complete();
     Outcome OutcomeOf(const net::HttpReply& reply);
     std::string ExpectedEtag() const;
-    // Asks for the file itself, after an answer that leaves it open.
+    // Checks the stored file with a HEAD request, after a response that does not show whether it is
+    // stored. False if the check fails.
     bool IsStored();
     void CheckSize();
     net::HttpReply Head();
@@ -79,7 +82,7 @@ class PartsUpload {
     std::optional<Refusal> refusal_;
 };
 
-// The call that creates an object, with the headers that every new one gets.
+// Returns a request that creates an object, with the headers common to all new objects.
 Call CreationCall(const Service& service, const std::string& method, const std::string& key);
 
 }  // namespace quarn2::s3

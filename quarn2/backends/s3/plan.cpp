@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::int64_t kMostParts = 10000;
 constexpr std::int64_t kLargestObject = 5 * kMiB * kMiB;
-// Of the 64 MiB that parts may take together a quarter stays free while it can.
+// A quarter of the 64 MiB that parts may take together stays free unless a single part needs it.
 constexpr std::int64_t kMemory = 48 * kMiB;
 constexpr std::int64_t kMostAtOnce = 6;
 

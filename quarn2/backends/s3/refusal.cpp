@@ -16,7 +16,7 @@ constexpr int kNotFound = 404;
 constexpr int kServerErrors = 500;
 constexpr int kInsufficientStorage = 507;
 constexpr std::string_view kNoBucket = "NoSuchBucket";
-// A quota on some servers, on others a file or a part that is larger than they take.
+// Some servers return this code for a quota, others for a file or part above their size limit.
 constexpr std::string_view kTooLarge = "EntityTooLarge";
 
 struct CodeRow {
@@ -25,7 +25,7 @@ struct CodeRow {
 };
 
 constexpr CodeRow kCodes[] = {
-    // The access key or its rights, and nothing else.
+    // The access key is wrong or lacks a right.
     {"AccessDenied", Failure::kUnauthorized},
     {"ExpiredToken", Failure::kUnauthorized},
     {"InvalidAccessKeyId", Failure::kUnauthorized},
@@ -43,7 +43,8 @@ constexpr CodeRow kCodes[] = {
     {kNoBucket, Failure::kNotFound},
     {"NoSuchKey", Failure::kNotFound},
 
-    // The owner of the account, or of this machine's clock, can end it; the key itself is good.
+    // The access key is valid. The owner of the account, or the administrator of this machine's
+    // clock, can remove the cause.
     {"AccountProblem", Failure::kUnavailable},
     {"AllAccessDisabled", Failure::kUnavailable},
     {"RequestTimeTooSkewed", Failure::kUnavailable},
@@ -82,7 +83,7 @@ struct StatusRow {
     Failure failure;
 };
 
-// Without a code that is known, a refusal of the request or of the user may be a proxy's.
+// A response with one of these statuses and without a known code may come from a proxy.
 constexpr StatusRow kStatuses[] = {
     {302, Failure::kUnavailable}, {303, Failure::kUnavailable}, {307, Failure::kUnavailable},
     {401, Failure::kUnavailable}, {403, Failure::kUnavailable}, {407, Failure::kUnavailable},
@@ -103,7 +104,7 @@ const std::map<std::string_view, std::string>& Advice() {
     return advice;
 }
 
-// A redirection without a code is a proxy's, unless it is for good.
+// A redirection with neither code nor region comes from a proxy, unless it is permanent.
 bool NamesAnotherRegion(const Refusal& refusal) {
     constexpr int kMovedPermanently = 301;
     const bool redirects = refusal.status >= kRedirects && refusal.status < kErrors;

@@ -1,4 +1,4 @@
-// What an S3 server's refusal means.
+// Classifies the error responses of S3 servers.
 #pragma once
 
 #include <string>
@@ -8,22 +8,25 @@
 
 namespace quarn2::s3 {
 
-// Servers leave out what they like: the message may be empty. An answer without a code is one to
-// HEAD, or a page of a proxy in between.
+// Some servers send no message. A response without a code is one to a HEAD request, or a proxy's
+// page.
 struct Refusal {
     int status = 0;
     std::string code;
     std::string message;
     std::string region;  // of the bucket; empty when the reply names none
-    std::string path;    // bucket and key of the request; not searched in the message
+    std::string path;    // bucket and key of the request; ignored in searches of the message
 
-    // The one table of S3's codes; see the definition.
+    // Looks the code up in kCodes, the only table of S3's error codes; if it is unknown, the
+    // status.
     Failure failure() const;
     kro_err::Kind kind() const { return KindOf(failure()); }
     bool IsNoRoom() const { return failure() == Failure::kNoRoom; }
-    // The file or the upload does not exist. A proxy's 404 does not say that.
+    // True if the file or the upload does not exist. False for a 404 without a code, which may come
+    // from a proxy.
     bool IsMissing() const;
-    // "QuotaExceeded (HTTP 403)", with the message and what to do about it where that is known.
+    // Returns "QuotaExceeded (HTTP 403)", with the server's message and with advice where there is
+    // any.
     std::string Text() const;
 };
 

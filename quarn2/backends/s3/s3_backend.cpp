@@ -22,8 +22,8 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// How often an upload that others abort is begun anew. Each of them aborts only once, at its own
-// beginning.
+// Maximum number of starts of an upload that other processes abort. Each of them aborts it only
+// once, at the start of its own upload.
 constexpr int kMostBeginnings = 8;
 
 class S3Backend final : public StorageBackend {
@@ -46,7 +46,8 @@ class S3Backend final : public StorageBackend {
     bool PutWhole(const std::string& name, ByteSource& source);
     bool PutParts(const std::string& name, ByteSource& source);
     bool IsStored(const std::string& key, std::int64_t size, const std::string& hash);
-    // Leftovers first: they take room, and what stays when this fails is still listed.
+    // Aborts the unfinished uploads first: they take space and List() does not show them. If this
+    // fails, List() still shows the files.
     void Sweep(const std::string& prefix) {
         unfinished_.AbortBelow(prefix);
         RemoveBelow(service_, prefix);
@@ -83,7 +84,7 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     try {
         reply = service_.Ask(std::move(call));
     } catch (const Error& error) {
-        // Only the answer may have got lost.
+        // Possibly only the response was lost.
         if (error.kind() != Kind::kUnavailable || !IsStored(key, source.size(), hash)) throw;
         return true;
     }

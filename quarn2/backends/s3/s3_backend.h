@@ -1,4 +1,4 @@
-// Object storages that speak S3.
+// The backend for S3 object storages.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"
@@ -7,7 +7,7 @@ namespace quarn2 {
 
 // "s3": over TLS.
 BackendScheme S3Scheme();
-// "s3+http": in the clear, for servers on the same machine or behind a tunnel.
+// "s3+http": without TLS, for servers on the same machine or behind a tunnel.
 BackendScheme S3PlainScheme();
 
 }  // namespace quarn2

@@ -1,4 +1,4 @@
-// Signed requests to one place on an S3 server.
+// Sends signed requests for one storage on an S3 server.
 #pragma once
 
 #include <cstddef>
@@ -20,13 +20,13 @@ struct Call {
     std::string method = "GET";
     std::string key = {};  // "" is the bucket itself
     Params query = {};
-    Params headers = {};  // names in small letters; all are signed
+    Params headers = {};  // names in lower case; all are signed
     std::string payload_hash = EmptySha256();
     std::unique_ptr<net::HttpBody> body = nullptr;
-    net::ReplySink* sink = nullptr;  // outlives the request
+    net::ReplySink* sink = nullptr;  // must outlive the request
 };
 
-// Used by one thread.
+// Not thread-safe: used by one thread at a time.
 class Service {
   public:
     explicit Service(const BackupToken& token);
@@ -35,25 +35,25 @@ class Service {
     const std::string& what() const noexcept { return client_.what(); }
     net::HttpClient& client() noexcept { return client_; }
 
-    // The key of a file of the storage, prefix included; "" gives the prefix. kFailed when no
-    // server takes a key so long.
+    // Returns the key of a file, including the storage's prefix; for "", the prefix alone. Throws
+    // kFailed if the key is longer than S3 allows.
     std::string KeyOf(const std::string& name) const;
-    // The same for a directory: everything below it begins with this.
+    // Returns the common prefix of all keys below a directory.
     std::string KeyOfDirectory(const std::string& name) const;
 
     net::HttpRequest Signed(Call call);
 
-    // The answer; one that is no success is thrown. `doing` begins the error's text: "cannot store
-    // 'x'".
+    // Returns the response. Throws unless its status is a success. The error's text contains
+    // `doing`: "cannot store 'x'".
     net::HttpReply Do(Call call, const std::string& doing);
-    // The answer whatever it says.
+    // Returns the response, also one that reports an error.
     net::HttpReply Ask(Call call);
 
-    // For tidying up behind a request that broke: a connection of its own, and little patience with
-    // a server that has shown that it does not answer.
+    // Like Ask(), over a new connection and with a timeout of at most 10 seconds. For cleaning up
+    // after a failed request, when the server may not answer at all.
     net::HttpReply AskAnew(Call call);
 
-    // What the answer to a request for the key means.
+    // Parses the error response to a request for the key.
     Refusal RefusalOfKey(const net::HttpReply& reply, const std::string& key) const;
 
     [[noreturn]] void Refuse(const net::HttpReply& reply, const std::string& doing) const;
@@ -70,10 +70,11 @@ class Service {
     bool bucket_seen_ = false;
 };
 
-// A body of text with its hash.
+// Sets the request's body and its hash.
 void SetBody(Call& call, std::string text);
 
-// The digest that some requests must carry beside the signature.
+// Returns the value of the Content-MD5 header, which some requests need in addition to the
+// signature.
 std::string ContentMd5(std::string_view text);
 
 }  // namespace quarn2::s3

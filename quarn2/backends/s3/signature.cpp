@@ -14,7 +14,7 @@ namespace {
 constexpr std::string_view kAlgorithm = "AWS4-HMAC-SHA256";
 constexpr std::size_t kDayLength = 8;
 
-// Blanks at the ends go, several in a row become one.
+// Removes blanks at both ends and reduces each run of blanks to one.
 std::string Squeezed(std::string_view text) {
     std::string squeezed;
     for (const char c : text) {
@@ -29,7 +29,7 @@ std::string Squeezed(std::string_view text) {
     return squeezed;
 }
 
-// Sorted by name; the values of one name are put together in their order.
+// Sorts the headers by name and joins the values of equal names in their original order.
 Params Canonical(const Params& headers) {
     Params sorted = headers;
     std::stable_sort(sorted.begin(), sorted.end(),

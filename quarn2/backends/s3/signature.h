@@ -1,4 +1,4 @@
-// Signature version 4: how a request shows that its sender knows the secret key.
+// Signature version 4, which proves that the sender of a request knows the secret key.
 #pragma once
 
 #include <ctime>
@@ -11,7 +11,7 @@ namespace quarn2::s3 {
 
 using Params = std::vector<std::pair<std::string, std::string>>;
 
-// "a=1&b=2", sorted and percent-encoded: what is signed is also what is sent.
+// Returns "a=1&b=2", sorted and percent-encoded. The same text is signed and sent.
 std::string CanonicalQuery(const Params& params);
 
 struct Credentials {
@@ -25,23 +25,23 @@ struct Unsigned {
     std::string method;
     std::string path;          // percent-encoded, as it is sent
     std::string query;         // canonical
-    Params headers;            // all that is to be signed, "host" included; names in small letters
+    Params headers;            // all headers to sign, including "host"; names in lower case
     std::string payload_hash;  // SHA-256 of the body in hexadecimal digits
 };
 
-// "20261120T193331Z"
+// Formats the time as "20261120T193331Z" (UTC).
 std::string AmzDate(std::time_t now);
 
-// The text whose hash is signed.
+// Returns the text whose hash is signed.
 std::string CanonicalRequest(const Unsigned& request);
 
-// Keeps the key that is made anew for each day. The time goes into the signature and must be the
-// one that the x-amz-date header tells.
+// Caches the signing key, which changes every day. `now` is part of the signature and must equal
+// the time in the x-amz-date header.
 class Signer {
   public:
     explicit Signer(Credentials credentials);
 
-    // The value of the Authorization header.
+    // Returns the value of the Authorization header.
     std::string Authorization(const Unsigned& request, std::time_t now);
 
   private:

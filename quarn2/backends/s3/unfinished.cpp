@@ -15,8 +15,8 @@ namespace {
 using kro_err::Error;
 
 constexpr const char* kListing = "cannot list unfinished uploads";
-// How long a list of leftovers is good for small files: a listing for each would take as long as
-// the file itself, while nobody comes back for a name so soon after the upload of it has died.
+// Maximum age of the list for small files. A listing for each file would take as long as its
+// upload. No process uploads a name again so soon after an upload of it was killed.
 constexpr std::chrono::seconds kListingAge{2};
 
 constexpr std::size_t kAtOnce = 4;
@@ -43,7 +43,7 @@ Call AbortCall(const Upload& upload) {
 
 void CheckAborted(const Service& service, const net::HttpResult& result) {
     if (result.error) std::rethrow_exception(result.error);
-    // Somebody else may have done it.
+    // A missing upload is no failure: another process may have aborted it.
     if (result.reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(result.reply);
     if (refusal.IsMissing()) return;
@@ -70,7 +70,7 @@ bool RunningUpload::IsRunning(const std::string& id) {
 void Unfinished::AbortOf(const std::string& key) {
     known_.erase(key);
     std::vector<Upload> uploads = List(key);
-    // Keys that begin with the same letters are others'.
+    // The listing also contains longer keys that begin with this one.
     std::erase_if(uploads, [&key](const Upload& upload) { return upload.key != key; });
     Abort(uploads);
 }
@@ -112,8 +112,8 @@ Uploads Unfinished::PageOf(const net::HttpReply& reply) const {
     return ReadUploads(service_.what(), reply.body);
 }
 
-// What stands behind a page is asked for by its last upload: servers do not agree on how the
-// markers that they tell are encoded.
+// Requests the next page by the last upload of the current one. The markers that servers return are
+// not used because servers encode them differently.
 std::vector<Upload> Unfinished::List(const std::string& prefix) const {
     std::vector<Upload> all;
     ListingLimit limit(service_.what());
@@ -155,7 +155,7 @@ void Unfinished::Abort(const std::vector<Upload>& uploads) {
 }
 
 bool TryToAbort(Service& service, const Upload& upload) noexcept {
-    // A server that has kept us waiting once is not worth another wait.
+    // No second attempt after this time: the server would only delay the caller again.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = std::chrono::steady_clock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -164,7 +164,7 @@ bool TryToAbort(Service& service, const Upload& upload) noexcept {
             const net::HttpReply reply = service.AskAnew(AbortCall(upload));
             if (reply.IsSuccess() || RefusalOf(reply).IsMissing()) return true;
         } catch (const std::exception&) {
-            // The failure that made the upload be given up is what the caller is told.
+            // The caller reports the failure that ended the upload, not this one.
         }
     }
     return false;

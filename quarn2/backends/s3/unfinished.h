@@ -1,4 +1,4 @@
-// Unfinished uploads in parts: what a killed upload leaves on an S3 server.
+// Unfinished multipart uploads, which a killed process leaves on an S3 server.
 #pragma once
 
 #include <chrono>
@@ -11,8 +11,8 @@
 
 namespace quarn2::s3 {
 
-// An upload in parts that this process works on. While it lives no object of the process takes it
-// for a leftover.
+// A multipart upload that this process is working on. While the object exists, Unfinished does not
+// abort the upload.
 class RunningUpload {
   public:
     explicit RunningUpload(std::string id);
@@ -28,25 +28,28 @@ class RunningUpload {
     std::string id_;
 };
 
-// Finds leftovers and aborts them. Whether the writer of an upload that another process began is
-// alive cannot be told: it is aborted, and a writer that lives begins anew (see multipart.h).
+// Finds unfinished uploads and aborts them. S3 does not show whether the process that started an
+// upload is alive, so uploads of live processes are aborted, too. Such a process starts its upload
+// again (see kMostBeginnings in s3_backend.cpp).
 class Unfinished {
   public:
     explicit Unfinished(Service& service) : service_(service) {}
 
-    // Aborts those of one key. For a small file the list of all is asked for once in a while, not
-    // each time.
+    // AbortOf() aborts the unfinished uploads of one key. AbortKnownOf() is its cheaper form for
+    // small files: it uses a list of all unfinished uploads that is requested only from time to
+    // time.
     void AbortOf(const std::string& key);
     void AbortKnownOf(const std::string& key);
-    // Aborts all whose key begins so.
+    // Aborts all unfinished uploads whose key begins with `prefix`.
     void AbortBelow(const std::string& prefix);
 
-    // To be told of an upload that could not be aborted.
+    // Adds an upload that could not be aborted to the list of AbortKnownOf().
     void Remember(const Upload& upload) { known_[upload.key].push_back(upload.id); }
 
-    // One page of those whose key begins so, behind `last`.
+    // Returns the request for the page of unfinished uploads after `last` whose key begins with
+    // `prefix`.
     Call PageCall(const std::string& prefix, const Upload& last) const;
-    // What a page says; a server that knows no such listing has nothing to list.
+    // Parses a page. A server that does not support this listing counts as one without uploads.
     Uploads PageOf(const net::HttpReply& reply) const;
 
   private:
@@ -59,8 +62,8 @@ class Unfinished {
     std::optional<std::chrono::steady_clock::time_point> listed_;
 };
 
-// Aborts an upload that is given up, over a new connection if the old one is no good. False when
-// it could not be done.
+// Aborts a failed upload over a new connection, with up to two attempts. Returns false if that
+// fails.
 bool TryToAbort(Service& service, const Upload& upload) noexcept;
 
 }  // namespace quarn2::s3
