@@ -23,7 +23,7 @@ using ftp::Reply;
 using kro_err::Error;
 using kro_err::Kind;
 
-// A file that finds out whether a storage is full.
+// A source of zero bytes. It is stored to find out whether the storage is full.
 class Zeros final : public ByteSource {
   public:
     explicit Zeros(std::int64_t size) : size_(size) {}
@@ -63,7 +63,8 @@ class FtpBackend final : public StorageBackend {
     bool IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary, std::int64_t size);
     bool IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size);
     bool IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial);
-    // How the server takes a file of that size. kUnclear: it fails and names no reason.
+    // The result of storing a probe file. kUnclear: storing it fails, and the server gives no
+    // reason.
     enum class Probe { kStored, kFull, kUnclear };
     Probe StoreProbe(const ftp::TemporaryName& temporary, std::int64_t size);
     void Discard(const std::string& path) noexcept;
@@ -113,7 +114,8 @@ bool FtpBackend::Put(const std::string& name, ByteSource& source) {
     std::rethrow_exception(error);
 }
 
-// A directory that was seen before may have been removed by others since.
+// Retries a refused upload after the directories are made again: another process may have removed a
+// directory that tree_ has seen.
 Outcome FtpBackend::Store(const std::string& path, const std::string& name, ByteSource& source) {
     Outcome outcome = session_.Store(path, source);
     const Reply* const reply = session_.transcript().Find("STOR");
@@ -129,8 +131,8 @@ Outcome FtpBackend::Store(const std::string& path, const std::string& name, Byte
     return outcome;
 }
 
-// The server's own word on what it has; one that does not know the command has confirmed the
-// transfer's end, and libcurl has counted.
+// Compares the size that the server reports with the source's. A server without SIZE has confirmed
+// the end of the transfer, and libcurl has counted the bytes.
 void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
     const Reply* const reply = session_.transcript().Find("SIZE");
     const bool unknown = reply != nullptr && ftp::IsUnknownCommand(*reply);
@@ -142,10 +144,10 @@ void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
 
 // --- Full storage ---
 
-// Only some servers say so in as many words. With others the write has failed for a reason that
-// they keep to themselves, or they close the data connection so early that their reply is not read
-// any more. Such a failure may be a broken disk. It counts as a full storage only when the server
-// confirms that there is no room, because callers evict backups then.
+// True if the upload failed because the storage is full. Only some servers report that. Others give
+// no reason, or close the data connection before libcurl has read their reply. The cause may then
+// be a broken disk. Such a failure counts as a full storage only if the server confirms that there
+// is no room, because callers evict backups for a full storage.
 bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary,
                         std::int64_t size) {
     const Reply* const reply = session_.transcript().Find("STOR");
@@ -161,9 +163,9 @@ bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& tempor
     return full && !error;
 }
 
-// Asks for the free space. Few servers know AVBL; the others get a small file while the
-// unfinished upload occupies its room. A server that has removed the unfinished upload by itself is
-// asked whether it would accept that much.
+// Queries the free space with AVBL. Few servers support it. On other servers a small file is stored
+// while the unfinished upload still takes its space. If the server has removed the unfinished
+// upload by itself, its reply to ALLO decides.
 bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size) {
     const std::vector<Reply> replies = session_.Commands(
         {"TYPE I", "SIZE " + temporary.path(), "AVBL " + kro_file::Path(temporary.path()),
@@ -177,9 +179,9 @@ bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t s
     return IsRoomFreedByRemoval(temporary, partial);
 }
 
-// Two writes have failed without a reason. When the storage accepts a file again after the
-// unfinished upload is removed, that one had occupied the last room. Writes to a broken disk keep
-// failing.
+// Called after the upload and the probe have failed without a reason. If the storage accepts a
+// probe once the unfinished upload is removed, that upload had taken the last space. On a broken
+// disk the probe fails again.
 bool FtpBackend::IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial) {
     if (partial == 0) return false;
     if (!session_.Command("DELE " + temporary.path()).IsDone()) return false;
@@ -197,7 +199,7 @@ FtpBackend::Probe FtpBackend::StoreProbe(const ftp::TemporaryName& temporary, st
     return full ? Probe::kFull : Probe::kUnclear;
 }
 
-// What cannot be removed now goes with the next upload or removal of the name.
+// Ignores failures: the next upload or removal of the name removes a remaining file.
 void FtpBackend::Discard(const std::string& path) noexcept {
     const std::exception_ptr ignored = ErrorOf([&] { session_.Command("DELE " + path); });
 }
@@ -219,14 +221,15 @@ void FtpBackend::Rename(const ftp::TemporaryName& temporary, const std::string& 
     if (!replies[1].IsDone()) RenameOver(temporary, name, replies[1]);
 }
 
-// After a connection that broke before the answer.
+// Checks whether a rename succeeded whose reply was lost with the connection.
 bool FtpBackend::IsRenamed(const std::string& from, const std::string& to, std::int64_t size) {
     const std::vector<Reply> replies = session_.Commands({"TYPE I", "SIZE " + from, "SIZE " + to});
     return replies[1].code >= 500 && replies[2].IsDone() && replies[2].text == std::to_string(size);
 }
 
-// For servers that rename onto no existing file. The old one steps aside and is removed last; it
-// comes back when the new one cannot take its place.
+// For servers that do not rename over an existing file. Renames the old file aside, renames the new
+// file to the target, and then removes the old file. If the second rename fails, the old file is
+// renamed back.
 void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::string& name,
                             const Reply& refusal) {
     const std::string target = tree_.PathOf(name);
@@ -247,7 +250,8 @@ void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::stri
     Discard(old);
 }
 
-// Whichever of the two can be renamed to the target: where the old file never went, neither can.
+// Renames the old file back to the target. The server refuses that if the target exists: the old
+// file was never renamed, or the new file is already there.
 void FtpBackend::FinishRenameOver(const ftp::TemporaryName& temporary, const std::string& target) {
     session_.Commands({"RNFR " + temporary.OldPath(), "RNTO " + target});
 }
@@ -268,7 +272,7 @@ void FtpBackend::Get(const std::string& name, ByteSink& sink) {
 void FtpBackend::Remove(const std::string& name) {
     tree_.RemoveFile(name);
     const ftp::TemporaryName temporary = TemporaryOf(name);
-    // An upload that runs is not to be disturbed.
+    // Another upload of this name is running; its files must stay.
     if (temporary.is_further()) return;
     session_.Commands({"DELE " + temporary.path(), "DELE " + temporary.OldPath()});
 }

@@ -1,4 +1,4 @@
-// The storages that are FTP servers: over TLS, and without.
+// The backends for FTP servers, with and without TLS.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"

@@ -36,7 +36,7 @@ std::string Small(std::string_view text) {
     return small;
 }
 
-// A hostile server must not send a removal elsewhere.
+// False for names with which a hostile server could direct a removal to another directory.
 bool IsEntryName(std::string_view name) {
     return !name.empty() && name.find('/') == std::string_view::npos && !HasControl(name);
 }
@@ -66,7 +66,7 @@ void ForEachLine(std::string_view text, const Action& action) {
 
 // --- Facts ---
 
-// "type=file;size=3;" gives "file"; "" when no type is among them.
+// Returns "file" for "type=file;size=3;", "" if the facts contain no type.
 std::string TypeFact(std::string_view facts) {
     while (!facts.empty()) {
         const std::size_t end = std::min(facts.find(';'), facts.size());
@@ -90,15 +90,15 @@ void AddFacts(Listing& listing, std::string_view line) {
     const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
     if (!good) NotUnderstood(line);
     const std::string type = TypeFact(facts);
-    // These two may come with a whole path instead of a dot.
+    // The name in these two may be a full path instead of "." or "..".
     if (type == "cdir") listing.shows_itself = true;
     if (type == "cdir" || type == "pdir") return;
     Add(listing, line.substr(blank + 1), TypeOf(type));
 }
 
-// --- Lines for people ---
+// --- LIST lines ---
 
-// Reads a line word by word; the rest keeps its blanks.
+// Splits a line into words. The rest keeps its blanks.
 class Words {
   public:
     explicit Words(std::string_view line) : rest_(line) {}
@@ -122,7 +122,7 @@ bool IsMonth(std::string_view word) {
     return std::find(kMonths.begin(), kMonths.end(), Small(word)) != kMonths.end();
 }
 
-// "19:40" and the like: digits with that mark between them.
+// True for two numbers with `mark` between them, as in "19:40".
 bool IsPair(std::string_view word, char mark) {
     const std::size_t found = word.find(mark);
     return found != std::string_view::npos && IsNumber(word.substr(0, found)) &&
@@ -141,8 +141,9 @@ bool IsIsoDate(std::string_view word) {
     return word.size() == kLength && IsNumber(word.substr(0, 4)) && IsPair(word.substr(5), '-');
 }
 
-// What stands behind "SIZE Nov 20 19:40 " or "SIZE 2026-11-20 19:40 "; the number of columns before
-// it differs. The size must stand before the date, or a group named like a month would end them.
+// Returns the text after "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40". The number of columns
+// before it differs. A date counts only directly after the size, because a group may be named like
+// a month.
 std::string_view BehindDate(std::string_view line) {
     Words words(line);
     std::string_view before = words.Next();
@@ -170,12 +171,13 @@ bool IsUnixLine(std::string_view line) {
 
 void AddUnixLine(Listing& listing, std::string_view line) {
     std::string_view name = BehindDate(line);
-    // One blank ends the date; more are the name's own.
+    // One blank ends the date; further ones belong to the name.
     if (name.size() < 2) NotUnderstood(line);
     name.remove_prefix(1);
     if (line.front() == 'l') {
         const std::size_t arrow = name.find(kArrow);
-        // Where the name ends is open: a removal must not get the name of another file.
+        // The end of the name is ambiguous. The entry is skipped so that a removal does not get the
+        // name of another file.
         if (arrow != name.rfind(kArrow)) return;
         name = name.substr(0, arrow);
     }

@@ -1,4 +1,4 @@
-// The listings of FTP servers: what lies in a directory.
+// Parses the directory listings of FTP servers.
 #pragma once
 
 #include <optional>
@@ -9,7 +9,7 @@
 namespace quarn2::ftp {
 
 struct Entry {
-    // kOther: a link, a device.
+    // kOther: a link or a device, for example. kUntold: the listing contains no type.
     enum class Type { kFile, kDirectory, kOther, kUntold };
 
     std::string name;
@@ -19,23 +19,24 @@ struct Entry {
 };
 
 struct Listing {
-    // The directory itself and the one above are not among them, nor names that could lead anywhere
-    // else than to an entry of this directory.
+    // Without ".", ".." and names that contain a slash or a control character: such a name could
+    // lead out of the directory.
     std::vector<Entry> entries;
-    // The server listed the directory itself: what is empty is then known to exist.
+    // The listing contains the directory itself, so an empty directory is known to exist.
     bool shows_itself = false;
-    // The server shows no more of them than its limit allows.
+    // The server truncated the listing at its own limit.
     bool is_cut = false;
 };
 
-// A machine listing (MLSD). A line that is none is kFailed, an incomplete last one kUnavailable.
+// Parses a machine listing (MLSD). Throws kFailed for an invalid line and kUnavailable for an
+// incomplete last line.
 Listing ParseMachineListing(std::string_view text);
 
-// A listing for people (LIST), in the manner of Unix or DOS. Fails likewise: an entry that is not
-// understood must not be lost in silence.
+// Parses a listing for people (LIST) in Unix or DOS format. Throws like ParseMachineListing(),
+// because an entry that cannot be parsed must not be lost silently.
 Listing ParseListing(std::string_view text);
 
-// The type in an answer to MLST; nothing when there is none in it.
+// Returns the type in a reply to MLST, nullopt if the reply contains none.
 std::optional<Entry::Type> ParseFacts(std::string_view reply);
 
 }  // namespace quarn2::ftp

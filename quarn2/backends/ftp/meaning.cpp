@@ -13,10 +13,10 @@ using kro_err::Kind;
 struct Row {
     int code;
     Meaning meaning;
-    bool text_decides = false;  // the text may say that it is one of the meanings of kTexts
+    bool text_decides = false;  // the text may change it to kNoRoom or kNotFound
 };
 
-// A code that is not in the table counts as the first one of its hundred.
+// Other codes have the row of the first code of their hundred: 400 or 500.
 constexpr std::array<Row, 18> kCodes = {{
     {400, Meaning::kUnavailable, true},
     {421, Meaning::kUnavailable},  // the server closes the connection
@@ -24,7 +24,7 @@ constexpr std::array<Row, 18> kCodes = {{
     {426, Meaning::kUnavailable},  // data connection closed
     {430, Meaning::kUnavailable},
     {450, Meaning::kUnavailable, true},
-    {451, Meaning::kUnavailable, true},  // a write that failed for any reason
+    {451, Meaning::kUnavailable, true},  // a write failed for any reason
     {452, Meaning::kNoRoom},
     {500, Meaning::kFailed, true},
     {501, Meaning::kFailed},
@@ -40,7 +40,7 @@ constexpr std::array<Row, 18> kCodes = {{
 
 char Small(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-// True when one of the phrases, written in small letters, is in the text.
+// True if the text contains one of the phrases, ignoring case. The phrases are in lower case.
 template <std::size_t count>
 bool HasAny(std::string_view text, const std::array<std::string_view, count>& phrases) {
     std::string small(text);

@@ -1,4 +1,4 @@
-// What the replies of FTP servers mean.
+// Classifies the replies of FTP servers.
 #pragma once
 
 #include <string_view>
@@ -10,28 +10,29 @@ namespace quarn2::ftp {
 
 enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFailed };
 
-// By the code, and by the text where the code leaves it open. kUnauthorized and kNoRoom only when
-// nothing else can be meant: the one makes callers delete files, the other makes them evict
-// backups. A refusal that names no reason (550, 451) is kFailed or kUnavailable.
+// Classifies a reply by its code, and by its text if the code is ambiguous. Returns kUnauthorized
+// and kNoRoom only if the reply can mean nothing else: callers delete files for kUnauthorized and
+// evict backups for kNoRoom. A refusal without a reason (550, 451) is kFailed or kUnavailable.
 Meaning MeaningOf(const Reply& reply);
 
-// What a refusal means for a caller of the storage. Only an upload can be refused for want of room.
+// Returns the error kind that a refusal has for callers of the storage. There is none for a full
+// storage: only Put() reports that, and not by an error.
 kro_err::Kind KindOf(const Reply& reply);
 
-// The storage has no room.
+// True if the storage is full.
 bool IsFull(const Reply& reply);
 
-// The command is not known or not supported.
+// True if the server does not know or does not support the command.
 bool IsUnknownCommand(const Reply& reply) noexcept;
 
-// The server does not accept the data connection of a transfer.
+// True if the server does not accept the data connection of a transfer.
 bool RefusesDataConnection(const Reply& reply) noexcept;
 
-// These search a text for the phrases of the usual servers; pass Reply::words of a refusal.
+// These search a text for phrases that common servers use. Pass Reply::words of a refusal.
 bool SaysMissing(std::string_view words);
 bool SaysDenied(std::string_view words);
 bool SaysTlsNeeded(std::string_view words);
-// A listing that has succeeded is incomplete.
+// True if a successful listing is incomplete.
 bool SaysTruncated(std::string_view text);
 
 }  // namespace quarn2::ftp

@@ -10,12 +10,12 @@ namespace quarn2::ftp {
 namespace {
 
 constexpr std::size_t kCodeLength = 3;
-// A reply is a few lines; the longest of use is that of MLST.
+// Replies have a few lines. The longest one that is parsed is the reply to MLST.
 constexpr std::size_t kLongestText = 16UL * 1024;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// 0 when the line does not begin with a code.
+// Returns the reply's code, 0 if the line does not begin with one.
 int CodeOf(std::string_view line) {
     if (line.size() < kCodeLength) return 0;
     const std::string_view digits = line.substr(0, kCodeLength);
@@ -26,7 +26,7 @@ bool IsWordCharacter(char c) noexcept {
     return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// Whether text[begin, end) begins or ends within a word.
+// True if text[begin, end) begins or ends inside a word.
 bool CutsWord(std::string_view text, std::size_t begin, std::size_t end) {
     const bool before = begin > 0 && IsWordCharacter(text[begin - 1]);
     const bool after = end < text.size() && IsWordCharacter(text[end]);
@@ -122,7 +122,7 @@ void Transcript::Received(std::string_view line) {
     if (last || first) line.remove_prefix(std::min(kCodeLength + 1, line.size()));
     if (open_.size() + line.size() < kLongestText) str::inpl::Append(open_, line, "\n");
     if (!last) return;
-    // A greeting answers nothing; a transfer is answered twice, at its beginning and at its end.
+    // A greeting belongs to no command. A transfer gets two replies, at its start and at its end.
     if (replies_.empty() || replies_.back().code != 0) {
         Reply reply;
         if (!replies_.empty()) reply.verb = replies_.back().verb;

@@ -24,7 +24,7 @@ using net::ServerSettings;
 constexpr char kTelnetEscape = '\xff';
 constexpr int kClosing = 421;
 constexpr int kNoFile = 550;
-// Half a million names and their facts; a listing without end must not fill the memory.
+// Enough for half a million names and their facts. An endless listing must not exhaust the memory.
 constexpr std::size_t kLongestListing = 64UL * 1024 * 1024;
 
 ServerSettings Settings(const BackupToken& token) {
@@ -46,12 +46,12 @@ Session::Session(const BackupToken& token, bool tls)
     net::Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
     SetProtocol(tls);
     handle_.Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, timeout_);
-    // libcurl's own watch takes seconds more than the timeout, and counts the time that a source
-    // takes.
+    // OnProgress() aborts stalled transfers, because libcurl's own timeout takes effect seconds
+    // later and counts the time that a source takes.
     handle_.Set(CURLOPT_NOPROGRESS, 0);
     handle_.SetFunction(CURLOPT_XFERINFOFUNCTION, OnProgress);
     handle_.SetPointer(CURLOPT_XFERINFODATA, this);
-    // The transcript is what libcurl tells a debugger.
+    // libcurl reports the commands and replies for the transcript to its debug callback.
     handle_.Set(CURLOPT_VERBOSE, 1);
     handle_.SetFunction(CURLOPT_DEBUGFUNCTION, OnDebug);
     handle_.SetPointer(CURLOPT_DEBUGDATA, this);
@@ -70,8 +70,8 @@ Session::~Session() {
     net::Curl().multi_cleanup(multi_);
 }
 
-// libcurl sends a QUIT before it closes a connection, and would wait two minutes for a server that
-// is gone.
+// Shuts the control connection down. libcurl sends a QUIT before it closes a connection and would
+// wait two minutes for the reply of a server that is gone.
 void Session::EndControl() noexcept {
     const curl_socket_t control = std::exchange(control_, CURL_SOCKET_BAD);
     if (control != CURL_SOCKET_BAD) shutdown(control, SHUT_RDWR);
@@ -82,18 +82,19 @@ void Session::SetProtocol(bool tls) {
     handle_.Set(CURLOPT_USE_SSL, tls ? CURLUSESSL_ALL : CURLUSESSL_NONE);
     handle_.Set(CURLOPT_FTPSSLAUTH, CURLFTPAUTH_TLS);
     LimitTls(tls);
-    // The data connection goes where the control connection goes, whatever the server says.
+    // The data connection always goes to the host of the control connection, not to the address in
+    // the server's reply.
     handle_.Set(CURLOPT_FTP_SKIP_PASV_IP, 1);
-    // Whole paths with every command: no time is lost for changes of directory, and no name depends
-    // on where the session stands.
+    // Every command gets a full path. This saves the changes of directory, and no path depends on
+    // the current directory.
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
-    // No proxy of the environment's speaks FTP.
+    // The proxies of the environment do not support FTP.
     handle_.Set(CURLOPT_PROXY, "");
 }
 
-// Some servers accept a data connection only when it reuses the control connection's TLS session.
-// With TLS 1.3 libcurl has no ticket left after a few transfers, because an upload reads none. A
-// session of TLS 1.2 can be reused any number of times.
+// Some servers accept a data connection only if it reuses the control connection's TLS session.
+// With TLS 1.3 libcurl runs out of tickets after a few transfers, because an upload reads no new
+// ones. A TLS 1.2 session can be reused any number of times.
 void Session::LimitTls(bool limited) {
     is_tls_limited_ = limited;
     const long highest = limited ? CURL_SSLVERSION_MAX_TLSv1_2 : CURL_SSLVERSION_MAX_DEFAULT;
@@ -102,8 +103,9 @@ void Session::LimitTls(bool limited) {
 
 // --- Names on the wire ---
 
-// Some servers take the control connection for a telnet one, where a byte 255 has to be doubled;
-// others take it as it is. What they echo tells; asked only when such a name comes.
+// Returns whether the server parses the control connection as telnet, where each byte 255 must be
+// doubled. The server's echo of such a name shows that. The test is sent only once, and only if a
+// name contains this byte.
 bool Session::FindsTelnet() {
     if (!telnet_) {
         telnet_ = false;
@@ -127,16 +129,16 @@ std::string Session::Wire(const std::string& text) {
     return doubled;
 }
 
-// The path's first slash is encoded: libcurl would otherwise leave it out.
+// The path's first slash is encoded because libcurl would remove it otherwise.
 std::string Session::Url(const std::string& path) {
     return server_ + "%2F" + PercentEncoded(Wire(path).substr(1), "/");
 }
 
-// --- Running ---
+// --- Running transfers ---
 
 void Session::SetUp(const std::string& url, bool upload, bool body, const Around& around) {
     handle_.Set(CURLOPT_URL, url);
-    // In this order: the first one changes what the second one sets.
+    // The order matters: the first option changes what the second one sets.
     handle_.Set(CURLOPT_UPLOAD, upload ? 1 : 0);
     handle_.Set(CURLOPT_NOBODY, body ? 0 : 1);
     handle_.SetList(CURLOPT_QUOTE, around.before);
@@ -146,8 +148,8 @@ void Session::SetUp(const std::string& url, bool upload, bool body, const Around
     offset_ = 0;
 }
 
-// The server said goodbye, or just went, before anything was answered on a connection that was kept
-// from before.
+// True if the server closed a kept connection, with or without a 421, before it replied to
+// anything.
 bool Session::IsStale(CURLcode code) const {
     const std::vector<Reply>& replies = transcript_.replies();
     const auto first = std::find_if(replies.begin(), replies.end(),
@@ -157,8 +159,8 @@ bool Session::IsStale(CURLcode code) const {
     return failed && !answered && !is_new_ && code != CURLE_OPERATION_TIMEDOUT;
 }
 
-// As curl_easy_perform does it, but for one thing: when the reply that names the data port comes at
-// once, that waits for a socket which it has not opened yet, a whole second.
+// Like curl_easy_perform(), but without its delay of one second: when the reply with the data port
+// arrives at once, curl_easy_perform() waits for a socket that it has not opened yet.
 CURLcode Session::Perform() {
     constexpr int kPollMs = 1000;
     const net::CurlLibrary& curl = net::Curl();
@@ -208,15 +210,16 @@ CURLcode Session::RunFresh() {
     return code;
 }
 
-// The handshake of the control connection failed.
+// True if the TLS handshake of the control connection failed while TLS was limited to version 1.2.
 bool Session::NeedsNewerTls(CURLcode code) const {
     const std::vector<Reply>& replies = transcript_.replies();
     return is_tls_limited_ && code == CURLE_SSL_CONNECT_ERROR && !replies.empty() &&
            replies.back().verb == "AUTH";
 }
 
-// A TLS session expires while a control connection is kept. The first data connection of a new one
-// reuses a session that is new too. Nothing is repeated that the sink has seen.
+// A TLS session can expire while a control connection is kept. A new control connection has a new
+// session, which its first data connection reuses. A transfer is not repeated once the sink has
+// received data.
 Outcome Session::WithDataConnection(const std::function<Outcome()>& transfer) {
     constexpr int kMaxRepetitions = 3;
     Outcome outcome = transfer();
@@ -235,10 +238,10 @@ bool Session::NeedsNewDataConnection(const Outcome& outcome) const {
     return is_refused || IsHandshakeTooEarly(outcome.code);
 }
 
-// The server has closed the data connection before the transfer began. libcurl begins the TLS
-// handshake before it sends the transfer's command, and some servers close a data connection
-// that sends something so early. libcurl then asks for another one and takes a reply to an earlier
-// command for the answer.
+// True if the server closed the data connection before the transfer began. libcurl starts the TLS
+// handshake before it sends the transfer's command, and some servers close a data connection that
+// sends bytes so early. libcurl then requests another data connection and mistakes a reply to an
+// earlier command for the response.
 bool Session::IsHandshakeTooEarly(CURLcode code) const {
     const bool is_control =
         !transcript_.replies().empty() && transcript_.replies().back().verb == "AUTH";
@@ -250,14 +253,14 @@ bool Session::IsHandshakeTooEarly(CURLcode code) const {
 
 std::vector<Reply> Session::Commands(const std::vector<std::string>& commands) {
     Around around;
-    // The mark lets libcurl go on after a refusal.
+    // The "*" makes libcurl continue after a refusal.
     for (const std::string& command : commands) around.before.Add("*" + Wire(command));
     SetUp(server_ + "%2F", false, false, around);
     const CURLcode code = Run([] { return false; });
     return RepliesTo(commands, code);
 }
 
-// What a new connection says before is no reply to them.
+// Skips the replies that belong to the connection setup.
 std::vector<Reply> Session::RepliesTo(const std::vector<std::string>& commands,
                                       CURLcode code) const {
     const std::vector<Reply>& all = transcript_.replies();
@@ -278,7 +281,8 @@ Outcome Session::Store(const std::string& path, ByteSource& source) {
 
 Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     Around around;
-    // A session that is not known to have ended may still write into what it had opened.
+    // A previous session whose end is not confirmed may still write into the file that it has
+    // opened.
     around.before.Add("*" + Wire("DELE " + path));
     around.behind.Add("*" + Wire("SIZE " + path));
     SetUp(Url(path), true, true, around);
@@ -292,10 +296,10 @@ Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     return outcome;
 }
 
-// libcurl asks for the size when the data connection is open. With TLS on that one, it then looks
-// at nothing else for 200 ms, while the server waits for RETR: so the size is asked for before. A
-// refusal ends it there, or libcurl would take the data connection that the server then closes for
-// one that it could not open, and get out of step.
+// libcurl queries the size when the data connection is open. If that uses TLS, libcurl then handles
+// nothing else for 200 ms, while the server waits for RETR. The size is therefore queried before. A
+// refusal of SIZE must end the transfer: otherwise libcurl would mistake the data connection that
+// the server closes for one that could not be opened, and mismatch later replies.
 Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
     const bool size_first = tls_ && knows_size_;
     Outcome outcome = WithDataConnection([&] { return RetrieveOnce(path, sink, size_first); });
@@ -346,8 +350,8 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
     return outcome;
 }
 
-// libcurl leaves out a change into the directory of the last listing, although commands have left
-// it since. So two listings never write their directory in the same way.
+// libcurl omits the change into the directory of the previous listing, although other commands have
+// left it in the meantime. An additional slash in every second URL prevents that.
 std::string Session::ListingUrl(const std::string& directory, Where where) {
     std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
     if (where == Where::kNamed) return url;
@@ -379,7 +383,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     take_ = nullptr;
     handle_.Clear(CURLOPT_CUSTOMREQUEST);
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
-    // libcurl takes some refusals of a listing for an empty one.
+    // libcurl reports some refused listings as empty ones.
     if (outcome.code == CURLE_OK && transcript_.Refusal() != nullptr) {
         outcome.code = CURLE_FTP_COULDNT_RETR_FILE;
     }

@@ -1,4 +1,4 @@
-// One FTP server, spoken to over one control connection.
+// A session with one FTP server over one control connection.
 #pragma once
 
 #include <chrono>
@@ -18,50 +18,50 @@ namespace quarn2::ftp {
 // How a transfer ended.
 struct Outcome {
     CURLcode code = CURLE_OK;
-    // The size that the server tells of what it has stored; -1 when it does not.
+    // The size of the file as the server reports it; -1 if it does not.
     std::int64_t size = -1;
-    // What the source or the sink threw.
+    // The exception that the source or the sink threw.
     std::exception_ptr thrown;
-    // The sink has received something: the transfer cannot be repeated.
+    // The sink has received data, so the transfer cannot be repeated.
     bool has_delivered = false;
 };
 
-// Paths are absolute. The connection is made at the first use and kept; one that the server has
-// closed meanwhile is replaced, and what had not begun is begun again. Every wait is bounded by the
-// token's timeout.
+// Paths are absolute. The session connects at its first use and keeps the connection. If the server
+// has closed it in the meantime, the session connects again and repeats the operation, unless that
+// has already transferred data. The token's timeout bounds every wait.
 class Session {
   public:
-    // Over TLS, or without.
+    // `tls`: encrypts both the control and the data connections.
     Session(const BackupToken& token, bool tls);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Sends the commands one after another, also when some are refused: a reply for each. Throws
-    // when the connection does not carry them.
+    // Sends all commands in order, even if the server refuses some of them. Returns one reply for
+    // each. Throws if the connection fails.
     std::vector<Reply> Commands(const std::vector<std::string>& commands);
     Reply Command(const std::string& command) { return Commands({command}).front(); }
 
-    // Removes what lies under the path, stores the source there and asks for the size.
+    // Removes an existing file at the path, stores the source there and queries the size.
     Outcome Store(const std::string& path, ByteSource& source);
-    // Hands the file to the sink.
+    // Passes the file's bytes to the sink.
     Outcome Retrieve(const std::string& path, ByteSink& sink);
-    // The text of a directory's listing. kNamed sends the directory with the command, kWithin
-    // changes into it right before. kUnavailable when no change was confirmed: the listing may be
-    // another directory's.
+    // Stores the listing of a directory in `text`. kNamed sends the directory as the command's
+    // argument, kWithin changes into it first. Throws kUnavailable if the server has not confirmed
+    // the change, because the listing may be that of another directory.
     enum class Where { kNamed, kWithin };
     Outcome List(const std::string& command, const std::string& directory, Where where,
                  std::string& text);
 
-    // The replies of what ran last.
+    // The replies of the last operation.
     const Transcript& transcript() const noexcept { return transcript_; }
 
-    // Throws what the transfer's failure means.
+    // Throws the error for a failed transfer.
     [[noreturn]] void Throw(const Outcome& outcome) const;
-    // The same for a reply that refuses; `deed` says what ("store 'name'").
+    // Throws the error for a refusal. `deed` is the refused operation ("store 'name'").
     [[noreturn]] void Refused(const Reply& reply, const std::string& deed) const;
 
-    // The server in error texts.
+    // The name of the server in error texts.
     const std::string& what() const noexcept { return what_; }
 
   private:
@@ -72,19 +72,20 @@ class Session {
     std::string ListingUrl(const std::string& directory, Where where);
     std::string Wire(const std::string& text);
     bool FindsTelnet();
-    // The commands that go before and behind a transfer.
+    // The commands to send before and after a transfer.
     struct Around {
         net::CurlList before;
         net::CurlList behind;
     };
     void SetUp(const std::string& url, bool upload, bool body, const Around& around);
-    // With the size asked for before the data connection is opened, or by libcurl.
+    // `size_first`: queries the size before the data connection is opened. Otherwise libcurl
+    // queries it later.
     Outcome RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first);
     Outcome StoreOnce(const std::string& path, ByteSource& source);
     Outcome ListOnce(const std::string& command, const std::string& directory, Where where,
                      std::string& text);
     void LimitTls(bool limited);
-    // Runs the transfer, again when the kept connection turns out to be closed.
+    // Runs the transfer. Repeats it if the kept connection turns out to be closed.
     CURLcode Run(const std::function<bool()>& has_begun);
     CURLcode RunFresh();
     void EndControl() noexcept;
@@ -114,23 +115,23 @@ class Session {
     std::string server_;
     CURLM* multi_;
     net::CurlHandle handle_;
-    // The control connection that is kept.
+    // The kept control connection.
     curl_socket_t control_ = CURL_SOCKET_BAD;
     // The open data connection.
     curl_socket_t data_ = CURL_SOCKET_BAD;
     Transcript transcript_;
-    // The server has named a port for the data connection, which libcurl has not yet opened.
+    // The server has sent the port of the data connection, but libcurl has not opened it yet.
     bool port_is_known_ = false;
     std::optional<bool> telnet_;
-    bool knows_size_ = true;  // until the server shows that it does not
+    bool knows_size_ = true;  // until a server refuses SIZE before a transfer
     bool lists_with_slash_ = false;
     bool is_tls_limited_ = false;
     bool is_fresh_wanted_ = false;
-    // The data connection's handshake waits until the server has begun the transfer.
+    // The TLS handshake of the data connection is delayed until the server has begun the transfer.
     bool is_handshake_late_ = false;
-    bool is_new_ = false;  // the control connection was made for what ran last
+    bool is_new_ = false;  // the last operation opened the control connection
 
-    // Of the running transfer.
+    // The state of the running transfer.
     ByteSource* source_ = nullptr;
     std::int64_t offset_ = 0;
     std::function<void(std::span<const std::byte>)> take_;

@@ -1,4 +1,4 @@
-// What libcurl calls during a session's transfers.
+// The callbacks that libcurl calls during the transfers of a Session.
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
@@ -15,7 +15,8 @@ namespace quarn2::ftp {
 
 namespace {
 
-// The kernel keeps the bytes that are sent, for at least 200 ms and about three round trips.
+// While a socket is corked the kernel holds back the sent bytes, for at least 200 ms and about
+// three round trips.
 void Cork(curl_socket_t socket, bool corked) noexcept {
     const int value = corked ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
@@ -23,7 +24,7 @@ void Cork(curl_socket_t socket, bool corked) noexcept {
 
 }  // namespace
 
-// Not to be inherited by the programs that a server starts.
+// SOCK_CLOEXEC: the child processes of a server must not inherit the socket.
 curl_socket_t Session::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
     auto& session = *static_cast<Session*>(self);
     const int handle = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
@@ -45,9 +46,9 @@ int Session::OnCloseSocket(void* self, curl_socket_t socket) {
     return close(socket);
 }
 
-// To close a connection on which something unread has come resets it, and with it goes what the
-// server has not yet read: the end of the upload. TLS 1.3 servers do send something, tickets for
-// later sessions. So the server is to close first.
+// Waits until the server closes the data connection. Closing a socket that has unread input resets
+// the connection, and the server loses what it has not read yet: the end of the upload. There is
+// unread input because TLS 1.3 servers send tickets for later sessions.
 void Session::AwaitEnd(curl_socket_t socket, int timeout) {
     constexpr int kMilliseconds = 1000;
     std::array<char, 4096> unwanted = {};
@@ -73,7 +74,7 @@ int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size
 int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
                         curl_off_t /*up_total*/, curl_off_t up) {
     auto& session = *static_cast<Session*>(self);
-    // While it connects or talks libcurl keeps the time itself.
+    // libcurl's own timeouts apply while it connects or exchanges commands.
     if (down + up != session.moved_ || down + up == 0) session.Moved();
     session.moved_ = down + up;
     const auto still = std::chrono::steady_clock::now() - session.moved_at_;
@@ -81,7 +82,7 @@ int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
     return session.is_stalled_ ? 1 : 0;
 }
 
-// Exceptions must not cross the C library: they wait until the transfer has ended.
+// Exceptions must not pass through the C library. Throw() rethrows them after the transfer.
 std::size_t Session::OnRead(char* buffer, std::size_t size, std::size_t count, void* self) {
     auto& session = *static_cast<Session*>(self);
     try {

@@ -15,11 +15,11 @@ namespace quarn2::ftp {
 
 namespace {
 
-// With what is added to it a name stays within the 255 bytes that file systems have.
+// Leaves space for the suffixes within the 255 bytes that file systems allow.
 constexpr std::size_t kLongestPlain = 220;
 constexpr std::size_t kCutLength = 200;
 
-// FNV-1a: the same for every build, and no more than a tag.
+// FNV-1a: the same in every build. It only distinguishes names and is not secure.
 std::string Hash(std::string_view text) {
     constexpr std::uint64_t kOffset = 14695981039346656037U;
     constexpr std::uint64_t kPrime = 1099511628211U;
@@ -32,7 +32,7 @@ std::string Hash(std::string_view text) {
     return letters;
 }
 
-// This machine; each network namespace counts as one of its own.
+// Identifies this machine. Each network namespace counts as a machine of its own.
 std::string Machine() {
     std::array<char, 256> host = {};
     gethostname(host.data(), host.size() - 1);
@@ -41,7 +41,8 @@ std::string Machine() {
     return kro_file::ReadE("/etc/machine-id") + "\n" + host.data() + "\n" + str::Str(space.st_ino);
 }
 
-// A long name is cut, between two characters of UTF-8, and told apart by its hash.
+// Truncates a long name at the boundary of a UTF-8 character and appends its hash to keep it
+// unique.
 std::string Shortened(const std::string& name) {
     if (name.size() <= kLongestPlain) return name;
     std::size_t length = kCutLength;

@@ -1,4 +1,4 @@
-// The names that uploads have until they are whole.
+// Temporary names of incomplete uploads.
 #pragma once
 
 #include <memory>
@@ -8,27 +8,28 @@
 
 namespace quarn2::ftp {
 
-// A server has no way to make a file only if there is none, and two sessions that store under one
-// name write into one file. So a temporary name follows from the target's, the machine's and a
-// number: the smallest that no other upload of this target from this machine has. Locks keep
-// account of the numbers, and those of processes that are killed are free; whoever uploads or
-// removes the target next gets the same name and takes what is left of it. Another machine's
-// uploads have other names.
+// The temporary name of one upload. FTP cannot create a file exclusively, and two sessions that
+// store under the same name write into the same file. The temporary name is therefore derived from
+// the target's name, the user, the machine and a number: the smallest one that no other upload of
+// this target from this machine uses. A lock reserves the number; the kernel releases the lock of a
+// killed process. The next upload or removal of the target then gets the same name and removes the
+// leftover. Uploads from other machines have other names.
 class TemporaryName {
   public:
-    // `path` is the target's, as the user of that name sees it. The server plays no part: it may
-    // have several names.
+    // `path` is the target's path as `user` sees it. The server's name is not used because a server
+    // may have several.
     TemporaryName(const std::string& user, const std::string& path);
 
-    // The path of the upload, for as long as this object lives.
+    // The path of the upload, reserved as long as this object exists.
     const std::string& path() const noexcept { return path_; }
 
-    // Another upload of the target had the first number.
+    // True if another upload of the target has the first number.
     bool is_further() const noexcept { return is_further_; }
 
-    // Where the old file waits on servers that rename onto no existing one.
+    // The path of the old file during its replacement, on servers that do not rename over an
+    // existing file.
     std::string OldPath() const { return Path("-old"); }
-    // A small file that finds out whether the storage is full.
+    // The path of a small file that is stored to find out whether the storage is full.
     std::string ProbePath() const { return Path("-probe"); }
 
   private:

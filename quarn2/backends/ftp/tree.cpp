@@ -16,9 +16,9 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// So many removals are sent with one request to libcurl.
+// Maximum number of removals in one libcurl transfer.
 constexpr std::size_t kBatch = 1000;
-// A server that shows directories without end must not be followed.
+// Limits for a server that shows directories without end.
 constexpr int kDeepest = 200;
 constexpr int kMostEmptied = 100'000;
 
@@ -30,7 +30,7 @@ std::string Tree::PathOf(const std::string& name) const {
     return kro_file::ConcatPath(root_, name);
 }
 
-// --- What is there ---
+// --- Lookups ---
 
 void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
     constexpr int kLasting = 500;
@@ -44,8 +44,8 @@ Reply Tree::TryEnter(const std::string& name) {
     return reply;
 }
 
-// Links count as what they lead to. Without MLST: SIZE is answered for files only, CWD for
-// directories only. MLST is preferred, because some servers delay the replies to many failed CWDs.
+// A link has the type of its target. Without MLST, SIZE succeeds only for files and CWD only for
+// directories. MLST is preferred because some servers delay their replies after many failed CWDs.
 Found Tree::Look(const std::string& name) {
     const std::string path = PathOf(name);
     if (has_mlst_) {
@@ -81,7 +81,7 @@ void Tree::CheckRoot() {
                                      "; create it or correct the storage token");
 }
 
-// A directory that exists but cannot be entered is no missing one.
+// A directory that exists but cannot be entered must not be reported as missing.
 void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
     CheckRoot();
     const std::optional<Entry> entry = FindListed(name);
@@ -120,7 +120,7 @@ bool Tree::MakeDirectories(const std::string& name) {
         if (!MakeDirectories(kro_file::Path(name))) return false;
         const Reply reply = session_.Command("MKD " + PathOf(name));
         if (IsFull(reply)) return false;
-        // Somebody else may have made it at the same moment.
+        // Another process may have made it at the same time.
         if (!reply.IsDone() && Look(name) != Found::kDirectory) {
             session_.Refused(reply, "make directory " + Quoted(name));
         }
@@ -136,8 +136,8 @@ bool Tree::IsCut(std::string_view command) const {
     return reply != nullptr && SaysTruncated(reply->text);
 }
 
-// False: the server has no machine listings. For a file some servers answer as if they did not
-// understand the argument.
+// Returns false if the server does not support machine listings. Some servers reply with a 501 if
+// the name is a file.
 bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     constexpr int kBadArgument = 501;
     std::string text;
@@ -159,7 +159,7 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     ThrowNoDirectory(refusal, name);
 }
 
-// False: the server refuses the command.
+// Returns false if the server refuses the command.
 bool Tree::TryList(const std::string& command, const std::string& name, Listing& listing) {
     std::string text;
     const Outcome outcome = session_.List(command, PathOf(name), Session::Where::kWithin, text);
@@ -177,9 +177,9 @@ bool Tree::TryList(const std::string& command, const std::string& name, Listing&
     return true;
 }
 
-// Enters the directory and lists it without a name, which some servers would take for a pattern,
-// others for options. "LIST -a" shows hidden files too. A server that knows no options takes "-a"
-// for a name; its answer does not contain the directory itself.
+// Enters the directory and lists it without an argument, because some servers would parse a name as
+// a pattern or as options. "LIST -a" also shows hidden files. A server without options looks for a
+// file named "-a"; its listing does not contain the directory itself.
 Listing Tree::ListForPeople(const std::string& name) {
     Listing listing;
     if (TryList("LIST -a", name, listing) && listing.shows_itself) return listing;
@@ -191,7 +191,7 @@ Listing Tree::ListAll(const std::string& name) {
     Listing listing;
     if (has_mlsd_ && !ListByMachine(name, listing)) has_mlsd_ = false;
     if (!has_mlsd_) return ListForPeople(name);
-    // Some servers show a missing directory as an empty one.
+    // Some servers list a missing directory as an empty one.
     if (listing.entries.empty() && !listing.shows_itself) {
         const Reply reply = TryEnter(name);
         if (!reply.IsDone()) ThrowNoDirectory(reply, name);
@@ -228,7 +228,8 @@ void Tree::RemoveDirectory(const std::string& name) {
     const auto [above, last] = kro_file::SplitPath(name);
     for (const Entry& entry : ListOrNothing(above)) {
         if (entry.name != last || entry.type == Entry::Type::kFile) continue;
-        // A link to a directory may look like one from outside; a link to a file stays.
+        // Removes a link to a directory, which some servers list as a directory. A link to a file
+        // stays.
         if (Look(name) != Found::kDirectory) continue;
         RemoveBatch(above, {&entry, 1}, 0);
     }
@@ -244,7 +245,8 @@ std::vector<Entry> Tree::ListOrNothing(const std::string& name) {
     return {};
 }
 
-// Some servers leave links that lead nowhere out of their machine listings.
+// Some servers omit broken links from their machine listings. The directory is then not yet empty,
+// so RMD fails and LIST must show the links.
 void Tree::RemoveEmptied(const std::string& name) {
     Reply reply = session_.Command("RMD " + PathOf(name));
     if (!reply.IsDone() && Enter(name)) {
@@ -264,7 +266,7 @@ void Tree::Empty(const std::string& name, int depth) {
         throw Error(Kind::kFailed, session_.what() + " shows directories without end");
     }
     Forget();
-    // What a limit hides is shown once the rest is gone.
+    // The server shows the entries beyond its limit once the others are removed.
     constexpr int kMostRounds = 10000;
     bool is_cut = true;
     for (int round = 0; is_cut && round < kMostRounds; ++round) {
@@ -282,8 +284,8 @@ void Tree::RemoveEntries(const std::string& name, std::span<const Entry> entries
     }
 }
 
-// Directories too are removed as files at first: what is one stays, and a link to one, which some
-// servers show as a directory, goes before anything in it is looked at.
+// Sends DELE for directories, too. It fails for a real directory. It removes a link to a directory,
+// which some servers list as a directory, before the target of the link could be emptied.
 void Tree::RemoveBatch(const std::string& name, std::span<const Entry> entries, int depth) {
     std::vector<std::string> commands;
     for (const Entry& entry : entries) {

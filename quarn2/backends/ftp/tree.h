@@ -13,10 +13,10 @@
 
 namespace quarn2::ftp {
 
-// What lies under a path.
+// The type of the object at a path.
 enum class Found { kNothing, kFile, kDirectory };
 
-// Names are relative to the root, which is an absolute path and "" as a name.
+// Names are relative to the root. The root itself is an absolute path; its name is "".
 class Tree {
   public:
     Tree(Session& session, std::string root);
@@ -25,33 +25,33 @@ class Tree {
 
     Found Look(const std::string& name);
 
-    // kNotFound when the root is missing.
+    // Throws kNotFound if the root does not exist.
     void CheckRoot();
 
-    // Makes the directory and those above it, never the root. False: the storage has no room for
-    // it. Directories that were seen are not looked at again.
+    // Makes the directory and its parents, but never the root. Returns false if the storage has no
+    // room. Directories that it has seen are not checked again until Forget() is called.
     bool MakeDirectories(const std::string& name);
     void Forget() { seen_.clear(); }
 
-    // Everything in a directory; kNotFound when there is none, kFailed when the server has a limit
-    // that hides some of it.
+    // Returns all entries of a directory. Throws kNotFound if there is none, and kFailed if the
+    // server truncates the listing.
     std::vector<Entry> Entries(const std::string& name);
 
-    // Removes a directory with all in it, or all in it alone. Links are removed, not followed. A
-    // file stays; nothing there is success.
+    // RemoveDirectory() removes a directory with its contents, Empty() only the contents. Links are
+    // removed, not followed. RemoveDirectory() does not remove a file and succeeds for a missing
+    // name.
     void RemoveDirectory(const std::string& name);
     void Empty(const std::string& name) { Empty(name, 0); }
 
-    // Removes one file; nothing there is success, a directory kFailed.
+    // Removes one file. Succeeds for a missing file. Throws kFailed for a directory.
     void RemoveFile(const std::string& name);
 
-    // Throws for a name that was refused where a file or directory of that name was wanted:
-    // kNotFound when there is none.
+    // Throws the error for a file that the server has refused: kNotFound if it does not exist.
     [[noreturn]] void ThrowMissing(const Reply& reply, const std::string& name,
                                    const std::string& deed);
 
   private:
-    // Throws for a reply that leaves open whether something is there.
+    // Throws for a refusal that does not show whether the name exists.
     void CheckAnswered(const Reply& reply, const std::string& name) const;
     Reply TryEnter(const std::string& name);
     bool Enter(const std::string& name) { return TryEnter(name).IsDone(); }
@@ -61,10 +61,10 @@ class Tree {
     bool ListByMachine(const std::string& name, Listing& listing);
     Listing ListForPeople(const std::string& name);
     bool TryList(const std::string& command, const std::string& name, Listing& listing);
-    // The name in the listing of the directory above, which tells what is missing from what cannot
-    // be accessed.
+    // Looks the name up in the listing of its parent directory. This distinguishes a missing name
+    // from an inaccessible one.
     std::optional<Entry> FindListed(const std::string& name);
-    // Nothing for a missing directory; kNotFound for a missing root.
+    // Returns no entries for a missing directory. Throws kNotFound for a missing root.
     std::vector<Entry> ListOrNothing(const std::string& name);
     [[noreturn]] void ThrowNoDirectory(const Reply& refusal, const std::string& name);
     void Empty(const std::string& name, int depth);
@@ -76,7 +76,7 @@ class Tree {
     Session& session_;
     std::string root_;
     std::set<std::string> seen_;
-    int emptied_ = 0;  // directories below the one that is to be emptied
+    int emptied_ = 0;  // number of directories emptied below the first one
     bool has_mlsd_ = true;
     bool has_mlst_ = true;
 };
