@@ -24,13 +24,13 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// AES-GCM first: processors have instructions for it, and it needs no checksum beside it.
+// AES-GCM first: processors have instructions for it, and it needs no separate checksum.
 const char* const kCiphers =
     "aes128-gcm@openssh.com,aes256-gcm@openssh.com,chacha20-poly1305@openssh.com,"
     "aes256-ctr,aes192-ctr,aes128-ctr";
 const char* const kSystemKnownHosts = "/etc/ssh/ssh_known_hosts";
-// What the server may send before it waits for us; the library's own choice would bound a download
-// to a third of this per round trip.
+// The channel's window: the number of bytes that the server may send before it must wait for this
+// side. The library's default would limit a download to a third of this per round trip.
 constexpr std::size_t kWindow = 4UL * 1024 * 1024;
 constexpr std::size_t kTopUp = kWindow / 4;
 constexpr std::size_t kSmallRead = 256UL * 1024;
@@ -40,7 +40,7 @@ std::string At(const Account& account) {
     return "host " + Quoted(account.host) + ", port " + std::to_string(account.port);
 }
 
-// The library's last words. They may repeat what the server sent.
+// Returns the library's last error. It may contain text that the server sent.
 std::string Reason(ssh_session session) {
     const std::string text = Ssh().get_error(session);
     return text.empty() ? "no reason given" : Quoted(text);
@@ -68,7 +68,7 @@ std::vector<std::string> KnownHostsFiles(const Account& account) {
     return {kro_file::ConcatPath(HomeDirectory(), ".ssh/known_hosts"), kSystemKnownHosts};
 }
 
-// The host keys to be asked for: those first that can be checked.
+// Returns the host key algorithms to request. Those that the known hosts can verify come first.
 std::string KeyAlgorithms(const KnownHosts& known) {
     std::vector<std::string> algorithms;
     const auto add = [&algorithms](const std::string& name) {
@@ -100,7 +100,7 @@ class Login {
     }
 
     SshSession Run() {
-        // A bad key file needs no server to be told of.
+        // A bad key file is reported without connecting to the server.
         if (!account_.key_file.empty()) key_ = LoadKey(account_.key_file);
         Configure();
         Handshake();
@@ -117,7 +117,7 @@ class Login {
         const bool no = false;
         const long seconds = account_.timeout;
         const std::string algorithms = KeyAlgorithms(known_);
-        // Nothing of the user's own settings: a token says all there is to say.
+        // The user's SSH configuration is ignored: the token contains all settings.
         SetOption(session, SSH_OPTIONS_PROCESS_CONFIG, &no);
         SetOption(session, SSH_OPTIONS_KNOWNHOSTS, "/dev/null");
         SetOption(session, SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
@@ -135,7 +135,7 @@ class Login {
         Socket socket = Dial(account_.host, account_.port, account_.timeout);
         const int fd = socket.fd();
         SetOption(session_.get(), SSH_OPTIONS_FD, &fd);
-        // From here on the library closes it.
+        // The library now owns the socket and closes it.
         socket.Release();
         if (Ssh().connect(session_.get()) == SSH_OK) return;
         const std::string text = Ssh().get_error(session_.get());
@@ -211,7 +211,7 @@ class Login {
         return result == SSH_AUTH_SUCCESS;
     }
 
-    // Some servers take passwords only as the answer to a question.
+    // Some servers accept passwords only as the answer to an interactive question.
     int AnswerQuestions() {
         ssh_session session = session_.get();
         const auto methods = static_cast<unsigned>(Ssh().userauth_list(session, nullptr));
@@ -240,7 +240,7 @@ class Login {
     SshSession session_;
 };
 
-// The library frees a session's channels with it.
+// The library frees the channels of a session together with the session.
 class Connection final : public Stream {
   public:
     Connection(SshSession session, const Account& account)
@@ -253,7 +253,7 @@ class Connection final : public Stream {
                     "no SFTP service for the user on " + where_ + ": " + Reason(session_.get()));
     }
 
-    // A farewell only where nobody has to be waited for.
+    // Disconnects silently if the connection is broken, because sending a message could block.
     ~Connection() override {
         if (broken_) {
             Ssh().silent_disconnect(session_.get());
@@ -270,7 +270,8 @@ class Connection final : public Stream {
     }
 
     std::size_t Read(std::span<std::byte> buffer, int patience) override {
-        // Asked for more than the window holds, the library widens it, each time with a packet.
+        // The library widens the window whenever a read asks for more than the window holds, each
+        // time with a packet. Such large reads are therefore made only now and then.
         const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
         if (top_up) received_ = 0;
         const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);
@@ -291,7 +292,7 @@ class Connection final : public Stream {
     }
 
   private:
-    static constexpr int kLongestWait = 2'000'000;  // seconds; the library counts milliseconds
+    static constexpr int kLongestWait = 2'000'000;  // seconds; the library takes milliseconds
 
     [[noreturn]] void Unavailable(const std::string& text) {
         broken_ = true;

@@ -1,4 +1,4 @@
-// The secured channel to an SFTP server: address, SSH handshake, host key, login, subsystem.
+// Opens the SSH channel to an SFTP server: TCP connection, handshake, host key, login, subsystem.
 #pragma once
 
 #include <cstdint>
@@ -10,19 +10,19 @@
 
 namespace quarn2::sftp {
 
-// Where to connect and who to be.
+// The address of the server and the credentials of the user.
 struct Account {
     std::string host;
     std::uint16_t port = 22;
     std::string user;
     std::string password;          // empty: none
     std::string key_file;          // empty: none
-    std::string known_hosts_file;  // empty: the user's and the system's
+    std::string known_hosts_file;  // empty: the user's file and the system's
     int timeout = 60;              // seconds without progress
 };
 
-// Connects and logs in. Throws kUnauthorized when the host key is not trusted or the server refuses
-// the user, kUnavailable when it cannot be reached.
+// Connects and logs in. Throws kUnauthorized if the host key is not trusted or the server refuses
+// the user, and kUnavailable if the server cannot be reached.
 std::unique_ptr<Stream> Connect(const Account& account);
 
 }  // namespace quarn2::sftp

@@ -58,8 +58,8 @@ Resolved Resolve(const std::string& host, std::uint16_t port, int flags) {
     return resolved;
 }
 
-// A name server that does not answer may hold the resolver for longer than anybody wants to wait,
-// and it cannot be stopped: it is left to its own thread.
+// Resolves the name in a thread of its own. getaddrinfo() cannot be interrupted while a name server
+// does not answer, so after the timeout the thread is left running until the call returns.
 Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds) {
     std::promise<Resolved> promise;
     std::future<Resolved> future = promise.get_future();
@@ -91,7 +91,7 @@ std::vector<Address> AddressesOf(const std::string& host, std::uint16_t port, in
 
 template <class T>
 void SetOption(int fd, int level, int option, const T& value) {
-    // Each makes a connection better; without one it still is one.
+    // Errors are ignored: the connection also works without these options.
     static_cast<void>(setsockopt(fd, level, option, &value, sizeof value));
 }
 
@@ -108,7 +108,7 @@ void Tune(int fd, int seconds) {
     SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, patience);
 }
 
-// The errno of the attempt, 0 when it succeeded.
+// Waits for a connection attempt. Returns its errno, 0 if it succeeded.
 int Finish(int fd, int seconds) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
     for (;;) {

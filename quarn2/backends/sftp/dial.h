@@ -1,4 +1,4 @@
-// A TCP connection, made within a bounded time.
+// Opens a TCP connection within a bounded time.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +6,7 @@
 
 namespace quarn2::sftp {
 
-// A descriptor with one owner, for libraries that take one over.
+// Owns a descriptor. Release() hands it over, for example to a library.
 class Socket {
   public:
     explicit Socket(int fd) noexcept : fd_(fd) {}
@@ -23,8 +23,9 @@ class Socket {
     int fd_;
 };
 
-// Tries the host's addresses in turn. `seconds` bounds the name's resolution, then each address's
-// attempt; it is also how long the socket's writes may stand still. Throws kUnavailable.
+// Tries the host's addresses in turn. `seconds` limits the name resolution, then the attempt with
+// each address. It is also the socket's timeout for reads and writes without progress. Throws
+// kUnavailable.
 Socket Dial(const std::string& host, std::uint16_t port, int seconds);
 
 }  // namespace quarn2::sftp

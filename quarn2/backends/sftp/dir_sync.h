@@ -1,4 +1,4 @@
-// Makes the entries of directories durable, where the server can.
+// Makes the entries of directories durable if the server supports it.
 #pragma once
 
 #include <cstdint>
@@ -9,24 +9,24 @@
 
 namespace quarn2::sftp {
 
-// A directory can be opened like a file and synced on servers that are Unix systems; where it
-// cannot, there is nothing to be done, and nothing is said. In steps, so that each can go out
-// together with other requests.
+// Servers that are Unix systems can open a directory like a file and sync it. Failures are ignored,
+// because other servers have no way to sync a directory. The work is split into steps, so that the
+// requests of each step can be sent together with other requests.
 class DirSync {
   public:
     explicit DirSync(Session& session) noexcept : session_(session) {}
-    // Closes what is open.
+    // Closes the open directories.
     ~DirSync();
     DirSync(const DirSync&) = delete;
     DirSync& operator=(const DirSync&) = delete;
 
     // Sends the requests to open the directories.
     void Open(const std::vector<std::string>& paths);
-    // Waits for those; to be called before Sync.
+    // Waits for the replies to Open(). Must be called before Sync().
     void TakeHandles();
-    // Sends the requests to sync what has been done so far.
+    // Sends the requests that sync all changes made so far.
     void Sync();
-    // Waits for them.
+    // Waits for the replies to Sync().
     void Finish();
 
   private:

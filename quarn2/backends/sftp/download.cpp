@@ -17,20 +17,21 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Asked for and not yet handed on. What comes out of order waits in memory: this bounds it.
+// Maximum number of bytes requested and not yet passed to the sink. Data that arrives out of order
+// waits in memory; this limit bounds it.
 constexpr std::uint64_t kMostUnderWay = 6UL * 1024 * 1024;
 constexpr int kAttempts = 5;
-// That is less than a kibibyte in each answer.
+// Exceeded only if the replies contain less than 1 KiB each on average.
 constexpr std::size_t kMostPieces = 10'000;
 constexpr std::uint64_t kLargestFile = std::numeric_limits<std::int64_t>::max();
 
-// An open file and the reads of it that are under way, by offset.
+// An open file and its outstanding reads, ordered by offset.
 class Reads {
   public:
     Reads(Session& session, std::string handle, std::string path, std::uint64_t size)
         : session_(session), handle_(std::move(handle)), path_(std::move(path)), size_(size) {}
 
-    // Whatever is still under way is dropped as it comes.
+    // The replies to outstanding reads are dropped as they arrive.
     ~Reads() {
         for (const Piece& piece : pieces_) session_.Forget(piece.id);
         if (session_.broken()) return;
@@ -43,8 +44,8 @@ class Reads {
     Reads(const Reads&) = delete;
     Reads& operator=(const Reads&) = delete;
 
-    // The size is asked for and the first reads are sent together: false when the file is another
-    // one than was looked at.
+    // Queries the size and sends the first reads together. Returns false if the size is not the
+    // expected one: the file was replaced before it was opened.
     bool Begin() {
         const std::uint32_t measured =
             session_.Send(std::move(Request(Type::kFstat).Text(handle_)));
@@ -98,7 +99,7 @@ class Reads {
         const std::span<const std::byte> data = reply.fields.Bytes();
         if (data.empty() || data.size() > piece->size) BadReply("more or less data than asked for");
         if (data.size() < piece->size) AskForRest(piece, data.size());
-        // The list's elements may have moved, the first is still the first.
+        // AskForRest() may have moved the elements, so the piece is looked up again.
         Piece& taken = *std::find_if(pieces_.begin(), pieces_.end(),
                                      [&reply](const Piece& each) { return each.id == reply.id; });
         if (&taken == &pieces_.front()) {
@@ -110,7 +111,7 @@ class Reads {
         taken.arrived = true;
     }
 
-    // Servers may give less than was asked for.
+    // Servers may return less data than requested.
     void AskForRest(const std::deque<Piece>::iterator& piece, std::size_t got) {
         const std::uint64_t offset = piece->offset + got;
         const std::size_t size = piece->size - got;
@@ -153,8 +154,8 @@ class Downloader {
     }
 
   private:
-    // The size; nothing when it is worth another look. A link is not followed, and what is no file
-    // is not there.
+    // Opens the file and returns its size, nullopt if another attempt may succeed. Does not follow
+    // a link. A name that is no plain file counts as missing.
     std::optional<std::uint64_t> Open() {
         const std::uint32_t look = session_.Send(std::move(Request(Type::kLstat).Text(path_)));
         const std::uint32_t open =
@@ -183,7 +184,8 @@ class Downloader {
 
     void Close() { session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_)))); }
 
-    // A replacement that was broken off left the old file under another name.
+    // An interrupted replacement has left the old file under another name. Returns true if that
+    // file is renamed back.
     bool Recover() {
         if (session_.Offers("posix-rename@openssh.com")) return false;
         Request request(Type::kRename);

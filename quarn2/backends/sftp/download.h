@@ -1,4 +1,4 @@
-// One download: many reads under way, handed on in order.
+// One download: sends many reads at once and passes the data on in order.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace quarn2::sftp {
 
-// As StorageBackend::Get. `started`: the sink has been told something.
+// Like StorageBackend::Get(). Sets `started` before the first call of the sink.
 void Download(Session& session, const Place& place, const std::string& name, ByteSink& sink,
               bool& started);
 

@@ -25,7 +25,7 @@ constexpr mode_t kOthers = 077;
 
 std::string Reason(int error) { return std::generic_category().message(error); }
 
-// A text that does not stay in memory.
+// A text that the destructor erases from memory.
 class Wiped {
   public:
     Wiped() : text(kLongestKey + 1, '\0') {}
@@ -58,7 +58,7 @@ void Read(const std::string& path, std::string& text) {
     text[size] = '\0';
 }
 
-// Asked only for a key that has a passphrase.
+// The library calls this only for a key that has a passphrase.
 int NoPassphrase(const char* /*prompt*/, char* /*answer*/, std::size_t /*size*/, int /*echo*/,
                  int /*verify*/, void* asked) {
     *static_cast<bool*>(asked) = true;

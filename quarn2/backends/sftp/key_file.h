@@ -1,4 +1,4 @@
-// The private key of a login.
+// Loads the private key of a login.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace quarn2::sftp {
 
-// Throws kUnauthorized for a key that is missing, that others than its owner may read, or that is
-// locked with a passphrase.
+// Throws kUnauthorized for a key that is missing or invalid, that other users may read or change,
+// or that has a passphrase.
 SshKey LoadKey(const std::string& path);
 
 }  // namespace quarn2::sftp

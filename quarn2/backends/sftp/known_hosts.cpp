@@ -25,7 +25,7 @@ std::string_view CutWord(std::string_view& text, std::string_view separators) {
     return word;
 }
 
-// "*" is any text, "?" any one character; everything else stands for itself.
+// "*" matches any text, "?" any one character; every other character matches itself.
 bool MatchesPattern(std::string_view text, std::string_view pattern) {
     std::size_t at = 0;
     std::size_t in_pattern = 0;
@@ -102,7 +102,7 @@ void KnownHosts::AddText(std::string_view text) {
     }
 }
 
-// [MARK] HOSTS TYPE KEY [COMMENT]
+// Parses "[MARKER] HOSTS TYPE KEY [COMMENT]".
 void KnownHosts::AddLine(std::string_view line) {
     std::string_view word = CutWord(line, kBlanks);
     if (word.empty() || word.front() == '#') return;
@@ -118,7 +118,7 @@ void KnownHosts::AddLine(std::string_view line) {
     }
 }
 
-// A "!" excludes whatever else matches.
+// A pattern with "!" excludes the host, even if other patterns match.
 bool KnownHosts::IsMeant(std::string_view hosts) const {
     if (str::StartsWith(hosts, kHashMark)) return MatchesHash(host_, hosts);
     bool meant = false;

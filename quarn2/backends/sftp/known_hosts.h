@@ -1,7 +1,7 @@
-// The host keys that are trusted: files as OpenSSH keeps them.
+// The trusted host keys, read from files in OpenSSH's known_hosts format.
 //
-// Understood are plain and hashed host names, "[host]:port", wildcards, "!" and "@revoked"; keys of
-// certificate authorities ("@cert-authority") vouch for nothing here.
+// Supports plain and hashed host names, "[host]:port", wildcards, "!" and "@revoked". Ignores the
+// keys of certificate authorities ("@cert-authority").
 #pragma once
 
 #include <cstdint>
@@ -11,29 +11,29 @@
 
 namespace quarn2::sftp {
 
-// What the files say about a key.
+// The result of checking a key against the files.
 enum class Trust {
     kTrusted,
     kUnknown,  // the host has no key of any type in the files
-    kChanged,  // the host has keys there, and this is none of them
+    kChanged,  // the files contain keys of the host, but not this one
     kRevoked,
 };
 
 class KnownHosts {
   public:
-    // How the host stands in the files: alone at port 22, else "[host]:port".
+    // The files contain the host as "host" for port 22, else as "[host]:port".
     KnownHosts(const std::string& host, std::uint16_t port);
 
-    // Adds what a file has about the host. A missing file has nothing; one that cannot be read is
-    // a kro_err::Error (kUnauthorized).
+    // Adds the host's keys from a file. Ignores a missing file. Throws kro_err::Error
+    // (kUnauthorized) for a file that cannot be read.
     void AddFile(const std::string& path);
-    // The same from a file's text.
+    // Adds the host's keys from the text of a file.
     void AddText(std::string_view text);
 
-    // `type` and `key` as they stand in a file: "ssh-ed25519", base64.
+    // `type` and `key` are in the format of the files: "ssh-ed25519" and base64.
     Trust Check(std::string_view type, std::string_view key) const;
 
-    // The types of the keys that are trusted, in the order of the files.
+    // Returns the types of the trusted keys, in the order of the files.
     std::vector<std::string> Types() const;
 
     const std::string& host() const noexcept { return host_; }

@@ -1,7 +1,8 @@
-// The packets of SFTP version 3: requests being written, replies being read.
+// Encodes requests and parses replies of SFTP version 3.
 //
-// A packet is a length of four bytes, a type, an id (but for the greeting) and the fields. Nothing
-// here trusts a reply: every field is checked against what is left of it.
+// A packet consists of a length of four bytes, a type, an id (except in the greeting) and the
+// fields. Replies are not trusted: the length of every field is checked against the rest of the
+// packet.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +50,7 @@ enum class Code : std::uint32_t {
     kNoConnection = 6,
     kConnectionLost = 7,
     kUnsupported = 8,
-    // Of later versions of the protocol; some servers send them all the same.
+    // Codes of later versions of the protocol. Some servers send them anyway.
     kInvalidHandle = 9,
     kNoSuchPath = 10,
     kFileAlreadyExists = 11,
@@ -67,7 +68,7 @@ inline constexpr std::uint32_t kOpenCreate = 0x08;
 inline constexpr std::uint32_t kOpenTruncate = 0x10;
 inline constexpr std::uint32_t kOpenExclusive = 0x20;
 
-// What a server tells of a file; it need not tell everything.
+// The attributes of a file that a server sends. Each of them may be missing.
 struct Attributes {
     std::optional<std::uint64_t> size;
     std::optional<std::uint32_t> mode;
@@ -75,11 +76,11 @@ struct Attributes {
 
     bool IsDirectory() const noexcept;
     bool IsLink() const noexcept;
-    // A server that does not tell the type is believed that it is a file.
+    // True also if the server sends no type.
     bool IsFile() const noexcept;
 };
 
-// A request that grows field by field.
+// Builds a request field by field.
 class Request {
   public:
     explicit Request(Type type);
@@ -87,22 +88,22 @@ class Request {
     Request& U32(std::uint32_t value);
     Request& U64(std::uint64_t value);
     Request& Text(std::string_view text);
-    // Attributes that carry a mode and nothing else.
+    // Appends attributes that contain only a mode.
     Request& Mode(std::uint32_t mode);
 
-    // The whole packet with its length, and `id` behind the type. `more` bytes follow that are sent
-    // by themselves.
+    // Adds the length and the `id` and returns the packet. The length includes `more` bytes of data
+    // that the caller sends separately.
     std::span<const std::byte> Finish(std::uint32_t id, std::size_t more = 0);
 
-    // The greeting has a version where others have an id.
+    // The greeting contains a version in place of the id.
     std::span<const std::byte> FinishInit(std::uint32_t version) { return Finish(version); }
 
   private:
     std::vector<std::byte> bytes_;
 };
 
-// Reads the fields of a reply one after the other; throws kro_err::Error (kFailed) for a reply that
-// ends too early. Views live as long as the bytes they are read from.
+// Parses the fields of a reply in order. Throws kro_err::Error (kFailed) if the reply ends too
+// early. Returned views are valid as long as the bytes passed to the constructor.
 class Fields {
   public:
     explicit Fields(std::span<const std::byte> bytes) noexcept : bytes_(bytes) {}
@@ -122,10 +123,10 @@ class Fields {
     std::span<const std::byte> bytes_;
 };
 
-// A four-byte number of a packet's head.
+// Decodes a number of four bytes, as in the head of a packet.
 std::uint32_t LoadU32(std::span<const std::byte, 4> bytes) noexcept;
 
-// Throws kFailed: what the server sends is no SFTP.
+// Throws kFailed because the server violates the protocol.
 [[noreturn]] void BadReply(const std::string& what);
 
 }  // namespace quarn2::sftp

@@ -9,12 +9,13 @@ namespace quarn2::sftp {
 
 namespace {
 
-// More uploads of one name at once than there will ever be.
+// Maximum number of concurrent uploads of one name.
 constexpr int kTemporaryNames = 8;
-// The longest name that file systems take.
+// The maximum length of a name on common file systems.
 constexpr std::size_t kLongestName = 255;
 
-// The temporary name of a temporary name is nobody else's: no file may be called like one.
+// Applies TemporaryName() `times` times to the name. No file of the storage can have such a name,
+// because stored files must not have temporary names.
 std::string Wrapped(const std::string& path, int times) {
     auto [directory, name] = kro_file::SplitPath(path);
     for (int i = 0; i < times; ++i) name = kro_file::TemporaryName(name);
@@ -29,7 +30,7 @@ std::string Place::PathOf(const std::string& name) const {
 
 std::vector<std::string> TemporaryPaths(const std::string& path) {
     std::vector<std::string> paths = {Wrapped(path, 1)};
-    // Twice wrapped is the displaced file.
+    // Skips 2, which is the name of the displaced file.
     for (int times = 3; times < kTemporaryNames + 2; ++times) {
         std::string next = Wrapped(path, times);
         if (kro_file::Name(next).size() > kLongestName) break;

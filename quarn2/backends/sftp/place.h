@@ -1,4 +1,4 @@
-// Where things lie on the server: the storage's root, and the names that an upload uses on its way.
+// Paths on the server: the storage's root and the temporary names of uploads.
 #pragma once
 
 #include <optional>
@@ -8,10 +8,10 @@
 
 namespace quarn2::sftp {
 
-// The root of a storage. Relative to the directory of the login where it has no slash in front.
+// The root of a storage. A root without a leading slash is relative to the login directory.
 class Place {
   public:
-    // `server` tells this server and user from others.
+    // `server` identifies the server and the user.
     explicit Place(std::string root, std::string server = {})
         : root_(std::move(root)), server_(std::move(server)) {}
 
@@ -24,15 +24,16 @@ class Place {
     std::string server_;
 };
 
-// The names under which uploads to `path` may write, the usual one first. Two uploads at once use
-// two of them; each follows from the target's name alone, none is another target's.
+// Returns the temporary paths for uploads to `path`, the usual one first. Each of several
+// concurrent uploads uses a different one. They are derived from the target's name alone, and no
+// two targets share one.
 std::vector<std::string> TemporaryPaths(const std::string& path);
 
-// Where the old file waits while the new one takes its name, on a server that cannot rename over a
+// Returns the path of the old file during its replacement, on a server that cannot rename over a
 // file.
 std::string DisplacedPath(const std::string& path);
 
-// The name of the file that waits under this one; nothing when it is another kind of name.
+// Returns the target if `name` is that of a displaced file, else nullopt.
 std::optional<std::string> DisplacedTarget(const std::string& name);
 
 }  // namespace quarn2::sftp

@@ -14,14 +14,15 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kVersion = 3;
-// What every server must take in one packet, and the most that is worth asking of one.
+// The data size that every server must accept in one packet, and the maximum that is worth using.
 constexpr std::size_t kSmallPiece = 32UL * 1024;
 constexpr std::size_t kLargePiece = 255UL * 1024;
-// The longest reply that is believed: the largest piece and what names it. No server sends longer
-// ones.
+// The maximum length of a reply. It leaves enough space for the largest piece of data with its
+// header. No server sends longer replies.
 constexpr std::size_t kLongestFrame = 512UL * 1024;
 constexpr std::size_t kLengthSize = 4;
-// As much as a channel may have under way: the server need not wait for us while we write.
+// Holds all data that the channel's window allows, so the server need not wait while this side is
+// writing.
 constexpr std::size_t kBufferSize = 4UL * 1024 * 1024 + kLongestFrame;
 constexpr std::size_t kDeepest = 1024;
 
@@ -33,7 +34,7 @@ Status Reply::AsStatus() {
     Require(Type::kStatus);
     Status status;
     status.code = static_cast<Code>(fields.U32());
-    // Old servers leave the text out.
+    // Old servers omit the text.
     if (!fields.empty()) status.text = fields.Text();
     return status;
 }
@@ -42,7 +43,7 @@ void Reply::Require(Type expected) const {
     if (type != expected) BadReply("a reply of type " + std::to_string(static_cast<int>(type)));
 }
 
-// Whatever is thrown in its life leaves the session unusable.
+// Marks the session as broken if an exception leaves the scope before Done() is called.
 class Session::Breaker {
   public:
     explicit Breaker(Session& session) noexcept : session_(session), before_(session.broken_) {
@@ -86,7 +87,7 @@ void Session::AskLimits() {
     Reply reply = Wait(Send(std::move(Request(Type::kExtended).Text(kLimits))));
     if (reply.type != Type::kExtendedReply) return;
     Breaker breaker(*this);
-    reply.fields.U64();  // the longest packet: the next two keep within it
+    reply.fields.U64();  // maximum packet length; the next two limits are below it
     const auto fit = [](std::uint64_t limit) {
         return limit == 0 ? kSmallPiece
                           : static_cast<std::size_t>(
@@ -133,7 +134,8 @@ bool Session::HasFrame() const noexcept {
 
 bool Session::HasNext() const noexcept { return HasFrame(); }
 
-// What is left of a frame is moved to the front: it is little, and the stream likes much room.
+// Moves an incomplete frame to the front of the buffer. It is short, and the stream works best with
+// much space.
 void Session::Fill(std::size_t needed, int patience) {
     if (end_ - begin_ >= needed) return;
     std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);

@@ -1,4 +1,4 @@
-// SFTP version 3 over a stream of bytes: requests go out without waiting, replies are told apart by
+// SFTP version 3 over a byte stream. Requests are sent without waiting; replies are matched by
 // their ids.
 #pragma once
 
@@ -17,8 +17,8 @@
 
 namespace quarn2::sftp {
 
-// The secured channel to the server. Both throw kro_err::Error (kUnavailable) when nothing moves
-// for longer than the storage's timeout, or when the connection is gone.
+// The encrypted channel to the server. Write() and Read() throw kro_err::Error (kUnavailable) if
+// there is no progress for longer than the storage's timeout, or if the connection is lost.
 class Stream {
   public:
     Stream() = default;
@@ -27,19 +27,19 @@ class Stream {
     Stream& operator=(const Stream&) = delete;
 
     virtual void Write(std::span<const std::byte> bytes) = 0;
-    // At least one byte. `patience` is how many seconds more than usual the server may take.
+    // Reads at least one byte. `patience` extends the timeout by that many seconds.
     virtual std::size_t Read(std::span<std::byte> buffer, int patience) = 0;
-    // Throws when the other side is known to have gone; waits for nothing.
+    // Throws if the server is known to have closed the connection. Does not wait.
     virtual void CheckAlive() = 0;
 };
 
-// A reply; its fields are good until the session is used again.
+// A reply. Its fields are valid until the next use of the session.
 struct Reply {
     Type type;
     std::uint32_t id;
     Fields fields;
 
-    // The reply to a request that is answered by a status alone, or that failed.
+    // Returns the status in the reply. Throws for a reply of another type.
     Status AsStatus();
     // Throws for a reply of another type than expected.
     void Require(Type expected) const;
@@ -47,34 +47,35 @@ struct Reply {
 
 class Session {
   public:
-    // Says hello. The stream's first bytes may be anything.
+    // Exchanges the greeting. Throws if the server's first bytes are not a valid one.
     explicit Session(std::unique_ptr<Stream> stream);
 
-    // Sends and does not wait. Every id must be waited for, taken from Next, or forgotten.
+    // Sends a request without waiting. Every id must be passed to Wait() or to Forget(), or its
+    // reply be taken from Next().
     std::uint32_t Send(Request request);
-    // Sends a request whose last field is `data`, which lies behind at least `headroom` bytes that
-    // may be overwritten: so nothing is copied.
+    // Sends a request whose last field is data. `room_and_data` begins with kHeadroom bytes,
+    // followed by the data. The request is written into these bytes, so the data is not copied.
     static constexpr std::size_t kHeadroom = 512;
     std::uint32_t SendWithData(Request request, std::span<std::byte> room_and_data);
 
-    // The reply to this request; those to others that come before it are kept.
+    // Returns the reply to this request. Replies to other requests that arrive before it are kept.
     Reply Wait(std::uint32_t id, int patience = 0);
     Status WaitStatus(std::uint32_t id, int patience = 0) { return Wait(id, patience).AsStatus(); }
-    // The next reply to any request, as they come.
+    // Returns the next reply to any request, in the order of arrival.
     Reply Next();
-    // True when a reply can be had from Next without waiting for the network.
+    // True if Next() can return a reply without waiting for the network.
     bool HasNext() const noexcept;
-    // Whatever is answered to this request is dropped.
+    // Drops the reply to this request.
     void Forget(std::uint32_t id);
 
-    // Throws (kUnavailable) when the server is known to have gone.
+    // Throws (kUnavailable) if the server is known to have closed the connection.
     void CheckAlive();
-    // After a failure of the stream or the protocol nothing more can be said.
+    // True after a failure of the stream or the protocol: the session cannot be used any more.
     bool broken() const noexcept { return broken_; }
     void Break() noexcept { broken_ = true; }
 
     bool Offers(const std::string& extension) const { return extensions_.contains(extension); }
-    // How much one read may ask for and one write may carry.
+    // The maximum number of bytes in one read and in one write.
     std::size_t read_size() const noexcept { return read_size_; }
     std::size_t write_size() const noexcept { return write_size_; }
 
@@ -104,7 +105,8 @@ class Session {
     bool broken_ = false;
 };
 
-// Sends `count` requests, many at once, and hands on the answers in the order of the requests.
+// Sends `count` requests, many at a time, and passes the replies to `answered` in the order of the
+// requests.
 void Pipeline(Session& session, std::size_t count,
               const std::function<std::uint32_t(std::size_t)>& send,
               const std::function<void(std::size_t, Reply)>& answered);

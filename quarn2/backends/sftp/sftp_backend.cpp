@@ -24,9 +24,9 @@ using kro_err::Kind;
 constexpr std::uint16_t kPort = 22;
 constexpr int kTimeout = 60;
 constexpr int kLongestTimeout = 86400;
-// What is left after a broken upload is not worth a longer wait.
+// Removing what a failed upload has left is not worth a longer timeout (in seconds).
 constexpr int kCleanUpTimeout = 10;
-// Of a path that is relative to the directory of the login.
+// Begins a path that is relative to the login directory.
 constexpr std::string_view kHome = "/~/";
 
 std::string RootOf(const BackupToken& token) {
@@ -100,8 +100,8 @@ class SftpBackend final : public StorageBackend {
     template <class Action>
     using Result = std::invoke_result_t<const Action&, sftp::Session&>;
 
-    // A connection that has become stale since it was used last is replaced, as long as nothing
-    // that cannot be repeated has been done over it.
+    // Replaces a connection that has become stale since its last use and repeats the action, unless
+    // the action has `started` something that cannot be repeated.
     template <class Action>
     Result<Action> Run(const bool& started, const Action& action) {
         const bool used_before = DropBroken() != nullptr;
@@ -142,7 +142,7 @@ class SftpBackend final : public StorageBackend {
         return *session_;
     }
 
-    // What an upload left whose connection broke.
+    // Removes the temporary file of an upload whose connection broke.
     void CleanUp(const std::string& temporary) noexcept {
         if (temporary.empty()) return;
         try {
@@ -153,7 +153,7 @@ class SftpBackend final : public StorageBackend {
             session.WaitStatus(
                 session.Send(std::move(sftp::Request(sftp::Type::kRemove).Text(temporary))));
         } catch (const std::exception&) {
-            // The next upload of this name takes it along.
+            // The next upload of this name removes the file.
             return;
         }
     }

@@ -1,4 +1,4 @@
-// The storage that is a directory of an SFTP server.
+// The backend for a directory on an SFTP server.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"

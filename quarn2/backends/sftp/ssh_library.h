@@ -1,5 +1,4 @@
-// libssh, loaded when it is first needed, and owners for what it hands out. Nothing but this folder
-// calls it.
+// libssh, loaded when it is first needed, and owners for its objects. Only this folder calls it.
 #pragma once
 
 #include <libssh/libssh.h>
@@ -42,15 +41,16 @@ struct SshLibrary {
     decltype(&::ssh_userauth_publickey) userauth_publickey;
 };
 
-// The loaded and initialised library; kFailed with what to install when it cannot be loaded.
+// Returns the loaded and initialised library. Throws kFailed with the package to install if it
+// cannot be loaded.
 const SshLibrary& Ssh();
 
-// Deletes with a function of the library.
+// A deleter that calls a function of the library.
 template <auto Free>
 struct Freed {
     template <class T>
     void operator()(T* handle) const noexcept {
-        // Cannot fail here: what is to be freed comes from the loaded library.
+        // Ssh() cannot fail here: the handle comes from the loaded library.
         // cppcheck-suppress throwInNoexceptFunction
         (Ssh().*Free)(handle);
     }

@@ -17,7 +17,8 @@ struct Row {
     Failure failure;
 };
 
-// None of them is kUnauthorized: a login is refused before the first of these replies.
+// None of them is kUnauthorized, because a server refuses a login before it sends the first of
+// these replies.
 constexpr Row kRows[] = {
     {Code::kNoSpace, Failure::kNoRoom},
     {Code::kQuotaExceeded, Failure::kNoRoom},
@@ -28,7 +29,7 @@ constexpr Row kRows[] = {
     {Code::kNoConnection, Failure::kUnavailable},
     {Code::kConnectionLost, Failure::kUnavailable},
     {Code::kInvalidHandle, Failure::kUnavailable},
-    // A file system is read-only after an error of its disk, and until that is mended.
+    // A file system is read-only after a disk error until the disk is repaired.
     {Code::kWriteProtected, Failure::kUnavailable},
     {Code::kNoMedia, Failure::kUnavailable},
     {Code::kLockConflict, Failure::kUnavailable},
@@ -41,7 +42,7 @@ constexpr Row kRows[] = {
     {Code::kFileAlreadyExists, Failure::kFailed},
 };
 
-// The codes that servers send for a full disk or quota when they know no better one.
+// True for the codes that servers send for a full disk or quota if they have no better one.
 bool NeedsItsText(Code code) { return code == Code::kFailure || code == Code::kPermissionDenied; }
 
 bool TellsOfNoRoom(const Status& status, const std::string& path) {

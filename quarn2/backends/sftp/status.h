@@ -1,4 +1,4 @@
-// What the status of an SFTP reply means.
+// Classifies the status of SFTP replies.
 #pragma once
 
 #include <string>
@@ -10,15 +10,16 @@ namespace quarn2::sftp {
 
 struct Status {
     Code code = Code::kOk;
-    std::string text;  // the server's own, any bytes
+    std::string text;  // the server's text; may contain any bytes
 };
 
-// The one table of the protocol's codes. Most servers have no code for a full disk or quota, but a
-// text: it is searched without the request's `path`. Without such a text kFailure says nothing
-// about the room: an upload asks for the free space.
+// Looks the status up in the only table of the protocol's codes. Most servers have no code for a
+// full disk or quota, but a text. The text is searched without the request's `path`. A kFailure
+// without such a text does not show whether the storage is full: an upload then queries the free
+// space.
 Failure FailureOf(const Status& status, const std::string& path);
 
-// What the server said, in words.
+// Returns a description of the status for error texts.
 std::string Describe(const Status& status);
 
 // Throws "Failed to WHAT 'PATH' on the storage: ...".

@@ -21,7 +21,8 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kDirectoryMode = 0750;
-// Directories that are read at once, and requests for names that each of them may have under way.
+// The number of directories that are read in parallel. For each of them, the initial and the
+// maximum number of outstanding requests.
 constexpr std::size_t kDirectoriesAtOnce = 16;
 constexpr std::size_t kFewReads = 2;
 constexpr std::size_t kManyReads = 64;
@@ -35,7 +36,8 @@ std::uint32_t SendPath(Session& session, Type type, const std::string& path) {
     return session.Send(std::move(Request(type).Text(path)));
 }
 
-// What no component of a path can be; whoever sends it wants something else to be touched.
+// False for a name that cannot be a component of a path. A server that sends one tries to direct an
+// operation to another file.
 bool IsComponent(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
            name.find('\0') == std::string::npos;
@@ -51,7 +53,7 @@ class DirectoryReader {
           open_(SendPath(session, Type::kOpenDir, path_)),
           limit_("SFTP server") {}
 
-    // False when there is no such directory.
+    // Returns false if the directory does not exist.
     bool Opened() {
         Reply reply = session_.Wait(open_);
         if (reply.type == Type::kHandle) {
@@ -89,12 +91,13 @@ class DirectoryReader {
 
   private:
     void Take(Fields& fields) {
-        // An answer without names is one more entry too, or they could go on for ever.
+        // A reply without names counts as an entry, too. Otherwise a server could send such replies
+        // without end.
         limit_.Count(0);
         for (std::uint32_t left = fields.U32(); left > 0; --left) {
             Entry entry;
             entry.name = fields.Text();
-            fields.Bytes();  // the same as a line for people
+            fields.Bytes();  // the "long name" of the entry, which is not used
             entry.attributes = fields.Attrs();
             limit_.Count(entry.name.size());
             if (IsComponent(entry.name)) entries_.push_back(std::move(entry));
@@ -116,8 +119,8 @@ class DirectoryReader {
     ListingLimit limit_;
 };
 
-// Those of the directories that are there, read to their ends together. The first answers of each
-// tell little about how many there will be: twice as many are asked for each time.
+// Reads the existing directories of `paths` in parallel, each to its end. The number of replies is
+// unknown beforehand, so each round sends twice as many requests as the previous one.
 std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const std::string> paths) {
     std::vector<DirectoryReader> readers;
     readers.reserve(paths.size());
@@ -139,7 +142,7 @@ std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const s
 
 // --- Removing ---
 
-// Removes the files; directories among them are handed back instead.
+// Removes the files. Directories among them are not removed, but returned.
 std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::string>& paths) {
     std::vector<std::pair<std::string, Status>> refused;
     Pipeline(
@@ -160,7 +163,7 @@ std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::st
     return directories;
 }
 
-// Removes what is in the directories and hands back the directories in them.
+// Removes the files in the directories and returns their subdirectories.
 std::vector<std::string> RemoveContent(Session& session, std::span<const std::string> directories) {
     std::vector<std::string> files;
     std::vector<std::string> below;
@@ -187,8 +190,8 @@ void RemoveEmpty(Session& session, const std::vector<std::string>& directories) 
         });
 }
 
-// Level by level downwards, then the directories upwards. Links are taken, not followed: none of
-// them is a directory here.
+// Removes the files level by level from the top down, then the directories from the bottom up.
+// Links are removed, not followed: they do not count as directories here.
 void RemoveBelow(Session& session, const std::string& top, bool top_too) {
     std::vector<std::string> all = {top};
     ListingLimit limit("SFTP server");
@@ -211,8 +214,8 @@ void RemoveBelow(Session& session, const std::string& top, bool top_too) {
 
 // --- Names ---
 
-// A file whose replacement was broken off on a server that cannot rename over a file is there under
-// another name.
+// Adds the targets of displaced files. If a replacement is interrupted on a server that cannot
+// rename over a file, the old file remains under its displaced name.
 void ShowDisplaced(std::vector<std::string>& names) {
     const std::size_t count = names.size();
     for (std::size_t i = 0; i < count; ++i) {

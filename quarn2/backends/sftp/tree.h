@@ -11,23 +11,24 @@
 
 namespace quarn2::sftp {
 
-// What is there, following no link; nothing when nothing is.
+// Returns the attributes of the file or directory, nullopt if there is none. Does not follow links.
 std::optional<Attributes> LookAt(Session& session, const std::string& path);
 
-// The root must be there and be a directory (through links): throws kNotFound, kFailed.
+// AskForRoot() sends a query for the root and returns its id. CheckRoot() throws kNotFound if the
+// root does not exist, and kFailed if it is neither a directory nor a link to one.
 std::uint32_t AskForRoot(Session& session, const Place& place);
 void CheckRoot(const Place& place, Reply answer);
 void CheckRoot(Session& session, const Place& place);
 
-// Makes the directories above and at `name`, as far as they are missing. Whoever needs them finds
-// out whether they are there now.
+// Makes the missing directories above and at `name`. Does not check whether they exist afterwards:
+// the caller does.
 struct MadeDirs {
-    std::vector<std::string> parents;  // of those that were made
-    Status refusal;                    // of the last one that was not
+    std::vector<std::string> parents;  // of the directories that were made
+    Status refusal;                    // for the last directory that was not made
 };
 MadeDirs MakeDirs(Session& session, const Place& place, const std::string& name);
 
-// The promises of StorageBackend.
+// These have the contracts of the functions of StorageBackend.
 void MakeDir(Session& session, const Place& place, const std::string& name);
 std::vector<std::string> List(Session& session, const Place& place, const std::string& name);
 void Remove(Session& session, const Place& place, const std::string& name);

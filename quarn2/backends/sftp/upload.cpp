@@ -23,17 +23,17 @@ using kro_err::Kind;
 
 constexpr std::uint32_t kFileMode = 0640;
 constexpr std::uint32_t kExclusive = kOpenWrite | kOpenCreate | kOpenExclusive;
-// Read from the source at once.
+// Bytes read from the source at a time.
 constexpr std::size_t kBlock = 1024UL * 1024;
-// Sent and not yet answered: more than is under way on any link that a server's window lets be
-// filled. Costs no memory here.
+// Maximum number of bytes sent and not yet confirmed. It is more than a server's window allows in
+// transit on any link. It costs no memory here.
 constexpr std::size_t kMostUnderWay = 8UL * 1024 * 1024;
-// Uploads write several times a second: a temporary file that does not change for so long is one
-// that was left, if nobody on this machine writes to it.
+// A temporary file that does not change for this time is a leftover, unless a process of this
+// machine is writing to it. A running upload writes several times a second.
 constexpr int kWatchMilliseconds = 3000;
-// Free space below this is none: the write that failed was larger or as large.
+// A storage with less free space than this (in bytes) counts as full after a failed write.
 constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
-// A disk that is slower than this when it syncs is broken.
+// In bytes per second. A disk that syncs more slowly than this counts as broken.
 constexpr std::int64_t kSlowestSync = 4LL * 1024 * 1024;
 constexpr int kRenameAttempts = 5;
 constexpr int kOpenAttempts = 3;
@@ -42,7 +42,7 @@ const char* const kSync = "fsync@openssh.com";
 const char* const kSpace = "statvfs@openssh.com";
 const char* const kPosixRename = "posix-rename@openssh.com";
 
-// The storage has no room for the file.
+// Thrown if the storage has no room for the file.
 struct NoRoom {};
 
 class Uploader {
@@ -112,7 +112,8 @@ class Uploader {
         return session_.Send(std::move(Request(Type::kOpen).Text(path).U32(flags).Mode(kFileMode)));
     }
 
-    // False when another machine writes under this name.
+    // Returns false if another machine is writing a file of this name, or if a leftover cannot be
+    // replaced.
     bool TryOpen(const std::string& path, std::uint32_t id) {
         std::uint32_t flags = kExclusive;
         for (int failures = 0;; id = SendOpen(path, flags)) {
@@ -133,14 +134,15 @@ class Uploader {
             } else if (flags == kExclusive && MayWantTruncate(status)) {
                 flags = kExclusive | kOpenTruncate;
             } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
-                // It may have been another's that just took its final name.
+                // A kFailure is retried before that: another upload may just have renamed its file
+                // of this name.
                 Fail("make a file for", status);
             }
         }
     }
 
-    // Some servers refuse to create a file without this flag. It is added only when nothing has the
-    // name, because a server that then ignores "exclusive" would empty another machine's file.
+    // Some servers refuse to create a file without this flag. It is added only if no file has the
+    // name, because a server that then ignores "exclusive" would truncate another machine's file.
     bool MayWantTruncate(const Status& status) const {
         const Failure failure = FailureOf(status, path_);
         return failure == Failure::kFailed || failure == Failure::kNotFound;
@@ -180,7 +182,8 @@ class Uploader {
         }
     }
 
-    // Each piece's head is written over the end of the piece before it, which has been sent.
+    // The head of each request overwrites the end of the previous data, which has been sent
+    // already.
     void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
         while (room_and_data.size() > Session::kHeadroom) {
             const std::size_t size =
@@ -205,7 +208,7 @@ class Uploader {
         if (status.code != Code::kOk) Fail(what, status);
     }
 
-    // --- The end ---
+    // --- Completion ---
 
     void Finish() {
         const bool sync = session_.Offers(kSync);
@@ -239,14 +242,15 @@ class Uploader {
         if (status.code != Code::kUnsupported) CheckDone("sync", status);
     }
 
-    // Nothing is known where the server answers with a status.
+    // Returns empty attributes if the server replies with a status.
     static Attributes AttributesIn(Reply reply) {
         return reply.type == Type::kAttrs ? reply.fields.Attrs() : Attributes();
     }
 
-    // The name must still be that of the file that was written: another machine may have taken it
-    // for abandoned and have begun a file of its own. Only the size can show that. The modification
-    // time cannot, because a server that writes back later changes it when the file is closed.
+    // Checks that the temporary name still refers to the written file. Another machine may have
+    // removed it as abandoned and created its own file. Only the size can show that. The
+    // modification time cannot, because a server with delayed writes changes it when the file is
+    // closed.
     void CheckSame(const Attributes& own, const Attributes& named) {
         const auto expected = static_cast<std::uint64_t>(source_.size());
         if (named.size == expected && named.IsFile()) return;
@@ -278,8 +282,8 @@ class Uploader {
             session_.Send(std::move(Request(Type::kRename).Text(from).Text(to))));
     }
 
-    // The old file goes aside under a name of its own, where a download, a listing and the next
-    // upload find it, until the new one is there.
+    // Renames the old file to its displaced name until the new file has its name. Downloads,
+    // listings and the next upload find the old file there.
     void RenameWithoutReplacing() {
         const std::string aside = DisplacedPath(path_);
         Status status;
@@ -301,7 +305,8 @@ class Uploader {
 
     // --- Failure ---
 
-    // "Failure" is all that most servers say of a full disk.
+    // Throws NoRoom if the storage is full, else the error of the status. Most servers report a
+    // full disk only as "Failure", so the free space is queried then.
     [[noreturn]] void Fail(const std::string& what, const Status& status) {
         const Failure failure = FailureOf(status, path_);
         if (failure == Failure::kNoRoom) throw NoRoom();
@@ -326,18 +331,18 @@ class Uploader {
         Fields& fields = reply.fields;
         fields.U64();  // the preferred block size
         const std::uint64_t block = fields.U64();
-        fields.U64();  // all blocks
-        fields.U64();  // free ones
+        fields.U64();  // total blocks
+        fields.U64();  // free blocks, including those reserved for root
         const std::uint64_t blocks = fields.U64();
         const std::uint64_t all_inodes = fields.U64();
-        fields.U64();  // free ones
+        fields.U64();  // free inodes, including those reserved for root
         const std::uint64_t inodes = fields.U64();
-        // File systems without a fixed number of inodes tell 0 of 0.
+        // File systems without a fixed number of inodes report 0 of 0.
         return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||
                (inodes == 0 && all_inodes > 0);
     }
 
-    // Nothing more can be done where this fails, too: what stays goes with the next upload.
+    // Ignores failures: the next upload removes a remaining temporary file.
     void Discard() noexcept {
         try {
             for (const std::uint32_t id : writes_) session_.Forget(id);

@@ -1,4 +1,4 @@
-// One upload: written beside its place, checked, synced, renamed.
+// One upload: writes a temporary file, checks it, syncs it and renames it.
 #pragma once
 
 #include <string>
@@ -10,14 +10,14 @@
 
 namespace quarn2::sftp {
 
-// How far an upload got, for whoever has to clean up or to try again.
+// The progress of an upload, for callers that clean up or try again.
 struct UploadState {
     bool started = false;   // the source has been read
-    std::string temporary;  // what lies on the server under a temporary name; empty: nothing
-    UploadLock lock;        // on it: to be held until it is gone
+    std::string temporary;  // path of the temporary file on the server; empty: none
+    UploadLock lock;        // on `temporary`; must be held while the file exists
 };
 
-// As StorageBackend::Put. Leaves nothing under a temporary name unless the session broke.
+// Like StorageBackend::Put(). Leaves no temporary file unless the session broke.
 bool Upload(Session& session, const Place& place, const std::string& name, ByteSource& source,
             UploadState& state);
 

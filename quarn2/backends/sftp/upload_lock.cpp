@@ -5,7 +5,7 @@
 
 namespace quarn2::sftp {
 
-// Where no lock can be had, the upload goes on as one of another machine would.
+// Without support for locks the upload runs without one, like an upload of another machine.
 bool UploadLock::TryTake(const std::string& what) {
     try {
         std::unique_ptr<NameLock> lock = TryLockName("quarn2-sftp-" + Hex(Sha256(what)));

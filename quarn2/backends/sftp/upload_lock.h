@@ -1,4 +1,4 @@
-// Tells an upload that is under way on this machine from what a killed one left.
+// Distinguishes a running upload of this machine from the leftover of a killed one.
 #pragma once
 
 #include <memory>
@@ -8,11 +8,12 @@
 
 namespace quarn2::sftp {
 
-// Held as long as a process of this machine writes to a file on a server, and gone with the
-// process. Other machines know nothing of it.
+// A process of this machine holds this lock while it writes to a file on a server. The kernel
+// releases the lock when the process dies. Other machines do not see it.
 class UploadLock {
   public:
-    // Takes the lock of that file (`what` names the server as well) unless somebody has it.
+    // Takes the lock of a file. `what` contains the server and the path. Returns false if another
+    // process holds the lock.
     bool TryTake(const std::string& what);
     void Release() noexcept { lock_.reset(); }
 
