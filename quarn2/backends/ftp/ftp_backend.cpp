@@ -199,7 +199,7 @@ FtpBackend::Probe FtpBackend::StoreProbe(const ftp::TemporaryName& temporary, st
     return full ? Probe::kFull : Probe::kUnclear;
 }
 
-// Ignores failures: the next upload or removal of the name removes a remaining file.
+// Ignores failures: the next upload or removal of the name removes a remaining upload.
 void FtpBackend::Discard(const std::string& path) noexcept {
     const std::exception_ptr ignored = ErrorOf([&] { session_.Command("DELE " + path); });
 }

@@ -18,9 +18,9 @@ using Clock = std::chrono::steady_clock;
 
 constexpr std::chrono::seconds kFresh(10);
 constexpr std::size_t kMostFolders = 16;
-// Of longer directories the rest is asked for name by name.
+// Maximum number of cached names of a directory. The names beyond it are queried individually.
 constexpr std::size_t kMostFiles = 50'000;
-// An upload leaves its temporary file alone for less than this.
+// In seconds. A running upload changes its temporary file more often than this.
 constexpr std::time_t kSurelyDead = 60;
 constexpr int kLookAgainMs = 1000;
 
@@ -55,7 +55,7 @@ Folder& DavFolders::Remember(const std::string& directory, Folder folder) {
     return known_.insert_or_assign(directory, std::move(folder)).first->second;
 }
 
-// Null when there is no such directory.
+// Returns null if the directory does not exist.
 Folder* DavFolders::Load(const std::string& directory) {
     Folder folder;
     const Resource::Kind kind =
@@ -106,8 +106,8 @@ void DavFolders::RemoveLeftovers(Folder& folder, const std::string& directory,
     });
 }
 
-// A temporary file of another writer that is still at work would be missed by it, and its upload
-// would have to begin again. It either grows or is renamed as soon as it is complete.
+// Removes a temporary file unless another writer still uses it: that upload would have to start
+// again. The file of a running upload grows, and is renamed as soon as it is complete.
 void DavFolders::RemoveLeftover(const std::string& name) {
     const Resource before = server_.Look(name, Ask::kAll);
     if (!before.IsFile()) return;
@@ -123,7 +123,7 @@ void DavFolders::RemoveLeftover(const std::string& name) {
 
 void DavFolders::Make(const std::string& name) { MakeOne(name); }
 
-// False when it was there already.
+// Returns false if the directory already exists.
 bool DavFolders::MakeOne(const std::string& name) {
     const auto ask = [&] { return server_.Do("MKCOL", server_.address().Directory(name)); };
     net::HttpReply reply = ask();

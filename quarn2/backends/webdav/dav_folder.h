@@ -1,4 +1,4 @@
-// What a storage object remembers of the directories that it works in.
+// A cache of the directories that a storage object works in.
 #pragma once
 
 #include <chrono>
@@ -12,31 +12,33 @@
 
 namespace quarn2::webdav {
 
-// One directory as it was listed a short while ago. The listing is what tells of leftovers, and of
-// directories in a file's place, which servers would remove or replace with all that is in them.
+// A recent listing of one directory. It shows the leftovers of uploads, and which names are files.
+// Servers would remove or replace a directory with all its contents like a file, so a name must not
+// be taken for a file without a check.
 struct Folder {
     std::vector<std::string> temporaries;
     std::unordered_set<std::string> files;
     std::chrono::steady_clock::time_point listed;
 };
 
-// Lists a directory at most once every few seconds, so that many small files in a row cost hardly
-// more than their own requests, and what others leave behind is still found soon.
+// Lists a directory at most once every few seconds. Many small files in a row then cost few
+// additional requests, and the leftovers of other processes are still found soon.
 class DavFolders {
   public:
     explicit DavFolders(DavServer& server) : server_(server) {}
 
-    // The directory, made with those above it where it is missing, for a file to be written into.
-    // The file's leftovers are removed. What was known of its files is forgotten.
+    // Prepares a directory for the upload of a file: makes the directory and its parents if they
+    // are missing, and removes the file's leftovers. Drops the cached names of its files. Throws
+    // NoRoomForDirectory.
     void PrepareToWrite(const std::string& directory, const std::string& file);
 
-    // Removes the file's leftovers and tells whether it is certainly there, and a file.
+    // Removes the file's leftovers. Returns true only if the file certainly exists and is a file.
     bool PrepareToRemove(const std::string& directory, const std::string& file);
 
-    // Makes the directory and those above it.
+    // Makes the directory and its parents. Throws NoRoomForDirectory.
     void Make(const std::string& name);
 
-    // The directory or something below it is not as it was.
+    // For a directory that has changed, or below which something has changed.
     void Forget(const std::string& directory) { known_.erase(directory); }
     void ForgetAll() { known_.clear(); }
 
@@ -52,7 +54,7 @@ class DavFolders {
     std::map<std::string, Folder> known_;
 };
 
-// Thrown where a storage without room keeps a directory from being made.
+// Thrown if a directory cannot be made because the storage is full.
 struct NoRoomForDirectory {};
 
 }  // namespace quarn2::webdav

@@ -14,7 +14,7 @@ namespace {
 
 constexpr std::size_t kRandomBytes = 6;
 constexpr std::size_t kRandomDigits = 2 * kRandomBytes;
-// What file systems take.
+// The maximum length of a name on common file systems.
 constexpr std::size_t kLongestName = 255;
 constexpr std::string_view kTemporaryEnd = ".part~";
 
@@ -32,7 +32,7 @@ std::string RandomDigits() {
     return digits;
 }
 
-// The part of a file's name that its temporary name has room for.
+// Returns the part of a file's name that fits into its temporary name.
 std::string_view Kept(std::string_view file) {
     return file.substr(0, kLongestName - kRandomDigits - 1 - kTemporaryEnd.size());
 }
@@ -47,8 +47,8 @@ bool IsOwnForm(std::string_view entry) noexcept {
            entry.size() > kRandomDigits + 1 + kTemporaryEnd.size();
 }
 
-// nginx copies an upload to "TEMPORARY.0000000012" when it cannot rename it, and leaves that when
-// the disk is full.
+// Strips the suffix of "TEMPORARY.0000000012". nginx copies an upload to such a name if it cannot
+// rename it, and leaves the copy if the disk is full.
 std::string_view WithoutCounter(std::string_view entry) noexcept {
     constexpr std::size_t kFewestDigits = 10;
     const std::size_t dot = entry.rfind('.');
@@ -68,7 +68,7 @@ std::optional<std::string> DecodedSegment(std::string_view segment) {
     return name;
 }
 
-// The path of a URL or of an absolute path, without what may follow it.
+// Returns the path of a URL or of an absolute path, without a query or fragment.
 std::string_view PathOf(std::string_view href) {
     const std::size_t scheme = href.find("://");
     if (scheme != std::string_view::npos && scheme < href.find('/')) {
@@ -77,7 +77,8 @@ std::string_view PathOf(std::string_view href) {
     return href.substr(0, href.find_first_of("?#"));
 }
 
-// "/a/b" of "/a%2Eb//"...: decoded component by component, so that no encoded slash passes for one.
+// Decodes "/a%2Eb//c" to "/a.b/c". The components are decoded one by one, so that an encoded slash
+// does not count as a separator.
 std::optional<std::string> DecodedPath(std::string_view path) {
     std::string decoded;
     while (!path.empty()) {

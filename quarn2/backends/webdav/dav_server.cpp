@@ -32,7 +32,7 @@ bool IsAbsent(int status) { return status == kNotFoundStatus || status == kGone;
 
 }  // namespace
 
-// One removal on its way.
+// One removal in progress.
 struct DavServer::Deletion {
     explicit Deletion(const std::string& what)
         : sink(what, [this](const DavEntry& entry) {
@@ -42,7 +42,7 @@ struct DavServer::Deletion {
           }) {}
 
     Victim victim;
-    int failed = 0;  // the first status of something below that could not be removed
+    int failed = 0;  // the status of the first entry below that could not be removed
     MultistatusSink sink;
 };
 
@@ -110,7 +110,7 @@ Resource DavServer::Look(const std::string& name, Ask ask) {
         return found;
     }
     if (IsAbsent(reply.status)) return {};
-    // Some say so of whatever is asked for below a file.
+    // Some servers return these statuses for every name below a file.
     const bool may_be_below_a_file = reply.status == kBadRequest || reply.status == kConflict;
     if (may_be_below_a_file && !name.empty() && !Look(kro_file::Path(name)).IsCollection()) {
         return {};
@@ -129,7 +129,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
             kind = entry.is_collection ? kCollection : kFile;
         } else if (str::StartsWith(*path, prefix)) {
             std::string component = path->substr(prefix.size());
-            // What lies deeper was not asked for.
+            // Skips deeper entries, which were not requested.
             if (component.find('/') == std::string::npos) take(std::move(component), entry);
         }
     };
@@ -138,7 +138,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
         if (reply.status == kMultistatus) return kind;
         const Resource::Kind found = Look(name).kind;
         if (found != kCollection) return found;
-        // It has been made this very moment, or there is other trouble.
+        // The collection exists. If it was made just now, the second attempt succeeds.
         if (attempt > 0) Refuse("PROPFIND", name, reply);
     }
 }
@@ -211,7 +211,7 @@ void DavServer::DeleteAll(const std::vector<Victim>& victims) {
         throw;
     }
     if (error) std::rethrow_exception(error);
-    // A proxy in front of a server that is gone says so of everything.
+    // A proxy whose server is down may report every name as missing.
     if (std::exchange(some_absent_, false)) CheckRoot();
 }
 

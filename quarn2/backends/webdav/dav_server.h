@@ -1,4 +1,4 @@
-// What a WebDAV storage asks of its server, request by request.
+// The requests of a WebDAV storage to its server.
 #pragma once
 
 #include <exception>
@@ -15,14 +15,14 @@
 
 namespace quarn2::webdav {
 
-// What lies under a name.
+// The file or collection of a name.
 struct Resource {
     enum class Kind { kNothing, kFile, kCollection };
 
     Kind kind = Kind::kNothing;
     std::int64_t length = -1;
     std::string modified;
-    std::string now;  // the server's clock
+    std::string now;  // the server's current time
     std::int64_t available = -1;
 
     bool IsNothing() const noexcept { return kind == Kind::kNothing; }
@@ -30,7 +30,7 @@ struct Resource {
     bool IsCollection() const noexcept { return kind == Kind::kCollection; }
 };
 
-// Which properties a question is about: servers compute each.
+// The properties to request. The fewer the better, because servers compute each of them.
 enum class Ask { kType, kLength, kAll };
 
 // Names are relative to the storage's root, "" is the root.
@@ -40,30 +40,31 @@ class DavServer {
 
     Resource Look(const std::string& name, Ask ask = Ask::kType);
 
-    // Tells `take` of each entry directly below a collection: its last component and what is known
-    // of it. kNothing when there is no such collection and kFile for a file, with nothing told.
+    // Calls `take` with each entry directly below a collection: the last component of its name and
+    // its properties. Returns kNothing if the collection does not exist and kFile for a file, both
+    // without a call of `take`.
     using TakeEntry = std::function<void(std::string, const DavEntry&)>;
     Resource::Kind List(const std::string& name, Ask ask, const TakeEntry& take);
 
-    // kNotFound when the storage's directory does not exist.
+    // Throws kNotFound if the storage's directory does not exist.
     void CheckRoot();
 
-    // A request without a body; `headers` besides.
+    // Sends a request without a body, with additional `headers`.
     net::HttpReply Do(const std::string& method, const std::string& url,
                       std::vector<std::string> headers = {});
     net::HttpReply Do(net::HttpRequest request);
 
-    // Removes a file, or a collection with everything below; nothing there is success.
+    // Removes a file, or a collection with everything below it. Succeeds if it does not exist.
     void Delete(const std::string& name, bool is_collection);
-    // The same for many, several at once. After a failure no more are begun. kNotFound when the
-    // storage's directory is missing, too.
+    // The same for many names, several in parallel. Starts no more removals after a failure. Throws
+    // kNotFound if a name and the storage's directory do not exist.
     struct Victim {
         std::string name;
         bool is_collection = false;
     };
     void DeleteAll(const std::vector<Victim>& victims);
 
-    // Throws what the answer to a request means.
+    // Throws the error for a failed request.
     [[noreturn]] void Refuse(const std::string& method, const std::string& name,
                              const net::HttpReply& reply) const;
 
@@ -82,8 +83,8 @@ class DavServer {
 
     DavAddress address_;
     net::HttpClient client_;
-    bool accepted_ = false;     // the server has once let us in
-    bool some_absent_ = false;  // a file to be removed was not there
+    bool accepted_ = false;     // the server has accepted a request of this user
+    bool some_absent_ = false;  // a name to be removed did not exist
 };
 
 }  // namespace quarn2::webdav

@@ -11,10 +11,10 @@ namespace {
 
 constexpr std::string_view kDav = "DAV:";
 constexpr int kMultistatus = 207;
-// A page for people that comes with a success.
+// Limit for the body of a success other than 207, for example an HTML page.
 constexpr std::size_t kLongestIgnored = 16UL * 1024 * 1024;
 
-// -1 for what is no number of bytes.
+// Returns -1 if the text is not a number of bytes.
 std::int64_t Number(std::string_view text) {
     const std::string_view digits = str::Trimmed(text);
     std::int64_t number = 0;
@@ -104,7 +104,8 @@ void MultistatusSink::TakeProperty(std::string_view name, const std::string& tex
     }
 }
 
-// Properties come in groups, those that a resource does not have with a status of their own.
+// Properties come in groups with one status each. Those that a resource does not have are in a
+// group of their own, with an error status.
 void MultistatusSink::EndProperties() {
     in_properties_ = false;
     in_type_ = false;

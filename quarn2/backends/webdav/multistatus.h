@@ -1,4 +1,4 @@
-// What a WebDAV server answers with status 207: what it knows or did, resource by resource.
+// Parses the responses of WebDAV servers with status 207: properties or results for each resource.
 #pragma once
 
 #include <cstdint>
@@ -14,15 +14,15 @@ namespace quarn2::webdav {
 
 struct DavEntry {
     std::string href;
-    int status = 0;  // of the resource as a whole; 0 when its properties have one each
+    int status = 0;  // of the whole resource; 0 if its groups of properties have one each
     bool is_collection = false;
-    std::int64_t length = -1;     // -1: not told
-    std::string modified;         // as HTTP writes dates; "": not told
-    std::int64_t available = -1;  // bytes that a quota or the disk leaves; -1: not told
+    std::int64_t length = -1;     // -1: unknown
+    std::string modified;         // in the date format of HTTP; "": unknown
+    std::int64_t available = -1;  // bytes left in the quota or on the disk; -1: unknown
 };
 
-// Takes a 207 piece by piece and hands out each resource as soon as it is complete. Answers with
-// another status are none of its business.
+// Parses a response with status 207 incrementally and passes each resource to `take` as soon as it
+// is complete. Ignores the bodies of other responses.
 class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
   public:
     using Take = std::function<void(const DavEntry&)>;
@@ -32,7 +32,7 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
 
     void Begin(const net::HttpReply& reply) override;
     void Write(std::span<const std::byte> bytes) override;
-    // To be called at the end: an answer that is cut off is kUnavailable.
+    // Must be called at the end of the response. Throws kUnavailable if the response is truncated.
     void Finish();
 
   private:
@@ -47,14 +47,14 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
     Take take_;
     std::unique_ptr<net::XmlReader> reader_;
     bool in_response_ = false;
-    bool in_properties_ = false;  // of one status
+    bool in_properties_ = false;  // inside a group of properties with one status
     bool in_type_ = false;
     int properties_status_ = 0;
     DavEntry entry_;
     DavEntry properties_;
 };
 
-// The number in "HTTP/1.1 404 Not Found", 0 when there is none.
+// Returns the number in "HTTP/1.1 404 Not Found", 0 if there is none.
 int StatusOfLine(std::string_view line);
 
 }  // namespace quarn2::webdav

@@ -13,14 +13,14 @@ struct Row {
 };
 
 constexpr Row kRows[] = {
-    // A proxy sends elsewhere for the moment: to the page of a login or of a maintenance.
+    // A proxy redirects temporarily, for example to a login or maintenance page.
     {302, Failure::kUnavailable},
     {303, Failure::kUnavailable},
     {307, Failure::kUnavailable},
     {kUnauthorizedStatus, Failure::kUnauthorized},
     {kForbidden, Failure::kUnavailable},
     {kNotFoundStatus, Failure::kNotFound},
-    // A proxy wants credentials of its own, which are not the token's.
+    // A proxy requires credentials of its own, which are not the token's.
     {407, Failure::kUnavailable},
     {408, Failure::kUnavailable},
     {kGone, Failure::kNotFound},

@@ -1,4 +1,4 @@
-// What the statuses of a WebDAV server mean.
+// Classifies the statuses of WebDAV servers.
 #pragma once
 
 #include <string>
@@ -7,7 +7,7 @@
 
 namespace quarn2::webdav {
 
-// Statuses that decide something here.
+// The statuses that the code of this folder checks for.
 inline constexpr int kOk = 200;
 inline constexpr int kMultistatus = 207;
 inline constexpr int kBadRequest = 400;
@@ -24,12 +24,12 @@ inline constexpr int kFailedDependency = 424;
 inline constexpr int kServerError = 500;
 inline constexpr int kNoRoom = 507;
 
-// The one table. `accepted`: the server has already let this user do something. A 403 before that
-// may be a proxy's, afterwards it is a missing right.
+// Looks the status up in the only table of statuses. `accepted`: the server has already accepted a
+// request of this user. A 403 is then a missing right; before that it may come from a proxy.
 Failure FailureOf(int status, bool accepted) noexcept;
 
-// What a status may mean to the administrator that its number does not say; begins with a blank,
-// "" when there is nothing to add.
+// Returns an explanation of the status for the administrator, beginning with a blank, or "" if
+// there is none.
 std::string Hint(const std::string& method, int status);
 
 }  // namespace quarn2::webdav

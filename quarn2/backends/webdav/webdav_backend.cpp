@@ -28,13 +28,16 @@ using webdav::DavServer;
 using webdav::Resource;
 using Auth = net::ServerSettings::Auth;
 
-// Uploads of one name at once can take each other's temporary file for a leftover.
+// Maximum number of attempts. Concurrent uploads of one name can mistake each other's temporary
+// file for a leftover.
 constexpr int kAttempts = 4;
-// A file that is replaced again and again may be missing each time that it is looked for.
+// Maximum number of lookups of a file. A file that is replaced repeatedly may be missing at each of
+// them.
 constexpr int kLooks = 10;
 constexpr int kLookAgainMs = 20;
-// What a failed upload leaves is removed at once or, by the next one, later: the caller, who has
-// waited long enough, is told soon.
+// The cleanup after a failed upload gets this share of the storage's timeout, at most
+// kLongestCleanup seconds. It is short because the caller has already waited long, and the next
+// upload removes a remaining file anyway.
 constexpr int kLongestCleanup = 5;
 constexpr int kCleanupShare = 4;
 
@@ -61,7 +64,8 @@ std::int64_t ContentLength(const HttpReply& reply) {
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
 
-// Such a file would be hidden from every listing and removed as a leftover.
+// Rejects a name in the form of a temporary name: listings would hide the file, and an upload would
+// remove it as a leftover.
 void CheckForm(std::string_view name) {
     while (!name.empty()) {
         const std::string_view component = name.substr(0, name.find('/'));
@@ -91,15 +95,15 @@ class WebdavBackend final : public StorageBackend {
     void Clear() override;
 
   private:
-    // kLost: the temporary file or its directory has gone meanwhile.
+    // kLost: the temporary file or its directory no longer exists.
     enum class Stored { kYes, kNoRoom, kLost };
 
     Stored Store(const std::string& name, ByteSource& source);
     Stored SendChecked(const std::string& temporary, ByteSource& source);
     Stored Send(const std::string& temporary, ByteSource& source);
     Stored Refused(const std::string& temporary, const HttpReply& reply, std::int64_t size);
-    // How much the server has of the file that was sent; nothing when it has no such file. -1: it
-    // does not tell.
+    // Returns the length of the sent file on the server, nullopt if the server does not have the
+    // file, and -1 if it does not report the length.
     std::optional<std::int64_t> LengthOf(const std::string& temporary, std::int64_t expected);
     HttpReply Move(const std::string& temporary, const std::string& name);
     Stored Rename(const std::string& temporary, const std::string& name);
@@ -152,7 +156,8 @@ WebdavBackend::Stored WebdavBackend::Store(const std::string& name, ByteSource& 
     }
 }
 
-// Some servers report success for a body that they should have invited, and store nothing of it.
+// Sends the file and checks its length on the server. Some servers fail to invite the body, report
+// success and store nothing. The file is then sent again without waiting for an invitation.
 WebdavBackend::Stored WebdavBackend::SendChecked(const std::string& temporary, ByteSource& source) {
     const std::int64_t size = source.size();
     const bool waits = waits_for_invitation_ && size >= net::kWorthWaiting;
@@ -185,8 +190,8 @@ WebdavBackend::Stored WebdavBackend::Send(const std::string& temporary, ByteSour
     return reply.IsSuccess() ? Stored::kYes : Refused(temporary, reply, source.size());
 }
 
-// A missing directory is a 409, to some servers a 404 and to nginx a 500, which is also its word
-// for a full disk.
+// Servers report a missing directory as 409, some as 404, and nginx as 500. nginx also reports a
+// full disk as 500.
 WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const HttpReply& reply,
                                              std::int64_t size) {
     if (reply.status == webdav::kNoRoom) return Stored::kNoRoom;
@@ -202,8 +207,8 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     server_.Refuse("PUT", temporary, reply);
 }
 
-// nginx leaves what it could write of an upload that it had to copy. Where that is less than the
-// upload, and the server is well enough to tell, the disk took no more.
+// Removes the copy of the upload that nginx leaves if it cannot complete it. Returns true if the
+// copy is shorter than the upload: the disk was full.
 bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     const auto [directory, file] = kro_file::SplitPath(temporary);
     std::vector<DavServer::Victim> remains;
@@ -219,7 +224,7 @@ bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     return shorter;
 }
 
-// Where HEAD tells another length than expected, it may be none: some servers say 0 of every file.
+// If HEAD reports an unexpected length, PROPFIND checks it: some servers report 0 for every file.
 std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary,
                                                     std::int64_t expected) {
     const HttpReply reply = server_.Do("HEAD", server_.address().File(temporary));
@@ -231,8 +236,8 @@ std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary
     return found.length >= 0 ? found.length : told;
 }
 
-// Some servers replace a directory, with all that is in it, as they replace a file: it is looked
-// for first.
+// Some servers replace a directory with all its contents as if it were a file. The first MOVE
+// therefore does not overwrite, and the second one is sent only if the target is no directory.
 HttpReply WebdavBackend::Move(const std::string& temporary, const std::string& name) {
     const auto move = [&](const char* overwrite) {
         return server_.Do("MOVE", server_.address().File(temporary),
@@ -253,7 +258,7 @@ WebdavBackend::Stored WebdavBackend::Rename(const std::string& temporary, const 
         if (status == webdav::kNoRoom) return Stored::kNoRoom;
         if (server_.Look(name).IsCollection()) IsDirectory(name);
         if (server_.Look(temporary).IsNothing()) return Stored::kLost;
-        // A server that removes the old file first stumbles when two do that at once.
+        // A server that removes the old file first may fail if two moves do that at once.
         const bool stumbled = status == webdav::kNotFoundStatus || status == webdav::kConflict ||
                               status == webdav::kServerError ||
                               status == webdav::kPreconditionFailed;
@@ -267,23 +272,23 @@ void WebdavBackend::CleanUp(const std::string& temporary) noexcept {
         settings.timeout = std::clamp(settings.timeout / kCleanupShare, 1, kLongestCleanup);
         DavServer(token_, std::move(settings)).Delete(temporary, false);
     } catch (const std::exception&) {
-        // The next upload of that name will find it.
+        // The next upload of that name removes the file.
         return;
     }
 }
 
 // --- Get ---
 
-// Hands the body on, once it is sure to be a file's.
+// Passes a response's body to the sink, but only if it is certainly that of a file.
 class FileSink final : public net::ReplySink {
   public:
-    // `known`: the name is a file's, of `length` bytes (-1: not known).
+    // `known`: the name is that of a file of `length` bytes (-1: unknown).
     FileSink(ByteSink& sink, bool known, std::int64_t length)
         : sink_(sink), known_(known), length_(length) {}
 
     void Begin(const HttpReply& reply) override {
         const std::int64_t told = ContentLength(reply);
-        // What a server makes up for a directory has neither date nor tag.
+        // The page that a server generates for a directory has neither a date nor an ETag.
         const bool made_up = reply.Header("last-modified").empty() && reply.Header("etag").empty();
         doubtful_ = !known_ && (made_up || told < 0);
         if (doubtful_ || reply.status != webdav::kOk) {
@@ -340,8 +345,9 @@ void WebdavBackend::Get(const std::string& name, ByteSink& sink) {
     GetChecked(name, sink);
 }
 
-// Servers answer a GET of a directory with an index, a redirection or a refusal; and while one
-// replaces a file by another there may be none for a moment, or one that it may not open.
+// Downloads the file once PROPFIND has confirmed that it is one. Servers answer a GET of a
+// directory with an index, a redirection or a refusal. While a server replaces a file, the file may
+// be missing or not accessible for a moment.
 void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
     for (int attempt = 1;; ++attempt) {
         const bool last = attempt == kLooks;
@@ -359,8 +365,7 @@ void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
     }
 }
 
-// Seen from outside, its directory holds the new file under its temporary name, or the new one
-// already.
+// True if the directory contains the new file, under its temporary name or already under its own.
 bool WebdavBackend::IsBeingReplaced(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
     bool found = false;
@@ -426,7 +431,7 @@ void WebdavBackend::Clear() {
     if (HidesDottedNames()) RemakeRoot();
 }
 
-// nginx lists no name that begins with a dot.
+// True if the server does not list names that begin with a dot, like nginx.
 bool WebdavBackend::HidesDottedNames() {
     const std::string probe = ".probe" + kro_file::Name(webdav::NewTemporaryName("x"));
     HttpRequest request;
@@ -443,8 +448,9 @@ bool WebdavBackend::HidesDottedNames() {
     return !seen;
 }
 
-// What cannot be listed goes with the directory alone, which is made again at once. Where it cannot
-// be removed itself, as a mount point, it has been emptied all the same.
+// Removes files that the server does not list, by removing the root and making it again. If the
+// root cannot be removed, for example because it is a mount point, the server has emptied it
+// nevertheless.
 void WebdavBackend::RemakeRoot() {
     server_.Do("DELETE", server_.address().Directory(""));
     if (!server_.Look("").IsNothing()) return;

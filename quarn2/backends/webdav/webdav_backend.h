@@ -1,4 +1,4 @@
-// Storages behind WebDAV: "webdav" over TLS, "webdav+http" in the clear.
+// The backends for WebDAV servers: "webdav" with TLS, "webdav+http" without.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"
