@@ -18,12 +18,12 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Larger buffers than libcurl's own: fewer system calls, and storages carry large files.
+// Larger than libcurl's defaults, because storages transfer large files: fewer system calls.
 constexpr long kSendBuffer = 512L * 1024;
 constexpr long kReceiveBuffer = CURL_MAX_READ_SIZE;
 constexpr std::size_t kLongestReason = 300;
 
-// libcurl's sockets would otherwise be inherited by the programs that a server starts.
+// SOCK_CLOEXEC: the child processes of a server must not inherit libcurl's sockets.
 curl_socket_t OpenSocket(void* /*data*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
     return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
@@ -50,7 +50,8 @@ Kind KindOf(CURLcode code) {
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_CONNECT:
         case CURLE_WEIRD_SERVER_REPLY:
-        // An answer that is none of the protocol; the program's own URLs have no other scheme.
+        // The server's response is of another protocol. The program's own URLs contain only
+        // supported schemes.
         case CURLE_UNSUPPORTED_PROTOCOL:
         case CURLE_FTP_ACCEPT_TIMEOUT:
         case CURLE_FTP_CANT_GET_HOST:
@@ -117,7 +118,8 @@ CurlHandle::CurlHandle(const ServerSettings& settings)
     Set(CURLOPT_NOSIGNAL, 1);
     SetFunction(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
     Set(CURLOPT_TCP_KEEPALIVE, 1);
-    // A name server that does not answer holds nobody up: the thread that asks it is left alone.
+    // Does not wait for libcurl's resolver thread, so a name server that does not answer causes no
+    // delay.
     Set(CURLOPT_QUICK_EXIT, 1);
     Set(CURLOPT_CONNECTTIMEOUT, settings.timeout);
     Set(CURLOPT_BUFFERSIZE, kReceiveBuffer);
@@ -134,7 +136,7 @@ void CurlHandle::SetTls(const std::string& ca) {
     Set(CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
     if (ca.empty()) return;
     Set(CURLOPT_CAINFO, ca);
-    // Whoever names the certificates to trust means these alone.
+    // If the token has a file of trusted certificates, only these are trusted.
     Clear(CURLOPT_CAPATH);
 }
 

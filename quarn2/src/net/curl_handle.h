@@ -12,26 +12,28 @@
 
 namespace quarn2::net {
 
-// What every transfer with one server has in common.
+// The settings common to all transfers with one server.
 struct ServerSettings {
     enum class Auth { kNone, kBasic, kDigest, kPlain };
 
     std::string what;         // the server in error texts: "S3 server localhost:9000"
     std::string ca;           // a file with the only certificates to trust; "" for the system's
     int timeout = 0;          // seconds without any progress
-    Auth auth = Auth::kNone;  // kPlain: user and password as the protocol itself has them (FTP)
+    Auth auth = Auth::kNone;  // kPlain: user and password in the protocol's own login (FTP)
     std::string user;
     std::string password;
 };
 
-// Seconds without progress after which a server is given up, unless the token says otherwise.
+// Seconds without progress until a transfer fails, unless the token sets another value.
 inline constexpr int kDefaultTimeout = 60;
 
-// The settings that a token's common parts tell; `protocol` ("S3", "WebDAV", ...) begins `what`.
+// Returns the settings in the common parts of a token. `protocol` ("S3", "WebDAV", ...) begins
+// `what`.
 ServerSettings SettingsOf(const BackupToken& token, const std::string& protocol,
                           ServerSettings::Auth auth);
 
-// "host:port" as a URL has it: an IPv6 address in brackets, no port when the token has none.
+// Returns "host:port" in the form of a URL: an IPv6 address in brackets, no port if the token has
+// none.
 std::string HostAndPort(const BackupToken& token);
 
 // A list of texts for libcurl.
@@ -49,8 +51,8 @@ class CurlList {
     curl_slist* list_ = nullptr;
 };
 
-// Owns the handle; its options are set by type, so that none is passed in the wrong width. TLS
-// certificates are always verified. Used by one thread at a time.
+// Owns the handle. Each type of option has its own setter, so that no option is passed in the wrong
+// width. TLS certificates are always verified. Not thread-safe: used by one thread at a time.
 class CurlHandle {
   public:
     explicit CurlHandle(const ServerSettings& settings);
@@ -67,24 +69,23 @@ class CurlHandle {
     void SetPointer(CURLoption option, void* value);
     // The list must outlive the transfer.
     void SetList(CURLoption option, const CurlList& list) { SetPointer(option, list.get()); }
-    // Takes the option's default back.
+    // Restores the option's default.
     void Clear(CURLoption option) { SetPointer(option, nullptr); }
     template <class Function>
     void SetFunction(CURLoption option, Function* function) {
         Check(Curl().easy_setopt(handle_, option, function), "set up a transfer");
     }
 
-    // The set always holds the sockets of the connections that transfers with this handle have
-    // opened; it outlives them.
+    // Keeps `sockets` equal to the open sockets of the connections that transfers with this handle
+    // have opened. The set must outlive the connections.
     void TellSockets(std::set<curl_socket_t>& sockets);
 
     long Info(CURLINFO info) const;
 
-    // For transfers that are run otherwise: forgets the reason of the failure before.
+    // Clears the reason of the previous transfer's failure.
     void ForgetReason() noexcept { reason_.front() = '\0'; }
 
-    // Throws what a transfer's failure means for a caller; the text names the server and the
-    // reason.
+    // Throws the error for a failed transfer. The text contains the server and the reason.
     [[noreturn]] void Throw(CURLcode code) const;
 
   private:
@@ -97,8 +98,8 @@ class CurlHandle {
     std::array<char, CURL_ERROR_SIZE> reason_ = {};
 };
 
-// The text fit for one line of an error: control characters become blanks, an endless one is
-// shortened.
+// Returns the text in a form for one line of an error: control characters become blanks, and a long
+// text is truncated.
 std::string OneLine(std::string_view text);
 
 }  // namespace quarn2::net

@@ -1,4 +1,4 @@
-// libcurl, loaded when it is first needed. Nothing but this folder and the FTP storage calls it.
+// libcurl, loaded when it is first needed. Only this folder and the FTP storage call it.
 #pragma once
 
 #include <curl/curl.h>
@@ -24,7 +24,8 @@ struct CurlLibrary {
     decltype(&::curl_slist_free_all) slist_free_all;
 };
 
-// The loaded and initialised library; kFailed with what to install when it cannot be loaded.
+// Returns the loaded and initialised library. Throws kFailed with the package to install if it
+// cannot be loaded.
 const CurlLibrary& Curl();
 
 }  // namespace quarn2::net
