@@ -131,8 +131,8 @@ Outcome FtpBackend::Store(const std::string& path, const std::string& name, Byte
     return outcome;
 }
 
-// Compares the size that the server reports with the source's. A server without SIZE has confirmed
-// the end of the transfer, and libcurl has counted the bytes.
+// Throws unless the server reports the source's size. If the server does not know SIZE, its
+// confirmation of the transfer and libcurl's count of the bytes are sufficient.
 void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
     const Reply* const reply = session_.transcript().Find("SIZE");
     const bool unknown = reply != nullptr && ftp::IsUnknownCommand(*reply);

@@ -90,7 +90,7 @@ void AddFacts(Listing& listing, std::string_view line) {
     const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
     if (!good) NotUnderstood(line);
     const std::string type = TypeFact(facts);
-    // The name in these two may be a full path instead of "." or "..".
+    // The name of a "cdir" or "pdir" entry may be a full path instead of "." or "..".
     if (type == "cdir") listing.shows_itself = true;
     if (type == "cdir" || type == "pdir") return;
     Add(listing, line.substr(blank + 1), TypeOf(type));

@@ -16,7 +16,7 @@ struct Row {
     bool text_decides = false;  // the text may change it to kNoRoom or kNotFound
 };
 
-// Other codes have the row of the first code of their hundred: 400 or 500.
+// A code that is not in the table is treated like 400 or 500.
 constexpr std::array<Row, 18> kCodes = {{
     {400, Meaning::kUnavailable, true},
     {421, Meaning::kUnavailable},  // the server closes the connection
@@ -24,7 +24,7 @@ constexpr std::array<Row, 18> kCodes = {{
     {426, Meaning::kUnavailable},  // data connection closed
     {430, Meaning::kUnavailable},
     {450, Meaning::kUnavailable, true},
-    {451, Meaning::kUnavailable, true},  // a write failed for any reason
+    {451, Meaning::kUnavailable, true},  // a write failed for an unknown reason
     {452, Meaning::kNoRoom},
     {500, Meaning::kFailed, true},
     {501, Meaning::kFailed},

@@ -15,8 +15,8 @@ enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFa
 // evict backups for kNoRoom. A refusal without a reason (550, 451) is kFailed or kUnavailable.
 Meaning MeaningOf(const Reply& reply);
 
-// Returns the error kind that a refusal has for callers of the storage. There is none for a full
-// storage: only Put() reports that, and not by an error.
+// Returns the error kind for a refusal. For a full storage it is kUnavailable or kFailed, because
+// only Put() reports a full storage, by its result.
 kro_err::Kind KindOf(const Reply& reply);
 
 // True if the storage is full.

@@ -45,7 +45,7 @@ struct DeleteAnswer {
 };
 
 // Parses one listing incrementally. Throws kUnavailable for a malformed listing and kFailed for one
-// beyond ListingLimit. `what` names the server in error texts.
+// that exceeds ListingLimit. `what` names the server in error texts.
 class ListingReader final : public net::ReplySink, private net::XmlHandler {
   public:
     explicit ListingReader(const std::string& what) : reader_(what, *this), limit_(what) {}

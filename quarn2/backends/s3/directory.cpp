@@ -191,7 +191,7 @@ class Sweeper {
 };
 
 // Sends the three requests of one removal: delete the file, look for a directory of that name, list
-// the file's unfinished uploads. They run in parallel, so the removal takes one round trip.
+// the file's unfinished uploads. They run in parallel to save round trips.
 class Removal {
   public:
     Removal(Service& service, Unfinished& unfinished, const std::string& name)
@@ -287,7 +287,7 @@ std::vector<std::string> ListDirectory(Service& service, const std::string& name
         if (FileExists(service, name, doing)) return {name};
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
-    // S3 allows a file and a directory of the same name.
+    // S3 allows a file and a directory of the same name, so a name may occur twice.
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;

@@ -19,7 +19,7 @@ using kro_err::Kind;
 constexpr std::size_t kPiece = kMiB;
 constexpr std::size_t kMd5Size = 16;
 
-// Thrown when a server's response ends the whole upload without an error.
+// Thrown when a server's response ends the upload with an outcome instead of an error.
 struct Stopped {
     PartsUpload::Outcome outcome;
 };

@@ -25,7 +25,7 @@ struct CodeRow {
 };
 
 constexpr CodeRow kCodes[] = {
-    // The access key is wrong or lacks a right.
+    // These codes have no other cause than a wrong access key or a missing right.
     {"AccessDenied", Failure::kUnauthorized},
     {"ExpiredToken", Failure::kUnauthorized},
     {"InvalidAccessKeyId", Failure::kUnauthorized},

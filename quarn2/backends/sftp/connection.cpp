@@ -271,7 +271,7 @@ class Connection final : public Stream {
 
     std::size_t Read(std::span<std::byte> buffer, int patience) override {
         // The library widens the window whenever a read asks for more than the window holds, each
-        // time with a packet. Such large reads are therefore made only now and then.
+        // time with a packet. Such large reads are therefore made only once per kTopUp bytes.
         const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
         if (top_up) received_ = 0;
         const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);

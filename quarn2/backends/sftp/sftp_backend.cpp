@@ -24,7 +24,7 @@ using kro_err::Kind;
 constexpr std::uint16_t kPort = 22;
 constexpr int kTimeout = 60;
 constexpr int kLongestTimeout = 86400;
-// Removing what a failed upload has left is not worth a longer timeout (in seconds).
+// In seconds. The removal of a failed upload's temporary file is not worth a longer timeout.
 constexpr int kCleanUpTimeout = 10;
 // Begins a path that is relative to the login directory.
 constexpr std::string_view kHome = "/~/";

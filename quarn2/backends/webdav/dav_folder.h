@@ -13,8 +13,8 @@
 namespace quarn2::webdav {
 
 // A recent listing of one directory. It shows the leftovers of uploads, and which names are files.
-// Servers would remove or replace a directory with all its contents like a file, so a name must not
-// be taken for a file without a check.
+// Servers remove or replace a directory with all its contents as if it were a file, so the type of
+// a name must be checked first.
 struct Folder {
     std::vector<std::string> temporaries;
     std::unordered_set<std::string> files;
@@ -38,7 +38,7 @@ class DavFolders {
     // Makes the directory and its parents. Throws NoRoomForDirectory.
     void Make(const std::string& name);
 
-    // For a directory that has changed, or below which something has changed.
+    // Drops the listing of a directory that has changed, or below which something has changed.
     void Forget(const std::string& directory) { known_.erase(directory); }
     void ForgetAll() { known_.clear(); }
 

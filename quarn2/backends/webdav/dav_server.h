@@ -30,7 +30,8 @@ struct Resource {
     bool IsCollection() const noexcept { return kind == Kind::kCollection; }
 };
 
-// The properties to request. The fewer the better, because servers compute each of them.
+// The properties to request. Only the necessary ones are requested, because servers compute each of
+// them.
 enum class Ask { kType, kLength, kAll };
 
 // Names are relative to the storage's root, "" is the root.

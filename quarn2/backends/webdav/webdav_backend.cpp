@@ -35,7 +35,7 @@ constexpr int kAttempts = 4;
 // them.
 constexpr int kLooks = 10;
 constexpr int kLookAgainMs = 20;
-// The cleanup after a failed upload gets this share of the storage's timeout, at most
+// The cleanup after a failed upload gets 1/kCleanupShare of the storage's timeout, at most
 // kLongestCleanup seconds. It is short because the caller has already waited long, and the next
 // upload removes a remaining file anyway.
 constexpr int kLongestCleanup = 5;
@@ -64,8 +64,8 @@ std::int64_t ContentLength(const HttpReply& reply) {
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
 
-// Rejects a name in the form of a temporary name: listings would hide the file, and an upload would
-// remove it as a leftover.
+// Rejects a name in the form of a temporary name: listings would hide the file, and it would be
+// removed as a leftover.
 void CheckForm(std::string_view name) {
     while (!name.empty()) {
         const std::string_view component = name.substr(0, name.find('/'));
