@@ -13,7 +13,7 @@ namespace quarn2::sftp {
 class UploadLock {
   public:
     // Takes the lock of a file. `what` contains the server and the path. Returns false if another
-    // process holds the lock.
+    // upload of this machine holds the lock.
     bool TryTake(const std::string& what);
     void Release() noexcept { lock_.reset(); }
 
