@@ -1,4 +1,4 @@
-// Command lines for the functions that take them parsed.
+// Parses command lines for the tests of functions that take parsed options.
 #pragma once
 
 #include <string>
@@ -6,7 +6,7 @@
 
 #include "kro/kro_args.h"
 
-// Parses the words with every option that a command reads, whatever command it belongs to.
+// Parses the words as arguments of quarn2_cp, with the options of all commands.
 inline kro_args::ResultPtr Arguments(std::vector<std::string> words) {
     kro_args::Args args("");
     args.AddOption("date", ' ', "").SetParam();

@@ -1,4 +1,4 @@
-// Holds a piece of work to a bound of memory and time, whatever a peer sends meanwhile.
+// Checks that an operation stays within limits of memory and time, even against a hostile peer.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -10,7 +10,7 @@
 
 #include "kro/kro_err.h"
 
-// Sanitizers take many times as much of both.
+// Sanitizers need several times more memory and time.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 inline constexpr int kSanitizerFactor = 8;
 #elif defined(__has_feature)
@@ -23,14 +23,14 @@ inline constexpr int kSanitizerFactor = 1;
 inline constexpr int kSanitizerFactor = 1;
 #endif
 
-// Limits what the process takes during the object's life: the growth of its memory at its peak, and
-// its processor time. The limit of the time on the clock is wide, because other processes compete
-// for the processors; it only shows that the work ends.
+// Checks the resources that the process uses during the lifetime of the object: the growth of its
+// peak resident memory, and its processor time. The limit for elapsed time is much higher, because
+// other processes compete for the processors. It only proves that the operation ends.
 class Bounds {
   public:
     explicit Bounds(long mebibytes = 300, int seconds = 20)
         : mebibytes_(mebibytes), seconds_(seconds) {
-        std::ofstream("/proc/self/clear_refs") << "5";  // the peak begins anew
+        std::ofstream("/proc/self/clear_refs") << "5";  // resets VmHWM, the peak
         before_ = Status("VmRSS:");
     }
     ~Bounds() {
@@ -72,7 +72,8 @@ class Bounds {
     long before_ = 0;
 };
 
-// The deed's error, which must not show the secret that these tests log in with.
+// Returns the text of the error that `deed` throws. The text must not contain the secret that these
+// tests log in with.
 template <class Deed>
 std::string ErrorOf(const Deed& deed) {
     try {

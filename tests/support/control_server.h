@@ -1,4 +1,5 @@
-// Plays the node client of a control socket: answers every connection from a script.
+// Acts as the node client behind a control socket: answers each command with a function of the
+// test.
 #pragma once
 
 #include <poll.h>
@@ -35,7 +36,8 @@ class ControlServer {
     ControlServer(const ControlServer&) = delete;
     ControlServer& operator=(const ControlServer&) = delete;
 
-    // A listening socket whose address is filled with at most 108 bytes of the path.
+    // Returns a socket that listens at the path. The address contains at most the first 108 bytes
+    // of the path.
     static ResHandle Listen(const std::string& path) {
         ResHandle listening(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const sockaddr_un address = Address(path);
@@ -53,7 +55,7 @@ class ControlServer {
         return address;
     }
 
-    // One exchange of the command side: the bytes of the answer.
+    // Sends one command as a client and returns the bytes of the answer.
     static std::string Ask(const std::string& path, const std::string& command) {
         const ResHandle connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         const sockaddr_un address = Address(path);

@@ -1,4 +1,4 @@
-// A clock that tests set by hand: linked in place of the real one.
+// A clock that the test controls. Test programs link it in place of the real clock.
 #pragma once
 
 #include <ctime>
@@ -10,17 +10,18 @@ namespace fake_clock {
 // 2026-11-20 12:00:00 UTC, a Friday.
 inline constexpr std::time_t kStart = 1795176000;
 
-// The time is kStart again, nobody has slept, no hook is set.
+// Sets the system time to kStart, clears the list of sleeps and removes the hook.
 void Reset();
 void Set(std::time_t now);
 
-// Time passes in which nobody sleeps.
+// Advances the system time and the steady clock without a sleep.
 void Pass(int milliseconds);
 
-// Called at every sleep with its milliseconds, before the sleeper goes on.
+// Sets a hook. Each sleep calls it with its milliseconds before it returns.
 void OnSleep(std::function<void(int)> hook);
 
-// The lengths of all sleeps so far. A sleep takes no time but moves the clock.
+// Returns the lengths of all sleeps since Reset, in milliseconds. A sleep advances the clock and
+// returns without waiting.
 std::vector<int> Sleeps();
 
 }  // namespace fake_clock

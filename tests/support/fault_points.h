@@ -1,10 +1,10 @@
-// Points at which a program under test can be struck: calls into the C library that change
-// something outside of it, and those that can fail in telling ways. The library built from here is
-// loaded before the program (LD_PRELOAD). It counts the points of all processes and threads of one
-// run in a file that they share, and at the chosen one kills the process or makes the call fail.
+// Injects faults into a program under test, which loads this library with LD_PRELOAD. A fault point
+// is a call of a C library function that has an effect outside of the process or that can fail. The
+// library counts the fault points of all processes and threads of one run in a shared file. At the
+// selected point it kills the process or makes the call fail.
 //
-// QUARN2_FAULT_FILE names the file; tests/system/faults.py writes and reads it. Without it nothing
-// is counted, and sleeps take as long as they say.
+// QUARN2_FAULT_FILE contains the path of the file; tests/system/faults.py writes and reads it.
+// Without this variable the library counts nothing and shortens no sleep.
 #pragma once
 
 #include <sys/types.h>
@@ -15,31 +15,32 @@
 
 namespace fault {
 
-// What a call does; bits of Control::kinds.
+// The effect of a call; bits of Control::kinds.
 enum class Kind : std::uint32_t {
-    kOpen = 1U << 0U,      // creates or empties a file
-    kWrite = 1U << 1U,     // gives data to a file
+    kOpen = 1U << 0U,      // creates or truncates a file
+    kWrite = 1U << 1U,     // writes data to a file
     kAllocate = 1U << 2U,  // changes a file's length or blocks
     kRename = 1U << 3U,
-    kUnlink = 1U << 4U,  // removes a name
+    kUnlink = 1U << 4U,  // removes a file or a directory
     kMkDir = 1U << 5U,
-    kLink = 1U << 6U,  // gives a second name, or makes a symbolic link
+    kLink = 1U << 6U,  // creates a hard link or a symbolic link
     kSync = 1U << 7U,
-    kSend = 1U << 8U,     // gives data to a pipe, a socket or a device
-    kConnect = 1U << 9U,  // connects, or makes a socket's name
+    kSend = 1U << 8U,     // writes to a pipe, a socket or a device
+    kConnect = 1U << 9U,  // connects or binds a socket
     kLock = 1U << 10U,
-    kFork = 1U << 11U,        // makes a process, or replaces it
+    kFork = 1U << 11U,        // creates a process or executes a program
     kAttributes = 1U << 12U,  // changes mode, owner or times
-    kRead = 1U << 13U,        // takes data from a file
-    kReceive = 1U << 14U,     // takes data from a pipe, a socket or a device
-    kDescriptor = 1U << 15U,  // takes a descriptor without changing anything
+    kRead = 1U << 13U,        // reads data from a file
+    kReceive = 1U << 14U,     // reads from a pipe, a socket or a device
+    kDescriptor = 1U << 15U,  // opens a descriptor and changes nothing else
 };
 
-// Who is struck; bits of Control::roles. What --server starts changes its part from fork to fork.
+// The role of the process that makes the call; bits of Control::roles. The children of --server get
+// another role at each fork.
 enum class Role : std::uint32_t {
-    kCommand = 1U << 0U,  // a command that does its work and ends
-    kCaller = 1U << 1U,   // --server, until it is let go
-    kBetween = 1U << 2U,  // the child between caller and daemon
+    kCommand = 1U << 0U,  // any other command than --server and --client
+    kCaller = 1U << 1U,   // the process that was started with --server
+    kBetween = 1U << 2U,  // the intermediate child that forks the daemon
     kDaemon = 1U << 3U,
     kStarter = 1U << 4U,  // a child of the daemon before it becomes a node client
     kClient = 1U << 5U,
@@ -49,23 +50,23 @@ enum class Action : std::uint32_t {
     kNone = 0,
     kKillBefore = 1,
     kKillAfter = 2,
-    kFail = 3,   // with Control::error
-    kShort = 4,  // half of the data
-    kTorn = 5,   // half of the data, in whole pages, then the kill
+    kFail = 3,   // the call fails with Control::error
+    kShort = 4,  // the call transfers half of the data
+    kTorn = 5,   // the call transfers about half of the data, in whole pages, then the kill
 };
 
-// The file. Whoever strikes notes nothing else: the entry of the point struck tells which call it
-// was.
+// The head of the shared file. kEntries texts of kEntrySize bytes follow, one for each point: role,
+// call and path. The entry of a struck point identifies the call.
 struct Control {
-    std::atomic<std::uint64_t> count;  // points so far
+    std::atomic<std::uint64_t> count;  // number of points so far
     std::uint64_t strike_at;           // the point to strike, from 1; 0: none
     std::uint32_t kinds;
     std::uint32_t roles;
     Action action;
     std::int32_t error;
-    std::uint32_t lasting;  // every point from the chosen one on is struck as well
+    std::uint32_t lasting;  // nonzero: also strikes every later point
     std::atomic<std::uint32_t> struck;
-    std::uint32_t quick;  // sleeps and waits for events are cut short
+    std::uint32_t quick;  // nonzero: shortens sleeps and poll()
     std::uint32_t unused[5];
 };
 static_assert(sizeof(Control) == 64);
@@ -73,29 +74,29 @@ static_assert(sizeof(Control) == 64);
 constexpr std::size_t kEntries = 4096;
 constexpr std::size_t kEntrySize = 160;
 
-// Where a call works: a path, or a descriptor whose path is looked up.
+// The file that a call works on: a path, or a descriptor whose path the library looks up.
 struct Place {
     const char* path = nullptr;
     int fd = -1;
 };
 
-// Counts the call when it is wanted. Does not come back when the process is to be killed before it;
-// sets errno for kFail.
+// Counts the call if its kind and the role of the process are selected, and returns the action for
+// it. Sets errno for kFail. Does not return for kKillBefore, because it kills the process.
 Action Reach(Kind kind, const char* call, Place place) noexcept;
 
-// The end of the process, for kKillAfter and kTorn.
+// Kills the process, for kKillAfter and kTorn.
 [[noreturn]] void Die() noexcept;
 
-// What a process becomes in its child.
+// Sets the role of the child after a fork.
 void ChangeRoleAfterFork() noexcept;
 
 bool IsQuick() noexcept;
 
-// False in a node client: it would take every command for silent that connects while a wait of
-// another thread is cut short.
+// False in a node client. A shortened wait of one thread would advance the clock for all threads,
+// and the node client would drop each connected command as silent.
 bool MayAdvanceClock() noexcept;
 
-// True for a plain file: a descriptor of anything else sends and receives.
+// True for a regular file. Transfers through other descriptors are kSend and kReceive.
 bool IsFile(int fd) noexcept;
 
 }  // namespace fault

@@ -1,4 +1,4 @@
-// Holds a thread up at a place until the test lets it go on.
+// Blocks a thread at a point in its code until the test opens the gate.
 #pragma once
 
 #include <condition_variable>
@@ -6,14 +6,14 @@
 
 class Gate {
   public:
-    // The thread's side: says that it is here and waits.
+    // Called by the thread: reports its arrival and waits for Open.
     void Pass() {
         std::unique_lock section(mutex_);
         ++arrived_;
         changed_.notify_all();
         changed_.wait(section, [this] { return open_; });
     }
-    // The test's side.
+    // Called by the test.
     void WaitForArrival() {
         std::unique_lock section(mutex_);
         changed_.wait(section, [this] { return arrived_ > 0; });

@@ -1,4 +1,4 @@
-// Short ways to a test's local files.
+// Helpers for local files of tests.
 #pragma once
 
 #include <algorithm>
@@ -27,13 +27,14 @@ inline bool Has(const std::string& path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
-// Bytes without a pattern that a copy could get right by chance.
+// Returns pseudo-random bytes, the same for the same seed. A wrong copy cannot equal them by
+// chance.
 inline std::string Noise(std::size_t size, unsigned seed = 1) {
     std::string bytes(size, '\0');
     std::uint64_t state = seed;
     for (std::size_t done = 0; done < size; done += sizeof(state)) {
         state = state * 6364136223846793005U + 1442695040888963407U;
-        // The low bits of such a sequence repeat soon: mix the high ones in.
+        // The low bits of this sequence have a short period: mix in the high bits.
         const std::uint64_t word = state ^ (state >> 33U);
         std::memcpy(bytes.data() + done, &word, std::min(sizeof(word), size - done));
     }

@@ -1,4 +1,4 @@
-// Plays the size control server of a master link for a node client in the same process.
+// Acts as the size control server of a master link for a node client in the same process.
 #pragma once
 
 #include <unistd.h>
@@ -15,7 +15,7 @@
 #include "kro/res_handle.h"
 #include "quarn2_cp2_put_node.h"
 
-// A message as it stands on the link.
+// Returns the message as a frame of the link: its length in 4 bytes, then the text.
 inline std::string Frame(const std::string& text) {
     const auto length = static_cast<std::uint32_t>(text.size());
     std::string frame(reinterpret_cast<const char*>(&length), sizeof length);
@@ -24,10 +24,10 @@ inline std::string Frame(const std::string& text) {
 
 class MasterServer {
   public:
-    // The answer to a line (without its line feed); none closes the link.
+    // Returns the answer to a line (without its line feed). nullopt closes the link.
     using Answer = std::function<std::optional<std::string>(const std::string& line)>;
 
-    // Sends the token at once and serves lines from then on.
+    // Sends the token at once. A thread then answers the lines.
     explicit MasterServer(const std::string& token, Answer answer = Usual)
         : answer_(std::move(answer)) {
         Send(Frame(token));
@@ -47,7 +47,7 @@ class MasterServer {
         return lines_;
     }
 
-    // A server that grants everything and counts two backups at most.
+    // Grants every request and reports a maximum of two backups per user.
     static std::optional<std::string> Usual(const std::string& line) {
         const bool counts = line.starts_with("RESERVE") || line.starts_with("COMPLETE");
         return counts ? "OK 2" : "OK";

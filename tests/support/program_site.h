@@ -1,5 +1,5 @@
-// An install root of a test's own: the current directory, a log of every level, a storage in
-// memory, a clock that stands still.
+// Fixture with an install root for each test. The root is the current directory, the log contains
+// all levels, the storage is in memory, and the clock is fake_clock.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@
 
 using Lines = std::vector<std::string>;
 
-// The text of the exception of this type that the call ends with.
+// Returns the text of the exception of type Error that the call throws.
 template <class Error, class Call>
 std::string TextOf(const Call& call) {
     try {
@@ -56,13 +56,14 @@ class ProgramSite : public testing::Test {
         std::filesystem::current_path(before_);
     }
 
-    // The log so far, each line from its level on ("5: Put a.tgz"), up to this level.
+    // Returns the lines of the log up to this level, without the part before the level: "5: Put
+    // a.tgz".
     static Lines Log(int level = 9) {
         Lines lines;
         std::istringstream log(local_files::Load("var/quarn2_cp.log"));
         const std::string head = "] quarn2_cp main ";
         for (std::string line; std::getline(log, line);) {
-            // What the storage is asked has tests of its own.
+            // Other tests check the log lines of storage calls.
             if (line.find("] quarn2_cp storage 8: ") != std::string::npos) continue;
             const std::size_t begin = line.find(head);
             const std::string text =
@@ -73,14 +74,14 @@ class ProgramSite : public testing::Test {
     }
     static void ClearLog() { std::filesystem::remove("var/quarn2_cp.log"); }
 
-    // The names of the files that lie on the storage.
+    // Returns the names of the files on the storage.
     Lines Stored() const {
         Lines names;
         for (const auto& [name, content] : store_->files()) names.push_back(name);
         return names;
     }
 
-    // All files and directories below, with their paths relative to it, sorted.
+    // Returns the sorted paths of all files and directories below the directory, relative to it.
     static Lines Below(const std::string& directory) {
         Lines names;
         namespace fs = std::filesystem;
@@ -91,7 +92,7 @@ class ProgramSite : public testing::Test {
         return names;
     }
 
-    // Saves a file and the directories above it.
+    // Writes a file and creates its parent directories.
     static void Place(const std::string& path, const std::string& content) {
         const std::filesystem::path above = std::filesystem::path(path).parent_path();
         if (!above.empty()) std::filesystem::create_directories(above);

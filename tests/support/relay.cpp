@@ -16,7 +16,7 @@
 
 namespace {
 
-// Little enough that a sender notices a stall.
+// Small, so that a stalled sender soon blocks.
 constexpr std::size_t kBuffer = 65536;
 
 sockaddr_in Address(const std::string& host, std::uint16_t port) {
@@ -39,7 +39,7 @@ void Prepare(int fd) {
     SetOption(fd, SOL_SOCKET, SO_SNDBUF, static_cast<int>(kBuffer));
 }
 
-// A close sends a reset then.
+// Makes close() send a reset.
 void ResetAtClose(int fd) {
     const linger at_once = {.l_onoff = 1, .l_linger = 0};
     setsockopt(fd, SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
@@ -116,7 +116,7 @@ int Relay::Accepted(std::uint16_t port) {
 }
 
 void Relay::Do(const std::function<void()>& work) {
-    // The thread still holds it when the caller has gone on.
+    // Shared ownership: the thread may still hold the task when this function has returned.
     const auto task = std::make_shared<std::packaged_task<void()>>(work);
     {
         const std::lock_guard lock(mutex_);
@@ -182,7 +182,7 @@ void Relay::Listen() {
         listener.handle = Socket();
         const sockaddr_in address = Address(address_, listener.port);
         SetOption(listener.handle, SOL_SOCKET, SO_REUSEADDR, 1);
-        // Before a connection is made, which inherits it.
+        // Set before listen(), because accepted connections inherit it.
         SetOption(listener.handle, SOL_SOCKET, SO_RCVBUF, static_cast<int>(kBuffer));
         fcntl(listener.handle, F_SETFL, O_NONBLOCK);
         if (bind(listener.handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) !=
@@ -277,7 +277,7 @@ void Relay::End(bool by_reset) {
     for (const Connection& connection : connections_) {
         for (const ResHandle& side : connection.sides) {
             if (by_reset) ResetAtClose(side);
-            // A close with bytes that nobody has read would send a reset as well.
+            // Reads the unread bytes first, because close() would otherwise send a reset.
             std::array<char, kBuffer> unread;  // NOLINT: filled by recv
             while (!by_reset && recv(side, unread.data(), unread.size(), 0) > 0) continue;
         }

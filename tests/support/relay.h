@@ -1,4 +1,4 @@
-// A relay between a client and a server of this machine, and the trouble that a network has.
+// A TCP relay between a client and a server on this machine. It simulates network failures.
 #pragma once
 
 #include <array>
@@ -14,20 +14,21 @@
 
 #include "kro/res_handle.h"
 
-// Listens at an address of its own, on the same ports as the server on 127.0.0.1, so that a client
-// that is told ports by the server (as FTP's are) comes this way with all its connections. One
-// thread carries everything; the functions may be called from any other and have done their work
-// when they return.
+// Listens at its own address, on the same ports as the server on 127.0.0.1. All connections of a
+// client use the relay, even if the server chooses their ports, as in FTP. One thread forwards all
+// data. The public functions may be called from any other thread; they have taken effect when they
+// return.
 class Relay {
   public:
-    enum class Way { kUp, kDown };  // from the client to the server, and back
+    enum class Way { kUp, kDown };  // client to server, server to client
     enum class Harm {
         kReset,  // all connections end with a reset
         kClose,  // all connections end as if both sides had closed them
-        kStall,  // all connections stay, nothing passes
+        kStall,  // all connections stay open, but no data pass
     };
-    // The moment that one byte more than `bytes` is to pass that way, counted once `after_up` bytes
-    // have passed up.
+    // The trigger of a harm: `bytes` bytes have passed that way, and at least one more is to pass.
+    // The harm waits until `after_up` bytes have passed up. Bytes that pass down before that do not
+    // count.
     struct When {
         Way way = Way::kUp;
         std::int64_t bytes = 0;
@@ -40,24 +41,25 @@ class Relay {
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    // Does harm once, or from then on to new connections as well, until Heal. Counts from now.
+    // Arms a harm and resets its byte counters. HarmOnce affects the connections at the trigger.
+    // HarmForGood also affects new connections, until Heal.
     void HarmOnce(Harm harm, When when) { Arm(harm, when, false); }
     void HarmForGood(Harm harm, When when) { Arm(harm, when, true); }
 
-    // Whether the moment has come since the last call of HarmOnce or HarmForGood.
+    // True if the harm has begun since the last call of HarmOnce or HarmForGood.
     bool Harmed();
 
-    // Everything passes again. Connections that were stalled are reset, as they are when a network
-    // comes back too late.
+    // Ends the harm and accepts connections again. Resets stalled connections, as happens when a
+    // network recovers too late.
     void Heal();
 
-    // Closes the connections that are there; new ones are welcome.
+    // Closes the current connections. New connections are accepted.
     void CloseConnections();
 
-    // As if nothing listened; until Heal.
+    // Refuses connections until Heal, as if no process listened.
     void Refuse();
 
-    // Bytes that have passed, and connections to a port that have been made, since the beginning.
+    // Number of bytes passed, and of connections accepted at a port, since the relay was created.
     std::int64_t Passed(Way way);
     int Accepted(std::uint16_t port);
 
@@ -67,11 +69,11 @@ class Relay {
         ResHandle handle;
         int accepted = 0;
     };
-    // What comes from one side and has not gone to the other.
+    // The data of one direction.
     struct Flow {
         std::string waiting;
-        bool ended = false;   // the side will send no more
-        bool passed = false;  // and the other side has been told
+        bool ended = false;   // the sender has closed this direction
+        bool passed = false;  // the relay has closed it towards the receiver
     };
     struct Connection {
         std::array<ResHandle, 2> sides;  // the client, the server
@@ -79,7 +81,7 @@ class Relay {
     };
 
     void Arm(Harm harm, When when, bool for_good);
-    // Lets the thread do it, and waits until it is done.
+    // Runs the work on the relay's thread and waits for its end.
     void Do(const std::function<void()>& work);
     void Serve();
     void DoWork();
@@ -87,11 +89,11 @@ class Relay {
     void Listen();
     void Accept(Listener& listener);
     void CarryAll();
-    // False when the connection is at its end.
+    // Returns false if the connection has ended.
     bool Carry(Connection& connection);
     bool Take(Connection& connection, std::size_t from);
     bool Pass(Connection& connection, std::size_t from);
-    // How many of so many bytes may pass that way.
+    // Returns how many of `size` bytes may pass that way before the harm begins.
     std::size_t Allowance(std::size_t way, std::size_t size) const;
     void Count(std::size_t way, std::size_t size);
     void BeginHarm();
@@ -114,7 +116,7 @@ class Relay {
     std::array<std::int64_t, 2> passed_ = {0, 0};
     bool stopping_ = false;
 
-    // The way of work to the thread.
+    // The queue of work for the thread.
     std::mutex mutex_;
     std::vector<std::shared_ptr<std::packaged_task<void()>>> work_;
     ResHandle wake_;

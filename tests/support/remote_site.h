@@ -1,4 +1,4 @@
-// What the sites of all storages behind a server share.
+// The base of all sites whose storage is behind a server.
 #pragma once
 
 #include "server_info.h"
@@ -9,29 +9,29 @@ class RemoteSite : public StorageSite {
     // `server` is the name of a running test server.
     explicit RemoteSite(const std::string& server) : info_(server) {}
 
-    // Leads to the storage; a test may change it to be led astray.
+    // The parts of a valid token. A test may change them to make the token wrong.
     virtual TokenParts Parts() const = 0;
 
     std::string Token() const override { return Parts().Text(); }
 
-    // Every port that the server and its clients talk through.
+    // All ports that clients of the server connect to.
     virtual std::vector<std::uint16_t> Ports() const { return {Parts().port}; }
 
-    // Whether a path of Everything() is what an interrupted upload may leave: a temporary name,
-    // however the backend makes it different from others.
+    // True if a path of Everything() is a leftover of an interrupted upload. The default recognizes
+    // the suffix of temporary names.
     virtual bool IsLeftover(const std::string& path) const { return path.ends_with(".part~"); }
 
-    // True while the server writes a file of this site, for a client that may have gone.
+    // True while the server writes a file of this site, even for a client that has disconnected.
     virtual bool IsBeingWritten() const { return false; }
 
-    // Leads to where no storage is.
+    // The parts of a token whose storage does not exist.
     virtual TokenParts Missing() const {
         TokenParts parts = Parts();
         parts.path += "-missing";
         return parts;
     }
 
-    // Tokens that must be refused, each by what is wrong.
+    // Tokens that the storage must refuse, by their fault.
     virtual std::map<std::string, TokenParts> Refused() const {
         std::map<std::string, TokenParts> refused;
         refused["an unknown user"] = refused["a wrong password"] = Parts();
@@ -43,7 +43,8 @@ class RemoteSite : public StorageSite {
 
     const ServerInfo& info() const { return info_; }
 
-    // An address of this machine that no certificate names; nothing listens there.
+    // An address of this machine that no certificate contains. No server listens there: a test
+    // needs a relay at this address.
     static constexpr const char* kUnnamedHost = "127.0.0.3";
 
   protected:
@@ -73,7 +74,7 @@ class RemoteSite : public StorageSite {
     ServerInfo info_;
 };
 
-// The same site, encrypted on this side.
+// The same site with client-side encryption.
 template <class Site>
 class Encrypted : public Site {
   public:
@@ -84,7 +85,7 @@ class Encrypted : public Site {
     }
 };
 
-// A kind for the suite of troubles (storage_trouble.h).
+// A kind of remote site for the suite in storage_trouble.h.
 struct RemoteKind {
     const char* name;
     std::unique_ptr<RemoteSite> (*make)();

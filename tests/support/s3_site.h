@@ -1,4 +1,4 @@
-// A bucket of a test's own, looked at with curl.
+// Creates a bucket for each test and inspects it with curl.
 #pragma once
 
 #include <sys/wait.h>
@@ -19,7 +19,7 @@ class S3Site : public RemoteSite {
         Curl("-X PUT", "");
     }
 
-    // Over https, by path, below a prefix.
+    // HTTPS, path style, with a key prefix.
     TokenParts Parts() const override {
         TokenParts parts = Address("s3", "tls_port");
         parts.path = "/" + bucket_ + "/" + kPrefix;
@@ -27,14 +27,15 @@ class S3Site : public RemoteSite {
         return parts;
     }
 
-    // A missing bucket; nothing below one can be missing.
+    // A token of a missing bucket. Prefixes in a bucket cannot be missing.
     TokenParts Missing() const override {
         TokenParts parts = Parts();
         parts.path = "/" + bucket_ + "-missing/" + kPrefix;
         return parts;
     }
 
-    // The keys without the prefix. What is not plainly a file of the storage is marked.
+    // Returns the keys without the prefix. Marks unfinished uploads with "(unfinished)" and keys
+    // without the prefix with "(outside)".
     std::vector<std::string> Everything() const override {
         std::vector<std::string> names;
         for (std::string token, page;;
@@ -56,7 +57,7 @@ class S3Site : public RemoteSite {
         return path.starts_with(kUnfinished);
     }
 
-    // An unfinished upload in parts is all that can be left.
+    // An interrupted upload can leave only an unfinished multipart upload.
     bool LeaveLeftover(const std::string& name) override {
         const std::string key = "/" + TokenParts::Encoded(Prefix() + name, "-._~/");
         const auto id = Elements(Curl("-X POST", key + "?uploads="), "UploadId");
@@ -75,7 +76,7 @@ class S3Site : public RemoteSite {
   protected:
     const std::string& bucket() const { return bucket_; }
 
-    // What stands before every key, its slash included.
+    // The prefix of all keys, with its trailing slash.
     virtual std::string Prefix() const { return std::string(kPrefix) + "/"; }
 
   private:
@@ -95,7 +96,7 @@ class S3Site : public RemoteSite {
         return output;
     }
 
-    // A request for the bucket, or with `what` for something in it; the answer.
+    // Sends a request for the bucket, or for `what` in the bucket, and returns the response body.
     std::string Curl(const std::string& options, const std::string& what) const {
         return Run("curl -sS --fail-with-body -K '" + info()["curl_config"] + "' " + options +
                    " 'http://127.0.0.1:" + info()["port"] + "/" + bucket_ + what + "'");
@@ -129,7 +130,7 @@ class S3Site : public RemoteSite {
     std::string bucket_;
 };
 
-// Over plain http, by the host's name, the whole bucket.
+// HTTP, virtual-host style, without a key prefix.
 class S3VirtualHostSite : public S3Site {
   public:
     TokenParts Parts() const override {

@@ -1,5 +1,5 @@
-// An FTP server on the loopback that answers as a test wants it to. What the test says nothing
-// about is answered as an ordinary server with an empty directory would.
+// An FTP server on the loopback interface. A test defines its replies to selected commands. To
+// other commands it replies like an ordinary server with an empty directory.
 #pragma once
 
 #include <arpa/inet.h>
@@ -23,7 +23,7 @@
 #include "kro/res_handle.h"
 #include "scripted_http_server.h"
 
-// A listening socket of the loopback.
+// A listening socket on the loopback interface.
 class LoopbackListener {
   public:
     explicit LoopbackListener(const char* address = "127.0.0.1")
@@ -43,7 +43,7 @@ class LoopbackListener {
     int port() const { return port_; }
     int Accept() const {
         const int fd = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-        // Short answers one after another would each wait until the one before is acknowledged.
+        // Otherwise each short reply would wait until the client acknowledges the previous reply.
         const int yes = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
         return fd;
@@ -64,7 +64,7 @@ class FtpSession {
   public:
     explicit FtpSession(std::unique_ptr<ServerStream> stream) : stream_(std::move(stream)) {}
 
-    // False when the client has gone. Line ends are the caller's.
+    // Returns false if the client has disconnected. Adds no line end.
     bool Write(const std::string& text) { return WriteTo(*stream_, text); }
     bool Say(const std::string& line) { return Write(line + "\r\n"); }
     void SayWithoutEnd(const std::string& line) {
@@ -73,13 +73,13 @@ class FtpSession {
         while (Write(lines)) continue;
     }
 
-    // Goes on encrypted.
+    // Switches the control connection to TLS.
     bool Encrypt(const ScriptedHttpServer::MakeStream& make) {
         stream_ = make(stream_->fd());
         return stream_->Accept();
     }
 
-    // Data go encrypted from now on.
+    // Encrypts all later data connections.
     void EncryptData(ScriptedHttpServer::MakeStream make) { make_data_ = std::move(make); }
 
     bool Next(std::string& line) {
@@ -98,7 +98,7 @@ class FtpSession {
     void OpenDataPort() { data_ = std::make_unique<LoopbackListener>(); }
     int data_port() const { return data_->port(); }
 
-    // A transfer to the client: its bytes, and then `piece` for as long as the client takes it.
+    // Transfers `text` to the client, and then repeats `piece` until the client disconnects.
     void Send(const std::string& text, const std::string& piece = {}) {
         Say("150 Here it comes");
         const ResHandle fd(data_->Accept());
@@ -117,7 +117,8 @@ class FtpSession {
         ReceiveBytes();
         Say("226 Done");
     }
-    // Leaves the answer at the end to the caller; the number of bytes that came.
+    // Receives the data of a transfer and returns their size in bytes. The caller sends the final
+    // reply.
     std::size_t ReceiveBytes() {
         Say("150 Give it");
         const ResHandle fd(data_->Accept());
@@ -151,7 +152,7 @@ class ScriptedFtpServer {
   public:
     using Answer = std::function<void(FtpSession&, const std::string& argument)>;
 
-    // Answers by command; "" is the greeting.
+    // The answers by command; "" is the greeting.
     explicit ScriptedFtpServer(std::map<std::string, Answer> answers)
         : answers_(std::move(answers)), acceptor_([this] { AcceptAll(); }) {}
     ~ScriptedFtpServer() {
@@ -168,7 +169,7 @@ class ScriptedFtpServer {
     ScriptedFtpServer& operator=(const ScriptedFtpServer&) = delete;
 
     int port() const { return listener_.port(); }
-    // The commands that came, without what stands behind them.
+    // The received commands, without their arguments.
     std::vector<std::string> Seen() const {
         const std::lock_guard lock(mutex_);
         return seen_;

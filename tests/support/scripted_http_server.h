@@ -1,4 +1,4 @@
-// An HTTP server on the loopback whose answers a test writes, byte for byte where it wants to.
+// An HTTP server on the loopback interface. A test writes its responses, as raw bytes if necessary.
 #pragma once
 
 #include <arpa/inet.h>
@@ -21,7 +21,7 @@
 
 #include "kro/res_handle.h"
 
-// The bytes of one connection; encrypted ones derive from it.
+// The byte stream of one connection. Encrypted streams derive from this class.
 class ServerStream {
   public:
     explicit ServerStream(int fd) : fd_(fd) {}
@@ -30,7 +30,7 @@ class ServerStream {
     ServerStream& operator=(const ServerStream&) = delete;
 
     int fd() const { return fd_; }
-    // False when the client could not be met at all.
+    // Returns false if the handshake with the client fails.
     virtual bool Accept() { return true; }
     virtual ssize_t Read(char* buffer, std::size_t size) { return recv(fd_, buffer, size, 0); }
     virtual ssize_t Write(const char* text, std::size_t size) {
@@ -41,19 +41,20 @@ class ServerStream {
     int fd_;
 };
 
-// One request and the way to answer it. The script runs once the headers are there.
+// One request and the functions that answer it. The script runs when the request's headers have
+// arrived.
 class HttpExchange {
   public:
     std::string method;
     std::string target;
-    std::map<std::string, std::string> headers;  // names in small letters
+    std::map<std::string, std::string> headers;  // names in lower case
     int connection = 0;                          // counted from 0
     int number = 0;                              // of all requests, counted from 0
 
     HttpExchange(ServerStream& stream, std::string& buffered)
         : stream_(stream), buffered_(buffered) {}
 
-    // Called with the body once it has been read.
+    // Called with the request's body when it has been read.
     std::function<void(const std::string&)> on_body;
 
     std::string Header(const std::string& name) const {
@@ -61,7 +62,7 @@ class HttpExchange {
         return found == headers.end() ? std::string() : found->second;
     }
 
-    // The request's body, asked for with a 100 where the client waits for one.
+    // Reads and returns the request's body. Sends "100 Continue" first if the client expects it.
     const std::string& Body() {
         if (std::exchange(body_read_, true)) return body_;
         const std::size_t size =
@@ -74,14 +75,14 @@ class HttpExchange {
         return body_;
     }
 
-    // A whole answer; a body that nobody asked for is read first.
+    // Sends a complete response. Reads the request's body first if the script has not.
     void Answer(int status, const std::string& body = {},
                 const std::vector<std::string>& more_headers = {}) {
         Body();
         AnswerNow(status, body, more_headers);
     }
 
-    // The same without a look at the request's body.
+    // The same without reading the request's body.
     void AnswerNow(int status, const std::string& body = {},
                    const std::vector<std::string>& more_headers = {}) {
         std::string text = "HTTP/1.1 " + std::to_string(status) + " Text\r\n";
@@ -90,7 +91,7 @@ class HttpExchange {
         Write(method == "HEAD" ? text : text + body);
     }
 
-    // Bytes as they are; false when the client takes no more.
+    // Sends raw bytes. Returns false if the client has closed the connection.
     bool Write(const std::string& text) {
         std::size_t done = 0;
         while (done < text.size()) {
@@ -100,7 +101,7 @@ class HttpExchange {
         }
         return true;
     }
-    // A beginning, and then the same for as long as the client takes it.
+    // Sends `head`, and then repeats `piece` until the client closes the connection.
     void WriteWithoutEnd(const std::string& head, const std::string& piece) {
         std::string pieces;
         while (pieces.size() < 64UL * 1024) pieces += piece;
@@ -110,15 +111,15 @@ class HttpExchange {
         Close();
     }
 
-    // No more requests on this connection.
+    // Closes the connection after this request.
     void Close() { closed_ = true; }
-    // The same with a reset.
+    // Resets the connection after this request.
     void Reset() {
         const linger at_once = {1, 0};
         setsockopt(stream_.fd(), SOL_SOCKET, SO_LINGER, &at_once, sizeof at_once);
         Close();
     }
-    // Says nothing more until the client or the server goes.
+    // Sends nothing until the client closes the connection or the server stops.
     void Stall() {
         while (Fill()) buffered_.clear();
         Close();
@@ -166,7 +167,7 @@ class HttpExchange {
     bool closed_ = false;
 };
 
-// What a request looked like.
+// A copy of a request.
 struct SeenRequest {
     std::string method;
     std::string target;
@@ -180,7 +181,7 @@ struct SeenRequest {
     }
 };
 
-// Each connection has its thread, which calls the script for each of its requests.
+// Each connection has its own thread, which calls the script for each request.
 class ScriptedHttpServer {
   public:
     using Script = std::function<void(HttpExchange&)>;
@@ -223,7 +224,7 @@ class ScriptedHttpServer {
         return scheme + "://127.0.0.1:" + std::to_string(port_) + path;
     }
 
-    // All requests, in the order they came.
+    // All requests, in the order of their arrival.
     std::vector<SeenRequest> Seen() const {
         const std::lock_guard lock(mutex_);
         return seen_;

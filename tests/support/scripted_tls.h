@@ -1,4 +1,4 @@
-// TLS for the scripted server, with a certificate made for one test.
+// TLS for the scripted servers, with a certificate that a test creates.
 #pragma once
 
 #include <openssl/evp.h>
@@ -23,11 +23,12 @@ struct Freed {
     }
 };
 
-// A key and the certificate that it has signed itself.
+// A key and its self-signed certificate.
 class Certificate {
   public:
-    // `alternative` as OpenSSL writes names: "IP:127.0.0.1"; "" for none. Valid for an hour unless
-    // `seconds` says otherwise; a negative value is a certificate that has expired.
+    // `alternative` is the subject alternative name in OpenSSL's notation: "IP:127.0.0.1"; "" for
+    // none. The certificate is valid for `seconds` from now. A negative value creates an expired
+    // certificate.
     explicit Certificate(const std::string& alternative = "IP:127.0.0.1", long seconds = 3600,
                          const std::string& common_name = "test")
         : key_(EVP_PKEY_Q_keygen(nullptr, nullptr, "EC", "P-256"), Freed<EVP_PKEY_free>()),
@@ -57,9 +58,10 @@ class Certificate {
         }
     }
 
-    // Streams of a server that shows this certificate. They share its ownership: a server may
-    // accept a connection after the test that made the certificate has ended.
-    // `lowest` is the lowest version of TLS that they accept, 0 for any.
+    // Returns a function that makes the streams of a server with this certificate. The streams
+    // share ownership of the key and the certificate, because a server may accept a connection
+    // after this object has been destroyed. `lowest` is the minimum version of TLS that they
+    // accept, 0 for any.
     ScriptedHttpServer::MakeStream Streams(int lowest = 0) const;
 
   private:

@@ -1,4 +1,4 @@
-// A storage whose files lie in a directory of this machine, where a server serves them.
+// A site whose server stores the files in a directory of this machine.
 #pragma once
 
 #include <sys/mount.h>
@@ -13,7 +13,7 @@
 #include "kro/kro_new_file.h"
 #include "remote_site.h"
 
-// A backend's site derives from it and gives Parts().
+// The site of a backend derives from this class and implements Parts().
 class ServedDirectorySite : public RemoteSite {
   public:
     explicit ServedDirectorySite(const std::string& server) : RemoteSite(server) {
@@ -40,7 +40,7 @@ class ServedDirectorySite : public RemoteSite {
 
     bool IsBeingWritten() const override {
         namespace fs = std::filesystem;
-        std::error_code gone;  // processes end while they are looked at
+        std::error_code gone;  // processes may end during the search
         for (const auto& process : fs::directory_iterator("/proc", gone)) {
             for (const auto& open : fs::directory_iterator(process.path() / "fd", gone)) {
                 const std::string file = fs::read_symlink(open.path(), gone).string();
@@ -75,12 +75,12 @@ class ServedDirectorySite : public RemoteSite {
   protected:
     const std::string& directory() const { return directory_; }
 
-    // As the server's clients see it, when they see the served directory as info()[`root_key`].
+    // The path that the server's clients use. They see the served directory as info()[`root_key`].
     std::string ServedPath(const std::string& root_key = "path") const {
         return kro_file::ConcatPath(info()[root_key], kro_file::Name(directory_));
     }
 
-    // What an upload of a file of that name writes first.
+    // The temporary name that an upload of this file writes first.
     virtual std::string LeftoverName(const std::string& file) const {
         return kro_file::TemporaryName(file);
     }

@@ -1,4 +1,4 @@
-// What a running test server tells of itself, and the tokens that lead to it.
+// The connection data of a running test server, and the tokens for it.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include <stdexcept>
 #include <string>
 
-// The lines of server.info: see tests/servers.
+// The keys and values of server.info: see tests/servers.
 class ServerInfo {
   public:
     explicit ServerInfo(const std::string& server) {
@@ -44,7 +44,7 @@ class ServerInfo {
     std::map<std::string, std::string> values_;
 };
 
-// The pieces of a token, not encoded, to be changed by a test before it is written.
+// The parts of a token, not encoded. A test may change them before it calls Text().
 struct TokenParts {
     std::string scheme;
     std::string user;
@@ -54,7 +54,7 @@ struct TokenParts {
     std::string path;
     std::map<std::string, std::string> params;
 
-    // Percent-encoded but for letters, digits and `kept`.
+    // Percent-encodes all bytes except letters, digits and the characters of `kept`.
     static std::string Encoded(const std::string& text, const std::string& kept = "-._~") {
         static const char* const kDigits = "0123456789ABCDEF";
         std::string encoded;

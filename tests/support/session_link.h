@@ -1,4 +1,4 @@
-// A server's session with its two pipes, the client's ends in the test's hands.
+// A server session with its two pipes. The test uses the client's ends.
 #pragma once
 
 #include <fcntl.h>
@@ -15,7 +15,7 @@
 
 class SessionLink {
   public:
-    // `command` says what kind of client it is; it is never run.
+    // `command` identifies the kind of client; the session never runs it.
     explicit SessionLink(GlobalSizeControl::StorageDesc& storage,
                          std::vector<std::string> command = {})
         : session_(std::make_shared<MasterSide>(storage, loop_, std::move(command))) {
@@ -25,14 +25,15 @@ class SessionLink {
         session_->Attach(from_client_.first, to_client_.second);
     }
 
-    // What the client gets for one line: its frames' texts.
+    // Processes one line and returns the texts of the frames that the client receives.
     std::vector<std::string> Answers(const std::string& line) {
         session_->ProcessCommand(line);
         session_->Write(to_client_.second);
         return Frames();
     }
 
-    // The one answer to a line.
+    // Returns the only answer to a line, or the number of frames in parentheses if there is not
+    // exactly one.
     std::string Answer(const std::string& line) {
         const std::vector<std::string> answers = Answers(line);
         return answers.size() == 1 ? answers.front()

@@ -1,4 +1,4 @@
-// The fixture of the conformance suite, which checks every promise of a storage for every backend.
+// The fixture of the conformance suite, which checks the contract of a storage for every backend.
 // unit/quarn2/storage_conformance.cpp contains the tests and is compiled once. A backend joins with
 // a file that instantiates the suite:
 //
