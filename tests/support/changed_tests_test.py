@@ -1,4 +1,4 @@
-"""Which tests scripts/test-changed selects for a change."""
+"""Checks which tests scripts/test-changed selects for a change."""
 
 import os
 import sys

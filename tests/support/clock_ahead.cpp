@@ -1,5 +1,5 @@
-// A machine whose clock is wrong: loaded into a program, it makes every reading of the calendar two
-// days later.
+// Simulates a machine with a wrong clock. A program that loads this library reads a system time
+// that is two days ahead.
 #include <dlfcn.h>
 #include <sys/time.h>
 #include <time.h>

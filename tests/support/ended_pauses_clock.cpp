@@ -1,8 +1,9 @@
-// The clock of a program under test whose long pauses a test ends: linked in place of the real one.
+// A clock that lets a test end the long pauses of a program under test. The program is linked with
+// it in place of the real clock.
 //
 // A pause of ten seconds or more ends as soon as the file tmp/end_pauses exists in the install
-// root, which is the working directory. The steady clock is a day ahead from then on, so every
-// silence has lasted long enough. All else is real time.
+// root, which is the working directory. While the file exists, the steady clock is a day ahead, so
+// every timeout of silence has expired. Everything else is real time.
 #include <time.h>
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-// The calls that are points (see fault_points.h), each under every name that programs know it by.
+// The wrapped calls (see fault_points.h), each under all its names in the C library.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -36,7 +36,7 @@ Function* Next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// A call that happens or does not. `failed` is what it gives when it fails.
+// Makes a call that succeeds or fails as a unit. Returns `failed` for kFail.
 template <class Call, class Result>
 Result Point(Kind kind, const char* name, Place place, Result failed, const Call& call) {
     const Action action = Reach(kind, name, place);
@@ -48,14 +48,14 @@ Result Point(Kind kind, const char* name, Place place, Result failed, const Call
 
 constexpr std::size_t kPage = 4096;
 
-// A call that moves data, of which it may move less.
+// Makes a call that transfers data. kShort and kTorn make it transfer less.
 template <class Call>
 ssize_t Transfer(Kind kind, const char* name, int fd, std::size_t size, const Call& call) {
     const Action action = Reach(kind, name, {nullptr, fd});
     if (action == Action::kFail) return -1;
     std::size_t part = size;
     if (action == Action::kShort && size > 1) part = size / 2;
-    // A kill does not come between the bytes of a page.
+    // A kill cannot interrupt a write inside a page.
     if (action == Action::kTorn && size > kPage) part = size / 2 / kPage * kPage + kPage;
     const ssize_t result = call(part);
     if (action == Action::kKillAfter || action == Action::kTorn) fault::Die();
@@ -79,7 +79,7 @@ constexpr std::int64_t kMillisecond = 1000000;
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
 constexpr std::int64_t kShortestSleep = 2 * kMillisecond;
 
-// How far this process's clock is ahead.
+// Nanoseconds by which this process's monotonic clock is ahead.
 std::atomic<std::int64_t> skipped{0};
 
 std::int64_t Nanoseconds(const timespec& time) noexcept {
@@ -96,7 +96,7 @@ bool ChangesByStream(const char* mode) noexcept { return strpbrk(mode, "wa") != 
 
 }  // namespace
 
-// The function of the C library that a wrapper stands in for.
+// Declares `next`, the function of the C library that the wrapper replaces.
 #define NEXT(function) static auto* const next = Next<decltype(function)>(#function)
 
 extern "C" {
@@ -247,7 +247,7 @@ ssize_t recv(int fd, void* data, size_t size, int flags) {
                     [&](size_t part) { return next(fd, data, part, flags); });
 }
 
-// --- Calls that give 0 or -1 ---
+// --- Calls that return 0 or -1 ---
 
 #define SIMPLE(kind, name, place, parameters, arguments)                                  \
     int name parameters {                                                                 \
@@ -324,7 +324,7 @@ SIMPLE_NOEXCEPT(kAttributes, utimensat, ({path}),
 SIMPLE_NOEXCEPT(kAttributes, futimens, ({nullptr, fd}), (int fd, const timespec times[2]),
                 (fd, times))
 
-// --- Calls of many uses ---
+// --- Calls with many operations ---
 
 static Kind KindOfFcntl(int command) noexcept {
     switch (command) {
@@ -390,8 +390,8 @@ SIMPLE_NOEXCEPT(kFork, execvpe, ({path}),
 
 // --- Time ---
 
-// Not points: a wait that the program need not go through is cut short, and its clock goes on as if
-// it had been whole.
+// These calls are not fault points. In quick mode they shorten waits that need no real time. They
+// then advance the monotonic clock by the skipped time, except in a node client.
 
 int clock_gettime(clockid_t clock, timespec* now) noexcept {
     NEXT(clock_gettime);

@@ -21,7 +21,7 @@ Role role = Role::kCommand;
 
 bool Has(std::uint32_t set, std::uint32_t bit) noexcept { return (set & bit) != 0; }
 
-// The program's second argument decides: "--server", "--client" or any other.
+// argv[1] decides: "--server", "--client" or any other.
 Role RoleOfCommandLine() noexcept {
     char line[4096] = {};
     const auto fd = syscall(SYS_openat, AT_FDCWD, "/proc/self/cmdline", O_RDONLY | O_CLOEXEC, 0);
@@ -53,7 +53,7 @@ const char* NameOf(Role who) noexcept {
     return "?";
 }
 
-// The system's own calls throughout: nothing here may count itself.
+// Makes system calls directly, because the wrapped functions would count themselves.
 __attribute__((constructor)) void Begin() noexcept {
     const char* const path = getenv("QUARN2_FAULT_FILE");
     if (path == nullptr || *path == '\0') return;

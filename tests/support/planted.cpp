@@ -1,5 +1,5 @@
-// Makes one mistake that a sanitizer is there to find:  planted leak|overflow|freed|race
-// The tests that run it fail when it is not found.
+// Makes one error that a sanitizer must detect:  planted leak|overflow|freed|race
+// The tests that run it fail if the sanitizer does not report it.
 
 #include <climits>
 #include <cstdio>
@@ -9,7 +9,7 @@
 
 namespace {
 
-// Not to be seen through by the optimiser.
+// volatile, so that the optimiser does not remove the errors.
 int* volatile kept = nullptr;
 volatile int most = INT_MAX;
 int counted = 0;

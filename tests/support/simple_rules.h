@@ -1,5 +1,5 @@
-// The server's accounting told once more, as simply as can be: lists instead of maps, every search
-// from the oldest record on. Slow, and meant to be read beside the rules.
+// A second, simple implementation of the server's accounting. It uses lists instead of maps, and
+// every search starts at the oldest record. It is slow. Tests compare the server's results with it.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace simple_rules {
 
-// A backup as it lies on the disk and on the storage.
+// A backup on the disk and on the storage.
 struct Item {
     std::string user;
     std::string date;  // "custom" for a custom backup
@@ -86,7 +86,8 @@ class Rules {
         }
     }
 
-    // False when nothing is left to delete.
+    // Deletes the oldest deletable backup of each user with more than `keep` backups. Returns false
+    // if `keep` is negative, because then nothing is left to delete.
     bool DropOldest(int keep) {
         if (keep < 0) return false;
         if (keep >= max_count) return true;
@@ -103,8 +104,9 @@ class Rules {
         return true;
     }
 
-    // Deletes nothing when the passes do not make so much room: they are tried on a copy, and of
-    // those that do not suffice only the first ones, which find nothing, count.
+    // Runs passes of DropOldest until `wanted` bytes are free. Deletes nothing if the passes cannot
+    // free so much; it tries them on a copy. In that case only the first passes count, those before
+    // the first deletion: they lower max_count.
     bool MakeRoom(std::int64_t wanted) {
         Rules trial = *this;
         bool possible = true;
@@ -120,7 +122,8 @@ class Rules {
         return false;
     }
 
-    // What a server does at its start; nothing when it cannot fit.
+    // Does what a server does at its start. Changes nothing and returns false if the backups cannot
+    // fit into the limits.
     bool FitIntoLimits() {
         Rules trial = *this;
         trial.DropByCount();

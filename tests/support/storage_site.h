@@ -1,4 +1,4 @@
-// One kind of storage as the test suites see it, and helpers for tests of storages.
+// The interface of a storage for the test suites, and helpers for tests of storages.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@
 #include "src/encryption/encrypted_backend.h"
 #include "temp_dir.h"
 
-// One storage of a test's own, empty at first and gone with this object.
+// The storage of one test. It is empty at first, and the destructor removes it.
 class StorageSite {
   public:
     StorageSite() = default;
@@ -33,21 +33,23 @@ class StorageSite {
 
     virtual std::string Token() const = 0;
 
-    // The paths of all files that lie on the storage, those that it does not show included.
+    // The paths of all files on the storage, including files that the storage does not list.
     virtual std::vector<std::string> Everything() const = 0;
 
-    // Leaves what an upload of `name` leaves that was killed; false when nothing can be left here.
+    // Leaves the same files as a killed upload of `name`. Returns false if an upload to this
+    // storage cannot leave anything.
     virtual bool LeaveLeftover(const std::string& name) = 0;
 
-    // The server takes no file of that name, and says so.
+    // True if the server refuses a file of that name with an error.
     virtual bool RefusesName(const std::string& /*name*/) const { return false; }
 
-    // From now on the storage has room for this many bytes, give or take some 64 KiB; false when
-    // the test cannot bring that about. Called on an empty storage.
+    // Limits the storage to this many bytes, within about 64 KiB. Returns false if the test cannot
+    // set a limit. The storage must be empty.
     virtual bool LimitRoom(std::int64_t bytes) = 0;
 };
 
-// The server may need a moment to see that a client is gone, and to clear away.
+// Waits up to 30 seconds for the condition, because the server may need time to notice that a
+// client has disconnected and to clean up.
 template <class Condition>
 bool SoonTrue(const Condition& condition) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
@@ -63,7 +65,7 @@ inline void ExpectSoonNothingBut(const StorageSite& site, const std::string& nam
         << testing::PrintToString(site.Everything());
 }
 
-// A kind of storage: a name for the tests' names and the maker of sites.
+// A kind of storage: a suffix for test names and the function that creates a site.
 struct StorageKind {
     const char* name;
     std::unique_ptr<StorageSite> (*make)();
@@ -73,7 +75,7 @@ struct StorageKind {
     }
 };
 
-// A kind for testing::Values.
+// Makes a StorageKind for testing::Values.
 template <class Site>
 StorageKind SiteKind(const char* name) {
     return {name, []() -> std::unique_ptr<StorageSite> { return std::make_unique<Site>(); }};
@@ -85,7 +87,7 @@ std::string NameOfKind(const testing::TestParamInfo<Kind>& kind) {
     return kind.param.name;
 }
 
-// A source that fails where a test wants it to.
+// A source that fails at an offset that the test sets.
 class TextSource : public quarn2::ByteSource {
   public:
     explicit TextSource(std::string text) : text_(std::move(text)) {}
@@ -113,7 +115,7 @@ class TextSource : public quarn2::ByteSource {
     std::string text_;
 };
 
-// The kind of the kro_err::Error that `action` throws; nothing when it throws none.
+// The kind of the kro_err::Error that `action` throws; nullopt if it throws none.
 template <class Action>
 std::optional<kro_err::Kind> KindOf(const Action& action) {
     try {

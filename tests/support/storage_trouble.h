@@ -1,4 +1,4 @@
-// The fixture of the suite that checks what a storage behind a network promises when connections
+// The fixture of the suite that checks how a storage behind a network fails when connections
 // break or stall, or the server refuses. unit/quarn2/storage_trouble.cpp contains the tests and is
 // compiled once. A backend joins with a file that instantiates the suite:
 //
@@ -23,17 +23,17 @@ using Harm = Relay::Harm;
 using Way = Relay::Way;
 using Names = std::vector<std::string>;
 
-// More than the buffers of all sockets on the way hold.
+// More than all socket buffers between client and server can hold.
 inline constexpr std::int64_t kLarge = 20 * 1024 * 1024 + 1;
 
-// What the client waits, in seconds: for a peer that falls silent, and for one that may only be
-// slow.
+// Timeouts of the client in seconds: kTimeout for a peer that falls silent, kPatience for a peer
+// that may only be slow.
 inline constexpr const char* kTimeout = "3";
 inline constexpr const char* kPatience = "30";
-// What a failure may take altogether: without a timeout it would be a minute and more.
+// Maximum duration of a failed operation. Without a timeout it would be a minute and more.
 inline constexpr std::chrono::seconds kAFewSeconds{30};
 
-// Kills the process that reads it.
+// Kills the process when it reads the second half.
 class DeadlySource final : public TextSource {
   public:
     DeadlySource() : TextSource(local_files::Noise(kLarge)) {}
@@ -55,7 +55,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         parts.params["timeout"] = timeout;
         return Open(parts);
     }
-    // Only silence takes a timeout to notice. A short one elsewhere fails when the machine is busy.
+    // Only a stall needs a short timeout to be noticed. With other harm, a short timeout would fail
+    // on a busy machine.
     std::shared_ptr<quarn2::Storage> OpenForHarm(Harm harm) const {
         return OpenThroughRelay(harm == Harm::kStall ? kTimeout : kPatience);
     }
@@ -75,7 +76,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         return names;
     }
 
-    // The action fails in time and as trouble that may pass, and its text has no secret.
+    // Expects that the action fails within kAFewSeconds with kUnavailable, and that its text
+    // contains no secret.
     template <class Action>
     void ExpectUnavailable(const Action& action) {
         const auto begin = std::chrono::steady_clock::now();
@@ -83,8 +85,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, kAFewSeconds);
     }
 
-    // The action fails because of harm that lasts. On a busy machine the client's timeout may pass
-    // before the harm has come; then nothing has been seen of it yet.
+    // Expects that the action fails because of lasting harm. On a busy machine the client's timeout
+    // may pass before the harm has begun. The action is then repeated.
     template <class Action>
     void ExpectHarmMakesUnavailable(Harm harm, Relay::When when, const Action& action) {
         for (int i = 0; i < 10 && !relay_.Harmed(); ++i) {
@@ -113,7 +115,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
     void ExpectSoonNothingBut(const std::string& name) const {
         ::ExpectSoonNothingBut(*site_, name);
     }
-    // Nothing but the file and what the next upload of it takes away.
+    // Expects at most two files beside the named file, all of them leftovers, which the next upload
+    // of the file removes.
     void ExpectSoonAtMostLeftoversBeside(const std::string& name) const {
         EXPECT_TRUE(SoonTrue([&] {
             Names names = site_->Everything();
@@ -123,9 +126,9 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
                                [&](const std::string& each) { return site_->IsLeftover(each); });
         })) << testing::PrintToString(site_->Everything());
     }
-    // An upload in a process of its own, killed when half of the source has been read. Returns when
-    // the server has noticed that: pure-ftpd renames a file that it deletes, and leaves it under
-    // that name if another of its processes still writes the file.
+    // Uploads in a child process, which kills itself when it has read half of the source. Returns
+    // when the server has noticed that: pure-ftpd renames a file that it deletes, and leaves it
+    // under the new name if another of its processes still writes the file.
     void KillUpload(const std::string& name) const {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -147,7 +150,7 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
 
     enum class Afterwards { kOld, kOldOrNew };
 
-    // An upload over an old file meets harm that lasts.
+    // Uploads over an old file while harm lasts.
     void TestUpload(Harm harm, Relay::When when, Afterwards afterwards = Afterwards::kOld) {
         const std::string content = local_files::Noise(kLarge);
         ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile("old")));
@@ -167,7 +170,7 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         ExpectSoonNothingBut("dir/file");
     }
 
-    // A download over an old local file meets harm that lasts.
+    // Downloads over an old local file while harm lasts.
     void TestDownload(Harm harm, Relay::When when) {
         const std::string content = local_files::Noise(kLarge);
         ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile(content)));

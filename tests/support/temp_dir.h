@@ -1,4 +1,4 @@
-// A folder of a test's own, removed with it.
+// A temporary directory. The destructor removes it.
 #pragma once
 
 #include <cstdlib>

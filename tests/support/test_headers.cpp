@@ -1,1 +1,1 @@
-// Holds the compiled headers of the test programs.
+// The source of the library that compiles the shared headers of the test programs.

@@ -1,6 +1,6 @@
-// For tools that do not know pidfd_open, such as valgrind 3.19: loaded before the program, it gives
-// a descriptor that never has news. Who waits for it together with a time looks at the process when
-// the time is over.
+// A library for LD_PRELOAD under tools that do not support pidfd_open, such as valgrind 3.19. It
+// returns a descriptor that never becomes ready. A caller that polls it with a timeout checks the
+// process when the timeout ends.
 
 #include <dlfcn.h>
 #include <sys/eventfd.h>

@@ -1,15 +1,16 @@
-// A witness of everything that a program does to the files below one directory: loaded into it and
-// into all that it starts, it appends one line per change to a trace, in the one order in which the
-// changes happened. tests/system/power.py makes from the trace what a power failure could leave.
+// Records all changes that a program makes to the files below one directory. The program and all
+// its child processes load this library. It appends one line per change to a trace, in the order in
+// which the changes happened. tests/system/power.py derives from the trace the states that a power
+// failure could leave.
 //
-//   QUARN2_RECORD        directory of the trace ("trace", "lock", "blobs/"); not below the next one
-//   QUARN2_RECORD_BELOW  the directory that is watched, as realpath(3) gives it
-//   QUARN2_RECORD_DROP   "file", "dir" or "file,dir": syncs of those are answered but not done
+//   QUARN2_RECORD        directory of the trace ("trace", "lock", "blobs/"); not in the watched one
+//   QUARN2_RECORD_BELOW  the watched directory, as realpath(3) returns it
+//   QUARN2_RECORD_DROP   "file", "dir" or "file,dir": these syncs report success but do nothing
 //
 // Lines are PID, operation and arguments with tabs between them:
 //
-//   C PATH INODE    a file was made          M PATH    a directory was made
-//   W INODE BLOB    a file's content now     X PATH    a directory was removed
+//   C PATH INODE    a file was created       M PATH    a directory was created
+//   W INODE BLOB    a file's new content     X PATH    a directory was removed
 //   S INODE BLOB    the same, synced         D PATH    a directory was synced
 //   R FROM TO       a rename                 U PATH    a file was removed
 //   Y               the file system was synced
@@ -41,7 +42,8 @@ Function* Next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// The recorder's own files are handled without the functions that it replaces.
+// The recorder makes system calls directly for its own files, to bypass the functions that it
+// replaces.
 int RawOpen(const std::string& path, int flags) {
     return static_cast<int>(syscall(SYS_openat, AT_FDCWD, path.c_str(), flags | O_CLOEXEC, 0600));
 }
@@ -61,7 +63,7 @@ struct Recorder {
     std::string directory = FromEnvironment("QUARN2_RECORD");
     std::string below = FromEnvironment("QUARN2_RECORD_BELOW");
     std::string drop = FromEnvironment("QUARN2_RECORD_DROP");
-    // The thread that makes a change, in memory that all processes share.
+    // The ID of the thread that makes a change, 0 for none. All processes share this memory.
     std::atomic<pid_t>* owner = nullptr;
 
     Recorder() {
@@ -91,7 +93,7 @@ Recorder& TheRecorder() {
     return recorder;
 }
 
-// Held over a change and its line, so that the lines stand in the order of the changes.
+// Lock for a change and its trace line, so that the lines are in the order of the changes.
 class Turn {
   public:
     Turn() {
@@ -99,7 +101,7 @@ class Turn {
         for (;;) {
             pid_t other = 0;
             if (TheRecorder().owner->compare_exchange_weak(other, self)) return;
-            // A killed process does not come back to end its turn.
+            // A killed process cannot release the lock, so another process does.
             if (other != 0 && kill(other, 0) != 0) {
                 TheRecorder().owner->compare_exchange_strong(other, 0);
             }
@@ -119,7 +121,8 @@ std::string LinkTarget(const std::string& link) {
 
 std::string PathOf(int fd) { return LinkTarget("/proc/self/fd/" + std::to_string(fd)); }
 
-// Absolute, without empty and "." components. The program has no symbolic links to resolve here.
+// Returns the absolute path without empty, "." and ".." components. Resolves no symbolic links,
+// because the program has none here.
 std::string PathOf(int directory, const char* name) {
     std::string given = name;
     if (!given.starts_with('/')) {
@@ -157,7 +160,7 @@ std::string Inode(int fd) {
 }
 
 std::string ContentOf(int fd) {
-    // The file may have been opened for writing only.
+    // Opens the file again, because `fd` may be for writing only.
     const int reader = RawOpen("/proc/self/fd/" + std::to_string(fd), O_RDONLY);
     std::string content;
     char piece[64 * 1024];
@@ -169,7 +172,7 @@ std::string ContentOf(int fd) {
     return content;
 }
 
-// Keeps the content under a name made from it.
+// Saves the content under a name made from its hash and size, and returns the name.
 std::string Blob(int fd) {
     const std::string content = ContentOf(fd);
     std::uint64_t hash = 14695981039346656037U;
@@ -198,7 +201,8 @@ void RecordContent(const char* operation, int fd) {
     errno = error;
 }
 
-// The tests' own files are small; the program itself lies below the watched directory, too.
+// Larger files are skipped. The tests' own files are small, but the program itself is also below
+// the watched directory.
 constexpr off_t kLargest = 1 << 20;
 
 int RecordTree(const char* path, const struct stat* status, int type, struct FTW* /*place*/) {
@@ -209,7 +213,7 @@ int RecordTree(const char* path, const struct stat* status, int type, struct FTW
     return 0;
 }
 
-// A call that changes the content of an open file.
+// Makes a call that changes the content of an open file.
 template <class Call>
 auto Writing(int fd, Call call) {
     if (!IsWatched(fd) || !IsPlain(fd)) return call();
@@ -219,7 +223,7 @@ auto Writing(int fd, Call call) {
     return result;
 }
 
-// A call that changes names.
+// Makes a call that creates, renames or removes a name.
 template <class Call>
 int Naming(const std::string& path, const std::string& line, Call call) {
     if (!TheRecorder().Watches(path)) return call();
