@@ -1,9 +1,9 @@
-// The control socket, both sides. A node client is given a command: whatever it says, a local file
-// goes only when the storage has its bytes, and the answer can be read by the command that waits
-// for it. The other way round, no answer makes the put side take what is no name and size.
+// Both sides of the control socket. A node client serves an arbitrary command: it removes a local
+// file only if the storage has its content, and the waiting command can parse the answer. On the
+// other side, the put command accepts no answer without a valid name and size.
 //
-// The first byte chooses what the server on the master link says; then follows the command. With
-// "?" the rest is an answer.
+// The first byte selects the answer of the server on the master link. The command follows. If the
+// first byte is "?", the rest is an answer to the put command.
 #include <unistd.h>
 
 #include <csignal>
@@ -26,7 +26,7 @@ namespace fs = std::filesystem;
 
 const char* const kToken = "memory:commands";
 
-// Slices, an index and info files, as a job leaves them.
+// Slices, an index and info files, as a backup job creates them.
 const std::map<std::string, std::string>& Files() {
     static const std::map<std::string, std::string> files = {
         {"F2026-11-19.web1.tgz", "full"},
@@ -65,7 +65,7 @@ std::string Frame(const std::string& text) {
     return std::string(reinterpret_cast<const char*>(&length), sizeof length) + text;
 }
 
-// A master link on which everything has been said before it is asked for.
+// A master link that contains all answers of the server before the client sends a line.
 class Link {
   public:
     explicit Link(unsigned how) {
@@ -93,7 +93,7 @@ void CheckAnswer(const std::string& word, std::string answer) {
     Require(taken.bytes >= 0, "and a size");
 }
 
-// A file that is gone was put, and its bytes lie on the storage.
+// Checks that each missing local file was put: its content is on the storage.
 void CheckFiles(const std::string& word, const quarn2::MemoryStore& store) {
     if (word.starts_with("DELETE")) return;
     for (const auto& [path, content] : Files()) {
@@ -110,7 +110,7 @@ void CheckFiles(const std::string& word, const quarn2::MemoryStore& store) {
 void CheckCommand(unsigned how, const std::string& command) {
     std::string argument = command;
     const std::string word = str::GetWord(argument);
-    // What lies outside of the target's own folder is not to be touched.
+    // The target must not touch files outside of its own folder.
     if (argument.starts_with('/') || argument.find("..") != argument.npos) return;
     PlaceFiles();
     const auto store = quarn2::MemoryStore::Named("commands");

@@ -1,8 +1,8 @@
-// Deleting a backup whose info file says anything, as one that came from a storage may: whatever it
-// names, no local file beside those of its own folder goes, and when the deletion ends well the
-// backup is gone on both sides.
+// Deletion of a backup with an arbitrary info file, as a storage may return it. Whatever names the
+// file contains, no local file outside of the backup's own folder is removed. If the deletion
+// succeeds, the backup is gone locally and on the storage.
 //
-// The first byte: "p" the info file lies among others in the info root, "d" in a folder of its own.
+// The first byte: "p" puts the info file among others in the info root, "d" in a folder of its own.
 #include <fstream>
 #include <sstream>
 
@@ -36,7 +36,7 @@ void PlaceFiles() {
     for (const char* const name : {"2026-11-20.web1.tgz", "2026-11-20.web3.info"}) {
         if (!fs::exists(std::string("info/") + name)) Save(std::string("info/") + name, "index");
     }
-    // A user's folder, which has the letter of a custom backup's slices for its name.
+    // A user's folder whose name is the letter of a custom backup's slices.
     fs::create_directories("info/C");
     const auto store = quarn2::MemoryStore::Named("deletion");
     store->Reset();
@@ -48,7 +48,8 @@ void PlaceFiles() {
     }
 }
 
-// Each slice may be a hundred thousand names that are asked for, one after the other.
+// False for expensive inputs: a slice number may make the deletion try up to a hundred thousand
+// names, one after the other.
 bool IsCheap(const std::string& info) {
     std::size_t slices = 0;
     for (std::size_t at = info.find("role-"); at != info.npos; at = info.find("role-", at + 1)) {
@@ -63,7 +64,8 @@ bool IsCheap(const std::string& info) {
     return slices <= kMostSlices;
 }
 
-// A deletion that ends well has deleted at least what the info file simply names.
+// After a successful deletion, checks that the slice is gone if the info file contains only
+// last-slice.
 void CheckSlice(const std::string& info) {
     const auto entries = str::Split(info, "\n");
     const auto named = entries.find("last-slice");

@@ -1,9 +1,9 @@
-// Encrypted files: whatever a storage hands back, a download ends with an error or with exactly
-// what was stored; and nothing is handed on that was not.
+// Encrypted files. Whatever a storage returns, a download fails or returns exactly the stored
+// content. It never outputs data that were not stored.
 //
-// The sealed file is made here, piece by piece as its format is described, at a price of the key
-// derivation that allows for many. A file that does not begin as an encrypted one is not decrypted:
-// it was stored before there was a password.
+// The target builds the sealed file itself, as the format is documented, with a key derivation
+// cheap enough for many inputs. A download does not decrypt a file that does not begin with the
+// magic number: the file was stored before a password was set.
 #include <algorithm>
 #include <memory>
 #include <optional>
@@ -37,7 +37,7 @@ std::string TextOf(std::span<const std::byte> bytes) {
     return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
 }
 
-// --- Sealing, as the format is described ---
+// --- Sealing, by the documented format ---
 
 std::string HeaderOf(const quarn2::Key& master, char number, std::string_view name) {
     std::string header(quarn2::kMagic);
@@ -69,7 +69,7 @@ std::string Sealed(const std::string& plain, char number, std::string_view name)
     return sealed;
 }
 
-// --- A storage that hands out what it likes ---
+// --- A storage with arbitrary content ---
 
 class OneFile final : public quarn2::StorageBackend {
   public:
@@ -137,16 +137,16 @@ Storage& TheStorage() {
     return storage;
 }
 
-// --- Changing it ---
+// --- Mutations of the stored file ---
 
-// Bytes that may ask for more work than an input is worth are set back.
+// Reduces bytes that would make one input too expensive.
 void KeepCheap(std::string& stored) {
     if (stored.size() < quarn2::kHeaderSize) return;
     for (std::size_t i = 0; i < 3; ++i) {
         char& cost = stored[kCostAt + i];
         if (static_cast<unsigned char>(cost) > 4 && static_cast<unsigned char>(cost) < 32) cost = 1;
     }
-    // Each salt means a key that is kept; these are few.
+    // The program keeps a key for each salt, so the target uses only a few salts.
     for (std::size_t i = 1; i < kSaltSize; ++i) stored[kSaltAt + i] = 's';
     char& salt = stored[kSaltAt];
     if (salt != 's') salt = static_cast<char>(salt & 3);
@@ -185,7 +185,7 @@ void Change(std::string& stored, const std::string& other, fuzz::Input& input) {
             stored.erase(at, 1 + how / 8);
             break;
         case 6:
-            // The end of a chunk, which is not that of the file.
+            // Cuts at the end of a chunk that is not the last.
             stored.resize(std::min(stored.size(), quarn2::kHeaderSize + kSealed * (at % 3)));
             break;
         default:
@@ -194,7 +194,7 @@ void Change(std::string& stored, const std::string& other, fuzz::Input& input) {
     }
 }
 
-// --- Judging ---
+// --- Checks ---
 
 bool BeginsAsEncrypted(const std::string& stored) {
     const std::size_t size = std::min(stored.size(), quarn2::kMagic.size());
@@ -249,7 +249,7 @@ void CheckBytes(fuzz::Input& input) {
     CheckDownload({}, empty ? "(an empty file is none)" : Sealed({}, 'n', kName));
 }
 
-// The product's own way there and back, read in pieces of any length.
+// Encrypts and decrypts a file with the program's own code, in pieces of any length.
 void CheckRoundTrip(fuzz::Input& input) {
     OneFile& file = *TheStorage().file;
     file.told_.reset();

@@ -1,5 +1,6 @@
-// The event loop: workers that come, go, suspend and close each other's descriptors in any order
-// are never called once they were dropped, and each byte reaches the one that it was for.
+// The event loop, with workers that are added, removed and suspended, and that close each other's
+// descriptors in any order. The loop never calls a removed worker, and calls each worker with its
+// own descriptor.
 #include <poll.h>
 #include <unistd.h>
 
@@ -21,7 +22,7 @@ constexpr std::size_t kWorkers = 4;
 
 class World;
 
-// One end of a pipe, and what to do about the next bytes that arrive.
+// Reads one end of a pipe. The input selects its action and its result.
 class Worker {
   public:
     Worker(World& world, int fd) : world_(world), fd_(fd) {}
@@ -42,7 +43,7 @@ class World {
         loop_.Run(0);
     }
 
-    // Called from a worker too, which must not run the loop again.
+    // A worker also calls this; it must not run the loop again.
     void Act(bool may_run) {
         const unsigned byte = input_.Byte();
         Place& place = places_.at(byte / 8 % kWorkers);
@@ -88,7 +89,7 @@ class World {
             kro_proc::SetNonBlocking(place.pipe.first);
             kro_proc::SetNonBlocking(place.pipe.second);
         }
-        // The descriptor changes its worker.
+        // The new worker replaces the previous worker of the descriptor.
         if (const auto before = place.worker.lock()) before->dropped = true;
         const auto worker = std::make_shared<Worker>(*this, int(place.pipe.first));
         place.worker = worker;
@@ -97,11 +98,11 @@ class World {
 
     static void Say(const Place& place) {
         if (!place.pipe.second) return;
-        // A pipe whose reader has gone, or that is full.
+        // The write may fail: the reader may be closed, or the pipe full.
         [[maybe_unused]] const ssize_t written = write(place.pipe.second, "x", 1);
     }
 
-    // Somebody else closes the descriptor under the loop.
+    // Closes the descriptor without the loop's knowledge.
     static void Close(Place& place) {
         place.pipe.first.Close();
         place.pipe = {};
@@ -118,7 +119,7 @@ Expect::Result* Worker::operator()(ResHandle handle) {
     char bytes[64];
     const ssize_t count = read(handle, bytes, sizeof bytes);
     Expect::Result* const result = world_.Choose();
-    // What has ended would be reported again and again.
+    // The loop would report an ended descriptor again and again.
     const bool ended = count == 0 || (count < 0 && errno != EAGAIN);
     if (!ended && result != Expect::erClose) return result;
     dropped = true;

@@ -1,7 +1,7 @@
-// Eviction against the simple rules: from the same records the same ones go, in the same order, and
-// what stays can be restored.
+// Compares eviction with the simple rules. From the same records, both evict the same backups in
+// the same order, and the remaining backups can be restored.
 //
-// The input makes users with records, then it says what happens to them.
+// The input creates users with records, and then selects the operations on them.
 #include <algorithm>
 #include <map>
 #include <vector>
@@ -21,7 +21,7 @@ using simple_rules::User;
 constexpr std::size_t kMostUsers = 4;
 constexpr std::size_t kMostRecords = 24;
 
-// Both tellings of one storage.
+// One storage in both implementations.
 class World {
   public:
     explicit World(fuzz::Input& input) : storage_(control_.AddStorage(nullptr)) {
@@ -81,7 +81,7 @@ class World {
         rules_.users.push_back(std::move(user));
     }
 
-    // What each daily rests on: the newest full before it.
+    // Records the base of each daily backup: the newest full backup before it.
     void RememberBases() {
         for (const User& user : rules_.users) {
             std::string base;
@@ -142,7 +142,7 @@ class World {
         CheckRestorable(user.name, desc);
     }
 
-    // Neither telling is asked here.
+    // Uses neither implementation, only the records of the start.
     void CheckRestorable(const std::string& name, const UserDesc& desc) const {
         const auto newest = newest_.find(name);
         if (newest == newest_.end()) return;

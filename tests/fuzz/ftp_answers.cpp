@@ -1,8 +1,9 @@
-// What FTP servers answer: a transcript keeps no argument of a command and no text without end, and
-// a name in a listing is that of an entry of its directory, as the line has it.
+// Replies of FTP servers. A transcript stores no argument of a command and limits the length of
+// texts. A name in a listing is a valid name of a directory entry, and is a part of the listing's
+// text.
 //
-// The first byte: "t" a transcript (a line that begins with ">" was sent), "m" a machine listing,
-// "l" one for people.
+// The first byte: "t" a transcript (a line that begins with ">" was sent), "m" a machine-readable
+// listing, "l" a human-readable listing.
 #include <algorithm>
 
 #include "backends/ftp/listing.h"

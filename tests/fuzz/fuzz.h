@@ -1,5 +1,5 @@
-// What the fuzz targets share. A target is a program that libFuzzer calls with one input after
-// another; what it judges stands in its first lines.
+// Helpers of the fuzz targets. A target is a program that libFuzzer calls with one input after
+// another. The first lines of each target describe what it checks.
 #pragma once
 
 #include <cstddef>
@@ -14,14 +14,16 @@
 
 namespace fuzz {
 
-// A promise that holds whatever the input is.
+// Aborts with the text of the promise if the target has not kept it. A promise must hold for every
+// input.
 inline void Require(bool kept, const char* promise) {
     if (kept) return;
     std::fprintf(stderr, "broken promise: %s\n", promise);
     std::abort();
 }
 
-// False when the call refuses its input. An exception of another kind is a finding.
+// Returns false if the call throws a std::exception, that is, refuses its input. Other exceptions
+// end the target as a finding.
 template <class Call>
 bool Accepts(const Call& call) {
     try {
@@ -32,7 +34,7 @@ bool Accepts(const Call& call) {
     }
 }
 
-// Takes an input apart from its front, so that a corpus can be written by hand.
+// Parses an input from its beginning, so that a corpus can be written by hand.
 class Input {
   public:
     Input(const std::uint8_t* data, std::size_t size)
@@ -40,7 +42,7 @@ class Input {
 
     bool empty() const noexcept { return rest_.empty(); }
 
-    // The next byte, 0 at the end.
+    // Consumes the next byte; returns 0 at the end.
     unsigned Byte() {
         if (rest_.empty()) return 0;
         const auto byte = static_cast<unsigned char>(rest_.front());
@@ -48,14 +50,15 @@ class Input {
         return byte;
     }
 
-    // A number of two bytes.
+    // Consumes two bytes as a big-endian number.
     std::size_t Number() {
         constexpr std::size_t kByte = 256;
         const std::size_t high = Byte();
         return high * kByte + Byte();
     }
 
-    // What stands before the next occurrence of the mark, or all.
+    // Consumes the input up to and including the next occurrence of `mark`, or all of it. Returns
+    // the text before the mark.
     std::string Until(std::string_view mark) {
         const std::size_t end = rest_.find(mark);
         const std::string piece(rest_.substr(0, end));
@@ -75,7 +78,7 @@ class Input {
     std::string_view rest_;
 };
 
-// Hands a text out in pieces whose lengths the text itself decides.
+// Passes a text to `take` in pieces. The bytes of the text determine the lengths of the pieces.
 template <class Take>
 void InPieces(std::string_view text, const Take& take) {
     while (!text.empty()) {
@@ -86,7 +89,8 @@ void InPieces(std::string_view text, const Take& take) {
     }
 }
 
-// The folder that a target works in, made at its first use; scripts/fuzz removes it.
+// The folder that a target works in. The first call creates it and changes to it; scripts/fuzz
+// removes it.
 inline const std::string& WorkFolder() {
     static const std::string folder = [] {
         std::string pattern = (std::filesystem::temp_directory_path() / "fuzz_XXXXXX").string();

@@ -1,9 +1,9 @@
-// Servers behind libcurl that say anything, headers and replies to commands included: S3, WebDAV
-// and FTP storages as the program opens them. A download hands on what was promised or ends with an
-// error, a listing shows names that can be names, and nothing is waited for.
+// Servers that send arbitrary bytes through libcurl, including headers and replies to commands: S3,
+// WebDAV and FTP storages as the program opens them. A download outputs the promised number of
+// bytes or fails, a listing returns only valid names, and no operation waits.
 //
-// The first byte chooses storage and deed. Then follows what the server says on each connection,
-// one after another, with "\n====\n" between them; who connects once more is refused.
+// The first byte selects the storage and the operation. Then follow the bytes that the server sends
+// on each connection, separated by "\n====\n". Further connections are refused.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
@@ -31,10 +31,10 @@ using fuzz::Require;
 
 constexpr std::uint16_t kPort = 9;
 
-// What stands in the place of the network.
+// Replaces the network.
 struct Network {
     std::deque<std::string> scripts;
-    std::map<int, ResHandle> peers;  // by the descriptor that libcurl has
+    std::map<int, ResHandle> peers;  // by the descriptor that libcurl uses
 };
 
 Network& TheNetwork() {
@@ -44,7 +44,7 @@ Network& TheNetwork() {
 
 }  // namespace
 
-// They stand before the C library's, for libcurl too.
+// These functions replace those of the C library, for libcurl too.
 extern "C" int socket(int domain, int type, int protocol) noexcept {
     constexpr int kKinds = 15;
     if ((domain != AF_INET && domain != AF_INET6) || (type & kKinds) != SOCK_STREAM) {

@@ -1,5 +1,6 @@
-// Info files: what is read is what a second, simpler reader reads; what is written is read again as
-// it was; and no text makes a server's account greater than its limits.
+// Info files. A second, simpler parser gets the same values. A written info file is parsed without
+// a change. No text raises the limit or the free space of a server's account above the configured
+// size limit.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -16,7 +17,7 @@ namespace {
 using fuzz::Require;
 using quarn2::InfoMap;
 
-// A file in memory, under a path that can be opened.
+// A file in memory with a path that can be opened.
 class TextFile {
   public:
     void Save(const std::string& text) const {
@@ -32,7 +33,7 @@ class TextFile {
     std::string path_ = "/proc/self/fd/" + std::to_string(fd_);
 };
 
-// The text is taken apart line by line, with none of the reader's means.
+// Parses the text line by line, without the functions of the reader.
 InfoMap SimplyRead(const std::string& text) {
     InfoMap info;
     std::string line;
@@ -54,7 +55,7 @@ InfoMap SimplyRead(const std::string& text) {
     return info;
 }
 
-// A line's end is not a value's: what ends with a carriage return loses it.
+// True if a value ends with a carriage return, which the reader removes as a part of the line end.
 bool EndsALine(const InfoMap& info) {
     for (const auto& [key, value] : info) {
         if (value.ends_with('\r')) return true;

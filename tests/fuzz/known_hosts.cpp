@@ -1,5 +1,5 @@
-// Files of trusted host keys: a key that is revoked for every host is never trusted, a key that no
-// line has is never trusted, and a certificate authority's line makes none trusted.
+// Files of trusted host keys. A key that is revoked for all hosts and a key without a line are
+// never trusted. A line of a certificate authority makes no key trusted.
 #include "backends/sftp/known_hosts.h"
 
 #include <algorithm>

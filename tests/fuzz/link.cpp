@@ -1,8 +1,9 @@
-// The master link, both sides. The server's session: the same bytes in other pieces mean the same,
-// every answer is a whole frame, and no line makes room that is not there or names a place outside
-// of the info root. The node client: a frame is taken exactly or not at all.
+// Both sides of the master link. The server's session: the result does not depend on how the bytes
+// are split, every answer is a complete frame, and no line creates free space or leads to a path
+// outside of the info root. The node client: it reads a frame exactly or rejects it.
 //
-// The first byte: "0" a client of this machine, "1" of another one, "2" frames for a node client.
+// The first byte: "0" a client of this machine, "1" of another machine, "2" frames for a node
+// client.
 #include <unistd.h>
 
 #include <csignal>
@@ -23,7 +24,7 @@ using fuzz::Require;
 
 const char* const kToken = "memory:link";
 constexpr std::int64_t kLimit = 1'000'000;
-// What a pipe holds with room to spare.
+// Much less than the capacity of a pipe.
 constexpr std::size_t kPiece = 4096;
 
 void PlaceInfoRoot() {
@@ -109,7 +110,7 @@ void CheckSession(bool remote, fuzz::Input& input) {
             "the account is the same too");
 }
 
-// The frames that a simple reader finds before the first that is cut off.
+// Returns the complete frames before the first truncated frame, as a simple reader finds them.
 std::vector<std::string> FramesIn(std::string_view bytes) {
     std::vector<std::string> frames;
     std::uint32_t length = 0;
@@ -136,7 +137,7 @@ void CheckNodeSide(fuzz::Input& input) {
             "a frame that is cut off is none");
 }
 
-// The node client's meaning of the same frames as answers.
+// Checks how the node client interprets the same frames as answers.
 void CheckExchange(const std::string& bytes) {
     const std::string token = kToken;
     const auto length = static_cast<std::uint32_t>(token.size());

@@ -1,9 +1,8 @@
-// The lists that lie beside info files. ".cleanup": what goes has the prefix of one of its lines,
-// and a line that could not be carried out stays. ".encrypted_indexes": what goes is listed, and
-// the other entries stay.
+// The lists beside info files. ".cleanup": a removed file has the prefix of a line, and a line that
+// failed stays. ".encrypted_indexes": a removed file is listed, and the other entries stay.
 //
-// The first byte: "c" for the former, "e" for the latter. A line's token is used only if it names
-// the storage in memory.
+// The first byte: "e" for ".encrypted_indexes", any other for ".cleanup". The target uses a line's
+// token only if it names the storage in memory.
 #include <algorithm>
 #include <array>
 #include <fstream>
@@ -148,7 +147,7 @@ void CheckIndexes(const std::string& list) {
         entries.erase(index);
     }
     Require(Local() == expected, "what is listed goes, nothing else does");
-    // A value that ends as a line does loses its end.
+    // A value that ends with a carriage return loses it.
     if (list.find('\r') != list.npos) return;
     Require(str::Split(Load("info/.encrypted_indexes"), "\n") == entries, "other entries stay");
 }

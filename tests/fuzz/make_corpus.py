@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 """Writes the seeds of the fuzz targets below corpus/:  tests/fuzz/make_corpus.py
 
-What stands there besides, inputs that once broke a promise, stays. A seed is an input that a target
-accepts, so that the fuzzer begins behind the first checks; its form is told at the top of each target.
+Other files there stay: they are inputs that once broke a promise. A seed is an input that a target accepts, so that
+the fuzzer starts behind the first checks. The comment at the top of each target describes its form.
 """
 
 import pathlib

@@ -1,5 +1,5 @@
-// Names as a listing, a command line or an info file tells them: no accepted one leads out of a
-// root, and what is cut off a name leaves its directory alone.
+// Names from a listing, a command line or an info file. No accepted name leads out of a root, and
+// no function cuts into the directory of a name.
 #include "quarn2/names.h"
 
 #include <algorithm>
@@ -55,14 +55,14 @@ void CheckCuts(const std::string& name) {
     }
 }
 
-// The prefix of broken backups: what every removal by prefix compares.
+// The prefix that every removal of broken backups compares.
 void CheckPrefix(const std::string& name) {
     const std::string prefix = GetPrefix(name);
     Require(name.find(prefix) != name.npos && prefix.size() + 1 >= prefix.size(),
             "a prefix is a piece of the name");
 }
 
-// A rescan makes local files and directories of the names that a storage lists.
+// A rescan creates local files and directories with the names that a storage lists.
 void CheckListed(const std::string& name) {
     if (quarn2::IsSafeName(name)) {
         const std::string path = kro_file::ConcatPath(kRoot, name);
@@ -83,7 +83,7 @@ void CheckOwnFile(const std::string& local) {
             "a file keeps its name");
 }
 
-// Where a backup is looked for, whoever has named it.
+// Checks the paths where an info file is searched, for any source of the name.
 void CheckInfoPlaces(const std::string& name) {
     if (!quarn2::IsSafeName(name)) return;
     for (const std::string& place :

@@ -1,9 +1,10 @@
-// A rescan of a storage that lists and hands out anything: whatever the names are, nothing changes
-// outside of the info root and of the directory that keeps what a rescan removes, and what it
-// fetches lies under names that a listing may have.
+// A rescan of a storage that lists and returns anything. Whatever the names are, nothing changes
+// outside of the info root and of the directory for removed files, and each fetched file has a
+// valid name.
 //
-// The input's lines are the storage's: each listing takes those up to the next empty line, each
-// file that is fetched too. The first byte: "p" a user's root, below var/backup, else a plain one.
+// The lines of the input are the responses of the storage. Each listing and each fetched file
+// consumes the lines up to the next empty line. The first byte: "p" a user's root, below
+// var/backup, any other a plain root.
 #include <fstream>
 #include <memory>
 #include <set>
@@ -24,7 +25,7 @@ using fuzz::Require;
 namespace fs = std::filesystem;
 using Names = std::set<std::string>;
 
-// The bytes that are left to say; the storages that are opened share them.
+// The rest of the input. All opened storages share it.
 fuzz::Input*& Script() {
     static fuzz::Input* script = nullptr;
     return script;
@@ -42,7 +43,7 @@ class Hostile final : public quarn2::StorageBackend {
     void RemoveDir(const std::string& /*name*/) override {}
     void MakeDir(const std::string& /*name*/) override {}
     std::vector<std::string> List(const std::string& name) override {
-        // "=" stands for the name that is asked for: it is a file.
+        // "=" means the listed name itself: it is a file.
         std::vector<std::string> names;
         for (std::string line = Script()->Line(); !line.empty(); line = Script()->Line()) {
             names.push_back(line == "=" ? name : line);
@@ -62,7 +63,7 @@ void Register() {
     setenv("BACKUP_TOKEN", "hostile:x?arch_password=p", 1);
 }
 
-// The folders of a rescan, and what lies beside them.
+// Creates the folders of a rescan, and files beside them.
 const std::string& Folder() {
     static const std::string folder = [] {
         fs::create_directories(fuzz::WorkFolder() + "/root/var/backup/tovarn");
@@ -88,7 +89,8 @@ Names Below(const std::string& directory, const std::string& but) {
     return names;
 }
 
-// Without the lock file and the directory that keeps what the rescan has removed.
+// Returns the names without the lock file and without the directory for files that the rescan
+// removed.
 Names WithoutOwn(Names names, const std::string& mark) {
     const std::string removed = "var/quarn2_cp.removed" + mark;
     names.erase("var/quarn2_cp.lock" + mark);
@@ -113,7 +115,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     fuzz::Input input(data, size);
     const bool user_data = input.Byte() == 'p';
     Script() = &input;
-    // A user's info root stands for the folder above it.
+    // With a user's info root, the rescan works on the folder above it.
     const std::string root = user_data ? "var/backup/u" : "plain/info";
     const std::string cleaned = user_data ? "var/backup" : root;
     fs::create_directories("var/backup/tovarn");

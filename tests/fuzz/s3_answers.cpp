@@ -1,7 +1,7 @@
-// What S3 servers answer: pieces of an answer mean what the whole means, no refusal's text makes
-// two lines of one, and what is asked in return says what it was asked for.
+// Responses of S3 servers. A response that arrives in pieces has the same result as a complete
+// response, the text of a refusal is one line, and a query contains exactly its parameters.
 //
-// The first byte chooses the answer; "q" takes the rest for the parameters of a query.
+// The first byte selects the response. With "q", the rest contains the parameters of a query.
 #include <algorithm>
 #include <optional>
 #include <span>
@@ -20,7 +20,7 @@ using namespace quarn2::s3;
 
 std::span<const std::byte> BytesOf(std::string_view text) { return std::as_bytes(std::span(text)); }
 
-// Nothing for an answer that makes no sense.
+// Returns nullopt if the reader rejects the response.
 std::optional<Listing> Read(const std::string& body, bool in_pieces) {
     Listing listing;
     const bool accepted = fuzz::Accepts([&] {

@@ -1,8 +1,8 @@
-// An SFTP server that says anything: listings show names of entries alone, a download hands on the
-// bytes that were promised or ends with an error, and nothing is waited for without end.
+// An SFTP server that sends arbitrary bytes. Listings return only valid names of entries, a
+// download outputs the promised number of bytes or fails, and no operation waits forever.
 //
-// The first byte chooses what is done; the rest are the server's bytes. A reply's id may be left to
-// be filled in: a frame with the id 0 gets that of the request that waits longest.
+// The first byte selects the operation; the rest are the server's bytes. A frame with the id 0 gets
+// the id of the oldest unanswered request.
 #include <algorithm>
 #include <deque>
 #include <memory>
@@ -27,13 +27,13 @@ std::uint32_t U32At(std::span<const std::byte> bytes, std::size_t at) {
     return LoadU32(std::span<const std::byte, 4>(bytes.subspan(at, 4)));
 }
 
-// Hands out what the input says, in pieces, as long as there is something.
+// Returns the input in pieces, until its end.
 class Scripted final : public Stream {
   public:
     explicit Scripted(std::string said) : said_(std::move(said)) {}
 
     void Write(std::span<const std::byte> bytes) override {
-        // The first one is the greeting, which has no id.
+        // The first message is the greeting, which has no id.
         if (++requests_ == 1 || bytes.size() < kHead) return;
         if (requests_ > kMost) Gone();
         ids_.push_back(U32At(bytes, 5));
@@ -43,7 +43,7 @@ class Scripted final : public Stream {
         FillIdIn();
         const std::size_t wanted = 1 + static_cast<unsigned char>(said_[at_]) % 61U;
         const std::string_view piece = std::string_view(said_).substr(at_, wanted);
-        // What lies behind the frame may answer a request that is yet to come.
+        // The bytes after this frame may answer a request that does not exist yet.
         const std::size_t left = frame_ > at_ ? frame_ - at_ : piece.size();
         const std::size_t size = std::min({piece.size(), buffer.size(), left});
         std::copy_n(std::as_bytes(std::span(piece)).begin(), size, buffer.begin());
@@ -59,7 +59,7 @@ class Scripted final : public Stream {
         throw kro_err::Error(kro_err::Kind::kUnavailable, "the server has gone");
     }
 
-    // Frames are followed as they lie in the input; the greeting has a version in the id's place.
+    // Goes through the frames of the input. The greeting contains a version in place of the id.
     void FillIdIn() {
         while (frame_ <= at_ && frame_ + kHead <= said_.size()) {
             const auto bytes = std::as_bytes(std::span(said_));

@@ -1,7 +1,7 @@
-// Storage tokens: no secret of one is ever displayed, whatever is wrong with it, and what is
-// displayed says the same as what was read.
+// Storage tokens. The display form of a token contains no secret, even if the token is invalid, and
+// has the same meaning as the token.
 //
-// The input is a text; every "\x01" in it becomes a made-up secret.
+// The input is a text; each "\x01" in it is replaced by a made-up secret.
 #include "quarn2/token.h"
 
 #include <vector>
@@ -39,7 +39,8 @@ std::vector<std::string> ParamsOf(const BackupToken& token) {
     return names;
 }
 
-// The secret stands where it may be seen: its owner has written it into a path.
+// True if the secret may be displayed, because it is a part of the user, the host, the path or a
+// public parameter.
 bool IsPublic(const BackupToken& token) {
     bool anywhere = Has(token.user()) || Has(token.host()) || Has(token.path());
     for (const std::string& name : ParamsOf(token)) anywhere = anywhere || Has(token.Param(name));
@@ -50,7 +51,7 @@ void CheckValid(const BackupToken& token) {
     const std::string shown = token.Str();
     Require(!Has(shown) || IsPublic(token), "a secret is not displayed");
     const BackupToken again(shown);
-    // A scheme may refuse the stars that stand for a secret, or the text without them.
+    // A scheme may reject the stars that replace a secret, or the text without them.
     if (!again) return;
     Require(again.scheme() == token.scheme() && again.user() == token.user() &&
                 again.host() == token.host() && again.port() == token.port() &&
@@ -70,7 +71,8 @@ void Check(const std::string& text) {
             "an invalid token holds nothing");
 }
 
-// A secret in a secret's place: no mistake before or behind it brings it into an error text.
+// Checks a secret at its proper place in the token: no error before or after it shows it in an
+// error text.
 void CheckFault(const std::string& text) {
     const BackupToken token(text);
     Require(!Has(token.fault()), "a secret stands in no error text");
@@ -83,7 +85,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(registered, "the storage in memory is known");
     fuzz::Input input(data, size);
     const std::string text = input.Rest();
-    // The secret is known by heart: who has read it here may write it anywhere.
+    // An input that already contains the secret may have it anywhere.
     if (Has(text)) return 0;
     Check(WithSecret(text));
     fuzz::Input halves(data, size);

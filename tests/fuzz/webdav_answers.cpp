@@ -1,5 +1,6 @@
-// What WebDAV servers answer with status 207: pieces mean what the whole means, no length is less
-// than nothing, and an href stands for a name of the storage or for none.
+// Responses of WebDAV servers with status 207. A response that arrives in pieces has the same
+// result as a complete response, no length is negative, and an href maps to a name of the storage
+// or to none.
 #include <optional>
 #include <span>
 #include <vector>
@@ -22,7 +23,7 @@ bool Same(const DavEntry& a, const DavEntry& b) {
            a.length == b.length && a.modified == b.modified && a.available == b.available;
 }
 
-// Nothing for an answer that makes no sense.
+// Returns nullopt if the sink rejects the response.
 std::optional<Entries> Read(const std::string& body, bool in_pieces) {
     Entries entries;
     const bool accepted = fuzz::Accepts([&] {
