@@ -1,4 +1,4 @@
-// Processes that a test forks to have somebody else do something.
+// Child processes for tests that need a second process.
 #pragma once
 
 #include <sys/wait.h>
@@ -11,7 +11,7 @@
 
 #include "kro/kro_proc.h"
 
-// Two processes' way to wait for each other.
+// Lets a process wait until another process opens the gate.
 class Gate {
   public:
     Gate() : pipe_(kro_proc::Pipe()) {}
@@ -28,7 +28,7 @@ class Gate {
     std::pair<ResHandle, ResHandle> pipe_;
 };
 
-// A forked child that runs the body and exits with 0, or with 1 when an exception leaves it.
+// A forked child that runs the body. It exits with 0, or with 1 if the body throws.
 class Child {
   public:
     explicit Child(const std::function<void()>& body) : pid_(::fork()) {
@@ -53,8 +53,8 @@ class Child {
     }
     void Kill() const { ::kill(pid_, SIGKILL); }
 
-    // True when the child has not ended after a moment that suffices for what it would do
-    // otherwise.
+    // True if the child has not ended after a short pause. The pause is long enough for a child
+    // that does not wait.
     bool StillRuns() const {
         kro_proc::Sleep(150);
         siginfo_t info{};

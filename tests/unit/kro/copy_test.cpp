@@ -80,7 +80,7 @@ TEST(CopyData, KeepsAFileThatIsOneHole) {
     EXPECT_EQ(StatusOf(to).st_blocks, 0);
 }
 
-// The sum of what a copy reports while it runs; -1 when a report had no bytes.
+// Returns the sum of the bytes that a copy reports as progress; -1 if a report was not positive.
 std::int64_t Reported(int from, int to, std::int64_t size) {
     std::int64_t sum = 0;
     bool empty = false;

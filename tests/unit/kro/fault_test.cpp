@@ -1,4 +1,5 @@
-// System calls that fail, are interrupted or do only a part. The linker puts these in their place.
+// Tests with system calls that fail, are interrupted or do only a part. The linker replaces the
+// real calls with the functions in this file.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/magic.h>
@@ -20,7 +21,8 @@
 
 namespace {
 
-// How a call fails: after `good` real calls, `times` times (-1: for ever) with `error`.
+// A fault of a call: it makes `good` real calls, and then fails with `error` for `times` times (-1:
+// forever).
 struct Fault {
     int good = 0;
     int times = 0;
@@ -38,15 +40,15 @@ struct Fault {
 struct Faults {
     Fault fsync, rename, pwrite, copy_file_range, ioctl, ftruncate, fchown, flock, getrandom, write,
         syncfs, fallocate;
-    bool remote = true;                   // the file systems copy on their far side
-    std::size_t most_at_once = SIZE_MAX;  // bytes that one call moves
-    int end_of_range_copy = -1;           // after so many calls copy_file_range gives 0
-    std::function<void()> meanwhile;      // happens before each copy_file_range and flock
+    bool remote = true;                   // the file systems copy on the server
+    std::size_t most_at_once = SIZE_MAX;  // maximum bytes per call
+    int end_of_range_copy = -1;       // after this many calls copy_file_range returns 0; -1: never
+    std::function<void()> meanwhile;  // called before each copy_file_range and flock
 };
 
 Faults faults;
 
-// A copy runs: the action may set another one.
+// Calls a copy, because the action may replace itself.
 void Meanwhile() {
     const auto action = faults.meanwhile;
     if (action) action();
@@ -175,13 +177,13 @@ class FaultTest : public testing::Test {
         const ResHandle from(::open((dir / "from").c_str(), O_RDONLY | O_CLOEXEC));
         const ResHandle to(
             ::open((dir / "to").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        // Only the copy is to fail, not the writing of its source.
+        // Set after the source was written: only the copy must fail.
         faults.ioctl = Fault{0, -1, EOPNOTSUPP, 0};
         arm();
         return kro_file::CopyData(from, to, static_cast<std::int64_t>(text.size()));
     }
 
-    // What is to go wrong in CopyText.
+    // Sets the faults for CopyText.
     inline static std::function<void()> arm;
 
     TempDir dir_;
@@ -316,7 +318,7 @@ TEST_F(FaultTest, ALockSurvivesInterruptionsAndTellsFailures) {
 
 TEST_F(FaultTest, ALockOnAFileThatIsReplacedAllTheTimeIsGivenUp) {
     faults.meanwhile = [this] {
-        faults.meanwhile = nullptr;  // Writing locks too.
+        faults.meanwhile = nullptr;  // Write also locks a file.
         kro_file::Write(dir_ / "lock", "another");
     };
     kro_file::Lock once;

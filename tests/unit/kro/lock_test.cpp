@@ -82,7 +82,7 @@ TEST(Lock, WaitsForItsTurn) {
     kro_file::Lock lock;
     lock.DoLock(dir / "lock", true);
     Child child([&] {
-        lock.Release();  // The inherited share, or it would wait for itself.
+        lock.Release();  // Closes the inherited descriptor, or the child would wait for itself.
         kro_file::Lock().DoLock(dir / "lock", true);
     });
     EXPECT_TRUE(child.StillRuns());

@@ -46,7 +46,7 @@ TEST(ResHandle, ClosesForEveryCopy) {
     first.Close();
     EXPECT_FALSE(IsOpen(fd));
     EXPECT_FALSE(second);
-    // Somebody else's file now has the number: it must outlive the copy.
+    // Another file now has the same number. It must stay open when the copy is destroyed.
     const ResHandle other(OpenNull());
     first = ResHandle();
     EXPECT_TRUE(IsOpen(other));

@@ -104,7 +104,8 @@ TEST(NewFile, WaitsForAnotherWriterOfTheTarget) {
     EXPECT_EQ(kro_file::Read(dir / "a"), "2nd");
 }
 
-// Writers that all start, write, give up or commit at the same time, for a while.
+// Three processes write the same file at the same time. They commit some of their files and abandon
+// others.
 TEST(NewFile, NeverMixesWriters) {
     const TempDir dir;
     const auto write = [&](char letter) {

@@ -1,5 +1,6 @@
-// What another user can lay in a directory to which both may write: links, second names, named
-// pipes and sockets in the place of files. None is written to, waited for or believed.
+// Another user may create links, hard links, named pipes and sockets in place of files, in a
+// directory that both users may write to. The program never writes to them, waits for them or
+// trusts them.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -44,7 +45,7 @@ class Planted : public testing::Test {
         ASSERT_EQ(::bind(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
 
-    // Lays one thing after another at the path, and calls the deed with each.
+    // Creates one object after another at the path and calls `deed` for each.
     template <class Deed>
     void WithEach(const std::string& path, const Deed& deed) {
         const std::vector<std::pair<const char*, std::function<void()>>> things = {
@@ -118,7 +119,7 @@ TEST_F(Planted, TextIsNotWrittenThroughALink) {
     EXPECT_EQ(kro_file::Read(path_), "text");
     struct stat status {};
     ASSERT_EQ(::lstat(path_.c_str(), &status), 0);
-    // Neither the mode nor the owner of what the link led to.
+    // Not the mode and the owner of the link's target.
     EXPECT_EQ(status.st_mode, S_IFREG | 0640U);
     EXPECT_EQ(status.st_uid, 0U);
 }

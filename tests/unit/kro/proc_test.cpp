@@ -20,7 +20,7 @@ std::string ReadToEnd(int fd) {
     return text;
 }
 
-// What the program writes to its standard output.
+// Returns what the program writes to its standard output.
 std::string OutputOf(std::vector<std::string> arguments) {
     kro_proc::Execute program(std::move(arguments));
     auto [read, write] = kro_proc::Pipe();
@@ -143,7 +143,7 @@ TEST(Execute, WaitsNoLongerThanItIsTold) {
     EXPECT_TRUE(program.Wait(60000));
     EXPECT_TRUE(program.Wait(0));
     EXPECT_EQ(program.Result(), 128 + SIGTERM);
-    program.Signal(SIGTERM);  // to nobody: the number may be another process's by now
+    program.Signal(SIGTERM);  // Sends nothing: another process may have the PID by now.
 }
 
 TEST(Execute, LeavesTheTerminalWhenItIsToldTo) {
@@ -191,7 +191,7 @@ TEST(Execute, StartsWithDefaultSignals) {
 TEST(Execute, WorksWithClosedStandardDescriptors) {
     Child child([] {
         for (int fd = 0; fd < 3; ++fd) ::close(fd);
-        // Both ends of this pipe, and Run's own, now have standard numbers.
+        // This pipe and the pipe that Run opens get the numbers of standard descriptors.
         auto [read, write] = kro_proc::Pipe();
         Require(read == 0 && write == 1, "numbers");
         kro_proc::Execute program({"readlink", "/proc/self/fd/0", "/proc/self/fd/2"});

@@ -1,5 +1,5 @@
-// A tree of options with everything that real ones have: commands in a group, a letter and a name
-// that two commands share, groups below commands, defaults, multiple values.
+// A tree of options with all features of the program's options: commands in a group, a letter and a
+// name that two commands share, groups below commands, defaults, multiple values.
 #pragma once
 
 #include "kro/kro_args.h"

@@ -36,7 +36,7 @@ class Usage : public testing::Test {
   protected:
     Usage() : args_("Backup utility") { DeclareTree(args_); }
 
-    // What the words print, and the status that they ask for.
+    // Returns the output for the words, and the status of EarlyExit, or -1.
     std::pair<std::string, int> PrintedBy(const std::vector<std::string>& words) {
         testing::internal::CaptureStdout();
         int status = -1;

@@ -1,4 +1,4 @@
-// The relay before a server that sends back what it gets.
+// Tests of the relay in front of an echo server.
 #include "relay.h"
 
 #include <arpa/inet.h>
@@ -88,7 +88,8 @@ class Client {
         return send(handle_, text.data(), size, MSG_NOSIGNAL) == static_cast<ssize_t>(size);
     }
 
-    // Bytes until as many have come, the connection has ended or nothing comes for a while.
+    // Receives until `size` bytes have arrived, the connection has ended or no data arrive for a
+    // while. Returns the number of bytes.
     std::size_t Receive(std::size_t size) {
         std::size_t got = 0;
         while (got < size) {
@@ -103,7 +104,7 @@ class Client {
         }
         return got;
     }
-    // What ended the last Receive early.
+    // Why the last Receive ended early.
     bool silent() const { return silent_; }
     int error() const { return error_; }
     void ExpectSilence() { silence_ = 200; }
