@@ -33,7 +33,7 @@ std::string Unhex(std::string_view hex) {
     return bytes;
 }
 
-// A shorter key of an authentication code is one that ends in zeros.
+// HMAC pads a shorter key with zeros.
 Key KeyOf(std::string_view bytes) {
     Key key{};
     std::transform(bytes.begin(), bytes.end(), key.begin(),
@@ -41,7 +41,7 @@ Key KeyOf(std::string_view bytes) {
     return key;
 }
 
-// The vectors have 64 bytes, of which the first 32 do not depend on the length.
+// The published keys have 64 bytes. Their first 32 bytes do not depend on the length of the key.
 TEST(KeyFromPassword, GivesThePublishedKeys) {
     EXPECT_EQ(Hex(KeyFromPassword("", BytesOf(""), {4, 1, 1})),
               "77d6576238657b203b19ca42c18a0497f16b4844e3074ae8dfdffa3fede21442");
@@ -62,8 +62,8 @@ TEST(Authenticate, GivesThePublishedCodes) {
               "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
 }
 
-// The published vectors take keys of other lengths than KeyFor, so they are met by its two steps,
-// and those two are KeyFor.
+// The published vectors use other key lengths than KeyFor. The test checks the two steps of KeyFor
+// with them, and then that KeyFor equals these two steps.
 TEST(KeyFor, IsTheTwoStepsOfThePublishedVector) {
     const auto steps = [](std::string_view salt, std::string_view key, const std::string& info) {
         return Authenticate(Authenticate(KeyOf(salt), BytesOf(key)), BytesOf(info + '\x01'));
@@ -96,7 +96,7 @@ std::string Sealed(ChunkCipher& cipher, std::uint64_t number, bool last, const s
     return {reinterpret_cast<const char*>(sealed.data()), sealed.size()};
 }
 
-// Test cases 13 and 14: all zeros, the number of the first chunk included.
+// Test cases 13 and 14: all inputs are zeros, including the number of the first chunk.
 TEST(ChunkCipher, GivesThePublishedCiphertextsAndTags) {
     ChunkCipher cipher(Key{}, ChunkCipher::Use::kSeal);
     EXPECT_EQ(Sealed(cipher, 0, false, ""), Unhex("530f8afbc74536b9a963b4f1c4cb738b"));

@@ -1,5 +1,4 @@
-// Encrypted files: what is stored, what comes back, and that nothing comes back of what was
-// changed.
+// Encrypted files: the stored form, the downloaded content, and the refusal of changed files.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -39,7 +38,8 @@ class Encryption : public testing::Test {
         return store_->files().at(remote);
     }
 
-    // The stored bytes must be found out to be bad: no new local file appears, an old one stays.
+    // Expects that a download refuses the stored bytes. No new local file appears, and an old one
+    // stays.
     void ExpectRefused(const std::string& stored, const std::string& what) const {
         store_->SetFile("file", stored);
         local_files::Save(local_ / "old", "old");
@@ -67,7 +67,7 @@ std::string Flipped(std::string bytes, std::size_t at, int bit = 0) {
     return bytes;
 }
 
-// --- What is stored ---
+// --- Stored files ---
 
 TEST_F(Encryption, GivesBackEverySizeAndTellsTheStoredOne) {
     for (const std::size_t size : kSizes) {
@@ -93,7 +93,7 @@ TEST_F(Encryption, HasTheSizeOfHeaderContentAndTags) {
     }
 }
 
-// A server may tell any size, before or behind what a file can have.
+// A server may report any size, even one that no file can have.
 TEST(PlainSize, OfSizesThatNoFileHasIsNoLessThanNothing) {
     constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
     constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
@@ -177,7 +177,7 @@ TEST_F(Encryption, EncryptsWhatLooksEncrypted) {
     EXPECT_EQ(Download("file"), stored);
 }
 
-// What was stored once must open in every later version.
+// Every later version must be able to open a file of the first version.
 TEST_F(Encryption, OpensAFileOfTheFirstVersion) {
     const std::string hex =
         "514e32454e43310a10080110ed773c8e761068e7ab82d4ae12d0fc06586c372870173b4b58f1"
@@ -191,7 +191,7 @@ TEST_F(Encryption, OpensAFileOfTheFirstVersion) {
     EXPECT_EQ(Download("golden"), "written once, readable for ever");
 }
 
-// --- What is refused ---
+// --- Refused files ---
 
 TEST_F(Encryption, AWrongPasswordIsUnauthorized) {
     Upload("file", local_files::Noise(kChunk + 1));
@@ -203,7 +203,7 @@ TEST_F(Encryption, AWrongPasswordIsUnauthorized) {
     }
 }
 
-// The magic is left out: without it the file counts as one that was never encrypted.
+// Does not change the magic number: without it the file counts as never encrypted.
 TEST_F(Encryption, AChangedByteOfTheHeaderIsFoundOut) {
     Upload("file", "some text");
     const std::string good = Stored();
@@ -284,7 +284,7 @@ TEST_F(Encryption, AnotherEncryptedFileInItsPlaceIsFoundOut) {
     EXPECT_EQ(Download("directory/other"), "other text") << "only its own name counts";
 }
 
-// One of these would take up to two terabytes of memory, or a day.
+// The most expensive of these costs would need two terabytes of memory, or a day.
 TEST_F(Encryption, AHostileCostIsRefusedBeforeAKeyIsDerived) {
     Upload("file", "text");
     const std::string good = Stored();
@@ -317,7 +317,7 @@ TEST_F(Encryption, TheHashIsDerivedOncePerPassword) {
 
 // --- Pieces ---
 
-// A backend that holds one file and moves it in pieces of one size.
+// A backend that stores one file and transfers it in pieces of one size.
 class PieceBackend final : public quarn2::StorageBackend {
   public:
     PieceBackend(std::string& file, std::size_t piece) : file_(file), piece_(piece) {}
@@ -349,7 +349,8 @@ class PieceBackend final : public quarn2::StorageBackend {
         return source.ReadAt(static_cast<std::int64_t>(at), std::as_writable_bytes(room));
     }
 
-    // What is read again, from the end to the beginning and longer than there is, is the same.
+    // Checks that repeated reads return the same bytes, from the end to the beginning and beyond
+    // the end.
     void CheckAgain(quarn2::ByteSource& source) const {
         for (std::size_t end = file_.size(); end > 0; end -= std::min<std::size_t>(end, 70001)) {
             CheckAgain(source, end - 1);
@@ -409,7 +410,7 @@ TEST(EncryptionInPieces, APlainFileIsTheSameWhateverTheirSize) {
     }
 }
 
-// Not even a byte of a bad chunk is handed on, however the chunk came.
+// No byte of a bad chunk reaches the sink, for all sizes of the pieces.
 TEST(EncryptionInPieces, NothingOfABadChunkIsHandedOn) {
     for (const std::size_t piece : kPieces) {
         std::string file;

@@ -21,7 +21,7 @@ using quarn2::Expect;
 
 namespace {
 
-// A worker whose answer the test writes; counts its calls.
+// A worker that returns the result of the test's function and counts its calls.
 struct Probe {
     Expect::Result* operator()(ResHandle handle) {
         ++calls;
@@ -140,7 +140,7 @@ TEST(Expect, BusyWorkerDoesNotStretchTheTime) {
     EXPECT_GT(probe->calls, 1);
 }
 
-// A caller that runs the loop second after second must not spin once its last worker is gone.
+// A caller that runs the loop every second must not spin after its last worker has ended.
 TEST(Expect, RunWithoutWorkersLastsItsTimeOrEndsAtOnce) {
     Expect expect;
     EXPECT_GE(SecondsOf([&] { expect.Run(40); }), 0.04);
@@ -249,7 +249,7 @@ TEST(Expect, WorkerThatReplacesItselfRunsToItsEnd) {
     struct Replaced {
         Expect::Result* operator()(ResHandle handle) {
             loop.Add(std::move(handle), POLLIN, successor);
-            // Freed memory if nothing held the worker meanwhile.
+            // This is freed memory if the loop does not keep the worker alive.
             marks += "still here";
             return Expect::erOk;
         }

@@ -1,4 +1,4 @@
-// What the error codes of storages mean, and the search in servers' texts.
+// The kinds of storage failures, and the preparation of servers' texts for a search.
 #include "failure.h"
 
 #include <gtest/gtest.h>

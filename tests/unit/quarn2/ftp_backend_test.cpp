@@ -1,4 +1,4 @@
-// What FTP tokens must say, and the names of unfinished uploads.
+// The validation of FTP tokens, and the temporary names of uploads.
 #include <gmock/gmock.h>
 
 #include <memory>

@@ -109,7 +109,7 @@ TEST(FtpMachineListing, TypeOfOneFile) {
     EXPECT_EQ(ParseFacts(""), std::nullopt);
 }
 
-// --- Listings for people ---
+// --- Human-readable listings ---
 
 TEST(FtpListing, UnixInItsVariants) {
     const Listing listing = ParseListing(

@@ -1,5 +1,4 @@
-// What the replies of FTP servers mean: the table of codes, and the texts where a code leaves it
-// open.
+// The meaning of FTP replies: by code, and by text if the code is ambiguous.
 #include <gmock/gmock.h>
 
 #include "backends/ftp/meaning.h"
@@ -15,7 +14,7 @@ using quarn2::ftp::WithoutNames;
 
 namespace {
 
-// The reply that a session hears to the command.
+// Returns the reply that a session parses after the command.
 Reply ReplyTo(const std::string& command, const std::string& line,
               const std::string& login = "web1") {
     Transcript transcript;

@@ -1,4 +1,4 @@
-// Listings, removals and refusals on FTP servers that lack commands or answer in their own way.
+// Listings, removals and refusals on FTP servers that lack commands or send unusual replies.
 #include <gmock/gmock.h>
 
 #include <map>
@@ -22,7 +22,8 @@ using FtpServers = ScriptedFtp;
 
 // --- Servers without machine listings ---
 
-// Lists the directory that the session is in, as vsftpd does. Logins begin in "/".
+// A server without MLSD that lists the current directory of the session, as vsftpd does. A login
+// starts in "/".
 class FtpWithoutMlsd : public ScriptedFtp {
   protected:
     FtpWithoutMlsd() {
@@ -96,7 +97,7 @@ TEST_F(FtpWithoutMlsd, ClearRemovesTheFilesOfTheStorageAlone) {
     EXPECT_THAT(removed_, ElementsAre("/dir/a", "/dir/.b"));
 }
 
-// A server that knows no options takes "-a" for the name of a file, which may exist.
+// A server without options interprets "-a" as the name of a file, which may exist.
 TEST_F(FtpWithoutMlsd, OptionThatIsTakenForAFileHidesNothing) {
     hidden_ = Line("-a");
     EXPECT_THAT(List(*Open(), "user"), ElementsAre("2026-11-20"));
@@ -117,7 +118,7 @@ TEST_F(FtpWithoutMlsd, TroubleThatMayPassIsNotAMissingDirectory) {
 
 // --- Machine listings ---
 
-// Such a server understands the command. LIST, which may not show hidden files, is not needed.
+// The server supports MLSD. The client must not use LIST, which may not show hidden files.
 TEST_F(FtpServers, RefusalToListAFileDoesNotEndMachineListings) {
     Serve({{"MLSD",
             [](FtpSession& session, const std::string& path) {
@@ -138,7 +139,7 @@ TEST_F(FtpServers, RefusalToListAFileDoesNotEndMachineListings) {
     EXPECT_THAT(server_->Seen(), Not(Contains("LIST")));
 }
 
-// --- Servers with demands on TLS ---
+// --- Servers with TLS requirements ---
 
 using FtpsServers = EncryptedFtp<ScriptedFtp>;
 
@@ -150,7 +151,7 @@ TEST_F(FtpsServers, OneWithoutTls12IsServedByTls13) {
     EXPECT_THAT(names_, ElementsAre("F2026-11-20.web1.tgz"));
 }
 
-// Each connection has one transfer: then its TLS session has expired.
+// A server that allows one transfer per connection, as if the TLS session then expired.
 class FtpWithShortSessions : public ScriptedFtp {
   protected:
     FtpWithShortSessions() {
@@ -206,7 +207,7 @@ TEST_F(FtpWithShortSessions, ServerThatRefusesEachIsAskedTwice) {
 
 // --- Uploads that fail ---
 
-// Has room for some bytes, and does not say so when it has no more.
+// A server with limited space that does not report that it is full.
 class FtpWithLittleRoom : public ScriptedFtp {
   protected:
     void ServeWith(std::map<std::string, ScriptedFtpServer::Answer> more = {}) {
@@ -247,7 +248,7 @@ TEST_F(FtpWithLittleRoom, IsFullWhenTheRemovalOfThePartMakesRoom) {
     EXPECT_THAT(files_, IsEmpty());
 }
 
-// Evictions make no room on a broken disk.
+// Evictions free no space on a broken disk.
 TEST_F(FtpWithLittleRoom, IsNotFullWhenWritesKeepFailing) {
     room_ = 1U << 20U;
     is_broken_ = true;
@@ -290,7 +291,7 @@ TEST_F(FtpWithLittleRoom, NameOfAFileIsNoReason) {
 
 // --- Logins that are refused ---
 
-// Refused credentials make callers remove what they wanted to store.
+// Callers drop an upload when the credentials are refused.
 TEST_F(FtpServers, OnlyARefusedPasswordIsUnauthorized) {
     const std::pair<std::string, std::string> cases[] = {
         {"530 Login incorrect.", "unauthorized"},

@@ -25,7 +25,7 @@ class FtpsSite : public ServedDirectorySite {
         return ports;
     }
 
-    // So does pure-ftpd for the sake of clients on Windows.
+    // pure-ftpd refuses backslashes, for the sake of clients on Windows.
     bool RefusesName(const std::string& name) const override {
         return info()["name"] == "ftp" && name.find('\\') != std::string::npos;
     }
@@ -36,7 +36,7 @@ class FtpsSite : public ServedDirectorySite {
     }
 };
 
-// In the clear.
+// Without encryption.
 class FtpSite : public FtpsSite {
   public:
     TokenParts Parts() const override {
@@ -52,13 +52,13 @@ class Ftps2Site : public FtpsSite {
     Ftps2Site() : FtpsSite("ftp2") {}
 };
 
-// On vsftpd, with the demand that data connections reuse the TLS session.
+// On vsftpd, which requires that data connections reuse the TLS session.
 class Ftps3Site : public FtpsSite {
   public:
     Ftps3Site() : FtpsSite("ftp3") {}
 };
 
-// On vsftpd, without that demand.
+// On vsftpd, without this requirement.
 class Ftps3LenientSite : public Ftps3Site {
   public:
     TokenParts Parts() const override {

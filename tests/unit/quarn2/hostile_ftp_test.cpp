@@ -1,5 +1,5 @@
-// FTP servers that mean no good: talk and listings without end, lies about sizes, other addresses,
-// less encryption than was asked for.
+// Hostile FTP servers: endless replies and listings, false sizes, other addresses, weaker
+// encryption than requested.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -26,7 +26,7 @@ TEST_F(HostileFtp, OrdinaryAnswersAreTaken) {
     EXPECT_THAT(names_, testing::IsEmpty());
 }
 
-// --- Without end ---
+// --- Endless data ---
 
 TEST_F(HostileFtp, TalkWithoutEnd) {
     for (const std::string verb : {"", "USER", "PASS", "EPSV", "MLSD"}) {
@@ -66,7 +66,7 @@ TEST_F(HostileFtp, DirectoriesWithoutEnd) {
     EXPECT_THAT(ErrorOf([&] { Open()->Clear(); }), HasSubstr("shows directories without end"));
 }
 
-// What the server said the size is, it gives.
+// The client reads only as many bytes as the server reported.
 TEST_F(HostileFtp, FileWithoutEnd) {
     Serve({{"SIZE", Saying("213 5")}, {"RETR", Sending("", "bytes")}});
     const std::string file = folder_ / "file";
@@ -74,7 +74,7 @@ TEST_F(HostileFtp, FileWithoutEnd) {
     EXPECT_EQ(local_files::Load(file), "bytes");
 }
 
-// --- Lies ---
+// --- False information ---
 
 TEST_F(HostileFtp, FileShorterThanItsSize) {
     Serve({{"SIZE", Saying("213 100")}, {"RETR", Sending("short", "")}});
@@ -88,7 +88,7 @@ TEST_F(HostileFtp, UploadOfWhichTheServerHasLess) {
     EXPECT_THAT(server_->Seen(), Not(Contains("RNTO")));
 }
 
-// --- Elsewhere ---
+// --- Other addresses ---
 
 TEST_F(HostileFtp, DataConnectionGoesToTheServerAlone) {
     const LoopbackListener other("127.0.0.2");
@@ -173,7 +173,8 @@ TEST_F(HostileFtps, EncryptedFileWithoutEnd) {
         HasSubstr("sends more than the file's size"));
 }
 
-// The client takes the server at its word that the channel is protected, and finds out.
+// The server accepts the protection of the data channel, but sends plain data. The client must
+// notice.
 TEST_F(HostileFtps, DataInTheClearIsNotTaken) {
     Serve({{"AUTH", Encrypting("234 Go on\r\n")},
            {"MLSD", Sending("type=cdir; .\r\ntype=file; planted\r\n", "")}});

@@ -1,4 +1,4 @@
-// Storages behind HTTP servers that mean no good.
+// The fixture of storages behind hostile HTTP servers.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -52,12 +52,12 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
                "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) + GetParam().path +
                "?timeout=2" + more;
     }
-    // A storage with connections of its own.
+    // Opens a storage with its own connections.
     std::shared_ptr<quarn2::Storage> Open(const std::string& more = "", bool tls = false) const {
         return quarn2::GetStorage(quarn2::BackupToken(Token(more, tls)));
     }
 
-    // Every deed that has an answer from the server.
+    // All operations that receive a response of the server.
     struct Deed {
         const char* name;
         std::function<void(quarn2::Storage&)> run;
@@ -78,7 +78,7 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
         return ErrorOf([&] { storage->List(names_, ""); });
     }
 
-    // Nothing that a hostile server does may cost the source, or leave half a target.
+    // A hostile server must not make the client damage the source or leave a partial target.
     void TearDown() override {
         EXPECT_EQ(local_files::Load(source_), "content");
         EXPECT_FALSE(local_files::Has(target_));

@@ -1,4 +1,5 @@
-// Servers that are not who they should be, or send the client elsewhere: they learn no secret.
+// Servers with a false identity, and servers that redirect the client. They must not receive a
+// secret.
 #include "hostile_http.h"
 #include "scripted_tls.h"
 
@@ -8,7 +9,7 @@ using scripted_tls::Certificate;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-// Answers before anything was asked.
+// A server that answers before it receives a request.
 class PlainTalker final : public ServerStream {
   public:
     using ServerStream::ServerStream;
@@ -20,7 +21,8 @@ class PlainTalker final : public ServerStream {
 
 class HostilePeer : public HostileHttp {
   protected:
-    // What every deed ends with, and no request arrives at all.
+    // Expects that every operation fails with an error that contains `part`, and that the server
+    // receives no request.
     void ExpectNothingSaid(const std::string& more, const std::string& part) {
         const auto storage = Open(more, true);
         for (const Deed& deed : Deeds()) {
@@ -29,7 +31,7 @@ class HostilePeer : public HostileHttp {
             EXPECT_THAT(ErrorOf([&] { deed.run(*storage); }), HasSubstr(part));
         }
         EXPECT_THAT(server_->SeenLines(), IsEmpty());
-        // Before the certificate that it shows.
+        // Ends the server before the test destroys the certificate.
         server_.reset();
     }
     void ServeTls(const Certificate& certificate) {
@@ -84,11 +86,12 @@ TEST_P(HostilePeer, CertificateThatHasExpired) {
 INSTANTIATE_TEST_SUITE_P(S3, HostilePeer, testing::Values(kS3));
 INSTANTIATE_TEST_SUITE_P(Webdav, HostilePeer, testing::Values(kWebdav));
 
-// --- Successes that are none ---
+// --- False successes ---
 
 class HostileSuccess : public HostileHttp {};
 
-// In parts; what the server tells of the whole is compared.
+// An upload in parts. The client compares its size with the size that the server reports for the
+// complete file.
 TEST_P(HostileSuccess, OfAnUploadInPartsThatIsShorter) {
     Serve([](HttpExchange& exchange) {
         if (exchange.method == "GET") {
@@ -114,7 +117,7 @@ TEST_P(HostileSuccess, OfAnUploadInPartsThatIsShorter) {
     EXPECT_TRUE(local_files::Has(large));
 }
 
-// The checksum that went up with the file comes down with it.
+// The server returns the checksum that was stored with the file.
 TEST_P(HostileSuccess, OfADownloadOfOtherBytes) {
     Serve([](HttpExchange& exchange) {
         exchange.Answer(200, "changed",

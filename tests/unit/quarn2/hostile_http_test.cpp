@@ -1,4 +1,4 @@
-// Listings and answers without end, and such as would have the client read something else.
+// Endless listings and responses, and responses that try to make the client read other data.
 #include "hostile_http.h"
 
 namespace {
@@ -8,7 +8,7 @@ using testing::HasSubstr;
 
 class HostileAnswer : public HostileHttp {
   protected:
-    // Answers what is asked for a listing with this XML, again and again.
+    // Answers every request with a listing that contains `head` and repeats `piece` without end.
     void ListWithoutEnd(const std::string& head, const std::string& piece) {
         Serve([head, piece](HttpExchange& exchange) {
             exchange.Body();
@@ -216,7 +216,7 @@ class HostilePages : public HostileHttp {
         return "<ListBucketResult>" + keys + "<NextContinuationToken>" + next +
                "</NextContinuationToken></ListBucketResult>";
     }
-    // The deeds that go from page to page.
+    // Returns the errors of the operations that read page after page.
     std::vector<std::string> Errors() {
         const auto storage = Open();
         std::vector<std::string> errors;

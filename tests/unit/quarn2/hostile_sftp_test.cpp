@@ -1,4 +1,4 @@
-// SFTP servers that show directories without end.
+// SFTP servers with endless directories.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -27,7 +27,8 @@ using testing::HasSubstr;
 constexpr std::uint32_t kDirectory = 040750;
 constexpr std::uint32_t kFile = 0100640;
 
-// Answers every reading of a directory with the same names, and so without end.
+// A server that answers every read of a directory with the same names, so that directories are
+// endless.
 class EndlessServer final : public quarn2::sftp::Stream {
   public:
     // `once`: each directory ends after one answer.
@@ -120,7 +121,7 @@ TEST_F(HostileSftp, AnswersWithoutNamesAndWithoutEnd) {
                 HasSubstr("a listing without end"));
 }
 
-// Each costs a request and a place in the queue, where all wait for the first.
+// Each piece needs a request and an entry in the queue, where all wait for the first piece.
 TEST_F(HostileSftp, FileInEverSmallerPieces) {
     struct Nowhere final : quarn2::ByteSink {
         void Write(std::span<const std::byte> /*bytes*/) override {}

@@ -1,4 +1,4 @@
-// A client and the server that it talks to.
+// The fixture with an HTTP client and its scripted server.
 #pragma once
 
 #include <gmock/gmock.h>
@@ -24,7 +24,7 @@ using quarn2::net::ServerSettings;
 using quarn2::net::TextBody;
 using Auth = quarn2::net::ServerSettings::Auth;
 
-// Keeps what it is given.
+// Records a reply.
 struct RecordingSink final : quarn2::net::ReplySink {
     void Begin(const HttpReply& reply) override {
         ++begun;
@@ -43,7 +43,7 @@ struct RecordingSink final : quarn2::net::ReplySink {
     std::string text;
 };
 
-// A body that tells how it was used.
+// A body that counts its reads and rewinds.
 struct CountingBody final : quarn2::net::HttpBody {
     explicit CountingBody(std::string content) : text(std::move(content)) {}
     std::int64_t size() const override { return text.size(); }
@@ -75,7 +75,8 @@ class HttpClientTest : public testing::Test {
         for (const char* const name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy"}) {
             unsetenv(name);
         }
-        // As the program does: a server's side of TLS writes to connections that have gone.
+        // Ignores SIGPIPE as the program does: the TLS side of a scripted server writes to closed
+        // connections.
         std::signal(SIGPIPE, SIG_IGN);
     }
 

@@ -1,4 +1,4 @@
-// Requests to a server that answers what each test tells it to.
+// Requests of the HTTP client to a scripted server.
 #include "net/http_client.h"
 
 #include <gmock/gmock.h>
@@ -144,7 +144,7 @@ TEST_F(HttpClientTest, HeadHasNoBody) {
                 ElementsAre("HEAD /file", "GET /file", "HEAD /file", "GET /file"));
 }
 
-// --- What is sent ---
+// --- Requests ---
 
 TEST_F(HttpClientTest, SendsMethodHeadersAndBodyAsTheyAre) {
     Serve([](HttpExchange& exchange) { exchange.Answer(200); });
@@ -160,7 +160,8 @@ TEST_F(HttpClientTest, SendsMethodHeadersAndBodyAsTheyAre) {
     EXPECT_EQ(seen.body, "<a/>");
 }
 
-// A handle that has sent a body sends none with the next request, and the other way round.
+// A reused handle must not repeat the body of the previous request, and must send a body after a
+// request without one.
 TEST_F(HttpClientTest, MethodsTakeTurnsOnOneConnection) {
     Serve([](HttpExchange& exchange) { exchange.Answer(200, "answer"); });
     for (const char* const method : {"PUT", "GET", "POST", "MKCOL", "HEAD", "PUT", "DELETE"}) {
@@ -191,7 +192,7 @@ TEST_F(HttpClientTest, LargeBodyIsSentWhole) {
     EXPECT_TRUE(server_->Seen().at(0).body == content);
 }
 
-// Asking first costs a round trip.
+// The wait for "100 Continue" costs a round trip.
 TEST_F(HttpClientTest, OnlyALargeBodyWaitsForAnInvitation) {
     Serve([](HttpExchange& exchange) { exchange.Answer(201); });
     for (const std::size_t size : {0UL, 5UL, 1024UL * 1024 - 1, 1024UL * 1024}) {
@@ -223,7 +224,7 @@ TEST_F(HttpClientTest, ServerThatInvitesNobodyGetsTheBodyAllTheSame) {
     EXPECT_EQ(server_->Seen().at(0).body.size(), 2'000'000U);
 }
 
-// The server has seen enough and goes on neither reading nor listening.
+// The server refuses the request in the middle of the body and then reads nothing more.
 TEST_F(HttpClientTest, RefusalInTheMiddleOfABodyIsHeard) {
     Serve([](HttpExchange& exchange) {
         exchange.Write("HTTP/1.1 100 Continue\r\n\r\n");
@@ -268,7 +269,7 @@ TEST_F(HttpClientTest, SeveralRequestsRunAtOnce) {
     std::atomic<int> present = 0;
     Serve([&](HttpExchange& exchange) {
         ++present;
-        // Nobody is answered before all are here.
+        // Answers no request before all have arrived.
         while (present < 8) std::this_thread::yield();
         exchange.Answer(200, exchange.target);
     });
@@ -361,7 +362,8 @@ TEST_F(HttpClientTest, BasicIsSentAtOnce) {
     EXPECT_EQ(seen.at(0).body, "body");
 }
 
-// The challenge is fetched without the body, which then flows once, and later requests need none.
+// The client requests the challenge without the body and then sends the body once. Later requests
+// need no new challenge.
 TEST_F(HttpClientTest, DigestSendsEachBodyOnce) {
     Serve(
         [](HttpExchange& exchange) {
@@ -422,7 +424,7 @@ TEST_F(HttpClientTest, RefusedCredentialsAreAnAnswer) {
     }
 }
 
-// Whoever asked for digest must not have the password sent in the clear.
+// If a token selects digest authentication, the client must never send the password in plain text.
 TEST_F(HttpClientTest, DigestNeverFallsBackToBasic) {
     Serve(
         [](HttpExchange& exchange) {

@@ -1,4 +1,4 @@
-// Servers and connections that fail a client.
+// HTTP servers and connections that fail.
 #include <dlfcn.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,12 +24,12 @@ using Clock = std::chrono::steady_clock;
 
 constexpr const char* kSilentHost = "silent.invalid";
 
-// A resolver whose name server does not answer.
+// True for the host whose name server does not answer.
 bool IsSilent(const char* host) { return host != nullptr && std::string(host) == kSilentHost; }
 
 }  // namespace
 
-// Stands before the C library's own for the loaded libcurl too.
+// Replaces the function of the C library, for the shared library libcurl too.
 extern "C" int getaddrinfo(const char* host, const char* service, const addrinfo* hints,
                            addrinfo** result) {
     if (IsSilent(host)) {
@@ -64,7 +64,7 @@ class HttpTroubleTest : public HttpClientTest {
         return request;
     }
 
-    // Runs the action and tells how long it took, in seconds.
+    // Runs the action and returns its duration in seconds.
     template <class Action>
     static double Seconds(const Action& action) {
         const Clock::time_point begin = Clock::now();
@@ -75,7 +75,7 @@ class HttpTroubleTest : public HttpClientTest {
     TempDir temp_;
 };
 
-// --- Answers cut off ---
+// --- Truncated responses ---
 
 TEST_F(HttpTroubleTest, AnswerCutOffIsUnavailable) {
     Serve([](HttpExchange& exchange) {
@@ -131,7 +131,7 @@ TEST_F(HttpTroubleTest, NobodyThereIsUnavailable) {
 
 // --- Stalls ---
 
-// In seconds: the default timeout is 60, and a busy machine takes some seconds for itself.
+// In seconds. The default timeout is 60, and a busy machine needs some extra seconds.
 constexpr double kWellBelowTheDefault = 30;
 
 TEST_F(HttpTroubleTest, SilentServerIsGivenUpAfterTheTimeout) {
@@ -174,12 +174,12 @@ TEST_F(HttpTroubleTest, StallInTheMiddleOfABodyIsGivenUp) {
         });
     });
     end.Open();
-    // Its thread still stands in the gate.
+    // The server's thread may still use the gate.
     server_.reset();
     EXPECT_LT(seconds, kWellBelowTheDefault);
 }
 
-// Slow is not stalled.
+// A slow response is not a stalled response.
 TEST_F(HttpTroubleTest, SlowAnswerMayTakeLongerThanTheTimeout) {
     Serve([](HttpExchange& exchange) {
         exchange.Write("HTTP/1.1 200 OK\r\nContent-Length: 16\r\n\r\n");
@@ -226,7 +226,7 @@ TEST_F(HttpTroubleTest, ConnectionThatTheServerClosedMeanwhileIsReplaced) {
     EXPECT_EQ(server_->connections(), 5);
 }
 
-// The server reads the body before it goes: everything has to be sent a second time.
+// The server reads the body and then closes the connection. The client must send everything again.
 TEST_F(HttpTroubleTest, StaleConnectionThatTookTheBodyIsReplaced) {
     const std::string content = local_files::Noise(900'000);
     for (const bool reset : {false, true}) {
@@ -289,7 +289,7 @@ TEST_F(HttpTroubleTest, MissingCertificateFileIsNamed) {
 
 // --- Texts ---
 
-// The name that a certificate claims is quoted in the reason.
+// The error text quotes the name in the certificate.
 TEST_F(HttpTroubleTest, TextsOfAServerCannotSpoilALog) {
     const Certificate certificate("", 3600, "line\nfeed \x1b[31m");
     certificate.Save(temp_ / "ca");

@@ -18,7 +18,7 @@ using kro_err::Kind;
 using quarn2::BackupToken;
 using quarn2::GetStorage;
 
-// How many connections were opened and closed; what the next operation does.
+// The numbers of opened and closed connections, and the action of the next operation.
 std::atomic<int> opened = 0;
 std::atomic<int> closed = 0;
 std::function<void()> operation = [] {};
@@ -64,7 +64,7 @@ class IdleBackends : public testing::Test {
         static int number = 0;
         return scheme + "://host/" + std::to_string(++number);
     }
-    // The connections opened by `action`.
+    // Returns the number of connections that `action` opens.
     template <class Action>
     static int OpenedBy(const Action& action) {
         const int before = opened;
@@ -156,7 +156,7 @@ TEST_F(IdleBackends, DoNotCrossAFork) {
     if (child == 0) {
         const int closed_before = closed;
         const int opened_there = OpenedBy([&] { Use(token); });
-        // Nor is the parent's connection closed on its behalf.
+        // The child must not close the parent's connection either.
         _exit(opened_there == 1 && closed == closed_before ? 0 : 1);
     }
     int status = -1;

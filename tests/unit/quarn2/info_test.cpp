@@ -130,7 +130,7 @@ TEST(GetInfoFile, IsTheFirstThatExistsElseTheFirst) {
     EXPECT_EQ(find(), dir / name);
 }
 
-// Names come from listings, links and other machines.
+// Names come from storage listings, the master link and other machines, so they may be hostile.
 TEST(GetInfoFile, NeverLooksAboveItsDirectory) {
     const TempDir dir;
     std::filesystem::create_directories(dir / "root/x");
@@ -171,7 +171,7 @@ TEST_F(GetInfoFilesTest, FindsBothForms) {
     for (const char* const name :
          {"2026-11-20.web2.info", "custom.web1.info", "2026-11-19/2026-11-19.web1.info",
           "web1/2026-11-18/2026-11-18.web1.info", "web1/custom/custom.web1.info",
-          // None of a backup's places, or no info file.
+          // Not at a path of a backup, or not an info file.
           "web1/2026-11-17.web1.info", "web1/other/2026-11-17.web1.info",
           "2026-11-19/deeper/x.info", "web1/2026-11-18/deeper/x.info", "2026-11-20.web2.tgz",
           "2026-11-20.web2.info.attempts", ".2026-11-20.web2.info.part~", "info"}) {
@@ -236,7 +236,7 @@ TEST_F(GetInfoFilesTest, FollowsALinkToAUsersDirectoryUnlessItIsAnotherUsers) {
         std::filesystem::create_directory(outside / date);
         local_files::Save(outside / (std::string(date) + "/x.info"), "");
     }
-    // No link below the user's directory is followed.
+    // Links below the user's directory are not followed.
     std::filesystem::create_directory_symlink(outside / "2026-11-20", outside / "2026-11-22");
     for (const char* const user : {"web1", "web2"}) {
         std::filesystem::create_directory_symlink(outside.path(), dir_ / user);

@@ -1,4 +1,4 @@
-// What only the local storage has: its root, links and modes.
+// Features of the local storage only: its root, links and modes.
 #include <gmock/gmock.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -85,8 +85,8 @@ TEST_F(LocalBackend, UploadWaitsForARootThatComesBack) {
     EXPECT_TRUE(storage_->Upload("a/b", source_));
 }
 
-// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
-// old backups.
+// Each line matters: the caller drops an upload at once for "unauthorized", and deletes old backups
+// for "no room".
 TEST(LocalErrno, HasOneMeaning) {
     using enum quarn2::Failure;
     const std::map<int, quarn2::Failure> failures = {{ENOSPC, kNoRoom},
@@ -181,7 +181,7 @@ class LocalBackendOfOthers : public LocalBackend {
         Link("user/there");
         Link("there");
     }
-    // As another user who can write to the storage's directory would lay it.
+    // Creates a link as another user with write access to the storage's directory could.
     void Link(const std::string& name) const {
         std::filesystem::create_directory_symlink(outside_.path(), root_ / name);
         ASSERT_EQ(lchown((root_ / name).c_str(), 65534, 65534), 0);

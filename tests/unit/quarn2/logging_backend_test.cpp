@@ -1,4 +1,4 @@
-// The lines about storage operations that an operator reads when looking for trouble.
+// The log lines that storage operations write for the operator.
 #include "src/logging_backend.h"
 
 #include <gmock/gmock.h>
@@ -33,7 +33,7 @@ class LoggingBackend : public testing::Test {
         std::filesystem::current_path("/");
     }
 
-    // The lines from the level on, durations replaced by "N".
+    // Returns the log lines from their level on, with "N" in place of durations.
     std::vector<std::string> Lines() const {
         std::vector<std::string> lines;
         std::istringstream log(local_files::Load(directory_ / "var/prog.log"));

@@ -1,4 +1,4 @@
-// The hands that the storage in memory gives to tests.
+// The functions that the storage in memory offers to tests.
 #include <gmock/gmock.h>
 
 #include "backends/memory/memory_backend.h"

@@ -1,4 +1,5 @@
-// The locks of temporary names: held once, freed by death, out of other users' reach.
+// The locks of temporary names: one holder at a time, released when the holder dies, not accessible
+// to other users.
 #include "name_lock.h"
 
 #include <fcntl.h>
@@ -24,10 +25,10 @@ using quarn2::TryLockName;
 
 constexpr uid_t kNobody = 65534;
 
-// One for each run, so that runs beside this one are not met.
+// A separate name for each run, so that parallel runs do not collide.
 std::string Name() { return "quarn2-test-" + str::Str(getpid()); }
 
-// The exit status of a child that does this as another user.
+// Runs the deed in a child process as another user and returns its exit status.
 int AsNobody(const std::function<int()>& deed) {
     const pid_t child = fork();
     if (child == 0) {
@@ -39,7 +40,7 @@ int AsNobody(const std::function<int()>& deed) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-// Binds the name as a socket without a file.
+// Binds the name as an abstract socket, which has no file.
 bool BindAbstract(const std::string& name) {
     const int fd = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address = {};
@@ -97,7 +98,7 @@ TEST(NameLock, CannotBeTakenByAnotherUser) {
               0);
 }
 
-// Anybody can bind such names, and sees those that are bound.
+// Any user can bind abstract names and see the bound ones.
 TEST(NameLock, IsNoAbstractSocket) {
     ASSERT_EQ(geteuid(), 0U) << "other users are played by root alone";
     auto [ready, tell] = kro_proc::Pipe();

@@ -227,7 +227,8 @@ TEST(CreateAttemptsFile, AddsALineForEveryGiveUp) {
                              "[0-9]{4}-[0-9]{2}-[0-9]{2} [0-9:]{8} the disk\\\\nis full\n"));
 }
 
-// It is written while another error is on its way out, which must not be lost for it.
+// The program writes this file while it handles another error. A failure here must not replace that
+// error.
 TEST(CreateAttemptsFile, KeepsItsOwnTroubleToItself) {
     const TempDir dir;
     EXPECT_NO_THROW(CreateAttemptsFile(dir / "missing/file"));

@@ -1,4 +1,4 @@
-// The limit of bytes per second, by a clock on which only sleeps and stalls take time.
+// The limit of bytes per second, with a clock that only sleeps and stalls advance.
 #include "src/rate_limit.h"
 
 #include <gmock/gmock.h>
@@ -50,7 +50,7 @@ struct TextSink final : quarn2::ByteSink {
     int stall = 0;
 };
 
-// Sleeps are whole milliseconds, so the last one may be lost.
+// Sleeps are whole milliseconds, so the sum may be one millisecond short.
 void ExpectSlept(int milliseconds) {
     EXPECT_LE(Slept(), milliseconds);
     EXPECT_GE(Slept(), milliseconds - 1);
@@ -76,7 +76,7 @@ TEST_F(RateLimit, NoSingleSleepIsLongerThanAPiece) {
     store_->SetFile("file", local_files::Noise(kHalfASecond));
     TextSink sink;
     Limited(kRate)->Get("file", sink);
-    // What is left of a millisecond is slept the next time.
+    // The rest of a millisecond is added to the next sleep.
     EXPECT_THAT(fake_clock::Sleeps(), testing::Each(testing::Le(101)));
     EXPECT_THAT(fake_clock::Sleeps(), testing::Not(testing::IsEmpty()));
 }
@@ -90,8 +90,8 @@ TEST_F(RateLimit, ARateBelowTenBytesGoesByteByByte) {
     ExpectSlept(222);
 }
 
-// A second and a half of standing still must not be followed by as much at full speed: the pieces
-// behind it keep the rate.
+// The transfer must not make up for a stall of 1.5 seconds at full speed: the pieces after it keep
+// the rate.
 TEST_F(RateLimit, AStallIsNotMadeUpFor) {
     store_->SetFile("file", local_files::Noise(kHalfASecond));
     TextSink sink;

@@ -1,4 +1,4 @@
-// Answers of S3 servers, keys and the plan of an upload in parts.
+// Responses of S3 servers, keys, and the plan of an upload in parts.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -73,8 +73,8 @@ TEST(S3Refusal, ShowsNoControlCharacters) {
     EXPECT_EQ(Refused(400, "Odd", "two&#10;lines").Text(), "Odd: two lines (HTTP 400)");
 }
 
-// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
-// old backups.
+// Each line matters: the caller drops an upload at once for "unauthorized", and deletes old backups
+// for "no room".
 TEST(S3Refusal, HasOneMeaningForEachCode) {
     using enum Failure;
     const struct {

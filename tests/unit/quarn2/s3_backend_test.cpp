@@ -1,4 +1,4 @@
-// The S3 storage with servers and proxies that answer what real ones seldom do.
+// The S3 storage with servers and proxies that send unusual responses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -36,7 +36,7 @@ class S3BackendTest : public testing::Test {
     static std::string ErrorBody(const std::string& code, const std::string& message = "") {
         return "<Error><Code>" + code + "</Code><Message>" + message + "</Message></Error>";
     }
-    // Answers what an upload or a removal asks for besides; false for another request.
+    // Answers the listing requests of an upload or a removal. Returns false for another request.
     static bool AnswerListing(HttpExchange& exchange) {
         if (exchange.method != "GET" || exchange.target.find('?') == std::string::npos) {
             return false;
@@ -96,7 +96,7 @@ TEST_F(S3BackendTest, QuotaThatRefusesTheBeginningOfAnUploadIsNoRoom) {
     EXPECT_THAT(server_->SeenLines(), Not(Contains(StartsWith("PUT "))));
 }
 
-// A proxy whose server is gone answers like this. The file is still there.
+// A proxy sends such a page when its server is down. The file still exists.
 TEST_F(S3BackendTest, PageOfAProxyIsNoMissingFile) {
     Serve([](HttpExchange& exchange) {
         if (!AnswerListing(exchange)) exchange.Answer(404, kMissingPage);

@@ -158,7 +158,7 @@ TEST(S3Token, DecodesKeysAndHidesTheSecretOne) {
     EXPECT_EQ(token.Str(), "s3://acc%3Aount%2B:***@host/bucket");
 }
 
-// The Host header leaves out the protocol's own port, and is signed.
+// The Host header is signed, and it omits the default port of the protocol.
 TEST(S3Token, LeavesOutThePortThatTheProtocolHasAnyway) {
     EXPECT_EQ(AddressOf(BackupToken("s3://A:S@host:443/bucket")).host, "host");
     EXPECT_EQ(AddressOf(BackupToken("s3://A:S@host:80/bucket")).host, "host:80");

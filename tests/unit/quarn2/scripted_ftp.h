@@ -72,7 +72,7 @@ class ScriptedFtp : public testing::Test {
     std::unique_ptr<ScriptedFtpServer> server_;
 };
 
-// The same with a certificate.
+// The same with TLS and a certificate.
 template <class Plain>
 class EncryptedFtp : public Plain {
   protected:

@@ -1,5 +1,5 @@
-// What the suites over real servers rest on: the sites see what lies on a storage, fill it up and
-// clear away.
+// Tests of the sites that the suites with real servers use: the sites list all files on a storage,
+// limit its space and clean up.
 #include <gmock/gmock.h>
 
 #include <fstream>
@@ -38,7 +38,7 @@ INSTANTIATE_TEST_SUITE_P(All, ServerSites,
                                          SiteKind<FtpsSite>("ftp"), SiteKind<Ftps2Site>("ftp2")),
                          NameOfKind<StorageKind>);
 
-// To look behind the site's face.
+// Makes the directory of the site public.
 class OpenSite : public SftpSite {
   public:
     using SftpSite::directory;

@@ -1,5 +1,5 @@
-// An SFTP server in memory, as stubborn as a test wants it. It answers a request as soon as it is
-// sent; the answers are read in pieces of any size.
+// An SFTP server in memory with faults that a test selects. It answers each request at once. The
+// client reads the answers in pieces of any size.
 #pragma once
 
 #include <algorithm>
@@ -30,26 +30,26 @@ inline std::string Text(std::span<const std::byte> bytes) {
     return text;
 }
 
-// What outlives a connection.
+// The state that outlives a connection.
 struct Disk {
     std::map<std::string, std::string> files;
     std::set<std::string> directories = {"/root"};
     std::set<std::string> extensions;
     bool refuse_writes = false;
     std::uint64_t free_blocks = 1 << 20;
-    int requests_left = -1;        // then the connection breaks; -1: never
-    std::size_t longest_read = 0;  // what a read gives at most; 0: what is asked for
+    int requests_left = -1;        // until the connection breaks; -1: never
+    std::size_t longest_read = 0;  // maximum bytes per read; 0: as requested
     bool backwards = false;        // answers to reads come in the opposite order
-    std::string growing;           // a file that another writes to
-    std::uint64_t told_size = 0;   // what is told of every file; 0: the truth
+    std::string growing;           // a file that another client writes to
+    std::uint64_t told_size = 0;   // the reported size of all files; 0: their real size
     bool needs_truncate = false;  // refuses to create a file without this flag, and with it ignores
                                   // that the file must not exist
     bool writes_back = false;     // a file's data appear when it is closed
     bool late_time = false;       // the modification time is that of the close
-    std::map<std::string, std::string> replaced;  // what others put there when a file is closed
-    Code write_code = Code::kFailure;             // and text, for refused writes
+    std::map<std::string, std::string> replaced;  // content that another client writes at close
+    Code write_code = Code::kFailure;             // of refused writes, with write_text
     std::string write_text = "Failure";
-    std::map<std::string, std::string> unwritten;  // what a server that writes back holds
+    std::map<std::string, std::string> unwritten;  // data of files that are not closed yet
     std::map<std::string, std::uint32_t> times;
     std::vector<Type> requests;
 };
@@ -82,7 +82,7 @@ class Server final : public quarn2::sftp::Stream {
 
     void CheckAlive() override {}
 
-    // Whatever the next answer shall be.
+    // Appends bytes to the answers.
     void Say(const std::string& bytes) { out_ += bytes; }
 
   private:

@@ -1,4 +1,4 @@
-// Which host keys are trusted.
+// The check of host keys.
 #include <gmock/gmock.h>
 
 #include "backends/sftp/known_hosts.h"

@@ -1,4 +1,4 @@
-// Logging in at a real server: whom it lets in, and whether it is the right one.
+// Logins at a real server: accepted and refused credentials, and the check of the server's key.
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -15,7 +15,7 @@ using testing::Optional;
 
 class SftpLogin : public testing::Test {
   protected:
-    // The error of a listing with this token.
+    // The error of a listing; empty if the listing succeeds.
     struct Outcome {
         std::optional<Kind> kind;
         std::string text;

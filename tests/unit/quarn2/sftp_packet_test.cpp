@@ -1,4 +1,4 @@
-// The packets of SFTP, and what becomes of those that are wrong.
+// The packets of SFTP, and the handling of invalid packets.
 #include <gmock/gmock.h>
 
 #include "backends/sftp/packet.h"
@@ -185,7 +185,7 @@ TEST(SftpSession, EscapesWhatTheServerSays) {
               "the server says 'x\\x1b[2Jy'");
 }
 
-// A stream whose server greets as a test likes.
+// A stream that contains a greeting of the test.
 class Greeter final : public quarn2::sftp::Stream {
   public:
     explicit Greeter(std::string text) : text_(std::move(text)) {}

@@ -1,4 +1,5 @@
-// Uploads to and downloads from servers that are less able than OpenSSH's, or break off.
+// Uploads and downloads with servers that have fewer features than OpenSSH's, or that interrupt the
+// connection.
 #include <gmock/gmock.h>
 
 #include "backends/sftp/download.h"
@@ -61,12 +62,12 @@ TEST_F(SftpTransfer, ReplacesAFileWithoutTheExtension) {
     EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "new")));
 }
 
-// Every moment at which the connection can break is tried.
+// Breaks the connection after each possible number of requests.
 TEST_F(SftpTransfer, NeverLosesTheOldFileWithoutTheExtension) {
     int breaks = 0;
     for (int requests = 0;; ++requests) {
         disk_.files = {{kPath, "old"}};
-        disk_.requests_left = requests + 1;  // and the greeting
+        disk_.requests_left = requests + 1;  // plus the greeting
         const auto kind = KindOf([this] { Put("file", "new"); });
         disk_.requests_left = -1;
         const std::string got = Get("file");
@@ -123,7 +124,7 @@ TEST_F(SftpTransfer, StoresWhereDataAndTimeAppearAtTheClose) {
     EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "content")));
 }
 
-// The other machine's file stays: it is at work.
+// The other machine's file stays, because that machine still writes it.
 TEST_F(SftpTransfer, NeverRenamesAFileThatAnotherMachineHasBegun) {
     disk_.replaced = {{kTemporary, "cont"}};
     EXPECT_THAT(KindOf([this] { Put("file", "content"); }), Optional(Kind::kUnavailable));
@@ -188,8 +189,8 @@ TEST_F(SftpTransfer, UploadWhoseFileVanishedIsWorthAnotherTry) {
     EXPECT_THAT(KindOf([this] { Put("file", "x"); }), Optional(Kind::kUnavailable));
 }
 
-// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
-// old backups.
+// Each line matters: the caller drops an upload at once for "unauthorized", and deletes old backups
+// for "no room".
 TEST(SftpStatus, HasOneMeaningForEachCode) {
     using enum quarn2::Failure;
     using enum quarn2::sftp::Code;
@@ -246,7 +247,7 @@ TEST_F(SftpTransfer, PutsShortAndDisorderedAnswersTogether) {
     EXPECT_TRUE(Get("file") == disk_.files[kPath]);
 }
 
-// Whoever watches the download would be told that less than nothing is to come.
+// Otherwise the observer of the download would get a negative size.
 TEST_F(SftpTransfer, RefusesASizeThatNoFileHas) {
     EXPECT_TRUE(Put("file", "content"));
     disk_.told_size = std::uint64_t{1} << 63U;

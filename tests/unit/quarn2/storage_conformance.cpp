@@ -12,7 +12,7 @@ using testing::IsEmpty;
 using testing::Optional;
 using Names = std::vector<std::string>;
 
-// More than any piece that a transfer is cut into.
+// Larger than any piece of a transfer.
 inline constexpr std::size_t kSeveralPieces = 17 * 1024 * 1024 + 1;
 
 // Records the calls of an observer.
@@ -181,7 +181,8 @@ TEST_P(StorageConformance, DownloadReplacesTheLocalFileAndLeavesNothingBeside) {
     EXPECT_EQ(files, 2) << "the source and the target";
 }
 
-// A missing local directory must not pass for a missing file on the storage.
+// The error for a missing local directory must differ from the error for a missing file on the
+// storage.
 TEST_P(StorageConformance, DownloadIntoAMissingDirectoryFails) {
     EXPECT_TRUE(Upload("file", "x"));
     EXPECT_THAT(KindOf([&] { storage_->Download("file", local_ / "no/target"); }),
@@ -290,7 +291,7 @@ TEST_P(StorageConformance, MkDirCanBeRepeated) {
     EXPECT_EQ(List("user/2026-11-20"), Names{"file"});
 }
 
-// --- Watched transfers ---
+// --- Observed transfers ---
 
 TEST_P(StorageConformance, ObserverSeesAllBytesOfAnUpload) {
     for (const std::size_t size : {std::size_t{0}, std::size_t{1}, kSeveralPieces}) {
@@ -401,7 +402,8 @@ TEST_P(StorageConformance, FullStorageIsFalseAndKeepsTheOldFile) {
 
 // --- Several at once ---
 
-// An error of one of them is this test's, not the end of all tests.
+// Reports an exception of a thread as a failure of this test. Otherwise it would end the test
+// program.
 template <class Work>
 void FourAtOnce(const Work& work) {
     std::vector<std::thread> threads;

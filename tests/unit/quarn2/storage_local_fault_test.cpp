@@ -1,4 +1,4 @@
-// What the local storage does when the system fails under it: calls are replaced by the linker.
+// The local storage when system calls fail. The linker replaces the calls.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
@@ -20,7 +20,8 @@ using testing::Optional;
 
 namespace {
 
-// What the next calls of a function do first: an errno other than 0 makes them fail with it.
+// Functions that run at the start of the replaced calls, by the name of the call. A result other
+// than 0 makes the call fail with this errno.
 std::map<std::string, std::function<int()>>& Faults() {
     static std::map<std::string, std::function<int()>> faults;
     return faults;
@@ -59,7 +60,7 @@ int __wrap_rename(const char* from, const char* to) {
 int __wrap_mkdir(const char* path, mode_t mode) {
     return Fails("mkdir") ? -1 : __real_mkdir(path, mode);
 }
-// A clone inside the file system would make the copying calls needless.
+// Always fails: with a clone in the file system, the tested copy calls would not happen.
 int __wrap_ioctl(int, unsigned long, ...) {
     errno = EOPNOTSUPP;
     return -1;
@@ -89,7 +90,7 @@ class LocalFaults : public testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-    // Uploads in a child that ends by the signal which a fault raises.
+    // Uploads in a child process. A fault ends it with a signal.
     void UploadAndBeKilled(const std::string& remote) {
         const pid_t child = fork();
         ASSERT_GE(child, 0);
@@ -187,7 +188,7 @@ INSTANTIATE_TEST_SUITE_P(Local, LocalBroken,
                                          Broken{{"write", "pwrite", ESTALE}, Kind::kUnavailable}),
                          [](const auto& test) { return test.param.fault.name; });
 
-// As when the disk is unmounted between two system calls.
+// Simulates that the disk is unmounted between two system calls.
 TEST_F(LocalFaults, RootThatGoesDuringTheUploadIsWorthAnotherTry) {
     const std::string elsewhere = local_ / "unmounted";
     for (const char* const function : {"pwrite", "fsync", "rename", "mkdir"}) {
@@ -218,7 +219,7 @@ TEST_F(LocalFaults, EachErrorOfARemovalHasItsKind) {
     EXPECT_THAT(KindOf([&] { storage_->MkDir("new"); }), Optional(Kind::kUnavailable));
 }
 
-// The new file stands under its name already: "no room, nothing stored" would be a lie.
+// The new file already has its final name, so "no room, nothing stored" would be false.
 TEST_F(LocalFaults, FullDiskAfterTheRenameIsAFailure) {
     Faults()["fsync"] = After(1, ENOSPC);
     EXPECT_THAT(KindOf([&] { storage_->Upload("file", source_); }), Optional(Kind::kFailed));

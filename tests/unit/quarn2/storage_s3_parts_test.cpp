@@ -1,4 +1,4 @@
-// What S3 alone has: uploads in parts, and keys of other programs.
+// Features of S3 only: uploads in parts, and keys of other programs.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -22,7 +22,7 @@ using Names = std::vector<std::string>;
 
 constexpr std::size_t kSeveralParts = 40 * 1024 * 1024 + 1;
 
-// Counts what is read, and lets a test do something in the middle.
+// Counts the bytes that are read, and runs an action of the test in the middle.
 class WatchedSource final : public TextSource {
   public:
     using TextSource::TextSource;
@@ -40,7 +40,7 @@ class WatchedSource final : public TextSource {
     bool in_order = true;
 };
 
-// Keeps what it is given, as slowly as a test wants.
+// Stores all bytes, with a pause that the test sets before each write.
 struct TextSink final : quarn2::ByteSink {
     void Write(std::span<const std::byte> bytes) override {
         if (nap.count() > 0) std::this_thread::sleep_for(nap);
@@ -62,7 +62,7 @@ class S3Parts : public testing::Test {
         return sink.text;
     }
 
-    // A request for each key below the prefix, several at once.
+    // Sends one request for each key below the prefix, several at once.
     void ForEachKey(const Names& keys, const std::function<Call(const std::string&)>& make) {
         constexpr std::size_t kAtOnce = 8;
         for (const std::string& key : keys) {
@@ -108,7 +108,7 @@ TEST_F(S3Parts, AreReadOnceAndInOrder) {
     EXPECT_TRUE(Get("file") == local_files::Noise(kSeveralParts));
 }
 
-// A slow sink lets all ranges of a download that are under way end at the same moment.
+// With a slow sink, all running range requests of a download end at the same time.
 TEST_F(S3Parts, AreAllFetchedForASlowSink) {
     TextSource source(local_files::Noise(kSeveralParts));
     ASSERT_TRUE(backend_->Put("file", source));
@@ -169,7 +169,8 @@ TEST_F(S3Parts, LeaveNothingWhenThereIsNoRoom) {
     TextSource old("old");
     ASSERT_TRUE(backend_->Put("file", old));
     ASSERT_TRUE(site_.LimitRoom(20 * 1024 * 1024));
-    // The gateway counts parts only once they have arrived: some more than those under way at once.
+    // The gateway counts a part only after its arrival. The upload therefore needs more parts than
+    // it sends at once.
     TextSource source(local_files::Noise(3 * kSeveralParts));
     EXPECT_FALSE(backend_->Put("file", source));
     EXPECT_EQ(Get("file"), "old");

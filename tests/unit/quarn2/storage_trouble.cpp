@@ -36,7 +36,7 @@ TEST_P(StorageTrouble, DownloadClosed) { TestDownload(Harm::kClose, {Way::kDown,
 
 TEST_P(StorageTrouble, DownloadStalled) { TestDownload(Harm::kStall, {Way::kDown, kLarge / 2}); }
 
-// A backend may try again by itself, or leave that to the caller.
+// A backend may retry by itself, or leave the retry to the caller.
 TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
     const std::string content = local_files::Noise(kLarge);
     ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile("old")));
@@ -76,7 +76,7 @@ TEST_P(StorageTrouble, AKilledUploadIsNotShownAndGoesWithTheNext) {
     EXPECT_EQ(names, Names{"file"});
     EXPECT_EQ(Download(*storage, "dir/file"), "old");
     ExpectSoonAtMostLeftoversBeside("dir/file");
-    // An uploader need not look for what others have left in the last few seconds.
+    // An upload need not remove leftovers of the last few seconds.
     EXPECT_TRUE(SoonTrue([&] {
         EXPECT_TRUE(storage->Upload("dir/file", LocalFile("next")));
         return site_->Everything() == Names{"dir/file"};
@@ -156,7 +156,7 @@ TEST_P(StorageTrouble, AServerThatNeverAnswers) {
     ExpectUnavailable([&] { OpenThroughRelay(kTimeout)->Upload("file", LocalFile("x")); });
 }
 
-// A server that falls silent between two operations, of an object that has talked to it.
+// The server falls silent between two operations of the same storage object.
 TEST_P(StorageTrouble, AServerThatAnswersNoMore) {
     const auto storage = OpenThroughRelay(kTimeout);
     ASSERT_TRUE(storage->Upload("file", LocalFile("x")));

@@ -1,4 +1,4 @@
-// The suite of troubles over FTP: ProFTPD.
+// The suite of network failures over FTP: ProFTPD.
 #include "ftp_site.h"
 #include "storage_trouble.h"
 

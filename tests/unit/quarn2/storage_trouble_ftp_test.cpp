@@ -1,4 +1,4 @@
-// The suite of troubles over FTP: pure-ftpd.
+// The suite of network failures over FTP: pure-ftpd.
 #include "ftp_site.h"
 #include "storage_trouble.h"
 

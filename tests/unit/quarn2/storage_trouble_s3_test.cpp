@@ -1,4 +1,4 @@
-// The suite of troubles over S3: Ceph's object gateway.
+// The suite of network failures over S3: Ceph's object gateway.
 #include "s3_site.h"
 #include "storage_trouble.h"
 

@@ -1,4 +1,4 @@
-// The suite of troubles over SFTP: OpenSSH's server.
+// The suite of network failures over SFTP: OpenSSH's server.
 #include "sftp_site.h"
 #include "storage_trouble.h"
 

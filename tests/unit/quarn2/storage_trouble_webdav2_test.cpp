@@ -1,4 +1,4 @@
-// The suite of troubles over WebDAV: nginx.
+// The suite of network failures over WebDAV: nginx.
 #include "storage_trouble.h"
 #include "webdav_site.h"
 

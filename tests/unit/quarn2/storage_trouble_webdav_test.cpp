@@ -1,4 +1,4 @@
-// The suite of troubles over WebDAV: Apache.
+// The suite of network failures over WebDAV: Apache.
 #include "storage_trouble.h"
 #include "webdav_site.h"
 

@@ -17,7 +17,7 @@ using testing::Not;
 
 namespace {
 
-// A scheme with everything that a token can have.
+// A scheme that uses all parts of a token.
 const bool kNetRegistered = [] {
     quarn2::BackendScheme net;
     net.scheme = "net";
@@ -101,8 +101,8 @@ TEST(BackupToken, ForgetsAParameter) {
     EXPECT_EQ(token.Str(), "net://host/x?timeout=1");
 }
 
-// The hash of a password goes to the master and into files: another one would make every backup
-// look like one of a password that is gone.
+// The hash of a password is sent to the master and stored in files. If it changed, all old backups
+// would seem to have another password.
 TEST(BackupToken, HashFollowsFromThePasswordAlone) {
     const BackupToken token("local:///srv/backups?arch_password=SECRET");
     ASSERT_TRUE(token) << token.fault();
@@ -160,7 +160,7 @@ const char kNoScheme[] =
 const char kNoDirectory[] =
     "storage token: a local storage needs a directory, as in local:///srv/backups";
 
-// Whatever storages the program has.
+// The fault of an unknown scheme, with all schemes that the program has.
 std::string Unknown(const std::string& quoted) {
     return "unknown storage scheme" + quoted + "; known: " + quarn2::KnownSchemes();
 }
@@ -179,7 +179,7 @@ std::string NotANumber(const std::string& name) {
 
 class BadToken : public testing::TestWithParam<Bad> {};
 
-// SECRET stands wherever a secret may, or may be meant to.
+// SECRET is at all places where a secret may be, or where a user may put one by mistake.
 TEST_P(BadToken, SaysWhyWithoutASecret) {
     const BackupToken token(GetParam().text);
     EXPECT_FALSE(token);

@@ -1,4 +1,4 @@
-// The WebDAV storage: its tokens, and servers that answer what real ones seldom do.
+// The WebDAV storage: its tokens, and servers that send unusual responses.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -102,7 +102,7 @@ class WebdavBackendTest : public testing::Test {
     static void Describe(HttpExchange& exchange, const std::string& responses) {
         exchange.Answer(207, "<multistatus xmlns='DAV:'>" + responses + "</multistatus>");
     }
-    // The answer to a question about the storage's empty directory.
+    // Answers a PROPFIND for the storage's empty directory.
     static void DescribeRoot(HttpExchange& exchange) {
         Describe(exchange, Described("/dir/", kDir));
     }
@@ -153,8 +153,8 @@ TEST_F(WebdavBackendTest, FileWithoutDateAndTagIsHandedOutOnceItIsKnownToBeOne) 
     EXPECT_EQ(sink_.text, "content");
 }
 
-// The directory as some servers show it while they replace a file: the old one has gone, the new
-// one has its temporary name.
+// Some servers show a directory like this while they replace a file: the old file is gone, and the
+// new file has its temporary name.
 TEST_F(WebdavBackendTest, FileThatIsBeingReplacedIsLookedForUntilItIsThere) {
     std::atomic<int> looks = 0;
     Serve([&looks](HttpExchange& exchange) {
@@ -261,7 +261,7 @@ TEST_F(WebdavBackendTest, ServerErrorWithRoomIsUnavailable) {
     ExpectError(Kind::kUnavailable, "PUT of '", [&] { backend_->Put("x", source_); });
 }
 
-// Until then it may be the page of a proxy, which says nothing about the credentials.
+// Before that, the 403 may come from a proxy. It does not show that the credentials are wrong.
 TEST_F(WebdavBackendTest, ForbiddenIsAMissingRightOnceTheUserWasAccepted) {
     bool welcome = false;
     Serve([&](HttpExchange& exchange) {
@@ -275,8 +275,8 @@ TEST_F(WebdavBackendTest, ForbiddenIsAMissingRightOnceTheUserWasAccepted) {
                 [&] { backend_->MakeDir("x"); });
 }
 
-// Line by line: "unauthorized" makes the caller drop an upload at once, "no room" makes it delete
-// old backups.
+// Each line matters: the caller drops an upload at once for "unauthorized", and deletes old backups
+// for "no room".
 TEST(WebdavStatus, HasOneMeaning) {
     using enum quarn2::Failure;
     const std::map<int, quarn2::Failure> failures = {
@@ -306,8 +306,8 @@ TEST_F(WebdavBackendTest, OnlyA401RefusesTheCredentials) {
     }
 }
 
-// A front server that waits no longer says nothing about the disk behind it, where the file that is
-// still being copied is short.
+// The timeout of a gateway does not show that the disk is full. The file on the server is short
+// because the server still copies it.
 TEST_F(WebdavBackendTest, GatewaysTimeoutIsNoFullDisk) {
     std::string temporary;
     Serve([&](HttpExchange& exchange) {
@@ -348,7 +348,7 @@ TEST_F(WebdavBackendTest, LengthOfHeadThatIsNoneIsAskedForAgain) {
     }
 }
 
-// It takes the body of a request that waits for an invitation, and stores nothing of it.
+// A server that stores nothing of a body if the client waits for "100 Continue".
 class DropsInvitedBodies : public WebdavBackendTest, public testing::WithParamInterface<int> {
   protected:
     void ServeBodies() {

@@ -1,4 +1,4 @@
-// Names of WebDAV storages: in URLs, in answers, and while a file is written.
+// Names of WebDAV storages: in URLs, in responses, and of temporary files.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -98,7 +98,8 @@ TEST(DavTemporaryName, LongestNamesStayWithinWhatFileSystemsTake) {
 
 // --- Answers ---
 
-// What the answer says, an entry a line; fed in pieces of `piece` bytes.
+// Returns one line for each entry of the response. The reader gets the text in pieces of `piece`
+// bytes.
 std::vector<std::string> Read(const std::string& text, std::size_t piece = 100000) {
     std::vector<std::string> lines;
     MultistatusSink sink("server", [&lines](const DavEntry& entry) {

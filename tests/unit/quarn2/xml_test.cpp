@@ -22,7 +22,7 @@ struct Recorder final : quarn2::net::XmlHandler {
     std::vector<std::string> seen;
 };
 
-// Fed in pieces of `piece` bytes.
+// Returns what the reader reports for the text. It gets the text in pieces of `piece` bytes.
 std::vector<std::string> Read(const std::string& text, std::size_t piece = 100000) {
     Recorder recorder;
     XmlReader reader("server", recorder);
