@@ -1,5 +1,5 @@
-// Work that was broken off in the middle: what its info files say, and how the next one finishes
-// it.
+// Interrupted operations: the content of their info files, and how the next operation completes
+// them.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
@@ -43,7 +43,8 @@ class BrokenOff : public ProgramSite {
         EXPECT_EQ(TextOf<kro_err::Error>([&] { Delete(storage_, kInfo, false); }), "trouble");
     }
 
-    // The date that the info file has for the deletion's begin; the rest of its text must be right.
+    // Expects that the info file contains the start of the deletion, and otherwise its unchanged
+    // text.
     static void ExpectMarked() {
         const std::string text = local_files::Load(kInfo);
         EXPECT_EQ(text.substr(0, 11), "deletion=20") << text;

@@ -1,4 +1,4 @@
-// The node client as a whole, on standard input.
+// The complete node client, with its link on standard input.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr const char* kSocket = "tmp/quarn2_cp.sock#web1";
 
-// The server's end of the link is a pipe in place of standard input.
+// A pipe replaces standard input. The test holds the server's end.
 class Client : public ProgramSite {
   protected:
     Client() {

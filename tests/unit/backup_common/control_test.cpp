@@ -34,7 +34,8 @@ class Control : public ProgramSite {
         return peer;
     }
 
-    // One exchange of another process, served by the node client's loop meanwhile.
+    // Sends a command from another thread, while the loop of the node client serves it. Returns the
+    // answer.
     std::string Ask(const std::string& command) {
         auto asking = std::async(std::launch::async,
                                  [&] { return ControlServer::Ask("tmp/control", command); });
@@ -46,7 +47,7 @@ class Control : public ProgramSite {
         EXPECT_EQ(write(peer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
 
-    // The loop serves everything that has arrived.
+    // Runs the loop until it has served everything that has arrived.
     void Serve() {
         for (int i = 0; i < 4; ++i) loop_.Run(0);
     }

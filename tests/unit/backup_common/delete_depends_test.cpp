@@ -1,4 +1,5 @@
-// Deleting a backup with those that rest on it, and the delete command. 2026-11-15 is a Sunday.
+// Deletion of a backup with the backups that depend on it, and the delete command. 2026-11-15 is a
+// Sunday.
 #include <gtest/gtest.h>
 
 #include "arguments.h"
@@ -25,7 +26,7 @@ class Depends : public ProgramSite {
         Place(path, "base=" + base + "\nlast-slice=I" + name.substr(0, name.size() - 5) +
                         ".1.dar\ntype=incremental");
     }
-    // A file that cannot be read as an info file.
+    // Places a file that is not a valid info file.
     static void Trap(const std::string& path) { Place(path, std::string("\0", 1)); }
 
     void Run(const std::string& path, bool force) { DeleteWithDepends(storage_, path, force); }
@@ -34,7 +35,7 @@ class Depends : public ProgramSite {
         return TextOf<std::runtime_error>([&] { Run(path, false); });
     }
 
-    // The slices that the storage was asked to remove.
+    // Returns the requests to remove slices.
     Lines Slices() const {
         Lines slices;
         for (const std::string& line : store_->log()) {
@@ -202,7 +203,7 @@ TEST_F(Depends, CommandRefusedByTheNodeClientFails) {
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandDelete(Arguments({kFull})); }), "");
 }
 
-// The running server may serve a different storage than the one that was meant.
+// The running server may serve a different storage than the intended one.
 TEST_F(Depends, CommandWithAMalformedTokenAsksNobody) {
     setenv("BACKUP_TOKEN", "not-a-token", 1);
     const ControlServer server(kSocket, [](const std::string&) { return "OK"; });

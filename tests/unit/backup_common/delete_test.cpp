@@ -1,4 +1,5 @@
-// Deleting one backup in each of its forms. The storage's operations are compared in their order.
+// Deletion of one backup in each of its forms. The tests compare the storage's operations in their
+// order.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
@@ -13,8 +14,8 @@ constexpr const char* kInfo = "root/2026-11-15.web1.info";
 
 class DeleteTest : public ProgramSite {
   protected:
-    // Deletes the backup with this info file and returns what the storage was asked for, after the
-    // question whether it is there at all.
+    // Deletes the backup with this info file. Returns the storage's operations after the first one,
+    // which checks that the backup is there.
     Lines Run(const std::string& info, const std::string& path = kInfo, bool skip_full = false) {
         Place(path, info);
         Delete(storage_, path, skip_full);
@@ -173,8 +174,8 @@ TEST_F(DeleteTest, ARoleThatSharesNumberedSlicesKeepsTheirName) {
                      "Remove 2026-11-15.web1.info"}));
 }
 
-// Of a custom backup's slice the storage sees a name whose beginning was replaced: it has no say
-// here.
+// For a slice of a custom backup, the storage checks a name with a replaced beginning. Its check
+// does not protect here.
 TEST_F(DeleteTest, ARoleNeverLeadsOutOfTheInfoRoot) {
     Place("outside.tgz", "");
     Place("root/C/file", "");
@@ -308,7 +309,7 @@ TEST_F(DeleteTest, ASharedDirectoryKeepsTheOthersFiles) {
     for (const std::string& name : kept) stored.push_back(directory + name);
     EXPECT_EQ(Stored(), stored);
     Lines local = Below("root/work/2026-11-15");
-    // Archives that wait for their upload are the job's.
+    // Archives that wait for their upload belong to the backup job.
     std::erase_if(local,
                   [](const std::string& name) { return name.starts_with("F2026-11-15.web1"); });
     EXPECT_EQ(local, kept);

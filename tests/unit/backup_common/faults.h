@@ -1,17 +1,17 @@
-// System calls that fail when a test says so. The program is linked with --wrap for each of them.
+// System calls that a test makes fail. The program is linked with --wrap for each of them.
 #pragma once
 
 #include <atomic>
 
 namespace faults {
 
-// How often lstat, flock, socket, listen, send and rename fail from now on, and with which errno.
+// How many of the next calls fail, for each system call, and with which errno.
 struct Plan {
     int lstat = 0;
     int flock = 0;
     int socket = 0;
     int listen = 0;
-    int send_short = 0;         // send takes one byte less than it was given
+    int send_short = 0;         // send sends one byte less than requested
     int rename_to_removed = 0;  // only renames into var/quarn2_cp.removed
     int error = 0;
 };
@@ -20,7 +20,7 @@ Plan& ThePlan();
 // How often lstat has been called. Upload threads call it too.
 std::atomic<int>& LstatCalls();
 
-// What fork does: the real thing, -1, or a child that ends with this status at once.
+// What fork does: the real call, a failure with -1, or a child that exits at once with the status.
 enum class Fork { kReal, kFails, kChildEnds };
 void SetFork(Fork what, int status = 0);
 

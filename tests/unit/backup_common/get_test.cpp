@@ -1,4 +1,4 @@
-// The get command: which file it fetches, what it removes before, how often it tries.
+// The get command: the file that it fetches, the file that it removes before, and its attempts.
 #include <unistd.h>
 
 #include "kro/kro_args.h"
@@ -29,7 +29,7 @@ void CallGet(std::vector<std::string> words) {
 
 class GetCommand : public ProgramSite {
   protected:
-    // The content of a local file.
+    // Returns the content of a local file, or kNoFile.
     static std::string Local(const std::string& path) {
         return local_files::Has(path) ? local_files::Load(path) : kNoFile;
     }
@@ -37,7 +37,7 @@ class GetCommand : public ProgramSite {
     static std::string Failure(const std::vector<std::string>& words) {
         return TextOf<Error>([&] { CallGet(words); });
     }
-    // Downloads fail with this from now on.
+    // Makes all later downloads fail with this error.
     void FailDownloads(Kind kind, const std::string& text = "the line broke") {
         store_->SetHook([kind, text](const std::string& operation, const std::string&) {
             if (operation == "Get") throw kro_err::Error(kind, text);
@@ -49,7 +49,7 @@ class GetCommand : public ProgramSite {
     }
 };
 
-// --- Places ---
+// --- Paths ---
 
 TEST_F(GetCommand, FetchesAFileOfTheStorageRoot) {
     store_->SetFile("F2026-11-20.web1.1.dar", "bytes");
@@ -207,7 +207,7 @@ TEST_F(GetCommand, InitOfAnotherSliceFetchesThatSlice) {
     EXPECT_EQ(store_->log(), (Lines{"Get F2026-11-20.web1.1.dar"}));
 }
 
-// --- Info files that are of no use ---
+// --- Unusable info files ---
 
 TEST_F(GetCommand, AnInfoFileThatTheStorageLacksIsAnErrorAndLosesNothing) {
     Place("r/before", "the slice before");
@@ -348,7 +348,7 @@ TEST_F(GetCommand, ATmpFileThatIsADirectoryIsAnErrorBeforeTheDownload) {
     EXPECT_EQ(store_->log(), (Lines{}));
 }
 
-// --- Another try ---
+// --- Retries ---
 
 TEST_F(GetCommand, AListedFileIsTriedThreeTimesAMinuteApart) {
     store_->SetFile("x.tgz", "bytes");

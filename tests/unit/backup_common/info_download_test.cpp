@@ -1,4 +1,4 @@
-// The download of an info file with its first companion.
+// The download of an info file with the first slice or the index of its backup.
 #include "kro/kro_err.h"
 #include "odd_storage.h"
 #include "program_site.h"

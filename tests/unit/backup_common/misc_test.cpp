@@ -1,5 +1,5 @@
-// The helpers that several roles share: the storage of the environment, the command side of the
-// control socket, two workers for event loops.
+// Helpers of several roles: the storage from the environment, the command side of the control
+// socket, two workers for event loops.
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -101,7 +101,7 @@ TEST_F(Misc, SendCommandGoesToTheStorageOfTheEnvironment) {
     EXPECT_EQ(Log(), (Lines{"8: SendCommand command = X, storage = 'tmp/quarn2_cp.sock#web1'"}));
 }
 
-// The text and the hint of a command that finds no node client.
+// Returns the text and the hint of the error if no node client runs.
 std::pair<std::string, std::string> NotConnected() {
     try {
         SendCommand("PUT a");
@@ -198,7 +198,7 @@ TEST_F(Misc, CommandThatIsNotSentWholeThrows) {
 
 TEST_F(Misc, AnswerThatBreaksOffThrows) {
     const ResHandle listening = ControlServer::Listen(kSocket);
-    // What was sent and is not read when the connection closes makes the other side's read fail.
+    // If the connection closes with unread data, the other side's read fails.
     std::thread server([&] {
         ResHandle connection(accept(listening, nullptr, nullptr));
         char byte = '\0';

@@ -1,4 +1,4 @@
-// The question whether a storage is the one that the local info files belong to.
+// The check that a storage is the one that the local info files belong to.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"

@@ -27,14 +27,14 @@ class Node : public ProgramSite {
         Place(kInfo, "last-slice=F2026-11-15.web1.2.dar\nsize=512\ntype=full\n");
     }
 
-    // The upload of kFirst waits at the gate.
+    // Makes the upload of kFirst wait at the gate.
     void HoldFirstUpload(Gate& gate) {
         store_->SetHook([&gate](const std::string& operation, const std::string& name) {
             if (operation == "Put" && name == "F2026-11-15.web1.1.dar") gate.Pass();
         });
     }
 
-    // The slices that the info file names.
+    // Stores the slices that the info file names.
     void StoreSlices() {
         store_->SetFile("F2026-11-15.web1.1.dar", "first");
         store_->SetFile("F2026-11-15.web1.2.dar", "second!");
@@ -100,7 +100,7 @@ TEST_F(Node, ATokenThatCannotBeUsedEndsTheStart) {
               "the storage token is empty: set BACKUP_TOKEN, for instance to local:///srv/backups");
 }
 
-// What DoCommand gives for an answer.
+// DoCommand and its result for an answer of the server.
 class Exchange : public Node {
   protected:
     std::string Do(const std::optional<std::string>& answer, const std::string& command = "X\n") {
@@ -275,7 +275,8 @@ TEST_F(Node, DeleteSuffixIsNoPartOfThePath) {
     EXPECT_EQ(Stored(), (Lines{"F2026-11-15.web1.1.dar", "F2026-11-15.web1.2.dar"}));
 }
 
-// The system would read the path to the byte and the storage be told what stands behind it.
+// The system would use the path only up to the NUL byte, but the storage would get the name after
+// it.
 TEST_F(Node, APathWithANulByteIsRefused) {
     const std::string path = std::string(kFirst) + '\0' + "/I2026-11-16.web2.tgz";
     {

@@ -1,5 +1,4 @@
-// A storage that lists whatever a test wants, like a broken or hostile server. Its token is
-// odd:NAME.
+// A storage whose listings a test defines, like a broken or hostile server. Its token is odd:NAME.
 #pragma once
 
 #include <map>
@@ -13,7 +12,7 @@
 struct OddStore {
     std::map<std::string, std::vector<std::string>> lists;  // directory to names
     std::map<std::string, std::string> files;
-    std::vector<std::string> gets;  // "N NAME": the Nth storage that was opened was asked for NAME
+    std::vector<std::string> gets;  // "N NAME": the Nth opened storage got a request for NAME
     int opened = 0;
 
     static OddStore& The() {
@@ -39,7 +38,7 @@ class OddBackend final : public quarn2::StorageBackend {
         if (OddStore::The().files.contains(name)) return {name};
         Missing(name);
     }
-    // The way back writes nothing.
+    // Operations that change the storage fail.
     bool Put(const std::string& name, quarn2::ByteSource&) override { Missing(name); }
     void Remove(const std::string& name) override { Missing(name); }
     void RemoveDir(const std::string& name) override { Missing(name); }

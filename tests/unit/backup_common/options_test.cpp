@@ -1,5 +1,5 @@
-// The option table and the choice of the command. The commands themselves are replaced here by ones
-// that only note how they were called.
+// The option table and the selection of the command. This file replaces the functions of the
+// commands with functions that record their calls.
 #include <gtest/gtest.h>
 
 #include "backup_common/quarn2_cp2.h"
@@ -47,7 +47,7 @@ class Options : public ProgramSite {
   protected:
     Options() { Calls().clear(); }
 
-    // Runs the program; what it printed is kept.
+    // Runs the program and stores its output in printed_.
     int Run(Lines words) {
         words.insert(words.begin(), "quarn2_cp");
         std::vector<char*> argv;
@@ -63,7 +63,7 @@ class Options : public ProgramSite {
         }
     }
 
-    // The parse result that the one command called was given.
+    // Returns the parse result that the only called command received.
     kro_args::ResultPtr Parsed(const Lines& words) {
         Calls().clear();
         EXPECT_EQ(Run(words), 0);

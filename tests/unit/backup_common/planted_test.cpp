@@ -1,5 +1,5 @@
-// What other users can lay where the roles look: lists that say what is to be removed, directories,
-// the control socket.
+// Files that other users can place where the roles look: lists of files to remove, directories, the
+// control socket.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -119,7 +119,7 @@ TEST_F(PlantedForRoles, NoteOfAGivenUpDownloadIsWrittenToNothingOfOthers) {
     EXPECT_TRUE(local_files::Load(note).ends_with(" a reason\n"));
 }
 
-// A user who got to the socket's name first would say that everything is stored.
+// If another user created the socket first, that user could report that every file is stored.
 TEST_F(PlantedForRoles, ControlSocketOfAnotherUserIsToldNothing) {
     auto [ready, tell] = kro_proc::Pipe();
     ASSERT_EQ(chmod("tmp", 0777), 0);
@@ -131,7 +131,7 @@ TEST_F(PlantedForRoles, ControlSocketOfAnotherUserIsToldNothing) {
         if (write(tell, "x", 1) != 1) _exit(3);
         const ResHandle connection(accept(listening, nullptr, nullptr));
         char piece[64];
-        // Nothing is what it is to hear.
+        // The program must send nothing.
         _exit(read(connection, piece, sizeof piece) == 0 ? 0 : 1);
     }
     tell.Close();

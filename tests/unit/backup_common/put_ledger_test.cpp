@@ -1,4 +1,4 @@
-// The ledger of a node client: what it records of uploads, and when a backup counts as complete.
+// The ledger of a node client: its records of uploads, and the conditions for a complete backup.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -39,7 +39,7 @@ class LedgerOfPuts : public ProgramSite {
         Place(kInfo, "last-slice=F2026-11-15.web1.2.dar\nsize=512\ntype=full\n");
     }
 
-    // A node client died in the middle of this upload.
+    // Simulates a node client that died during this upload.
     static void Die(const std::string& name, const std::string& storage = "") {
         Ledger(storage).Update(Ledger(storage).EntryNameOf(name), [&name](LedgerEntry& entry) {
             entry.storage = kIdentity;

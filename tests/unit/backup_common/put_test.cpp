@@ -24,7 +24,7 @@ class Put : public ProgramSite {
   protected:
     Put() { Place(kInfo, "type=full\ncreated=2026-11-20 11:58:30\nsize=1000\nbase=x\n"); }
 
-    // Puts the slice with these options; the node client answers PUT so.
+    // Puts the slice with these options. The node client answers PUT with `answer`.
     void Run(Lines words, const std::string& answer) {
         const ControlServer server(kSocket, [&](const std::string& command) {
             if (command.starts_with("PUTLAST")) at_putlast_ = local_files::Load(kLocalInfo);
@@ -43,7 +43,7 @@ class Put : public ProgramSite {
     static std::string Info() { return local_files::Load(kInfo); }
 
     Lines commands_;
-    std::string at_putlast_;  // the local info file when PUTLAST came
+    std::string at_putlast_;  // content of the local info file at PUTLAST
 };
 
 constexpr const char* kUntouched = "type=full\ncreated=2026-11-20 11:58:30\nsize=1000\nbase=x\n";

@@ -122,7 +122,7 @@ class World {
         });
     }
 
-    // The slices of an archive; returns the last one's name.
+    // Creates the slices of an archive. Returns the name of the last slice.
     std::string MakeSlices(Item& item, const std::string& place, const std::string& stem) {
         const int form = dice_.Number(0, 2);
         const int count = form == 0 ? 1 : dice_.Number(1, 3);
@@ -163,7 +163,7 @@ class World {
         rules_.DropByCount();
     }
 
-    // A storage that cannot be brought below its limit would end the server.
+    // A storage that does not fit into its limit would end the server.
     void FitIntoLimits() {
         bool possible = true;
         try {
@@ -221,12 +221,12 @@ class World {
         if (dice_.OneIn(3)) date = "2026-11-" + str::Str(dice_.Number(10, 22));
         std::string type = dice_.OneIn(3) ? "full" : "incremental";
         if (dice_.OneIn(6)) type = "differential";
-        // A backup that exists is reported once more.
+        // A backup that exists is reported again.
         Make(user, date, type, true, false);
         const Item item =
             *std::find_if(rules_.items.begin(), rules_.items.end(),
                           [&](const Item& made) { return made.user == user && made.date == date; });
-        // A custom backup's and another type's completion records nothing.
+        // The completion of a custom backup or of another type records nothing.
         const std::string word = date == "custom" ? "custom" : type;
         const std::string line =
             "COMPLETE " + user + " " + date + " " + word + " " + str::Str(item.size);
@@ -268,7 +268,7 @@ class World {
         Compare();
     }
 
-    // The evictions that the log has told of since this place in it.
+    // Returns the evictions that the log contains from this offset on.
     std::vector<Eviction> LoggedEvictions(std::size_t from) {
         std::vector<Eviction> evictions;
         const std::string log = local_files::Load("var/quarn2_cp.log");
@@ -288,7 +288,7 @@ class World {
         return evictions;
     }
 
-    // Each single deletion, at its moment.
+    // Checks each deletion against the records at its time.
     static void CheckEvery(const std::vector<Eviction>& evictions, Snapshot& users) {
         for (const Eviction& eviction : evictions) {
             const auto user = std::find_if(users.begin(), users.end(), [&](const User& candidate) {

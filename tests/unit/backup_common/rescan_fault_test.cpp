@@ -1,4 +1,5 @@
-// The rescan with storages that fail, hostile listings and broken-off runs; the lock it hands on.
+// The rescan with failing storages, hostile listings and interrupted runs, and the lock that it
+// hands over.
 #include <sys/file.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -48,7 +49,7 @@ class RescanFault : public RescanSite {
     }
     ~RescanFault() override { at_sync = nullptr; }
 
-    // The operations on these names fail from now on.
+    // Makes the operation fail for these names.
     void Fail(const std::string& operation, const Lines& names, Kind kind = Kind::kUnavailable) {
         store_->SetHook([=](const std::string& what, const std::string& name) {
             if (what == operation && std::find(names.begin(), names.end(), name) != names.end()) {
@@ -152,7 +153,7 @@ TEST_F(RescanFault, HostileNamesTouchNothingOutsideTheInfoRoot) {
                            std::string(300, 'n') + ".info"};
     Lines sorted = hostile;
     std::sort(sorted.begin(), sorted.end());
-    // At the root, among the dates and among the files of a date.
+    // In the root, in a user's directory and in the directory of a date.
     for (const char* const directory : {"", "web1", "web1/2026-11-20"}) {
         store.lists[directory] = hostile;
     }
@@ -201,7 +202,7 @@ TEST_F(RescanFault, DirectoriesOnTheStorageDoNotTakeThePlaceOfTheServersOwnFiles
                              "4: Skip bad name '.rescan#web1' on the storage"}));
 }
 
-// --- Broken off ---
+// --- Interrupted runs ---
 
 class BrokenRescan : public RescanFault {
   protected:
@@ -209,7 +210,8 @@ class BrokenRescan : public RescanFault {
         StoreDated("web1", "2026-11-20");
         StoreDated("web1", "2026-11-21");
     }
-    // Ends the rescan where nothing catches it, before this operation on a name.
+    // Interrupts the rescan before this operation on a name, with an exception that it does not
+    // catch.
     void BreakOff(const std::string& operation, const std::string& name) {
         store_->SetHook([=](const std::string& what, const std::string& at) {
             if (what == operation && at == name) throw 42;
@@ -244,7 +246,7 @@ TEST_F(BrokenRescan, IsMadeUpForByTheNextOneWhichTrustsNothingLocal) {
           "web1/2026-11-21/2026-11-21.web1.tgz"}) {
         std::filesystem::remove_all(InfoRoot("web1"));
         BreakOff("Get", name);
-        // What a power failure makes of files that had not been synced.
+        // A file that was not synced is empty after a power failure.
         Place(InfoRoot("web1/2026-11-20/2026-11-20.web1.info"), "");
         Run();
         EXPECT_EQ(Fetched(), all_) << name;
@@ -327,7 +329,7 @@ bool CanLock(int kind) {
     return flock(file, kind | LOCK_NB) == 0;
 }
 
-// A server that is ready, in another process.
+// A ready server in another process.
 class Server {
   public:
     Server() {

@@ -1,4 +1,4 @@
-// Which directories a rescan may work on, and where it moves what it takes out of them.
+// The directories that a rescan may work on, and where it moves the files that it removes.
 #include "faults.h"
 #include "kro/kro_err.h"
 #include "quarn2_cp2_server_rescan_removed.h"
@@ -140,7 +140,7 @@ TEST_F(RescanRoot, FilesOfAUsersFlatStorageStayBesideThoseInDirectories) {
                      "2026-11-21/2026-11-21.web1.info", "2026-11-21/2026-11-21.web1.tgz"}));
 }
 
-// --- What it takes away ---
+// --- Removed files ---
 
 class Removed : public RescanSite {
   protected:

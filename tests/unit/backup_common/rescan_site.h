@@ -1,4 +1,4 @@
-// What the tests of the rescan share.
+// The fixture of the rescan tests.
 #pragma once
 
 #include "arguments.h"
@@ -20,7 +20,7 @@ class RescanSite : public ProgramSite {
     static Lines InfoRoot() { return Below(kRoot); }
     static std::string Local(const std::string& name) { return local_files::Load(InfoRoot(name)); }
 
-    // What was fetched since the last call.
+    // Returns the names of the files that were fetched since the last call.
     Lines Fetched() const {
         Lines names;
         for (const std::string& call : store_->log()) {
@@ -30,7 +30,7 @@ class RescanSite : public ProgramSite {
         return names;
     }
 
-    // A backup of one archive with its info and index files, at the storage's root or in a
+    // Stores a backup of one archive with its info and index files, in the storage's root or in a
     // directory.
     void StoreFlat(const std::string& stem) const { StoreIn("", stem); }
     void StoreDated(const std::string& user, const std::string& date) const {
@@ -43,7 +43,7 @@ class RescanSite : public ProgramSite {
         store_->SetFile(directory + stem + ".tgz", "index of " + stem);
     }
 
-    // What the local directory of a backup in directory form holds.
+    // Returns the paths of the local directories and files of a backup in directory form.
     static Lines DatedFiles(const std::string& user, const std::string& date) {
         const std::string directory = user + "/" + date;
         return {user, directory, directory + "/" + date + "." + user + ".info",

@@ -1,4 +1,4 @@
-// The rescan: what it fetches and what it removes.
+// The rescan: the files that it fetches and the files that it removes.
 #include "quarn2_cp2_server_rescan_removed.h"
 #include "rescan_site.h"
 

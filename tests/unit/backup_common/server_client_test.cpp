@@ -1,4 +1,4 @@
-// A node client's process: how it is started, what it says last, how it is made to end.
+// The process of a node client: its start, its last output and its end.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -92,7 +92,7 @@ TEST_F(NodeClientProcess, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
 }
 
 TEST_F(NodeClientProcess, IsLeftAloneThenAskedThenMadeToEnd) {
-    // Says so when it is asked, and stays.
+    // Reports the SIGTERM and does not end.
     ClientProcess client(
         {"/bin/sh", "-c", "trap 'echo asked >&2' TERM; echo up; while :; do sleep 0.01; done"});
     const ClientProcess::Pipes pipes = client.Start();

@@ -1,6 +1,6 @@
-// Eviction. Most cases are tables: a user's records in one letter each, oldest first (F full, D
-// daily, x another type, small letters f and d locked), named A, B, C... by age; what is compared
-// is who survives.
+// Eviction. Most cases are tables. Each letter is a record of a user, the oldest first (F full, D
+// daily, x another type, small letters f and d locked). The records are named A, B, C... by age.
+// The tests compare the names of the surviving records.
 #include <gtest/gtest.h>
 
 #include <cctype>
@@ -42,13 +42,13 @@ class Eviction : public ProgramSite {
     Eviction() {
         control_.path = "root";
         desc_->storage = quarn2::GetStorage(quarn2::BackupToken("memory:site"));
-        // An info root that is there: one without any entry has lost everything.
+        // An info root without any entry counts as missing.
         Place("root/.keep", "");
     }
 
     void User(const std::string& name, const std::string& letters) {
         desc_->users[name].backups = Of(letters);
-        // The newest one is looked for before an older one goes.
+        // The server checks that the newest backup exists before it evicts an older one.
         if (!letters.empty())
             Place("root/" + DateOf(letters.size() - 1) + "." + name + ".info", "");
         control_.max_count = std::max(control_.max_count, static_cast<int>(letters.size()));
@@ -58,7 +58,7 @@ class Eviction : public ProgramSite {
         return Names(desc_->users.at(user).backups);
     }
 
-    // A backup with an info file and one slice on the storage.
+    // Creates a backup with an info file and one slice on the storage.
     void Files(const std::string& user, std::size_t index) {
         const std::string name = DateOf(index) + "." + user;
         const std::string info = "last-slice=F" + name + ".tgz\nsize=1\ntype=full";
@@ -102,7 +102,7 @@ TEST_F(Eviction, AnInfoRootThatIsGoneStopsIt) {
     std::filesystem::remove_all("root");
     const std::string text = "The info root 'root' is missing or empty";
     EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
-    std::filesystem::create_directory("root");  // The mount point of a disk that is not there.
+    std::filesystem::create_directory("root");  // The mount point of a missing disk.
     EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
     EXPECT_EQ(Survivors("web1").size(), 2U);
     EXPECT_EQ(control_.max_count, 2);
@@ -259,7 +259,7 @@ TEST_F(Eviction, RepeatedPassesEndAtTheNewestChain) {
 
 // --- Plans ---
 
-// The dates' letters of each pass, in brackets.
+// Returns the user and the letter of each victim, with the passes in brackets.
 std::string Text(const EvictionPlan& plan) {
     std::string text;
     const auto add = [&text](const Victims& victims) {
@@ -539,7 +539,7 @@ TEST_F(UncheckedStorage, OneThatAnswersLaterIsCheckedOnce) {
     control_.DropByCount(2, 0);
     EXPECT_EQ(Survivors("a"), "BC");
     EXPECT_TRUE(control_.is_storage_checked);
-    // A server that deletes the last ones known here must not stop for that.
+    // The server must not repeat the check: it may delete the backups that the check looked for.
     control_.DropByCount(1, 0);
     EXPECT_EQ(Survivors("a"), "C");
 }

@@ -1,4 +1,5 @@
-// Info files of other machines: brought here when their backups are completed, or when they go.
+// Info files of other machines: the server fetches them when their backups are completed or
+// removed.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
@@ -62,7 +63,7 @@ class Remote : public InfoFile {
         desc_.owner = &control_;
         desc_.storage = storage_;
         desc_.limit = desc_.free_size = 100;
-        // An info root that is there: one without any entry has lost everything.
+        // An info root without any entry counts as missing.
         Place("root/.keep", "");
     }
 

@@ -1,4 +1,5 @@
-// The account: limits of the command line, records, sums, what a new and a cleared account hold.
+// The account: limits of the command line, records, sums, and the values of a new and of a cleared
+// account.
 #include <gtest/gtest.h>
 
 #include "arguments.h"

@@ -1,4 +1,4 @@
-// The supervision of sessions. What time it is, is what the test says: nobody waits for a pause.
+// The supervision of sessions. The tests set the time, so they do not wait for pauses.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -48,13 +48,13 @@ class Nodes : public ProgramSite {
     }
     ~Nodes() override { kro_env::SetInstallRoot("/usr/local/kro5"); }
 
-    // What runs as this program: for a shell, at this path.
+    // Installs a shell script at this path.
     static void Script(const std::string& path, const std::string& text) {
         Place(path, "#!/bin/sh\n" + text);
         ASSERT_EQ(chmod(path.c_str(), 0755), 0);
     }
 
-    // A node whose client is a shell with this script.
+    // Returns a node whose client is a shell with this script.
     SupervisedNode Playing(const std::string& script) {
         Script("sbin/quarn2_cp", "echo >> starts\n" + script);
         return {"n1",
@@ -65,7 +65,7 @@ class Nodes : public ProgramSite {
         return local_files::Has("starts") ? local_files::Load("starts").size() : 0;
     }
 
-    // Attends at this time until something is true, while the real world moves on.
+    // Calls Attend with this time until `done` is true, while real time passes.
     template <class Attended, class Done>
     void AttendUntil(Attended& node, Clock::time_point now, const Done& done) {
         for (int i = 0; i < 3000 && !done(); ++i) {
@@ -75,7 +75,7 @@ class Nodes : public ProgramSite {
         ASSERT_TRUE(done());
     }
 
-    // The lines about ended sessions.
+    // Returns the log lines about ended sessions.
     static Lines Ends() {
         Lines ends = Log(4);
         std::erase_if(ends, [](const auto& line) { return line.find("ended") == line.npos; });
@@ -133,7 +133,7 @@ TEST_F(Nodes, AfterALongSessionThePauseIsShortAgain) {
     AttendUntil(node, begin_, [] { return Ends().size() == 1; });
     node.Attend(begin_ + 1s);
     AttendUntil(node, begin_ + 1s, [] { return Ends().size() == 2; });
-    node.Attend(begin_ + 3s);  // the third, which lives for a minute as far as anybody knows
+    node.Attend(begin_ + 3s);  // starts the third session, which then seems to last a minute
     AttendUntil(node, begin_ + 63s, [] { return Ends().size() == 3; });
     EXPECT_EQ(node.Attend(begin_ + 63s), begin_ + 64s);
 }
@@ -175,7 +175,7 @@ TEST_F(Nodes, AnOrdinaryEndOfTheServerIsNotWorthALine) {
     EXPECT_EQ(Log(), Lines());
 }
 
-// The first client ends only after the second one, and both must be asked.
+// The first client ends only after the second one, so the server must ask both at once.
 TEST_F(Nodes, ClientsThatMustBeAskedToEndAreAskedAtTheSameTime) {
     const std::string script =
         "if mkdir first 2>/dev/null; then\n"
@@ -216,7 +216,7 @@ TEST_F(Nodes, AFailureAtTheEndOfTheServerIs) {
 
 class Sessions : public Nodes {
   protected:
-    // An ssh that notes how it was called.
+    // Installs an ssh that records its arguments.
     Sessions() {
         Script("bin/ssh", "echo \"$*\" >> calls\nexit 255\n");
         Script("sbin/quarn2_cp", "echo >> starts\ncat > /dev/null\n");

@@ -1,5 +1,5 @@
 // The meaning of a node client's lines: the arithmetic of reservation, completion, eviction on
-// request and release. There are no files here: what is evicted counts as already gone.
+// request and release. There are no files here, so an evicted backup counts as already removed.
 #include <gtest/gtest.h>
 
 #include "program_site.h"
@@ -26,7 +26,7 @@ class Protocol : public ProgramSite {
 
     void Add(const std::string& user, const std::string& date, std::int64_t size, int type) {
         storage_.users[user].backups[date] = BackupInfo{size, type, false};
-        // The newest one is looked for before an older one goes.
+        // The server checks that the newest backup exists before it evicts an older one.
         store_->SetFile(date + "." + user + ".info", "");
     }
 
@@ -123,7 +123,8 @@ TEST_F(Protocol, ReserveThatEvictionsCannotMeetDeletesNothing) {
     }
     control_.max_count = 4;
     storage_.free_size = 50;
-    // It lowers no limit, so the limit promises more than evictions can free.
+    // A custom backup does not lower the limit. The limit is therefore higher than the space that
+    // evictions can free.
     EXPECT_EQ(Ask("COMPLETE web1 custom custom 50"), "OK 4");
     EXPECT_EQ(Ask("RESERVE 61"), "ERR No space left. But all backups are locked");
     EXPECT_EQ(Account(), "200/0/0");

@@ -1,4 +1,4 @@
-// The scan: every kind of info file, what it is charged, what the log tells.
+// The scan: all kinds of info files, their charges and the log lines.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
@@ -22,7 +22,7 @@ class Scan : public ProgramSite {
         desc_ = &control_.storages[""];
     }
 
-    // An info file of a finished backup, unless `more` says otherwise.
+    // Places the info file of a finished backup, unless `more` replaces the finish time.
     static void Info(const std::string& name, const std::string& type, const std::string& size,
                      const std::string& more = "finished=2026-11-01 00:00:00") {
         Place("root/" + name + ".info", "type=" + type + "\nsize=" + size + "\n" + more);

@@ -21,7 +21,7 @@ using quarn2::Expect;
 constexpr const char* kReadTrace = "8: quarn2::Expect::Result* MasterSide::Read(ResHandle)";
 constexpr const char* kWriteTrace = "8: quarn2::Expect::Result* MasterSide::Write(ResHandle)";
 
-// The lines that say where in the source a buffer was looked at, without the place's number.
+// Replaces the source line numbers in the log lines about the buffer.
 Lines WithoutNumbers(Lines lines) {
     static const std::regex number("^9: quarn2_cp2_server\\.cpp:[0-9]+ m_read = ");
     for (std::string& line : lines) {
@@ -122,8 +122,7 @@ TEST_F(Session, AClientThatHasGoneIsClosedWithALine) {
 }
 
 TEST_F(Session, AClientThatGoesWhileItIsReadIsClosedWithTheSameLine) {
-    // Like a pipe whose end comes between the look and the reading: no hang-up, and nothing to
-    // read.
+    // Like a pipe that ends between the poll and the read: no hang-up, and no data.
     const ResHandle ended(open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(link_.session()->Read(ended), Expect::erClose);
     EXPECT_EQ(Log(), (Lines{kReadTrace, "4: Client disconnected. Close"}));

@@ -1,4 +1,4 @@
-// Which files an info file names, and to which backup a file belongs.
+// The files that an info file names, and the backup that a file belongs to.
 #include <gtest/gtest.h>
 
 #include <stdexcept>

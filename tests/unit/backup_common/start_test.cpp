@@ -1,5 +1,5 @@
-// The caller's side of a server start: the lock file, the texts that tell two servers apart, and
-// the loop that waits for a server. No server is started: what fork gives is part of the test.
+// The caller's side of a server start: the lock file, the texts that distinguish two servers, and
+// the loop that waits for a server. The tests start no server. They set the result of fork.
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
@@ -40,7 +40,7 @@ bool IsFlocked(const std::string& path) {
     return flock(file, LOCK_EX | LOCK_NB) != 0;
 }
 
-// True once the process waits for somebody else's flock.
+// True if the process waits for a flock that another process holds.
 bool WaitsForLock(pid_t process) {
     std::istringstream locks(local_files::Load("/proc/locks"));
     const std::string owner = " " + std::to_string(process) + " ";
@@ -52,7 +52,8 @@ bool WaitsForLock(pid_t process) {
     return false;
 }
 
-// Another process: runs the body, then waits to be ended. Made once the body has come to its end.
+// A child process that runs the body and then waits until it is killed. The constructor returns
+// when the body has ended.
 class Other {
   public:
     template <class Body>
@@ -141,7 +142,7 @@ TEST_F(Start, LockOfAFileReplacedWhileWaitingIsTheNewFiles) {
     }
     for (int i = 0; i < 10000 && !WaitsForLock(waiting); ++i) usleep(1000);
     ASSERT_TRUE(WaitsForLock(waiting));
-    // The old inode must not come back as the new file's.
+    // Keeps the old file, because the new file must not reuse its inode.
     std::filesystem::rename(kLock, "var/old");
     local_files::Save(kLock, "");
     ASSERT_NE(InodeOf(kLock), old_inode);
@@ -257,7 +258,6 @@ TEST_F(Start, ServerThatVanishesWhileStartingIsNotStartedAgain) {
     EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>());
 }
 
-// A server that is ready, in another process, with this pid file text behind its process id.
 constexpr const char* kState = "tmp/quarn2_cp.state";
 
 void SaveState(pid_t process, const std::string& key, const std::string& storage) {
@@ -265,6 +265,7 @@ void SaveState(pid_t process, const std::string& key, const std::string& storage
         kState, "key=" + key + "\npid=" + std::to_string(process) + "\nstorage=" + storage + "\n");
 }
 
+// A ready server in another process. The text `behind` follows the process ID in its pid file.
 struct Server : Other {
     explicit Server(const std::string& behind) : Other([] { TakeRecordLock(kPid); }) {
         local_files::Save(kPid, std::to_string(process()) + behind);
@@ -380,7 +381,7 @@ TEST_F(Start, TheIdentityOfAStorageOfATable) {
 
 struct OtherServer {
     const char* name;
-    const char* pid_file;  // behind the process id
+    const char* pid_file;  // the text after the process ID
 };
 
 TEST_F(Start, ServerOfAnotherKindIsWaitedForEveryTwoSeconds) {
@@ -450,7 +451,7 @@ TEST_F(Start, ARescanWithoutAServerWaitsForNothing) {
     EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>());
 }
 
-// --- What the server command finds wrong before it starts anything ---
+// --- Errors before the start of a server ---
 
 TEST_F(Start, BadServerArgumentsAreReportedByTheCaller) {
     const std::vector<std::pair<Lines, std::string>> cases = {

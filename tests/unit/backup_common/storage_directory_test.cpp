@@ -1,4 +1,4 @@
-// Which directories a local storage may use, and which files may be uploaded to it.
+// The directories that a local storage may use, and the files that may be uploaded to it.
 #include <gtest/gtest.h>
 
 #include "program_site.h"

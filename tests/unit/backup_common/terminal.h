@@ -1,4 +1,4 @@
-// Standard error as a terminal, for as long as this object lives.
+// Connects standard error to a terminal during the lifetime of this object.
 #pragma once
 
 #include <fcntl.h>
@@ -35,7 +35,7 @@ class Terminal {
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
-    // What was printed since the last call.
+    // Returns the text that was printed since the last call.
     std::string Printed() const {
         std::fflush(stderr);
         std::string text;

@@ -1,4 +1,4 @@
-// The upload worker: eviction on request, attempts, giving up.
+// The upload worker: eviction on request, attempts, and abandoned uploads.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -23,7 +23,7 @@ class UploadTest : public ProgramSite {
   protected:
     UploadTest() { Place(kSlice, "12345"); }
 
-    // Every Put fails like this, the first `times` ones only if that is not negative.
+    // Makes every Put fail, or only the first `times` ones if that is not negative.
     void FailPuts(kro_err::Kind kind, int times = -1) {
         failures_left_ = times;
         store_->SetHook([this, kind](const std::string& operation, const std::string&) {
@@ -51,7 +51,7 @@ std::string Line(int attempt) {
 }
 const std::string kWait = "6: Wait 60 seconds before next attempt";
 
-// The log without what the node says of itself.
+// Returns the log without the lines about the node client itself.
 Lines UploadLog(const Lines& log) {
     Lines lines;
     for (const std::string& line : log) {
@@ -272,7 +272,7 @@ TEST_F(UploadTest, ASuccessfulUploadRemovesTheFileOnlyWhenAsked) {
 
 class ChangingSource : public UploadTest {
   protected:
-    // `change` is made at the first Put.
+    // Makes the change at the first Put.
     template <class Change>
     void AtPut(const Change& change) {
         store_->SetHook([this, change](const std::string& operation, const std::string&) {
@@ -284,7 +284,7 @@ class ChangingSource : public UploadTest {
         Place("b/new", content);
         std::filesystem::rename("b/new", kSlice);
     }
-    // A test is faster than the clock of the file system.
+    // Sets the time one second later, because a test is faster than the clock of the file system.
     static void Rewrite(const std::string& content) {
         Place(kSlice, content);
         using namespace std::chrono_literals;
