@@ -1,5 +1,5 @@
-// Names from a listing, a command line or an info file. No accepted name leads out of a root, and
-// no function cuts into the directory of a name.
+// Names from a listing, a command line or an info file. No accepted name leads out of a root.
+// Functions that shorten a name never cut into its directory.
 #include "quarn2/names.h"
 
 #include <algorithm>

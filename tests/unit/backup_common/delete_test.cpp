@@ -174,8 +174,8 @@ TEST_F(DeleteTest, ARoleThatSharesNumberedSlicesKeepsTheirName) {
                      "Remove 2026-11-15.web1.info"}));
 }
 
-// For a slice of a custom backup, the storage checks a name with a replaced beginning. Its check
-// does not protect here.
+// For a slice of a custom backup, the storage checks a name with a replaced beginning. This check
+// does not protect local files.
 TEST_F(DeleteTest, ARoleNeverLeadsOutOfTheInfoRoot) {
     Place("outside.tgz", "");
     Place("root/C/file", "");

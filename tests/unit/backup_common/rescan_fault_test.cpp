@@ -210,8 +210,8 @@ class BrokenRescan : public RescanFault {
         StoreDated("web1", "2026-11-20");
         StoreDated("web1", "2026-11-21");
     }
-    // Interrupts the rescan before this operation on a name, with an exception that it does not
-    // catch.
+    // Interrupts the rescan before this operation on a name, with an exception that the rescan does
+    // not catch.
     void BreakOff(const std::string& operation, const std::string& name) {
         store_->SetHook([=](const std::string& what, const std::string& at) {
             if (what == operation && at == name) throw 42;

@@ -61,7 +61,7 @@ TEST_F(RescanRoot, WithoutThatNothingIsRemoved) {
     EXPECT_EQ(Below("var/backup"), before);
 }
 
-// --- Directories elsewhere ---
+// --- Other directories ---
 
 TEST_F(RescanRoot, ElsewhereTheFirstEntryThatIsNoBackupsIsNamed) {
     const std::vector<std::string> expected = {"2026-11-20.web1.info",

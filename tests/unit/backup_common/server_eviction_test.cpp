@@ -480,7 +480,7 @@ TEST_F(Eviction, AFailedDeletionStopsTheCountLimitsToo) {
     EXPECT_EQ(desc_->free_size, 1);
 }
 
-// --- The right storage ---
+// --- The check of the storage ---
 
 class UncheckedStorage : public Eviction {
   protected:

@@ -256,7 +256,7 @@ TEST_F(Scan, ADeletedBackupOfTheCurrentDateOrLaterFillsNothing) {
     EXPECT_EQ(Records("web2"), "");
 }
 
-// --- Again ---
+// --- Repeated scans ---
 
 TEST_F(Scan, ASecondScanForgetsTheFirst) {
     Info("2026-11-15.web1", "full", "10");

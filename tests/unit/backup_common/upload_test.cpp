@@ -62,7 +62,7 @@ Lines UploadLog(const Lines& log) {
     return lines;
 }
 
-// --- A storage without room ---
+// --- A full storage ---
 
 TEST_F(UploadTest, ARefusedFileAsksForEvictionsUntilNoneIsLeft) {
     MasterServer server("memory:site");
@@ -118,7 +118,7 @@ TEST_F(UploadTest, ALinkThatBreaksAtAnEvictionKeepsTheFile) {
     EXPECT_FALSE(local_files::Has(kAttempts));
 }
 
-// --- A storage in trouble ---
+// --- A failing storage ---
 
 TEST_F(UploadTest, ALocalStorageThatDisappearsGivesTheReservationBack) {
     Place("storage/F2026-11-15.web1.1.dar/in the way", "");
@@ -268,7 +268,7 @@ TEST_F(UploadTest, ASuccessfulUploadRemovesTheFileOnlyWhenAsked) {
     EXPECT_FALSE(local_files::Has(kAttempts));
 }
 
-// --- A local file that changes meanwhile ---
+// --- A local file that changes during the upload ---
 
 class ChangingSource : public UploadTest {
   protected:

@@ -210,7 +210,7 @@ TEST_F(Log, MayBeRotatedAndReopenedWhileThreadsLog) {
     EXPECT_EQ(count, 400U);
 }
 
-// --- Reading it back ---
+// --- Parsing ---
 
 TEST_F(Log, ALineIsParsedIntoItsFields) {
     const auto line =

@@ -424,7 +424,7 @@ TEST_F(HttpClientTest, RefusedCredentialsAreAnAnswer) {
     }
 }
 
-// If a token selects digest authentication, the client must never send the password in plain text.
+// With digest authentication, the client must never send the password in plain text.
 TEST_F(HttpClientTest, DigestNeverFallsBackToBasic) {
     Serve(
         [](HttpExchange& exchange) {

@@ -110,7 +110,7 @@ class LocalFaults : public testing::Test {
         quarn2::GetStorage(quarn2::BackupToken("local://" + root_.path()));
 };
 
-// --- No room ---
+// --- A full disk ---
 
 struct Fault {
     std::string name;
