@@ -47,7 +47,7 @@ class Control : public ProgramSite {
         EXPECT_EQ(write(peer, text.data(), text.size()), static_cast<ssize_t>(text.size()));
     }
 
-    // Runs the loop until it has served everything that has arrived.
+    // Runs the loop often enough to serve everything that has arrived.
     void Serve() {
         for (int i = 0; i < 4; ++i) loop_.Run(0);
     }

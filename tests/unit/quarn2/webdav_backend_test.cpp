@@ -261,7 +261,8 @@ TEST_F(WebdavBackendTest, ServerErrorWithRoomIsUnavailable) {
     ExpectError(Kind::kUnavailable, "PUT of '", [&] { backend_->Put("x", source_); });
 }
 
-// Before that, the 403 may come from a proxy. It does not show that the credentials are wrong.
+// Until the server has accepted the user, a 403 may come from a proxy. It does not show that the
+// credentials are wrong.
 TEST_F(WebdavBackendTest, ForbiddenIsAMissingRightOnceTheUserWasAccepted) {
     bool welcome = false;
     Serve([&](HttpExchange& exchange) {
