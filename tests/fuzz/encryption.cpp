@@ -1,4 +1,4 @@
-// Encrypted files. Whatever a storage returns, a download fails or returns exactly the stored
+// Encrypted files. For all responses of a storage, a download fails or returns exactly the stored
 // content. It never outputs data that were not stored.
 //
 // The target builds the sealed file itself, as the format is documented, with a key derivation

@@ -1,4 +1,4 @@
-// A rescan of a storage that lists and returns anything. Whatever the names are, nothing changes
+// A rescan of a storage that lists and returns anything. For all names, nothing changes
 // outside of the info root and of the directory for removed files, and each fetched file has a
 // valid name.
 //

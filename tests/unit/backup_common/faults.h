@@ -20,7 +20,8 @@ Plan& ThePlan();
 // How often lstat has been called. Upload threads call it too.
 std::atomic<int>& LstatCalls();
 
-// What fork does: the real call, a failure with -1, or a child that exits at once with the status.
+// The behaviour of fork: the real call, a failure with -1, or a child that exits at once with the
+// status.
 enum class Fork { kReal, kFails, kChildEnds };
 void SetFork(Fork what, int status = 0);
 

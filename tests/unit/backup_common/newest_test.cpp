@@ -1,4 +1,4 @@
-// The check that a storage is the one that the local info files belong to.
+// The check whether the local info files belong to a storage.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
