@@ -1,6 +1,6 @@
-// Deletion of a backup with an arbitrary info file, as a storage may return it. Whatever names the
-// file contains, the deletion removes no local file outside of the backup's own folder, and no info
-// file of another backup that it does not name. After a successful deletion, a slice that the file
+// Deletion of a backup with an arbitrary info file, as a storage may return it. For all names in
+// the file, the deletion removes no local file outside of the backup's own folder, and no info file
+// of another backup that it does not name. After a successful deletion, a slice that the file
 // plainly names is gone from the storage.
 //
 // The first byte: "p" puts the info file among others in the info root, "d" in a folder of its own.
