@@ -1,4 +1,4 @@
-// Download: what a restore job and the rescan use.
+// Downloads for restore jobs and for the rescan.
 #pragma once
 
 #include <memory>
@@ -10,15 +10,17 @@
 // --get: fetches one file of a backup.
 void CommandGet(kro_args::ResultPtr result);
 
-// Downloads one file: up to three attempts a minute apart, as long as it is listed at the storage
-// root. Throws the last attempt's error after it has left an attempts file; refused credentials are
-// thrown at once.
+// Downloads one file in up to three attempts, one minute apart. Retries only while the storage root
+// lists the file. When all attempts have failed, or the file is not listed, writes an attempts file
+// and throws the last attempt's error. Throws an "unauthorized" error at once, without an attempts
+// file.
 void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
          const std::string& local);
 
-// Fetches the info file `name` into `local_dir`, together with the companion that a restore needs
-// first (first slice or index). An index under a key that is not the token's adds a line to
-// `encrypted_lines`. Failures are logged, never thrown. The fourth argument has no use.
+// Downloads the info file `name` into `local_dir`, together with the companion file that a restore
+// needs first: the isolated catalogue or the index. For an index that is encrypted with a key other
+// than the token's, adds a line to `encrypted_lines`. Ignores other names, and names with "#". Logs
+// failures, never throws. `filter` is unused.
 void DownloadInfoFile(const std::string& local_dir, const std::string& node,
                       std::shared_ptr<quarn2::Storage> storage, const std::string& filter,
                       std::string& encrypted_lines, const std::string& name);

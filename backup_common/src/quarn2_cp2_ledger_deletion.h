@@ -1,5 +1,5 @@
-// A deletion in the ledger: a job that makes the same backup meanwhile must notice that its slices
-// are gone.
+// Records the deletion of a backup in the ledger. A job that repeats the same backup meanwhile must
+// notice that its slices are gone.
 #pragma once
 
 #include <string>
@@ -11,11 +11,11 @@
 
 class LedgerDeletion {
   public:
-    // Records that every file of the backup is removed. To be called before the first removal.
+    // Records every slice of the backup as removed. Call it before the first removal.
     LedgerDeletion(const std::string& info_path, const quarn2::InfoMap& info);
 
-    // Removes the slices that an earlier run of the job left and that the info file does not name,
-    // and ends the entries. To be called after the last removal.
+    // Removes slices that an earlier run of the job left and that the info file does not name. Then
+    // removes the entries. Call it after the last removal.
     void Finish(quarn2::Storage& storage) const;
 
   private:

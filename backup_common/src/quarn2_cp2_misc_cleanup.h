@@ -1,10 +1,10 @@
 // The list of incomplete backups, ".cleanup" in an info root, which another program writes. A line
 // is the escaped token of the storage, a tab, and the prefix of the backup's files (see GetPrefix).
-// This is the only file that reads and rewrites it.
+// Only this unit reads and rewrites it.
 #pragma once
 
 #include <string>
 
-// Removes the lines of a backup that is complete now: a job that was interrupted, listed, and
-// repeated with success. `date` is "custom" for a custom backup. A failure is only logged.
+// Removes the lines of a backup that is complete now, because its interrupted job was repeated
+// successfully. `date` is "custom" for a custom backup. Failures are only logged.
 void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date);

@@ -1,11 +1,11 @@
-// The identity of a storage: which one it is, whoever asks and with whatever secret.
+// The identity of a storage. It does not depend on the user or the secret in the token.
 #pragma once
 
 #include <string>
 
 #include "quarn2/token.h"
 
-// Scheme, host and path in one form, such as "sftp://host/srv/backups": without user, password and
-// parameters, without the scheme's own port, a local path with its links resolved. Tokens of the
-// same storage give the same text. For a valid token.
+// Scheme, host, port and path in one form, such as "sftp://host/srv/backups". User, password,
+// parameters and the scheme's default port are left out. Symbolic links in a local path are
+// resolved. Tokens of the same storage give the same text. The token must be valid.
 std::string StorageIdentity(const quarn2::BackupToken& token);

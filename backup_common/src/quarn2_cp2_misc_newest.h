@@ -1,6 +1,5 @@
-// The question whether a storage is the one that the local info files belong to. Pointed at another
-// storage, a server would evict what it cannot see, and --clear would remove the info files of
-// backups that still exist.
+// Checks whether a storage is the one that the local info files belong to. On a wrong storage,
+// evictions and --clear would remove the info files of backups that still exist.
 #pragma once
 
 #include <cstddef>
@@ -20,11 +19,11 @@ struct NewestCheck {
     std::size_t asked = 0;  // the number of backups that were looked for, at most eight
 };
 
-// Looks on the storage for the newest finished backups of the info root. Asks by name for the last
-// slice and then for the info file of each, and stops at the first file found; it never lists a
-// directory of many files. Throws the storage's kro_err::Error when the storage cannot be asked,
-// and kro_err::Error when the info root cannot be listed. Info files that cannot be read, or whose
-// names no storage can have, are skipped.
+// Looks on the storage for the newest finished backups of the info root. For each backup it looks
+// for the last slice and then for the info file by name, and stops at the first file found. It
+// never lists a directory of many files. Throws the storage's kro_err::Error when the storage does
+// not answer, and kro_err::Error when the info root cannot be listed. Skips info files that cannot
+// be read, and backups with file names that no storage can have.
 NewestCheck FindNewestOnStorage(quarn2::Storage& storage, const std::string& info_root);
 
 // The stored files by which one backup is recognised: its last slice, then its info file.
@@ -34,5 +33,6 @@ using BackupFiles = std::vector<std::string>;
 // eight, and none when fewer than three are known.
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root);
 
-// True when the storage has an entry of this name. Throws when the storage cannot be asked.
+// True when the storage has an entry of this name. Throws the storage's kro_err::Error when the
+// storage does not answer.
 bool IsOnStorage(quarn2::Storage& storage, const std::string& name);

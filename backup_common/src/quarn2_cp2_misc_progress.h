@@ -1,4 +1,4 @@
-// A line on a terminal that shows how a long piece of work goes on.
+// A progress line on a terminal for long transfers.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 
 #include "quarn2/storage.h"
 
-// What has been done, and what there is to do (-1: not known).
+// The work done and the total work; -1: unknown.
 struct Progress {
     std::int64_t files = 0;
     std::int64_t all_files = 1;
@@ -16,10 +16,10 @@ struct Progress {
     std::int64_t seconds = 0;
 };
 
-// "3 of 10 files, 1.5 GiB, 120.0 MiB/s, 0:42 left"; what is not known is left out.
+// "3 of 10 files, 1.5 GiB, 120.0 MiB/s, 0:42 left"; unknown values are left out.
 std::string ProgressText(const Progress& progress);
 
-// Shows the progress on standard error, once a second, when that is a terminal; else nothing.
+// Shows the progress on standard error, at most once a second, if that is a terminal.
 class ProgressLine final : public quarn2::TransferObserver {
   public:
     explicit ProgressLine(std::int64_t all_files);
@@ -29,7 +29,7 @@ class ProgressLine final : public quarn2::TransferObserver {
 
     void Begin(std::int64_t size) override;
     void Advance(std::int64_t bytes) override;
-    // One of the files is done with.
+    // Counts one file as done.
     void FileDone();
 
   private:

@@ -1,5 +1,5 @@
-// How a command learns why the node client refused it. The control socket carries no reason, but
-// both sides write to one log.
+// Finds the reason why the node client refused a command. The control socket carries no reason, but
+// both processes write to the same log.
 #pragma once
 
 #include <sys/types.h>
@@ -8,7 +8,8 @@
 
 #include "kro/kro_log_reader.h"
 
-// The node client writes a line with this beginning after the reason, in the same thread.
+// The beginning of the line that the node client logs after the reason, in the same thread.
+// `process` is the process that sent the command.
 std::string RefusalLine(pid_t process);
 
 // The reason that the node client has logged for this process's command since `begin`; "" when

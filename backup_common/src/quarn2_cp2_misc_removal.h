@@ -1,5 +1,6 @@
-// The removal of one backup, which a crash can break off: the backup's info file tells of it before
-// anything is gone, so that nobody takes what is left for a whole backup, and it can be finished.
+// The removal of one backup. A crash can interrupt it. The info file (or the ledger) records the
+// removal before the first file is removed. So a partly removed backup does not count as complete,
+// and the removal can be finished later.
 #pragma once
 
 #include <memory>
@@ -9,23 +10,24 @@
 #include "quarn2/info_reader.h"
 #include "quarn2/storage.h"
 
-// A storage from which files are removed.
+// Removes the files of one backup from its storage.
 class Removal {
   public:
-    // Rewrites the info file: "deletion", the time, instead of "finished", whose value is kept as
-    // "deletion-finished". Where there is no room for that, an empty entry of the ledger says that
-    // the backup is not complete, and it is done once the first file has gone: a removal is what
-    // makes room.
+    // Marks the info file: adds "deletion" with the time and renames "finished" to
+    // "deletion-finished". When the disk is full, an empty ledger entry records that the backup is
+    // not complete, and RemoveFile marks the info file after the first removal, which may have
+    // freed space.
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
 
     void RemoveFile(const std::string& name);
     void RemoveDir(const std::string& name);
 
-    // Takes the marks of this removal back if nothing has been removed yet.
+    // Restores the info file and removes the ledger entry that this removal made, unless a file may
+    // have been removed. Logs failures.
     void GiveUp() const noexcept;
 
-    // Nothing is left of the backup.
+    // Removes the ledger entry that this removal made. Call it when no file of the backup is left.
     void Finish() const;
 
     const std::shared_ptr<quarn2::Storage>& storage() const noexcept { return storage_; }
@@ -39,24 +41,25 @@ class Removal {
     bool marked_;
     std::string old_text_;  // empty when the file was not rewritten
     bool touched_ = false;
-    bool has_entry_ = false;  // this removal has made one in the ledger
+    bool has_entry_ = false;  // this removal has made a ledger entry
 };
 
-// Removes a directory with all below it; the file `last` in it goes after everything else.
+// Removes a directory with its content. The entry `last` in it is removed after all others.
 void RemoveDirectory(const std::string& directory, const std::string& last);
 
-// True for an info file whose backup is half removed, or may be.
+// True for an info file that records an unfinished removal of its backup.
 bool IsBeingDeleted(const quarn2::InfoReader& info);
 
-// True when the info file says that the backup is finished, and the storage has every slice that it
-// names, and the info file. Throws the storage's kro_err::Error.
+// True when the info file has "finished", and the storage has the info file and every slice that it
+// names. Throws the storage's kro_err::Error.
 bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
                          const quarn2::InfoMap& info);
 
-// Makes the backup a finished one again when the storage still has every slice and the info file:
-// the deletion was interrupted before it removed anything. Returns whether that was so. Throws the
-// storage's kro_err::Error.
+// Restores "finished" in the info file if the storage still has every file of the backup: then the
+// deletion was interrupted before it removed anything. Returns whether it did. Throws the storage's
+// kro_err::Error.
 bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path);
 
-// Finishes the removals that the info files in `directory` tell of. Errors pass out.
+// Finishes the removals that the info files in `directory` record. Skips info files that cannot be
+// read. Errors of a removal pass through.
 void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage, const std::string& directory);

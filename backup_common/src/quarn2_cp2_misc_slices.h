@@ -1,4 +1,5 @@
-// Which stored files an info file names, and to which backup a file belongs by its name. Pure text.
+// Names of stored files: those that an info file names, and the backup to which a file belongs.
+// Pure functions on text.
 #pragma once
 
 #include <string>
@@ -11,7 +12,7 @@ bool NamesSlice(const std::string& key);
 
 // The stored names of every slice that the info file names: of "last-slice" and of each role with
 // slices of its own, from slice 1 to the last. A name without a number is one slice. Throws
-// std::runtime_error when the info file names more than 100,000 slices.
+// std::runtime_error when an archive has more than 100,000 slices.
 std::vector<std::string> NamedSlices(const quarn2::InfoMap& info);
 
 // The first word of "last-slice"; empty without one.
@@ -24,12 +25,12 @@ std::string ArchiveOf(const quarn2::InfoMap& info);
 // True for the name of an archive file: a type letter, a date, a dot. `path` may have directories.
 bool IsArchive(const std::string& path);
 
-// True for slice 1 and for an archive that is one file: an upload of it begins the backup again.
+// True for slice 1 and for an archive that is one file. Its upload starts the backup again.
 bool IsFirstSlice(const std::string& path);
 
 // The name that the slices, index files and the info file of one backup share: DATE.USER, or
 // custom.USER. `path` may have directories.
 std::string BackupKey(const std::string& path);
 
-// The same for any file of a backup, an info file with a type letter included.
+// Like BackupKey, but also for an info file with a type letter.
 std::string LedgerKey(const std::string& path);

@@ -1,5 +1,5 @@
-// Opening storages. Every role opens its storages here, so that no command works on a local storage
-// directory that it must not touch.
+// Opens storages. Every role opens its storages here, so that no command uses a local storage
+// directory that it must not change.
 #pragma once
 
 #include <filesystem>
@@ -14,17 +14,17 @@
 inline constexpr const char* kDefaultInfoRoot = "var/backup/tovarn";
 inline constexpr const char* kPrivateInfoRoot = "var/backup/tovarn.private";
 
-// The token in BACKUP_TOKEN. One that is unset or malformed tests false.
+// The token in BACKUP_TOKEN. It converts to false when it is unset or malformed.
 quarn2::BackupToken TokenByEnv();
 
-// The directory of a local token as the local storage opens it, resolved.
+// The directory of a local token, resolved, as the local storage opens it.
 std::filesystem::path StorageDirectory(const quarn2::BackupToken& token);
 
-// Storage::List, but a missing path has no names.
+// Like Storage::List, but returns no names for a missing path.
 std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::string& path);
 
-// What a local storage directory must keep away from, because --clear empties the storage and
-// evictions delete in it. All paths are resolved.
+// The directories that a local storage directory must not overlap, because --clear empties the
+// storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
     std::vector<std::filesystem::path> outside;  // a storage may be below them: ROOT and var
     std::vector<std::filesystem::path> closed;   // a storage may not: sbin, etc, tmp, info roots
@@ -37,7 +37,8 @@ struct StorageConflict {
     std::filesystem::path directory;  // the protected one
 };
 
-// The first protected directory that forbids this storage directory; nothing when it may be used.
+// Returns the first protected directory that forbids this storage directory, or nothing when the
+// storage directory may be used.
 std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protected_directories,
                                             const std::filesystem::path& storage);
 
@@ -47,16 +48,16 @@ std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protecte
 // token of another kind, or a malformed one, passes.
 void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root);
 
-// Opens the storage after CheckStorageDirectory. A malformed token is a kro_err::Error.
+// Opens the storage after CheckStorageDirectory. Throws kro_err::Error for a malformed token.
 std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
                                              const std::string& info_root = kDefaultInfoRoot);
 
-// OpenStorage for the token in BACKUP_TOKEN. An unset token is a kro_err::Error too.
+// OpenStorage for the token in BACKUP_TOKEN. Throws kro_err::Error for an unset token too.
 std::shared_ptr<quarn2::Storage> GetStorageByEnv(const std::string& info_root = kDefaultInfoRoot);
 
-// Throws std::runtime_error when the file `source` must not be uploaded to the storage as `remote`
-// and removed afterwards: it is the stored file itself, or it is inside the storage directory.
-// Links are resolved, those to directories at the top of the storage too. Only a local storage can
-// have such a file.
+// Throws std::runtime_error when `source` must not be uploaded as `remote` and removed afterwards:
+// it is the stored file itself, or it is inside the storage directory. Resolves symbolic links,
+// including those to directories at the top of the storage. Accepts every file when the storage is
+// not local.
 void CheckSource(const quarn2::BackupToken& token, const std::string& remote,
                  const std::string& source);

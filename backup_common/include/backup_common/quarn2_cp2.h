@@ -1,6 +1,6 @@
 // The program's entry point.
 #pragma once
 
-// Reads the command line and runs the one command that it names. Returns 0 when the command has
-// returned; what a command throws passes through.
+// Parses the command line and runs the command that it names. Returns 0 after the command has
+// returned. Exceptions of the command pass through.
 int tovmain(int argc, char** argv);
