@@ -6,10 +6,11 @@
 
 #include "kro/kro_args.h"
 
-// --put: hands one file to the node client and keeps the backup's info file.
+// --put: passes one file to the node client and updates the backup's info file.
 void CommandPut(std::shared_ptr<kro_args::Result> args);
 
-// --client: the node client; returns when the server has closed the link.
+// --client: the node client. Returns when the server closes the link or a termination signal
+// arrives.
 void CommandClient();
 
 // --update: replaces one file of a backup on the storage.

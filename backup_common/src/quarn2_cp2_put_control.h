@@ -1,4 +1,4 @@
-// The connections of the control socket, the node client's side.
+// The node client's side of the control socket: its accepted connections.
 #pragma once
 
 #include <chrono>
@@ -13,11 +13,11 @@
 // Runs one command text and returns the answer; throws when the command fails.
 using ControlService = std::function<std::string(std::string command)>;
 
-// One accepted connection. It collects the command until the peer ends its side of the stream, so a
-// slow peer does not block the loop. Then it runs the command, answers and closes.
+// One accepted connection. It collects the command until the peer shuts down its side of the
+// stream, so a slow peer does not block the loop. Then it runs the command, answers and closes.
 class ControlPeer {
   public:
-    // `connection` must not block. The service must outlive the peer.
+    // `connection` must be non-blocking. The service must outlive the peer.
     ControlPeer(ResHandle connection, const ControlService& service);
 
     // Reads the bytes that have arrived. Never throws: a failed command is logged and gets no
@@ -50,8 +50,8 @@ class ControlPeers {
     ControlPeers(const ControlPeers&) = delete;
     ControlPeers& operator=(const ControlPeers&) = delete;
 
-    // The loop serves the connection from now on. Beyond the maximum number of connections the
-    // oldest one is disconnected.
+    // Adds the connection to the loop. When there are too many connections, disconnects the oldest
+    // one.
     void Add(quarn2::Expect& loop, ResHandle connection);
 
     // Disconnects the peers that have sent nothing for 10 seconds.

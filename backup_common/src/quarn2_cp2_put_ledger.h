@@ -1,4 +1,4 @@
-// What a node client records in the ledger about the uploads of its jobs.
+// A node client's records of its uploads in the ledger.
 #pragma once
 
 #include <cstdint>
@@ -16,8 +16,8 @@
 
 class PutLedger;
 
-// The record of one slice from the moment it is put to the end of its upload. Without Stored or
-// Refused the destructor records the upload as abandoned.
+// The record of one slice from its put command to the end of its upload. Unless Stored or Refused
+// was called, the destructor records the upload as abandoned.
 class SliceRecord {
   public:
     SliceRecord(PutLedger* ledger, std::string entry, std::string name, LedgerSlice slice);
@@ -25,13 +25,13 @@ class SliceRecord {
     SliceRecord(const SliceRecord&) = delete;
     SliceRecord& operator=(const SliceRecord&) = delete;
 
-    // Waits for an upload of the same backup by another node client, and keeps others waiting from
-    // now on. Records the upload again if another one has ended meanwhile.
+    // Waits until no other node client uploads a slice of the same backup, and takes the upload
+    // lock. Then records the upload again, because another upload may have changed the record.
     void Hold();
 
-    // The slice is complete and durable on the storage.
+    // Records that the slice is complete and durable on the storage.
     void Stored();
-    // The server granted no space.
+    // Records that the slice is not uploaded: the server granted no space, or the key differs.
     void Refused();
 
   private:
@@ -41,37 +41,38 @@ class SliceRecord {
     std::string entry_;
     std::string name_;
     LedgerSlice slice_;
-    std::optional<LedgerSlice> previous_;  // of an earlier upload under the same name
+    std::optional<LedgerSlice> previous_;  // the record of an earlier upload under the same name
     bool ended_ = false;
     std::unique_ptr<kro_file::ByteLock> uploads_;
 };
 
 class PutLedger {
   public:
-    // `identity`: of the storage that the node client uploads to.
+    // `identity`: the identity of the storage that the node client uploads to.
     PutLedger(const std::string& storage_name, std::string identity);
 
-    // Records that a slice is about to be uploaded. Throws std::runtime_error when it is encrypted
-    // with another key than the earlier slices of its backup. Without an entry, because the disk is
-    // full, the upload goes on.
+    // Records that a slice is about to be uploaded. Throws std::runtime_error when its key is not
+    // the key of the earlier slices of its backup. When the entry cannot be written, such as on a
+    // full disk, the upload continues without it.
     std::unique_ptr<SliceRecord> Begin(const std::string& name, std::int64_t bytes,
                                        const std::string& key_hash);
 
     // Throws std::runtime_error, which names the slice, when a slice that the info file names is
-    // not complete on the storage, or when an upload of the backup has failed. Asks the storage for
-    // the last slice, and for slices that the ledger does not know.
+    // not complete on the storage, or when an upload of the backup has failed. First waits for the
+    // uploads of other node clients. Queries the storage for the last slice and for slices that are
+    // not in the ledger.
     void CheckComplete(const std::string& info_path, const quarn2::InfoMap& info,
                        quarn2::Storage& storage);
 
-    // The server has acknowledged the backup. Only archive files that its info file does not name
-    // stay in the ledger.
+    // Records that the backup is complete, after the server has acknowledged it. Only archive files
+    // that its info file does not name stay in the ledger.
     void Complete(const std::string& info_path, const quarn2::InfoMap& info);
 
   private:
     friend class SliceRecord;
 
-    // Changes one slice's record, after `before` has changed its entry. Returns false when it
-    // cannot be written; then it is remembered while this process lives.
+    // Writes one slice's record, after `before` has changed its entry. When the entry cannot be
+    // written, keeps the state in memory until the process ends, and returns false.
     bool Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
              const Ledger::Change& before = {});
     void BeginUpload(const std::string& entry, const std::string& name, const LedgerSlice& slice);
@@ -80,7 +81,7 @@ class PutLedger {
                                         const quarn2::InfoMap& info) const;
     void CheckUploads(const std::string& info_path, const quarn2::InfoMap& info);
     void CheckSlice(const std::string& name, const quarn2::InfoMap& info, quarn2::Storage& storage);
-    // Makes it an entry of this storage.
+    // Makes the entry one of this storage. Clears it if it was another storage's.
     void BelongHere(LedgerEntry& entry) const;
     bool IsCurrent(const LedgerEntry& entry) const { return entry.IsOf(identity_); }
 

@@ -1,5 +1,5 @@
-// The node client: serves the control socket of its node and speaks to the server over the master
-// link.
+// The node client. It serves the control socket of its node and exchanges commands and answers with
+// the server over the master link.
 #pragma once
 
 #include <atomic>
@@ -33,8 +33,8 @@ struct MasterLink {
 
 class NodeSide {
   public:
-    // Reads the token from the link and opens the storage. `storage` is the name of a user's own
-    // one.
+    // Reads the token from the link and opens the storage. `storage`: the name of a user's own
+    // storage, empty for the common one.
     explicit NodeSide(kro_thread::SafeLock& lock, MasterLink link = {},
                       const std::string& storage = "");
     // Waits for the uploads.
@@ -46,13 +46,14 @@ class NodeSide {
     // serves it when its command is complete.
     quarn2::Expect::Result* operator()(ResHandle listening);
 
-    // Where accepted connections are served. The loop must outlive the last call of operator().
+    // Sets the loop that serves accepted connections. The loop must outlive the last call of
+    // operator().
     void AcceptIn(quarn2::Expect& loop) noexcept { loop_ = &loop; }
 
     // Disconnects the peers of the control socket that have sent nothing for 10 seconds.
     void DisconnectSilentPeers() { peers_.DisconnectSilent(); }
 
-    // Runs one command text and returns the answer; a failure is an exception.
+    // Runs one command text and returns the answer. Throws when the command fails.
     std::string Serve(std::string command);
 
     void Delete(const std::string& path, bool force);
@@ -60,25 +61,27 @@ class NodeSide {
     // The name that all slices of a backup and its info file share.
     static std::string Key(const std::string& path);
 
-    // Sends a command (with its line feed) and returns the answer without "OK". One exchange at a
-    // time, whichever thread asks. CommandError when the server refused it or the link is broken.
+    // Sends a command (with its line feed) to the server and returns the answer without "OK". A
+    // lock serializes the exchanges of all threads. Throws CommandError when the server refuses the
+    // command or the link does not accept it, and std::runtime_error when the answer is incomplete.
     std::string DoCommand(const std::string& command);
 
-    // Reads one frame of the master link. std::runtime_error when it does not come whole.
+    // Reads one frame from the master link. Throws std::runtime_error when it is incomplete.
     static std::string GetResult(int fd = 0);
 
     const quarn2::BackupToken& token() const noexcept { return token_; }
     bool delete_after() const noexcept { return delete_after_; }
     std::int64_t size() const noexcept { return size_; }
 
-    // Takes one from the number of evictions that an upload may still ask for and returns what is
-    // left; -1 when there was none.
+    // Decrements the number of evictions that uploads may still request. Returns the rest, or -1
+    // when the number was 0.
     std::int32_t TakeOneEviction() noexcept;
 
   private:
     std::string Put(std::string argument, bool last);
     using Record = std::unique_ptr<SliceRecord>;
-    // Reserves space for a file and records it. Null for an info file.
+    // Records the put of a file and reserves space for it. Returns null for an info file, which has
+    // no record.
     Record Admit(const std::string& remote, const std::string& path, const std::string& key_hash);
     void PutInBackground(const std::string& remote, const std::string& path, Record record);
     void PutLast(const std::string& remote, const std::string& path, Record record);

@@ -1,4 +1,4 @@
-// The local file of an upload, which must still be the same file when it is removed.
+// The local file of an upload. It may be removed afterwards only if it is still the same file.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,22 +22,22 @@ struct FileIdentity {
 
 enum class SourceState {
     kUnchanged,
-    kRewritten,  // the file that was opened has other content now: what was sent is a mixture
+    kRewritten,  // the opened file was modified: the sent data may be mixed
     kReplaced,   // its path names another file, or none
 };
 
-// `opened`: of the descriptor when the upload began; `now`: of the descriptor now; `at_path`: of
-// the file that the path names now.
+// `opened`: the identity of the open file when the upload began; `now`: its identity now;
+// `at_path`: the identity of the file at the path now.
 SourceState CompareSource(const FileIdentity& opened, const FileIdentity& now,
                           const std::optional<FileIdentity>& at_path);
 
 class SourceFile {
   public:
-    // Opens the file for as long as the object lives, so that no other file gets its inode. Throws
+    // Opens the file and keeps it open, so that no other file gets its inode. Throws
     // kro_err::Error.
     explicit SourceFile(const std::string& path);
 
-    // What has become of the file since it was opened. Throws kro_err::Error.
+    // Compares the file with its state when it was opened. Throws kro_err::Error.
     SourceState Compare() const;
 
   private:

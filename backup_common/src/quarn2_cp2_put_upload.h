@@ -1,4 +1,4 @@
-// One file on its way from this node to the storage.
+// The upload of one file from this node to the storage.
 #pragma once
 
 #include <memory>
@@ -13,36 +13,37 @@
 
 class NodeSide;
 
-// Lives idle until Run (in a thread of its own) or PutLast (in the caller's). Must stay where it is
-// while its thread runs.
+// An object is idle until Run, which uploads in a thread of its own, or PutLast, which uploads in
+// the calling thread. It must not move while its thread runs.
 class Upload {
   public:
     Upload() = default;
-    // Opens a storage of its own and makes the file's directory there; failures pass out.
+    // Opens its own storage and creates the file's directory there. Exceptions pass through.
     Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path);
 
     using Record = std::unique_ptr<SliceRecord>;
 
-    // In a thread, which ends the record.
+    // Takes the upload lock of the record and starts a thread, which uploads and ends the record.
     void Run(Record record);
 
-    // Waits for the thread. std::runtime_error "Failed upload", or what left the thread, when the
-    // file was not stored.
+    // Waits for the thread. When the upload failed, throws the exception of the thread or
+    // std::runtime_error "Failed upload".
     void Join();
 
-    // The whole upload in the calling thread; "Failed upload" when it failed. `record` is null for
-    // an info file.
+    // Uploads in the calling thread. When that fails, throws std::runtime_error "Failed upload" or
+    // the exception of the upload. `record` is null for an info file.
     void PutLast(Record record);
 
-    // Up to three attempts; asks the server for space when the storage has none. A source that is
-    // rewritten meanwhile, or replaced between two attempts, fails the upload for good and stays.
+    // Uploads in up to three attempts. Requests evictions from the server when the storage is full.
+    // If the source is rewritten during the upload, or replaced between two attempts, the upload
+    // fails without another attempt and the source stays.
     void Put();
 
-    // The thread's body: Put, and the end of the record.
+    // The thread's body: calls Put and ends the record.
     void operator()();
 
-    // True when the storage has the file. An upload can end without an error and without this,
-    // when the server refuses to make room.
+    // True when the storage has the file. When the server refuses to free space, the upload ends
+    // without an error, and this is false.
     bool stored() const noexcept { return stored_; }
 
   private:
@@ -50,12 +51,13 @@ class Upload {
 
     void Hold(Record record);
     void Store(Source& source);
-    // One transfer; false when the storage has no room. Opens the source if that was not done yet.
+    // Transfers the file once. Returns false when the storage is full. The first call opens the
+    // source.
     bool Send(Source& source);
     void OpenAgain();
     bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);
     void Release(const std::string& reason, const Source& source);
-    // Another file that has taken the source's name stays.
+    // Removes the source, unless it was modified or another file has its name now.
     void RemoveSource(const Source& source) const;
 
     NodeSide* node_ = nullptr;
