@@ -1,5 +1,5 @@
-// The process of a node client as the server sees it: this machine's own, or the ssh that leads to
-// another one's.
+// The process of a node client as the server sees it: the client of this machine, or the ssh that
+// runs a client on another machine.
 #pragma once
 
 #include <chrono>
@@ -14,14 +14,14 @@
 // The command that starts a node client. `node` is "local" or NAME:DESTINATION:PORT.
 std::vector<std::string> NodeClientCommand(std::string node, const std::string& ssh_key);
 
-// The end of what somebody says, for one line of a log: so much is kept, however much is said.
+// The last kMost bytes of a client's error output, for one line of the log.
 class LastWords {
   public:
     static constexpr std::size_t kMost = 2048;
 
     void Add(const char* text, std::size_t size);
 
-    // Lines joined with "; ", an ellipsis in front of what lost its beginning.
+    // The lines joined with "; ", with "..." in front if the beginning was dropped.
     std::string Text() const;
 
   private:
@@ -33,8 +33,8 @@ class ClientProcess {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // How long one that should end is left alone, until it is asked to (SIGTERM), and until it is
-    // made to (SIGKILL).
+    // How long a client may take to end before it gets SIGTERM (`until_asked`) and SIGKILL
+    // (`until_killed`).
     struct Patience {
         std::chrono::seconds until_asked;
         std::chrono::seconds until_killed;
@@ -46,35 +46,36 @@ class ClientProcess {
     };
 
     explicit ClientProcess(const std::vector<std::string>& command);
-    // Waits for the end, see Finish.
+    // Waits until the client has ended, see FinishWithin.
     ~ClientProcess();
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
 
-    // Starts it and gives this side's ends of its two pipes, both non-blocking. A kro_err::Error
-    // says why it could not be started.
+    // Starts the client and returns the server's ends of the two pipes, both non-blocking. Throws
+    // kro_err::Error with the reason when the client cannot be started.
     Pipes Start();
 
-    // Keeps the pipe that it speaks into open until its end. What it says there is not read.
+    // Keeps the client's output pipe open until the client has ended. The pipe is not read.
     void KeepOutput(ResHandle from_client) { output_ = std::move(from_client); }
 
-    // Takes what it has said on standard error, never more than a pipe holds.
+    // Reads the error output that is available, at most as much as a pipe holds.
     void Listen();
 
-    // True when it has ended, or never ran; waits at most so long for it.
+    // Waits at most `wait` for the end of the client. True when it has ended or never ran.
     bool HasEnded(std::chrono::milliseconds wait = {});
 
-    // Asks or makes it end once it has had its time since `since`.
+    // Sends SIGTERM or SIGKILL to the client when its time for that, counted from `since`, is over.
+    // Sends each signal once.
     void Press(Clock::time_point since, Clock::time_point now, Patience patience);
 
-    // Waits at most so long for the end of one whose input is closed since then; true when it has
-    // ended. One on this machine may finish its uploads; an ssh is ended after a minute, and what
-    // it leads to finishes by itself.
+    // Waits at most `wait` for the end of a client whose input was closed at `since`. Returns true
+    // when it has ended. A client of this machine may finish its uploads. An ssh process is
+    // terminated after a minute; the client that it runs finishes by itself.
     bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
     bool is_remote() const noexcept { return is_remote_; }
 
-    // Of one that has ended.
+    // The exit status. The client must have ended.
     int status() { return child_.Result(); }
     std::string last_words() const { return words_.Text(); }
     pid_t pid() const noexcept { return child_.pid(); }

@@ -1,4 +1,5 @@
-// The sessions with all nodes of a server, kept going for as long as it lives.
+// The sessions with all nodes of a server. Ended sessions are restarted for as long as the server
+// runs.
 #pragma once
 
 #include <chrono>
@@ -13,17 +14,19 @@
 #include "quarn2_cp2_server_model.h"
 #include "quarn2_cp2_server_session.h"
 
-// How long to leave a node alone before its next session: longer each time in vain.
+// The pause before the next session with a node. It doubles after each failed session, up to a
+// maximum.
 class RestartPause {
   public:
-    // The pause after a session that did (not) do any good.
+    // Returns the pause after a session. A useful session (`did_good`) resets the pause to its
+    // minimum.
     std::chrono::seconds Next(bool did_good);
 
   private:
     std::chrono::seconds next_{1};
 };
 
-// One node, in whatever state: served, on its way out, or left alone until its next session.
+// One node. It has a session, or waits for the end of its client, or waits for its next session.
 class SupervisedNode {
   public:
     using Clock = std::chrono::steady_clock;
@@ -33,20 +36,21 @@ class SupervisedNode {
     SupervisedNode(std::string name, StartSession start)
         : name_(std::move(name)), start_(std::move(start)) {}
 
-    // Starts the first session; passes on why that cannot be done.
+    // Starts a session. Throws when the client cannot be started.
     void Start(Clock::time_point now);
 
-    // The same for a node that may be away: it is tried again later.
+    // Starts a session. When the client cannot be started, logs the reason and schedules another
+    // attempt.
     void TryToStart(Clock::time_point now);
 
-    // Does what is due and returns when to look again at the latest.
+    // Does the work that is due. Returns the latest time for the next call.
     Clock::time_point Attend(Clock::time_point now);
 
-    // Closes the session for good.
+    // Closes the session, if there is one. Its client may still run.
     void Close();
 
-    // Waits at most so long for the end of the client of a session that was closed then; true when
-    // there is none any more.
+    // Waits at most `wait` for the end of the client of a session that was closed at `since`.
+    // Returns true when there is no client any more.
     bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
   private:
@@ -59,37 +63,38 @@ class SupervisedNode {
     StartSession start_;
     RestartPause pause_;
     std::shared_ptr<MasterSide> session_;
-    std::unique_ptr<ClientProcess> client_;  // of a session that has ended
-    bool did_good_ = false;                  // the session that has ended
-    Clock::time_point since_;                // when the present state began
+    std::unique_ptr<ClientProcess> client_;  // of the session that has ended
+    bool did_good_ = false;                  // whether the ended session was useful
+    Clock::time_point since_;                // when the current state began
     Clock::time_point due_;
 };
 
-// Waits for the clients of sessions that were closed then, for all at the same time: also those
-// that must be asked to end, or killed, cost their time once and not one after another.
+// Waits for the clients of sessions that were closed at `since`, for all of them in parallel. The
+// times until SIGTERM and SIGKILL run for all clients at once.
 void FinishAll(std::vector<SupervisedNode>& nodes, SupervisedNode::Clock::time_point since);
 
-// Runs on the event loop's thread alone.
+// Runs only on the thread of the event loop.
 class NodeSessions {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // `storage` and `loop` outlive the sessions.
+    // `storage` and `loop` must outlive the sessions.
     NodeSessions(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,
                  kro_args::ResultPtr args);
-    // Ends them all.
+    // Ends all sessions.
     ~NodeSessions();
     NodeSessions(const NodeSessions&) = delete;
     NodeSessions& operator=(const NodeSessions&) = delete;
 
-    // Starts the session with this machine and then one with each different node. Throws when the
-    // first cannot be started.
+    // Starts the session with this machine and then one with each distinct node. Throws when the
+    // session with this machine cannot be started.
     void Start(Clock::time_point now);
 
-    // Starts again what has ended. To be called again after the returned time, or before.
+    // Restarts sessions that have ended. The caller calls it again after the returned time at the
+    // latest.
     std::chrono::milliseconds Attend(Clock::time_point now);
 
-    // Closes all links and waits for the clients, for all at the same time.
+    // Closes all links and waits for all clients in parallel.
     void End();
 
   private:

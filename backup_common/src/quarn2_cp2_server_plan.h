@@ -1,5 +1,5 @@
-// Plans of evictions: pure decisions over the model, nothing is deleted here. The server executes a
-// plan; the plan says before the first deletion whether the deletions reach their aim.
+// Plans evictions. The functions are pure decisions over the model and delete nothing. The server
+// executes a plan. The plan shows before the first deletion whether the deletions are enough.
 #pragma once
 
 #include <cstdint>
@@ -25,34 +25,35 @@ struct Victim {
 using Victims = std::vector<Victim>;
 
 struct EvictionPlan {
-    Victims by_count;             // beyond the count limits; they go first
+    Victims by_count;             // beyond the count limits; deleted first
     std::vector<Victims> passes;  // each lowers max_count by one; some are empty
-    bool possible = true;         // false: the aim is not reached after the last pass
+    bool possible = true;         // false: even all passes are not enough
 
     bool HasVictims() const noexcept;
     Victims AllVictims() const;
     std::int64_t FreedSize() const noexcept;
 };
 
-// One pass: from every user with more than `keep` records the oldest removable one, in the order of
-// storages and users.
+// One pass: the oldest removable record of every user with more than `keep` records, in the order
+// of storages and users.
 Victims PlanPass(const Storages& storages, int keep);
 
-// The backups beyond these counts, per user the dailies first.
+// The backups beyond these counts; of each user the dailies first.
 Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily);
 
-// A copy of the model without the backups that `is_open` knows: their jobs are being repeated, so
-// they are neither deleted nor protect an older one. Their space stays used.
+// A copy of the model without the backups for which `is_open` is true. Their jobs are being
+// repeated, so they are not deleted and do not protect older backups. Their space still counts as
+// used.
 using IsOpenBackup = std::function<bool(const std::string& user, const std::string& date)>;
 Storages WithoutOpen(const Storages& storages, const IsOpenBackup& is_open);
 
-// The passes until the storage with this key has `size` bytes that are neither used nor reserved.
+// Plans passes until the storage with this key has `size` bytes that are neither used nor reserved.
 // `storages` is the model, or a copy without some backups.
 EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
                       const Storages& storages);
 
-// What a starting server deletes: first for the count limits, then until no storage uses more than
-// the size limit.
+// Plans the deletions of a starting server: first for the count limits, then until no storage uses
+// more than the size limit.
 EvictionPlan PlanStart(const GlobalSizeControl& control);
 
 // Removes a deleted backup from the model, or from a copy of it.

@@ -1,5 +1,5 @@
-// What a rescan takes out of the info root is kept, because a listing may be wrong: another
-// storage's token, a mount that is missing, a server in trouble.
+// Keeps the entries that a rescan removes from the info root, because the storage's listing may be
+// wrong: the token is another storage's, a mount is missing, or a remote server has a fault.
 #pragma once
 
 #include <string>
@@ -7,19 +7,19 @@
 
 class RemovedEntries {
   public:
-    // `storage_name`: the value of --storage. `directory`: the one that the rescan works on.
-    // `continues`: an earlier rescan was interrupted, and the entries that it took are kept too.
-    // Nothing is changed yet.
+    // `storage_name`: the value of --storage. `directory`: the directory of the rescan.
+    // `continues`: an earlier rescan was interrupted, so the entries that it removed are kept too.
+    // The constructor changes nothing on disk.
     RemovedEntries(const std::string& storage_name, std::string directory, bool continues);
 
-    // Moves entries of the directory, files and whole directories, to
-    // var/quarn2_cp.removed[#STORAGE]/, where each keeps its path below the directory. The first
-    // call removes what an earlier rescan has left there. Entries that are missing are skipped.
-    // Temporary files are removed for good.
-    // std::runtime_error when an entry cannot be moved; that entry is still in its old place then.
+    // Moves entries of the directory, files and complete directories, to
+    // var/quarn2_cp.removed[#STORAGE]/, where each keeps its path relative to the directory. Unless
+    // `continues`, the first call removes the entries of earlier rescans there. Skips missing
+    // entries. Deletes temporary files. Throws std::runtime_error when an entry cannot be moved;
+    // that entry is then still at its old path.
     void Take(std::vector<std::string> paths);
 
-    // The place of the entries, relative to the install root.
+    // The directory of the removed entries, relative to the install root.
     const std::string& place() const noexcept { return place_; }
 
   private:

@@ -1,4 +1,5 @@
-// A session with one node client: its process, the two pipes to it, and the meaning of its lines.
+// A session with one node client: its process, the two pipes to it, and the execution of its
+// commands.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +13,9 @@
 #include "quarn2_cp2_server_client.h"
 #include "quarn2_cp2_server_model.h"
 
-// What one session has reserved on its storage since the last completion there, which ends every
-// reservation. It ends with the session: no upload of a client that is gone is under way.
+// The bytes that one session has reserved on its storage since the storage's last completion, which
+// drops all reservations. They are released when the session ends, because a client that has ended
+// uploads nothing.
 class OwnReserved {
   public:
     OwnReserved(GlobalSizeControl::StorageDesc& storage, bool is_remote)
@@ -22,22 +24,22 @@ class OwnReserved {
     // Adds to the storage's reservations; a negative size releases.
     void Add(std::int64_t size);
 
-    // Takes the session's share out of the storage's reservations. Looks at the storage only if
-    // there is a share.
+    // Subtracts the session's reserved bytes from those of the storage. Does not access the storage
+    // when the session has none.
     void GiveBack();
 
   private:
     GlobalSizeControl::StorageDesc& storage_;
     bool is_remote_;
     std::int64_t sum_ = 0;
-    std::uint64_t resets_ = 0;  // of the storage, when `sum_` began
+    std::uint64_t resets_ = 0;  // `resets` of the storage when `sum_` began
 };
 
-// Runs on the event loop's thread alone; the loop's workers own it.
+// Runs only on the thread of the event loop. The loop's workers own it.
 class MasterSide {
   public:
-    // Starts the node client and registers its session with the loop. `first` is the storage name
-    // that the client is told. Throws when the client cannot be started.
+    // Starts the node client and registers its session with the loop. `first` is the first message
+    // to the client, the storage name. Throws when the client cannot be started.
     static std::shared_ptr<MasterSide> Create(const std::string& first,
                                               GlobalSizeControl::StorageDesc& storage,
                                               std::string node, quarn2::Expect& loop,
@@ -50,7 +52,7 @@ class MasterSide {
     MasterSide(const MasterSide&) = delete;
     MasterSide& operator=(const MasterSide&) = delete;
 
-    // Starts the client over two fresh pipes.
+    // Starts the client with two new pipes.
     void Start();
 
     // Takes over this side's ends of the pipes.
@@ -62,22 +64,22 @@ class MasterSide {
     quarn2::Expect::Result* Read(ResHandle handle);
     quarn2::Expect::Result* Write(ResHandle handle);
 
-    // Gives one line of the client its meaning and queues the answer.
+    // Executes one command line of the client and queues the answer.
     void ProcessCommand(const std::string& line);
 
-    // False once the link has ended, from either side.
+    // False after the link was closed by either side.
     bool is_open() const noexcept { return is_open_; }
 
-    // True once a command has been granted.
+    // True after a command was answered with "OK".
     bool has_served() const noexcept { return has_served_; }
 
     ClientProcess& client() noexcept { return *client_; }
 
-    // Closes the link and gives the client away: its end is the caller's to wait for.
+    // Closes the link and returns the client's process. The caller must wait for its end.
     std::unique_ptr<ClientProcess> Close();
 
   private:
-    // What a look at the client's output came to.
+    // The result of reading the client's output.
     enum class Reading { kMore, kEnd, kFailed };
 
     quarn2::Expect::Result* Disconnected();
@@ -106,5 +108,5 @@ class MasterSide {
     std::string write_buffer_;
 };
 
-// The unit's name in buffer dumps.
+// The source file name in trace lines.
 inline constexpr const char* kServerSource = "quarn2_cp2_server.cpp";

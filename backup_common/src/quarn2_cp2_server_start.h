@@ -1,4 +1,5 @@
-// Making sure that a storage's server runs: the caller's side, and the files both sides meet at.
+// Starts a storage's server or joins the running one: the caller's side, and the files that callers
+// and daemon share.
 #pragma once
 
 #include <set>
@@ -8,32 +9,34 @@
 #include "kro/kro_file.h"
 #include "kro/res_handle.h"
 
-// The meeting points of one storage's callers and daemon, relative to the install root.
+// The files that the callers and the daemon of one storage share, relative to the install root.
 struct ServerFiles {
     explicit ServerFiles(const std::string& storage);
 
-    std::string pid;   // whose lock says that a server runs
-    std::string lock;  // which callers hold to keep it alive
+    std::string pid;   // locked while there is a server
+    std::string lock;  // callers lock it to keep the server alive
 };
 
-// Opens a lock file, made when it is missing; nothing, with errno set, when that fails.
+// Opens a lock file and creates it when it is missing. When that fails, sets errno and returns an
+// empty handle.
 ResHandle OpenLockFile(const std::string& path);
 
-// Takes the lock on the file that `path` names at that moment and returns its descriptor.
-// std::runtime_error when it cannot be opened or locked.
+// Waits for the lock on the file that `path` names when the lock is granted, and returns its
+// descriptor. Throws std::runtime_error when the file cannot be opened or locked.
 ResHandle Quarn2Lock(const std::string& path, bool exclusive);
 
-// Takes the exclusive lock of a storage at a moment when no server of it runs. A server that no job
-// holds any more ends while this call waits. As long as the lock is held no server can start.
+// Waits until the storage has no server, and takes the exclusive lock on its lock file. A server
+// without callers ends during this wait. No server can start while the lock is held.
 ResHandle LockWithoutServer(const ServerFiles& files);
 
-// Limits and nodes as one text, to tell whether a running server does what a call asks for.
+// Limits and nodes as one text. A call compares it with that of a running server to decide whether
+// the server fits.
 std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std::string>& nodes);
 
-// The same for this call: nodes count on a local storage only.
+// ControlParams of this call. Nodes count only for a local storage.
 std::string RequestedParams(const kro_args::ResultPtr& args);
 
-// What the daemon writes into its pid file.
+// The content of the daemon's pid file.
 struct PidFile {
     std::string pid;
     std::string date;
@@ -44,16 +47,16 @@ struct PidFile {
     static PidFile Parse(std::string text);
 };
 
-// Starts the storage's server if none runs and waits until one serves this call. Closes standard
-// output then. The server lives as long as the returned lock is held, by this process or another.
+// Starts the storage's server if none runs and waits until one serves this call. Then closes
+// standard output. The server runs as long as a process holds the returned lock.
 ResHandle SizeControlServerStart(kro_args::ResultPtr args, ResHandle&& handle);
 
-// What the caller gives to the daemon besides its arguments.
+// The data that the caller passes to the daemon besides its arguments.
 struct DaemonStart {
     std::string server_key;
     bool is_storage_checked = false;  // see IsRightStorageAtStart
 };
 
-// The daemon's life, from its first step in the grandchild on; ends the process.
+// Runs the daemon, from its first step in the grandchild on. Ends the process.
 [[noreturn]] void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
                             const DaemonStart& start);

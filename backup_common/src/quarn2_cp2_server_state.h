@@ -1,6 +1,7 @@
-// The state file of a running server, tmp/quarn2_cp.state[#STORAGE]: KEY=VALUE lines, for its user
-// only. It holds what a pid file has no place for. A file of a dead server may be left; it is
-// recognised by the process id and the key of that start.
+// The state file of a running server, tmp/quarn2_cp.state[#STORAGE]: KEY=VALUE lines, readable by
+// its user only. It holds data for which the pid file has no line. A dead server may leave its
+// file. IdentityOf ignores such a file because its process id and key differ from those in the pid
+// file.
 #pragma once
 
 #include <string>
@@ -9,15 +10,15 @@
 
 class StateFile {
   public:
-    // `storage`: the storage's name, of --storage.
+    // `storage`: the value of --storage.
     explicit StateFile(const std::string& storage);
 
-    // Writes pid, key, date and the storage's identity. Returns false, and logs the reason at the
-    // first time, when that fails.
+    // Writes pid, key, date and the storage's identity. When that fails, returns false, and logs
+    // the reason the first time.
     bool Write(const PidFile& server, const std::string& identity);
 
     // The identity of the storage that this server serves; "" when the file is missing, cannot be
-    // read or is another start's.
+    // read or belongs to another start of the server.
     std::string IdentityOf(const PidFile& server) const;
 
     void Remove() const;

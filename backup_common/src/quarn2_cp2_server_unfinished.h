@@ -13,32 +13,33 @@
 
 class UnfinishedBackups {
   public:
-    // None.
+    // No unfinished backups, and no ledger.
     UnfinishedBackups() = default;
 
-    // Those that the ledger knows of the storage with this identity; the log names them. A backup
-    // whose slices are all stored, and whose info file the storage has, is complete: its last
-    // command was interrupted after that, and its entry ends.
+    // The open entries of the ledger for the storage with this identity. Logs each of them. If all
+    // slices of an entry are stored and the storage has its info file, the backup is complete: only
+    // its last command was interrupted. Its entry is completed instead.
     UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage);
 
-    // True when the info file, whose "last-slice" begins with this archive, is of a backup that is
-    // not complete.
+    // True when the info file belongs to a backup that is not complete. `last_slice`: the value of
+    // "last-slice" in the info file.
     bool Contains(const std::string& info_path, std::string_view last_slice) const;
 
-    // Notes the size that the info file of such a backup has. If the storage has the info file, the
-    // backup was complete before its job was repeated: then the storage may hold its old files
-    // beside the new ones.
+    // Keeps the size that the info file of an unfinished backup names. If the storage has the info
+    // file, the backup was complete before its job was repeated. The storage may then hold its old
+    // files beside the new ones.
     void NoteSize(const std::string& info_path, std::string_view last_slice, std::int64_t size,
                   quarn2::Storage& storage);
 
-    // Entries whose slices may be removed when space is needed: those that complete backups do not
-    // name, and those of archives older than `date` that no job has touched since the server
-    // started. A backup that was complete before its job was repeated is none of them: the storage
-    // may still have it.
+    // The entries whose slices may be removed when space is needed, oldest first. These are entries
+    // of complete backups, whose slices no info file names, and entries of archives older than
+    // `date` that no job has changed since the server started. Excludes a backup that was complete
+    // before its job was repeated, because the storage may still have it, and entries whose slices
+    // a node client uploads now.
     std::vector<LedgerEntry> Reclaimable(const std::string& date) const;
 
-    // Removes the entry's slices from the storage, and the entry unless an info file here says that
-    // the backup is finished. Throws kro_err::Error.
+    // Removes the entry's slices from the storage. Then removes the entry, unless a local info file
+    // has "finished" for this backup. Throws kro_err::Error.
     void Remove(const LedgerEntry& entry, quarn2::Storage& storage) const;
 
     // The names DATE.USER of the backups whose entries are open now. Reads the ledger.
