@@ -17,7 +17,7 @@ void DeclareOptions(kro_args::Args& args) {
     const char* const command = "command";
     const char* const subcommand = "subcommand";
     const char* const tovtar = "tovtar";
-    // The tree is read as a tree.
+    // The indentation shows the tree of options.
     // clang-format off
     args.AddOption("server", 's', "Start storage disk space control server").SetGroup(command)
             .AddSuboption("date", 'D', "current backup date").SetParam().SetGroup(subcommand)
@@ -62,8 +62,7 @@ void DeclareOptions(kro_args::Args& args) {
     // clang-format on
 }
 
-// The commands that work on one file named on the command line. Nothing is done when no command was
-// given.
+// Runs a command that takes one file. Does nothing when no command was given.
 void RunFileCommand(const std::string& command, const kro_args::ResultPtr& result) {
     if (command == "put") {
         CommandPut(result);

@@ -31,7 +31,8 @@ bool IsListedAtRoot(quarn2::Storage& storage, const std::string& remote) {
     return std::find(names.begin(), names.end(), remote) != names.end();
 }
 
-// True when another attempt is worth while; the pause is behind it then.
+// Decides about another attempt. Before the next attempt, waits and returns true. After the last
+// one, or when the storage root does not list the file, writes the attempts file.
 bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std::string& local,
                  const kro_err::Error& error, int attempt) {
     if (error.type() == "unauthorized") return false;
@@ -50,7 +51,7 @@ bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std:
     return true;
 }
 
-// Where a restore job's target lies on both sides.
+// A restore job's target: its local path and its directory on the storage.
 struct Target {
     std::shared_ptr<quarn2::Storage> storage;
     std::string remote_dir;
@@ -89,8 +90,8 @@ bool BeginsWithDigit(const std::string& text) {
     return !text.empty() && text.front() >= '0' && text.front() <= '9';
 }
 
-// The first call of a restore asks for a slice that does not exist: it gets the index archive, or
-// the slice that the backup's info file names as the last.
+// The first call of a restore requests slice 0, which does not exist. Returns the path of the index
+// archive, or of the slice that the backup's info file names as the last.
 std::string ResolveZeroSlice(const Target& target) {
     const std::string name = kro_file::Name(target.local);
     if (BeginsWithDigit(name)) {
@@ -113,7 +114,8 @@ bool IsOfType(const std::string& path, mode_t type) {
     return lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
-// What another user can have written must not say what is removed here.
+// Reads the path of the previous file. Throws when another user can write the tmp-file, because its
+// content decides which file is removed.
 std::string PreviousIn(const std::string& tmp_file) {
     try {
         return kro_file::ReadOurs(tmp_file);
@@ -125,13 +127,13 @@ std::string PreviousIn(const std::string& tmp_file) {
     }
 }
 
-// Only what an earlier call left there may go: one plain file.
+// Removes the file that an earlier call fetched. Throws when that is not a regular file.
 void RemovePrevious(const std::string& tmp_file, const std::string& local) {
     if (IsOfType(tmp_file, S_IFDIR)) {
         throw std::runtime_error("--tmp-file '" + tmp_file + "' is a directory: name a file");
     }
     const std::string previous = PreviousIn(tmp_file);
-    // The system would take a path up to the NUL for the file's name.
+    // The system would end the path at the NUL and remove another file.
     if (previous.find('\0') != std::string::npos) {
         throw std::runtime_error("--tmp-file '" + tmp_file +
                                  "' holds no path: it has a NUL byte; nothing was removed or "

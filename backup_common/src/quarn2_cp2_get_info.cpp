@@ -15,11 +15,11 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr std::string_view kInfo = ".info";
 
-// The index of a backup without slices. Under another key than the token's it is fetched as it lies
-// on the storage, and noted.
+// Downloads the index of a backup whose archive is not a .dar file. An index with a key other than
+// the token's is stored encrypted and listed in `encrypted_lines`.
 void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const std::string& stem,
                    const quarn2::InfoMap& info, std::string& encrypted_lines) {
-    // The stem may be empty: without an ending it would be the directory's own name.
+    // The stem may be empty. Without an ending, the path would then be that of the directory.
     const std::string local_index = kro_file::ConcatPath(local_dir, stem + ".tgz");
     quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
     const std::string remote = stem + quarn2::GetExtByInfo(info);

@@ -57,7 +57,7 @@ void ParseSlice(LedgerEntry& entry, std::string value) {
     if (!name.empty()) entry.slices[name] = std::move(slice);
 }
 
-// The date in an archive's name, also in a custom one's.
+// The date in the name of an archive, including a custom one, or of another entry.
 std::string DateIn(const std::string& name) {
     constexpr std::size_t kDateSize = std::string_view("YYYY-MM-DD").size();
     return IsArchive(name) ? name.substr(1, kDateSize) : quarn2::GetDate(name);
@@ -68,7 +68,7 @@ std::optional<std::string>& OwnStorage() {
     return name;
 }
 
-// The name becomes a file's name beside the lock file.
+// The name becomes a file name in the directory of the lock file, whose name starts with a dot.
 void CheckEntryName(const std::string& name) {
     if (quarn2::IsSafeName(name) && name.front() != '.') return;
     throw kro_err::Error(kro_err::Kind::kFailed, "'" + name + "' is not the name of a backup");
@@ -80,8 +80,8 @@ void LogFailure(const std::string& path, const std::exception& error) {
             path.c_str(), error.what());
 }
 
-// The byte of the lock file that stands for changes of an entry. Two entries may share one by
-// chance, which only makes one wait for the other.
+// The byte of the lock file for changes of an entry. Two entries may share a byte by chance. Then
+// one only waits for the other.
 std::int64_t ChangeByte(const std::string& name) {
     return 2 * static_cast<std::int64_t>(std::hash<std::string>()(name) >> 3U);
 }
@@ -113,7 +113,8 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
     std::erase_if(slices, [](const auto& slice) { return !IsArchive(slice.first); });
     for (auto& [stored_name, slice] : slices) {
         const bool is_earlier = slice.state == SliceState::kRemoved && earlier_bytes > 0;
-        // Their own sizes are not known.
+        // The size of each earlier slice is unknown. The first slice gets the size of the complete
+        // earlier backup, the others get 1 so that they stay in the entry.
         if (slice.bytes == 0 && is_earlier) slice.bytes = std::exchange(earlier_bytes, 1);
         slice.state = SliceState::kRemoved;
     }
@@ -184,7 +185,8 @@ std::vector<Ledger> Ledger::All() {
     return ledgers;
 }
 
-// Another user's directory in its place could name files for removal.
+// Throws when the directory belongs to another user, because that user's entries could name files
+// for removal.
 bool Ledger::HasDirectory() const {
     if (!kro_file::Exists(directory_)) return false;
     kro_file::CheckOurDirectory(directory_);
@@ -318,7 +320,7 @@ std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
     std::vector<std::string> found;
     for (const std::string& name : Names()) {
         if (LedgerKey(name) != key) continue;
-        // A later custom backup is another one, which a job may be making now.
+        // A later custom archive belongs to another backup, which a job may be making now.
         const bool is_later_custom =
             str::StartsWith(name, "C") && !archive.empty() && name > archive;
         if (!is_later_custom) found.push_back(name);

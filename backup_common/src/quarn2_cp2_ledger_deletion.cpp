@@ -8,7 +8,8 @@
 
 namespace {
 
-// An info file that names too many slices is deleted by listing; the ledger has none of them.
+// Returns no names for an info file that names too many slices. Such a backup is deleted by a
+// listing of the storage, and the ledger has none of its slices.
 std::vector<std::string> NamedOrNone(const quarn2::InfoMap& info) {
     try {
         return NamedSlices(info);
@@ -28,7 +29,7 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
     for (const std::string& name : entries_) {
         const bool written =
             ledger_.Update(name, [](LedgerEntry& entry) { entry.RecordRemoval(); });
-        // A slice that the ledger does not know is looked for on the storage.
+        // Without an entry, a job queries the storage for its slices.
         if (!written) ledger_.End(name);
     }
 }
@@ -38,7 +39,8 @@ void LedgerDeletion::Finish(quarn2::Storage& storage) const {
     std::set<std::string> directories;
     for (const std::string& entry_name : entries_) {
         for (const auto& [name, slice] : ledger_.Read(entry_name).slices) {
-            // The ledger is a file like others: it must not name another backup's files.
+            // Ledger files can be damaged. An entry must not cause the removal of another backup's
+            // files.
             if (named.contains(name) || slice.bytes == 0 || LedgerKey(name) != key_) continue;
             storage.RemoveFile(name);
             directories.insert(kro_file::Path(name));

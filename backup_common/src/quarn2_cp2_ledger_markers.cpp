@@ -18,8 +18,9 @@ std::string ThisBoot() {
     return str::GetWord(text, "\n");
 }
 
-// A marker of an upload: the id of the machine's start, the backup, the stored name, a line each.
-// After a restart of the machine it had no meaning, because its job had died too.
+// Converts the marker file of an upload. Its lines are the boot id, the backup and the stored name.
+// A marker file of an earlier boot is only removed, because its job has ended too. Returns true
+// when the file can be removed.
 bool MigrateUpload(const Ledger& ledger, const std::string& path) {
     std::string text = kro_file::Read(path);
     if (str::GetWord(text, "\n") != ThisBoot()) return true;
@@ -31,7 +32,8 @@ bool MigrateUpload(const Ledger& ledger, const std::string& path) {
     });
 }
 
-// A note of an info file that was not stored yet: its path.
+// Converts the marker file of an info file that is not on the storage yet. It contains the path of
+// the info file. Returns true when the marker file can be removed.
 bool MigrateUnstored(const Ledger& ledger, const std::string& path) {
     if (!str::EndsWith(path, ".info")) return true;
     const std::string info_path = kro_file::Read(path);

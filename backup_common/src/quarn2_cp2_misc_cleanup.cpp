@@ -39,7 +39,8 @@ Line ParseLine(const std::string& text) {
 
 std::string ListPath(const std::string& dir) { return kro_file::ConcatPath(dir, ".cleanup"); }
 
-// Its lines say what is removed, and where: they must be nobody else's.
+// Reads the list. Returns nothing when it is missing or cannot be trusted. Its lines name the files
+// to remove and their storage, so no other user may be able to write them.
 std::optional<std::string> ReadList(const std::string& path) {
     try {
         return kro_file::ReadOurs(path);
@@ -56,22 +57,22 @@ void WriteList(const std::string& dir, const std::string& lines) {
     if (!lines.empty()) return kro_file::Write(path, lines);
     if (!kro_file::Exists(path)) return;
     kro_file::RemoveFile(path);
-    // A line that came back could name a backup that has been made anew by then.
+    // A line that reappears after a crash could name a backup that a job has made again since.
     kro_file::SyncDir(dir);
 }
 
-// The archive's name without its type letter, which is what the prefix of its files is.
+// The prefix of an archive's files: the archive's name without its type letter.
 std::string PrefixOf(const std::string& entry_name) {
     return IsArchive(entry_name) ? entry_name.substr(1) : entry_name;
 }
 
-// Archives with slice numbers have a line for each slice.
+// The prefix may have a slice number, because an archive with slices has a line for each slice.
 bool IsPrefixOf(const std::string& prefix, const std::string& backup) {
     return prefix == backup || quarn2::StripSliceNumber(prefix) == backup;
 }
 
-// The archives of complete backups whose files have this prefix. A completion takes its backup's
-// lines away, so a line cannot mean one.
+// The archives of complete backups whose files have this prefix. A completion removes the lines of
+// its backup, so a line never refers to a complete backup.
 std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::string& dir,
                                           const std::string& prefix) {
     const std::string backup = quarn2::StripSliceNumber(prefix);
@@ -88,8 +89,8 @@ std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::s
     return archives;
 }
 
-// The unfinished backups that a line means. A full and a custom backup of one day have the same
-// prefix, and one of them may be complete.
+// The unfinished backups to which a line refers. A full and a custom backup of one day have the
+// same prefix, and one of them may be complete.
 class Unfinished {
   public:
     Unfinished(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
@@ -104,8 +105,9 @@ class Unfinished {
 
     const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
 
-    // Without entries every file of the prefix is meant that is not of a complete backup: an older
-    // version made the incomplete one, or another machine.
+    // True for a file of the unfinished backups. Without ledger entries, these are all files of the
+    // prefix that belong to no complete backup, because an older version or another machine made
+    // the unfinished one.
     bool Has(const std::string& name) const {
         const std::string stem = quarn2::StripSliceNumber(name);
         const bool is_archive = IsArchive(stem);
@@ -116,12 +118,12 @@ class Unfinished {
                 });
         }
         return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
-            // The index and the info file of a custom backup have another name.
+            // The names of a custom backup's index and info file have no date.
             return is_archive ? entry.name == stem : !str::StartsWith(entry.name, "C");
         });
     }
 
-    // A job that runs meanwhile must notice.
+    // A job that is running must notice that its slices are removed.
     void RecordRemoval() const {
         for (const LedgerEntry& entry : entries_) {
             ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
@@ -142,8 +144,8 @@ void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry) {
     }
 }
 
-// An earlier run of the job may have left an info file with another prefix, or in a directory. It
-// would count once the entry has ended.
+// Deletes an info file that an earlier run of the job left with another prefix or in a directory.
+// It would count as a backup after the entry has ended.
 void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::string& dir,
                     const LedgerEntry& entry) {
     const std::string info_path =
@@ -152,8 +154,9 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
     if (ArchiveOf(quarn2::GetInfo(info_path)) == entry.name) Delete(storage, info_path, false);
 }
 
-// Returns the names of the ledger's entries that must end once the line is gone: without them the
-// line would mean every file of the prefix.
+// Removes the unfinished backups to which the line refers. Returns the names of their ledger
+// entries. The caller must remove the entries after the line, because a line without entries refers
+// to every file of the prefix.
 std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& line) {
     // An empty prefix would match files that belong to no such backup.
     if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
@@ -175,7 +178,7 @@ std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& li
     return names;
 }
 
-// The prefixes of the archives that the custom backup may have been made of.
+// Adds the prefixes of the archives that the custom backup may consist of.
 void AddCustomPrefixes(std::set<std::string>& prefixes, const std::string& dir,
                        const std::string& user) {
     prefixes.insert(GetPrefix("custom." + user + ".info"));
@@ -240,7 +243,7 @@ void CleanUp(const std::string& dir) {
         }
     }
     WriteList(dir, failed);
-    // A line that is left needs the entries to tell the backups of one prefix apart.
+    // A remaining line needs the entries to distinguish the backups of one prefix.
     if (!failed.empty()) return;
     for (const std::string& name : ended) OwnLedger().End(name);
 }

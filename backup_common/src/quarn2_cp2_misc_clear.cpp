@@ -25,13 +25,13 @@ std::string ClearMark(const std::string& info_root) {
     return kro_file::ConcatPath(info_root, kClearMark);
 }
 
-// From now on no server takes the info files here for backups.
+// Writes the marker file. As long as it exists, no server starts with this info root.
 void MarkInfoRoot(const std::string& identity) {
     try {
         kro_file::Write(ClearMark(kInfoRoot),
                         std::string("The backups are being removed.\n") + kStorageLine + identity);
     } catch (const kro_file::CopyError& error) {
-        // A full disk must not stop what makes room.
+        // A full disk must not prevent a command that frees space.
         if (!error.IsFull()) throw;
         KRO_LOG(kLog, 4, "%s", error.what());
     }
@@ -63,7 +63,8 @@ void CheckIsOurStorage(quarn2::Storage& storage, const std::string& identity) {
         "purpose, run --server --rescan, and --clear again");
 }
 
-// The jobs that run meanwhile will ask the storage for their slices.
+// Removes the ledger entries of this storage. Jobs that are running then query the storage for
+// their slices.
 void ForgetUnfinished(const std::string& identity) {
     for (const Ledger& ledger : Ledger::All()) {
         for (const LedgerEntry& entry : ledger.Entries()) {
@@ -73,24 +74,25 @@ void ForgetUnfinished(const std::string& identity) {
 }
 
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
-    // An administrator may have put the info root elsewhere, with a link in its place.
+    // An administrator may have moved the info root and left a link. A link of another user is not
+    // followed.
     const std::string identity = StorageIdentity(TokenByEnv());
     if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage, identity);
-    // The marker keeps servers from starting until another --clear, so it must not be written for a
-    // storage that is not there.
+    // The marker file prevents servers from starting until another --clear. So it is written only
+    // after the storage has answered.
     ListOrNothing(storage, "");
     if (has_info_root) MarkInfoRoot(identity);
     ForgetUnfinished(identity);
     try {
         storage.Clear();
     } catch (const kro_err::Error& error) {
-        // A storage that is not there, or does not let us in, has lost nothing.
+        // A storage that is missing or refuses access has lost nothing.
         if (error.type() == "not_found" || error.type() == "unauthorized") {
             kro_file::RemoveFile(ClearMark(kInfoRoot));
         }
         throw;
     }
-    // Uploads that ended while the storage was emptied.
+    // Removes the entries of uploads that ended while the storage was emptied.
     ForgetUnfinished(identity);
 }
 
@@ -98,11 +100,11 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
 
 void CommandClear() {
     KRO_LOG(kLog, 5, "Clear all storage");
-    // A malformed token throws: the storage that was meant would keep its files, and their info
-    // files would be gone.
+    // A malformed token throws. Otherwise the info files would be removed while the storage keeps
+    // its files.
     const bool has_token = !kro_env::GetEnv("BACKUP_TOKEN").empty();
     const std::shared_ptr<quarn2::Storage> storage = has_token ? GetStorageByEnv() : nullptr;
-    // What a link leads to is not ours.
+    // The target of a link is not removed.
     const bool has_info_root =
         std::filesystem::is_directory(std::filesystem::symlink_status(kInfoRoot));
     if (storage) ClearStorage(*storage, has_info_root);
@@ -112,7 +114,7 @@ void CommandClear() {
         kro_file::Remove(kInfoRoot);
     }
     kro_file::Remove(kPrivateInfoRoot);
-    // Info files that came back would count as backups.
+    // Info files that reappear after a crash would count as backups.
     if (kro_file::Exists("var/backup")) kro_file::SyncDir("var/backup");
 }
 

@@ -24,19 +24,20 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr int kMostSlices = 100000;
 constexpr std::size_t kFirstSliceEnding = 6;  // ".1.dar"
-constexpr std::size_t kCustomHead = 11;       // "C" and a date: "custom" in the companion's name
+constexpr std::size_t kCustomHead = 11;       // "C" and a date; "custom" in companion names
 
 bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
 
-// A plain backup that is being deleted: where its files lie and what they are called.
+// A backup without a directory of its own that is being deleted: the location and the names of its
+// files.
 struct PlainBackup {
     Removal& storage;
     std::string directory;  // of the info file
     std::string extension;
-    std::string last_slice;  // the whole value, not only its first word
+    std::string last_slice;  // the complete value, not only its first word
 };
 
-// The number of the last piece, 0 when the name has none.
+// The number of the last slice; 0 when the name has no valid number.
 int CountOf(const std::string& number) {
     try {
         return str::Int(number);
@@ -46,8 +47,8 @@ int CountOf(const std::string& number) {
     }
 }
 
-// The pieces there are, for a number that an honest archive does not reach: asking for each one
-// that there may be would take hours.
+// Removes the slices that the storage lists. For a slice number beyond those of real archives, one
+// request for each possible name would take hours.
 void RemoveListed(Removal& storage, const std::string& stem, int count, const std::string& ending) {
     std::vector<std::string> names;
     storage.storage()->List(names, "");
@@ -62,8 +63,8 @@ void RemoveListed(Removal& storage, const std::string& stem, int count, const st
     }
 }
 
-// Numbered pieces go from the last to the first, so that an interrupted deletion leaves a backup
-// that still starts at piece 1 and can be deleted again by the same name.
+// Removes numbered slices from the last to the first. An interrupted deletion then leaves slice 1,
+// and the backup can be deleted again by the same name.
 void RemoveNumbered(Removal& storage, const std::string& stem, int count,
                     const std::string& ending) {
     if (count > kMostSlices) {
@@ -75,7 +76,8 @@ void RemoveNumbered(Removal& storage, const std::string& stem, int count,
     }
 }
 
-// Removes the archive's pieces and returns the name from which the companions' names are made.
+// Removes the archive's slices. Returns the name from which the names of the companion files are
+// derived.
 std::string RemovePieces(const PlainBackup& backup, std::string slice) {
     KRO_LOG(kLog, 6, "Delete '%s'", slice.c_str());
     if (str::EndsWith(slice, backup.extension)) {
@@ -118,7 +120,8 @@ void RemoveCompanions(const PlainBackup& backup, const std::string& slice) {
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".tgz"));
     DeleteEncryptedIndex(kro_file::ConcatPath(backup.directory, stem + ".tgz.aes"));
     backup.storage.RemoveFile(stem + ".info");
-    // Without the info file here nobody would know of files that came back there.
+    // The removals on the storage must be durable first. If files reappear there after a crash,
+    // only the local info file refers to them.
     backup.storage.storage()->SyncRemovals("");
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".info"));
 }
@@ -128,20 +131,21 @@ void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const s
     const std::string name =
         shared_role ? InsertRole(backup, slice, key.substr(std::string_view("role-").size()))
                     : RemovePieces(backup, slice);
-    // A role is what the info file says it is, and the name becomes one of local files.
+    // The name of a role comes from the info file unchecked, and local file names are derived from
+    // it.
     if (name.find('/') != std::string::npos) {
         throw std::runtime_error("'" + name + "' is not the name of a slice");
     }
     RemoveCompanions(backup, name);
 }
 
-// The local files that carry the backup's own name, the info file last: as long as it is there the
-// deletion can be repeated.
+// Removes the local files with the backup's name. Removes the info file last, because the deletion
+// can be repeated as long as it exists.
 void RemoveLocalFiles(const std::string& info_path) {
     const std::string directory = kro_file::Path(info_path);
     std::string name = kro_file::Name(info_path);
     str::RGetWord(name, ".info");
-    // The name may be empty: without an ending it would be the directory's own.
+    // The name may be empty. Without an ending, the path would then be that of the directory.
     const auto local = [&](const char* ending) {
         return kro_file::ConcatPath(directory, name + ending);
     };
@@ -150,11 +154,11 @@ void RemoveLocalFiles(const std::string& info_path) {
     kro_file::RemoveFile(local(".tgz.aes"));
     kro_file::RemoveFile(local(".1.dar"));
     kro_file::RemoveFile(info_path);
-    // An info file that came back would count as a backup.
+    // An info file that reappears after a crash would count as a backup.
     kro_file::SyncDir(directory);
 }
 
-// The names by which the backup's files are known in a directory of the storage.
+// The names of the backup's files in a directory of the storage.
 BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
                     const std::string& directory) {
     const std::string info_name = kro_file::Name(info_path);
@@ -165,7 +169,7 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
         if (slice.empty() || kro_file::Path(slice) != directory) continue;
         std::string name = kro_file::Name(slice);
         names.stems.insert(quarn2::StripSliceNumber(name));
-        // A role that shares the archive's slice name has files of its own beside it.
+        // A role that shares the archive's slice name has its own files in the same directory.
         const std::size_t ending = name.find(quarn2::GetExtByInfo(info));
         if (key == "last-slice" || ending == std::string::npos) continue;
         name.insert(ending, key.substr(std::string_view("role-").size()));
@@ -174,8 +178,8 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
     return names;
 }
 
-// The info file goes last: as long as it is there, a rescan brings it back and the deletion can be
-// repeated.
+// Removes the backup's files from a directory of the storage. Removes the info file last: as long
+// as the storage has it, a rescan fetches it and the deletion can be repeated.
 void RemoveOwnFiles(Removal& storage, const std::string& directory,
                     const std::vector<std::string>& names, const BackupNames& backup) {
     const std::string info_name = backup.date + "." + backup.user + ".info";
@@ -187,8 +191,9 @@ void RemoveOwnFiles(Removal& storage, const std::string& directory,
     storage.storage()->SyncRemovals(directory);
 }
 
-// A job may stage the archives of several users in one directory that is named like a date. They
-// share a directory on the storage then.
+// Removes the backup's directory on the storage, or only the backup's files if others share the
+// directory. They share it when a job stages the archives of several users in one directory that is
+// named like a date.
 void RemoveStoredDirectory(Removal& storage, const std::string& directory,
                            const std::string& info_path, const quarn2::InfoMap& info) {
     const BackupNames backup = NamesOf(info_path, info, directory);
@@ -215,9 +220,9 @@ bool HoldsOtherBackups(const std::string& directory, const std::string& info_nam
     return false;
 }
 
-// In directory form the info file's directory is USER/DATE and belongs to the backup. An info file
-// that claims that form while it is anywhere else, such as among other backups' in the info root or
-// where a job stages archives, takes only its own files along.
+// True when the info file's directory is USER/DATE and belongs to the backup. An info file in
+// directory form can also be elsewhere, such as in the info root or where a job stages archives.
+// Then only its own files may be removed.
 bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
     return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
            kro_file::Name(kro_file::Path(directory)) == quarn2::GetUserName(info_name) &&
@@ -239,13 +244,15 @@ void RemoveLocalDirectory(const std::string& info_path) {
     kro_file::SyncDir(parent);
 }
 
-// Whatever the slices were called: a scan of the storage must not bring the backup back.
+// Removes the info file from the storage root, regardless of the slices' names: a rescan must not
+// restore the backup.
 void RemoveStoredInfo(Removal& storage, const std::string& info_path) {
     storage.RemoveFile(kro_file::Name(info_path));
     storage.storage()->SyncRemovals("");
 }
 
-// Every entry that names slices, and what is left after them.
+// Deletes the files of every entry that names slices, then the stored info file and the local
+// files.
 void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2::InfoMap& info) {
     const auto last_slice = info.find("last-slice");
     const PlainBackup backup{storage, kro_file::Path(info_path), quarn2::GetExtByInfo(info),
@@ -253,7 +260,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     bool plain_form = false;
     bool directory_form = false;
     bool all_deleted = true;
-    // From the last key to the first: every role goes before "last-slice".
+    // From the last key to the first: every role is deleted before "last-slice".
     for (auto entry = info.rbegin(); entry != info.rend(); ++entry) {
         const auto& [key, value] = *entry;
         if (!NamesSlice(key)) continue;
@@ -273,7 +280,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
             DeletePlainEntry(backup, key, slice);
         }
     }
-    // The info file of slices that could not be deleted is needed to try again.
+    // When slices could not be deleted, the info file is needed to try again.
     if (all_deleted && (plain_form || !directory_form)) RemoveStoredInfo(storage, info_path);
     if (directory_form) {
         RemoveLocalDirectory(info_path);
@@ -291,7 +298,7 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
         KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
         return;
     }
-    // A storage that does not answer must cost no backup its state.
+    // Throws before any change when the storage does not answer.
     ListOrNothing(*storage, kro_file::Name(info_path));
     const LedgerDeletion ledger(info_path, info);
     Removal removal(storage, info_path, info);
@@ -307,12 +314,12 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
 
 namespace {
 
-// What the walk over a full backup's week needs to know.
+// The data for the search for dependent backups in a full backup's week.
 struct Week {
     std::string user_dir;
     std::string user;
     std::string date;
-    std::string identity;  // of the full backup, as its dependants name it
+    std::string identity;  // of the full backup, as "base" of its dependants names it
 };
 
 Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
@@ -329,7 +336,8 @@ Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
     return week;
 }
 
-// Newest first, so that with `force` an interruption leaves a chain that can still be restored.
+// Handles the newest dependant first, so that with `force` an interruption leaves a chain that can
+// still be restored.
 void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Week& week,
                       bool force) {
     constexpr int kLastWeekday = 6;
@@ -368,8 +376,8 @@ void CommandDelete(kro_args::ResultPtr result) {
     if (token.empty()) {
         SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
     } else {
-        // A malformed token throws. The running server may serve a different storage than the one
-        // that was meant.
+        // A malformed token throws. The command must not fall back to the running server, which may
+        // serve a different storage.
         DeleteWithDepends(GetStorageByEnv(), path, result->Has("force"));
     }
 }

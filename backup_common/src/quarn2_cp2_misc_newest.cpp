@@ -34,8 +34,8 @@ bool IsStorableComponent(const std::string& name) {
            kro_file::TemporaryName(name).size() <= NAME_MAX;
 }
 
-// Info files are written by other programs too. A storage refuses such a name with an error, which
-// would look like trouble with the storage.
+// Other programs also write info files. A storage refuses an invalid name with an error, which
+// would look like a failure of the storage.
 bool IsStorable(std::string name) {
     if (name.empty()) return false;
     while (!name.empty()) {
@@ -60,8 +60,8 @@ BackupFiles StoredFiles(const std::string& last_slice, const std::string& info_p
     return names;
 }
 
-// Nothing when the file is not the info file of a finished backup, when no storage can have a file
-// of that backup, and when the file has vanished since the directory was read.
+// Returns nothing when the file is not the info file of a finished backup, when no storage can have
+// a file of that backup, or when the file was removed after the directory was read.
 std::optional<FinishedBackup> ReadFinished(quarn2::InfoReader& reader, const std::string& path) {
     try {
         reader.Read(path);
@@ -94,7 +94,7 @@ std::vector<FinishedBackup> FindFinished(const std::string& info_root) {
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root) {
     std::vector<FinishedBackup> backups = FindFinished(info_root);
     if (backups.size() < kMinKnown) return {};
-    // The times are written so that they sort as text.
+    // The format of the times sorts as text.
     std::stable_sort(
         backups.begin(), backups.end(),
         [](const FinishedBackup& a, const FinishedBackup& b) { return a.finished > b.finished; });

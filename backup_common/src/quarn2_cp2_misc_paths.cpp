@@ -10,7 +10,7 @@ fs::path ResolvePath(const std::string& path) {
     const fs::path absolute = fs::absolute(path.empty() ? "." : path, error);
     fs::path resolved = fs::weakly_canonical(absolute, error);
     if (error) resolved = absolute.lexically_normal();
-    // A closing slash would count as one more component, which is empty.
+    // A trailing slash would count as another, empty component.
     return resolved.has_filename() || resolved == resolved.root_path() ? resolved
                                                                        : resolved.parent_path();
 }

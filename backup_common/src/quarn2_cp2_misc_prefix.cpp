@@ -57,7 +57,7 @@ bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string&
         DeleteLocallyIf(directory, takes, kWhy);
         return true;
     } catch (const std::exception& error) {
-        // The head is the line that administrators' filters know; the reason stands behind it.
+        // Administrators' filters match the beginning of this line, so the reason follows it.
         kLog.Text(4, std::string("Cant delete backup '%' :") + " " + error.what());
         return false;
     }

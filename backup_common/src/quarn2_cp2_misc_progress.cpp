@@ -27,7 +27,7 @@ std::string Time(std::int64_t seconds) {
     return str::Str(seconds / kMinute) + ":" + (rest.size() < 2 ? "0" : "") + rest;
 }
 
-// What is left, by the share that is done; -1 while that cannot be told.
+// The estimated remaining time; -1 when it cannot be estimated.
 std::int64_t SecondsLeft(const Progress& progress) {
     const bool by_bytes = progress.all_files == 1 && progress.all_bytes > 0;
     const std::int64_t done = by_bytes ? progress.bytes : progress.files;
@@ -64,10 +64,10 @@ ProgressLine::~ProgressLine() {
 void ProgressLine::Begin(std::int64_t size) {
     progress_.all_bytes = size;
     if (progress_.all_files != 1) return;
-    // Another attempt at the one file, or the file itself after its info file.
+    // This is another attempt at the same file, or the file itself after its info file.
     progress_.bytes = 0;
     start_ = kro_date::SystemNow();
-    // Nothing can be said of a rate before a second has passed.
+    // There is no rate during the first second.
     last_ = start_;
 }
 
@@ -87,7 +87,7 @@ void ProgressLine::Show() {
     if (now == last_) return;
     last_ = now;
     progress_.seconds = now - start_;
-    // Back to the line's start, and what an earlier, longer text left behind is cleared.
+    // Returns to the start of the line and clears the rest of an earlier, longer text.
     std::fprintf(stderr, "\r%s\033[K", ProgressText(progress_).c_str());
     std::fflush(stderr);
     anything_shown_ = true;

@@ -22,7 +22,7 @@ constexpr const char* kKey = "deletion";
 constexpr const char* kFinished = "finished";
 constexpr const char* kWasFinished = "deletion-finished";
 
-// A key of this name in the info file of a finished backup is another program's.
+// In the info file of a finished backup, a key of this name belongs to another program.
 bool IsBegun(const quarn2::InfoMap& info) {
     return info.contains(kKey) && !info.contains(kFinished);
 }
@@ -39,7 +39,7 @@ Removal::Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& in
 }
 
 void Removal::Mark() {
-    // Somebody else may be deleting the same backup.
+    // Another process may have deleted the same backup.
     if (marked_ || !kro_file::Exists(info_path_)) return;
     const std::string old_text = kro_file::Read(info_path_);
     const auto finished = info_.find(kFinished);
@@ -62,7 +62,7 @@ void Removal::RemoveFile(const std::string& name) {
     try {
         storage_->RemoveFile(name);
     } catch (const kro_err::Error& error) {
-        // Whatever else failed may have failed after the file was gone.
+        // With any other error, the file may be gone.
         touched_ = touched_ || (error.type() != "not_found" && error.type() != "unauthorized");
         throw;
     }
@@ -71,7 +71,7 @@ void Removal::RemoveFile(const std::string& name) {
 }
 
 void Removal::RemoveDir(const std::string& name) {
-    // It may fail in the middle.
+    // A failure can leave the directory partly removed.
     touched_ = true;
     storage_->RemoveDir(name);
 }
@@ -107,7 +107,7 @@ bool IsBeingDeleted(const quarn2::InfoReader& info) {
 
 namespace {
 
-// The index files of the backup that are here, by their stored names.
+// The stored names of the backup's index files that exist locally.
 std::vector<std::string> LocalIndexes(const std::string& info_path, const std::string& directory) {
     std::string stem = kro_file::Name(info_path);
     str::RGetWord(stem, ".info");
@@ -143,7 +143,8 @@ bool HasSlicesAndInfo(quarn2::Storage& storage, const std::string& info_path,
     return AreOnStorage(storage, names);
 }
 
-// In directory form the files go in any order, so the index must be known and be there as well.
+// In directory form, a deletion removes the files in any order. So the index must be known and be
+// on the storage as well.
 bool HasEveryFile(quarn2::Storage& storage, const std::string& info_path,
                   const quarn2::InfoMap& info) {
     const std::string directory = kro_file::Path(LastSliceOf(info));
@@ -163,7 +164,7 @@ bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
 bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
     const auto finished = info.find(kWasFinished);
-    // A backup that was not finished before is not finished now.
+    // A backup that was not finished before the deletion stays unfinished.
     if (!IsBegun(info) || finished == info.end()) return false;
     if (!HasEveryFile(storage, info_path, info)) return false;
     info[kFinished] = finished->second;
@@ -184,7 +185,7 @@ void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage,
         try {
             info.Read(path);
         } catch (const kro_err::Error&) {
-            continue;  // whoever needs it says what is wrong with it
+            continue;  // reported when the file is used
         }
         if (!IsBeingDeleted(info)) continue;
         KRO_LOG(kLog, 5, "Finish the deletion of '%s'", path.c_str());

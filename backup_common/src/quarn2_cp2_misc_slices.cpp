@@ -21,7 +21,7 @@ struct Numbered {
     std::string tail;
 };
 
-// The pieces of "STEM.partN" and "STEM.N.dar"; nothing for a name without such a number.
+// Parses "STEM.partN" and "STEM.N.dar". Returns nothing for a name without such a number.
 std::optional<Numbered> Parse(const std::string& slice) {
     static constexpr std::string_view kDar = ".dar";
     const bool is_dar = str::EndsWith(slice, kDar);

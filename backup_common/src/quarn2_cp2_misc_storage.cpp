@@ -14,7 +14,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Every role works in the install root.
+// Relative paths are resolved against the install root, because every role works there.
 ProtectedDirectories FindProtected(const std::string& info_root) {
     ProtectedDirectories found;
     for (const char* const path : {"", "var"}) found.outside.push_back(ResolvePath(path));
@@ -44,8 +44,8 @@ std::optional<Overlap> FindOverlap(const fs::path& storage, const fs::path& dire
     return std::nullopt;
 }
 
-// The directories in which the storage keeps files: its own, the one of `remote`, and those that
-// links at its top lead to, because an administrator may spread a storage over several disks.
+// The directories in which the storage keeps files: its own, that of `remote`, and the targets of
+// links at its top. An administrator may spread a storage over several disks with such links.
 std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& remote) {
     std::vector<fs::path> found = {storage, ResolvePath(storage / kro_file::Path(remote))};
     std::error_code error;
