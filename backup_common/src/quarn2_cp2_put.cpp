@@ -23,8 +23,8 @@ constexpr kro_log::Module kLog("main");
 // An info file may hold the archive's password.
 constexpr mode_t kInfoMode = 0640;
 
-// The node client reads a trailing " DELETE" as a wish of the job, so a name with a blank could be
-// taken for another file's.
+// Throws for a name with a blank. The node client parses a trailing " DELETE" as an option of the
+// command, so such a name could be mistaken for that of another file.
 void CheckFileName(const std::string& file) { quarn2::GetStoredName(file); }
 
 kro_date::DateTime Created(const quarn2::InfoMap& info, const std::string& info_path) {
@@ -56,8 +56,8 @@ void RecordUpload(quarn2::InfoMap& info, const std::string& info_path, const Tak
     if (!args.Has("convert")) StampTimes(info, info_path);
 }
 
-// Adds the text's own length to its "size": the digits may make the text longer, so until it no
-// longer changes.
+// Adds the length of the text to its own "size". More digits can make the text longer, so this is
+// repeated until the length is stable.
 std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     const std::int64_t data = str::Int64(info["size"]);
     auto length = static_cast<std::int64_t>(str::Join(info, "\n").size());
@@ -70,8 +70,8 @@ std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     }
 }
 
-// From now on the info file may say "finished" before the storage has it. The node client ends the
-// entry once the backup is complete.
+// Records the put of an info file that has "finished" before the storage has it. The node client
+// ends the entry when the backup is complete.
 void RecordInfo(const std::string& file, const std::string& local_info, const std::string& text,
                 const quarn2::InfoMap& info) {
     const Ledger ledger = OwnLedger();
@@ -83,8 +83,8 @@ void RecordInfo(const std::string& file, const std::string& local_info, const st
     });
 }
 
-// The last file of a backup: the info file goes to the storage, without the node's name, which only
-// concerns the machine it was made on.
+// Puts the info file after the last file of a backup. The stored info file has no "node", because
+// the node's name concerns only this machine.
 void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     const std::string node = info["node"];
     info.erase("node");
@@ -99,7 +99,8 @@ void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     }
 }
 
-// A file with another key than its backup's slices could not be restored together with them.
+// Throws when BACKUP_TOKEN has a key other than the backup's slices, because the file could not be
+// restored together with them.
 void CheckKey(const std::string& path) {
     if (str::EndsWith(path, ".info")) return;
     const quarn2::InfoMap info = quarn2::GetInfo(quarn2::GetInfoFile(
@@ -117,8 +118,8 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     const std::string file = GetArgPath(args->Args(0));
     KRO_LOG(kLog, 5, "Put %s", file.c_str());
     CheckFileName(file);
-    // The node client has the token that is used. One of this job's that names a forbidden
-    // directory is a mistake that its next command would make too.
+    // The upload uses the node client's token. This job's own token is checked too, because the
+    // job's next command may use it.
     CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
     const Taken taken =
         ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
@@ -144,7 +145,7 @@ void CommandUpdate(const std::string& path) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
     CheckSource(TokenByEnv(), remote, path);
     CheckKey(path);
-    // The old file goes first: the new one must be there to follow.
+    // The stored file is removed first, so the new one must exist.
     kro_file::Size(path);
     ProgressLine progress(1);
     storage->SetObserver(&progress);

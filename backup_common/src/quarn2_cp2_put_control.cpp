@@ -21,10 +21,11 @@ constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kMaxSilence{10};
 // A command is one word and one path.
 constexpr std::size_t kMaxCommandBytes = 64UL * 1024;
-// Descriptors are limited. A command that is served as soon as it is complete needs one briefly.
+// Descriptors are limited. A command needs one only briefly, because it is served as soon as it is
+// complete.
 constexpr std::size_t kMaxPeers = 64;
 
-// The process at the other end, 0 when the system does not tell.
+// The process id of the peer; 0 when the system does not report it.
 pid_t PeerProcess(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;
@@ -72,7 +73,7 @@ bool ControlPeer::Collect() {
 
 void ControlPeer::Answer() {
     const std::string answer = service_(command_);
-    // A command side that has ended does not wait for its answer.
+    // A write error is ignored, because a command that has ended does not wait for its answer.
     [[maybe_unused]] const ssize_t written = write(connection_, answer.data(), answer.size());
 }
 

@@ -44,8 +44,8 @@ bool IsFailure(SliceState state) {
                              ". Put this file again, or repeat the whole job");
 }
 
-// A job that begins again replaces its earlier slices; one that it does not make again is no
-// failure of this run.
+// Resets the entry for a job that starts again. The job replaces its earlier slices. A slice that
+// it does not make again is no failure of this run.
 void BeginAgain(LedgerEntry& entry) {
     entry.started.clear();
     for (auto& [name, slice] : entry.slices) {
@@ -58,7 +58,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
     return size == info.end() ? 0 : str::Int64(size->second);
 }
 
-// The slices of a complete backup that the job makes again: each must be put again.
+// Adds the slices of the complete backup that the job replaces, as removed: the job must put each
+// of them again.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));
@@ -77,7 +78,7 @@ void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     }
 }
 
-// True when the job may go on with this slice after the earlier ones.
+// True when the slice's key allows the job to continue after its earlier slices.
 bool HasSameKey(const LedgerEntry& entry, const std::string& name, const std::string& key_hash) {
     if (entry.key_hash == key_hash || entry.slices.contains(name) || IsFirstSlice(name))
         return true;
@@ -114,14 +115,14 @@ void SliceRecord::Stored() {
     uploads_.reset();
 }
 
-// An earlier upload of this name may have replaced a slice of a complete backup already: then a
-// refusal does not make it complete again.
+// An earlier upload of this name may already have replaced a slice of a complete backup. Then a
+// refusal does not make the backup complete again.
 void SliceRecord::Refused() {
     const bool is_untouched = !previous_ || previous_->state == SliceState::kRefused;
     End(is_untouched ? SliceState::kRefused : SliceState::kAbandoned);
 }
 
-// The stored name has the content that it had before.
+// Ends the record of an upload that did not change the stored file, so the previous size stays.
 void SliceRecord::End(SliceState state) {
     ended_ = true;
     slice_.state = state;
@@ -137,7 +138,7 @@ void PutLedger::BelongHere(LedgerEntry& entry) const {
     const bool is_current = IsCurrent(entry);
     entry.storage = identity_;
     if (is_current) return;
-    // The backup was begun on another storage, where its slices stay.
+    // The backup was started on another storage, where its slices stay.
     std::string name = std::move(entry.name);
     entry = {};
     entry.name = std::move(name);
@@ -160,7 +161,7 @@ bool PutLedger::Set(const std::string& entry, const std::string& name, const Led
     return written;
 }
 
-// From now on the storage may have another content.
+// Records the start of an upload. It is called before the upload changes the storage.
 void PutLedger::BeginUpload(const std::string& entry, const std::string& name,
                             const LedgerSlice& slice) {
     const auto is_other = [&name](const auto& each) {
@@ -209,8 +210,8 @@ void PutLedger::WaitForOthers(const std::vector<std::string>& entries) const {
     }
 }
 
-// The entries whose failed uploads concern this info file. Another archive of the same backup is
-// an earlier job's, of another type.
+// The entries whose failed uploads concern this info file. Another archive of the same backup comes
+// from an earlier job of another type.
 std::vector<LedgerEntry> PutLedger::OwnEntries(const std::string& info_path,
                                                const quarn2::InfoMap& info) const {
     const std::string archive = ArchiveOf(info);
@@ -229,8 +230,8 @@ std::vector<LedgerEntry> PutLedger::OwnEntries(const std::string& info_path,
     return own;
 }
 
-// An upload that failed matters although the info file does not name it: it may be an index file,
-// or the slice that the info file was to name next.
+// Throws for a failed upload even if the info file does not name the file. The file may be an
+// index, or the slice that the info file would have named next.
 void PutLedger::CheckUploads(const std::string& info_path, const quarn2::InfoMap& info) {
     {
         const std::lock_guard<std::mutex> guard(mutex_);
@@ -252,7 +253,7 @@ void PutLedger::CheckSlice(const std::string& name, const quarn2::InfoMap& info,
     const LedgerEntry entry = ledger_.Read(ledger_.EntryNameOf(name));
     const auto known = entry.slices.find(name);
     const bool is_known = IsCurrent(entry) && known != entry.slices.end();
-    // Of the last slice the storage is asked in any case: another program may have changed it.
+    // Always queries the storage for the last slice, because another program may have changed it.
     if ((!is_known || name == LastSliceOf(info)) && !IsOnStorage(storage, name)) {
         ThrowIncomplete(name, kNotThere);
     }

@@ -57,7 +57,7 @@ ResHandle OpenControlSocket(const std::string& path) {
     return listening;
 }
 
-// True when the suffix was there.
+// Strips the suffix. Returns true when `text` had it.
 bool TakeSuffix(std::string& text, std::string_view suffix) {
     if (!str::EndsWith(text, suffix)) return false;
     text.resize(text.size() - suffix.size());
@@ -81,7 +81,8 @@ void CommandClient() {
     node->AcceptIn(loop);
     loop.Add(listening, POLLIN, node);
     loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));
-    // Before the first upload thread: every thread must leave these signals to the loop.
+    // Blocks the termination signals before the first upload thread starts, so that only the loop
+    // receives them.
     loop.Add(kro_proc::WatchTermination(), POLLIN, std::make_shared<FinishOnSignal>());
     while (!loop.Run(kLookAtPeersMs)) node->DisconnectSilentPeers();
 }
@@ -99,8 +100,8 @@ NodeSide::~NodeSide() {
     try {
         for (auto& [key, upload] : uploads_) upload.Join();
     } catch (const std::exception&) {
-        // The job learned of the failure, or never asked; the uploads left are waited for by their
-        // threads' own handles.
+        // The job got this error if it waited for the upload. The destructors of the thread handles
+        // wait for the remaining uploads.
     }
 }
 
@@ -113,7 +114,7 @@ quarn2::Expect::Result* NodeSide::operator()(ResHandle listening) {
 }
 
 std::string NodeSide::Serve(std::string command) {
-    // A path ends there for the system, and not for the name that a file is stored under.
+    // The system ends a path at a NUL byte, but the stored name would continue after it.
     if (command.find('\0') != std::string::npos) {
         throw std::runtime_error("A command with a NUL byte is refused");
     }
@@ -146,7 +147,7 @@ std::string NodeSide::Put(std::string argument, bool last) {
     str::GetWord(info);
     CheckSource(token_, remote, path);
     size_ = storage_->Size(path);
-    // Before the reservation: it may evict backups, for a file that then is not uploaded.
+    // Checks the backup before the reservation, because a reservation may evict backups.
     if (last && IsInfo(path)) CheckComplete(path);
     Record record = Admit(remote, path, info);
     KRO_LOG(kLog, 6, "PUT result: '%s'", answer.c_str());

@@ -7,7 +7,7 @@
 namespace {
 
 ResHandle Open(const std::string& path) {
-    // A named pipe would hold the open until another process writes to it.
+    // Without O_NONBLOCK, opening a named pipe would wait until another process writes to it.
     ResHandle handle(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!handle) throw kro_err::FromErrno("Failed to open '" + path + "'");
     return handle;

@@ -81,7 +81,7 @@ void Upload::Put() {
             failed_ = false;
             break;
         } catch (const CommandError& error) {
-            // The job is not told: this line and the attempts file are all that tells of it.
+            // The job gets no error. Only this line and the attempts file report the failure.
             LogGivenUp(local_path_, error);
             Release(error.what(), source);
             return;
@@ -94,7 +94,8 @@ void Upload::Put() {
     if (delete_after_) RemoveSource(source);
 }
 
-// Until the storage takes the file: a storage that has no room is asked again after each eviction.
+// Sends the file until the storage accepts it. When the storage is full, requests an eviction from
+// the server before each retry.
 void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
@@ -114,8 +115,8 @@ bool Upload::Send(Source& source) {
     return stored;
 }
 
-// A storage that cannot be opened, such as a directory whose disk is gone, costs an attempt like
-// any other failure. The previous storage reports it.
+// Opens the storage again. If that fails, such as for a directory on a missing disk, keeps the
+// previous storage, so that the next attempt reports the failure.
 void Upload::OpenAgain() {
     try {
         storage_ = OpenStorage(node_->token());
@@ -130,7 +131,8 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
         Release(error.what(), source);
         return false;
     }
-    // The next attempt would store other content than the size that the job was told.
+    // The job has already got the file's size. The next attempt would store content of another
+    // size.
     if (source && source->Compare() != SourceState::kUnchanged) {
         LogGivenUp(local_path_, error);
         Release(error.what(), source);
@@ -162,7 +164,7 @@ void Upload::RemoveSource(const Source& source) const {
 void Upload::Release(const std::string& reason, const Source& source) {
     quarn2::CreateAttemptsFile(local_path_, reason);
     RemoveSource(source);
-    // The size of the node's latest file, which need not be this one: the server's account is reset
-    // by the next completion in any case.
+    // Releases the size of the node's latest file, which may be another file. The server's next
+    // completion drops all reservations anyway.
     node_->DoCommand("RELEASE " + str::Str(node_->size()) + "\n");
 }
