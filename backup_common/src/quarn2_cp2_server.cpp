@@ -26,7 +26,7 @@ bool IsPort(const std::string& text) {
            str::Int(text) <= kLargest;
 }
 
-// An argument of another program, where it must not pass for an option.
+// The text becomes an argument of ssh and must not look like an option.
 bool IsDestination(const std::string& text) {
     return !text.empty() && text.front() != '-' && text.find_first_of(" \t\n") == std::string::npos;
 }
@@ -46,7 +46,8 @@ void CheckNode(const std::string& node) {
                              "NAME:DESTINATION:PORT");
 }
 
-// The daemon has nobody to tell but the log, so what can be found wrong is found wrong here.
+// Checks all arguments before the daemon starts, because the daemon can report errors only in the
+// log.
 void CheckArguments(const kro_args::Result& args) {
     ServerLimits::Parse(args.Param("count-limit", -1), args.Param("size-limit", -1));
     const std::string date = args.Param("date", -1);
@@ -79,13 +80,14 @@ void CommandServer(int /*argc*/, char** /*argv*/, kro_args::ResultPtr args) {
     if (args->Has("rescan")) {
         handle = Rescan(*args);
     } else {
-        // Behind a rescan that is under way: only what it leaves behind was broken off.
+        // The lock waits for a rescan that is in progress. A rescan marker that is present
+        // afterwards belongs to an interrupted rescan.
         const std::string storage = args->Param("storage", -1);
         handle = Quarn2Lock(ServerFiles(storage).lock, false);
         CheckNoBrokenRescan(info_root, storage);
     }
     handle = SizeControlServerStart(args, std::move(handle));
-    // Until standard input closes, which is how the caller says that it needs the server no more.
+    // Holds the server until the caller closes standard input.
     kro_thread::SafeLock lock;
     quarn2::Expect loop;
     loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));

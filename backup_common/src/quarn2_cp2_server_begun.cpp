@@ -1,5 +1,5 @@
-// Work that an earlier process of the server or a command has left: begun deletions, and slices of
-// backups that will not be completed.
+// Finishes the work of earlier processes: deletions that were begun, and slices of backups that
+// will not be completed.
 
 #include <algorithm>
 #include <exception>
@@ -18,7 +18,7 @@ constexpr kro_log::Module kLog("main");
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
 
-// False when it was not finished, and not by another process either.
+// Returns false when the deletion was finished neither by this process nor by another one.
 bool Finish(GlobalSizeControl& control, const StorageDesc& desc, const std::string& info_path) {
     KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
     try {
@@ -71,8 +71,8 @@ void GlobalSizeControl::FinishDeletions() {
     }
 }
 
-// An error of the storage passes out, because the next victim would meet it too. An info file that
-// cannot be deleted for a reason of its own keeps nobody from anything.
+// A storage error passes through, because the next victim would fail with it too. Any other error
+// concerns one info file only and must not prevent evictions.
 void GlobalSizeControl::FinishBegunFirst() {
     for (auto& [key, desc] : storages) {
         std::erase_if(desc.half_deleted, [&storage = desc](const auto& begun) {

@@ -11,7 +11,7 @@
 
 namespace {
 
-// Without secrets.
+// The storage's token without secrets.
 std::string StorageName() { return TokenByEnv().Str(); }
 
 }  // namespace

@@ -18,10 +18,10 @@ using namespace std::chrono_literals;
 constexpr kro_log::Module kLog("main");
 constexpr const char* kSsh = "ssh";
 constexpr std::size_t kPipeSize = 65536;
-constexpr auto kListenEvery = 200ms;  // the pipe for its errors must not stay full
+constexpr auto kListenEvery = 200ms;  // the client's error pipe must not stay full
 constexpr ClientProcess::Patience kRemotePatience{60s, 65s};
-// A client of this machine takes SIGTERM for what it is told anyway: to finish its uploads and end.
-// However long that takes, killing it would break them.
+// On SIGTERM, a client of this machine finishes its uploads and ends, as it does after the end of
+// its input. At the end of the server it is not killed, because that would interrupt its uploads.
 constexpr ClientProcess::Patience kLocalPatience{10s, std::chrono::seconds::max()};
 
 }  // namespace
@@ -50,7 +50,7 @@ std::string LastWords::Text() const {
         while (!line.empty() && line.back() == '\r') line.pop_back();
         if (!line.empty()) str::inpl::Append(text, line, "; ");
     }
-    std::replace(text.begin(), text.end(), '\0', '?');  // the log would take it for the end
+    std::replace(text.begin(), text.end(), '\0', '?');  // a NUL would end the log line
     return shortened_ ? "..." + text : text;
 }
 
@@ -64,7 +64,7 @@ ClientProcess::~ClientProcess() {
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "%s", error.what());
     }
-    // For the event loop's copy too.
+    // Closes the descriptor for the event loop's copy of the handle too.
     output_.Close();
 }
 
@@ -75,7 +75,8 @@ ClientProcess::Pipes ClientProcess::Start() {
     child_.RedirectInTo(std::move(to_client_read));
     child_.RedirectOutTo(std::move(from_client_write));
     child_.RedirectErrTo(std::move(errors_write));
-    // The token goes over the link alone, and nobody sits at a terminal to answer ssh.
+    // Only the link passes the token to the client. ssh must not prompt, because no user is at a
+    // terminal.
     child_.LeaveTerminal();
     child_.ChangeEnvironment({"BACKUP_TOKEN", "SSH_ASKPASS", "SSH_ASKPASS_REQUIRE=never"});
     child_.Run();

@@ -1,4 +1,4 @@
-// The daemon: from the pid file to the last tidying.
+// The daemon process, from its pid file to the removal of its files.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -60,12 +60,11 @@ class Daemon {
         control->Init(date_);
         control->FinishDeletions();
         control->FitIntoLimits();
-        // Before a caller can join.
+        // Written before AnnounceReady, because callers that join read the state file.
         WriteState();
         AnnounceReady();
         Serve(*loop, *nodes);
-        // Callers that come from here on must wait for the end instead of taking this server for
-        // theirs.
+        // Later callers must wait for the end of this server instead of joining it.
         if (signal_->arrived()) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
@@ -77,7 +76,7 @@ class Daemon {
     }
 
   private:
-    // Asked for once: the pid file and the account must agree, over midnight too.
+    // The date is read once, so that the pid file and the account agree over midnight too.
     static std::string ReferenceDate(const std::string& date) {
         return date.empty() || date == "custom" ? kro_date::Date::Today().AsDate() : date;
     }
@@ -88,14 +87,15 @@ class Daemon {
 
     void WritePidFile() { pid_lock_.Write(Myself().Text()); }
 
-    // A full disk may have room later.
+    // Writes the state file unless it is written already. A full disk may have space later, so
+    // Serve tries again.
     void WriteState() {
         if (is_state_written_) return;
         const quarn2::BackupToken token = TokenByEnv();
         is_state_written_ = state_file_.Write(Myself(), StorageIdentity(token));
     }
 
-    // The record lock is what callers ask for: from now on this process serves.
+    // Takes the record lock, by which callers recognize that this server is ready.
     void AnnounceReady() const {
         struct flock lock {};
         lock.l_type = F_WRLCK;
@@ -105,7 +105,7 @@ class Daemon {
         }
     }
 
-    // Until nobody holds the lock file any more, or a signal asks for the end.
+    // Serves until no caller locks the lock file, or until a termination signal arrives.
     void Serve(quarn2::Expect& loop, NodeSessions& nodes) {
         lock_file_ = OpenLockFile(files_.lock);
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
@@ -117,9 +117,10 @@ class Daemon {
         }
     }
 
-    // Nobody holds the lock file: new callers wait for it until this process is gone, so the pid
-    // file goes first. After a signal callers still hold it: then the pid file's name must stay
-    // taken until the lock file's is free, or a new server would lose its lock file to us.
+    // Without a signal, this process has the lock file's exclusive lock and new callers wait for
+    // it, so the pid file is removed first. After a signal, callers may still have shared locks.
+    // Then the pid file must exist until the lock file is removed. Otherwise a new server could
+    // start, and this process would remove its lock file.
     void RemoveFiles() {
         kro_log::Close();
         state_file_.Remove();
@@ -151,7 +152,7 @@ void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
     kro_log::Init("quarn2_cp", 5);
     SetOwnLedger(args->Param("storage", -1));
     try {
-        // The lock on the lock file must last to the very end: the object goes with the process.
+        // The object is static because the lock on the lock file must last until the process ends.
         static std::unique_ptr<Daemon> daemon;
         daemon = std::make_unique<Daemon>(args, pid_lock, start);
         daemon->Run();

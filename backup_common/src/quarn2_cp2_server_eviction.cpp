@@ -57,8 +57,8 @@ std::vector<std::string> ExcessDailies(const Backups& backups, int leave) {
     return dates;
 }
 
-// Deleting a full whose successor is a full makes no record before it removable, so one walk finds
-// what starting over after each deletion would.
+// One pass over the records is enough, because the deletion of a full whose successor is a full
+// makes no earlier record removable.
 std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
     std::vector<std::string> dates;
     std::int64_t excess = Count(backups, IsFull) - leave;
@@ -75,15 +75,16 @@ std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
 
 namespace {
 
-// An info root that cannot be read, or that is empty, has not lost one backup but all of them.
+// Throws when the info root is missing or empty. Then every info file is missing, so a missing info
+// file does not show that its backup was deleted.
 void CheckInfoRoot(const std::string& path) {
     if (kro_file::Dir(path, 2).Read()) return;
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
 }
 
-// A backup without a local info file was deleted by a job meanwhile, or another machine or a job
-// with a directory of its own keeps the file: only the storage knows. A day that was filled in
-// takes nothing from anybody, and nobody need be asked.
+// Deletes a backup. If it has no local info file, a job has deleted it, or the file is on another
+// machine or in a job's own directory. Then the storage is queried. A record of size 0 fills a
+// missing day and needs no query, because it has no files.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
     const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);
@@ -109,7 +110,8 @@ void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
     }
 }
 
-// Count limits can wait: a server must start and end without the storage too.
+// False while the storage does not answer. Count limits can wait, because a server must start and
+// end without the storage too.
 bool MayDelete(GlobalSizeControl& control) {
     try {
         control.CheckStorage();
@@ -121,8 +123,8 @@ bool MayDelete(GlobalSizeControl& control) {
     }
 }
 
-// False also for a backup whose info file only the storage has, and while the storage cannot be
-// asked.
+// True when neither this machine nor the storage has the backup's info file. False when the storage
+// does not answer.
 bool IsGone(const GlobalSizeControl& control, const Victim& backup) {
     const std::string info_path = quarn2::GetInfoFile(control.path, backup.user, backup.date);
     if (backup.size == 0 || kro_file::Exists(info_path)) return false;
@@ -156,8 +158,9 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// A deletion by a command does not pass through this process. The newest backup of a user protects
-// itself and nothing else, so an older one must not go on the word of a newest one that is gone.
+// Removes a user's newest backup from the account if another process has deleted it, because
+// commands delete backups without this process. Only the newest backup is protected from eviction,
+// so the next older one must take its place. Returns true when it has removed one.
 bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
     bool any = false;
     for (const Victim& victim : victims) {
@@ -169,7 +172,9 @@ bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) 
     return any;
 }
 
-// Where backups are counted, each one that is gone costs one that is there.
+// Removes all deleted backups of the victims' users from the account. With count limits, each
+// deleted backup that is still counted would cause the deletion of an existing one. Returns true
+// when it has removed one.
 bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
     std::set<std::pair<std::string, std::string>> users;
     for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
@@ -192,7 +197,7 @@ void ExecutePass(GlobalSizeControl& control, const Victims& victims) {
     throw std::runtime_error("No space left. But all backups are locked");
 }
 
-// An operator must see that a limit or a size is wrong, and that no backup was lost by it.
+// The operator must see that a limit or a size is wrong, and that no backup was deleted.
 void LogImpossible(const EvictionPlan& plan, std::int64_t wanted, const char* unit) {
     KRO_LOG(kLog, 4,
             "Evictions cannot make room: %lld %s, and all evictions together would free %lld "
@@ -213,7 +218,8 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     return found->first;
 }
 
-// The server learns from the ledger which jobs are being repeated since it has started.
+// The account without the backups whose jobs are being repeated. The ledger also has jobs that
+// started after the server.
 Storages Evictable(const GlobalSizeControl& control) {
     const std::set<std::string> open = control.unfinished.OpenKeys();
     return WithoutOpen(control.storages, [&open](const std::string& user, const std::string& date) {
@@ -249,7 +255,7 @@ void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_
     if (!victims.empty() && MayDelete(*this)) DeleteAll(*this, victims);
 }
 
-// Passes that delete nothing lower max_count, also when all passes together would not suffice.
+// Passes without victims decrement max_count even when all passes together are not enough.
 void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
     if (size <= LessSize(storage.free_size, storage.reserved)) return;
     const auto make_plan = [&] {

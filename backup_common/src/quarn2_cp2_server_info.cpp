@@ -25,7 +25,8 @@ std::string FetchInfoFile(quarn2::Storage& storage, const std::string& root,
     std::string path = kro_file::ConcatPath(root, name);
     kro_file::MkDirSynced(root);
     if (Download(storage, name, path)) return path;
-    // Asked for first: directories that stay empty would be left here otherwise.
+    // Checks for the file before the local directories are created, because they would stay empty
+    // without it.
     const std::string in_directory = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
     if (!IsOnStorage(storage, in_directory)) return {};
     path = kro_file::ConcatPath(root, in_directory);

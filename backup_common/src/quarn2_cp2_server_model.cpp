@@ -11,7 +11,7 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
-// Reads one number of an option; 0 stands for `none`.
+// Parses one number of an option; 0 means `none`.
 template <class Number>
 Number LimitOr(Number none, const std::string& text, const std::string& option,
                const std::string& value, const char* expected) {

@@ -1,4 +1,4 @@
-// The server's account of what a storage holds. It is the only authority for reservations and
+// The server's account of a storage's content. It is the only authority for reservations and
 // evictions. Only the thread of the server's event loop uses it. It is never written to disk.
 #pragma once
 

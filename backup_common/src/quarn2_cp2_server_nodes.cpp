@@ -13,11 +13,11 @@ using Clock = SupervisedNode::Clock;
 
 constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kLongestPause = 60s;
-// A session that lasted so long was no failed attempt.
+// A session of at least this duration counts as useful.
 constexpr auto kLongSession = 60s;
 constexpr auto kLookAtSession = 1000ms;
 constexpr std::chrono::milliseconds kLookAtEnding = 100ms;
-// The link has ended, so nobody waits for what the client still does.
+// The link has ended, so no process waits for the client's remaining work.
 constexpr ClientProcess::Patience kPatience{10s, 20s};
 
 std::string Description(const std::string& node) {
@@ -75,7 +75,7 @@ void SupervisedNode::Close() {
     session_.reset();
 }
 
-// Never two clients of one node at a time: the next one waits until this one is gone.
+// A node never has two clients at a time. Its next session waits for the end of this client.
 void SupervisedNode::WaitForClient(Clock::time_point now) {
     if (client_->HasEnded()) {
         LogEnd();
@@ -96,7 +96,7 @@ void SupervisedNode::LogEnd() const {
 bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {
     if (!client_) return true;
     if (!client_->FinishWithin(wait, since)) return false;
-    // At the end of a server an ordinary end is not worth a line.
+    // At the end of the server, only failed clients are logged.
     if (client_->status() != 0) LogEnd();
     client_.reset();
     return true;
@@ -105,7 +105,7 @@ bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_po
 void FinishAll(std::vector<SupervisedNode>& nodes, Clock::time_point since) {
     for (bool waiting = true; waiting;) {
         waiting = false;
-        // Each round waits for one client; the others are only looked at.
+        // Each round waits for one client and only checks the others.
         for (SupervisedNode& node : nodes) {
             if (!node.FinishWithin(waiting ? 0ms : kLookAtEnding, since)) waiting = true;
         }

@@ -19,5 +19,5 @@ void WarnOfCountLimit(const kro_args::Result& args);
 // Warns when standard input is already at its end, because this call then does not keep its server.
 void WarnOfEndedInput();
 
-// Prints what this process waits for. Only the first call of a process prints.
+// Prints the reason why this process waits. Only the first call of a process prints.
 void SayWaiting(const std::string& reason);

@@ -20,7 +20,8 @@ void AddDates(Victims& victims, const std::string& key, const std::string& user,
     }
 }
 
-// Dailies that go may make a full removable, so the fulls are chosen among what is left.
+// The deletion of dailies may make a full removable, so fulls are chosen from the remaining
+// records.
 void AddExcess(Victims& victims, const std::string& key, const std::string& user, Backups backups,
                int leave_full, int leave_daily) {
     const std::vector<std::string> dailies = ExcessDailies(backups, leave_daily);
@@ -29,7 +30,7 @@ void AddExcess(Victims& victims, const std::string& key, const std::string& user
     AddDates(victims, key, user, backups, ExcessFulls(backups, leave_full));
 }
 
-// `storages` is a copy of the model, in which the deletions are tried out.
+// `storages` is a copy of the model, in which the deletions are simulated.
 void AddPasses(EvictionPlan& plan, Storages& storages, int max_count, const IsReached& is_reached) {
     while (!is_reached(storages)) {
         if (max_count <= 0) {

@@ -1,4 +1,4 @@
-// The meaning of a node client's lines: reservation, completion, eviction on request, release.
+// Executes the commands of node clients: reservation, completion, eviction on request, release.
 
 #include <stdexcept>
 
@@ -12,14 +12,14 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr int kCompleteTraceLine = 184;  // operators' filters know the line by this number
+constexpr int kCompleteTraceLine = 184;  // operators' filters match this number
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
 using UserDesc = StorageDesc::UserDesc;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// A negative size would make room out of nothing.
+// Throws for a negative size, because it would increase the free space.
 std::int64_t SizeArgument(const std::string& text) {
     const std::int64_t size = str::Int64(text);
     if (size < 0) throw std::runtime_error("'" + text + "' is not a size");
@@ -30,7 +30,8 @@ std::int64_t LockedSize(const UserDesc& user) {
     return user.backups.empty() ? 0 : user.GetLockedSize();
 }
 
-// Names from a link become parts of paths when the backup is evicted.
+// Throws for unsafe names, because names from a node client become parts of paths when the backup
+// is evicted.
 void CheckBackupName(const std::string& user, const std::string& date) {
     if (!quarn2::IsSafeName(date + "." + user)) {
         throw std::runtime_error("'" + date + "." + user + "' is not a backup's name");
@@ -71,7 +72,7 @@ void MasterSide::ProcessCommand(const std::string& line) {
     if (!answer.empty()) SaveResult(answer);
 }
 
-// Empty for a word without a meaning: such a line has no answer.
+// Returns "" for an unknown command, which gets no answer.
 std::string MasterSide::Answer(const std::string& word, const std::string& arguments) {
     if (word == "RESERVE") return Reserve(SizeArgument(arguments));
     if (word == "COMPLETE") return Complete(arguments);
@@ -112,7 +113,7 @@ std::string MasterSide::Complete(std::string arguments) {
 
     UserDesc& user = storage_.users[name];
     const std::int64_t locked_before = LockedSize(user);
-    // A custom backup belongs to no user's chain: as a record it would pass for the newest backup.
+    // A custom backup belongs to no user's chain. As a record it would count as the newest backup.
     const bool counted = date != "custom" && (type == "full" || type == "incremental");
     if (counted) {
         UserDesc::BackupInfo& backup = user.backups[date];
@@ -125,14 +126,15 @@ std::string MasterSide::Complete(std::string arguments) {
             ForLog(locked_after));
     storage_.limit = LessSize(SumOfSizes(storage_.limit, locked_before), locked_after);
     storage_.free_size = LessSize(storage_.free_size, size);
-    // A completion ends every reservation of the storage, not only its own backup's.
+    // A completion drops every reservation of the storage, not only its own backup's.
     storage_.ResetReserved();
     if (is_remote_) KeepInfoFile(name, date);
     ForgetIncomplete(storage_.owner->path, name, date);
     return "OK " + str::Str(storage_.owner->max_count);
 }
 
-// The account is right without it until the server ends, and an eviction asks for it again.
+// Downloads the backup's info file. A failure is only logged: the account is correct without the
+// file until the server ends, and an eviction downloads it again.
 void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) const {
     try {
         FetchInfoFile(*storage_.storage, storage_.owner->path, user, date);
@@ -144,8 +146,8 @@ void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) 
 
 std::string MasterSide::DropOne(std::int32_t count) {
     GlobalSizeControl& control = *storage_.owner;
-    // With a limit the account has granted the space: a storage that refuses it is full for a
-    // reason that deleting backups would not cure.
+    // With a size limit, the account has granted the space. If the storage is full in spite of
+    // that, deleting backups would not remove the cause.
     if (control.size_limit != ServerLimits::kNoSize) {
         return "ERR Upload failed and limit is set";
     }

@@ -34,14 +34,14 @@ bool IsOwnFile(const std::string& name) {
            name == ".cleanup";
 }
 
-// Not copies of anything on the storage: a rescan could not bring them back.
+// True for entries that are no copies of stored files. A rescan could not restore them.
 bool IsKept(const std::string& directory, const std::string& name) {
     const bool beside_admin_root = !quarn2::IsAdminData(directory) ||
                                    !quarn2::IsAdminData(kro_file::ConcatPath(directory, "u"));
     return IsOwnFile(name) || (beside_admin_root && IsAdminRoot(name));
 }
 
-// Names from a listing become local paths.
+// Removes unsafe names from a listing, because the names become local paths.
 void DropUnsafe(Names& names) {
     std::erase_if(names, [](const std::string& name) {
         if (quarn2::IsSafeName(name)) return false;
@@ -50,14 +50,16 @@ void DropUnsafe(Names& names) {
     });
 }
 
-// What lies in the place of a directory of the storage is no copy of it; where another user's link
-// leads nothing may be removed.
+// Moves away an entry at the path of a directory if it is no directory or is another user's link.
+// It is no copy of the storage's directory, and nothing may be removed from the target of another
+// user's link.
 void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
     const bool other = kro_file::Exists(path) && !std::filesystem::is_directory(path);
     if (other || kro_file::IsForeignLink(path)) removed.Take({path});
 }
 
-// Takes the storage's name of a local file out of the list; false when the storage has none.
+// Removes the stored name of a local file from the list. Returns false when the list does not have
+// it.
 bool TakeOut(Names& files, const std::string& local) {
     const auto matches = [&local](const std::string& file) {
         return file == local || (str::EndsWith(local, ".tgz") && file == local + ".aes");
@@ -68,7 +70,7 @@ bool TakeOut(Names& files, const std::string& local) {
     return true;
 }
 
-// The info root is marked for as long as it is incomplete.
+// The marker file of an info root. It exists while the info root is incomplete.
 class Marker {
   public:
     Marker(const std::string& local_dir, const std::string& storage)
@@ -82,7 +84,8 @@ class Marker {
         return kro_file::ConcatPath(local_dir, str::Append(kMarker, storage, "#"));
     }
 
-    // What an earlier rescan fetched before it was broken off may not have reached the disk.
+    // True when an earlier rescan was interrupted. Files that it fetched may not have reached the
+    // disk.
     bool was_there() const noexcept { return was_there_; }
 
     void Remove() const {
@@ -97,8 +100,8 @@ class Marker {
     bool was_there_ = false;
 };
 
-// The keys of a local info file that is fetched again, for the index alone. A key that the stored
-// file does not have is not the storage's to drop.
+// Keeps the keys of a local info file that is fetched again only because of its index. Restore adds
+// the keys that exist only locally.
 class LocalKeys {
   public:
     LocalKeys(const std::string& path, bool is_trusted) : path_(path) {
@@ -142,7 +145,7 @@ class Rescanner {
         const Marker marker(local_dir_, filter_);
         trust_local_ = !marker.was_there();
         removed_.emplace(filter_, local_dir_, marker.was_there());
-        // Files of the storage's root may come before the user's directory.
+        // Files of the storage root may be fetched before the user's directory is listed.
         if (local_root_ != local_dir_) {
             ClearForDirectory(local_root_, *removed_);
             kro_file::MkDirSynced(local_root_);
@@ -180,7 +183,8 @@ class Rescanner {
         }
     }
 
-    // Directories of the storage that would take the place of what is no copy of anything there.
+    // Drops names on the storage that would replace local entries that are no copies of stored
+    // files.
     void DropReserved(Names& top) const {
         const bool beside_admin = !quarn2::IsAdminData(local_root_);
         std::erase_if(top, [beside_admin](const std::string& name) {
@@ -199,7 +203,7 @@ class Rescanner {
         const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
         ClearForDirectory(user_dir, *removed_);
         Names kept = dates;
-        // A user's info root has the files of the storage's root too.
+        // A user's info root also has the files of the storage root.
         if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
         RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
         for (const std::string& date : dates) {
@@ -224,7 +228,8 @@ class Rescanner {
         }
     }
 
-    // What is left of `files` has to be fetched.
+    // Moves away local files that the storage does not have. Afterwards, `files` has the names to
+    // fetch.
     void RemoveMissedFiles(Names& files, const std::string& directory) {
         if (!trust_local_) return RemoveMissedDirs(files, directory, false, *removed_);
         Names kept;
@@ -244,8 +249,8 @@ class Rescanner {
         }
     }
 
-    // An index comes along with its info file only: where it is on the storage but not here, the
-    // info file is fetched again.
+    // True when an index is on the storage but not here. An index is fetched only together with its
+    // info file, so the info file is fetched again.
     static bool MissesIndex(const std::string& kept, const Names& left) {
         if (!str::EndsWith(kept, ".info")) return false;
         const std::string stem = kept.substr(0, kept.size() - std::string_view("info").size());
@@ -266,13 +271,13 @@ class Rescanner {
     std::string local_root_;
     std::string local_dir_;
     std::string filter_;
-    Names top_;  // of the storage
-    // One machine, one info root: no node has a part of it. What a node had would be its own to
-    // remove.
+    Names top_;  // at the storage root
+    // Always empty: no node has a part of the info root. A node would remove its own entries, so
+    // the rescan would skip them.
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;
-    std::optional<RemovedEntries> removed_;  // while Run works
+    std::optional<RemovedEntries> removed_;  // set while Run works
     std::string encrypted_lines_;
 };
 
@@ -307,7 +312,8 @@ ResHandle Rescan(const kro_args::Result& args) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(local_root);
     ResHandle handle = LockWithoutServer(ServerFiles(storage_name));
     KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
-    // Their info files on the storage would make them whole backups again.
+    // Otherwise the rescan would fetch their info files from the storage, and they would count as
+    // complete backups again.
     FinishDeletions(storage, local_root);
     Rescanner(storage, local_root, storage_name).Run();
     return handle;

@@ -39,7 +39,7 @@ void Copy(const std::string& path, const std::string& target) {
                              "': " + error.message());
 }
 
-// True when the directory is there or could be made: an entry that was taken before may have its
+// Creates the directory if it is missing. Returns false when an entry that was moved before has its
 // name.
 bool MakeDirectory(const std::string& path) {
     if (!path.empty() && !fs::is_directory(fs::symlink_status(path))) {
@@ -63,7 +63,7 @@ void RemovedEntries::Prepare() {
     kro_file::CheckOurDirectory(place_);
 }
 
-// Two rescans of which the first was interrupted may take entries of the same path.
+// An interrupted rescan and the next one may move entries of the same path.
 std::string RemovedEntries::FindFreeTarget(const std::string& path) const {
     const std::string below = path.substr(directory_.empty() ? 0 : directory_.size() + 1);
     for (int number = 1;; ++number) {
@@ -75,7 +75,7 @@ std::string RemovedEntries::FindFreeTarget(const std::string& path) const {
 }
 
 void RemovedEntries::Take(std::vector<std::string> paths) {
-    // What an interrupted write has left is of no use to anybody.
+    // Temporary files of interrupted writes are useless, so they are deleted.
     const auto leftovers = std::partition(paths.begin(), paths.end(), [](const std::string& path) {
         return !kro_file::IsTemporaryName(kro_file::Name(path));
     });

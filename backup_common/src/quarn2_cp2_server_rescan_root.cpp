@@ -36,7 +36,8 @@ bool IsExpectedFile(const std::string& name) {
 
 std::string FindStray(const std::string& directory, Level level);
 
-// The part of the entry's path, from its name on, that is stray; empty when the entry is expected.
+// The path of the first stray entry, starting with `name`: the entry itself or one below it. Empty
+// when there is none.
 std::string FindStrayIn(const std::string& directory, const std::string& name, Level level) {
     const std::string path = kro_file::ConcatPath(directory, name);
     if (!std::filesystem::is_directory(path)) return IsExpectedFile(name) ? "" : name;
@@ -69,7 +70,7 @@ void CheckIsNoOtherUsers(const std::string& local_root, const std::string& stora
     };
     check(UserOfInfoRoot(local_root, kData));
     check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
-    // In another installation's data.
+    // The info root may be in the data of another installation.
     if (!quarn2::IsAdminData(local_root)) check(kro_file::Name(local_root));
 }
 
@@ -82,8 +83,8 @@ void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem:
     }
 }
 
-// The directories below var/backup are for info files alone. Any other may hold what no storage
-// could give back.
+// Directories below var/backup have only info files. Any other directory may have files that no
+// storage could restore.
 void CheckHoldsNothingElse(const std::string& local_root) {
     const std::filesystem::path data = ResolvePath(kData);
     const bool in_data = str::StartsWith(local_root, std::string(kData) + "/") ||
@@ -123,7 +124,7 @@ std::string FindStrayEntry(const std::string& directory) {
 }
 
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name) {
-    // The one to clean would be the directory above, with the server's own files.
+    // The rescan would work on the parent directory, which has the server's own files.
     if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
         Refuse(local_root, "name the info root in it, such as '" +
                                kro_file::ConcatPath(local_root, "tovarn") + "'");

@@ -1,4 +1,4 @@
-// Filling the account from the backups' info files.
+// Fills the account from the backups' info files.
 
 #include <list>
 #include <stdexcept>
@@ -25,7 +25,7 @@ using BackupInfo = UserDesc::BackupInfo;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// The scan of one info file after another.
+// Scans one info file after another.
 class Scanner {
   public:
     Scanner(GlobalSizeControl& control, const std::string& current_date)
@@ -50,7 +50,8 @@ class Scanner {
         return std::string(info_.Find(key).value_or(std::string_view()));
     }
 
-    // What is left of it is going, so a size that cannot be read keeps no server from starting.
+    // The rest of the backup will be removed, so a size that cannot be parsed must not prevent the
+    // server's start.
     void NoteHalfDeleted(StorageDesc& desc, const std::string& path) const {
         std::int64_t& size = desc.half_deleted[path];
         try {
@@ -61,8 +62,8 @@ class Scanner {
         }
     }
 
-    // It may be a complete backup whose job was repeated and interrupted: then its files are still
-    // there beside the new ones.
+    // The backup may have been complete before its job was repeated and interrupted. Then the
+    // storage still has its old files beside the new ones.
     void NoteUnfinished(const StorageDesc& desc, const std::string& path,
                         std::string_view last_slice) const {
         KRO_LOG(kLog, 4, "Skip backup '%s': it is not complete", kro_file::Name(path).c_str());
@@ -82,7 +83,7 @@ class Scanner {
             return;
         }
         const std::int64_t size = str::Int64(ValueOf("size"));
-        // It would make room out of nothing.
+        // A negative size would increase the free space.
         if (size < 0) throw std::runtime_error("the size " + str::Str(size) + " is negative");
         if (str::StartsWith(name, "custom.")) {
             desc.ChargeForGood(size);
@@ -91,7 +92,8 @@ class Scanner {
         }
         const std::string user_name = quarn2::GetUserName(name);
         const std::string date = quarn2::GetDate(name);
-        // Both are pieces of the name: a type letter, or no user, shows in the length.
+        // A type letter or a missing user shows in the length, because user and date are parts of
+        // the name.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
             // Eviction would not find it again by user and date.
             desc.ChargeForGood(size);
@@ -119,7 +121,7 @@ class Scanner {
 
     void Enter(const StorageDesc& desc, UserDesc& user, const std::string& date,
                const Found& found) const {
-        // The files come in the order of their dates, so the end is nearly always the place.
+        // The files are sorted by date, so the insertion is nearly always at the end.
         user.backups.insert_or_assign(user.backups.end(), date,
                                       BackupInfo{found.size, found.type == "full" ? 0 : 1, false});
         KRO_LOG(kLog, 7, "%p Add %s backup %s. new used = %lld, new free_size = %lld",
@@ -127,8 +129,8 @@ class Scanner {
                 ForLog(LessSize(control_.size_limit, desc.free_size)), ForLog(desc.free_size));
     }
 
-    // Keeps the chain of days unbroken after a backup that is marked deleted: every day up to the
-    // current one has a record, Sundays as fulls.
+    // Keeps the chain of days unbroken after a backup that is marked deleted: every day before the
+    // current date has a record, Sundays as fulls.
     void FillDays(UserDesc& user, const std::string& first) const {
         if (first >= current_date_) return;
         constexpr int kSunday = 0;
@@ -151,7 +153,7 @@ void ChargeUser(StorageDesc& desc, const UserDesc& user) {
     desc.free_size = LessSize(desc.free_size, used);
 }
 
-// The largest number of records of any user.
+// Charges every user. Returns the largest number of records of any user.
 std::int32_t ChargeUsers(StorageDesc& desc) {
     std::int32_t most = 0;
     for (const auto& [name, user] : desc.users) {
@@ -184,7 +186,7 @@ void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
                 KRO_LOG(kLog, 6, "Skip '%s', which was removed during the scan", info_path.c_str());
                 continue;
             }
-            // The number or date alone would not tell an administrator which file to look at.
+            // The error's own text names only a number or date, not the info file.
             throw std::runtime_error(info_path + ": " + error.what());
         }
     }

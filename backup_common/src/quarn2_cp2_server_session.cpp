@@ -15,9 +15,9 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::size_t kReadPiece = 32;
-// No command is near this long; a client that sends more is not ours and must not fill the memory.
+// Commands are much shorter. A client that sends a longer line is faulty. Do not fill the memory.
 constexpr std::size_t kLongestLine = 65536;
-// A client waits for each answer before it asks again.
+// A client waits for each answer before its next command, so few answers can be unread.
 constexpr std::size_t kMostUnread = 1U << 20;
 
 }  // namespace
@@ -58,8 +58,8 @@ std::unique_ptr<ClientProcess> MasterSide::Close() {
     is_open_ = false;
     own_reserved_.GiveBack();
     write_.Close();
-    // Nobody listens any more, but a client that still asks for room must find its answers' end,
-    // not a broken pipe: that would pass for a refusal, which costs an upload its local file.
+    // Keeps the client's output pipe open unread. A client that still requests space must read the
+    // end of its input. On a broken pipe it would remove the upload's local file.
     loop_.SetEvents(read_, 0);
     if (client_) client_->KeepOutput(std::exchange(read_, ResHandle()));
     return std::move(client_);
@@ -90,7 +90,7 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
     switch (ReadAvailable(handle)) {
         case Reading::kMore:
             break;
-        // It has gone since the look above.
+        // The client has ended after the poll above.
         case Reading::kEnd:
             return Disconnected();
         case Reading::kFailed:
@@ -128,8 +128,7 @@ MasterSide::Reading MasterSide::ReadAvailable(int fd) {
         if (count == 0) return Reading::kEnd;
         if (count < 0) return errno == EAGAIN ? Reading::kMore : Reading::kFailed;
         m_read.append(piece, static_cast<std::size_t>(count));
-        // A client that writes without a pause must not keep the others waiting, nor grow the
-        // buffer.
+        // A client that writes without a pause must not block the others or grow the buffer.
         if (m_read.size() > kLongestLine) return Reading::kMore;
     }
 }

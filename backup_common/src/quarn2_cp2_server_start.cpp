@@ -31,7 +31,7 @@ constexpr int kStartingPause = 500;
 constexpr int kOtherServerPause = 2000;
 constexpr std::size_t kKeyBytes = 15;
 
-// True when the descriptor is the file that the path names now.
+// True when the descriptor refers to the file that the path names now.
 bool IsSameFile(int fd, const std::string& path) {
     struct stat opened {};
     struct stat named {};
@@ -45,7 +45,7 @@ int FlockWaiting(int fd, int operation) {
     return result;
 }
 
-// Waits for the lock, and says so when it is not free.
+// Waits for the lock. Prints a message when it is not free.
 bool LockSayingSo(int fd, const std::string& path, int operation) {
     if (FlockWaiting(fd, operation | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK) return false;
@@ -55,7 +55,7 @@ bool LockSayingSo(int fd, const std::string& path, int operation) {
     return FlockWaiting(fd, operation) == 0;
 }
 
-// The process that holds the record lock on the pid file: a server that is past its start.
+// The process that holds the record lock on the pid file: a server that has completed its start.
 std::optional<pid_t> FindServer(const std::string& pid_file) {
     const ResHandle file(open(pid_file.c_str(), O_RDWR | O_CLOEXEC));
     if (!file) return std::nullopt;
@@ -77,7 +77,8 @@ bool Serves(const PidFile& server, pid_t holder, const kro_args::ResultPtr& args
     return date.empty() || date == "custom" || server.date == date;
 }
 
-// Everything goes but the pid file's lock, which is on its way from the caller to the daemon.
+// Closes all descriptors except for the pid file's, because the daemon inherits its lock from the
+// caller.
 bool CloseAllBut(int kept) {
     const auto number = static_cast<unsigned>(kept);
     return (kept == 0 || close_range(0, number - 1, 0) == 0) &&
@@ -98,7 +99,7 @@ void OpenNullStreams() {
     if (!CloseAllBut(pid_lock.fd())) _exit(1);
     OpenNullStreams();
     const pid_t daemon = fork();
-    // An exception must not go back into the caller's code in this process.
+    // An exception would return into the caller's code in this process.
     if (daemon < 0) _exit(1);
     if (daemon > 0) _exit(0);
     RunDaemon(args, pid_lock, start);
@@ -115,7 +116,7 @@ void StartDaemon(const kro_args::ResultPtr& args, ResHandle& handle, kro_file::L
     }
 }
 
-// One call's way to a server.
+// Starts or joins the server for one call.
 class Starter {
   public:
     Starter(kro_args::ResultPtr args, ResHandle&& handle)
@@ -139,8 +140,8 @@ class Starter {
     }
 
   private:
-    // A rescan comes with an exclusive lock. Kept, it would shut out every other caller for as long
-    // as this one holds the server.
+    // Converts the exclusive lock of a rescan to a shared one. The exclusive lock would block every
+    // other caller for as long as this one holds the server.
     void ShareLock() {
         if (FlockWaiting(handle_, LOCK_SH) == 0 && IsSameFile(handle_, files_.lock)) return;
         handle_.Close();
@@ -185,7 +186,8 @@ class Starter {
         return false;
     }
 
-    // The node clients store what they are given on the storage of the running server.
+    // Throws when the running server serves another storage, because its node clients would store
+    // the job's files there.
     void CheckSameStorage(const PidFile& server) const {
         const StateFile state(args_->Param("storage", -1));
         const std::string running = state.IdentityOf(server);
@@ -202,8 +204,8 @@ class Starter {
         }
     }
 
-    // The job that reads our output sees its end and knows that the server is ready. The number
-    // stays taken, so that no file opened later gets it.
+    // Closing standard output reports to the job that the server is ready. /dev/null takes its
+    // descriptor number, so that no file opened later gets it.
     static void CloseStandardOutput() {
         const ResHandle null(open("/dev/null", O_WRONLY | O_CLOEXEC));
         if (!null || dup2(null, STDOUT_FILENO) < 0) close(STDOUT_FILENO);
@@ -223,7 +225,7 @@ ServerFiles::ServerFiles(const std::string& storage)
 
 ResHandle OpenLockFile(const std::string& path) {
     constexpr mode_t kMode = 0600;
-    // A link in its place is not followed, a named pipe not waited for.
+    // Does not follow a link and does not wait for a named pipe.
     constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     return ResHandle(open(path.c_str(), kFlags, kMode));
 }
@@ -261,7 +263,7 @@ ResHandle LockWithoutServer(const ServerFiles& files) {
         ResHandle handle = Quarn2Lock(files.lock, true);
         if (!HasServer(files.pid)) return handle;
         if (is_first) KRO_LOG(kLog, 5, "Wait for the end of the size control server");
-        // The server ends when it gets this lock, for which it asks once a second.
+        // The server ends when it gets this lock. It tries once a second.
         handle.Close();
         kro_proc::Sleep(kStartingPause);
     }

@@ -17,14 +17,15 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kFetched = "tmp/quarn2_cp.fetched";
 
-// The info file as its put gives it to the storage.
+// The content that the put of the info file uploads.
 quarn2::InfoMap WithoutNode(const std::string& path) {
     quarn2::InfoMap info = quarn2::GetInfo(path);
     info.erase("node");
     return info;
 }
 
-// A storage may have the info file of an earlier backup with the same name.
+// True when the storage has this info file. The content is compared, because the storage may have
+// the info file of an earlier backup with the same name.
 bool IsInfoStored(quarn2::Storage& storage, const std::string& info_path) {
     try {
         const std::string fetched = kFetched;
@@ -38,7 +39,7 @@ bool IsInfoStored(quarn2::Storage& storage, const std::string& info_path) {
     }
 }
 
-// A storage that cannot be asked may have it.
+// True when the storage has the info file or does not answer.
 bool MayHaveInfo(quarn2::Storage& storage, const std::string& info_path) {
     try {
         return IsOnStorage(storage, quarn2::GetStoredName(info_path));
@@ -87,8 +88,8 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
     }
 }
 
-// The entry of the backup's archive; or that of a job which makes another archive of the same day,
-// such as a full one after a daily, and may have replaced files that both have.
+// Returns the entry of the backup's archive; or the entry of a job that makes another archive of the
+// same day, such as a full one after a daily, and may have replaced files that both have.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -118,7 +119,8 @@ bool UnfinishedBackups::WasComplete(const LedgerEntry& entry) const {
     return noted != noted_.end() && noted->second.was_complete;
 }
 
-// A job may make a backup of an earlier date than the server's.
+// True when no job has changed the entry since the server started, and its archive is older than
+// `date`. The date alone is not enough, because a job may make a backup of an earlier date.
 bool UnfinishedBackups::IsForsaken(const LedgerEntry& entry, const std::string& date) const {
     const auto at_start = open_.find(entry.name);
     return at_start != open_.end() && at_start->second == entry && IsArchive(entry.name) &&
@@ -147,7 +149,7 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
         if (LedgerKey(name) == LedgerKey(entry.name)) storage.RemoveFile(name);
     }
     for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
-    // A local info file may say that the backup is finished.
+    // A local info file may have "finished" for this backup, so the entry stays.
     if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
     ledger_.Update(entry.name, [](LedgerEntry& changed) {
         for (auto& [name, slice] : changed.slices) slice.bytes = 0;
@@ -163,12 +165,12 @@ std::set<std::string> UnfinishedBackups::OpenKeys() const {
     return keys;
 }
 
-// The bound is safe: the old slices that were replaced are counted twice.
+// An upper bound, because old slices that were replaced count twice.
 std::int64_t UnfinishedBackups::BytesOf(const LedgerEntry& entry) const {
     const auto noted = noted_.find(entry.name);
     if (noted == noted_.end() || !entry.IsOpen()) return entry.Bytes();
     if (noted->second.was_complete) return SumOfSizes(entry.Bytes(), noted->second.size);
-    // Its slices were removed to make room.
+    // Its slices were removed to free space.
     if (entry.Bytes() == 0) return 0;
     return std::max(entry.Bytes(), noted->second.size);
 }
