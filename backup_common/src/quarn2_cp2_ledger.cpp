@@ -80,8 +80,8 @@ void LogFailure(const std::string& path, const std::exception& error) {
             path.c_str(), error.what());
 }
 
-// The byte of the lock file for changes of an entry. Two entries may share a byte by chance. Then
-// one only waits for the other.
+// The byte of the lock file for changes of an entry. Two entries may share a byte by chance. Then a
+// change of one waits for a change of the other.
 std::int64_t ChangeByte(const std::string& name) {
     return 2 * static_cast<std::int64_t>(std::hash<std::string>()(name) >> 3U);
 }

@@ -27,7 +27,7 @@ std::string Time(std::int64_t seconds) {
     return str::Str(seconds / kMinute) + ":" + (rest.size() < 2 ? "0" : "") + rest;
 }
 
-// The estimated remaining time; -1 when it cannot be estimated.
+// The remaining time, estimated from the share that is done; -1 when that is impossible.
 std::int64_t SecondsLeft(const Progress& progress) {
     const bool by_bytes = progress.all_files == 1 && progress.all_bytes > 0;
     const std::int64_t done = by_bytes ? progress.bytes : progress.files;

@@ -26,8 +26,8 @@ std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::stri
 // The directories that a local storage directory must not overlap, because --clear empties the
 // storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
-    std::vector<std::filesystem::path> outside;  // a storage may be below them: ROOT and var
-    std::vector<std::filesystem::path> closed;   // a storage may not: sbin, etc, tmp, info roots
+    std::vector<std::filesystem::path> outside;  // a storage may be below these: ROOT and var
+    std::vector<std::filesystem::path> closed;  // but never below these: sbin, etc, tmp, info roots
 };
 
 enum class Overlap { kIs, kContains, kIsInside };

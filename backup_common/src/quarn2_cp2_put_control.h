@@ -29,7 +29,7 @@ class ControlPeer {
 
     bool IsOpen() const noexcept { return bool(connection_); }
 
-    // Closes the connection without an answer. The loop drops it at its next turn.
+    // Closes the connection without an answer. The loop drops it in its next iteration.
     void Disconnect(const char* reason);
 
   private:

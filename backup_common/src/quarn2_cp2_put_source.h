@@ -22,7 +22,7 @@ struct FileIdentity {
 
 enum class SourceState {
     kUnchanged,
-    kRewritten,  // the opened file was modified: the sent data may be mixed
+    kRewritten,  // the opened file was modified: the sent data may mix old and new
     kReplaced,   // its path names another file, or none
 };
 

@@ -158,9 +158,9 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// Removes a user's newest backup from the account if another process has deleted it, because
-// commands delete backups without this process. Only the newest backup is protected from eviction,
-// so the next older one must take its place. Returns true when it has removed one.
+// Removes a user's newest backup from the account if another process has deleted it. Commands
+// delete backups without this process. Otherwise the deleted backup would be protected as the
+// newest, and the newest existing one could be evicted. Returns true when it has removed one.
 bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
     bool any = false;
     for (const Victim& victim : victims) {

@@ -55,7 +55,7 @@ class MasterSide {
     // Starts the client with two new pipes.
     void Start();
 
-    // Takes over this side's ends of the pipes.
+    // Takes over the server's ends of the pipes.
     void Attach(ResHandle read, ResHandle write);
 
     // Queues one message for the client.
