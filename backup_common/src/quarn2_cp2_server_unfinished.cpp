@@ -88,8 +88,8 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
     }
 }
 
-// Returns the entry of the backup's archive; or the entry of a job that makes another archive of the
-// same day, such as a full one after a daily, and may have replaced files that both have.
+// Returns the entry of the backup's archive; or the entry of a job that makes another archive of
+// the same day, such as a full one after a daily, and may have replaced files that both have.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
