@@ -12,7 +12,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(project_options INTERFACE -Wno-restrict)
 endif()
 
-# Names that belong to the implementation. clang-tidy has this check too, and spends a fifth of its time on it.
+# Warns about names that are reserved for the implementation. clang-tidy has the same check, but spends a fifth of
+# its time on it.
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   set(product_warnings -Wreserved-identifier)
 endif()
@@ -23,22 +24,22 @@ if(QUARN2_CP_SANITIZE)
   target_link_options(project_options INTERFACE -fsanitize=${QUARN2_CP_SANITIZE})
 endif()
 
-# The counters lie in a file that is mapped into the memory, so that a process that is killed has counted too.
+# The counters are in a memory-mapped file, so the counts of a killed process are kept.
 if(QUARN2_CP_COVERAGE)
   target_compile_options(project_options INTERFACE
     -fprofile-instr-generate -fcoverage-mapping -mllvm -runtime-counter-relocation)
   target_link_options(project_options INTERFACE -fprofile-instr-generate)
 endif()
 
-# A static library of one layer: its public headers lie in include/, its private ones beside the sources.
+# Adds the static library of one layer. Its public headers are in include/, its private headers beside the sources.
 function(add_layer name)
   cmake_parse_arguments(LAYER "" "" "SOURCES;USES" ${ARGN})
   add_library(${name} STATIC ${LAYER_SOURCES})
   target_include_directories(${name} PUBLIC include PRIVATE src)
   target_link_libraries(${name} PUBLIC ${LAYER_USES} PRIVATE project_options)
   target_compile_options(${name} PRIVATE ${product_warnings})
-  # The sanitizer builds parse the standard library once for each layer. The other builds show that each
-  # file includes what it uses.
+  # The sanitizer builds use a precompiled header, so they parse the standard library once per layer. The other
+  # builds have none, so they report a missing include.
   if(QUARN2_CP_SANITIZE)
     target_precompile_headers(${name} PRIVATE
       <algorithm> <chrono> <cstdint> <filesystem> <functional> <map> <memory> <mutex> <optional> <span> <string>

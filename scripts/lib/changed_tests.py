@@ -1,7 +1,7 @@
-"""Which CTest tests a set of changed files touches; see scripts/test-changed.
+"""Selects the CTest tests that a set of changed files affects; see scripts/test-changed.
 
-The decision is a pure function of three tables: the changed paths, what each test file's object and each test
-script depends on, and which tests CTest knows.
+The decision is a pure function of three tables: the changed paths, the dependencies of each test object and test
+script, and the tests that CTest knows.
 """
 
 import json
@@ -10,7 +10,7 @@ import re
 import subprocess
 import sys
 
-# Below this folder: the names of the tests, as the beginnings of CTest's names. The first match counts.
+# For each folder, the prefixes of the CTest names that a change below it affects. Only the first match counts.
 FOLDERS = [
     ("kro/", [""]),
     ("quarn2/backends/s3/", ["quarn2_s3", "quarn2_hostile_http", "quarn2_storage_s3",
@@ -34,13 +34,13 @@ FOLDERS = [
     ("cmake/", [""]),
 ]
 EVERYTHING = ("CMakeLists.txt", "CMakePresets.json", "tests/CMakeLists.txt")
-# Support code that is loaded into or linked beside the program, and so appears in no test's own dependencies.
+# Support code that is preloaded into the program or linked with it, so no test's own dependencies contain it.
 SYSTEM_SUPPORT = ("clock_ahead", "ended_pauses_clock", "fault_calls", "fault_points", "without_pidfd",
                   "write_recorder")
 
 
 def test_of_source(path):
-    """The CTest test of a file tests/unit/LAYER/NAME_test.cpp, or None."""
+    """Returns the CTest name of a file tests/unit/LAYER/NAME_test.cpp, or None."""
     match = re.fullmatch(r"tests/unit/(\w+)/(\w+_test)\.cpp", path)
     if not match:
         return None
@@ -49,15 +49,15 @@ def test_of_source(path):
 
 
 def tests_of_script(path):
-    """The beginning of the CTest names of a file tests/system/test_NAME.py, or None."""
+    """Returns the prefix of the CTest names of a file tests/system/test_NAME.py, or None."""
     match = re.fullmatch(r"tests/system/test_(\w+)\.py", path)
     return "system_" + match[1] if match else None
 
 
 def select(changed, dependencies, known):
-    """The tests, in the order of `known`.
+    """Returns the affected tests, in the order of `known`.
 
-    `dependencies`: for each source file of a test or script the set of project files that it depends on.
+    `dependencies` maps each source file of a test or script to the set of project files that it depends on.
     """
     prefixes, names = set(), set()
     for path in changed:
@@ -91,13 +91,13 @@ def run(*command, **options):
 
 
 def changed_files(base):
-    """Relative paths that differ from a commit, new files included."""
+    """Returns the relative paths of the files that differ from a commit, new files included."""
     names = run("git", "diff", "--name-only", base).splitlines()
     return names + run("git", "ls-files", "--others", "--exclude-standard").splitlines()
 
 
 def object_dependencies(top, build):
-    """{test source: project files that its object was compiled from}, from the last build."""
+    """Returns {test source: project files that its object was compiled from}, from the last build."""
     found, current = {}, None
     for line in run("ninja", "-C", build, "-t", "deps").splitlines():
         if not line.startswith(" "):
@@ -111,7 +111,7 @@ def object_dependencies(top, build):
 
 
 def script_dependencies(folder):
-    """{script: scripts that it imports, directly or not} for tests/system."""
+    """Returns {script: scripts that it imports directly or indirectly} for tests/system."""
     names = {name[:-3] for name in os.listdir(folder) if name.endswith(".py")}
     imports = {}
     for name in names:

@@ -1,5 +1,5 @@
 # shellcheck shell=bash
-# What the scripts share. A script sets `set -euo pipefail` itself and then reads this file.
+# Functions and variables that the scripts share. A script sets `set -euo pipefail` itself and then sources this file.
 
 # shellcheck disable=SC2034  # for the script that reads this file
 top=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/../.." && pwd)
@@ -17,8 +17,9 @@ die() {
     exit 1
 }
 
-# The project's own files that end in one of the given suffixes, one per line, relative to a directory.
-# Outside a git checkout (an unpacked archive, a copy made by a test) everything but build/ counts.
+# project_files DIRECTORY SUFFIX...: prints the project's own files that end in one of the suffixes, one per line,
+# relative to the directory. Outside a git checkout (an unpacked archive, a copy made by a test) it prints all
+# such files except those in build/.
 project_files() {
     local dir=$1 suffix
     shift
@@ -35,7 +36,7 @@ project_files() {
     done
 }
 
-# Runs a command quietly; its output is shown only when it fails.
+# Runs a command quietly; prints its output only when it fails.
 quietly() {
     local log status=0
     log=$(mktemp)

@@ -1,6 +1,6 @@
-"""Lines and branches executed, for each layer and file:  coverage_table.py TOP FILE.lcov UNCOVERED
+"""Counts the executed lines and branches of each layer and file:  coverage_table.py TOP FILE.lcov UNCOVERED
 
-Prints the table; writes the lines that were not executed to the file UNCOVERED, runs of lines together.
+Prints the table. Writes the lines that were not executed to the file UNCOVERED, consecutive lines as one range.
 """
 
 import collections
@@ -33,7 +33,7 @@ def read_lcov(path, top):
                 current.lines[number] = current.lines.get(number, 0) + count
             elif key == "BRDA":
                 *place, count = value.split(",")
-                # A branch that was never come to has no count.
+                # A branch that was never reached has no count.
                 place = tuple(place)
                 current.branches[place] = (current.branches.get(place, 0) +
                                            (0 if count == "-" else int(count)))
@@ -60,7 +60,7 @@ def print_table(files):
 
 
 def runs(numbers):
-    """Neighbours together: [(first, last), ...]."""
+    """Groups consecutive numbers into ranges: [(first, last), ...]."""
     found = []
     for number in numbers:
         if found and number == found[-1][1] + 1:

@@ -1,7 +1,7 @@
 # shellcheck shell=bash
 # shellcheck disable=SC2154  # demo_users and made belong to the script that reads this file
-# Reads a storage of the demonstration and shows it. Backups are named DATE.USER; what is known of them comes from
-# the info files on the storage.
+# Reads a storage of the demonstration and prints its backups. A backup is named DATE.USER; its data comes from the
+# info file on the storage.
 
 declare -A kind size slices base
 
@@ -44,7 +44,7 @@ sum_of_info_files() {
 
 sum_of_files() { find "$1" -type f -printf '%s\n' | awk '{ sum += $1 } END { print sum + 0 }'; }
 
-# meter USED LIMIT: a bar of 30 places.
+# meter USED LIMIT: prints a bar of 30 characters and the percentage.
 meter() {
     local filled=$(($1 * 30 / $2)) bar
     printf -v bar '%*s' "$filled" ''
@@ -52,7 +52,7 @@ meter() {
     printf '[%-30s] %3d %%' "$bar" $(($1 * 100 / $2))
 }
 
-# A row per date, a column per user: kind, slices, bytes.
+# show_storage DATE...: prints a row per date and a column per user: kind, slices, bytes.
 show_storage() {
     local date user
     {
@@ -79,7 +79,7 @@ show_backup() {
 
 most_slices() { printf '%s\n' "${slices[@]}" | sort -n | tail -n 1; }
 
-# slices_complete DIRECTORY NAME: slices 1 to the last and the catalogue of a backup are there.
+# slices_complete DIRECTORY NAME: succeeds when all slices and the catalogue of a backup exist and are not empty.
 slices_complete() {
     local letter=I n
     [[ ${kind[$2]} != F ]] || letter=F
@@ -87,7 +87,7 @@ slices_complete() {
     [[ -s $1/$2.1.dar ]]
 }
 
-# One line per user: can every backup that is left be restored? The status says so too.
+# show_restorable DIRECTORY: prints one line per user. Fails when a remaining backup cannot be restored.
 show_restorable() {
     local user name full fulls dailies bases bad=0
     for user in "${demo_users[@]}"; do

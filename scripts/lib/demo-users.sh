@@ -4,7 +4,7 @@
 # shellcheck disable=SC2034  # for the script that reads this file
 demo_users=(anna boris shop.example)
 
-# prose LINES SEED: some text; the same for the same seed.
+# prose LINES SEED: prints some text, always the same for one seed.
 prose() {
     awk -v lines="$1" -v seed="$2" 'BEGIN {
         srand(seed)
@@ -20,7 +20,7 @@ prose() {
 
 noise() { head -c "$1" /dev/urandom; }
 
-# A web site: pages that are edited, pictures that come and go.
+# A web site: pages are edited, pictures are added and removed.
 anna_first_day() {
     mkdir -p "$1/site/pages" "$1/site/pictures"
     local n
@@ -35,7 +35,7 @@ anna_next_day() {
     rm -f "$1/site/pictures/of-day-$((day - 3)).jpg"
 }
 
-# A mailbox: letters arrive, old ones are deleted, one file only grows.
+# A mailbox: letters arrive, old letters are deleted, the file "log" only grows.
 boris_first_day() {
     mkdir -p "$1/Maildir/cur" "$1/Maildir/attachments with a long name"
     local n
