@@ -1,4 +1,4 @@
-"""Backups with real archives: made with dar and tar, put on the storage, and restored again."""
+"""Backups of real archives: made with dar and tar, put on the storage, and restored."""
 
 import hashlib
 import os
@@ -28,7 +28,7 @@ def tool(*command, **options):
 
 
 def manifest(folder):
-    """Everything that a restore has to bring back: {relative name: what it is}."""
+    """Returns everything that a restore must bring back: {relative name: kind and attributes}."""
     found = {}
     for directory, folders, names in os.walk(os.fsencode(folder)):
         for name in folders + names:
@@ -46,7 +46,7 @@ def manifest(folder):
     return found
 
 
-# --- A user's files, from day to day ---
+# --- A user's files, and how they change from day to day ---
 
 def first_day(folder):
     os.makedirs(os.path.join(folder, "mail/old"))
@@ -67,7 +67,7 @@ def first_day(folder):
 
 
 def next_day(folder, number):
-    """Something new, something changed, something gone."""
+    """Adds a file, changes a file and removes a file or a folder."""
     write(os.path.join(folder, f"noise of day {number}"), os.urandom(SLICE + number))
     write(os.path.join(folder, "mail/letter one"), f"changed on day {number}\n" * 9)
     os.chmod(os.path.join(folder, "mail/letter one"), 0o600)
@@ -80,7 +80,7 @@ def next_day(folder, number):
 # --- Making backups ---
 
 class Maker:
-    """Makes backups of one archive form ("dar", "tgz", "part") in one place ("flat", "dir")."""
+    """Makes backups of one archive form ("dar", "tgz", "part") in one layout ("flat", "dir")."""
 
     def __init__(self, root, form, place):
         self.root = root
@@ -89,7 +89,7 @@ class Maker:
         self.made = 0
 
     def put(self, user, date, letter, source, base=None):
-        """One finished backup of `source`; `base`: what an earlier call returned."""
+        """Makes a complete backup of `source`. `base` is the result of an earlier call."""
         custom = letter == "C"
         stem = ("custom." if custom else date + ".") + user
         below = f"{user}/{'custom' if custom else date}" if self.place == "dir" else ""
@@ -149,10 +149,10 @@ class Maker:
         return slices, index
 
 
-# --- The server, and the way back ---
+# --- The server, rescan and restore ---
 
 def hold(root, date, *arguments):
-    """A server that evicts nothing over a count."""
+    """Returns a ready server whose count limits are never reached."""
     return Server(root, "--date", date, "--count-limit", "9:99", *arguments).wait_ready()
 
 
@@ -161,14 +161,14 @@ def wipe(root):
 
 
 def rescan(root, *arguments, env=None):
-    """Runs a rescan to its end, and the server after it, which is to evict nothing."""
+    """Runs a rescan and its server to the end. The count limits are never reached."""
     server = Server(root, "--rescan", "--count-limit", "9:99", *arguments, env=env).wait_ready()
     root.test.assertEqual((0, ""), server.release())
     harness.wait_gone(server.daemon)
 
 
 def run_sample(root, program, *arguments, **changes):
-    """Runs a sample job; nothing of its own is left, whatever came out."""
+    """Runs a sample job and checks that it leaves no temporary files, even if it fails."""
     place = os.path.join(root.base, program + "-tmp")
     os.makedirs(place, exist_ok=True)
     environment = root.environment(KRO_ROOT=root.path, TMPDIR=place, **changes)

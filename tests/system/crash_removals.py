@@ -1,4 +1,4 @@
-"""Scenes in which backups go: deletions, evictions, clean-up, clear."""
+"""Crash scenes that remove backups: deletion, eviction, clean-up, clear."""
 
 import os
 
@@ -8,13 +8,13 @@ from samples import DATE, Backup, chain, day, left, read_info
 
 
 class Removal(Scene):
-    """Backups of which some go."""
+    """Base of the scenes that remove some of their backups."""
 
     backups = ()
     staying = ()
 
     def holds_whole(self, stem):
-        """On a disk that stays full to the end there is no room for telling of what is begun."""
+        """Always true on a disk that stays full: the program cannot record there that a deletion has begun."""
         return self.strike.lasting or any(backup.stem == stem and backup.is_whole()
                                           for backup in self.backups)
 
@@ -23,14 +23,14 @@ class Removal(Scene):
             whole, gone = backup.is_whole(), backup.is_gone()
             require(whole or backup not in self.staying,
                     lambda: f"{backup.stem} has been touched: {self.r.stored()} {self.r.local()}")
-            # Otherwise nothing would tell of what is left on the storage.
+            # Without the info file no later command would find the files that are left on the storage.
             require(whole or gone or os.path.exists(backup.info_path),
                     lambda: f"{backup.stem} has lost its info file first: {self.r.stored()}")
             if os.path.exists(backup.info_path):
                 self.check_info(backup)
 
     def check_info(self, backup):
-        """The old text, or the one that says that the backup is being deleted."""
+        """Requires the original info file, or the info file of a backup that is being deleted."""
         old = {key: str(value) for key, value in backup.fields.items()}
         info = read_info(backup.info_path)
         marked = {**info, "finished": old["finished"]}
@@ -61,17 +61,17 @@ class Delete(Removal):
 
 
 class DeleteThenRescan(Delete):
-    """The storage's info file must not make a whole backup of it again."""
+    """A rescan must not turn the deleted backup into a complete one because of the storage's info file."""
 
     restart = ("--count-limit", "1000:1000", "--rescan")
 
     def remaining(self):
-        """A rescan's server takes its date from this machine's clock, which need not be right."""
+        """Returns none: a rescan's server takes its date from this machine's clock, which may be wrong."""
         return ()
 
 
 class DeleteWeek(Removal):
-    """A full and the daily that rests on it; single files, with encrypted indexes."""
+    """Deletes a full backup and the daily made on it. Each archive is one file, with an encrypted index."""
 
     def lay_out(self):
         full = Backup(self.r, "web1", day(-2), form="tgz")
@@ -118,7 +118,7 @@ class DeleteByClient(Delete):
 
 
 class Evict(Removal):
-    """A server's start with more than its limits allow."""
+    """A server starts with more backups than its limits allow."""
 
     roles = ("daemon",)
     limits = ("--count-limit", "1:1")
@@ -143,7 +143,7 @@ class EvictBySize(Evict):
 
 
 class EvictForPut(Evict):
-    """The room for a file is made before it is taken."""
+    """A server evicts a backup before it grants the reservation for a file."""
 
     limits = ("--count-limit", "10:10", "--size-limit", "100")
 
@@ -170,7 +170,7 @@ class EvictForPut(Evict):
 
 
 class CleanUp(Removal):
-    """What another program has given up on is removed when a server starts."""
+    """A starting server removes the unfinished backups that another program listed in .cleanup."""
 
     roles = ("daemon",)
 
@@ -221,7 +221,7 @@ class Clear(Scene):
         return any(backup.stem == stem and backup.is_whole() for backup in self.backups)
 
     def check_start(self):
-        """Backups that are half removed stop the server."""
+        """A server may refuse to start on partly removed backups, if its message names --clear."""
         if self.failed:
             require("--clear" in self.failed[0][2], lambda: f"the server does not start: {self.failed}")
 

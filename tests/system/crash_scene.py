@@ -1,9 +1,9 @@
-"""What a scene of the crash tests is: what is there before, what a job does, what must hold afterwards.
+"""The base class of the crash test scenes: initial state, actions of a job, and conditions afterwards.
 
-Each scene is laid out in a root of its own. act() does what a job would do, and stops where a command
-fails. While the scene is armed, the calls of its roles are points at which it can be struck. check()
-holds at any time at which no process runs; check_done() when the job has been done from its beginning to
-its end, however often it was struck before.
+Each scene has its own install root. act() does what a job would do, and stops when a command fails. While
+the scene is armed, the calls of its roles are points at which a fault can strike. check() must hold at any
+time at which no process runs. check_done() must hold after a job has run without a fault from beginning to
+end, even if earlier runs were struck.
 """
 
 import os
@@ -25,7 +25,7 @@ ENTRY = re.compile(r"(?=\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[)")
 
 
 class Failure(AssertionError):
-    """What must not be after a strike."""
+    """A condition does not hold after a strike."""
 
 
 def require(condition, text):
@@ -34,12 +34,12 @@ def require(condition, text):
 
 
 def names(folder):
-    """The files below a folder without what an interrupted writer leaves."""
+    """Returns the files below a folder, without the temporary files of an interrupted writer."""
     return [name for name in tree(folder) if not TEMPORARY.fullmatch(os.path.basename(name))]
 
 
 def wait_until_alone(timeout=DEADLINE):
-    """Waits until no process of the run is left; those started by name have been waited for already."""
+    """Waits until no process of the run is left. The scene has already waited for the commands it started."""
     end = time.monotonic() + timeout
     while True:
         try:
@@ -53,7 +53,7 @@ def wait_until_alone(timeout=DEADLINE):
 
 class Scene:
     roles = ("command",)
-    restart = GENEROUS  # how a server starts on what is left
+    restart = GENEROUS  # options of the server that starts after a strike
 
     def __init__(self, test, faults):
         self.r = test.root()
@@ -62,7 +62,7 @@ class Scene:
         self.failed = []  # (command, exit status, standard error)
         self.lay_out()
 
-    # --- What a job does ---
+    # --- Actions of a job ---
 
     def env(self, **changes):
         return {**self.faults.environment(), **changes}
@@ -71,14 +71,14 @@ class Scene:
         self.faults.write(self.strike, self.roles)
 
     def run(self, *arguments, **env):
-        """False when the command failed."""
+        """Runs a command; returns False when it failed."""
         result = self.r.run(*arguments, env=self.env(**env))
         if result.returncode != 0:
             self.failed.append((arguments, result.returncode, result.stderr))
         return result.returncode == 0
 
     def serve(self, *arguments, **env):
-        """The process of a --server command once it is ready, or has ended."""
+        """Starts a --server command; returns its process once it is ready or has ended."""
         self.log_begin = len(self.log())
         server = self.r.spawn("--server", *arguments, env=self.env(**env), stdin=subprocess.PIPE,
                               stdout=subprocess.PIPE, stderr=subprocess.PIPE)
@@ -87,14 +87,14 @@ class Scene:
         return server
 
     def release(self, server):
-        """False when the server command failed."""
+        """Releases the server; returns False when the server command failed."""
         _, errors = server.communicate(timeout=DEADLINE)
         if server.returncode != 0:
             self.failed.append((("--server",), server.returncode, errors.decode()))
         return server.returncode == 0
 
     def act(self, strike):
-        """True when every command said that it had done its work."""
+        """Runs the job with a strike; returns True when every command succeeded."""
         self.strike = strike
         self.failed = []
         self.faults.write(Strike(), ())
@@ -107,7 +107,7 @@ class Scene:
         return not self.failed
 
     def wait_for_client(self, server):
-        """False when the server ends first."""
+        """Waits for the node client; returns False when the server ends first."""
         end = time.monotonic() + DEADLINE
         while server.poll() is None:
             if any(entry.text.startswith("Client. Backup token")
@@ -118,7 +118,7 @@ class Scene:
         return False
 
     def log(self):
-        """The log's entries. A line may have been cut off by a kill, and others follow it then."""
+        """Returns the log's entries. A kill can truncate a line; the next entry then follows on the same line."""
         try:
             text = read(self.r.file("var/quarn2_cp.log")).decode(errors="backslashreplace")
         except FileNotFoundError:
@@ -126,35 +126,35 @@ class Scene:
         lines = [line.rstrip("\n") for line in ENTRY.split(text)]
         return [LogEntry(line) for line in lines if LOG_LINE.fullmatch(line)]
 
-    # --- What each scene has of its own ---
+    # --- Overridden by the scenes ---
 
     def lay_out(self):
-        """Everything that there is before."""
+        """Creates the initial state."""
 
     def again(self):
-        """What a job prepares before it does the same another time."""
+        """Prepares the files for another run of the same job."""
 
     def work(self):
         raise NotImplementedError
 
     def check(self):
-        """What holds in between."""
+        """Checks the conditions that hold whenever no process runs."""
 
     def check_done(self):
-        """What holds at the end."""
+        """Checks the conditions that hold after a complete run."""
 
     def remaining(self):
-        """The backups, DATE.USER, that a server counts at the end."""
+        """Returns the backups, as DATE.USER, that a server counts at the end."""
         return ()
 
     def holds_whole(self, stem):
-        """True when the backup DATE.USER has all of its files."""
+        """Returns True when the backup DATE.USER has all of its files."""
         raise NotImplementedError
 
-    # --- What holds for all ---
+    # --- Checks of all scenes ---
 
     def check_counted(self):
-        """A server that starts now counts whole backups only."""
+        """Checks that a server that starts now counts only complete backups."""
         self.failed = []
         server = self.serve(*self.restart, KRO_LOG_LEVEL="7")
         self.release(server)
@@ -174,7 +174,7 @@ class Scene:
         left_over = [name for folder in (self.r.base,) for name in tree(folder)
                      if TEMPORARY.fullmatch(os.path.basename(name))]
         require(not left_over, lambda: f"left over: {left_over}")
-        # One that could not be removed is nobody's: the next server takes it.
+        # After a strike these files may be left. No process uses them, and the next server replaces them.
         for name in ("quarn2_cp.pid", "quarn2_cp.lock"):
             require(self.strike.number or not os.path.exists(self.r.file("var/" + name)),
                     f"{name} is left")

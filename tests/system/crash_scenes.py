@@ -1,4 +1,4 @@
-"""The scenes of the crash tests (see crash_scene.py): putting, fetching, starting; and the list of all."""
+"""Crash scenes (see crash_scene.py) that put, fetch and start a server; and SCENES, the list of all scenes."""
 
 import os
 
@@ -10,12 +10,12 @@ from samples import DATE, Backup, day, info_text, read_info
 
 
 class Put(Scene):
-    """A backup of two slices and an index; the sources of the slices go when they are stored."""
+    """Puts a backup of two slices and an index. The node client removes the source of a stored slice."""
 
     stem = f"{DATE}.web1"
     slices = [f"F{DATE}.web1.{number}.dar" for number in (1, 2)]
     index = f"{stem}.1.dar"
-    armed = 0  # the command from which on the scene is armed
+    armed = 0  # number of the first command that runs armed
     data = {name: name.encode() * 300 for name in [*slices, index]}
 
     def lay_out(self):
@@ -57,7 +57,7 @@ class Put(Scene):
         self.release(server)
 
     def disarm(self):
-        """The node client goes on with what it has taken: it stays armed to its end."""
+        """Does nothing: the node client still uploads accepted files, so it stays armed until it ends."""
 
     def given_up(self):
         return any(name.endswith(".attempts") for name in tree(self.r.work))
@@ -131,7 +131,7 @@ class PutLastByDaemon(PutLast):
 
 
 class Get(Scene):
-    """The second call of a restore: the slice that the first one fetched goes."""
+    """The second --get of a restore, which removes the slice that the first --get fetched."""
 
     def lay_out(self):
         self.backup = Backup(self.r, "web1", DATE, slices=2, data=b"0123456789" * 500)
@@ -162,7 +162,7 @@ class Get(Scene):
     def check_done(self):
         self.check()
         require(os.path.exists(self.second), "nothing is fetched")
-        # A tmp-file that cannot be read counts as none: then the first slice stays.
+        # --get treats a tmp-file that it cannot read as missing, and then keeps the first slice.
         require(self.strike.number or not os.path.exists(self.first), "the first slice is still here")
         require(read(self.tmp).decode() == self.second, "the tmp-file")
         self.check_no_leftovers()
@@ -180,7 +180,7 @@ class Update(Scene):
         self.run("--update", self.path)
 
     def holds_whole(self, stem):
-        return True  # the old index goes first: only the job knows whether the new one has come
+        return True  # the old index is removed first; only the job knows whether the new one is stored
 
     def check(self):
         require(read(self.path) == self.new, "the source has changed")
@@ -196,7 +196,7 @@ class Update(Scene):
 
 
 class Rescan(Scene):
-    """An info root that lacks a backup, has an old text of another, and one that the storage lacks."""
+    """The info root lacks one backup, has an old info file of another, and a backup that the storage lacks."""
 
     roles = ("caller",)
 
@@ -216,12 +216,12 @@ class Rescan(Scene):
         self.release(server)
 
     def holds_whole(self, stem):
-        """An index that could not be fetched is told in the log; the storage has it."""
+        """Checks only the storage: a rescan logs an index that it could not fetch and continues."""
         return any(backup.stem == stem and set(backup.stored_names()) <= set(self.r.stored())
                    for backup in self.backups)
 
     def check_start(self):
-        """An info root that is not complete stops the server."""
+        """A server may refuse to start on an incomplete info root, if its message names --rescan."""
         if self.failed:
             require("--rescan again" in self.failed[0][2], lambda: f"the server does not start: {self.failed}")
             require(any(name == ".rescan" for name in self.r.local()), "refused without a mark")
@@ -244,7 +244,7 @@ class Rescan(Scene):
 
 
 class StartAndEnd(Removal):
-    """A server that has nothing to do: its files, locks and processes."""
+    """A server without any work: tests its files, locks and processes."""
 
     roles = ("caller", "between", "daemon", "starter")
 

@@ -1,4 +1,4 @@
-"""Trying a scene's points one after the other."""
+"""Runs a scene with a fault at one point, and counts the results."""
 
 import os
 import random
@@ -21,11 +21,11 @@ def sample(strikes, size):
 
 
 class Tally:
-    """What came of one kind of fault in one scene."""
+    """The results of one kind of fault in one scene."""
 
     def __init__(self):
         self.struck = 0
-        self.unnoticed = 0  # the commands ended well all the same
+        self.unnoticed = 0  # the commands succeeded despite the fault
         self.missed = 0
 
     def __str__(self):
@@ -46,7 +46,7 @@ class CrashTest(SystemTest):
         return self.tallies.setdefault(name, Tally())
 
     def survey(self, scene_class, kinds, may_be_none=False):
-        """The points of the undisturbed scene, which must end well."""
+        """Runs the scene without a fault, which must succeed, and returns its points."""
         scene = scene_class(self, self.faults)
         self.assertTrue(scene.act(Strike(kinds=kinds)), scene.failed)
         points = self.faults.points()
@@ -78,7 +78,7 @@ class CrashTest(SystemTest):
             self.failures.append(f"  {strike}, {point}: {error}")
 
     def report(self, name, what):
-        """Prints the figures, and fails if anything did."""
+        """Prints the results, and fails the test if a trial failed."""
         struck = sum(tally.struck for tally in self.tallies.values())
         each = ", ".join(f"{fault} {tally}" for fault, tally in self.tallies.items())
         print(f"{name}: {struck} {what} survived: {each}; {time.monotonic() - self.begin:.1f} s"

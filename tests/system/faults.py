@@ -1,4 +1,4 @@
-"""Strikes at chosen points of a run (see tests/support/fault_points.h), seen from a test."""
+"""Controls the faults at chosen points of a run, which tests/support/fault_points.h injects."""
 
 import errno
 import mmap
@@ -12,7 +12,7 @@ KINDS = ["open", "write", "allocate", "rename", "unlink", "mkdir", "link", "sync
 ROLES = ["command", "caller", "between", "daemon", "starter", "client"]
 ACTIONS = ["none", "kill_before", "kill_after", "fail", "short", "torn"]
 
-# What a crash is about: everything but taking data and taking descriptors.
+# The kinds for the crash tests: all except reading data, receiving data and creating descriptors.
 CHANGES = tuple(KINDS[:13])
 
 _HEAD = struct.Struct("=QQIIIiIII20x")
@@ -26,7 +26,7 @@ def bits(names, table):
 
 
 class Strike:
-    """What happens at a point. `number` None: nothing, the points are only counted."""
+    """A fault at one point. With `number` None there is no fault, and the points are only counted."""
 
     def __init__(self, action="none", number=None, error=0, kinds=CHANGES, lasting=False):
         self.action = action
@@ -42,7 +42,7 @@ class Strike:
 
 
 class Faults:
-    """The file that one run's processes share."""
+    """The file that the test shares with the processes of one run."""
 
     def __init__(self, path):
         self.path = path
@@ -60,13 +60,13 @@ class Faults:
         return {"LD_PRELOAD": LIBRARY, "QUARN2_FAULT_FILE": self.path}
 
     def write(self, strike, roles):
-        """From now on the points of these roles are counted, and the strike's is struck."""
+        """Starts to count the points of these roles, and strikes at the point of `strike`."""
         self.memory[:_HEAD.size] = _HEAD.pack(
             0, strike.number or 0, bits(strike.kinds, KINDS), bits(roles, ROLES),
             ACTIONS.index(strike.action), strike.error, strike.lasting, 0, True)
 
     def stop(self):
-        """No more points; the counts stay."""
+        """Stops the counting; keeps the counts."""
         self.memory[20:24] = bytes(4)
 
     @property
@@ -78,7 +78,7 @@ class Faults:
         return _HEAD.unpack_from(self.memory, 0)[7]
 
     def point(self, number):
-        """"ROLE CALL PATH" of the point, counted from 1."""
+        """Returns "ROLE CALL PATH" of the point with this number, counted from 1."""
         begin = _HEAD.size + (number - 1) * _ENTRY_SIZE
         return self.memory[begin:begin + _ENTRY_SIZE].split(b"\0", 1)[0].decode(errors="replace")
 
