@@ -1,8 +1,7 @@
-"""What the system tests stand on: install roots, processes, waiting and the log.
+"""The base of the system tests: install roots, processes, waiting and the log.
 
-The program is taken from QUARN2_CP_BINARY and copied into a root of its own for every use, so that
-tests can run side by side. Nothing here waits for a fixed time: every wait has a condition and a
-deadline.
+Every install root has its own copy of the program QUARN2_CP_BINARY, so that tests can run in parallel. No
+function waits for a fixed time: every wait has a condition and a deadline.
 """
 
 import ctypes
@@ -25,7 +24,7 @@ BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quar
 ENDED_PAUSES = os.path.abspath(os.environ.get("QUARN2_CP_ENDED_PAUSES",
                                               "build/tests/system/quarn2_cp_ended_pauses"))
 DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "180"))
-# The words before every start of the program, of another that runs it: see scripts/valgrind.
+# The words of a command that runs the program at every start, such as valgrind: see scripts/valgrind.
 WRAPPER = shlex.split(os.environ.get("QUARN2_CP_WRAPPER", ""))
 
 PR_SET_CHILD_SUBREAPER = 36
@@ -36,7 +35,7 @@ LOG_LINE = re.compile(
 
 
 def wait_for(condition, what, timeout=None, pause=0.002):
-    """Calls `condition` until it gives something true, and returns that."""
+    """Calls `condition` until it returns a true value, and returns that value."""
     timeout = DEADLINE if timeout is None else timeout
     end = time.monotonic() + timeout
     while True:
@@ -51,18 +50,18 @@ def wait_for(condition, what, timeout=None, pause=0.002):
 
 # --- Processes ---
 
-_own = {}  # pid -> Popen of everything started here
+_own = {}  # pid -> Popen of every process started here
 _statuses = {}  # pid -> exit status of adopted processes
 _reap_lock = threading.Lock()
-# No fork while an executable is being written: the child would have it open for writing for a
-# moment, and a start of it then fails.
+# Prevents a fork while an executable is being written. Otherwise the child inherits the open file until its
+# exec, and the start of an executable that is open for writing fails.
 _exec_lock = threading.Lock()
 
 
 def start(arguments, **options):
     with _exec_lock:
         process = subprocess.Popen(arguments, **options)
-        # After thousands of starts a daemon may have the number of one that has ended.
+        # After thousands of starts a daemon may get the pid of an ended process.
         for pid in [pid for pid, old in list(_own.items()) if old.poll() is not None]:
             del _own[pid]
         _own[process.pid] = process
@@ -70,14 +69,14 @@ def start(arguments, **options):
 
 
 def adopt_orphans():
-    """Makes this process the parent of orphaned daemons, so that none can be left unseen."""
+    """Makes this process the parent of orphaned daemons, so that a test notices each one that is left."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl")
 
 
 def stat_of(pid):
-    """(state, parent) of a process, None when there is none."""
+    """Returns (state, parent) of a process, or None when the process does not exist."""
     try:
         with open(f"/proc/{pid}/stat", encoding="utf-8", errors="replace") as stat:
             words = stat.read().rpartition(")")[2].split()
@@ -87,7 +86,7 @@ def stat_of(pid):
 
 
 def reap(pid):
-    """Collects an adopted process; False while it cannot be collected yet."""
+    """Reaps an adopted process; returns False while it cannot be reaped yet."""
     with _reap_lock:
         if pid in _own or pid in _statuses:
             return True
@@ -106,25 +105,25 @@ def gone(pid):
         return own.poll() is not None
     stat = stat_of(pid)
     ended = stat is None or stat[0] in "ZX"
-    # Only now: collected before the look, a status could be missed that comes in between. And a process
-    # whose first thread has ended looks like a zombie while its other threads still go.
+    # Reap after the state was read: a process that ends between an earlier reap and the read would be missed. A
+    # process whose main thread has ended looks like a zombie while its other threads run. It cannot be reaped yet.
     return ended and reap(pid)
 
 
 def wait_gone(pid, timeout=None):
-    """Waits until the process has ended; its exit status where it was ours to collect."""
+    """Waits until the process has ended. Returns its exit status if reap() collected it, else None."""
     wait_for(lambda: gone(pid), f"the end of process {pid}", timeout)
     return _statuses.get(pid)
 
 
 def children(parent=None):
-    """The living children of a process."""
+    """Returns the pids of the running children of a process, by default of this process."""
     pids = own_children() if parent is None else children_by_scan(parent)
     return [pid for pid in pids if not gone(pid)]
 
 
 def own_children():
-    """The kernel's list: of another process it can lack one while children end."""
+    """Reads the kernel's list. For another process this list can lack a child while children end."""
     try:
         pids = []
         for task in os.listdir("/proc/self/task"):
@@ -141,7 +140,7 @@ def children_by_scan(parent):
 
 
 def listens(pid):
-    """True when a process has a Unix socket that takes connections."""
+    """Returns True when a process has a Unix socket that accepts connections."""
     accepts = 0x10000
     try:
         with open(f"/proc/{pid}/net/unix", encoding="utf-8", errors="replace") as table:
@@ -150,7 +149,7 @@ def listens(pid):
         folder = f"/proc/{pid}/fd"
         return any(os.readlink(os.path.join(folder, fd)) in sockets for fd in os.listdir(folder))
     except (FileNotFoundError, ProcessLookupError):
-        return False  # it, or a descriptor, has just gone
+        return False  # the process has ended, or a descriptor was closed
     except PermissionError:
         return True  # only root may look
 
@@ -164,7 +163,7 @@ def command_line(pid):
 
 
 def descriptors(pid):
-    """What the descriptors of a process are open on: {number: target}."""
+    """Returns the open descriptors of a process: {number: target}."""
     found = {}
     for name in os.listdir(f"/proc/{pid}/fd"):
         try:
@@ -175,14 +174,14 @@ def descriptors(pid):
 
 
 def access_mode(pid, fd):
-    """O_RDONLY, O_WRONLY or O_RDWR: how the descriptor was opened."""
+    """Returns the mode in which the descriptor was opened: O_RDONLY, O_WRONLY or O_RDWR."""
     with open(f"/proc/{pid}/fdinfo/{fd}", encoding="ascii") as info:
         flags = next(line.split()[1] for line in info if line.startswith("flags:"))
     return int(flags, 8) & os.O_ACCMODE
 
 
 def write_lock_holder(path):
-    """The process that holds a record lock on the file, 0 when nobody does."""
+    """Returns the pid of the process that holds a record lock on the file, 0 when no process does."""
     with open(path, "r+b") as file:
         asked = struct.pack("hhqqi4x", fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
         kind, _, _, _, pid = struct.unpack("hhqqi4x", fcntl.fcntl(file, fcntl.F_GETLK, asked))
@@ -190,13 +189,13 @@ def write_lock_holder(path):
 
 
 def read_available(fd, timeout):
-    """Bytes of a pipe as soon as there are some, b"" at its end; None when the time is over."""
+    """Returns bytes of a pipe as soon as it has some, b"" at its end, None after the timeout."""
     ready, _, _ = select.select([fd], [], [], timeout)
     return os.read(fd, 65536) if ready else None
 
 
 def split_warnings(errors):
-    """Standard error without its warnings, and the warnings' texts."""
+    """Returns standard error without the lines of warnings, and the texts of the warnings."""
     lines = errors.splitlines(keepends=True)
     begin = "quarn2_cp: warning: "
     return ("".join(line for line in lines if not line.startswith(begin)),
@@ -223,7 +222,7 @@ class LogEntry:
 
 
 class Root:
-    """An install root of its own with a local storage beside it."""
+    """An install root with a local storage beside it."""
 
     def __init__(self, test, name="root", program=BINARY):
         self.test = test
@@ -244,11 +243,11 @@ class Root:
         return os.path.join(self.path, name)
 
     def end_pauses(self):
-        """Ends the pauses between attempts, those that are to come included (program=ENDED_PAUSES)."""
+        """Ends the current and all later pauses between attempts (needs program=ENDED_PAUSES)."""
         write(self.file("tmp/end_pauses"), "")
 
     def environment(self, **changes):
-        """BACKUP_TOKEN is the root's own unless it is changed; None takes a variable away."""
+        """Returns the environment. BACKUP_TOKEN is the root's token by default; None removes a variable."""
         values = {name: value for name, value in os.environ.items()
                   if not name.startswith(("BACKUP_", "KRO_"))}
         values["BACKUP_TOKEN"] = self.token
@@ -262,7 +261,7 @@ class Root:
         return values
 
     def spawn(self, *arguments, env=None, cwd="/", wrapper=(), **pipes):
-        """`wrapper`: the words before the program, of another that runs it."""
+        """Starts the program. `wrapper` contains the words of a command that runs it."""
         return start([*wrapper, *WRAPPER, self.binary, *arguments], cwd=cwd,
                      env=self.environment(**(env or {})), **pipes)
 
@@ -289,7 +288,7 @@ class Root:
                 lines = log.read().split("\n")
         except FileNotFoundError:
             return []
-        # The last piece is empty, or a line that is being written.
+        # The last element is empty, or a line that the program has not completely written yet.
         entries = [LogEntry(line) for line in lines[:-1]]
         return [entry for entry in entries
                 if (level is None or entry.level == level) and (pid is None or entry.pid == pid)]
@@ -311,12 +310,12 @@ class Root:
         return tree(self.info_root)
 
     def unfinished(self):
-        """The names of the ledger's entries."""
+        """Returns the names of the ledger's entries."""
         return [name for name in tree(self.file("var/quarn2_cp.ledger")) if name != ".lock"]
 
 
 def tree(folder):
-    """All files below a folder, as sorted relative names."""
+    """Returns all files below a folder, as sorted relative names."""
     found = []
     for directory, _, names in os.walk(folder):
         found += [os.path.relpath(os.path.join(directory, name), folder) for name in names]
@@ -342,7 +341,7 @@ def write_executable(path, text):
 
 
 class Watch:
-    """Looks again and again, in a thread of its own, as long as it is entered."""
+    """Calls look() repeatedly in its own thread while the context is entered."""
 
     pause = 0.02
 
@@ -398,11 +397,11 @@ class Server:
         return self.root.file("var/quarn2_cp.lock" + self.suffix)
 
     def pid_parts(self):
-        """The pid file's process id, date, key and control parameters."""
+        """Returns the pid file's process id, date, key and control parameters."""
         return read(self.pid_file).decode().split("\n", 3)
 
     def is_ready(self, timeout=0):
-        """True once standard output is closed and the command still runs."""
+        """Returns True once the server is ready. Fails the test when the command ends without a ready server."""
         if self.process.stdout.closed:
             return True
         end = time.monotonic() + timeout
@@ -429,16 +428,17 @@ class Server:
         return self
 
     def wait_socket(self, timeout=10):
-        """The node client opens its control socket a little after the server is ready, if it can."""
+        """Waits for the node client's control socket, which opens a little after the server is ready. Does not
+        fail after the timeout, because in some tests the client cannot open it."""
         if self.root.binary.endswith(".real"):
             return  # a test plays the node client
         end = time.monotonic() + timeout
-        # That there is a file says nothing: an earlier client may have left it.
+        # The socket file alone proves nothing, because an earlier client may have left it.
         while time.monotonic() < end and not any(map(listens, children(self.daemon))):
             time.sleep(0.01)
 
     def wait_end(self, timeout=None):
-        """Waits for the caller's own end; its exit status and standard error without warnings."""
+        """Waits until the caller ends. Returns its exit status and its standard error without warnings."""
         if self.errors is None:
             self.errors = b""
             end = time.monotonic() + (DEADLINE if timeout is None else timeout)
@@ -453,18 +453,18 @@ class Server:
         return self.process.wait(DEADLINE), errors
 
     def release(self):
-        """Lets the server go, as a job does when it is done."""
+        """Releases the server, as a job does at its end. Returns the result of wait_end()."""
         if not self.process.stdin.closed:
             self.process.stdin.close()
         return self.wait_end()
 
     def end(self):
-        """Lets go and waits for the daemon's end; the daemon's exit status."""
+        """Releases the server and waits until the daemon ends. Returns the daemon's exit status."""
         self.release()
         return wait_gone(self.daemon)
 
     def node_client(self):
-        """The process id of the daemon's node client."""
+        """Returns the process id of the daemon's node client."""
         return wait_for(lambda: children(self.daemon), "a node client")[0]
 
     def close(self):
@@ -484,7 +484,7 @@ class Server:
 # --- Tests ---
 
 class SystemTest(unittest.TestCase):
-    """Gives a temporary folder and makes sure that no process outlives the test."""
+    """Provides a temporary folder and checks that no process outlives the test."""
 
     maxDiff = None
 
@@ -497,7 +497,7 @@ class SystemTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="quarn2-cp-")
         self.addCleanup(shutil.rmtree, self.folder)
-        # Those of a server that the whole class uses.
+        # A server that the whole class shares has children that existed before the test.
         self.children_before = set(children())
         self.addCleanup(self.check_no_process_left)
 
@@ -519,7 +519,7 @@ class SystemTest(unittest.TestCase):
         return set(children()) - self.children_before
 
     def assert_error(self, result, text):
-        """The command failed with exactly this message."""
+        """Checks that the command failed with exactly this message."""
         self.assertEqual(("quarn2_cp: " + text + "\n", "", 1),
                          (result.stderr, result.stdout, result.returncode))
 

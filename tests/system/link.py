@@ -1,7 +1,7 @@
-"""The two ends of the master link and the control socket, played by a test.
+"""A test as either end of the master link, and as a caller of the control socket.
 
-ScriptedServer speaks as the size control server to a real `--client` over its pipes. ScriptedNode
-stands in for the node client that a real daemon starts and hands its pipes to the test.
+ScriptedServer is the size control server of a real `--client`, over its pipes. ScriptedNode replaces the
+node client that a real daemon starts, and passes the client's pipes to the test.
 """
 
 import contextlib
@@ -22,14 +22,14 @@ def frame(text):
 
 
 class Stream:
-    """Reads a pipe in the units that the protocol has."""
+    """Reads lines and frames of the protocol from a pipe."""
 
     def __init__(self, fd):
         self.fd = fd
         self.buffer = b""
 
     def fill(self, timeout):
-        """True when bytes came, False at the end, None when the time is over."""
+        """Returns True when bytes arrived, False at the end of the pipe, None after the timeout."""
         piece = read_available(self.fd, timeout)
         if piece is None:
             return None
@@ -63,11 +63,11 @@ class Stream:
         return self.take(size, "frame body", timeout).decode()
 
     def is_silent(self, seconds):
-        """Nothing arrives for this long, and the other side has not closed."""
+        """Returns True when nothing arrives within this time and the other side does not close."""
         return not self.buffer and self.fill(seconds) is None
 
     def wait_end(self, timeout=None):
-        """Waits for the other side to close; what it still sent."""
+        """Waits until the other side closes. Returns the bytes that it sent before that."""
         end = time.monotonic() + (DEADLINE if timeout is None else timeout)
         while True:
             came = self.fill(max(0, end - time.monotonic()))
@@ -80,7 +80,7 @@ class Stream:
 # --- The control socket ---
 
 class ControlCall:
-    """One command on the control socket; the answer is fetched later."""
+    """One command on the control socket; answer() reads the answer later."""
 
     def __init__(self, root, command, storage=""):
         path = root.file("tmp/quarn2_cp.sock" + ("#" + storage if storage else ""))
@@ -146,7 +146,7 @@ class ScriptedServer:
         self.send(frame(text))
 
     def expect(self, line, answer=None):
-        """The client's next line is this one; answers it when an answer is given."""
+        """Checks the client's next line, and sends `answer` if it is given."""
         self.root.test.assertEqual(line, self.stream.line())
         if answer is not None:
             self.answer(answer)
@@ -158,7 +158,7 @@ class ScriptedServer:
         return ControlCall(self.root, command, self.storage)
 
     def reserved_call(self, command, size, count=0):
-        """A command whose reservation is granted."""
+        """Sends a command and grants its reservation."""
         call = self.call(command)
         self.expect(f"RESERVE {size}", f"OK {count}")
         return call
@@ -168,7 +168,7 @@ class ScriptedServer:
             self.process.stdin.close()
 
     def wait_end(self, timeout=None):
-        """The exit status and standard error of the client."""
+        """Waits until the client ends. Returns its exit status and standard error."""
         status = self.process.wait(DEADLINE if timeout is None else timeout)
         return status, self.process.stderr.read().decode()
 
@@ -191,8 +191,8 @@ class ScriptedServer:
 
 # --- A test as the node client of a real daemon ---
 
-# Lives as long as the test wants it to. One that the test has not taken, because the daemon started it
-# again, ends when its input closes.
+# The stub runs until the test closes the connection. A stub that the test has not accepted, because the daemon
+# started it again, ends when its input closes.
 STUB = """#!{python} -IS
 import os, select, socket, sys
 link = socket.socket(socket.AF_UNIX)
@@ -214,7 +214,7 @@ while link.fileno() in dict(ends.poll()):
 
 
 class ScriptedNode:
-    """Puts a stub in the place of ROOT/sbin/quarn2_cp; the program becomes quarn2_cp.real."""
+    """Replaces ROOT/sbin/quarn2_cp by a stub; the program becomes quarn2_cp.real."""
 
     def __init__(self, root):
         self.root = root
@@ -263,7 +263,7 @@ class NodeLink:
         return self.stream.is_silent(seconds)
 
     def close_output(self):
-        """Closes what a node client's death closes first for the server to see."""
+        """Closes the pipe to the server, as the death of a node client does."""
         if self.out >= 0:
             os.close(self.out)
             self.out = -1
@@ -277,7 +277,7 @@ class NodeLink:
 
 
 def scripted_session(root, *arguments, env=None):
-    """A ready server with a scripted node client: (server, link); the opening frames are read."""
+    """Returns (server, link): a ready server with a scripted node client. link.opening has the opening frames."""
     node = ScriptedNode(root)
     server = harness.Server(root, *arguments, env=env)
     link = node.accept()

@@ -1,8 +1,9 @@
-"""Runs a command in a network of its own, where nobody but a name server of this script's is:
+"""Runs a command in a network namespace whose only server is a name server of this script:
 
     unshare --net --mount python3 lonely.py silent|denying COMMAND...
 
-It says nothing, or that there is no such name. The status is the command's.
+The name server never answers (silent), or answers that the name does not exist (denying). The exit status is
+that of the command.
 """
 
 import fcntl
@@ -36,7 +37,7 @@ def use_name_server():
 def deny(server):
     while True:
         query, client = server.recvfrom(512)
-        # The question again, marked as an answer: recursion done, no such name, no records.
+        # The response repeats the question. Its code reports that the name does not exist, and it has no records.
         answer = query[:2] + b"\x81\x83\x00\x01" + bytes(6)
         end = query.index(b"\0", 12) + 5
         server.sendto(answer + query[12:end], client)
@@ -55,4 +56,4 @@ def main(manner, *command):
 if __name__ == "__main__":
     STATUS = main(*sys.argv[1:])
     sys.stdout.flush()
-    os._exit(STATUS)  # the thread that denies waits for the next question
+    os._exit(STATUS)  # does not wait for the thread that runs deny()

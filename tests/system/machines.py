@@ -1,8 +1,8 @@
-"""Several machines on one: a network and a mount namespace each, with a real sshd in every node.
+"""Simulates several machines on one: each has a network and a mount namespace, and each node a real sshd.
 
-A machine is an install root that lies at /usr/local/kro5 in its own namespaces. The processes share the
-machine's process ids, so that a test can look at all of them. Nothing has a name outside of the
-namespaces, and all goes when their holders end.
+A machine is an install root that is mounted at /usr/local/kro5 in its own namespaces. All machines share one
+process id namespace, so that a test can inspect all processes. The namespaces have no names outside. They
+disappear when the processes that hold them end.
 """
 
 import os
@@ -20,13 +20,13 @@ SSHD = "/usr/sbin/sshd"
 NSENTER = shutil.which("nsenter") or "nsenter"
 NO_RIGHT = ("the tests with several machines need the right to make network and mount namespaces and"
             " /dev/net/tun: run them as root, in a container with CAP_SYS_ADMIN and CAP_NET_ADMIN. ")
-# A dead peer is noticed in four seconds instead of forty.
+# With these options ssh and sshd detect a dead peer after four seconds instead of forty.
 QUICK = "ServerAliveInterval 1\nServerAliveCountMax 3\nConnectTimeout 3\n"
 QUICK_SSHD = "ClientAliveInterval 1\nClientAliveCountMax 3\n"
 
 
 class Helper:
-    """A script beside this one that serves until its standard input closes."""
+    """A helper script of this folder that runs until its standard input closes."""
 
     def __init__(self, test, script, *arguments):
         self.process = start([sys.executable, "-B", os.path.join(HERE, script), *arguments],
@@ -88,7 +88,7 @@ class Machine(harness.Root):
 
 
 class Head(Machine):
-    """The machine of the server, with root's ssh set up as the documentation says."""
+    """The machine of the server. Root's ssh is set up as the documentation describes."""
 
     def __init__(self, test, ssh_options=QUICK):
         self.home = os.path.join(test.folder, "home")
@@ -106,7 +106,7 @@ class Head(Machine):
 
 
 class Node(Machine):
-    """A machine that the head reaches over a cable of its own, long and bad (a relay) or not."""
+    """A machine with its own virtual cable to the head. With `relayed` the cable is a relay with delay and loss."""
 
     def __init__(self, test, head, number, relayed=False, sshd_options=QUICK_SSHD):
         super().__init__(test, f"node{number}")
@@ -122,7 +122,7 @@ class Node(Machine):
 
     @property
     def option(self):
-        """What --node is given."""
+        """The value for the option --node."""
         return f"{self.name}:{self.address}:{self.port}"
 
     def connect(self, gateway, relayed):
@@ -141,7 +141,7 @@ class Node(Machine):
         self.tool("ip", "address", "add", self.address + "/24", "dev", "uplink")
 
     def pull_out(self):
-        """The address is taken down: what comes for it is for nobody."""
+        """Removes the node's address, so that no process receives packets for it."""
         self.tool("ip", "address", "del", self.address + "/24", "dev", "uplink")
 
     def make_keys(self):
@@ -158,7 +158,7 @@ class Node(Machine):
         return harness.read(path).decode()
 
     def start_sshd(self, options=""):
-        os.makedirs("/run/sshd", exist_ok=True)  # compiled in: where sshd locks its children up
+        os.makedirs("/run/sshd", exist_ok=True)  # sshd's privilege separation directory; its path is compiled in
         config = write(self.file("etc/sshd_config"), f"""{options}{self.sshd_options}
 Include {self.file('share/quarn2_cp/sshd_config')}
 ListenAddress {self.address}
@@ -183,7 +183,7 @@ PermitRootLogin prohibit-password
         return self
 
     def kill_sshd(self):
-        """Ends the sshd with its sessions, as a crash would; the node clients see their input close."""
+        """Kills the sshd and its sessions, as a crash would. The input of the node clients closes."""
         family = descendants(self.sshd.pid)
         for pid in [self.sshd.pid, *family]:
             if "sshd" in harness.command_line(pid).split(" ")[0] and harness.stat_of(pid):
@@ -194,7 +194,7 @@ PermitRootLogin prohibit-password
         self.sshd.wait(DEADLINE)
 
     def clients(self):
-        """The node clients that run here."""
+        """Returns the pids of the node clients on this machine."""
         program = "/usr/local/kro5/sbin/quarn2_cp --client"
         mine = os.stat(f"/proc/{self.namespace.pid}/ns/mnt").st_ino
         found = []
@@ -208,7 +208,7 @@ PermitRootLogin prohibit-password
         return found
 
     def served(self, count=1, timeout=None):
-        """Waits until a node client has read its opening frames for the `count`th time; its id."""
+        """Waits until the `count`th node client has read its opening frames. Returns its pid."""
         def entries():
             found = [entry for entry in self.log(5)
                      if entry.text.startswith("Client. Backup token = ")]
@@ -252,7 +252,7 @@ class NodesTest(SystemTest):
         return nodes
 
     def serve(self, nodes, *arguments, **options):
-        """A ready server whose nodes are all served."""
+        """Starts a server and waits until every node has a session. Returns the server."""
         server = self.start_server(nodes, *arguments, **options)
         for node in nodes:
             node.served()
@@ -317,7 +317,7 @@ class Job:
         return sorted([*self.content, self.stem + ".info"])
 
     def check_stored(self, storage):
-        """Every file is on the storage with the content that was put."""
+        """Checks that every file is on the storage with the content that was put."""
         for name, content in self.content.items():
             self.machine.test.assertEqual(content, harness.read(os.path.join(storage, name)), name)
         self.machine.test.assertTrue(os.path.exists(os.path.join(storage, self.stem + ".info")))
@@ -330,16 +330,16 @@ class Job:
 
 
 class TroubleTest(NodesTest):
-    """What tests of trouble ask about the server and the machines that have none."""
+    """Helpers for tests in which one machine fails: they check the server and the other machines."""
 
     def account(self):
-        """(free, reserved) when the last reservation was asked for."""
+        """Returns (free, reserved) at the time of the last reservation, from the log."""
         line = [text for text in self.head.log_texts(8) if text.startswith("Reserve this")][-1]
         return tuple(int(line.partition(name)[2].split(",")[0])
                      for name in ("free_size = ", "incomplete_size = "))
 
     def put_elsewhere(self, machine, user):
-        """A whole backup of a machine that is not in trouble."""
+        """Makes a complete backup on a machine that has not failed."""
         job = Job(machine, user, DATE).run()
         job.check_stored(self.head.storage)
         return job

@@ -1,7 +1,7 @@
 """Holds a network and a mount namespace until standard input closes:  namespace.py ROOT [HOME]
 
-In it ROOT lies at /usr/local/kro5, and HOME, when given, in the place of root's home directory. Says
-"ready", or why it cannot be done.
+In the namespaces ROOT is mounted at /usr/local/kro5, and HOME, if given, at root's home directory. Prints
+"ready", or the error.
 """
 
 import ctypes
@@ -36,7 +36,8 @@ def bind(source, target):
 
 
 def cover_usr_local(root):
-    """Nothing is made on the machine's own disk: the directory is rebuilt of its parts."""
+    """Mounts an empty /usr/local, binds the previous entries into it, and binds the root to /usr/local/kro5. So
+    nothing is created on the machine's own disk."""
     before = tempfile.mkdtemp(prefix="before-", dir=os.path.dirname(root))
     mount("/usr/local", before, flags=MS_BIND | MS_REC)
     mount("tmpfs", "/usr/local", "tmpfs")

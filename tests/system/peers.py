@@ -1,4 +1,4 @@
-"""Odd peers on loopback: ports where nobody listens, where nobody speaks, where somebody else does."""
+"""Unusual peers on loopback: a port without a server, a silent server, a wrong server, a forwarder."""
 
 import contextlib
 import socket
@@ -6,7 +6,7 @@ import threading
 
 
 class Peer:
-    """Listens on `address`. Greets whoever comes with `greeting`, or is a way to `to`, or is silent."""
+    """Listens on `address`. Forwards each connection to `to`, or sends it `greeting`, or stays silent."""
 
     def __init__(self, test, greeting=b"", to=None, address="127.0.0.1"):
         self.greeting = greeting
@@ -50,7 +50,7 @@ class Peer:
 
 
 def deserted_port(test):
-    """A port of 127.0.0.1 where nobody listens and nobody will while the test runs."""
+    """Returns a port of 127.0.0.1 on which no process listens. It stays bound until the test ends."""
     holder = socket.socket()
     test.addCleanup(holder.close)
     holder.bind(("127.0.0.1", 0))

@@ -1,11 +1,10 @@
-"""What a power failure could leave of what a program did.
+"""Computes what a power failure can leave on the disk of a program.
 
-The program runs with a recorder loaded into it (tests/support/write_recorder.cpp). Its trace is replayed
-here on a model of a disk that knows of every file and directory both what it is now and what of it has
-been synced. At each point of the trace the model tells what the disk may hold when the power fails there:
-an entry of a directory is there or not as at the directory's last sync, or as after any change since; a
-file holds what was last synced, or anything that it held since. Every outcome in between is legal, and a
-program can count on none of them.
+The program runs with a preloaded recorder (tests/support/write_recorder.cpp). This module replays the trace
+on a model of a disk, which contains the current and the last synced state of every file and directory. At
+each point of the trace the model computes what the disk may contain when the power fails there. An entry of
+a directory exists or not, as at the directory's last sync or as after any change since. A file has the
+content of its last sync, or any content since. Every combination is possible, and a program can rely on none.
 """
 
 import os
@@ -17,12 +16,12 @@ from harness import Root, read, write
 
 RECORDER = os.environ.get("QUARN2_WRITE_RECORDER", "")
 
-# No promise is made about them: the log is never synced, and the program lies there.
+# The model ignores these paths: the log is never synced, and sbin contains only the program.
 IGNORED = ("root/sbin/", "root/var/quarn2_cp.log")
 
 
 class RecordedRoot(Root):
-    """An install root whose program is watched."""
+    """An install root whose program is recorded."""
 
     def __init__(self, test, name="root", drop=""):
         super().__init__(test, name)
@@ -44,17 +43,17 @@ class RecordedRoot(Root):
                                    **changes)
 
     def begin(self):
-        """What lies there now is on the disk; what comes is recorded."""
+        """Starts the model: it treats the current files as synced. The trace contains the later changes."""
         self.start = Disk.of(self.base)
 
     def make_source(self, name, data):
-        """A file of the job's own: it is on the disk from the beginning."""
+        """Writes a file of the job. The model treats it as synced at once."""
         path = write(os.path.join(self.work, name), data)
         self.given(path)
         return path
 
     def given(self, path):
-        """So is this one, which the job has just written."""
+        """Records a file that the job has just written. The model treats it as synced at once."""
         self.sources += 1
         blob = f"source-{self.sources}"
         write(os.path.join(self.record, "blobs", blob), read(path))
@@ -65,11 +64,11 @@ class RecordedRoot(Root):
             trace.write("\t".join(map(str, (0,) + words)) + "\n")
 
     def mark(self, text):
-        """A line of the test's own in the trace: what a command has told by now."""
+        """Adds a line of the test to the trace, for example the success of a command."""
         self.line("#", text)
 
     def events(self):
-        """The changes below the root's folder, with relative paths, and the marks."""
+        """Returns the changes below the root's folder, with relative paths, and the marks."""
         lines = read(os.path.join(self.record, "trace")).decode().splitlines()
         found = []
         ignored = set()  # inodes
@@ -98,7 +97,7 @@ class File:
     def __init__(self, data=b"", synced=b""):
         self.now = data
         self.synced = synced
-        self.since = []  # everything that it held since it was synced
+        self.since = []  # every content since the last sync
 
     def hold(self, data):
         self.now = data
@@ -113,7 +112,7 @@ class Folder:
     def __init__(self):
         self.now = {}
         self.synced = {}
-        self.since = []  # changes since it was synced, each {name: node, or None for none}
+        self.since = []  # changes since the last sync, each {name: node, or None for a removal}
 
     def change(self, entries):
         self.since.append(entries)
@@ -141,7 +140,7 @@ class Disk:
 
     @classmethod
     def of(cls, base):
-        """Everything below the folder, all of it synced."""
+        """Returns a model of everything below the folder, all of it synced."""
         disk = cls()
         for directory, folders, names in os.walk(base):
             place = os.path.relpath(directory, base)
@@ -221,7 +220,7 @@ class Disk:
         if os.path.dirname(target) == above:
             self.folder(above).change({name: None, os.path.basename(target): node})
         else:
-            # Many file systems do both or none. A program cannot count on that.
+            # Many file systems make both changes or none. A program cannot rely on that.
             self.folder(above).change({name: None})
             self.entry(target, node)
 
@@ -232,7 +231,7 @@ class Disk:
         self.sync_all()
 
     def left(self, luck):
-        """{path: content} of all files that a power failure leaves; folders have None."""
+        """Returns {path: content} of all files that a power failure leaves; folders have None."""
         found = {}
 
         def visit(folder, path):
@@ -248,7 +247,7 @@ class Disk:
 
 
 class Luck:
-    """One way in which a power failure decides what stays of what was not synced."""
+    """One outcome of a power failure: decides which changes survive that were not synced."""
 
     def __init__(self, name, keeps_change, keeps_data):
         self.name = name
@@ -274,14 +273,14 @@ def is_removal(change):
 
 
 def all_lucks(seed, count):
-    """The extremes, and so many random ones."""
+    """Returns the extreme outcomes, and `count` random ones."""
     found = [
         Luck("nothing stays", lambda *_: False, lambda *_: None),
         Luck("names stay, data does not", lambda *_: True, lambda *_: None),
         Luck("everything stays", lambda *_: True, lambda *_: -1),
         Luck("only removals stay", lambda change, _: is_removal(change), lambda *_: None),
         Luck("all but removals stays", lambda change, _: not is_removal(change), lambda *_: -1),
-        # Storage and install root may lie on two disks.
+        # Storage and install root may be on two disks.
         Luck("only the storage stays", lambda _, path: path.startswith("storage/"),
              lambda _, path: -1 if path.startswith("storage/") else None),
         Luck("all but the storage stays", lambda _, path: not path.startswith("storage/"),
@@ -296,8 +295,8 @@ def all_lucks(seed, count):
 
 
 def materialise(root, files, base):
-    """Puts what was left of a recorded root (`base`) in the place of another root's own files. Paths in
-    texts are made to fit."""
+    """Replaces the files of `root` by `files`, which a power failure left of the recorded root `base`. Changes
+    the paths in the contents to those of `root`."""
     for folder in ("root/var", "root/tmp", "root/etc", "storage", "work"):
         shutil.rmtree(os.path.join(root.base, folder), ignore_errors=True)
     for path, data in sorted(files.items()):

@@ -1,7 +1,8 @@
-"""A test that records the program and then lets the power fail at every point.
+"""The base class of tests that record the program and then simulate a power failure at every point.
 
-QUARN2_POWER_SEED chooses the random ways (printed when a promise is broken), QUARN2_POWER_CHANCES how many
-there are at each point, QUARN2_POWER_STARTS on how many states of each scenario the program is started.
+QUARN2_POWER_SEED is the seed of the random outcomes; it is printed when a promise is broken.
+QUARN2_POWER_CHANCES is the number of random outcomes at each point. QUARN2_POWER_STARTS is the number of
+states of each scenario on which the program is started.
 """
 
 import collections
@@ -20,27 +21,27 @@ STARTS = int(os.environ.get("QUARN2_POWER_STARTS", "10"))
 
 
 class PowerTest(SystemTest):
-    drop = ""  # syncs that are not done
+    drop = ""  # syncs that the recorder skips
 
     def setUp(self):
         super().setUp()
         self.r = power.RecordedRoot(self, drop=self.drop)
         self.promises = Promises()
-        self.marks = {}  # text -> what it does to the promises
+        self.marks = {}  # text -> function that changes the promises
         self.lost = []
-        self.states = []  # some of those that a failure could leave
+        self.states = []  # (point, files, stored names) that a failure could leave
 
-    # --- what the scenarios do ---
+    # --- actions of the scenarios ---
 
     @staticmethod
     def serve(root, *arguments):
-        """A server whose node client takes commands."""
+        """Starts a server and waits until its node client accepts commands."""
         server = Server(root, *arguments).wait_ready()
         root.wait_log(f"Client. Backup token = '{root.token}'")
         return server
 
     def give(self, *backups):
-        """Finished backups, there from the beginning."""
+        """Adds complete backups that exist from the beginning to the promises."""
         for backup in backups:
             names = backup.archives + [backup.index]
             self.promises.backups[backup.info_name] = [*names, backup.info_name]
@@ -52,12 +53,12 @@ class PowerTest(SystemTest):
         self.r.mark(text)
 
     def run_marked(self, change, *arguments):
-        """A command, and what it has promised when it ends."""
+        """Runs a command. `change` updates the promises when the command has ended."""
         self.assert_success(self.r.run(*arguments))
         self.mark(" ".join(arguments), change)
 
     def put_backup(self, user, date, letter="F", place="", **more):
-        """A job's way: the slices, the last of them, the index."""
+        """Puts a backup as a job does: the slices, then the index."""
         names = [f"{place}{letter}{date}.{user}.{number}.dar" for number in (1, 2)]
         index = f"{place}{date}.{user}.1.dar"
         info_name = f"{place}{date}.{user}.info"
@@ -100,7 +101,7 @@ class PowerTest(SystemTest):
         return self.promises.broken(left)
 
     def check_model(self, disk):
-        """The model is what the disk is now: nothing was missed."""
+        """Checks that the model equals the real files, so the recorder missed no change."""
         left = disk.left(power.Luck("", lambda *_: True, lambda *_: -1))
         there = {path: read(os.path.join(self.r.base, path)) for path in tree(self.r.base)
                  if not path.startswith(power.IGNORED)
@@ -130,7 +131,7 @@ class PowerTest(SystemTest):
         check(root, left, stored)
 
     def next_day(self, root, left, stored):
-        """A server starts, and the next backup is made. What was stored is whole, the new one too."""
+        """Starts a server and makes the next backups. The old and the new ones must be complete."""
         server = self.serve(root, "--date", day(1), "--count-limit", "9:9")
         for user in ("web1", "web3"):
             slice_name = f"F{day(1)}.{user}.1.dar"

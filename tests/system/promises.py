@@ -1,15 +1,15 @@
-"""What must hold of the files that a power failure left, whatever it took."""
+"""The conditions that the files must meet after any power failure."""
 
 import collections
 import os
 
 INFO = "root/var/backup/tovarn/"
 STORAGE = "storage/"
-LEDGER = "root/var/quarn2_cp.ledger/"  # an entry for each backup that is not complete
+LEDGER = "root/var/quarn2_cp.ledger/"  # has an entry for each incomplete backup
 
 
 def fields(data):
-    """An info file's entries; None for a text that is none."""
+    """Returns an info file's entries, or None when the text is no info file."""
     try:
         return dict(line.split("=", 1) for line in data.decode().split("\n"))
     except ValueError:
@@ -24,13 +24,13 @@ class Promises:
     """Paths are relative to the recorded folder, stored names to the storage."""
 
     def __init__(self):
-        self.contents = collections.defaultdict(set)  # stored name or path -> what it may hold
-        self.sources = {}  # path of a job's file -> its stored name; once the job has written it
-        self.backups = {}  # its info file's stored name -> stored names of all its files
-        self.stored = set()  # stored names that a command has told of
+        self.contents = collections.defaultdict(set)  # stored name or path -> allowed contents
+        self.sources = {}  # path of a file that the job has written -> its stored name
+        self.backups = {}  # stored name of the info file -> stored names of all files of the backup
+        self.stored = set()  # stored names that a command has reported as stored
         self.leaving = set()  # info names of backups whose removal has begun
-        self.gone = set()  # info names of backups whose removal has been told
-        self.fetched = set()  # paths that a command has told of
+        self.gone = set()  # info names of backups that a command has reported as removed
+        self.fetched = set()  # paths that a command has reported as fetched
 
     def backup_of(self, name):
         return next((info for info, names in self.backups.items() if name in names), None)
@@ -39,7 +39,8 @@ class Promises:
         return self.backup_of(name) in self.leaving
 
     def note_removal(self, path):
-        """The program has removed a file: if a backup's on the storage, the backup is going."""
+        """Notes that the program has removed a file. If it is a stored file of a backup, the backup's removal
+        has begun."""
         self.fetched.discard(path)
         if path.startswith(STORAGE):
             for info, names in self.backups.items():
@@ -48,7 +49,7 @@ class Promises:
                     self.leaving.add(info)
 
     def broken(self, left):
-        """What is wrong with the files that were left, as texts."""
+        """Returns a text for each broken promise about the files that were left."""
         return [*self.broken_files(left), *self.broken_infos(left), *self.broken_lists(left),
                 *self.lost_sources(left), *self.lost_names(left), *self.odd_backups(left)]
 
@@ -92,7 +93,7 @@ class Promises:
                 yield f"{path} had been fetched"
 
     def odd_backups(self, left):
-        """Backups that only seem whole, and files of backups that nobody would remove any more."""
+        """Reports incomplete backups that count as complete, and files that no process would remove any more."""
         for info, names in self.backups.items():
             there = [name for name in names if STORAGE + name in left]
             known = INFO + info in left
@@ -104,7 +105,7 @@ class Promises:
                 yield f"{info} is removed, but for {there}"
 
     def counts(self, left, info):
-        """The next server would take the backup for whole."""
+        """Returns True when the next server would count the backup as complete."""
         name = os.path.basename(info)
         listed = b"\t" + name.removesuffix(".info").encode() + b"\n"
         if INFO + ".clear" in left or listed in left.get(INFO + ".cleanup", b""):
@@ -115,7 +116,7 @@ class Promises:
 
 
 def is_open(path, data, backup):
-    """The path is of a ledger's entry that keeps this backup from being counted."""
+    """Returns True when the path is a ledger entry that keeps this backup from being counted."""
     if data is None or not path.startswith(LEDGER) or is_hidden(path):
         return False
     stem = path[len(LEDGER):]

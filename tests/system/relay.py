@@ -1,7 +1,7 @@
-"""A long, bad cable between two network namespaces: relay.py PID_A ADDRESS_A PID_B ADDRESS_B
+"""A slow, lossy cable between two network namespaces: relay.py PID_A ADDRESS_A PID_B ADDRESS_B
 
-Two TUN devices and every packet carried from one to the other by hand: later than it came, or never.
-Says "ready" and then takes orders on standard input, one a line, until that closes:
+Creates two TUN devices and copies every packet from one to the other, after a delay or never. Prints
+"ready" and then reads orders from standard input, one per line, until it closes:
 
     delay MILLISECONDS      one way, in both directions
     loss A_TO_B B_TO_A      percent; 100 cuts that direction
@@ -32,7 +32,7 @@ def enter(pid):
 
 
 def open_end(pid, address, peer):
-    """A device in the namespace; the descriptor behind it."""
+    """Creates a TUN device in the namespace of the process; returns its descriptor."""
     enter(pid)
     end = os.open("/dev/net/tun", os.O_RDWR | os.O_NONBLOCK)
     name = f"cable{os.getpid()}"
@@ -47,7 +47,7 @@ class Cable:
         self.ends = ends
         self.delay = 0.0
         self.loss = {ends[0]: 0.0, ends[1]: 0.0}
-        self.under_way = []  # (when due, number, where to, packet)
+        self.under_way = []  # (time of delivery, number, target descriptor, packet)
         self.number = 0
         self.chance = random.Random(1)
         self.orders = b""
@@ -65,7 +65,7 @@ class Cable:
             self.deliver()
 
     def take(self, end):
-        """A batch at most, so that deliveries are not late."""
+        """Reads a limited number of packets, so that deliveries are not late."""
         for _ in range(64):
             try:
                 packet = os.read(end, LARGEST)
@@ -84,10 +84,10 @@ class Cable:
             try:
                 os.write(end, packet)
             except OSError:
-                pass  # the device is down: that packet is lost, as on any cable
+                pass  # the device is down, so the packet is lost
 
     def obey(self):
-        """False at the end of orders."""
+        """Executes the orders that have arrived; returns False at the end of standard input."""
         piece = os.read(0, 4096)
         self.orders += piece
         while b"\n" in self.orders:

@@ -13,7 +13,7 @@ def day(offset, start=DATE):
 
 
 def info_text(fields):
-    """The text of an info file: sorted KEY=VALUE lines, nothing after the last."""
+    """Returns the text of an info file: sorted KEY=VALUE lines without a line feed after the last."""
     return "\n".join(f"{key}={fields[key]}" for key in sorted(fields, key=str.encode))
 
 
@@ -22,14 +22,14 @@ def read_info(path):
 
 
 def write_info(directory, user, date, **fields):
-    """One info file alone: what a scan needs of a backup."""
+    """Writes only an info file, which is all that a scan needs of a backup."""
     fields.setdefault("finished", f"{DATE} 01:00:00")
     fields.setdefault("type", "full")
     return write(os.path.join(directory, f"{date}.{user}.info"), info_text(fields))
 
 
 class Backup:
-    """A finished backup as the system leaves it: storage and info root hold all of its files."""
+    """A complete backup as the program leaves it: storage and info root contain all of its files."""
 
     def __init__(self, root, user, date, kind="full", form="dar", slices=2, data=b"0123456789",
                  size=None, **fields):
@@ -66,7 +66,7 @@ class Backup:
         return [name + ".tgz"], self.stem + ".tgz"
 
     def interrupt(self):
-        """Makes it a backup whose job was interrupted."""
+        """Removes "finished" from the local info file, as if the job had been interrupted."""
         write(self.info_path, info_text({key: value for key, value in self.fields.items() if key != "finished"}))
         return self
 
@@ -80,7 +80,7 @@ class Backup:
 
     @property
     def identity(self):
-        """What a dependant's "base" says."""
+        """The value of "base" in the info files of dailies made on this backup."""
         return f"{self.place}F{self.stem}.tgz"
 
     def stored_names(self):
@@ -90,23 +90,23 @@ class Backup:
         return sorted([self.index, self.info_name])
 
     def is_whole(self, present=None):
-        """Every file of it is there, on both sides. `present`: what both_sides() has found."""
+        """Returns True when storage and info root have every file. `present` is a result of both_sides()."""
         stored, local = present or both_sides(self.root)
         return stored.issuperset(self.stored_names()) and local.issuperset(self.local_names())
 
     def is_gone(self, present=None):
-        """No file of it is left, on either side."""
+        """Returns True when neither storage nor info root has a file of the backup."""
         stored, local = present or both_sides(self.root)
         return stored.isdisjoint(self.stored_names()) and local.isdisjoint(self.local_names())
 
 
 def both_sides(root):
-    """The names on the storage and those in the info root."""
+    """Returns the names on the storage and the names in the info root."""
     return set(root.stored()), set(root.local())
 
 
 def chain(root, user, kinds, end=DATE, **options):
-    """Backups of consecutive days up to `end`: "FDD" is a full and two dailies."""
+    """Makes backups of consecutive days up to `end`: "FDD" is a full backup and two dailies."""
     first = 1 - len(kinds)
     return [Backup(root, user, day(first + place, end),
                    "full" if letter == "F" else "incremental", **options)
@@ -114,7 +114,7 @@ def chain(root, user, kinds, end=DATE, **options):
 
 
 def left(backups):
-    """The dates of those backups that are there; a backup that is half gone is an error."""
+    """Returns the dates of the backups that exist. A partly removed backup is an error."""
     found = []
     for backup in backups:
         if backup.is_whole():

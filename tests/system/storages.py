@@ -1,6 +1,6 @@
-"""New, empty storages on real servers, and a look at them past the program.
+"""Creates empty storages on real servers, and reads and changes them without the program.
 
-The servers are those that CTest has started for the test (QUARN2_TEST_SERVERS), or a test's own.
+CTest starts the servers for the test (QUARN2_TEST_SERVERS), or a test starts its own.
 """
 
 import os
@@ -20,7 +20,7 @@ import servers  # pylint: disable=wrong-import-position
 
 
 def shared_info(name):
-    """server.info of a server that runs for all tests."""
+    """Returns the entries of server.info of a server that all tests share."""
     folder = os.environ.get("QUARN2_TEST_SERVERS")
     if not folder:
         raise AssertionError("QUARN2_TEST_SERVERS is not set: run this test through ctest")
@@ -29,9 +29,9 @@ def shared_info(name):
 
 
 def own_server(add_cleanup, kind, **options):
-    """Starts a server of one test or class, which may halt or kill it; add_cleanup is the addCleanup of the
-    test or the addClassCleanup of the class. Its `info` has the same keys as a shared server's."""
-    # Below /var/tmp, which the users that serve the files can enter.
+    """Starts a server for one test or class, which may halt or kill it. add_cleanup is the addCleanup of the
+    test or the addClassCleanup of the class. Its `info` has the same keys as that of a shared server."""
+    # The folder is below /var/tmp, because the users that serve the files must have access to it.
     folder = tempfile.mkdtemp(prefix="quarn2-cp-", dir="/var/tmp")
     add_cleanup(shutil.rmtree, folder, ignore_errors=True)
     os.chmod(folder, 0o755)
@@ -42,7 +42,7 @@ def own_server(add_cleanup, kind, **options):
 
 
 class Storage:
-    """`parts` are the pieces of the token, not encoded: user, password, host, port, path."""
+    """A storage on a server. `parts` are the unencoded parts of the token: user, password, host, port, path."""
 
     def __init__(self, info, scheme, port="port", params=()):
         self.info = {key: str(value) for key, value in info.items()}
@@ -52,7 +52,7 @@ class Storage:
         self.params = dict(params)
 
     def token(self, **changes):
-        """`changes` are parts or parameters; None takes one away."""
+        """Returns the token. `changes` replaces parts or parameters; None removes one."""
         parts = {**self.parts, **{key: value for key, value in changes.items()
                                   if key in self.parts}}
         params = {**self.params, **{key: value for key, value in changes.items()
@@ -65,24 +65,24 @@ class Storage:
         return text + ("?" + "&".join(given) if given else "")
 
     def secrets(self):
-        """Texts that no log and no error may show."""
+        """Returns the texts that no log and no error message may contain."""
         return [self.parts["password"]] if self.parts["password"] else []
 
     def names(self):
-        """All files on the storage, sorted, hidden and temporary ones too."""
+        """Returns the names of all files on the storage, sorted, hidden and temporary files included."""
         return sorted(self.files())
 
     def files(self):
-        """{name: bytes}."""
+        """Returns {name: bytes}."""
         raise NotImplementedError
 
     def put(self, name, data):
-        """Puts a file there, past the program."""
+        """Writes a file to the storage without the program."""
         raise NotImplementedError
 
 
 class Served(Storage):
-    """A directory that a server serves."""
+    """A storage in a new directory that a server serves."""
 
     def __init__(self, test, info, scheme, port="port", params=(), path="path"):
         super().__init__(info, scheme, port, params)
@@ -108,14 +108,14 @@ class Served(Storage):
             path = os.path.dirname(path)
 
     def limit(self, test, size):
-        """Makes it a small disk of its own, as empty as it was."""
+        """Mounts an empty file system of this size on the directory."""
         options = f"size={size},mode=755,uid={self.info['uid']},gid={self.info['gid']}"
         subprocess.run(["mount", "-t", "tmpfs", "-o", options, "tmpfs", self.folder], check=True)
         test.addCleanup(subprocess.run, ["umount", "--lazy", self.folder], check=True)
 
 
 class Bucket(Storage):
-    """A bucket of its own, whole or below a prefix."""
+    """A storage in a new bucket, at its root or below a prefix."""
 
     def __init__(self, test, info, scheme, port="port", params=(), prefix="backups of/node 1"):
         super().__init__(info, scheme, port, {"region": info["region"], **dict(params)})
@@ -133,7 +133,7 @@ class Bucket(Storage):
                                *options, self.url(what)], check=True, stdout=subprocess.PIPE).stdout
 
     def list(self, query, tag):
-        """The texts of that name in all pages of an answer."""
+        """Returns the texts of the elements `tag` in all pages of the answer."""
         found, page = [], ""
         while page is not None:
             answer = xml.etree.ElementTree.fromstring(self.curl(f"?{page}encoding-type=url&{query}"))
@@ -147,7 +147,7 @@ class Bucket(Storage):
         return self.list("list-type=2", "Key")
 
     def shown(self, key):
-        """A key's name on the storage; one outside the prefix is told from those inside."""
+        """Returns a key's name on the storage. A key outside the prefix is marked "outside: "."""
         return key.removeprefix(self.prefix) if key.startswith(self.prefix) else "outside: " + key
 
     def uploads(self):
@@ -169,7 +169,7 @@ class Bucket(Storage):
             self.curl("/" + quote(self.prefix + name), "-T", source.name)
 
     def put_many(self, files):
-        """Many small files over one connection: {name: text}."""
+        """Uploads many small files over one connection: {name: text}."""
         with tempfile.TemporaryDirectory() as folder:
             lines = []
             for number, (name, text) in enumerate(files.items()):
@@ -236,7 +236,7 @@ def ftp(test, info):
     return Served(test, info, "ftp")
 
 
-# Where the storages of the tests lie: {name: (server, how to make one)}.
+# The kinds of storages: {name: (server, function that creates the storage)}.
 KINDS = {
     "S3": ("s3", s3),
     "S3Http": ("s3", s3_http),
@@ -254,6 +254,6 @@ KINDS = {
 
 
 def shared(test, kind):
-    """A new storage of this kind on a server that runs for all tests."""
+    """Creates a storage of this kind on a server that all tests share."""
     server, make = KINDS[kind]
     return make(test, shared_info(server))
