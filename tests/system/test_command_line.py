@@ -1,4 +1,4 @@
-"""The command line: help, usage, errors, and what is refused before anything happens."""
+"""The command line: help, usage, errors, and commands that are refused before they change anything."""
 
 import os
 import re
@@ -128,7 +128,7 @@ class Errors(SystemTest):
 
 
 class NothingToWorkOn(SystemTest):
-    """Commands that miss what they need say so and change nothing."""
+    """A command without its info file or token reports an error and changes nothing."""
 
     def test_update_of_a_file_without_an_info_file(self):
         root = self.root()
@@ -151,7 +151,7 @@ class NothingToWorkOn(SystemTest):
 
 
 class RefusedBeforeTheServerStarts(SystemTest):
-    """Values that cannot be used are told by the command itself, not only by a daemon's log."""
+    """The command itself reports unusable values, not only the daemon's log."""
 
     def assert_refused(self, root, arguments, *words, env=None):
         result = root.run("--server", *arguments, env=env)

@@ -1,9 +1,9 @@
-"""Every command, with every call that changes something failing once; then done again.
+"""Runs every command with one failing call, and then again without a fault.
 
-Like test_crash_kills.py, with errors in the place of the kill: a full disk and a quota (for one call, and
-from there on to the end), a broken disk, interrupted calls, no more descriptors, and less data taken or
-given than asked for. The command either ends well, or says on standard error or in the log what was wrong;
-either way nothing is lost, and done again it ends well.
+Like test_crash_kills.py, with errors instead of kills: a full disk (for one call, or from that call on), a
+quota, a broken disk, interrupted calls, no free descriptors, short reads and writes, and no new process. The
+command either succeeds, or reports the error on standard error or in the log. In both cases nothing is lost,
+and the repeated command succeeds.
 
 QUARN2_CP_ALL_POINTS=1 and QUARN2_CP_SEED as there. QUARN2_CP_ERRORS is the size of each scene's sample.
 """
@@ -28,7 +28,7 @@ FAULTS = {
     "interrupted": Strike("fail", error=errno.EINTR,
                           kinds=("open", "write", "sync", "lock", "read", "send", "receive")),
     "no descriptors": Strike("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
-    # What goes through pipes and sockets here is small, and the system takes it whole or not at all.
+    # Without "send": messages through pipes and sockets are small here, and the kernel never writes a part of one.
     "short": Strike("short", kinds=("write", "read", "receive")),
     "no process": Strike("fail", error=errno.EAGAIN, kinds=("fork",)),
 }
@@ -36,7 +36,7 @@ FAULTS = {
 
 class Errors(CrashTest):
     def strikes(self, scene):
-        """(the fault's name, the strike) for every point of every fault."""
+        """Yields (name of the fault, strike) for every point of every fault."""
         for name, fault in FAULTS.items():
             for number in range(1, len(self.survey(scene, fault.kinds, may_be_none=True)) + 1):
                 yield name, Strike(fault.action, number, fault.error, fault.kinds, fault.lasting)
@@ -54,7 +54,7 @@ class Errors(CrashTest):
         scene.check()
 
     def check_told(self, scene):
-        """A command that failed has said why, and perhaps how to start a server, or the log has it."""
+        """Checks that standard error or the log has the reason why the command failed."""
         command, status, text = scene.failed[0]
         told = re.fullmatch(r"(The size control server ended while .*\n)?quarn2_cp: \S.*\n"
                             r"(No size control server runs here .*\n)?", text)

@@ -1,14 +1,14 @@
-"""Every command, killed at every call that changes something; then done again.
+"""Kills every command at a call that changes something, and then runs it again.
 
-Each scene (crash_scenes.py) first runs undisturbed, which counts its points. Then, for each of them, a
-fresh root is laid out, the process is killed at that point (in the midst of it where data is written), and
-what is left is looked at: by hand, by a server that starts on it, and by doing the same work again.
+Each scene (crash_scenes.py) first runs without a fault, which counts its points. Then, for each point, the
+test creates a new root and kills the process at that point, for a write also in the middle of the data.
+After that it checks the files, starts a server on them, and repeats the job.
 
-The points of a run are not exactly those of the one before: threads and processes overtake each other. A
-point that does not come is counted as not reached.
+The points differ a little between runs, because the order of threads and processes varies. A point that does
+not occur is counted as not reached.
 
-QUARN2_CP_ALL_POINTS=1 tries all points; otherwise a random sample of every scene, whose seed is printed
-and can be given in QUARN2_CP_SEED. QUARN2_CP_KILLS is the size of each scene's sample.
+QUARN2_CP_ALL_POINTS=1 tries all points. Otherwise the test tries a random sample of each scene. It prints the
+seed of the sample; QUARN2_CP_SEED sets the seed. QUARN2_CP_KILLS is the size of each scene's sample.
 """
 
 import os
@@ -22,7 +22,7 @@ KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))
 
 class Kills(CrashTest):
     def strikes(self, scene):
-        """All of them: the kill before each point and after the last, and amid each piece of data."""
+        """Yields a kill before each point, after the last point, and in the middle of each write."""
         points = self.survey(scene, CHANGES)
         for number, point in enumerate(points, 1):
             yield Strike("kill_before", number)

@@ -1,4 +1,4 @@
-"""The library that strikes (tests/support/fault_points.h): it must see what the program does."""
+"""The library of fault points (tests/support/fault_points.h) must see every call of the program."""
 
 import ctypes
 import errno
@@ -14,7 +14,7 @@ from faults import CHANGES, KINDS, LIBRARY, ROLES, Faults, Strike
 from harness import BINARY, SystemTest
 from samples import Backup, DATE
 
-# One call of every kind, in a process of its own: kind, and the Python that makes it with ctypes.
+# For each kind, the Python expressions that make one call of it with ctypes. Each runs in its own process.
 CALLS = {
     "open": ["c.open64(b'new', os.O_CREAT | os.O_WRONLY, 0o600)", "c.openat(-100, b'n2', 0o101, 0o600)",
              "c.fopen(b'n3', b'w')", "c.creat(b'n4', 0o600)"],
@@ -49,7 +49,7 @@ control[20:24] = bytes(4)
 os._exit(int(result == -1))
 """
 
-# What changes something outside of the process, under all the names of the C library's calls.
+# The C library's functions that change something outside of the process, with all variants of their names.
 CHANGING = re.compile(
     r"(__)?(open|openat|creat|p?writev?2?|copy_file_range|sendfile|splice|fallocate|posix_fallocate|f?truncate"
     r"|rename|renameat2?|unlink(at)?|remove|rmdir|mkdir(at)?|mk[nod]*s?temps?|mkdtemp|mknod(at)?|mkfifo(at)?"
@@ -67,7 +67,7 @@ class EveryCall(SystemTest):
         self.number = 0
 
     def call(self, text, strike):
-        """The status of a fresh process that makes the call once."""
+        """Makes the call once in a new process; returns its exit status."""
         self.number += 1
         folder = os.path.join(self.folder, str(self.number))
         os.mkdir(folder)
@@ -118,7 +118,7 @@ class TheProgram(SystemTest):
 
     @unittest.skipUnless(shutil.which("strace"), "strace is not installed")
     def test_the_kernel_sees_no_change_that_was_not_counted(self):
-        """A deletion under strace: as many changing calls as there were points."""
+        """strace of a deletion shows the same changing calls as the points."""
         root = self.root()
         faults = Faults(os.path.join(self.folder, "faults"))
         self.addCleanup(faults.close)
@@ -139,7 +139,7 @@ class TheProgram(SystemTest):
         self.assertEqual([point.split()[1] for point in faults.points()], seen)
 
     def test_the_parts_of_a_server_are_told_apart(self):
-        """Every process of a server's life counts under its own name."""
+        """Each process of a server has its own role in the points."""
         import crash_scenes
         faults = Faults(os.path.join(self.folder, "faults"))
         self.addCleanup(faults.close)

@@ -1,4 +1,4 @@
-"""--delete: what goes, what stays, what stops it."""
+"""--delete: which files it removes, which it keeps, and when it refuses."""
 
 import os
 import unittest

@@ -1,4 +1,4 @@
-"""--get and --update from outside: bad input, files out of the way, the progress line."""
+"""--get and --update: bad input, directories in the way, the progress line."""
 
 import os
 import pty
@@ -16,7 +16,7 @@ SLICE = f"F{DATE}.web1.2.dar"
 
 class GetTest(SystemTest):
     def site(self):
-        """A backup on the storage and an empty place for a restore."""
+        """Creates a backup on the storage and an empty folder for a restore."""
         root = self.root()
         self.backup = Backup(root, "web1", DATE, data=b"0123456789")
         self.place = os.path.join(root.base, "restore")
@@ -193,7 +193,7 @@ class Update(GetTest):
 
 
 class Progress(GetTest):
-    """A file that takes some seconds."""
+    """The download of a file that takes some seconds."""
 
     SIZE = 3000000
 

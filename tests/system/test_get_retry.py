@@ -1,4 +1,4 @@
-"""Failing downloads and their second and third attempts, whose pauses the test ends."""
+"""Failing downloads, with a second and a third attempt. The test ends the pauses between the attempts."""
 
 import os
 import subprocess
@@ -11,7 +11,7 @@ NAME = "F2026-11-20.web1.1.dar"
 
 class Retry(SystemTest):
     def failing_get(self, name):
-        """A --get of a name that the storage lists and cannot read."""
+        """Starts a --get of a file that the storage lists and cannot read."""
         root = self.root(name, program=ENDED_PAUSES)
         root.log_level = 6
         obstacle = os.path.join(root.storage, NAME)

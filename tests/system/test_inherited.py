@@ -1,4 +1,4 @@
-"""What a caller passes on to the program: ignored signals, limits and the umask."""
+"""Settings that the program inherits from its caller: ignored signals, limits and the umask."""
 
 import os
 import stat

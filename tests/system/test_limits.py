@@ -18,7 +18,7 @@ class Job:
         self.root = root
 
     def backup(self, user, date, kind="full", slices=2, size=1000):
-        """The result of the first command that fails, else of the last one."""
+        """Makes a backup. Returns the result of the first command that fails, else of the last command."""
         stem = f"{date}.{user}"
         letter = "F" if kind == "full" else "I"
         info = write(os.path.join(self.root.info_root, stem + ".info"),
@@ -45,7 +45,7 @@ class LimitTest(SystemTest):
         return server
 
     def assert_both_sides_agree(self):
-        """Every info file has its copy and its archive on the storage, and the other way round."""
+        """Checks that storage and info root have the same info files, and each stored file has one."""
         local = {name for name in self.r.local() if name.endswith(".info")}
         stored = {name for name in self.r.stored() if name.endswith(".info")}
         self.assertEqual(local, stored)
@@ -117,7 +117,7 @@ class CountLimits(LimitTest):
         texts = self.r.log_texts(7, server.daemon)
         self.assertIn("Custom backup custom.web1.info size 70", texts)
         added = [text.split(" ", 1)[1] for text in texts if text.startswith("0x")]
-        # What is used and free is told as it stands before the totals: in list order.
+        # The server logs these lines in list order, before it computes the used and free bytes.
         self.assertEqual([f"Skip incomplete backup {day(-5)}.web1.info",
                           f"Add full backup {day(-1)}.web1.info. new used = 0, "
                           "new free_size = 1000",
@@ -129,7 +129,7 @@ class CountLimits(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
                                         "--count-limit", "9:9")
         self.assertEqual("OK 3", link.ask("RESERVE 0"))
-        # The newest record is one of the fillers; the full before it is locked all the same.
+        # The newest record is a filler. The full backup before it is locked nevertheless.
         self.assertEqual("ERR No disk space left on storage. Size limit: 100",
                          link.ask("RESERVE 91"))
         self.assertEqual("OK 3", link.ask("RESERVE 90"))
@@ -181,7 +181,7 @@ class SizeLimit(LimitTest):
         self.assertEqual(4, len(left(backups)))
 
     def days_with(self, *limits):
-        """A server for each day of a job, as a job starts it; gives the day's date."""
+        """Runs a server for each of six days, as a job does; yields the date of the day."""
         for offset in range(-5, 1):
             server = self.start(*limits, date=day(offset))
             yield day(offset)
@@ -230,7 +230,7 @@ class SizeLimit(LimitTest):
         self.assertLess(len(self.infos()), 12, "something had to go")
 
     def assert_restorable(self, kinds):
-        """Every backup has all of its slices, and a user's newest chain its full."""
+        """Checks that every backup has all slices, and that each user's newest backup and newest full are left."""
         alive = [name.removesuffix(".info") for name in self.infos()]
         for stem in alive:
             letter = "F" if kinds[stem] == "full" else "I"
@@ -354,14 +354,14 @@ class Scale(LimitTest):
             for offset in range(400):
                 write_info(self.r.info_root, f"user{user}", day(-offset), size=10,
                            type="incremental" if offset % 7 else "full")
-        # A start looks for the newest of them there.
+        # A starting server checks that the storage has the newest backups.
         for folder in (self.r.info_root, self.r.storage):
             write_info(folder, "user0", DATE, size=10, finished=f"{DATE} 02:00:00")
         server, link = scripted_session(self.r, "--date", DATE, "--count-limit", "1000:1000",
                                         "--size-limit", "1000000")
         self.assertEqual("OK 400", link.ask("RESERVE 0"))
         self.assertEqual("OK 400", link.ask("RESERVE 600000"))
-        # One more byte takes a pass over all users: the oldest removable record of each.
+        # One more byte needs an eviction pass, which removes the oldest removable record of each user.
         self.assertEqual("OK 399", link.ask("RESERVE 1"))
         self.assertEqual(100 * 399, len(self.r.local()))
         link.close()

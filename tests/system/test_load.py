@@ -1,11 +1,12 @@
-"""A day of a server's life and a night of a node client's, compressed: what grows, and is the account exact?
+"""Long runs of a server and of a node client: their resources must not grow, and the account must be exact.
 
-Memory, descriptors, threads and the time that one step takes are sampled and printed as a table. Evictions keep
-the number of backups where it was, so nothing else may grow either. The short form runs with the other tests;
+The tests sample memory, descriptors, threads and the time per step, and print them as a table. Evictions keep
+the number of backups constant, so nothing else may grow either. The short form runs with the other tests. The
+command
 
     QUARN2_CP_LOAD=full TMPDIR=/dev/shm python3 -B -m unittest -v test_load
 
-plays 100,000 backups on the link to the server, and puts 10,000 (about 2 GB of small files).
+plays 100,000 backups on the link to the server, and puts 10,000 backups (about 2 GB of small files).
 """
 
 import os
@@ -26,38 +27,38 @@ from samples import DATE, day, info_text, read_info
 FULL = os.environ.get("QUARN2_CP_LOAD") == "full"
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 
-# An eviction pass takes one backup of each user, and a server has as many passes as the most backups that
-# a user had when it started: so there are about as many backups in the beginning as there will be evictions.
+# An eviction pass removes one backup of each user. The number of passes of a server is the maximum number of
+# backups of one user at its start. So each test starts with about as many backups as there will be evictions.
 USERS, COMPLETIONS, BREAKS = (1000, 100_000, 50) if FULL else (60, 2400, 2)
 PUT_USERS, PUT_ROUNDS = (500, 20) if FULL else (30, 10)
 SPARE_PASSES = 3
 SAMPLES = 20
 JOBS = 4
 
-# The last quarter of the samples against the second. What the C library and the kernel's counting by pages move up
-# and down; a node client takes memory for a thread when two uploads meet. In the long form 20 lost bytes of a
-# server for each backup, or 250 of a node client, are more.
+# Limits for the growth from the second to the last quarter of the samples. The C library and the kernel's count of
+# pages vary a little, and a node client allocates memory for a thread when two uploads overlap. In the long form a
+# leak of 20 bytes for each backup in the server, or of 250 bytes in a node client, exceeds the limits.
 MEMORY_TOLERANCE = 0.02
 MEMORY_SLACK = {"server": 256, "client": 1024}  # KiB
 TIMES_SLOWER = 2
-TIME_SLACK = 200  # ms of processor time: what cannot be told apart in a quarter of the short form
+TIME_SLACK = 200  # ms of processor time; smaller differences are noise in a quarter of the short form
 
 
 def memory(pid):
-    """KiB in use: VmRSS."""
+    """Returns the resident memory in KiB (VmRSS)."""
     with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
         return int(next(line.split()[1] for line in status if line.startswith("VmRSS:")))
 
 
 def processor_time(pid):
-    """Milliseconds, of threads that have ended too."""
+    """Returns the processor time in milliseconds, including threads that have ended."""
     with open(f"/proc/{pid}/stat", encoding="ascii", errors="replace") as stat:
         words = stat.read().rpartition(")")[2].split()
     return (int(words[11]) + int(words[12])) * 1000 // os.sysconf("SC_CLK_TCK")
 
 
 class Curve:
-    """Samples of processes between equal pieces of work."""
+    """Samples of processes after equal amounts of work."""
 
     def __init__(self, title, **processes):
         self.title = title
@@ -86,14 +87,14 @@ class Curve:
         return "\n".join([self.title, *lines])
 
     def early_and_late(self, name):
-        """The medians of the second and of the last quarter."""
+        """Returns the medians of the second and of the last quarter."""
         values = [row[name] for row in self.rows]
         quarter = len(values) // 4
         return (statistics.median(values[quarter:2 * quarter]),
                 statistics.median(values[-quarter:]))
 
     def growth(self):
-        """What has grown, in words."""
+        """Returns a text for each value that has grown."""
         found = []
         for process in self.processes:
             allowed = {"kib": lambda early: early * (1 + MEMORY_TOLERANCE) + MEMORY_SLACK[process],
@@ -111,7 +112,7 @@ class Curve:
 
 
 class CurveItself(unittest.TestCase):
-    """A check that cannot fail is worth nothing."""
+    """Proves that Curve.growth() finds growth."""
 
     @staticmethod
     def growth(**late):
@@ -130,7 +131,7 @@ class CurveItself(unittest.TestCase):
 
 
 class Account:
-    """What the server has promised and counted, by the rules of the link; all backups are full ones."""
+    """A model of the server's account, by the rules of the link. All backups are full backups."""
 
     def __init__(self, limit):
         self.limit = limit
@@ -188,7 +189,7 @@ class Account:
 
 
 def place(root, user, date, size):
-    """The files of a finished backup that says it has this size."""
+    """Creates the files of a complete backup whose info file has this size."""
     stem = f"{date}.{user}"
     text = info_text({"type": "full", "last-slice": f"F{stem}.tgz", "size": size,
                       "created": f"{date} 00:59:00", "finished": f"{date} 01:00:00"}).encode()
@@ -213,7 +214,7 @@ class ServerLife(SystemTest):
         self.work()
         self.check_account()
         self.end()
-        # What a new server reads from the info files is what the old one had counted.
+        # A new server must compute the same account from the info files.
         self.account.reserved = 0
         self.account.count = max(map(len, self.account.users.values()))
         self.begin()
@@ -222,9 +223,9 @@ class ServerLife(SystemTest):
         self.assertEqual([], self.root.log_texts(3))
 
     def fill(self):
-        """The backups from before, and a limit that leaves room for a few more."""
+        """Creates the initial backups, and a limit that leaves room for a few more."""
         records = {}
-        passes = self.days + self.days // 8 + SPARE_PASSES  # the new ones are a little larger
+        passes = self.days + self.days // 8 + SPARE_PASSES  # the new backups are a little larger
         for number in range(USERS):
             records[f"user{number:04}"] = [(day(-self.days - back), self.size())
                                            for back in range(passes, 0, -1)]
@@ -271,7 +272,7 @@ class ServerLife(SystemTest):
                 if done % (COMPLETIONS // BREAKS) == COMPLETIONS // BREAKS // 2:
                     began = time.monotonic()
                     self.break_session()
-                    curve.began += time.monotonic() - began  # most of it is the pause before the new one
+                    curve.began += time.monotonic() - began  # mostly the pause before the new session
         curve.check(self)
         print(f"{reservations} reservations, {done} completions, {self.account.evicted} evictions, "
               f"{BREAKS} broken sessions", flush=True)
@@ -279,7 +280,8 @@ class ServerLife(SystemTest):
         self.assertEqual(1, len(harness.children(self.server.daemon)))
 
     def back_up(self, user, date):
-        """A slice, which now and then is given up and put again, and the last file; how many reservations."""
+        """Plays the commands of one backup: a slice, sometimes released and reserved again, and the last file.
+        Returns the number of reservations."""
         size = self.size()
         count = 2
         self.reserve(size)
@@ -294,7 +296,7 @@ class ServerLife(SystemTest):
         return count
 
     def break_session(self):
-        """The node client dies with a reservation in its hands, which ends with its session."""
+        """Closes the link after a reservation. The reservation ends with the session."""
         size = self.size()
         self.reserve(size)
         self.account.release(size)
@@ -302,7 +304,7 @@ class ServerLife(SystemTest):
         self.accept()
 
     def check_account(self):
-        """Free space to the byte: what just fits needs no eviction, and one byte more needs a pass."""
+        """Checks the free space to the byte: all of it fits without an eviction, one byte more needs a pass."""
         free, evicted = self.account.free, self.account.evicted
         self.reserve(free)
         self.assertEqual(evicted, self.account.evicted)
@@ -330,7 +332,8 @@ class ClientLife(SystemTest):
                       server=self.server.daemon, client=self.server.node_client())
         names = self.work(curve)
         curve.check(self)
-        # One job alone: whatever the others' completions had ended meanwhile, it makes its room.
+        # A completion ends all reservations, also those of parallel jobs. The last job runs alone, so its
+        # reservations evict until everything fits.
         names |= self.put("last", DATE)
         present = set(self.root.stored())
         evicted = self.evictions()
@@ -364,7 +367,7 @@ class ClientLife(SystemTest):
         return names
 
     def put(self, user, date):
-        """Two real --put: of the slice and of the last file."""
+        """Runs two --put commands: the slice and the last file."""
         job = Job(self.root, user, date, slices=1, size=900).run()
         shutil.rmtree(os.path.dirname(job.info))
         return {job.stem}
@@ -373,7 +376,7 @@ class ClientLife(SystemTest):
         return sum(text.startswith("Evict backup ") for text in self.root.log_texts(5, self.server.daemon))
 
     def check_whole(self, present, stems, evicted):
-        """Each backup is there with all its files or gone with all of them, and nothing else is there."""
+        """Checks that each backup has either all of its files or none, and that there are no other files."""
         left = [stem for stem in stems if f"{stem}.info" in present]
         self.assertEqual(evicted, len(stems) - len(left))
         expected = {f"{stem}.info" for stem in left}
@@ -386,7 +389,7 @@ class ClientLife(SystemTest):
         return stem[:len(DATE)] > day(-PUT_ROUNDS)
 
     def check_account(self):
-        """To the byte: a file of what is free needs no eviction, one byte more needs one."""
+        """Checks the free space to the byte: a file of that size needs no eviction, one byte more needs one."""
         used = sum(int(read_info(os.path.join(self.root.info_root, name))["size"])
                    for name in tree(self.root.info_root) if name.endswith(".info"))
         before = self.evictions()

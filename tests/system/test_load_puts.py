@@ -1,7 +1,7 @@
-"""Two hundred puts at once to one node client, whose socket has room for five that wait.
+"""Two hundred parallel puts to one node client, whose socket has a backlog of five connections.
 
-The curves of memory, descriptors and threads are printed. QUARN2_LOAD_PUTS sets another number of puts
-(at once!), QUARN2_LOAD_ROUNDS how often everything is done again with the same node client; a long run:
+The tests print the curves of memory, descriptors and threads. QUARN2_LOAD_PUTS sets the number of parallel
+puts, QUARN2_LOAD_ROUNDS the number of rounds with the same node client. A long run:
 
     QUARN2_LOAD_PUTS=200 QUARN2_LOAD_ROUNDS=50 python3 -m unittest -v test_load_puts
 """
@@ -23,7 +23,7 @@ COMMAND = re.compile(r"ProcessCommand line = '(?P<word>[A-Z]+) (?P<arguments>.*)
 
 
 def status(pid):
-    """Resident KiB, descriptors and threads of a process."""
+    """Returns the resident KiB, descriptors and threads of a process."""
     with open(f"/proc/{pid}/status", encoding="ascii") as file:
         values = dict(line.split(":", 1) for line in file)
     return (int(values["VmRSS"].split()[0]), len(os.listdir(f"/proc/{pid}/fd")),
@@ -31,7 +31,7 @@ def status(pid):
 
 
 class Watch(threading.Thread):
-    """Looks at processes all the time."""
+    """Samples processes ten times a second."""
 
     def __init__(self, **pids):
         super().__init__()
@@ -78,7 +78,7 @@ class Puts(SystemTest):
         self.client = self.server.node_client()
 
     def at_once(self, commands):
-        """Starts all of them, then waits for all of them."""
+        """Starts all puts, then waits until all have succeeded."""
         running = [self.r.spawn("--put", *command, stdin=subprocess.DEVNULL,
                                 stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
                    for command in commands]
@@ -87,7 +87,7 @@ class Puts(SystemTest):
             self.assertEqual((b"", 0), (output, process.returncode))
 
     def slices(self, date, size):
-        """One slice of each of so many users: (name, content, path, path of the job's info file)."""
+        """Creates one slice for each user. Returns [(name, content, path, path of the job's info file)]."""
         found = []
         for number in range(PUTS):
             name = f"F{date}.user{number}.1.dar"
@@ -103,7 +103,7 @@ class Puts(SystemTest):
                  "the removal of the local slices")
 
     def put_indexes(self, date, slices):
-        """The last file of every backup; what each info file has to name as its size."""
+        """Puts the last file of every backup."""
         commands = []
         for number, (_, _, _, job) in enumerate(slices):
             index = write(os.path.join(self.r.info_root, f"{date}.user{number}.1.dar"),
@@ -124,7 +124,7 @@ class Puts(SystemTest):
                              read_info(os.path.join(self.r.storage, info))["size"])
 
     def check_commands(self, wanted):
-        """What the server was asked for: every reservation and completion once."""
+        """Checks that the server received exactly these reservations and completions."""
         asked = collections.Counter()
         for text in self.r.log_texts(8, self.server.daemon):
             match = COMMAND.fullmatch(text)
@@ -169,13 +169,12 @@ class Puts(SystemTest):
         self.assertEqual([], self.r.log_texts(3) + self.r.log_texts(4))
 
     def check_bounds(self, watch, before, after):
-        # Every connection is served to its end before the next; uploads in the background have
-        # four descriptors each.
+        # Each upload in the background has up to four descriptors.
         self.assertLessEqual(watch.most("client", 1), before["client"][1] + 4 * PUTS + 4)
         self.assertLessEqual(watch.most("daemon", 1), before["daemon"][1] + 4)
         for name in ("client", "daemon"):
             self.assertEqual(before[name][1:], after[-1][name][1:], "descriptors and threads")
-            # What a round needs is there after the first.
+            # The first round allocates the memory that every round needs.
             self.assertLess(after[-1][name][0], after[0][name][0] + 2048 + 64 * ROUNDS, name)
             self.assertLess(watch.most(name, 0), 64 * 1024, name)
 

@@ -1,4 +1,4 @@
-"""The node client as a server sees it: start, control socket, commands, end."""
+"""The node client with a scripted server: start, control socket, commands, end."""
 
 import os
 import signal
@@ -238,8 +238,8 @@ class Put(ClientTest):
     def test_the_answer_comes_before_the_upload_ends_and_the_next_put_waits_for_it(self):
         root = self.root()
         server = ScriptedServer(root)
-        # A storage name that is a directory makes the first attempt fail, and the upload wait a
-        # minute for its next: as slow an upload as can be.
+        # A directory with the stored file's name makes the first attempt fail. The upload then waits a minute
+        # for the next attempt, so it does not end during the test.
         os.makedirs(os.path.join(root.storage, "F2026-11-20.web1.1.dar/x"))
         first = self.source(root, "F2026-11-20.web1.1.dar")
         self.assertEqual("OK F2026-11-20.web1.1.dar 10",
@@ -422,7 +422,7 @@ class Deletion(ClientTest):
 class End(ClientTest):
     @staticmethod
     def slow_client(root):
-        """One whose uploads are still under way when it is told to end."""
+        """Returns a client whose uploads are still running when the test ends it."""
         return ScriptedServer(root, token=root.token + "?limit_rate=1500000")
 
     def test_the_closing_of_standard_input_joins_the_uploads(self):

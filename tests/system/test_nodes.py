@@ -1,4 +1,4 @@
-"""Sessions with several machines over ssh: what works, what a node may do wrong, who learns of it."""
+"""Sessions with several machines over ssh: backups, failures of nodes, and the log lines about them."""
 
 import datetime
 import os
@@ -58,7 +58,7 @@ class Sessions(NodesTest):
             self.assertNotIn(secret, harness.command_line(pid))
         job = Job(node, "web1", DATE).run()
         stored = read(os.path.join(self.head.storage, job.stem + ".info")).decode()
-        self.assertIn("key_hash=", stored)  # the node has the whole token all the same
+        self.assertIn("key_hash=", stored)  # so the node has the complete token
         for machine in (self.head, node):
             self.assertNotIn(secret.encode(), read(machine.file("var/quarn2_cp.log")))
 
@@ -68,7 +68,7 @@ class Sessions(NodesTest):
         write(keys, 'command="/usr/local/kro5/sbin/quarn2_cp --client",' + node.text(keys))
         self.serve([node], "--date", DATE)
         Job(node, "web1", DATE).run().check_stored(self.head.storage)
-        # What an operator is told to try.
+        # The documentation tells operators to try this command.
         tried = subprocess.run(
             self.head.inside("ssh", "-i", self.head.key, "-p", str(node.port), node.address, "true"),
             stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
@@ -105,12 +105,12 @@ class Failures(NodesTest):
         self.assertEqual(0, server.end())
 
     def check_pauses(self, node):
-        """The next attempt comes later each time."""
+        """Checks that the pauses between the attempts grow."""
         self.wait_ended(node, "Connection refused", count=3)
         times = [datetime.datetime.fromisoformat(entry.time) for entry in self.head.log(4)
                  if entry.text.startswith(f"Session with node '{node.option}' ended.")]
         gaps = [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
-        # Counted from the moment at which the end was seen, a little before its line was written.
+        # A pause begins when the server notices the end, a little before it logs it.
         self.assertGreaterEqual(gaps[0], 0.9)
         self.assertGreaterEqual(gaps[1], 1.9)
 

@@ -1,4 +1,4 @@
-"""What answers on a node is no node client: the session is bounded, and the others go on."""
+"""Another program answers in the node client's place: its session is bounded, other sessions continue."""
 
 import os
 import signal
@@ -39,7 +39,7 @@ frame(), frame()
 
 
 class BadClients(NodesTest):
-    """Something else than a node client answers on the node."""
+    """A script answers in the node client's place on one node."""
 
     def play(self, node, body):
         node.notes = node.file("notes")
@@ -52,7 +52,7 @@ class BadClients(NodesTest):
         return read(node.notes).decode().splitlines()
 
     def reserved(self):
-        """What the account held as reserved when the last reservation was asked for."""
+        """Returns the reserved bytes at the time of the last reservation, from the log."""
         lines = [text for text in self.head.log_texts(8) if text.startswith("Reserve this")]
         return int(lines[-1].rpartition("incomplete_size = ")[2].split(",")[0])
 
@@ -67,7 +67,7 @@ class BadClients(NodesTest):
 
     def check_others(self, server, *machines):
         for number, machine in enumerate(machines):
-            # Nothing orders the start of this node's client before the trouble of the other one.
+            # This node's client may start after the other node has failed.
             wait_for(lambda node=machine: self.takes_connections(node), "the node client's socket")
             Job(machine, f"other{number}", DATE).run().check_stored(self.head.storage)
         self.assertEqual(0, server.end())
@@ -86,7 +86,7 @@ class BadClients(NodesTest):
 
     @staticmethod
     def peak(server):
-        """The most memory that the daemon ever held, in KiB."""
+        """Returns the maximum resident memory of the daemon so far, in KiB."""
         with open(f"/proc/{server.daemon}/status", encoding="ascii") as status:
             return next(int(line.split()[1]) for line in status if line.startswith("VmHWM"))
 
@@ -148,7 +148,7 @@ time.sleep(1000)
         good.served()
         Job(good, "web1", DATE).run().check_stored(self.head.storage)
         self.wait_ended(bad, "Exit status: ")
-        # Here the ssh is ended. What runs on the other machine is that machine's matter.
+        # The server ends only its own ssh process, not the process on the other machine.
         os.kill(hanging, signal.SIGKILL)
         os.rename(bad.binary + ".away", bad.binary)
         bad.served()

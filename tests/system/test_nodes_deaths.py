@@ -1,4 +1,4 @@
-"""Node clients, sshd and servers that die, clocks that are wrong, and a second server."""
+"""Killed node clients, sshd and servers, a wrong clock, and a second server."""
 
 import datetime
 import os
@@ -28,7 +28,7 @@ class Deaths(TroubleTest):
         self.assertNotIn(name, self.head.stored())
         self.assertTrue(os.path.exists(job.slices[0]))
         hit.served(2)
-        # The job may go on, but nobody takes the backup for whole.
+        # The job may continue, but the backup does not become complete.
         self.assert_success(job.put_slice(2))
         self.assertEqual(1, job.put_last().returncode)
         self.assertEqual(f"the backup is not complete: '{name}' is missing: its upload was interrupted. "
@@ -82,7 +82,7 @@ class Deaths(TroubleTest):
         self.assertTrue(os.path.exists(CLOCK_AHEAD), "QUARN2_CLOCK_AHEAD names no library")
         ahead, node = self.make_nodes(2)
         ahead.kill_sshd()
-        # The sanitizer's library would rather be the first.
+        # Without this option the address sanitizer requires that its library is loaded first.
         wrong = {"LD_PRELOAD": CLOCK_AHEAD, "ASAN_OPTIONS": "verify_asan_link_order=0"}
         ahead.start_sshd("SetEnv " + " ".join(f"{key}={value}" for key, value in wrong.items())
                          + "\n")
@@ -100,7 +100,7 @@ class Deaths(TroubleTest):
         self.assertAlmostEqual(2, shift, delta=0.5)
         for job in [*old, first]:
             job.check_stored(self.head.storage)
-        # The next server, whose clock is right, counts it as used space and evicts it never.
+        # The next server, whose clock is right, counts the backup as used space and never evicts it.
         server = self.start_server([ahead, node], *ARGUMENTS)
         self.assertIn(f"Skip backup. Backup date '{day(2)}' in future.",
                       " ".join(self.head.log_texts(4, server.daemon)))

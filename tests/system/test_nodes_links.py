@@ -1,4 +1,4 @@
-"""Links that break at the worst moments, and links that are long and bad."""
+"""Links that break during a reservation, an upload or a completion, and links with delay and loss."""
 
 import os
 import threading
@@ -13,7 +13,7 @@ ARGUMENTS = ["--date", DATE, "--size-limit", "1000000", "--count-limit", "100:10
 
 
 class Behind(threading.Thread):
-    """A command that is not over yet; its result later."""
+    """Runs a command in a thread; wait() returns its result."""
 
     def __init__(self, call):
         super().__init__()
@@ -32,7 +32,7 @@ class Behind(threading.Thread):
 
 class Links(TroubleTest):
     def test_a_link_cut_in_the_middle_of_a_reservation_is_noticed_within_a_minute(self):
-        self.make_head(ssh_options="")  # the installed settings and nothing else
+        self.make_head(ssh_options="")  # only the installed settings
         nodes = self.make_nodes(2, relayed=[1], sshd_options="")
         cut, other = nodes
         server = self.serve(nodes, *ARGUMENTS)
@@ -42,7 +42,7 @@ class Links(TroubleTest):
         self.head.wait_log("ProcessCommand line = 'RESERVE 12345'", level=8)
         cut.cable.order("loss 100 100")
         self.assert_success(Job(other, "web2", DATE).put_slice(1))
-        # Nobody knows what became of it: it stays reserved, until the next backup is completed.
+        # The session has not ended yet, so the server keeps the reservation.
         self.assertEqual(12345, self.account()[1])
         self.wait_ended(cut, "not responding", timeout=60)
         self.put_elsewhere(other, "web3")
@@ -52,7 +52,7 @@ class Links(TroubleTest):
         cut.cable.order("loss 0 0")
         cut.served(2, timeout=75)
         job.run().check_stored(self.head.storage)
-        # What was lost has gone with the completion of the other's backup.
+        # The lost reservation is no longer counted.
         self.assertEqual(2 * 12345 + 100, self.account()[1])
         self.finish(server)
 
@@ -103,7 +103,7 @@ class Links(TroubleTest):
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE)
         job.put_slices()
-        # The answers come, until the commands are on their way. The delay is the time to cut them off.
+        # The commands must arrive and their answers must not. The delay leaves time to cut the link in between.
         cut.cable.order("delay 700")
         put = Behind(job.put_last)
         info = f"{DATE}.web1.info"
@@ -124,7 +124,7 @@ class Links(TroubleTest):
         self.finish(server)
 
     def test_delay_and_loss_cost_time_and_nothing_else(self):
-        self.make_head(ssh_options="")  # as patient as it is installed
+        self.make_head(ssh_options="")  # only the installed settings
         nodes = self.make_nodes(2, relayed=[1], sshd_options="")
         far, near = nodes
         far.cable.order("delay 200")

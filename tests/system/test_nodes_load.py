@@ -1,7 +1,7 @@
-"""Several machines at work at once on one full storage, against a plain statement of the rules.
+"""Several machines put backups on one full storage in parallel; a simple model of the rules checks the result.
 
-The server's log says in which order it served its nodes; the rules, followed in that order, must come to
-the same answers and to the same survivors.
+The server's log shows in which order the server ran the commands of its nodes. The model runs the commands in
+the same order, and must give the same answers and keep the same backups.
 """
 
 import contextlib
@@ -19,9 +19,9 @@ from samples import DATE, Backup, both_sides, day
 from test_random import Rules
 
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
-BACKUPS = int(os.environ.get("QUARN2_CP_NODE_BACKUPS", "8"))  # that each user gets anew
+BACKUPS = int(os.environ.get("QUARN2_CP_NODE_BACKUPS", "8"))  # new backups of each user
 USERS = 2  # on each machine
-OLD = 2 * BACKUPS  # backups of each user from before
+OLD = 2 * BACKUPS  # initial backups of each user
 SLICES = 6
 SIZE = 3000
 LINE = re.compile(r"ProcessCommand line = '(?P<command>.*)'")
@@ -30,7 +30,7 @@ ANSWER = re.compile(r"SaveResult result = '(?P<answer>.*)'")
 
 
 class Work(threading.Thread):
-    """The backups of one machine's users, one after the other."""
+    """Makes the backups of one machine's users, one after the other."""
 
     def __init__(self, test, machine, users):
         super().__init__()
@@ -56,7 +56,7 @@ class Work(threading.Thread):
 
 
 class StubbornWork(Work):
-    """Starts a backup that failed anew, until it succeeds."""
+    """Repeats a failed backup until it succeeds."""
 
     failures = 0
 
@@ -72,7 +72,7 @@ class StubbornWork(Work):
 
 
 class LinkRules(Rules):
-    """A backup that is completed twice, as its answer was lost, has been paid for twice."""
+    """Counts a backup's size twice when the backup is completed twice because the first answer was lost."""
 
     paid_again = 0
 
@@ -100,14 +100,14 @@ class Load(NodesTest):
 
     def play(self, work_class, room, trouble=None):
         nodes = self.make_nodes(3)
-        # The server reads the ledger of its own machine. What a killed client there leaves in it is
-        # not in the rules.
+        # The server reads the ledger of its own machine. The model does not know the entries that a killed
+        # client leaves there.
         machines = nodes if trouble else [self.head, *nodes]
         users = {machine: [f"u{number}.{machine.name}" for number in range(USERS)]
                  for machine in machines}
         old = [self.old_backup(user, date) for names in users.values() for user in names
                for date in self.old_dates()]
-        # Room for the newest and little more: most of what comes must make its own.
+        # The limit leaves little free space, so most new backups cause evictions.
         limit = sum(backup.size for backup in old) + room
         rules = LinkRules(self.records(old), 1000, 1000, limit)
         server = self.serve(nodes, "--date", DATE, "--size-limit", str(limit),
@@ -128,7 +128,7 @@ class Load(NodesTest):
         return works
 
     def kill_clients(self, server, nodes, works):
-        """One after the other, each in the middle of its work."""
+        """Kills the node clients one after the other, each during its work."""
         choice = random.Random(SEED)
 
         def local():
@@ -164,7 +164,7 @@ class Load(NodesTest):
         return found
 
     def follow(self, rules, daemon):
-        """Walks the rules along the log: each answer is theirs, each grant within the limit."""
+        """Runs the log's commands on the model: each answer must match, each grant must be within the limit."""
         asked = needed = None
         passes = rules.count
         for text in self.head.log_texts(8, daemon):
@@ -209,7 +209,7 @@ class Load(NodesTest):
         newest = {job.user: job for job in jobs}
         for job in newest.values():
             self.assertIn((job.user, job.date), found)
-        # Nothing lies there that nobody believes in.
+        # The storage has no file that belongs to no backup.
         believed = {name for job in jobs for name in job.stored_names()}
         believed |= {name for backup in old for name in backup.stored_names()}
         self.assertEqual(set(), present[0] - believed)

@@ -1,9 +1,9 @@
-"""Power failures: whatever is lost that was not synced, what was told as stored is still there.
+"""Power failures: every file that was reported as stored survives, even if all unsynced changes are lost.
 
-Each scenario runs the real program once and records it (power.py). Then the power fails after every single
-change, in seven fixed ways and in random ones, and what is left is checked against the promises
-(promises.py). Some of what is left is put into a real install root, where the program must go on as if
-nothing had been. A long run, with what powercase.py knows to set:
+Each scenario runs the real program once and records it (power.py). Then it simulates a power failure after
+every change, with seven fixed and some random outcomes, and checks the files of each outcome against the
+promises (promises.py). It copies some of the outcomes into a real install root, where the program must continue
+to work. A long run, with the variables of powercase.py:
 
     QUARN2_POWER_SEED=7 QUARN2_POWER_CHANCES=50 QUARN2_POWER_STARTS=200 python3 -m unittest test_power
 """
@@ -126,7 +126,7 @@ class Unfinished(SystemTest):
         root.wait_log(f"Client. Backup token = '{root.token}'")
         write(os.path.join(root.storage, f"{DATE}.web1.info/in the way"), "")
         put = root.spawn("--put", index, "-I", job, "--isolated", "--no-delete")
-        # The info file is written here, then the storage refuses it.
+        # The put command writes the local info file, then the storage refuses its upload.
         root.wait_log(f"Put {index}")
         wait_for(lambda: any("Attempt: 1 of 3" in text for text in root.log_texts(4)), "a refusal")
         for pid in (put.pid, server.node_client(), server.daemon):

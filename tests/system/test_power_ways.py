@@ -1,5 +1,5 @@
-"""Power failures during the way back, an update and the emptying of a storage; and the proof that these
-tests see a program that does not sync. See test_power.py.
+"""Power failures during --rescan, --get, --update and --clear, and the proof that these tests notice a program
+that does not sync. See test_power.py.
 """
 
 import os
@@ -31,8 +31,8 @@ class Rescan(PowerTest):
                           for name in root.local()})
 
     def broken(self, left):
-        """Without the mark the info root is what it was, or all that it has to be; with it nobody
-        trusts it."""
+        """Without the marker file the info root must be as before the rescan or complete. With the marker file
+        the program does not use it, so any content is allowed."""
         if MARKER in left:
             return super().broken({path: data for path, data in left.items()
                                    if not path.startswith(INFO)})
@@ -130,7 +130,7 @@ class Clear(PowerTest):
 
 
 class Proof(PowerTest):
-    """The same checks on a program whose syncs are not done."""
+    """Proves that the checks fail for a program whose syncs have no effect."""
 
     def losses(self, drop):
         self.r.drop = drop

@@ -1,4 +1,4 @@
-"""--put with a real server: what it writes into info files, and what it refuses."""
+"""--put: stored files, info files, replies of the node client, and commands that are refused."""
 
 import os
 import socket
@@ -14,7 +14,7 @@ NO_SERVER = "Failed to connect to size control server socket"
 
 
 def how_to_start(option=""):
-    """The second line of a command that finds no server."""
+    """Returns the second line of the error of a command that finds no server."""
     return ("\nNo size control server runs here for this storage. Start one and keep its standard "
             f"input open: mkfifo /run/hold; quarn2_cp --server {option}--size-limit BYTES "
             "--count-limit FULL:DAILY </run/hold & exec 3>/run/hold")
@@ -173,7 +173,7 @@ class Replies(SystemTest):
         self.addCleanup(self.listener.close)
 
     def serve(self, *answers):
-        """Answers that many commands; gives the list that their texts will be in."""
+        """Answers one command with each answer. Returns the list to which the thread adds the commands' texts."""
         commands = []
 
         def work():

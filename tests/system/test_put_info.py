@@ -1,4 +1,4 @@
-"""--put and the backup's info file: arithmetic, times, the copy that goes to the storage."""
+"""--put and the backup's info file: sizes, times, and the copy for the storage."""
 
 import datetime
 import os
@@ -109,7 +109,7 @@ class Isolated(InfoTest):
             {"type": "full", "created": "2026-11-20 00:00:00",
              "last-slice": "F2026-11-20.web1.1.dar", "size": str(19 + len(stored))},
             read_info(self.stored_info))
-        # The job's own file is left as the last slice made it; the local copy knows the node.
+        # The job's own file stays as the last slice left it. Only the local copy contains the node.
         self.assertEqual(before, read(info))
         self.assertEqual({**read_info(self.stored_info), "node": "n1"}, read_info(self.local_info))
         self.assertEqual(stored, info_text(read_info(self.stored_info)))
@@ -127,7 +127,7 @@ class Isolated(InfoTest):
                           "node": "n1"}, read_info(self.local_info))
 
     def test_the_size_counts_the_info_text_even_where_that_adds_a_digit(self):
-        # Around each power of ten the text grows by the digit that its own length brings.
+        # Near a power of ten, the length of the info text itself can add a digit to the size.
         for number, data in enumerate((70, 77, 78, 79, 80, 81, 82, 83, 84, 85, 90, 99, 979, 980,
                                        981, 982, 983, 9979, 9980, 9981, 9982)):
             user = f"u{number}"

@@ -1,4 +1,4 @@
-"""Random storages, limits and reservations against a plain statement of the rules."""
+"""Random storages, limits and reservations, checked against a simple model of the rules."""
 
 import copy
 import os
@@ -17,7 +17,7 @@ ALL_LOCKED = "No space left. But all backups are locked"
 
 
 class Rules:
-    """What the server must do, said simply. records[user][date] = (kind, size)."""
+    """A simple model of what the server must do. records[user][date] = (kind, size)."""
 
     def __init__(self, records, full_limit, daily_limit, size_limit):
         self.records = records
@@ -34,7 +34,7 @@ class Rules:
         return sum(size for dates in self.records.values() for _, size in dates.values())
 
     def locked(self, user):
-        """The newest record, and the newest full before it when it is none itself."""
+        """Returns the size of the newest record, plus that of the newest full backup if the newest is a daily."""
         dates = sorted(self.records[user])
         if not dates:
             return 0
@@ -69,7 +69,7 @@ class Rules:
         self.count -= 1
 
     def start(self):
-        """All or nothing: what cannot fit deletes nothing."""
+        """Evicts until the limits are met. Deletes nothing if the evictions cannot make enough room."""
         trial = copy.deepcopy(self)
         trial.trim()
         while trial.used() > trial.size_limit:
@@ -80,7 +80,7 @@ class Rules:
         self.records, self.count = other.records, other.count
 
     def make_room(self, size):
-        """Passes until there is room; before the first deletion it is tried whether they suffice."""
+        """Runs eviction passes until `size` fits. Deletes nothing if all passes together are not enough."""
         trial = copy.deepcopy(self)
         while size > trial.size_limit - trial.used() - trial.reserved:
             trial.drop_pass()

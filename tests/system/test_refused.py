@@ -1,4 +1,4 @@
-"""What is refused before anything happens: commands that would cost an installation or its backups."""
+"""Commands that would destroy an installation or its backups are refused before they change anything."""
 
 import os
 import shutil
@@ -13,7 +13,7 @@ REFUSED = "quarn2_cp: the node client refused the command: '"
 
 
 def snapshot(root):
-    """All files below the test's folder but those that the program keeps for itself."""
+    """Returns all files below the test's folder, except the program's own state files."""
     own = ("root/var/quarn2_cp.", "root/tmp/quarn2_cp.")
     return {name: read(os.path.join(root.base, name)) for name in tree(root.base)
             if not name.startswith(own)}
@@ -25,7 +25,7 @@ class RefusalTest(SystemTest):
         self.r = self.root()
 
     def assert_refused(self, *arguments, words=(), **options):
-        """The command fails with these words, and no file changes."""
+        """Checks that the command fails with these words and changes no file."""
         before = snapshot(self.r)
         result = self.r.run(*arguments, **options)
         self.assertEqual((1, ""), (result.returncode, result.stdout), result.stderr)
@@ -190,7 +190,7 @@ class Rescan(RefusalTest):
 
 
 class Sources(RefusalTest):
-    """Files that are on the storage already."""
+    """Sources of --put and --update that are already on the storage."""
 
     def setUp(self):
         super().setUp()
@@ -225,7 +225,7 @@ class Sources(RefusalTest):
 
 
 class ChangingSources(SystemTest):
-    """Sources that change while they are uploaded, slowly."""
+    """Sources that change during a slow upload."""
 
     NAME = f"F{DATE}.web1.tgz"
     SIZE = 600000

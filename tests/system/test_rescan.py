@@ -1,4 +1,4 @@
-"""The rescan from outside: what it removes and keeps, broken off at any point, odd storages."""
+"""--rescan: which files it removes and keeps, interruptions at any point, unusual storages."""
 
 import os
 import random
@@ -16,7 +16,7 @@ MARKER_BEING_WRITTEN = "..rescan.part~"
 
 
 def fill(root):
-    """Backups in all forms; what the info root has to hold after a rescan."""
+    """Creates backups in all forms. Returns the files that the info root must have after a rescan."""
     for form, user in (("dar", "web1"), ("tgz", "shop.example"), ("part", "a.b.c"),
                        ("dir", "web4")):
         Backup(root, user, DATE, form=form, data=user.encode() * 100)
@@ -146,7 +146,7 @@ class HostileStorage(RescanTest):
              b"\x7f.info")
 
     def everything_else(self, root):
-        """All but the info root and what the program itself keeps."""
+        """Returns all files except the info root and the program's own state files."""
         own = ("var/backup/tovarn/", "var/quarn2_cp.", "tmp/quarn2_cp.")
         inside = {name: read(root.file(name)) for name in tree(root.path)
                   if not name.startswith(own)}
@@ -229,7 +229,7 @@ class BrokenOff(RescanTest):
     USERS = 150
 
     def broken_off_at(self, root, files):
-        """Kills a rescan once that many of its files are there; a quick one may have ended."""
+        """Kills a rescan when the info root has this many files. A fast rescan may have ended before."""
         pid_file = root.file("var/quarn2_cp.pid")
         if os.path.exists(pid_file):
             os.remove(pid_file)

@@ -1,4 +1,4 @@
-"""The sample restore job: what it refuses, and what happens around it while it runs."""
+"""The sample jobs: refused names, restores that fail, and evictions during a restore."""
 
 import os
 import shutil
@@ -119,8 +119,8 @@ class RestoreJob(SystemTest):
                 self.assertIn(made["slices"][1], result.stderr)
 
 
-# Runs `first` before the N-th call of the program, and notes what lies in the target's directory
-# after each.
+# Runs `first` before call number `number` of the program. After each call it writes the number of archive files in
+# the target's directory to the file counts.
 WRAPPER = """#!/bin/sh
 for last; do :; done
 echo call >>'{base}/calls'
@@ -132,7 +132,7 @@ ls "${{last%%//*}}" | grep -c '^[FI].*\\(dar\\|tgz.*\\)$' >>'{base}/counts'
 
 class DuringARestore(SystemTest):
     def site(self, form, limit_above, number, first):
-        """Two full backups of web1, and the program wrapped; the server holds a size limit."""
+        """Makes two full backups of web1, starts a server with a size limit, and wraps the program."""
         root = self.root(form)
         maker = Maker(root, form, "flat")
         kept = {}
@@ -157,7 +157,7 @@ class DuringARestore(SystemTest):
         root, kept, server = self.site(form, 50000, 3, "'{real}' --put --no-delete '{new}'")
         target = os.path.join(root.base, "restored")
         result = restore(root, "web1", date, target)
-        # The new slice is on its way when its put has ended.
+        # The upload of the new slice may still run when its --put has ended.
         wait_for(lambda: f"F{day(7, SUNDAY)}.web2.tgz" in root.stored(), "the new slice")
         self.assertNotIn(SUNDAY + ".web1.info", root.stored() + root.local())
         self.assertEqual(0, server.end())

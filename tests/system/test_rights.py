@@ -1,5 +1,5 @@
-"""Rights: the mode and owner of everything that the program makes, and what another user of the machine
-can get at. Other users are played by `nobody`, so these tests run as root."""
+"""Access rights: the mode and owner of every file that the program creates, and what another user of the
+machine can access. The tests run commands as `nobody`, so they must run as root."""
 
 import os
 import re
@@ -21,8 +21,8 @@ NOBODY = 65534
 SECRET = "hidden+word"
 ARCH = f"?arch_password={SECRET}"
 
-# What the program makes, below the folder of a root, with the modes less the umask; the modes of a local
-# storage's files are those of what a storage keeps. Anything else is refused.
+# The files that the program creates below the folder of a root, with their modes before the umask. Every other
+# file fails the test.
 MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/(var|etc)", "directory", 0o750),
     (r"root/tmp", "directory", 0o700),
@@ -30,7 +30,7 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
     (r"root/tmp/(quarn2_cp\.state|\.quarn2_cp\.state\.part~)", "file", 0o600),
     (r"root/var/quarn2_cp\.removed", "directory", 0o700),
-    # With the modes that they had in the info root.
+    # These keep the modes that they had in the info root.
     (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),
     (r"root/var/quarn2_cp\.removed/2026-11-15\.web1\.tgz\.aes", "file", 0o640),
     (r"root/var/quarn2_cp\.ledger", "directory", 0o700),
@@ -39,7 +39,7 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/var/backup/tovarn/(web1/2026-11-15/)?\.(rescan|clear)", "file", 0o640),
     (r"root/var/backup/tovarn/\.encrypted_indexes", "file", 0o600),
     (r"root/var/backup/tovarn/(web1/2026-11-15/)?2026-11-15\.web1\.(info|tgz|tgz\.aes)", "file", 0o640),
-    # A replacement of what is there is nobody else's to read before it has the old one's owner.
+    # Until the replacement of a file has the old file's owner, no other user may read it.
     (r"root/var/backup/tovarn/(.+/)?\..+\.part~", "file", (0o640, 0o600)),
     (r"storage/web1(/2026-11-15)?", "directory", 0o750),
     (r"storage/(web1/2026-11-15/)?[^.].+", "file", 0o640),
@@ -55,7 +55,7 @@ KINDS = {stat.S_IFREG: "file", stat.S_IFDIR: "directory", stat.S_IFSOCK: "socket
 
 
 class WatchOfFiles(Watch):
-    """Notes the status of everything that appears below a folder, as often as it can."""
+    """Repeatedly records the status of all files that appear below a folder."""
 
     pause = 0.002
 
@@ -93,11 +93,11 @@ class RightsTest(SystemTest):
         super().setUp()
         if os.geteuid() != 0:
             self.fail("this test plays another user of the machine and so must run as root")
-        # Other users' ways must lead to the rights that are tested.
+        # Other users need access to the folder, so that only the rights below it are tested.
         os.chmod(self.folder, 0o755)
 
     def as_nobody(self, *command):
-        """Runs a command as a user without rights: (status, output and errors)."""
+        """Runs a command as a user without rights. Returns (status, output and errors)."""
         # root's own PATH may begin with directories that only root can enter.
         process = harness.start(["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
                                  "--clear-groups", "env", "PATH=/usr/bin:/bin", *command],
@@ -125,7 +125,7 @@ class Modes(RightsTest):
     def use_everything(self, root, files):
         storage = root.token
         rescan(root)
-        # Slow enough that what lasts as long as an upload is seen.
+        # The uploads are slow, so that the watch sees files that exist only during an upload.
         root.token = storage + "&limit_rate=400000"
         server = hold(root, SUNDAY, "--size-limit", "100000000")
         maker = Maker(root, "tgz", "dir")
@@ -139,13 +139,13 @@ class Modes(RightsTest):
         self.assertNotEqual(0, root.run("--get", f"{target}/deep//no/2026-11-15/file").returncode)
         self.assertEqual(0, server.end())
         root.token = storage
-        # Nothing local is trusted, so all comes anew; with another password indexes stay encrypted.
+        # The rescan fetches all files again. With another password the indexes stay encrypted.
         shutil.rmtree(root.info_root)
         rescan(root)
         rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
         os.remove(os.path.join(root.info_root, flat["info"]))
         rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
-        # The list keeps the mode that it was made with.
+        # A rewritten list keeps its mode.
         write(os.path.join(root.info_root, ".cleanup"), "local:///no/such/storage\t2026-11-14.web1\n")
         os.chmod(os.path.join(root.info_root, ".cleanup"), 0o600)
         rescan(root)
@@ -158,7 +158,7 @@ class Modes(RightsTest):
         wrong = []
         for name, kind, mode, owner, group in sorted(watch.seen):
             if name.startswith("work/") or os.path.basename(name) == ".cleanup":
-                continue  # the job's own
+                continue  # made by the job
             if name.startswith("state-") or self.is_jobs_index(name, mode, mask):
                 continue
             rule = next((rule for rule in MADE if rule[0].fullmatch(name)), None)
@@ -167,7 +167,7 @@ class Modes(RightsTest):
                     or (owner, group) != (0, 0)):
                 wrong.append((name, kind, oct(mode), owner, group))
         self.assertEqual([], wrong)
-        # Each rule was met, but for what may be gone within a millisecond.
+        # Each rule has matched a file, except rules for files that may exist for less than a millisecond.
         missed = [rule[0].pattern for rule in MADE
                   if not any(rule[0].fullmatch(name) for name in watch.names())
                   and not re.match(r"(root|restored|.?\.tmp-file).*(part~|rescan)", rule[0].pattern)]
@@ -175,7 +175,7 @@ class Modes(RightsTest):
 
     @staticmethod
     def is_jobs_index(name, mode, mask):
-        """Jobs make the indexes, and the directories that these lie in, with modes of their own."""
+        """Returns True for an index or its directory, which a job creates with other modes."""
         ways = r"root/var/backup/tovarn(/web1(/2026-11-15(/.+\.tgz)?)?|/.+\.tgz)"
         return re.fullmatch(ways, name) and mode in (0o777 & ~mask, 0o666 & ~mask)
 
@@ -187,7 +187,7 @@ class Modes(RightsTest):
 
 
 class OtherUsers(RightsTest):
-    """The ways of `nobody`, with a server that holds a token with a secret."""
+    """Attempts of the user `nobody` against a server whose token contains a secret."""
 
     def setUp(self):
         super().setUp()
@@ -203,7 +203,7 @@ class OtherUsers(RightsTest):
         self.assertEqual(0, self.server.end())
 
     def test_cannot_connect_to_the_control_socket(self):
-        # Even where the directory lets everybody in, as the administrator may have it.
+        # The socket is protected even if the administrator opens the directory to all users.
         os.chmod(self.site.file("tmp"), 0o755)
         path = self.site.file("tmp/quarn2_cp.sock")
         script = "import socket, sys; socket.socket(socket.AF_UNIX).connect(sys.argv[1])"
@@ -211,7 +211,7 @@ class OtherUsers(RightsTest):
         self.assertIn(b"PermissionError", output)
         self.assertEqual(1, status)
         with socket.socket(socket.AF_UNIX) as connection:
-            connection.connect(path)  # and it is there
+            connection.connect(path)  # proves that the socket exists
 
     def test_cannot_read_the_log_the_pid_file_or_the_lock(self):
         os.chmod(self.site.file("var"), 0o755)
@@ -249,7 +249,7 @@ class Dumps(RightsTest):
     def hold(self):
         root = self.root()
         root.token += ARCH
-        # A limit that is given from outside is lowered too.
+        # The program lowers an inherited limit too.
         self.addCleanup(resource.setrlimit, resource.RLIMIT_CORE,
                         resource.getrlimit(resource.RLIMIT_CORE))
         resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
@@ -264,7 +264,7 @@ class Dumps(RightsTest):
             self.assertEqual(["0", "0", "bytes"], core.split()[-3:])
         self.assertEqual(0, server.end())
 
-    # The kernel gives the files of a process that must not be dumped to root, whoever it runs as.
+    # The kernel makes root the owner of the /proc files of a process that must not be dumped, whatever its user is.
     def test_of_another_users_processes_are_root_s_to_look_into(self):
         root = self.root()
         os.chmod(root.base, 0o755)
@@ -281,7 +281,7 @@ class Dumps(RightsTest):
         daemon = int(read(root.file("var/quarn2_cp.pid")).split(b"\n")[0])
         client = wait_for(lambda: children(daemon), "a node client")[0]
         for pid in (process.pid, daemon, client):
-            # The same user, but not the same process.
+            # This reader has the same user as the process, but no rights on its files.
             status, output = self.as_nobody("head", "-c1", f"/proc/{pid}/environ")
             self.assertEqual(1, status)
             self.assertIn(b"Permission denied", output)
@@ -325,7 +325,7 @@ def hold_with_node(root, tools):
 
 
 class Planted(RightsTest):
-    """Links in the places of the server's own files."""
+    """Links and pipes at the paths of the server's own files."""
 
     def setUp(self):
         super().setUp()
@@ -372,7 +372,7 @@ class Planted(RightsTest):
                 with self.subTest(name=name, what=what):
                     path = self.lay(name, what)
                     if name.endswith("log"):
-                        # Nothing is logged, so nothing can be waited for but the command's end.
+                        # Nothing is logged, so the test can only wait for the end of the command.
                         self.assert_success(self.site.run("--delete", "/nothing/here"))
                     else:
                         server = hold(self.site, SUNDAY)

@@ -16,7 +16,7 @@ from samples import Backup, chain, day, left
 
 DATE = "2026-11-20"
 OTHER = "Other instanse of size control server is running. Date: "
-# Nodes that are only names: nobody need ask for their addresses.
+# For nodes that do not exist: without ssh in PATH no process looks up their addresses.
 NO_SSH = {"PATH": "/nonexistent"}
 
 
@@ -171,7 +171,7 @@ class End(SystemTest):
         root = self.root()
         server = Server(root, "--date", DATE, "--count-limit", "2:9").wait_ready()
         client = server.node_client()
-        # Arrived behind the server's back: it knows nothing of them and leaves them alone.
+        # The server does not know these backups, so it does not evict them.
         backups = chain(root, "web1", "FFF")
         os.kill(server.daemon, signal.SIGTERM)
         self.assertEqual(0, wait_gone(server.daemon))
@@ -302,9 +302,9 @@ class SideBySide(SystemTest):
 
 class Descriptors(SystemTest):
     def numbered(self, pid, *expected):
-        """What the standard streams are, and what is open beside them and the expected ones.
+        """Returns the targets of the standard streams, and the other descriptors except the expected ones.
 
-        Every pattern must fit exactly one descriptor.
+        Every pattern must match exactly one descriptor.
         """
         found = harness.descriptors(pid)
         for pattern in expected:
@@ -322,7 +322,7 @@ class Descriptors(SystemTest):
                                       re.escape(server.lock_file), r".*/var/quarn2_cp\.log",
                                       r"anon_inode:\[signalfd\]")
         self.assertEqual(["/dev/null"] * 3, streams)
-        # Its ends of three pipes: the master link's two, and what the client says on standard error.
+        # The daemon has its ends of three pipes: two of the master link, one for the client's standard error.
         client = harness.descriptors(server.node_client())
         modes = {target: harness.access_mode(server.daemon, fd) for fd, target in rest.items()}
         self.assertEqual({client[0]: os.O_WRONLY, client[1]: os.O_RDONLY, client[2]: os.O_RDONLY},
@@ -333,7 +333,7 @@ class Descriptors(SystemTest):
         server = Server(root, "--date", DATE).wait_ready()
         client = server.node_client()
         root.wait_log("Client. Backup token = 'local://" + root.storage + "'", pid=client)
-        self.assertEqual("OK", control(root, "STAT"))  # its loop runs: all is open
+        self.assertEqual("OK", control(root, "STAT"))  # the client's loop runs, so all descriptors are open
         (first, second, third), rest = self.numbered(
             client, r".*/var/quarn2_cp\.log", r"socket:\[\d+\]", r"anon_inode:\[signalfd\]")
         for pipe in (first, second, third):
@@ -341,7 +341,7 @@ class Descriptors(SystemTest):
         self.assertEqual(3, len({first, second, third}))
         self.assertEqual([os.O_RDONLY, os.O_WRONLY, os.O_WRONLY],
                          [harness.access_mode(client, fd) for fd in range(3)])
-        for fd, target in rest.items():  # its own watch on standard input
+        for fd, target in rest.items():  # a duplicate of standard input
             self.assertEqual((first, os.O_RDONLY), (target, harness.access_mode(client, fd)))
 
     def test_descriptors_of_the_callers_parent_do_not_reach_the_daemon(self):
@@ -358,7 +358,7 @@ class Descriptors(SystemTest):
         server = Server(root).wait_ready()
         client = server.node_client()
         root.wait_log("Client. Backup token = 'local://" + root.storage + "'", pid=client)
-        self.assertEqual("OK", control(root, "STAT"))  # its loop runs: all is open
+        self.assertEqual("OK", control(root, "STAT"))  # the client's loop runs, so all descriptors are open
 
         def numbers():
             return len(harness.descriptors(client)), len(harness.descriptors(server.daemon))
@@ -420,7 +420,7 @@ class Warnings(SystemTest):
                   "give --count-limit FULL:DAILY to keep them")
 
     def test_a_call_that_holds_no_server_says_so(self):
-        # A root for each call: the server of the first may still be ending when the second one comes.
+        # Each call has its own root, because the server of the first call may still be ending during the second.
         ended = self.root().run("--server", "--count-limit", "0:9")
         closed = self.root().run("--server", "--count-limit", "0:9",
                                  wrapper=("sh", "-c", 'exec "$0" "$@" <&-'))

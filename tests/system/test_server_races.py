@@ -1,4 +1,4 @@
-"""Starts and ends that meet each other, over and over, with real processes."""
+"""Races between starts and ends of servers, repeated many times with real processes."""
 
 import fcntl
 import os
@@ -22,7 +22,7 @@ FAILED = "quarn2_cp: Failed to start size control server\n"
 
 
 class HeldStart:
-    """Holds a daemon in its start: the clean-up list names a server that never answers."""
+    """Blocks a daemon during its start: the clean-up list names a storage server that never answers."""
 
     def __init__(self, root):
         self.root = root
@@ -32,13 +32,13 @@ class HeldStart:
         write(self.path, f"webdav+http://127.0.0.1:{port}/dir?timeout=600\t{DATE}.web9\n")
 
     def wait_held(self):
-        """Waits until a daemon has begun to clean up; its process id."""
+        """Waits until a daemon has begun to clean up. Returns the daemon's process id."""
         self.server.settimeout(harness.DEADLINE)
         self.connection, _ = self.server.accept()
         return int(read(self.root.file("var/quarn2_cp.pid")).split(b"\n")[0])
 
     def let_go(self):
-        """The daemon that waits fails to clean up, and later ones do at once."""
+        """Lets the clean-up of the blocked daemon fail. The clean-up of later daemons fails at once."""
         self.server.close()
         self.connection.close()
 
@@ -89,10 +89,10 @@ class DiesWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # long enough for it to find the lock taken; any moment will do
+        time.sleep(0.2)  # the second caller has probably found the lock taken; any moment is valid
         held.kill(daemon)
-        # Whoever is first takes the pid file's lock: the second then serves both, or the first has
-        # failed before it.
+        # The order of the callers is not defined. If the second caller starts its server first, both share it.
+        # Otherwise the first caller fails.
         second.wait_ready()
         self.assertNotEqual(daemon, second.daemon)
         try:
@@ -135,7 +135,7 @@ class DiesWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # anywhere in its wait
+        time.sleep(0.2)  # any moment of the second caller's wait is valid
         second.process.kill()
         second.process.wait()
         held.let_go()
@@ -144,7 +144,7 @@ class DiesWhileStarting(SystemTest):
 
 
 class ReplacedLockFile(SystemTest):
-    """The test itself is the running server here: it holds the pid file's locks."""
+    """The test plays the running server: it holds the pid file's locks."""
 
     def run_server(self, root):
         path = write(root.file("var/quarn2_cp.pid"), f"{os.getpid()}\n{DATE}\n{'A' * 20}\n0\n0\n")
@@ -177,7 +177,7 @@ class Races(SystemTest):
         return f"QUARN2_CP_SEED={SEED}"
 
     def in_roots(self, work):
-        """Runs work(root, random) in several roots at the same time."""
+        """Runs work(root, random) in several roots in parallel."""
         def one(number):
             return work(self.root(f"root{number}"), random.Random(SEED + number))
         with ThreadPoolExecutor(ROOTS) as pool:
@@ -204,7 +204,7 @@ class Races(SystemTest):
                                          if entry.text == "Size control started"
                                          and entry.pid in callers]))
                 seen |= daemons | callers
-                # Killed, not asked: a round costs no second of waiting for the daemon's poll.
+                # A kill ends the daemon at once. A release takes effect only at its next poll, up to a second later.
                 self.kill_all(servers, daemons.pop())
             self.assertEqual([], [entry for entry in root.log(3) if entry.pid in seen])
         self.in_roots(work)
@@ -222,7 +222,7 @@ class Races(SystemTest):
             for _ in range(ROUNDS):
                 old = server
                 old.release()
-                # The daemon looks once a second, so it ends anywhere in this time.
+                # The daemon polls once a second, so it ends at any moment of this interval.
                 time.sleep(choice.uniform(0, 1.1))
                 server = Server(root, "--date", DATE).wait_ready()
                 self.assertEqual(server.daemon, harness.write_lock_holder(server.pid_file))
@@ -246,7 +246,7 @@ class Races(SystemTest):
                 self.assertTrue(between.is_ready(harness.DEADLINE))
                 old.release()
                 wait_gone(old.daemon)
-                # It may have joined the old daemon in its last moment; the next one cannot.
+                # `between` may have joined the old daemon just before its end; the next caller cannot.
                 server = Server(root, "--date", DATE).wait_ready()
                 between.release()
                 self.assertNotEqual(old.daemon, server.daemon)

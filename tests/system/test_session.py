@@ -1,4 +1,4 @@
-"""The master link as the daemon serves it, spoken by a scripted node client."""
+"""The daemon's side of the master link, with a scripted node client."""
 
 import os
 import re
@@ -122,7 +122,7 @@ class Transport(SystemTest):
         server, link = scripted_session(root)
         link.send("RESERVE 0\n" * 20000)
         link.close()
-        # The server learns it from its reading or, without a word, from its writing, whichever is first.
+        # The server notices the death by a read, which it logs, or by a write, which it does not log.
         root.wait_log("Session with node 'local' ended. Exit status: 0", level=4, pid=server.daemon)
         self.assertEqual(0, server.end())
         self.assertEqual([], root.log(3))
@@ -207,7 +207,7 @@ class Reservation(SystemTest):
         link.ask(f"COMPLETE web1 {day(-1)} incremental 5")
         self.assertEqual(refused(100), link.ask("RESERVE 66"))
         link.ask(f"COMPLETE web1 {DATE} incremental 6")
-        # Locked is the newest daily and its full: 36; the daily between can be evicted.
+        # The newest daily and its full backup are locked, 36 bytes. The older daily can be evicted.
         self.assertEqual(refused(100), link.ask("RESERVE 65"))
         lines = [text.split(" ", 1)[1] for text in root.log_texts(9) if "locked_before" in text]
         self.assertEqual(["available_size = 100, locked_before = 0, locked_after = 30",
@@ -221,14 +221,14 @@ class Reservation(SystemTest):
         link = self.session(self.root(), "--size-limit", "100")
         self.assertEqual("OK 0", link.ask("COMPLETE web1 custom custom 40"))
         self.assertEqual("OK 0", link.ask("RESERVE 60"))
-        # It could be evicted as far as the limit knows, but nothing is recorded to evict.
+        # The size limit does not count the custom backup as locked, but the server has no record to evict.
         self.assertEqual(LOCKED, link.ask("RESERVE 1"))
 
     def test_completing_a_date_again_replaces_its_record(self):
         link = self.session(self.root(), "--size-limit", "100")
         link.ask(f"COMPLETE web1 {DATE} full 40")
         link.ask(f"COMPLETE web1 {DATE} full 10")
-        # The limit knows 10, the free space has paid for both.
+        # The locked size is 10, but both sizes have been subtracted from the free space.
         self.assertEqual(refused(100), link.ask("RESERVE 91"))
         self.assertEqual("OK 0", link.ask("RESERVE 50"))
 
@@ -268,7 +268,7 @@ class Reservation(SystemTest):
         root = self.root()
         backups = chain(root, "web1", "FD", size=40)
         link = self.session(root, "--size-limit", "100")
-        # The newest daily and its full are the limit's; a custom backup takes what is left.
+        # The newest daily and its full backup are locked. The custom backup uses the remaining space.
         self.assertEqual("OK 2", link.ask("COMPLETE other custom custom 20"))
         self.assertEqual(LOCKED, link.ask("RESERVE 20"))
         self.assertEqual([day(-1), DATE], left(backups))

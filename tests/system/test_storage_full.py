@@ -1,4 +1,4 @@
-"""Remote storages that are really full: what is evicted, what is given up, and what is left behind."""
+"""Remote storages that are really full: evictions, abandoned uploads, and the remaining files."""
 
 import os
 import unittest
@@ -13,7 +13,7 @@ FIRST = "2026-11-15"
 
 
 class Kept:
-    """A backup that was put; `left` of samples asks it whether it is there."""
+    """A backup that was put, with the methods that samples.left() calls."""
 
     def __init__(self, test, user, date):
         self.test = test
@@ -59,7 +59,7 @@ class FullTest(SystemTest):
         return sorted(set().union(*(backup.names for backup in backups)))
 
     def check_limit(self):
-        """With a size limit the server makes no room for what the limit promised: it is given up."""
+        """With a size limit the server evicts nothing for a full storage, and the upload is abandoned."""
         server = hold(self.r, day(3, FIRST), "--size-limit", str(100 * MIB))
         path = self.source(f"F{day(3, FIRST)}.web2.tgz", 2 * MIB)
         self.assert_success(self.r.run("--put", path))
@@ -70,7 +70,7 @@ class FullTest(SystemTest):
         os.remove(path + ".attempts")
 
     def check_eviction(self):
-        """Without one the oldest backup goes, and the upload goes on."""
+        """Without a size limit the server evicts the oldest backup, and the upload succeeds."""
         server = hold(self.r, day(3, FIRST))
         made = self.backup("web2", day(3, FIRST), MIB + MIB // 2)
         self.assertEqual([], tree(self.r.work))
@@ -82,7 +82,7 @@ class FullTest(SystemTest):
         self.assertEqual(0, server.end())
 
     def check_too_large(self):
-        """A file that no eviction makes fit: the job keeps it, the storage has nothing of it."""
+        """A file that is too large for the empty storage stays at the job, and leaves nothing on the storage."""
         server = hold(self.r, day(3, FIRST))
         client = server.node_client()
         path = self.source(f"F{day(3, FIRST)}.web3.tgz", 6 * MIB)

@@ -1,4 +1,4 @@
-"""Servers that stand still for longer than `timeout`: an error in time, and nothing half done."""
+"""Servers that hang for longer than `timeout`: commands fail in time and leave no partial files."""
 
 import os
 import signal
@@ -45,7 +45,7 @@ class HangTest(SystemTest):
         self.server.kill(signal.SIGCONT)
 
     def slow(self):
-        """A token with which a transfer takes some seconds."""
+        """Returns a token with which a transfer takes some seconds."""
         return {"BACKUP_TOKEN": self.storage.token(timeout=TIMEOUT, limit_rate=2 * MIB,
                                                    **self.parts())}
 
@@ -114,7 +114,7 @@ for kind_, (server_, make_) in {"S3": ("s3", storages.s3), "Sftp": ("sftp", stor
                                 "Ftps": ("ftp", storages.ftps)}.items():
     globals()[kind_] = type(kind_, (HangTest,), {
         "server_name": server_, "make": staticmethod(make_),
-        # No server is killed here, so S3 can keep its files in memory: it starts in a third of the time.
+        # This test kills no server, so S3 can keep its files in memory. That makes its start three times faster.
         "server_options": {"store": "memstore"} if kind_ == "S3" else {},
         "test_before_it_is_asked": HangTest.hang_before,
         "test_in_an_upload": HangTest.hang_in_an_upload,

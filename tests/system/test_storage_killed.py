@@ -1,4 +1,4 @@
-"""Servers that go down in the middle of an upload and come back: the retry, whose pause the test ends."""
+"""Servers that are killed during an upload and started again. The test ends the pause before the retry."""
 
 import os
 import unittest
@@ -14,7 +14,7 @@ FIRST = f"F{DATE}.web1.tgz"
 
 
 class Upload:
-    """One storage on a server of its own, and an upload onto it that takes some seconds."""
+    """A storage on its own server, and an upload to it that takes some seconds."""
 
     def __init__(self, test, server_name, make):
         self.test = test
@@ -37,7 +37,7 @@ class Upload:
                      info_text({"created": f"{DATE} 00:00:00", "type": "full"}))
 
     def finished(self, user):
-        """A whole backup, made through the node client."""
+        """Makes a complete backup through the node client. Returns its stored names."""
         info = self.info(user)
         self.put(user, "archive", "--info-file", info, "--last_slice")
         index = write(os.path.join(self.r.info_root, f"{DATE}.{user}.tgz"), "index")
@@ -47,7 +47,7 @@ class Upload:
         return [f"{DATE}.{user}.info", f"{DATE}.{user}.tgz", f"F{DATE}.{user}.tgz"]
 
     def break_off(self):
-        """The server goes down when a part of the upload has arrived."""
+        """Kills the server when a part of the upload has arrived."""
         self.before = sorted(self.finished("old") + self.finished("older"))
         self.data = os.urandom(MIB) * 18
         self.job_info = self.info("web1")
@@ -60,7 +60,7 @@ class Upload:
         self.test.assertEqual(["Cant upload"], [text[:11] for text in self.r.log_texts(4)])
 
     def go_on(self):
-        """While the first upload waits, the same node client works on new and on old connections."""
+        """While the first upload waits, puts and deletes other backups with the same node client."""
         made = self.finished("new")
         self.test.assertLessEqual(set(made), set(self.storage.names()))
         self.test.assert_success(self.r.run("--delete",
@@ -79,7 +79,7 @@ class Upload:
         os.remove(self.job_info)
         self.test.assertEqual(0, self.daemon.end())
         names = [*self.expected, f"{DATE}.web1.info", f"{DATE}.web1.tgz", FIRST]
-        # A killed Apache leaves what it had received, and shows it to nobody.
+        # A killed Apache leaves the received part in a temporary file, which it does not serve.
         found = [name for name in self.storage.names() if not name.startswith(".davfs.tmp")]
         self.test.assertEqual(sorted(names), found)
         self.test.assertEqual(self.data, self.storage.files()[FIRST])
@@ -102,7 +102,7 @@ class Killed(SystemTest):
         self.each(uploads, Upload.end)
 
     def each(self, uploads, step):
-        """One that fails is told and left behind; the others go on."""
+        """Runs a step on every upload. Reports an upload that fails and continues with the others."""
         for name in list(uploads):
             upload = uploads.pop(name)
             with self.subTest(storage=name):

@@ -15,7 +15,7 @@ PLACE = f"web1/{DATE}/"
 class Pages(SystemTest):
     def test_a_rescan_finds_what_stands_on_later_pages(self):
         storage = storages.shared(self, "S3Http")
-        # Before the info files of the directory come more names than one page has.
+        # More names than one page lists come before the info files of the directory.
         others = {f"{PLACE}0{number}.dar": "x" for number in range(PAGE + 5)}
         infos = {f"{PLACE}{DATE}.web1-{number}.info": info_text({"type": "full", "number": number})
                  for number in range(40)}

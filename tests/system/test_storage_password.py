@@ -1,4 +1,4 @@
-"""A change of arch_password between two backups: what a rescan brings, and who can restore what."""
+"""A change of arch_password between two backups: rescans and restores with the old, the new and no password."""
 
 import os
 import unittest
@@ -18,7 +18,7 @@ class PasswordTest(SystemTest):
     kind = ""
 
     def make(self, form, place):
-        """A backup with the old password, the next with the new one."""
+        """Makes a backup with the old password, then a backup with the new password."""
         self.storage = storages.shared(self, self.kind)
         self.r = self.root()
         maker = Maker(self.r, form, place)
@@ -44,7 +44,8 @@ class PasswordTest(SystemTest):
         return os.path.join(self.r.info_root, name)
 
     def check_rescan(self, password, known, strange, key_hash):
-        """Indexes of `known` dates come decrypted, those of `strange` as they are, and are listed."""
+        """Checks that a rescan decrypts the indexes of the `known` dates, and leaves those of the `strange` dates
+        encrypted and lists them."""
         self.use(password)
         wipe(self.r)
         rescan(self.r)
@@ -95,7 +96,8 @@ class PasswordTest(SystemTest):
         self.check_delete(place)
 
     def check_delete(self, place):
-        """The copy of a strange index goes with its backup. The list stands for one directory only."""
+        """Checks that a deletion removes the local copy of an encrypted index too. It updates the list only in the
+        flat layout, because a list is for one directory."""
         self.use(NEW)
         rescan(self.r)
         self.assert_success(self.r.run("--delete", self.path(self.made[OLD_DAY]["info"])))

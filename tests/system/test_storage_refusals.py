@@ -1,4 +1,4 @@
-"""Servers that refuse, are somebody else, or do not answer: a clear error in time, nothing touched."""
+"""Servers that refuse, that are the wrong server, or that do not answer: a clear error in time, no file changed."""
 
 import concurrent.futures
 import os
@@ -11,10 +11,10 @@ from harness import SystemTest, read, tree, write
 from peers import Peer, deserted_port
 
 TIMEOUT = 3
-GRACE = 7  # more than the program needs, less than a wait that it should not have
+GRACE = 7  # seconds; more than the program needs, less than an unnecessary wait
 NAME = "F2026-11-20.web1.tgz"
 LONELY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "lonely.py")
-STRANGERS = {  # what servers of other protocols say first
+STRANGERS = {  # the first bytes of servers of other protocols
     "http": b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
     "ssh": b"SSH-2.0-OpenSSH_9.2\r\n",
     "mail": b"220 mail.example ESMTP\r\n",
@@ -23,7 +23,7 @@ STRANGERS = {  # what servers of other protocols say first
 
 
 class Trouble:
-    """A token that leads into trouble. `words`: what the error has to have, any case."""
+    """A token whose use must fail. `words` is a pattern that the error must match, in any case."""
 
     def __init__(self, words, token, patience=TIMEOUT):
         self.words = words
@@ -32,7 +32,7 @@ class Trouble:
 
 
 def credentials(test, storage):
-    """The server's own delay after a wrong password is waited for."""
+    """Returns tokens with wrong credentials. Their timeout is longer than a server's delay after a wrong password."""
     refused = "(refuse|denied|not accept|password|log ?in|the access key|the secret key)"
     patience = 20
 
@@ -98,7 +98,7 @@ def peers(test, storage):
 
 
 class Site:
-    """A root that has something to lose, and the commands that meet the trouble."""
+    """A root with files that must not change, and the commands that must fail."""
 
     def __init__(self, test, token, name):
         self.test = test
@@ -114,7 +114,7 @@ class Site:
         return tree(self.root.work), self.root.local()
 
     def commands(self):
-        """{command: how many operations on the storage it may try}."""
+        """Returns {command: number of operations on the storage that it may try}."""
         target = os.path.join(self.root.base, "restored")
         return {("--update", self.source): 1, ("--get", f"{target}//{NAME}"): 2,
                 ("--server", "--rescan"): 1}
@@ -139,7 +139,7 @@ class RefusalTest(SystemTest):
         self.assertEqual([], storage.names())
 
     def meet(self, trouble, secrets):
-        """What went otherwise than it should."""
+        """Runs the commands with the token. Returns a text for each difference from the expected failure."""
         if "timeout=" not in trouble.token:
             trouble.token += ("&" if "?" in trouble.token else "?") + f"timeout={TIMEOUT}"
         site = Site(self, trouble.token, "refused")

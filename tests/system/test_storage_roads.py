@@ -1,6 +1,6 @@
-"""The road of backups and the way back over each storage on a real server, plain and encrypted.
+"""Backup, eviction, deletion, rescan, restore and clear on each storage of a real server, plain and encrypted.
 
-Each storage has a class of its own, made from a table: a storage that fails is named by its test.
+A table defines one test class for each storage, so that the name of a failed test contains the storage.
 """
 
 import os
@@ -14,9 +14,9 @@ from samples import day, read_info
 SUNDAY = "2026-11-15"
 PASSWORD = "correct horse & battery?"
 ENCRYPTED = b"QN2ENC1\n"
-ARCHIVES = (b"\x1f\x8b", b"\x00\x00\x00{")  # how those of gzip and dar begin
+ARCHIVES = (b"\x1f\x8b", b"\x00\x00\x00{")  # the first bytes of archives of gzip and dar
 
-# (form, place) of the plain and of the encrypted backups, if any.
+# (form, place) of the plain backups and, if there are any, of the encrypted backups.
 FORMS = {
     "S3": (("dar", "dir"), ("part", "flat")),
     "S3Http": (("tgz", "flat"), ("dar", "dir")),
@@ -34,7 +34,7 @@ FORMS = {
 
 
 class Road:
-    """One walk along the road and back; the storage, the root and what was put on the way."""
+    """One sequence of commands on a storage, with the root and the backups that the storage must have."""
 
     def __init__(self, test, storage, form, place, password):
         self.test = test
@@ -43,7 +43,7 @@ class Road:
         self.root = test.root()
         self.root.token = storage.token(arch_password=password)
         self.maker = Maker(self.root, form, place)
-        self.backups = {}  # (user, date) -> what the maker says
+        self.backups = {}  # (user, date) -> result of Maker.put()
         self.files = {}  # (user, date) -> manifest
 
     def put(self, user, date, letter, base=None):
@@ -63,7 +63,7 @@ class Road:
         self.test.assert_success(self.root.run("--delete", path))
 
     def out(self):
-        """Puts, an eviction and a deletion: what stands on the storage is what has to."""
+        """Puts, evicts and deletes backups, and checks the files on the storage."""
         server = hold(self.root, SUNDAY)
         self.put("web1", day(-7, SUNDAY), "F")
         self.put("shop.example", SUNDAY, "F")
@@ -81,7 +81,7 @@ class Road:
         self.check_storage()
 
     def used(self):
-        """What the info files say of the sizes is what the files have."""
+        """Checks that the sizes in the info files match the files. Returns the used bytes."""
         files = self.storage.files()
         used = sum(len(data) for data in files.values())
         told = sum(int(read_info(os.path.join(self.root.info_root, name))["size"])
@@ -113,7 +113,7 @@ class Road:
             self.test.assertEqual(not self.password, data.startswith(ARCHIVES), name)
 
     def back(self):
-        """The info root is lost, made anew, and the backups are restored."""
+        """Removes the info root, rebuilds it with a rescan, and restores the backups."""
         before = tree_bytes(self.root.info_root)
         wipe(self.root)
         rescan(self.root)

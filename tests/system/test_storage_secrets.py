@@ -1,4 +1,4 @@
-"""What succeeds tells no secret: not in the log at its most talkative, not in any command line."""
+"""Successful commands reveal no secret, neither in the log at its highest level nor in a command line."""
 
 import base64
 import os
@@ -15,11 +15,11 @@ ARCH = "correct+horse&battery staple/%"
 
 
 class WatchOfProcesses(Watch):
-    """Notes the command line of every process that descends from this one, as often as it can."""
+    """Repeatedly records the command lines of all descendants of this process."""
 
     def __init__(self):
         super().__init__()
-        self.seen = {}  # command line -> how often
+        self.seen = {}  # command line -> number of times it was seen
 
     def look(self):
         for pid in self.family():
@@ -43,7 +43,7 @@ class WatchOfProcesses(Watch):
 
 
 def forms(text):
-    """A secret as it is, as it stands in a token, and as a header carries it."""
+    """Returns a secret as plain text, percent-encoded as in a token, and as base64 and hex as in a header."""
     return {text, quote(text), quote(text, safe=""), base64.b64encode(text.encode()).decode(),
             text.encode().hex()}
 
@@ -75,7 +75,7 @@ class SecretsTest(SystemTest):
         server = hold(root, SUNDAY)
         client = server.node_client()
         made = Maker(root, "tgz", "flat").put("web1", SUNDAY, "F", files)
-        # Those that live long are looked at for certain.
+        # The watch must see the two processes that run for a long time.
         harness.wait_for(lambda: {command_line(client), command_line(server.daemon)}
                          <= set(watch.seen), "a look at daemon and node client")
         self.assertIn("--client", command_line(client))

@@ -1,18 +1,18 @@
-"""Malformed tokens of every scheme: refused, with the fault named and no secret shown."""
+"""Malformed tokens of every scheme are refused. The error names the fault and shows no secret."""
 
 import os
 import unittest
 
 from harness import SystemTest, read, tree, write
 
-# Random enough that no four characters of them stand in a text by chance. "SECRET" and "ARCH" in the table
-# stand for them, SEC and RET, AR and CH for their halves.
+# The values are random, so that no four of their characters occur in another text by chance. In the table "SECRET"
+# and "ARCH" are placeholders for them; SEC, RET, AR and CH are placeholders for their halves.
 SECRET = ("Zq9XwK", "v7TmPd")
 ARCH = ("vR8hJy", "N3cLq2")
 
-# What is wrong with a token, and a word of the error. "{s}" is the scheme, "{at}" "SCHEME://user:SECRET@".
+# (malformed token, pattern of the error). "{s}" is the scheme, "{at}" is "SCHEME://user:SECRET@".
 EVERYWHERE = (
-    # No scheme, or one that nobody knows
+    # No scheme, or an unknown scheme
     ("{s}", "scheme"),
     ("x{s}://user:SECRET@host/dir", "scheme 'x{s}'"),
     ("{s}x://user:SECRET@host/dir", "scheme '{s}x'"),
@@ -22,7 +22,7 @@ EVERYWHERE = (
     ("user:SECRET@{s}://host/dir", "scheme"),
     ("SECRET", "scheme"),
     ("SECRET@host/dir", "scheme"),
-    # No host, or none that can be one
+    # No host, or an invalid host
     ("{s}:", "host"),
     ("{s}://", "host"),
     ("{s}:///dir", "host"),

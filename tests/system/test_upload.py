@@ -1,4 +1,4 @@
-"""Uploads that the storage refuses: a full file system, evictions, giving up."""
+"""Uploads that the storage refuses: a full file system, evictions, abandoned uploads."""
 
 import os
 import re
@@ -15,7 +15,7 @@ MIB = 1 << 20
 
 
 class FullStorageTest(SystemTest):
-    """A storage on a small file system of its own; needs the right to mount one."""
+    """A storage on its own small file system; needs the right to mount one."""
 
     def setUp(self):
         super().setUp()
@@ -42,10 +42,10 @@ class Refused(FullStorageTest):
         server.expect("DROPONE 0", "OK")
         root.wait_log("Upload failed", level=3, pid=server.pid)
         self.assertTrue(server.is_silent())
-        # Neither the source nor a piece of the target: nothing is lost and nothing is half there.
+        # The source is kept, and the storage has no part of the file.
         self.assertEqual((["F2026-11-20.web1.tgz"], []), (tree(root.work), root.stored()))
 
-        # The failure is not forgotten: the backup's next command fails after its reservation.
+        # The node client remembers the failure: the backup's next command fails after its reservation.
         call = server.reserved_call("PUT " + self.source("F2026-11-20.web1.tgz", 1024), 1024)
         self.assertEqual("", call.answer())
         self.assertEqual((0, ""), server.end())
@@ -96,7 +96,7 @@ class Refused(FullStorageTest):
         first = self.source("F2026-11-20.web1.tgz")
         self.assertRegex(server.reserved_call("PUT " + first, 2 * MIB, count=3).answer(), "OK")
         server.expect("DROPONE 2")
-        # The answer is owed, so the next reservation waits for it on the link.
+        # The test has not answered DROPONE yet, so the next reservation waits for the link.
         second = server.call("PUT " + self.source("F2026-11-20.web2.tgz", 4096))
         root.wait_log("quarn2::Expect::Result* NodeSide::operator()(ResHandle)", pid=server.pid, count=2)
         wait_for(lambda: harness.stat_of(server.pid)[0] == "S", "the command's wait for the link")
@@ -150,7 +150,7 @@ class ServerMakesRoom(FullStorageTest):
     def test_an_upload_that_wants_room_while_its_server_ends_keeps_its_file(self):
         root = self.root_
         chain(root, "web1", "FFF")
-        # Slow enough that the server goes before the storage is full.
+        # The upload is slow, so that the server ends before the storage is full.
         root.token += "?limit_rate=500000"
         server = Server(root, "--date", "2026-11-20").wait_ready()
         path = self.source("F2026-11-20.web2.tgz")

@@ -1,4 +1,4 @@
-"""Failing uploads and their second and third attempts, whose pauses the test ends."""
+"""Failing uploads, with a second and a third attempt. The test ends the pauses between the attempts."""
 
 import os
 import shutil
@@ -12,7 +12,7 @@ NAME = "F2026-11-20.web1.tgz"
 
 class Retry(SystemTest):
     def failing_upload(self, name):
-        """An upload onto a storage name that is a directory, so that it cannot succeed."""
+        """Starts an upload that cannot succeed, because its storage name is a directory."""
         root = self.root(name, program=ENDED_PAUSES)
         obstacle = os.path.join(root.storage, NAME)
         os.makedirs(os.path.join(obstacle, "x"))
@@ -29,10 +29,10 @@ class Retry(SystemTest):
             root.wait_log("Wait 60 seconds before next attempt", level=6)
         shutil.rmtree(obstacle)
 
-        # The next commands of both backups wait for the uploads' outcome.
+        # The next commands of both backups wait for the results of the uploads.
         put = mended_server.reserved_call(
             "PUT " + write(os.path.join(mended.work, "F2026-11-20.web1.tgz.part2"), "x"), 1)
-        # Nothing is reserved for the info file before it is known that the backup is complete.
+        # The node client reserves nothing for the info file before the backup is known to be complete.
         last = failing_server.call(
             "PUTLAST " + write(os.path.join(failing.work, "2026-11-20.web1.info"), "size=1"))
         self.assertFalse(put.has_answer(1) or last.has_answer())

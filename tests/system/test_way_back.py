@@ -1,4 +1,4 @@
-"""Backup, loss of the info root, rescan, restore: with real archives, compared byte for byte."""
+"""Backup, loss of the info root, rescan and restore of real archives, compared byte for byte."""
 
 import os
 import shutil
@@ -15,7 +15,7 @@ USERS = ("example", "shop.example", "a.b.1.c")
 
 class WayBack(SystemTest):
     def make(self, form, place, users=USERS, chained=False):
-        """A full, two dailies and a custom backup for each user: (root, {(user, date): files})."""
+        """Makes a full, two dailies and a custom backup of each user. Returns (root, {(user, date): files})."""
         root = self.root(f"{form}-{place}")
         maker = Maker(root, form, place)
         kept = {}

@@ -1,4 +1,4 @@
-"""Whole backups over sequences of commands, mistakes and interruptions: a complete one stays, a bad one never counts."""
+"""Backups after mistakes and interruptions: a complete backup is kept, an incomplete one never counts."""
 
 import os
 import shutil
@@ -21,7 +21,7 @@ def tmpfs(test, folder, size):
 
 
 def fill(folder):
-    """Leaves no room on the file system of the folder."""
+    """Fills the file system of the folder. Returns the path of the file that uses the space."""
     path = os.path.join(folder, "fill")
     try:
         with open(path, "wb", buffering=0) as file:
@@ -97,7 +97,7 @@ class WholeTest(SystemTest):
             self.assertIn(text, result.stderr)
 
     def die(self, server):
-        """The machine's processes are killed, the files stay."""
+        """Kills the node client and the daemon; their files stay."""
         for pid in (server.node_client(), server.daemon):
             os.kill(pid, signal.SIGKILL)
             wait_gone(pid)
@@ -330,7 +330,7 @@ class FullDisks(WholeTest):
         os.makedirs(self.r.info_root)
 
     def assert_does_not_count(self, backup, older):
-        """A server that allows one full backup takes none away in favour of the incomplete one."""
+        """Checks that a server with a limit of one full backup does not count the incomplete backup."""
         self.assertEqual(0, self.serve("-C", "1:9").end())
         self.assertIn(f"Backup '{backup}' is not complete", "".join(self.r.log_texts(4)))
         self.assertTrue(older.is_whole())
