@@ -20,7 +20,7 @@ import time
 import unittest
 
 BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quarn2_cp"))
-# The same program with a clock whose long pauses end when a test wants it: see Root.end_pauses.
+# The same program with a clock whose long pauses a test can end: see Root.end_pauses.
 ENDED_PAUSES = os.path.abspath(os.environ.get("QUARN2_CP_ENDED_PAUSES",
                                               "build/tests/system/quarn2_cp_ended_pauses"))
 DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "180"))
@@ -151,7 +151,7 @@ def listens(pid):
     except (FileNotFoundError, ProcessLookupError):
         return False  # the process has ended, or a descriptor was closed
     except PermissionError:
-        return True  # only root may look
+        return True  # only root may read the descriptors, so this cannot be checked
 
 
 def command_line(pid):

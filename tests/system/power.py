@@ -132,7 +132,7 @@ def apply_changes(entries, changes):
 
 
 class Disk:
-    """The model. Paths are relative to the recorded folder."""
+    """The model of the disk. Paths are relative to the recorded folder."""
 
     def __init__(self):
         self.root = Folder()
