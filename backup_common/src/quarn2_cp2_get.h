@@ -20,7 +20,8 @@ void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
 // Downloads the info file `name` into `local_dir`, together with the companion file that a restore
 // needs first: the isolated catalogue or the index. For an index that is encrypted with a key other
 // than the token's, adds a line to `encrypted_lines`. Ignores other names, and names with "#". Logs
-// failures, never throws. `filter` is unused.
-void DownloadInfoFile(const std::string& local_dir, const std::string& node,
+// failures, never throws. Returns false when the storage was unavailable, so that another attempt
+// may succeed. `filter` is unused.
+bool DownloadInfoFile(const std::string& local_dir, const std::string& node,
                       std::shared_ptr<quarn2::Storage> storage, const std::string& filter,
                       std::string& encrypted_lines, const std::string& name);

@@ -1,6 +1,7 @@
 #include <string>
 
 #include "kro/kro_env.h"
+#include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
@@ -56,14 +57,17 @@ void Download(const std::string& local_dir, const std::string& node, quarn2::Sto
 
 }  // namespace
 
-void DownloadInfoFile(const std::string& local_dir, const std::string& node,
+bool DownloadInfoFile(const std::string& local_dir, const std::string& node,
                       std::shared_ptr<quarn2::Storage> storage, const std::string& /*filter*/,
                       std::string& encrypted_lines, const std::string& name) {
-    if (!str::EndsWith(name, kInfo) || name.find('#') != std::string::npos) return;
+    if (!str::EndsWith(name, kInfo) || name.find('#') != std::string::npos) return true;
     KRO_LOG(kLog, 6, "Download %s", name.c_str());
     try {
         Download(local_dir, node, *storage, encrypted_lines, name);
+        return true;
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Cant download file: '%s'", error.what());
+        const auto* const reason = dynamic_cast<const kro_err::Error*>(&error);
+        return reason == nullptr || reason->kind() != kro_err::Kind::kUnavailable;
     }
 }

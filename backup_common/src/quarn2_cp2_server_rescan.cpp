@@ -1,7 +1,9 @@
 #include "quarn2_cp2_server_rescan.h"
 
 #include <algorithm>
+#include <deque>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -18,6 +20,7 @@
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_rescan_removed.h"
 #include "quarn2_cp2_server_rescan_root.h"
 #include "quarn2_cp2_server_start.h"
@@ -126,6 +129,43 @@ class LocalKeys {
     quarn2::InfoMap info_;
 };
 
+bool IsUnavailable(const std::exception& error) {
+    const auto* const reason = dynamic_cast<const kro_err::Error*>(&error);
+    return reason != nullptr && reason->kind() == kro_err::Kind::kUnavailable;
+}
+
+// What a rescan could not read because the storage was unavailable for a moment.
+class FailedReads {
+  public:
+    using Read = std::function<void()>;
+
+    // `again` adds itself when it fails again.
+    void Add(Read again) { reads_.push_back(std::move(again)); }
+
+    // Repeats the reads, each until it succeeds. Stops after a few failures in all, because then
+    // the storage is down.
+    void Repeat() {
+        for (std::size_t failures = 0; !reads_.empty() && failures < kMaxFailures;) {
+            const Read read = std::move(reads_.front());
+            reads_.pop_front();
+            const std::size_t before = reads_.size();
+            read();
+            failures += reads_.size() - before;
+        }
+    }
+
+    void WarnOfRest() const {
+        if (reads_.empty()) return;
+        Warn("the storage could not be read completely: " + str::Str(reads_.size()) +
+             " of its files and directories are missing here, so their backups are not counted. "
+             "Look into the log and run --server --rescan again");
+    }
+
+  private:
+    static constexpr std::size_t kMaxFailures = 3;
+    std::deque<Read> reads_;
+};
+
 class Rescanner {
   public:
     Rescanner(std::shared_ptr<quarn2::Storage> storage, const std::string& local_root,
@@ -158,9 +198,11 @@ class Rescanner {
             Take(entry);
             progress.FileDone();
         }
+        failed_.Repeat();
         storage_->SetObserver(nullptr);
         WriteEncryptedLines();
         marker.Remove();
+        failed_.WarnOfRest();
     }
 
   private:
@@ -174,10 +216,11 @@ class Rescanner {
             KRO_LOG(kLog, 4, "Cant list storage directory. What: '%s'. Try download file",
                     error.what());
             Fetch(local_root_, entry);
+            if (IsUnavailable(error)) failed_.Add([this, entry] { Take(entry); });
             return;
         }
         if (sub.size() == 1 && sub.front() == entry) {
-            Fetch(local_root_, entry);
+            FetchTop(entry);
         } else if (filter_.empty() || filter_ == entry) {
             TakeUser(entry, sub);
         }
@@ -194,8 +237,19 @@ class Rescanner {
         });
     }
 
-    void Fetch(const std::string& directory, const std::string& name) {
-        DownloadInfoFile(directory, node_, storage_, filter_, encrypted_lines_, name);
+    bool Fetch(const std::string& directory, const std::string& name) {
+        return DownloadInfoFile(directory, node_, storage_, filter_, encrypted_lines_, name);
+    }
+
+    void FetchTop(const std::string& name) {
+        if (!Fetch(local_root_, name)) failed_.Add([this, name] { FetchTop(name); });
+    }
+
+    // `name` is that of a file in a date directory.
+    void FetchDated(const std::string& name) {
+        const LocalKeys local_keys(kro_file::ConcatPath(local_dir_, name), trust_local_);
+        if (!Fetch(local_dir_, name)) failed_.Add([this, name] { FetchDated(name); });
+        local_keys.Restore();
     }
 
     void TakeUser(const std::string& user, Names& dates) {
@@ -206,26 +260,24 @@ class Rescanner {
         // A user's info root also has the files of the storage root.
         if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
         RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
-        for (const std::string& date : dates) {
-            const std::string dir = kro_file::ConcatPath(user, date);
-            ClearForDirectory(kro_file::ConcatPath(local_dir_, dir), *removed_);
-            quarn2::MkLocalDir(local_root_, user, date);
-            Names files;
-            try {
-                storage_->List(files, dir);
-            } catch (const std::exception& error) {
-                KRO_LOG(kLog, 4, "Cant list date directory. What: '%s'", error.what());
-                continue;
-            }
-            DropUnsafe(files);
-            if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
-            for (const std::string& file : files) {
-                const std::string name = kro_file::ConcatPath(dir, file);
-                const LocalKeys local_keys(kro_file::ConcatPath(local_dir_, name), trust_local_);
-                Fetch(local_dir_, name);
-                local_keys.Restore();
-            }
+        for (const std::string& date : dates) TakeDate(user, date);
+    }
+
+    void TakeDate(const std::string& user, const std::string& date) {
+        const std::string dir = kro_file::ConcatPath(user, date);
+        ClearForDirectory(kro_file::ConcatPath(local_dir_, dir), *removed_);
+        quarn2::MkLocalDir(local_root_, user, date);
+        Names files;
+        try {
+            storage_->List(files, dir);
+        } catch (const std::exception& error) {
+            KRO_LOG(kLog, 4, "Cant list date directory. What: '%s'", error.what());
+            if (IsUnavailable(error)) failed_.Add([this, user, date] { TakeDate(user, date); });
+            return;
         }
+        DropUnsafe(files);
+        if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
+        for (const std::string& file : files) FetchDated(kro_file::ConcatPath(dir, file));
     }
 
     // Moves away local files that the storage does not have. Afterwards, `files` has the names to
@@ -279,6 +331,7 @@ class Rescanner {
     bool trust_local_ = true;
     std::optional<RemovedEntries> removed_;  // set while Run works
     std::string encrypted_lines_;
+    FailedReads failed_;
 };
 
 }  // namespace

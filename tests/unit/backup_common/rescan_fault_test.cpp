@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <set>
 
 #include "kro/kro_err.h"
 #include "kro/kro_proc.h"
@@ -57,6 +58,12 @@ class RescanFault : public RescanSite {
             }
         });
     }
+    // The warning of a rescan that could not read so many files and directories.
+    static std::string Missing(int count) {
+        return "4: the storage could not be read completely: " + std::to_string(count) +
+               " of its files and directories are missing here, so their backups are not counted. "
+               "Look into the log and run --server --rescan again";
+    }
     static std::string Failure(const std::vector<std::string>& words = {}) {
         return TextOf<std::exception>([&] { Run(words); });
     }
@@ -95,7 +102,47 @@ TEST_F(RescanFault, OneOfFiveDownloadsThatFailsCostsItselfOnly) {
               (Lines{"2026-11-21.web1.1.dar", "2026-11-21.web1.info", "2026-11-23.web1.1.dar",
                      "2026-11-23.web1.info", "2026-11-24.web1.1.dar", "2026-11-24.web1.info",
                      "2026-11-25.web1.1.dar", "2026-11-25.web1.info"}));
-    EXPECT_EQ(Log(4), (Lines{"4: Cant download file: 'no 2026-11-22.web1.info today'"}));
+    const std::string line = "4: Cant download file: 'no 2026-11-22.web1.info today'";
+    EXPECT_EQ(Log(4), (Lines{line, line, line, line, Missing(1)}));
+}
+
+TEST_F(RescanFault, WhatFailsOnceIsReadAgain) {
+    StoreFlat("2026-11-20.web1");
+    StoreDated("web2", "2026-11-20");
+    StoreDated("web3", "2026-11-20");
+    std::set<std::string> to_fail = {"Get 2026-11-20.web1.info", "List web2",
+                                     "List web3/2026-11-20",
+                                     "Get web2/2026-11-20/2026-11-20.web2.tgz"};
+    store_->SetHook([&to_fail](const std::string& what, const std::string& name) {
+        if (to_fail.erase(what + " " + name) != 0) throw kro_err::Error(Kind::kUnavailable, "no");
+    });
+    Run();
+    EXPECT_EQ(to_fail, std::set<std::string>());
+    EXPECT_EQ(InfoRoot(),
+              (Lines{"2026-11-20.web1.info", "2026-11-20.web1.tgz", "web2", "web2/2026-11-20",
+                     "web2/2026-11-20/2026-11-20.web2.info", "web2/2026-11-20/2026-11-20.web2.tgz",
+                     "web3", "web3/2026-11-20", "web3/2026-11-20/2026-11-20.web3.info",
+                     "web3/2026-11-20/2026-11-20.web3.tgz"}));
+}
+
+TEST_F(RescanFault, AStorageThatGoesDownIsNotAskedForEverythingTwice) {
+    for (int day = 10; day < 30; ++day) StoreFlat("2026-11-" + std::to_string(day) + ".web1");
+    int calls = 0;
+    store_->SetHook([&calls](const std::string& what, const std::string&) {
+        if (what != "Get") return;
+        ++calls;
+        throw kro_err::Error(Kind::kUnavailable, "down");
+    });
+    Run();
+    EXPECT_EQ(calls, 20 + 3);
+    EXPECT_EQ(Log(4).back(), Missing(20));
+}
+
+TEST_F(RescanFault, AFileThatIsRefusedIsNotAskedForAgain) {
+    StoreFlat("2026-11-20.web1");
+    Fail("Get", {"2026-11-20.web1.info"}, Kind::kUnauthorized);
+    Run();
+    EXPECT_EQ(Log(4), (Lines{"4: Cant download file: 'no 2026-11-20.web1.info today'"}));
 }
 
 TEST_F(RescanFault, AFailedDownloadKeepsTheLocalFile) {
@@ -117,12 +164,16 @@ TEST_F(RescanFault, AnEntryThatCannotBeListedIsTriedAsAnInfoFile) {
     Run();
     EXPECT_EQ(InfoRoot(), (Lines{"2026-11-20.web1.info", "2026-11-20.web1.tgz", "web2",
                                  "web2/2026-11-20", "web2/2026-11-20/2026-11-20.web2.info"}));
-    EXPECT_EQ(Log(6),
-              (Lines{"5: Rescan storage and place indexes to 'var/backup/tovarn'",
-                     "4: Cant list storage directory. What: 'no 2026-11-20.web1.info today'. Try "
-                     "download file",
-                     "6: Download 2026-11-20.web1.info",
-                     "4: Cant list storage directory. What: 'no web2 today'. Try download file"}));
+    const Lines tries = {
+        "4: Cant list storage directory. What: 'no 2026-11-20.web1.info today'. Try download file",
+        "6: Download 2026-11-20.web1.info",
+        "4: Cant list storage directory. What: 'no web2 today'. Try download file"};
+    Lines expected = {"5: Rescan storage and place indexes to 'var/backup/tovarn'"};
+    expected.insert(expected.end(), tries.begin(), tries.end());
+    expected.insert(expected.end(), tries.begin(), tries.end());
+    expected.insert(expected.end(), tries.begin(), tries.begin() + 2);
+    expected.push_back(Missing(2));
+    EXPECT_EQ(Log(6), expected);
 }
 
 TEST_F(RescanFault, ADateThatCannotBeListedIsLeftAsItIs) {
@@ -133,7 +184,8 @@ TEST_F(RescanFault, ADateThatCannotBeListedIsLeftAsItIs) {
     Run();
     EXPECT_EQ(Local("web1/2026-11-20/2026-11-20.web1.info"), "kept");
     EXPECT_EQ(Local("web1/2026-11-21/2026-11-21.web1.tgz"), "index of 2026-11-21.web1");
-    EXPECT_EQ(Log(4), (Lines{"4: Cant list date directory. What: 'no web1/2026-11-20 today'"}));
+    const std::string line = "4: Cant list date directory. What: 'no web1/2026-11-20 today'";
+    EXPECT_EQ(Log(4), (Lines{line, line, line, line, Missing(1)}));
 }
 
 // --- Hostile listings ---
