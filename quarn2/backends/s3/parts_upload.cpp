@@ -300,11 +300,14 @@ net::HttpReply PartsUpload::Head() {
     return service_.AskAnew(std::move(call));
 }
 
+// Without the expected ETag an older file of the same size would look like this one.
 bool PartsUpload::IsStored() {
+    const std::string expected = ExpectedEtag();
+    if (expected.empty()) return false;
     try {
         const net::HttpReply reply = Head();
         return reply.IsSuccess() && reply.Header("content-length") == str::Str(source_->size()) &&
-               Unquoted(reply.Header("etag")) == ExpectedEtag();
+               Unquoted(reply.Header("etag")) == expected;
     } catch (const Error&) {
         return false;
     }

@@ -88,7 +88,18 @@ INSTANTIATE_TEST_SUITE_P(Webdav, HostilePeer, testing::Values(kWebdav));
 
 // --- False successes ---
 
-class HostileSuccess : public HostileHttp {};
+class HostileSuccess : public HostileHttp {
+  protected:
+    static constexpr std::size_t kInParts = 11UL * 1024 * 1024;
+
+    void ExpectRefusedInParts(const std::string& reason) {
+        const std::string large = folder_ / "large";
+        local_files::Save(large, std::string(kInParts, 'x'));
+        const auto storage = Open("&part_size=5242880");
+        EXPECT_THAT(ErrorOf([&] { storage->Upload("file", large); }), HasSubstr(reason));
+        EXPECT_TRUE(local_files::Has(large));
+    }
+};
 
 // An upload in parts. The client compares its size with the size that the server reports for the
 // complete file.
@@ -110,11 +121,32 @@ TEST_P(HostileSuccess, OfAnUploadInPartsThatIsShorter) {
                                     : "<CompleteMultipartUploadResult><ETag>\"other\"</ETag>"
                                       "</CompleteMultipartUploadResult>");
     });
-    const std::string large = folder_ / "large";
-    local_files::Save(large, std::string(11UL * 1024 * 1024, 'x'));
-    const auto storage = Open("&part_size=5242880");
-    EXPECT_THAT(ErrorOf([&] { storage->Upload("file", large); }), HasSubstr("cannot store 'file'"));
-    EXPECT_TRUE(local_files::Has(large));
+    ExpectRefusedInParts("cannot store 'file'");
+}
+
+// The server has forgotten the upload, and has a file of the same size without an ETag: an older
+// file could be just as large.
+TEST_P(HostileSuccess, OfAnUploadInPartsThatMayBeAnOlderFile) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.method == "GET") {
+            return exchange.Answer(200, "<ListMultipartUploadsResult/>");
+        }
+        if (exchange.method == "HEAD") {
+            exchange.Body();
+            exchange.Write("HTTP/1.1 200 OK\r\nContent-Length: " + std::to_string(kInParts) +
+                           "\r\n\r\n");
+            return;
+        }
+        if (exchange.method == "PUT") return exchange.Answer(200, "", {"ETag: \"e\""});
+        if (exchange.method == "DELETE") return exchange.Answer(204);
+        if (exchange.target.find("uploads") == std::string::npos) {
+            return exchange.Answer(404, "<Error><Code>NoSuchUpload</Code></Error>");
+        }
+        exchange.Answer(200,
+                        "<InitiateMultipartUploadResult><UploadId>i</UploadId>"
+                        "</InitiateMultipartUploadResult>");
+    });
+    ExpectRefusedInParts("cannot store 'file'");
 }
 
 // The server returns the checksum that was stored with the file.
