@@ -22,7 +22,6 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr int kMostSlices = 100000;
 constexpr std::size_t kFirstSliceEnding = 6;  // ".1.dar"
 constexpr std::size_t kCustomHead = 11;       // "C" and a date; "custom" in companion names
 
@@ -67,7 +66,7 @@ void RemoveListed(Removal& storage, const std::string& stem, int count, const st
 // and the backup can be deleted again by the same name.
 void RemoveNumbered(Removal& storage, const std::string& stem, int count,
                     const std::string& ending) {
-    if (count > kMostSlices) {
+    if (count > kMaxSlices) {
         RemoveListed(storage, stem, count, ending);
         return;
     }

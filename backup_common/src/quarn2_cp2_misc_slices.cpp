@@ -11,7 +11,6 @@
 
 namespace {
 
-constexpr int kMaxSlices = 100000;
 constexpr std::size_t kDateSize = std::string_view("YYYY-MM-DD").size();
 constexpr std::size_t kCustomHead = 1 + kDateSize;  // "C" and a date
 

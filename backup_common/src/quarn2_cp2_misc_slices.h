@@ -7,12 +7,15 @@
 
 #include "quarn2/info.h"
 
+// The maximum number of slices of an archive that are addressed one by one.
+inline constexpr int kMaxSlices = 100000;
+
 // True for the keys of an info file whose value begins with the name of a slice.
 bool NamesSlice(const std::string& key);
 
 // The stored names of every slice that the info file names: of "last-slice" and of each role with
 // slices of its own, from slice 1 to the last. A name without a number is one slice. Throws
-// std::runtime_error when an archive has more than 100,000 slices.
+// std::runtime_error when an archive has more than kMaxSlices slices.
 std::vector<std::string> NamedSlices(const quarn2::InfoMap& info);
 
 // The first word of "last-slice"; empty without one.
