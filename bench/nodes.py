@@ -62,7 +62,7 @@ def put_times(machine):
 
 
 def round_trip(node):
-    """The seconds of a round trip over the cable. A refused connection takes one round trip."""
+    """Measures the round trip over the cable in seconds: the time until a connection is refused."""
     script = """
 import socket, time
 begin = time.perf_counter()

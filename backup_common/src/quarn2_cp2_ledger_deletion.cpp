@@ -29,7 +29,8 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
     for (const std::string& name : entries_) {
         const bool written =
             ledger_.Update(name, [](LedgerEntry& entry) { entry.RecordRemoval(); });
-        // Without an entry, a job queries the storage for its slices.
+        // The entry still says that slices are stored. Without it, a job that completes the same
+        // backup must ask the storage for them.
         if (!written) ledger_.End(name);
     }
 }

@@ -120,7 +120,8 @@ std::vector<std::string> LocalIndexes(const std::string& info_path, const std::s
     return names;
 }
 
-// A role with the archive's value has companion files, which the info file does not name.
+// Returns true if a "role-..." key has the same value as "last-slice". Such a role has files of its
+// own on the storage, whose names the info file does not contain.
 bool HasSharedRole(const quarn2::InfoMap& info) {
     const auto last = info.find("last-slice");
     return std::any_of(info.begin(), info.end(), [&](const auto& entry) {

@@ -58,8 +58,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
     return size == info.end() ? 0 : str::Int64(size->second);
 }
 
-// Adds the slices of the complete backup that the job replaces, as removed: the job must put each
-// of them again.
+// Records each slice of the complete backup that the job replaces as removed. So the job cannot
+// complete the backup before it has put all of them again.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));

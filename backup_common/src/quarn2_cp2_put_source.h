@@ -37,7 +37,8 @@ class SourceFile {
     // kro_err::Error.
     explicit SourceFile(const std::string& path);
 
-    // Compares the file with its state when it was opened. Throws kro_err::Error.
+    // Returns how the file differs from its state when it was opened. Throws kro_err::Error if its
+    // state cannot be read.
     SourceState Compare() const;
 
   private:

@@ -131,8 +131,8 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
         Release(error.what(), source);
         return false;
     }
-    // The job has already got the file's size. The next attempt would store content of another
-    // size.
+    // The file has changed, but the job already has its old size. Another attempt would store
+    // content that does not match this size.
     if (source && source->Compare() != SourceState::kUnchanged) {
         LogGivenUp(local_path_, error);
         Release(error.what(), source);

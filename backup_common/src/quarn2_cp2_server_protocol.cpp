@@ -133,8 +133,8 @@ std::string MasterSide::Complete(std::string arguments) {
     return "OK " + str::Str(storage_.owner->max_count);
 }
 
-// Downloads the backup's info file. A failure is only logged: the account is correct without the
-// file until the server ends, and an eviction downloads it again.
+// Downloads the backup's info file. A failure is only logged: the running server counts the backup
+// without the file, and an eviction downloads the file again.
 void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) const {
     try {
         FetchInfoFile(*storage_.storage, storage_.owner->path, user, date);

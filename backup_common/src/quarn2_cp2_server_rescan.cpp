@@ -157,8 +157,9 @@ class FailedReads {
     void WarnOfRest() const {
         if (reads_.empty()) return;
         Warn("the storage could not be read completely: " + str::Str(reads_.size()) +
-             " of its files and directories are missing here, so their backups are not counted. "
-             "Look into the log and run --server --rescan again");
+             " files or directories could not be read, so their backups are not counted. See the "
+             "log "
+             "and run --server --rescan again");
     }
 
   private:
@@ -365,8 +366,8 @@ ResHandle Rescan(const kro_args::Result& args) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(local_root);
     ResHandle handle = LockWithoutServer(ServerFiles(storage_name));
     KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
-    // Otherwise the rescan would fetch their info files from the storage, and they would count as
-    // complete backups again.
+    // Otherwise the rescan would download the info files of backups whose deletion was interrupted,
+    // and would count these backups as complete again.
     FinishDeletions(storage, local_root);
     Rescanner(storage, local_root, storage_name).Run();
     return handle;

@@ -70,7 +70,7 @@ void CheckIsNoOtherUsers(const std::string& local_root, const std::string& stora
     };
     check(UserOfInfoRoot(local_root, kData));
     check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
-    // The info root may be in the data of another installation.
+    // The directory may be below the data directory of another installation.
     if (!quarn2::IsAdminData(local_root)) check(kro_file::Name(local_root));
 }
 

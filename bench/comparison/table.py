@@ -10,7 +10,7 @@ def number(value):
 
 
 def against(ours, peers, field):
-    """The cells "OURS / THEIRS TOOL" and "RATIO" of one field, against the peer that is best in it."""
+    """Returns the two cells of one measurement: "OURS / THEIRS TOOL" for the best peer, and the ratio."""
     mine = getattr(ours, field)
     if not peers:
         return f"{number(mine):>6}", ""

@@ -21,7 +21,7 @@ class Judge:
         self.runs = []
         self.complete = {}  # key -> run of the backups that were complete after the previous step
         self.session = set()  # keys of those that were completed while this server runs
-        self.used = 0  # after the previous step
+        self.used = 0  # bytes on the storage after the previous step
         self.pending = 0  # bytes that were asked for since the last completion
         self.log = ""
         self.has_log = True
@@ -32,7 +32,7 @@ class Judge:
         self.runs.append(run)
 
     def release(self, key):
-        """The user has removed it, or a rule: nothing more is promised."""
+        """The user or a rule has removed this backup, so no promise holds for it any more."""
         self.acked.pop(key, None)
 
     def base_for(self, user, date):
@@ -40,7 +40,8 @@ class Judge:
         fulls = {key: run for key, run in self.find_complete().items()
                  if key[0] == user and week_of(date) <= key[1] <= date and run.kind == "full"}
         newest = max(fulls, default=None)
-        # A full backup that is repeated stays one: as a daily it would rest on one that may go.
+        # The repeated job of a full backup makes a full one again: as a daily it would rest on a full
+        # backup that may be evicted.
         return fulls[newest] if newest in self.acked and newest[1] < date else None
 
     def whole_run(self, key):

@@ -1,4 +1,4 @@
-"""The installed program with its storage, and what can happen to them. Nothing is judged here."""
+"""Runs the installed program with its storage, and makes failures happen to both. checks.py judges the results."""
 
 import os
 import select
@@ -219,7 +219,7 @@ class World:
     # --- Waiting ---
 
     def wait_client(self):
-        """Waits until the node client of a server that lives takes commands."""
+        """If a server runs, waits until its node client accepts commands."""
         end = time.monotonic() + self.patience
         while self.serves() and not self.can_connect():
             if time.monotonic() > end:

@@ -46,7 +46,7 @@ class Relay {
     void HarmOnce(Harm harm, When when) { Arm(harm, when, false); }
     void HarmForGood(Harm harm, When when) { Arm(harm, when, true); }
 
-    // True if the harm has begun since the last call of HarmOnce or HarmForGood.
+    // True if the failure that the last call of HarmOnce or HarmForGood prepared has begun.
     bool Harmed();
 
     // Ends the harm and accepts connections again. Resets stalled connections, as happens when a
@@ -116,7 +116,7 @@ class Relay {
     std::array<std::int64_t, 2> passed_ = {0, 0};
     bool stopping_ = false;
 
-    // The queue of work for the thread.
+    // Protects the queue of tasks for the thread.
     std::mutex mutex_;
     std::vector<std::shared_ptr<std::packaged_task<void()>>> work_;
     ResHandle wake_;

@@ -21,7 +21,7 @@ def is_hidden(path):
 
 
 class Promises:
-    """Paths are relative to the recorded folder, stored names to the storage."""
+    """Local paths are relative to the recorded folder. Names of stored files are relative to the root of the storage."""
 
     def __init__(self):
         self.contents = collections.defaultdict(set)  # stored name or path -> allowed contents

@@ -46,7 +46,8 @@ class Tree {
     // Removes one file. Succeeds for a missing file. Throws kFailed for a directory.
     void RemoveFile(const std::string& name);
 
-    // Throws the error for a file that the server has refused: kNotFound if it does not exist.
+    // Throws kNotFound if the file does not exist, and otherwise the error of the reply. To be
+    // called when the server has refused a command on the file.
     [[noreturn]] void ThrowMissing(const Reply& reply, const std::string& name,
                                    const std::string& deed);
 

@@ -207,8 +207,8 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     server_.Refuse("PUT", temporary, reply);
 }
 
-// Removes the copy of the upload that nginx leaves if it cannot complete it. Returns true if the
-// copy is shorter than the upload: the disk was full.
+// Removes the partial file that nginx leaves when it cannot complete an upload. Returns true if
+// this file is shorter than the upload, because then the disk was full.
 bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     const auto [directory, file] = kro_file::SplitPath(temporary);
     std::vector<DavServer::Victim> remains;

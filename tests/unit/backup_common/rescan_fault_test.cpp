@@ -61,8 +61,8 @@ class RescanFault : public RescanSite {
     // The warning of a rescan that could not read so many files and directories.
     static std::string Missing(int count) {
         return "4: the storage could not be read completely: " + std::to_string(count) +
-               " of its files and directories are missing here, so their backups are not counted. "
-               "Look into the log and run --server --rescan again";
+               " files or directories could not be read, so their backups are not counted. See the "
+               "log and run --server --rescan again";
     }
     static std::string Failure(const std::vector<std::string>& words = {}) {
         return TextOf<std::exception>([&] { Run(words); });

@@ -284,7 +284,8 @@ class ChangingSource : public UploadTest {
         Place("b/new", content);
         std::filesystem::rename("b/new", kSlice);
     }
-    // Sets the time one second later, because a test is faster than the clock of the file system.
+    // Advances the modification time by one second, because both writes may fall into one tick of
+    // the file system's clock.
     static void Rewrite(const std::string& content) {
         Place(kSlice, content);
         using namespace std::chrono_literals;

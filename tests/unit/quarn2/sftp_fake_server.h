@@ -46,7 +46,8 @@ struct Disk {
                                   // that the file must not exist
     bool writes_back = false;     // a file's data appear when it is closed
     bool late_time = false;       // the modification time is that of the close
-    std::map<std::string, std::string> replaced;  // content that another client writes at close
+    std::map<std::string, std::string> replaced;  // content of another client, which replaces the
+                                                  // file when the tested client closes it
     Code write_code = Code::kFailure;             // of refused writes, with write_text
     std::string write_text = "Failure";
     std::map<std::string, std::string> unwritten;  // data of files that are not closed yet
