@@ -89,6 +89,13 @@ std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::s
     return archives;
 }
 
+// Returns true when the entry may be of this archive. An interrupted deletion that found the disk
+// full has left an entry with the name of the backup, not of its archive.
+bool IsOfArchive(const LedgerEntry& entry, const std::string& archive) {
+    if (entry.name == archive) return true;
+    return entry.is_unknown && !IsArchive(entry.name) && LedgerKey(archive) == entry.name;
+}
+
 // The unfinished backups to which a line refers. A full and a custom backup of one day have the
 // same prefix, and one of them may be complete.
 class Unfinished {
@@ -119,7 +126,7 @@ class Unfinished {
         }
         return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
             // The names of a custom backup's index and info file have no date.
-            return is_archive ? entry.name == stem : !str::StartsWith(entry.name, "C");
+            return is_archive ? IsOfArchive(entry, stem) : !str::StartsWith(entry.name, "C");
         });
     }
 
@@ -151,7 +158,9 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
     const std::string info_path =
         quarn2::GetInfoFile(dir, quarn2::GetUserName(entry.name), quarn2::GetDate(entry.name));
     if (!kro_file::Exists(info_path)) return;
-    if (ArchiveOf(quarn2::GetInfo(info_path)) == entry.name) Delete(storage, info_path, false);
+    if (IsOfArchive(entry, ArchiveOf(quarn2::GetInfo(info_path)))) {
+        Delete(storage, info_path, false);
+    }
 }
 
 // Removes the unfinished backups to which the line refers. Returns the names of their ledger

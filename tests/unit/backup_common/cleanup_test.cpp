@@ -405,6 +405,18 @@ TEST_F(ListAndLedger, AnInfoFileOfAnEarlierRunGoesWithItsSlices) {
     EXPECT_EQ(Below("root"), Lines());
 }
 
+TEST_F(ListAndLedger, TheEntryOfADeletionOnAFullDiskMeansTheWholeBackup) {
+    Store({"F2026-11-15.web1.tgz", "2026-11-15.web1.tgz", "2026-11-15.web1.info",
+           "C2026-11-15.web1.tgz"});
+    Place("root/2026-11-15.web1.info", "finished=x\nlast-slice=F2026-11-15.web1.tgz\nsize=1");
+    Ledger().MakeUnknown("2026-11-15.web1");
+    List("2026-11-15.web1");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), (Lines{"C2026-11-15.web1.tgz"}));
+    EXPECT_EQ(Below("root"), Lines());
+    EXPECT_EQ(Ledger().Entries().size(), 0U);
+}
+
 TEST_F(ListAndLedger, WhileALineIsLeftTheLedgerKeepsItsEntries) {
     Store({"C2026-11-15.web1.tgz"});
     Begin("C2026-11-15.web1.tgz");
