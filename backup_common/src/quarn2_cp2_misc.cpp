@@ -30,7 +30,8 @@ pid_t CheckPeer(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        throw kro_err::FromErrno("Failed to ask who holds the control socket");
+        throw kro_err::FromErrno(
+            "Failed to find out which user's process holds the control socket");
     }
     if (peer.uid == 0 || peer.uid == geteuid()) return peer.pid;
     throw std::runtime_error("the control socket is held by another user, of id " +

@@ -233,7 +233,7 @@ void GlobalSizeControl::CheckStorage() {
     if (is_storage_checked) return;
     for (const auto& [key, desc] : storages) CheckRightStorage(*desc.storage, path);
     is_storage_checked = true;
-    KRO_LOG(kLog, 5, "The storage has backups that are known here: deletions are allowed");
+    KRO_LOG(kLog, 5, "The storage has backups that this server knows: deletions are allowed again");
 }
 
 void GlobalSizeControl::DropOldest(int keep) {

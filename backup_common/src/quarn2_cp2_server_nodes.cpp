@@ -90,7 +90,7 @@ void SupervisedNode::WaitForClient(Clock::time_point now) {
 void SupervisedNode::LogEnd() const {
     const std::string words = client_->last_words();
     KRO_LOG(kLog, 4, "Session with node '%s' ended. Exit status: %d%s%s", name_.c_str(),
-            client_->status(), words.empty() ? "" : ". Last words: ", words.c_str());
+            client_->status(), words.empty() ? "" : ". Last output: ", words.c_str());
 }
 
 bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {

@@ -131,7 +131,8 @@ void CheckRescanRoot(const std::string& local_root, const std::string& storage_n
     }
     const std::filesystem::path cleaned = ResolvePath(RescanDirectory(local_root));
     if (IsSameOrBelow(cleaned, ResolvePath("")) || IsSameOrBelow(cleaned, ResolvePath("var"))) {
-        Refuse(local_root, "the install root lies there; name a directory for info files alone");
+        Refuse(local_root,
+               "the install root is below it; name a directory that has only info files");
     }
     CheckTouchesNoStorage(local_root, cleaned);
     CheckIsNoOtherUsers(local_root, storage_name);

@@ -53,7 +53,7 @@ class FileSource final : public ByteSource {
 
     std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) override {
         if (offset < 0 || offset > size_) {
-            throw Error(Kind::kFailed, "read behind the end of " + Quoted(path_));
+            throw Error(Kind::kFailed, "read past the end of " + Quoted(path_));
         }
         const std::size_t wanted =
             static_cast<std::size_t>(std::min<std::uint64_t>(buffer.size(), Left(offset)));

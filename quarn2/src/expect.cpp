@@ -45,7 +45,8 @@ Expect::~Expect() {
 
 void Expect::AddWorker(ResHandle handle, short events, std::shared_ptr<Callable> worker) {
     if (!handle) {
-        throw kro_err::Error(kro_err::Kind::kFailed, "a descriptor to wait for is not open");
+        throw kro_err::Error(kro_err::Kind::kFailed,
+                             "cannot wait for a descriptor that is not open");
     }
     const int fd = handle;
     Entry* const known = Find(fd);

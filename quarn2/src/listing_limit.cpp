@@ -17,7 +17,7 @@ void ListingLimit::CheckDepth(std::size_t depth) const {
 }
 
 void ListingLimit::Refuse() const {
-    throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": a listing without end, of more than " +
+    throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": an endless listing, of more than " +
                                                      str::Str(kMostEntries) + " names or " +
                                                      str::Str(kMostBytes >> 20U) + " MiB");
 }

@@ -93,7 +93,7 @@ std::string GetStoredName(const std::string& local) {
     }
     CheckStoredName(stored);
     // The name is sent in a line of fields separated by spaces, so a space would end it.
-    if (stored.find(' ') != std::string::npos) Refuse(stored, "it has a blank; rename the file");
+    if (stored.find(' ') != std::string::npos) Refuse(stored, "it has a space; rename the file");
     return stored;
 }
 

@@ -92,7 +92,7 @@ class Failures(NodesTest):
                             (is_down, "Connection refused"),
                             (is_stranger, "Host key verification failed.")):
             status = "127" if node is has_no_program else "255"
-            line = self.wait_ended(node, f"Exit status: {status}. Last words: ")
+            line = self.wait_ended(node, f"Exit status: {status}. Last output: ")
             self.assertIn(words, line)
             self.assertLess(len(line), 1000)
         good.served()

@@ -42,7 +42,7 @@ Session::Session(const BackupToken& token, bool tls)
       server_("ftp://" + net::HostAndPort(token) + "/"),
       multi_(net::Curl().multi_init()),
       handle_(Settings(token)) {
-    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl makes no transfer handle");
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
     net::Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
     SetProtocol(tls);
     handle_.Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, timeout_);
@@ -373,7 +373,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     handle_.Set(CURLOPT_CUSTOMREQUEST, command);
     take_ = [this, &text](std::span<const std::byte> bytes) {
         if (text.size() + bytes.size() > kLongestListing) {
-            throw Error(Kind::kFailed, what_ + ": a listing without end");
+            throw Error(Kind::kFailed, what_ + ": an endless listing");
         }
         text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     };
@@ -389,7 +389,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     }
     const Reply* const change = transcript_.Find("CWD");
     if (outcome.code == CURLE_OK && within && (change == nullptr || !change->IsDone())) {
-        throw Error(Kind::kUnavailable, what_ + " lists a directory that was not asked for");
+        throw Error(Kind::kUnavailable, what_ + " returned the listing of another directory");
     }
     return outcome;
 }

@@ -226,7 +226,7 @@ void LocalBackend::MakeDirs(const std::string& path) const {
     if (exists || errno == ENOTDIR) {
         throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
     }
-    if (errno != ENOENT) FailedTo("look at directory", path);
+    if (errno != ENOENT) FailedTo("check directory", path);
     const std::string above = kro_file::Path(path);
     MakeDirs(above);
     // Another process may make it at the same time.

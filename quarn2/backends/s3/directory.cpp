@@ -40,9 +40,9 @@ class Pages {
     bool GoOn(const Listing& page) {
         if (page.next.empty()) return false;
         if (page.next == next_ || ++count_ > kMost) {
-            throw Error(Kind::kFailed, what_ + ": a listing without end: " +
-                                           (page.next == next_ ? "the same page again and again"
-                                                               : "too many pages"));
+            throw Error(Kind::kFailed,
+                        what_ + ": an endless listing: " +
+                            (page.next == next_ ? "the same page repeats" : "too many pages"));
         }
         next_ = page.next;
         return true;

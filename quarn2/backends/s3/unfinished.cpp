@@ -126,7 +126,7 @@ std::vector<Upload> Unfinished::List(const std::string& prefix) const {
         const Upload& end = page.uploads.back();
         if (end.key == last.key && end.id == last.id) {
             throw Error(kro_err::Kind::kFailed,
-                        service_.what() + ": a listing without end: the same page again and again");
+                        service_.what() + ": an endless listing: the same page repeats");
         }
         last = end;
     }

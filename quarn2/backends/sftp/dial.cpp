@@ -71,7 +71,7 @@ Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds)
         throw Error(Kind::kUnavailable, std::string("Failed to start a thread: ") + error.what());
     }
     if (future.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
-        throw Error(Kind::kUnavailable, "no name server told the address of " + Quoted(host) +
+        throw Error(Kind::kUnavailable, "no name server returned the address of " + Quoted(host) +
                                             " within " + std::to_string(seconds) + " s");
     }
     return future.get();

@@ -319,7 +319,7 @@ class Uploader {
     [[noreturn]] void Vanished(const std::string& what, const Status& status) const {
         throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
                                             " on the storage: " + Describe(status) +
-                                            "; it was removed during the upload");
+                                            "; the temporary file was removed during the upload");
     }
 
     bool IsFull() {

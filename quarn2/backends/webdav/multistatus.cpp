@@ -48,7 +48,7 @@ void MultistatusSink::Write(std::span<const std::byte> bytes) {
     if (reader_ != nullptr) return reader_->Feed(bytes);
     ignored_ += bytes.size();
     if (ignored_ > kLongestIgnored) {
-        throw kro_err::Error(kro_err::Kind::kUnavailable, what_ + ": an answer without end");
+        throw kro_err::Error(kro_err::Kind::kUnavailable, what_ + ": an endless answer");
     }
 }
 

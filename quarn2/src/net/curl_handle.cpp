@@ -113,7 +113,7 @@ void CurlList::Add(const std::string& text) {
 
 CurlHandle::CurlHandle(const ServerSettings& settings)
     : handle_(Curl().easy_init()), what_(settings.what) {
-    if (handle_ == nullptr) throw Error(Kind::kFailed, "libcurl makes no transfer handle");
+    if (handle_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
     SetPointer(CURLOPT_ERRORBUFFER, reason_.data());
     Set(CURLOPT_NOSIGNAL, 1);
     SetFunction(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);

@@ -216,7 +216,7 @@ class HttpClient::Transfer {
         }
         const bool success = reply_.IsSuccess();
         if (success && reply_.body.size() + bytes.size() > kLongestAnswer) {
-            throw Error(Kind::kUnavailable, what_ + ": an answer without end");
+            throw Error(Kind::kUnavailable, what_ + ": an endless answer");
         }
         if (!success) refusal_bytes_ += bytes.size();
         if (refusal_bytes_ > kLongestAnswer) {
@@ -275,7 +275,7 @@ class HttpClient::Transfer {
 
 HttpClient::HttpClient(ServerSettings settings)
     : settings_(std::move(settings)), multi_(Curl().multi_init()) {
-    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl makes no transfer handle");
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
     Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kKeptConnections);
 }
 

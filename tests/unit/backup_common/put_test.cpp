@@ -276,7 +276,7 @@ TEST_F(Put, TheLedgerHasTheInfoFileBeforeItMaySayFinished) {
 
 TEST_F(Put, ANameThatCouldBeTakenForAnotherFilesIsRefusedBeforeAnythingIsSent) {
     EXPECT_EQ(TextOf<kro_err::Error>([] { CommandPut(Arguments({"b/a.tgz DELETE"})); }),
-              "bad name on a storage 'a.tgz DELETE': it has a blank; rename the file");
+              "bad name on a storage 'a.tgz DELETE': it has a space; rename the file");
 }
 
 }  // namespace

@@ -225,7 +225,7 @@ TEST_F(RescanCommand, ADirectoryThatHoldsTheInstallRootIsRefused) {
     Place("sbin/kept", "x");
     for (const std::string path : {"", ".", "/", "..", "var"}) {
         const std::string text = TextOf<std::runtime_error>([&] { Run({"--path=" + path}); });
-        EXPECT_NE(text.find("the install root lies there"), std::string::npos)
+        EXPECT_NE(text.find("the install root is below it"), std::string::npos)
             << path << ": " << text;
         EXPECT_TRUE(local_files::Has("sbin/kept"));
     }

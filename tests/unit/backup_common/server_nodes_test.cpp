@@ -117,7 +117,7 @@ TEST_F(Nodes, AnEndedSessionIsLoggedOnceAndStartedAgainAfterItsPause) {
         ++count;
         AttendUntil(node, now, [count] { return Ends().size() == count; });
         EXPECT_EQ(Ends().back(),
-                  "4: Session with node 'n1' ended. Exit status: 255. Last words: bad key");
+                  "4: Session with node 'n1' ended. Exit status: 255. Last output: bad key");
         EXPECT_EQ(node.Attend(now), now + pause);
         node.Attend(now + pause - 1ms);
         EXPECT_EQ(Starts(), count);
@@ -208,8 +208,9 @@ TEST_F(Nodes, AFailureAtTheEndOfTheServerIs) {
     node.Close();
     const auto since = Clock::now();
     while (!node.FinishWithin(100ms, since)) continue;
-    EXPECT_EQ(Log(), (Lines{"4: Session with node 'n1' ended. Exit status: 1. Last words: lost the "
-                            "disk"}));
+    EXPECT_EQ(Log(),
+              (Lines{"4: Session with node 'n1' ended. Exit status: 1. Last output: lost the "
+                     "disk"}));
 }
 
 // --- NodeSessions ---

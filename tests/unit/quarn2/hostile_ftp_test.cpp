@@ -47,11 +47,11 @@ TEST_F(HostileFtp, OneLineWithoutEnd) {
 
 TEST_F(HostileFtp, ListingsWithoutEnd) {
     Serve({{"MLSD", Sending("", "type=file; " + std::string(200, 'n') + "\r\n")}});
-    EXPECT_THAT(ListError(), HasSubstr("a listing without end"));
+    EXPECT_THAT(ListError(), HasSubstr("an endless listing"));
     Serve({{"MLSD", Sending("", "type=file; n\r\n")}});
     EXPECT_THAT(ListError(), HasSubstr("listing"));
     Serve({{"MLSD", Sending("type=file; ", "n")}});
-    EXPECT_THAT(ListError(), HasSubstr("a listing without end"));
+    EXPECT_THAT(ListError(), HasSubstr("an endless listing"));
 }
 
 TEST_F(HostileFtp, NamesWithoutEnd) {

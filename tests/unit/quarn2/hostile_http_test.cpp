@@ -28,7 +28,7 @@ TEST_P(HostileAnswer, OneListingWithoutEnd) {
     const std::string name(900'000, 'n');
     ListWithoutEnd("", "<Contents><Key>" + name + "</Key></Contents><response><href>/dir/" + name +
                            "</href></response>");
-    EXPECT_THAT(ListError(), HasSubstr(": a listing without end"));
+    EXPECT_THAT(ListError(), HasSubstr(": an endless listing"));
 }
 
 TEST_P(HostileAnswer, OneTextWithoutEnd) {
@@ -240,14 +240,14 @@ TEST_P(HostilePages, TheSameAgain) {
         }
         exchange.Answer(200, Page("", "again"));
     });
-    EXPECT_THAT(Errors(), testing::Each(HasSubstr("the same page again and again")));
+    EXPECT_THAT(Errors(), testing::Each(HasSubstr("the same page repeats")));
 }
 
 TEST_P(HostilePages, AlwaysAnother) {
     Serve([](HttpExchange& exchange) {
         exchange.Answer(200, Page("", "page" + std::to_string(exchange.number)));
     });
-    EXPECT_THAT(ListError(), HasSubstr("a listing without end: too many pages"));
+    EXPECT_THAT(ListError(), HasSubstr("an endless listing: too many pages"));
 }
 
 TEST_P(HostilePages, NamesOnAllOfThemTogether) {
@@ -258,7 +258,7 @@ TEST_P(HostilePages, NamesOnAllOfThemTogether) {
     Serve([&](HttpExchange& exchange) {
         exchange.Answer(200, Page(keys, "page" + std::to_string(exchange.number)));
     });
-    EXPECT_THAT(ListError(), HasSubstr("a listing without end, of more than"));
+    EXPECT_THAT(ListError(), HasSubstr("an endless listing, of more than"));
 }
 
 TEST_P(HostilePages, UploadsOnAllOfThemTogether) {
@@ -274,7 +274,7 @@ TEST_P(HostilePages, UploadsOnAllOfThemTogether) {
     });
     const auto storage = Open();
     const Bounds bounds;
-    EXPECT_THAT(ErrorOf([&] { storage->Clear(); }), HasSubstr("a listing without end"));
+    EXPECT_THAT(ErrorOf([&] { storage->Clear(); }), HasSubstr("an endless listing"));
 }
 
 INSTANTIATE_TEST_SUITE_P(S3, HostilePages, testing::Values(kS3));

@@ -111,14 +111,14 @@ TEST_F(HostileSftp, NamesWithoutEnd) {
     for (const std::string& name : {std::string("n"), std::string(200, 'n')}) {
         const auto session = Connect(std::vector<std::string>(100, name), kFile);
         EXPECT_THAT(ErrorOf([&] { quarn2::sftp::List(*session, place_, ""); }),
-                    HasSubstr("a listing without end"));
+                    HasSubstr("an endless listing"));
     }
 }
 
 TEST_F(HostileSftp, AnswersWithoutNamesAndWithoutEnd) {
     const auto session = Connect({}, kFile);
     EXPECT_THAT(ErrorOf([&] { quarn2::sftp::List(*session, place_, ""); }),
-                HasSubstr("a listing without end"));
+                HasSubstr("an endless listing"));
 }
 
 // Each piece needs a request and an entry in the queue, where all wait for the first piece.
