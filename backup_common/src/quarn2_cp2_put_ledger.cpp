@@ -164,8 +164,11 @@ bool PutLedger::Set(const std::string& entry, const std::string& name, const Led
 // Records the start of an upload. It is called before the upload changes the storage.
 void PutLedger::BeginUpload(const std::string& entry, const std::string& name,
                             const LedgerSlice& slice) {
+    // Removed slices are no sign of a run that goes on: they may be left over from a complete
+    // backup.
     const auto is_other = [&name](const auto& each) {
-        return each.first != name && each.second.state != SliceState::kRefused;
+        const SliceState state = each.second.state;
+        return each.first != name && state != SliceState::kRefused && state != SliceState::kRemoved;
     };
     const bool written = Set(entry, name, slice, [&](LedgerEntry& changed) {
         const bool is_first = std::none_of(changed.slices.begin(), changed.slices.end(), is_other);

@@ -166,6 +166,20 @@ class Incomplete(WholeTest):
                 self.assertEqual([], self.r.unfinished())
                 self.assertEqual(0, server.end())
 
+    def test_a_repeated_job_that_leaves_a_slice_out_is_not_complete(self):
+        server = self.serve("-C", "9:9")
+        for earlier in ((2,), (3, 2)):
+            with self.subTest(slices_of_earlier_runs=earlier):
+                user = f"u{len(earlier)}"
+                for count in earlier:
+                    self.night(user=user, slices=count).run()
+                job = self.night(user=user).begin()
+                self.assert_success(job.slice(2))
+                self.assert_fails(job.last(), job.name(1), "is of an earlier run of the job")
+                self.assertTrue(job.run().is_stored())
+        self.assertEqual(0, server.end())
+
+
     def test_a_password_that_changes_in_the_middle_of_a_job_stops_it(self):
         plain = self.r.token
         self.r.token = plain + "?arch_password=one"
