@@ -96,8 +96,8 @@ bool IsOfArchive(const LedgerEntry& entry, const std::string& archive) {
     return entry.is_unknown && !IsArchive(entry.name) && LedgerKey(archive) == entry.name;
 }
 
-// The unfinished backups to which a line refers. A full and a custom backup of one day have the
-// same prefix, and one of them may be complete.
+// The unfinished backups to which a line refers. Backups of one day have the same prefix, whatever
+// their type, and one of them may be complete.
 class Unfinished {
   public:
     Unfinished(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
@@ -108,6 +108,7 @@ class Unfinished {
             if (!entry.completed.empty() || !entry.IsOf(identity)) continue;
             if (IsPrefixOf(line.prefix, PrefixOf(entry.name))) entries_.push_back(std::move(entry));
         }
+        std::erase_if(complete_, [this](const std::string& archive) { return IsInWork(archive); });
     }
 
     const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
@@ -118,16 +119,12 @@ class Unfinished {
     bool Has(const std::string& name) const {
         const std::string stem = quarn2::StripSliceNumber(name);
         const bool is_archive = IsArchive(stem);
-        if (entries_.empty()) {
-            return std::none_of(
-                complete_.begin(), complete_.end(), [&](const std::string& archive) {
-                    return is_archive ? archive == stem : !str::StartsWith(archive, "C");
-                });
-        }
-        return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
-            // The names of a custom backup's index and info file have no date.
-            return is_archive ? IsOfArchive(entry, stem) : !str::StartsWith(entry.name, "C");
-        });
+        if (IsOfComplete(stem, is_archive)) return false;
+        return entries_.empty() ||
+               std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
+                   // The names of a custom backup's index and info file have no date.
+                   return is_archive ? IsOfArchive(entry, stem) : !str::StartsWith(entry.name, "C");
+               });
     }
 
     // A job that is running must notice that its slices are removed.
@@ -138,14 +135,28 @@ class Unfinished {
     }
 
   private:
+    bool IsOfComplete(const std::string& stem, bool is_archive) const {
+        return std::any_of(complete_.begin(), complete_.end(), [&](const std::string& archive) {
+            return is_archive ? archive == stem : !str::StartsWith(archive, "C");
+        });
+    }
+
+    // True when a job makes this archive, or its index, again.
+    bool IsInWork(const std::string& archive) const {
+        return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
+            return entry.name == archive || entry.name == LedgerKey(archive);
+        });
+    }
+
     const Ledger& ledger_;
     std::vector<std::string> complete_;
     std::vector<LedgerEntry> entries_;
 };
 
-void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry) {
+void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
+                       const Unfinished& unfinished) {
     for (const auto& [name, slice] : entry.slices) {
-        if (LedgerKey(name) != LedgerKey(entry.name)) continue;
+        if (LedgerKey(name) != LedgerKey(entry.name) || !unfinished.Has(name)) continue;
         storage.RemoveFile(name);
         storage.SyncRemovals(kro_file::Path(name));
     }
@@ -178,7 +189,7 @@ std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& li
     };
     DeleteOnStorageIf(*storage, takes, kWhy);
     for (const LedgerEntry& entry : unfinished.entries()) {
-        RemoveKnownSlices(*storage, entry);
+        RemoveKnownSlices(*storage, entry, unfinished);
         RemoveInfoFile(storage, dir, entry);
     }
     DeleteLocallyIf(dir, takes, kWhy);

@@ -309,6 +309,20 @@ class Removals(WholeTest):
         self.assertNotIn(custom.name(1), self.r.stored())
         self.assertEqual([], self.r.unfinished())
 
+    def test_a_daily_that_failed_takes_no_full_backup_of_its_day_along(self):
+        server = self.serve("-C", "9:9")
+        daily = self.night(kind="incremental").begin()
+        self.assert_success(daily.slice(1))
+        full = self.night().run()
+        self.assertEqual(0, server.end())
+        self.note(f"{DATE}.web1")
+        self.assertEqual(0, self.serve("-C", "9:9").end())
+        self.assertTrue(full.is_stored())
+        self.assertIn(f"{full.stem}.1.dar", self.r.stored())
+        self.assertNotIn(daily.name(1), self.r.stored())
+        self.assertEqual([], self.r.unfinished())
+
+
     def test_an_interrupted_custom_backup_blocks_no_later_one(self):
         server = self.serve()
         custom = self.night(kind="custom", date=NIGHTS[0]).begin()
