@@ -218,6 +218,12 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     return found->first;
 }
 
+// Until a begun deletion is finished, it uses space that a plan would take from other backups.
+bool HasBegunDeletion(const GlobalSizeControl& control) {
+    return std::any_of(control.storages.begin(), control.storages.end(),
+                       [](const auto& entry) { return !entry.second.half_deleted.empty(); });
+}
+
 // The account without the backups whose jobs are being repeated. The ledger also has jobs that
 // started after the server.
 Storages Evictable(const GlobalSizeControl& control) {
@@ -257,7 +263,13 @@ void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_
 
 // Passes without victims decrement max_count even when all passes together are not enough.
 void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
-    if (size <= LessSize(storage.free_size, storage.reserved)) return;
+    const auto has_room = [&] { return size <= LessSize(storage.free_size, storage.reserved); };
+    if (has_room()) return;
+    if (HasBegunDeletion(*this)) {
+        CheckStorage();
+        FinishBegunFirst();
+        if (has_room()) return;
+    }
     const auto make_plan = [&] {
         return PlanRoom(*this, KeyOf(*this, storage), size, Evictable(*this));
     };

@@ -333,6 +333,38 @@ class Removals(WholeTest):
         self.assertEqual(0, server.end())
 
 
+class Outages(WholeTest):
+    def half_delete(self, backup):
+        """The state that a deletion leaves which met an outage after its first file."""
+        os.unlink(os.path.join(self.r.storage, backup.archives[0]))
+        fields = {key: value for key, value in backup.fields.items() if key != "finished"}
+        write(backup.info_path, info_text({**fields, "deletion": f"{DATE} 02:00:00",
+                                           "deletion-finished": backup.fields["finished"]}))
+
+    def make_read_only(self, folder):
+        """As a file system is after an error. Returns a function that ends it."""
+        subprocess.run(["mount", "--bind", folder, folder], check=True)
+        self.addCleanup(subprocess.run, ["umount", "-l", folder], check=False, stderr=subprocess.DEVNULL)
+        subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
+        return lambda: subprocess.run(["umount", folder], check=True)
+
+    def test_a_deletion_that_an_outage_interrupts_costs_no_second_backup(self):
+        begun, *others = [Backup(self.r, "web1", day(number), form="dir", size=10000) for number in (-4, -3, -2)]
+        self.half_delete(begun)
+        end_outage = self.make_read_only(os.path.join(self.r.storage, begun.place))
+        server = self.serve("--size-limit", "35000")
+        job = self.night(user="web2", size=9000).begin()
+        for _ in range(2):
+            self.assertEqual(1, job.slice(1).returncode)
+            self.assertTrue(all(backup.is_whole() for backup in others))
+        end_outage()
+        self.assert_success(job.slice(1))
+        self.assertTrue(begun.is_gone())
+        self.assertTrue(all(backup.is_whole() for backup in others))
+        self.assertEqual(0, server.end())
+
+
+
 class FullDisks(WholeTest):
     def test_puts_and_deletions_work_when_the_disks_of_the_program_are_full(self):
         tmpfs(self, self.r.file("tmp"), "200k")
