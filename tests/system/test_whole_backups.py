@@ -179,7 +179,6 @@ class Incomplete(WholeTest):
                 self.assertTrue(job.run().is_stored())
         self.assertEqual(0, server.end())
 
-
     def test_a_password_that_changes_in_the_middle_of_a_job_stops_it(self):
         plain = self.r.token
         self.r.token = plain + "?arch_password=one"
@@ -297,6 +296,14 @@ class Removals(WholeTest):
         self.assertEqual(0, server.end())
         self.assertTrue(job.is_stored())
 
+    def test_a_complete_backup_that_is_listed_as_incomplete_by_mistake_stays(self):
+        server = self.serve("-C", "9:9")
+        job = self.night().run()
+        self.assertEqual(0, server.end())
+        self.note(f"{DATE}.web1")
+        self.assertEqual(0, self.serve("-C", "9:9").end())
+        self.assertTrue(job.is_stored())
+
     def test_a_failed_custom_backup_takes_no_full_backup_of_its_day_along(self):
         server = self.serve("-C", "9:9")
         full = self.night().run()
@@ -321,7 +328,6 @@ class Removals(WholeTest):
         self.assertIn(f"{full.stem}.1.dar", self.r.stored())
         self.assertNotIn(daily.name(1), self.r.stored())
         self.assertEqual([], self.r.unfinished())
-
 
     def test_an_interrupted_custom_backup_blocks_no_later_one(self):
         server = self.serve()
@@ -362,7 +368,6 @@ class Outages(WholeTest):
         self.assertTrue(begun.is_gone())
         self.assertTrue(all(backup.is_whole() for backup in others))
         self.assertEqual(0, server.end())
-
 
 
 class FullDisks(WholeTest):
