@@ -354,6 +354,31 @@ class Outages(WholeTest):
         subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
         return lambda: subprocess.run(["umount", folder], check=True)
 
+    def unmount(self):
+        """Returns a function that mounts the storage again."""
+        away = self.r.storage + ".away"
+        os.rename(self.r.storage, away)
+        return lambda: os.rename(away, self.r.storage)
+
+    def check_prevented_eviction(self, begin_outage, role=None):
+        def fields(date):
+            return {role: f"F{date}.web1.2.dar"} if role else {}
+
+        backups = [Backup(self.r, "web1", date, size=10000, **fields(date)) for date in (day(-4), day(-3), day(-2))]
+        server = self.serve("--size-limit", "35000")
+        end_outage = begin_outage()
+        self.assertEqual(1, self.night(user="web2", size=9000).begin().slice(1).returncode)
+        end_outage()
+        self.assertEqual(0, server.end())
+        self.assertEqual(0, self.serve("-C", "9:9").end())
+        self.assertTrue(all(backup.is_whole() for backup in backups))
+
+    def test_an_eviction_that_an_unmounted_storage_prevents_is_not_begun(self):
+        self.check_prevented_eviction(self.unmount, role="role-mail")
+
+    def test_an_eviction_that_a_read_only_storage_prevents_is_taken_back(self):
+        self.check_prevented_eviction(lambda: self.make_read_only(self.r.storage))
+
     def test_a_deletion_that_an_outage_interrupts_costs_no_second_backup(self):
         begun, *others = [Backup(self.r, "web1", day(number), form="dir", size=10000) for number in (-4, -3, -2)]
         self.half_delete(begun)
