@@ -422,8 +422,8 @@ class FullDisks(WholeTest):
     def assert_does_not_count(self, backup, older):
         """Checks that a server with a limit of one full backup does not count the incomplete backup."""
         self.assertEqual(0, self.serve("-C", "1:9").end())
-        self.assertIn(f"Backup '{backup}' is not complete", "".join(self.r.log_texts(4)))
         self.assertTrue(older.is_whole())
+        self.assertIn(f"Backup '{backup}' is not complete", "".join(self.r.log_texts(4)))
 
     def test_a_repeated_job_that_is_interrupted_while_the_disk_is_full_does_not_count(self):
         self.small_var()
