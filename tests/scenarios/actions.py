@@ -34,6 +34,7 @@ class Player:
         self.world = world()
         self.judge = Judge(self.world)
         self.runs = 0
+        self.noted = set()  # (user, date) of complete backups that are listed for removal
         self.out = None
 
     def close(self):
@@ -99,8 +100,21 @@ class Player:
         self.runs += 1
         base = self.judge.base_for(step["user"], step["date"])
         run = Run(self.world.root, self.runs, step, base)
+        if (run.user, run.date) in self.noted:
+            for key, other in list(self.judge.acked.items()):
+                if (other.user, other.date) == (run.user, run.date):
+                    self.judge.release(key)
+        if not self.may_be_careless(run):
+            run.careless = None
         self.judge.add(run)
         return run
+
+    def may_be_careless(self, run):
+        """Slices of an interrupted job count for the next one, which may be the same job going on."""
+        names = set(map(run.stored_name, run.slices))
+        earlier = next((each for each in reversed(self.judge.runs)
+                        if names & set(map(each.stored_name, each.slices))), None)
+        return earlier is None or self.judge.acked.get(earlier.key) is earlier
 
     def do_past(self, step):
         """A backup of an earlier day is there, complete."""
@@ -128,12 +142,28 @@ class Player:
         """The job of a backup goes on where it stopped; a command that failed is repeated."""
         run = self.judge.latest.get((step["user"], step["date"]))
         if run and run.done < len(run.commands()):
-            self.go(run, step.get("stop"))
+            slices_left = len(run.slices) - run.done
+            if not step.get("slices"):
+                self.go(run, step.get("stop"))
+            elif slices_left > 0:
+                self.go(run, slices_left)
+
+    def do_lose(self, step):
+        """Another program removes the last slice of a job whose slices are all stored."""
+        run = self.judge.latest.get((step["user"], step["date"]))
+        if run and run.done == len(run.slices):
+            try:
+                os.unlink(os.path.join(self.world.main_storage, run.stored_name(run.slices[-1])))
+            except FileNotFoundError:
+                pass
 
     def go(self, run, stop):
         commands = run.commands()
         for arguments in commands[run.done:run.done + (stop or len(commands))]:
             is_last = arguments is commands[-1]
+            if run.is_skipped(arguments[-1], failed=False):
+                run.done += 1
+                continue
             if not is_last and not os.path.exists(arguments[-1]):
                 return  # its upload was abandoned or acknowledged, and the job knows of none
             if is_last:
@@ -143,10 +173,10 @@ class Player:
             run.note_password(arguments[-1], self.world.uploads_with)
             done = self.command(*arguments)
             run.begun = run.begun or done or self.world.faults.struck > 0
-            if not done:
+            if not done and not run.is_skipped(arguments[-1], failed=True):
                 return
             run.done += 1
-            self.out.put = True
+            self.out.put = self.out.put or done
             if is_last:
                 self.out.completed = run
 
@@ -161,14 +191,17 @@ class Player:
             return False
 
     def do_note(self, step):
-        """The job is given up: its files are listed for removal, as a job would."""
+        """The job is given up: its files are listed for removal, as a job would. `late`: by mistake
+        one that is complete is listed."""
         run = self.judge.latest.get((step["user"], step["date"]))
-        if self.world.disks["var"].is_full or run is None or run.done == len(run.commands()):
+        if self.world.disks["var"].is_full or run is None:
             return
-        # The archives of a full and a custom backup of one day have the same prefix.
-        for other in list(self.judge.latest.values()):
-            if (other.user, other.date) == (run.user, run.date) and other.done < len(other.commands()):
-                self.judge.release(other.key)
+        is_acked = self.judge.acked.get(run.key) is run
+        if step.get("late", False) != is_acked or run.done == len(run.commands()) and not is_acked:
+            return
+        if is_acked:
+            self.noted.add((run.user, run.date))
+        self.release_day(run)
         stem = f"{run.date}.{run.user}"
         prefixes = [stem]
         if run.form != "part":
@@ -179,6 +212,12 @@ class Player:
         with open(path, "a", encoding="utf-8") as lines:
             lines.write("".join(f"{token}\t{prefix}\n" for prefix in prefixes))
         os.chmod(path, 0o600)
+
+    def release_day(self, run):
+        """The archives of a full and a custom backup of one day have the same prefix."""
+        for other in list(self.judge.latest.values()):
+            if (other.user, other.date) == (run.user, run.date) and other.done < len(other.commands()):
+                self.judge.release(other.key)
 
     # --- Removals ---
 

@@ -54,6 +54,8 @@ class Run:
         self.place = f"{self.user}/{self.date}/" if self.form == "dir" else ""
         self.name = f"{self.key[1]}.{self.user}"
         self.keeps = step.get("keep", False)
+        self.careless = step.get("careless")
+        self.is_foreign = step.get("foreign", False)
         self.contents = {}  # stored name -> bytes
         self.sources = {}  # path of a slice that was made -> its stored name
         self.passwords = {}  # stored name -> with which it was put last
@@ -88,6 +90,15 @@ class Run:
         text = f"run {self.number} of {name}\n".encode()
         return (text * (size // len(text) + 1))[:max(size, len(text))]
 
+    def is_skipped(self, path, failed):
+        """A careless job goes on without this slice. The info file says how many there are only when
+        the last one is put."""
+        return path in self.slices[:-1] and (
+            self.careless == "ignores" and failed or self.careless == "skips" and path == self.slices[0])
+
+    def stored_name(self, path):
+        return self.place + os.path.basename(path)
+
     @property
     def identity(self):
         """What "base" names this backup, if it is a full one."""
@@ -111,7 +122,7 @@ class Run:
 
     def note_password(self, path, password):
         """A command is about to put this file."""
-        name = self.place + os.path.basename(path)
+        name = self.stored_name(path)
         self.passwords[name] = password
         if password:
             self.plain_sizes[name] = len(content_of(path))
@@ -140,7 +151,9 @@ class Run:
         fields = fields_of(self.info)
         fields["finished"] = f"{self.date} 01:30:00"
         fields["duration"] = "1800"
-        fields["last-slice"] = self.place + os.path.basename(self.slices[-1])
+        if self.is_foreign:
+            fields["deletion"] = "planned"  # another program's key
+        fields["last-slice"] = self.stored_name(self.slices[-1])
         text = ""
         for _ in range(2):  # the size counts its own digits, three or four of them
             fields["size"] = str(self.bytes + len(text))

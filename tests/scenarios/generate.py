@@ -46,7 +46,8 @@ class Week:
         for number, letter in enumerate(letters, -len(letters)):
             date = (self.today + datetime.timedelta(number)).isoformat()
             if letter != "-":
-                self.add("past", user=user, date=date,
+                fields = {"foreign": True} if self.choice.random() < 0.1 else {}
+                self.add("past", user=user, date=date, **fields,
                          kind="full" if letter == "F" else "incremental", sizes=self.sizes())
                 self.made.append((user, date))
 
@@ -86,6 +87,22 @@ class Week:
             self.job_of(*self.choice.choice(self.made))
         else:
             self.job_of(self.choice.choice(self.users), self.today.isoformat())
+        if {"stop", "strike"} & self.steps[-1].keys() and self.choice.random() < 0.4:
+            self.go_on()
+
+    def go_on(self):
+        """What happens to an interrupted job before it goes on, and is served afterwards."""
+        meanwhile = self.choice.choice(["nothing", "kill", "lose", "serve"])
+        if meanwhile == "kill":
+            self.kill()
+        elif meanwhile == "lose":
+            self.add("go", **self.last_made(), slices=True)
+            self.add("lose", **self.last_made())
+        if meanwhile in ("kill", "serve"):
+            self.add("serve", **self.server())
+        self.add("go", **self.last_made())
+        if self.choice.random() < 0.5:
+            self.serve()
 
     def again(self):
         if self.made:
@@ -101,21 +118,28 @@ class Week:
             fields["stop"] = self.choice.randint(1, 3)
         if self.choice.random() < 0.3:
             fields["keep"] = True
+        careless = self.choice.choices([None, "ignores", "skips"], [6, 2, 2])[0]
+        if careless:
+            fields["careless"] = careless
         self.add("job", **fields, **self.strike(0.3))
         self.made.append((user, "custom" if kind == "custom" else date))
 
     def known(self):
         return dict(zip(("user", "date"), self.choice.choice(self.made)))
 
+    def last_made(self):
+        return dict(zip(("user", "date"), self.made[-1]))
+
     def go(self):
         if self.made:
             fields = {"stop": 1} if self.choice.random() < 0.3 else {}
-            self.add("go", **dict(zip(("user", "date"), self.made[-1])), **fields,
-                     **self.strike(0.15))
+            self.add("go", **self.last_made(), **fields, **self.strike(0.15))
 
     def note(self):
-        if self.made:
-            self.add("note", **dict(zip(("user", "date"), self.made[-1])))
+        if self.made and self.choice.random() < 0.3:
+            self.add("note", **self.known(), late=True)
+        elif self.made:
+            self.add("note", **self.last_made())
 
     def delete(self):
         if self.made:

@@ -1,6 +1,7 @@
 """Plays random weeks of backup jobs, crashes and mistakes, and checks that no backup is lost.
 
     run.py --seeds 200 --first 1 --jobs 2   plays the weeks 1 to 200, two at a time
+    run.py --seeds 200 --stop               ends after the first broken promise
     run.py --replay FILE                    plays the steps in FILE, one a line
     run.py --show SEED                      prints the steps of a week
     run.py --self-check --seeds 0           checks that planted faults are found
@@ -39,9 +40,14 @@ def play(steps, world=World, finish=True):
         player.close()
 
 
+STOPPED = multiprocessing.Event()  # no further week begins
+
+
 def play_seed(arguments):
-    """(seed, seconds, report or None)"""
+    """(seed, seconds, report or None); None when the week was not played."""
     seed, world, shrinks = arguments
+    if STOPPED.is_set():
+        return None
     begin = time.monotonic()
     steps = generate(seed)
     try:
@@ -88,15 +94,18 @@ def check_self():
 def play_many(options):
     begin = time.monotonic()
     seeds = range(options.first, options.first + options.seeds)
-    failed = 0
+    played = failed = 0
     with multiprocessing.Pool(options.jobs, prepare) as pool:
         world = RealTime if options.real_time else World
         work = [(seed, world, not options.no_shrink) for seed in seeds]
-        for seed, seconds, report in pool.imap_unordered(play_seed, work):
+        for seed, seconds, report in filter(None, pool.imap_unordered(play_seed, work)):
+            played += 1
             if report:
                 failed += 1
                 print(f"{report}    ({seconds:.1f} s)", flush=True)
-    print(f"{options.seeds} weeks from {options.first}, {failed} of them broke a promise,"
+                if options.stop:
+                    STOPPED.set()
+    print(f"{played} weeks from {options.first}, {failed} of them broke a promise,"
           f" {time.monotonic() - begin:.0f} s")
     return 1 if failed else 0
 
@@ -108,6 +117,7 @@ def main():
     parser.add_argument("--first", type=int, default=1)
     parser.add_argument("--jobs", type=int, default=2)
     parser.add_argument("--no-shrink", action="store_true")
+    parser.add_argument("--stop", action="store_true")
     parser.add_argument("--real-time", action="store_true")
     parser.add_argument("--self-check", action="store_true")
     parser.add_argument("--replay", metavar="FILE")
