@@ -59,7 +59,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
 }
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
-// complete the backup before it has put all of them again.
+// complete the backup before it has put all of them again. The slices of another archive of the
+// same day, such as a daily that becomes a full backup, are left over when the job is complete.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));
@@ -67,7 +68,7 @@ void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     try {
         const quarn2::InfoMap info = quarn2::GetInfo(info_path);
         const std::string archive = quarn2::StripSliceNumber(LastSliceOf(info));
-        if (archive != quarn2::StripSliceNumber(name)) return;
+        if (!IsArchive(archive) || LedgerKey(archive) != LedgerKey(name)) return;
         for (const std::string& slice : NamedSlices(info)) {
             if (quarn2::StripSliceNumber(slice) != archive) continue;
             entry.slices.try_emplace(slice, LedgerSlice{SliceState::kRemoved, 0, ""});

@@ -65,6 +65,14 @@ bool MayHaveReplacedSharedFiles(const LedgerEntry& entry) {
     });
 }
 
+// A slice of another archive of the day has no bytes in the entry as long as the backup that it
+// belongs to is complete.
+bool IsOfReplacedBackup(const LedgerEntry& entry, const std::string& name,
+                        const LedgerSlice& slice) {
+    return slice.bytes == 0 && IsArchive(name) &&
+           quarn2::StripSliceNumber(kro_file::Name(name)) != entry.name;
+}
+
 void LogUnfinished(const LedgerEntry& entry) {
     KRO_LOG(kLog, 4,
             "Backup '%s' is not complete. Begun: %s, bytes on the storage: %lld. Repeat its job, "
@@ -146,7 +154,9 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
             entry.name.c_str(), static_cast<long long>(entry.Bytes()));
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
     for (const auto& [name, slice] : entry.slices) {
-        if (LedgerKey(name) == LedgerKey(entry.name)) storage.RemoveFile(name);
+        if (LedgerKey(name) == LedgerKey(entry.name) && !IsOfReplacedBackup(entry, name, slice)) {
+            storage.RemoveFile(name);
+        }
     }
     for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
     // A local info file may have "finished" for this backup, so the entry stays.

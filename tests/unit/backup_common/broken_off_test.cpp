@@ -413,6 +413,22 @@ TEST_F(Unfinished, OnesWithoutTheirSlicesAreStillNoBackups) {
     EXPECT_EQ(control_.storages.at("").unfinished, 0);
 }
 
+TEST_F(Unfinished, AnInterruptedJobOfAnotherTypeIsReclaimedWithoutTheCompleteBackupOfItsDay) {
+    store_->SetFile("I2026-11-15.web1.1.dar", "x");
+    Ledger().Update("I2026-11-15.web1", [](LedgerEntry& entry) {
+        entry.storage = "memory:///site";
+        entry.slices["I2026-11-15.web1.1.dar"] = {SliceState::kStored, 900, ""};
+        entry.slices["F2026-11-15.web1.1.dar"] = {SliceState::kRemoved, 0, ""};
+        entry.slices["F2026-11-15.web1.2.dar"] = {SliceState::kRemoved, 0, ""};
+    });
+    Init();
+    EXPECT_TRUE(IsCounted());
+    control_.ReclaimUnfinished(control_.storages.at(""), 500, true);
+    EXPECT_EQ(Stored(),
+              (Lines{"2026-11-15.web1.info", "F2026-11-15.web1.1.dar", "F2026-11-15.web1.2.dar"}));
+    EXPECT_EQ(Ledger().Entries().size(), 0U);
+}
+
 TEST_F(Unfinished, WhatAJobTouchesMeanwhileIsNotReclaimed) {
     Ledger().Update("F2026-11-14.web2", [](LedgerEntry& entry) {
         entry.storage = "memory:///site";

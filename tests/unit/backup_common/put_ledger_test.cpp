@@ -1,4 +1,5 @@
 // The ledger of a node client: its records of uploads, and the conditions for a complete backup.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -235,6 +236,21 @@ TEST_F(LedgerOfPuts, ACompleteBackupThatIsMadeAgainNeedsEverySliceAgain) {
     EXPECT_FALSE(left.IsOpen());
     EXPECT_EQ(left.slices.size(), 1U) << "slice 3 belongs to no backup any more";
     EXPECT_EQ(left.Bytes(), 900) << "it has no more than the earlier backup had";
+}
+
+TEST_F(LedgerOfPuts, SlicesOfADailyThatBecomesAFullBackupAreLeftOverAndCount) {
+    Place("var/backup/tovarn/2026-11-15.web1.info",
+          "last-slice=I2026-11-15.web1.2.dar\nsize=900\ntype=incremental\n");
+    NodeSide node(lock_, server_.link());
+    node.Serve(std::string("PUT ") + kFirst);
+    EXPECT_EQ(Ledger().Read(kEntry).Bytes(), 5) << "the daily is still complete";
+    node.Serve(std::string("PUT ") + kSecond);
+    EXPECT_EQ(PutLast(node), kDone);
+    const LedgerEntry left = Ledger().Read(kEntry);
+    EXPECT_FALSE(left.IsOpen());
+    EXPECT_THAT(left.slices, testing::UnorderedElementsAre(testing::Key("I2026-11-15.web1.1.dar"),
+                                                           testing::Key("I2026-11-15.web1.2.dar")));
+    EXPECT_GE(left.Bytes(), 900);
 }
 
 TEST_F(LedgerOfPuts, AFailedIndexFileIsMissingToo) {
