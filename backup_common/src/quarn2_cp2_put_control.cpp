@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "kro/kro_date.h"
+#include "kro/kro_clock.h"
 #include "kro/kro_log.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
@@ -40,7 +40,9 @@ bool HasInput(int connection) {
 }  // namespace
 
 ControlPeer::ControlPeer(ResHandle connection, const ControlService& service)
-    : connection_(std::move(connection)), service_(service), last_byte_(kro_date::SteadyNow()) {}
+    : connection_(std::move(connection)),
+      service_(service),
+      last_byte_(kro_date::SteadyClock::now()) {}
 
 quarn2::Expect::Result* ControlPeer::operator()(ResHandle /*connection*/) {
     try {
@@ -62,7 +64,7 @@ bool ControlPeer::Collect() {
         if (errno == EINTR || errno == EAGAIN) return false;
         throw std::runtime_error("Failed to read");
     }
-    last_byte_ = kro_date::SteadyNow();
+    last_byte_ = kro_date::SteadyClock::now();
     command_.append(piece, static_cast<std::size_t>(count));
     if (command_.size() > kMaxCommandBytes) {
         throw std::runtime_error("A command of more than " + str::Str(kMaxCommandBytes) +
@@ -78,7 +80,7 @@ void ControlPeer::Answer() {
 }
 
 bool ControlPeer::HasBeenSilent(std::chrono::milliseconds limit) const {
-    return kro_date::SteadyNow() - last_byte_ >= limit && !HasInput(connection_);
+    return kro_date::SteadyClock::now() - last_byte_ >= limit && !HasInput(connection_);
 }
 
 void ControlPeer::Disconnect(const char* reason) {

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/res_handle.h"
 #include "quarn2/expect.h"
 
@@ -40,7 +41,7 @@ class ControlPeer {
     ResHandle connection_;
     const ControlService& service_;
     std::string command_;
-    std::chrono::steady_clock::time_point last_byte_;
+    kro_date::SteadyClock::time_point last_byte_;
 };
 
 // All connections whose command is not complete yet.

@@ -1,10 +1,9 @@
 // The real clock. Tests link another one in its place.
+#include "kro/kro_clock.h"
+
 #include <time.h>
 
 #include <cerrno>
-
-#include "kro/kro_date.h"
-#include "kro/kro_proc.h"
 
 void kro_proc::Sleep(int milliseconds) {
     if (milliseconds <= 0) return;
@@ -23,6 +22,12 @@ void kro_proc::Sleep(int milliseconds) {
 
 std::time_t kro_date::SystemNow() noexcept { return std::time(nullptr); }
 
-std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
-    return std::chrono::steady_clock::now();
+std::int64_t kro_date::SystemNowMs() noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return static_cast<std::int64_t>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+kro_date::SteadyClock::time_point kro_date::SteadyClock::now() noexcept {
+    return time_point(std::chrono::steady_clock::now().time_since_epoch());
 }

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,11 +9,14 @@
 #include <cerrno>
 #include <climits>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <mutex>
 #include <string_view>
 
 #include "fd_io.h"
+#include "kro/kro_clock.h"
 #include "kro/kro_env.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log_reader.h"
@@ -106,17 +108,18 @@ void AppendEscaped(std::string& line, char c) {
     }
 }
 
-// "2026-11-20 16:06:18.123 [PID:TID] ". Reads the system clock directly, because
-// kro_date::SystemNow has no milliseconds.
+// "2026-11-20 16:06:18.123 [PID:TID] ".
 std::string Prefix() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
+    constexpr std::int64_t kMsPerSecond = 1000;
+    const std::int64_t now = kro_date::SystemNowMs();
+    const std::time_t seconds = now / kMsPerSecond;
     std::tm civil{};
-    localtime_r(&now.tv_sec, &civil);
+    localtime_r(&seconds, &civil);
     char text[128];
     std::snprintf(text, sizeof text, "%04d-%02d-%02d %02d:%02d:%02d.%03ld [%d:%d] ",
                   civil.tm_year + 1900, civil.tm_mon + 1, civil.tm_mday, civil.tm_hour,
-                  civil.tm_min, civil.tm_sec, now.tv_nsec / 1000000, ::getpid(), ::gettid());
+                  civil.tm_min, civil.tm_sec, static_cast<long>(now % kMsPerSecond), ::getpid(),
+                  ::gettid());
     return text;
 }
 

@@ -5,8 +5,7 @@
 #include <utility>
 
 #include "forwarding_backend.h"
-#include "kro/kro_date.h"
-#include "kro/kro_proc.h"
+#include "kro/kro_clock.h"
 
 namespace quarn2 {
 
@@ -27,7 +26,8 @@ class Pace {
     void Carried(std::size_t bytes) {
         carried_ += static_cast<std::int64_t>(bytes);
         const double due = static_cast<double>(carried_) / static_cast<double>(rate_);
-        const double passed = std::chrono::duration<double>(kro_date::SteadyNow() - start_).count();
+        const double passed =
+            std::chrono::duration<double>(kro_date::SteadyClock::now() - start_).count();
         constexpr double kMilliseconds = 1000;
         const int wait = static_cast<int>((due - passed) * kMilliseconds);
         if (wait > 0) kro_proc::Sleep(wait);
@@ -40,13 +40,13 @@ class Pace {
     static constexpr double kMostArrears = 1;
 
     void Restart() {
-        start_ = kro_date::SteadyNow();
+        start_ = kro_date::SteadyClock::now();
         carried_ = 0;
     }
 
     std::int64_t rate_;
     std::int64_t carried_ = 0;
-    std::chrono::steady_clock::time_point start_ = kro_date::SteadyNow();
+    kro_date::SteadyClock::time_point start_ = kro_date::SteadyClock::now();
 };
 
 class SlowSource final : public ByteSource {

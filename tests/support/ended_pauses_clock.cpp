@@ -9,9 +9,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 
-#include "kro/kro_date.h"
-#include "kro/kro_proc.h"
+#include "kro/kro_clock.h"
 
 namespace {
 
@@ -39,7 +39,12 @@ void kro_proc::Sleep(int milliseconds) {
 
 std::time_t kro_date::SystemNow() noexcept { return std::time(nullptr); }
 
-std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
-    const auto now = std::chrono::steady_clock::now();
+std::int64_t kro_date::SystemNowMs() noexcept {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::floor<std::chrono::milliseconds>(now).count();
+}
+
+kro_date::SteadyClock::time_point kro_date::SteadyClock::now() noexcept {
+    const time_point now(std::chrono::steady_clock::now().time_since_epoch());
     return access(kEnd, F_OK) == 0 ? now + std::chrono::hours(24) : now;
 }

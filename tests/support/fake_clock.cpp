@@ -3,15 +3,18 @@
 #include <chrono>
 #include <mutex>
 
-#include "kro/kro_date.h"
-#include "kro/kro_proc.h"
+#include "kro/kro_clock.h"
 
 namespace {
+
+// Not the epoch of the steady clock, so that a test can subtract from the current time, and so that
+// a time point that was never set differs from the current time.
+constexpr kro_date::SteadyClock::time_point kSteadyStart(std::chrono::hours(24));
 
 struct State {
     std::mutex mutex;
     std::time_t now = fake_clock::kStart;
-    std::chrono::steady_clock::time_point steady;
+    kro_date::SteadyClock::time_point steady = kSteadyStart;
     std::vector<int> sleeps;
     std::function<void(int)> hook;
 
@@ -32,6 +35,7 @@ void fake_clock::Reset() {
     State& state = TheState();
     const std::lock_guard section(state.mutex);
     state.now = kStart;
+    state.steady = kSteadyStart;
     state.sleeps.clear();
     state.hook = nullptr;
 }
@@ -78,7 +82,11 @@ std::time_t kro_date::SystemNow() noexcept {
     return state.now;
 }
 
-std::chrono::steady_clock::time_point kro_date::SteadyNow() noexcept {
+std::int64_t kro_date::SystemNowMs() noexcept {
+    return static_cast<std::int64_t>(SystemNow()) * 1000;
+}
+
+kro_date::SteadyClock::time_point kro_date::SteadyClock::now() noexcept {
     State& state = TheState();
     const std::lock_guard section(state.mutex);
     return state.steady;

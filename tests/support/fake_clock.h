@@ -10,7 +10,8 @@ namespace fake_clock {
 // 2026-11-20 12:00:00 UTC, a Friday.
 inline constexpr std::time_t kStart = 1795176000;
 
-// Sets the system time to kStart, clears the list of sleeps and removes the hook.
+// Sets the system time to kStart and the steady clock to its own start, clears the list of sleeps
+// and removes the hook.
 void Reset();
 void Set(std::time_t now);
 

@@ -4,11 +4,12 @@
 // kro_err::Error, which quotes the text, for any other text.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 #include <ctime>
 #include <string>
 #include <string_view>
+
+#include "kro/kro_clock.h"
 
 namespace kro_date {
 
@@ -52,11 +53,5 @@ class DateTime {
 
 // True when the constructor of Date accepts the text.
 bool IsDate(std::string_view text) noexcept;
-
-// The current time. The kro_clock library defines it, so that a test can link another clock.
-std::time_t SystemNow() noexcept;
-
-// The current time for measuring durations. A change of the system clock does not affect it.
-std::chrono::steady_clock::time_point SteadyNow() noexcept;
 
 }  // namespace kro_date

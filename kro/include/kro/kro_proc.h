@@ -7,13 +7,10 @@
 #include <utility>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/res_handle.h"
 
 namespace kro_proc {
-
-// Sleeps for the full time, even when signals arrive. The kro_clock library defines it, so that a
-// test can link another clock.
-void Sleep(int milliseconds);
 
 // Creates a pipe and returns its read side and write side, both close-on-exec.
 std::pair<ResHandle, ResHandle> Pipe();

@@ -132,4 +132,12 @@ TEST(DateTime, NowIsTheSystemsTime) {
     EXPECT_LE(now, kro_date::SystemNow());
 }
 
+TEST(Clock, SecondsAndMillisecondsAreTheSameTime) {
+    const std::int64_t before = kro_date::SystemNow();
+    const std::int64_t now = kro_date::SystemNowMs() / 1000;
+    EXPECT_GE(now, before);
+    // The clock of whole seconds may lag by a tick.
+    EXPECT_LE(now, kro_date::SystemNow() + 1);
+}
+
 }  // namespace
