@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_proc.h"
 #include "kro/res_handle.h"
 
@@ -31,7 +32,7 @@ class LastWords {
 
 class ClientProcess {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = kro_date::SteadyClock;
 
     // How long a client may take to end before it gets SIGTERM (`until_asked`) and SIGKILL
     // (`until_killed`).

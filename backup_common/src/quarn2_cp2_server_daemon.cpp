@@ -12,6 +12,7 @@
 #include <memory>
 #include <stdexcept>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_date.h"
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
@@ -50,7 +51,7 @@ class Daemon {
         control->is_storage_checked = start_.is_storage_checked;
         GlobalSizeControl::StorageDesc& desc = control->AddStorage(GetStorageByEnv());
         auto nodes = std::make_unique<NodeSessions>(desc, *loop, args_);
-        nodes->Start(std::chrono::steady_clock::now());
+        nodes->Start(kro_date::SteadyClock::now());
         WritePidFile();
         const std::string path = args_->Param("path", -1);
         MigrateMarkers(args_->Param("storage", -1));
@@ -111,7 +112,7 @@ class Daemon {
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
         while (!signal_->arrived() && flock(lock_file_, LOCK_EX | LOCK_NB) != 0) {
             if (errno != EAGAIN && errno != EINTR) return;
-            const auto next = nodes.Attend(std::chrono::steady_clock::now());
+            const auto next = nodes.Attend(kro_date::SteadyClock::now());
             WriteState();
             loop.Run(static_cast<int>(std::min(next, kLongestRun).count()));
         }

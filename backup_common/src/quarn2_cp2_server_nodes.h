@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "kro/kro_args.h"
+#include "kro/kro_clock.h"
 #include "quarn2/expect.h"
 #include "quarn2_cp2_server_client.h"
 #include "quarn2_cp2_server_model.h"
@@ -29,7 +30,7 @@ class RestartPause {
 // One node. It has a session, or waits for the end of its client, or waits for its next session.
 class SupervisedNode {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = kro_date::SteadyClock;
     using StartSession = std::function<std::shared_ptr<MasterSide>()>;
 
     // `name` is for the log.
@@ -76,7 +77,7 @@ void FinishAll(std::vector<SupervisedNode>& nodes, SupervisedNode::Clock::time_p
 // Runs only on the thread of the event loop.
 class NodeSessions {
   public:
-    using Clock = std::chrono::steady_clock;
+    using Clock = kro_date::SteadyClock;
 
     // `storage` and `loop` must outlive the sessions.
     NodeSessions(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,

@@ -7,6 +7,7 @@
 #include <climits>
 #include <utility>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 
 namespace quarn2 {
@@ -23,7 +24,7 @@ Expect::Result result_suspend{"erSuspend"};
 Expect::Result result_close{"erClose"};
 Expect::Result result_finish{"erFinish"};
 
-using Clock = std::chrono::steady_clock;
+using Clock = kro_date::SteadyClock;
 
 // The remaining time of a run in milliseconds, rounded up so that the run never ends early.
 int Remaining(Clock::time_point deadline) {
@@ -66,12 +67,15 @@ void Expect::SetEvents(int fd, short events) {
 bool Expect::Run(int timeout_ms) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
     for (;;) {
-        if (!Turn(timeout_ms < 0 ? -1 : Remaining(deadline))) return true;
+        const Turned turned = Turn(timeout_ms < 0 ? -1 : Remaining(deadline));
+        if (turned == Turned::kFinished) return true;
+        // The wait for the remaining time is over. The clock of a test does not advance during it.
+        if (turned == Turned::kTimedOut) return false;
         if (timeout_ms >= 0 && Clock::now() >= deadline) return false;
     }
 }
 
-bool Expect::Turn(int timeout_ms) {
+Expect::Turned Expect::Turn(int timeout_ms) {
     DropClosed();
     // Leave out suspended workers: poll would report a hang-up on them in every turn.
     std::vector<pollfd> waiting;
@@ -81,16 +85,17 @@ bool Expect::Turn(int timeout_ms) {
         waiting.push_back(pollfd{entry.handle, entry.events, 0});
         workers.push_back(entry.worker);
     }
-    if (waiting.empty() && timeout_ms < 0) return false;
+    if (waiting.empty() && timeout_ms < 0) return Turned::kFinished;
 
     const int ready = poll(waiting.data(), waiting.size(), timeout_ms);
     if (ready < 0 && errno != EINTR) throw kro_err::FromErrno("Failed to poll");
-    if (ready <= 0) return true;
+    if (ready == 0) return Turned::kTimedOut;
+    if (ready < 0) return Turned::kServed;
     for (std::size_t i = 0; i < waiting.size(); ++i) {
         if (waiting[i].revents == 0) continue;
-        if (!Serve(waiting[i].fd, waiting[i].revents, workers[i])) return false;
+        if (!Serve(waiting[i].fd, waiting[i].revents, workers[i])) return Turned::kFinished;
     }
-    return true;
+    return Turned::kServed;
 }
 
 bool Expect::Serve(int fd, short events, const std::shared_ptr<Callable>& worker) {

@@ -8,13 +8,14 @@
 #include <utility>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 
 namespace quarn2 {
 
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using Clock = kro_date::SteadyClock;
 
 // When more backends are idle, the oldest one is closed.
 constexpr std::size_t kMostIdle = 5;

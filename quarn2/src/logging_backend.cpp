@@ -3,6 +3,7 @@
 #include <chrono>
 #include <utility>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
@@ -36,7 +37,7 @@ class Operation {
     }
 
   private:
-    using Clock = std::chrono::steady_clock;
+    using Clock = kro_date::SteadyClock;
 
     std::string Milliseconds() const {
         const auto passed = Clock::now() - start_;

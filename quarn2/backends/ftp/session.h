@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "backends/ftp/reply.h"
+#include "kro/kro_clock.h"
 #include "net/curl_handle.h"
 #include "quarn2_backend/storage_backend.h"
 
@@ -105,7 +106,7 @@ class Session {
     static int OnDebug(CURL* handle, curl_infotype type, char* data, std::size_t size, void* self);
     static int OnProgress(void* self, curl_off_t down_total, curl_off_t down, curl_off_t up_total,
                           curl_off_t up);
-    void Moved() { moved_at_ = std::chrono::steady_clock::now(); }
+    void Moved() { moved_at_ = kro_date::SteadyClock::now(); }
     static std::size_t OnRead(char* buffer, std::size_t size, std::size_t count, void* self);
     static std::size_t OnWrite(char* buffer, std::size_t size, std::size_t count, void* self);
 
@@ -137,7 +138,7 @@ class Session {
     std::function<void(std::span<const std::byte>)> take_;
     std::exception_ptr thrown_;
     curl_off_t moved_ = 0;
-    std::chrono::steady_clock::time_point moved_at_;
+    kro_date::SteadyClock::time_point moved_at_;
     bool is_stalled_ = false;
 };
 

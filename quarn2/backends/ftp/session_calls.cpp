@@ -77,7 +77,7 @@ int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
     // libcurl's own timeouts apply while it connects or exchanges commands.
     if (down + up != session.moved_ || down + up == 0) session.Moved();
     session.moved_ = down + up;
-    const auto still = std::chrono::steady_clock::now() - session.moved_at_;
+    const auto still = kro_date::SteadyClock::now() - session.moved_at_;
     session.is_stalled_ = still > std::chrono::seconds(session.timeout_);
     return session.is_stalled_ ? 1 : 0;
 }

@@ -76,7 +76,7 @@ void Unfinished::AbortOf(const std::string& key) {
 }
 
 void Unfinished::AbortKnownOf(const std::string& key) {
-    const auto now = std::chrono::steady_clock::now();
+    const auto now = kro_date::SteadyClock::now();
     if (!listed_ || now - *listed_ > kListingAge) {
         Refresh();
         listed_ = now;
@@ -157,9 +157,9 @@ void Unfinished::Abort(const std::vector<Upload>& uploads) {
 bool TryToAbort(Service& service, const Upload& upload) noexcept {
     // No second attempt after this time: the server would only delay the caller again.
     constexpr std::chrono::seconds kQuick{1};
-    const auto begin = std::chrono::steady_clock::now();
+    const auto begin = kro_date::SteadyClock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {
-        if (std::chrono::steady_clock::now() - begin > kQuick) return false;
+        if (kro_date::SteadyClock::now() - begin > kQuick) return false;
         try {
             const net::HttpReply reply = service.AskAnew(AbortCall(upload));
             if (reply.IsSuccess() || RefusalOf(reply).IsMissing()) return true;

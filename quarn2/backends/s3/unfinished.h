@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "backends/s3/service.h"
+#include "kro/kro_clock.h"
 
 namespace quarn2::s3 {
 
@@ -59,7 +60,7 @@ class Unfinished {
 
     Service& service_;
     std::map<std::string, std::vector<std::string>> known_;
-    std::optional<std::chrono::steady_clock::time_point> listed_;
+    std::optional<kro_date::SteadyClock::time_point> listed_;
 };
 
 // Aborts a failed upload over a new connection, with up to two attempts. Returns false if that

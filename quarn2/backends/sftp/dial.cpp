@@ -19,6 +19,7 @@
 #include <utility>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 #include "stored_name.h"
 
@@ -59,7 +60,8 @@ Resolved Resolve(const std::string& host, std::uint16_t port, int flags) {
 }
 
 // Resolves the name in a thread of its own. getaddrinfo() cannot be interrupted while a name server
-// does not answer, so after the timeout the thread is left running until the call returns.
+// does not answer, so after the timeout the thread is left running until the call returns. The wait
+// uses real time, because another thread ends it and a clock of a test does not advance meanwhile.
 Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds) {
     std::promise<Resolved> promise;
     std::future<Resolved> future = promise.get_future();
@@ -110,14 +112,15 @@ void Tune(int fd, int seconds) {
 
 // Waits for a connection attempt. Returns its errno, 0 if it succeeded.
 int Finish(int fd, int seconds) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
+    const auto end = kro_date::SteadyClock::now() + std::chrono::seconds(seconds);
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-            end - std::chrono::steady_clock::now());
+            end - kro_date::SteadyClock::now());
         if (left.count() <= 0) return ETIMEDOUT;
         pollfd wanted = {fd, POLLOUT, 0};
         const int ready = poll(&wanted, 1, static_cast<int>(left.count()));
         if (ready < 0 && errno != EINTR) return errno;
+        if (ready == 0) return ETIMEDOUT;
         if (ready > 0) break;
     }
     int error = 0;

@@ -4,8 +4,8 @@
 #include <optional>
 #include <utility>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_file.h"
-#include "kro/kro_proc.h"
 #include "stored_name.h"
 
 namespace quarn2::webdav {
@@ -14,7 +14,7 @@ namespace {
 
 using kro_err::Error;
 using kro_err::Kind;
-using Clock = std::chrono::steady_clock;
+using Clock = kro_date::SteadyClock;
 
 constexpr std::chrono::seconds kFresh(10);
 constexpr std::size_t kMostFolders = 16;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "backends/webdav/dav_server.h"
+#include "kro/kro_clock.h"
 
 namespace quarn2::webdav {
 
@@ -18,7 +19,7 @@ namespace quarn2::webdav {
 struct Folder {
     std::vector<std::string> temporaries;
     std::unordered_set<std::string> files;
-    std::chrono::steady_clock::time_point listed;
+    kro_date::SteadyClock::time_point listed;
 };
 
 // Lists a directory at most once every few seconds. Many small files in a row then cost few

@@ -67,8 +67,12 @@ class Expect {
     };
 
     void AddWorker(ResHandle handle, short events, std::shared_ptr<Callable> worker);
-    // One poll and the calls of all ready workers. Returns false when the run is over.
-    bool Turn(int timeout_ms);
+    // How a turn ended: its wait took the full time, or it served workers or was interrupted, or
+    // the run is over.
+    enum class Turned { kTimedOut, kServed, kFinished };
+
+    // One poll and the calls of all ready workers.
+    Turned Turn(int timeout_ms);
     // Calls one ready worker. Returns false when it ended the run.
     bool Serve(int fd, short events, const std::shared_ptr<Callable>& worker);
 

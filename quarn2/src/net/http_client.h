@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 #include "net/curl_handle.h"
 #include "net/http_body.h"
@@ -91,7 +92,7 @@ class HttpClient {
 
   private:
     class Transfer;
-    using Clock = std::chrono::steady_clock;
+    using Clock = kro_date::SteadyClock;
 
     std::unique_ptr<Transfer> TakeTransfer();
     bool Finish();
