@@ -60,7 +60,7 @@ std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& 
     return found;
 }
 
-[[noreturn]] void RefuseSource(const std::string& source, const std::string& reason) {
+[[noreturn]] void ThrowInvalidSource(const std::string& source, const std::string& reason) {
     throw std::runtime_error("'" + source + "' cannot be uploaded: " + reason +
                              "; nothing was changed. Put archives that are outside of the storage");
 }
@@ -123,13 +123,13 @@ void CheckSource(const quarn2::BackupToken& token, const std::string& remote,
     const fs::path storage = StorageDirectory(token);
     std::error_code error;
     if (fs::equivalent(storage / remote, source, error)) {
-        RefuseSource(source, "it is the stored file itself");
+        ThrowInvalidSource(source, "it is the stored file itself");
     }
     const fs::path resolved = ResolvePath(source);
     for (const fs::path& directory : DirectoriesOf(storage, remote)) {
         if (IsSameOrBelow(directory, resolved)) {
-            RefuseSource(source,
-                         "it is inside of the storage directory '" + directory.string() + "'");
+            ThrowInvalidSource(
+                source, "it is inside of the storage directory '" + directory.string() + "'");
         }
     }
 }

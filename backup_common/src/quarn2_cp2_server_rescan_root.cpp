@@ -58,15 +58,15 @@ std::string FindStray(const std::string& directory, Level level) {
     return {};
 }
 
-[[noreturn]] void Refuse(const std::string& local_root, const std::string& reason) {
+[[noreturn]] void ThrowCannotRescan(const std::string& local_root, const std::string& reason) {
     throw std::runtime_error("--path '" + local_root + "' cannot be rescanned: " + reason);
 }
 
 void CheckIsNoOtherUsers(const std::string& local_root, const std::string& storage_name) {
     const auto check = [&](const std::string& user) {
         if (user.empty() || user == storage_name) return;
-        Refuse(local_root, "it belongs to user '" + user + "'; give --storage " + user +
-                               " with it and that storage's token");
+        ThrowCannotRescan(local_root, "it belongs to user '" + user + "'; give --storage " + user +
+                                          " with it and that storage's token");
     };
     check(UserOfInfoRoot(local_root, kData));
     check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
@@ -79,7 +79,8 @@ void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem:
     if (!token.IsLocal()) return;
     const std::filesystem::path storage = StorageDirectory(token);
     if (IsSameOrBelow(cleaned, storage) || IsSameOrBelow(storage, cleaned)) {
-        Refuse(local_root, "the storage lies there; name a directory for info files alone");
+        ThrowCannotRescan(local_root,
+                          "the storage lies there; name a directory for info files alone");
     }
 }
 
@@ -93,9 +94,10 @@ void CheckHoldsNothingElse(const std::string& local_root) {
     if (in_data) return;
     const std::string stray = FindStrayEntry(RescanDirectory(local_root));
     if (stray.empty()) return;
-    Refuse(local_root, "'" + stray +
-                           "' in it is no file of a backup, and the rescan would take it away; "
-                           "name a directory for info files alone");
+    ThrowCannotRescan(local_root,
+                      "'" + stray +
+                          "' in it is no file of a backup, and the rescan would take it away; "
+                          "name a directory for info files alone");
 }
 
 }  // namespace
@@ -126,13 +128,13 @@ std::string FindStrayEntry(const std::string& directory) {
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name) {
     // The rescan would work on the parent directory, which has the server's own files.
     if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
-        Refuse(local_root, "name the info root in it, such as '" +
-                               kro_file::ConcatPath(local_root, "tovarn") + "'");
+        ThrowCannotRescan(local_root, "name the info root in it, such as '" +
+                                          kro_file::ConcatPath(local_root, "tovarn") + "'");
     }
     const std::filesystem::path cleaned = ResolvePath(RescanDirectory(local_root));
     if (IsSameOrBelow(cleaned, ResolvePath("")) || IsSameOrBelow(cleaned, ResolvePath("var"))) {
-        Refuse(local_root,
-               "the install root is below it; name a directory that has only info files");
+        ThrowCannotRescan(
+            local_root, "the install root is below it; name a directory that has only info files");
     }
     CheckTouchesNoStorage(local_root, cleaned);
     CheckIsNoOtherUsers(local_root, storage_name);

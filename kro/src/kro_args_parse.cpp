@@ -70,7 +70,7 @@ class Parser {
         const bool has_value = equals != word.npos;
         if (name == "help" || name == "version") {
             if (has_value) throw UsageError(shown + " takes no value");
-            PrintAndLeave(name);
+            ThrowAfterPrinting(name);
         }
         const Arg& option = Find([&name](const Arg& arg) { return arg.name_ == name; }, shown);
         if (!option.takes_value_) {
@@ -155,7 +155,7 @@ class Parser {
         result_.values_[option.name_].push_back(value);
     }
 
-    [[noreturn]] void PrintAndLeave(const std::string& name) const {
+    [[noreturn]] void ThrowAfterPrinting(const std::string& name) const {
         if (name == "help") {
             args_.Usage("");
         } else {

@@ -30,7 +30,7 @@ bool HasAnotherName(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && status.st_nlink > 1;
 }
 
-[[noreturn]] void Refuse(const std::string& path, const char* why) {
+[[noreturn]] void ThrowUnsafe(const std::string& path, const char* why) {
     throw kro_err::Error(kro_err::Kind::kFailed, "Failed to lock '" + path + "': it " + why);
 }
 
@@ -46,10 +46,10 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
     const int operation = wait ? LOCK_EX : LOCK_EX | LOCK_NB;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int fd = OpenFd(path, O_RDWR | kPlanted | (create ? O_CREAT : 0), 0600);
-        if (fd < 0 && errno == ELOOP) Refuse(path, "is a symbolic link");
+        if (fd < 0 && errno == ELOOP) ThrowUnsafe(path, "is a symbolic link");
         if (fd < 0) throw kro_err::FromErrno("Failed to open '" + path + "'");
         ResHandle handle(fd);
-        if (!IsPlainFile(fd)) Refuse(path, "is not a plain file");
+        if (!IsPlainFile(fd)) ThrowUnsafe(path, "is not a plain file");
         if (NoEintr([&] { return ::flock(fd, operation); }) != 0) {
             if (errno == EWOULDBLOCK) return false;
             throw kro_err::FromErrno("Failed to lock '" + path + "'");
@@ -69,7 +69,8 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
 std::string Lock::Read() const { return ReadAll(handle_, path_); }
 
 void Lock::Write(std::string_view text) {
-    if (HasAnotherName(handle_)) Refuse(path_, "has a second name, which would be written as well");
+    if (HasAnotherName(handle_))
+        ThrowUnsafe(path_, "has a second name, which would be written as well");
     struct stat status {};
     std::string padded(text);
     // Until ftruncate, the end of a longer old text must not appear to belong to the new text.
