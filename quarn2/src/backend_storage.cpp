@@ -63,7 +63,7 @@ class FileSource final : public ByteSource {
                                       offset + static_cast<std::int64_t>(done));
             if (got < 0 && errno == EINTR) continue;
             if (got < 0) throw kro_err::FromErrno("Failed to read " + Quoted(path_));
-            if (got == 0) Changed();
+            if (got == 0) ThrowChanged();
             done += static_cast<std::size_t>(got);
         }
         Advance(static_cast<std::int64_t>(done));
@@ -78,7 +78,7 @@ class FileSource final : public ByteSource {
 
     void CheckUnchanged() override {
         const struct stat now = Status(handle_, path_);
-        if (now.st_size != size_) Changed();
+        if (now.st_size != size_) ThrowChanged();
         if (now.st_mtim.tv_sec == modified_.tv_sec && now.st_mtim.tv_nsec == modified_.tv_nsec) {
             return;
         }
@@ -90,7 +90,7 @@ class FileSource final : public ByteSource {
         return static_cast<std::uint64_t>(size_ - offset);
     }
 
-    [[noreturn]] void Changed() const {
+    [[noreturn]] void ThrowChanged() const {
         throw Error(Kind::kFailed, Quoted(path_) + " changed its length while it was uploaded");
     }
 

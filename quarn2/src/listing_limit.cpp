@@ -8,7 +8,7 @@ namespace quarn2 {
 void ListingLimit::Count(std::size_t bytes) {
     ++entries_;
     bytes_ += bytes;
-    if (entries_ > kMostEntries || bytes_ > kMostBytes) Refuse();
+    if (entries_ > kMostEntries || bytes_ > kMostBytes) ThrowTooLong();
 }
 
 void ListingLimit::CheckDepth(std::size_t depth) const {
@@ -16,7 +16,7 @@ void ListingLimit::CheckDepth(std::size_t depth) const {
     throw kro_err::Error(kro_err::Kind::kFailed, what_ + " shows directories without end");
 }
 
-void ListingLimit::Refuse() const {
+void ListingLimit::ThrowTooLong() const {
     throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": an endless listing, of more than " +
                                                      str::Str(kMostEntries) + " names or " +
                                                      str::Str(kMostBytes >> 20U) + " MiB");

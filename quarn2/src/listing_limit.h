@@ -26,7 +26,7 @@ class ListingLimit {
     void CheckDepth(std::size_t depth) const;
 
   private:
-    [[noreturn]] void Refuse() const;
+    [[noreturn]] void ThrowTooLong() const;
 
     std::string what_;
     std::size_t entries_ = 0;

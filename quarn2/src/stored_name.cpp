@@ -17,19 +17,21 @@ namespace {
 
 constexpr std::size_t kQuotedLimit = 300;
 
-[[noreturn]] void Refuse(std::string_view name, std::string_view reason) {
+[[noreturn]] void ThrowInvalidName(std::string_view name, std::string_view reason) {
     throw kro_err::Error(kro_err::Kind::kFailed,
                          "bad name on a storage " + Quoted(name) + ": " + std::string(reason));
 }
 
 void CheckComponent(std::string_view name, std::string_view component) {
-    if (component.empty()) Refuse(name, "a component is empty");
-    if (component == "." || component == "..") Refuse(name, "'.' and '..' are not followed");
+    if (component.empty()) ThrowInvalidName(name, "a component is empty");
+    if (component == "." || component == "..")
+        ThrowInvalidName(name, "'.' and '..' are not followed");
     // Such a file would be hidden from every listing and removed as a leftover.
     if (kro_file::IsTemporaryName(component))
-        Refuse(name, "the form of temporary names is reserved");
+        ThrowInvalidName(name, "the form of temporary names is reserved");
     // The temporary name of the file is longer and must fit too.
-    if (kro_file::TemporaryName(component).size() > NAME_MAX) Refuse(name, "it is too long");
+    if (kro_file::TemporaryName(component).size() > NAME_MAX)
+        ThrowInvalidName(name, "it is too long");
 }
 
 }  // namespace
@@ -71,8 +73,8 @@ std::string Quoted(std::string_view name) {
 }
 
 void CheckStoredName(const std::string& name) {
-    if (name.empty()) Refuse(name, "it is empty");
-    if (HasControl(name)) Refuse(name, "it has a control character");
+    if (name.empty()) ThrowInvalidName(name, "it is empty");
+    if (HasControl(name)) ThrowInvalidName(name, "it has a control character");
     std::string_view rest = name;
     for (;;) {
         const std::size_t slash = rest.find('/');
@@ -93,7 +95,8 @@ std::string GetStoredName(const std::string& local) {
     }
     CheckStoredName(stored);
     // The name is sent in a line of fields separated by spaces, so a space would end it.
-    if (stored.find(' ') != std::string::npos) Refuse(stored, "it has a space; rename the file");
+    if (stored.find(' ') != std::string::npos)
+        ThrowInvalidName(stored, "it has a space; rename the file");
     return stored;
 }
 

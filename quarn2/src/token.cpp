@@ -176,14 +176,15 @@ class BackupToken::Parser {
         if (str::StartsWith(host, "[")) {
             host.remove_prefix(1);
             const std::optional<std::string_view> tail = CutTail(host, ']');
-            if (!tail || (!tail->empty() && tail->front() != ':') || !IsAddress(host)) BadHost();
+            if (!tail || (!tail->empty() && tail->front() != ':') || !IsAddress(host))
+                ThrowInvalidHost();
             if (!tail->empty()) port = tail->substr(1);
         } else {
             port = CutTail(host, ':');
             const bool good = std::all_of(host.begin(), host.end(), [](char c) {
                 return IsLetterOrDigit(c) || c == '-' || c == '.' || c == '_';
             });
-            if (!good || (host.empty() && port)) BadHost();
+            if (!good || (host.empty() && port)) ThrowInvalidHost();
         }
         token_.host_ = str::Lower(host);
         if (port) ParsePort(*port);
@@ -195,7 +196,7 @@ class BackupToken::Parser {
     }
 
     // Does not quote the host, because it may be part of a password that contains a "/".
-    [[noreturn]] static void BadHost() {
+    [[noreturn]] static void ThrowInvalidHost() {
         throw Fault{"storage token: what stands in the host's place is no host name or address"};
     }
 

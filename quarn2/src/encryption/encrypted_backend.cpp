@@ -19,7 +19,7 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-[[noreturn]] void Damaged() {
+[[noreturn]] void ThrowCorrupt() {
     throw Error(Kind::kFailed,
                 "the encrypted file is damaged: it was changed, cut off or put together wrongly");
 }
@@ -143,7 +143,7 @@ class DecryptingSink final : public ByteSink {
         if (cipher_) return TakeHeld(true);
         // Fewer bytes than a header: a plain file, or an encrypted file that was truncated. An
         // empty file counts as truncated.
-        if (held_.empty() || BeginsAsHeader()) Damaged();
+        if (held_.empty() || BeginsAsHeader()) ThrowCorrupt();
         PassOn();
     }
 
@@ -195,7 +195,7 @@ class DecryptingSink final : public ByteSink {
     }
 
     void OpenChunk(Bytes sealed, bool last) {
-        if (!cipher_->Open(number_++, last, sealed, clear_)) Damaged();
+        if (!cipher_->Open(number_++, last, sealed, clear_)) ThrowCorrupt();
         plain_.Write(std::span(clear_).first(sealed.size() - kTagSize));
     }
 

@@ -14,16 +14,16 @@ LoadedLibrary::LoadedLibrary(std::string file, std::string package)
       // Never unloaded, so copies can share it.
       // cppcheck-suppress [noCopyConstructor,noOperatorEq,noDestructor]
       library_(dlopen(file_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-    if (library_ == nullptr) CannotLoad();
+    if (library_ == nullptr) ThrowCannotLoad();
 }
 
 void* LoadedLibrary::Symbol(const char* name) const {
     void* const symbol = dlsym(library_, name);
-    if (symbol == nullptr) CannotLoad();
+    if (symbol == nullptr) ThrowCannotLoad();
     return symbol;
 }
 
-void LoadedLibrary::CannotLoad() const {
+void LoadedLibrary::ThrowCannotLoad() const {
     const char* const reason = dlerror();
     throw kro_err::Error(kro_err::Kind::kFailed,
                          "this storage needs " + file_ + " (Debian package " + package_ +

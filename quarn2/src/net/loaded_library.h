@@ -23,7 +23,7 @@ class LoadedLibrary {
 
   private:
     void* Symbol(const char* name) const;
-    [[noreturn]] void CannotLoad() const;
+    [[noreturn]] void ThrowCannotLoad() const;
 
     std::string file_;
     std::string package_;

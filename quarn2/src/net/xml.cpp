@@ -66,8 +66,9 @@ class XmlReader::Parser {
   private:
     void ParsePiece(std::span<const std::byte> piece, bool is_final) {
         fed_ += piece.size();
-        if (fed_ - understood_ > kLongestPiece + piece.size()) Refuse("with a piece without end");
-        if (fed_ > kLongestAnswer) Refuse("without end");
+        if (fed_ - understood_ > kLongestPiece + piece.size())
+            ThrowInvalid("with a piece without end");
+        if (fed_ > kLongestAnswer) ThrowInvalid("without end");
         const XML_Status status =
             XML_Parse(parser_, reinterpret_cast<const char*>(piece.data()),
                       static_cast<int>(piece.size()), is_final ? XML_TRUE : XML_FALSE);
@@ -89,13 +90,13 @@ class XmlReader::Parser {
         }
     }
 
-    void Refuse(const char* why) const {
+    void ThrowInvalid(const char* why) const {
         throw Error(Kind::kUnavailable, what_ + ": an XML answer " + why);
     }
 
     void Meet(const char* name) {
         if (names_.contains(name)) return;
-        if (names_.size() >= kMostNames) Refuse("with names without end");
+        if (names_.size() >= kMostNames) ThrowInvalid("with names without end");
         names_.emplace(name);
     }
 
@@ -106,7 +107,7 @@ class XmlReader::Parser {
             self->Meet(name);
             // The array holds names and values alternately.
             for (const char** at = attributes; *at != nullptr; at += 2) self->Meet(*at);
-            if (self->texts_.size() >= kDeepest) self->Refuse("that nests without end");
+            if (self->texts_.size() >= kDeepest) self->ThrowInvalid("that nests without end");
             self->texts_.emplace_back();
             const auto parts = SpaceAndName(name);
             self->handler_.Open(parts.first, parts.second);
@@ -137,14 +138,15 @@ class XmlReader::Parser {
             if (self->texts_.empty()) return;
             std::string& all = self->texts_.back();
             all.append(text, static_cast<std::size_t>(length));
-            if (all.size() > kLongestText) self->Refuse("with a text without end");
+            if (all.size() > kLongestText) self->ThrowInvalid("with a text without end");
         });
     }
 
     static void OnDoctype(void* data, const char* /*name*/, const char* /*system*/,
                           const char* /*public*/, int /*internal*/) {
         auto* const self = static_cast<Parser*>(data);
-        self->Guarded([self] { self->Refuse("with a document type, which no storage sends"); });
+        self->Guarded(
+            [self] { self->ThrowInvalid("with a document type, which no storage sends"); });
     }
 
     std::string what_;
