@@ -217,7 +217,7 @@ void FtpBackend::Rename(const ftp::TemporaryName& temporary, const std::string& 
         if (IsRenamed(temporary.path(), target, size)) return;
         std::rethrow_exception(error);
     }
-    if (replies[0].IsRefusal()) session_.Refused(replies[0], "rename to " + Quoted(name));
+    if (replies[0].IsRefusal()) session_.ThrowRefused(replies[0], "rename to " + Quoted(name));
     if (!replies[1].IsDone()) RenameOver(temporary, name, replies[1]);
 }
 
@@ -237,7 +237,7 @@ void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::stri
     if (found == Found::kDirectory) {
         throw Error(Kind::kFailed, Quoted(name) + " on the storage is a directory");
     }
-    if (found == Found::kNothing) session_.Refused(refusal, "rename to " + Quoted(name));
+    if (found == Found::kNothing) session_.ThrowRefused(refusal, "rename to " + Quoted(name));
     const std::string old = temporary.OldPath();
     std::vector<Reply> replies;
     const std::exception_ptr error = ErrorOf([&] {
@@ -246,7 +246,7 @@ void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::stri
     });
     if (error || !replies.back().IsDone()) FinishRenameOver(temporary, target);
     if (error) std::rethrow_exception(error);
-    if (!replies.back().IsDone()) session_.Refused(refusal, "rename to " + Quoted(name));
+    if (!replies.back().IsDone()) session_.ThrowRefused(refusal, "rename to " + Quoted(name));
     Discard(old);
 }
 

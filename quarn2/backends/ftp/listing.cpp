@@ -20,7 +20,7 @@ constexpr std::string_view kDigits = "0123456789";
 // Separates the name of a link from its target.
 constexpr std::string_view kArrow = " -> ";
 
-[[noreturn]] void NotUnderstood(std::string_view line) {
+[[noreturn]] void ThrowUnknownLine(std::string_view line) {
     throw Error(Kind::kFailed, "a line of the server's listing is not understood: " + Quoted(line));
 }
 
@@ -88,7 +88,7 @@ void AddFacts(Listing& listing, std::string_view line) {
     const std::size_t blank = line.find(' ');
     const std::string_view facts = line.substr(0, blank);
     const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
-    if (!good) NotUnderstood(line);
+    if (!good) ThrowUnknownLine(line);
     const std::string type = TypeFact(facts);
     // The name of a "cdir" or "pdir" entry may be a full path instead of "." or "..".
     if (type == "cdir") listing.shows_itself = true;
@@ -172,7 +172,7 @@ bool IsUnixLine(std::string_view line) {
 void AddUnixLine(Listing& listing, std::string_view line) {
     std::string_view name = BehindDate(line);
     // One blank ends the date; further ones belong to the name.
-    if (name.size() < 2) NotUnderstood(line);
+    if (name.size() < 2) ThrowUnknownLine(line);
     name.remove_prefix(1);
     if (line.front() == 'l') {
         const std::size_t arrow = name.find(kArrow);
@@ -218,7 +218,7 @@ void AddLine(Listing& listing, std::string_view line) {
     if (IsUnixLine(line)) {
         AddUnixLine(listing, line);
     } else if (!AddDosLine(listing, line)) {
-        NotUnderstood(line);
+        ThrowUnknownLine(line);
     }
 }
 

@@ -424,7 +424,7 @@ void Session::Throw(const Outcome& outcome) const {
                 what_ + ": " + str::Str(reply->code) + " " + net::OneLine(reply->text));
 }
 
-void Session::Refused(const Reply& reply, const std::string& deed) const {
+void Session::ThrowRefused(const Reply& reply, const std::string& deed) const {
     throw Error(KindOf(reply), what_ + " does not " + deed + ": " + str::Str(reply.code) + " " +
                                    net::OneLine(reply.text));
 }

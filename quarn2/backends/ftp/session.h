@@ -60,7 +60,7 @@ class Session {
     // Throws the error for a failed transfer.
     [[noreturn]] void Throw(const Outcome& outcome) const;
     // Throws the error for a refusal. `deed` is the refused operation ("store 'name'").
-    [[noreturn]] void Refused(const Reply& reply, const std::string& deed) const;
+    [[noreturn]] void ThrowRefused(const Reply& reply, const std::string& deed) const;
 
     // The name of the server in error texts.
     const std::string& what() const noexcept { return what_; }

@@ -35,7 +35,7 @@ std::string Tree::PathOf(const std::string& name) const {
 void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
     constexpr int kLasting = 500;
     if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.words))) return;
-    session_.Refused(reply, "show " + Quoted(PathOf(name)));
+    session_.ThrowRefused(reply, "show " + Quoted(PathOf(name)));
 }
 
 Reply Tree::TryEnter(const std::string& name) {
@@ -75,7 +75,7 @@ void Tree::CheckRoot() {
     const Reply reply = session_.Command("CWD " + PathOf(""));
     if (reply.IsDone()) return;
     if (reply.code < 500 || SaysDenied(reply.words)) {
-        session_.Refused(reply, "show directory " + Quoted(PathOf("")));
+        session_.ThrowRefused(reply, "show directory " + Quoted(PathOf("")));
     }
     throw Error(Kind::kNotFound, session_.what() + " has no directory " + Quoted(PathOf("")) +
                                      "; create it or correct the storage token");
@@ -86,7 +86,7 @@ void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
     CheckRoot();
     const std::optional<Entry> entry = FindListed(name);
     if (entry && entry->type == Entry::Type::kDirectory) {
-        session_.Refused(refusal, "list " + Quoted(name));
+        session_.ThrowRefused(refusal, "list " + Quoted(name));
     }
     throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
 }
@@ -102,10 +102,10 @@ std::optional<Entry> Tree::FindListed(const std::string& name) {
 
 void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::string& deed) {
     constexpr int kRefused = 500;
-    if (reply.code < kRefused) session_.Refused(reply, deed);
+    if (reply.code < kRefused) session_.ThrowRefused(reply, deed);
     const bool missing =
         SaysMissing(reply.words) || (!SaysDenied(reply.words) && Look(name) != Found::kFile);
-    if (!missing && FindListed(name)) session_.Refused(reply, deed);
+    if (!missing && FindListed(name)) session_.ThrowRefused(reply, deed);
     CheckRoot();
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
@@ -122,7 +122,7 @@ bool Tree::MakeDirectories(const std::string& name) {
         if (IsFull(reply)) return false;
         // Another process may have made it at the same time.
         if (!reply.IsDone() && Look(name) != Found::kDirectory) {
-            session_.Refused(reply, "make directory " + Quoted(name));
+            session_.ThrowRefused(reply, "make directory " + Quoted(name));
         }
     }
     seen_.insert(name);
@@ -154,7 +154,7 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     const bool is_directory = !SaysDenied(refusal.words) && Look(name) == Found::kDirectory;
     if (refusal.code == kBadArgument && is_directory) return false;
     if (SaysDenied(refusal.words) || is_directory) {
-        session_.Refused(refusal, "list " + Quoted(name));
+        session_.ThrowRefused(refusal, "list " + Quoted(name));
     }
     ThrowNoDirectory(refusal, name);
 }
@@ -184,7 +184,7 @@ Listing Tree::ListForPeople(const std::string& name) {
     Listing listing;
     if (TryList("LIST -a", name, listing) && listing.shows_itself) return listing;
     if (TryList("LIST", name, listing)) return listing;
-    session_.Refused(*session_.transcript().Refusal(), "list " + Quoted(PathOf(name)));
+    session_.ThrowRefused(*session_.transcript().Refusal(), "list " + Quoted(PathOf(name)));
 }
 
 Listing Tree::ListAll(const std::string& name) {
@@ -219,7 +219,7 @@ void Tree::RemoveFile(const std::string& name) {
         return;
     }
     if (SaysDenied(reply.words) || Look(name) != Found::kNothing) {
-        session_.Refused(reply, "remove " + Quoted(name));
+        session_.ThrowRefused(reply, "remove " + Quoted(name));
     }
     CheckRoot();
 }
@@ -256,7 +256,7 @@ void Tree::RemoveEmptied(const std::string& name) {
         reply = session_.Command("RMD " + PathOf(name));
     }
     if (!reply.IsDone() && Enter(name)) {
-        session_.Refused(reply, "remove directory " + Quoted(name));
+        session_.ThrowRefused(reply, "remove directory " + Quoted(name));
     }
 }
 
@@ -304,7 +304,7 @@ void Tree::RemoveRefused(const std::string& name, const Entry& entry, const Repl
         const Found found = SaysMissing(reply.words) ? Found::kNothing : Look(below);
         if (found == Found::kNothing) return;
         const bool untold = entry.type == Entry::Type::kUntold && found == Found::kDirectory;
-        if (!untold) session_.Refused(reply, "remove " + Quoted(below));
+        if (!untold) session_.ThrowRefused(reply, "remove " + Quoted(below));
     }
     Empty(below, depth + 1);
     RemoveEmptied(below);

@@ -30,7 +30,7 @@ constexpr mode_t kFileMode = 0640;
 constexpr mode_t kDirectoryMode = 0750;
 constexpr std::size_t kBufferSize = 256UL * 1024;
 
-[[noreturn]] void FailedTo(const std::string& what, const std::string& path) {
+[[noreturn]] void ThrowFailedTo(const std::string& what, const std::string& path) {
     throw CopyError("Failed to " + what + " " + Quoted(path) + " on the storage", errno);
 }
 
@@ -38,7 +38,7 @@ constexpr std::size_t kBufferSize = 256UL * 1024;
 // EINVAL, the error of file systems that cannot sync a directory and do not need it.
 void SyncDirectory(const std::string& path) {
     const ResHandle handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (!handle || (fsync(handle) != 0 && errno != EINVAL)) FailedTo("sync directory", path);
+    if (!handle || (fsync(handle) != 0 && errno != EINVAL)) ThrowFailedTo("sync directory", path);
 }
 
 // Syncs a directory after removals. Ignores a full disk, because removals make room. Ignores a
@@ -226,12 +226,12 @@ void LocalBackend::MakeDirs(const std::string& path) const {
     if (exists || errno == ENOTDIR) {
         throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
     }
-    if (errno != ENOENT) FailedTo("check directory", path);
+    if (errno != ENOENT) ThrowFailedTo("check directory", path);
     const std::string above = kro_file::Path(path);
     MakeDirs(above);
     // Another process may make it at the same time.
     if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-        FailedTo("make directory", path);
+        ThrowFailedTo("make directory", path);
     }
     SyncDirectory(above);
 }
@@ -247,7 +247,7 @@ void LocalBackend::Store(const std::string& path, ByteSource& source) {
 // must not return false then, so this throws an error that TryToStore does not catch.
 void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
     struct stat written = {};
-    if (fstat(file.fd(), &written) != 0) FailedTo("examine", path);
+    if (fstat(file.fd(), &written) != 0) ThrowFailedTo("examine", path);
     try {
         file.Commit();
     } catch (const CopyError& error) {
@@ -261,7 +261,7 @@ void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
 
 // --- Get ---
 
-[[noreturn]] void NoFile(const std::string& name) {
+[[noreturn]] void ThrowNotFound(const std::string& name) {
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
 
@@ -270,7 +270,7 @@ void CopyOut(int fd, ByteSink& sink, const std::string& path) {
     for (;;) {
         const ssize_t got = read(fd, buffer.data(), buffer.size());
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0) FailedTo("read", path);
+        if (got < 0) ThrowFailedTo("read", path);
         if (got == 0) return;
         sink.Write(std::span(buffer).first(static_cast<std::size_t>(got)));
     }
@@ -283,12 +283,12 @@ void LocalBackend::Load(const std::string& name, ByteSink& sink) const {
     const ResHandle handle(
         open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (!handle) {
-        if (errno == ENOENT || errno == ENOTDIR) NoFile(name);
-        FailedTo("open", path);
+        if (errno == ENOENT || errno == ENOTDIR) ThrowNotFound(name);
+        ThrowFailedTo("open", path);
     }
     struct stat status = {};
-    if (fstat(handle, &status) != 0) FailedTo("examine", path);
-    if (!S_ISREG(status.st_mode)) NoFile(name);
+    if (fstat(handle, &status) != 0) ThrowFailedTo("examine", path);
+    if (!S_ISREG(status.st_mode)) ThrowNotFound(name);
     sink.Expect(status.st_size);
     if (sink.Descriptor() < 0) {
         CopyOut(handle, sink, path);
@@ -307,7 +307,8 @@ void LocalBackend::RemoveOne(const std::string& name) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
     const std::string path = PathOf(name);
-    if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) FailedTo("remove", path);
+    if (unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR)
+        ThrowFailedTo("remove", path);
     kro_file::RemoveTemporary(path);
 }
 
@@ -318,7 +319,7 @@ void LocalBackend::RemoveAll(const std::string& name) const {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return;
-        FailedTo("look at", path);
+        ThrowFailedTo("look at", path);
     }
     if (!S_ISDIR(status.st_mode)) return;
     kro_file::Remove(path);
@@ -343,7 +344,7 @@ std::vector<std::string> ReadNames(DIR* directory, const std::string& path) {
     for (;;) {
         errno = 0;
         const dirent* const entry = readdir(directory);
-        if (entry == nullptr && errno != 0) FailedTo("list", path);
+        if (entry == nullptr && errno != 0) ThrowFailedTo("list", path);
         if (entry == nullptr) return names;
         const std::string_view name = static_cast<const char*>(entry->d_name);
         if (name != "." && name != "..") names.emplace_back(name);
@@ -359,7 +360,7 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
         struct stat status = {};
         // ENOTDIR can mean a file, or a name below a file.
         if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) return {name};
-        if (errno != ENOENT && errno != ENOTDIR) FailedTo("list", path);
+        if (errno != ENOENT && errno != ENOTDIR) ThrowFailedTo("list", path);
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
     std::vector<std::string> names = ReadNames(directory.get(), path);
@@ -370,7 +371,7 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
 void LocalBackend::Empty() const {
     CheckRoot();
     const std::unique_ptr<DIR, DirCloser> directory(opendir(root_.c_str()));
-    if (directory == nullptr) FailedTo("list", root_);
+    if (directory == nullptr) ThrowFailedTo("list", root_);
     for (const std::string& name : ReadNames(directory.get(), root_)) {
         kro_file::Remove(PathOf(name));
     }

@@ -51,7 +51,7 @@ std::string DecodedKey(const std::string& text) {
     return PercentDecoded(plain).value_or(text);
 }
 
-[[noreturn]] void NoAnswer(const std::string& what, const char* to) {
+[[noreturn]] void ThrowInvalidAnswer(const std::string& what, const char* to) {
     throw Error(Kind::kUnavailable, what + ": an answer that is none to " + to);
 }
 
@@ -81,7 +81,7 @@ Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
 
 void ListingReader::Open(std::string_view /*space*/, std::string_view name) {
     path_.emplace_back(name);
-    if (path_.size() == 1 && name != "ListBucketResult") NoAnswer("S3", "a listing");
+    if (path_.size() == 1 && name != "ListBucketResult") ThrowInvalidAnswer("S3", "a listing");
 }
 
 void ListingReader::Close(std::string_view /*space*/, std::string_view name,
@@ -114,7 +114,7 @@ Uploads ReadUploads(const std::string& what, const std::string& body) {
         if (name == "IsTruncated") answer.more = text == "true";
         if (name == "ListMultipartUploadsResult") whole = true;
     });
-    if (!whole) NoAnswer(what, "a listing of unfinished uploads");
+    if (!whole) ThrowInvalidAnswer(what, "a listing of unfinished uploads");
     return answer;
 }
 
@@ -144,7 +144,7 @@ DeleteAnswer ReadDeleteAnswer(const std::string& what, const std::string& body) 
         }
         if (name == "DeleteResult") whole = true;
     });
-    if (!whole) NoAnswer(what, "a removal");
+    if (!whole) ThrowInvalidAnswer(what, "a removal");
     return answer;
 }
 

@@ -82,7 +82,7 @@ bool FileExists(Service& service, const std::string& name, const std::string& do
     call.key = service.KeyOf(name);
     const net::HttpReply reply = service.Ask(std::move(call));
     if (reply.IsSuccess()) return true;
-    if (reply.status != kNotFound) service.Refuse(reply, doing);
+    if (reply.status != kNotFound) service.ThrowRefused(reply, doing);
     return false;
 }
 
@@ -98,7 +98,7 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
     if (reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(reply);
     if (refusal.IsMissing()) return;
-    service.Refuse(refusal, doing);
+    service.ThrowRefused(refusal, doing);
 }
 
 // Removes all objects below a prefix, page by page, with several requests in parallel.
@@ -164,10 +164,10 @@ class Sweeper {
     }
 
     void CheckBatch(const net::HttpReply& reply) const {
-        if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+        if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
         const DeleteAnswer answer = ReadDeleteAnswer(service_.what(), reply.body);
         if (answer.refusal.status == 0) return;
-        service_.Refuse(answer.refusal, "cannot remove " + Quoted(answer.key));
+        service_.ThrowRefused(answer.refusal, "cannot remove " + Quoted(answer.key));
     }
 
     template <class Check>
@@ -231,7 +231,7 @@ class Removal {
 
     void CheckNoDirectory() {
         const net::HttpReply& reply = ReplyOf(listed_);
-        if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+        if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
         if (below_.Finish().keys.empty()) return;
         throw Error(Kind::kFailed, Quoted(name_) + " on the storage is a directory");
     }

@@ -130,14 +130,15 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
         reply.status == kPartialContent ? ParseRange(reply.Header("content-range")) : std::nullopt;
     if (size_) {
         if (!range || range->offset != piece.offset || range->size != *size_) {
-            Broken("the server sends another range than it was asked for");
+            ThrowCannotFetch("the server sends another range than it was asked for");
         }
         return;
     }
     // Some servers ignore the range header and send the complete file.
     const std::optional<std::int64_t> size =
         range ? range->size : Number(reply.Header("content-length"));
-    if (!size || (range && range->offset != 0)) Broken("the server does not tell the size");
+    if (!size || (range && range->offset != 0))
+        ThrowCannotFetch("the server does not tell the size");
     size_ = size;
     piece.length = range ? std::min(piece.length, *size) : *size;
     next_ = piece.length;
@@ -149,7 +150,8 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
 
 void Download::Take(Piece& piece, std::span<const std::byte> bytes) {
     piece.received += static_cast<std::int64_t>(bytes.size());
-    if (piece.received > piece.length) Broken("the server sends more than it was asked for");
+    if (piece.received > piece.length)
+        ThrowCannotFetch("the server sends more than it was asked for");
     if (&piece == pieces_.front().get()) {
         Deliver(bytes);
     } else {
@@ -170,8 +172,8 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
         if (result.error) std::rethrow_exception(result.error);
         again_ = !size_ && IsWorthAnother(result.reply.status);
         if (again_) return;
-        if (!result.reply.IsSuccess()) Refuse(result.reply);
-        if (piece.received != piece.length) Broken("the transfer ended early");
+        if (!result.reply.IsSuccess()) ThrowRefused(result.reply);
+        if (piece.received != piece.length) ThrowCannotFetch("the transfer ended early");
     } catch (...) {
         if (!error_) error_ = std::current_exception();
     }
@@ -195,23 +197,23 @@ void Download::TakeTurns() {
 }
 
 void Download::CheckWhole() {
-    if (!size_ || delivered_ != *size_) Broken("the transfer ended early");
+    if (!size_ || delivered_ != *size_) ThrowCannotFetch("the transfer ended early");
     if (digest_ && Hex(digest_->Finish()) != checksum_) {
-        Broken("what arrived is not what was stored: its checksum differs");
+        ThrowCannotFetch("what arrived is not what was stored: its checksum differs");
     }
 }
 
-void Download::Refuse(const net::HttpReply& reply) const {
+void Download::ThrowRefused(const net::HttpReply& reply) const {
     const bool gone = reply.status == kGone || reply.status == kPreconditionFailed;
-    if (size_ && gone) Broken("the file was replaced while it was downloaded");
+    if (size_ && gone) ThrowCannotFetch("the file was replaced while it was downloaded");
     const Refusal refusal = RefusalOf(reply);
     if (refusal.IsMissing()) {
         throw Error(Kind::kNotFound, "no file " + Quoted(name_) + " on the storage");
     }
-    service_.Refuse(refusal, "cannot fetch " + Quoted(name_));
+    service_.ThrowRefused(refusal, "cannot fetch " + Quoted(name_));
 }
 
-void Download::Broken(const std::string& why) const {
+void Download::ThrowCannotFetch(const std::string& why) const {
     throw Error(Kind::kUnavailable,
                 service_.what() + ": cannot fetch " + Quoted(name_) + ": " + why);
 }

@@ -49,8 +49,8 @@ class Download {
     // True if the first request is to be sent again.
     bool IsWorthAnother(int status);
     void CheckWhole();
-    [[noreturn]] void Refuse(const net::HttpReply& reply) const;
-    [[noreturn]] void Broken(const std::string& why) const;
+    [[noreturn]] void ThrowRefused(const net::HttpReply& reply) const;
+    [[noreturn]] void ThrowCannotFetch(const std::string& why) const;
 
     Service& service_;
     std::string name_;

@@ -106,7 +106,7 @@ std::string PartsUpload::BeginUpload() {
     call.query = {{"uploads", ""}};
     SetBody(call, {});
     const net::HttpReply reply = service_.Ask(std::move(call));
-    if (!reply.IsSuccess()) Stop(service_.RefusalOfKey(reply, key_));
+    if (!reply.IsSuccess()) ThrowStopped(service_.RefusalOfKey(reply, key_));
     std::string id = ReadUploadAnswer(service_.what(), reply.body).id;
     if (id.empty()) {
         throw Error(Kind::kUnavailable,
@@ -238,13 +238,13 @@ void PartsUpload::TakePart(std::size_t index, const net::HttpResult& result) {
 
 void PartsUpload::Check() {
     if (error_) std::rethrow_exception(error_);
-    if (refusal_) Stop(*refusal_);
+    if (refusal_) ThrowStopped(*refusal_);
 }
 
-void PartsUpload::Stop(const Refusal& refusal) const {
+void PartsUpload::ThrowStopped(const Refusal& refusal) const {
     if (refusal.IsNoRoom()) throw Stopped{Outcome::kNoRoom};
     if (refusal.code == kGoneCode) throw Stopped{Outcome::kGone};
-    service_.Refuse(refusal, doing_);
+    service_.ThrowRefused(refusal, doing_);
 }
 
 // --- Completion ---
@@ -278,7 +278,7 @@ PartsUpload::Outcome PartsUpload::OutcomeOf(const net::HttpReply& reply) {
     // If libcurl sent the request twice, the second one gets this code after the first has
     // succeeded.
     if (refusal.code == kGoneCode) return IsStored() ? Outcome::kStored : Outcome::kGone;
-    service_.Refuse(refusal, doing_);
+    service_.ThrowRefused(refusal, doing_);
 }
 
 // Returns the usual ETag of a multipart object: the MD5 of the parts' MD5s, "-", and the number of
@@ -315,7 +315,7 @@ bool PartsUpload::IsStored() {
 
 void PartsUpload::CheckSize() {
     const net::HttpReply reply = Head();
-    if (!reply.IsSuccess()) service_.Refuse(reply, doing_);
+    if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
     if (reply.Header("content-length") == str::Str(source_->size())) return;
     throw Error(Kind::kUnavailable, service_.what() + ": " + doing_ +
                                         ": the server has stored another number of bytes");

@@ -56,7 +56,7 @@ class PartsUpload {
     void TakePart(std::size_t index, const net::HttpResult& result);
     // Throws the first failure of a part, if there is one.
     void Check();
-    [[noreturn]] void Stop(const Refusal& refusal) const;
+    [[noreturn]] void ThrowStopped(const Refusal& refusal) const;
     std::int64_t LengthOf(std::size_t index) const;
     std::int64_t OffsetOf(std::size_t index) const;
 

@@ -91,7 +91,7 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     if (reply.IsSuccess()) return true;
     const Refusal refusal = service_.RefusalOfKey(reply, key);
     if (refusal.IsNoRoom()) return false;
-    service_.Refuse(refusal, Doing(name));
+    service_.ThrowRefused(refusal, Doing(name));
 }
 
 bool S3Backend::IsStored(const std::string& key, std::int64_t size, const std::string& hash) {

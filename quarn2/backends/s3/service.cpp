@@ -74,7 +74,7 @@ net::HttpReply Service::Ask(Call call) {
 
 net::HttpReply Service::Do(Call call, const std::string& doing) {
     net::HttpReply reply = Ask(std::move(call));
-    if (!reply.IsSuccess()) Refuse(reply, doing);
+    if (!reply.IsSuccess()) ThrowRefused(reply, doing);
     return reply;
 }
 
@@ -89,11 +89,11 @@ Refusal Service::RefusalOfKey(const net::HttpReply& reply, const std::string& ke
     return RefusalOf(reply, address_.bucket + "/" + key);
 }
 
-void Service::Refuse(const net::HttpReply& reply, const std::string& doing) const {
-    Refuse(RefusalOf(reply), doing);
+void Service::ThrowRefused(const net::HttpReply& reply, const std::string& doing) const {
+    ThrowRefused(RefusalOf(reply), doing);
 }
 
-void Service::Refuse(const Refusal& refusal, const std::string& doing) const {
+void Service::ThrowRefused(const Refusal& refusal, const std::string& doing) const {
     throw Error(refusal.kind(), what() + ": " + doing + ": " + refusal.Text());
 }
 

@@ -56,8 +56,8 @@ class Service {
     // Parses the error response to a request for the key.
     Refusal RefusalOfKey(const net::HttpReply& reply, const std::string& key) const;
 
-    [[noreturn]] void Refuse(const net::HttpReply& reply, const std::string& doing) const;
-    [[noreturn]] void Refuse(const Refusal& refusal, const std::string& doing) const;
+    [[noreturn]] void ThrowRefused(const net::HttpReply& reply, const std::string& doing) const;
+    [[noreturn]] void ThrowRefused(const Refusal& refusal, const std::string& doing) const;
 
     // True once the bucket is known to exist.
     bool bucket_seen() const noexcept { return bucket_seen_; }

@@ -47,7 +47,7 @@ void CheckAborted(const Service& service, const net::HttpResult& result) {
     if (result.reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(result.reply);
     if (refusal.IsMissing()) return;
-    service.Refuse(refusal, "cannot abort an unfinished upload");
+    service.ThrowRefused(refusal, "cannot abort an unfinished upload");
 }
 
 }  // namespace
@@ -108,7 +108,7 @@ Call Unfinished::PageCall(const std::string& prefix, const Upload& last) const {
 
 Uploads Unfinished::PageOf(const net::HttpReply& reply) const {
     if (reply.status == kMethodNotAllowed || reply.status == kNotImplemented) return {};
-    if (!reply.IsSuccess()) service_.Refuse(reply, kListing);
+    if (!reply.IsSuccess()) service_.ThrowRefused(reply, kListing);
     return ReadUploads(service_.what(), reply.body);
 }
 

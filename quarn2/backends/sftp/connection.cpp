@@ -146,10 +146,12 @@ class Login {
 
     void CheckHostKey() {
         ssh_key raw = nullptr;
-        if (Ssh().get_server_publickey(session_.get(), &raw) != SSH_OK) Lost("the host key");
+        if (Ssh().get_server_publickey(session_.get(), &raw) != SSH_OK)
+            ThrowNotReceived("the host key");
         const SshKey key(raw);
         char* text = nullptr;
-        if (Ssh().pki_export_pubkey_base64(key.get(), &text) != SSH_OK) Lost("the host key");
+        if (Ssh().pki_export_pubkey_base64(key.get(), &text) != SSH_OK)
+            ThrowNotReceived("the host key");
         const SshText encoded(text);
         const std::string type = Ssh().key_type_to_char(Ssh().key_type(key.get()));
         const Trust trust = known_.Check(type, encoded.get());
@@ -206,8 +208,8 @@ class Login {
     }
 
     bool Accepted(int result) {
-        if (result == SSH_AUTH_AGAIN) Lost("an answer to the login");
-        if (result == SSH_AUTH_ERROR) Lost("the login");
+        if (result == SSH_AUTH_AGAIN) ThrowNotReceived("an answer to the login");
+        if (result == SSH_AUTH_ERROR) ThrowNotReceived("the login");
         return result == SSH_AUTH_SUCCESS;
     }
 
@@ -228,7 +230,7 @@ class Login {
         return result == SSH_AUTH_INFO ? SSH_AUTH_DENIED : result;
     }
 
-    [[noreturn]] void Lost(const std::string& what) const {
+    [[noreturn]] void ThrowNotReceived(const std::string& what) const {
         throw Error(Kind::kUnavailable, "did not get " + what + " from " + At(account_) + ": " +
                                             Reason(session_.get()));
     }
@@ -247,7 +249,7 @@ class Connection final : public Stream {
         : session_(std::move(session)), timeout_(account.timeout), where_(At(account)) {
         channel_ = Ssh().channel_new(session_.get());
         if (channel_ == nullptr) throw std::bad_alloc();
-        if (Ssh().channel_open_session(channel_) != SSH_OK) Fail("no SSH channel to ");
+        if (Ssh().channel_open_session(channel_) != SSH_OK) ThrowFailed("no SSH channel to ");
         if (Ssh().channel_request_subsystem(channel_, "sftp") == SSH_OK) return;
         throw Error(Kind::kFailed,
                     "no SFTP service for the user on " + where_ + ": " + Reason(session_.get()));
@@ -265,8 +267,8 @@ class Connection final : public Stream {
     void Write(std::span<const std::byte> bytes) override {
         const auto size = static_cast<std::uint32_t>(bytes.size());
         const int done = Ssh().channel_write(channel_, bytes.data(), size);
-        if (done < 0) Fail("Failed to send to ");
-        if (static_cast<std::uint32_t>(done) != size) Stalled(timeout_);
+        if (done < 0) ThrowFailed("Failed to send to ");
+        if (static_cast<std::uint32_t>(done) != size) ThrowStalled(timeout_);
     }
 
     std::size_t Read(std::span<std::byte> buffer, int patience) override {
@@ -278,33 +280,35 @@ class Connection final : public Stream {
         const int seconds = std::min(timeout_, kLongestWait - patience) + patience;
         const int got = Ssh().channel_read_timeout(
             channel_, buffer.data(), static_cast<std::uint32_t>(size), 0, seconds * 1000);
-        if (got < 0) Fail("Failed to receive from ");
-        if (got == 0 && Ssh().channel_is_eof(channel_) != 0) Gone();
-        if (got == 0) Stalled(seconds);
+        if (got < 0) ThrowFailed("Failed to receive from ");
+        if (got == 0 && Ssh().channel_is_eof(channel_) != 0) ThrowClosed();
+        if (got == 0) ThrowStalled(seconds);
         received_ += static_cast<std::size_t>(got);
         return static_cast<std::size_t>(got);
     }
 
     void CheckAlive() override {
         const int waiting = Ssh().channel_poll(channel_, 0);
-        if (waiting == SSH_EOF) Gone();
-        if (waiting < 0 || Ssh().is_connected(session_.get()) == 0) Fail("lost the connection to ");
+        if (waiting == SSH_EOF) ThrowClosed();
+        if (waiting < 0 || Ssh().is_connected(session_.get()) == 0)
+            ThrowFailed("lost the connection to ");
     }
 
   private:
     static constexpr int kLongestWait = 2'000'000;  // seconds; the library takes milliseconds
 
-    [[noreturn]] void Unavailable(const std::string& text) {
+    [[noreturn]] void ThrowUnavailable(const std::string& text) {
         broken_ = true;
         throw Error(Kind::kUnavailable, text);
     }
-    [[noreturn]] void Fail(const std::string& what) {
-        Unavailable(what + where_ + ": " + Reason(session_.get()));
+    [[noreturn]] void ThrowFailed(const std::string& what) {
+        ThrowUnavailable(what + where_ + ": " + Reason(session_.get()));
     }
-    [[noreturn]] void Gone() { Unavailable(where_ + " has closed the connection"); }
-    [[noreturn]] void Stalled(int seconds) {
-        if (Ssh().channel_is_eof(channel_) != 0 || Ssh().is_connected(session_.get()) == 0) Gone();
-        Unavailable("no progress with " + where_ + " for " + std::to_string(seconds) + " s");
+    [[noreturn]] void ThrowClosed() { ThrowUnavailable(where_ + " has closed the connection"); }
+    [[noreturn]] void ThrowStalled(int seconds) {
+        if (Ssh().channel_is_eof(channel_) != 0 || Ssh().is_connected(session_.get()) == 0)
+            ThrowClosed();
+        ThrowUnavailable("no progress with " + where_ + " for " + std::to_string(seconds) + " s");
     }
 
     SshSession session_;

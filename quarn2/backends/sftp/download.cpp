@@ -51,7 +51,7 @@ class Reads {
             session_.Send(std::move(Request(Type::kFstat).Text(handle_)));
         SendReads();
         Reply reply = session_.Wait(measured);
-        if (reply.type != Type::kAttrs) Refused("examine", path_, reply.AsStatus());
+        if (reply.type != Type::kAttrs) ThrowRefused("examine", path_, reply.AsStatus());
         return reply.fields.Attrs().size == size_;
     }
 
@@ -95,9 +95,10 @@ class Reads {
             std::find_if(pieces_.begin(), pieces_.end(),
                          [&reply](const Piece& each) { return each.id == reply.id; });
         if (piece == pieces_.end()) return;
-        if (reply.type != Type::kData) Refuse(reply.AsStatus());
+        if (reply.type != Type::kData) ThrowReadFailed(reply.AsStatus());
         const std::span<const std::byte> data = reply.fields.Bytes();
-        if (data.empty() || data.size() > piece->size) BadReply("more or less data than asked for");
+        if (data.empty() || data.size() > piece->size)
+            ThrowInvalidReply("more or less data than asked for");
         if (data.size() < piece->size) AskForRest(piece, data.size());
         // AskForRest() may have moved the elements, so the piece is looked up again.
         Piece& taken = *std::find_if(pieces_.begin(), pieces_.end(),
@@ -116,12 +117,12 @@ class Reads {
         const std::uint64_t offset = piece->offset + got;
         const std::size_t size = piece->size - got;
         piece->size = got;
-        if (pieces_.size() >= kMostPieces) BadReply("data in ever smaller pieces");
+        if (pieces_.size() >= kMostPieces) ThrowInvalidReply("data in ever smaller pieces");
         pieces_.insert(piece + 1, {SendRead(offset, size), offset, size, false, {}});
     }
 
-    [[noreturn]] void Refuse(const Status& status) const {
-        if (status.code != Code::kEof) Refused("read", path_, status);
+    [[noreturn]] void ThrowReadFailed(const Status& status) const {
+        if (status.code != Code::kEof) ThrowRefused("read", path_, status);
         throw Error(Kind::kUnavailable, Quoted(path_) + " became shorter while it was downloaded");
     }
 
@@ -169,16 +170,16 @@ class Downloader {
         if (good) handle_ = opened.fields.Text();
         if (attributes.size.value_or(0) > kLargestFile) {
             if (good) Close();
-            BadReply("a size that no file has");
+            ThrowInvalidReply("a size that no file has");
         }
         if (good && there && attributes.IsFile() && attributes.size) return attributes.size;
         const Status unopened = good ? Status() : opened.AsStatus();
         if (good) Close();
-        if (!there && unseen.code != Code::kNoSuchFile) Refused("look at", path_, unseen);
+        if (!there && unseen.code != Code::kNoSuchFile) ThrowRefused("look at", path_, unseen);
         if (there && attributes.IsFile() && !good && unopened.code != Code::kNoSuchFile) {
-            Refused("open", path_, unopened);
+            ThrowRefused("open", path_, unopened);
         }
-        if ((there && !attributes.IsFile()) || !Recover()) NotThere();
+        if ((there && !attributes.IsFile()) || !Recover()) ThrowNotFound();
         return std::nullopt;
     }
 
@@ -193,7 +194,7 @@ class Downloader {
         return session_.WaitStatus(session_.Send(std::move(request))).code == Code::kOk;
     }
 
-    [[noreturn]] void NotThere() {
+    [[noreturn]] void ThrowNotFound() {
         CheckRoot(session_, place_);
         throw Error(Kind::kNotFound, "no file " + Quoted(name_) + " on the storage");
     }

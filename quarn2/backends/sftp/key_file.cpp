@@ -19,7 +19,7 @@ namespace {
 constexpr std::size_t kLongestKey = 64UL * 1024;
 constexpr mode_t kOthers = 077;
 
-[[noreturn]] void BadKey(const std::string& path, const std::string& what) {
+[[noreturn]] void ThrowInvalidKey(const std::string& path, const std::string& what) {
     throw kro_err::Error(kro_err::Kind::kUnauthorized, "key file " + Quoted(path) + " " + what);
 }
 
@@ -40,20 +40,21 @@ void Read(const std::string& path, std::string& text) {
     const ResHandle handle(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     struct stat status = {};
     if (!handle || fstat(handle, &status) != 0) {
-        BadKey(path, "cannot be opened: " + Reason(errno));
+        ThrowInvalidKey(path, "cannot be opened: " + Reason(errno));
     }
-    if (!S_ISREG(status.st_mode)) BadKey(path, "is not a plain file");
+    if (!S_ISREG(status.st_mode)) ThrowInvalidKey(path, "is not a plain file");
     if ((status.st_mode & kOthers) != 0) {
-        BadKey(path, "can be read or changed by others than its owner; make it private: chmod 600");
+        ThrowInvalidKey(
+            path, "can be read or changed by others than its owner; make it private: chmod 600");
     }
     std::size_t size = 0;
     for (;;) {
         const ssize_t got = read(handle, text.data() + size, text.size() - size);
         if (got < 0 && errno == EINTR) continue;
-        if (got < 0) BadKey(path, "cannot be read: " + Reason(errno));
+        if (got < 0) ThrowInvalidKey(path, "cannot be read: " + Reason(errno));
         if (got == 0) break;
         size += static_cast<std::size_t>(got);
-        if (size > kLongestKey) BadKey(path, "is too long for a private key");
+        if (size > kLongestKey) ThrowInvalidKey(path, "is too long for a private key");
     }
     text[size] = '\0';
 }
@@ -76,9 +77,10 @@ SshKey LoadKey(const std::string& path) {
         Ssh().pki_import_privkey_base64(content.text.c_str(), nullptr, NoPassphrase, &asked, &key);
     SshKey owned(key);
     if (asked) {
-        BadKey(path, "is locked with a passphrase; give the storage a key of its own without one");
+        ThrowInvalidKey(
+            path, "is locked with a passphrase; give the storage a key of its own without one");
     }
-    if (result != SSH_OK) BadKey(path, "holds no private key that can be understood");
+    if (result != SSH_OK) ThrowInvalidKey(path, "holds no private key that can be understood");
     return owned;
 }
 

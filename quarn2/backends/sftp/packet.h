@@ -127,6 +127,6 @@ class Fields {
 std::uint32_t LoadU32(std::span<const std::byte, 4> bytes) noexcept;
 
 // Throws kFailed because the server violates the protocol.
-[[noreturn]] void BadReply(const std::string& what);
+[[noreturn]] void ThrowInvalidReply(const std::string& what);
 
 }  // namespace quarn2::sftp

@@ -40,7 +40,8 @@ Status Reply::AsStatus() {
 }
 
 void Reply::Require(Type expected) const {
-    if (type != expected) BadReply("a reply of type " + std::to_string(static_cast<int>(type)));
+    if (type != expected)
+        ThrowInvalidReply("a reply of type " + std::to_string(static_cast<int>(type)));
 }
 
 // Marks the session as broken if an exception leaves the scope before Done() is called.
@@ -73,9 +74,9 @@ void Session::Greet() {
     Breaker breaker(*this);
     stream_->Write(Request(Type::kInit).FinishInit(kVersion));
     Fields fields(NextFrame(0));
-    if (static_cast<Type>(fields.U8()) != Type::kVersion) BadReply("it does not greet");
+    if (static_cast<Type>(fields.U8()) != Type::kVersion) ThrowInvalidReply("it does not greet");
     const std::uint32_t version = fields.U32();
-    if (version != kVersion) BadReply("it speaks version " + std::to_string(version));
+    if (version != kVersion) ThrowInvalidReply("it speaks version " + std::to_string(version));
     while (!fields.empty()) {
         extensions_.insert(fields.Text());
         fields.Bytes();
@@ -117,7 +118,7 @@ std::uint32_t Session::SendWithData(Request request, std::span<std::byte> room_a
     const std::size_t size = room_and_data.size() - kHeadroom;
     const std::uint32_t id = Register();
     const auto head = request.U32(static_cast<std::uint32_t>(size)).Finish(id, size);
-    if (head.size() > kHeadroom) BadReply("a handle is too long");
+    if (head.size() > kHeadroom) ThrowInvalidReply("a handle is too long");
     const auto packet = room_and_data.subspan(kHeadroom - head.size());
     std::memcpy(packet.data(), head.data(), head.size());
     stream_->Write(packet);
@@ -151,8 +152,9 @@ std::span<const std::byte> Session::NextFrame(int patience) {
     const std::byte* const head = buffer_.get() + begin_;
     const std::size_t size = LoadU32(std::span<const std::byte, kLengthSize>(head, 4));
     if (size == 0 || size > kLongestFrame) {
-        BadReply("a reply of " + std::to_string(size) +
-                 " bytes; if the user's login prints a text on the server, let it be silent");
+        ThrowInvalidReply(
+            "a reply of " + std::to_string(size) +
+            " bytes; if the user's login prints a text on the server, let it be silent");
     }
     Fill(kLengthSize + size, patience);
     const std::span<const std::byte> frame(buffer_.get() + begin_ + kLengthSize, size);
@@ -171,7 +173,7 @@ Reply Session::Next() {
     Breaker breaker(*this);
     for (;;) {
         const Reply reply = Parse(NextFrame(0));
-        if (outstanding_.erase(reply.id) == 0) BadReply("a reply that nobody asked for");
+        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply that nobody asked for");
         if (forgotten_.erase(reply.id) > 0) continue;
         breaker.Done();
         return reply;
@@ -189,7 +191,7 @@ Reply Session::Wait(std::uint32_t id, int patience) {
         }
         const std::span<const std::byte> frame = NextFrame(patience);
         const Reply reply = Parse(frame);
-        if (outstanding_.erase(reply.id) == 0) BadReply("a reply that nobody asked for");
+        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply that nobody asked for");
         if (forgotten_.erase(reply.id) > 0) continue;
         if (reply.id == id) {
             breaker.Done();

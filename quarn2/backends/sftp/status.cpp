@@ -106,7 +106,7 @@ std::string Describe(const Status& status) {
                          std::to_string(static_cast<std::uint32_t>(status.code)) + ")";
 }
 
-void Refused(const std::string& what, const std::string& path, const Status& status) {
+void ThrowRefused(const std::string& what, const std::string& path, const Status& status) {
     throw kro_err::Error(
         KindOf(FailureOf(status, path)),
         "Failed to " + what + " " + Quoted(path) + " on the storage: " + Describe(status));

@@ -23,6 +23,7 @@ Failure FailureOf(const Status& status, const std::string& path);
 std::string Describe(const Status& status);
 
 // Throws "Failed to WHAT 'PATH' on the storage: ...".
-[[noreturn]] void Refused(const std::string& what, const std::string& path, const Status& status);
+[[noreturn]] void ThrowRefused(const std::string& what, const std::string& path,
+                               const Status& status);
 
 }  // namespace quarn2::sftp

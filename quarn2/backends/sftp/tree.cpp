@@ -61,7 +61,7 @@ class DirectoryReader {
             return true;
         }
         const Status status = reply.AsStatus();
-        if (status.code != Code::kNoSuchFile) Refused("list directory", path_, status);
+        if (status.code != Code::kNoSuchFile) ThrowRefused("list directory", path_, status);
         return false;
     }
 
@@ -81,7 +81,7 @@ class DirectoryReader {
                 continue;
             }
             const Status status = reply.AsStatus();
-            if (status.code != Code::kEof) Refused("list directory", path_, status);
+            if (status.code != Code::kEof) ThrowRefused("list directory", path_, status);
             Close();
         }
     }
@@ -157,7 +157,7 @@ std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::st
     for (auto& [path, status] : refused) {
         const std::optional<Attributes> there = LookAt(session, path);
         if (!there) continue;
-        if (!there->IsDirectory()) Refused("remove", path, status);
+        if (!there->IsDirectory()) ThrowRefused("remove", path, status);
         directories.push_back(std::move(path));
     }
     return directories;
@@ -185,7 +185,7 @@ void RemoveEmpty(Session& session, const std::vector<std::string>& directories) 
         [&](std::size_t i, Reply reply) {
             const Status status = reply.AsStatus();
             if (status.code != Code::kOk && status.code != Code::kNoSuchFile) {
-                Refused("remove directory", directories[i], status);
+                ThrowRefused("remove directory", directories[i], status);
             }
         });
 }
@@ -241,7 +241,7 @@ std::optional<Attributes> LookAt(Session& session, const std::string& path) {
     Reply reply = session.Wait(SendPath(session, Type::kLstat, path));
     if (reply.type == Type::kAttrs) return reply.fields.Attrs();
     const Status status = reply.AsStatus();
-    if (status.code != Code::kNoSuchFile) Refused("look at", path, status);
+    if (status.code != Code::kNoSuchFile) ThrowRefused("look at", path, status);
     return std::nullopt;
 }
 
@@ -253,7 +253,7 @@ void CheckRoot(const Place& place, Reply answer) {
     if (answer.type != Type::kAttrs) {
         const Status status = answer.AsStatus();
         if (status.code != Code::kNoSuchFile) {
-            Refused("look at storage directory", place.root(), status);
+            ThrowRefused("look at storage directory", place.root(), status);
         }
         throw Error(Kind::kNotFound, "storage directory " + Quoted(place.root()) +
                                          " does not exist on the server; create it or mount its "
@@ -296,7 +296,7 @@ void MakeDir(Session& session, const Place& place, const std::string& name) {
     const MadeDirs made = MakeDirs(session, place, name);
     const std::string path = place.PathOf(name);
     Reply reply = session.Wait(SendPath(session, Type::kStat, path));
-    if (reply.type != Type::kAttrs) Refused("make directory", path, made.refusal);
+    if (reply.type != Type::kAttrs) ThrowRefused("make directory", path, made.refusal);
     if (!reply.fields.Attrs().IsDirectory()) {
         throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
     }

@@ -136,7 +136,7 @@ class Uploader {
             } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
                 // A kFailure is retried before that: another upload may just have renamed its file
                 // of this name.
-                Fail("make a file for", status);
+                ThrowFailed("make a file for", status);
             }
         }
     }
@@ -160,7 +160,7 @@ class Uploader {
         if (made.parents.empty() && made.refusal.code != Code::kOk) {
             const std::string directory = kro_file::Path(path_);
             const auto there = LookAt(session_, directory);
-            if (!there) Fail("make the directory of", made.refusal);
+            if (!there) ThrowFailed("make the directory of", made.refusal);
             if (there->IsFile()) {
                 throw Error(Kind::kFailed,
                             Quoted(directory) + " on the storage is not a directory");
@@ -205,7 +205,7 @@ class Uploader {
     }
 
     void CheckDone(const std::string& what, const Status& status) {
-        if (status.code != Code::kOk) Fail(what, status);
+        if (status.code != Code::kOk) ThrowFailed(what, status);
     }
 
     // --- Completion ---
@@ -300,23 +300,23 @@ class Uploader {
             PlainRename(path_, aside);
         }
         PlainRename(aside, path_);
-        Fail("rename a file to", status);
+        ThrowFailed("rename a file to", status);
     }
 
     // --- Failure ---
 
     // Throws NoRoom if the storage is full, else the error of the status. Most servers report a
     // full disk only as "Failure", so the free space is queried then.
-    [[noreturn]] void Fail(const std::string& what, const Status& status) {
+    [[noreturn]] void ThrowFailed(const std::string& what, const Status& status) {
         const Failure failure = FailureOf(status, path_);
         if (failure == Failure::kNoRoom) throw NoRoom();
         if (status.code == Code::kFailure && IsFull()) throw NoRoom();
-        if (failure == Failure::kNotFound) Vanished(what, status);
-        Refused(what, path_, status);
+        if (failure == Failure::kNotFound) ThrowRemoved(what, status);
+        ThrowRefused(what, path_, status);
     }
 
     // Another process removed the file or its directory. The next attempt makes them again.
-    [[noreturn]] void Vanished(const std::string& what, const Status& status) const {
+    [[noreturn]] void ThrowRemoved(const std::string& what, const Status& status) const {
         throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
                                             " on the storage: " + Describe(status) +
                                             "; the temporary file was removed during the upload");

@@ -143,7 +143,7 @@ bool DavFolders::MakeOne(const std::string& name) {
     if (found.IsFile()) {
         throw Error(Kind::kFailed, Quoted(name) + " on the storage is not a directory");
     }
-    server_.Refuse("MKCOL", name, reply);
+    server_.ThrowRefused("MKCOL", name, reply);
 }
 
 }  // namespace quarn2::webdav

@@ -85,8 +85,8 @@ HttpReply DavServer::Propfind(const std::string& url, int depth, Ask ask,
     return reply;
 }
 
-void DavServer::Refuse(const std::string& method, const std::string& name,
-                       const HttpReply& reply) const {
+void DavServer::ThrowRefused(const std::string& method, const std::string& name,
+                             const HttpReply& reply) const {
     throw Error(KindOf(FailureOf(reply.status, accepted_)),
                 what() + ": " + method + " of " + Quoted(name) + " was answered with " +
                     str::Str(reply.status) + Hint(method, reply.status));
@@ -115,7 +115,7 @@ Resource DavServer::Look(const std::string& name, Ask ask) {
     if (may_be_below_a_file && !name.empty() && !Look(kro_file::Path(name)).IsCollection()) {
         return {};
     }
-    Refuse("PROPFIND", name, reply);
+    ThrowRefused("PROPFIND", name, reply);
 }
 
 Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry& take) {
@@ -139,7 +139,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
         const Resource::Kind found = Look(name).kind;
         if (found != kCollection) return found;
         // The collection exists. If it was made just now, the second attempt succeeds.
-        if (attempt > 0) Refuse("PROPFIND", name, reply);
+        if (attempt > 0) ThrowRefused("PROPFIND", name, reply);
     }
 }
 
@@ -166,7 +166,7 @@ void DavServer::CheckDeleted(const Deletion& deletion, const HttpReply& reply) {
     const int status = deletion.failed != 0 ? deletion.failed : reply.status;
     const bool partly = deletion.victim.is_collection &&
                         (deletion.failed != 0 || status == kLocked || status == kFailedDependency);
-    if (!partly) Refuse("DELETE", name, reply);
+    if (!partly) ThrowRefused("DELETE", name, reply);
     throw Error(Kind::kFailed, what() + ": not everything below " + Quoted(name) +
                                    " could be removed: " + str::Str(status) +
                                    Hint("DELETE", status));

@@ -66,8 +66,8 @@ class DavServer {
     void DeleteAll(const std::vector<Victim>& victims);
 
     // Throws the error for a failed request.
-    [[noreturn]] void Refuse(const std::string& method, const std::string& name,
-                             const net::HttpReply& reply) const;
+    [[noreturn]] void ThrowRefused(const std::string& method, const std::string& name,
+                                   const net::HttpReply& reply) const;
 
     const DavAddress& address() const noexcept { return address_; }
     const std::string& what() const noexcept { return client_.what(); }

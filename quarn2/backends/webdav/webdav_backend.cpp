@@ -60,7 +60,7 @@ std::int64_t ContentLength(const HttpReply& reply) {
     return result.ec == std::errc() && result.ptr == end ? length : -1;
 }
 
-[[noreturn]] void NoFile(const std::string& name) {
+[[noreturn]] void ThrowNotFound(const std::string& name) {
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
 
@@ -77,7 +77,7 @@ void CheckForm(std::string_view name) {
     }
 }
 
-[[noreturn]] void IsDirectory(const std::string& name) {
+[[noreturn]] void ThrowIsDirectory(const std::string& name) {
     throw Error(Kind::kFailed, Quoted(name) + " on the storage is a directory");
 }
 
@@ -197,14 +197,14 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     if (reply.status == webdav::kNoRoom) return Stored::kNoRoom;
     const bool no_directory =
         reply.status == webdav::kConflict || reply.status == webdav::kNotFoundStatus;
-    if (reply.status < 500 && !no_directory) server_.Refuse("PUT", temporary, reply);
+    if (reply.status < 500 && !no_directory) server_.ThrowRefused("PUT", temporary, reply);
     const Resource above = server_.Look(kro_file::Path(temporary), Ask::kAll);
     if (!above.IsCollection()) return Stored::kLost;
     const bool too_little = above.available >= 0 && above.available < size;
     const bool no_room = (reply.status >= webdav::kServerError && too_little) ||
                          (reply.status == webdav::kServerError && BrokeOff(temporary, size));
     if (no_room) return Stored::kNoRoom;
-    server_.Refuse("PUT", temporary, reply);
+    server_.ThrowRefused("PUT", temporary, reply);
 }
 
 // Removes the partial file that nginx leaves when it cannot complete an upload. Returns true if
@@ -246,7 +246,7 @@ HttpReply WebdavBackend::Move(const std::string& temporary, const std::string& n
     };
     HttpReply reply = move("F");
     if (reply.status != webdav::kPreconditionFailed) return reply;
-    if (server_.Look(name).IsCollection()) IsDirectory(name);
+    if (server_.Look(name).IsCollection()) ThrowIsDirectory(name);
     return move("T");
 }
 
@@ -256,13 +256,13 @@ WebdavBackend::Stored WebdavBackend::Rename(const std::string& temporary, const 
         const int status = reply.status;
         if (status == webdav::kOk || status == 201 || status == 204) return Stored::kYes;
         if (status == webdav::kNoRoom) return Stored::kNoRoom;
-        if (server_.Look(name).IsCollection()) IsDirectory(name);
+        if (server_.Look(name).IsCollection()) ThrowIsDirectory(name);
         if (server_.Look(temporary).IsNothing()) return Stored::kLost;
         // A server that removes the old file first may fail if two moves do that at once.
         const bool stumbled = status == webdav::kNotFoundStatus || status == webdav::kConflict ||
                               status == webdav::kServerError ||
                               status == webdav::kPreconditionFailed;
-        if (!stumbled || attempt == kAttempts) server_.Refuse("MOVE", name, reply);
+        if (!stumbled || attempt == kAttempts) server_.ThrowRefused("MOVE", name, reply);
     }
 }
 
@@ -337,7 +337,7 @@ void WebdavBackend::Get(const std::string& name, ByteSink& sink) {
         const HttpReply reply = Fetch(server_, name, file);
         if (reply.IsSuccess()) return;
         if (reply.status == webdav::kUnauthorizedStatus || reply.status >= 500) {
-            server_.Refuse("GET", name, reply);
+            server_.ThrowRefused("GET", name, reply);
         }
     } catch (const Error&) {
         if (!file.doubtful()) throw;
@@ -358,9 +358,9 @@ void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
             if (reply.IsSuccess()) return;
             const bool moved =
                 reply.status == webdav::kNotFoundStatus || reply.status == webdav::kForbidden;
-            if (!moved || last) server_.Refuse("GET", name, reply);
+            if (!moved || last) server_.ThrowRefused("GET", name, reply);
         }
-        if (found.IsCollection() || last || !IsBeingReplaced(name)) NoFile(name);
+        if (found.IsCollection() || last || !IsBeingReplaced(name)) ThrowNotFound(name);
         kro_proc::Sleep(kLookAgainMs);
     }
 }
@@ -383,7 +383,7 @@ void WebdavBackend::Remove(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
     if (!folders_.PrepareToRemove(directory, file)) {
         const Resource found = server_.Look(name);
-        if (found.IsCollection()) IsDirectory(name);
+        if (found.IsCollection()) ThrowIsDirectory(name);
         if (found.IsNothing()) return server_.CheckRoot();
     }
     server_.Delete(name, false);
@@ -455,7 +455,8 @@ void WebdavBackend::RemakeRoot() {
     server_.Do("DELETE", server_.address().Directory(""));
     if (!server_.Look("").IsNothing()) return;
     const HttpReply made = server_.Do("MKCOL", server_.address().Directory(""));
-    if (!made.IsSuccess() && !server_.Look("").IsCollection()) server_.Refuse("MKCOL", "", made);
+    if (!made.IsSuccess() && !server_.Look("").IsCollection())
+        server_.ThrowRefused("MKCOL", "", made);
 }
 
 // --- The scheme ---

@@ -232,7 +232,7 @@ TEST(SftpStatus, HasOneMeaningForEachCode) {
         EXPECT_EQ(quarn2::sftp::FailureOf(status, "/srv/quota/file"), failure)
             << static_cast<int>(code) << " " << text;
         EXPECT_THAT(
-            KindOf([&status] { quarn2::sftp::Refused("look at", "/srv/quota/file", status); }),
+            KindOf([&status] { quarn2::sftp::ThrowRefused("look at", "/srv/quota/file", status); }),
             Optional(quarn2::KindOf(failure)));
     }
 }
