@@ -20,10 +20,10 @@
 namespace {
 
 bool IsPort(const std::string& text) {
-    constexpr int kLargest = 65535;
+    constexpr int kMaxPort = 65535;
     return !text.empty() && text.size() <= 5 &&
            text.find_first_not_of("0123456789") == std::string::npos && str::Int(text) > 0 &&
-           str::Int(text) <= kLargest;
+           str::Int(text) <= kMaxPort;
 }
 
 // The text becomes an argument of ssh and must not look like an option.

@@ -37,8 +37,8 @@ std::vector<std::string> NodeClientCommand(std::string node, const std::string& 
 
 void LastWords::Add(const char* text, std::size_t size) {
     words_.append(text, size);
-    if (words_.size() <= kMost) return;
-    words_.erase(0, words_.size() - kMost);
+    if (words_.size() <= kMaxSize) return;
+    words_.erase(0, words_.size() - kMaxSize);
     shortened_ = true;
 }
 

@@ -15,10 +15,10 @@
 // The command that starts a node client. `node` is "local" or NAME:DESTINATION:PORT.
 std::vector<std::string> NodeClientCommand(std::string node, const std::string& ssh_key);
 
-// The last kMost bytes of a client's error output, for one line of the log.
+// The last kMaxSize bytes of a client's error output, for one line of the log.
 class LastWords {
   public:
-    static constexpr std::size_t kMost = 2048;
+    static constexpr std::size_t kMaxSize = 2048;
 
     void Add(const char* text, std::size_t size);
 

@@ -32,7 +32,7 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr std::chrono::milliseconds kLongestRun{1000};
+constexpr std::chrono::milliseconds kMaxRun{1000};
 
 class Daemon {
   public:
@@ -114,7 +114,7 @@ class Daemon {
             if (errno != EAGAIN && errno != EINTR) return;
             const auto next = nodes.Attend(kro_date::SteadyClock::now());
             WriteState();
-            loop.Run(static_cast<int>(std::min(next, kLongestRun).count()));
+            loop.Run(static_cast<int>(std::min(next, kMaxRun).count()));
         }
     }
 

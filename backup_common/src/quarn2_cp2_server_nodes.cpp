@@ -12,7 +12,7 @@ using namespace std::chrono_literals;
 using Clock = SupervisedNode::Clock;
 
 constexpr kro_log::Module kLog("main");
-constexpr std::chrono::seconds kLongestPause = 60s;
+constexpr std::chrono::seconds kMaxPause = 60s;
 // A session of at least this duration counts as useful.
 constexpr auto kLongSession = 60s;
 constexpr auto kLookAtSession = 1000ms;
@@ -29,7 +29,7 @@ std::string Description(const std::string& node) {
 std::chrono::seconds RestartPause::Next(bool did_good) {
     if (did_good) next_ = 1s;
     const std::chrono::seconds pause = next_;
-    next_ = std::min(next_ * 2, kLongestPause);
+    next_ = std::min(next_ * 2, kMaxPause);
     return pause;
 }
 

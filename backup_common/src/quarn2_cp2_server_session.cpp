@@ -16,9 +16,9 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr std::size_t kReadPiece = 32;
 // Commands are much shorter. A client that sends a longer line is faulty. Do not fill the memory.
-constexpr std::size_t kLongestLine = 65536;
+constexpr std::size_t kMaxLineBytes = 65536;
 // A client waits for each answer before its next command, so few answers can be unread.
-constexpr std::size_t kMostUnread = 1U << 20;
+constexpr std::size_t kMaxUnreadBytes = 1U << 20;
 
 }  // namespace
 
@@ -99,12 +99,13 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
     HandOverLines();
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
-    if (m_read.size() > kLongestLine) {
-        KRO_LOG(kLog, 4, "Client sent a line of more than %zu bytes. Close", kLongestLine);
+    if (m_read.size() > kMaxLineBytes) {
+        KRO_LOG(kLog, 4, "Client sent a line of more than %zu bytes. Close", kMaxLineBytes);
         return Closed();
     }
-    if (write_buffer_.size() > kMostUnread) {
-        KRO_LOG(kLog, 4, "Client leaves more than %zu bytes of answers unread. Close", kMostUnread);
+    if (write_buffer_.size() > kMaxUnreadBytes) {
+        KRO_LOG(kLog, 4, "Client leaves more than %zu bytes of answers unread. Close",
+                kMaxUnreadBytes);
         return Closed();
     }
     return quarn2::Expect::erOk;
@@ -129,7 +130,7 @@ MasterSide::Reading MasterSide::ReadAvailable(int fd) {
         if (count < 0) return errno == EAGAIN ? Reading::kMore : Reading::kFailed;
         m_read.append(piece, static_cast<std::size_t>(count));
         // A client that writes without a pause must not block the others or grow the buffer.
-        if (m_read.size() > kLongestLine) return Reading::kMore;
+        if (m_read.size() > kMaxLineBytes) return Reading::kMore;
     }
 }
 

@@ -32,7 +32,7 @@ TEST(LastWords, LinesInPiecesBecomeOneLine) {
 }
 
 TEST(LastWords, OnlyTheEndIsKept) {
-    const std::string most(LastWords::kMost, 'x');
+    const std::string most(LastWords::kMaxSize, 'x');
     EXPECT_EQ(WordsOf({most}), most);
     EXPECT_EQ(WordsOf({"y" + most}), "..." + most);
     LastWords words;
@@ -41,7 +41,7 @@ TEST(LastWords, OnlyTheEndIsKept) {
     const std::string text = words.Text();
     EXPECT_TRUE(text.starts_with("..."));
     EXPECT_TRUE(text.ends_with("; line; the end"));
-    EXPECT_LT(text.size(), 2 * LastWords::kMost);
+    EXPECT_LT(text.size(), 2 * LastWords::kMaxSize);
 }
 
 TEST(LastWords, AZeroByteHidesNothing) { EXPECT_EQ(WordsOf({"a\0b"s}), "a?b"); }
@@ -88,7 +88,7 @@ TEST_F(NodeClientProcess, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
     WaitForEnd(client);
     EXPECT_EQ(client.status(), 0);
     EXPECT_TRUE(client.last_words().ends_with("done"));
-    EXPECT_LT(client.last_words().size(), 2 * LastWords::kMost);
+    EXPECT_LT(client.last_words().size(), 2 * LastWords::kMaxSize);
 }
 
 TEST_F(NodeClientProcess, IsLeftAloneThenAskedThenMadeToEnd) {
