@@ -18,9 +18,9 @@ namespace {
 using Clock = kro_date::SteadyClock;
 
 // When more backends are idle, the oldest one is closed.
-constexpr std::size_t kMostIdle = 5;
+constexpr std::size_t kMaxIdle = 5;
 // Servers close idle connections, and each idle connection takes one of their slots.
-constexpr std::chrono::seconds kLongestIdle(30);
+constexpr std::chrono::seconds kMaxIdleTime(30);
 
 class IdleBackends {
   public:
@@ -28,7 +28,7 @@ class IdleBackends {
         std::vector<Entry> old;
         const std::lock_guard lock(mutex_);
         PutAsideAfterFork();
-        if (entries_.size() >= kMostIdle) {
+        if (entries_.size() >= kMaxIdle) {
             old.push_back(std::move(entries_.front()));
             entries_.erase(entries_.begin());
         }
@@ -69,7 +69,7 @@ class IdleBackends {
     // which closes the connections, after it has released the lock.
     void TakeOld(std::vector<Entry>& old) {
         const auto first_young = std::find_if(entries_.begin(), entries_.end(), [](const Entry& e) {
-            return Clock::now() - e.since < kLongestIdle;
+            return Clock::now() - e.since < kMaxIdleTime;
         });
         std::move(entries_.begin(), first_young, std::back_inserter(old));
         entries_.erase(entries_.begin(), first_young);

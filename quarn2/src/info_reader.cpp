@@ -15,9 +15,9 @@ namespace quarn2 {
 namespace {
 
 // Info files have a few hundred bytes. The limit prevents loading a misnamed archive.
-constexpr std::size_t kLargestInfo = 1024UL * 1024;
+constexpr std::size_t kMaxInfoBytes = 1024UL * 1024;
 // The buffer fits nearly every info file: one read for the content, one that finds the end.
-constexpr std::size_t kUsualInfo = 8UL * 1024;
+constexpr std::size_t kInitialBufferSize = 8UL * 1024;
 
 std::size_t ReadSome(int fd, char* buffer, std::size_t size, const std::string& path) {
     for (;;) {
@@ -48,13 +48,13 @@ class OpenInfo {
 
 void InfoReader::ReadText(const std::string& path) {
     const OpenInfo file(path);
-    if (text_.empty()) text_.resize(kUsualInfo);
+    if (text_.empty()) text_.resize(kInitialBufferSize);
     size_ = 0;
     for (;;) {
         const std::size_t got = ReadSome(file, text_.data() + size_, text_.size() - size_, path);
         size_ += got;
         if (got == 0) return;
-        if (size_ > kLargestInfo) {
+        if (size_ > kMaxInfoBytes) {
             throw kro_err::Error(kro_err::Kind::kFailed,
                                  Quoted(path) + " is too large for an info file");
         }

@@ -10,10 +10,10 @@ namespace quarn2 {
 class ListingLimit {
   public:
     // Ten times the number of names on a storage with ten thousand backups.
-    static constexpr std::size_t kMostEntries = 1'000'000;
-    static constexpr std::size_t kMostBytes = 128UL * 1024 * 1024;
+    static constexpr std::size_t kMaxEntries = 1'000'000;
+    static constexpr std::size_t kMaxBytes = 128UL * 1024 * 1024;
     // No backup is nested this deep, but a server could report nested directories without end.
-    static constexpr std::size_t kDeepest = 200;
+    static constexpr std::size_t kMaxDepth = 200;
 
     // `what` names the server in the error text.
     explicit ListingLimit(std::string what) : what_(std::move(what)) {}
@@ -21,8 +21,8 @@ class ListingLimit {
     // Counts one more entry with a name of `bytes` bytes. Throws kro_err::Error (kFailed) above the
     // limits.
     void Count(std::size_t bytes);
-    // Throws kro_err::Error (kFailed) for a directory more than kDeepest levels below the one where
-    // the operation started.
+    // Throws kro_err::Error (kFailed) for a directory more than kMaxDepth levels below the one
+    // where the operation started.
     void CheckDepth(std::size_t depth) const;
 
   private:

@@ -32,12 +32,12 @@ class Pace {
         const int wait = static_cast<int>((due - passed) * kMilliseconds);
         if (wait > 0) kro_proc::Sleep(wait);
         // Does not make up for a stall, because the missed bytes would follow at full speed.
-        if (passed - due > kMostArrears) Restart();
+        if (passed - due > kMaxArrears) Restart();
     }
 
   private:
     // In seconds.
-    static constexpr double kMostArrears = 1;
+    static constexpr double kMaxArrears = 1;
 
     void Restart() {
         start_ = kro_date::SteadyClock::now();

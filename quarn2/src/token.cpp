@@ -24,7 +24,7 @@ struct Fault {
     std::string text;
 };
 
-constexpr std::size_t kLongestQuote = 32;
+constexpr std::size_t kMaxQuoteLength = 32;
 constexpr std::string_view kHidden = "***";
 constexpr std::string_view kPassword = "arch_password";
 
@@ -46,7 +46,7 @@ bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // Returns true for a short word of letters, digits and `marks`, which is safe to quote.
 bool IsWord(std::string_view text, std::string_view marks) {
-    return !text.empty() && text.size() <= kLongestQuote &&
+    return !text.empty() && text.size() <= kMaxQuoteLength &&
            std::all_of(text.begin(), text.end(), [marks](char c) {
                return IsLetterOrDigit(c) || marks.find(c) != std::string_view::npos;
            });

@@ -44,7 +44,7 @@ bool IsEntryName(std::string_view name) {
 void Add(Listing& listing, std::string_view name, Type type) {
     if (name == ".") listing.shows_itself = true;
     if (name == "." || name == ".." || !IsEntryName(name)) return;
-    if (listing.entries.size() >= ListingLimit::kMostEntries) {
+    if (listing.entries.size() >= ListingLimit::kMaxEntries) {
         throw Error(Kind::kFailed, "the server's listing has no end");
     }
     listing.entries.push_back({std::string(name), type});

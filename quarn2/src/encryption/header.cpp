@@ -32,11 +32,11 @@ constexpr KeyCost kCost = {16, 8, 1};
 constexpr std::uint8_t kChunkBits = 16;
 
 // Limits for a header from a storage: it must not use up the memory of this machine.
-constexpr std::uint8_t kMostRounds = 17;
-constexpr std::uint8_t kMostBlock = 8;
-constexpr std::uint8_t kMostLanes = 4;
-constexpr std::uint8_t kLeastChunkBits = 12;
-constexpr std::uint8_t kMostChunkBits = 20;
+constexpr std::uint8_t kMaxLog2Rounds = 17;
+constexpr std::uint8_t kMaxBlock = 8;
+constexpr std::uint8_t kMaxLanes = 4;
+constexpr std::uint8_t kMinChunkBits = 12;
+constexpr std::uint8_t kMaxChunkBits = 20;
 
 using Salt = std::array<std::byte, kSaltSize>;
 
@@ -101,9 +101,9 @@ KeyCost CostIn(const Header& header) {
     };
     const KeyCost cost = {byte(kCostAt), byte(kCostAt + 1), byte(kCostAt + 2)};
     const std::uint8_t chunk = byte(kChunkAt);
-    const bool sane = cost.log2_rounds >= 1 && cost.log2_rounds <= kMostRounds && cost.block >= 1 &&
-                      cost.block <= kMostBlock && cost.lanes >= 1 && cost.lanes <= kMostLanes &&
-                      chunk >= kLeastChunkBits && chunk <= kMostChunkBits;
+    const bool sane = cost.log2_rounds >= 1 && cost.log2_rounds <= kMaxLog2Rounds &&
+                      cost.block >= 1 && cost.block <= kMaxBlock && cost.lanes >= 1 &&
+                      cost.lanes <= kMaxLanes && chunk >= kMinChunkBits && chunk <= kMaxChunkBits;
     if (!sane) throw Error(Kind::kFailed, "the encrypted file's header is damaged");
     return cost;
 }

@@ -21,7 +21,7 @@ using kro_err::Kind;
 // Larger than libcurl's defaults, because storages transfer large files: fewer system calls.
 constexpr long kSendBuffer = 512L * 1024;
 constexpr long kReceiveBuffer = CURL_MAX_READ_SIZE;
-constexpr std::size_t kLongestReason = 300;
+constexpr std::size_t kMaxReasonBytes = 300;
 
 // SOCK_CLOEXEC: the child processes of a server must not inherit libcurl's sockets.
 curl_socket_t OpenSocket(void* /*data*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
@@ -73,7 +73,7 @@ Kind KindOf(CURLcode code) {
 }  // namespace
 
 std::string OneLine(std::string_view text) {
-    std::string line(text.substr(0, kLongestReason));
+    std::string line(text.substr(0, kMaxReasonBytes));
     std::replace_if(line.begin(), line.end(), IsControl, ' ');
     while (!line.empty() && line.back() == ' ') line.pop_back();
     return line;
@@ -92,9 +92,9 @@ ServerSettings SettingsOf(const BackupToken& token, const std::string& protocol,
     settings.what = protocol + " server " + HostAndPort(token);
     settings.ca = token.Param("ca");
     const std::int64_t timeout = str::Int64(token.Param("timeout"));
-    constexpr std::int64_t kLongest = 86400;
+    constexpr std::int64_t kMaxSeconds = 86400;
     settings.timeout =
-        timeout > 0 ? static_cast<int>(std::min(timeout, kLongest)) : kDefaultTimeout;
+        timeout > 0 ? static_cast<int>(std::min(timeout, kMaxSeconds)) : kDefaultTimeout;
     settings.auth = auth;
     settings.user = token.user();
     settings.password = token.password();

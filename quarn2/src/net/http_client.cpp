@@ -19,11 +19,11 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-constexpr std::size_t kLongestRefusal = 64UL * 1024;
-constexpr std::size_t kLongestAnswer = 16UL * 1024 * 1024;
-constexpr std::size_t kLongestHeaders = 256UL * 1024;
+constexpr std::size_t kMaxRefusalBytes = 64UL * 1024;
+constexpr std::size_t kMaxAnswerBytes = 16UL * 1024 * 1024;
+constexpr std::size_t kMaxHeaderBytes = 256UL * 1024;
 // Normally a request gets up to three responses: a 100, a 401 and the final one.
-constexpr int kMostAnswers = 100;
+constexpr int kMaxAnswers = 100;
 constexpr int kPollMs = 1000;
 constexpr long kKeptConnections = 16;
 
@@ -215,16 +215,16 @@ class HttpClient::Transfer {
             return;
         }
         const bool success = reply_.IsSuccess();
-        if (success && reply_.body.size() + bytes.size() > kLongestAnswer) {
+        if (success && reply_.body.size() + bytes.size() > kMaxAnswerBytes) {
             throw Error(Kind::kUnavailable, what_ + ": an endless answer");
         }
         if (!success) refusal_bytes_ += bytes.size();
-        if (refusal_bytes_ > kLongestAnswer) {
+        if (refusal_bytes_ > kMaxAnswerBytes) {
             throw Error(Kind::kUnavailable, what_ + ": a refusal without end");
         }
         const std::size_t room =
             success ? bytes.size()
-                    : kLongestRefusal - std::min(kLongestRefusal, reply_.body.size());
+                    : kMaxRefusalBytes - std::min(kMaxRefusalBytes, reply_.body.size());
         reply_.body.append(reinterpret_cast<const char*>(bytes.data()),
                            std::min(room, bytes.size()));
     }
@@ -233,7 +233,7 @@ class HttpClient::Transfer {
     void TakeHeader(std::string_view line) {
         moved_at_ = waited_;
         if (str::StartsWith(line, "HTTP/")) {
-            if (++answers_ > kMostAnswers) {
+            if (++answers_ > kMaxAnswers) {
                 throw Error(Kind::kUnavailable, what_ + ": answers to one request without end");
             }
             reply_.headers.clear();
@@ -242,7 +242,7 @@ class HttpClient::Transfer {
             return;
         }
         header_bytes_ += line.size();
-        if (header_bytes_ > kLongestHeaders) {
+        if (header_bytes_ > kMaxHeaderBytes) {
             throw Error(Kind::kUnavailable, what_ + ": headers without end");
         }
         if (line == "\r\n") headers_came_ = true;

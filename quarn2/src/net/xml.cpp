@@ -18,13 +18,13 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr char kSeparator = '\n';
-constexpr std::size_t kDeepest = 64;
-constexpr std::size_t kLongestText = 1024UL * 1024;
+constexpr std::size_t kMaxDepth = 64;
+constexpr std::size_t kMaxTextBytes = 1024UL * 1024;
 // expat buffers incomplete tokens (a tag, a comment) and keeps every name that it has parsed. These
 // limits bound its memory.
-constexpr std::size_t kLongestPiece = 4UL * 1024 * 1024;
-constexpr std::size_t kMostNames = 1000;
-constexpr std::size_t kLongestAnswer = 512UL * 1024 * 1024;
+constexpr std::size_t kMaxTokenBytes = 4UL * 1024 * 1024;
+constexpr std::size_t kMaxNames = 1000;
+constexpr std::size_t kMaxAnswerBytes = 512UL * 1024 * 1024;
 
 // Splits expat's "URI<separator>NAME". A name without a namespace has no separator.
 std::pair<std::string_view, std::string_view> SpaceAndName(const char* text) {
@@ -66,9 +66,9 @@ class XmlReader::Parser {
   private:
     void ParsePiece(std::span<const std::byte> piece, bool is_final) {
         fed_ += piece.size();
-        if (fed_ - understood_ > kLongestPiece + piece.size())
+        if (fed_ - understood_ > kMaxTokenBytes + piece.size())
             ThrowInvalid("with a piece without end");
-        if (fed_ > kLongestAnswer) ThrowInvalid("without end");
+        if (fed_ > kMaxAnswerBytes) ThrowInvalid("without end");
         const XML_Status status =
             XML_Parse(parser_, reinterpret_cast<const char*>(piece.data()),
                       static_cast<int>(piece.size()), is_final ? XML_TRUE : XML_FALSE);
@@ -96,7 +96,7 @@ class XmlReader::Parser {
 
     void Meet(const char* name) {
         if (names_.contains(name)) return;
-        if (names_.size() >= kMostNames) ThrowInvalid("with names without end");
+        if (names_.size() >= kMaxNames) ThrowInvalid("with names without end");
         names_.emplace(name);
     }
 
@@ -107,7 +107,7 @@ class XmlReader::Parser {
             self->Meet(name);
             // The array holds names and values alternately.
             for (const char** at = attributes; *at != nullptr; at += 2) self->Meet(*at);
-            if (self->texts_.size() >= kDeepest) self->ThrowInvalid("that nests without end");
+            if (self->texts_.size() >= kMaxDepth) self->ThrowInvalid("that nests without end");
             self->texts_.emplace_back();
             const auto parts = SpaceAndName(name);
             self->handler_.Open(parts.first, parts.second);
@@ -138,7 +138,7 @@ class XmlReader::Parser {
             if (self->texts_.empty()) return;
             std::string& all = self->texts_.back();
             all.append(text, static_cast<std::size_t>(length));
-            if (all.size() > kLongestText) self->ThrowInvalid("with a text without end");
+            if (all.size() > kMaxTextBytes) self->ThrowInvalid("with a text without end");
         });
     }
 
