@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kCodeLength = 3;
 // Replies have a few lines. The longest one that is parsed is the reply to MLST.
-constexpr std::size_t kLongestText = 16UL * 1024;
+constexpr std::size_t kMaxTextBytes = 16UL * 1024;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
@@ -120,7 +120,7 @@ void Transcript::Received(std::string_view line) {
     const bool last = code != 0 && (line.size() == kCodeLength || line[kCodeLength] == ' ');
     const bool first = code != 0 && line.size() > kCodeLength && line[kCodeLength] == '-';
     if (last || first) line.remove_prefix(std::min(kCodeLength + 1, line.size()));
-    if (open_.size() + line.size() < kLongestText) str::inpl::Append(open_, line, "\n");
+    if (open_.size() + line.size() < kMaxTextBytes) str::inpl::Append(open_, line, "\n");
     if (!last) return;
     // A greeting belongs to no command. A transfer gets two replies, at its start and at its end.
     if (replies_.empty() || replies_.back().code != 0) {

@@ -25,7 +25,7 @@ constexpr char kTelnetEscape = '\xff';
 constexpr int kClosing = 421;
 constexpr int kNoFile = 550;
 // Enough for half a million names and their facts. An endless listing must not exhaust the memory.
-constexpr std::size_t kLongestListing = 64UL * 1024 * 1024;
+constexpr std::size_t kMaxListingBytes = 64UL * 1024 * 1024;
 
 ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "FTP", ServerSettings::Auth::kPlain);
@@ -372,7 +372,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     handle_.Set(CURLOPT_FTP_FILEMETHOD, within ? CURLFTPMETHOD_SINGLECWD : CURLFTPMETHOD_NOCWD);
     handle_.Set(CURLOPT_CUSTOMREQUEST, command);
     take_ = [this, &text](std::span<const std::byte> bytes) {
-        if (text.size() + bytes.size() > kLongestListing) {
+        if (text.size() + bytes.size() > kMaxListingBytes) {
             throw Error(Kind::kFailed, what_ + ": an endless listing");
         }
         text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());

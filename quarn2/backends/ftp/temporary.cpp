@@ -16,7 +16,7 @@ namespace quarn2::ftp {
 namespace {
 
 // Leaves space for the suffixes within the 255 bytes that file systems allow.
-constexpr std::size_t kLongestPlain = 220;
+constexpr std::size_t kMaxPlainLength = 220;
 constexpr std::size_t kCutLength = 200;
 
 // FNV-1a: the same in every build. It only distinguishes names and is not secure.
@@ -44,7 +44,7 @@ std::string Machine() {
 // Truncates a long name at the boundary of a UTF-8 character and appends its hash to keep it
 // unique.
 std::string Shortened(const std::string& name) {
-    if (name.size() <= kLongestPlain) return name;
+    if (name.size() <= kMaxPlainLength) return name;
     std::size_t length = kCutLength;
     constexpr unsigned kTopBits = 0xC0;
     constexpr unsigned kContinued = 0x80;

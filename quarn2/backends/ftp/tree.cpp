@@ -19,8 +19,8 @@ using kro_err::Kind;
 // Maximum number of removals in one libcurl transfer.
 constexpr std::size_t kBatch = 1000;
 // Limits for a server that shows directories without end.
-constexpr int kDeepest = 200;
-constexpr int kMostEmptied = 100'000;
+constexpr int kMaxDepth = 200;
+constexpr int kMaxEmptied = 100'000;
 
 }  // namespace
 
@@ -262,14 +262,14 @@ void Tree::RemoveEmptied(const std::string& name) {
 
 void Tree::Empty(const std::string& name, int depth) {
     emptied_ = depth == 0 ? 0 : emptied_ + 1;
-    if (depth > kDeepest || emptied_ > kMostEmptied) {
+    if (depth > kMaxDepth || emptied_ > kMaxEmptied) {
         throw Error(Kind::kFailed, session_.what() + " shows directories without end");
     }
     Forget();
     // The server shows the entries beyond its limit once the others are removed.
-    constexpr int kMostRounds = 10000;
+    constexpr int kMaxRounds = 10000;
     bool is_cut = true;
-    for (int round = 0; is_cut && round < kMostRounds; ++round) {
+    for (int round = 0; is_cut && round < kMaxRounds; ++round) {
         const Listing listing = ListAll(name);
         is_cut = listing.is_cut && !listing.entries.empty();
         RemoveEntries(name, listing.entries, depth);

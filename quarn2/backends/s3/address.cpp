@@ -16,19 +16,19 @@ namespace {
 constexpr const char* kPlainScheme = "s3+http";
 constexpr const char* kExample = "s3://ACCESS:SECRET@host/bucket/prefix";
 constexpr const char* kDefaultRegion = "us-east-1";
-constexpr std::size_t kShortestBucket = 3;
-constexpr std::size_t kLongestBucket = 255;
-constexpr std::size_t kLongestHostLabel = 63;
-constexpr std::size_t kLongestWord = 64;
+constexpr std::size_t kMinBucketLength = 3;
+constexpr std::size_t kMaxBucketLength = 255;
+constexpr std::size_t kMaxHostLabelLength = 63;
+constexpr std::size_t kMaxWordLength = 64;
 // S3 limits keys to 1024 bytes. The rest of the limit is left for file names.
-constexpr std::size_t kLongestPrefix = 512;
+constexpr std::size_t kMaxPrefixLength = 512;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 bool IsLower(char c) noexcept { return c >= 'a' && c <= 'z'; }
 bool IsUpper(char c) noexcept { return c >= 'A' && c <= 'Z'; }
 
 bool IsWord(std::string_view text, std::string_view marks) {
-    return text.size() <= kLongestWord && std::all_of(text.begin(), text.end(), [marks](char c) {
+    return text.size() <= kMaxWordLength && std::all_of(text.begin(), text.end(), [marks](char c) {
                return IsLower(c) || IsUpper(c) || IsDigit(c) ||
                       marks.find(c) != std::string_view::npos;
            });
@@ -46,7 +46,7 @@ bool IsVirtual(const BackupToken& token) { return token.Param("style") == "virtu
 
 std::string BucketFault(const std::string& bucket, bool is_virtual) {
     if (bucket.empty()) return std::string("an S3 storage needs a bucket, as in ") + kExample;
-    const bool good = bucket.size() >= kShortestBucket && bucket.size() <= kLongestBucket &&
+    const bool good = bucket.size() >= kMinBucketLength && bucket.size() <= kMaxBucketLength &&
                       std::all_of(bucket.begin(), bucket.end(),
                                   [](char c) {
                                       return IsLower(c) || IsUpper(c) || IsDigit(c) || c == '-' ||
@@ -59,7 +59,7 @@ std::string BucketFault(const std::string& bucket, bool is_virtual) {
                "'-', '.' and '_'";
     }
     const bool is_label =
-        bucket.size() <= kLongestHostLabel &&
+        bucket.size() <= kMaxHostLabelLength &&
         std::none_of(bucket.begin(), bucket.end(), [](char c) { return IsUpper(c) || c == '_'; });
     if (is_virtual && !is_label) {
         return "this bucket's name cannot be a part of a host name: use style=path";
@@ -68,7 +68,7 @@ std::string BucketFault(const std::string& bucket, bool is_virtual) {
 }
 
 std::string PrefixFault(std::string prefix) {
-    if (prefix.size() > kLongestPrefix) return "the prefix is longer than 512 bytes";
+    if (prefix.size() > kMaxPrefixLength) return "the prefix is longer than 512 bytes";
     while (!prefix.empty()) {
         const std::string component = str::GetWord(prefix, "/");
         if (component.empty() || component == "." || component == "..") {
@@ -93,13 +93,12 @@ std::string StyleFault(const BackupToken& token) {
 
 std::string PartSizeFault(const std::string& text) {
     if (text.empty()) return {};
-    constexpr std::size_t kMostDigits = 18;
-    const bool number =
-        text.size() <= kMostDigits && std::all_of(text.begin(), text.end(), IsDigit);
+    constexpr std::size_t kMaxDigits = 18;
+    const bool number = text.size() <= kMaxDigits && std::all_of(text.begin(), text.end(), IsDigit);
     const std::int64_t size = number ? str::Int64(text) : 0;
-    if (size >= kSmallestPart && size <= kLargestPart) return {};
-    return "parameter 'part_size' must be a number of bytes from " + str::Str(kSmallestPart) +
-           " to " + str::Str(kLargestPart);
+    if (size >= kMinPart && size <= kMaxPart) return {};
+    return "parameter 'part_size' must be a number of bytes from " + str::Str(kMinPart) + " to " +
+           str::Str(kMaxPart);
 }
 
 std::string ParamFault(const BackupToken& token) {

@@ -9,10 +9,10 @@
 namespace quarn2::s3 {
 
 inline constexpr std::int64_t kMiB = 1024LL * 1024;
-inline constexpr std::int64_t kSmallestPart = 5 * kMiB;
+inline constexpr std::int64_t kMinPart = 5 * kMiB;
 inline constexpr std::int64_t kDefaultPart = 16 * kMiB;
 // Also the maximum memory that all parts of an upload take together.
-inline constexpr std::int64_t kLargestPart = 64 * kMiB;
+inline constexpr std::int64_t kMaxPart = 64 * kMiB;
 
 struct Address {
     std::string url;     // "https://host:port", with the bucket before the host in virtual style

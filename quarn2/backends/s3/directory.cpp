@@ -39,7 +39,7 @@ class Pages {
     // Returns false after the last page.
     bool GoOn(const Listing& page) {
         if (page.next.empty()) return false;
-        if (page.next == next_ || ++count_ > kMost) {
+        if (page.next == next_ || ++count_ > kMaxPages) {
             throw Error(Kind::kFailed,
                         what_ + ": an endless listing: " +
                             (page.next == next_ ? "the same page repeats" : "too many pages"));
@@ -50,7 +50,7 @@ class Pages {
 
   private:
     // Pages of up to 1000 keys each.
-    static constexpr int kMost = 5'000;
+    static constexpr int kMaxPages = 5'000;
 
     std::string what_;
     std::string next_;

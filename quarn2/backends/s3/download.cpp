@@ -25,7 +25,7 @@ constexpr int kGone = 404;
 constexpr int kPreconditionFailed = 412;
 constexpr int kNoSuchRange = 416;
 constexpr int kInternalError = 500;
-constexpr int kMostFailures = 5;
+constexpr int kMaxFailures = 5;
 
 std::optional<std::int64_t> Number(std::string_view text) {
     std::int64_t number = 0;
@@ -183,7 +183,7 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
 // return a 500 if the file is replaced while they open it.
 bool Download::IsWorthAnother(int status) {
     if (status == kNoSuchRange) return std::exchange(has_ranges_, false);
-    return status == kInternalError && ++failures_ < kMostFailures;
+    return status == kInternalError && ++failures_ < kMaxFailures;
 }
 
 void Download::TakeTurns() {

@@ -9,27 +9,27 @@ namespace quarn2::s3 {
 
 namespace {
 
-constexpr std::int64_t kMostParts = 10000;
-constexpr std::int64_t kLargestObject = 5 * kMiB * kMiB;
+constexpr std::int64_t kMaxParts = 10000;
+constexpr std::int64_t kMaxObjectSize = 5 * kMiB * kMiB;
 // A quarter of the 64 MiB that parts may take together stays free unless a single part needs it.
 constexpr std::int64_t kMemory = 48 * kMiB;
-constexpr std::int64_t kMostAtOnce = 6;
+constexpr std::int64_t kMaxAtOnce = 6;
 
 std::int64_t DividedUp(std::int64_t number, std::int64_t by) { return (number + by - 1) / by; }
 
 }  // namespace
 
 Plan PlanParts(std::int64_t size, std::int64_t part_size) {
-    if (size > kLargestObject) {
+    if (size > kMaxObjectSize) {
         throw kro_err::Error(kro_err::Kind::kFailed,
                              "the file is larger than 5 TiB, which is all that S3 can hold in one");
     }
     Plan plan;
-    const std::int64_t needed = DividedUp(DividedUp(size, kMostParts), kMiB) * kMiB;
+    const std::int64_t needed = DividedUp(DividedUp(size, kMaxParts), kMiB) * kMiB;
     plan.part_size = std::max(part_size, needed);
-    if (plan.part_size > kLargestPart) return plan;
+    if (plan.part_size > kMaxPart) return plan;
     plan.in_memory =
-        static_cast<int>(std::clamp<std::int64_t>(kMemory / plan.part_size, 1, kMostAtOnce));
+        static_cast<int>(std::clamp<std::int64_t>(kMemory / plan.part_size, 1, kMaxAtOnce));
     return plan;
 }
 

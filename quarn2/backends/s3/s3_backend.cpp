@@ -24,7 +24,7 @@ using kro_err::Kind;
 
 // Maximum number of starts of an upload that other processes abort. Each of them aborts it only
 // once, at the start of its own upload.
-constexpr int kMostBeginnings = 8;
+constexpr int kMaxStarts = 8;
 
 class S3Backend final : public StorageBackend {
   public:
@@ -112,7 +112,7 @@ bool S3Backend::PutParts(const std::string& name, ByteSource& source) {
     const Plan plan = PlanParts(source.size(), service_.address().part_size);
     unfinished_.AbortOf(key);
     PartsUpload upload(service_, unfinished_, Doing(name));
-    for (int i = 0; i < kMostBeginnings; ++i) {
+    for (int i = 0; i < kMaxStarts; ++i) {
         const PartsUpload::Outcome outcome = upload.Run(key, source, plan);
         if (outcome != PartsUpload::Outcome::kGone) {
             return outcome == PartsUpload::Outcome::kStored;

@@ -17,7 +17,7 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-constexpr std::size_t kLongestKey = 1024;
+constexpr std::size_t kMaxKeyLength = 1024;
 constexpr int kPatience = 10;  // seconds
 
 }  // namespace
@@ -30,7 +30,7 @@ Service::Service(const BackupToken& token)
 
 std::string Service::KeyOf(const std::string& name) const {
     std::string key = s3::KeyOf(address_.prefix + name);
-    if (key.size() > kLongestKey) {
+    if (key.size() > kMaxKeyLength) {
         throw Error(Kind::kFailed, "bad name on a storage " + Quoted(name) +
                                        ": with the prefix its key is longer than 1024 bytes");
     }

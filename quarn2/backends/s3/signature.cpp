@@ -70,8 +70,8 @@ std::string CanonicalQuery(const Params& params) {
 std::string AmzDate(std::time_t now) {
     std::tm utc = {};
     gmtime_r(&now, &utc);
-    constexpr std::size_t kLongest = 32;
-    std::array<char, kLongest> text = {};
+    constexpr std::size_t kMaxLength = 32;
+    std::array<char, kMaxLength> text = {};
     const std::size_t size = std::strftime(text.data(), text.size(), "%Y%m%dT%H%M%SZ", &utc);
     return {text.data(), size};
 }

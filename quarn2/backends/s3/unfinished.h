@@ -31,7 +31,7 @@ class RunningUpload {
 
 // Finds unfinished uploads and aborts them. S3 does not show whether the process that started an
 // upload is alive, so uploads of live processes are aborted, too. Such a process starts its upload
-// again (see kMostBeginnings in s3_backend.cpp).
+// again (see kMaxStarts in s3_backend.cpp).
 class Unfinished {
   public:
     explicit Unfinished(Service& service) : service_(service) {}

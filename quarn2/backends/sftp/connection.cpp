@@ -34,7 +34,7 @@ const char* const kSystemKnownHosts = "/etc/ssh/ssh_known_hosts";
 constexpr std::size_t kWindow = 4UL * 1024 * 1024;
 constexpr std::size_t kTopUp = kWindow / 4;
 constexpr std::size_t kSmallRead = 256UL * 1024;
-constexpr int kMostQuestions = 4;
+constexpr int kMaxQuestions = 4;
 
 std::string At(const Account& account) {
     return "host " + Quoted(account.host) + ", port " + std::to_string(account.port);
@@ -219,7 +219,7 @@ class Login {
         const auto methods = static_cast<unsigned>(Ssh().userauth_list(session, nullptr));
         if ((methods & SSH_AUTH_METHOD_INTERACTIVE) == 0U) return SSH_AUTH_DENIED;
         int result = Ssh().userauth_kbdint(session, nullptr, nullptr);
-        for (int round = 0; result == SSH_AUTH_INFO && round < kMostQuestions; ++round) {
+        for (int round = 0; result == SSH_AUTH_INFO && round < kMaxQuestions; ++round) {
             const int prompts = Ssh().userauth_kbdint_getnprompts(session);
             for (int i = 0; i < prompts; ++i) {
                 Ssh().userauth_kbdint_setanswer(session, static_cast<unsigned>(i),
@@ -277,7 +277,7 @@ class Connection final : public Stream {
         const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
         if (top_up) received_ = 0;
         const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);
-        const int seconds = std::min(timeout_, kLongestWait - patience) + patience;
+        const int seconds = std::min(timeout_, kMaxWait - patience) + patience;
         const int got = Ssh().channel_read_timeout(
             channel_, buffer.data(), static_cast<std::uint32_t>(size), 0, seconds * 1000);
         if (got < 0) ThrowFailed("Failed to receive from ");
@@ -295,7 +295,7 @@ class Connection final : public Stream {
     }
 
   private:
-    static constexpr int kLongestWait = 2'000'000;  // seconds; the library takes milliseconds
+    static constexpr int kMaxWait = 2'000'000;  // seconds; the library takes milliseconds
 
     [[noreturn]] void ThrowUnavailable(const std::string& text) {
         broken_ = true;

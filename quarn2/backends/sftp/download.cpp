@@ -19,11 +19,11 @@ using kro_err::Kind;
 
 // Maximum number of bytes requested and not yet passed to the sink. Data that arrives out of order
 // waits in memory; this limit bounds it.
-constexpr std::uint64_t kMostUnderWay = 6UL * 1024 * 1024;
+constexpr std::uint64_t kMaxInFlight = 6UL * 1024 * 1024;
 constexpr int kAttempts = 5;
 // Exceeded only if the replies contain less than 1 KiB each on average.
-constexpr std::size_t kMostPieces = 10'000;
-constexpr std::uint64_t kLargestFile = std::numeric_limits<std::int64_t>::max();
+constexpr std::size_t kMaxPieces = 10'000;
+constexpr std::uint64_t kMaxFileSize = std::numeric_limits<std::int64_t>::max();
 
 // An open file and its outstanding reads, ordered by offset.
 class Reads {
@@ -82,7 +82,7 @@ class Reads {
 
     void SendReads() {
         const std::uint64_t begin = pieces_.empty() ? next_ : pieces_.front().offset;
-        while (next_ < size_ && next_ - begin < kMostUnderWay) {
+        while (next_ < size_ && next_ - begin < kMaxInFlight) {
             const auto size = static_cast<std::size_t>(
                 std::min<std::uint64_t>(size_ - next_, session_.read_size()));
             pieces_.push_back({SendRead(next_, size), next_, size, false, {}});
@@ -117,7 +117,7 @@ class Reads {
         const std::uint64_t offset = piece->offset + got;
         const std::size_t size = piece->size - got;
         piece->size = got;
-        if (pieces_.size() >= kMostPieces) ThrowInvalidReply("data in ever smaller pieces");
+        if (pieces_.size() >= kMaxPieces) ThrowInvalidReply("data in ever smaller pieces");
         pieces_.insert(piece + 1, {SendRead(offset, size), offset, size, false, {}});
     }
 
@@ -168,7 +168,7 @@ class Downloader {
         Reply opened = session_.Wait(open);
         const bool good = opened.type == Type::kHandle;
         if (good) handle_ = opened.fields.Text();
-        if (attributes.size.value_or(0) > kLargestFile) {
+        if (attributes.size.value_or(0) > kMaxFileSize) {
             if (good) Close();
             ThrowInvalidReply("a size that no file has");
         }

@@ -16,7 +16,7 @@ namespace quarn2::sftp {
 
 namespace {
 
-constexpr std::size_t kLongestKey = 64UL * 1024;
+constexpr std::size_t kMaxKeyBytes = 64UL * 1024;
 constexpr mode_t kOthers = 077;
 
 [[noreturn]] void ThrowInvalidKey(const std::string& path, const std::string& what) {
@@ -28,7 +28,7 @@ std::string Reason(int error) { return std::generic_category().message(error); }
 // A text that the destructor erases from memory.
 class Wiped {
   public:
-    Wiped() : text(kLongestKey + 1, '\0') {}
+    Wiped() : text(kMaxKeyBytes + 1, '\0') {}
     ~Wiped() { OPENSSL_cleanse(text.data(), text.size()); }
     Wiped(const Wiped&) = delete;
     Wiped& operator=(const Wiped&) = delete;
@@ -54,7 +54,7 @@ void Read(const std::string& path, std::string& text) {
         if (got < 0) ThrowInvalidKey(path, "cannot be read: " + Reason(errno));
         if (got == 0) break;
         size += static_cast<std::size_t>(got);
-        if (size > kLongestKey) ThrowInvalidKey(path, "is too long for a private key");
+        if (size > kMaxKeyBytes) ThrowInvalidKey(path, "is too long for a private key");
     }
     text[size] = '\0';
 }

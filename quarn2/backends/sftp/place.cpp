@@ -12,7 +12,7 @@ namespace {
 // Maximum number of concurrent uploads of one name.
 constexpr int kTemporaryNames = 8;
 // The maximum length of a name on common file systems.
-constexpr std::size_t kLongestName = 255;
+constexpr std::size_t kMaxNameLength = 255;
 
 // Applies TemporaryName() `times` times to the name. No file of the storage can have such a name,
 // because stored files must not have temporary names.
@@ -33,7 +33,7 @@ std::vector<std::string> TemporaryPaths(const std::string& path) {
     // Skips 2, which is the name of the displaced file.
     for (int times = 3; times < kTemporaryNames + 2; ++times) {
         std::string next = Wrapped(path, times);
-        if (kro_file::Name(next).size() > kLongestName) break;
+        if (kro_file::Name(next).size() > kMaxNameLength) break;
         paths.push_back(std::move(next));
     }
     return paths;

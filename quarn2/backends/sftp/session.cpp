@@ -19,12 +19,12 @@ constexpr std::size_t kSmallPiece = 32UL * 1024;
 constexpr std::size_t kLargePiece = 255UL * 1024;
 // The maximum length of a reply. It leaves enough space for the largest piece of data with its
 // header. No server sends longer replies.
-constexpr std::size_t kLongestFrame = 512UL * 1024;
+constexpr std::size_t kMaxFrameBytes = 512UL * 1024;
 constexpr std::size_t kLengthSize = 4;
 // Holds all data that the channel's window allows, so the server need not wait while this side is
 // writing.
-constexpr std::size_t kBufferSize = 4UL * 1024 * 1024 + kLongestFrame;
-constexpr std::size_t kDeepest = 1024;
+constexpr std::size_t kBufferSize = 4UL * 1024 * 1024 + kMaxFrameBytes;
+constexpr std::size_t kMaxUnanswered = 1024;
 
 const char* const kLimits = "limits@openssh.com";
 
@@ -151,7 +151,7 @@ std::span<const std::byte> Session::NextFrame(int patience) {
     Fill(kLengthSize, patience);
     const std::byte* const head = buffer_.get() + begin_;
     const std::size_t size = LoadU32(std::span<const std::byte, kLengthSize>(head, 4));
-    if (size == 0 || size > kLongestFrame) {
+    if (size == 0 || size > kMaxFrameBytes) {
         ThrowInvalidReply(
             "a reply of " + std::to_string(size) +
             " bytes; if the user's login prints a text on the server, let it be silent");
@@ -219,7 +219,7 @@ void Pipeline(Session& session, std::size_t count,
     std::size_t done = 0;
     try {
         while (done < count) {
-            while (ids.size() < count && ids.size() - done < kDeepest) {
+            while (ids.size() < count && ids.size() - done < kMaxUnanswered) {
                 ids.push_back(send(ids.size()));
             }
             Reply reply = session.Wait(ids[done]);

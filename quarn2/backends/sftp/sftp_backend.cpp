@@ -21,9 +21,9 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-constexpr std::uint16_t kPort = 22;
-constexpr int kTimeout = 60;
-constexpr int kLongestTimeout = 86400;
+constexpr std::uint16_t kDefaultPort = 22;
+constexpr int kDefaultTimeout = 60;
+constexpr int kMaxTimeout = 86400;
 // In seconds. The removal of a failed upload's temporary file is not worth a longer timeout.
 constexpr int kCleanUpTimeout = 10;
 // Begins a path that is relative to the login directory.
@@ -38,13 +38,13 @@ std::string RootOf(const BackupToken& token) {
 sftp::Account AccountOf(const BackupToken& token) {
     sftp::Account account;
     account.host = token.host();
-    account.port = token.port() == 0 ? kPort : token.port();
+    account.port = token.port() == 0 ? kDefaultPort : token.port();
     account.user = token.user();
     account.password = token.password();
     account.key_file = token.Param("key");
     account.known_hosts_file = token.Param("known_hosts");
     const std::string timeout = token.Param("timeout");
-    account.timeout = timeout.empty() ? kTimeout : str::Int(timeout);
+    account.timeout = timeout.empty() ? kDefaultTimeout : str::Int(timeout);
     return account;
 }
 
@@ -182,8 +182,8 @@ std::string RootFault(const BackupToken& token) {
 std::string TimeoutFault(const std::string& timeout) {
     if (timeout.empty()) return {};
     const std::int64_t seconds = str::Int64(timeout);
-    if (seconds >= 1 && seconds <= kLongestTimeout) return {};
-    return "parameter 'timeout' must be from 1 to " + std::to_string(kLongestTimeout) + " seconds";
+    if (seconds >= 1 && seconds <= kMaxTimeout) return {};
+    return "parameter 'timeout' must be from 1 to " + std::to_string(kMaxTimeout) + " seconds";
 }
 
 std::string Fault(const BackupToken& token) {

@@ -27,14 +27,14 @@ constexpr std::uint32_t kExclusive = kOpenWrite | kOpenCreate | kOpenExclusive;
 constexpr std::size_t kBlock = 1024UL * 1024;
 // Maximum number of bytes sent and not yet confirmed. It is more than a server's window allows in
 // transit on any link. It costs no memory here.
-constexpr std::size_t kMostUnderWay = 8UL * 1024 * 1024;
+constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
 // A temporary file that does not change for this time is a leftover, unless a process of this
 // machine is writing to it. A running upload writes several times a second.
 constexpr int kWatchMilliseconds = 3000;
 // A storage with less free space than this (in bytes) counts as full after a failed write.
 constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
 // In bytes per second. A disk that syncs more slowly than this counts as broken.
-constexpr std::int64_t kSlowestSync = 4LL * 1024 * 1024;
+constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;
 constexpr int kRenameAttempts = 5;
 constexpr int kOpenAttempts = 3;
 
@@ -188,7 +188,7 @@ class Uploader {
         while (room_and_data.size() > Session::kHeadroom) {
             const std::size_t size =
                 std::min(room_and_data.size() - Session::kHeadroom, session_.write_size());
-            while ((writes_.size() + 1) * session_.write_size() > kMostUnderWay) TakeAnswer();
+            while ((writes_.size() + 1) * session_.write_size() > kMaxInFlight) TakeAnswer();
             Request request(Type::kWrite);
             request.Text(handle_).U64(static_cast<std::uint64_t>(offset));
             writes_.insert(session_.SendWithData(std::move(request),
@@ -213,7 +213,7 @@ class Uploader {
     void Finish() {
         const bool sync = session_.Offers(kSync);
         const int patience =
-            static_cast<int>(std::min<std::int64_t>(source_.size() / kSlowestSync, 1'000'000));
+            static_cast<int>(std::min<std::int64_t>(source_.size() / kMinSyncRate, 1'000'000));
         std::uint32_t synced = 0;
         if (sync) {
             synced = session_.Send(std::move(Request(Type::kExtended).Text(kSync).Text(handle_)));

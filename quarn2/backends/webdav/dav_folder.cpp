@@ -17,9 +17,9 @@ using kro_err::Kind;
 using Clock = kro_date::SteadyClock;
 
 constexpr std::chrono::seconds kFresh(10);
-constexpr std::size_t kMostFolders = 16;
+constexpr std::size_t kMaxFolders = 16;
 // Maximum number of cached names of a directory. The names beyond it are queried individually.
-constexpr std::size_t kMostFiles = 50'000;
+constexpr std::size_t kMaxFiles = 50'000;
 // In seconds. A running upload changes its temporary file more often than this.
 constexpr std::time_t kSurelyDead = 60;
 constexpr int kLookAgainMs = 1000;
@@ -50,7 +50,7 @@ Folder* DavFolders::Find(const std::string& directory) {
 }
 
 Folder& DavFolders::Remember(const std::string& directory, Folder folder) {
-    if (known_.size() >= kMostFolders) known_.clear();
+    if (known_.size() >= kMaxFolders) known_.clear();
     folder.listed = Clock::now();
     return known_.insert_or_assign(directory, std::move(folder)).first->second;
 }
@@ -63,7 +63,7 @@ Folder* DavFolders::Load(const std::string& directory) {
             if (entry.is_collection) return;
             if (IsTemporaryEntry(name)) {
                 folder.temporaries.push_back(std::move(name));
-            } else if (folder.files.size() < kMostFiles) {
+            } else if (folder.files.size() < kMaxFiles) {
                 folder.files.insert(std::move(name));
             }
         });

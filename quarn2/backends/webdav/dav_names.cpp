@@ -15,7 +15,7 @@ namespace {
 constexpr std::size_t kRandomBytes = 6;
 constexpr std::size_t kRandomDigits = 2 * kRandomBytes;
 // The maximum length of a name on common file systems.
-constexpr std::size_t kLongestName = 255;
+constexpr std::size_t kMaxNameLength = 255;
 constexpr std::string_view kTemporaryEnd = ".part~";
 
 bool IsDecimal(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -34,7 +34,7 @@ std::string RandomDigits() {
 
 // Returns the part of a file's name that fits into its temporary name.
 std::string_view Kept(std::string_view file) {
-    return file.substr(0, kLongestName - kRandomDigits - 1 - kTemporaryEnd.size());
+    return file.substr(0, kMaxNameLength - kRandomDigits - 1 - kTemporaryEnd.size());
 }
 
 bool HasRandomStart(std::string_view entry) noexcept {
@@ -50,12 +50,12 @@ bool IsOwnForm(std::string_view entry) noexcept {
 // Strips the suffix of "TEMPORARY.0000000012". nginx copies an upload to such a name if it cannot
 // rename it, and leaves the copy if the disk is full.
 std::string_view WithoutCounter(std::string_view entry) noexcept {
-    constexpr std::size_t kFewestDigits = 10;
+    constexpr std::size_t kMinDigits = 10;
     const std::size_t dot = entry.rfind('.');
     if (dot == std::string_view::npos) return entry;
     const std::string_view digits = entry.substr(dot + 1);
     const bool counter =
-        digits.size() >= kFewestDigits && std::all_of(digits.begin(), digits.end(), IsDecimal);
+        digits.size() >= kMinDigits && std::all_of(digits.begin(), digits.end(), IsDecimal);
     const std::string_view rest = entry.substr(0, dot);
     return counter && IsOwnForm(rest) ? rest : entry;
 }

@@ -12,7 +12,7 @@ namespace {
 constexpr std::string_view kDav = "DAV:";
 constexpr int kMultistatus = 207;
 // Limit for the body of a success other than 207, for example an HTML page.
-constexpr std::size_t kLongestIgnored = 16UL * 1024 * 1024;
+constexpr std::size_t kMaxIgnoredBytes = 16UL * 1024 * 1024;
 
 // Returns -1 if the text is not a number of bytes.
 std::int64_t Number(std::string_view text) {
@@ -47,7 +47,7 @@ void MultistatusSink::Begin(const net::HttpReply& reply) {
 void MultistatusSink::Write(std::span<const std::byte> bytes) {
     if (reader_ != nullptr) return reader_->Feed(bytes);
     ignored_ += bytes.size();
-    if (ignored_ > kLongestIgnored) {
+    if (ignored_ > kMaxIgnoredBytes) {
         throw kro_err::Error(kro_err::Kind::kUnavailable, what_ + ": an endless answer");
     }
 }

@@ -36,9 +36,9 @@ constexpr int kAttempts = 4;
 constexpr int kLooks = 10;
 constexpr int kLookAgainMs = 20;
 // The cleanup after a failed upload gets 1/kCleanupShare of the storage's timeout, at most
-// kLongestCleanup seconds. It is short because the caller has already waited long, and the next
+// kMaxCleanup seconds. It is short because the caller has already waited long, and the next
 // upload removes a remaining file anyway.
-constexpr int kLongestCleanup = 5;
+constexpr int kMaxCleanup = 5;
 constexpr int kCleanupShare = 4;
 
 net::ServerSettings Settings(const BackupToken& token) {
@@ -269,7 +269,7 @@ WebdavBackend::Stored WebdavBackend::Rename(const std::string& temporary, const 
 void WebdavBackend::CleanUp(const std::string& temporary) noexcept {
     try {
         net::ServerSettings settings = Settings(token_);
-        settings.timeout = std::clamp(settings.timeout / kCleanupShare, 1, kLongestCleanup);
+        settings.timeout = std::clamp(settings.timeout / kCleanupShare, 1, kMaxCleanup);
         DavServer(token_, std::move(settings)).Delete(temporary, false);
     } catch (const std::exception&) {
         // The next upload of that name removes the file.
