@@ -105,7 +105,7 @@ Listing ListingReader::Finish() {
 
 Uploads ReadUploads(const std::string& what, const std::string& body) {
     Uploads answer;
-    Upload upload;
+    UnfinishedUpload upload;
     bool whole = false;
     ReadAll(what, body, [&](auto parent, auto name, const std::string& text) {
         if (name == "Key" && parent == "Upload") upload.key = DecodedKey(text);

@@ -21,13 +21,13 @@ struct Listing {
     std::string next;                      // the continuation token; "" on the last page
 };
 
-struct Upload {
+struct UnfinishedUpload {
     std::string key;
     std::string id;
 };
 
 struct Uploads {
-    std::vector<Upload> uploads;
+    std::vector<UnfinishedUpload> uploads;
     bool more = false;
 };
 

@@ -192,9 +192,9 @@ class Sweeper {
 
 // Sends the three requests of one removal: delete the file, look for a directory of that name, list
 // the file's unfinished uploads. They run in parallel to save round trips.
-class Removal {
+class FileRemoval {
   public:
-    Removal(Service& service, Unfinished& unfinished, const std::string& name)
+    FileRemoval(Service& service, Unfinished& unfinished, const std::string& name)
         : service_(service),
           unfinished_(unfinished),
           name_(name),
@@ -238,8 +238,9 @@ class Removal {
 
     void AbortUploads() {
         const Uploads page = unfinished_.PageOf(ReplyOf(uploads_));
-        const bool any = std::any_of(page.uploads.begin(), page.uploads.end(),
-                                     [this](const Upload& upload) { return upload.key == key_; });
+        const bool any =
+            std::any_of(page.uploads.begin(), page.uploads.end(),
+                        [this](const UnfinishedUpload& upload) { return upload.key == key_; });
         if (any || page.more) unfinished_.AbortOf(key_);
     }
 
@@ -301,7 +302,7 @@ void CheckBucket(Service& service) {
 }
 
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name) {
-    Removal(service, unfinished, name).Run();
+    FileRemoval(service, unfinished, name).Run();
 }
 
 void RemoveBelow(Service& service, const std::string& prefix) { Sweeper(service, prefix).Run(); }

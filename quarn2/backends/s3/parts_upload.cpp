@@ -87,7 +87,7 @@ PartsUpload::Outcome PartsUpload::Run(const std::string& key, ByteSource& source
     } catch (const Stopped& stopped) {
         return stopped.outcome;
     }
-    const Upload upload{key_, id_};
+    const UnfinishedUpload upload{key_, id_};
     const RunningUpload running(upload.id);
     Outcome outcome = Outcome::kGone;
     try {

@@ -33,7 +33,7 @@ Running& AllRunning() {
     return running;
 }
 
-Call AbortCall(const Upload& upload) {
+Call AbortCall(const UnfinishedUpload& upload) {
     Call call;
     call.method = "DELETE";
     call.key = upload.key;
@@ -69,9 +69,9 @@ bool RunningUpload::IsRunning(const std::string& id) {
 
 void Unfinished::AbortOf(const std::string& key) {
     known_.erase(key);
-    std::vector<Upload> uploads = List(key);
+    std::vector<UnfinishedUpload> uploads = List(key);
     // The listing also contains longer keys that begin with this one.
-    std::erase_if(uploads, [&key](const Upload& upload) { return upload.key != key; });
+    std::erase_if(uploads, [&key](const UnfinishedUpload& upload) { return upload.key != key; });
     Abort(uploads);
 }
 
@@ -83,7 +83,7 @@ void Unfinished::AbortKnownOf(const std::string& key) {
     }
     const auto found = known_.find(key);
     if (found == known_.end()) return;
-    std::vector<Upload> uploads;
+    std::vector<UnfinishedUpload> uploads;
     for (const std::string& id : found->second) uploads.push_back({key, id});
     known_.erase(found);
     Abort(uploads);
@@ -93,10 +93,10 @@ void Unfinished::AbortBelow(const std::string& prefix) { Abort(List(prefix)); }
 
 void Unfinished::Refresh() {
     known_.clear();
-    for (const Upload& upload : List(service_.address().prefix)) Remember(upload);
+    for (const UnfinishedUpload& upload : List(service_.address().prefix)) Remember(upload);
 }
 
-Call Unfinished::PageCall(const std::string& prefix, const Upload& last) const {
+Call Unfinished::PageCall(const std::string& prefix, const UnfinishedUpload& last) const {
     Call call;
     call.query = {{"encoding-type", "url"}, {"prefix", prefix}, {"uploads", ""}};
     if (!last.id.empty()) {
@@ -114,16 +114,17 @@ Uploads Unfinished::PageOf(const net::HttpReply& reply) const {
 
 // Requests the next page by the last upload of the current one. The markers that servers return are
 // not used because servers encode them differently.
-std::vector<Upload> Unfinished::List(const std::string& prefix) const {
-    std::vector<Upload> all;
+std::vector<UnfinishedUpload> Unfinished::List(const std::string& prefix) const {
+    std::vector<UnfinishedUpload> all;
     ListingLimit limit(service_.what());
-    Upload last;
+    UnfinishedUpload last;
     for (;;) {
         const Uploads page = PageOf(service_.Ask(PageCall(prefix, last)));
-        for (const Upload& upload : page.uploads) limit.Count(upload.key.size() + upload.id.size());
+        for (const UnfinishedUpload& upload : page.uploads)
+            limit.Count(upload.key.size() + upload.id.size());
         all.insert(all.end(), page.uploads.begin(), page.uploads.end());
         if (!page.more || page.uploads.empty()) return all;
-        const Upload& end = page.uploads.back();
+        const UnfinishedUpload& end = page.uploads.back();
         if (end.key == last.key && end.id == last.id) {
             throw Error(kro_err::Kind::kFailed,
                         service_.what() + ": an endless listing: the same page repeats");
@@ -132,14 +133,14 @@ std::vector<Upload> Unfinished::List(const std::string& prefix) const {
     }
 }
 
-void Unfinished::Abort(const std::vector<Upload>& uploads) {
+void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
     std::exception_ptr error;
     const CancelRest guard(service_.client());
     const auto wait_until_below = [&](std::size_t count) {
         while (service_.client().running() >= count) service_.client().Wait();
         if (error) std::rethrow_exception(error);
     };
-    for (const Upload& upload : uploads) {
+    for (const UnfinishedUpload& upload : uploads) {
         if (RunningUpload::IsRunning(upload.id)) continue;
         wait_until_below(kAtOnce);
         service_.client().Start(service_.Signed(AbortCall(upload)),
@@ -154,7 +155,7 @@ void Unfinished::Abort(const std::vector<Upload>& uploads) {
     wait_until_below(1);
 }
 
-bool TryToAbort(Service& service, const Upload& upload) noexcept {
+bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
     // No second attempt after this time: the server would only delay the caller again.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = kro_date::SteadyClock::now();

@@ -45,17 +45,17 @@ class Unfinished {
     void AbortBelow(const std::string& prefix);
 
     // Adds an upload that could not be aborted to the list of AbortKnownOf().
-    void Remember(const Upload& upload) { known_[upload.key].push_back(upload.id); }
+    void Remember(const UnfinishedUpload& upload) { known_[upload.key].push_back(upload.id); }
 
     // Returns the request for the page of unfinished uploads after `last` whose key begins with
     // `prefix`.
-    Call PageCall(const std::string& prefix, const Upload& last) const;
+    Call PageCall(const std::string& prefix, const UnfinishedUpload& last) const;
     // Parses a page. A server that does not support this listing counts as one without uploads.
     Uploads PageOf(const net::HttpReply& reply) const;
 
   private:
-    void Abort(const std::vector<Upload>& uploads);
-    std::vector<Upload> List(const std::string& prefix) const;
+    void Abort(const std::vector<UnfinishedUpload>& uploads);
+    std::vector<UnfinishedUpload> List(const std::string& prefix) const;
     void Refresh();
 
     Service& service_;
@@ -65,6 +65,6 @@ class Unfinished {
 
 // Aborts a failed upload over a new connection, with up to two attempts. Returns false if that
 // fails.
-bool TryToAbort(Service& service, const Upload& upload) noexcept;
+bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept;
 
 }  // namespace quarn2::s3

@@ -41,7 +41,7 @@ struct DavServer::Deletion {
               }
           }) {}
 
-    Victim victim;
+    Target victim;
     int failed = 0;  // the status of the first entry below that could not be removed
     MultistatusSink sink;
 };
@@ -150,7 +150,7 @@ void DavServer::CheckRoot() {
 
 // --- Removing ---
 
-std::unique_ptr<DavServer::Deletion> DavServer::NewDeletion(const Victim& victim) const {
+std::unique_ptr<DavServer::Deletion> DavServer::NewDeletion(const Target& victim) const {
     auto deletion = std::make_unique<Deletion>(what());
     deletion->victim = victim;
     return deletion;
@@ -176,7 +176,7 @@ void DavServer::Delete(const std::string& name, bool is_collection) {
     DeleteAll({{name, is_collection}});
 }
 
-void DavServer::StartDeletion(const Victim& victim, std::exception_ptr& error) {
+void DavServer::StartDeletion(const Target& victim, std::exception_ptr& error) {
     std::shared_ptr<Deletion> deletion = NewDeletion(victim);
     HttpRequest request;
     request.method = "DELETE";
@@ -195,7 +195,7 @@ void DavServer::StartDeletion(const Victim& victim, std::exception_ptr& error) {
     });
 }
 
-void DavServer::DeleteAll(const std::vector<Victim>& victims) {
+void DavServer::DeleteAll(const std::vector<Target>& victims) {
     std::exception_ptr error;
     auto next = victims.begin();
     try {

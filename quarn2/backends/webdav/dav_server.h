@@ -59,11 +59,11 @@ class DavServer {
     void Delete(const std::string& name, bool is_collection);
     // The same for many names, several in parallel. Starts no more removals after a failure. Throws
     // kNotFound if a name and the storage's directory do not exist.
-    struct Victim {
+    struct Target {
         std::string name;
         bool is_collection = false;
     };
-    void DeleteAll(const std::vector<Victim>& victims);
+    void DeleteAll(const std::vector<Target>& victims);
 
     // Throws the error for a failed request.
     [[noreturn]] void ThrowRefused(const std::string& method, const std::string& name,
@@ -77,8 +77,8 @@ class DavServer {
 
     net::HttpReply Propfind(const std::string& url, int depth, Ask ask,
                             const MultistatusSink::Take& take);
-    std::unique_ptr<Deletion> NewDeletion(const Victim& victim) const;
-    void StartDeletion(const Victim& victim, std::exception_ptr& error);
+    std::unique_ptr<Deletion> NewDeletion(const Target& victim) const;
+    void StartDeletion(const Target& victim, std::exception_ptr& error);
     void CheckDeleted(const Deletion& deletion, const net::HttpReply& reply);
     void Note(int status);
 

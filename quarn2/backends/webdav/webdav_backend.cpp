@@ -211,7 +211,7 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
 // this file is shorter than the upload, because then the disk was full.
 bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     const auto [directory, file] = kro_file::SplitPath(temporary);
-    std::vector<DavServer::Victim> remains;
+    std::vector<DavServer::Target> remains;
     bool shorter = false;
     server_.List(
         directory, Ask::kLength,
@@ -280,10 +280,10 @@ void WebdavBackend::CleanUp(const std::string& temporary) noexcept {
 // --- Get ---
 
 // Passes a response's body to the sink, but only if it is certainly that of a file.
-class FileSink final : public net::ReplySink {
+class BodySink final : public net::ReplySink {
   public:
     // `known`: the name is that of a file of `length` bytes (-1: unknown).
-    FileSink(ByteSink& sink, bool known, std::int64_t length)
+    BodySink(ByteSink& sink, bool known, std::int64_t length)
         : sink_(sink), known_(known), length_(length) {}
 
     void Begin(const HttpReply& reply) override {
@@ -319,7 +319,7 @@ class FileSink final : public net::ReplySink {
     bool doubtful_ = false;
 };
 
-HttpReply Fetch(DavServer& server, const std::string& name, FileSink& file) {
+HttpReply Fetch(DavServer& server, const std::string& name, BodySink& file) {
     HttpRequest request;
     request.url = server.address().File(name);
     request.sink = &file;
@@ -332,7 +332,7 @@ HttpReply Fetch(DavServer& server, const std::string& name, FileSink& file) {
 }
 
 void WebdavBackend::Get(const std::string& name, ByteSink& sink) {
-    FileSink file(sink, false, -1);
+    BodySink file(sink, false, -1);
     try {
         const HttpReply reply = Fetch(server_, name, file);
         if (reply.IsSuccess()) return;
@@ -353,7 +353,7 @@ void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
         const bool last = attempt == kLooks;
         const Resource found = server_.Look(name, Ask::kLength);
         if (found.IsFile()) {
-            FileSink file(sink, true, found.length);
+            BodySink file(sink, true, found.length);
             const HttpReply reply = Fetch(server_, name, file);
             if (reply.IsSuccess()) return;
             const bool moved =
@@ -421,7 +421,7 @@ std::vector<std::string> WebdavBackend::List(const std::string& name) {
 
 void WebdavBackend::Clear() {
     folders_.ForgetAll();
-    std::vector<DavServer::Victim> victims;
+    std::vector<DavServer::Target> victims;
     const Resource::Kind kind =
         server_.List("", Ask::kType, [&victims](std::string entry, const DavEntry& what) {
             victims.push_back({std::move(entry), what.is_collection});

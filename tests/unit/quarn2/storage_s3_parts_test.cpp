@@ -90,7 +90,8 @@ class S3Parts : public testing::Test {
         Unfinished unfinished(service_);
         const Uploads page =
             unfinished.PageOf(service_.Ask(unfinished.PageCall(service_.address().prefix, {})));
-        for (const Upload& upload : page.uploads) EXPECT_TRUE(TryToAbort(service_, upload));
+        for (const UnfinishedUpload& upload : page.uploads)
+            EXPECT_TRUE(TryToAbort(service_, upload));
         return page.uploads.size();
     }
 
