@@ -98,9 +98,9 @@ bool IsOfArchive(const LedgerEntry& entry, const std::string& archive) {
 
 // The unfinished backups to which a line refers. Backups of one day have the same prefix, whatever
 // their type, and one of them may be complete.
-class UnfinishedBackups {
+class IncompleteBackups {
   public:
-    UnfinishedBackups(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
+    IncompleteBackups(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
                       const std::string& dir)
         : ledger_(ledger), complete_(CompleteArchives(storage, dir, line.prefix)) {
         const std::string identity = StorageIdentity(line.token);
@@ -154,7 +154,7 @@ class UnfinishedBackups {
 };
 
 void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
-                       const UnfinishedBackups& unfinished) {
+                       const IncompleteBackups& unfinished) {
     for (const auto& [name, slice] : entry.slices) {
         if (LedgerKey(name) != LedgerKey(entry.name) || !unfinished.Has(name)) continue;
         storage.RemoveFile(name);
@@ -182,7 +182,7 @@ std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& li
     if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
     const std::shared_ptr<quarn2::Storage> storage = OpenStorage(line.token, dir);
     const Ledger ledger = OwnLedger();
-    const UnfinishedBackups unfinished(ledger, line, *storage, dir);
+    const IncompleteBackups unfinished(ledger, line, *storage, dir);
     unfinished.RecordRemoval();
     const auto takes = [&](const std::string& name) {
         return GetPrefix(name) == line.prefix && unfinished.Has(name);
