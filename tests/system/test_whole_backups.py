@@ -91,6 +91,12 @@ class WholeTest(SystemTest):
     def night(self, *arguments, **more):
         return Night(self.r, *arguments, **more)
 
+    def wait_uploaded(self, job, number):
+        """Waits for the end of an upload: a file can be on the storage a moment before."""
+        name = job.name(number)
+        entry = self.r.file(f"var/quarn2_cp.ledger/{name.split('.')[0]}.{job.user}")
+        wait_for(lambda: f"stored {job.size} {name}" in read(entry).decode(), f"the upload of {name}")
+
     def assert_fails(self, result, *texts):
         self.assertEqual(1, result.returncode, result)
         for text in texts:
@@ -199,7 +205,7 @@ class Removals(WholeTest):
         server = self.serve()
         job = self.night().begin()
         self.assert_success(job.slice(1))
-        wait_for(lambda: job.name(1) in self.r.stored(), "the slice")
+        self.wait_uploaded(job, 1)
         self.assert_success(self.r.run("--clear"))
         self.assert_success(job.slice(2))
         self.assert_fails(job.last(), job.name(1), "the storage does not have it")
@@ -211,6 +217,7 @@ class Removals(WholeTest):
         server = self.serve()
         job = self.night().begin()
         self.assert_success(job.slice(1))
+        self.wait_uploaded(job, 1)
         self.assert_success(self.r.run("--delete", whole.info_path))
         self.assert_success(job.slice(2))
         self.assert_fails(job.last(), job.name(1))
