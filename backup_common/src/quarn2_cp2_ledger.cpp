@@ -126,6 +126,13 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
     completed = kro_date::DateTime::Now().AsDateTime();
 }
 
+void LedgerEntry::LoseSharedFiles() {
+    std::erase_if(slices, [](const auto& slice) { return !IsArchive(slice.first); });
+    info.clear();
+    info_bytes = 0;
+    is_unknown = false;
+}
+
 std::string LedgerEntry::Format() const {
     std::map<std::string, std::string> lines;
     lines["user"] = quarn2::GetUserName(name);

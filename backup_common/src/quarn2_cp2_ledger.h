@@ -68,6 +68,10 @@ struct LedgerEntry {
     // its info file does not name: an earlier run of the job made more slices.
     void Complete(const std::vector<std::string>& named);
 
+    // Records that another archive of the same user and day is complete. Its index and info file
+    // have replaced those of this entry, so this entry keeps only its archive's slices.
+    void LoseSharedFiles();
+
     std::string Format() const;
     // Returns an open entry of this name without slices when the text cannot be parsed.
     static LedgerEntry Parse(const std::string& name, const std::string& text);

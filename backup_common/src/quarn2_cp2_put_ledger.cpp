@@ -281,13 +281,22 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
     const std::vector<std::string> named = NamedSlices(info);
     std::set<std::string> of_roles;
     for (const std::string& name : named) of_roles.insert(ledger_.EntryNameOf(name));
+    const std::vector<std::string> entries = ledger_.EntriesOf(info_path, info);
+    std::set<std::string> others(entries.begin(), entries.end());
     for (const LedgerEntry& own : OwnEntries(info_path, info)) {
         of_roles.erase(own.name);
+        others.erase(own.name);
         ledger_.Update(own.name, [&named](LedgerEntry& entry) { entry.Complete(named); });
     }
     for (const std::string& name : of_roles) {
+        others.erase(name);
         ledger_.Update(name, [&named](LedgerEntry& entry) {
             for (const std::string& slice : named) entry.slices.erase(slice);
+        });
+    }
+    for (const std::string& name : others) {
+        ledger_.Update(name, [this](LedgerEntry& entry) {
+            if (IsCurrent(entry)) entry.LoseSharedFiles();
         });
     }
 }

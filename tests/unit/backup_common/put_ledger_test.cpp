@@ -253,6 +253,19 @@ TEST_F(LedgerOfPuts, SlicesOfADailyThatBecomesAFullBackupAreLeftOverAndCount) {
     EXPECT_GE(left.Bytes(), 900);
 }
 
+TEST_F(LedgerOfPuts, ACompletedBackupHasReplacedTheIndexOfAnotherArchiveOfItsDay) {
+    const std::string daily = "I2026-11-15.web1";
+    Die(daily + ".1.dar");
+    Die("2026-11-15.web1.1.dar");
+    EXPECT_EQ(Ledger().Read(daily).slices.size(), 2U);
+    NodeSide node(lock_, server_.link());
+    node.Serve(std::string("PUT ") + kFirst);
+    node.Serve(std::string("PUT ") + kSecond);
+    EXPECT_EQ(PutLast(node), kDone);
+    EXPECT_THAT(Ledger().Read(daily).slices,
+                testing::ElementsAre(testing::Key("I2026-11-15.web1.1.dar")));
+}
+
 TEST_F(LedgerOfPuts, AFailedIndexFileIsMissingToo) {
     NodeSide node(lock_, server_.link());
     node.Serve(std::string("PUT ") + kFirst);
