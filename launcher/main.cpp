@@ -39,8 +39,9 @@ std::string FindInstallRoot() {
     return kro_file::Path(directory);
 }
 
-// Opens /dev/null for each closed standard stream. Otherwise a file opened later could become
-// standard output, on which the node client speaks its protocol.
+// Opens /dev/null for each closed standard stream. Otherwise a file that is opened later could get
+// the number of standard output, and the node client would write its protocol messages into that
+// file.
 void OpenMissingStandardStreams() {
     int fd = open("/dev/null", O_RDWR);
     while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
@@ -65,16 +66,16 @@ void EnterInstallRoot(const std::string& root) {
         throw kro_err::FromErrno("cannot enter install root '" + root + "'");
 }
 
-// True for --help and --version alone. They must work for a user without access to the install
-// root.
+// True when --help or --version is the only argument. These options must work for a user without
+// access to the install root.
 bool AsksForInformationOnly(int argc, char** argv) {
     return argc == 2 &&
            (std::strcmp(argv[1], "--help") == 0 || std::strcmp(argv[1], "--version") == 0);
 }
 
-// Makes writes to a closed pipe and beyond a file size limit return an error, which names the file.
-// Restores the default for SIGCHLD, because the program cannot wait for its children when the
-// caller left it ignored.
+// Ignores SIGPIPE and SIGXFSZ, so that a write to a closed pipe or beyond a file size limit fails
+// with an error that names the file. Sets SIGCHLD to its default action. The program cannot wait
+// for its children if the parent process left SIGCHLD ignored.
 void SetSignals() {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

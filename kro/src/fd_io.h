@@ -20,13 +20,14 @@ auto NoEintr(Call call) noexcept(noexcept(call())) {
 // open(2) with close-on-exec. Returns -1 and sets errno on failure.
 int OpenFd(const std::string& path, int flags, mode_t mode = 0) noexcept;
 
-// Reads the file from its beginning to its end. Throws an error that contains `path`.
+// Reads the file from its beginning to its end. Throws kro_err::Error, which contains `path`, when
+// a read fails.
 std::string ReadAll(int fd, const std::string& path);
 
 // Writes the complete text at the beginning of the file. Returns false and sets errno on failure.
 bool WriteAll(int fd, std::string_view text) noexcept;
 
-// True when the path itself (not the target of a link) names the open file.
+// True when `path` still refers to the open file `fd`. Does not follow a symbolic link at `path`.
 bool IsSameFile(int fd, const std::string& path) noexcept;
 
 }  // namespace kro_file

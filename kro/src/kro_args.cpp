@@ -28,7 +28,7 @@ std::string OptionColumn(std::size_t depth, char letter, const std::string& name
     return column + "--" + name;
 }
 
-// Breaks the text into lines at blanks. Indents every line but the first to the column.
+// Breaks the text into lines at blanks. Indents every line but the first to `column`.
 std::string Wrapped(const std::string& text, std::size_t column) {
     std::string wrapped;
     std::size_t used = column;

@@ -56,8 +56,9 @@ class Parser {
   private:
     using Match = std::function<bool(const Arg&)>;
 
-    // A default also applies when its command is not given. When several commands have an option of
-    // that name, the default of the first one applies.
+    // Sets the defaults of an option and its suboptions. The default of a suboption applies even
+    // when the parent option is not given. When several options have a suboption of the same name,
+    // the default of the first applies until one of these options is given.
     void AddDefaults(const Arg& option) {
         if (option.has_default_) result_.defaults_.emplace(option.name_, option.default_);
         for (const auto& child : option.children_) AddDefaults(*child);
@@ -84,7 +85,8 @@ class Parser {
     void Letters(const std::string& word) {
         for (std::size_t i = 1; i < word.size(); ++i) {
             const char letter = word[i];
-            // One byte of a multibyte character would make the message unreadable.
+            // Shows the complete word when the letter is a byte of a multibyte character, because
+            // this byte alone would make the message unreadable.
             const bool plain = letter > ' ' && letter < '\x7f';
             const std::string shown = plain ? std::string{'-', letter} : word;
             const Arg& option = Find(
@@ -102,7 +104,8 @@ class Parser {
         return words_[next_++];
     }
 
-    // Finds an option among the known ones. Suboptions of the most recent command take precedence.
+    // Searches the suboptions of the options that were given, and then the top-level options.
+    // Suboptions of the most recent option take precedence.
     const Arg& Find(const Match& match, const std::string& shown) const {
         for (auto command = given_.rbegin(); command != given_.rend(); ++command) {
             if (const Arg* found = FindIn((*command)->children_, match)) return *found;
@@ -117,7 +120,7 @@ class Parser {
         return found == options.end() ? nullptr : found->get();
     }
 
-    // The names of the options that have a matching suboption.
+    // Adds the names of the options that have a matching suboption to `names`.
     static void Owners(const std::vector<std::unique_ptr<Arg>>& options, const Match& match,
                        std::vector<std::string>& names) {
         for (const auto& option : options) {

@@ -1,4 +1,4 @@
-// The real clock. Tests link another one in its place.
+// The real clock. Tests link a different clock instead.
 #include "kro/kro_clock.h"
 
 #include <time.h>

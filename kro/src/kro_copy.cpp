@@ -37,8 +37,9 @@ bool IsSparse(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && status.st_blocks * 512 < status.st_size;
 }
 
-// Detects a full disk before the first write and lets the file system allocate contiguous space.
-// Where the file system does not support it, the writes detect a full disk.
+// Preallocates the space of the target file. This detects a full disk before the first write and
+// lets the file system allocate contiguous space. If the file system cannot preallocate, a later
+// write reports a full disk.
 void Allocate(int fd, std::int64_t size) {
     if (size < kWorthAllocating) return;
     const int result = NoEintr([&]() noexcept { return ::fallocate(fd, 0, 0, size); });
@@ -46,9 +47,9 @@ void Allocate(int fd, std::int64_t size) {
     throw CopyError("Failed to make room for a copy", errno);
 }
 
-// True for file systems that may copy on the server, so that copy_file_range is worth a call. On
-// all others the data passes through this machine's memory. There, large reads and writes are
-// faster, because the kernel copies page by page.
+// True for file systems whose server may copy the data itself, so that copy_file_range can avoid a
+// transfer through this machine. On other file systems, large reads and writes are faster than
+// copy_file_range, because the kernel copies page by page.
 bool CopiesRemotely(int fd) noexcept {
     constexpr std::array<unsigned, 6> kRemote = {
         0x6969,      // NFS
@@ -77,7 +78,8 @@ class Copy {
             const std::int64_t start = offset_;
             if (!Piece(std::min(end, start + kPiece))) return;
             // Starts the write-back now, so that it runs in parallel with the rest of the copy and
-            // the final sync is short. It is only a hint: the sync reports a failure.
+            // the final sync is short. A failure is ignored here, because the final sync reports
+            // it.
             ::sync_file_range(to_, start, offset_ - start, SYNC_FILE_RANGE_WRITE);
             Report(offset_ - start);
         }
@@ -164,13 +166,13 @@ bool CopyError::IsFull() const noexcept { return error() == ENOSPC || error() ==
 Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progress) {
     const Copied before = Compare(SizeOf(from), size);
     if (before != Copied::kAll || size == 0) return before;
-    // A clone is a snapshot of the source. The source may change after it, so the size of the clone
-    // is compared.
+    // The clone is a snapshot, and the source may change after it was made. So the size of the
+    // clone is compared, not that of the source.
     if (::ioctl(to, FICLONE, from) == 0) {
         if (progress) progress(size);
         return Compare(SizeOf(to), size);
     }
-    // Requests a longer read-ahead. It is only a hint.
+    // Requests a longer read-ahead. A failure of this hint is ignored.
     ::posix_fadvise(from, 0, 0, POSIX_FADV_SEQUENTIAL);
     Copy copy(from, to, progress);
     if (IsSparse(from)) {

@@ -25,8 +25,9 @@ struct stat Status(const std::string& path) {
     return status;
 }
 
-// The status of the file that a new one replaces. Nothing for a symbolic link: its target is not
-// replaced, so the target's mode and owner do not apply to the new file.
+// The status of the existing file that Write replaces. Returns nothing for a missing file. Also
+// returns nothing for a symbolic link: Write replaces the link and not its target, so the mode and
+// owner of the target do not apply.
 std::optional<struct stat> OldStatus(const std::string& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0 || S_ISLNK(status.st_mode)) return std::nullopt;
@@ -51,15 +52,14 @@ bool IsDirectory(const std::string& path) noexcept {
     return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
-// Gives the new file the mode of the old one and, as far as this process may, its owner and group.
-// Only root can change an owner. EPERM is ignored, because a file of another owner is better than
-// no file.
+// Gives the new file the mode, owner and group of the old file. Ignores EPERM: only root can change
+// an owner, and a file with another owner is better than no file.
 void TakeOver(int fd, const struct stat& old) {
     if (::fchown(fd, old.st_uid, old.st_gid) != 0 &&
         ::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && errno != EPERM) {
         throw kro_err::FromErrno("Failed to set the owner of a new file");
     }
-    // The mode comes after the owner, because a change of the owner clears mode bits.
+    // The mode is set after the owner, because a change of the owner clears mode bits.
     if (::fchmod(fd, old.st_mode & 07777) != 0) {
         throw kro_err::FromErrno("Failed to set the mode of a new file");
     }
@@ -181,8 +181,8 @@ std::string ReadE(const std::string& path) noexcept {
 }
 
 std::string ReadOurs(const std::string& path) {
-    // O_NONBLOCK, because the open of a named pipe would block. O_NOFOLLOW, because a symbolic link
-    // would lead to another file.
+    // O_NONBLOCK prevents the open of a named pipe from blocking. O_NOFOLLOW prevents a symbolic
+    // link from redirecting the read to another file.
     const int fd = OpenFd(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY);
     if (fd < 0 && errno != ELOOP) throw kro_err::FromErrno("Failed to open " + Quoted(path));
     const ResHandle handle(fd);
@@ -260,8 +260,8 @@ void MkDir(const std::string& path, mode_t mode) {
         if (::mkdir(path.c_str(), mode) == 0) return;
         error = errno;
     }
-    // Some file systems return another error than EEXIST for an existing directory, so the error
-    // code does not decide.
+    // Some file systems return another error than EEXIST for an existing directory, so the result
+    // depends on the path and not on the error code.
     if (!IsDirectory(path)) {
         throw kro_err::FromErrno("Failed to make the directory " + Quoted(path), error);
     }

@@ -10,12 +10,13 @@ namespace kro_file {
 
 namespace {
 
-// In a directory that other users can write to, the path may be a symbolic link or a named pipe of
-// theirs. Through a link, this process would create or lock another user's file. The open of a
-// named pipe would block.
+// Flags against links and named pipes of other users. In a directory that other users can write to,
+// the lock file may be replaced with a symbolic link, through which this process would create or
+// lock a file elsewhere. It may also be replaced with a named pipe, whose open would block.
 constexpr int kPlanted = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 
-// The lock fails when the file was replaced this often between its open and its flock.
+// DoLock and TryLock throw after this number of attempts in which another process replaced the file
+// between open and flock.
 constexpr int kAttempts = 100;
 
 bool IsPlainFile(int fd) noexcept {
@@ -23,8 +24,8 @@ bool IsPlainFile(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// Lock::Write changes the file in place, so it would also change the content under a second hard
-// link.
+// True when the file has a second hard link. Lock::Write changes the file in place, so it would
+// also change the content under the other name.
 bool HasAnotherName(int fd) noexcept {
     struct stat status {};
     return ::fstat(fd, &status) == 0 && status.st_nlink > 1;
@@ -54,8 +55,8 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
             if (errno == EWOULDBLOCK) return false;
             throw kro_err::FromErrno("Failed to lock '" + path + "'");
         }
-        // The previous holder may have removed the file. A lock on a file that no longer has its
-        // name excludes no other process.
+        // The previous holder may have removed the file. Other processes then lock a new file at
+        // this path, so the lock on the removed file would not exclude them.
         if (IsSameFile(fd, path)) {
             handle_ = std::move(handle);
             path_ = path;
@@ -73,8 +74,8 @@ void Lock::Write(std::string_view text) {
         ThrowUnsafe(path_, "has a second name, which would be written as well");
     struct stat status {};
     std::string padded(text);
-    // Until ftruncate, the end of a longer old text must not appear to belong to the new text.
-    // Overwrites it with line feeds, because readers ignore empty lines.
+    // Overwrites the rest of a longer old text with line feeds, because readers ignore empty lines.
+    // Until ftruncate, the rest would appear to belong to the new text.
     if (::fstat(handle_, &status) == 0 && status.st_size > static_cast<off_t>(text.size())) {
         padded.resize(static_cast<std::size_t>(status.st_size), '\n');
     }

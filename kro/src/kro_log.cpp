@@ -69,8 +69,8 @@ bool IsLogFile(int fd) noexcept {
     return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink <= 1;
 }
 
-// Opens the file that the path names now. After a rotation, closes the old file and creates a new
-// one.
+// Opens the log file at the path, or creates it when it is missing. After a rotation, closes the
+// rotated file first.
 bool OpenFile(State& state) {
     struct stat named {};
     struct stat open {};
@@ -108,7 +108,7 @@ void AppendEscaped(std::string& line, char c) {
     }
 }
 
-// "2026-11-20 16:06:18.123 [PID:TID] ".
+// The beginning of a log line: "2026-11-20 16:06:18.123 [PID:TID] ".
 std::string Prefix() {
     constexpr std::int64_t kMsPerSecond = 1000;
     const std::int64_t now = kro_date::SystemNowMs();
@@ -193,7 +193,7 @@ void Module::Write(int level, const char* format, ...) const noexcept {
     try {
         WriteLine(name_, level, Formatted(format, arguments));
     } catch (const std::exception&) {
-        // Without memory the line is lost, as it is on a full disk.
+        // When memory is exhausted, the message is lost, as on a full disk.
     }
     va_end(arguments);
 }
@@ -204,7 +204,7 @@ void Module::Text(int level, const std::string& text) const noexcept {
     try {
         WriteLine(name_, level, text);
     } catch (const std::exception&) {
-        // Without memory the line is lost.
+        // When memory is exhausted, the message is lost.
     }
 }
 
@@ -279,7 +279,7 @@ std::vector<Line> Bookmark::LinesOf(pid_t process) const {
     if ((inode_ != 0 && !same) || status.st_size < size_) return {};
     const off_t begin = std::max(size_, status.st_size - kMaxReadBack);
     std::string text = ReadFrom(file, begin, status.st_size);
-    // The beginning of the first line may be missing.
+    // Drops the first line, because its beginning may be missing.
     if (begin > size_) text.erase(0, std::min(text.find('\n'), text.size()));
     return CompleteLinesOf(process, text);
 }

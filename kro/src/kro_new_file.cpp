@@ -30,22 +30,22 @@ bool Flock(int fd, int operation) noexcept {
     return NoEintr([&]() noexcept { return ::flock(fd, operation); }) == 0;
 }
 
-// Waits for the lock. Returns false when the path no longer names the open file, because the
-// previous writer has renamed or removed it.
+// Waits for the lock on the open file `fd`. Returns false when the path no longer refers to that
+// file, because the previous writer has renamed or removed it.
 bool LockNamed(int fd, const std::string& path) {
     if (!Flock(fd, LOCK_EX)) throw kro_err::FromErrno("Failed to lock '" + path + "'");
     return IsSameFile(fd, path);
 }
 
-// True for links, sockets and other special files. NewFile never creates them, so there is no
-// writer to wait for.
+// True for links, sockets and other special files. NewFile never creates such files, so no writer
+// holds a lock on them.
 bool IsNeitherFileNorDirectory(const std::string& path) noexcept {
     struct stat status {};
     return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
            !S_ISDIR(status.st_mode);
 }
 
-// Removes the file at the path after its writer has released the lock.
+// Removes the temporary file at the path. Waits until its writer has released the lock.
 void ClearName(const std::string& path) {
     if (IsNeitherFileNorDirectory(path)) return RemoveFile(path);
     const int fd = OpenFd(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
@@ -59,9 +59,9 @@ void ClearName(const std::string& path) {
 
 NewFile::NewFile(std::string target, mode_t mode)
     : target_(std::move(target)), temporary_(TemporaryPath(target_)) {
-    // Removes the leftover of an earlier attempt and creates the file again, so that it has the
-    // requested mode and this process's owner. Another process may create or remove the file first.
-    // Then the loop waits for it and retries.
+    // Removes the temporary file of an earlier attempt and creates a new one, which has the
+    // requested mode and the owner of this process. If another process creates the temporary file
+    // first, the loop waits for that process and tries again.
     for (;;) {
         const int fd = OpenFd(temporary_, O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW, mode);
         if (fd >= 0) {

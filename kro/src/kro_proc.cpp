@@ -37,13 +37,13 @@ void ResetSignals() noexcept {
     ::pthread_sigmask(SIG_SETMASK, &none, nullptr);
 }
 
-// Duplicates the descriptor to a number above 2, so that no redirection overwrites it. Returns -1
-// for -1.
+// Duplicates `fd` to a number above 2, so that the redirection of a standard descriptor does not
+// overwrite it. Returns -1 when `fd` is -1.
 int OutOfTheWay(int fd) noexcept { return fd < 0 ? -1 : ::fcntl(fd, F_DUPFD_CLOEXEC, 3); }
 
 // Makes `fd` the child's standard descriptor `number`. When `fd` is -1, the child inherits this
-// process's descriptor. If that is closed or close-on-exec, opens /dev/null instead, so that no
-// file of the child gets the number.
+// process's descriptor. If that descriptor is closed or close-on-exec, opens /dev/null instead, so
+// that a file that the child opens later does not get the number.
 bool SetStandard(int number, int fd, int flags) noexcept {
     if (fd >= 0) return NoEintr([&]() noexcept { return ::dup2(fd, number); }) == number;
     const int state = ::fcntl(number, F_GETFD);

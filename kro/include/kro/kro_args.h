@@ -1,9 +1,10 @@
 // The command line parser: a tree of options, declared as one chain of calls.
 //
 // Accepts "--name VALUE", "--name=VALUE", "-x VALUE" and "-xVALUE". Short flags may be bundled.
-// "--" ends the options. Positional arguments may be anywhere. A suboption is known after its
-// parent option. An unknown option, a missing or unwanted value, a suboption without its parent
-// option and two different members of one group are errors.
+// After "--", all arguments are positional. Before "--", positional arguments may be between the
+// options. A suboption is accepted only after its parent option. Errors are: an unknown option, a
+// missing value, a value for an option that takes none, a suboption without its parent option, and
+// two different members of one group.
 #pragma once
 
 #include <map>
@@ -14,25 +15,26 @@
 
 namespace kro_args {
 
-// Thrown for an invalid command line. The text names the error.
+// Thrown for an invalid command line. The text describes the error.
 class UsageError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// Thrown after --help or --version was printed. The program exits with this status.
+// Thrown after --help or --version was printed. The program then exits with `status`.
 struct EarlyExit {
     int status;
 };
 
 class Args;
 
-// One option. Only the builder calls create it; the parser owns it.
+// One option. AddOption and AddSuboption create it; Args owns it.
 class Arg {
   public:
-    // Adds an option at this option's level and returns it. A `letter` of ' ' means none.
+    // Adds an option with the same parent as this option and returns the new option. A `letter` of
+    // ' ' means that the new option has no short form.
     Arg& AddOption(const std::string& name, char letter, const std::string& help);
-    // Adds an option one level below this one and returns it.
+    // Adds a suboption of this option and returns the suboption.
     Arg& AddSuboption(const std::string& name, char letter, const std::string& help);
     // The option takes a value.
     Arg& SetParam();
@@ -40,9 +42,11 @@ class Arg {
     Arg& SetDefault(const std::string& value);
     // The option takes a value and may be given more than once. Every value is kept.
     Arg& SetMultiple();
-    // At most one option of a group can be given. The group's value is that option's name.
+    // Adds the option to a group. A command line can contain only one option of a group.
+    // Result::Param of the group returns the name of that option.
     Arg& SetGroup(const std::string& group);
-    // Ends this level and returns the parent option. Throws std::logic_error at the top level.
+    // Returns the parent option, so that the chain of calls continues there. Throws
+    // std::logic_error for an option without a parent.
     Arg& Last();
 
   private:
@@ -67,10 +71,12 @@ class Arg {
 // The parsed command line.
 class Result {
   public:
-    // `index` -1: the last value given, else the default, else "". Other indexes: the value at that
-    // index of a multiple option, "" beyond the last. For a group: the name of the chosen member.
+    // With `index` -1, returns the last value of the option; when the option was not given, its
+    // default, or "" without a default. With another index, returns the value at that index of an
+    // option that was given several times, or "" beyond the last value. For a group, returns the
+    // name of the option that was given.
     std::string Param(const std::string& name, int index = -1) const;
-    // All given values, in the order of the command line.
+    // All values of the option, in the order of the command line.
     std::vector<std::string> Params(const std::string& name) const;
     // True when the option, or any member of the group, was given.
     bool Has(const std::string& name) const;
@@ -98,7 +104,8 @@ class Args {
 
     Arg& AddOption(const std::string& name, char letter, const std::string& help);
 
-    // Throws UsageError. For --help and --version, prints the text and throws EarlyExit.
+    // Throws UsageError when the command line is invalid. For --help and --version, prints the text
+    // and throws EarlyExit.
     void Parse(int argc, char** argv);
 
     // The result of Parse.
@@ -124,6 +131,6 @@ const std::string& ProgramName();
 
 }  // namespace kro_args
 
-// Normalises a path from the command line. A relative path stays relative. It refers to the install
-// root, which is the working directory of every role.
+// Normalises a path from the command line. A relative path stays relative to the install root,
+// which is the working directory of every command.
 std::string GetArgPath(const std::string& argument);

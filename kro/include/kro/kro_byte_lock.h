@@ -1,5 +1,5 @@
-// Exclusive locks on single bytes of a lock file. One file serves any number of locks. It is never
-// removed, so no process can lock a file that another process has just replaced.
+// Exclusive locks on single bytes of a lock file. One file serves any number of locks. The lock
+// file is never removed, so no process can lock a file that another process has just replaced.
 #pragma once
 
 #include <cstdint>
@@ -11,9 +11,9 @@
 namespace kro_file {
 
 // Holds the lock on byte `offset` of the file at `path` during its lifetime. The constructor
-// creates the file (mode 0600) when it is missing. It waits for other holders, including other
-// objects of this process. A process that dies releases its locks. Throws kro_err::Error when the
-// file cannot be opened or locked.
+// creates the file (mode 0600) when it is missing. Then it waits until no other process, and no
+// other object of this process, holds the lock. The kernel releases the locks of a process that
+// dies. Throws kro_err::Error when the file cannot be opened or locked.
 class ByteLock {
   public:
     ByteLock(const std::string& path, std::int64_t offset);

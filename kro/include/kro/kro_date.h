@@ -40,7 +40,8 @@ class DateTime {
 
     std::string AsDateTime() const;
 
-    // Elapsed seconds. A daylight saving change in between neither adds nor removes an hour.
+    // The seconds from `b` to `a`. A change between standard time and daylight saving time does not
+    // affect the result.
     friend std::int64_t operator-(const DateTime& a, const DateTime& b) noexcept {
         return static_cast<std::int64_t>(a.time_) - static_cast<std::int64_t>(b.time_);
     }

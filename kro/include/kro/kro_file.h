@@ -20,10 +20,12 @@ namespace kro_file {
 
 // --- Paths: text operations without disk access ---
 
-// Joins both with exactly one slash. When one of them is empty, returns the other.
+// Joins a directory and a name with exactly one slash. When one of the two is empty, returns the
+// other.
 std::string ConcatPath(const std::string& directory, const std::string& name);
 
-// The directory part (without its trailing slash, except for "/") and the last component.
+// Splits a path into its directory part (without a trailing slash, except for "/") and its last
+// component.
 std::pair<std::string, std::string> SplitPath(const std::string& path);
 
 // The directory part of SplitPath.
@@ -33,8 +35,8 @@ std::string Path(const std::string& path);
 std::string Name(const std::string& path);
 
 // Normalises a path: removes doubled and trailing slashes and "." components, and resolves ".."
-// against the component before it. A relative path stays relative. It becomes "" when no component
-// remains.
+// against the component before it. A relative path stays relative; when no component of it remains,
+// the result is "".
 std::string GoodPath(const std::string& path);
 
 // --- Files ---
@@ -43,26 +45,28 @@ bool Exists(const std::string& path);
 // The size of a plain file in bytes. Throws for any other type of file.
 std::int64_t Size(const std::string& path);
 
-// Return the complete content. Read throws when the file cannot be read, ReadE returns "".
+// Return the complete content of a file. When the file cannot be read, Read throws and ReadE
+// returns "".
 std::string Read(const std::string& path);
 std::string ReadE(const std::string& path) noexcept;
 
 // Returns the complete content of a plain file that root or this user owns and that is not writable
-// for all users. Throws for any other file. For files that decide which files are removed.
+// for all users. Throws for any other file. Use it for a file whose content decides which other
+// files are removed.
 std::string ReadOurs(const std::string& path);
 
 // True for a symbolic link that neither root nor this user owns. Any user who can write to the
 // directory may have created it, so it must not be followed.
 bool IsForeignLink(const std::string& path) noexcept;
 
-// Throws unless the path itself is a directory that root or this user owns and that neither its
-// group nor other users can write to.
+// Throws unless the path is a directory that root or this user owns and only its owner can write
+// to. Also throws for a symbolic link.
 void CheckOurDirectory(const std::string& path);
 
-// Replaces the complete content, atomically and durably: after a crash the file contains the old or
-// the new text, never a part. An existing file keeps its mode and, as far as this process may set
-// them, its owner and group. A new file gets `mode` less the umask. A symbolic link is replaced,
-// not followed.
+// Replaces the complete content of a file, atomically and durably: after a crash the file contains
+// the old or the new text, never a part. The mode of an existing file stays. Its owner and group
+// stay as well if this process is allowed to set them. A file that did not exist gets `mode` less
+// the umask. A symbolic link is replaced, not followed.
 void Write(const std::string& path, std::string_view text, mode_t mode = 0640);
 
 // Removes one file. A missing file is not an error.
@@ -75,7 +79,7 @@ void Remove(const std::string& path);
 // Creates the directory and its missing parents. Existing directories stay unchanged.
 void MkDir(const std::string& path, mode_t mode = 0750);
 
-// Like MkDir, and syncs the entries of the new directories.
+// Like MkDir, and makes the new directories durable.
 void MkDirSynced(const std::string& path, mode_t mode = 0750);
 
 // Sets the mode of a file or directory.
@@ -100,13 +104,14 @@ class CopyError : public kro_err::SystemError {
 // The result of CopyData.
 enum class Copied { kAll, kSourceShorter, kSourceLonger };
 
-// Receives the number of bytes of each piece after its copy.
+// CopyData calls it after each part of the data that it has copied, with the size of that part in
+// bytes.
 using CopyProgress = std::function<void(std::int64_t)>;
 
-// Copies the file open at `from` to the empty file open at `to`. Shares extents or copies inside
-// the kernel where the file systems support it. The offsets of the two descriptors do not matter.
-// `size` is the size that the caller expects; the result reports a source of another size. Memory
-// use does not depend on the size. Throws CopyError.
+// Copies the data of the open file `from` to the empty, open file `to`. Shares extents or copies
+// inside the kernel where the file systems support it. The offsets of the two descriptors do not
+// matter. `size` is the expected size of the source. The result reports whether the source was
+// shorter or longer. Memory use does not depend on the size. Throws CopyError when the copy fails.
 Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progress = {});
 
 // --- Directories ---
@@ -114,13 +119,13 @@ Copied CopyData(int from, int to, std::int64_t size, const CopyProgress& progres
 // Reads the entries of a directory, in no particular order.
 class Dir {
   public:
-    // With `flags` 2, skips "." and "..". A missing directory has no entries.
+    // With `flags` 2, skips "." and "..". A missing directory counts as empty.
     Dir(const std::string& path, int flags);
     ~Dir();
     Dir(const Dir&) = delete;
     Dir& operator=(const Dir&) = delete;
 
-    // Reads the next entry; false at the end.
+    // Reads the next entry. Returns false when there is none.
     bool Read();
 
     // The name and the path of the current entry.
@@ -137,18 +142,20 @@ class Dir {
 // --- Locks ---
 
 // An exclusive flock on a file. The lock belongs to the open file description, not to the process:
-// a forked child shares it. The lock ends when all of these processes have closed their
-// descriptors. Release only closes the descriptor, so the lock of a child outlives it.
+// a forked child shares the lock. The lock ends when every process that shares it has closed the
+// descriptor. Release closes only the descriptor of this process, so a child that shares the lock
+// keeps it.
 class Lock {
   public:
     // Waits for the lock. `create`: create the file (mode 0600) when it is missing.
     void DoLock(const std::string& path, bool create);
 
-    // Acquires the lock without waiting; false when another process or object holds it.
+    // Acquires the lock without waiting. Returns false when another process or object holds the
+    // lock.
     bool TryLock(const std::string& path, bool create);
 
-    // Read returns the complete content of the locked file. Write replaces it in place, because the
-    // lock belongs to this inode, and syncs the file.
+    // Read returns the complete content of the locked file. Write replaces the content in place,
+    // because a new file would not have the lock, and syncs the file.
     std::string Read() const;
     void Write(std::string_view text);
 

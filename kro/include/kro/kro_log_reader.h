@@ -18,7 +18,8 @@ struct Line {
     std::string text;  // as in the file: control characters are escaped
 };
 
-// Parses a line without its line feed; nothing when it is not a log line.
+// Parses one log line, given without its line feed. Returns nothing when the text is not a log
+// line.
 std::optional<Line> ParseLine(const std::string& line);
 
 // A position in the log file of the last Init.
@@ -28,14 +29,14 @@ class Bookmark {
     Bookmark();
 
     // The complete lines that the process has written after this position, the oldest first. Reads
-    // only the last 256 KiB. Returns nothing when the log was replaced or truncated meanwhile, or
-    // cannot be read.
+    // at most the last 256 KiB of the log. Returns nothing when the log was replaced or truncated
+    // meanwhile, or cannot be read.
     std::vector<Line> LinesOf(pid_t process) const;
 
   private:
     std::string path_;
-    // All zero when the log did not exist: every line of a log created later comes after this
-    // position.
+    // All three are 0 when the log file did not exist. Then every line of a log file that is
+    // created later counts as written after this position.
     dev_t device_ = 0;
     ino_t inode_ = 0;
     off_t size_ = 0;

@@ -10,15 +10,16 @@
 
 namespace kro_file {
 
-// Writes under a temporary name in the target's directory. Commit renames the file to the target.
-// Without Commit, the destructor removes the temporary file. The temporary name is derived from the
-// target's name, so that the next attempt replaces the leftover of a crash. A lock on the temporary
-// file makes two writers of one target take turns. After a crash at any point, the target is the
-// old file or the new one, unless Commit was called with kLater.
+// Writes a file under a temporary name in the directory of its target. Commit renames the file to
+// the target. Without Commit, the destructor removes the temporary file. The temporary name is
+// derived from the target's name, so that the next attempt replaces the leftover of a crash. Each
+// writer locks its temporary file, so a second writer of the same target waits for the first. After
+// a crash at any point, the target is the complete old or the complete new file, unless Commit was
+// called with kLater.
 class NewFile {
   public:
     // Creates the empty temporary file with `mode` less the umask. Waits for another writer of the
-    // same target. Throws kro_err::SystemError.
+    // same target. Throws kro_err::SystemError when the temporary file cannot be created or locked.
     explicit NewFile(std::string target, mode_t mode = 0644);
     ~NewFile();
     NewFile(const NewFile&) = delete;
@@ -27,12 +28,12 @@ class NewFile {
     // The temporary file, open for reading and writing. This object owns the descriptor.
     int fd() const noexcept { return handle_; }
 
-    // Syncs the file, renames it and syncs the directory. Throws CopyError. The target is unchanged
-    // then, unless only the sync of the directory failed.
+    // Syncs the file, renames it and syncs the directory. Throws CopyError when one of these steps
+    // fails. The target is then unchanged, unless the failed step is the sync of the directory.
     void Commit() { Commit(Durability::kNow); }
 
-    // kLater: only renames. The file is not durable before SyncFileSystem, so the caller must not
-    // rely on it until then. For thousands of files that can be created again.
+    // kLater: Commit only renames the file. A crash can lose the file until the caller has called
+    // SyncFileSystem. For writing thousands of files that can be created again.
     enum class Durability { kNow, kLater };
     void Commit(Durability durability);
 

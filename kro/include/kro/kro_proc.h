@@ -23,19 +23,20 @@ void SetNonBlocking(int fd);
 class Execute {
   public:
     explicit Execute(std::vector<std::string> arguments);
-    // Neither waits for a running child nor ends it.
+    // Neither waits for a running child nor terminates the child.
     ~Execute() = default;
     Execute(const Execute&) = delete;
     Execute& operator=(const Execute&) = delete;
 
-    // Makes `fd` the child's standard input (output, error output). Run releases this object's copy
-    // after the fork.
+    // Makes `fd` the child's standard input (output, error output). After the fork, Run releases
+    // this object's copy of `fd`.
     void RedirectInTo(ResHandle fd);
     void RedirectOutTo(ResHandle fd);
 
     void RedirectErrTo(ResHandle fd);
 
-    // The child leads its own session without a terminal, so it cannot prompt the user.
+    // Starts the child in a new session without a terminal, so that the child cannot prompt the
+    // user.
     void LeaveTerminal() noexcept { leave_terminal_ = true; }
 
     // The child gets this process's environment with these changes: NAME=VALUE sets a variable,
@@ -49,12 +50,12 @@ class Execute {
     // or -1 when Run was never called.
     int Result();
 
-    // Waits at most this long for the child to end. True when the child has ended or was never
-    // started.
+    // Waits up to `milliseconds` for the child to end. Returns true when the child has ended or was
+    // never started.
     bool Wait(int milliseconds);
 
-    // Sends a signal to the child. Does nothing when the child was not started or has been waited
-    // for.
+    // Sends a signal to the child. Does nothing when the child was not started, or when its end was
+    // already detected.
     void Signal(int number) const noexcept;
 
     pid_t pid() const noexcept { return pid_; }

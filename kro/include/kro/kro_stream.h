@@ -26,8 +26,8 @@ class Input {
     std::size_t end_ = 0;
 };
 
-// Reads the next line without its separator; false at the end. A last line without a separator
-// counts.
+// Reads the next line into `line`, without its separator. Returns false at the end of the file. The
+// last line may lack a separator.
 bool GetLine(Input& input, std::string& line, char separator = '\n');
 
 }  // namespace kro_stream

@@ -22,8 +22,8 @@ class Handle {
 
     bool joinable() const noexcept { return thread_.joinable(); }
 
-    // Waits until the thread has ended and rethrows a stored exception. Every call rethrows it, so
-    // that no caller misses a failure that another one has caught.
+    // Waits until the thread has ended and rethrows a stored exception. Every call of Join rethrows
+    // the exception, so that each caller learns of the failure.
     void Join();
 
   private:

@@ -22,7 +22,8 @@ std::string Lower(std::string_view text);
 std::string_view Trimmed(std::string_view text) noexcept;
 
 // Removes and returns the part of `text` before the first `separator`, and removes that separator.
-// Without a separator in `text`, or with an empty one, returns all of `text` and leaves it empty.
+// Without a separator in `text`, or with an empty one, returns all of `text` and leaves `text`
+// empty.
 std::string GetWord(std::string& text, std::string_view separator = " ");
 
 // Removes and returns the part of `text` after the last `separator`, and removes that separator.
@@ -56,8 +57,8 @@ std::string Join(const std::set<std::string>& texts, std::string_view separator)
 std::string Join(const std::map<std::string, std::string>& entries, std::string_view separator);
 
 // Parses KEY=VALUE lines. Splits every line at its first "=". A line without "=" is a key with an
-// empty value. Skips empty lines and strips a carriage return at the end of a line. Of a repeated
-// key, the last value counts.
+// empty value. Skips empty lines and strips a carriage return at the end of a line. When a key is
+// repeated, its last value counts.
 std::map<std::string, std::string> Split(std::string_view text, std::string_view separator);
 
 // Returns `size` bytes of the system's random source.
