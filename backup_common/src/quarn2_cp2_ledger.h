@@ -1,19 +1,21 @@
-// The ledger: one entry for each backup that is not complete on the storage. Only this unit
-// formats, parses and changes entries.
+// The ledger: a directory with one entry for each backup that is not complete on the storage. Only
+// this unit formats, parses and changes entries.
 //
 // An entry is the file var/quarn2_cp.ledger[#STORAGE]/STEM, where STEM is the name of the archive
 // without its slice number ("F2026-11-20.web1"). Its lines are KEY=VALUE:
-//   user, date   of the backup; the date is the archive's, for a custom backup too
+//   user         the user of the backup
+//   date         the date of the archive, for a custom backup too
 //   storage      the identity of the storage (see StorageIdentity)
-//   key_hash     of the key that encrypts the slices; missing without encryption
+//   key_hash     the hash of the key that encrypts the slices; missing without encryption
 //   started      the time when the job put its first slice
-//   info         the path of the info file while its put is in progress, "info_bytes" its size
+//   info         the path of the info file while the job puts this file
+//   info_bytes   the size of that info file
 //   earlier_bytes  the size of the complete backup that the job replaces
 //   completed    the time when the backup became complete; after that, the entry has only slices
-//                that its info file does not name
-//   slice-N      "STATE BYTES NAME [KEY_HASH]": one stored file; BYTES count as used
-//   unknown      "yes" if the storage may have other slices: the entry was an empty file before,
-//                because its text found no room on the disk, or its text could not be parsed
+//                that the info file does not name
+//   slice-N      one stored file as "STATE BYTES NAME [KEY_HASH]"; BYTES count as used space
+//   unknown      "yes" if the storage may have slices that the entry does not list: either the
+//                entry was an empty file, because the disk was full, or it could not be parsed
 #pragma once
 
 #include <cstdint>
@@ -28,16 +30,16 @@
 #include "quarn2/info.h"
 
 enum class SliceState {
-    kUploading,  // being uploaded, or its upload was interrupted
+    kUploading,  // the slice is being uploaded, or its upload was interrupted
     kStored,     // complete and durable on the storage
     kAbandoned,  // the upload was abandoned after its last attempt
     kRefused,    // not uploaded: the server granted no space, or the key differs
-    kRemoved,    // removed after its put, or left by an earlier run of the job
+    kRemoved,    // removed after its put, or stored by an earlier run of the job
 };
 
 struct LedgerSlice {
     SliceState state = SliceState::kUploading;
-    std::int64_t bytes = 0;  // the size that the storage may hold under this name
+    std::int64_t bytes = 0;  // the space that this file may use on the storage
     std::string key_hash;
 
     bool operator==(const LedgerSlice&) const = default;
@@ -51,21 +53,23 @@ struct LedgerEntry {
     std::string info;
     std::int64_t info_bytes = 0;
     std::string completed;
-    std::int64_t earlier_bytes = 0;             // of the complete backup that the job replaces
+    std::int64_t earlier_bytes = 0;             // size of the complete backup that the job replaces
     std::map<std::string, LedgerSlice> slices;  // by stored name
-    bool is_unknown = false;                    // the storage may have other slices than these
+    bool is_unknown = false;  // the storage may have slices that are not in `slices`
 
-    // True while the backup must not count as complete. Refused uploads alone change nothing on the
-    // storage, so a backup that was complete stays complete until its first slice is replaced.
+    // True while the backup must not count as complete. False when the entry has only refused
+    // uploads: they changed nothing on the storage, so a complete backup stays complete until its
+    // first slice is replaced.
     bool IsOpen() const;
-    // True for an entry of this storage or of an unknown storage.
+    // True when the entry belongs to the storage `identity` or does not name its storage.
     bool IsOf(const std::string& identity) const { return storage.empty() || storage == identity; }
-    // The sum of the sizes of its slices and its info file.
+    // The sum of the sizes of the entry's slices and info file.
     std::int64_t Bytes() const;
-    // Sets the state of every slice to kRemoved. Call it before the files are removed.
+    // Sets the state of every slice to kRemoved. Must be called before the files are removed.
     void RecordRemoval();
-    // Records that the backup is complete with the slices `named`. Keeps only archive files that
-    // its info file does not name: an earlier run of the job made more slices.
+    // Records that the backup is complete. `named` are the slices that the info file names. Removes
+    // them from the entry. Only archive files of an earlier run of the job stay in the entry, if
+    // that run made more slices.
     void Complete(const std::vector<std::string>& named);
 
     // Records that another archive of the same user and day is complete. Its index and info file
@@ -81,36 +85,37 @@ struct LedgerEntry {
 
 class Ledger {
   public:
-    // `storage`: the name of a user's own storage, empty for the common one.
+    // `storage`: the name of a user's own storage, empty for the common storage.
     explicit Ledger(const std::string& storage = "");
 
-    // All entries, sorted by name. When the ledger cannot be read, logs the reason and returns
-    // none.
+    // All entries, sorted by name. When the ledger cannot be read, logs the reason and returns no
+    // entries.
     std::vector<LedgerEntry> Entries() const;
 
-    // The entry, or an empty one of this name.
+    // Reads the entry `name`. Returns an empty entry with that name when the ledger has none.
     LedgerEntry Read(const std::string& name) const;
 
-    // Reads the entry, applies the change and replaces the file durably. Removes an entry without
-    // slices and info file. When that fails, logs the reason and returns false.
+    // Applies `change` to the entry and writes the entry durably. Removes the entry when the
+    // changed entry has neither slices nor an info file. When a step fails, logs the reason and
+    // returns false.
     using Change = std::function<void(LedgerEntry&)>;
     bool Update(const std::string& name, const Change& change) const;
 
-    // Creates an empty entry unless one of this name exists. A full disk has room for an empty
-    // file. The entry shows that the backup is in progress and that its stored slices are unknown.
-    // Returns true when it has created the entry. Failures are logged.
+    // Creates an empty entry file, unless the entry exists. An empty file can be created even on a
+    // full disk. It records that the backup is in progress and that its stored slices are unknown.
+    // Returns true when it was created. Failures are logged.
     bool MakeUnknown(const std::string& name) const;
 
     // Removes the entry durably. A failure is only logged.
     void End(const std::string& name) const;
 
     // The name of the entry to which a stored file belongs. For a slice it is the archive's name.
-    // For another file it is the latest entry of its backup, or LedgerKey of the file when there is
-    // none.
+    // For another file it is the name of the latest entry of the same backup, or the LedgerKey of
+    // the file when the backup has no entry.
     std::string EntryNameOf(const std::string& stored_name) const;
 
-    // The names of the entries of the backup with this info file. For a custom backup, archives
-    // that are later than the info file's are left out.
+    // The names of the entries of the backup with this info file. For a custom backup, leaves out
+    // the entries of archives that are later than the archive in the info file.
     std::vector<std::string> EntriesOf(const std::string& info_path,
                                        const quarn2::InfoMap& info) const;
 
@@ -139,10 +144,10 @@ class Ledger {
     std::string directory_;
 };
 
-// The ledger of the storage that this process works for. SetOwnLedger sets the storage's name;
-// otherwise BACKUP_STORAGE names it.
+// The ledger of the storage that this process works for. Its name is the argument of SetOwnLedger
+// or, when SetOwnLedger was not called, the value of BACKUP_STORAGE.
 Ledger OwnLedger();
 
-// Sets the storage of OwnLedger, for roles that do not get its name from BACKUP_STORAGE. Call it
-// before the first thread starts.
+// Sets the storage of OwnLedger, for processes that do not get the name of the storage from
+// BACKUP_STORAGE. Must be called before the first thread starts.
 void SetOwnLedger(const std::string& storage);

@@ -1,5 +1,5 @@
-// Records the deletion of a backup in the ledger. A job that repeats the same backup meanwhile must
-// notice that its slices are gone.
+// Records the deletion of a backup in the ledger. If a job repeats the same backup at the same
+// time, this record prevents the job from completing the backup without the removed slices.
 #pragma once
 
 #include <string>
@@ -11,11 +11,13 @@
 
 class LedgerDeletion {
   public:
-    // Records every slice of the backup as removed. Call it before the first removal.
+    // Sets every slice of the backup to kRemoved in the ledger. Create the object before the first
+    // file is removed.
     LedgerDeletion(const std::string& info_path, const quarn2::InfoMap& info);
 
-    // Removes slices that an earlier run of the job left and that the info file does not name. Then
-    // removes the entries. Call it after the last removal.
+    // Removes slices from the storage that an earlier run of the job left and that the info file
+    // does not name. Then removes the backup's ledger entries. Call it after all other files of the
+    // backup have been removed.
     void Finish(quarn2::Storage& storage) const;
 
   private:

@@ -1,10 +1,10 @@
 // The list of incomplete backups, ".cleanup" in an info root, which another program writes. A line
 // is the escaped token of the storage, a tab, and the prefix of the backup's files (see GetPrefix).
-// Only this unit reads and rewrites it.
+// Only this unit reads and rewrites the list.
 #pragma once
 
 #include <string>
 
-// Removes the lines of a backup that is complete now, because its interrupted job was repeated
-// successfully. `date` is "custom" for a custom backup. Failures are only logged.
+// Removes the lines of a backup from the list, because its interrupted job was repeated and the
+// backup is complete now. `date` is "custom" for a custom backup. Failures are only logged.
 void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date);

@@ -5,7 +5,8 @@
 
 #include "quarn2/token.h"
 
-// Scheme, host, port and path in one form, such as "sftp://host/srv/backups". User, password,
-// parameters and the scheme's default port are left out. Symbolic links in a local path are
-// resolved. Tokens of the same storage give the same text. The token must be valid.
+// Scheme, host, port and path of the storage in a normalised form, such as
+// "sftp://host/srv/backups". User, password, parameters and the scheme's default port are left out.
+// Symbolic links in a local path are resolved. Tokens of the same storage give the same text. The
+// token must be valid.
 std::string StorageIdentity(const quarn2::BackupToken& token);

@@ -11,7 +11,7 @@
 enum class NewestOnStorage {
     kTooFewKnown,  // fewer than three finished backups are known here: nothing can be concluded
     kSomeFound,    // the storage has a file of at least one of the newest backups
-    kNoneFound,    // the storage has none of them
+    kNoneFound,    // the storage has no file of the newest backups
 };
 
 struct NewestCheck {
@@ -20,19 +20,19 @@ struct NewestCheck {
 };
 
 // Looks on the storage for the newest finished backups of the info root. For each backup it looks
-// for the last slice and then for the info file by name, and stops at the first file found. It
-// never lists a directory of many files. Throws the storage's kro_err::Error when the storage does
-// not answer, and kro_err::Error when the info root cannot be listed. Skips info files that cannot
-// be read, and backups with file names that no storage can have.
+// for the last slice and then for the info file by name, and stops at the first file found. It asks
+// for single names and never lists a large directory. Throws the storage's kro_err::Error when the
+// storage does not answer, and kro_err::Error when the info root cannot be listed. Skips info files
+// that cannot be read, and backups with file names that no storage can have.
 NewestCheck FindNewestOnStorage(quarn2::Storage& storage, const std::string& info_root);
 
 // The stored files by which one backup is recognised: its last slice, then its info file.
 using BackupFiles = std::vector<std::string>;
 
-// The files of the newest finished backups of the info root, the newest backup first: at most
-// eight, and none when fewer than three are known.
+// The files of the newest finished backups of the info root, the newest backup first. Contains at
+// most eight backups, and none when fewer than three finished backups are known.
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root);
 
-// True when the storage has an entry of this name. Throws the storage's kro_err::Error when the
-// storage does not answer.
+// True when the storage has a file or directory of this name. Throws the storage's kro_err::Error
+// when the storage does not answer.
 bool IsOnStorage(quarn2::Storage& storage, const std::string& name);

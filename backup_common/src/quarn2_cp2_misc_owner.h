@@ -5,14 +5,14 @@
 #include <string>
 #include <vector>
 
-// The names of one backup.
+// The names by which the files of one backup are recognised.
 struct BackupNames {
     std::string user;
     std::string date;             // "custom" for a custom backup
-    std::set<std::string> stems;  // of the slices that its info file names, without slice numbers
+    std::set<std::string> stems;  // slice names from the info file, without numbers
 };
 
-// True for a file of this backup, by its name: info file, index, archive file.
+// True when `name` is the name of a file of this backup: its info file, index or an archive file.
 bool BelongsTo(const std::string& name, const BackupNames& backup);
 
 // True when `directory` is the backup's own directory USER/DATE and none of `names` is a file of

@@ -1,13 +1,14 @@
-// Comparisons of directories with symbolic links resolved.
+// Compares directories after symbolic links are resolved.
 #pragma once
 
 #include <filesystem>
 #include <string>
 
-// The absolute path with every symbolic link and ".." resolved, as far as it exists; "" is the
-// current directory. When the kernel refuses to resolve the path, it is only made absolute and
-// normalized, because opening it fails as well.
+// Makes a path absolute and resolves every symbolic link and ".." in the part of it that exists.
+// The path "" is the current directory. When the kernel refuses to resolve the path, returns it
+// only absolute and normalised. This is enough, because an attempt to open such a path fails as
+// well.
 std::filesystem::path ResolvePath(const std::string& path);
 
-// True when `inner` is `outer` or is below it. Both must be resolved.
+// True when `inner` is `outer` or is below `outer`. Both paths must be resolved (see ResolvePath).
 bool IsSameOrBelow(const std::filesystem::path& outer, const std::filesystem::path& inner);

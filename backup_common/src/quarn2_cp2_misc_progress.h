@@ -7,7 +7,7 @@
 
 #include "quarn2/storage.h"
 
-// The work done and the total work; -1: unknown.
+// The work that is done and the total work. A value of -1 is unknown.
 struct Progress {
     std::int64_t files = 0;
     std::int64_t all_files = 1;
@@ -19,7 +19,7 @@ struct Progress {
 // "3 of 10 files, 1.5 GiB, 120.0 MiB/s, 0:42 left"; unknown values are left out.
 std::string ProgressText(const Progress& progress);
 
-// Shows the progress on standard error, at most once a second, if that is a terminal.
+// Shows the progress on standard error if standard error is a terminal, at most once a second.
 class ProgressLine final : public quarn2::TransferObserver {
   public:
     explicit ProgressLine(std::int64_t all_files);

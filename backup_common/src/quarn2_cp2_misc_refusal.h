@@ -1,5 +1,5 @@
-// Finds the reason why the node client refused a command. The control socket carries no reason, but
-// both processes write to the same log.
+// Finds the reason why the node client refused a command. The control socket does not transfer the
+// reason, but the node client and the command write to the same log.
 #pragma once
 
 #include <sys/types.h>
@@ -8,8 +8,8 @@
 
 #include "kro/kro_log_reader.h"
 
-// The beginning of the line that the node client logs after the reason, in the same thread.
-// `process` is the process that sent the command.
+// The beginning of the log line that the node client writes after the line with the reason, in the
+// same thread. `process` is the process that sent the command.
 std::string RefusalLine(pid_t process);
 
 // The reason that the node client has logged for this process's command since `begin`; "" when

@@ -23,11 +23,13 @@ class Removal {
     void RemoveFile(const std::string& name);
     void RemoveDir(const std::string& name);
 
-    // Restores the info file and removes the ledger entry that this removal made, unless a file may
-    // have been removed. Logs failures.
+    // Cancels the removal after an error: restores the info file and removes the ledger entry that
+    // this object has created. Does nothing when a file of the backup may already have been
+    // removed. Logs failures.
     void GiveUp() const noexcept;
 
-    // Removes the ledger entry that this removal made. Call it when no file of the backup is left.
+    // Removes the ledger entry that this object has created. Call it when no file of the backup is
+    // left.
     void Finish() const;
 
     const std::shared_ptr<quarn2::Storage>& storage() const noexcept { return storage_; }
@@ -39,27 +41,29 @@ class Removal {
     std::string info_path_;
     quarn2::InfoMap info_;
     bool marked_;
-    std::string old_text_;  // empty when the file was not rewritten
+    std::string old_text_;  // empty when the info file was not rewritten
     bool touched_ = false;
-    bool has_entry_ = false;  // this removal has made a ledger entry
+    bool has_entry_ = false;  // this object has created a ledger entry
 };
 
-// Removes a directory with its content. The entry `last` in it is removed after all others.
+// Removes a directory with its content. Removes the file `last` in the directory after all other
+// entries.
 void RemoveDirectory(const std::string& directory, const std::string& last);
 
 // True for an info file that records an unfinished removal of its backup.
 bool IsBeingDeleted(const quarn2::InfoReader& info);
 
-// True when the info file has "finished", and the storage has the info file and every slice that it
-// names. Throws the storage's kro_err::Error.
+// True when the storage has the complete backup: the info file has "finished", and the storage has
+// the info file and every slice that the info file names. Throws the storage's kro_err::Error when
+// the storage does not answer.
 bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
                          const quarn2::InfoMap& info);
 
-// Restores "finished" in the info file if the storage still has every file of the backup: then the
-// deletion was interrupted before it removed anything. Returns whether it did. Throws the storage's
-// kro_err::Error.
+// Cancels a deletion that was interrupted before it removed anything: if the storage still has
+// every file of the backup, restores "finished" in the info file and returns true. Throws the
+// storage's kro_err::Error when the storage does not answer.
 bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path);
 
 // Finishes the removals that the info files in `directory` record. Skips info files that cannot be
-// read. Errors of a removal pass through.
+// read. Stops at the first removal that fails and throws its error.
 void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage, const std::string& directory);

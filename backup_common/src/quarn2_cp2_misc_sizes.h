@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// Saturating addition and subtraction. Info files and node clients can contain any size, and the
-// account must not overflow.
+// Saturating addition and subtraction: a result out of range becomes the nearest limit. The sizes
+// come from info files and node clients, which can contain any number.
 std::int64_t SumOfSizes(std::int64_t a, std::int64_t b) noexcept;
 std::int64_t LessSize(std::int64_t a, std::int64_t b) noexcept;

@@ -1,5 +1,5 @@
-// Names of stored files: those that an info file names, and the backup to which a file belongs.
-// Pure functions on text.
+// Derives the names of a backup's slices from its info file, and the backup of a file from the
+// file's name. The functions only process text and do not access files.
 #pragma once
 
 #include <string>
@@ -7,28 +7,30 @@
 
 #include "quarn2/info.h"
 
-// The maximum number of slices of an archive that are addressed one by one.
+// The maximum number of slices of an archive for which the slice names are generated.
 inline constexpr int kMaxSlices = 100000;
 
 // True for the keys of an info file whose value begins with the name of a slice.
 bool NamesSlice(const std::string& key);
 
-// The stored names of every slice that the info file names: of "last-slice" and of each role with
-// slices of its own, from slice 1 to the last. A name without a number is one slice. Throws
-// std::runtime_error when an archive has more than kMaxSlices slices.
+// The stored names of all slices that the info file names in "last-slice" and in "role-..." keys. A
+// slice name with a number N stands for the slices from 1 to N. A name without a number is one
+// slice. A role with the value of "last-slice" has no slices of its own. Throws std::runtime_error
+// when an archive has more than kMaxSlices slices.
 std::vector<std::string> NamedSlices(const quarn2::InfoMap& info);
 
-// The first word of "last-slice"; empty without one.
+// The first word of the value of "last-slice"; empty when the info file has no such key.
 std::string LastSliceOf(const quarn2::InfoMap& info);
 
-// The name of the archive that "last-slice" names, without directory and slice number; empty
-// without one.
+// The name of the archive that "last-slice" names, without directory and slice number; empty when
+// the info file has no such key.
 std::string ArchiveOf(const quarn2::InfoMap& info);
 
 // True for the name of an archive file: a type letter, a date, a dot. `path` may have directories.
 bool IsArchive(const std::string& path);
 
-// True for slice 1 and for an archive that is one file. Its upload starts the backup again.
+// True for slice 1 of an archive, and for an archive that is a single file. An upload of such a
+// file starts the backup again.
 bool IsFirstSlice(const std::string& path);
 
 // The name that the slices, index files and the info file of one backup share: DATE.USER, or

@@ -1,5 +1,5 @@
-// Opens storages. Every role opens its storages here, so that no command uses a local storage
-// directory that it must not change.
+// Opens storages. Every command opens its storages with these functions, which refuse a local
+// directory that must not be used as a storage.
 #pragma once
 
 #include <filesystem>
@@ -14,10 +14,11 @@
 inline constexpr const char* kDefaultInfoRoot = "var/backup/tovarn";
 inline constexpr const char* kPrivateInfoRoot = "var/backup/tovarn.private";
 
-// The token in BACKUP_TOKEN. It converts to false when it is unset or malformed.
+// The token in BACKUP_TOKEN. The result converts to false when the variable is unset or malformed.
 quarn2::BackupToken TokenByEnv();
 
-// The directory of a local token, resolved, as the local storage opens it.
+// The directory that a local token names, with symbolic links resolved, as the local storage opens
+// it.
 std::filesystem::path StorageDirectory(const quarn2::BackupToken& token);
 
 // Like Storage::List, but returns no names for a missing path.
@@ -27,14 +28,14 @@ std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::stri
 // storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
     std::vector<std::filesystem::path> outside;  // a storage may be below these: ROOT and var
-    std::vector<std::filesystem::path> closed;  // but never below these: sbin, etc, tmp, info roots
+    std::vector<std::filesystem::path> closed;   // never below these: sbin, etc, tmp, info roots
 };
 
 enum class Overlap { kIs, kContains, kIsInside };
 
 struct StorageConflict {
     Overlap overlap;
-    std::filesystem::path directory;  // the protected one
+    std::filesystem::path directory;  // the protected directory
 };
 
 // Returns the first protected directory that forbids this storage directory, or nothing when the
@@ -44,20 +45,21 @@ std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protecte
 
 // Throws std::runtime_error when the token names a local directory that is, or contains, the
 // install root, one of its sbin, etc, var and tmp, or an info root; and when the directory is
-// inside of sbin, etc, tmp or an info root. The info roots are `info_root` and the default ones. A
-// token of another kind, or a malformed one, passes.
+// inside of sbin, etc, tmp or an info root. The info roots are `info_root` and the default ones.
+// Does nothing for a malformed token and for a token that is not local.
 void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root);
 
 // Opens the storage after CheckStorageDirectory. Throws kro_err::Error for a malformed token.
 std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
                                              const std::string& info_root = kDefaultInfoRoot);
 
-// OpenStorage for the token in BACKUP_TOKEN. Throws kro_err::Error for an unset token too.
+// OpenStorage for the token in BACKUP_TOKEN. Throws kro_err::Error when the token is unset or
+// malformed.
 std::shared_ptr<quarn2::Storage> GetStorageByEnv(const std::string& info_root = kDefaultInfoRoot);
 
-// Throws std::runtime_error when `source` must not be uploaded as `remote` and removed afterwards:
-// it is the stored file itself, or it is inside the storage directory. Resolves symbolic links,
-// including those to directories at the top of the storage. Accepts every file when the storage is
+// Throws std::runtime_error when `source` must not be uploaded as `remote` and removed afterwards,
+// because `source` is the stored file itself or is inside the storage directory. Resolves symbolic
+// links, including those to directories at the top of the storage. Does nothing when the storage is
 // not local.
 void CheckSource(const quarn2::BackupToken& token, const std::string& remote,
                  const std::string& source);

@@ -14,23 +14,25 @@
 // Runs one command text and returns the answer; throws when the command fails.
 using ControlService = std::function<std::string(std::string command)>;
 
-// One accepted connection. It collects the command until the peer shuts down its side of the
-// stream, so a slow peer does not block the loop. Then it runs the command, answers and closes.
+// One accepted connection. Collects the bytes of the command as they arrive, so a slow peer does
+// not block the event loop. When the peer shuts down its side of the stream, runs the command,
+// sends the answer and closes the connection.
 class ControlPeer {
   public:
-    // `connection` must be non-blocking. The service must outlive the peer.
+    // `connection` must be non-blocking. `service` must outlive this object.
     ControlPeer(ResHandle connection, const ControlService& service);
 
     // Reads the bytes that have arrived. Never throws: a failed command is logged and gets no
     // answer.
     quarn2::Expect::Result* operator()(ResHandle connection);
 
-    // True when no byte has arrived for this long and none is waiting to be read.
+    // True when no byte has arrived for the duration `limit` and none is waiting to be read.
     bool HasBeenSilent(std::chrono::milliseconds limit) const;
 
     bool IsOpen() const noexcept { return bool(connection_); }
 
-    // Closes the connection without an answer. The loop drops it in its next iteration.
+    // Closes the connection without an answer. The event loop removes the connection in its next
+    // iteration.
     void Disconnect(const char* reason);
 
   private:

@@ -16,8 +16,8 @@
 
 class PutLedger;
 
-// The record of one slice from its put command to the end of its upload. Unless Stored or Refused
-// was called, the destructor records the upload as abandoned.
+// The ledger record of one slice, from its put command to the end of its upload. Unless Stored or
+// Refused was called, the destructor records the upload as abandoned.
 class SliceRecord {
   public:
     SliceRecord(PutLedger* ledger, std::string entry, std::string name, LedgerSlice slice);
@@ -51,9 +51,9 @@ class PutLedger {
     // `identity`: the identity of the storage that the node client uploads to.
     PutLedger(const std::string& storage_name, std::string identity);
 
-    // Records that a slice is about to be uploaded. Throws std::runtime_error when its key is not
-    // the key of the earlier slices of its backup. When the entry cannot be written, such as on a
-    // full disk, the upload continues without it.
+    // Records that a slice is about to be uploaded. Throws std::runtime_error when the slice is
+    // encrypted with another key than the earlier slices of its backup. When the ledger entry
+    // cannot be written, for example on a full disk, the upload continues without an entry.
     std::unique_ptr<SliceRecord> Begin(const std::string& name, std::int64_t bytes,
                                        const std::string& key_hash);
 
@@ -64,15 +64,16 @@ class PutLedger {
     void CheckComplete(const std::string& info_path, const quarn2::InfoMap& info,
                        quarn2::Storage& storage);
 
-    // Records that the backup is complete, after the server has acknowledged it. Only archive files
-    // that its info file does not name stay in the ledger.
+    // Records that the backup is complete. Called after the server has acknowledged the completion.
+    // Only archive files that the info file does not name stay in the ledger.
     void Complete(const std::string& info_path, const quarn2::InfoMap& info);
 
   private:
     friend class SliceRecord;
 
-    // Writes one slice's record, after `before` has changed its entry. When the entry cannot be
-    // written, keeps the state in memory until the process ends, and returns false.
+    // Writes the record of one slice into the ledger entry `entry`. `before`, if set, changes the
+    // entry first. When the entry cannot be written, keeps the state of the slice in memory until
+    // the process ends, and returns false.
     bool Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
              const Ledger::Change& before = {});
     void BeginUpload(const std::string& entry, const std::string& name, const LedgerSlice& slice);
@@ -81,7 +82,8 @@ class PutLedger {
                                         const quarn2::InfoMap& info) const;
     void CheckUploads(const std::string& info_path, const quarn2::InfoMap& info);
     void CheckSlice(const std::string& name, const quarn2::InfoMap& info, quarn2::Storage& storage);
-    // Makes the entry one of this storage. Clears it if it was another storage's.
+    // Sets the storage of the entry to the storage of this node client. First clears the entry if
+    // it belonged to another storage.
     void BelongHere(LedgerEntry& entry) const;
     bool IsCurrent(const LedgerEntry& entry) const { return entry.IsOf(identity_); }
 

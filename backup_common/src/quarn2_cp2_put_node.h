@@ -19,31 +19,31 @@
 #include "quarn2_cp2_put_ledger.h"
 #include "quarn2_cp2_put_upload.h"
 
-// The server's answer to a command was an error, or the command could not be sent.
+// Thrown when the server's answer to a command is an error, or when the command cannot be sent.
 class CommandError : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;
 };
 
-// The two ends of the master link in this process.
+// This process's descriptors of the master link, the connection to the server.
 struct MasterLink {
-    int in = 0;   // answers arrive here
-    int out = 1;  // commands leave here
+    int in = 0;   // for reading the server's answers
+    int out = 1;  // for writing commands to the server
 };
 
 class NodeSide {
   public:
     // Reads the token from the link and opens the storage. `storage`: the name of a user's own
-    // storage, empty for the common one.
+    // storage, empty for the common storage.
     explicit NodeSide(kro_thread::SafeLock& lock, MasterLink link = {},
                       const std::string& storage = "");
-    // Waits for the uploads.
+    // Waits until all uploads have ended.
     ~NodeSide();
     NodeSide(const NodeSide&) = delete;
     NodeSide& operator=(const NodeSide&) = delete;
 
-    // Accepts one connection of the control socket and adds it to the loop of AcceptIn, which
-    // serves it when its command is complete.
+    // Accepts one connection on the control socket and adds it to the event loop that AcceptIn has
+    // set. The loop runs the command of the connection when the command has arrived completely.
     quarn2::Expect::Result* operator()(ResHandle listening);
 
     // Sets the loop that serves accepted connections. The loop must outlive the last call of
@@ -63,25 +63,26 @@ class NodeSide {
 
     // Sends a command (with its line feed) to the server and returns the answer without "OK". A
     // lock serializes the exchanges of all threads. Throws CommandError when the server refuses the
-    // command or the link does not accept it, and std::runtime_error when the answer is incomplete.
+    // command or when the command cannot be written to the link, and std::runtime_error when the
+    // answer is incomplete.
     std::string DoCommand(const std::string& command);
 
-    // Reads one frame from the master link. Throws std::runtime_error when it is incomplete.
+    // Reads one frame from the master link. Throws std::runtime_error when the frame is incomplete.
     static std::string GetResult(int fd = 0);
 
     const quarn2::BackupToken& token() const noexcept { return token_; }
     bool delete_after() const noexcept { return delete_after_; }
     std::int64_t size() const noexcept { return size_; }
 
-    // Decrements the number of evictions that uploads may still request. Returns the rest, or -1
-    // when the number was 0.
+    // Decrements the number of evictions that uploads may still request. Returns the new number, or
+    // -1 when the number was 0.
     std::int32_t TakeOneEviction() noexcept;
 
   private:
     std::string Put(std::string argument, bool last);
     using Record = std::unique_ptr<SliceRecord>;
-    // Records the put of a file and reserves space for it. Returns null for an info file, which has
-    // no record.
+    // Records the put of a file in the ledger and reserves space for the file. Returns null for an
+    // info file, which has no record.
     Record Admit(const std::string& remote, const std::string& path, const std::string& key_hash);
     void PutInBackground(const std::string& remote, const std::string& path, Record record);
     void PutLast(const std::string& remote, const std::string& path, Record record);
@@ -94,9 +95,9 @@ class NodeSide {
     MasterLink link_;
     quarn2::BackupToken token_;
     std::shared_ptr<quarn2::Storage> storage_;
-    // Upload threads read these two while the loop's thread sets them.
+    // Upload threads read `max_count_` and `size_` while the thread of the event loop sets them.
     std::atomic<std::int32_t> max_count_{0};
-    std::atomic<std::int64_t> size_{0};  // of the file of the latest PUT or PUTLAST
+    std::atomic<std::int64_t> size_{0};  // size of the file in the latest PUT or PUTLAST
     bool delete_after_ = false;
     PutLedger ledger_;
     std::map<std::string, Upload> uploads_;

@@ -1,4 +1,5 @@
-// The local file of an upload. It may be removed afterwards only if it is still the same file.
+// The local file of an upload. After the upload, the file may be removed only if its path still
+// refers to the uploaded content.
 #pragma once
 
 #include <sys/stat.h>
@@ -22,8 +23,8 @@ struct FileIdentity {
 
 enum class SourceState {
     kUnchanged,
-    kRewritten,  // the opened file was modified: the sent data may mix old and new
-    kReplaced,   // its path names another file, or none
+    kRewritten,  // the opened file was modified: the uploaded data may mix old and new content
+    kReplaced,   // the path refers to another file now, or to none
 };
 
 // `opened`: the identity of the open file when the upload began; `now`: its identity now;
@@ -33,12 +34,12 @@ SourceState CompareSource(const FileIdentity& opened, const FileIdentity& now,
 
 class SourceFile {
   public:
-    // Opens the file and keeps it open, so that no other file gets its inode. Throws
-    // kro_err::Error.
+    // Opens the file and keeps it open, so that no other file gets its inode. Throws kro_err::Error
+    // when the file cannot be opened.
     explicit SourceFile(const std::string& path);
 
-    // Returns how the file differs from its state when it was opened. Throws kro_err::Error if its
-    // state cannot be read.
+    // Returns how the file differs from its state when it was opened. Throws kro_err::Error when
+    // the file's state cannot be read.
     SourceState Compare() const;
 
   private:

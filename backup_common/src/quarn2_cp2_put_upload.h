@@ -13,17 +13,19 @@
 
 class NodeSide;
 
-// An object is idle until Run, which uploads in a thread of its own, or PutLast, which uploads in
-// the calling thread. It must not move while its thread runs.
+// Run starts the upload in a thread of its own, PutLast uploads in the calling thread. The object
+// must not be moved while its thread runs.
 class Upload {
   public:
     Upload() = default;
-    // Opens its own storage and creates the file's directory there. Exceptions pass through.
+    // Opens the storage for this upload alone and creates the file's directory on the storage.
+    // Throws the storage's error when one of these fails.
     Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path);
 
     using Record = std::unique_ptr<SliceRecord>;
 
-    // Takes the upload lock of the record and starts a thread, which uploads and ends the record.
+    // Takes the upload lock (see SliceRecord::Hold) and starts a thread, which uploads the file and
+    // ends the record.
     void Run(Record record);
 
     // Waits for the thread. When the upload failed, throws the exception of the thread or
@@ -36,14 +38,14 @@ class Upload {
 
     // Uploads in up to three attempts. Requests evictions from the server when the storage is full.
     // If the source is rewritten during the upload, or replaced between two attempts, the upload
-    // fails without another attempt and the source stays.
+    // fails without another attempt and the source file is not removed.
     void Put();
 
     // The thread's body: calls Put and ends the record.
     void operator()();
 
-    // True when the storage has the file. When the server refuses to free space, the upload ends
-    // without an error, and this is false.
+    // True when the storage has the file. False when the server has refused to free space, although
+    // the upload then ends without an error.
     bool stored() const noexcept { return stored_; }
 
   private:
@@ -57,7 +59,7 @@ class Upload {
     void OpenAgain();
     bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);
     void Release(const std::string& reason, const Source& source);
-    // Removes the source, unless it was modified or another file has its name now.
+    // Removes the source file, unless it was modified or its path refers to another file now.
     void RemoveSource(const Source& source) const;
 
     NodeSide* node_ = nullptr;

@@ -8,8 +8,8 @@
 
 // Throws std::runtime_error, with advice for the operator, when the storage has none of the newest
 // backups that are known in the info root. Throws kro_err::Error when the storage does not answer.
-// Accepts an info root with fewer than three finished backups, because they are too few for a
-// conclusion.
+// Does not throw when the info root has fewer than three finished backups, because they are too few
+// for a conclusion.
 void CheckRightStorage(quarn2::Storage& storage, const std::string& info_root);
 
 // CheckRightStorage for a server that is about to start. When the storage does not answer, prints a

@@ -1,5 +1,5 @@
-// The process of a node client as the server sees it: the client of this machine, or the ssh that
-// runs a client on another machine.
+// The process that the server starts for a node client: the client of this machine, or the ssh
+// process that runs a client on another machine.
 #pragma once
 
 #include <chrono>
@@ -59,19 +59,19 @@ class ClientProcess {
     // Keeps the client's output pipe open until the client has ended. The pipe is not read.
     void KeepOutput(ResHandle from_client) { output_ = std::move(from_client); }
 
-    // Reads the error output that is available, at most as much as a pipe holds.
+    // Reads the available error output of the client, but at most as much as a pipe can contain.
     void Listen();
 
     // Waits at most `wait` for the end of the client. True when it has ended or never ran.
     bool HasEnded(std::chrono::milliseconds wait = {});
 
-    // Sends SIGTERM or SIGKILL to the client when its time for that, counted from `since`, is over.
-    // Sends each signal once.
+    // Sends SIGTERM or SIGKILL to the client when the time that `patience` allows, counted from
+    // `since`, is over. Sends each signal once.
     void Press(Clock::time_point since, Clock::time_point now, Patience patience);
 
     // Waits at most `wait` for the end of a client whose input was closed at `since`. Returns true
-    // when it has ended. A client of this machine may finish its uploads. An ssh process is
-    // terminated after a minute; the client that it runs finishes by itself.
+    // when it has ended. Never kills a client of this machine, so that its uploads can finish.
+    // Terminates an ssh process after a minute; the client on the other machine finishes by itself.
     bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
     bool is_remote() const noexcept { return is_remote_; }

@@ -1,7 +1,7 @@
 // Chooses backups to evict. The functions are pure decisions over the model and delete nothing.
 //
-// Two rules keep every remaining backup restorable: a user's newest record is never chosen, and
-// neither is a full backup whose successor is a daily.
+// Two rules keep every remaining backup restorable: the newest backup of a user is never chosen,
+// and a full backup that is followed by a daily is never chosen.
 #pragma once
 
 #include <map>
@@ -10,13 +10,14 @@
 
 #include "quarn2_cp2_server_model.h"
 
-// The oldest record of a user that may be evicted; end() when there is none.
+// A user's oldest backup that may be evicted; end() when there is none.
 using Backups = std::map<std::string, GlobalSizeControl::StorageDesc::UserDesc::BackupInfo>;
 Backups::const_iterator OldestRemovable(const Backups& backups);
 
-// The dates of the dailies beyond `leave`, oldest first; the newest record is never among them.
+// The dates of a user's oldest dailies that exceed the number `leave`, oldest first. Never contains
+// the user's newest backup.
 std::vector<std::string> ExcessDailies(const Backups& backups, int leave);
 
-// The dates of the fulls beyond `leave`, oldest first. Only a full whose successor is a full is
-// chosen.
+// The dates of a user's oldest full backups that exceed the number `leave`, oldest first. Contains
+// only full backups that are followed by another full backup.
 std::vector<std::string> ExcessFulls(const Backups& backups, int leave);

@@ -1,5 +1,6 @@
-// The server's account of a storage's content. It is the only authority for reservations and
-// evictions. Only the thread of the server's event loop uses it. It is never written to disk.
+// The server's accounting: the backups on a storage and the space that they use. All decisions
+// about reservations and evictions use this data. Only the thread of the server's event loop uses
+// it. It is never written to disk.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +15,8 @@
 #include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_server_unfinished.h"
 
-// The limits of the command line. A missing value or 0 sets no limit. For daily backups it means
-// that a daily is kept only while it is its user's newest backup.
+// The limits of the command line. A missing value or 0 means no limit, except for daily backups.
+// There it means that a daily is kept only while it is the newest backup of its user.
 struct ServerLimits {
     static constexpr std::int32_t kNoCount = std::numeric_limits<std::int32_t>::max();
     static constexpr std::int64_t kNoSize = std::numeric_limits<std::int64_t>::max();
@@ -36,7 +37,7 @@ struct GlobalSizeControl {
         struct UserDesc {
             struct BackupInfo {
                 std::int64_t size = 0;
-                std::int32_t type = 1;  // 0 full, 1 daily: needs the newest full before it
+                std::int32_t type = 1;  // 0: full, 1: daily, which needs the newest full before it
                 bool locked = false;    // never chosen for eviction
             };
 
@@ -44,8 +45,9 @@ struct GlobalSizeControl {
                 return record.second.type == 0;
             }
 
-            // The size of the newest chain, which no eviction may free: the newest record and, when
-            // that is a daily, the full before it. The user must have at least one record.
+            // The size of the backups that no eviction may delete: the user's newest backup and,
+            // when that is a daily, the newest full backup before it. The user must have at least
+            // one backup.
             std::int64_t GetLockedSize() const noexcept;
 
             std::map<std::string, BackupInfo> backups;  // by date: oldest first
@@ -58,14 +60,16 @@ struct GlobalSizeControl {
         std::uint64_t resets = 0;          // how often `reserved` was reset to 0
         std::int64_t remote_reserved = 0;  // the part of `reserved` for other machines
         std::int64_t unfinished = 0;       // the size of backups that are not complete
-        // Charges space that no eviction can free. A negative size returns it.
+        // Counts `size` bytes as used by files that no eviction can delete. A negative size
+        // reverses an earlier call.
         void ChargeForGood(std::int64_t size) noexcept;
-        // Drops every reservation.
+        // Sets the reserved space to 0.
         void ResetReserved() noexcept;
-        // The space that must be free beyond `reserved` to reserve `size` bytes. A completion drops
-        // the reservations of uploads in progress. Then `unfinished` may exceed `reserved`, and the
-        // difference is needed if it is larger than `size`. For a node client of this machine,
-        // `unfinished` already contains the file that it reserves.
+        // The bytes that must be free beyond `reserved` before `size` bytes can be reserved; at
+        // least `size`. A completion resets all reservations, including those of uploads in
+        // progress. After that, `unfinished` may be larger than `reserved`, and the result is at
+        // least their difference. For a node client of this machine, `unfinished` already contains
+        // the file for which the space is reserved.
         std::int64_t NeededFor(std::int64_t size, bool is_remote) const noexcept;
 
         std::map<std::string, UserDesc> users;
@@ -76,7 +80,7 @@ struct GlobalSizeControl {
     };
 
     GlobalSizeControl() = default;
-    // Takes the limits and the path from the command line and logs the limits.
+    // Reads the limits and the path from the command line and logs the limits.
     explicit GlobalSizeControl(const kro_args::Result& args);
     // Not copyable, because each storage points to its owner.
     GlobalSizeControl(const GlobalSizeControl&) = delete;
@@ -85,41 +89,42 @@ struct GlobalSizeControl {
     // Registers the one storage that all nodes share.
     StorageDesc& AddStorage(std::shared_ptr<quarn2::Storage> storage);
 
-    // Sets the reference date and scans.
+    // Sets the reference date and calls Scan with it.
     void Init(const std::string& reference_date);
 
-    // Clears all backups and fills the account from the info files under `path`, as of
-    // `current_date`. A read error passes through and leaves the account partly filled.
+    // Clears all backup records and reads them again from the info files under `path`. A backup
+    // with a date after `current_date` counts as used space and is never evicted. A read error is
+    // thrown and leaves the records incomplete.
     void Scan(const std::string& current_date);
 
-    // Adds the backup of each info file to the account. Skips a file that a job has removed since
-    // the files were listed.
+    // Counts the backup of each info file. Skips an info file that was removed after the files were
+    // listed.
     void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date);
 
     // Throws kro_err::Error while the storage does not answer, and std::runtime_error when it has
-    // none of the newest backups of this account. After the first success, does nothing.
+    // none of the newest backups that this server knows. After the first success, does nothing.
     void CheckStorage();
 
-    // Handles the deletions that the scan found begun. Cancels those that have removed nothing and
-    // finishes the others. A backup that cannot be removed counts as used space until
-    // FinishBegunFirst removes it.
+    // Handles the interrupted deletions that the scan has found. Cancels a deletion that has
+    // removed nothing, and finishes the others. A backup that cannot be removed counts as used
+    // space until FinishBegunFirst removes it.
     void FinishDeletions();
 
-    // Finishes the deletions that FinishDeletions could not finish. It runs before each eviction,
-    // so that the server has at most one begun deletion during an outage. Errors of the storage
-    // pass through, because an outage must not cost another backup; other errors are logged.
+    // Finishes the deletions that FinishDeletions could not finish. Called before each eviction, so
+    // that an outage of the storage interrupts the deletion of at most one backup. Throws an error
+    // of the storage, because no other backup may be deleted during an outage. Logs other errors.
     void FinishBegunFirst();
 
-    // Removes all backups from the account; users and storages stay.
+    // Removes all backup records from memory. Users and storages stay.
     void ClearBackupInfo();
 
-    // One pass: deletes the oldest removable backup of every user with more than `keep` records,
-    // then decrements max_count. Does nothing when `keep` is not below max_count. Throws
+    // One eviction pass: deletes the oldest removable backup of every user with more than `keep`
+    // backups, then decrements max_count. Does nothing when `keep` is not below max_count. Throws
     // std::runtime_error when `keep` is negative, because nothing is left to delete.
     void DropOldest(int keep);
 
-    // Deletes daily and then full backups beyond these counts, per user, oldest first. Keeps a
-    // backup that another one needs.
+    // Deletes daily and then full backups beyond these counts, for each user, oldest first. Keeps a
+    // user's newest backup and a full backup that a daily needs.
     void DropByCount(int count_to_leave_full, int count_to_leave_daily);
 
     // Deletes backups, in passes of DropOldest, until the storage has `size` bytes that are neither
@@ -147,10 +152,10 @@ struct GlobalSizeControl {
     std::int32_t daily_limit = 0;
     std::int64_t size_limit = ServerLimits::kNoSize;
     bool common_storage = false;
-    std::int32_t max_count = 0;  // the eviction passes count down from here
+    std::int32_t max_count = 0;  // largest backup count of a user; each eviction pass decrements it
     std::string date;
-    // False while it is unknown whether the storage holds the backups of this account, because the
-    // storage has not answered yet. Every deletion checks it first.
+    // False while it is unknown whether the storage has the backups that this server knows, because
+    // the storage has not answered yet. No backup is deleted while it is false.
     bool is_storage_checked = true;
     UnfinishedBackups unfinished;  // backups that the scan does not count
     std::map<std::string, StorageDesc> storages;

@@ -27,7 +27,8 @@ class RestartPause {
     std::chrono::seconds next_{1};
 };
 
-// One node. It has a session, or waits for the end of its client, or waits for its next session.
+// One node of the server. The node has an open session, or its last client is still ending, or its
+// next session is due later.
 class SupervisedNode {
   public:
     using Clock = kro_date::SteadyClock;
@@ -47,11 +48,11 @@ class SupervisedNode {
     // Does the work that is due. Returns the latest time for the next call.
     Clock::time_point Attend(Clock::time_point now);
 
-    // Closes the session, if there is one. Its client may still run.
+    // Closes the open session, if any. The client process of the session may still run.
     void Close();
 
     // Waits at most `wait` for the end of the client of a session that was closed at `since`.
-    // Returns true when there is no client any more.
+    // Returns true when no client process is left.
     bool FinishWithin(std::chrono::milliseconds wait, Clock::time_point since);
 
   private:
@@ -64,17 +65,17 @@ class SupervisedNode {
     StartSession start_;
     RestartPause pause_;
     std::shared_ptr<MasterSide> session_;
-    std::unique_ptr<ClientProcess> client_;  // of the session that has ended
+    std::unique_ptr<ClientProcess> client_;  // client of the session that has ended
     bool did_good_ = false;                  // whether the ended session was useful
     Clock::time_point since_;                // when the current state began
     Clock::time_point due_;
 };
 
-// Waits for the clients of sessions that were closed at `since`, for all of them in parallel. The
-// times until SIGTERM and SIGKILL run for all clients at once.
+// Waits in parallel for the clients of all sessions, which were closed at `since`. For each client,
+// the times until SIGTERM and SIGKILL are counted from `since`.
 void FinishAll(std::vector<SupervisedNode>& nodes, SupervisedNode::Clock::time_point since);
 
-// Runs only on the thread of the event loop.
+// Keeps a session with each node of the server. Must be used only on the thread of the event loop.
 class NodeSessions {
   public:
     using Clock = kro_date::SteadyClock;
@@ -95,7 +96,7 @@ class NodeSessions {
     // latest.
     std::chrono::milliseconds Attend(Clock::time_point now);
 
-    // Closes all links and waits for all clients in parallel.
+    // Closes all sessions and waits for all clients in parallel.
     void End();
 
   private:

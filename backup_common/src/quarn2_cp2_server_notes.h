@@ -13,10 +13,11 @@ void Warn(const std::string& text);
 std::string CountLimitWarning(const std::string& count_limit);
 
 // Warns on standard error and in the log when the server will delete daily backups only because
-// their number was not given.
+// --count-limit does not contain their number.
 void WarnOfCountLimit(const kro_args::Result& args);
 
-// Warns when standard input is already at its end, because this call then does not keep its server.
+// Warns when standard input is already at its end, because this --server command then ends at once
+// and does not keep the server alive.
 void WarnOfEndedInput();
 
 // Prints the reason why this process waits. Only the first call of a process prints.

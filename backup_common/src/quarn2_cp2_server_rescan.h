@@ -7,9 +7,10 @@
 #include "kro/kro_args.h"
 #include "kro/res_handle.h"
 
-// Makes the local info files and indexes equal to the storage's listing. Takes the exclusive lock
-// on the server's lock file before the first change and returns it. Finishes interrupted deletions
-// first. Throws when the storage root cannot be listed, before it removes anything else.
+// Updates the local info files and indexes so that they match the files on the storage. Before the
+// first change, takes the exclusive lock on the server's lock file and returns this lock. First
+// finishes interrupted deletions. When the storage root cannot be listed, throws without any
+// further change.
 ResHandle Rescan(const kro_args::Result& args);
 
 // Throws std::runtime_error when the last rescan into the info root was interrupted. With an
@@ -18,7 +19,7 @@ void CheckNoBrokenRescan(const std::string& local_root, const std::string& stora
 
 class RemovedEntries;
 
-// Moves the entries of the local directory `dir` that are not in `names` to `removed`, except for
-// the program's own files. Does nothing with `skip`.
+// Moves files and directories in the local directory `dir` to `removed` when their names are not in
+// `names`. Keeps the program's own files. Does nothing when `skip` is true.
 void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip,
                       RemovedEntries& removed);

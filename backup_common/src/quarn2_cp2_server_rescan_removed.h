@@ -1,5 +1,6 @@
-// Keeps the entries that a rescan removes from the info root, because the storage's listing may be
-// wrong: the token is another storage's, a mount is missing, or a remote server has a fault.
+// Keeps the files and directories that a rescan removes from the info root. The storage's listing
+// may be wrong, for example because the token belongs to another storage, a mount is missing, or a
+// remote server has a fault.
 #pragma once
 
 #include <string>
@@ -12,9 +13,9 @@ class RemovedEntries {
     // The constructor changes nothing on disk.
     RemovedEntries(const std::string& storage_name, std::string directory, bool continues);
 
-    // Moves entries of the directory, files and complete directories, to
-    // var/quarn2_cp.removed[#STORAGE]/, where each keeps its path relative to the directory. Unless
-    // `continues`, the first call removes the entries of earlier rescans there. Skips missing
+    // Moves files and complete directories from the rescan's directory to
+    // var/quarn2_cp.removed[#STORAGE]/, where they keep their relative paths. Unless `continues` is
+    // true, the first call deletes the entries that earlier rescans moved there. Skips missing
     // entries. Deletes temporary files. Throws std::runtime_error when an entry cannot be moved;
     // that entry is then still at its old path.
     void Take(std::vector<std::string> paths);

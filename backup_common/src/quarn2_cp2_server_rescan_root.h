@@ -1,11 +1,11 @@
-// Decides which directories a rescan may work on. A rescan makes the directory equal to the
-// storage's listing, so it removes everything else from it.
+// Decides which directories a rescan may work on. A rescan removes files from its directory when
+// the storage does not have them, so the directory must contain only files of backups.
 #pragma once
 
 #include <string>
 
-// The directory that the rescan makes equal to the storage: `local_root`, or its parent directory
-// for a user's info root.
+// The directory that a rescan works on: `local_root`, or the parent directory of `local_root` when
+// that is a user's info root.
 std::string RescanDirectory(const std::string& local_root);
 
 // Throws std::runtime_error when the rescan must not work on this --path. Forbidden are the
@@ -25,8 +25,8 @@ bool IsProgramFile(const std::string& name);
 // True for "tovarn" and "tovarn.private", the administrator's info roots beside those of users.
 bool IsAdminRoot(const std::string& name);
 
-// The first entry below the directory, in the order of names, whose name is neither that of a file
-// of a backup nor that of a program file. Returns its path relative to `directory`, empty when
-// there is none. Files of backups are expected at the top and in the directories DATE, USER and
-// USER/DATE.
+// Searches the directory for a file or directory that belongs neither to a backup nor to this
+// program. Returns the path of the first one in the order of names, relative to `directory`; empty
+// when there is none. Files of backups are expected at the top and in the directories DATE, USER
+// and USER/DATE.
 std::string FindStrayEntry(const std::string& directory);

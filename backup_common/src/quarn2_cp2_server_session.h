@@ -13,33 +13,35 @@
 #include "quarn2_cp2_server_client.h"
 #include "quarn2_cp2_server_model.h"
 
-// The bytes that one session has reserved on its storage since the storage's last completion, which
-// drops all reservations. They are released when the session ends, because a client that has ended
-// uploads nothing.
+// The bytes that one session has reserved on its storage since the last COMPLETE command, which
+// resets all reservations of the storage. The session's end releases these bytes, because a client
+// that has ended uploads nothing.
 class OwnReserved {
   public:
     OwnReserved(GlobalSizeControl::StorageDesc& storage, bool is_remote)
         : storage_(storage), is_remote_(is_remote) {}
 
-    // Adds to the storage's reservations; a negative size releases.
+    // Adds `size` bytes to the reservations of the storage and of this session. A negative size
+    // releases bytes.
     void Add(std::int64_t size);
 
     // Subtracts the session's reserved bytes from those of the storage. Does not access the storage
-    // when the session has none.
+    // when the session has no reserved bytes.
     void GiveBack();
 
   private:
     GlobalSizeControl::StorageDesc& storage_;
     bool is_remote_;
     std::int64_t sum_ = 0;
-    std::uint64_t resets_ = 0;  // `resets` of the storage when `sum_` began
+    std::uint64_t resets_ = 0;  // value of the storage's `resets` to which `sum_` belongs
 };
 
-// Runs only on the thread of the event loop. The loop's workers own it.
+// The server's side of the session with one node client. Must be used only on the thread of the
+// event loop. The loop's workers own the object.
 class MasterSide {
   public:
-    // Starts the node client and registers its session with the loop. `first` is the first message
-    // to the client, the storage name. Throws when the client cannot be started.
+    // Starts the node client and registers its session with the loop. `first`, the name of the
+    // storage, is the first message to the client. Throws when the client cannot be started.
     static std::shared_ptr<MasterSide> Create(const std::string& first,
                                               GlobalSizeControl::StorageDesc& storage,
                                               std::string node, quarn2::Expect& loop,
@@ -67,7 +69,7 @@ class MasterSide {
     // Executes one command line of the client and queues the answer.
     void ProcessCommand(const std::string& line);
 
-    // False after the link was closed by either side.
+    // False after the server or the client has closed the link.
     bool is_open() const noexcept { return is_open_; }
 
     // True after a command was answered with "OK".
@@ -75,7 +77,8 @@ class MasterSide {
 
     ClientProcess& client() noexcept { return *client_; }
 
-    // Closes the link and returns the client's process. The caller must wait for its end.
+    // Closes the link and returns the client's process. The caller must wait until the process has
+    // ended.
     std::unique_ptr<ClientProcess> Close();
 
   private:
@@ -108,5 +111,5 @@ class MasterSide {
     std::string write_buffer_;
 };
 
-// The source file name in trace lines.
+// The source file name in trace messages of the log.
 inline constexpr const char* kServerSource = "quarn2_cp2_server.cpp";

@@ -1,5 +1,6 @@
-// Starts a storage's server or joins the running one: the caller's side, and the files that callers
-// and daemon share.
+// Starts the size control server of a storage, or uses the running one. This is the code of the
+// --server command, in this file named the caller. The server itself is a daemon process. The
+// caller and the daemon share the files that are declared here.
 #pragma once
 
 #include <set>
@@ -9,31 +10,33 @@
 #include "kro/kro_file.h"
 #include "kro/res_handle.h"
 
-// The files that the callers and the daemon of one storage share, relative to the install root.
+// The files that the --server commands and the daemon of one storage share, relative to the install
+// root.
 struct ServerFiles {
     explicit ServerFiles(const std::string& storage);
 
     std::string pid;   // locked while there is a server
-    std::string lock;  // callers lock it to keep the server alive
+    std::string lock;  // --server commands lock it to keep the server alive
 };
 
 // Opens a lock file and creates it when it is missing. When that fails, sets errno and returns an
 // empty handle.
 ResHandle OpenLockFile(const std::string& path);
 
-// Waits for the lock on the file that `path` names when the lock is granted, and returns its
-// descriptor. Throws std::runtime_error when the file cannot be opened or locked.
+// Waits for the lock on the file at `path` and returns the descriptor that has the lock. If the
+// file is replaced during the wait, locks the new file. Throws std::runtime_error when the file
+// cannot be opened or locked.
 ResHandle Quarn2Lock(const std::string& path, bool exclusive);
 
 // Waits until the storage has no server, and takes the exclusive lock on its lock file. A server
 // without callers ends during this wait. No server can start while the lock is held.
 ResHandle LockWithoutServer(const ServerFiles& files);
 
-// Limits and nodes as one text. A call compares it with that of a running server to decide whether
-// the server fits.
+// The limits and nodes of a command line as one text. A --server command uses a running server only
+// if this text is the same for both.
 std::string ControlParams(const kro_args::ResultPtr& result, const std::set<std::string>& nodes);
 
-// ControlParams of this call. Nodes count only for a local storage.
+// ControlParams of this --server command. Contains the nodes only when the storage is local.
 std::string RequestedParams(const kro_args::ResultPtr& args);
 
 // The content of the daemon's pid file.
@@ -47,16 +50,18 @@ struct PidFile {
     static PidFile Parse(std::string text);
 };
 
-// Starts the storage's server if none runs and waits until one serves this call. Then closes
-// standard output. The server runs as long as a process holds the returned lock.
+// Starts the storage's server if none runs, and waits until a server with the requested parameters
+// is ready. Then closes standard output. The server runs as long as a process holds the returned
+// lock.
 ResHandle SizeControlServerStart(kro_args::ResultPtr args, ResHandle&& handle);
 
-// The data that the caller passes to the daemon besides its arguments.
+// The data that the --server command passes to the daemon besides the command line.
 struct DaemonStart {
     std::string server_key;
     bool is_storage_checked = false;  // see IsRightStorageAtStart
 };
 
-// Runs the daemon, from its first step in the grandchild on. Ends the process.
+// Runs the daemon in the grandchild process of the --server command. Ends the process when the
+// daemon has finished.
 [[noreturn]] void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
                             const DaemonStart& start);

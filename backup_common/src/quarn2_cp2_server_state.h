@@ -1,7 +1,7 @@
 // The state file of a running server, tmp/quarn2_cp.state[#STORAGE]: KEY=VALUE lines, readable by
-// its user only. It holds data for which the pid file has no line. A dead server may leave its
-// file. IdentityOf ignores such a file because its process id and key differ from those in the pid
-// file.
+// its user only. The file contains data for which the pid file has no line. A server that crashed
+// may leave its state file. IdentityOf ignores such a file because its process id and key differ
+// from those in the pid file.
 #pragma once
 
 #include <string>
@@ -13,12 +13,12 @@ class StateFile {
     // `storage`: the value of --storage.
     explicit StateFile(const std::string& storage);
 
-    // Writes pid, key, date and the storage's identity. When that fails, returns false, and logs
-    // the reason the first time.
+    // Writes pid, key, date and the storage's identity. When the file cannot be written, returns
+    // false. Logs the reason of the first failure.
     bool Write(const PidFile& server, const std::string& identity);
 
     // The identity of the storage that this server serves; "" when the file is missing, cannot be
-    // read or belongs to another start of the server.
+    // read or was written by an earlier server.
     std::string IdentityOf(const PidFile& server) const;
 
     void Remove() const;

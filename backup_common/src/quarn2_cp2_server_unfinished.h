@@ -1,4 +1,4 @@
-// The backups that the account must not count as complete, and the space that they use.
+// The backups that the server must not count as complete, and the space that they use.
 #pragma once
 
 #include <cstdint>
@@ -13,21 +13,21 @@
 
 class UnfinishedBackups {
   public:
-    // No unfinished backups, and no ledger.
+    // Creates an object without unfinished backups and without a ledger.
     UnfinishedBackups() = default;
 
-    // The open entries of the ledger for the storage with this identity. Logs each of them. If all
-    // slices of an entry are stored and the storage has its info file, the backup is complete: only
-    // its last command was interrupted. Its entry is completed instead.
+    // Reads the open ledger entries for the storage with this identity and logs each of them. If
+    // all slices of an entry are stored and the storage has its info file, the backup is complete,
+    // and only its last command was interrupted. The constructor then marks the entry as completed.
     UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage);
 
     // True when the info file belongs to a backup that is not complete. `last_slice`: the value of
     // "last-slice" in the info file.
     bool Contains(const std::string& info_path, std::string_view last_slice) const;
 
-    // Keeps the size that the info file of an unfinished backup names. If the storage has the info
-    // file, the backup was complete before its job was repeated. The storage may then hold its old
-    // files beside the new ones.
+    // Keeps the size from the info file of an unfinished backup. If the storage has the info file,
+    // the backup was complete before its job was repeated. The storage may then have the backup's
+    // old files as well as the new ones.
     void NoteSize(const std::string& info_path, std::string_view last_slice, std::int64_t size,
                   quarn2::Storage& storage);
 
@@ -39,7 +39,8 @@ class UnfinishedBackups {
     std::vector<LedgerEntry> Reclaimable(const std::string& date) const;
 
     // Removes the entry's slices from the storage. Then removes the entry, unless a local info file
-    // has "finished" for this backup. Throws kro_err::Error.
+    // has "finished" for this backup. Throws the storage's kro_err::Error when a slice cannot be
+    // removed.
     void Remove(const LedgerEntry& entry, quarn2::Storage& storage) const;
 
     // The names DATE.USER of the backups whose entries are open now. Reads the ledger.
@@ -57,11 +58,11 @@ class UnfinishedBackups {
 
     Ledger ledger_;
     std::string identity_;
-    std::map<std::string, LedgerEntry> open_;  // as they were when the server started
+    std::map<std::string, LedgerEntry> open_;  // open entries at the start of the server, by name
     struct Noted {
         bool was_complete = false;
         std::int64_t size = 0;
     };
-    std::map<std::string, Noted> noted_;  // by entry
+    std::map<std::string, Noted> noted_;  // by the name of the entry
     bool has_ledger_ = false;
 };

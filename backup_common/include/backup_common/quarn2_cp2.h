@@ -1,6 +1,6 @@
 // The program's entry point.
 #pragma once
 
-// Parses the command line and runs the command that it names. Returns 0 after the command has
-// returned. Exceptions of the command pass through.
+// Runs the command that the command line names. Returns 0 when the command has finished. Exceptions
+// of the command are not caught.
 int tovmain(int argc, char** argv);
