@@ -31,8 +31,9 @@ bool IsListedAtRoot(quarn2::Storage& storage, const std::string& remote) {
     return std::find(names.begin(), names.end(), remote) != names.end();
 }
 
-// Decides about another attempt. Before the next attempt, waits and returns true. After the last
-// one, or when the storage root does not list the file, writes the attempts file.
+// Decides whether a failed download is tried again. If so, waits and returns true. After the last
+// attempt, or when the storage root does not list the file, writes the attempts file and returns
+// false. For an "unauthorized" error, only returns false.
 bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std::string& local,
                  const kro_err::Error& error, int attempt) {
     if (error.type() == "unauthorized") return false;
@@ -51,7 +52,7 @@ bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std:
     return true;
 }
 
-// A restore job's target: its local path and its directory on the storage.
+// The file that a restore job requests: its local path and its directory on the storage.
 struct Target {
     std::shared_ptr<quarn2::Storage> storage;
     std::string remote_dir;
@@ -114,8 +115,8 @@ bool IsOfType(const std::string& path, mode_t type) {
     return lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
 }
 
-// Reads the path of the previous file. Throws when another user can write the tmp-file, because its
-// content decides which file is removed.
+// Reads the path of the previously downloaded file from the tmp-file. Throws when another user can
+// write the tmp-file, because its content decides which file is removed.
 std::string PreviousIn(const std::string& tmp_file) {
     try {
         return kro_file::ReadOurs(tmp_file);
@@ -170,7 +171,7 @@ void CommandGet(kro_args::ResultPtr result) {
     KRO_LOG(kLog, 5, "Get '%s'", target.local.c_str());
     if (kro_file::Exists(target.local)) return;
     target.remote_dir = RemoteDirectory(result->Args(0));
-    // A bare name is a file in the install root.
+    // A path without a directory refers to the install root, which exists.
     if (!target.local_dir().empty()) kro_file::MkDirSynced(target.local_dir());
     ProgressLine progress(1);
     target.storage->SetObserver(&progress);

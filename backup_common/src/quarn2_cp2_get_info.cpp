@@ -20,7 +20,7 @@ constexpr std::string_view kInfo = ".info";
 // the token's is stored encrypted and listed in `encrypted_lines`.
 void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const std::string& stem,
                    const quarn2::InfoMap& info, std::string& encrypted_lines) {
-    // The stem may be empty. Without an ending, the path would then be that of the directory.
+    // `stem` may be empty. Without an ending, the path would then be that of the directory.
     const std::string local_index = kro_file::ConcatPath(local_dir, stem + ".tgz");
     quarn2::BackupToken token(kro_env::GetEnv("BACKUP_TOKEN"));
     const std::string remote = stem + quarn2::GetExtByInfo(info);

@@ -68,7 +68,8 @@ std::optional<std::string>& OwnStorage() {
     return name;
 }
 
-// The name becomes a file name in the directory of the lock file, whose name starts with a dot.
+// Throws for a name that cannot be the file name of an entry. A leading dot is not allowed, because
+// the lock file in the same directory has such a name.
 void CheckEntryName(const std::string& name) {
     if (quarn2::IsSafeName(name) && name.front() != '.') return;
     throw kro_err::Error(kro_err::Kind::kFailed, "'" + name + "' is not the name of a backup");
@@ -80,8 +81,8 @@ void LogFailure(const std::string& path, const std::exception& error) {
             path.c_str(), error.what());
 }
 
-// The byte of the lock file for changes of an entry. Two entries may share a byte by chance. Then a
-// change of one waits for a change of the other.
+// The byte of the lock file for changes of an entry. Two entries whose names have the same hash
+// share a byte. Then a change of one waits for a change of the other.
 std::int64_t ChangeByte(const std::string& name) {
     return 2 * static_cast<std::int64_t>(std::hash<std::string>()(name) >> 3U);
 }
@@ -192,8 +193,8 @@ std::vector<Ledger> Ledger::All() {
     return ledgers;
 }
 
-// Throws when the directory belongs to another user, because that user's entries could name files
-// for removal.
+// Throws when the directory belongs to another user, because entries of that user could cause the
+// removal of files.
 bool Ledger::HasDirectory() const {
     if (!kro_file::Exists(directory_)) return false;
     kro_file::CheckOurDirectory(directory_);

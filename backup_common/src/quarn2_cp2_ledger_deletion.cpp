@@ -8,8 +8,8 @@
 
 namespace {
 
-// Returns no names for an info file that names too many slices. Such a backup is deleted by a
-// listing of the storage, and the ledger has none of its slices.
+// Returns no names for an info file that names too many slices. The deletion of such a backup uses
+// the listing of the storage instead of slice names, and the ledger has no slices of the backup.
 std::vector<std::string> NamedOrNone(const quarn2::InfoMap& info) {
     try {
         return NamedSlices(info);
@@ -29,8 +29,8 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
     for (const std::string& name : entries_) {
         const bool written =
             ledger_.Update(name, [](LedgerEntry& entry) { entry.RecordRemoval(); });
-        // The entry still says that slices are stored. Without it, a job that completes the same
-        // backup must ask the storage for them.
+        // The entry still records the slices as stored, so it is removed. Without an entry, a job
+        // that completes the same backup must query the storage for the slices.
         if (!written) ledger_.End(name);
     }
 }

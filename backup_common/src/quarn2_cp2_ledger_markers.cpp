@@ -19,8 +19,8 @@ std::string ThisBoot() {
 }
 
 // Converts the marker file of an upload. Its lines are the boot id, the backup and the stored name.
-// A marker file of an earlier boot is only removed, because its job has ended too. Returns true
-// when the file can be removed.
+// A marker file of an earlier boot is only removed, because the job that wrote it has ended.
+// Returns true when the file can be removed.
 bool MigrateUpload(const Ledger& ledger, const std::string& path) {
     std::string text = kro_file::Read(path);
     if (str::GetWord(text, "\n") != ThisBoot()) return true;
@@ -32,8 +32,8 @@ bool MigrateUpload(const Ledger& ledger, const std::string& path) {
     });
 }
 
-// Converts the marker file of an info file that is not on the storage yet. It contains the path of
-// the info file. Returns true when the marker file can be removed.
+// Converts the marker file of an info file that is not on the storage yet. The marker file contains
+// the path of the info file. Returns true when the marker file can be removed.
 bool MigrateUnstored(const Ledger& ledger, const std::string& path) {
     if (!str::EndsWith(path, ".info")) return true;
     const std::string info_path = kro_file::Read(path);

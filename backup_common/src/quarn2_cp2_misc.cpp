@@ -24,8 +24,8 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
-// Throws when another user's process holds the control socket, because it could confirm uploads
-// that it does not make. Returns the process id of the node client.
+// Throws when another user's process holds the control socket, because that process could confirm
+// uploads that it does not make. Returns the process id of the node client.
 pid_t CheckPeer(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;

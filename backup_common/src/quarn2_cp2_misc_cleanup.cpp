@@ -39,8 +39,8 @@ Line ParseLine(const std::string& text) {
 
 std::string ListPath(const std::string& dir) { return kro_file::ConcatPath(dir, ".cleanup"); }
 
-// Reads the list. Returns nothing when it is missing or cannot be trusted. Its lines name the files
-// to remove and their storage, so no other user may be able to write them.
+// Reads the list of incomplete backups. Returns nothing when the list is missing, or when another
+// user could have written it, because its lines decide which files are removed.
 std::optional<std::string> ReadList(const std::string& path) {
     try {
         return kro_file::ReadOurs(path);
@@ -57,7 +57,8 @@ void WriteList(const std::string& dir, const std::string& lines) {
     if (!lines.empty()) return kro_file::Write(path, lines);
     if (!kro_file::Exists(path)) return;
     kro_file::RemoveFile(path);
-    // A line that reappears after a crash could name a backup that a job has made again since.
+    // Makes the removal of the list durable. A line that reappears after a crash could refer to a
+    // backup that a job has made again since.
     kro_file::SyncDir(dir);
 }
 
@@ -66,13 +67,13 @@ std::string PrefixOf(const std::string& entry_name) {
     return IsArchive(entry_name) ? entry_name.substr(1) : entry_name;
 }
 
-// The prefix may have a slice number, because an archive with slices has a line for each slice.
+// The prefix may have a slice number, because the list has a line for each slice of an archive.
 bool IsPrefixOf(const std::string& prefix, const std::string& backup) {
     return prefix == backup || quarn2::StripSliceNumber(prefix) == backup;
 }
 
-// The archives of complete backups whose files have this prefix. A completion removes the lines of
-// its backup, so a line never refers to a complete backup.
+// The archives of complete backups whose files have this prefix. When a backup becomes complete,
+// its lines are removed from the list, so a line never refers to a complete backup.
 std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::string& dir,
                                           const std::string& prefix) {
     const std::string backup = quarn2::StripSliceNumber(prefix);
@@ -89,15 +90,15 @@ std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::s
     return archives;
 }
 
-// Returns true when the entry may be of this archive. An interrupted deletion that found the disk
-// full has left an entry with the name of the backup, not of its archive.
+// Returns true when the entry may belong to this archive. A deletion on a full disk creates an
+// entry that has the name of the backup instead of its archive (see Removal).
 bool IsOfArchive(const LedgerEntry& entry, const std::string& archive) {
     if (entry.name == archive) return true;
     return entry.is_unknown && !IsArchive(entry.name) && LedgerKey(archive) == entry.name;
 }
 
-// The unfinished backups to which a line refers. Backups of one day have the same prefix, whatever
-// their type, and one of them may be complete.
+// The unfinished backups to which a line of the list refers. All backups of a user and day have the
+// same prefix, independent of their type, and one of them may be complete.
 class IncompleteBackups {
   public:
     IncompleteBackups(const Ledger& ledger, const Line& line, quarn2::Storage& storage,
@@ -113,9 +114,9 @@ class IncompleteBackups {
 
     const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
 
-    // True for a file of the unfinished backups. Without ledger entries, these are all files of the
-    // prefix that belong to no complete backup, because an older version or another machine made
-    // the unfinished one.
+    // True for a file of the unfinished backups. If the ledger has no entry for them, an older
+    // version or another machine has made them. Then these are all files with the prefix that
+    // belong to no complete backup.
     bool Has(const std::string& name) const {
         const std::string stem = quarn2::StripSliceNumber(name);
         const bool is_archive = IsArchive(stem);
@@ -127,7 +128,8 @@ class IncompleteBackups {
                });
     }
 
-    // A job that is running must notice that its slices are removed.
+    // Records in the ledger that the slices are removed, so that a running job does not complete a
+    // backup without these slices.
     void RecordRemoval() const {
         for (const LedgerEntry& entry : entries_) {
             ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
@@ -141,7 +143,8 @@ class IncompleteBackups {
         });
     }
 
-    // True when a job makes this archive, or its index, again.
+    // True when the ledger has an entry for this archive or for its index, because a job makes them
+    // again.
     bool IsInWork(const std::string& archive) const {
         return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
             return entry.name == archive || entry.name == LedgerKey(archive);
@@ -163,7 +166,7 @@ void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
 }
 
 // Deletes an info file that an earlier run of the job left with another prefix or in a directory.
-// It would count as a backup after the entry has ended.
+// Without the ledger entry, this info file would count as a complete backup.
 void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::string& dir,
                     const LedgerEntry& entry) {
     const std::string info_path =
@@ -175,8 +178,8 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
 }
 
 // Removes the unfinished backups to which the line refers. Returns the names of their ledger
-// entries. The caller must remove the entries after the line, because a line without entries refers
-// to every file of the prefix.
+// entries. The caller must first remove the line and then the entries, because a line without
+// entries refers to every file with the prefix.
 std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& line) {
     // An empty prefix would match files that belong to no such backup.
     if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
@@ -263,7 +266,8 @@ void CleanUp(const std::string& dir) {
         }
     }
     WriteList(dir, failed);
-    // A remaining line needs the entries to distinguish the backups of one prefix.
+    // While a line remains in the list, the entries stay, because they distinguish the backups with
+    // the same prefix.
     if (!failed.empty()) return;
     for (const std::string& name : ended) OwnLedger().End(name);
 }

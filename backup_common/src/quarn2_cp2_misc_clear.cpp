@@ -25,7 +25,7 @@ std::string ClearMark(const std::string& info_root) {
     return kro_file::ConcatPath(info_root, kClearMark);
 }
 
-// Writes the marker file. As long as it exists, no server starts with this info root.
+// Writes the marker file. As long as this file exists, no server starts with this info root.
 void MarkInfoRoot(const std::string& identity) {
     try {
         kro_file::Write(ClearMark(kInfoRoot),
@@ -37,8 +37,9 @@ void MarkInfoRoot(const std::string& identity) {
     }
 }
 
-// The interrupted --clear may have removed the newest backups already, so the marker must say which
-// storage it was. One of an earlier version, or one that is empty, does not.
+// Throws when the marker file of an interrupted --clear names another storage. Only the marker file
+// identifies the storage, because the newest backups may already be removed. A marker file that is
+// empty or was written by an earlier version names no storage and is accepted.
 void CheckIsMarkedStorage(const std::string& mark, const std::string& identity) {
     std::string begun = kro_file::ReadE(mark);
     str::GetWord(begun, kStorageLine);
@@ -50,7 +51,8 @@ void CheckIsMarkedStorage(const std::string& mark, const std::string& identity) 
         mark + " first");
 }
 
-// With another storage's token, --clear would remove the info files of backups that still exist.
+// Throws when BACKUP_TOKEN seems to belong to another storage than the info root. Otherwise --clear
+// would remove the info files of backups that still exist.
 void CheckIsOurStorage(quarn2::Storage& storage, const std::string& identity) {
     const std::string mark = ClearMark(kInfoRoot);
     if (kro_file::Exists(mark)) return CheckIsMarkedStorage(mark, identity);
@@ -63,8 +65,8 @@ void CheckIsOurStorage(quarn2::Storage& storage, const std::string& identity) {
         "purpose, run --server --rescan, and --clear again");
 }
 
-// Removes the ledger entries of this storage. Jobs that are running then query the storage for
-// their slices.
+// Removes the ledger entries of this storage. A running job then queries the storage instead of the
+// ledger for its slices.
 void ForgetUnfinished(const std::string& identity) {
     for (const Ledger& ledger : Ledger::All()) {
         for (const LedgerEntry& entry : ledger.Entries()) {
@@ -78,15 +80,16 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     // followed.
     const std::string identity = StorageIdentity(TokenByEnv());
     if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage, identity);
-    // The marker file prevents servers from starting until another --clear. So it is written only
-    // after the storage has answered.
+    // The marker file prevents servers from starting until another --clear has succeeded. So it is
+    // written only after the storage has answered a request.
     ListOrNothing(storage, "");
     if (has_info_root) MarkInfoRoot(identity);
     ForgetUnfinished(identity);
     try {
         storage.Clear();
     } catch (const kro_err::Error& error) {
-        // A storage that is missing or refuses access has lost nothing.
+        // Nothing was removed from a storage that is missing or refuses access, so servers may
+        // start again.
         if (error.type() == "not_found" || error.type() == "unauthorized") {
             kro_file::RemoveFile(ClearMark(kInfoRoot));
         }
@@ -100,11 +103,11 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
 
 void CommandClear() {
     KRO_LOG(kLog, 5, "Clear all storage");
-    // A malformed token throws. Otherwise the info files would be removed while the storage keeps
-    // its files.
+    // A malformed token throws here. Otherwise the info files would be removed while the storage
+    // keeps its files.
     const bool has_token = !kro_env::GetEnv("BACKUP_TOKEN").empty();
     const std::shared_ptr<quarn2::Storage> storage = has_token ? GetStorageByEnv() : nullptr;
-    // The target of a link is not removed.
+    // When the info root is a symbolic link, only the link is removed.
     const bool has_info_root =
         std::filesystem::is_directory(std::filesystem::symlink_status(kInfoRoot));
     if (storage) ClearStorage(*storage, has_info_root);
@@ -114,7 +117,8 @@ void CommandClear() {
         kro_file::Remove(kInfoRoot);
     }
     kro_file::Remove(kPrivateInfoRoot);
-    // Info files that reappear after a crash would count as backups.
+    // Makes the removals durable, because info files that reappear after a crash would count as
+    // backups.
     if (kro_file::Exists("var/backup")) kro_file::SyncDir("var/backup");
 }
 

@@ -23,7 +23,7 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::size_t kFirstSliceEnding = 6;  // ".1.dar"
-constexpr std::size_t kCustomHead = 11;       // "C" and a date; "custom" in companion names
+constexpr std::size_t kCustomHead = 11;  // "C" and a date; companion names have "custom" instead
 
 bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
 
@@ -31,9 +31,9 @@ bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
 // files.
 struct PlainBackup {
     Removal& storage;
-    std::string directory;  // of the info file
+    std::string directory;  // the directory of the info file
     std::string extension;
-    std::string last_slice;  // the complete value, not only its first word
+    std::string last_slice;  // complete value of "last-slice", not only its first word
 };
 
 // The number of the last slice; 0 when the name has no valid number.
@@ -46,8 +46,8 @@ int CountOf(const std::string& number) {
     }
 }
 
-// Removes the slices that the storage lists. For a slice number beyond those of real archives, one
-// request for each possible name would take hours.
+// Removes only the slices that the storage lists. When the info file names an impossibly high slice
+// number, one request for each possible slice would take hours.
 void RemoveListed(Removal& storage, const std::string& stem, int count, const std::string& ending) {
     std::vector<std::string> names;
     storage.storage()->List(names, "");
@@ -119,8 +119,8 @@ void RemoveCompanions(const PlainBackup& backup, const std::string& slice) {
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".tgz"));
     DeleteEncryptedIndex(kro_file::ConcatPath(backup.directory, stem + ".tgz.aes"));
     backup.storage.RemoveFile(stem + ".info");
-    // The removals on the storage must be durable first. If files reappear there after a crash,
-    // only the local info file refers to them.
+    // The removals on the storage must be durable before the local info file is removed. If stored
+    // files reappear after a crash, only the local info file refers to them.
     backup.storage.storage()->SyncRemovals("");
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".info"));
 }
@@ -130,8 +130,8 @@ void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const s
     const std::string name =
         shared_role ? InsertRole(backup, slice, key.substr(std::string_view("role-").size()))
                     : RemovePieces(backup, slice);
-    // The name of a role comes from the info file unchecked, and local file names are derived from
-    // it.
+    // The info file can contain any name for a role, and local file names are derived from this
+    // name.
     if (name.find('/') != std::string::npos) {
         throw std::runtime_error("'" + name + "' is not the name of a slice");
     }
@@ -139,12 +139,12 @@ void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const s
 }
 
 // Removes the local files with the backup's name. Removes the info file last, because the deletion
-// can be repeated as long as it exists.
+// can be repeated as long as the info file exists.
 void RemoveLocalFiles(const std::string& info_path) {
     const std::string directory = kro_file::Path(info_path);
     std::string name = kro_file::Name(info_path);
     str::RGetWord(name, ".info");
-    // The name may be empty. Without an ending, the path would then be that of the directory.
+    // `name` may be empty. Without an ending, the path would then be that of the directory.
     const auto local = [&](const char* ending) {
         return kro_file::ConcatPath(directory, name + ending);
     };
@@ -178,7 +178,7 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
 }
 
 // Removes the backup's files from a directory of the storage. Removes the info file last: as long
-// as the storage has it, a rescan fetches it and the deletion can be repeated.
+// as the storage has the info file, a rescan downloads it and the deletion can be repeated.
 void RemoveOwnFiles(Removal& storage, const std::string& directory,
                     const std::vector<std::string>& names, const BackupNames& backup) {
     const std::string info_name = backup.date + "." + backup.user + ".info";
@@ -190,9 +190,9 @@ void RemoveOwnFiles(Removal& storage, const std::string& directory,
     storage.storage()->SyncRemovals(directory);
 }
 
-// Removes the backup's directory on the storage, or only the backup's files if others share the
-// directory. They share it when a job stages the archives of several users in one directory that is
-// named like a date.
+// Removes the backup's directory on the storage, or only the backup's files if other backups use
+// the same directory. That happens when a job stages the archives of several users in one directory
+// that is named like a date.
 void RemoveStoredDirectory(Removal& storage, const std::string& directory,
                            const std::string& info_path, const quarn2::InfoMap& info) {
     const BackupNames backup = NamesOf(info_path, info, directory);
@@ -221,7 +221,7 @@ bool HoldsOtherBackups(const std::string& directory, const std::string& info_nam
 
 // True when the info file's directory is USER/DATE and belongs to the backup. An info file in
 // directory form can also be elsewhere, such as in the info root or where a job stages archives.
-// Then only its own files may be removed.
+// Then only the backup's own files may be removed.
 bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
     return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
            kro_file::Name(kro_file::Path(directory)) == quarn2::GetUserName(info_name) &&
@@ -243,15 +243,15 @@ void RemoveLocalDirectory(const std::string& info_path) {
     kro_file::SyncDir(parent);
 }
 
-// Removes the info file from the storage root, regardless of the slices' names: a rescan must not
-// restore the backup.
+// Removes the info file from the storage root, independent of the names of the slices, so that a
+// rescan does not restore the backup.
 void RemoveStoredInfo(Removal& storage, const std::string& info_path) {
     storage.RemoveFile(kro_file::Name(info_path));
     storage.storage()->SyncRemovals("");
 }
 
-// Deletes the files of every entry that names slices, then the stored info file and the local
-// files.
+// Deletes the files of every key in the info file that names slices, then the stored info file and
+// the local files.
 void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2::InfoMap& info) {
     const auto last_slice = info.find("last-slice");
     const PlainBackup backup{storage, kro_file::Path(info_path), quarn2::GetExtByInfo(info),
@@ -259,7 +259,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     bool plain_form = false;
     bool directory_form = false;
     bool all_deleted = true;
-    // From the last key to the first: every role is deleted before "last-slice".
+    // Iterates from the last key to the first, so that every role is deleted before "last-slice".
     for (auto entry = info.rbegin(); entry != info.rend(); ++entry) {
         const auto& [key, value] = *entry;
         if (!NamesSlice(key)) continue;
@@ -318,7 +318,7 @@ struct Week {
     std::string user_dir;
     std::string user;
     std::string date;
-    std::string identity;  // of the full backup, as "base" of its dependants names it
+    std::string identity;  // name of the full backup in the "base" key of its dailies
 };
 
 Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
@@ -335,8 +335,8 @@ Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
     return week;
 }
 
-// Handles the newest dependant first, so that with `force` an interruption leaves a chain that can
-// still be restored.
+// Throws for a dependent backup or, with `force`, deletes all dependent backups. Deletes the newest
+// first, so that after an interruption the remaining backups can still be restored.
 void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Week& week,
                       bool force) {
     constexpr int kLastWeekday = 6;

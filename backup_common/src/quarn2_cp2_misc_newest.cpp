@@ -34,8 +34,8 @@ bool IsStorableComponent(const std::string& name) {
            kro_file::TemporaryName(name).size() <= NAME_MAX;
 }
 
-// Other programs also write info files. A storage refuses an invalid name with an error, which
-// would look like a failure of the storage.
+// False for a name that a storage would refuse. Other programs also write info files, which may
+// have such names. The refusal would look like a failure of the storage.
 bool IsStorable(std::string name) {
     if (name.empty()) return false;
     while (!name.empty()) {

@@ -57,7 +57,8 @@ bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string&
         DeleteLocallyIf(directory, takes, kWhy);
         return true;
     } catch (const std::exception& error) {
-        // Administrators' filters match the beginning of this line, so the reason follows it.
+        // Administrators' log filters match the beginning of this message, so the reason is at its
+        // end.
         kLog.Text(4, std::string("Cant delete backup '%' :") + " " + error.what());
         return false;
     }

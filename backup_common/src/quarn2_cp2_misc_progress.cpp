@@ -27,7 +27,7 @@ std::string Time(std::int64_t seconds) {
     return str::Str(seconds / kMinute) + ":" + (rest.size() < 2 ? "0" : "") + rest;
 }
 
-// The remaining time, estimated from the share that is done; -1 when that is impossible.
+// The remaining time, estimated from the work that is done; -1 when no estimate is possible.
 std::int64_t SecondsLeft(const Progress& progress) {
     const bool by_bytes = progress.all_files == 1 && progress.all_bytes > 0;
     const std::int64_t done = by_bytes ? progress.bytes : progress.files;
@@ -64,10 +64,11 @@ ProgressLine::~ProgressLine() {
 void ProgressLine::Begin(std::int64_t size) {
     progress_.all_bytes = size;
     if (progress_.all_files != 1) return;
-    // This is another attempt at the same file, or the file itself after its info file.
+    // Begin is called again for another attempt at the same file, and for the requested file after
+    // its info file.
     progress_.bytes = 0;
     start_ = kro_date::SystemNow();
-    // There is no rate during the first second.
+    // Shows nothing during the first second, because the rate is not known yet.
     last_ = start_;
 }
 

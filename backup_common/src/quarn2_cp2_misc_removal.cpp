@@ -22,7 +22,8 @@ constexpr const char* kKey = "deletion";
 constexpr const char* kFinished = "finished";
 constexpr const char* kWasFinished = "deletion-finished";
 
-// In the info file of a finished backup, a key of this name belongs to another program.
+// True when the deletion of the backup has begun. If the info file also has "finished", the key
+// "deletion" belongs to another program.
 bool IsBegun(const quarn2::InfoMap& info) {
     return info.contains(kKey) && !info.contains(kFinished);
 }
@@ -62,7 +63,7 @@ void Removal::RemoveFile(const std::string& name) {
     try {
         storage_->RemoveFile(name);
     } catch (const kro_err::Error& error) {
-        // With any other error, the file may be gone.
+        // After any other error, the storage may have removed the file.
         touched_ = touched_ || (error.type() != "not_found" && error.type() != "unauthorized");
         throw;
     }
@@ -144,8 +145,8 @@ bool HasSlicesAndInfo(quarn2::Storage& storage, const std::string& info_path,
     return AreOnStorage(storage, names);
 }
 
-// In directory form, a deletion removes the files in any order. So the index must be known and be
-// on the storage as well.
+// The deletion of a backup in a directory of its own removes the files in any order. So the storage
+// must also have the backup's index, whose name is only known from the local copy.
 bool HasEveryFile(quarn2::Storage& storage, const std::string& info_path,
                   const quarn2::InfoMap& info) {
     const std::string directory = kro_file::Path(LastSliceOf(info));
@@ -186,7 +187,7 @@ void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage,
         try {
             info.Read(path);
         } catch (const kro_err::Error&) {
-            continue;  // reported when the file is used
+            continue;  // a later use of the file reports the error
         }
         if (!IsBeingDeleted(info)) continue;
         KRO_LOG(kLog, 5, "Finish the deletion of '%s'", path.c_str());

@@ -15,7 +15,7 @@ constexpr std::size_t kDateSize = std::string_view("YYYY-MM-DD").size();
 constexpr std::size_t kCustomHead = 1 + kDateSize;  // "C" and a date
 
 struct Numbered {
-    std::string head;  // up to the number
+    std::string head;  // the part before the number
     int last = 0;
     std::string tail;
 };
@@ -70,7 +70,7 @@ std::vector<std::string> NamedSlices(const quarn2::InfoMap& info) {
     std::vector<std::string> names;
     const auto last = info.find("last-slice");
     for (const auto& [key, value] : info) {
-        // A role with the archive's own value has no slices of its own.
+        // A role with the same value as "last-slice" has no slices of its own.
         const bool is_shared = key != "last-slice" && last != info.end() && value == last->second;
         if (!NamesSlice(key) || is_shared) continue;
         std::string rest = value;

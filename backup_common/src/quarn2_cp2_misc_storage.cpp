@@ -14,7 +14,8 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// Relative paths are resolved against the install root, because every role works there.
+// Relative paths are resolved against the install root, because it is the working directory of
+// every command.
 ProtectedDirectories FindProtected(const std::string& info_root) {
     ProtectedDirectories found;
     for (const char* const path : {"", "var"}) found.outside.push_back(ResolvePath(path));
@@ -44,8 +45,9 @@ std::optional<Overlap> FindOverlap(const fs::path& storage, const fs::path& dire
     return std::nullopt;
 }
 
-// The directories in which the storage keeps files: its own, that of `remote`, and the targets of
-// links at its top. An administrator may spread a storage over several disks with such links.
+// The directories in which the storage keeps files: the storage directory, the directory of
+// `remote`, and the targets of symbolic links at the top of the storage. An administrator may
+// spread a storage over several disks with such links.
 std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& remote) {
     std::vector<fs::path> found = {storage, ResolvePath(storage / kro_file::Path(remote))};
     std::error_code error;

@@ -20,7 +20,7 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-// An info file may hold the archive's password.
+// Other users must not read an info file, because it may contain the archive's password.
 constexpr mode_t kInfoMode = 0640;
 
 // Throws for a name with a blank. The node client parses a trailing " DELETE" as an option of the
@@ -56,8 +56,9 @@ void RecordUpload(quarn2::InfoMap& info, const std::string& info_path, const Tak
     if (!args.Has("convert")) StampTimes(info, info_path);
 }
 
-// Adds the length of the text to its own "size". More digits can make the text longer, so this is
-// repeated until the length is stable.
+// Returns the text of the info file. Its "size" includes the length of this text. A larger "size"
+// may have more digits and make the text longer, so the computation is repeated until the length is
+// stable.
 std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     const std::int64_t data = str::Int64(info["size"]);
     auto length = static_cast<std::int64_t>(str::Join(info, "\n").size());
@@ -70,7 +71,8 @@ std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     }
 }
 
-// Records the put of an info file that has "finished" before the storage has it. The node client
+// Records in the ledger that the info file is being put. The local info file has "finished" before
+// the storage has the file, so the entry shows that the backup is not complete yet. The node client
 // ends the entry when the backup is complete.
 void RecordInfo(const std::string& file, const std::string& local_info, const std::string& text,
                 const quarn2::InfoMap& info) {
@@ -100,7 +102,7 @@ void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
 }
 
 // Throws when BACKUP_TOKEN has a key other than the backup's slices, because the file could not be
-// restored together with them.
+// restored together with the slices.
 void CheckKey(const std::string& path) {
     if (str::EndsWith(path, ".info")) return;
     const quarn2::InfoMap info = quarn2::GetInfo(quarn2::GetInfoFile(
@@ -118,8 +120,8 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     const std::string file = GetArgPath(args->Args(0));
     KRO_LOG(kLog, 5, "Put %s", file.c_str());
     CheckFileName(file);
-    // The upload uses the node client's token. This job's own token is checked too, because the
-    // job's next command may use it.
+    // The upload uses the node client's token. This job's own token is checked as well, because the
+    // job's next command may use its own token.
     CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
     const Taken taken =
         ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
@@ -145,7 +147,8 @@ void CommandUpdate(const std::string& path) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
     CheckSource(TokenByEnv(), remote, path);
     CheckKey(path);
-    // The stored file is removed first, so the new one must exist.
+    // Throws when the new file does not exist, because the stored file is removed before the
+    // upload.
     kro_file::Size(path);
     ProgressLine progress(1);
     storage->SetObserver(&progress);

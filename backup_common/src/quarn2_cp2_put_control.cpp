@@ -75,7 +75,7 @@ bool ControlPeer::Collect() {
 
 void ControlPeer::Answer() {
     const std::string answer = service_(command_);
-    // A write error is ignored, because a command that has ended does not wait for its answer.
+    // A write error is ignored, because a sender that has ended does not need the answer.
     [[maybe_unused]] const ssize_t written = write(connection_, answer.data(), answer.size());
 }
 

@@ -44,8 +44,8 @@ bool IsFailure(SliceState state) {
                              ". Put this file again, or repeat the whole job");
 }
 
-// Resets the entry for a job that starts again. The job replaces its earlier slices. A slice that
-// it does not make again is no failure of this run.
+// Resets the entry for a job that starts again and replaces its earlier slices. A failed upload of
+// the earlier run does not count as a failure of the new run.
 void BeginAgain(LedgerEntry& entry) {
     entry.started.clear();
     for (auto& [name, slice] : entry.slices) {
@@ -59,8 +59,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
 }
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
-// complete the backup before it has put all of them again. The slices of another archive of the
-// same day, such as a daily that becomes a full backup, are left over when the job is complete.
+// complete the backup before it has put all of these slices again. The slices of another archive of
+// the same day, such as a daily that becomes a full backup, are left over when the job is complete.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));
@@ -79,7 +79,9 @@ void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     }
 }
 
-// True when the slice's key allows the job to continue after its earlier slices.
+// True when a slice with this key can belong to the same backup as the stored slices: the key is
+// the same, the slice replaces a slice of this name, it is the first slice, or no slice is stored
+// yet.
 bool HasSameKey(const LedgerEntry& entry, const std::string& name, const std::string& key_hash) {
     if (entry.key_hash == key_hash || entry.slices.contains(name) || IsFirstSlice(name))
         return true;
@@ -139,7 +141,8 @@ void PutLedger::BelongHere(LedgerEntry& entry) const {
     const bool is_current = IsCurrent(entry);
     entry.storage = identity_;
     if (is_current) return;
-    // The backup was started on another storage, where its slices stay.
+    // The entry belongs to a backup on another storage. The slices there stay, and this entry
+    // starts empty.
     std::string name = std::move(entry.name);
     entry = {};
     entry.name = std::move(name);
@@ -162,11 +165,11 @@ bool PutLedger::Set(const std::string& entry, const std::string& name, const Led
     return written;
 }
 
-// Records the start of an upload. It is called before the upload changes the storage.
+// Records the start of an upload. Must be called before the upload changes the storage.
 void PutLedger::BeginUpload(const std::string& entry, const std::string& name,
                             const LedgerSlice& slice) {
-    // Removed slices are no sign of a run that goes on: they may be left over from a complete
-    // backup.
+    // Slices in state kRemoved do not show that this run has uploaded anything, because they may
+    // belong to an earlier complete backup.
     const auto is_other = [&name](const auto& each) {
         const SliceState state = each.second.state;
         return each.first != name && state != SliceState::kRefused && state != SliceState::kRemoved;
@@ -214,8 +217,8 @@ void PutLedger::WaitForOthers(const std::vector<std::string>& entries) const {
     }
 }
 
-// The entries whose failed uploads concern this info file. Another archive of the same backup comes
-// from an earlier job of another type.
+// The entries whose failed uploads concern this info file. Entries of another archive of the same
+// backup are left out, because an earlier job of another backup type made that archive.
 std::vector<LedgerEntry> PutLedger::OwnEntries(const std::string& info_path,
                                                const quarn2::InfoMap& info) const {
     const std::string archive = ArchiveOf(info);

@@ -46,8 +46,8 @@ ResHandle OpenControlSocket(const std::string& path) {
     if (!listening) throw std::runtime_error("Failed to open socket");
     const sockaddr_un address = SocketAddress(path);
     kro_file::RemoveFile(path);
-    // bind() creates the file with this mode less the umask, so that no other user can connect
-    // before the chmod() below.
+    // bind() creates the socket file with this mode less the umask, so that no other user can
+    // connect before the chmod() below.
     fchmod(listening, kSocketMode);
     if (bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         throw std::runtime_error("Failed to bind to '" + path + "' error " + str::Str(errno));
@@ -100,8 +100,8 @@ NodeSide::~NodeSide() {
     try {
         for (auto& [key, upload] : uploads_) upload.Join();
     } catch (const std::exception&) {
-        // The job got this error if it waited for the upload. The destructors of the thread handles
-        // wait for the remaining uploads.
+        // A job that waited for the upload has received this error. The destructors of the thread
+        // handles wait for the remaining uploads.
     }
 }
 

@@ -81,7 +81,8 @@ void Upload::Put() {
             failed_ = false;
             break;
         } catch (const CommandError& error) {
-            // The job gets no error. Only this line and the attempts file report the failure.
+            // The job gets no error. Only this log message and the attempts file report the
+            // failure.
             LogGivenUp(local_path_, error);
             Release(error.what(), source);
             return;
@@ -94,8 +95,8 @@ void Upload::Put() {
     if (delete_after_) RemoveSource(source);
 }
 
-// Sends the file until the storage accepts it. When the storage is full, requests an eviction from
-// the server before each retry.
+// Repeats the transfer until the storage has the file. When the storage is full, requests an
+// eviction from the server before each repetition.
 void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
@@ -131,8 +132,8 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
         Release(error.what(), source);
         return false;
     }
-    // The file has changed, but the job already has its old size. Another attempt would store
-    // content that does not match this size.
+    // The file has changed, but the job has already received the old size from the node client.
+    // Another attempt would store content that does not match this size.
     if (source && source->Compare() != SourceState::kUnchanged) {
         LogGivenUp(local_path_, error);
         Release(error.what(), source);
@@ -164,7 +165,7 @@ void Upload::RemoveSource(const Source& source) const {
 void Upload::Release(const std::string& reason, const Source& source) {
     quarn2::CreateAttemptsFile(local_path_, reason);
     RemoveSource(source);
-    // Releases the size of the node's latest file, which may be another file. The server's next
-    // completion drops all reservations anyway.
+    // Releases the size of the file in the node client's latest put, which may be another file. The
+    // difference does not last, because the server's next completion resets all reservations.
     node_->DoCommand("RELEASE " + str::Str(node_->size()) + "\n");
 }

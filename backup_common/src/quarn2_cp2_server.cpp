@@ -87,7 +87,7 @@ void CommandServer(int /*argc*/, char** /*argv*/, kro_args::ResultPtr args) {
         CheckNoBrokenRescan(info_root, storage);
     }
     handle = SizeControlServerStart(args, std::move(handle));
-    // Holds the server until the caller closes standard input.
+    // Keeps the server alive until the process that started this command closes standard input.
     kro_thread::SafeLock lock;
     quarn2::Expect loop;
     loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));

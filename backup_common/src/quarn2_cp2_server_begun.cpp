@@ -1,5 +1,5 @@
-// Finishes the work of earlier processes: deletions that were begun, and slices of backups that
-// will not be completed.
+// Finishes the work of earlier processes: interrupted deletions, and slices of backups that will
+// not be completed.
 
 #include <algorithm>
 #include <exception>
@@ -71,8 +71,8 @@ void GlobalSizeControl::FinishDeletions() {
     }
 }
 
-// A storage error passes through, because the next victim would fail with it too. Any other error
-// concerns one info file only and must not prevent evictions.
+// Throws an error of the storage, because the next eviction would fail with the same error. Any
+// other error concerns one info file only and must not prevent evictions.
 void GlobalSizeControl::FinishBegunFirst() {
     for (auto& [key, desc] : storages) {
         std::erase_if(desc.half_deleted, [&storage = desc](const auto& begun) {

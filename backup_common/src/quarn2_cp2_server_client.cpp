@@ -64,7 +64,7 @@ ClientProcess::~ClientProcess() {
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "%s", error.what());
     }
-    // Closes the descriptor for the event loop's copy of the handle too.
+    // Closes the pipe even if the event loop still has a copy of the handle.
     output_.Close();
 }
 
@@ -75,8 +75,8 @@ ClientProcess::Pipes ClientProcess::Start() {
     child_.RedirectInTo(std::move(to_client_read));
     child_.RedirectOutTo(std::move(from_client_write));
     child_.RedirectErrTo(std::move(errors_write));
-    // Only the link passes the token to the client. ssh must not prompt, because no user is at a
-    // terminal.
+    // The client gets the token only over the master link, so BACKUP_TOKEN is removed from its
+    // environment. ssh must not prompt, because no user is at a terminal.
     child_.LeaveTerminal();
     child_.ChangeEnvironment({"BACKUP_TOKEN", "SSH_ASKPASS", "SSH_ASKPASS_REQUIRE=never"});
     child_.Run();

@@ -1,4 +1,4 @@
-// The daemon process, from its pid file to the removal of its files.
+// The daemon process of the size control server: its start, its event loop and its end.
 
 #include <fcntl.h>
 #include <poll.h>
@@ -61,11 +61,13 @@ class Daemon {
         control->Init(date_);
         control->FinishDeletions();
         control->FitIntoLimits();
-        // Written before AnnounceReady, because callers that join read the state file.
+        // Writes the state file before AnnounceReady, because --server commands read the state file
+        // as soon as the server is ready.
         WriteState();
         AnnounceReady();
         Serve(*loop, *nodes);
-        // Later callers must wait for the end of this server instead of joining it.
+        // Empties the pid file, so that new --server commands wait for the end of this server
+        // instead of using it.
         if (signal_->arrived()) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
@@ -77,7 +79,8 @@ class Daemon {
     }
 
   private:
-    // The date is read once, so that the pid file and the account agree over midnight too.
+    // Reads the current date only once, so that the pid file and the scan have the same date even
+    // around midnight.
     static std::string ReferenceDate(const std::string& date) {
         return date.empty() || date == "custom" ? kro_date::Date::Today().AsDate() : date;
     }
@@ -96,7 +99,7 @@ class Daemon {
         is_state_written_ = state_file_.Write(Myself(), StorageIdentity(token));
     }
 
-    // Takes the record lock, by which callers recognize that this server is ready.
+    // Takes the record lock, by which --server commands recognize that this server is ready.
     void AnnounceReady() const {
         struct flock lock {};
         lock.l_type = F_WRLCK;
@@ -106,7 +109,7 @@ class Daemon {
         }
     }
 
-    // Serves until no caller locks the lock file, or until a termination signal arrives.
+    // Serves until no --server command locks the lock file, or until a termination signal arrives.
     void Serve(quarn2::Expect& loop, NodeSessions& nodes) {
         lock_file_ = OpenLockFile(files_.lock);
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
@@ -118,10 +121,11 @@ class Daemon {
         }
     }
 
-    // Without a signal, this process has the lock file's exclusive lock and new callers wait for
-    // it, so the pid file is removed first. After a signal, callers may still have shared locks.
-    // Then the pid file must exist until the lock file is removed. Otherwise a new server could
-    // start, and this process would remove its lock file.
+    // Without a signal, this process has the exclusive lock on the lock file and new --server
+    // commands wait for that lock, so the pid file is removed first. After a signal, --server
+    // commands may still have shared locks. Then the pid file must exist until the lock file is
+    // removed. Otherwise a new server could start, and this process would remove the new server's
+    // lock file.
     void RemoveFiles() {
         kro_log::Close();
         state_file_.Remove();

@@ -57,8 +57,8 @@ std::vector<std::string> ExcessDailies(const Backups& backups, int leave) {
     return dates;
 }
 
-// One pass over the records is enough, because the deletion of a full whose successor is a full
-// makes no earlier record removable.
+// One pass over the backups is enough, because the deletion of a full backup that another full
+// backup follows does not make an earlier backup removable.
 std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
     std::vector<std::string> dates;
     std::int64_t excess = Count(backups, IsFull) - leave;
@@ -82,9 +82,9 @@ void CheckInfoRoot(const std::string& path) {
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
 }
 
-// Deletes a backup. If it has no local info file, a job has deleted it, or the file is on another
-// machine or in a job's own directory. Then the storage is queried. A record of size 0 fills a
-// missing day and needs no query, because it has no files.
+// Deletes a backup. If the backup has no local info file, a job has deleted the backup, or the info
+// file is on another machine or in a job's own directory. Then the storage is queried. A record of
+// size 0 stands for a missing day. Such a record needs no query, because it has no files.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
     const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);
@@ -110,8 +110,8 @@ void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
     }
 }
 
-// False while the storage does not answer. Count limits can wait, because a server must start and
-// end without the storage too.
+// False while the storage does not answer. The deletions for the count limits can wait, because a
+// server must be able to start and end while the storage is down.
 bool MayDelete(GlobalSizeControl& control) {
     try {
         control.CheckStorage();
@@ -158,9 +158,9 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// Removes a user's newest backup from the account if another process has deleted it. Commands
-// delete backups without this process. Otherwise the deleted backup would be protected as the
-// newest, and the newest existing one could be evicted. Returns true when it has removed one.
+// Forgets the newest backup of each victim's user if another process, such as --delete, has deleted
+// that backup. Otherwise the deleted backup would be protected as the newest, and the newest
+// existing backup could be evicted. Returns true when a backup was forgotten.
 bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
     bool any = false;
     for (const Victim& victim : victims) {
@@ -172,9 +172,9 @@ bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) 
     return any;
 }
 
-// Removes all deleted backups of the victims' users from the account. With count limits, each
-// deleted backup that is still counted would cause the deletion of an existing one. Returns true
-// when it has removed one.
+// Forgets all backups of the victims' users that another process has deleted. With count limits,
+// each deleted backup that is still counted would cause the deletion of an existing one. Returns
+// true when a backup was forgotten.
 bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
     std::set<std::pair<std::string, std::string>> users;
     for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
@@ -197,7 +197,8 @@ void ExecutePass(GlobalSizeControl& control, const Victims& victims) {
     throw std::runtime_error("No space left. But all backups are locked");
 }
 
-// The operator must see that a limit or a size is wrong, and that no backup was deleted.
+// Logs that evictions cannot free enough space, so that the operator sees that a limit or a size is
+// wrong and that no backup was deleted.
 void LogImpossible(const EvictionPlan& plan, std::int64_t wanted, const char* unit) {
     KRO_LOG(kLog, 4,
             "Evictions cannot make room: %lld %s, and all evictions together would free %lld "
@@ -218,14 +219,15 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     return found->first;
 }
 
-// Until a begun deletion is finished, it uses space that a plan would take from other backups.
+// True when an interrupted deletion is not finished yet. The remaining files of that deletion use
+// space, for which a plan would delete other backups.
 bool HasBegunDeletion(const GlobalSizeControl& control) {
     return std::any_of(control.storages.begin(), control.storages.end(),
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// The account without the backups whose jobs are being repeated. The ledger also has jobs that
-// started after the server.
+// The model without the backups that a job is making again. Reads these jobs from the ledger,
+// because they may have started after the server.
 Storages Evictable(const GlobalSizeControl& control) {
     const std::set<std::string> open = control.unfinished.OpenKeys();
     return WithoutOpen(control.storages, [&open](const std::string& user, const std::string& date) {

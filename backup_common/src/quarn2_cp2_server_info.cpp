@@ -25,8 +25,8 @@ std::string FetchInfoFile(quarn2::Storage& storage, const std::string& root,
     std::string path = kro_file::ConcatPath(root, name);
     kro_file::MkDirSynced(root);
     if (Download(storage, name, path)) return path;
-    // Checks for the file before the local directories are created, because they would stay empty
-    // without it.
+    // Checks that the storage has the file before it creates the local directories, because they
+    // would stay empty without the file.
     const std::string in_directory = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
     if (!IsOnStorage(storage, in_directory)) return {};
     path = kro_file::ConcatPath(root, in_directory);

@@ -11,7 +11,7 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
-// Parses one number of an option; 0 means `none`.
+// Parses one number of an option. Returns `none` when the number is 0.
 template <class Number>
 Number LimitOr(Number none, const std::string& text, const std::string& option,
                const std::string& value, const char* expected) {

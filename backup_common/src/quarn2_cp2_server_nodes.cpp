@@ -75,7 +75,8 @@ void SupervisedNode::Close() {
     session_.reset();
 }
 
-// A node never has two clients at a time. Its next session waits for the end of this client.
+// A node never has two clients at a time, so its next session starts only after this client has
+// ended.
 void SupervisedNode::WaitForClient(Clock::time_point now) {
     if (client_->HasEnded()) {
         LogEnd();

@@ -20,8 +20,8 @@ void AddDates(Victims& victims, const std::string& key, const std::string& user,
     }
 }
 
-// The deletion of dailies may make a full removable, so fulls are chosen from the remaining
-// records.
+// The deletion of dailies may make a full backup removable, so the full backups are chosen from the
+// backups that remain without these dailies.
 void AddExcess(Victims& victims, const std::string& key, const std::string& user, Backups backups,
                int leave_full, int leave_daily) {
     const std::vector<std::string> dailies = ExcessDailies(backups, leave_daily);

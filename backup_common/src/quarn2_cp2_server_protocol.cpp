@@ -12,7 +12,7 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr int kCompleteTraceLine = 184;  // operators' filters match this number
+constexpr int kCompleteTraceLine = 184;  // operators' log filters match this number
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
 using UserDesc = StorageDesc::UserDesc;
@@ -113,7 +113,8 @@ std::string MasterSide::Complete(std::string arguments) {
 
     UserDesc& user = storage_.users[name];
     const std::int64_t locked_before = LockedSize(user);
-    // A custom backup belongs to no user's chain. As a record it would count as the newest backup.
+    // A custom backup gets no record, because no daily depends on it and the record would count as
+    // the user's newest backup.
     const bool counted = date != "custom" && (type == "full" || type == "incremental");
     if (counted) {
         UserDesc::BackupInfo& backup = user.backups[date];
@@ -146,8 +147,9 @@ void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) 
 
 std::string MasterSide::DropOne(std::int32_t count) {
     GlobalSizeControl& control = *storage_.owner;
-    // With a size limit, the account has granted the space. If the storage is full in spite of
-    // that, deleting backups would not remove the cause.
+    // With a size limit, the server has reserved the space according to its accounting. If the
+    // storage is full nevertheless, the cause is outside of the accounting, and the deletion of
+    // backups would not remove it.
     if (control.size_limit != ServerLimits::kNoSize) {
         return "ERR Upload failed and limit is set";
     }

@@ -37,7 +37,8 @@ bool IsOwnFile(const std::string& name) {
            name == ".cleanup";
 }
 
-// True for entries that are no copies of stored files. A rescan could not restore them.
+// True for local files and directories that are not copies of stored files. A rescan keeps them
+// because it could not restore them.
 bool IsKept(const std::string& directory, const std::string& name) {
     const bool beside_admin_root = !quarn2::IsAdminData(directory) ||
                                    !quarn2::IsAdminData(kro_file::ConcatPath(directory, "u"));
@@ -53,16 +54,16 @@ void DropUnsafe(Names& names) {
     });
 }
 
-// Moves away an entry at the path of a directory if it is no directory or is another user's link.
-// It is no copy of the storage's directory, and nothing may be removed from the target of another
-// user's link.
+// Moves the file at a directory's path to `removed` when it is not a directory or is another user's
+// symbolic link. Such a file is not a copy of the storage's directory, and a rescan must not remove
+// files from the target of another user's link.
 void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
     const bool other = kro_file::Exists(path) && !std::filesystem::is_directory(path);
     if (other || kro_file::IsForeignLink(path)) removed.Take({path});
 }
 
-// Removes the stored name of a local file from the list. Returns false when the list does not have
-// it.
+// Removes the stored name of a local file from the list. Returns false when the list does not
+// contain the name.
 bool TakeOut(Names& files, const std::string& local) {
     const auto matches = [&local](const std::string& file) {
         return file == local || (str::EndsWith(local, ".tgz") && file == local + ".aes");
@@ -134,16 +135,17 @@ bool IsUnavailable(const std::exception& error) {
     return reason != nullptr && reason->kind() == kro_err::Kind::kUnavailable;
 }
 
-// What a rescan could not read because the storage was unavailable for a moment.
+// The files and directories that a rescan could not read because the storage was temporarily
+// unavailable.
 class FailedReads {
   public:
     using Read = std::function<void()>;
 
-    // `again` adds itself when it fails again.
+    // `again` repeats the read. If the read fails again, `again` calls Add with itself.
     void Add(Read again) { reads_.push_back(std::move(again)); }
 
-    // Repeats the reads, each until it succeeds. Stops after a few failures in all, because then
-    // the storage is down.
+    // Repeats each failed read until it succeeds. Stops after kMaxFailures failures in total,
+    // because the storage is then assumed to be down.
     void Repeat() {
         for (std::size_t failures = 0; !reads_.empty() && failures < kMaxFailures;) {
             const Read read = std::move(reads_.front());
@@ -186,7 +188,8 @@ class Rescanner {
         const Marker marker(local_dir_, filter_);
         trust_local_ = !marker.was_there();
         removed_.emplace(filter_, local_dir_, marker.was_there());
-        // Files of the storage root may be fetched before the user's directory is listed.
+        // Creates the user's directory now, because files of the storage root may be downloaded
+        // into it before the user's directory on the storage is listed.
         if (local_root_ != local_dir_) {
             ClearForDirectory(local_root_, *removed_);
             kro_file::MkDirSynced(local_root_);
@@ -227,8 +230,8 @@ class Rescanner {
         }
     }
 
-    // Drops names on the storage that would replace local entries that are no copies of stored
-    // files.
+    // Removes names from the storage's listing that are reserved for local files and directories of
+    // this program, because the rescan would replace these.
     void DropReserved(Names& top) const {
         const bool beside_admin = !quarn2::IsAdminData(local_root_);
         std::erase_if(top, [beside_admin](const std::string& name) {
@@ -246,7 +249,7 @@ class Rescanner {
         if (!Fetch(local_root_, name)) failed_.Add([this, name] { FetchTop(name); });
     }
 
-    // `name` is that of a file in a date directory.
+    // Downloads `name`, the relative path of a file in a date directory, if it is an info file.
     void FetchDated(const std::string& name) {
         const LocalKeys local_keys(kro_file::ConcatPath(local_dir_, name), trust_local_);
         if (!Fetch(local_dir_, name)) failed_.Add([this, name] { FetchDated(name); });
@@ -302,8 +305,8 @@ class Rescanner {
         }
     }
 
-    // True when an index is on the storage but not here. An index is fetched only together with its
-    // info file, so the info file is fetched again.
+    // True when the storage has an index that is missing in the local directory. An index is
+    // downloaded only together with its info file, so the info file is downloaded again.
     static bool MissesIndex(const std::string& kept, const Names& left) {
         if (!str::EndsWith(kept, ".info")) return false;
         const std::string stem = kept.substr(0, kept.size() - std::string_view("info").size());
@@ -324,13 +327,13 @@ class Rescanner {
     std::string local_root_;
     std::string local_dir_;
     std::string filter_;
-    Names top_;  // at the storage root
-    // Always empty: no node has a part of the info root. A node would remove its own entries, so
-    // the rescan would skip them.
+    Names top_;  // names at the storage root
+    // Always empty, because no node has a part of the info root. For a node, the rescan would not
+    // remove local entries, because the node would remove them itself.
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;
-    std::optional<RemovedEntries> removed_;  // set while Run works
+    std::optional<RemovedEntries> removed_;  // set by Run
     std::string encrypted_lines_;
     FailedReads failed_;
 };
@@ -366,8 +369,8 @@ ResHandle Rescan(const kro_args::Result& args) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(local_root);
     ResHandle handle = LockWithoutServer(ServerFiles(storage_name));
     KRO_LOG(kLog, 5, "Rescan storage and place indexes to '%s'", local_root.c_str());
-    // Otherwise the rescan would download the info files of backups whose deletion was interrupted,
-    // and would count these backups as complete again.
+    // Finishes interrupted deletions first. Otherwise the rescan would download the info files of
+    // these backups and count them as complete again.
     FinishDeletions(storage, local_root);
     Rescanner(storage, local_root, storage_name).Run();
     return handle;

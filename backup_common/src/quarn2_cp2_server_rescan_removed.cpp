@@ -39,8 +39,8 @@ void Copy(const std::string& path, const std::string& target) {
                              "': " + error.message());
 }
 
-// Creates the directory if it is missing. Returns false when an entry that was moved before has its
-// name.
+// Creates the directory if it is missing. Returns false when a file that was moved earlier has this
+// path.
 bool MakeDirectory(const std::string& path) {
     if (!path.empty() && !fs::is_directory(fs::symlink_status(path))) {
         if (Exists(path) || !MakeDirectory(kro_file::Path(path))) return false;
@@ -63,7 +63,8 @@ void RemovedEntries::Prepare() {
     kro_file::CheckOurDirectory(place_);
 }
 
-// An interrupted rescan and the next one may move entries of the same path.
+// Returns an unused path in the directory of removed entries. An interrupted rescan and the next
+// one may move two entries with the same path.
 std::string RemovedEntries::FindFreeTarget(const std::string& path) const {
     const std::string below = path.substr(directory_.empty() ? 0 : directory_.size() + 1);
     for (int number = 1;; ++number) {

@@ -22,7 +22,7 @@ enum class Level { kTop, kUser, kDate };
 
 bool IsDateName(const std::string& name) { return name == "custom" || kro_date::IsDate(name); }
 
-// ".NAME.part~" -> "NAME".
+// Converts the temporary name ".NAME.part~" to "NAME". Returns any other name unchanged.
 std::string WithoutTemporaryForm(const std::string& name) {
     if (!kro_file::IsTemporaryName(name)) return name;
     const std::size_t start = 1;
@@ -36,8 +36,8 @@ bool IsExpectedFile(const std::string& name) {
 
 std::string FindStray(const std::string& directory, Level level);
 
-// The path of the first stray entry, starting with `name`: the entry itself or one below it. Empty
-// when there is none.
+// Checks the entry `name` of the directory and, if it is a directory, the entries below it. Returns
+// the path of the first stray entry relative to `directory`; empty when there is none.
 std::string FindStrayIn(const std::string& directory, const std::string& name, Level level) {
     const std::string path = kro_file::ConcatPath(directory, name);
     if (!std::filesystem::is_directory(path)) return IsExpectedFile(name) ? "" : name;
@@ -84,8 +84,8 @@ void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem:
     }
 }
 
-// Directories below var/backup have only info files. Any other directory may have files that no
-// storage could restore.
+// Throws when the directory is outside of var/backup and contains files other than those of
+// backups. No storage has such files, so they could not be restored.
 void CheckHoldsNothingElse(const std::string& local_root) {
     const std::filesystem::path data = ResolvePath(kData);
     const bool in_data = str::StartsWith(local_root, std::string(kData) + "/") ||

@@ -1,4 +1,4 @@
-// Fills the account from the backups' info files.
+// Fills the server's accounting from the info files of the backups.
 
 #include <list>
 #include <stdexcept>
@@ -50,8 +50,8 @@ class Scanner {
         return std::string(info_.Find(key).value_or(std::string_view()));
     }
 
-    // The rest of the backup will be removed, so a size that cannot be parsed must not prevent the
-    // server's start.
+    // Records a backup whose deletion was interrupted. The rest of its files will be removed, so a
+    // size that cannot be parsed must not prevent the server's start.
     void NoteHalfDeleted(StorageDesc& desc, const std::string& path) const {
         std::int64_t& size = desc.half_deleted[path];
         try {
@@ -92,10 +92,9 @@ class Scanner {
         }
         const std::string user_name = quarn2::GetUserName(name);
         const std::string date = quarn2::GetDate(name);
-        // A type letter or a missing user shows in the length, because user and date are parts of
-        // the name.
+        // If the name has a type letter or no user, its length differs from that of DATE.USER.info.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
-            // Eviction would not find it again by user and date.
+            // An eviction could not find this info file by user and date.
             desc.ChargeForGood(size);
             KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
                     name.c_str(), ForLog(size));
@@ -129,8 +128,8 @@ class Scanner {
                 ForLog(LessSize(control_.size_limit, desc.free_size)), ForLog(desc.free_size));
     }
 
-    // Keeps the chain of days unbroken after a backup that is marked deleted: every day before the
-    // current date has a record, Sundays as fulls.
+    // Adds an empty record for each day without a backup, from a backup that is marked deleted up
+    // to the current date. The records of Sundays are full backups, the others are dailies.
     void FillDays(UserDesc& user, const std::string& first) const {
         if (first >= current_date_) return;
         constexpr int kSunday = 0;
@@ -153,7 +152,8 @@ void ChargeUser(StorageDesc& desc, const UserDesc& user) {
     desc.free_size = LessSize(desc.free_size, used);
 }
 
-// Charges every user. Returns the largest number of records of any user.
+// Subtracts the space of each user's backups from the free space. Returns the largest number of
+// backups of any user.
 std::int32_t ChargeUsers(StorageDesc& desc) {
     std::int32_t most = 0;
     for (const auto& [name, user] : desc.users) {

@@ -15,7 +15,8 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::size_t kReadPiece = 32;
-// Commands are much shorter. A client that sends a longer line is faulty. Do not fill the memory.
+// Limits the memory that a client can use. Commands are much shorter, so a client that sends a
+// longer line is faulty.
 constexpr std::size_t kMaxLineBytes = 65536;
 // A client waits for each answer before its next command, so few answers can be unread.
 constexpr std::size_t kMaxUnreadBytes = 1U << 20;
@@ -58,8 +59,9 @@ std::unique_ptr<ClientProcess> MasterSide::Close() {
     is_open_ = false;
     own_reserved_.GiveBack();
     write_.Close();
-    // Keeps the client's output pipe open unread. A client that still requests space must read the
-    // end of its input. On a broken pipe it would remove the upload's local file.
+    // Keeps the client's output pipe open but does not read it. A client that requests space now
+    // must find the end of its input instead of a broken output pipe. After a failed write, the
+    // client would treat the upload as refused and remove its local file.
     loop_.SetEvents(read_, 0);
     if (client_) client_->KeepOutput(std::exchange(read_, ResHandle()));
     return std::move(client_);
@@ -129,7 +131,7 @@ MasterSide::Reading MasterSide::ReadAvailable(int fd) {
         if (count == 0) return Reading::kEnd;
         if (count < 0) return errno == EAGAIN ? Reading::kMore : Reading::kFailed;
         m_read.append(piece, static_cast<std::size_t>(count));
-        // A client that writes without a pause must not block the others or grow the buffer.
+        // A client that writes without a pause must not block the other clients or grow the buffer.
         if (m_read.size() > kMaxLineBytes) return Reading::kMore;
     }
 }

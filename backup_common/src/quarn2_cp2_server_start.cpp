@@ -45,7 +45,7 @@ int FlockWaiting(int fd, int operation) {
     return result;
 }
 
-// Waits for the lock. Prints a message when it is not free.
+// Waits for the lock. Prints a message when the lock is not free.
 bool LockSayingSo(int fd, const std::string& path, int operation) {
     if (FlockWaiting(fd, operation | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK) return false;
@@ -77,8 +77,8 @@ bool Serves(const PidFile& server, pid_t holder, const kro_args::ResultPtr& args
     return date.empty() || date == "custom" || server.date == date;
 }
 
-// Closes all descriptors except for the pid file's, because the daemon inherits its lock from the
-// caller.
+// Closes all descriptors except for `kept`, the descriptor of the pid file. Through this
+// descriptor, the daemon inherits the lock on the pid file.
 bool CloseAllBut(int kept) {
     const auto number = static_cast<unsigned>(kept);
     return (kept == 0 || close_range(0, number - 1, 0) == 0) &&
@@ -99,7 +99,8 @@ void OpenNullStreams() {
     if (!CloseAllBut(pid_lock.fd())) _exit(1);
     OpenNullStreams();
     const pid_t daemon = fork();
-    // An exception would return into the caller's code in this process.
+    // Exits without an exception, because an exception would continue the code of the parent
+    // process in this child.
     if (daemon < 0) _exit(1);
     if (daemon > 0) _exit(0);
     RunDaemon(args, pid_lock, start);
@@ -116,7 +117,7 @@ void StartDaemon(const kro_args::ResultPtr& args, ResHandle& handle, kro_file::L
     }
 }
 
-// Starts or joins the server for one call.
+// Starts the server for one --server command, or finds a running server with the same parameters.
 class Starter {
   public:
     Starter(kro_args::ResultPtr args, ResHandle&& handle)
@@ -141,7 +142,7 @@ class Starter {
 
   private:
     // Converts the exclusive lock of a rescan to a shared one. The exclusive lock would block every
-    // other caller for as long as this one holds the server.
+    // other --server command for as long as this one keeps the server alive.
     void ShareLock() {
         if (FlockWaiting(handle_, LOCK_SH) == 0 && IsSameFile(handle_, files_.lock)) return;
         handle_.Close();
@@ -165,7 +166,8 @@ class Starter {
         KRO_LOG(kLog, 5, "Size control started");
     }
 
-    // True when the running server serves this call.
+    // True when the running server has this command's parameters and date. Otherwise waits a moment
+    // and returns false.
     bool Join(pid_t holder) {
         const PidFile server = ReadPidFile(files_.pid);
         if (Serves(server, holder, args_)) {
@@ -187,7 +189,7 @@ class Starter {
     }
 
     // Throws when the running server serves another storage, because its node clients would store
-    // the job's files there.
+    // the job's files on that storage.
     void CheckSameStorage(const PidFile& server) const {
         const StateFile state(args_->Param("storage", -1));
         const std::string running = state.IdentityOf(server);
@@ -245,7 +247,8 @@ ResHandle Quarn2Lock(const std::string& path, bool exclusive) {
 
 namespace {
 
-// A server that starts, serves or ends holds the pid file's lock.
+// True while a server runs, because a server holds the lock on the pid file from its start to its
+// end.
 bool HasServer(const std::string& pid_file) {
     kro_file::Lock lock;
     try {
@@ -263,7 +266,7 @@ ResHandle LockWithoutServer(const ServerFiles& files) {
         ResHandle handle = Quarn2Lock(files.lock, true);
         if (!HasServer(files.pid)) return handle;
         if (is_first) KRO_LOG(kLog, 5, "Wait for the end of the size control server");
-        // The server ends when it gets this lock. It tries once a second.
+        // The server tries to get this lock once a second, and ends when it has the lock.
         handle.Close();
         kro_proc::Sleep(kStartingPause);
     }

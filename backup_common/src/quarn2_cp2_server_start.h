@@ -29,7 +29,8 @@ ResHandle OpenLockFile(const std::string& path);
 ResHandle Quarn2Lock(const std::string& path, bool exclusive);
 
 // Waits until the storage has no server, and takes the exclusive lock on its lock file. A server
-// without callers ends during this wait. No server can start while the lock is held.
+// that no --server command keeps alive ends during this wait. No server can start while the lock is
+// held.
 ResHandle LockWithoutServer(const ServerFiles& files);
 
 // The limits and nodes of a command line as one text. A --server command uses a running server only

@@ -17,7 +17,7 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kFetched = "tmp/quarn2_cp.fetched";
 
-// The content that the put of the info file uploads.
+// Reads an info file without its "node" key, which is not uploaded.
 quarn2::InfoMap WithoutNode(const std::string& path) {
     quarn2::InfoMap info = quarn2::GetInfo(path);
     info.erase("node");
@@ -57,7 +57,8 @@ bool IsComplete(quarn2::Storage& storage, const LedgerEntry& entry) {
            IsInfoStored(storage, entry.info);
 }
 
-// The index and the info file have the same names in each archive of a user and day.
+// True when the job of this entry may have replaced the index or the info file of another archive
+// of the same user and day. These files have the same names for each archive.
 bool MayHaveReplacedSharedFiles(const LedgerEntry& entry) {
     if (entry.is_unknown || !entry.info.empty()) return true;
     return std::any_of(entry.slices.begin(), entry.slices.end(), [](const auto& slice) {
@@ -65,8 +66,8 @@ bool MayHaveReplacedSharedFiles(const LedgerEntry& entry) {
     });
 }
 
-// A slice of another archive of the day has no bytes in the entry as long as the backup that it
-// belongs to is complete.
+// True for a slice of another archive of the same day, which the job of this entry replaces. The
+// entry records 0 bytes for such a slice as long as the other backup is complete.
 bool IsOfReplacedBackup(const LedgerEntry& entry, const std::string& name,
                         const LedgerSlice& slice) {
     return slice.bytes == 0 && IsArchive(name) &&
@@ -97,7 +98,8 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
 }
 
 // Returns the entry of the backup's archive; or the entry of a job that makes another archive of
-// the same day, such as a full one after a daily, and may have replaced files that both have.
+// the same day, such as a full backup after a daily, and may have replaced files that both archives
+// use. Returns "" when there is no such entry.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -175,12 +177,13 @@ std::set<std::string> UnfinishedBackups::OpenKeys() const {
     return keys;
 }
 
-// An upper bound, because old slices that were replaced count twice.
+// The space of the entry's backup on the storage. This is an upper bound, because old slices that
+// were replaced count twice.
 std::int64_t UnfinishedBackups::BytesOf(const LedgerEntry& entry) const {
     const auto noted = noted_.find(entry.name);
     if (noted == noted_.end() || !entry.IsOpen()) return entry.Bytes();
     if (noted->second.was_complete) return SumOfSizes(entry.Bytes(), noted->second.size);
-    // Its slices were removed to free space.
+    // The slices of this backup were removed to free space.
     if (entry.Bytes() == 0) return 0;
     return std::max(entry.Bytes(), noted->second.size);
 }
