@@ -64,7 +64,7 @@ struct Target {
     }
 };
 
-// Without "//" the argument names a file at the storage's root.
+// If the argument of --get has no "//", it names a file at the storage's root.
 std::string RemoteDirectory(std::string argument) {
     return quarn2::GetPath(kro_file::Path(str::RGetWord(argument, "//")));
 }

@@ -114,8 +114,9 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
     std::erase_if(slices, [](const auto& slice) { return !IsArchive(slice.first); });
     for (auto& [stored_name, slice] : slices) {
         const bool is_earlier = slice.state == SliceState::kRemoved && earlier_bytes > 0;
-        // The size of each earlier slice is unknown. The first slice gets the size of the complete
-        // earlier backup, the others get 1 so that they stay in the entry.
+        // The sizes of the single slices of the earlier backup are unknown. The first slice gets
+        // the size of the complete earlier backup, the others get 1, because slices of size 0 are
+        // removed from the entry.
         if (slice.bytes == 0 && is_earlier) slice.bytes = std::exchange(earlier_bytes, 1);
         slice.state = SliceState::kRemoved;
     }
@@ -328,7 +329,8 @@ std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
     std::vector<std::string> found;
     for (const std::string& name : Names()) {
         if (LedgerKey(name) != key) continue;
-        // A later custom archive belongs to another backup, which a job may be making now.
+        // An archive of a later date belongs to another custom backup, which a job may be making
+        // now.
         const bool is_later_custom =
             str::StartsWith(name, "C") && !archive.empty() && name > archive;
         if (!is_later_custom) found.push_back(name);

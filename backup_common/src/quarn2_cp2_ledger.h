@@ -106,7 +106,7 @@ class Ledger {
     // Returns true when it was created. Failures are logged.
     bool MakeUnknown(const std::string& name) const;
 
-    // Removes the entry durably. A failure is only logged.
+    // Removes the entry durably. A failure is logged and not thrown.
     void End(const std::string& name) const;
 
     // The name of the entry to which a stored file belongs. For a slice it is the archive's name.

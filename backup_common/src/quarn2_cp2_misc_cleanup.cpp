@@ -181,7 +181,7 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
 // entries. The caller must first remove the line and then the entries, because a line without
 // entries refers to every file with the prefix.
 std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& line) {
-    // An empty prefix would match files that belong to no such backup.
+    // Files that belong to no incomplete backup could match an empty prefix.
     if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
     const std::shared_ptr<quarn2::Storage> storage = OpenStorage(line.token, dir);
     const Ledger ledger = OwnLedger();

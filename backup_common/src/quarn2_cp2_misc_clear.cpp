@@ -31,7 +31,7 @@ void MarkInfoRoot(const std::string& identity) {
         kro_file::Write(ClearMark(kInfoRoot),
                         std::string("The backups are being removed.\n") + kStorageLine + identity);
     } catch (const kro_file::CopyError& error) {
-        // A full disk must not prevent a command that frees space.
+        // Ignores a full disk, because --clear frees space.
         if (!error.IsFull()) throw;
         KRO_LOG(kLog, 4, "%s", error.what());
     }
@@ -95,7 +95,8 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
         }
         throw;
     }
-    // Removes the entries of uploads that ended while the storage was emptied.
+    // Removes ledger entries again, because uploads may have ended and written entries while the
+    // storage was emptied.
     ForgetUnfinished(identity);
 }
 

@@ -27,8 +27,8 @@ constexpr std::size_t kCustomHead = 11;  // "C" and a date; companion names have
 
 bool IsFull(quarn2::InfoMap& info) { return info["type"] == "full"; }
 
-// A backup without a directory of its own that is being deleted: the location and the names of its
-// files.
+// A backup that is being deleted and whose files are at the storage root: the location and the
+// names of these files.
 struct PlainBackup {
     Removal& storage;
     std::string directory;  // the directory of the info file
@@ -94,7 +94,8 @@ std::string RemovePieces(const PlainBackup& backup, std::string slice) {
     return slice;
 }
 
-// The name of a role's own file when the role shares the archive's slice name.
+// Inserts the role into the slice name. Needed for a role whose value in the info file is the
+// archive's slice name, because the names of such a role's files contain the role.
 std::string InsertRole(const PlainBackup& backup, std::string slice, const std::string& role) {
     const std::size_t place = slice.find(backup.extension);
     if (place != std::string::npos) slice.insert(place, role);
@@ -153,7 +154,8 @@ void RemoveLocalFiles(const std::string& info_path) {
     kro_file::RemoveFile(local(".tgz.aes"));
     kro_file::RemoveFile(local(".1.dar"));
     kro_file::RemoveFile(info_path);
-    // An info file that reappears after a crash would count as a backup.
+    // Makes the removals durable, because an info file that reappears after a crash would count as
+    // a backup.
     kro_file::SyncDir(directory);
 }
 
@@ -168,7 +170,8 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
         if (slice.empty() || kro_file::Path(slice) != directory) continue;
         std::string name = kro_file::Name(slice);
         names.stems.insert(quarn2::StripSliceNumber(name));
-        // A role that shares the archive's slice name has its own files in the same directory.
+        // A role whose value is the archive's slice name has files of its own in the same
+        // directory.
         const std::size_t ending = name.find(quarn2::GetExtByInfo(info));
         if (key == "last-slice" || ending == std::string::npos) continue;
         name.insert(ending, key.substr(std::string_view("role-").size()));
@@ -297,7 +300,7 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
         KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
         return;
     }
-    // Throws before any change when the storage does not answer.
+    // Checks that the storage answers. Throws before any change otherwise.
     ListOrNothing(*storage, kro_file::Name(info_path));
     const LedgerDeletion ledger(info_path, info);
     Removal removal(storage, info_path, info);
@@ -313,7 +316,7 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
 
 namespace {
 
-// The data for the search for dependent backups in a full backup's week.
+// The data for the search of the backups that depend on a full backup and are of the same week.
 struct Week {
     std::string user_dir;
     std::string user;
@@ -375,8 +378,8 @@ void CommandDelete(kro_args::ResultPtr result) {
     if (token.empty()) {
         SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
     } else {
-        // A malformed token throws. The command must not fall back to the running server, which may
-        // serve a different storage.
+        // A malformed token throws here. --delete must not fall back to the running server, which
+        // may serve a different storage.
         DeleteWithDepends(GetStorageByEnv(), path, result->Has("force"));
     }
 }

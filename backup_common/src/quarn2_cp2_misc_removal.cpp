@@ -40,7 +40,7 @@ Removal::Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& in
 }
 
 void Removal::Mark() {
-    // Another process may have deleted the same backup.
+    // A missing info file is no error, because another process may have deleted the same backup.
     if (marked_ || !kro_file::Exists(info_path_)) return;
     const std::string old_text = kro_file::Read(info_path_);
     const auto finished = info_.find(kFinished);
@@ -72,7 +72,7 @@ void Removal::RemoveFile(const std::string& name) {
 }
 
 void Removal::RemoveDir(const std::string& name) {
-    // A failure can leave the directory partly removed.
+    // After a failure, the directory may be partly removed.
     touched_ = true;
     storage_->RemoveDir(name);
 }
@@ -166,7 +166,7 @@ bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
 bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
     const auto finished = info.find(kWasFinished);
-    // A backup that was not finished before the deletion stays unfinished.
+    // A deletion of a backup that was not finished is not cancelled.
     if (!IsBegun(info) || finished == info.end()) return false;
     if (!HasEveryFile(storage, info_path, info)) return false;
     info[kFinished] = finished->second;

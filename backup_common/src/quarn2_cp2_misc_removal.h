@@ -1,6 +1,6 @@
-// The removal of one backup. A crash can interrupt it. The info file (or the ledger) records the
-// removal before the first file is removed. So a partly removed backup does not count as complete,
-// and the removal can be finished later.
+// The removal of one backup. The info file (or the ledger) records the removal before the first
+// file is removed. After a crash, a partly removed backup does not count as complete, and the
+// removal can be finished later.
 #pragma once
 
 #include <memory>
@@ -13,10 +13,10 @@
 // Removes the files of one backup from its storage.
 class Removal {
   public:
-    // Marks the info file: adds "deletion" with the time and renames "finished" to
-    // "deletion-finished". When the disk is full, an empty ledger entry records that the backup is
-    // not complete, and RemoveFile marks the info file after the first removal, which may have
-    // freed space.
+    // Records in the info file that the backup is being deleted: adds "deletion" with the time and
+    // renames "finished" to "deletion-finished". When the disk is full, an empty ledger entry
+    // records that the backup is not complete, and RemoveFile changes the info file after the first
+    // removal, which may have freed space.
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
 

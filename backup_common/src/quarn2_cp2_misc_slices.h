@@ -26,7 +26,8 @@ std::string LastSliceOf(const quarn2::InfoMap& info);
 // the info file has no such key.
 std::string ArchiveOf(const quarn2::InfoMap& info);
 
-// True for the name of an archive file: a type letter, a date, a dot. `path` may have directories.
+// True for the name of an archive file: a type letter, a date, a dot and the rest of the name.
+// `path` may have directories.
 bool IsArchive(const std::string& path);
 
 // True for slice 1 of an archive, and for an archive that is a single file. An upload of such a
@@ -37,5 +38,5 @@ bool IsFirstSlice(const std::string& path);
 // custom.USER. `path` may have directories.
 std::string BackupKey(const std::string& path);
 
-// Like BackupKey, but also for an info file with a type letter.
+// Like BackupKey, but also accepts an info file whose name begins with a type letter.
 std::string LedgerKey(const std::string& path);

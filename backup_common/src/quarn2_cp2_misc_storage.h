@@ -49,7 +49,7 @@ std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protecte
 // Does nothing for a malformed token and for a token that is not local.
 void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root);
 
-// Opens the storage after CheckStorageDirectory. Throws kro_err::Error for a malformed token.
+// Calls CheckStorageDirectory and opens the storage. Throws kro_err::Error for a malformed token.
 std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,
                                              const std::string& info_root = kDefaultInfoRoot);
 

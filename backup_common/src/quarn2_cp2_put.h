@@ -1,4 +1,4 @@
-// Upload: the commands of a backup job and the node client that serves them.
+// The commands of a backup job that upload files, and the node client that executes the uploads.
 #pragma once
 
 #include <memory>

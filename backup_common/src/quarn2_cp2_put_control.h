@@ -11,7 +11,7 @@
 #include "kro/res_handle.h"
 #include "quarn2/expect.h"
 
-// Runs one command text and returns the answer; throws when the command fails.
+// Runs one command and returns the answer; throws when the command fails.
 using ControlService = std::function<std::string(std::string command)>;
 
 // One accepted connection. Collects the bytes of the command as they arrive, so a slow peer does
@@ -46,7 +46,7 @@ class ControlPeer {
     kro_date::SteadyClock::time_point last_byte_;
 };
 
-// All connections whose command is not complete yet.
+// All connections whose command has not arrived completely.
 class ControlPeers {
   public:
     explicit ControlPeers(ControlService service) : service_(std::move(service)) {}

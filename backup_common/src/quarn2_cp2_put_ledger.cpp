@@ -60,7 +60,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
 // complete the backup before it has put all of these slices again. The slices of another archive of
-// the same day, such as a daily that becomes a full backup, are left over when the job is complete.
+// the same day, such as a daily that becomes a full backup, stay on the storage after the job is
+// complete.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));
@@ -118,14 +119,16 @@ void SliceRecord::Stored() {
     uploads_.reset();
 }
 
-// An earlier upload of this name may already have replaced a slice of a complete backup. Then a
-// refusal does not make the backup complete again.
+// An interrupted upload of this slice may already have replaced a slice of a complete backup. The
+// state kRefused would make that backup count as complete again, so the slice is recorded as
+// abandoned.
 void SliceRecord::Refused() {
     const bool is_untouched = !previous_ || previous_->state == SliceState::kRefused;
     End(is_untouched ? SliceState::kRefused : SliceState::kAbandoned);
 }
 
-// Ends the record of an upload that did not change the stored file, so the previous size stays.
+// Ends the record of an upload that has not stored the file. The size from before the upload stays
+// in the record.
 void SliceRecord::End(SliceState state) {
     ended_ = true;
     slice_.state = state;

@@ -1,4 +1,4 @@
-// A node client's records of its uploads in the ledger.
+// Writes the uploads of a node client into the ledger.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,9 @@ class SliceRecord {
     SliceRecord(const SliceRecord&) = delete;
     SliceRecord& operator=(const SliceRecord&) = delete;
 
-    // Waits until no other node client uploads a slice of the same backup, and takes the upload
-    // lock. Then records the upload again, because another upload may have changed the record.
+    // Waits until no other node client uploads a slice of the same backup, and then takes the
+    // upload lock. Then records the upload again, because another upload may have changed the
+    // record.
     void Hold();
 
     // Records that the slice is complete and durable on the storage.

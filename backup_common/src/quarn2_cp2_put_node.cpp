@@ -57,7 +57,7 @@ ResHandle OpenControlSocket(const std::string& path) {
     return listening;
 }
 
-// Strips the suffix. Returns true when `text` had it.
+// Strips `suffix` from the end of `text`. Returns true when `text` had it.
 bool TakeSuffix(std::string& text, std::string_view suffix) {
     if (!str::EndsWith(text, suffix)) return false;
     text.resize(text.size() - suffix.size());
@@ -81,8 +81,8 @@ void CommandClient() {
     node->AcceptIn(loop);
     loop.Add(listening, POLLIN, node);
     loop.Add(StandardInput(), POLLIN, std::make_shared<FinishOnClose>(lock));
-    // Blocks the termination signals before the first upload thread starts, so that only the loop
-    // receives them.
+    // Blocks the termination signals before the first upload thread starts, so that only the event
+    // loop receives these signals.
     loop.Add(kro_proc::WatchTermination(), POLLIN, std::make_shared<FinishOnSignal>());
     while (!loop.Run(kLookAtPeersMs)) node->DisconnectSilentPeers();
 }

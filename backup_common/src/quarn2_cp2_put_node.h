@@ -46,14 +46,14 @@ class NodeSide {
     // set. The loop runs the command of the connection when the command has arrived completely.
     quarn2::Expect::Result* operator()(ResHandle listening);
 
-    // Sets the loop that serves accepted connections. The loop must outlive the last call of
+    // Sets the event loop that serves accepted connections. The loop must outlive the last call of
     // operator().
     void AcceptIn(quarn2::Expect& loop) noexcept { loop_ = &loop; }
 
     // Disconnects the peers of the control socket that have sent nothing for 10 seconds.
     void DisconnectSilentPeers() { peers_.DisconnectSilent(); }
 
-    // Runs one command text and returns the answer. Throws when the command fails.
+    // Runs one command and returns the answer. Throws when the command fails.
     std::string Serve(std::string command);
 
     void Delete(const std::string& path, bool force);

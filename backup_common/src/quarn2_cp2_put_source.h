@@ -27,8 +27,8 @@ enum class SourceState {
     kReplaced,   // the path refers to another file now, or to none
 };
 
-// `opened`: the identity of the open file when the upload began; `now`: its identity now;
-// `at_path`: the identity of the file at the path now.
+// `opened`: the identity of the open file when the upload began; `now`: the current identity of the
+// open file; `at_path`: the current identity of the file at the path.
 SourceState CompareSource(const FileIdentity& opened, const FileIdentity& now,
                           const std::optional<FileIdentity>& at_path);
 

@@ -116,8 +116,8 @@ bool Upload::Send(Source& source) {
     return stored;
 }
 
-// Opens the storage again. If that fails, such as for a directory on a missing disk, keeps the
-// previous storage, so that the next attempt reports the failure.
+// Opens the storage again. If the storage cannot be opened, for example because its disk is
+// missing, keeps the previous storage, so that the next attempt reports the failure.
 void Upload::OpenAgain() {
     try {
         storage_ = OpenStorage(node_->token());
@@ -152,7 +152,7 @@ bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source&
 }
 
 void Upload::RemoveSource(const Source& source) const {
-    // A source that could not be opened was not uploaded.
+    // Keeps a source file that could not be opened, because it was not uploaded.
     if (!source) return;
     if (source->Compare() == SourceState::kUnchanged) {
         kro_file::RemoveFile(local_path_);

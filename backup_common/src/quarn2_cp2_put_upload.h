@@ -28,8 +28,8 @@ class Upload {
     // ends the record.
     void Run(Record record);
 
-    // Waits for the thread. When the upload failed, throws the exception of the thread or
-    // std::runtime_error "Failed upload".
+    // Waits until the upload thread has ended. When the upload failed, throws the exception of the
+    // thread or std::runtime_error "Failed upload".
     void Join();
 
     // Uploads in the calling thread. When that fails, throws std::runtime_error "Failed upload" or
@@ -54,7 +54,7 @@ class Upload {
     void Hold(Record record);
     void Store(Source& source);
     // Transfers the file once. Returns false when the storage is full. The first call opens the
-    // source.
+    // source file.
     bool Send(Source& source);
     void OpenAgain();
     bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);

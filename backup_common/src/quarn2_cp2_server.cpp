@@ -26,7 +26,7 @@ bool IsPort(const std::string& text) {
            str::Int(text) <= kMaxPort;
 }
 
-// The text becomes an argument of ssh and must not look like an option.
+// True when `text` can be the host argument of ssh: ssh must not parse it as an option.
 bool IsDestination(const std::string& text) {
     return !text.empty() && text.front() != '-' && text.find_first_of(" \t\n") == std::string::npos;
 }
@@ -80,7 +80,7 @@ void CommandServer(int /*argc*/, char** /*argv*/, kro_args::ResultPtr args) {
     if (args->Has("rescan")) {
         handle = Rescan(*args);
     } else {
-        // The lock waits for a rescan that is in progress. A rescan marker that is present
+        // Quarn2Lock waits for a rescan that is in progress. A rescan marker that is present
         // afterwards belongs to an interrupted rescan.
         const std::string storage = args->Param("storage", -1);
         handle = Quarn2Lock(ServerFiles(storage).lock, false);

@@ -18,7 +18,8 @@ constexpr kro_log::Module kLog("main");
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
 
-// Returns false when the deletion was finished neither by this process nor by another one.
+// Finishes an interrupted deletion. Returns true when this process or another one has finished the
+// deletion.
 bool Finish(GlobalSizeControl& control, const StorageDesc& desc, const std::string& info_path) {
     KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
     try {

@@ -21,7 +21,8 @@ constexpr std::size_t kPipeSize = 65536;
 constexpr auto kListenEvery = 200ms;  // the client's error pipe must not stay full
 constexpr ClientProcess::Patience kRemotePatience{60s, 65s};
 // On SIGTERM, a client of this machine finishes its uploads and ends, as it does after the end of
-// its input. At the end of the server it is not killed, because that would interrupt its uploads.
+// its input. When the server ends, it does not kill this client, because that would interrupt the
+// uploads.
 constexpr ClientProcess::Patience kLocalPatience{10s, std::chrono::seconds::max()};
 
 }  // namespace

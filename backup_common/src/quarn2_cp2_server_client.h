@@ -15,14 +15,15 @@
 // The command that starts a node client. `node` is "local" or NAME:DESTINATION:PORT.
 std::vector<std::string> NodeClientCommand(std::string node, const std::string& ssh_key);
 
-// The last kMaxSize bytes of a client's error output, for one line of the log.
+// Keeps the last kMaxSize bytes of a client's error output, which are logged as one line.
 class LastWords {
   public:
     static constexpr std::size_t kMaxSize = 2048;
 
     void Add(const char* text, std::size_t size);
 
-    // The lines joined with "; ", with "..." in front if the beginning was dropped.
+    // The lines of the error output joined with "; ". Begins with "..." if earlier output was
+    // discarded.
     std::string Text() const;
 
   private:
@@ -47,7 +48,7 @@ class ClientProcess {
     };
 
     explicit ClientProcess(const std::vector<std::string>& command);
-    // Waits until the client has ended, see FinishWithin.
+    // Waits until the client has ended (see FinishWithin).
     ~ClientProcess();
     ClientProcess(const ClientProcess&) = delete;
     ClientProcess& operator=(const ClientProcess&) = delete;
@@ -62,7 +63,8 @@ class ClientProcess {
     // Reads the available error output of the client, but at most as much as a pipe can contain.
     void Listen();
 
-    // Waits at most `wait` for the end of the client. True when it has ended or never ran.
+    // Waits at most `wait` for the end of the client. Returns true when the client has ended or
+    // never ran.
     bool HasEnded(std::chrono::milliseconds wait = {});
 
     // Sends SIGTERM or SIGKILL to the client when the time that `patience` allows, counted from

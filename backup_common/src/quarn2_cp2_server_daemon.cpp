@@ -91,8 +91,8 @@ class Daemon {
 
     void WritePidFile() { pid_lock_.Write(Myself().Text()); }
 
-    // Writes the state file unless it is written already. A full disk may have space later, so
-    // Serve tries again.
+    // Writes the state file unless it is written already. When this fails on a full disk, Serve
+    // calls it again, because space may become free.
     void WriteState() {
         if (is_state_written_) return;
         const quarn2::BackupToken token = TokenByEnv();

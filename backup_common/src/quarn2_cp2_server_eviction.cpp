@@ -75,8 +75,8 @@ std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
 
 namespace {
 
-// Throws when the info root is missing or empty. Then every info file is missing, so a missing info
-// file does not show that its backup was deleted.
+// Throws when the info root is missing or empty. A missing info file then does not show that its
+// backup was deleted, because all info files are missing.
 void CheckInfoRoot(const std::string& path) {
     if (kro_file::Dir(path, 2).Read()) return;
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
@@ -158,9 +158,9 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// Forgets the newest backup of each victim's user if another process, such as --delete, has deleted
-// that backup. Otherwise the deleted backup would be protected as the newest, and the newest
-// existing backup could be evicted. Returns true when a backup was forgotten.
+// For each user in `victims`, forgets the newest backup if another process, such as --delete, has
+// deleted that backup. Otherwise the deleted backup would be protected as the newest, and the
+// newest existing backup could be evicted. Returns true when a backup was forgotten.
 bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
     bool any = false;
     for (const Victim& victim : victims) {
@@ -172,9 +172,9 @@ bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) 
     return any;
 }
 
-// Forgets all backups of the victims' users that another process has deleted. With count limits,
-// each deleted backup that is still counted would cause the deletion of an existing one. Returns
-// true when a backup was forgotten.
+// For each user in `victims`, forgets all backups that another process has deleted. With count
+// limits, each deleted backup that is still counted would cause the deletion of an existing one.
+// Returns true when a backup was forgotten.
 bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
     std::set<std::pair<std::string, std::string>> users;
     for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
@@ -263,7 +263,8 @@ void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_
     if (!victims.empty() && MayDelete(*this)) DeleteAll(*this, victims);
 }
 
-// Passes without victims decrement max_count even when all passes together are not enough.
+// Passes that delete nothing decrement max_count even when all passes together do not free enough
+// space.
 void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
     const auto has_room = [&] { return size <= LessSize(storage.free_size, storage.reserved); };
     if (has_room()) return;

@@ -1,4 +1,4 @@
-// Chooses backups to evict. The functions are pure decisions over the model and delete nothing.
+// Chooses backups to evict. The functions only read the model and delete nothing.
 //
 // Two rules keep every remaining backup restorable: the newest backup of a user is never chosen,
 // and a full backup that is followed by a daily is never chosen.

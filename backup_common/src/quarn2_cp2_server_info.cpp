@@ -6,7 +6,7 @@
 
 namespace {
 
-// False when the storage does not have the file.
+// Downloads a file. Returns false when the storage does not have the file.
 bool Download(quarn2::Storage& storage, const std::string& remote, const std::string& local) {
     try {
         storage.Download(remote, local);

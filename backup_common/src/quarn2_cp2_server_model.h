@@ -86,7 +86,7 @@ struct GlobalSizeControl {
     GlobalSizeControl(const GlobalSizeControl&) = delete;
     GlobalSizeControl& operator=(const GlobalSizeControl&) = delete;
 
-    // Registers the one storage that all nodes share.
+    // Registers the storage, which all nodes share.
     StorageDesc& AddStorage(std::shared_ptr<quarn2::Storage> storage);
 
     // Sets the reference date and calls Scan with it.
@@ -136,9 +136,9 @@ struct GlobalSizeControl {
     // impossible.
     void FitIntoLimits();
 
-    // Removes slices that belong to no complete backup and to no job of this date (see
-    // UnfinishedBackups::Reclaimable), oldest first. Stops when `size` bytes can be reserved
-    // without an eviction, or when no such slice is left. Failures are only logged.
+    // Removes slices that belong neither to a complete backup nor to a job that may still be
+    // running (see UnfinishedBackups::Reclaimable), oldest first. Stops when `size` bytes can be
+    // reserved without an eviction, or when no such slice is left. Failures are only logged.
     void ReclaimUnfinished(const StorageDesc& storage, std::int64_t size, bool is_remote);
 
     // Updates the size of unfinished backups from the ledger.

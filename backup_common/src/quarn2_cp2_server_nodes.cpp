@@ -13,11 +13,12 @@ using Clock = SupervisedNode::Clock;
 
 constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kMaxPause = 60s;
-// A session of at least this duration counts as useful.
+// A session of at least this duration resets the pause before the next session.
 constexpr auto kLongSession = 60s;
 constexpr auto kLookAtSession = 1000ms;
 constexpr std::chrono::milliseconds kLookAtEnding = 100ms;
-// The link has ended, so no process waits for the client's remaining work.
+// A client whose link to the server has ended is terminated after this time, because no process
+// waits for its remaining work.
 constexpr ClientProcess::Patience kPatience{10s, 20s};
 
 std::string Description(const std::string& node) {
@@ -97,7 +98,7 @@ void SupervisedNode::LogEnd() const {
 bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {
     if (!client_) return true;
     if (!client_->FinishWithin(wait, since)) return false;
-    // At the end of the server, only failed clients are logged.
+    // When the server ends, only clients that failed are logged.
     if (client_->status() != 0) LogEnd();
     client_.reset();
     return true;

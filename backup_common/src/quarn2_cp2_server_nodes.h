@@ -15,8 +15,8 @@
 #include "quarn2_cp2_server_model.h"
 #include "quarn2_cp2_server_session.h"
 
-// The pause before the next session with a node. It doubles after each failed session, up to a
-// maximum.
+// The pause before the next session with a node. The pause doubles after each failed session, up to
+// a maximum.
 class RestartPause {
   public:
     // Returns the pause after a session. A useful session (`did_good`) resets the pause to its
@@ -45,7 +45,8 @@ class SupervisedNode {
     // attempt.
     void TryToStart(Clock::time_point now);
 
-    // Does the work that is due. Returns the latest time for the next call.
+    // Reads the client's error output, closes an ended session, waits for its client, or starts the
+    // next session. Returns the time by which Attend must be called again.
     Clock::time_point Attend(Clock::time_point now);
 
     // Closes the open session, if any. The client process of the session may still run.
@@ -88,12 +89,11 @@ class NodeSessions {
     NodeSessions(const NodeSessions&) = delete;
     NodeSessions& operator=(const NodeSessions&) = delete;
 
-    // Starts the session with this machine and then one with each distinct node. Throws when the
-    // session with this machine cannot be started.
+    // Starts the session with this machine and then one session with each distinct node. Throws
+    // when the session with this machine cannot be started.
     void Start(Clock::time_point now);
 
-    // Restarts sessions that have ended. The caller calls it again after the returned time at the
-    // latest.
+    // Restarts sessions that have ended. Attend must be called again within the returned time.
     std::chrono::milliseconds Attend(Clock::time_point now);
 
     // Closes all sessions and waits for all clients in parallel.

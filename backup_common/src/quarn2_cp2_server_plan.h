@@ -13,7 +13,7 @@
 
 using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
 
-// One backup to delete, by its keys in the model. The size is in bytes.
+// One backup to delete, identified by its keys in the model. The size is in bytes.
 struct Victim {
     std::string storage;
     std::string user;

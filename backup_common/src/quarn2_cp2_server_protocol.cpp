@@ -127,7 +127,7 @@ std::string MasterSide::Complete(std::string arguments) {
             ForLog(locked_after));
     storage_.limit = LessSize(SumOfSizes(storage_.limit, locked_before), locked_after);
     storage_.free_size = LessSize(storage_.free_size, size);
-    // A completion drops every reservation of the storage, not only its own backup's.
+    // A completion resets all reservations of the storage, including those for other backups.
     storage_.ResetReserved();
     if (is_remote_) KeepInfoFile(name, date);
     ForgetIncomplete(storage_.owner->path, name, date);

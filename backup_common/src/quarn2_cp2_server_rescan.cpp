@@ -45,7 +45,8 @@ bool IsKept(const std::string& directory, const std::string& name) {
     return IsOwnFile(name) || (beside_admin_root && IsAdminRoot(name));
 }
 
-// Removes unsafe names from a listing, because the names become local paths.
+// Removes unsafe names from a listing of the storage, because the names become parts of local
+// paths.
 void DropUnsafe(Names& names) {
     std::erase_if(names, [](const std::string& name) {
         if (quarn2::IsSafeName(name)) return false;
@@ -74,7 +75,8 @@ bool TakeOut(Names& files, const std::string& local) {
     return true;
 }
 
-// The marker file of an info root. It exists while the info root is incomplete.
+// The marker file that a rescan creates in an info root. The file exists while the info root is
+// incomplete.
 class Marker {
   public:
     Marker(const std::string& local_dir, const std::string& storage)
@@ -88,8 +90,7 @@ class Marker {
         return kro_file::ConcatPath(local_dir, str::Append(kMarker, storage, "#"));
     }
 
-    // True when an earlier rescan was interrupted. Files that it fetched may not have reached the
-    // disk.
+    // True when an earlier rescan was interrupted. The files that it downloaded may not be durable.
     bool was_there() const noexcept { return was_there_; }
 
     void Remove() const {
@@ -104,8 +105,8 @@ class Marker {
     bool was_there_ = false;
 };
 
-// Keeps the keys of a local info file that is fetched again only because of its index. Restore adds
-// the keys that exist only locally.
+// Keeps the keys of a local info file that is downloaded again together with its index. After the
+// download, Restore adds the keys that existed only locally.
 class LocalKeys {
   public:
     LocalKeys(const std::string& path, bool is_trusted) : path_(path) {
@@ -261,7 +262,7 @@ class Rescanner {
         const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
         ClearForDirectory(user_dir, *removed_);
         Names kept = dates;
-        // A user's info root also has the files of the storage root.
+        // Files of the storage root are kept as well, because a user's info root contains them.
         if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
         RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
         for (const std::string& date : dates) TakeDate(user, date);
@@ -284,8 +285,8 @@ class Rescanner {
         for (const std::string& file : files) FetchDated(kro_file::ConcatPath(dir, file));
     }
 
-    // Moves away local files that the storage does not have. Afterwards, `files` has the names to
-    // fetch.
+    // Moves local files that the storage does not have to `removed_`. Afterwards, `files` contains
+    // the names of the files to download.
     void RemoveMissedFiles(Names& files, const std::string& directory) {
         if (!trust_local_) return RemoveMissedDirs(files, directory, false, *removed_);
         Names kept;

@@ -70,7 +70,8 @@ void CheckIsNoOtherUsers(const std::string& local_root, const std::string& stora
     };
     check(UserOfInfoRoot(local_root, kData));
     check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
-    // The directory may be below the data directory of another installation.
+    // Also checks the name of the directory itself, because it may be an info root of another
+    // installation.
     if (!quarn2::IsAdminData(local_root)) check(kro_file::Name(local_root));
 }
 
@@ -126,7 +127,8 @@ std::string FindStrayEntry(const std::string& directory) {
 }
 
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name) {
-    // The rescan would work on the parent directory, which has the server's own files.
+    // With the directory of all info roots, the rescan would work on its parent directory var,
+    // which contains the server's own files.
     if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
         ThrowCannotRescan(local_root, "name the info root in it, such as '" +
                                           kro_file::ConcatPath(local_root, "tovarn") + "'");

@@ -25,7 +25,7 @@ using BackupInfo = UserDesc::BackupInfo;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// Scans one info file after another.
+// Reads info files one after another and counts their backups.
 class Scanner {
   public:
     Scanner(GlobalSizeControl& control, const std::string& current_date)
@@ -62,8 +62,8 @@ class Scanner {
         }
     }
 
-    // The backup may have been complete before its job was repeated and interrupted. Then the
-    // storage still has its old files beside the new ones.
+    // Records the size of a backup that is not complete. If the backup was complete before its job
+    // was repeated, the storage may still have its old files as well as the new ones.
     void NoteUnfinished(const StorageDesc& desc, const std::string& path,
                         std::string_view last_slice) const {
         KRO_LOG(kLog, 4, "Skip backup '%s': it is not complete", kro_file::Name(path).c_str());

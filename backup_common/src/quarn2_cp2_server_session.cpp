@@ -18,7 +18,8 @@ constexpr std::size_t kReadPiece = 32;
 // Limits the memory that a client can use. Commands are much shorter, so a client that sends a
 // longer line is faulty.
 constexpr std::size_t kMaxLineBytes = 65536;
-// A client waits for each answer before its next command, so few answers can be unread.
+// Limits the answers that a client has not read. A correct client waits for each answer before its
+// next command.
 constexpr std::size_t kMaxUnreadBytes = 1U << 20;
 
 }  // namespace
@@ -92,7 +93,7 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
     switch (ReadAvailable(handle)) {
         case Reading::kMore:
             break;
-        // The client has ended after the poll above.
+        // The client has ended since the poll above.
         case Reading::kEnd:
             return Disconnected();
         case Reading::kFailed:

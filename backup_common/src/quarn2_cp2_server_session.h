@@ -49,7 +49,7 @@ class MasterSide {
 
     MasterSide(GlobalSizeControl::StorageDesc& storage, quarn2::Expect& loop,
                const std::vector<std::string>& command);
-    // Closes the client's input and waits for its end.
+    // Closes the client's input and waits until the client has ended.
     ~MasterSide();
     MasterSide(const MasterSide&) = delete;
     MasterSide& operator=(const MasterSide&) = delete;
@@ -66,13 +66,13 @@ class MasterSide {
     quarn2::Expect::Result* Read(ResHandle handle);
     quarn2::Expect::Result* Write(ResHandle handle);
 
-    // Executes one command line of the client and queues the answer.
+    // Executes one command that the client has sent, and queues the answer for the client.
     void ProcessCommand(const std::string& line);
 
     // False after the server or the client has closed the link.
     bool is_open() const noexcept { return is_open_; }
 
-    // True after a command was answered with "OK".
+    // True after the server has answered a command with "OK".
     bool has_served() const noexcept { return has_served_; }
 
     ClientProcess& client() noexcept { return *client_; }

@@ -55,7 +55,8 @@ bool LockSayingSo(int fd, const std::string& path, int operation) {
     return FlockWaiting(fd, operation) == 0;
 }
 
-// The process that holds the record lock on the pid file: a server that has completed its start.
+// Returns the process that holds the record lock on the pid file. A server takes this lock when it
+// is ready.
 std::optional<pid_t> FindServer(const std::string& pid_file) {
     const ResHandle file(open(pid_file.c_str(), O_RDWR | O_CLOEXEC));
     if (!file) return std::nullopt;
@@ -133,7 +134,8 @@ class Starter {
             } else if (const std::optional<pid_t> holder = FindServer(files_.pid)) {
                 if (Join(*holder)) return std::move(handle_);
             } else {
-                // A server is starting, or ending.
+                // Another process holds the lock on the pid file, but no server is ready: a server
+                // is starting or ending.
                 if (server_key_.empty()) SayWaiting("another server is starting or ending");
                 kro_proc::Sleep(kStartingPause);
             }
@@ -227,7 +229,7 @@ ServerFiles::ServerFiles(const std::string& storage)
 
 ResHandle OpenLockFile(const std::string& path) {
     constexpr mode_t kMode = 0600;
-    // Does not follow a link and does not wait for a named pipe.
+    // O_NOFOLLOW: does not follow a symbolic link. O_NONBLOCK: does not wait for a named pipe.
     constexpr int kFlags = O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     return ResHandle(open(path.c_str(), kFlags, kMode));
 }

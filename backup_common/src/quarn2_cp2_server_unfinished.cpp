@@ -97,9 +97,9 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
     }
 }
 
-// Returns the entry of the backup's archive; or the entry of a job that makes another archive of
-// the same day, such as a full backup after a daily, and may have replaced files that both archives
-// use. Returns "" when there is no such entry.
+// Returns the name of the entry of the backup's archive, or the entry of a job that makes another
+// archive of the same day, such as a full backup after a daily, and may have replaced files that
+// both archives use. Returns "" when there is no such entry.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -161,7 +161,8 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
         }
     }
     for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
-    // A local info file may have "finished" for this backup, so the entry stays.
+    // A local info file may have "finished" for this backup. The entry stays, because without it
+    // the backup would count as complete.
     if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
     ledger_.Update(entry.name, [](LedgerEntry& changed) {
         for (auto& [name, slice] : changed.slices) slice.bytes = 0;

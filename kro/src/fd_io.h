@@ -9,7 +9,7 @@
 
 namespace kro_file {
 
-// Repeats a system call that a signal interrupted.
+// Calls a system call again as long as a signal interrupts it.
 template <class Call>
 auto NoEintr(Call call) noexcept(noexcept(call())) {
     auto result = call();

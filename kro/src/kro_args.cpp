@@ -1,4 +1,4 @@
-// The declaration of options, the parsed values and the usage text.
+// Implements the declaration of options, the access to parsed values and the usage text.
 #include "kro/kro_args.h"
 
 #include <algorithm>

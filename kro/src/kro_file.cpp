@@ -39,7 +39,8 @@ std::string_view WithoutClosingSlashes(std::string_view path) {
     return path;
 }
 
-// SplitPath without copies, because a start-up scan splits a hundred thousand paths.
+// Like SplitPath but without copies, because the scan at the start of the server splits a hundred
+// thousand paths.
 std::pair<std::string_view, std::string_view> Halves(std::string_view path) {
     path = WithoutClosingSlashes(path);
     const std::size_t slash = path.rfind('/');

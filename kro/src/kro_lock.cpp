@@ -42,7 +42,8 @@ void Lock::DoLock(const std::string& path, bool create) { Open(path, create, tru
 bool Lock::TryLock(const std::string& path, bool create) { return Open(path, create, false); }
 
 bool Lock::Open(const std::string& path, bool create, bool wait) {
-    // A lock that this object still holds through another descriptor would block this call forever.
+    // Releases a lock that this object holds. With another descriptor for the same file, flock
+    // would otherwise wait forever for this lock.
     Release();
     const int operation = wait ? LOCK_EX : LOCK_EX | LOCK_NB;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {

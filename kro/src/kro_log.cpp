@@ -38,8 +38,8 @@ struct State {
     int fd = -1;
 };
 
-// Never destroyed, because threads and destructors of other objects may log until the process
-// exits.
+// The object is never destroyed, because threads and destructors of other objects may log until the
+// process exits.
 State& TheState() {
     static State& state = *new State;
     return state;
@@ -212,7 +212,7 @@ namespace {
 
 constexpr off_t kMaxReadBack = 256L * 1024;
 
-// The bytes from `begin` to `end`. Fewer when the file cannot be read that far.
+// The bytes from `begin` to `end`. Returns fewer bytes when the file cannot be read up to `end`.
 std::string ReadFrom(int fd, off_t begin, off_t end) {
     std::string text(static_cast<std::size_t>(end - begin), '\0');
     std::size_t done = 0;

@@ -1,4 +1,4 @@
-// The clock. All code gets the time and sleeps through this header; `scripts/check clock` finds
+// The clock. All code uses this header to get the time and to sleep; `scripts/check clock` finds
 // code that does not. The kro_clock library defines the functions, so that a test can link another
 // clock.
 #pragma once

@@ -12,7 +12,7 @@ std::string GetEnv(const std::string& name);
 // "/usr/local/kro5" when the program is in a directory of another name.
 const std::string& InstallRoot();
 
-// Sets the install root. The launcher calls it once, before it starts a role.
+// Sets the install root. The launcher calls it once, before it runs the command.
 void SetInstallRoot(const std::string& root);
 
 }  // namespace kro_env

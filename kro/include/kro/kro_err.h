@@ -1,4 +1,4 @@
-// The errors that the framework and the layers above it throw.
+// The errors that this library and the layers above it throw.
 #pragma once
 
 #include <cerrno>

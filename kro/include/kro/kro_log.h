@@ -30,7 +30,7 @@ class Module {
     // Logs a printf-formatted message when `level` is enabled.
     [[gnu::format(printf, 3, 4)]] void Write(int level, const char* format, ...) const noexcept;
 
-    // Logs a text without formatting when `level` is enabled.
+    // Logs `text` without printf formatting when `level` is enabled.
     void Text(int level, const std::string& text) const noexcept;
 
   private:

@@ -1,5 +1,5 @@
-// Reads lines of the log. kro_log.cpp implements it next to the writer, so that only one file
-// depends on the line format.
+// Reads lines of the log. kro_log.cpp contains both the reader and the writer, so that only one
+// file depends on the line format.
 #pragma once
 
 #include <sys/types.h>

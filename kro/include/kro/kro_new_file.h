@@ -45,7 +45,7 @@ class NewFile {
 };
 
 // TemporaryName returns the temporary name for the last component of a target. IsTemporaryName is
-// true for a name of that form.
+// true for a name of the form that TemporaryName returns.
 std::string TemporaryName(std::string_view name);
 bool IsTemporaryName(std::string_view name) noexcept;
 

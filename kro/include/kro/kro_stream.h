@@ -9,8 +9,8 @@
 
 namespace kro_stream {
 
-// A file opened for buffered reading. A missing file reads as an empty one. Other failures throw
-// kro_err::Error.
+// A file opened for buffered reading. A missing file counts as empty. When the file cannot be
+// opened or read, throws kro_err::Error.
 class Input {
   public:
     explicit Input(const std::string& path);

@@ -22,13 +22,13 @@ std::string Lower(std::string_view text);
 std::string_view Trimmed(std::string_view text) noexcept;
 
 // Removes and returns the part of `text` before the first `separator`, and removes that separator.
-// Without a separator in `text`, or with an empty one, returns all of `text` and leaves `text`
-// empty.
+// When `text` does not contain `separator`, or `separator` is empty, returns all of `text` and
+// leaves `text` empty.
 std::string GetWord(std::string& text, std::string_view separator = " ");
 
 // Removes and returns the part of `text` after the last `separator`, and removes that separator.
-// Without a separator in `text`, or with an empty one, returns an empty text and leaves `text`
-// unchanged.
+// When `text` does not contain `separator`, or `separator` is empty, returns an empty text and
+// leaves `text` unchanged.
 std::string RGetWord(std::string& text, std::string_view separator);
 
 // Parse a decimal integer with an optional sign. The empty text is 0. Throw kro_err::Error, which
@@ -73,7 +73,7 @@ namespace badchars {
 // character itself as the escape character followed by t, n, r or itself.
 std::string Escape(std::string_view text, char escape);
 
-// Reverses Escape. Any other escaped character yields itself.
+// Reverses Escape. Another character after the escape character stays as it is.
 std::string Unescape(std::string_view text, char escape);
 }  // namespace badchars
 
