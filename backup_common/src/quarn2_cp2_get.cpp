@@ -134,7 +134,7 @@ void RemovePrevious(const std::string& tmp_file, const std::string& local) {
         throw std::runtime_error("--tmp-file '" + tmp_file + "' is a directory: name a file");
     }
     const std::string previous = PreviousIn(tmp_file);
-    // The system would end the path at the NUL and remove another file.
+    // Refuses a NUL byte in the path: the system would end the path there and remove another file.
     if (previous.find('\0') != std::string::npos) {
         throw std::runtime_error("--tmp-file '" + tmp_file +
                                  "' holds no path: it has a NUL byte; nothing was removed or "

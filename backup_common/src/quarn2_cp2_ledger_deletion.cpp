@@ -40,8 +40,8 @@ void LedgerDeletion::Finish(quarn2::Storage& storage) const {
     std::set<std::string> directories;
     for (const std::string& entry_name : entries_) {
         for (const auto& [name, slice] : ledger_.Read(entry_name).slices) {
-            // Ledger files can be damaged. An entry must not cause the removal of another backup's
-            // files.
+            // Skips a slice with another LedgerKey, because a damaged ledger entry must not cause
+            // the removal of another backup's files.
             if (named.contains(name) || slice.bytes == 0 || LedgerKey(name) != key_) continue;
             storage.RemoveFile(name);
             directories.insert(kro_file::Path(name));

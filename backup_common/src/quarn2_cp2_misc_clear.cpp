@@ -76,8 +76,8 @@ void ForgetUnfinished(const std::string& identity) {
 }
 
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
-    // An administrator may have moved the info root and left a link. A link of another user is not
-    // followed.
+    // An administrator may have moved the info root and left a symbolic link. The check follows
+    // such a link, but not a link of another user.
     const std::string identity = StorageIdentity(TokenByEnv());
     if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage, identity);
     // The marker file prevents servers from starting until another --clear has succeeded. So it is

@@ -282,7 +282,8 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
             DeletePlainEntry(backup, key, slice);
         }
     }
-    // When slices could not be deleted, the info file is needed to try again.
+    // Keeps the info file when slices could not be deleted, because another attempt needs the info
+    // file.
     if (all_deleted && (plain_form || !directory_form)) RemoveStoredInfo(storage, info_path);
     if (directory_form) {
         RemoveLocalDirectory(info_path);

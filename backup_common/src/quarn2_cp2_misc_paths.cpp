@@ -10,7 +10,7 @@ fs::path ResolvePath(const std::string& path) {
     const fs::path absolute = fs::absolute(path.empty() ? "." : path, error);
     fs::path resolved = fs::weakly_canonical(absolute, error);
     if (error) resolved = absolute.lexically_normal();
-    // A trailing slash would count as another, empty component.
+    // Removes a trailing slash, because it would count as another, empty component of the path.
     return resolved.has_filename() || resolved == resolved.root_path() ? resolved
                                                                        : resolved.parent_path();
 }

@@ -12,6 +12,6 @@
 // same thread. `process` is the process that sent the command.
 std::string RefusalLine(pid_t process);
 
-// The reason that the node client has logged for this process's command since `begin`; "" when
-// there is none.
+// Searches the log after `begin` for the reason why the node client has refused this process's
+// command. Returns "" when there is no reason.
 std::string FindRefusal(const kro_log::Bookmark& begin, pid_t node_client);

@@ -72,7 +72,8 @@ void Removal::RemoveFile(const std::string& name) {
 }
 
 void Removal::RemoveDir(const std::string& name) {
-    // After a failure, the directory may be partly removed.
+    // Sets `touched_` before the call, because RemoveDir may fail after it has removed a part of
+    // the directory.
     touched_ = true;
     storage_->RemoveDir(name);
 }

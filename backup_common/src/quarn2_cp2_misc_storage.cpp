@@ -55,7 +55,7 @@ std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& 
          entry.increment(error)) {
         std::error_code ignored;
         if (!entry->is_symlink(ignored) || !entry->is_directory(ignored)) continue;
-        // The storage does not follow another user's link.
+        // Skips another user's link, because the storage does not follow it.
         if (kro_file::IsForeignLink(entry->path())) continue;
         found.push_back(ResolvePath(entry->path()));
     }

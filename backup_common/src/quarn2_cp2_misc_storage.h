@@ -27,7 +27,7 @@ std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::stri
 // The directories that a local storage directory must not overlap, because --clear empties the
 // storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
-    std::vector<std::filesystem::path> outside;  // a storage may be below these: ROOT and var
+    std::vector<std::filesystem::path> outside;  // may contain a storage: the install root and var
     std::vector<std::filesystem::path> closed;   // never below these: sbin, etc, tmp, info roots
 };
 

@@ -20,7 +20,8 @@
 namespace {
 
 constexpr kro_log::Module kLog("main");
-// Other users must not read an info file, because it may contain the archive's password.
+// Users outside of its group must not read an info file, because it may contain the archive's
+// password.
 constexpr mode_t kInfoMode = 0640;
 
 // Throws for a name with a blank. The node client parses a trailing " DELETE" as an option of the

@@ -114,7 +114,8 @@ quarn2::Expect::Result* NodeSide::operator()(ResHandle listening) {
 }
 
 std::string NodeSide::Serve(std::string command) {
-    // The system ends a path at a NUL byte, but the stored name would continue after it.
+    // Refuses a NUL byte: the system ends a path there, but the stored name would continue after
+    // it.
     if (command.find('\0') != std::string::npos) {
         throw std::runtime_error("A command with a NUL byte is refused");
     }

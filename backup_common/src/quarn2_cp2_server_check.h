@@ -12,6 +12,6 @@
 // for a conclusion.
 void CheckRightStorage(quarn2::Storage& storage, const std::string& info_root);
 
-// CheckRightStorage for a server that is about to start. When the storage does not answer, prints a
-// warning on standard error, logs it and returns false.
+// Calls CheckRightStorage for a server that is about to start. When the storage does not answer,
+// prints a warning on standard error, logs it and returns false.
 bool IsRightStorageAtStart(const std::string& info_root);

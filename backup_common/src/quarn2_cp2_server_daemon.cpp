@@ -157,7 +157,8 @@ void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
     kro_log::Init("quarn2_cp", 5);
     SetOwnLedger(args->Param("storage", -1));
     try {
-        // The object is static because the lock on the lock file must last until the process ends.
+        // The Daemon object is static, because its lock on the lock file must last until the
+        // process ends.
         static std::unique_ptr<Daemon> daemon;
         daemon = std::make_unique<Daemon>(args, pid_lock, start);
         daemon->Run();

@@ -74,8 +74,8 @@ struct GlobalSizeControl {
 
         std::map<std::string, UserDesc> users;
         std::shared_ptr<quarn2::Storage> storage;
-        // The info files of backups whose removal has begun, with the sizes of the backups. These
-        // backups are not in `users`.
+        // The info files of backups whose deletion was interrupted, with the sizes of the backups.
+        // These backups are not in `users`.
         std::map<std::string, std::int64_t> half_deleted;
     };
 

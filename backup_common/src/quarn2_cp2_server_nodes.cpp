@@ -107,7 +107,8 @@ bool SupervisedNode::FinishWithin(std::chrono::milliseconds wait, Clock::time_po
 void FinishAll(std::vector<SupervisedNode>& nodes, Clock::time_point since) {
     for (bool waiting = true; waiting;) {
         waiting = false;
-        // Each round waits for one client and only checks the others.
+        // Each round waits for one running client and only checks the others, so that the server
+        // watches all clients in parallel.
         for (SupervisedNode& node : nodes) {
             if (!node.FinishWithin(waiting ? 0ms : kLookAtEnding, since)) waiting = true;
         }

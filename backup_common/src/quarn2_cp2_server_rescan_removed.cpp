@@ -24,7 +24,7 @@ constexpr mode_t kDirectoryMode = 0700;
 
 bool Exists(const std::string& path) { return fs::exists(fs::symlink_status(path)); }
 
-// False when the target is on another file system.
+// Renames a file or directory. Returns false when the target is on another file system.
 bool Rename(const std::string& path, const std::string& target) {
     if (std::rename(path.c_str(), target.c_str()) == 0) return true;
     if (errno == EXDEV) return false;

@@ -83,7 +83,7 @@ class Scanner {
             return;
         }
         const std::int64_t size = str::Int64(ValueOf("size"));
-        // A negative size would increase the free space.
+        // Throws for a negative size, because it would increase the free space.
         if (size < 0) throw std::runtime_error("the size " + str::Str(size) + " is negative");
         if (str::StartsWith(name, "custom.")) {
             desc.ChargeForGood(size);
@@ -94,7 +94,8 @@ class Scanner {
         const std::string date = quarn2::GetDate(name);
         // If the name has a type letter or no user, its length differs from that of DATE.USER.info.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
-            // An eviction could not find this info file by user and date.
+            // An eviction could not find this info file by user and date, so the size of the backup
+            // can never be freed.
             desc.ChargeForGood(size);
             KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
                     name.c_str(), ForLog(size));
@@ -120,7 +121,7 @@ class Scanner {
 
     void Enter(const StorageDesc& desc, UserDesc& user, const std::string& date,
                const Found& found) const {
-        // The files are sorted by date, so the insertion is nearly always at the end.
+        // The end is the hint for the insertion, because the info files are sorted by date.
         user.backups.insert_or_assign(user.backups.end(), date,
                                       BackupInfo{found.size, found.type == "full" ? 0 : 1, false});
         KRO_LOG(kLog, 7, "%p Add %s backup %s. new used = %lld, new free_size = %lld",

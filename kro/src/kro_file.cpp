@@ -245,7 +245,7 @@ void Remove(const std::string& path) {
             "Will not remove " + Quoted(path) + ": it is the root or the current directory");
     }
     std::error_code error;
-    // With a trailing slash, remove_all would follow a symbolic link.
+    // Removes trailing slashes, because with such a slash remove_all would follow a symbolic link.
     std::filesystem::remove_all(std::string(WithoutClosingSlashes(path)), error);
     if (error && error.value() != ENOENT && error.value() != ENOTDIR) {
         throw kro_err::FromErrno("Failed to remove " + Quoted(path), error.value());
@@ -296,7 +296,7 @@ void SyncDir(const std::string& directory) {
     const int fd = OpenFd(name, O_RDONLY | O_DIRECTORY);
     if (fd < 0) throw kro_err::FromErrno("Failed to open the directory " + Quoted(name));
     const ResHandle handle(fd);
-    // File systems that return EINVAL for a directory have nothing to sync.
+    // Ignores EINVAL, because file systems that return EINVAL for a directory have nothing to sync.
     if (NoEintr([&] { return ::fsync(fd); }) != 0 && errno != EINVAL) {
         throw kro_err::FromErrno("Failed to sync the directory " + Quoted(name));
     }

@@ -106,7 +106,7 @@ std::string Append(const std::string& text, std::string_view tail, std::string_v
 
 void inpl::Append(std::string& text, std::string_view tail, std::string_view separator) {
     if (tail.empty()) return;
-    // `tail` may point into `text`, whose buffer moves when it grows.
+    // Copies `tail`, because it may point into `text`, whose buffer moves when it grows.
     const std::string added(tail);
     if (!text.empty()) text += separator;
     text += added;

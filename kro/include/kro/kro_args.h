@@ -108,7 +108,7 @@ class Args {
     // and throws EarlyExit.
     void Parse(int argc, char** argv);
 
-    // The result of Parse.
+    // The result of the last call of Parse.
     Result* operator->() const noexcept { return result_.get(); }
     const ResultPtr& GetResult() const noexcept { return result_; }
 
