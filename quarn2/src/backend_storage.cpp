@@ -22,7 +22,8 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// A backup contains all data of a user, so other users must not read it.
+// The file mode of downloaded files. A backup contains all data of a user, so other users must not
+// be able to read the file.
 constexpr mode_t kDownloadMode = 0640;
 
 struct stat Status(int fd, const std::string& path) {
@@ -31,7 +32,7 @@ struct stat Status(int fd, const std::string& path) {
     return status;
 }
 
-// The local file of an upload.
+// The local file that an upload reads.
 class FileSource final : public ByteSource {
   public:
     FileSource(const std::string& path, TransferObserver* observer)
@@ -101,7 +102,7 @@ class FileSource final : public ByteSource {
     timespec modified_ = {};
 };
 
-// The new local file of a download.
+// The new local file that a download writes.
 class FileSink final : public ByteSink {
   public:
     FileSink(int fd, const std::string& path, TransferObserver* observer, bool refuse_encrypted)
@@ -118,9 +119,10 @@ class FileSink final : public ByteSink {
         if (observer_ != nullptr) observer_->Advance(bytes);
     }
 
-    // Throws kUnauthorized when the file begins like an encrypted one. Reads the first bytes back
-    // from the file, because the backend may have written them through the descriptor. Each Advance
-    // calls this, so that the download stops before the rest of a large backup follows.
+    // Throws kUnauthorized when the downloaded file begins with the mark of encrypted files. Reads
+    // the first bytes back from the local file, because a backend that writes through the
+    // descriptor does not pass the bytes to Write. Each Advance calls this function, so that the
+    // download of a large encrypted file stops early.
     void RefuseEncrypted() {
         if (!refuse_encrypted_) return;
         std::array<std::byte, kEncryptedMarkSize> first{};
@@ -137,7 +139,7 @@ class FileSink final : public ByteSink {
     }
 
     // Reports the start of a transfer of unknown size unless the backend has called Expect.
-    // Download calls this too, so that a transfer of zero bytes is also reported.
+    // Download also calls this function, so that a transfer of zero bytes is reported.
     void Begin() {
         if (!std::exchange(expected_, true) && observer_ != nullptr) observer_->Begin(-1);
     }
@@ -162,8 +164,8 @@ class FileSink final : public ByteSink {
     bool expected_ = false;
 };
 
-// Reports a failure to make the local file as kFailed, because the other kinds of a download's
-// errors refer to the storage.
+// Throws kFailed when the local file cannot be created, because all other error kinds of a download
+// refer to the storage.
 std::unique_ptr<kro_file::NewFile> NewLocalFile(const std::string& local) {
     try {
         return std::make_unique<kro_file::NewFile>(local, kDownloadMode);
@@ -215,7 +217,7 @@ void BackendStorage::List(std::vector<std::string>& names, const std::string& di
 }
 
 void BackendStorage::RemoveDir(const std::string& remote) {
-    // Also refuses the empty name, which is the root.
+    // CheckStoredName also refuses the empty name, which refers to the storage's root.
     CheckStoredName(remote);
     backend_->RemoveDir(remote);
 }

@@ -1,4 +1,4 @@
-// The Storage implementation around a backend.
+// Implements the Storage interface with a backend.
 #pragma once
 
 #include <memory>
@@ -9,7 +9,7 @@
 
 namespace quarn2 {
 
-// The part that all storages share: checks names, reads and writes local files.
+// Implements the functions that all storages share: checks names, reads and writes local files.
 class BackendStorage final : public Storage {
   public:
     // `token` is the token that the backend was opened with. Its arch_password determines the

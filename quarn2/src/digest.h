@@ -1,4 +1,4 @@
-// Hash functions. Callers do not depend on the cryptographic library.
+// Hash functions. They hide the cryptographic library from the rest of the program.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ class Digest {
     Digest& operator=(const Digest&) = delete;
 
     void Add(std::span<const std::byte> bytes);
-    // Returns the raw bytes of the hash. Call it once, after the last Add.
+    // Returns the raw bytes of the hash. Must be called only once, after the last Add.
     std::string Finish();
 
   private:
@@ -29,17 +29,17 @@ class Digest {
     std::unique_ptr<Context> context_;
 };
 
-// These return raw bytes as well.
+// Return the raw bytes of the hash.
 std::string Sha256(std::string_view text);
 std::string Md5(std::string_view text);
 std::string HmacSha256(std::string_view key, std::string_view text);
 
-// Encodes in lowercase.
+// Encodes bytes as lowercase hexadecimal digits.
 std::string Hex(std::string_view bytes);
-// Returns nullopt when the text does not consist of pairs of hexadecimal digits.
+// Decodes pairs of hexadecimal digits. Returns nullopt when the text contains anything else.
 std::optional<std::string> FromHex(std::string_view text);
 
-// The SHA-256 of empty input, in hexadecimal digits.
+// Returns the SHA-256 of empty input in hexadecimal digits.
 const std::string& EmptySha256();
 
 }  // namespace quarn2

@@ -18,7 +18,7 @@ struct Expect::Result {
 
 namespace {
 
-// Only the addresses matter. The names are for a debugger.
+// Results are compared by address. Their names are only visible in a debugger.
 Expect::Result result_ok{"erOk"};
 Expect::Result result_suspend{"erSuspend"};
 Expect::Result result_close{"erClose"};
@@ -26,7 +26,8 @@ Expect::Result result_finish{"erFinish"};
 
 using Clock = kro_date::SteadyClock;
 
-// The remaining time of a run in milliseconds, rounded up so that the run never ends early.
+// Returns the milliseconds until the deadline of a run, rounded up so that the run never ends
+// early.
 int Remaining(Clock::time_point deadline) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
     return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
@@ -40,7 +41,8 @@ Expect::Result* const Expect::erClose = &result_close;
 Expect::Result* const Expect::erFinish = &result_finish;
 
 Expect::~Expect() {
-    // Empties the list first, because the destructor of a worker may call the loop.
+    // Empty the list of workers before the workers are destroyed, because the destructor of a
+    // worker may call functions of the loop.
     const std::vector<Entry> leaving = std::exchange(entries_, {});
 }
 
@@ -69,7 +71,8 @@ bool Expect::Run(int timeout_ms) {
     for (;;) {
         const Turned turned = Turn(timeout_ms < 0 ? -1 : Remaining(deadline));
         if (turned == Turned::kFinished) return true;
-        // The wait for the remaining time is over. The clock of a test does not advance during it.
+        // The wait took the full remaining time. Do not compare the clock with the deadline here,
+        // because the simulated clock of a test does not advance during the wait.
         if (turned == Turned::kTimedOut) return false;
         if (timeout_ms >= 0 && Clock::now() >= deadline) return false;
     }
@@ -77,7 +80,8 @@ bool Expect::Run(int timeout_ms) {
 
 Expect::Turned Expect::Turn(int timeout_ms) {
     DropClosed();
-    // Leave out suspended workers: poll would report a hang-up on them in every turn.
+    // Do not poll the descriptors of suspended workers: poll would report a hang-up on such a
+    // descriptor in every turn.
     std::vector<pollfd> waiting;
     std::vector<std::shared_ptr<Callable>> workers;
     for (const Entry& entry : entries_) {
@@ -99,8 +103,8 @@ Expect::Turned Expect::Turn(int timeout_ms) {
 }
 
 bool Expect::Serve(int fd, short events, const std::shared_ptr<Callable>& worker) {
-    // An earlier call in this turn may have removed the worker, or another worker may have its
-    // descriptor number now.
+    // A worker that was called earlier in this turn may have removed this worker, or the descriptor
+    // number may belong to another worker now.
     const Entry* const entry = Find(fd);
     if (entry == nullptr || entry->worker != worker) return true;
     if ((events & POLLNVAL) != 0) {

@@ -15,7 +15,8 @@ bool IsWordPart(char c) noexcept {
 
 bool IsDelimiter(char c) noexcept { return c == '/' || c == '\'' || c == '"' || c == '`'; }
 
-// Keeps a component "a" from being removed inside "space".
+// Returns true when text[begin, end) is not part of a longer word, so that the path component "a"
+// is not removed from the word "space".
 bool IsOnItsOwn(const std::string& text, std::size_t begin, std::size_t end) noexcept {
     return (begin == 0 || !IsWordPart(text[begin - 1])) &&
            (end == text.size() || !IsWordPart(text[end]));
@@ -58,8 +59,8 @@ std::string SearchableText(std::string_view text, std::string_view path) {
     std::string rest = str::Lower(std::string(path));
     Erase(searched, rest, IsOnItsOwn);
     Erase(searched, str::RGetWord(rest, "/"), IsOnItsOwn);
-    // Remove directory names only where a slash or quote delimits them. "quota exceeded" stays,
-    // even for a user named "quota".
+    // Remove a directory name only where a slash or quote delimits it. The text "quota exceeded"
+    // then remains, even if a user's directory is named "quota".
     while (!rest.empty()) Erase(searched, str::GetWord(rest, "/"), IsDelimited);
     return searched;
 }

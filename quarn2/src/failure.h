@@ -1,5 +1,5 @@
-// The classes of storage errors that a caller distinguishes. Each backend has one table that maps
-// the error codes of its protocol to these.
+// The classes of storage errors that the program distinguishes. Each backend has one table that
+// maps the error codes of its protocol to these classes.
 #pragma once
 
 #include <string>
@@ -10,19 +10,20 @@
 namespace quarn2 {
 
 enum class Failure {
-    kUnauthorized,  // refused credentials: the caller abandons the upload at once
-    kNoRoom,        // a full disk or quota: the caller deletes old backups to make room
+    kUnauthorized,  // refused credentials: the program abandons the upload without a retry
+    kNoRoom,        // a full disk or quota: the program deletes old backups to make room
     kNotFound,
-    kUnavailable,  // the caller may retry
+    kUnavailable,  // a temporary error: the program retries
     kFailed,
 };
 
-// Returns the error kind to throw for a failure. kNoRoom becomes kFailed, because only an upload
-// can report it in another way: Put returns false.
+// Returns the error kind that a backend throws for a failure. kNoRoom becomes kFailed, because no
+// error kind means a full storage: Put reports a full storage by returning false.
 kro_err::Kind KindOf(Failure failure) noexcept;
 
-// Returns the text of a server in lowercase, without the path and its components, for a search for
-// keywords: the name of user "quota" must not look like an exceeded quota.
+// Converts a server's error text for a keyword search: returns it in lowercase, without `path` and
+// the components of the path. Otherwise the name of a user "quota" would look like an exceeded
+// quota.
 std::string SearchableText(std::string_view text, std::string_view path);
 
 }  // namespace quarn2

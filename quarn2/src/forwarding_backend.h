@@ -10,7 +10,8 @@
 
 namespace quarn2 {
 
-// Forwards every operation except Put and Get, which the wrapper implements.
+// Forwards every operation to the wrapped backend, except Put and Get, which the derived class
+// implements.
 class ForwardingBackend : public StorageBackend {
   public:
     explicit ForwardingBackend(std::unique_ptr<StorageBackend> backend)

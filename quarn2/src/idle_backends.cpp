@@ -17,9 +17,11 @@ namespace {
 
 using Clock = kro_date::SteadyClock;
 
-// When more backends are idle, the oldest one is closed.
+// The maximum number of idle backends in a process. Beyond this number, the oldest backend is
+// closed.
 constexpr std::size_t kMaxIdle = 5;
-// Servers close idle connections, and each idle connection takes one of their slots.
+// The time after which an idle backend is closed. Servers limit the number of connections and close
+// idle ones themselves.
 constexpr std::chrono::seconds kMaxIdleTime(30);
 
 class IdleBackends {
@@ -35,7 +37,7 @@ class IdleBackends {
         entries_.push_back({token, std::move(backend), Clock::now()});
     }
 
-    // Returns null when there is none.
+    // Returns an idle backend of the token, or null when no backend of this token is idle.
     std::unique_ptr<StorageBackend> Take(const BackupToken& token) {
         std::vector<Entry> old;
         const std::lock_guard lock(mutex_);
@@ -57,16 +59,16 @@ class IdleBackends {
         Clock::time_point since;
     };
 
-    // A connection belongs to the process that opened it. Closing it in a forked child would end
-    // the session of the parent, so the child only sets it aside.
+    // Moves the connections of the parent to a separate list in a forked child. The child must not
+    // close a connection of the parent, because that would end the parent's session.
     void PutAsideAfterFork() {
         if (std::exchange(process_, getpid()) == process_) return;
         std::move(entries_.begin(), entries_.end(), std::back_inserter(of_other_processes_));
         entries_.clear();
     }
 
-    // Moves expired entries to `old`. The entries are sorted by time. The caller destroys `old`,
-    // which closes the connections, after it has released the lock.
+    // Moves expired idle backends from entries_, which is sorted by time, to `old`. Keep and Take
+    // destroy `old`, which closes the connections, after they have released the mutex.
     void TakeOld(std::vector<Entry>& old) {
         const auto first_young = std::find_if(entries_.begin(), entries_.end(), [](const Entry& e) {
             return Clock::now() - e.since < kMaxIdleTime;
@@ -81,7 +83,8 @@ class IdleBackends {
     std::vector<Entry> of_other_processes_;
 };
 
-// Never destroyed, because at process exit the network libraries may already be unloaded.
+// The object is never destroyed, because the network libraries can already be unloaded when the
+// process exits.
 IdleBackends& Idle() {
     static IdleBackends& idle = *new IdleBackends;
     return idle;
@@ -97,7 +100,8 @@ class KeptBackend final : public StorageBackend {
         try {
             Idle().Keep(token_, std::move(backend_));
         } catch (const std::exception&) {
-            // Out of memory for the list: close the connection, which loses nothing.
+            // There is not enough memory to keep the idle backend. Close its connection; the next
+            // TakeBackend opens a new one.
             backend_.reset();
         }
     }

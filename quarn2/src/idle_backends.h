@@ -1,7 +1,7 @@
 // Keeps backends with open connections for the next storage object of the same token.
 //
-// A node client makes a new storage object for every upload. Without this, each upload would
-// connect, authenticate and agree on keys again.
+// A node client creates a new storage object for every upload. Without idle backends, each upload
+// would open a new connection, authenticate and exchange keys.
 #pragma once
 
 #include <functional>
@@ -12,10 +12,11 @@
 
 namespace quarn2 {
 
-// Returns an idle backend of this token, or the one that `open` makes. When the result is
-// destroyed, its backend becomes idle for the next call, unless an operation has failed with an
-// error other than kNotFound, because then the connection may be broken. Thread-safe. A forked
-// child does not reuse the connections of its parent.
+// Returns an idle backend of this token, or calls `open` when no backend of the token is idle. When
+// the returned object is destroyed, its backend becomes idle for the next call. After an operation
+// that failed with an error other than kNotFound, the backend is closed instead, because its
+// connection may be broken. Thread-safe. A forked child does not reuse the connections of its
+// parent.
 std::unique_ptr<StorageBackend> TakeBackend(
     const BackupToken& token, const std::function<std::unique_ptr<StorageBackend>()>& open);
 

@@ -36,7 +36,8 @@ class Finder {
     Finder(bool deep, const std::string& user, const std::string& date)
         : deep_(deep), user_(user), date_(date) {}
 
-    // `depth`: how many levels of user directories may follow below `directory`.
+    // Searches `directory` for info files. `depth` is the number of levels of user directories that
+    // are searched below `directory`.
     void Search(const std::string& directory, int depth) {
         Below below;
         ReadDirectory(directory, below);
@@ -46,7 +47,8 @@ class Finder {
                 Search(path, 0);
                 continue;
             }
-            // A user name may look like a date too, such as "custom".
+            // Search a directory with a date name as a user directory, too, because a user's name
+            // can have the form of a date, such as "custom".
             if (IsDateName(name)) ReadDirectory(path);
             if (depth > 0) SearchUser(path);
         }
@@ -58,11 +60,12 @@ class Finder {
   private:
     struct Below {
         std::vector<std::string> directories;
-        std::vector<std::string> links;  // to directories
+        std::vector<std::string> links;  // symbolic links to directories
     };
 
-    // Follows a link of root or of this user, because an administrator may keep a user's directory
-    // on another disk. Another user's link could lead to forged info files.
+    // Follows a symbolic link only if root or the user of this process made it. An administrator
+    // can keep a user's directory on another disk with such a link. A link of another user could
+    // point to forged info files.
     void SearchLinkedUsers(const std::string& directory, const std::vector<std::string>& links) {
         for (const std::string& name : links) {
             const std::string path = kro_file::ConcatPath(directory, name);
@@ -74,7 +77,8 @@ class Finder {
         return name == "custom" || kro_date::IsDate(name);
     }
 
-    // Ignores info files directly in a user's directory, because no backup keeps them there.
+    // Searches only the date directories of a user's directory. Ignores info files directly in the
+    // user's directory, because backups do not store info files there.
     void SearchUser(const std::string& directory) {
         std::vector<std::string> below;
         Walk(directory, [&below](std::string_view name, unsigned char type) {
@@ -90,7 +94,8 @@ class Finder {
         ReadDirectory(directory, ignored);
     }
 
-    // Adds the wanted info files to found_, and the directories and links to `below`.
+    // Reads `directory`. Adds the info files that match the user and date filters to found_, and
+    // the subdirectories and the links to directories to `below`.
     void ReadDirectory(const std::string& directory, Below& below) {
         Walk(directory, [&](std::string_view name, unsigned char type) {
             if (type == DT_DIR) {
@@ -130,8 +135,9 @@ class Finder {
         }
     }
 
-    // Examines the file only when readdir reports no type or a link. A link to a file has the type
-    // of that file. DT_LNK is a link to a directory.
+    // Returns the type of a directory entry. Calls fstatat only when readdir reports no type or a
+    // symbolic link. For a link to a file, returns the type of that file; DT_LNK means a link to a
+    // directory.
     static unsigned char TypeOf(int directory, const dirent& entry) {
         if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type;
         struct stat status = {};
@@ -158,7 +164,8 @@ InfoMap GetInfo(const std::string& path) {
     reader.Read(path);
     InfoMap info;
     for (const auto& [key, value] : reader.entries()) {
-        // The program writes sorted keys, so the end is the right position for nearly all of them.
+        // The program writes the keys of an info file in sorted order, so the end of the map is the
+        // right hint for nearly every key.
         info.insert_or_assign(info.end(), std::string(key), value);
     }
     return info;
@@ -169,7 +176,8 @@ std::vector<std::string> InfoPlaces(const std::string& directory, const std::str
     const std::string name = date + "." + user + std::string(kInfo);
     if (directory.empty()) return {name};
     std::vector<std::string> places = {kro_file::ConcatPath(directory, name)};
-    // The name "x....info" parses as date "x" and user "..", which would lead out of the directory.
+    // A date or user ".." would lead out of `directory`: the file name "x....info" contains the
+    // date "x" and the user "..".
     constexpr std::string_view kAbove = "..";
     if (date == kAbove) return places;
     const std::string dated = kro_file::ConcatPath(date, name);

@@ -14,9 +14,11 @@ namespace quarn2 {
 
 namespace {
 
-// Info files have a few hundred bytes. The limit prevents loading a misnamed archive.
+// The maximum size of an info file. Info files have a few hundred bytes. The limit prevents that
+// the reader loads a misnamed archive into memory.
 constexpr std::size_t kMaxInfoBytes = 1024UL * 1024;
-// The buffer fits nearly every info file: one read for the content, one that finds the end.
+// The initial size of the read buffer. Nearly every info file fits, so two read calls suffice: the
+// first returns the content, the second detects the end of the file.
 constexpr std::size_t kInitialBufferSize = 8UL * 1024;
 
 std::size_t ReadSome(int fd, char* buffer, std::size_t size, const std::string& path) {
@@ -27,7 +29,7 @@ std::size_t ReadSome(int fd, char* buffer, std::size_t size, const std::string& 
     }
 }
 
-// An open info file. Unlike ResHandle it needs no allocation per file.
+// The descriptor of an open info file. Unlike ResHandle, this class allocates no memory.
 class OpenInfo {
   public:
     explicit OpenInfo(const std::string& path)

@@ -6,23 +6,26 @@
 
 namespace quarn2 {
 
-// Counts the entries that a server lists during one operation, over all pages.
+// Counts the directory entries that a server lists during one operation, over all pages of the
+// listing. A faulty or hostile server must not exhaust the memory.
 class ListingLimit {
   public:
-    // Ten times the number of names on a storage with ten thousand backups.
+    // The maximum number of listed names: ten times the number on a storage with ten thousand
+    // backups.
     static constexpr std::size_t kMaxEntries = 1'000'000;
     static constexpr std::size_t kMaxBytes = 128UL * 1024 * 1024;
-    // No backup is nested this deep, but a server could report nested directories without end.
+    // The maximum depth of nested directories. No backup is nested this deep, but a faulty server
+    // could report an endless chain of directories.
     static constexpr std::size_t kMaxDepth = 200;
 
     // `what` names the server in the error text.
     explicit ListingLimit(std::string what) : what_(std::move(what)) {}
 
-    // Counts one more entry with a name of `bytes` bytes. Throws kro_err::Error (kFailed) above the
-    // limits.
+    // Counts a directory entry whose name has `bytes` bytes. Throws kro_err::Error (kFailed) if the
+    // total exceeds kMaxEntries or kMaxBytes.
     void Count(std::size_t bytes);
-    // Throws kro_err::Error (kFailed) for a directory more than kMaxDepth levels below the one
-    // where the operation started.
+    // Throws kro_err::Error (kFailed) if `depth` exceeds kMaxDepth. `depth` is the number of levels
+    // below the directory where the operation started.
     void CheckDepth(std::size_t depth) const;
 
   private:

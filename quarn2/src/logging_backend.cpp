@@ -15,7 +15,7 @@ namespace {
 
 constexpr kro_log::Module kLog("storage");
 
-// Measures one operation and logs its line.
+// Measures the duration of one storage operation and logs its result in one line.
 class Operation {
   public:
     explicit Operation(std::string text) : text_(std::move(text)), start_(Clock::now()) {}
@@ -24,7 +24,7 @@ class Operation {
         kLog.Text(kStorageLogLevel, text_ + ": " + how + " in " + Milliseconds());
     }
 
-    // Runs `action`, which returns the result for the log line.
+    // Runs the storage operation `action` and logs the text that `action` returns, or its error.
     template <class Action>
     void Run(const Action& action) const {
         try {
@@ -49,7 +49,7 @@ class Operation {
     Clock::time_point start_;
 };
 
-// Counts the bytes and forwards all calls.
+// Counts the bytes of a download and forwards all calls to the wrapped sink.
 class CountingSink final : public ByteSink {
   public:
     explicit CountingSink(ByteSink& sink) : sink_(sink) {}

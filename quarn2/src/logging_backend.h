@@ -7,10 +7,11 @@
 
 namespace quarn2 {
 
-// The log level of these lines: trace, which is not logged by default.
+// The level at which storage operations are logged: trace, which is disabled by default.
 inline constexpr int kStorageLogLevel = 8;
 
-// Logs one line at the end of each operation, successful or failed, except for SyncRemovals.
+// Wraps a backend. The wrapper logs one line at the end of each storage operation, successful or
+// failed, except for SyncRemovals.
 std::unique_ptr<StorageBackend> Logged(std::unique_ptr<StorageBackend> backend);
 
 }  // namespace quarn2

@@ -23,13 +23,15 @@ std::string DirectoryPath() {
 
 }  // namespace
 
-// Removes the file while the lock is still held. A process that has opened the file meanwhile takes
-// the lock later and detects that the path no longer names the file.
+// Removes the lock file while the lock is still held. Another process may have opened the file in
+// the meantime. That process acquires the lock later and detects that its file is no longer at the
+// path.
 NameLock::~NameLock() {
     try {
         kro_file::RemoveFile(path_);
     } catch (const std::exception& error) {
-        // A leftover lock file that no process holds does no harm.
+        // A lock file that no process has locked does not block later locks, so an error here is
+        // only logged.
         KRO_LOG(kLog, 4, "%s", error.what());
     }
 }

@@ -1,4 +1,4 @@
-// Locks by name between the processes of this machine.
+// Locks with names, shared by the processes of this machine.
 #pragma once
 
 #include <memory>
@@ -8,7 +8,7 @@
 
 namespace quarn2 {
 
-// Holds the lock until it is destroyed. The kernel releases the lock when the process dies.
+// A held lock. The destructor releases the lock. If the process dies, the kernel releases it.
 class NameLock {
   public:
     NameLock(std::string path, kro_file::Lock lock)
@@ -22,13 +22,14 @@ class NameLock {
     kro_file::Lock lock_;
 };
 
-// Takes the lock of this name, which must be valid as a file name. Returns null when this user
-// already holds the lock, in this process or another one. Throws kro_err::Error when the lock file
-// or its directory is unusable.
+// Acquires the lock with this name, which must be a valid file name. Returns null when this process
+// or another process of the same user holds the lock. Throws kro_err::Error when the lock file or
+// its directory is unusable.
 std::unique_ptr<NameLock> TryLockName(const std::string& name);
 
-// Returns the directory of the lock files, and makes it when it is missing. Throws kro_err::Error
-// when another user can write to it, because that user could block uploads by holding locks.
+// Returns the directory of the lock files and creates it when it is missing. Throws kro_err::Error
+// when another user can write to the directory, because that user could block uploads by holding
+// locks.
 std::string NameLockDirectory();
 
 }  // namespace quarn2

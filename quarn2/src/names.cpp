@@ -23,7 +23,8 @@ namespace {
 
 constexpr kro_log::Module kLog("names");
 
-// An extension precedes the shorter ones that it ends with, because the first match counts.
+// The extensions of archive files. If an extension ends with another one in this list, it must come
+// first, because the first match counts.
 constexpr std::array<std::string_view, 7> kArchiveExtensions = {
     ".tar.gz", ".tar.bz2", ".tar.xz", ".tar.zst", ".tgz", ".tar", ".zip"};
 constexpr std::string_view kEncrypted = ".aes";
@@ -71,7 +72,7 @@ bool BeginsWithDate(std::string_view name) {
            kro_date::IsDate(name.substr(0, kDateSize));
 }
 
-// Returns `name` without one archive ending.
+// Strips ".partN" if present, then ".N.dar" or an archive extension.
 std::string_view WithoutEnding(std::string_view name) {
     const std::string_view part = WithoutPart(name);
     std::string_view stem = WithoutSlice(part);
@@ -83,8 +84,8 @@ bool BeginsWithTypeLetter(std::string_view name) {
     return !name.empty() && (name.front() == 'F' || name.front() == 'I' || name.front() == 'C');
 }
 
-// The date and user of a backup, parsed from the name of any of its files. Both are views of that
-// name.
+// The date and user of a backup, parsed from the name of one of its files. Both are views of that
+// file name.
 struct Backup {
     std::string_view date;
     std::string_view user;
@@ -122,8 +123,8 @@ bool ListsIndex(const std::string& list, const std::string& index) {
 }
 
 void AppendLine(const std::string& path, const std::string& line) {
-    // Other users may be able to write to the directory. Do not write to a link or a named pipe of
-    // theirs.
+    // Refuse a link or a named pipe, because another user may be able to write to the directory and
+    // could create one at this path.
     constexpr int kFlags =
         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     const ResHandle handle(open(path.c_str(), kFlags, 0640));

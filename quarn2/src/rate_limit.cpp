@@ -11,13 +11,14 @@ namespace quarn2 {
 
 namespace {
 
-// Counts bytes and sleeps while the transfer is ahead of the rate.
+// Limits the rate of one transfer: counts its bytes and sleeps while the transfer is faster than
+// the rate.
 class Pace {
   public:
     explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second) {}
 
-    // The maximum bytes of one transfer step: a tenth of a second at this rate, so that the rate is
-    // even.
+    // Returns the maximum number of bytes to transfer in one step, which is the amount for a tenth
+    // of a second. Small steps avoid bursts.
     std::size_t Piece() const {
         constexpr std::int64_t kPiecesPerSecond = 10;
         return static_cast<std::size_t>(std::max<std::int64_t>(1, rate_ / kPiecesPerSecond));
@@ -31,12 +32,13 @@ class Pace {
         constexpr double kMilliseconds = 1000;
         const int wait = static_cast<int>((due - passed) * kMilliseconds);
         if (wait > 0) kro_proc::Sleep(wait);
-        // Does not make up for a stall, because the missed bytes would follow at full speed.
+        // After a stall the transfer must not catch up, because it would send the missed bytes at
+        // full speed.
         if (passed - due > kMaxArrears) Restart();
     }
 
   private:
-    // In seconds.
+    // Maximum delay of a transfer, in seconds, that is caught up. A longer delay counts as a stall.
     static constexpr double kMaxArrears = 1;
 
     void Restart() {

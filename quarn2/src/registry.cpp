@@ -17,7 +17,7 @@ namespace {
 
 using Schemes = std::map<std::string, BackendScheme>;
 
-// Every built-in storage has one line here.
+// Returns the schemes of all built-in storages.
 Schemes BuiltIn() {
     Schemes schemes;
     for (BackendScheme& scheme : std::vector<BackendScheme>{

@@ -13,7 +13,8 @@ namespace {
 constexpr std::size_t kKeySize = 24;
 
 struct Keyed {
-    std::array<char, kKeySize> key;  // padded with NUL
+    std::array<char, kKeySize>
+        key;  // the first bytes of the path after the common prefix, padded with NUL
     std::string* path;
 };
 

@@ -1,4 +1,4 @@
-// Sorting very many paths.
+// A fast sort for large numbers of paths.
 #pragma once
 
 #include <list>
@@ -7,9 +7,9 @@
 
 namespace quarn2 {
 
-// Returns the paths sorted by their bytes. Most comparisons use a copy of the first bytes after the
-// common prefix, because a comparison that dereferences the text of each path takes several times
-// as long.
+// Returns the paths sorted by their bytes. Most comparisons use a copied key, which contains the
+// first bytes after the common prefix of all paths. A comparison that dereferences the text of each
+// path takes several times as long.
 std::list<std::string> SortedPaths(std::vector<std::string> paths);
 
 }  // namespace quarn2

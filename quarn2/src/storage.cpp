@@ -29,7 +29,8 @@ std::int64_t Storage::Size(const std::string& local) {
 
 namespace {
 
-// Opens the scheme's backend and adds the wrappers that the token and the log level require.
+// Opens the scheme's backend and wraps it for logging, a rate limit or encryption if the log level
+// and the token require that.
 std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const BackupToken& token) {
     std::unique_ptr<StorageBackend> backend = scheme.open(token);
     if (kro_log::Enabled(kStorageLogLevel)) backend = Logged(std::move(backend));

@@ -26,10 +26,12 @@ void CheckComponent(std::string_view name, std::string_view component) {
     if (component.empty()) ThrowInvalidName(name, "a component is empty");
     if (component == "." || component == "..")
         ThrowInvalidName(name, "'.' and '..' are not followed");
-    // Such a file would be hidden from every listing and removed as a leftover.
+    // Refuse a file with a temporary name: listings would omit the file, and a later cleanup would
+    // remove it.
     if (kro_file::IsTemporaryName(component))
         ThrowInvalidName(name, "the form of temporary names is reserved");
-    // The temporary name of the file is longer and must fit too.
+    // The upload first writes a file with a temporary name, which is longer than the final name and
+    // must not exceed NAME_MAX either.
     if (kro_file::TemporaryName(component).size() > NAME_MAX)
         ThrowInvalidName(name, "it is too long");
 }
@@ -94,7 +96,7 @@ std::string GetStoredName(const std::string& local) {
         stored = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
     }
     CheckStoredName(stored);
-    // The name is sent in a line of fields separated by spaces, so a space would end it.
+    // The program sends the name as a field of a line, and a space separates the fields.
     if (stored.find(' ') != std::string::npos)
         ThrowInvalidName(stored, "it has a space; rename the file");
     return stored;

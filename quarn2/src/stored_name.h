@@ -11,14 +11,15 @@ bool IsControl(char c) noexcept;
 // Returns true when the text contains NUL or another control character.
 bool HasControl(std::string_view text) noexcept;
 
-// Returns true when one of the components of `path` is `component`.
+// Returns true when `path` contains the component `component`.
 bool HasComponent(std::string_view path, std::string_view component) noexcept;
 
 // Returns the name in apostrophes for an error text. Escapes control characters and truncates a
 // very long name.
 std::string Quoted(std::string_view name);
 
-// Throws kro_err::Error (kFailed) unless a file or directory on a storage may have this name.
+// Throws kro_err::Error (kFailed) when the name is not allowed for a file or directory on a
+// storage.
 void CheckStoredName(const std::string& name);
 
 }  // namespace quarn2

@@ -18,8 +18,8 @@ namespace quarn2 {
 
 namespace {
 
-// The reason why a token is invalid. Because it is printed, it quotes a part of the token only
-// where that part cannot belong to a secret.
+// Thrown by the parser: the reason why a token is invalid. The reason is printed, so it quotes a
+// part of the token only if that part cannot belong to a secret.
 struct Fault {
     std::string text;
 };
@@ -52,7 +52,8 @@ bool IsWord(std::string_view text, std::string_view marks) {
            });
 }
 
-// `what` names the part of the token in the fault.
+// Decodes a percent-encoded part of the token. `what` is the name of that part for the error text.
+// Throws Fault when the encoding is invalid.
 std::string Decode(std::string_view text, const std::string& what) {
     std::optional<std::string> decoded = PercentDecoded(text);
     if (!decoded) {
@@ -63,8 +64,8 @@ std::string Decode(std::string_view text, const std::string& what) {
     return std::move(*decoded);
 }
 
-// Truncates `text` before the first `mark` and returns the text after it; nullopt when there is no
-// `mark`.
+// Splits `text` at the first `mark`: `text` keeps the part before the mark, and the part after it
+// is returned. Returns nullopt when `text` contains no `mark`.
 std::optional<std::string_view> CutTail(std::string_view& text, char mark) {
     const std::size_t found = text.find(mark);
     if (found == std::string_view::npos) return std::nullopt;
@@ -119,7 +120,7 @@ class BackupToken::Parser {
         }
     }
 
-    // Returns the text after the scheme and its ":".
+    // Parses the scheme and returns the rest of the token after "SCHEME:".
     std::string_view ParseScheme(std::string_view text) {
         std::string_view scheme = text;
         const std::optional<std::string_view> rest = CutTail(scheme, ':');
@@ -129,17 +130,17 @@ class BackupToken::Parser {
         token_.scheme_ = str::Lower(scheme);
         scheme_ = FindScheme(token_.scheme_);
         if (scheme_ != nullptr) return *rest;
-        // Without "//" the text may be "user:password@host" with a missing scheme, which must not
-        // be quoted.
+        // A token without "//" may be "user:password@host" without a scheme. The error text must
+        // not quote such a token.
         const bool telling = IsWord(scheme, "+-.") && (str::StartsWith(*rest, "//") ||
                                                        rest->find('@') == std::string_view::npos);
         throw Fault{"unknown storage scheme" + (telling ? " '" + token_.scheme_ + "'" : "") +
                     "; known: " + KnownSchemes()};
     }
 
-    // A "/" or "?" in a password that is not encoded ends the authority too early: the rest of the
-    // password would become part of the path, which is printed. A "@" after the authority reveals
-    // this mistake.
+    // Refuses a "@" after the authority ("user:password@host:port"). Such a token contains a "/" or
+    // "?" in the password that is not percent-encoded. The parser would end the authority there and
+    // parse the rest of the password as the path, which is printed.
     static void CheckStrayAt(std::string_view text, std::size_t authority_end) {
         const std::string_view authority = text.substr(0, authority_end);
         const bool stray = text.find('@', authority_end) != std::string_view::npos;
@@ -195,7 +196,8 @@ class BackupToken::Parser {
                host.find_first_not_of("0123456789abcdefABCDEF:.") == std::string_view::npos;
     }
 
-    // Does not quote the host, because it may be part of a password that contains a "/".
+    // The error text does not quote the host, because it can be the first part of a password that
+    // contains a "/".
     [[noreturn]] static void ThrowInvalidHost() {
         throw Fault{"storage token: what stands in the host's place is no host name or address"};
     }
@@ -222,13 +224,15 @@ class BackupToken::Parser {
         const std::string what = "parameter '" + name + "'";
         if (token_.params_.contains(name)) throw Fault{"storage token: repeated " + what};
         token_.params_[name] = Decode(value.value_or(std::string_view()), what);
-        // An empty value is usually a mistake, such as "arch_password=$UNSET".
+        // Refuse an empty value, because it is usually a mistake, such as "arch_password=$UNSET" in
+        // a script.
         if (token_.params_[name].empty()) throw Fault{"storage token: " + what + " has no value"};
         after_secret_ = after_secret_ || IsSecret(scheme_, name);
     }
 
-    // Returns the name of a known parameter, else throws. Quotes no text without "=", because it
-    // may be a value whose name is missing.
+    // Returns the name of a known parameter. Throws Fault for an unknown parameter. The error text
+    // does not quote a parameter without "=", because it can be a secret value whose name is
+    // missing.
     std::string KnownParam(std::string_view text, bool has_value) const {
         std::set<std::string> known = CommonParams();
         known.insert(scheme_->params.begin(), scheme_->params.end());

@@ -1,11 +1,11 @@
 // The interface that the author of a storage backend implements.
 //
 // A backend only transfers bytes. The library handles local files, temporary local names,
-// encryption, retries, rate limits and logging around it. Names are already checked: relative,
-// normalised, no empty, "." or ".." component, no control character. A backend throws
-// kro_err::Error; its kind determines the reaction of the caller (see kro_err.h). An object is used
-// by one thread at a time. Several objects, also in other processes, may work on the same storage
-// at once.
+// encryption, retries, rate limits and logging around it. The library passes only checked names:
+// relative, normalised, no empty, "." or ".." component, no control character. A backend throws
+// kro_err::Error; the kind of the error determines how the program reacts (see kro_err.h). Only one
+// thread at a time uses a backend object. Several objects, also in different processes, may work on
+// the same storage at the same time.
 #pragma once
 
 #include <cstddef>
@@ -21,30 +21,31 @@
 
 namespace quarn2 {
 
-// The bytes of one upload, readable at any offset and more than once. Outlives the call that it is
-// passed to.
+// The bytes of one upload. A backend may read them at any offset and repeatedly. The source
+// outlives the call of Put that receives it.
 class ByteSource {
   public:
     virtual ~ByteSource() = default;
 
-    // The number of bytes. It does not change during the upload.
+    // Returns the number of bytes of the source. The number is constant during the upload.
     virtual std::int64_t size() const = 0;
 
     // Fills `buffer` with the bytes at `offset`, completely or up to the end of the source, and
     // returns their number. Throws kFailed when the source has become shorter than size().
     virtual std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) = 0;
 
-    // Returns a descriptor of a plain file that contains exactly these bytes from offset 0, for
-    // backends that can copy inside the kernel; -1 when there is none. The source keeps ownership.
+    // Returns a descriptor of a plain file that contains exactly the bytes of the source from
+    // offset 0, or -1 when no such file exists. Backends use the descriptor to copy inside the
+    // kernel. The source keeps ownership of the descriptor.
     virtual int Descriptor() const { return -1; }
 
-    // A backend that reads through Descriptor() reports here the number of bytes since its last
-    // report.
+    // A backend that reads through Descriptor() calls this with the number of bytes read since its
+    // previous call, so that the progress is known.
     virtual void Advance(std::int64_t /*bytes*/) {}
 
-    // The backend calls this after it has read everything and before it makes the result visible.
-    // Throws kFailed when the source has changed since the start; for a local file, when its size
-    // or modification time is different.
+    // The backend calls this after it has read the complete source and before it makes the stored
+    // file visible. Throws kFailed when the source has changed since the start of the upload. A
+    // local file counts as changed when its size or modification time is different.
     virtual void CheckUnchanged() = 0;
 };
 
@@ -56,16 +57,16 @@ class ByteSink {
     // A backend that knows the total number of bytes may call this once, before the first byte.
     virtual void Expect(std::int64_t /*size*/) {}
 
-    // Writes the next bytes, all of them.
+    // Writes all of `bytes` after the bytes of the previous call.
     virtual void Write(std::span<const std::byte> bytes) = 0;
 
-    // Returns a descriptor of an empty plain file that stores the bytes unchanged, for backends
-    // that can copy inside the kernel; -1 when there is none. A backend that writes to the
-    // descriptor must not call Write.
+    // Returns a descriptor of an empty plain file that stores the downloaded bytes unchanged, or -1
+    // when no such file exists. Backends use the descriptor to copy inside the kernel. A backend
+    // that writes to the descriptor must not call Write.
     virtual int Descriptor() const { return -1; }
 
-    // A backend that writes through Descriptor() reports here the number of bytes since its last
-    // report.
+    // A backend that writes through Descriptor() calls this with the number of bytes written since
+    // its previous call, so that the progress is known.
     virtual void Advance(std::int64_t /*bytes*/) {}
 };
 
@@ -77,65 +78,69 @@ class StorageBackend {
     StorageBackend& operator=(const StorageBackend&) = delete;
 
     // Stores the source as `name` and replaces an existing file atomically: readers see the
-    // complete old or the complete new file. Makes missing directories above `name`, but never the
-    // root. Returns true when the file is complete, and verified and durable as far as the protocol
-    // allows. Returns false when the storage or a quota is full. If it returns false or throws, the
-    // old file stays and no temporary file is left, with two exceptions. If the connection is lost,
-    // a leftover may stay until the next Put or Remove of that name. If only the last step fails,
-    // such as the sync of the directory or the reply to a rename, the new file may be visible.
+    // complete old or the complete new file. Creates missing parent directories of `name`, but
+    // never the storage's root. Returns true when the stored file is complete, and verified and
+    // durable as far as the protocol allows. Returns false when the storage or a quota is full. If
+    // Put returns false or throws, the old file is unchanged and no temporary file remains, with
+    // two exceptions. If the connection is lost, a temporary file can remain until the next Put or
+    // Remove of that name. If only the last step fails, such as the sync of the directory or the
+    // reply to a rename, the new file can be visible.
     virtual bool Put(const std::string& name, ByteSource& source) = 0;
 
-    // Writes all stored bytes to the sink, or throws. Throws kNotFound when there is no such file,
-    // and kUnavailable when the transfer ends before the end of the file.
+    // Writes all stored bytes to the sink, or throws. Throws kNotFound when the file does not
+    // exist, and kUnavailable when the transfer ends before the end of the file.
     virtual void Get(const std::string& name, ByteSink& sink) = 0;
 
-    // Removes the file and the leftovers of interrupted Puts of that name. Succeeds when there is
-    // none. Throws kFailed for a directory.
+    // Removes the file and the temporary files of interrupted Puts of that name. Succeeds when the
+    // file does not exist. Throws kFailed when `name` is a directory.
     virtual void Remove(const std::string& name) = 0;
 
-    // Removes a directory and everything below it. Succeeds when there is none.
+    // Removes a directory and everything below it. Succeeds when the directory does not exist.
     virtual void RemoveDir(const std::string& name) = 0;
 
-    // Makes the removals of Remove directly in this directory ("" is the root) durable, so that
-    // they survive a power failure. Does nothing where the storage has no such operation.
+    // Syncs a directory ("" is the root) after Remove has removed files in it, so that the files do
+    // not reappear after a power failure. Does nothing when the storage has no such operation.
     virtual void SyncRemovals(const std::string& /*name*/) {}
 
-    // Makes the directory and its missing parents. Succeeds when it exists, and does nothing where
-    // the storage has no directories. Never makes the root: throws kNotFound when the root is
-    // missing.
+    // Creates the directory and its missing parents. Succeeds when the directory exists, and does
+    // nothing when the storage has no directories. Never creates the storage's root: throws
+    // kNotFound when the root is missing.
     virtual void MakeDir(const std::string& name) = 0;
 
     // Returns the names of the files and directories directly in a directory ("" is the root), in
     // any order, each once, without temporary names. For a file, returns `name` alone. Throws
-    // kNotFound when neither exists (also when the root is missing). An empty root has no names.
+    // kNotFound when there is neither a directory nor a file of this name, and when the root is
+    // missing. Returns an empty list for an empty root.
     virtual std::vector<std::string> List(const std::string& name) = 0;
 
-    // Removes everything below the root, including leftovers of interrupted Puts. The root stays.
+    // Removes everything below the storage's root, including the temporary files of interrupted
+    // Puts. Does not remove the root.
     virtual void Clear() = 0;
 };
 
-// One entry of the registry: all properties of a scheme.
+// The properties of one URL scheme of storage tokens, as registered with RegisterScheme.
 struct BackendScheme {
     std::string scheme;
-    // The parameters that it accepts in addition to those of every scheme.
+    // The token parameters that this scheme accepts in addition to the parameters of every scheme.
     std::set<std::string> params;
-    // The parameters whose values are secrets.
+    // The token parameters whose values are secrets and must not be logged.
     std::set<std::string> secrets;
-    // Returns the error in a token of this scheme (no path, no host, ...), or "" for a valid one.
-    // The text must not contain a secret.
+    // Checks a token of this scheme. Returns a description of the error (no path, no host, ...), or
+    // "" for a valid token. The text must not contain a secret.
     std::function<std::string(const BackupToken&)> fault;
-    // Opens the storage. The backend may connect later, at the first operation.
+    // Returns a new backend for the storage of the token. The backend may delay the connection
+    // until its first operation.
     std::function<std::unique_ptr<StorageBackend>(const BackupToken&)> open;
     // True when the backend keeps its connections open. After its storage object is destroyed, a
     // later storage object of the same token reuses the backend, possibly on another thread.
     bool keeps_connections = false;
 };
 
-// Returns the scheme's entry, or null for an unknown scheme. The built-in schemes are listed in
-// registry.cpp.
+// Returns the properties of a registered scheme, or null for an unknown scheme. The built-in
+// schemes are listed in registry.cpp.
 const BackendScheme* FindScheme(const std::string& scheme);
 
-// Adds a scheme to the built-in ones, for storages outside the program, such as those of tests.
+// Registers a scheme in addition to the built-in schemes, such as the memory storage of the tests.
 // Must not be called while other threads open storages.
 void RegisterScheme(BackendScheme scheme);
 

@@ -14,19 +14,20 @@ class Expect {
     // The return value of a worker: one of the four constants below, compared by address.
     struct Result;
     static Result* const erOk;       // keep waiting for the same events
-    static Result* const erSuspend;  // do not poll it until the next SetEvents
+    static Result* const erSuspend;  // do not poll the descriptor until the next SetEvents
     static Result* const erClose;    // remove the worker and close its descriptor
-    static Result* const erFinish;   // end the current Run
+    static Result* const erFinish;   // return from the current Run
 
     Expect() = default;
     ~Expect();
     Expect(const Expect&) = delete;
     Expect& operator=(const Expect&) = delete;
 
-    // Calls object->*member with the descriptor whenever one of the poll `events` (or an error or
-    // hang-up) occurs on it. The loop shares ownership of the object until it removes the worker.
-    // An exception from the member propagates out of Run. Adding the same descriptor again replaces
-    // its worker. The loop removes the worker of a descriptor that was closed elsewhere.
+    // Registers a worker for a descriptor. The loop calls object->*member with the descriptor
+    // whenever one of the poll `events` (or an error or hang-up) occurs on the descriptor. The loop
+    // shares ownership of the object until the worker is removed. An exception from the member
+    // propagates out of Run. Adding the same descriptor again replaces its worker. The loop removes
+    // the worker of a descriptor that was closed elsewhere.
     template <class T>
     void Add(ResHandle handle, short events, std::shared_ptr<T> object,
              Result* (T::*member)(ResHandle) = &T::operator()) {
@@ -34,14 +35,14 @@ class Expect {
                   std::make_shared<Worker<T>>(std::move(object), member));
     }
 
-    // Sets the poll events of a descriptor, which also resumes a suspended worker. Ignores unknown
-    // descriptors.
+    // Sets the poll events of a descriptor and resumes its worker if the worker was suspended.
+    // Ignores a descriptor that has no worker.
     void SetEvents(int fd, short events);
 
     // Runs the workers for at most `timeout_ms` milliseconds (-1: no limit) and returns early on
-    // erFinish. When no worker waits for an event, a run without limit returns, because no event
-    // could end it. A run with a limit still lasts its full time, so that a caller that runs the
-    // loop repeatedly does not spin. Returns false when the time is over, true otherwise.
+    // erFinish. When all workers are suspended or removed, Run(-1) returns, because no event could
+    // end the run. Run with a limit still waits for the full time, so that a program that calls Run
+    // in a loop does not spin. Returns false when the time is over, true otherwise.
     bool Run(int timeout_ms);
 
   private:
@@ -67,13 +68,13 @@ class Expect {
     };
 
     void AddWorker(ResHandle handle, short events, std::shared_ptr<Callable> worker);
-    // How a turn ended: its wait took the full time, or it served workers or was interrupted, or
-    // the run is over.
+    // The result of Turn. kTimedOut: no event occurred during the full wait. kServed: workers were
+    // called, or a signal interrupted the wait. kFinished: the run must end.
     enum class Turned { kTimedOut, kServed, kFinished };
 
-    // One poll and the calls of all ready workers.
+    // Polls once and calls every worker whose descriptor is ready.
     Turned Turn(int timeout_ms);
-    // Calls one ready worker. Returns false when it ended the run.
+    // Calls the worker of a ready descriptor. Returns false when the worker returned erFinish.
     bool Serve(int fd, short events, const std::shared_ptr<Callable>& worker);
 
     Entry* Find(int fd);

@@ -1,5 +1,5 @@
-// Parses the names of backup files. Only MkLocalDir, IsEncrypted and CreateAttemptsFile access the
-// disk.
+// Parses the names of backup files. Only MkLocalDir, IsEncrypted and CreateAttemptsFile read or
+// write files.
 //
 // A backup is named DATE.USER. Its info file is DATE.USER.info, its index DATE.USER.tgz or
 // DATE.USER.1.dar. The names of its archive files begin with F (full) or I (incremental). The
@@ -12,51 +12,54 @@
 
 namespace quarn2 {
 
-// Strips one archive ending from the last component of a path: ".partN" if present, then ".N.dar"
+// Strips the archive ending from the last component of a path: ".partN" if present, then ".N.dar"
 // or an archive extension. "F2026-11-20.web1.tgz.part2" -> "F2026-11-20.web1".
 std::string StripSliceNumber(const std::string& path);
 
-// Returns the extension of a backup's archive files: the extension of "last-slice" in its info map,
-// without ".partN". Returns ".tgz" for numbered slices and for unknown or missing values.
+// Returns the extension of a backup's archive files. `info` contains the entries of the backup's
+// info file; the extension is that of its "last-slice" value, without ".partN". Returns ".tgz" for
+// numbered slices (".N.dar"), and when the value is missing or has an unknown extension.
 std::string GetExtByInfo(const std::map<std::string, std::string>& info);
 
-// Return the date ("custom" for a custom backup) and the user from the name of an info, index or
-// archive file.
+// GetDate returns the date ("custom" for a custom backup) and GetUserName the user in the name of
+// an info, index or archive file.
 std::string GetDate(const std::string& name);
 std::string GetUserName(const std::string& name);
 
 // Returns true for the name of a backup's info file, index or archive file, with or without
-// ".attempts" at the end. `name` has no directory.
+// ".attempts" at the end. `name` must not contain a directory.
 bool IsBackupFile(const std::string& name);
 
-// Converts a stored name to the path on the storage: normalised, without a leading slash.
+// Converts the name of a stored file to its path on the storage: normalised, without a leading
+// slash.
 std::string GetPath(const std::string& name);
 
 // Returns the name under which a storage keeps a local file (see Storage::GetFileInfo). Throws
-// kro_err::Error when a storage does not allow the name, or when it contains a space.
+// kro_err::Error when storages do not allow the name, or when the name contains a space.
 std::string GetStoredName(const std::string& local);
 
-// Returns false for ".../var/backup" and for its children except "tovarn" and "tovarn.private",
-// because these directories contain the data of one user. Returns true for every other path.
+// Returns false for ".../var/backup" and for its children, because these directories contain the
+// data of one user. Returns true for the children "tovarn" and "tovarn.private" and for every other
+// path.
 bool IsAdminData(const std::string& directory);
 
 // Returns true for a name that is safe as the name of a local file: one component of at most
 // NAME_MAX bytes, not empty, not "." or "..", without control characters.
 bool IsSafeName(const std::string& name);
 
-// Makes the local directory of a user's backups of a date and returns its path: root/USER/DATE, or
-// PARENT/USER/DATE in the parent directory of `root` when `root` is not admin data. Throws
-// kro_err::Error when `user` or `date` is not a safe name, and when USER or USER/DATE is another
-// user's symbolic link.
+// Creates the local directory for the backups of a user and a date and returns its path. The path
+// is root/USER/DATE, or PARENT/USER/DATE in the parent directory of `root` when IsAdminData(root)
+// is false. Throws kro_err::Error when `user` or `date` is not a safe name, and when USER or
+// USER/DATE is a symbolic link that another user made.
 std::string MkLocalDir(const std::string& root, const std::string& user, const std::string& date);
 
-// Returns true when the directory of `path` contains the ".tgz.aes" index of the backup, or when
-// the ".encrypted_indexes" file there lists it.
+// Returns true when the backup of the file `path` is encrypted: its directory contains an index
+// with the extension ".tgz.aes", or a file ".encrypted_indexes" that lists this index.
 bool IsEncrypted(const std::string& path);
 
-// Records that the transfer of this local file was abandoned: appends a line with the time and the
-// reason to local + ".attempts". Callers are already handling an error, so a failure to write the
-// file is only logged.
+// Records that the transfer of a local file was abandoned: appends a line with the time and the
+// reason to the file local + ".attempts". A failure to write this file is only logged, because the
+// program is already handling the error of the transfer.
 void CreateAttemptsFile(const std::string& local, const std::string& reason = "");
 
 }  // namespace quarn2

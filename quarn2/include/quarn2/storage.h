@@ -1,12 +1,13 @@
-// The interface of a storage for its callers. (Authors of a backend read
-// quarn2_backend/storage_backend.h.)
+// The interface through which the program uses a storage. (The interface for authors of a backend
+// is quarn2_backend/storage_backend.h.)
 //
 // Names on a storage are relative paths with "/" between their components. No component may be
 // empty, "." or "..", contain NUL or another control character, or have the form of a temporary
-// name (kro_file::IsTemporaryName). A name that breaks these rules is refused with kFailed before
-// the storage is accessed. Errors are kro_err::Error: kUnauthorized for refused credentials,
-// kNotFound, kUnavailable for errors that a retry may solve, kFailed for all others. An object must
-// be used by one thread at a time. Separate objects may work in parallel, also on the same storage.
+// name (kro_file::IsTemporaryName). For a name that violates these rules, every function throws
+// kFailed before it accesses the storage. Errors are kro_err::Error: kUnauthorized for refused
+// credentials, kNotFound for a missing file or directory, kUnavailable for temporary errors, which
+// justify a retry, and kFailed for all others. Only one thread at a time may use a Storage object.
+// Separate objects may work in parallel, also on the same storage.
 #pragma once
 
 #include <cstdint>
@@ -22,9 +23,9 @@ class BackupToken;
 class TransferObserver {
   public:
     virtual ~TransferObserver() = default;
-    // A transfer of `size` bytes begins (-1: size not known).
+    // The storage calls this when a transfer of `size` bytes begins (-1: size not known).
     virtual void Begin(std::int64_t size) = 0;
-    // `bytes` more bytes were transferred.
+    // The storage calls this when it has transferred another `bytes` bytes.
     virtual void Advance(std::int64_t bytes) = 0;
 };
 
@@ -35,70 +36,74 @@ class Storage {
     Storage(const Storage&) = delete;
     Storage& operator=(const Storage&) = delete;
 
-    // Downloads `remote` to the local file `local` and replaces it. The file appears under its name
-    // only when it is complete and synced. If the download fails, an existing local file stays
-    // unchanged, unless only the sync of its directory failed. Throws kNotFound when the storage
-    // has no such file, and kUnauthorized when the file is encrypted and the token has no
-    // arch_password or a different one.
+    // Downloads `remote` to the local file `local` and replaces an existing file. The local file
+    // appears under its name only when it is complete and synced. If the download fails, an
+    // existing local file stays unchanged, unless only the sync of its directory failed. Throws
+    // kNotFound when the storage has no such file, and kUnauthorized when the file is encrypted and
+    // the token's arch_password is missing or wrong.
     virtual void Download(const std::string& remote, const std::string& local) = 0;
 
-    // Stores the local file as `remote` and replaces an existing file. Makes the directories of
-    // `remote` where the storage has directories. Returns true when the stored file is complete
-    // and, as far as the protocol allows, durable. Returns false when the storage is full. If it
-    // returns false or throws, `remote` is unchanged and at most empty directories are left behind;
+    // Stores the local file as `remote` and replaces an existing file. Creates the directories of
+    // `remote` when the storage has directories. Returns true when the stored file is complete and,
+    // as far as the protocol allows, durable. Returns false when the storage is full. If Upload
+    // returns false or throws, `remote` is unchanged and at most empty directories remain;
     // StorageBackend::Put lists the exceptions. Throws when the size or the modification time of
-    // the local file changes during the upload. The caller may retry.
+    // the local file changes during the upload. After an error, another call repeats the complete
+    // upload.
     virtual bool Upload(const std::string& remote, const std::string& local) = 0;
 
-    // Removes everything on the storage, including leftovers of interrupted uploads. The root
-    // directory stays.
+    // Removes everything on the storage, including temporary files of interrupted uploads. Does not
+    // remove the root directory.
     virtual void Clear() = 0;
 
-    // Removes one file and the leftovers of interrupted uploads of that name. Succeeds when there
-    // is none, and does nothing for an empty name. Throws for a directory. A directory that becomes
-    // empty may stay. After a power failure the file may exist again, unless SyncRemovals was
-    // called.
+    // Removes one file and the temporary files of interrupted uploads of that name. Succeeds when
+    // the file does not exist, and does nothing for an empty name. Throws kFailed when `remote` is
+    // a directory. A directory that becomes empty may remain. The file can reappear after a power
+    // failure until SyncRemovals has been called.
     virtual void RemoveFile(const std::string& remote) = 0;
 
-    // Makes the removals of RemoveFile in this directory ("" is the root) durable. Does nothing
-    // where the storage has no such operation.
+    // Syncs a directory ("" is the root) after RemoveFile has removed files in it, so that the
+    // files do not reappear after a power failure. Does nothing when the storage has no such
+    // operation.
     virtual void SyncRemovals(const std::string& /*directory*/) {}
 
     // Replaces `names` with the sorted names of all files and directories in a directory ("" is the
-    // root), without leftovers of interrupted uploads. For a file, the only name is `directory`
-    // itself. Throws kNotFound for a missing directory. An empty storage has an empty list.
+    // root), without temporary files of interrupted uploads. If `directory` is a file, the only
+    // name is `directory` itself. Throws kNotFound for a missing directory. For an empty storage,
+    // `names` becomes empty.
     virtual void List(std::vector<std::string>& names, const std::string& directory) = 0;
 
-    // Removes a directory and everything below it. Succeeds when there is none. Does not remove a
-    // file of that name. Refuses the root.
+    // Removes a directory and everything below it. Succeeds when the directory does not exist. Does
+    // not remove a file of that name. Throws kFailed for "", the root.
     virtual void RemoveDir(const std::string& remote) = 0;
 
-    // Makes the directory and its missing parents, where the storage has directories. Does nothing
+    // Creates the directory and its missing parents when the storage has directories. Does nothing
     // for "", the root.
     void MkDir(const std::string& directory);
 
-    // Reports subsequent transfers to `observer`; null stops the reports. The caller keeps
-    // ownership, and `observer` must outlive the transfers.
+    // Reports subsequent transfers to `observer`; null stops the reports. The storage does not own
+    // `observer`, which must outlive the transfers.
     void SetObserver(TransferObserver* observer) noexcept { observer_ = observer; }
 
-    // With `deferred`, Download does not sync the files. They still appear only when complete, but
-    // may be empty after a power failure. This is for many small files that can be downloaded
-    // again: the caller calls kro_file::SyncFileSystem and must not rely on the files before.
+    // With `deferred`, Download does not sync the downloaded files. A file still appears only when
+    // it is complete, but can be empty after a power failure. This saves time for many small files
+    // that can be downloaded again. Code that sets `deferred` must call kro_file::SyncFileSystem
+    // before it relies on the files.
     void DeferSync(bool deferred) noexcept { sync_deferred_ = deferred; }
 
-    // With `allowed`, and with a token without arch_password, Download writes encrypted files as
-    // they are stored instead of refusing them.
+    // With `allowed`, and with a token without arch_password, Download writes an encrypted file to
+    // the disk without decryption. Otherwise Download refuses such a file.
     void AllowCiphertext(bool allowed) noexcept { ciphertext_allowed_ = allowed; }
 
     // Returns "NAME SIZE", or "NAME SIZE HASH" when the storage encrypts: the name under which a
     // local file is stored, the number of bytes that it will occupy, and the hash of the key. A
     // file at .../USER/DATE/NAME, where DATE is a date or "custom", is stored as USER/DATE/NAME.
-    // Any other file is stored as NAME. Refuses a name that contains a space or that a storage does
-    // not allow.
+    // Any other file is stored as NAME. Throws kFailed for a name that contains a space or that
+    // storages do not allow.
     std::string GetFileInfo(const std::string& local);
 
-    // Returns the number of bytes that the local file will occupy on the storage. Does not read its
-    // data.
+    // Returns the number of bytes that the local file will occupy on the storage. Does not read the
+    // data of the file.
     std::int64_t Size(const std::string& local);
 
   protected:
@@ -116,7 +121,7 @@ class Storage {
     bool ciphertext_allowed_ = false;
 };
 
-// Opens the storage of the token. For an invalid token it throws kro_err::Error with
+// Opens the storage of the token. For an invalid token, throws kro_err::Error with the text of
 // BackupToken::fault(), which contains no secret.
 std::shared_ptr<Storage> GetStorage(const BackupToken& token);
 

@@ -37,8 +37,8 @@ int Length(std::size_t size) {
     return static_cast<int>(size);
 }
 
-// The nonce contains the number of the chunk and whether it is the last one. A moved chunk or a
-// truncated file therefore fails to open.
+// The nonce contains the number of the chunk and a flag for the last chunk. Decryption therefore
+// fails if a chunk was moved or the file was truncated.
 std::array<unsigned char, kNonceSize> Nonce(std::uint64_t number, bool last) {
     constexpr unsigned kByteBits = 8;
     std::array<unsigned char, kNonceSize> nonce{};

@@ -1,5 +1,5 @@
-// The cryptographic operations of the encryption. Callers do not depend on the cryptographic
-// library.
+// The cryptographic operations that the encryption uses. They hide the cryptographic library from
+// the rest of the program.
 #pragma once
 
 #include <array>
@@ -18,15 +18,16 @@ constexpr std::size_t kTagSize = 16;
 using Bytes = std::span<const std::byte>;
 using Key = std::array<std::byte, kKeySize>;
 
-// The cost of deriving a key from a password (scrypt). It needs 128 * block * 2^log2_rounds bytes
-// of memory.
+// The parameters of scrypt, which derives a key from a password. The derivation needs 128 * block *
+// 2^log2_rounds bytes of memory.
 struct KeyCost {
     std::uint8_t log2_rounds = 0;
     std::uint8_t block = 0;
     std::uint8_t lanes = 0;
 };
 
-// Derives a key from a password. It is slow and memory-hard on purpose, against guessing.
+// Derives a key from a password with scrypt, which is slow and needs much memory on purpose, so
+// that guessing passwords is expensive.
 Key KeyFromPassword(std::string_view password, Bytes salt, KeyCost cost);
 
 // Derives a separate key for one purpose. A derived key reveals nothing about `key` or about the
@@ -36,13 +37,13 @@ Key KeyFor(const Key& key, std::string_view purpose, Bytes context);
 // Returns the authentication code of the bytes (HMAC-SHA-256).
 Key Authenticate(const Key& key, Bytes bytes);
 
-// Returns true when both are equal, after a time that does not depend on the content.
+// Returns true when both byte strings are equal. The duration does not depend on their content.
 bool SameSecret(Bytes a, Bytes b);
 
 void RandomBytes(std::span<std::byte> bytes);
 
-// Seals and opens the numbered chunks of one file under one key (AES-256-GCM). Different bytes must
-// never be sealed under the same number, because the nonce would repeat.
+// Encrypts and decrypts the numbered chunks of one file with one key (AES-256-GCM). Seal must never
+// be called with different bytes for the same chunk number, because that would reuse a nonce.
 class ChunkCipher {
   public:
     enum class Use { kSeal, kOpen };
@@ -51,10 +52,12 @@ class ChunkCipher {
     ChunkCipher(const ChunkCipher&) = delete;
     ChunkCipher& operator=(const ChunkCipher&) = delete;
 
-    // Writes the encrypted bytes and the tag to `sealed`, which must have room for both.
+    // Encrypts a chunk. Writes the encrypted bytes and the authentication tag to `sealed`, which
+    // must have space for both.
     void Seal(std::uint64_t number, bool last, Bytes plain, std::span<std::byte> sealed);
 
-    // Returns false when the chunk was not sealed with this key, number and `last`, or was changed.
+    // Decrypts a chunk. Returns false when the chunk was changed, or was encrypted with another
+    // key, `number` or `last`.
     bool Open(std::uint64_t number, bool last, Bytes sealed, std::span<std::byte> plain);
 
   private:

@@ -26,8 +26,8 @@ using kro_err::Kind;
 
 bool StaysPlain(const std::string& name) { return str::EndsWith(name, ".info"); }
 
-// Encrypts a source while the backend reads it. Keeps the last chunk that was read in part, because
-// backends continue where their previous read ended.
+// Encrypts a source while the backend reads it. Caches the last chunk that the backend has read
+// only in part, because the next read of the backend usually continues in this chunk.
 class EncryptingSource final : public ByteSource {
   public:
     EncryptingSource(ByteSource& plain, const std::string& password, const std::string& name)
@@ -57,7 +57,7 @@ class EncryptingSource final : public ByteSource {
         const std::uint64_t number = at / sealed_.size();
         const std::uint64_t within = at % sealed_.size();
         const std::size_t whole = PlainBytesOf(number) + kTagSize;
-        // Seal directly into the buffer of the caller when the complete chunk fits.
+        // If the complete chunk fits, encrypt it directly into the buffer of the backend.
         if (within == 0 && buffer.size() >= whole && loaded_ != number) {
             Seal(number, buffer.first(whole));
             return whole;
@@ -87,9 +87,9 @@ class EncryptingSource final : public ByteSource {
         loaded_ = number;
     }
 
-    // A chunk that is read again is sealed again, with the same result for the same bytes. The
-    // source must not change in between, because then two different chunks would be sealed under
-    // one number.
+    // Encrypts a chunk each time the backend reads it, with the same result for the same bytes. The
+    // source must not change between two reads, because then two different chunks would be
+    // encrypted with one nonce.
     void Seal(std::uint64_t number, std::span<std::byte> sealed) {
         const std::size_t count = PlainBytesOf(number);
         const std::span<std::byte> clear = std::span(clear_).first(count);
@@ -109,21 +109,22 @@ class EncryptingSource final : public ByteSource {
     std::optional<std::uint64_t> loaded_;
 };
 
-// Decrypts the stored bytes and writes the plain bytes to `plain`. Writes nothing of a chunk before
-// its tag is verified.
+// Decrypts the stored bytes and writes the plain bytes to `plain`. Verifies the authentication tag
+// of a chunk before any byte of that chunk is written.
 class DecryptingSink final : public ByteSink {
   public:
     DecryptingSink(ByteSink& plain, const std::string& password, const std::string& name)
         : plain_(plain), password_(password), name_(kro_file::Name(name)) {}
 
-    // Reports the size to the plain sink later, because the plain size depends on the header.
+    // Keeps the encrypted size until the header has been read, because the size for the plain sink
+    // depends on the header.
     void Expect(std::int64_t size) override { expected_ = size; }
 
     void Write(std::span<const std::byte> bytes) override {
         while (!bytes.empty()) {
             if (passing_) return plain_.Write(bytes);
             bytes = OpenWholeChunks(bytes);
-            // Another byte after a complete chunk means that the chunk is not the last one.
+            // More bytes follow the held complete chunk, so it is not the last chunk of the file.
             if (held_.size() == Wanted()) {
                 TakeHeld(false);
                 continue;
@@ -135,14 +136,14 @@ class DecryptingSink final : public ByteSink {
         }
     }
 
-    // Must be called after the last byte.
+    // Decrypts the last chunk. Must be called after the last Write.
     void Finish() {
         if (!cipher_ && !passing_ && held_.size() == kHeaderSize && BeginsAsHeader())
             TakeHeld(false);
         if (passing_) return;
         if (cipher_) return TakeHeld(true);
-        // Fewer bytes than a header: a plain file, or an encrypted file that was truncated. An
-        // empty file counts as truncated.
+        // The stored file is shorter than a header: it is a plain file or a truncated encrypted
+        // file. An empty file counts as truncated.
         if (held_.empty() || BeginsAsHeader()) ThrowCorrupt();
         PassOn();
     }
@@ -184,8 +185,8 @@ class DecryptingSink final : public ByteSink {
         if (expected_) plain_.Expect(PlainSize(*expected_, keys_.chunk_size));
     }
 
-    // Opens complete chunks directly from `bytes` and returns the rest. Leaves a chunk that may be
-    // the last one, because only Finish can decide that.
+    // Decrypts complete chunks directly from `bytes` and returns the remaining bytes. Does not
+    // decrypt a chunk that can be the last one, because only Finish knows the end of the file.
     Bytes OpenWholeChunks(Bytes bytes) {
         while (cipher_ && held_.empty() && bytes.size() > Wanted()) {
             OpenChunk(bytes.first(Wanted()), false);

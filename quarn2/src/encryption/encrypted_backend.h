@@ -1,4 +1,4 @@
-// Encryption around any backend.
+// A wrapper that adds encryption to any backend.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@
 
 namespace quarn2 {
 
-// Encrypts every file except ".info" files on upload and decrypts it on download. Get returns a
-// stored file without an encryption header unchanged, because it was stored before the token had a
-// password.
+// Wraps a backend. The wrapper encrypts every file except ".info" files on upload and decrypts it
+// on download. Get returns a stored file without an encryption header unchanged, because such a
+// file was stored before the token had a password.
 std::unique_ptr<StorageBackend> Encrypted(std::unique_ptr<StorageBackend> backend,
                                           std::string password);
 
-// Returns the stored size of a local file of this name and size.
+// Returns the size in bytes that a local file of this name and size has after encryption.
 std::int64_t SizeEncrypted(const std::string& name, std::int64_t size);
 
 // The number of leading bytes that IsEncrypted needs.

@@ -27,11 +27,13 @@ constexpr std::size_t kCheckSize = 8;
 constexpr std::size_t kCodeAt = 52;
 constexpr std::size_t kCodeSize = kHeaderSize - kCodeAt;
 
-// Takes 64 MiB of memory and somewhat more than 0.1 seconds per password.
+// The scrypt parameters for new files. A key derivation takes 64 MiB of memory and about 0.1
+// seconds.
 constexpr KeyCost kCost = {16, 8, 1};
 constexpr std::uint8_t kChunkBits = 16;
 
-// Limits for a header from a storage: it must not use up the memory of this machine.
+// Limits for the parameters in a stored header, so that a forged header cannot exhaust the memory
+// of this machine.
 constexpr std::uint8_t kMaxLog2Rounds = 17;
 constexpr std::uint8_t kMaxBlock = 8;
 constexpr std::uint8_t kMaxLanes = 4;
@@ -40,7 +42,8 @@ constexpr std::uint8_t kMaxChunkBits = 20;
 
 using Salt = std::array<std::byte, kSaltSize>;
 
-// A cache of derived keys, because a process uses the same password and salt thousands of times.
+// A cache of derived keys. The derivation is slow, and a process uses the same password and salt
+// thousands of times.
 class KeyCache {
   public:
     Key Get(const std::string& password, const Salt& salt, KeyCost cost) {
@@ -63,7 +66,8 @@ KeyCache& Keys() {
     return cache;
 }
 
-// One salt per process, so that only the first upload derives a key.
+// Returns the salt of this process. All uploads of a process use the same salt, so that only the
+// first upload derives a key.
 const Salt& ProcessSalt() {
     static const Salt salt = [] {
         Salt made{};
@@ -81,7 +85,8 @@ void Place(Header& header, std::size_t at, const std::array<std::byte, Size>& by
 
 Key CheckOf(const Key& master) { return KeyFor(master, "password check", {}); }
 
-// The code covers the name, so that one encrypted file cannot replace another.
+// Returns the authentication code of a header. The code covers the file's name, so that an attacker
+// cannot replace one encrypted file with another.
 Key CodeOf(const Key& master, std::string_view name, const Header& header) {
     const Key key = KeyFor(master, "header", std::span(header).subspan(kFileAt, kFileSize));
     std::string text(reinterpret_cast<const char*>(header.data()), kCodeAt);
@@ -146,7 +151,7 @@ FileKeys ReadHeader(const std::string& password, std::string_view name, const He
 }
 
 std::string PasswordHash(const std::string& password) {
-    // A fixed salt, because the hash must be the same in every process.
+    // The salt is constant, because the hash of a password must be the same in every process.
     static constexpr std::string_view kHashSalt = "quarn2 key hash ";
     static constexpr std::size_t kHashBytes = 16;
     static constexpr std::string_view kHex = "0123456789abcdef";
@@ -172,7 +177,7 @@ std::int64_t EncryptedSize(std::int64_t plain) {
 std::int64_t PlainSize(std::int64_t encrypted, std::size_t chunk_size) {
     constexpr auto kTag = static_cast<std::int64_t>(kTagSize);
     constexpr auto kHeader = static_cast<std::int64_t>(kHeaderSize);
-    // The size comes from a server and can be any number: avoid an overflow.
+    // A server reported this size, so it can be any number. This check avoids an overflow.
     if (encrypted <= kHeader) return 0;
     const std::int64_t sealed = encrypted - kHeader;
     const std::int64_t whole = static_cast<std::int64_t>(chunk_size) + kTag;

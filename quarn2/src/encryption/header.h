@@ -9,8 +9,9 @@
 //   44      8      check value of the password
 //   52      12     authentication code of all of the above and of the file's name
 //
-// The chunks follow: encrypted bytes, each chunk with its tag. Every chunk except the last is full.
-// The nonce of the last chunk marks it as the last. An empty file has one empty chunk.
+// The encrypted chunks follow the header, each with its authentication tag. Every chunk except the
+// last is full. The nonce of the last chunk differs from that of the others, which detects a
+// truncated file. An empty file has one empty chunk.
 #pragma once
 
 #include <array>
@@ -34,23 +35,23 @@ struct FileKeys {
     std::size_t chunk_size = 0;  // in plain bytes
 };
 
-// Fills `header` for a new file and returns its keys. `name` is the last component of the stored
-// name.
+// Fills `header` for a new file and returns the keys of the file. `name` is the last component of
+// the stored name.
 FileKeys NewHeader(const std::string& password, std::string_view name, Header& header);
 
-// Reads a header that begins with kMagic. Throws kUnauthorized for a wrong password, kFailed for a
-// damaged header or one that belongs to another name. A damaged salt or check value looks like a
-// wrong password.
+// Reads a header that begins with kMagic. Throws kUnauthorized for a wrong password, and kFailed
+// for a header that is damaged or belongs to a file of another name. A damaged salt or check value
+// looks like a wrong password.
 FileKeys ReadHeader(const std::string& password, std::string_view name, const Header& header);
 
-// Returns a hash that identifies a password. It is the same in every process.
+// Returns a hash that identifies a password. The hash of a password is the same in every process.
 std::string PasswordHash(const std::string& password);
 
 // Returns the stored size of a file of `plain` bytes.
 std::int64_t EncryptedSize(std::int64_t plain);
 
-// The reverse of EncryptedSize for chunks of `chunk_size` plain bytes. Returns 0 for a size below
-// that of an empty file.
+// Returns the plain size of an encrypted file with chunks of `chunk_size` plain bytes. Returns 0 if
+// `encrypted` is smaller than an encrypted empty file.
 std::int64_t PlainSize(std::int64_t encrypted, std::size_t chunk_size);
 
 }  // namespace quarn2

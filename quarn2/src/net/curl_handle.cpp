@@ -18,12 +18,14 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Larger than libcurl's defaults, because storages transfer large files: fewer system calls.
+// Sizes of the transfer buffers in bytes. They are larger than libcurl's defaults, because a
+// transfer of a large file then needs fewer system calls.
 constexpr long kSendBuffer = 512L * 1024;
 constexpr long kReceiveBuffer = CURL_MAX_READ_SIZE;
 constexpr std::size_t kMaxReasonBytes = 300;
 
-// SOCK_CLOEXEC: the child processes of a server must not inherit libcurl's sockets.
+// Opens a socket for libcurl with SOCK_CLOEXEC, because child processes of this program must not
+// inherit it.
 curl_socket_t OpenSocket(void* /*data*/, curlsocktype /*purpose*/, curl_sockaddr* address) {
     return socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
 }
@@ -50,8 +52,9 @@ Kind KindOf(CURLcode code) {
         case CURLE_COULDNT_RESOLVE_HOST:
         case CURLE_COULDNT_CONNECT:
         case CURLE_WEIRD_SERVER_REPLY:
-        // The server's response is of another protocol. The program's own URLs contain only
-        // supported schemes.
+        // libcurl reports this code when the server's response belongs to another protocol. An
+        // unsupported URL cannot be the cause, because the program's URLs contain only supported
+        // schemes.
         case CURLE_UNSUPPORTED_PROTOCOL:
         case CURLE_FTP_ACCEPT_TIMEOUT:
         case CURLE_FTP_CANT_GET_HOST:
@@ -118,8 +121,8 @@ CurlHandle::CurlHandle(const ServerSettings& settings)
     Set(CURLOPT_NOSIGNAL, 1);
     SetFunction(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
     Set(CURLOPT_TCP_KEEPALIVE, 1);
-    // Does not wait for libcurl's resolver thread, so a name server that does not answer causes no
-    // delay.
+    // When the handle is destroyed, libcurl must not wait for its resolver thread, which can be
+    // blocked by a name server that does not answer.
     Set(CURLOPT_QUICK_EXIT, 1);
     Set(CURLOPT_CONNECTTIMEOUT, settings.timeout);
     Set(CURLOPT_BUFFERSIZE, kReceiveBuffer);
@@ -136,7 +139,8 @@ void CurlHandle::SetTls(const std::string& ca) {
     Set(CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2);
     if (ca.empty()) return;
     Set(CURLOPT_CAINFO, ca);
-    // If the token has a file of trusted certificates, only these are trusted.
+    // A token with a `ca` file trusts only the certificates in this file, so the system's
+    // certificates are disabled.
     Clear(CURLOPT_CAPATH);
 }
 

@@ -1,4 +1,4 @@
-// One libcurl transfer handle, with the settings that all network storages share.
+// A libcurl transfer handle with the settings that all HTTP and FTP storages share.
 #pragma once
 
 #include <array>
@@ -12,13 +12,13 @@
 
 namespace quarn2::net {
 
-// The settings common to all transfers with one server.
+// The settings of all transfers with one server.
 struct ServerSettings {
     enum class Auth { kNone, kBasic, kDigest, kPlain };
 
-    std::string what;         // the server in error texts: "S3 server localhost:9000"
+    std::string what;         // name of the server in error texts: "S3 server localhost:9000"
     std::string ca;           // a file with the only certificates to trust; "" for the system's
-    int timeout = 0;          // seconds without any progress
+    int timeout = 0;          // seconds without progress until a transfer fails
     Auth auth = Auth::kNone;  // kPlain: user and password in the protocol's own login (FTP)
     std::string user;
     std::string password;
@@ -27,16 +27,16 @@ struct ServerSettings {
 // Seconds without progress until a transfer fails, unless the token sets another value.
 inline constexpr int kDefaultTimeout = 60;
 
-// Returns the settings in the common parts of a token. `protocol` ("S3", "WebDAV", ...) begins
-// `what`.
+// Returns the server settings from the parts of a token that all protocols share. `protocol` ("S3",
+// "WebDAV", ...) is the first word of ServerSettings::what.
 ServerSettings SettingsOf(const BackupToken& token, const std::string& protocol,
                           ServerSettings::Auth auth);
 
-// Returns "host:port" in the form of a URL: an IPv6 address in brackets, no port if the token has
-// none.
+// Returns "host:port" as it is written in a URL: an IPv6 address is in brackets, and the port is
+// omitted if the token contains no port.
 std::string HostAndPort(const BackupToken& token);
 
-// A list of texts for libcurl.
+// Owns a curl_slist, libcurl's list of strings.
 class CurlList {
   public:
     CurlList() = default;
@@ -51,8 +51,9 @@ class CurlList {
     curl_slist* list_ = nullptr;
 };
 
-// Owns the handle. Each type of option has its own setter, so that no option is passed in the wrong
-// width. TLS certificates are always verified. Not thread-safe: used by one thread at a time.
+// Owns a libcurl transfer handle. Each type of option has its own setter, so that every value is
+// passed with the width that libcurl expects. TLS certificates are always verified. Not
+// thread-safe.
 class CurlHandle {
   public:
     explicit CurlHandle(const ServerSettings& settings);
@@ -64,10 +65,10 @@ class CurlHandle {
 
     void Set(CURLoption option, long value);
     void SetSize(CURLoption option, std::int64_t value);
-    // libcurl copies the text.
+    // Sets a string option. libcurl copies the string.
     void Set(CURLoption option, const std::string& value);
     void SetPointer(CURLoption option, void* value);
-    // The list must outlive the transfer.
+    // Sets a list option. libcurl does not copy the list, which must outlive the transfer.
     void SetList(CURLoption option, const CurlList& list) { SetPointer(option, list.get()); }
     // Restores the option's default.
     void Clear(CURLoption option) { SetPointer(option, nullptr); }
@@ -76,16 +77,17 @@ class CurlHandle {
         Check(Curl().easy_setopt(handle_, option, function), "set up a transfer");
     }
 
-    // Keeps `sockets` equal to the open sockets of the connections that transfers with this handle
-    // have opened. The set must outlive the connections.
+    // Keeps `sockets` up to date: the set contains the open sockets of all connections that
+    // transfers with this handle have opened. The set must outlive the connections.
     void TellSockets(std::set<curl_socket_t>& sockets);
 
     long Info(CURLINFO info) const;
 
-    // Clears the reason of the previous transfer's failure.
+    // Clears the error text of the previous transfer.
     void ForgetReason() noexcept { reason_.front() = '\0'; }
 
-    // Throws the error for a failed transfer. The text contains the server and the reason.
+    // Throws the error for libcurl's result code of a failed transfer. The error text contains the
+    // server and the reason.
     [[noreturn]] void Throw(CURLcode code) const;
 
   private:
@@ -98,8 +100,8 @@ class CurlHandle {
     std::array<char, CURL_ERROR_SIZE> reason_ = {};
 };
 
-// Returns the text in a form for one line of an error: control characters become blanks, and a long
-// text is truncated.
+// Converts a server's text for an error message of one line: replaces control characters by blanks
+// and truncates a long text.
 std::string OneLine(std::string_view text);
 
 }  // namespace quarn2::net

@@ -1,4 +1,4 @@
-// libcurl, loaded when it is first needed. Only this folder and the FTP storage call it.
+// libcurl, loaded when it is first needed. Only quarn2/src/net and the FTP storage call libcurl.
 #pragma once
 
 #include <curl/curl.h>
@@ -24,8 +24,8 @@ struct CurlLibrary {
     decltype(&::curl_slist_free_all) slist_free_all;
 };
 
-// Returns the loaded and initialised library. Throws kFailed with the package to install if it
-// cannot be loaded.
+// Loads and initialises libcurl at the first call and returns it. If libcurl cannot be loaded,
+// throws kFailed with the name of the package to install.
 const CurlLibrary& Curl();
 
 }  // namespace quarn2::net

@@ -10,13 +10,14 @@
 
 namespace quarn2::net {
 
-// The bytes of one request, read forward. If the request's connection was stale, the request is
-// sent again and the body is read again from the start.
+// The body of one request, read sequentially. If the server has closed the kept connection, the
+// client sends the request again on a new connection and reads the body again from its start.
 class HttpBody {
   public:
     virtual ~HttpBody() = default;
     virtual std::int64_t size() const = 0;
-    // Fills the buffer. Returns fewer bytes only at the end, and 0 after the last one.
+    // Reads the next bytes of the body into the buffer and returns their number. The number is
+    // smaller than the buffer only at the end of the body, and 0 after the end.
     virtual std::size_t Read(std::span<std::byte> buffer) = 0;
     virtual void Rewind() = 0;
 };
@@ -33,7 +34,7 @@ class TextBody final : public HttpBody {
     std::size_t done_ = 0;
 };
 
-// A range of memory, which must outlive the request.
+// A body in memory that the object does not own. The memory must outlive the request.
 class MemoryBody final : public HttpBody {
   public:
     explicit MemoryBody(std::span<const std::byte> bytes) : bytes_(bytes) {}
@@ -46,7 +47,7 @@ class MemoryBody final : public HttpBody {
     std::size_t done_ = 0;
 };
 
-// The complete source of an upload, which must outlive the request.
+// A body that consists of the complete source of an upload. The source must outlive the request.
 class SourceBody final : public HttpBody {
   public:
     explicit SourceBody(ByteSource& source) : source_(source) {}
