@@ -23,7 +23,8 @@ using ftp::Reply;
 using kro_err::Error;
 using kro_err::Kind;
 
-// A source of zero bytes. It is stored to find out whether the storage is full.
+// A source that consists of zeros. The backend uploads such a probe file to find out whether the
+// storage is full.
 class Zeros final : public ByteSource {
   public:
     explicit Zeros(std::int64_t size) : size_(size) {}
@@ -63,7 +64,7 @@ class FtpBackend final : public StorageBackend {
     bool IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary, std::int64_t size);
     bool IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size);
     bool IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial);
-    // The result of storing a probe file. kUnclear: storing it fails, and the server gives no
+    // The result of uploading a probe file. kUnclear: the upload failed, and the server gave no
     // reason.
     enum class Probe { kStored, kFull, kUnclear };
     Probe StoreProbe(const ftp::TemporaryName& temporary, std::int64_t size);
@@ -114,8 +115,8 @@ bool FtpBackend::Put(const std::string& name, ByteSource& source) {
     std::rethrow_exception(error);
 }
 
-// Retries a refused upload after the directories are made again: another process may have removed a
-// directory that tree_ has seen.
+// Uploads the source to `path`. If the server refuses the upload, creates the directories again and
+// retries once, because another process may have removed a directory that tree_ has cached.
 Outcome FtpBackend::Store(const std::string& path, const std::string& name, ByteSource& source) {
     Outcome outcome = session_.Store(path, source);
     const Reply* const reply = session_.transcript().Find("STOR");
@@ -131,8 +132,9 @@ Outcome FtpBackend::Store(const std::string& path, const std::string& name, Byte
     return outcome;
 }
 
-// Throws unless the server reports the source's size. If the server does not know SIZE, its
-// confirmation of the transfer and libcurl's count of the bytes are sufficient.
+// Throws kUnavailable unless the server reports the size of the source as the size of the uploaded
+// file. If the server does not support SIZE, its confirmation of the transfer and libcurl's count
+// of the sent bytes are sufficient.
 void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
     const Reply* const reply = session_.transcript().Find("SIZE");
     const bool unknown = reply != nullptr && ftp::IsUnknownCommand(*reply);
@@ -144,10 +146,11 @@ void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
 
 // --- Full storage ---
 
-// True if the upload failed because the storage is full. Only some servers report that. Others give
-// no reason, or close the data connection before libcurl has read their reply. The cause may then
-// be a broken disk. Such a failure counts as a full storage only if the server confirms that there
-// is no room, because callers evict backups for a full storage.
+// Returns true if an upload failed because the storage is full. Only some servers report this
+// reason. Other servers report no reason, or close the data connection before libcurl has read
+// their reply; the cause can then also be a broken disk. A failure without a reason counts as a
+// full storage only if further queries confirm that there is no free space, because the program
+// deletes old backups when a storage is full.
 bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& temporary,
                         std::int64_t size) {
     const Reply* const reply = session_.transcript().Find("STOR");
@@ -163,7 +166,8 @@ bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& tempor
     return full && !error;
 }
 
-// Queries the free space with AVBL. Few servers support it. On other servers a small file is stored
+// Returns true if the storage has too little free space for an upload of `size` bytes. Queries the
+// free space with AVBL, which few servers support. On other servers, uploads a small probe file
 // while the unfinished upload still takes its space. If the server has removed the unfinished
 // upload by itself, its reply to ALLO decides.
 bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size) {
@@ -179,9 +183,10 @@ bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t s
     return IsRoomFreedByRemoval(temporary, partial);
 }
 
-// Called after the upload and the probe have failed without a reason. If the storage accepts a
-// probe once the unfinished upload is removed, that upload had taken the last space. On a broken
-// disk the probe fails again.
+// Finds out whether the storage is full when the server gives no reason for the failure of an
+// upload and of a probe file. Removes the unfinished upload of `partial` bytes and uploads a probe
+// file. If the probe succeeds now, the unfinished upload had taken the last space, and the function
+// returns true. On a broken disk the probe fails again.
 bool FtpBackend::IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial) {
     if (partial == 0) return false;
     if (!session_.Command("DELE " + temporary.path()).IsDone()) return false;
@@ -199,7 +204,8 @@ FtpBackend::Probe FtpBackend::StoreProbe(const ftp::TemporaryName& temporary, st
     return full ? Probe::kFull : Probe::kUnclear;
 }
 
-// Ignores failures: the next upload or removal of the name removes a remaining upload.
+// Removes a temporary file. Ignores failures, because the next upload or removal of the same name
+// also removes this file.
 void FtpBackend::Discard(const std::string& path) noexcept {
     const std::exception_ptr ignored = ErrorOf([&] { session_.Command("DELE " + path); });
 }
@@ -221,15 +227,16 @@ void FtpBackend::Rename(const ftp::TemporaryName& temporary, const std::string& 
     if (!replies[1].IsDone()) RenameOver(temporary, name, replies[1]);
 }
 
-// Checks whether a rename succeeded whose reply was lost with the connection.
+// Finds out whether the server has renamed `from` to `to` when the connection was lost before its
+// reply.
 bool FtpBackend::IsRenamed(const std::string& from, const std::string& to, std::int64_t size) {
     const std::vector<Reply> replies = session_.Commands({"TYPE I", "SIZE " + from, "SIZE " + to});
     return replies[1].code >= 500 && replies[2].IsDone() && replies[2].text == std::to_string(size);
 }
 
-// For servers that do not rename over an existing file. Renames the old file aside, renames the new
-// file to the target, and then removes the old file. If the second rename fails, the old file is
-// renamed back.
+// Replaces a file on servers that cannot rename over an existing file. Renames the old file to a
+// temporary name, renames the new file to the target, and then removes the old file. If the second
+// rename fails, renames the old file back.
 void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::string& name,
                             const Reply& refusal) {
     const std::string target = tree_.PathOf(name);
@@ -250,13 +257,14 @@ void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::stri
     Discard(old);
 }
 
-// Renames the old file back to the target. The server refuses that if the target exists: the old
-// file was never renamed, or the new file is already there.
+// Tries to rename the old file from its temporary name back to the target. The server refuses this
+// if the target exists, because the old file was never renamed or the new file has already replaced
+// it.
 void FtpBackend::FinishRenameOver(const ftp::TemporaryName& temporary, const std::string& target) {
     session_.Commands({"RNFR " + temporary.OldPath(), "RNTO " + target});
 }
 
-// --- The rest ---
+// --- Get, Remove and directories ---
 
 void FtpBackend::Get(const std::string& name, ByteSink& sink) {
     const Outcome outcome = session_.Retrieve(tree_.PathOf(name), sink);
@@ -272,7 +280,7 @@ void FtpBackend::Get(const std::string& name, ByteSink& sink) {
 void FtpBackend::Remove(const std::string& name) {
     tree_.RemoveFile(name);
     const ftp::TemporaryName temporary = TemporaryOf(name);
-    // Another upload of this name is running; its files must stay.
+    // Another upload of this name is running, so its temporary files must not be removed.
     if (temporary.is_further()) return;
     session_.Commands({"DELE " + temporary.path(), "DELE " + temporary.OldPath()});
 }

@@ -1,4 +1,4 @@
-// The backends for FTP servers, with and without TLS.
+// The backends for FTP servers: "ftps" with TLS and "ftp" without TLS.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"

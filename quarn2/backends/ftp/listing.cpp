@@ -17,7 +17,7 @@ using kro_err::Kind;
 using Type = Entry::Type;
 
 constexpr std::string_view kDigits = "0123456789";
-// Separates the name of a link from its target.
+// Separates the name of a symbolic link from its target in a LIST line.
 constexpr std::string_view kArrow = " -> ";
 
 [[noreturn]] void ThrowUnknownLine(std::string_view line) {
@@ -36,7 +36,8 @@ std::string Small(std::string_view text) {
     return small;
 }
 
-// False for names with which a hostile server could direct a removal to another directory.
+// Returns true if the name can be that of a directory entry. A hostile server could use other
+// names, such as "../x", to direct a removal to another directory.
 bool IsEntryName(std::string_view name) {
     return !name.empty() && name.find('/') == std::string_view::npos && !HasControl(name);
 }
@@ -66,7 +67,8 @@ void ForEachLine(std::string_view text, const Action& action) {
 
 // --- Facts ---
 
-// Returns "file" for "type=file;size=3;", "" if the facts contain no type.
+// Returns the value of the "type" fact of an MLSD line: "file" for "type=file;size=3;". Returns ""
+// if the facts contain no type.
 std::string TypeFact(std::string_view facts) {
     while (!facts.empty()) {
         const std::size_t end = std::min(facts.find(';'), facts.size());
@@ -98,7 +100,8 @@ void AddFacts(Listing& listing, std::string_view line) {
 
 // --- LIST lines ---
 
-// Splits a line into words. The rest keeps its blanks.
+// Splits a line of a listing into words, from left to right. rest() returns the unparsed part with
+// its blanks.
 class Words {
   public:
     explicit Words(std::string_view line) : rest_(line) {}
@@ -122,7 +125,7 @@ bool IsMonth(std::string_view word) {
     return std::find(kMonths.begin(), kMonths.end(), Small(word)) != kMonths.end();
 }
 
-// True for two numbers with `mark` between them, as in "19:40".
+// Returns true if the word consists of two numbers separated by `mark`, such as "19:40".
 bool IsPair(std::string_view word, char mark) {
     const std::size_t found = word.find(mark);
     return found != std::string_view::npos && IsNumber(word.substr(0, found)) &&
@@ -141,9 +144,9 @@ bool IsIsoDate(std::string_view word) {
     return word.size() == kLength && IsNumber(word.substr(0, 4)) && IsPair(word.substr(5), '-');
 }
 
-// Returns the text after "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40". The number of columns
-// before it differs. A date counts only directly after the size, because a group may be named like
-// a month.
+// Returns the part of a LIST line after "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40". The number
+// of columns before the size differs between servers. A date must directly follow the size, because
+// a group can have the name of a month.
 std::string_view BehindDate(std::string_view line) {
     Words words(line);
     std::string_view before = words.Next();
@@ -171,13 +174,13 @@ bool IsUnixLine(std::string_view line) {
 
 void AddUnixLine(Listing& listing, std::string_view line) {
     std::string_view name = BehindDate(line);
-    // One blank ends the date; further ones belong to the name.
+    // One blank separates the date from the name. Further blanks belong to the name.
     if (name.size() < 2) ThrowUnknownLine(line);
     name.remove_prefix(1);
     if (line.front() == 'l') {
         const std::size_t arrow = name.find(kArrow);
-        // The end of the name is ambiguous. The entry is skipped so that a removal does not get the
-        // name of another file.
+        // If " -> " occurs twice, the end of the link's name is ambiguous. Skip the entry, so that
+        // a removal cannot remove another file.
         if (arrow != name.rfind(kArrow)) return;
         name = name.substr(0, arrow);
     }
@@ -194,7 +197,8 @@ bool IsDosDate(std::string_view word) {
            IsNumber(word.substr(0, 2)) && IsNumber(word.substr(3, 2)) && IsNumber(word.substr(6));
 }
 
-// "11-20-26  07:40PM       <DIR>          name", "11-20-26  07:40PM            12345 name".
+// Parses a LIST line in DOS format: "11-20-26 07:40PM <DIR> name" or "11-20-26 07:40PM 12345 name".
+// Returns false for a line in another format.
 bool AddDosLine(Listing& listing, std::string_view line) {
     Words words(line);
     if (!IsDosDate(words.Next())) return false;

@@ -9,7 +9,8 @@
 namespace quarn2::ftp {
 
 struct Entry {
-    // kOther: a link or a device, for example. kUntold: the listing contains no type.
+    // The type of a directory entry. kOther: for example a link or a device. kUntold: the listing
+    // contains no type.
     enum class Type { kFile, kDirectory, kOther, kUntold };
 
     std::string name;
@@ -19,12 +20,13 @@ struct Entry {
 };
 
 struct Listing {
-    // Without ".", ".." and names that contain a slash or a control character: such a name could
-    // lead out of the directory.
+    // The entries of the directory without ".", ".." and names that contain a slash or a control
+    // character, because a path with such a name could point outside the directory.
     std::vector<Entry> entries;
-    // The listing contains the directory itself, so an empty directory is known to exist.
+    // The listing contains an entry for the directory itself, which proves that an empty directory
+    // exists.
     bool shows_itself = false;
-    // The server truncated the listing at its own limit.
+    // The listing is incomplete because the server limits the number of entries.
     bool is_cut = false;
 };
 
@@ -32,11 +34,11 @@ struct Listing {
 // incomplete last line.
 Listing ParseMachineListing(std::string_view text);
 
-// Parses a listing for people (LIST) in Unix or DOS format. Throws like ParseMachineListing(),
-// because an entry that cannot be parsed must not be lost silently.
+// Parses a human-readable listing (LIST) in Unix or DOS format. Throws like ParseMachineListing()
+// if a line cannot be parsed, because no entry may be lost silently.
 Listing ParseListing(std::string_view text);
 
-// Returns the type in a reply to MLST, nullopt if the reply contains none.
+// Returns the type in a reply to MLST, or nullopt if the reply contains no type.
 std::optional<Entry::Type> ParseFacts(std::string_view reply);
 
 }  // namespace quarn2::ftp

@@ -13,10 +13,10 @@ using kro_err::Kind;
 struct Row {
     int code;
     Meaning meaning;
-    bool text_decides = false;  // the text may change it to kNoRoom or kNotFound
+    bool text_decides = false;  // the reply's text can change the meaning to kNoRoom or kNotFound
 };
 
-// A code that is not in the table is treated like 400 or 500.
+// The meaning of FTP reply codes. A code that is not in the table is treated like 400 or 500.
 constexpr std::array<Row, 18> kCodes = {{
     {400, Meaning::kUnavailable, true},
     {421, Meaning::kUnavailable},  // the server closes the connection
@@ -31,7 +31,7 @@ constexpr std::array<Row, 18> kCodes = {{
     {502, Meaning::kFailed},
     {503, Meaning::kFailed},
     {504, Meaning::kFailed},
-    {522, Meaning::kFailed},  // no data connection without a reused TLS session
+    {522, Meaning::kFailed},  // the server requires a data connection that reuses the TLS session
     {530, Meaning::kUnauthorized},
     {550, Meaning::kFailed, true},
     {552, Meaning::kNoRoom},
@@ -40,7 +40,8 @@ constexpr std::array<Row, 18> kCodes = {{
 
 char Small(char c) noexcept { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-// True if the text contains one of the phrases, ignoring case. The phrases are in lower case.
+// Returns true if the text contains one of the phrases, ignoring case. The phrases must be in lower
+// case.
 template <std::size_t count>
 bool HasAny(std::string_view text, const std::array<std::string_view, count>& phrases) {
     std::string small(text);
@@ -61,7 +62,8 @@ bool SaysFull(std::string_view words) {
     return HasAny(words, kPhrases) || (HasAny(words, kQuota) && HasAny(words, kUsedUp));
 }
 
-// Some servers refuse a login with the code for a wrong password when they have too many clients.
+// Returns true if the text of a refused login is about too many clients. Some servers send this
+// refusal with the reply code for a wrong password.
 bool SaysTooMany(std::string_view words) {
     static constexpr std::array<std::string_view, 5> kPhrases = {"too many", "maximum number",
                                                                  "try again", "later", "busy"};

@@ -11,28 +11,32 @@ namespace quarn2::ftp {
 enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFailed };
 
 // Classifies a reply by its code, and by its text if the code is ambiguous. Returns kUnauthorized
-// and kNoRoom only if the reply can mean nothing else: callers delete files for kUnauthorized and
-// evict backups for kNoRoom. A refusal without a reason (550, 451) is kFailed or kUnavailable.
+// and kNoRoom only if the reply has no other possible meaning, because the program deletes files
+// when the meaning is kUnauthorized and deletes old backups when it is kNoRoom. A refusal without a
+// reason (550, 451) is kFailed or kUnavailable.
 Meaning MeaningOf(const Reply& reply);
 
-// Returns the error kind for a refusal. For a full storage it is kUnavailable or kFailed, because
-// only Put() reports a full storage, by its result.
+// Returns the error kind that the backend throws for a refusal. A full storage has no error kind of
+// its own, because Put() reports it by returning false: the kind is then kUnavailable or kFailed.
 kro_err::Kind KindOf(const Reply& reply);
 
-// True if the storage is full.
+// Returns true if the reply means that the storage is full.
 bool IsFull(const Reply& reply);
 
-// True if the server does not know or does not support the command.
+// Returns true if the reply means that the server does not support the command.
 bool IsUnknownCommand(const Reply& reply) noexcept;
 
-// True if the server does not accept the data connection of a transfer.
+// Returns true if the reply means that the server does not accept the data connection of a
+// transfer.
 bool RefusesDataConnection(const Reply& reply) noexcept;
 
-// These search a text for phrases that common servers use. Pass Reply::words of a refusal.
+// SaysMissing, SaysDenied and SaysTlsNeeded search the text of a refusal (Reply::words) for phrases
+// that common servers use.
 bool SaysMissing(std::string_view words);
 bool SaysDenied(std::string_view words);
 bool SaysTlsNeeded(std::string_view words);
-// True if a successful listing is incomplete.
+// Returns true if the text of the reply to a successful listing command reports that the listing is
+// incomplete.
 bool SaysTruncated(std::string_view text);
 
 }  // namespace quarn2::ftp

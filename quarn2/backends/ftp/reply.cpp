@@ -10,12 +10,12 @@ namespace quarn2::ftp {
 namespace {
 
 constexpr std::size_t kCodeLength = 3;
-// Replies have a few lines. The longest one that is parsed is the reply to MLST.
+// The maximum number of bytes of a reply that are kept. Replies have only a few lines.
 constexpr std::size_t kMaxTextBytes = 16UL * 1024;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// Returns the reply's code, 0 if the line does not begin with one.
+// Returns the reply code at the beginning of a line, or 0 if the line does not begin with a code.
 int CodeOf(std::string_view line) {
     if (line.size() < kCodeLength) return 0;
     const std::string_view digits = line.substr(0, kCodeLength);
@@ -26,7 +26,7 @@ bool IsWordCharacter(char c) noexcept {
     return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// True if text[begin, end) begins or ends inside a word.
+// Returns true if text[begin, end) begins or ends inside a word.
 bool CutsWord(std::string_view text, std::size_t begin, std::size_t end) {
     const bool before = begin > 0 && IsWordCharacter(text[begin - 1]);
     const bool after = end < text.size() && IsWordCharacter(text[end]);
@@ -122,7 +122,8 @@ void Transcript::Received(std::string_view line) {
     if (last || first) line.remove_prefix(std::min(kCodeLength + 1, line.size()));
     if (open_.size() + line.size() < kMaxTextBytes) str::inpl::Append(open_, line, "\n");
     if (!last) return;
-    // A greeting belongs to no command. A transfer gets two replies, at its start and at its end.
+    // Add an entry for a reply that does not follow a new command: the greeting, or the second
+    // reply to a transfer command. A server replies to a transfer at its start and at its end.
     if (replies_.empty() || replies_.back().code != 0) {
         Reply reply;
         if (!replies_.empty()) reply.verb = replies_.back().verb;

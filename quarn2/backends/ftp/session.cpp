@@ -24,7 +24,8 @@ using net::ServerSettings;
 constexpr char kTelnetEscape = '\xff';
 constexpr int kClosing = 421;
 constexpr int kNoFile = 550;
-// Enough for half a million names and their facts. An endless listing must not exhaust the memory.
+// The maximum size of a directory listing, which is enough for half a million entries. An endless
+// listing must not exhaust the memory.
 constexpr std::size_t kMaxListingBytes = 64UL * 1024 * 1024;
 
 ServerSettings Settings(const BackupToken& token) {
@@ -46,8 +47,8 @@ Session::Session(const BackupToken& token, bool tls)
     net::Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
     SetProtocol(tls);
     handle_.Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, timeout_);
-    // OnProgress() aborts stalled transfers, because libcurl's own timeout takes effect seconds
-    // later and counts the time that a source takes.
+    // OnProgress() aborts stalled transfers. libcurl's own timeout is not used, because it takes
+    // effect seconds later and also counts the time that reading the source takes.
     handle_.Set(CURLOPT_NOPROGRESS, 0);
     handle_.SetFunction(CURLOPT_XFERINFOFUNCTION, OnProgress);
     handle_.SetPointer(CURLOPT_XFERINFODATA, this);
@@ -70,8 +71,8 @@ Session::~Session() {
     net::Curl().multi_cleanup(multi_);
 }
 
-// Shuts the control connection down. libcurl sends a QUIT before it closes a connection and would
-// wait two minutes for the reply of a server that is gone.
+// Shuts down the control connection without libcurl. When libcurl closes a connection, it sends a
+// QUIT and would wait two minutes for the reply of an unreachable server.
 void Session::EndControl() noexcept {
     const curl_socket_t control = std::exchange(control_, CURL_SOCKET_BAD);
     if (control != CURL_SOCKET_BAD) shutdown(control, SHUT_RDWR);
@@ -82,19 +83,20 @@ void Session::SetProtocol(bool tls) {
     handle_.Set(CURLOPT_USE_SSL, tls ? CURLUSESSL_ALL : CURLUSESSL_NONE);
     handle_.Set(CURLOPT_FTPSSLAUTH, CURLFTPAUTH_TLS);
     LimitTls(tls);
-    // The data connection always goes to the host of the control connection, not to the address in
-    // the server's reply.
+    // Open the data connection to the host of the control connection, not to the address in the
+    // server's reply.
     handle_.Set(CURLOPT_FTP_SKIP_PASV_IP, 1);
-    // Every command gets a full path. This saves the changes of directory, and no path depends on
-    // the current directory.
+    // Send full paths in all commands, so that no change of the directory is necessary before a
+    // transfer.
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
-    // The proxies of the environment do not support FTP.
+    // Ignore the proxies in the environment variables, because they do not support FTP.
     handle_.Set(CURLOPT_PROXY, "");
 }
 
-// Some servers accept a data connection only if it reuses the control connection's TLS session.
-// With TLS 1.3 libcurl runs out of tickets after a few transfers, because an upload reads no new
-// ones. A TLS 1.2 session can be reused any number of times.
+// Limits TLS to version 1.2. Some servers accept a data connection only if it reuses the TLS
+// session of the control connection. With TLS 1.3 libcurl runs out of session tickets after a few
+// transfers, because it receives no new tickets during uploads. A TLS 1.2 session can be reused any
+// number of times.
 void Session::LimitTls(bool limited) {
     is_tls_limited_ = limited;
     const long highest = limited ? CURL_SSLVERSION_MAX_TLSv1_2 : CURL_SSLVERSION_MAX_DEFAULT;
@@ -103,9 +105,9 @@ void Session::LimitTls(bool limited) {
 
 // --- Names on the wire ---
 
-// Returns whether the server parses the control connection as telnet, where each byte 255 must be
-// doubled. The server's echo of such a name shows that. The test is sent only once, and only if a
-// name contains this byte.
+// Returns true if the server parses the control connection as telnet, where each byte 255 must be
+// doubled. To find out, sends a SIZE command with a name of four bytes 255: such a server returns
+// only two of them. The test is sent once per session, and only if a name contains the byte 255.
 bool Session::FindsTelnet() {
     if (!telnet_) {
         telnet_ = false;
@@ -129,7 +131,8 @@ std::string Session::Wire(const std::string& text) {
     return doubled;
 }
 
-// The path's first slash is encoded because libcurl would remove it otherwise.
+// Returns the URL of a path. The first slash of the path is encoded as %2F, because libcurl would
+// remove it otherwise.
 std::string Session::Url(const std::string& path) {
     return server_ + "%2F" + PercentEncoded(Wire(path).substr(1), "/");
 }
@@ -138,7 +141,8 @@ std::string Session::Url(const std::string& path) {
 
 void Session::SetUp(const std::string& url, bool upload, bool body, const Around& around) {
     handle_.Set(CURLOPT_URL, url);
-    // The order matters: the first option changes what the second one sets.
+    // Set CURLOPT_UPLOAD before CURLOPT_NOBODY, because CURLOPT_UPLOAD also changes the value of
+    // the other option.
     handle_.Set(CURLOPT_UPLOAD, upload ? 1 : 0);
     handle_.Set(CURLOPT_NOBODY, body ? 0 : 1);
     handle_.SetList(CURLOPT_QUOTE, around.before);
@@ -148,8 +152,8 @@ void Session::SetUp(const std::string& url, bool upload, bool body, const Around
     offset_ = 0;
 }
 
-// True if the server closed a kept connection, with or without a 421, before it replied to
-// anything.
+// Returns true if the server had closed the kept control connection, with or without a 421, before
+// it replied to the first command of this operation.
 bool Session::IsStale(CURLcode code) const {
     const std::vector<Reply>& replies = transcript_.replies();
     const auto first = std::find_if(replies.begin(), replies.end(),
@@ -159,8 +163,9 @@ bool Session::IsStale(CURLcode code) const {
     return failed && !answered && !is_new_ && code != CURLE_OPERATION_TIMEDOUT;
 }
 
-// Like curl_easy_perform(), but without its delay of one second: when the reply with the data port
-// arrives at once, curl_easy_perform() waits for a socket that it has not opened yet.
+// Runs a transfer like curl_easy_perform(), but without its delay of one second: when the reply
+// with the port of the data connection arrives very early, curl_easy_perform() waits for a socket
+// that it has not opened yet.
 CURLcode Session::Perform() {
     constexpr int kPollMs = 1000;
     const net::CurlLibrary& curl = net::Curl();
@@ -210,16 +215,17 @@ CURLcode Session::RunFresh() {
     return code;
 }
 
-// True if the TLS handshake of the control connection failed while TLS was limited to version 1.2.
+// Returns true if the TLS handshake of the control connection failed while TLS was limited to
+// version 1.2. The server may require TLS 1.3.
 bool Session::NeedsNewerTls(CURLcode code) const {
     const std::vector<Reply>& replies = transcript_.replies();
     return is_tls_limited_ && code == CURLE_SSL_CONNECT_ERROR && !replies.empty() &&
            replies.back().verb == "AUTH";
 }
 
-// A TLS session can expire while a control connection is kept. A new control connection has a new
-// session, which its first data connection reuses. A transfer is not repeated once the sink has
-// received data.
+// Runs `transfer` and repeats it on a new control connection while the server refuses the data
+// connection. A refusal occurs when the TLS session has expired; a new control connection has a new
+// TLS session. A transfer is not repeated after its sink has received data.
 Outcome Session::WithDataConnection(const std::function<Outcome()>& transfer) {
     constexpr int kMaxRepetitions = 3;
     Outcome outcome = transfer();
@@ -238,10 +244,10 @@ bool Session::NeedsNewDataConnection(const Outcome& outcome) const {
     return is_refused || IsHandshakeTooEarly(outcome.code);
 }
 
-// True if the server closed the data connection before the transfer began. libcurl starts the TLS
-// handshake before it sends the transfer's command, and some servers close a data connection that
-// sends bytes so early. libcurl then requests another data connection and mistakes a reply to an
-// earlier command for the response.
+// Returns true if the server closed the data connection before the transfer began. libcurl starts
+// the TLS handshake of the data connection before it sends the transfer command, and some servers
+// then close the data connection. In this case libcurl requests another data connection and
+// mistakes a reply to an earlier command for the response.
 bool Session::IsHandshakeTooEarly(CURLcode code) const {
     const bool is_control =
         !transcript_.replies().empty() && transcript_.replies().back().verb == "AUTH";
@@ -253,14 +259,15 @@ bool Session::IsHandshakeTooEarly(CURLcode code) const {
 
 std::vector<Reply> Session::Commands(const std::vector<std::string>& commands) {
     Around around;
-    // The "*" makes libcurl continue after a refusal.
+    // The prefix "*" makes libcurl continue after the server has refused a command.
     for (const std::string& command : commands) around.before.Add("*" + Wire(command));
     SetUp(server_ + "%2F", false, false, around);
     const CURLcode code = Run([] { return false; });
     return RepliesTo(commands, code);
 }
 
-// Skips the replies that belong to the connection setup.
+// Returns the replies to `commands`, which are the last replies in the transcript. Skips the
+// earlier replies, which belong to the connection setup.
 std::vector<Reply> Session::RepliesTo(const std::vector<std::string>& commands,
                                       CURLcode code) const {
     const std::vector<Reply>& all = transcript_.replies();
@@ -281,8 +288,8 @@ Outcome Session::Store(const std::string& path, ByteSource& source) {
 
 Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     Around around;
-    // A previous session whose end is not confirmed may still write into the file that it has
-    // opened.
+    // Remove an existing file first. The server may still run an interrupted session that has the
+    // file open, and that session must not write into the new file.
     around.before.Add("*" + Wire("DELE " + path));
     around.behind.Add("*" + Wire("SIZE " + path));
     SetUp(Url(path), true, true, around);
@@ -296,10 +303,11 @@ Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     return outcome;
 }
 
-// libcurl queries the size when the data connection is open. If that uses TLS, libcurl then handles
-// nothing else for 200 ms, while the server waits for RETR. The size is therefore queried before. A
-// refusal of SIZE must end the transfer: otherwise libcurl would mistake the data connection that
-// the server closes for one that could not be opened, and mismatch later replies.
+// Queries the size with TLS before the data connection is opened. Otherwise libcurl sends SIZE when
+// the data connection is open, and then does nothing for 200 ms while the server waits for RETR. A
+// refused SIZE must end the transfer: if libcurl continued and the server closed the data
+// connection, libcurl would conclude that it could not be opened and assign later replies to the
+// wrong commands.
 Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
     const bool size_first = tls_ && knows_size_;
     Outcome outcome = WithDataConnection([&] { return RetrieveOnce(path, sink, size_first); });
@@ -350,8 +358,9 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
     return outcome;
 }
 
-// libcurl omits the change into the directory of the previous listing, although other commands have
-// left it in the meantime. An additional slash in every second URL prevents that.
+// Returns the URL for a listing of `directory`. libcurl sends no CWD if the URL is that of the
+// previous listing, although other commands may have changed the current directory in the meantime.
+// An additional slash in every second URL makes libcurl send the CWD.
 std::string Session::ListingUrl(const std::string& directory, Where where) {
     std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
     if (where == Where::kNamed) return url;
@@ -383,7 +392,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     take_ = nullptr;
     handle_.Clear(CURLOPT_CUSTOMREQUEST);
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
-    // libcurl reports some refused listings as empty ones.
+    // libcurl reports success with an empty listing for some refused listings.
     if (outcome.code == CURLE_OK && transcript_.Refusal() != nullptr) {
         outcome.code = CURLE_FTP_COULDNT_RETR_FILE;
     }

@@ -16,53 +16,57 @@
 
 namespace quarn2::ftp {
 
-// How a transfer ended.
+// The result of a transfer.
 struct Outcome {
     CURLcode code = CURLE_OK;
-    // The size of the file as the server reports it; -1 if it does not.
+    // The size of the file that the server reports; -1 if the server does not report a size.
     std::int64_t size = -1;
-    // The exception that the source or the sink threw.
+    // The exception that the source or the sink threw during the transfer; null if neither threw.
     std::exception_ptr thrown;
-    // The sink has received data, so the transfer cannot be repeated.
+    // True if the sink has received data. The transfer cannot be repeated then.
     bool has_delivered = false;
 };
 
-// Paths are absolute. The session connects at its first use and keeps the connection. If the server
-// has closed it in the meantime, the session connects again and repeats the operation, unless that
-// has already transferred data. The token's timeout bounds every wait.
+// A session connects to the FTP server at its first use and keeps the control connection. If the
+// server has closed the connection in the meantime, the session connects again and repeats the
+// operation, unless the operation has already transferred data. The token's timeout limits every
+// wait. All paths are absolute.
 class Session {
   public:
-    // `tls`: encrypts both the control and the data connections.
+    // With `tls`, the session encrypts both the control and the data connections.
     Session(const BackupToken& token, bool tls);
     ~Session();
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
-    // Sends all commands in order, even if the server refuses some of them. Returns one reply for
-    // each. Throws if the connection fails.
+    // Sends all commands in order, even if the server refuses some of them. Returns one reply per
+    // command. Throws if the connection fails.
     std::vector<Reply> Commands(const std::vector<std::string>& commands);
     Reply Command(const std::string& command) { return Commands({command}).front(); }
 
-    // Removes an existing file at the path, stores the source there and queries the size.
+    // Removes an existing file at `path`, uploads the source to this path and queries the size of
+    // the stored file.
     Outcome Store(const std::string& path, ByteSource& source);
-    // Passes the file's bytes to the sink.
+    // Downloads the file at `path` and writes its bytes to the sink.
     Outcome Retrieve(const std::string& path, ByteSink& sink);
-    // Stores the listing of a directory in `text`. kNamed sends the directory as the command's
-    // argument, kWithin changes into it first. Throws kUnavailable if the server has not confirmed
-    // the change, because the listing may be that of another directory.
+    // Sends a listing command and stores the listing of the directory in `text`. kNamed sends the
+    // directory as the argument of the command. kWithin changes into the directory first, and
+    // throws kUnavailable if the server does not confirm the change, because the listing can then
+    // be that of another directory.
     enum class Where { kNamed, kWithin };
     Outcome List(const std::string& command, const std::string& directory, Where where,
                  std::string& text);
 
-    // The replies of the last operation.
+    // Returns the replies of the last operation.
     const Transcript& transcript() const noexcept { return transcript_; }
 
-    // Throws the error for a failed transfer.
+    // Throws the error for the result of a failed transfer.
     [[noreturn]] void Throw(const Outcome& outcome) const;
-    // Throws the error for a refusal. `deed` is the refused operation ("store 'name'").
+    // Throws the error for a command that the server refused. `deed` describes the refused
+    // operation for the error text ("store 'name'").
     [[noreturn]] void ThrowRefused(const Reply& reply, const std::string& deed) const;
 
-    // The name of the server in error texts.
+    // Returns the name of the server for error texts.
     const std::string& what() const noexcept { return what_; }
 
   private:
@@ -79,18 +83,20 @@ class Session {
         net::CurlList behind;
     };
     void SetUp(const std::string& url, bool upload, bool body, const Around& around);
-    // `size_first`: queries the size before the data connection is opened. Otherwise libcurl
-    // queries it later.
+    // With `size_first`, queries the file's size before the data connection is opened. Otherwise
+    // libcurl queries the size when the data connection is open.
     Outcome RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first);
     Outcome StoreOnce(const std::string& path, ByteSource& source);
     Outcome ListOnce(const std::string& command, const std::string& directory, Where where,
                      std::string& text);
     void LimitTls(bool limited);
-    // Runs the transfer. Repeats it if the kept connection turns out to be closed.
+    // Runs the prepared transfer. Repeats it on a new connection if the server had closed the kept
+    // connection, unless has_begun() returns true.
     CURLcode Run(const std::function<bool()>& has_begun);
     CURLcode RunFresh();
     void EndControl() noexcept;
-    // Repeats a transfer whose data connection the server refuses, on a new control connection.
+    // Runs a transfer. If the server refuses its data connection, repeats the transfer on a new
+    // control connection.
     Outcome WithDataConnection(const std::function<Outcome()>& transfer);
     bool NeedsNewerTls(CURLcode code) const;
     bool NeedsNewDataConnection(const Outcome& outcome) const;
@@ -116,21 +122,22 @@ class Session {
     std::string server_;
     CURLM* multi_;
     net::CurlHandle handle_;
-    // The kept control connection.
+    // The socket of the kept control connection.
     curl_socket_t control_ = CURL_SOCKET_BAD;
-    // The open data connection.
+    // The socket of the open data connection.
     curl_socket_t data_ = CURL_SOCKET_BAD;
     Transcript transcript_;
     // The server has sent the port of the data connection, but libcurl has not opened it yet.
     bool port_is_known_ = false;
     std::optional<bool> telnet_;
-    bool knows_size_ = true;  // until a server refuses SIZE before a transfer
+    bool knows_size_ = true;  // false after the server has refused SIZE before a transfer
     bool lists_with_slash_ = false;
     bool is_tls_limited_ = false;
     bool is_fresh_wanted_ = false;
-    // The TLS handshake of the data connection is delayed until the server has begun the transfer.
+    // True if the TLS handshake of the data connection must be delayed until the server has begun
+    // the transfer.
     bool is_handshake_late_ = false;
-    bool is_new_ = false;  // the last operation opened the control connection
+    bool is_new_ = false;  // true if the last operation opened the control connection
 
     // The state of the running transfer.
     ByteSource* source_ = nullptr;

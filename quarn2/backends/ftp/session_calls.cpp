@@ -15,8 +15,8 @@ namespace quarn2::ftp {
 
 namespace {
 
-// While a socket is corked the kernel holds back the sent bytes, for at least 200 ms and about
-// three round trips.
+// Sets or clears TCP_CORK of a socket. With TCP_CORK the kernel delays sent bytes for at least 200
+// ms and about three round trips.
 void Cork(curl_socket_t socket, bool corked) noexcept {
     const int value = corked ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
@@ -24,7 +24,8 @@ void Cork(curl_socket_t socket, bool corked) noexcept {
 
 }  // namespace
 
-// SOCK_CLOEXEC: the child processes of a server must not inherit the socket.
+// Opens a socket for libcurl with SOCK_CLOEXEC, because child processes of this program must not
+// inherit it.
 curl_socket_t Session::OnOpenSocket(void* self, curlsocktype /*purpose*/, curl_sockaddr* address) {
     auto& session = *static_cast<Session*>(self);
     const int handle = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
@@ -46,9 +47,9 @@ int Session::OnCloseSocket(void* self, curl_socket_t socket) {
     return close(socket);
 }
 
-// Waits until the server closes the data connection. Closing a socket that has unread input resets
-// the connection, and the server loses what it has not read yet: the end of the upload. There is
-// unread input because TLS 1.3 servers send tickets for later sessions.
+// Waits after an upload until the server closes the data connection. A TLS 1.3 server sends session
+// tickets, which libcurl does not read. If a socket with unread input is closed, the kernel resets
+// the connection, and the server can lose the end of the upload.
 void Session::AwaitEnd(curl_socket_t socket, int timeout) {
     constexpr int kMilliseconds = 1000;
     std::array<char, 4096> unwanted = {};
@@ -74,7 +75,7 @@ int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size
 int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
                         curl_off_t /*up_total*/, curl_off_t up) {
     auto& session = *static_cast<Session*>(self);
-    // libcurl's own timeouts apply while it connects or exchanges commands.
+    // Before the first byte of data, libcurl's own timeouts for connecting and for replies apply.
     if (down + up != session.moved_ || down + up == 0) session.Moved();
     session.moved_ = down + up;
     const auto still = kro_date::SteadyClock::now() - session.moved_at_;
@@ -82,7 +83,8 @@ int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
     return session.is_stalled_ ? 1 : 0;
 }
 
-// Exceptions must not pass through the C library. Throw() rethrows them after the transfer.
+// libcurl calls this to read the source. An exception must not propagate into the C library, so it
+// is stored; Throw() rethrows it after the transfer.
 std::size_t Session::OnRead(char* buffer, std::size_t size, std::size_t count, void* self) {
     auto& session = *static_cast<Session*>(self);
     try {

@@ -15,11 +15,13 @@ namespace quarn2::ftp {
 
 namespace {
 
-// Leaves space for the suffixes within the 255 bytes that file systems allow.
+// The maximum length of a file's name that is used in its temporary name unchanged. File systems
+// allow 255 bytes, and the suffixes of the temporary name need the rest.
 constexpr std::size_t kMaxPlainLength = 220;
 constexpr std::size_t kCutLength = 200;
 
-// FNV-1a: the same in every build. It only distinguishes names and is not secure.
+// Returns the FNV-1a hash of the text. The hash is the same in every build. It only distinguishes
+// names and is not cryptographically secure.
 std::string Hash(std::string_view text) {
     constexpr std::uint64_t kOffset = 14695981039346656037U;
     constexpr std::uint64_t kPrime = 1099511628211U;
@@ -32,7 +34,7 @@ std::string Hash(std::string_view text) {
     return letters;
 }
 
-// Identifies this machine. Each network namespace counts as a machine of its own.
+// Returns a text that identifies this machine. Each network namespace counts as a separate machine.
 std::string Machine() {
     std::array<char, 256> host = {};
     gethostname(host.data(), host.size() - 1);
@@ -41,8 +43,8 @@ std::string Machine() {
     return kro_file::ReadE("/etc/machine-id") + "\n" + host.data() + "\n" + str::Str(space.st_ino);
 }
 
-// Truncates a long name at the boundary of a UTF-8 character and appends its hash to keep it
-// unique.
+// Truncates a long name at the boundary of a UTF-8 character and appends the hash of the complete
+// name, so that the result is unique.
 std::string Shortened(const std::string& name) {
     if (name.size() <= kMaxPlainLength) return name;
     std::size_t length = kCutLength;

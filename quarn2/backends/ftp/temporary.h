@@ -8,28 +8,31 @@
 
 namespace quarn2::ftp {
 
-// The temporary name of one upload. FTP cannot create a file exclusively, and two sessions that
-// store under the same name write into the same file. The temporary name is therefore derived from
-// the target's name, the user, the machine and a number: the smallest one that no other upload of
-// this target from this machine uses. A lock reserves the number; the kernel releases the lock of a
-// killed process. The next upload or removal of the target then gets the same name and removes the
-// leftover. Uploads from other machines have other names.
+// The temporary name of one upload. FTP cannot create a file exclusively, so two uploads with the
+// same temporary name would write into the same file. The temporary name is therefore derived from
+// the target's name, the user, the machine and a number. The number is the smallest one that no
+// other upload of this target from this machine uses. A lock reserves the number. If the process is
+// killed, the kernel releases the lock, and the next upload or removal of the target gets the same
+// temporary name and removes the remaining file. Uploads from other machines have different
+// temporary names.
 class TemporaryName {
   public:
-    // `path` is the target's path as `user` sees it. The server's name is not used because a server
-    // may have several.
+    // `path` is the path of the target on the server. The name of the server is not part of the
+    // temporary name, because a server can have several names.
     TemporaryName(const std::string& user, const std::string& path);
 
-    // The path of the upload, reserved as long as this object exists.
+    // Returns the path of the temporary file. The path is reserved as long as this object exists.
     const std::string& path() const noexcept { return path_; }
 
-    // True if another upload of the target has the first number.
+    // Returns true if the number is not the first one, because another upload of the same target is
+    // running.
     bool is_further() const noexcept { return is_further_; }
 
-    // The path of the old file during its replacement, on servers that do not rename over an
+    // Returns the path of the old file while it is replaced on a server that cannot rename over an
     // existing file.
     std::string OldPath() const { return Path("-old"); }
-    // The path of a small file that is stored to find out whether the storage is full.
+    // Returns the path of the probe file, which the backend uploads to find out whether the storage
+    // is full.
     std::string ProbePath() const { return Path("-probe"); }
 
   private:

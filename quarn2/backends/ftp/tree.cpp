@@ -16,9 +16,10 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Maximum number of removals in one libcurl transfer.
+// Maximum number of DELE commands in one libcurl transfer.
 constexpr std::size_t kBatch = 1000;
-// Limits for a server that shows directories without end.
+// Limits for the recursive removal of directories, in case a faulty server lists an endless tree of
+// directories.
 constexpr int kMaxDepth = 200;
 constexpr int kMaxEmptied = 100'000;
 
@@ -44,7 +45,8 @@ Reply Tree::TryEnter(const std::string& name) {
     return reply;
 }
 
-// A link has the type of its target. Without MLST, SIZE succeeds only for files and CWD only for
+// Returns the type of the object at `name`. A link has the type of its target. If the server does
+// not support MLST, SIZE and CWD are used: SIZE succeeds only for files and CWD only for
 // directories. MLST is preferred because some servers delay their replies after many failed CWDs.
 Found Tree::Look(const std::string& name) {
     const std::string path = PathOf(name);
@@ -81,7 +83,8 @@ void Tree::CheckRoot() {
                                      "; create it or correct the storage token");
 }
 
-// A directory that exists but cannot be entered must not be reported as missing.
+// Throws kNotFound only if the directory is missing. If the directory exists but cannot be entered,
+// throws the error of the refusal.
 void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
     CheckRoot();
     const std::optional<Entry> entry = FindListed(name);
@@ -120,7 +123,7 @@ bool Tree::MakeDirectories(const std::string& name) {
         if (!MakeDirectories(kro_file::Path(name))) return false;
         const Reply reply = session_.Command("MKD " + PathOf(name));
         if (IsFull(reply)) return false;
-        // Another process may have made it at the same time.
+        // If MKD fails, another process may have created the directory at the same time.
         if (!reply.IsDone() && Look(name) != Found::kDirectory) {
             session_.ThrowRefused(reply, "make directory " + Quoted(name));
         }
@@ -136,8 +139,8 @@ bool Tree::IsCut(std::string_view command) const {
     return reply != nullptr && SaysTruncated(reply->text);
 }
 
-// Returns false if the server does not support machine listings. Some servers reply with a 501 if
-// the name is a file.
+// Lists a directory with MLSD. Returns false if the server does not support MLSD. Some servers
+// reply with a 501 to MLSD if the name is a file.
 bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     constexpr int kBadArgument = 501;
     std::string text;
@@ -159,7 +162,7 @@ bool Tree::ListByMachine(const std::string& name, Listing& listing) {
     ThrowNoDirectory(refusal, name);
 }
 
-// Returns false if the server refuses the command.
+// Lists a directory with `command`. Returns false if the server refuses the command.
 bool Tree::TryList(const std::string& command, const std::string& name, Listing& listing) {
     std::string text;
     const Outcome outcome = session_.List(command, PathOf(name), Session::Where::kWithin, text);
@@ -177,9 +180,10 @@ bool Tree::TryList(const std::string& command, const std::string& name, Listing&
     return true;
 }
 
-// Enters the directory and lists it without an argument, because some servers would parse a name as
-// a pattern or as options. "LIST -a" also shows hidden files. A server without options looks for a
-// file named "-a"; its listing does not contain the directory itself.
+// Lists a directory with LIST. Changes into the directory first and sends no name as the argument,
+// because some servers parse the argument as a pattern or as options. Tries "LIST -a" first, which
+// also lists hidden files. A server that does not support options lists a file named "-a" instead;
+// such a listing has no entry for the directory itself and is discarded.
 Listing Tree::ListForPeople(const std::string& name) {
     Listing listing;
     if (TryList("LIST -a", name, listing) && listing.shows_itself) return listing;
@@ -191,7 +195,8 @@ Listing Tree::ListAll(const std::string& name) {
     Listing listing;
     if (has_mlsd_ && !ListByMachine(name, listing)) has_mlsd_ = false;
     if (!has_mlsd_) return ListForPeople(name);
-    // Some servers list a missing directory as an empty one.
+    // Some servers return an empty listing for a missing directory, so check whether the directory
+    // exists.
     if (listing.entries.empty() && !listing.shows_itself) {
         const Reply reply = TryEnter(name);
         if (!reply.IsDone()) ThrowNoDirectory(reply, name);
@@ -228,8 +233,8 @@ void Tree::RemoveDirectory(const std::string& name) {
     const auto [above, last] = kro_file::SplitPath(name);
     for (const Entry& entry : ListOrNothing(above)) {
         if (entry.name != last || entry.type == Entry::Type::kFile) continue;
-        // Removes a link to a directory, which some servers list as a directory. A link to a file
-        // stays.
+        // The name is a directory or a link to one. RemoveBatch removes a link to a directory,
+        // which some servers list as a directory.
         if (Look(name) != Found::kDirectory) continue;
         RemoveBatch(above, {&entry, 1}, 0);
     }
@@ -245,8 +250,9 @@ std::vector<Entry> Tree::ListOrNothing(const std::string& name) {
     return {};
 }
 
-// Some servers omit broken links from their machine listings. The directory is then not yet empty,
-// so RMD fails and LIST must show the links.
+// Removes a directory after its entries have been removed. Some servers omit broken links from MLSD
+// listings. The directory is then not yet empty and RMD fails, so the links are found with LIST and
+// removed.
 void Tree::RemoveEmptied(const std::string& name) {
     Reply reply = session_.Command("RMD " + PathOf(name));
     if (!reply.IsDone() && Enter(name)) {
@@ -266,7 +272,8 @@ void Tree::Empty(const std::string& name, int depth) {
         throw Error(Kind::kFailed, session_.what() + " shows directories without end");
     }
     Forget();
-    // The server shows the entries beyond its limit once the others are removed.
+    // If the server truncates the listing, remove the listed entries and list the directory again
+    // to get the remaining entries.
     constexpr int kMaxRounds = 10000;
     bool is_cut = true;
     for (int round = 0; is_cut && round < kMaxRounds; ++round) {
@@ -284,8 +291,9 @@ void Tree::RemoveEntries(const std::string& name, std::span<const Entry> entries
     }
 }
 
-// Sends DELE for directories, too. It fails for a real directory. It removes a link to a directory,
-// which some servers list as a directory, before the target of the link could be emptied.
+// Removes entries of a directory. Sends DELE also for directories, because some servers list a link
+// to a directory as a directory: DELE removes such a link, so that the target of the link is not
+// emptied. DELE fails for a real directory.
 void Tree::RemoveBatch(const std::string& name, std::span<const Entry> entries, int depth) {
     std::vector<std::string> commands;
     for (const Entry& entry : entries) {

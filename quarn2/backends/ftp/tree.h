@@ -16,7 +16,8 @@ namespace quarn2::ftp {
 // The type of the object at a path.
 enum class Found { kNothing, kFile, kDirectory };
 
-// Names are relative to the root. The root itself is an absolute path; its name is "".
+// Lists, creates and removes files and directories on an FTP server. Names are relative to the
+// storage's root; "" is the root. The root is an absolute path on the server.
 class Tree {
   public:
     Tree(Session& session, std::string root);
@@ -25,34 +26,35 @@ class Tree {
 
     Found Look(const std::string& name);
 
-    // Throws kNotFound if the root does not exist.
+    // Throws kNotFound if the storage's root does not exist.
     void CheckRoot();
 
-    // Makes the directory and its parents, but never the root. Returns false if the storage has no
-    // room. Directories that it has seen are not checked again until Forget() is called.
+    // Creates the directory and its parents, but never the root. Returns false if the storage is
+    // full. Caches the directories that exist; Forget() clears this cache.
     bool MakeDirectories(const std::string& name);
     void Forget() { seen_.clear(); }
 
-    // Returns all entries of a directory. Throws kNotFound if there is none, and kFailed if the
-    // server truncates the listing.
+    // Returns all entries of a directory. Throws kNotFound if the directory does not exist, and
+    // kFailed if the server truncates the listing.
     std::vector<Entry> Entries(const std::string& name);
 
-    // RemoveDirectory() removes a directory with its contents, Empty() only the contents. Links are
-    // removed, not followed. RemoveDirectory() does not remove a file and succeeds for a missing
-    // name.
+    // RemoveDirectory() removes a directory with its contents, Empty() removes only the contents.
+    // Both remove links without following them. RemoveDirectory() does not remove a file, and
+    // succeeds if the directory does not exist.
     void RemoveDirectory(const std::string& name);
     void Empty(const std::string& name) { Empty(name, 0); }
 
     // Removes one file. Succeeds for a missing file. Throws kFailed for a directory.
     void RemoveFile(const std::string& name);
 
-    // Throws kNotFound if the file does not exist, and otherwise the error of the reply. To be
-    // called when the server has refused a command on the file.
+    // Throws the error after the server has refused a command on the file: kNotFound if the file
+    // does not exist, otherwise the error of the reply. `deed` describes the refused operation.
     [[noreturn]] void ThrowMissing(const Reply& reply, const std::string& name,
                                    const std::string& deed);
 
   private:
-    // Throws for a refusal that does not show whether the name exists.
+    // Throws the error of the reply if it is a refusal that does not show whether the file or
+    // directory `name` exists, such as a denied permission.
     void CheckAnswered(const Reply& reply, const std::string& name) const;
     Reply TryEnter(const std::string& name);
     bool Enter(const std::string& name) { return TryEnter(name).IsDone(); }
@@ -62,10 +64,11 @@ class Tree {
     bool ListByMachine(const std::string& name, Listing& listing);
     Listing ListForPeople(const std::string& name);
     bool TryList(const std::string& command, const std::string& name, Listing& listing);
-    // Looks the name up in the listing of its parent directory. This distinguishes a missing name
-    // from an inaccessible one.
+    // Searches the listing of the parent directory for `name`. This distinguishes a missing file or
+    // directory from an inaccessible one.
     std::optional<Entry> FindListed(const std::string& name);
-    // Returns no entries for a missing directory. Throws kNotFound for a missing root.
+    // Returns the entries of a directory, or no entries if the directory does not exist. Throws
+    // kNotFound if the storage's root does not exist.
     std::vector<Entry> ListOrNothing(const std::string& name);
     [[noreturn]] void ThrowNoDirectory(const Reply& refusal, const std::string& name);
     void Empty(const std::string& name, int depth);
@@ -77,7 +80,8 @@ class Tree {
     Session& session_;
     std::string root_;
     std::set<std::string> seen_;
-    int emptied_ = 0;  // number of directories emptied below the first one
+    int emptied_ =
+        0;  // number of directories emptied in the running removal, without the top directory
     bool has_mlsd_ = true;
     bool has_mlst_ = true;
 };

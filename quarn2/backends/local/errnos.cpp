@@ -40,7 +40,7 @@ constexpr Row kRows[] = {
     {ECONNREFUSED, Failure::kUnavailable},
     {ECONNRESET, Failure::kUnavailable},
     {ENOLCK, Failure::kUnavailable},
-    // This machine is short of memory or descriptors at the moment.
+    // This machine temporarily has too little memory or too few descriptors.
     {EAGAIN, Failure::kUnavailable},
     {EINTR, Failure::kUnavailable},
     {EMFILE, Failure::kUnavailable},

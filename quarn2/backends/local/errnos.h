@@ -1,12 +1,12 @@
-// The meaning of errno values in a local storage.
+// Classifies the errno values of operations on a local storage.
 #pragma once
 
 #include "failure.h"
 
 namespace quarn2::local {
 
-// Returns the failure of an errno value, by default kFailed. Never kUnauthorized, because file
-// permissions are not credentials.
+// Returns the class of an errno value, by default kFailed. Never returns kUnauthorized, because the
+// storage token of a local storage contains no credentials.
 Failure FailureOf(int error) noexcept;
 
 }  // namespace quarn2::local

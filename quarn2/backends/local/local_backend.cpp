@@ -25,7 +25,8 @@ using kro_err::Kind;
 using kro_file::Copied;
 using kro_file::CopyError;
 
-// The storage contains the backups of all users: only the owner and the group may read them.
+// The modes of stored files and directories. The storage contains the backups of all users, so only
+// the owner and the group may read them.
 constexpr mode_t kFileMode = 0640;
 constexpr mode_t kDirectoryMode = 0750;
 constexpr std::size_t kBufferSize = 256UL * 1024;
@@ -35,14 +36,14 @@ constexpr std::size_t kBufferSize = 256UL * 1024;
 }
 
 // Syncs a directory. Throws CopyError, which distinguishes a full disk from other errors. Ignores
-// EINVAL, the error of file systems that cannot sync a directory and do not need it.
+// EINVAL, which file systems return that do not need to sync directories.
 void SyncDirectory(const std::string& path) {
     const ResHandle handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!handle || (fsync(handle) != 0 && errno != EINVAL)) ThrowFailedTo("sync directory", path);
 }
 
-// Syncs a directory after removals. Ignores a full disk, because removals make room. Ignores a
-// directory that is gone, because no removed file can reappear in it.
+// Syncs a directory after files in it were removed. Ignores the error of a full disk, because a
+// removal needs no space. Ignores a missing directory, because no removed file can reappear in it.
 void SyncRemoved(const std::string& directory) {
     try {
         SyncDirectory(directory);
@@ -56,7 +57,8 @@ class DirCloser {
     void operator()(DIR* directory) const noexcept { closedir(directory); }
 };
 
-// Runs `action` and translates its system errors to the kinds that they have in a storage.
+// Runs `action`. Converts a kro_err::SystemError to the error kind that FailureOf assigns to its
+// errno value.
 template <class Action>
 auto Translated(const Action& action) {
     try {
@@ -75,10 +77,10 @@ std::string MissingRoot(const std::string& root) {
     return "storage directory " + Quoted(root) + " does not exist; create it or mount its disk";
 }
 
-// Inside the storage the backend follows a symbolic link to a directory if the link belongs to the
-// superuser or to this user, so that an administrator can spread a storage over several disks. A
-// link of another user is an error. A link at the path of a file is not followed: reading refuses
-// it, writing replaces it.
+// The backend for a directory of this machine. Below the storage's root, the backend follows a
+// symbolic link to a directory if the link belongs to root or to the user of this process, so that
+// an administrator can distribute a storage over several disks. A link of another user is an error.
+// A link in place of a file is not followed: Get refuses it, Put replaces it.
 class LocalBackend final : public StorageBackend {
   public:
     explicit LocalBackend(std::string root) : root_(std::move(root)) { CheckRoot(); }
@@ -107,8 +109,8 @@ class LocalBackend final : public StorageBackend {
     }
 
   private:
-    // Throws when the root does not exist. An unmounted disk must not look like an empty storage,
-    // and nothing may be written below its mount point.
+    // Throws kNotFound when the storage's root does not exist. An unmounted disk must not look like
+    // an empty storage, and nothing may be written below its mount point.
     void CheckRoot() const;
     std::string PathOf(const std::string& name) const { return kro_file::ConcatPath(root_, name); }
     void CheckWay(const std::string& directory) const;
@@ -139,7 +141,8 @@ void LocalBackend::CheckRoot() const {
     }
 }
 
-// Throws when the directory or one of its parents on the storage is a link of another user.
+// Throws kFailed when the directory or one of its parents on the storage is a symbolic link of
+// another user.
 void LocalBackend::CheckWay(const std::string& directory) const {
     for (std::string at = directory; !at.empty(); at = kro_file::Path(at)) {
         const std::string path = PathOf(at);
@@ -184,15 +187,16 @@ void Fill(int fd, ByteSource& source) {
         CopyBytes(fd, source);
         return;
     }
-    // The previous Put may have moved the offset of the descriptor.
+    // Read from the beginning: a previous Put of the same source may have changed the file offset
+    // of the descriptor.
     if (lseek(from, 0, SEEK_SET) != 0) throw CopyError("Failed to read the source", errno);
     CheckCopied(kro_file::CopyData(from, fd, source.size(),
                                    [&source](std::int64_t bytes) { source.Advance(bytes); }));
 }
 
-// The root existed when the storage was opened. If a directory is missing now, its disk was
-// unmounted or another process removed it. The error is kUnavailable, because a retry may find or
-// make the directory.
+// Throws kUnavailable instead of kNotFound for a missing directory. The storage's root existed when
+// the storage was opened, so the disk was unmounted or another process removed the directory. A
+// retry can succeed after the disk is mounted, or create the directory again.
 bool LocalBackend::Put(const std::string& name, ByteSource& source) {
     try {
         return Translated([&] { return TryToStore(name, source); });
@@ -216,7 +220,8 @@ bool LocalBackend::TryToStore(const std::string& name, ByteSource& source) const
     return true;
 }
 
-// Keeps new directories even when the file then finds no room, because another writer may rely on
+// Creates the missing directories of `path` below the storage's root. If the upload then fails
+// because the disk is full, the new directories remain, because another upload may already use
 // them.
 void LocalBackend::MakeDirs(const std::string& path) const {
     struct stat status = {};
@@ -229,7 +234,7 @@ void LocalBackend::MakeDirs(const std::string& path) const {
     if (errno != ENOENT) ThrowFailedTo("check directory", path);
     const std::string above = kro_file::Path(path);
     MakeDirs(above);
-    // Another process may make it at the same time.
+    // EEXIST: another process has created the directory at the same time.
     if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
         ThrowFailedTo("make directory", path);
     }
@@ -243,8 +248,9 @@ void LocalBackend::Store(const std::string& path, ByteSource& source) {
     Commit(file, path);
 }
 
-// When only the sync of the directory reports a full disk, the new file is already visible. Put
-// must not return false then, so this throws an error that TryToStore does not catch.
+// Renames the complete temporary file to `path`. If only the sync of the directory reports a full
+// disk, the new file is already visible. Put must not return false in this case, so this function
+// throws an error that TryToStore does not catch.
 void LocalBackend::Commit(kro_file::NewFile& file, const std::string& path) {
     struct stat written = {};
     if (fstat(file.fd(), &written) != 0) ThrowFailedTo("examine", path);
@@ -299,10 +305,10 @@ void LocalBackend::Load(const std::string& name, ByteSink& sink) const {
     }
 }
 
-// --- The rest ---
+// --- Remove, directories, List and Clear ---
 
-// Does not sync the directory, because that would be slow for thousands of slices. The caller uses
-// SyncRemovals.
+// Removes one file. Does not sync the directory after each file, because this would be slow for
+// thousands of archive slices. SyncRemovals syncs the directory once after all removals.
 void LocalBackend::RemoveOne(const std::string& name) const {
     CheckRoot();
     CheckWay(kro_file::Path(name));
@@ -331,8 +337,8 @@ void LocalBackend::MakeSynced(const std::string& name) const {
     CheckWay(name);
     const std::string path = PathOf(name);
     MakeDirs(path);
-    // Sync existing directories too: the process that made them may have been killed before it
-    // synced them.
+    // Also sync the directories that already existed, because the process that created them may
+    // have been killed before it synced them.
     for (std::string above = kro_file::Path(path); above.size() >= root_.size();
          above = kro_file::Path(above)) {
         SyncDirectory(above);
@@ -358,7 +364,7 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
     const std::unique_ptr<DIR, DirCloser> directory(opendir(path.c_str()));
     if (directory == nullptr) {
         struct stat status = {};
-        // ENOTDIR can mean a file, or a name below a file.
+        // ENOTDIR: `path` is a file, or a parent of `path` is a file.
         if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) return {name};
         if (errno != ENOENT && errno != ENOTDIR) ThrowFailedTo("list", path);
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");

@@ -17,41 +17,44 @@ namespace quarn2 {
 // Registers the scheme "memory", so that memory:NAME is a valid token.
 void RegisterMemoryScheme();
 
-// The content of one storage. All storage objects of one NAME share it. Every call is thread-safe.
-// The hook is called without the lock, so it may call the store.
+// The content of one memory storage. All storage objects with the same NAME share one MemoryStore.
+// All functions are thread-safe. The hook is called without the store's mutex, so the hook may call
+// functions of the store.
 class MemoryStore {
   public:
-    // Called before each operation with its name ("Put", "Get", "Remove", "RemoveDir", "MakeDir",
-    // "List", "Clear") and the stored name. An exception from the hook makes the operation fail.
+    // A test hook that the store calls before each operation with the operation's name ("Put",
+    // "Get", "Remove", "RemoveDir", "MakeDir", "List", "Clear") and the stored name. An exception
+    // from the hook makes the operation fail.
     using Hook = std::function<void(const std::string& operation, const std::string& name)>;
 
-    // Returns the store of this name and makes it at the first call.
+    // Returns the store with this name. The first call with a name creates the store.
     static std::shared_ptr<MemoryStore> Named(const std::string& name);
 
     // Restores the initial state: no files, no directories, no capacity limit, no hook, an empty
     // log.
     void Reset();
 
-    // A Put that would raise the total size of all files above `bytes` returns false. -1: no limit.
+    // Limits the total size of all files: a Put that would exceed `bytes` returns false. -1: no
+    // limit.
     void SetCapacity(std::int64_t bytes);
     void SetHook(Hook before);
 
     std::map<std::string, std::string> files() const;
-    // All directories, including the parents that Put and MakeDir have made.
+    // Returns all directories, including the parents that Put and MakeDir have created.
     std::set<std::string> directories() const;
     std::int64_t used() const;
-    // "OPERATION NAME" of every call so far, including failed ones; the operation alone for the
-    // root.
+    // Returns "OPERATION NAME" for every operation so far, including failed ones. The text is only
+    // "OPERATION" when the name is "", the root.
     std::vector<std::string> log() const;
     void ClearLog();
 
-    // Adds a file directly: no hook, no log entry, no capacity limit.
+    // Adds a file without a call of the hook, a log entry or a check of the capacity limit.
     void SetFile(const std::string& name, const std::string& content);
 
   private:
     friend class MemoryBackend;
 
-    // Logs the operation and calls the hook.
+    // Adds the operation to the log and calls the hook.
     void Begin(const std::string& operation, const std::string& name);
     void AddDirsAbove(const std::string& name);
     void AddDirs(const std::string& name);

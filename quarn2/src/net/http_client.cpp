@@ -22,7 +22,8 @@ using kro_err::Kind;
 constexpr std::size_t kMaxRefusalBytes = 64UL * 1024;
 constexpr std::size_t kMaxAnswerBytes = 16UL * 1024 * 1024;
 constexpr std::size_t kMaxHeaderBytes = 256UL * 1024;
-// Normally a request gets up to three responses: a 100, a 401 and the final one.
+// The maximum number of responses to one request. Normally there are at most three: a 100, a 401
+// and the final response.
 constexpr int kMaxAnswers = 100;
 constexpr int kPollMs = 1000;
 constexpr long kKeptConnections = 16;
@@ -34,8 +35,8 @@ std::string HttpReply::Header(const std::string& name) const {
     return found == headers.end() ? std::string() : found->second;
 }
 
-// One request in progress. The handle is reused for later requests because it holds the state of
-// the digest authentication.
+// Runs one request at a time with one libcurl handle. The object is reused for later requests,
+// because the handle keeps the state of the digest authentication.
 class HttpClient::Transfer {
   public:
     explicit Transfer(HttpClient& client)
@@ -46,7 +47,8 @@ class HttpClient::Transfer {
           headers_came_(client.headers_came_) {
         handle_.TellSockets(client.sockets_);
         handle_.Set(CURLOPT_PROTOCOLS_STR, "http,https");
-        // With HTTP/1.1 parallel transfers do not share a connection, so none waits for another.
+        // With HTTP/1.1 each parallel transfer has its own connection, so that a slow transfer does
+        // not delay the others.
         handle_.Set(CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
         handle_.Set(CURLOPT_PATH_AS_IS, 1);
         handle_.SetFunction(CURLOPT_READFUNCTION, OnRead);
@@ -105,7 +107,7 @@ class HttpClient::Transfer {
         return result;
     }
 
-    // Destroys the request and returns its callback.
+    // Destroys the finished request and returns its `done` callback.
     Done Release() {
         request_ = HttpRequest();
         return std::exchange(done_, nullptr);
@@ -113,7 +115,8 @@ class HttpClient::Transfer {
 
   private:
     void SetMethod() {
-        // The order matters: each of these three options changes what the previous ones have set.
+        // Set these options in this order, because each of them also changes values that the
+        // previous ones have set.
         handle_.Set(CURLOPT_HTTPGET, 1);
         handle_.Set(CURLOPT_NOBODY, request_.method == "HEAD" ? 1 : 0);
         if (request_.body != nullptr) {
@@ -134,8 +137,8 @@ class HttpClient::Transfer {
         request_.sink->Begin(reply_);
     }
 
-    // Exceptions must not pass through the C library. Result() rethrows them when the transfer has
-    // ended.
+    // Calls `action` inside a libcurl callback. An exception must not propagate into the C library,
+    // so it is stored here; Result() rethrows it when the transfer has ended.
     template <class Action, class Result>
     Result Guarded(const Action& action, Result on_error) noexcept {
         try {
@@ -195,9 +198,9 @@ class HttpClient::Transfer {
             error);
     }
 
-    // Aborts a stalled transfer, because libcurl's own timeout takes effect seconds later. Only the
-    // time spent waiting for the network counts, not the time spent in the sources and sinks of
-    // this and other requests.
+    // The progress callback of libcurl. Aborts a transfer that makes no progress for the storage's
+    // timeout, because libcurl's own timeout takes effect seconds later. Only the time spent
+    // waiting for the network counts, not the time that the sources and sinks of all requests take.
     static int OnProgress(void* data, curl_off_t /*down_total*/, curl_off_t down,
                           curl_off_t /*up_total*/, curl_off_t up) {
         auto* const self = static_cast<Transfer*>(data);
@@ -229,7 +232,8 @@ class HttpClient::Transfer {
                            std::min(room, bytes.size()));
     }
 
-    // If a request gets several responses (a 100, a 401), only the last one counts.
+    // Parses a header line. If the server sends several responses to a request (a 100, a 401), only
+    // the last response is kept.
     void TakeHeader(std::string_view line) {
         moved_at_ = waited_;
         if (str::StartsWith(line, "HTTP/")) {
@@ -255,8 +259,8 @@ class HttpClient::Transfer {
     CurlHandle handle_;
     std::string what_;
     int timeout_;
-    // The time that the client has waited for the network: in total, and until this transfer's last
-    // progress.
+    // The total time that the client has waited for the network (waited_), and its value at the
+    // last progress of this transfer (moved_at_).
     const Clock::duration& waited_;
     Clock::duration moved_at_{};
     curl_off_t moved_ = 0;
@@ -281,7 +285,8 @@ HttpClient::HttpClient(ServerSettings settings)
 
 HttpClient::~HttpClient() {
     Cancel();
-    // The handles must be destroyed before the connections that they used.
+    // Destroy the idle transfers before the multi handle, because their libcurl handles must not
+    // outlive the connections that they used.
     idle_.clear();
     Curl().multi_cleanup(multi_);
 }
@@ -302,7 +307,8 @@ void HttpClient::Start(HttpRequest request, Done done) {
     running_.emplace(handle, std::move(transfer));
 }
 
-// Returns true if a request has ended. The callbacks may start new requests.
+// Calls the `done` callbacks of all requests that have ended. Returns true if there was such a
+// request. A callback may start new requests.
 bool HttpClient::Finish() {
     int left = 0;
     bool any = false;
@@ -322,8 +328,8 @@ bool HttpClient::Finish() {
     return any;
 }
 
-// Makes the kernel acknowledge received headers at once instead of after 40 ms. Some servers send
-// the body only after the acknowledgement.
+// Makes the kernel send TCP acknowledgements of received response headers at once instead of after
+// 40 ms, because some servers send the body only after the acknowledgement.
 void HttpClient::Acknowledge() {
     if (!std::exchange(headers_came_, false)) return;
     const int on = 1;
@@ -332,8 +338,8 @@ void HttpClient::Acknowledge() {
     }
 }
 
-// Returns true if a request has ended. Otherwise waits up to `wait_ms` for the network and returns
-// false.
+// Advances all running requests. Returns true if a request has ended. If none has ended, waits up
+// to `wait_ms` milliseconds for the network and returns false.
 bool HttpClient::Move(int wait_ms) {
     int active = 0;
     CURLMcode code = Curl().multi_perform(multi_, &active);

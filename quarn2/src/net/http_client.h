@@ -21,28 +21,30 @@ namespace quarn2::net {
 
 struct HttpReply {
     int status = 0;
-    std::map<std::string, std::string> headers;  // names in lower case
-    // The body, unless a sink took it. Of an error response it is at most the first 64 KiB.
+    std::map<std::string, std::string> headers;  // the names are in lower case
+    // The body of the response; empty if the request has a sink and the response is a success. The
+    // body of an error response is truncated after 64 KiB.
     std::string body;
 
     bool IsSuccess() const noexcept { return status >= 200 && status < 300; }
-    // Returns the header's value, "" if the server did not send it. `name` is in lower case.
+    // Returns the value of a header, or "" if the server did not send the header. `name` must be in
+    // lower case.
     std::string Header(const std::string& name) const;
 };
 
-// Receives the body of a successful response incrementally.
+// Receives the body of a successful response in several calls.
 class ReplySink {
   public:
     virtual ~ReplySink() = default;
-    // Called once, before the first byte, when the status and the headers are known. Also called
-    // for an empty body.
+    // The client calls Begin once per response, before the first Write, when the status and the
+    // headers are known. Begin is also called for an empty body.
     virtual void Begin(const HttpReply& /*reply*/) {}
     virtual void Write(std::span<const std::byte> bytes) = 0;
 };
 
-// Minimum size of the bodies that are sent with "Expect: 100-continue", which allows the server to
-// refuse a request before it receives the body. The header costs a round trip, so it is used only
-// for bodies that take longer than that to send.
+// Minimum size in bytes of request bodies that are sent with the header "Expect: 100-continue".
+// With this header the server can refuse a request before it receives the body. The header costs a
+// round trip, so small bodies are sent without it.
 inline constexpr std::int64_t kWorthWaiting = 1024L * 1024;
 
 struct HttpRequest {
@@ -50,8 +52,8 @@ struct HttpRequest {
     std::string url;                   // complete, percent-encoded
     std::vector<std::string> headers;  // "Name: value"
     std::unique_ptr<HttpBody> body;    // PUT and POST always have one
-    ReplySink* sink = nullptr;         // must outlive the request; null: the reply holds the body
-    bool waits_for_invitation = true;  // only for a body of at least kWorthWaiting
+    ReplySink* sink = nullptr;         // must outlive the request; null: HttpReply::body
+    bool waits_for_invitation = true;  // sends "Expect: 100-continue" for a large body
 };
 
 // The result of a request: a response of any status, or an error.
@@ -60,8 +62,8 @@ struct HttpResult {
     std::exception_ptr error;
 };
 
-// Keeps connections for later requests. Replaces a stale connection and sends the request again.
-// Does not follow redirections. Not thread-safe: used by one thread at a time.
+// Keeps connections open for later requests. If the server has closed a kept connection, the client
+// sends the request again over a new connection. Does not follow redirections. Not thread-safe.
 class HttpClient {
   public:
     using Done = std::function<void(HttpResult)>;
@@ -71,21 +73,23 @@ class HttpClient {
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
 
-    // Sends a request and returns the response of any status. Throws if there is none
-    // (kUnavailable; kUnauthorized for a certificate that is not trusted). Rethrows exceptions of
-    // the body and of the sink.
+    // Sends a request and returns the response, whatever its status is. Throws kUnavailable if the
+    // server does not respond, and kUnauthorized if its certificate is not trusted. Rethrows
+    // exceptions of the request's body and sink.
     HttpReply Do(HttpRequest request);
 
-    // Starts a request. Wait(), Pump() or Do() calls `done` when the request has ended.
+    // Starts a request without waiting for the response. Wait(), Pump() or Do() calls `done` when
+    // the request has ended.
     void Start(HttpRequest request, Done done);
-    // Waits until at least one of the started requests has ended. Returns at once if none is
+    // Waits until at least one of the started requests has ended. Returns at once if no request is
     // running.
     void Wait();
-    // Advances the running requests without blocking. If none has ended, waits up to `wait_ms` for
-    // the network. For callers that do other work in between.
+    // Advances the running requests. If no request has ended, waits up to `wait_ms` milliseconds
+    // for the network. Pump(0) does not block, so a thread can advance the requests between other
+    // work.
     void Pump(int wait_ms);
     std::size_t running() const noexcept { return running_.size(); }
-    // Cancels all running requests. Their `done` is not called.
+    // Cancels all running requests without calling their `done` callbacks.
     void Cancel() noexcept;
 
     const std::string& what() const noexcept { return settings_.what; }

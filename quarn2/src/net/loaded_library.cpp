@@ -11,7 +11,7 @@ namespace quarn2::net {
 LoadedLibrary::LoadedLibrary(std::string file, std::string package)
     : file_(std::move(file)),
       package_(std::move(package)),
-      // Never unloaded, so copies can share it.
+      // The library is never unloaded, so copies of this object can share the library's handle.
       // cppcheck-suppress [noCopyConstructor,noOperatorEq,noDestructor]
       library_(dlopen(file_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
     if (library_ == nullptr) ThrowCannotLoad();

@@ -20,13 +20,14 @@ using kro_err::Kind;
 constexpr char kSeparator = '\n';
 constexpr std::size_t kMaxDepth = 64;
 constexpr std::size_t kMaxTextBytes = 1024UL * 1024;
-// expat buffers incomplete tokens (a tag, a comment) and keeps every name that it has parsed. These
-// limits bound its memory.
+// Limits for the memory that expat uses: it buffers incomplete tokens (a tag, a comment) and keeps
+// every element and attribute name that it has parsed.
 constexpr std::size_t kMaxTokenBytes = 4UL * 1024 * 1024;
 constexpr std::size_t kMaxNames = 1000;
 constexpr std::size_t kMaxAnswerBytes = 512UL * 1024 * 1024;
 
-// Splits expat's "URI<separator>NAME". A name without a namespace has no separator.
+// Splits a qualified name of expat, "URI<separator>NAME", into URI and name. The URI is empty for a
+// name without a namespace.
 std::pair<std::string_view, std::string_view> SpaceAndName(const char* text) {
     const std::string_view whole = text;
     const std::size_t end = whole.rfind(kSeparator);
@@ -78,7 +79,8 @@ class XmlReader::Parser {
                                             XML_ErrorString(XML_GetErrorCode(parser_)));
     }
 
-    // Exceptions must not pass through the C library. ParsePiece() rethrows them.
+    // Calls `action` inside an expat callback. An exception must not propagate into the C library,
+    // so it is stored here; ParsePiece() rethrows it.
     template <class Action>
     void Guarded(const Action& action) noexcept {
         if (thrown_) return;
@@ -105,7 +107,7 @@ class XmlReader::Parser {
         self->understood_ = self->fed_;
         self->Guarded([self, name, attributes] {
             self->Meet(name);
-            // The array holds names and values alternately.
+            // `attributes` contains the names and the values alternately.
             for (const char** at = attributes; *at != nullptr; at += 2) self->Meet(*at);
             if (self->texts_.size() >= kMaxDepth) self->ThrowInvalid("that nests without end");
             self->texts_.emplace_back();
@@ -127,7 +129,8 @@ class XmlReader::Parser {
             self->texts_.pop_back();
             const auto parts = SpaceAndName(name);
             self->handler_.Close(parts.first, parts.second, text);
-            // Drops the white space between child elements.
+            // Discard the text of the parent before this child: it is only the white space between
+            // child elements.
             if (!self->texts_.empty()) self->texts_.back().clear();
         });
     }
@@ -155,7 +158,7 @@ class XmlReader::Parser {
     std::vector<std::string> texts_;
     std::set<std::string, std::less<>> names_;
     std::size_t fed_ = 0;
-    std::size_t understood_ = 0;  // the value of fed_ at the last tag
+    std::size_t understood_ = 0;  // the value of fed_ when expat reported the last tag
     std::exception_ptr thrown_;
 };
 

@@ -1,4 +1,4 @@
-// Incremental XML parser. Its memory does not grow with the length of the document.
+// An incremental XML parser whose memory does not grow with the length of the document.
 #pragma once
 
 #include <cstddef>
@@ -9,12 +9,12 @@
 
 namespace quarn2::net {
 
-// Receives each element. `text` is the text of the element; if it has child elements, only the text
-// after the last one.
+// Receives the start (Open) and the end (Close) of each XML element. `text` is the text of the
+// element. For an element with child elements, `text` contains only the text after the last child.
 class XmlHandler {
   public:
     virtual ~XmlHandler() = default;
-    // `space` is the namespace's URI, "" for none.
+    // `space` is the URI of the element's namespace, or "" for an element without a namespace.
     virtual void Open(std::string_view /*space*/, std::string_view /*name*/) {}
     virtual void Close(std::string_view space, std::string_view name, const std::string& text) = 0;
 };
@@ -31,7 +31,7 @@ class XmlReader {
     XmlReader& operator=(const XmlReader&) = delete;
 
     void Feed(std::span<const std::byte> bytes);
-    // Must be called after the last Feed(). Throws if the document is incomplete.
+    // Must be called after the last Feed(). Throws kUnavailable if the document is incomplete.
     void Finish();
 
   private:
