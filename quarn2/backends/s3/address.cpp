@@ -20,7 +20,8 @@ constexpr std::size_t kMinBucketLength = 3;
 constexpr std::size_t kMaxBucketLength = 255;
 constexpr std::size_t kMaxHostLabelLength = 63;
 constexpr std::size_t kMaxWordLength = 64;
-// S3 limits keys to 1024 bytes. The rest of the limit is left for file names.
+// The maximum length of the storage's prefix in bytes. S3 limits keys to 1024 bytes, and the names
+// of the files need the rest.
 constexpr std::size_t kMaxPrefixLength = 512;
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
@@ -34,7 +35,7 @@ bool IsWord(std::string_view text, std::string_view marks) {
            });
 }
 
-// Splits a token's path into bucket and prefix. Slashes at both ends of the path are dropped.
+// Splits the path of a token into bucket and prefix. Strips slashes at both ends of the path.
 std::pair<std::string, std::string> Split(std::string path) {
     while (str::StartsWith(path, "/")) path.erase(0, 1);
     while (str::EndsWith(path, "/")) path.pop_back();
@@ -114,8 +115,8 @@ std::string ParamFault(const BackupToken& token) {
     return PartSizeFault(token.Param("part_size"));
 }
 
-// The Host header omits the protocol's default port. The header is signed, so this text must be
-// exactly the one that is sent.
+// Returns the value of the Host header exactly as libcurl sends it, because the header is signed.
+// The default port of the protocol is omitted.
 std::string HostText(const BackupToken& token, std::uint16_t default_port) {
     std::string host = net::HostAndPort(token);
     if (token.port() == default_port) str::RGetWord(host, ":");

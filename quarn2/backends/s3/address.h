@@ -11,24 +11,25 @@ namespace quarn2::s3 {
 inline constexpr std::int64_t kMiB = 1024LL * 1024;
 inline constexpr std::int64_t kMinPart = 5 * kMiB;
 inline constexpr std::int64_t kDefaultPart = 16 * kMiB;
-// Also the maximum memory that all parts of an upload take together.
+// The maximum size of a part that is read into memory, and also the maximum memory for all parts of
+// an upload together.
 inline constexpr std::int64_t kMaxPart = 64 * kMiB;
 
 struct Address {
-    std::string url;     // "https://host:port", with the bucket before the host in virtual style
+    std::string url;     // "https://host:port", or "https://bucket.host:port" in virtual style
     std::string host;    // the value of the Host header: "host:port"
     std::string base;    // "/bucket/", or "/" in virtual style, percent-encoded
     std::string bucket;  // not percent-encoded
-    std::string prefix;  // prepended to every key: "" or "a/b/"
+    std::string prefix;  // the beginning of every key: "" or "a/b/"
     std::string region;
     std::string storage_class;
     std::int64_t part_size = kDefaultPart;
 };
 
-// Returns the token's first fault, "" for a valid token. The text never contains a secret.
+// Returns the first error in a token, or "" for a valid token. The text never contains a secret.
 std::string Fault(const BackupToken& token);
 
-// Requires a token for which Fault() returns "".
+// Returns the address in a token. Fault() must return "" for this token.
 Address AddressOf(const BackupToken& token);
 
 }  // namespace quarn2::s3

@@ -14,7 +14,7 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Calls `take` with the text of each element, its name and its parent's name.
+// Calls `take` for each XML element with the name of its parent, its own name and its text.
 class Elements final : public net::XmlHandler {
   public:
     using Take = std::function<void(std::string_view parent, std::string_view name,
@@ -43,8 +43,8 @@ void ReadAll(const std::string& what, const std::string& body, Elements::Take ta
     reader.Finish();
 }
 
-// Decodes a key of a listing. Listings are requested percent-encoded because XML cannot represent
-// every key. Some servers encode a blank as a plus sign.
+// Decodes a key of a listing. Listings are requested with percent-encoded keys, because XML cannot
+// represent every key. Some servers encode a blank as a plus sign.
 std::string DecodedKey(const std::string& text) {
     std::string plain = text;
     std::replace(plain.begin(), plain.end(), '+', ' ');
@@ -73,8 +73,8 @@ Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
             TakeRefusal(refusal, name, text);
         });
     } catch (const Error&) {
-        // The body is empty or a proxy's page. The refusal keeps the status and the fields parsed
-        // so far.
+        // The body is not valid XML, because it is empty or the page of a proxy. The refusal
+        // contains the status and the fields that were parsed before the error.
     }
     return refusal;
 }
@@ -94,7 +94,8 @@ void ListingReader::Close(std::string_view /*space*/, std::string_view name,
         limit_.Count(text.size());
         (is_key ? listing_.keys : listing_.directories).push_back(DecodedKey(text));
     }
-    // The continuation token is opaque: it is not decoded.
+    // Do not decode the continuation token: it is an opaque text that the server expects back
+    // unchanged.
     if (name == "NextContinuationToken") listing_.next = text;
 }
 

@@ -11,13 +11,13 @@
 
 namespace quarn2::s3 {
 
-// Parses an error response: one whose status is not 2xx, or one with an error in its body despite a
-// 200. `path` becomes Refusal::path.
+// Parses an error response: a response whose status is not 2xx, or a response with status 200 whose
+// body contains an error. `path` becomes Refusal::path.
 Refusal RefusalOf(const net::HttpReply& reply, std::string path = {});
 
 struct Listing {
     std::vector<std::string> keys;
-    std::vector<std::string> directories;  // with a trailing slash
+    std::vector<std::string> directories;  // each name has a trailing slash
     std::string next;                      // the continuation token; "" on the last page
 };
 
@@ -40,12 +40,13 @@ struct UploadAnswer {
 };
 
 struct DeleteAnswer {
-    std::string key;  // the first key that was not removed; "" if all were
+    std::string key;  // the first key that was not removed; "" if all were removed
     Refusal refusal;
 };
 
-// Parses one listing incrementally. Throws kUnavailable for a malformed listing and kFailed for one
-// that exceeds ListingLimit. `what` names the server in error texts.
+// Parses one page of a listing while its bytes arrive. Throws kUnavailable for a malformed listing,
+// and kFailed for a listing that exceeds ListingLimit. `what` is the name of the server in error
+// texts.
 class ListingReader final : public net::ReplySink, private net::XmlHandler {
   public:
     explicit ListingReader(const std::string& what) : reader_(what, *this), limit_(what) {}
@@ -66,7 +67,7 @@ Uploads ReadUploads(const std::string& what, const std::string& body);
 UploadAnswer ReadUploadAnswer(const std::string& what, const std::string& body);
 DeleteAnswer ReadDeleteAnswer(const std::string& what, const std::string& body);
 
-// An ETag without its quotes.
+// Returns an ETag without the quotes around it.
 std::string Unquoted(std::string etag);
 
 }  // namespace quarn2::s3

@@ -28,15 +28,15 @@ Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
     return reader.Finish();
 }
 
-// Follows a listing from page to page. Throws kFailed if the server repeats a page or the listing
-// does not end.
+// Keeps the position in a listing of several pages. Throws kFailed if the server repeats a page or
+// the listing has more than kMaxPages pages.
 class Pages {
   public:
     explicit Pages(const Service& service) : what_(service.what()) {}
 
     const std::string& next() const noexcept { return next_; }
 
-    // Returns false after the last page.
+    // Advances to the page after `page`. Returns false if `page` is the last page.
     bool GoOn(const Listing& page) {
         if (page.next.empty()) return false;
         if (page.next == next_ || ++count_ > kMaxPages) {
@@ -49,7 +49,7 @@ class Pages {
     }
 
   private:
-    // Pages of up to 1000 keys each.
+    // The maximum number of pages of a listing. A page contains up to 1000 keys.
     static constexpr int kMaxPages = 5'000;
 
     std::string what_;
@@ -57,8 +57,9 @@ class Pages {
     int count_ = 0;
 };
 
-// False for keys that only other programs can have stored ("a//b", "../x"). Listings omit them. The
-// removal of their directory removes them, too.
+// Returns true if the name is allowed for a stored file. Only another program can have stored keys
+// with other names ("a//b", "../x"). Listings omit such keys, but the removal of their directory
+// removes them.
 bool IsName(const std::string& name) {
     try {
         CheckStoredName(name);
@@ -93,7 +94,7 @@ Call DeleteCall(const std::string& key) {
     return call;
 }
 
-// Throws unless the response to a DELETE confirms that the key no longer exists.
+// Throws the error of the response to a DELETE unless it confirms that the key no longer exists.
 void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
     if (reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(reply);
@@ -145,7 +146,8 @@ class Sweeper {
         if (!batch.empty()) StartBatch(batch);
     }
 
-    // For a key that XML cannot represent.
+    // Removes a key with a DELETE request of its own, because XML, the format of batch requests,
+    // cannot represent the key.
     void StartOne(const std::string& key) {
         StartCall(DeleteCall(key),
                   [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
@@ -190,8 +192,8 @@ class Sweeper {
     std::exception_ptr error_;
 };
 
-// Sends the three requests of one removal: delete the file, look for a directory of that name, list
-// the file's unfinished uploads. They run in parallel to save round trips.
+// Removes one file with three parallel requests, which save round trips: one deletes the file, one
+// searches for a directory of the same name, and one lists the unfinished uploads of the file.
 class FileRemoval {
   public:
     FileRemoval(Service& service, Unfinished& unfinished, const std::string& name)
@@ -288,7 +290,7 @@ std::vector<std::string> ListDirectory(Service& service, const std::string& name
         if (FileExists(service, name, doing)) return {name};
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
-    // S3 allows a file and a directory of the same name, so a name may occur twice.
+    // S3 allows a file and a directory of the same name, so remove duplicate names.
     std::sort(names.begin(), names.end());
     names.erase(std::unique(names.begin(), names.end()), names.end());
     return names;

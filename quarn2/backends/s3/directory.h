@@ -10,19 +10,20 @@
 namespace quarn2::s3 {
 
 // Returns the request for one page of the keys that begin with `prefix`. `next` is the continuation
-// token, "" for the first page. With `only_direct` the server groups keys that contain a further
-// slash into directories.
+// token of the page, or "" for the first page. With `only_direct` the server groups the keys that
+// contain another slash after the prefix into directories.
 Call ListingCall(const std::string& prefix, bool only_direct, const std::string& next);
 
-// Returns the names directly in a directory ("" is the root); for a file, that file's name. Throws
-// kNotFound if neither exists.
+// Returns the names of the files and directories directly in a directory ("" is the root). If
+// `name` is a file, returns only this name. Throws kNotFound if `name` is neither a directory nor a
+// file.
 std::vector<std::string> ListDirectory(Service& service, const std::string& name);
 
 // Throws kNotFound if the bucket does not exist.
 void CheckBucket(Service& service);
 
-// Removes one file and aborts its unfinished uploads. Throws kFailed if there is a directory of
-// that name.
+// Removes one file and aborts its unfinished uploads. Throws kFailed if a directory of that name
+// exists.
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name);
 
 // Removes every object whose key begins with `prefix`.

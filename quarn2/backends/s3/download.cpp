@@ -37,10 +37,11 @@ std::optional<std::int64_t> Number(std::string_view text) {
 
 struct ContentRange {
     std::int64_t offset = 0;
-    std::int64_t size = 0;  // of the complete file
+    std::int64_t size = 0;  // the size of the complete file
 };
 
-// Parses "bytes 0-99/1000".
+// Parses the value of a Content-Range header, such as "bytes 0-99/1000". Returns nullopt if it is
+// invalid.
 std::optional<ContentRange> ParseRange(std::string text) {
     if (str::GetWord(text, " ") != "bytes") return std::nullopt;
     const std::optional<std::int64_t> offset = Number(str::GetWord(text, "-"));
@@ -52,7 +53,8 @@ std::optional<ContentRange> ParseRange(std::string text) {
 
 }  // namespace
 
-// A range in transfer. The object is reused for later ranges, which keeps the memory of `held`.
+// A range of the file that is being downloaded. The object is reused for later ranges, so that the
+// memory of `held` is not allocated again.
 class Download::Piece final : public net::ReplySink {
   public:
     explicit Piece(Download& owner) : owner_(owner) {}
@@ -103,7 +105,8 @@ Call Download::PieceCall(Piece& piece) const {
         call.headers.emplace_back("range", "bytes=" + str::Str(piece.offset) + "-" +
                                                str::Str(piece.offset + piece.length - 1));
     }
-    // All ranges must come from the same version of the file.
+    // If another process replaces the file, the server must refuse the remaining ranges, because
+    // they would belong to another version of the file.
     if (!etag_.empty()) call.headers.emplace_back("if-match", etag_);
     return call;
 }
@@ -134,7 +137,8 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
         }
         return;
     }
-    // Some servers ignore the range header and send the complete file.
+    // Some servers ignore the Range header and send the complete file, without a Content-Range
+    // header.
     const std::optional<std::int64_t> size =
         range ? range->size : Number(reply.Header("content-length"));
     if (!size || (range && range->offset != 0))
@@ -179,8 +183,9 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
     }
 }
 
-// A range request for an empty file gets a 416, so it is sent again without a range. Some servers
-// return a 500 if the file is replaced while they open it.
+// Decides by the status of the first response whether the first request is sent again. Servers
+// return a 416 to a range request for an empty file, so the request is repeated without a range.
+// Some servers return a 500 if the file is replaced while they open it.
 bool Download::IsWorthAnother(int status) {
     if (status == kNoSuchRange) return std::exchange(has_ranges_, false);
     return status == kInternalError && ++failures_ < kMaxFailures;

@@ -1,4 +1,4 @@
-// One download.
+// The download of one file.
 #pragma once
 
 #include <cstddef>
@@ -16,11 +16,12 @@
 
 namespace quarn2::s3 {
 
-// The header with the SHA-256 of a file that was stored in one request.
+// The header that contains the SHA-256 of a file. It is set only for files that were uploaded in
+// one request.
 inline constexpr const char* kChecksumHeader = "x-amz-meta-quarn2-sha256";
 
-// Downloads a large file in ranges, several in parallel. Ranges that arrive before their turn wait
-// in memory.
+// Downloads a file. A large file is downloaded in several ranges in parallel. Ranges that arrive
+// out of order are kept in memory until the sink has received the previous ranges.
 class Download {
   public:
     Download(Service& service, const std::string& name, ByteSink& sink);
@@ -28,7 +29,7 @@ class Download {
     Download(const Download&) = delete;
     Download& operator=(const Download&) = delete;
 
-    // To be called once per object.
+    // Downloads the file to the sink. Must be called only once per object.
     void Run();
 
   private:
@@ -37,16 +38,16 @@ class Download {
     Call PieceCall(Piece& piece) const;
     void Start(std::int64_t offset, std::int64_t length);
     void StartMore();
-    // Takes size, ETag and checksum from the first response. Every later response must have the
-    // requested range and the same size.
+    // Reads size, ETag and checksum from the headers of the first response. Throws if a later
+    // response does not contain the requested range or reports another size.
     void Begin(Piece& piece, const net::HttpReply& reply);
     void Take(Piece& piece, std::span<const std::byte> bytes);
     void Deliver(std::span<const std::byte> bytes);
     void End(Piece& piece, const net::HttpResult& result);
-    // Removes finished ranges from the front of the queue and delivers the held bytes of the next
-    // one.
+    // Removes finished ranges from the front of the queue. Then writes the received bytes of the
+    // first unfinished range to the sink.
     void TakeTurns();
-    // True if the first request is to be sent again.
+    // Returns true if the first request must be sent again after a response with this status.
     bool IsWorthAnother(int status);
     void CheckWhole();
     [[noreturn]] void ThrowRefused(const net::HttpReply& reply) const;

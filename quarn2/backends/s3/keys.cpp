@@ -22,8 +22,8 @@ bool IsWithin(unsigned byte, unsigned lowest, unsigned highest) {
     return byte >= lowest && byte <= highest;
 }
 
-// Returns the length of the UTF-8 character at the start of the text, 0 if it is invalid. Overlong
-// encodings, surrogates and code points above U+10FFFF are invalid.
+// Returns the length in bytes of the UTF-8 character at the start of the text, or 0 if the
+// character is invalid. Overlong encodings, surrogates and code points above U+10FFFF are invalid.
 std::size_t Character(std::string_view text) {
     const unsigned first = ByteAt(text, 0);
     if (first < 0x80) return text.empty() ? 0 : 1;
@@ -44,7 +44,8 @@ bool IsOneOf(std::string_view text, std::size_t at, std::string_view digits) {
     return at < text.size() && digits.find(text[at]) != std::string_view::npos;
 }
 
-// True for "%25", and for "%" with the hexadecimal digits of a byte of 0x80 or more.
+// Returns true if the text begins with an escape of KeyOf(): "%25", or "%" followed by the two
+// hexadecimal digits of a byte of 0x80 or more.
 bool BeginsWithEscape(std::string_view text) {
     if (text.substr(0, kEscape) == kEscapedPercent) return true;
     return ByteAt(text, 0) == '%' && IsOneOf(text, 1, kHighDigits) && IsOneOf(text, 2, kDigits);

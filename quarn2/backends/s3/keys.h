@@ -7,16 +7,16 @@
 
 namespace quarn2::s3 {
 
-// Keys are UTF-8; names may contain any bytes. A byte that is not part of a valid UTF-8 character
-// is percent-encoded. A "%" that would look like such an escape becomes "%25". Every other name is
-// its own key.
+// Returns the object key for a file name. Keys must be UTF-8, but names may contain any bytes.
+// Percent-encodes each byte that is not part of a valid UTF-8 character. Replaces a "%" that looks
+// like the beginning of such an escape by "%25". All other characters are unchanged.
 std::string KeyOf(std::string_view name);
 
-// Returns nullopt if KeyOf() maps no name to this key.
+// Returns the file name for an object key, or nullopt if KeyOf() returns this key for no name.
 std::optional<std::string> NameOf(std::string_view key);
 
-// True if an XML document can contain the text once XmlEscaped() has escaped the five special
-// characters.
+// Returns true if an XML document can represent the text after XmlEscaped() has escaped the five
+// special characters of XML.
 bool IsXmlText(std::string_view text);
 std::string XmlEscaped(std::string_view text);
 

@@ -15,16 +15,18 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Bytes read from the source at a time. Running transfers advance after each read.
+// The maximum number of bytes that are read from the source at a time. The running requests are
+// advanced after each read.
 constexpr std::size_t kPiece = kMiB;
 constexpr std::size_t kMd5Size = 16;
 
-// Thrown when a server's response ends the upload with an outcome instead of an error.
+// Thrown when a response of the server ends the upload with a regular outcome, such as a full
+// storage, and not with an error.
 struct Stopped {
     PartsUpload::Outcome outcome;
 };
 
-// A range of the source, read while it is sent.
+// A request body that reads a range of the source while libcurl sends it.
 class SourceRange final : public net::HttpBody {
   public:
     SourceRange(ByteSource& source, std::int64_t begin, std::int64_t size)
@@ -168,7 +170,7 @@ PartsUpload::Slot& PartsUpload::FreeSlot() {
     }
 }
 
-// Returns the SHA-256 of the bytes that it has read.
+// Fills `bytes` from the source, starting at `offset`. Returns the SHA-256 of these bytes.
 std::string PartsUpload::Fill(std::span<std::byte> bytes, std::int64_t offset) {
     Digest digest(Digest::Algorithm::kSha256);
     while (!bytes.empty()) {
@@ -206,8 +208,8 @@ void PartsUpload::StartPart(std::size_t index, Slot& slot, std::span<const std::
                             });
 }
 
-// Reads a part that is too large for memory twice: first for the hash in the request's headers,
-// then for the request's body.
+// Uploads parts that are too large for memory. Reads each part twice from the source: first for the
+// hash in the headers of the request, then for the body of the request.
 void PartsUpload::SendInPlace() {
     const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kPiece);
     for (std::size_t index = 0; index < etags_.size(); ++index) {
@@ -259,7 +261,8 @@ PartsUpload::Outcome PartsUpload::Complete() {
     try {
         return OutcomeOf(service_.Ask(std::move(call)));
     } catch (const Error& error) {
-        // Possibly only the response was lost.
+        // If only the response was lost, the server has completed the upload, and the file is
+        // stored.
         if (error.kind() != Kind::kUnavailable || !IsStored()) throw;
         return Outcome::kStored;
     }
@@ -275,14 +278,14 @@ PartsUpload::Outcome PartsUpload::OutcomeOf(const net::HttpReply& reply) {
     }
     const Refusal refusal = service_.RefusalOfKey(reply, key_);
     if (refusal.IsNoRoom()) return Outcome::kNoRoom;
-    // If libcurl sent the request twice, the second one gets this code after the first has
-    // succeeded.
+    // libcurl sends the request again if the connection fails. The second request fails with
+    // kGoneCode if the first request has already completed the upload.
     if (refusal.code == kGoneCode) return IsStored() ? Outcome::kStored : Outcome::kGone;
     service_.ThrowRefused(refusal, doing_);
 }
 
-// Returns the usual ETag of a multipart object: the MD5 of the parts' MD5s, "-", and the number of
-// parts. Returns "" if the parts' ETags are not MD5s.
+// Returns the ETag that servers usually assign to a multipart object: the MD5 of the MD5s of all
+// parts, "-", and the number of parts. Returns "" if the ETags of the parts are not MD5s.
 std::string PartsUpload::ExpectedEtag() const {
     std::string all;
     for (const std::string& etag : etags_) {
@@ -300,7 +303,8 @@ net::HttpReply PartsUpload::Head() {
     return service_.AskAnew(std::move(call));
 }
 
-// Without the expected ETag an older file of the same size would look like this one.
+// Returns true if the stored file has the expected size and ETag. The size alone is not sufficient,
+// because an older file can have the same size.
 bool PartsUpload::IsStored() {
     const std::string expected = ExpectedEtag();
     if (expected.empty()) return false;

@@ -17,22 +17,23 @@
 
 namespace quarn2::s3 {
 
-// Reads each part once, forward, into memory. The SHA-256 of the part is signed, so the server
-// accepts only these bytes. While one part is read, others are sent. A part too large for memory is
-// sent by SendInPlace() instead.
+// Uploads a file in parts. Reads each part once and sequentially into memory, while other parts are
+// sent. The SHA-256 of each part is signed, so the server accepts only the bytes that were read.
+// SendInPlace() sends parts that are too large for memory.
 class PartsUpload {
   public:
     enum class Outcome {
         kStored,
         kNoRoom,
-        kGone,  // another process aborted it
+        kGone,  // another process aborted the upload
     };
 
-    // Error texts contain `doing`: "cannot store 'x'".
+    // `doing` describes the operation in error texts: "cannot store 'x'".
     PartsUpload(Service& service, Unfinished& unfinished, std::string doing);
 
-    // Aborts the upload on the server unless the file is stored. If the server cannot be reached
-    // for that, `unfinished` remembers the upload.
+    // Uploads the source as an object with this key. If the file is not stored, aborts the
+    // multipart upload on the server. If the abort fails, adds the upload to `unfinished`, so that
+    // a later operation aborts it.
     Outcome Run(const std::string& key, ByteSource& source, const Plan& plan);
 
   private:
@@ -40,10 +41,10 @@ class PartsUpload {
         std::unique_ptr<std::byte[]> bytes;
         bool free = true;
     };
-    // S3's error code for an upload that does not exist.
+    // The error code of S3 for a multipart upload that does not exist.
     static constexpr const char* kGoneCode = "NoSuchUpload";
 
-    // Returns the new upload's id.
+    // Starts the multipart upload on the server and returns its id.
     std::string BeginUpload();
     Outcome SendAndComplete();
     void SendFromMemory();
@@ -54,7 +55,7 @@ class PartsUpload {
     void StartPart(std::size_t index, Slot& slot, std::span<const std::byte> bytes,
                    std::string hash);
     void TakePart(std::size_t index, const net::HttpResult& result);
-    // Throws the first failure of a part, if there is one.
+    // Throws the first error if the upload of a part has failed.
     void Check();
     [[noreturn]] void ThrowStopped(const Refusal& refusal) const;
     std::int64_t LengthOf(std::size_t index) const;
@@ -63,8 +64,8 @@ class PartsUpload {
     Outcome Complete();
     Outcome OutcomeOf(const net::HttpReply& reply);
     std::string ExpectedEtag() const;
-    // Checks the stored file with a HEAD request, after a response that does not show whether it is
-    // stored. False if the check fails.
+    // Checks with a HEAD request whether the file is stored, after a response to the completion
+    // that does not show this. Returns false if the HEAD request fails.
     bool IsStored();
     void CheckSize();
     net::HttpReply Head();
@@ -82,7 +83,7 @@ class PartsUpload {
     std::optional<Refusal> refusal_;
 };
 
-// Returns a request that creates an object, with the headers common to all new objects.
+// Returns a request that creates an object, with the headers that all new objects need.
 Call CreationCall(const Service& service, const std::string& method, const std::string& key);
 
 }  // namespace quarn2::s3

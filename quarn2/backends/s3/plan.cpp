@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::int64_t kMaxParts = 10000;
 constexpr std::int64_t kMaxObjectSize = 5 * kMiB * kMiB;
-// A quarter of the 64 MiB that parts may take together stays free unless a single part needs it.
+// The memory for parallel parts in bytes. It is three quarters of kMaxPart; only a single large
+// part may use more.
 constexpr std::int64_t kMemory = 48 * kMiB;
 constexpr std::int64_t kMaxAtOnce = 6;
 

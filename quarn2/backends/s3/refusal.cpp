@@ -16,7 +16,8 @@ constexpr int kNotFound = 404;
 constexpr int kServerErrors = 500;
 constexpr int kInsufficientStorage = 507;
 constexpr std::string_view kNoBucket = "NoSuchBucket";
-// Some servers return this code for a quota, others for a file or part above their size limit.
+// Some servers return this code when a quota is exceeded, others when a file or part exceeds their
+// size limit.
 constexpr std::string_view kTooLarge = "EntityTooLarge";
 
 struct CodeRow {
@@ -25,7 +26,7 @@ struct CodeRow {
 };
 
 constexpr CodeRow kCodes[] = {
-    // These codes have no other cause than a wrong access key or a missing right.
+    // A wrong access key or a missing permission is the only cause of these codes.
     {"AccessDenied", Failure::kUnauthorized},
     {"ExpiredToken", Failure::kUnauthorized},
     {"InvalidAccessKeyId", Failure::kUnauthorized},
@@ -43,17 +44,17 @@ constexpr CodeRow kCodes[] = {
     {kNoBucket, Failure::kNotFound},
     {"NoSuchKey", Failure::kNotFound},
 
-    // The access key is valid. The owner of the account, or the administrator of this machine's
-    // clock, can remove the cause.
+    // The access key is valid. The owner of the S3 account can solve the problem, or, for
+    // RequestTimeTooSkewed, the administrator who corrects this machine's clock.
     {"AccountProblem", Failure::kUnavailable},
     {"AllAccessDisabled", Failure::kUnavailable},
     {"RequestTimeTooSkewed", Failure::kUnavailable},
     {"UserSuspended", Failure::kUnavailable},
-    // The bytes that arrived are not those that were sent.
+    // The server received other bytes than the program sent.
     {"BadDigest", Failure::kUnavailable},
     {"IncompleteBody", Failure::kUnavailable},
     {"XAmzContentSHA256Mismatch", Failure::kUnavailable},
-    // The server is busy or in trouble.
+    // The server is overloaded or has an internal problem.
     {"ConditionalRequestConflict", Failure::kUnavailable},
     {"InternalError", Failure::kUnavailable},
     {"OperationAborted", Failure::kUnavailable},
@@ -64,7 +65,7 @@ constexpr CodeRow kCodes[] = {
     {"TemporaryRedirect", Failure::kUnavailable},
     {"Throttling", Failure::kUnavailable},
     {"TooManyRequests", Failure::kUnavailable},
-    // Another process aborted the upload, and the next attempt begins a new one.
+    // Another process aborted the multipart upload. The next attempt starts a new upload.
     {"InvalidPart", Failure::kUnavailable},
     {"NoSuchUpload", Failure::kUnavailable},
 
@@ -83,7 +84,8 @@ struct StatusRow {
     Failure failure;
 };
 
-// A response with one of these statuses and without a known code may come from a proxy.
+// Statuses of responses without a known error code. A proxy may have sent such a response, so the
+// failure is temporary.
 constexpr StatusRow kStatuses[] = {
     {302, Failure::kUnavailable}, {303, Failure::kUnavailable}, {307, Failure::kUnavailable},
     {401, Failure::kUnavailable}, {403, Failure::kUnavailable}, {407, Failure::kUnavailable},
@@ -104,7 +106,8 @@ const std::map<std::string_view, std::string>& Advice() {
     return advice;
 }
 
-// A redirection with neither code nor region comes from a proxy, unless it is permanent.
+// Returns true if the bucket is in another region than the request assumes. A temporary redirection
+// without an error code and without a region does not count, because it comes from a proxy.
 bool NamesAnotherRegion(const Refusal& refusal) {
     constexpr int kMovedPermanently = 301;
     const bool redirects = refusal.status >= kRedirects && refusal.status < kErrors;

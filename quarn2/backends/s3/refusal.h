@@ -8,25 +8,25 @@
 
 namespace quarn2::s3 {
 
-// Some servers send no message. A response without a code is one to a HEAD request, or a proxy's
-// page.
+// The content of an S3 error response. `message` is empty if the server sent no message. `code` is
+// empty for the response to a HEAD request and for the page of a proxy.
 struct Refusal {
     int status = 0;
     std::string code;
     std::string message;
-    std::string region;  // of the bucket; empty when the reply names none
-    std::string path;    // bucket and key of the request; ignored in searches of the message
+    std::string region;  // the region of the bucket; empty if the response does not contain it
+    std::string path;    // bucket and key of the request; not searched for keywords
 
-    // Looks the code up in kCodes, the only table of S3's error codes; if it is unknown, the
-    // status.
+    // Returns the failure class of the error code, which it looks up in kCodes, the only table of
+    // S3's error codes. For an unknown code, the status determines the class.
     Failure failure() const;
     kro_err::Kind kind() const { return KindOf(failure()); }
     bool IsNoRoom() const { return failure() == Failure::kNoRoom; }
-    // True if the file or the upload does not exist. False for a 404 without a code, which may come
-    // from a proxy.
+    // Returns true if the file or the multipart upload does not exist. Returns false for a 404
+    // without an error code, which may come from a proxy.
     bool IsMissing() const;
-    // Returns "QuotaExceeded (HTTP 403)", with the server's message and with advice where there is
-    // any.
+    // Returns a description for error texts, such as "QuotaExceeded (HTTP 403)". Includes the
+    // server's message, and advice for the administrator if the cause is known.
     std::string Text() const;
 };
 

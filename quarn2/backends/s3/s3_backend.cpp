@@ -22,8 +22,8 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Maximum number of starts of an upload that other processes abort. Each of them aborts it only
-// once, at the start of its own upload.
+// Maximum number of times that an upload is started again because other processes abort it. Another
+// process aborts the upload only once, at the start of its own upload of the same name.
 constexpr int kMaxStarts = 8;
 
 class S3Backend final : public StorageBackend {
@@ -46,8 +46,9 @@ class S3Backend final : public StorageBackend {
     bool PutWhole(const std::string& name, ByteSource& source);
     bool PutParts(const std::string& name, ByteSource& source);
     bool IsStored(const std::string& key, std::int64_t size, const std::string& hash);
-    // Aborts the unfinished uploads first: they take space and List() does not show them. If this
-    // fails, List() still shows the files.
+    // Removes all objects below a prefix. Aborts the unfinished uploads first, because they take
+    // space and List() does not show them. If the abort fails, the files remain and List() still
+    // shows that the directory exists.
     void Sweep(const std::string& prefix) {
         unfinished_.AbortBelow(prefix);
         RemoveBelow(service_, prefix);
@@ -84,7 +85,7 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     try {
         reply = service_.Ask(std::move(call));
     } catch (const Error& error) {
-        // Possibly only the response was lost.
+        // If only the response was lost, the server has stored the file.
         if (error.kind() != Kind::kUnavailable || !IsStored(key, source.size(), hash)) throw;
         return true;
     }

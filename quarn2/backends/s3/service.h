@@ -20,13 +20,13 @@ struct Call {
     std::string method = "GET";
     std::string key = {};  // "" is the bucket itself
     Params query = {};
-    Params headers = {};  // names in lower case; all are signed
+    Params headers = {};  // the names are in lower case; all headers are signed
     std::string payload_hash = EmptySha256();
     std::unique_ptr<net::HttpBody> body = nullptr;
     net::ReplySink* sink = nullptr;  // must outlive the request
 };
 
-// Not thread-safe: used by one thread at a time.
+// Signs and sends the requests of one storage. Not thread-safe.
 class Service {
   public:
     explicit Service(const BackupToken& token);
@@ -35,31 +35,32 @@ class Service {
     const std::string& what() const noexcept { return client_.what(); }
     net::HttpClient& client() noexcept { return client_; }
 
-    // Returns the key of a file, including the storage's prefix; for "", the prefix alone. Throws
-    // kFailed if the key is longer than S3 allows.
+    // Returns the key of a file, which begins with the storage's prefix. Returns only the prefix
+    // for the name "". Throws kFailed if the key is longer than S3 allows.
     std::string KeyOf(const std::string& name) const;
-    // Returns the common prefix of all keys below a directory.
+    // Returns the prefix of the keys of all files below a directory.
     std::string KeyOfDirectory(const std::string& name) const;
 
     net::HttpRequest Signed(Call call);
 
-    // Returns the response. Throws unless its status is a success. The error's text contains
-    // `doing`: "cannot store 'x'".
+    // Sends a request and returns the response. Throws if the status of the response is not a
+    // success. `doing` describes the operation in the error text: "cannot store 'x'".
     net::HttpReply Do(Call call, const std::string& doing);
-    // Returns the response, also one that reports an error.
+    // Sends a request and returns the response, even if it reports an error. Throws kUnavailable if
+    // the server does not respond.
     net::HttpReply Ask(Call call);
 
-    // Like Ask(), over a new connection and with a timeout of at most 10 seconds. For cleaning up
-    // after a failed request, when the server may not answer at all.
+    // Works like Ask(), but uses a new connection and a timeout of at most 10 seconds. Used for the
+    // cleanup after a failed request, when the server may not respond at all.
     net::HttpReply AskAnew(Call call);
 
-    // Parses the error response to a request for the key.
+    // Parses the error response to a request for the object with this key.
     Refusal RefusalOfKey(const net::HttpReply& reply, const std::string& key) const;
 
     [[noreturn]] void ThrowRefused(const net::HttpReply& reply, const std::string& doing) const;
     [[noreturn]] void ThrowRefused(const Refusal& refusal, const std::string& doing) const;
 
-    // True once the bucket is known to exist.
+    // Returns true if an earlier response has shown that the bucket exists.
     bool bucket_seen() const noexcept { return bucket_seen_; }
 
   private:
@@ -70,11 +71,11 @@ class Service {
     bool bucket_seen_ = false;
 };
 
-// Sets the request's body and its hash.
+// Sets the body of a request and the hash of the body.
 void SetBody(Call& call, std::string text);
 
-// Returns the value of the Content-MD5 header, which some requests need in addition to the
-// signature.
+// Returns the value of the Content-MD5 header for a body. Some S3 requests require this header in
+// addition to the signature.
 std::string ContentMd5(std::string_view text);
 
 }  // namespace quarn2::s3

@@ -14,7 +14,8 @@ namespace {
 constexpr std::string_view kAlgorithm = "AWS4-HMAC-SHA256";
 constexpr std::size_t kDayLength = 8;
 
-// Removes blanks at both ends and reduces each run of blanks to one.
+// Removes blanks and tabs at both ends of a header value and replaces each run of them by one
+// blank.
 std::string Squeezed(std::string_view text) {
     std::string squeezed;
     for (const char c : text) {
@@ -29,7 +30,8 @@ std::string Squeezed(std::string_view text) {
     return squeezed;
 }
 
-// Sorts the headers by name and joins the values of equal names in their original order.
+// Sorts the headers by name. Joins the values of headers with the same name in their original
+// order.
 Params Canonical(const Params& headers) {
     Params sorted = headers;
     std::stable_sort(sorted.begin(), sorted.end(),

@@ -1,4 +1,5 @@
-// Signature version 4, which proves that the sender of a request knows the secret key.
+// Computes S3's signature version 4, which proves that the sender of a request knows the secret
+// key.
 #pragma once
 
 #include <ctime>
@@ -11,7 +12,7 @@ namespace quarn2::s3 {
 
 using Params = std::vector<std::pair<std::string, std::string>>;
 
-// Returns "a=1&b=2", sorted and percent-encoded. The same text is signed and sent.
+// Returns the query of a URL: "a=1&b=2", sorted and percent-encoded. This text is signed and sent.
 std::string CanonicalQuery(const Params& params);
 
 struct Credentials {
@@ -25,23 +26,23 @@ struct Unsigned {
     std::string method;
     std::string path;          // percent-encoded, as it is sent
     std::string query;         // canonical
-    Params headers;            // all headers to sign, including "host"; names in lower case
+    Params headers;            // all headers to sign, including "host"; the names are in lower case
     std::string payload_hash;  // SHA-256 of the body in hexadecimal digits
 };
 
 // Formats the time as "20261120T193331Z" (UTC).
 std::string AmzDate(std::time_t now);
 
-// Returns the text whose hash is signed.
+// Returns the canonical form of a request, whose hash is signed.
 std::string CanonicalRequest(const Unsigned& request);
 
-// Caches the signing key, which changes every day. `now` is part of the signature and must equal
-// the time in the x-amz-date header.
+// Signs requests. Caches the signing key, which changes every day.
 class Signer {
   public:
     explicit Signer(Credentials credentials);
 
-    // Returns the value of the Authorization header.
+    // Returns the value of the Authorization header. `now` is part of the signature and must equal
+    // the time in the x-amz-date header.
     std::string Authorization(const Unsigned& request, std::time_t now);
 
   private:

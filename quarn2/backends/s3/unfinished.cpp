@@ -15,8 +15,9 @@ namespace {
 using kro_err::Error;
 
 constexpr const char* kListing = "cannot list unfinished uploads";
-// Maximum age of the list for small files. A listing for each file would take as long as its
-// upload. No process uploads a name again so soon after an upload of it was killed.
+// Maximum age of the list of unfinished uploads that AbortKnownOf() uses for small files. Listing
+// them for every small file would take as long as its upload. A list of this age is recent enough,
+// because no process uploads a file again within 2 seconds after its upload was killed.
 constexpr std::chrono::seconds kListingAge{2};
 
 constexpr std::size_t kAtOnce = 4;
@@ -43,7 +44,7 @@ Call AbortCall(const UnfinishedUpload& upload) {
 
 void CheckAborted(const Service& service, const net::HttpResult& result) {
     if (result.error) std::rethrow_exception(result.error);
-    // A missing upload is no failure: another process may have aborted it.
+    // A missing upload is not an error, because another process may have aborted it.
     if (result.reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(result.reply);
     if (refusal.IsMissing()) return;
@@ -70,7 +71,8 @@ bool RunningUpload::IsRunning(const std::string& id) {
 void Unfinished::AbortOf(const std::string& key) {
     known_.erase(key);
     std::vector<UnfinishedUpload> uploads = List(key);
-    // The listing also contains longer keys that begin with this one.
+    // Remove the uploads of longer keys that begin with `key`, because the listing also contains
+    // them.
     std::erase_if(uploads, [&key](const UnfinishedUpload& upload) { return upload.key != key; });
     Abort(uploads);
 }
@@ -112,8 +114,9 @@ Uploads Unfinished::PageOf(const net::HttpReply& reply) const {
     return ReadUploads(service_.what(), reply.body);
 }
 
-// Requests the next page by the last upload of the current one. The markers that servers return are
-// not used because servers encode them differently.
+// Lists the unfinished uploads whose keys begin with `prefix`, on all pages. Requests the next page
+// with the key and id of the last upload on the current page. The markers that servers return for
+// this purpose are not used, because servers encode them differently.
 std::vector<UnfinishedUpload> Unfinished::List(const std::string& prefix) const {
     std::vector<UnfinishedUpload> all;
     ListingLimit limit(service_.what());
@@ -156,7 +159,8 @@ void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
 }
 
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
-    // No second attempt after this time: the server would only delay the caller again.
+    // If the first attempt takes longer than this, there is no second attempt, because it would
+    // probably take as long.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = kro_date::SteadyClock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {
@@ -165,7 +169,7 @@ bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
             const net::HttpReply reply = service.AskAnew(AbortCall(upload));
             if (reply.IsSuccess() || RefusalOf(reply).IsMissing()) return true;
         } catch (const std::exception&) {
-            // The caller reports the failure that ended the upload, not this one.
+            // Ignore this error. The error that ended the upload is reported instead.
         }
     }
     return false;

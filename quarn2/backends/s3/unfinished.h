@@ -1,4 +1,5 @@
-// Unfinished multipart uploads, which a killed process leaves on an S3 server.
+// Finds and aborts unfinished multipart uploads, which remain on an S3 server when a process is
+// killed.
 #pragma once
 
 #include <chrono>
@@ -12,8 +13,8 @@
 
 namespace quarn2::s3 {
 
-// A multipart upload that this process is working on. While the object exists, Unfinished does not
-// abort the upload.
+// Registers a multipart upload that this process is running. While the object exists, Unfinished
+// does not abort the upload.
 class RunningUpload {
   public:
     explicit RunningUpload(std::string id);
@@ -30,27 +31,29 @@ class RunningUpload {
 };
 
 // Finds unfinished uploads and aborts them. S3 does not show whether the process that started an
-// upload is alive, so uploads of live processes are aborted, too. Such a process starts its upload
-// again (see kMaxStarts in s3_backend.cpp).
+// upload is still running, so Unfinished also aborts uploads of running processes. Such a process
+// then starts its upload again (see kMaxStarts in s3_backend.cpp).
 class Unfinished {
   public:
     explicit Unfinished(Service& service) : service_(service) {}
 
-    // AbortOf() aborts the unfinished uploads of one key. AbortKnownOf() is its cheaper form for
-    // small files: it uses a list of all unfinished uploads that is requested only from time to
-    // time.
+    // Both functions abort the unfinished uploads of one key. AbortOf() requests their list from
+    // the server. AbortKnownOf() is cheaper and meant for small files: it uses a cached list of all
+    // unfinished uploads, which is at most kListingAge old.
     void AbortOf(const std::string& key);
     void AbortKnownOf(const std::string& key);
     // Aborts all unfinished uploads whose key begins with `prefix`.
     void AbortBelow(const std::string& prefix);
 
-    // Adds an upload that could not be aborted to the list of AbortKnownOf().
+    // Adds an upload that could not be aborted to the cached list of AbortKnownOf(), so that a
+    // later upload of the same key aborts it.
     void Remember(const UnfinishedUpload& upload) { known_[upload.key].push_back(upload.id); }
 
-    // Returns the request for the page of unfinished uploads after `last` whose key begins with
-    // `prefix`.
+    // Returns the request for a page of the unfinished uploads whose keys begin with `prefix`. The
+    // page begins after the upload `last`; the first page has an empty `last`.
     Call PageCall(const std::string& prefix, const UnfinishedUpload& last) const;
-    // Parses a page. A server that does not support this listing counts as one without uploads.
+    // Parses a page of unfinished uploads. Returns an empty page if the server does not support
+    // listing them.
     Uploads PageOf(const net::HttpReply& reply) const;
 
   private:
@@ -63,8 +66,8 @@ class Unfinished {
     std::optional<kro_date::SteadyClock::time_point> listed_;
 };
 
-// Aborts a failed upload over a new connection, with up to two attempts. Returns false if that
-// fails.
+// Aborts a failed upload over a new connection, with up to two attempts. Returns false if both
+// attempts fail.
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept;
 
 }  // namespace quarn2::s3

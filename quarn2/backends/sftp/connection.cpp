@@ -24,13 +24,15 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// AES-GCM first: processors have instructions for it, and it needs no separate checksum.
+// The ciphers in the order of preference. AES-GCM is first, because processors have instructions
+// for it and it needs no separate checksum.
 const char* const kCiphers =
     "aes128-gcm@openssh.com,aes256-gcm@openssh.com,chacha20-poly1305@openssh.com,"
     "aes256-ctr,aes192-ctr,aes128-ctr";
 const char* const kSystemKnownHosts = "/etc/ssh/ssh_known_hosts";
-// The channel's window: the number of bytes that the server may send before it must wait for this
-// side. The library's default would limit a download to a third of this per round trip.
+// The size of the SSH channel's window: the number of bytes that the server may send before it must
+// wait for a confirmation. libssh's default is a third of this size and would limit the speed of
+// downloads.
 constexpr std::size_t kWindow = 4UL * 1024 * 1024;
 constexpr std::size_t kTopUp = kWindow / 4;
 constexpr std::size_t kSmallRead = 256UL * 1024;
@@ -40,7 +42,7 @@ std::string At(const Account& account) {
     return "host " + Quoted(account.host) + ", port " + std::to_string(account.port);
 }
 
-// Returns the library's last error. It may contain text that the server sent.
+// Returns the last error of libssh in quotes, because it can contain text that the server sent.
 std::string Reason(ssh_session session) {
     const std::string text = Ssh().get_error(session);
     return text.empty() ? "no reason given" : Quoted(text);
@@ -68,7 +70,8 @@ std::vector<std::string> KnownHostsFiles(const Account& account) {
     return {kro_file::ConcatPath(HomeDirectory(), ".ssh/known_hosts"), kSystemKnownHosts};
 }
 
-// Returns the host key algorithms to request. Those that the known hosts can verify come first.
+// Returns the host key algorithms to request. The algorithms of the known keys of this host come
+// first, so that the server sends a key that can be verified.
 std::string KeyAlgorithms(const KnownHosts& known) {
     std::vector<std::string> algorithms;
     const auto add = [&algorithms](const std::string& name) {
@@ -100,7 +103,8 @@ class Login {
     }
 
     SshSession Run() {
-        // A bad key file is reported without connecting to the server.
+        // Load the key first, so that an invalid key file is reported before a connection is
+        // opened.
         if (!account_.key_file.empty()) key_ = LoadKey(account_.key_file);
         Configure();
         Handshake();
@@ -117,7 +121,7 @@ class Login {
         const bool no = false;
         const long seconds = account_.timeout;
         const std::string algorithms = KeyAlgorithms(known_);
-        // The user's SSH configuration is ignored: the token contains all settings.
+        // Ignore the SSH configuration files of the user, because the token contains all settings.
         SetOption(session, SSH_OPTIONS_PROCESS_CONFIG, &no);
         SetOption(session, SSH_OPTIONS_KNOWNHOSTS, "/dev/null");
         SetOption(session, SSH_OPTIONS_GLOBAL_KNOWNHOSTS, "/dev/null");
@@ -135,7 +139,7 @@ class Login {
         Socket socket = Dial(account_.host, account_.port, account_.timeout);
         const int fd = socket.fd();
         SetOption(session_.get(), SSH_OPTIONS_FD, &fd);
-        // The library now owns the socket and closes it.
+        // libssh owns the socket now and closes it.
         socket.Release();
         if (Ssh().connect(session_.get()) == SSH_OK) return;
         const std::string text = Ssh().get_error(session_.get());
@@ -213,7 +217,8 @@ class Login {
         return result == SSH_AUTH_SUCCESS;
     }
 
-    // Some servers accept passwords only as the answer to an interactive question.
+    // Answers the questions of keyboard-interactive authentication with the password. Some servers
+    // accept passwords only with this method.
     int AnswerQuestions() {
         ssh_session session = session_.get();
         const auto methods = static_cast<unsigned>(Ssh().userauth_list(session, nullptr));
@@ -242,7 +247,8 @@ class Login {
     SshSession session_;
 };
 
-// The library frees the channels of a session together with the session.
+// An SSH channel to the SFTP server. The destructor does not free the channel, because libssh frees
+// it together with the session.
 class Connection final : public Stream {
   public:
     Connection(SshSession session, const Account& account)
@@ -255,7 +261,7 @@ class Connection final : public Stream {
                     "no SFTP service for the user on " + where_ + ": " + Reason(session_.get()));
     }
 
-    // Disconnects silently if the connection is broken, because sending a message could block.
+    // Closes a broken connection without sending a disconnect message, because sending could block.
     ~Connection() override {
         if (broken_) {
             Ssh().silent_disconnect(session_.get());
@@ -272,8 +278,9 @@ class Connection final : public Stream {
     }
 
     std::size_t Read(std::span<std::byte> buffer, int patience) override {
-        // The library widens the window whenever a read asks for more than the window holds, each
-        // time with a packet. Such large reads are therefore made only once per kTopUp bytes.
+        // If a read requests more bytes than the channel's window has left, libssh sends a packet
+        // that enlarges the window. To send few such packets, a large read is requested only once
+        // per kTopUp received bytes.
         const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
         if (top_up) received_ = 0;
         const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);
@@ -295,7 +302,7 @@ class Connection final : public Stream {
     }
 
   private:
-    static constexpr int kMaxWait = 2'000'000;  // seconds; the library takes milliseconds
+    static constexpr int kMaxWait = 2'000'000;  // in seconds; libssh takes milliseconds in an int
 
     [[noreturn]] void ThrowUnavailable(const std::string& text) {
         broken_ = true;

@@ -17,12 +17,12 @@ struct Account {
     std::string user;
     std::string password;          // empty: none
     std::string key_file;          // empty: none
-    std::string known_hosts_file;  // empty: the user's file and the system's
-    int timeout = 60;              // seconds without progress
+    std::string known_hosts_file;  // empty: the known_hosts files of the user and of the system
+    int timeout = 60;              // seconds without progress until an operation fails
 };
 
-// Connects and logs in. Throws kUnauthorized if the host key is not trusted or the server refuses
-// the user, and kUnavailable if the server cannot be reached.
+// Connects to the server and logs in. Throws kUnauthorized if the server's host key is not trusted
+// or the server refuses the login, and kUnavailable if the server cannot be reached.
 std::unique_ptr<Stream> Connect(const Account& account);
 
 }  // namespace quarn2::sftp

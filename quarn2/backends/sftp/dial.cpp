@@ -59,9 +59,10 @@ Resolved Resolve(const std::string& host, std::uint16_t port, int flags) {
     return resolved;
 }
 
-// Resolves the name in a thread of its own. getaddrinfo() cannot be interrupted while a name server
-// does not answer, so after the timeout the thread is left running until the call returns. The wait
-// uses real time, because another thread ends it and a clock of a test does not advance meanwhile.
+// Resolves the host name in a separate thread. getaddrinfo() cannot be interrupted while a name
+// server does not respond, so after the timeout the thread continues to run until getaddrinfo()
+// returns. The wait for the thread uses the real time, because the simulated clock of a test does
+// not advance during it.
 Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds) {
     std::promise<Resolved> promise;
     std::future<Resolved> future = promise.get_future();
@@ -93,7 +94,7 @@ std::vector<Address> AddressesOf(const std::string& host, std::uint16_t port, in
 
 template <class T>
 void SetOption(int fd, int level, int option, const T& value) {
-    // Errors are ignored: the connection also works without these options.
+    // Ignore errors, because the connection also works without these options.
     static_cast<void>(setsockopt(fd, level, option, &value, sizeof value));
 }
 
@@ -110,7 +111,8 @@ void Tune(int fd, int seconds) {
     SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, patience);
 }
 
-// Waits for a connection attempt. Returns its errno, 0 if it succeeded.
+// Waits up to `seconds` for the result of a connection attempt. Returns 0 if it succeeded, else the
+// errno.
 int Finish(int fd, int seconds) {
     const auto end = kro_date::SteadyClock::now() + std::chrono::seconds(seconds);
     for (;;) {

@@ -6,7 +6,8 @@
 
 namespace quarn2::sftp {
 
-// Owns a descriptor. Release() hands it over, for example to a library.
+// Owns a socket descriptor. Release() returns the descriptor and gives up its ownership, for
+// example to libssh.
 class Socket {
   public:
     explicit Socket(int fd) noexcept : fd_(fd) {}
@@ -23,9 +24,9 @@ class Socket {
     int fd_;
 };
 
-// Tries the host's addresses in turn. `seconds` limits the name resolution, then the attempt with
-// each address. It is also the socket's timeout for reads and writes without progress. Throws
-// kUnavailable.
+// Connects to a host; tries its addresses in turn. `seconds` limits the name resolution and each
+// attempt to connect. It is also the timeout of the socket for reads and writes without progress.
+// Throws kUnavailable if the host cannot be resolved or reached.
 Socket Dial(const std::string& host, std::uint16_t port, int seconds);
 
 }  // namespace quarn2::sftp

@@ -1,4 +1,4 @@
-// Makes the entries of directories durable if the server supports it.
+// Syncs directories if the server supports it.
 #pragma once
 
 #include <cstdint>
@@ -9,9 +9,10 @@
 
 namespace quarn2::sftp {
 
-// Servers that are Unix systems can open a directory like a file and sync it. Failures are ignored,
-// because other servers have no way to sync a directory. The work is split into steps, so that the
-// requests of each step can be sent together with other requests.
+// Syncs directories on the server, so that new and renamed files survive a power failure. Servers
+// on Unix systems can open and sync a directory like a file. Errors are ignored, because other
+// servers cannot sync directories. Each step has its own function, so that the requests of a step
+// can be sent together with other requests.
 class DirSync {
   public:
     explicit DirSync(Session& session) noexcept : session_(session) {}
@@ -24,7 +25,7 @@ class DirSync {
     void Open(const std::vector<std::string>& paths);
     // Waits for the replies to Open(). Must be called before Sync().
     void TakeHandles();
-    // Sends the requests that sync all changes made so far.
+    // Sends the requests that sync the open directories with all changes made so far.
     void Sync();
     // Waits for the replies to Sync().
     void Finish();

@@ -17,21 +17,22 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Maximum number of bytes requested and not yet passed to the sink. Data that arrives out of order
-// waits in memory; this limit bounds it.
+// Maximum number of bytes that are requested and not yet written to the sink. Limits the memory for
+// data that arrives out of order.
 constexpr std::uint64_t kMaxInFlight = 6UL * 1024 * 1024;
 constexpr int kAttempts = 5;
-// Exceeded only if the replies contain less than 1 KiB each on average.
+// Maximum number of outstanding reads. Only a server whose replies contain less than 1 KiB on
+// average exceeds this limit.
 constexpr std::size_t kMaxPieces = 10'000;
 constexpr std::uint64_t kMaxFileSize = std::numeric_limits<std::int64_t>::max();
 
-// An open file and its outstanding reads, ordered by offset.
+// An open file on the server and its outstanding reads, ordered by offset.
 class Reads {
   public:
     Reads(Session& session, std::string handle, std::string path, std::uint64_t size)
         : session_(session), handle_(std::move(handle)), path_(std::move(path)), size_(size) {}
 
-    // The replies to outstanding reads are dropped as they arrive.
+    // Closes the file. The session discards the replies to outstanding reads when they arrive.
     ~Reads() {
         for (const Piece& piece : pieces_) session_.Forget(piece.id);
         if (session_.broken()) return;
@@ -44,8 +45,8 @@ class Reads {
     Reads(const Reads&) = delete;
     Reads& operator=(const Reads&) = delete;
 
-    // Queries the size and sends the first reads together. Returns false if the size is not the
-    // expected one: the file was replaced before it was opened.
+    // Sends the query for the file's size together with the first reads. Returns false if the size
+    // differs from the expected size, because then the file was replaced before it was opened.
     bool Begin() {
         const std::uint32_t measured =
             session_.Send(std::move(Request(Type::kFstat).Text(handle_)));
@@ -100,7 +101,7 @@ class Reads {
         if (data.empty() || data.size() > piece->size)
             ThrowInvalidReply("more or less data than asked for");
         if (data.size() < piece->size) AskForRest(piece, data.size());
-        // AskForRest() may have moved the elements, so the piece is looked up again.
+        // AskForRest() may have invalidated `piece`, so search for the element again.
         Piece& taken = *std::find_if(pieces_.begin(), pieces_.end(),
                                      [&reply](const Piece& each) { return each.id == reply.id; });
         if (&taken == &pieces_.front()) {
@@ -112,6 +113,7 @@ class Reads {
         taken.arrived = true;
     }
 
+    // Requests the missing part of a range after the server has returned only `got` bytes of it.
     // Servers may return less data than requested.
     void AskForRest(const std::deque<Piece>::iterator& piece, std::size_t got) {
         const std::uint64_t offset = piece->offset + got;
@@ -155,8 +157,8 @@ class Downloader {
     }
 
   private:
-    // Opens the file and returns its size, nullopt if another attempt may succeed. Does not follow
-    // a link. A name that is no plain file counts as missing.
+    // Opens the file and returns its size. Returns nullopt if another attempt may succeed. Does not
+    // follow links. Anything that is not a plain file counts as missing.
     std::optional<std::uint64_t> Open() {
         const std::uint32_t look = session_.Send(std::move(Request(Type::kLstat).Text(path_)));
         const std::uint32_t open =
@@ -185,8 +187,8 @@ class Downloader {
 
     void Close() { session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_)))); }
 
-    // An interrupted replacement has left the old file under another name. Returns true if that
-    // file is renamed back.
+    // Restores the old file after an interrupted replacement, which has renamed it to its displaced
+    // name. Returns true if the old file has its name again.
     bool Recover() {
         if (session_.Offers("posix-rename@openssh.com")) return false;
         Request request(Type::kRename);

@@ -1,4 +1,5 @@
-// One download: sends many reads at once and passes the data on in order.
+// The download of one file. Sends many read requests at once and writes the data to the sink in
+// order.
 #pragma once
 
 #include <string>
@@ -9,7 +10,7 @@
 
 namespace quarn2::sftp {
 
-// Like StorageBackend::Get(). Sets `started` before the first call of the sink.
+// Implements StorageBackend::Get() for SFTP. Sets `started` before the first call of the sink.
 void Download(Session& session, const Place& place, const std::string& name, ByteSink& sink,
               bool& started);
 

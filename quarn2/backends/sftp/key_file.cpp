@@ -25,7 +25,7 @@ constexpr mode_t kOthers = 077;
 
 std::string Reason(int error) { return std::generic_category().message(error); }
 
-// A text that the destructor erases from memory.
+// A buffer for the text of a private key. The destructor overwrites the text in memory.
 class Wiped {
   public:
     Wiped() : text(kMaxKeyBytes + 1, '\0') {}
@@ -59,7 +59,8 @@ void Read(const std::string& path, std::string& text) {
     text[size] = '\0';
 }
 
-// The library calls this only for a key that has a passphrase.
+// libssh calls this callback to ask for the passphrase of a key. Keys with a passphrase are not
+// supported.
 int NoPassphrase(const char* /*prompt*/, char* /*answer*/, std::size_t /*size*/, int /*echo*/,
                  int /*verify*/, void* asked) {
     *static_cast<bool*>(asked) = true;

@@ -1,4 +1,4 @@
-// Loads the private key of a login.
+// Loads the private key file that is used to log in.
 #pragma once
 
 #include <string>
@@ -7,8 +7,8 @@
 
 namespace quarn2::sftp {
 
-// Throws kUnauthorized for a key that is missing or invalid, that other users may read or change,
-// or that has a passphrase.
+// Loads a private key from a file. Throws kUnauthorized if the file is missing or invalid, if other
+// users may read or change it, or if the key has a passphrase.
 SshKey LoadKey(const std::string& path);
 
 }  // namespace quarn2::sftp

@@ -25,7 +25,8 @@ std::string_view CutWord(std::string_view& text, std::string_view separators) {
     return word;
 }
 
-// "*" matches any text, "?" any one character; every other character matches itself.
+// Returns true if the text matches the pattern. "*" matches any text, "?" matches any single
+// character, every other character matches itself.
 bool MatchesPattern(std::string_view text, std::string_view pattern) {
     std::size_t at = 0;
     std::size_t in_pattern = 0;
@@ -60,7 +61,9 @@ std::optional<std::string> DecodeBase64(std::string_view text) {
     return std::string(to.begin(), to.end() - static_cast<std::ptrdiff_t>(padding));
 }
 
-// |1|SALT|HASH, both in base64: the hash is HMAC-SHA1 of the name with the salt as its key.
+// Returns true if a hashed host name of a known_hosts file belongs to `host`. Its format is
+// |1|SALT|HASH, with salt and hash in base64. The hash is the HMAC-SHA1 of the host name with the
+// salt as the key.
 bool MatchesHash(const std::string& host, std::string_view hashed) {
     hashed.remove_prefix(kHashMark.size());
     const std::size_t bar = hashed.find('|');
@@ -102,7 +105,7 @@ void KnownHosts::AddText(std::string_view text) {
     }
 }
 
-// Parses "[MARKER] HOSTS TYPE KEY [COMMENT]".
+// Parses a line of a known_hosts file: "[MARKER] HOSTS TYPE KEY [COMMENT]".
 void KnownHosts::AddLine(std::string_view line) {
     std::string_view word = CutWord(line, kBlanks);
     if (word.empty() || word.front() == '#') return;
@@ -118,7 +121,8 @@ void KnownHosts::AddLine(std::string_view line) {
     }
 }
 
-// A pattern with "!" excludes the host, even if other patterns match.
+// Returns true if the HOSTS field of a known_hosts line matches this host. A matching pattern with
+// "!" excludes the host, even if other patterns match.
 bool KnownHosts::IsMeant(std::string_view hosts) const {
     if (str::StartsWith(hosts, kHashMark)) return MatchesHash(host_, hosts);
     bool meant = false;

@@ -11,29 +11,30 @@
 
 namespace quarn2::sftp {
 
-// The result of checking a key against the files.
+// The result of checking a host key against the known_hosts files.
 enum class Trust {
     kTrusted,
-    kUnknown,  // the host has no key of any type in the files
+    kUnknown,  // the files contain no key of the host
     kChanged,  // the files contain keys of the host, but not this one
     kRevoked,
 };
 
 class KnownHosts {
   public:
-    // The files contain the host as "host" for port 22, else as "[host]:port".
+    // The host is searched as "host" for port 22, and as "[host]:port" for other ports.
     KnownHosts(const std::string& host, std::uint16_t port);
 
-    // Adds the host's keys from a file. Ignores a missing file. Throws kro_err::Error
-    // (kUnauthorized) for a file that cannot be read.
+    // Adds the keys of the host from a known_hosts file. Ignores a missing file. Throws
+    // kro_err::Error (kUnauthorized) if the file exists but cannot be read.
     void AddFile(const std::string& path);
-    // Adds the host's keys from the text of a file.
+    // Adds the keys of the host from the text of a known_hosts file.
     void AddText(std::string_view text);
 
-    // `type` and `key` are in the format of the files: "ssh-ed25519" and base64.
+    // Checks a host key. `type` and `key` have the format of known_hosts files: a type such as
+    // "ssh-ed25519", and the key in base64.
     Trust Check(std::string_view type, std::string_view key) const;
 
-    // Returns the types of the trusted keys, in the order of the files.
+    // Returns the types of the trusted keys of the host, in the order of the files.
     std::vector<std::string> Types() const;
 
     const std::string& host() const noexcept { return host_; }

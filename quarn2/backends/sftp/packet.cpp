@@ -8,7 +8,7 @@ namespace quarn2::sftp {
 
 namespace {
 
-// The flags of a set of attributes.
+// Flags in the encoded attributes of a file. Each flag means that the attribute is present.
 constexpr std::uint32_t kHasSize = 0x1;
 constexpr std::uint32_t kHasOwner = 0x2;
 constexpr std::uint32_t kHasMode = 0x4;

@@ -50,7 +50,7 @@ enum class Code : std::uint32_t {
     kNoConnection = 6,
     kConnectionLost = 7,
     kUnsupported = 8,
-    // Codes of later versions of the protocol. Some servers send them anyway.
+    // Status codes of later protocol versions. Some servers also send them in version 3.
     kInvalidHandle = 9,
     kNoSuchPath = 10,
     kFileAlreadyExists = 11,
@@ -61,14 +61,14 @@ enum class Code : std::uint32_t {
     kLockConflict = 17,
 };
 
-// The flags of an open request.
+// The flags of a request to open a file.
 inline constexpr std::uint32_t kOpenRead = 0x01;
 inline constexpr std::uint32_t kOpenWrite = 0x02;
 inline constexpr std::uint32_t kOpenCreate = 0x08;
 inline constexpr std::uint32_t kOpenTruncate = 0x10;
 inline constexpr std::uint32_t kOpenExclusive = 0x20;
 
-// The attributes of a file that a server sends. Each of them may be missing.
+// The attributes of a file that a server has sent. The server may omit any of them.
 struct Attributes {
     std::optional<std::uint64_t> size;
     std::optional<std::uint32_t> mode;
@@ -76,7 +76,7 @@ struct Attributes {
 
     bool IsDirectory() const noexcept;
     bool IsLink() const noexcept;
-    // True also if the server sends no type.
+    // Returns true for a plain file, and also if the server has omitted the type.
     bool IsFile() const noexcept;
 };
 
@@ -88,14 +88,14 @@ class Request {
     Request& U32(std::uint32_t value);
     Request& U64(std::uint64_t value);
     Request& Text(std::string_view text);
-    // Appends attributes that contain only a mode.
+    // Appends file attributes that contain only the mode.
     Request& Mode(std::uint32_t mode);
 
     // Adds the length and the `id` and returns the packet. The length includes `more` bytes of data
     // that the caller sends separately.
     std::span<const std::byte> Finish(std::uint32_t id, std::size_t more = 0);
 
-    // The greeting contains a version in place of the id.
+    // Like Finish(), for the greeting, which contains the protocol version in place of an id.
     std::span<const std::byte> FinishInit(std::uint32_t version) { return Finish(version); }
 
   private:
@@ -103,7 +103,7 @@ class Request {
 };
 
 // Parses the fields of a reply in order. Throws kro_err::Error (kFailed) if the reply ends too
-// early. Returned views are valid as long as the bytes passed to the constructor.
+// early. The views that it returns are valid as long as the bytes passed to the constructor.
 class Fields {
   public:
     explicit Fields(std::span<const std::byte> bytes) noexcept : bytes_(bytes) {}
@@ -123,10 +123,10 @@ class Fields {
     std::span<const std::byte> bytes_;
 };
 
-// Decodes a number of four bytes, as in the head of a packet.
+// Decodes a big-endian number of four bytes.
 std::uint32_t LoadU32(std::span<const std::byte, 4> bytes) noexcept;
 
-// Throws kFailed because the server violates the protocol.
+// Throws kFailed after a reply that violates the protocol. `what` describes the reply.
 [[noreturn]] void ThrowInvalidReply(const std::string& what);
 
 }  // namespace quarn2::sftp

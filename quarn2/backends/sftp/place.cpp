@@ -14,8 +14,8 @@ constexpr int kTemporaryNames = 8;
 // The maximum length of a name on common file systems.
 constexpr std::size_t kMaxNameLength = 255;
 
-// Applies TemporaryName() `times` times to the name. No file of the storage can have such a name,
-// because stored files must not have temporary names.
+// Returns `path` after TemporaryName() has been applied to its last component `times` times. No
+// stored file can have such a name, because the library refuses temporary names.
 std::string Wrapped(const std::string& path, int times) {
     auto [directory, name] = kro_file::SplitPath(path);
     for (int i = 0; i < times; ++i) name = kro_file::TemporaryName(name);
@@ -30,7 +30,7 @@ std::string Place::PathOf(const std::string& name) const {
 
 std::vector<std::string> TemporaryPaths(const std::string& path) {
     std::vector<std::string> paths = {Wrapped(path, 1)};
-    // Skips 2, which is the name of the displaced file.
+    // Skip 2, because DisplacedPath() uses TemporaryName() twice for the displaced file.
     for (int times = 3; times < kTemporaryNames + 2; ++times) {
         std::string next = Wrapped(path, times);
         if (kro_file::Name(next).size() > kMaxNameLength) break;

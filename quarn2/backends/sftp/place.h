@@ -11,7 +11,7 @@ namespace quarn2::sftp {
 // The root of a storage. A root without a leading slash is relative to the login directory.
 class Place {
   public:
-    // `server` identifies the server and the user.
+    // `server` is a text that identifies the server and the user.
     explicit Place(std::string root, std::string server = {})
         : root_(std::move(root)), server_(std::move(server)) {}
 
@@ -24,16 +24,16 @@ class Place {
     std::string server_;
 };
 
-// Returns the temporary paths for uploads to `path`, the usual one first. Each of several
-// concurrent uploads uses a different one. They are derived from the target's name alone, and no
-// two targets share one.
+// Returns the temporary paths for uploads to `path`. An upload uses the first path unless a
+// concurrent upload to the same target uses it. The temporary paths depend only on the name of the
+// target, and different targets have different temporary paths.
 std::vector<std::string> TemporaryPaths(const std::string& path);
 
-// Returns the path of the old file during its replacement, on a server that cannot rename over a
-// file.
+// Returns the displaced path of a file. On a server that cannot rename over an existing file, the
+// old file has this path while it is replaced.
 std::string DisplacedPath(const std::string& path);
 
-// Returns the target if `name` is that of a displaced file, else nullopt.
+// Returns the original name of a displaced file, or nullopt if `name` is not a displaced name.
 std::optional<std::string> DisplacedTarget(const std::string& name);
 
 }  // namespace quarn2::sftp

@@ -14,15 +14,16 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kVersion = 3;
-// The data size that every server must accept in one packet, and the maximum that is worth using.
+// The number of data bytes that every server must accept in one packet, and the number above which
+// larger packets are not faster.
 constexpr std::size_t kSmallPiece = 32UL * 1024;
 constexpr std::size_t kLargePiece = 255UL * 1024;
-// The maximum length of a reply. It leaves enough space for the largest piece of data with its
-// header. No server sends longer replies.
+// The maximum length of a reply. The largest data reply that the program requests is shorter. A
+// longer reply is an error.
 constexpr std::size_t kMaxFrameBytes = 512UL * 1024;
 constexpr std::size_t kLengthSize = 4;
-// Holds all data that the channel's window allows, so the server need not wait while this side is
-// writing.
+// The size of the receive buffer. It can hold all data that the channel's window allows, so that
+// the server does not have to wait while the program writes received data to disk.
 constexpr std::size_t kBufferSize = 4UL * 1024 * 1024 + kMaxFrameBytes;
 constexpr std::size_t kMaxUnanswered = 1024;
 
@@ -34,7 +35,7 @@ Status Reply::AsStatus() {
     Require(Type::kStatus);
     Status status;
     status.code = static_cast<Code>(fields.U32());
-    // Old servers omit the text.
+    // Old servers omit the text of the status.
     if (!fields.empty()) status.text = fields.Text();
     return status;
 }
@@ -44,7 +45,8 @@ void Reply::Require(Type expected) const {
         ThrowInvalidReply("a reply of type " + std::to_string(static_cast<int>(type)));
 }
 
-// Marks the session as broken if an exception leaves the scope before Done() is called.
+// Marks the session as broken if the scope is left without a call of Done(), for example by an
+// exception.
 class Session::Breaker {
   public:
     explicit Breaker(Session& session) noexcept : session_(session), before_(session.broken_) {
@@ -88,7 +90,7 @@ void Session::AskLimits() {
     Reply reply = Wait(Send(std::move(Request(Type::kExtended).Text(kLimits))));
     if (reply.type != Type::kExtendedReply) return;
     Breaker breaker(*this);
-    reply.fields.U64();  // maximum packet length; the next two limits are below it
+    reply.fields.U64();  // skips the maximum packet length; the next two limits are smaller
     const auto fit = [](std::uint64_t limit) {
         return limit == 0 ? kSmallPiece
                           : static_cast<std::size_t>(
@@ -135,8 +137,9 @@ bool Session::HasFrame() const noexcept {
 
 bool Session::HasNext() const noexcept { return HasFrame(); }
 
-// Moves an incomplete frame to the front of the buffer. It is short, and the stream works best with
-// much space.
+// Reads from the stream until the buffer contains `needed` bytes. First moves the incomplete frame
+// to the front of the buffer, so that each read has as much space as possible. This is cheap,
+// because an incomplete frame is short.
 void Session::Fill(std::size_t needed, int patience) {
     if (end_ - begin_ >= needed) return;
     std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);

@@ -1,5 +1,5 @@
-// SFTP version 3 over a byte stream. Requests are sent without waiting; replies are matched by
-// their ids.
+// An SFTP session (version 3) over a byte stream. Requests are sent without waiting for replies; an
+// id assigns each reply to its request.
 #pragma once
 
 #include <cstddef>
@@ -27,55 +27,60 @@ class Stream {
     Stream& operator=(const Stream&) = delete;
 
     virtual void Write(std::span<const std::byte> bytes) = 0;
-    // Reads at least one byte. `patience` extends the timeout by that many seconds.
+    // Reads at least one byte and returns the number of bytes read. `patience` extends the timeout
+    // by that many seconds.
     virtual std::size_t Read(std::span<std::byte> buffer, int patience) = 0;
-    // Throws if the server is known to have closed the connection. Does not wait.
+    // Throws kUnavailable if the server has closed the connection. Does not wait for the network.
     virtual void CheckAlive() = 0;
 };
 
-// A reply. Its fields are valid until the next use of the session.
+// A reply of the server. The fields are valid until the next call of a function of the session.
 struct Reply {
     Type type;
     std::uint32_t id;
     Fields fields;
 
-    // Returns the status in the reply. Throws for a reply of another type.
+    // Returns the status in the reply. Throws kFailed if the reply is not a status.
     Status AsStatus();
-    // Throws for a reply of another type than expected.
+    // Throws kFailed if the reply does not have the expected type.
     void Require(Type expected) const;
 };
 
 class Session {
   public:
-    // Exchanges the greeting. Throws if the server's first bytes are not a valid one.
+    // Exchanges the SFTP greeting with the server. Throws if the server does not send a valid
+    // greeting.
     explicit Session(std::unique_ptr<Stream> stream);
 
-    // Sends a request without waiting. Every id must be passed to Wait() or to Forget(), or its
-    // reply be taken from Next().
+    // Sends a request without waiting for the reply and returns the id of the request. Every id
+    // must be passed to Wait() or Forget(), unless Next() returns the reply.
     std::uint32_t Send(Request request);
-    // Sends a request whose last field is data. `room_and_data` begins with kHeadroom bytes,
-    // followed by the data. The request is written into these bytes, so the data is not copied.
+    // Sends a request whose last field is data. `room_and_data` consists of kHeadroom unused bytes
+    // and the data. The other fields of the request are written into the unused bytes, so that the
+    // data does not have to be copied.
     static constexpr std::size_t kHeadroom = 512;
     std::uint32_t SendWithData(Request request, std::span<std::byte> room_and_data);
 
-    // Returns the reply to this request. Replies to other requests that arrive before it are kept.
+    // Waits for the reply to this request and returns it. Keeps replies to other requests that
+    // arrive earlier for later calls. `patience` extends the timeout by that many seconds.
     Reply Wait(std::uint32_t id, int patience = 0);
     Status WaitStatus(std::uint32_t id, int patience = 0) { return Wait(id, patience).AsStatus(); }
-    // Returns the next reply to any request, in the order of arrival.
+    // Waits for the next reply to any request and returns it.
     Reply Next();
-    // True if Next() can return a reply without waiting for the network.
+    // Returns true if Next() can return a reply without waiting for the network.
     bool HasNext() const noexcept;
-    // Drops the reply to this request.
+    // Discards the reply to this request when it arrives.
     void Forget(std::uint32_t id);
 
-    // Throws (kUnavailable) if the server is known to have closed the connection.
+    // Throws kUnavailable if the server has closed the connection. Does not wait for the network.
     void CheckAlive();
-    // True after a failure of the stream or the protocol: the session cannot be used any more.
+    // Returns true after an error of the connection or the protocol. The session must not be used
+    // any more then.
     bool broken() const noexcept { return broken_; }
     void Break() noexcept { broken_ = true; }
 
     bool Offers(const std::string& extension) const { return extensions_.contains(extension); }
-    // The maximum number of bytes in one read and in one write.
+    // Return the maximum number of data bytes in one read request and in one write request.
     std::size_t read_size() const noexcept { return read_size_; }
     std::size_t write_size() const noexcept { return write_size_; }
 
@@ -105,8 +110,8 @@ class Session {
     bool broken_ = false;
 };
 
-// Sends `count` requests, many at a time, and passes the replies to `answered` in the order of the
-// requests.
+// Sends `count` requests, many of them before the first reply arrives. Passes the replies to
+// `answered` in the order of the requests.
 void Pipeline(Session& session, std::size_t count,
               const std::function<std::uint32_t(std::size_t)>& send,
               const std::function<void(std::size_t, Reply)>& answered);

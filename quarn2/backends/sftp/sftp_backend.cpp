@@ -24,9 +24,10 @@ using kro_err::Kind;
 constexpr std::uint16_t kDefaultPort = 22;
 constexpr int kDefaultTimeout = 60;
 constexpr int kMaxTimeout = 86400;
-// In seconds. The removal of a failed upload's temporary file is not worth a longer timeout.
+// The timeout in seconds for the removal of a failed upload's temporary file. It is short, because
+// the next upload of the same name also removes the file.
 constexpr int kCleanUpTimeout = 10;
-// Begins a path that is relative to the login directory.
+// A path in a token that begins with this text is relative to the login directory.
 constexpr std::string_view kHome = "/~/";
 
 std::string RootOf(const BackupToken& token) {
@@ -100,8 +101,9 @@ class SftpBackend final : public StorageBackend {
     template <class Action>
     using Result = std::invoke_result_t<const Action&, sftp::Session&>;
 
-    // Replaces a connection that has become stale since its last use and repeats the action, unless
-    // the action has `started` something that cannot be repeated.
+    // Runs `action` with a connected session. If the server has closed the connection since its
+    // last use, connects again and repeats the action. Does not repeat the action after it has set
+    // `started`.
     template <class Action>
     Result<Action> Run(const bool& started, const Action& action) {
         const bool used_before = DropBroken() != nullptr;
@@ -142,7 +144,7 @@ class SftpBackend final : public StorageBackend {
         return *session_;
     }
 
-    // Removes the temporary file of an upload whose connection broke.
+    // Removes the temporary file of an upload after a connection error, over a new connection.
     void CleanUp(const std::string& temporary) noexcept {
         if (temporary.empty()) return;
         try {
@@ -153,7 +155,7 @@ class SftpBackend final : public StorageBackend {
             session.WaitStatus(
                 session.Send(std::move(sftp::Request(sftp::Type::kRemove).Text(temporary))));
         } catch (const std::exception&) {
-            // The next upload of this name removes the file.
+            // Ignore the error, because the next upload of this name removes the file.
             return;
         }
     }

@@ -1,4 +1,5 @@
-// libssh, loaded when it is first needed, and owners for its objects. Only this folder calls it.
+// Loads libssh when it is first needed, and defines owners for its objects. Only
+// quarn2/backends/sftp calls libssh.
 #pragma once
 
 #include <libssh/libssh.h>
@@ -41,16 +42,16 @@ struct SshLibrary {
     decltype(&::ssh_userauth_publickey) userauth_publickey;
 };
 
-// Returns the loaded and initialised library. Throws kFailed with the package to install if it
-// cannot be loaded.
+// Loads and initialises libssh at the first call and returns it. If libssh cannot be loaded, throws
+// kFailed with the name of the package to install.
 const SshLibrary& Ssh();
 
-// A deleter that calls a function of the library.
+// A deleter that frees an object with a function of libssh.
 template <auto Free>
 struct Freed {
     template <class T>
     void operator()(T* handle) const noexcept {
-        // Ssh() cannot fail here: the handle comes from the loaded library.
+        // Ssh() cannot throw here, because libssh is already loaded: it has created the handle.
         // cppcheck-suppress throwInNoexceptFunction
         (Ssh().*Free)(handle);
     }

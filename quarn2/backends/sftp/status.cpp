@@ -17,8 +17,8 @@ struct Row {
     Failure failure;
 };
 
-// None of them is kUnauthorized, because a server refuses a login before it sends the first of
-// these replies.
+// The failure classes of SFTP status codes. None is kUnauthorized, because servers refuse a login
+// before the SFTP session begins.
 constexpr Row kRows[] = {
     {Code::kNoSpace, Failure::kNoRoom},
     {Code::kQuotaExceeded, Failure::kNoRoom},
@@ -29,7 +29,8 @@ constexpr Row kRows[] = {
     {Code::kNoConnection, Failure::kUnavailable},
     {Code::kConnectionLost, Failure::kUnavailable},
     {Code::kInvalidHandle, Failure::kUnavailable},
-    // A file system is read-only after a disk error until the disk is repaired.
+    // A file system becomes read-only after a disk error, and writable again when the disk has been
+    // repaired.
     {Code::kWriteProtected, Failure::kUnavailable},
     {Code::kNoMedia, Failure::kUnavailable},
     {Code::kLockConflict, Failure::kUnavailable},
@@ -42,7 +43,8 @@ constexpr Row kRows[] = {
     {Code::kFileAlreadyExists, Failure::kFailed},
 };
 
-// True for the codes that servers send for a full disk or quota if they have no better one.
+// Returns true for the general status codes that servers also use for a full disk or quota. Only
+// the text of the status shows the cause.
 bool NeedsItsText(Code code) { return code == Code::kFailure || code == Code::kPermissionDenied; }
 
 bool TellsOfNoRoom(const Status& status, const std::string& path) {

@@ -21,8 +21,8 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kDirectoryMode = 0750;
-// The number of directories that are read in parallel. For each of them, the initial and the
-// maximum number of outstanding requests.
+// The number of directories that are read in parallel, and the initial and the maximum number of
+// outstanding read requests per directory.
 constexpr std::size_t kDirectoriesAtOnce = 16;
 constexpr std::size_t kFewReads = 2;
 constexpr std::size_t kManyReads = 64;
@@ -36,8 +36,8 @@ std::uint32_t SendPath(Session& session, Type type, const std::string& path) {
     return session.Send(std::move(Request(type).Text(path)));
 }
 
-// False for a name that cannot be a component of a path. A server that sends one tries to direct an
-// operation to another file.
+// Returns true if the name can be a component of a path. A server that sends another name, such as
+// "../x", could direct an operation to another file.
 bool IsComponent(const std::string& name) {
     return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
            name.find('\0') == std::string::npos;
@@ -53,7 +53,8 @@ class DirectoryReader {
           open_(SendPath(session, Type::kOpenDir, path_)),
           limit_("SFTP server") {}
 
-    // Returns false if the directory does not exist.
+    // Waits for the reply to the request that opens the directory. Returns false if the directory
+    // does not exist.
     bool Opened() {
         Reply reply = session_.Wait(open_);
         if (reply.type == Type::kHandle) {
@@ -91,13 +92,13 @@ class DirectoryReader {
 
   private:
     void Take(Fields& fields) {
-        // A reply without names counts as an entry, too. Otherwise a server could send such replies
-        // without end.
+        // Count the reply itself, because a faulty server could send an endless sequence of replies
+        // without names.
         limit_.Count(0);
         for (std::uint32_t left = fields.U32(); left > 0; --left) {
             Entry entry;
             entry.name = fields.Text();
-            fields.Bytes();  // the "long name" of the entry, which is not used
+            fields.Bytes();  // skips the entry's "long name", which is not used
             entry.attributes = fields.Attrs();
             limit_.Count(entry.name.size());
             if (IsComponent(entry.name)) entries_.push_back(std::move(entry));
@@ -119,8 +120,9 @@ class DirectoryReader {
     ListingLimit limit_;
 };
 
-// Reads the existing directories of `paths` in parallel, each to its end. The number of replies is
-// unknown beforehand, so each round sends twice as many requests as the previous one.
+// Reads the directories at `paths` in parallel and completely. Skips directories that do not exist.
+// The number of necessary requests is unknown, so each round sends twice as many requests as the
+// previous round.
 std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const std::string> paths) {
     std::vector<DirectoryReader> readers;
     readers.reserve(paths.size());
@@ -142,7 +144,7 @@ std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const s
 
 // --- Removing ---
 
-// Removes the files. Directories among them are not removed, but returned.
+// Removes the files at `paths`. Returns the paths that are directories, which are not removed.
 std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::string>& paths) {
     std::vector<std::pair<std::string, Status>> refused;
     Pipeline(
@@ -163,7 +165,7 @@ std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::st
     return directories;
 }
 
-// Removes the files in the directories and returns their subdirectories.
+// Removes all files directly in the directories. Returns the paths of the subdirectories.
 std::vector<std::string> RemoveContent(Session& session, std::span<const std::string> directories) {
     std::vector<std::string> files;
     std::vector<std::string> below;
@@ -190,8 +192,9 @@ void RemoveEmpty(Session& session, const std::vector<std::string>& directories) 
         });
 }
 
-// Removes the files level by level from the top down, then the directories from the bottom up.
-// Links are removed, not followed: they do not count as directories here.
+// Removes everything below the directory `top`, and `top` itself with `top_too`. First removes the
+// files level by level from the top down, then the directories from the bottom up. Removes links
+// without following them.
 void RemoveBelow(Session& session, const std::string& top, bool top_too) {
     std::vector<std::string> all = {top};
     ListingLimit limit("SFTP server");
@@ -214,8 +217,9 @@ void RemoveBelow(Session& session, const std::string& top, bool top_too) {
 
 // --- Names ---
 
-// Adds the targets of displaced files. If a replacement is interrupted on a server that cannot
-// rename over a file, the old file remains under its displaced name.
+// Adds the original names of displaced files to a listing. If the replacement of a file is
+// interrupted on a server that cannot rename over an existing file, the old file remains under its
+// displaced name.
 void ShowDisplaced(std::vector<std::string>& names) {
     const std::size_t count = names.size();
     for (std::size_t i = 0; i < count; ++i) {

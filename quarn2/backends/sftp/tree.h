@@ -11,24 +11,27 @@
 
 namespace quarn2::sftp {
 
-// Returns the attributes of the file or directory, nullopt if there is none. Does not follow links.
+// Returns the attributes of the file or directory at `path`, or nullopt if nothing exists there.
+// Does not follow links.
 std::optional<Attributes> LookAt(Session& session, const std::string& path);
 
-// AskForRoot() sends a query for the root and returns its id. CheckRoot() throws kNotFound if the
-// root does not exist, and kFailed if it is neither a directory nor a link to one.
+// AskForRoot() sends a query for the storage's root and returns the id of the request. CheckRoot()
+// throws kNotFound if the root does not exist, and kFailed if the root is neither a directory nor a
+// link to a directory.
 std::uint32_t AskForRoot(Session& session, const Place& place);
 void CheckRoot(const Place& place, Reply answer);
 void CheckRoot(Session& session, const Place& place);
 
-// Makes the missing directories above and at `name`. Does not check whether they exist afterwards:
-// the caller does.
+// The result of MakeDirs().
 struct MadeDirs {
-    std::vector<std::string> parents;  // of the directories that were made
-    Status refusal;                    // for the last directory that was not made
+    std::vector<std::string> parents;  // parent directories of the created directories
+    Status refusal;                    // the refusal of the last directory that was not created
 };
+// Creates the missing directories above and at `name`. Does not check whether the directories exist
+// afterwards: code that calls MakeDirs() must check this.
 MadeDirs MakeDirs(Session& session, const Place& place, const std::string& name);
 
-// These have the contracts of the functions of StorageBackend.
+// The following functions implement the functions of StorageBackend with the same names.
 void MakeDir(Session& session, const Place& place, const std::string& name);
 std::vector<std::string> List(Session& session, const Place& place, const std::string& name);
 void Remove(Session& session, const Place& place, const std::string& name);

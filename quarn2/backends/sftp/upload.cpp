@@ -23,17 +23,17 @@ using kro_err::Kind;
 
 constexpr std::uint32_t kFileMode = 0640;
 constexpr std::uint32_t kExclusive = kOpenWrite | kOpenCreate | kOpenExclusive;
-// Bytes read from the source at a time.
+// The number of bytes that are read from the source at a time.
 constexpr std::size_t kBlock = 1024UL * 1024;
-// Maximum number of bytes sent and not yet confirmed. It is more than a server's window allows in
-// transit on any link. It costs no memory here.
+// Maximum number of bytes that are sent and not yet confirmed. This is more than the window of any
+// server allows, so the limit does not slow down uploads. Unconfirmed bytes are not kept in memory.
 constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
-// A temporary file that does not change for this time is a leftover, unless a process of this
-// machine is writing to it. A running upload writes several times a second.
+// The time that an existing temporary file is watched. A running upload writes several times a
+// second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
 // A storage with less free space than this (in bytes) counts as full after a failed write.
 constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
-// In bytes per second. A disk that syncs more slowly than this counts as broken.
+// In bytes per second. The timeout of a sync assumes that the server's disk is at least this fast.
 constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;
 constexpr int kRenameAttempts = 5;
 constexpr int kOpenAttempts = 3;
@@ -42,7 +42,7 @@ const char* const kSync = "fsync@openssh.com";
 const char* const kSpace = "statvfs@openssh.com";
 const char* const kPosixRename = "posix-rename@openssh.com";
 
-// Thrown if the storage has no room for the file.
+// Thrown if the storage has no space for the file.
 struct NoRoom {};
 
 class Uploader {
@@ -112,8 +112,9 @@ class Uploader {
         return session_.Send(std::move(Request(Type::kOpen).Text(path).U32(flags).Mode(kFileMode)));
     }
 
-    // Returns false if another machine is writing a file of this name, or if a leftover cannot be
-    // replaced.
+    // Creates the temporary file at `path`. `id` is the id of the first request to open it. Returns
+    // false if another machine is writing to an existing file at this path, or if the file of an
+    // interrupted upload cannot be removed.
     bool TryOpen(const std::string& path, std::uint32_t id) {
         std::uint32_t flags = kExclusive;
         for (int failures = 0;; id = SendOpen(path, flags)) {
@@ -134,15 +135,16 @@ class Uploader {
             } else if (flags == kExclusive && MayWantTruncate(status)) {
                 flags = kExclusive | kOpenTruncate;
             } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
-                // A kFailure is retried before that: another upload may just have renamed its file
-                // of this name.
+                // Retry after the first kFailure replies, because another upload may have renamed
+                // its temporary file in the meantime.
                 ThrowFailed("make a file for", status);
             }
         }
     }
 
-    // Some servers refuse to create a file without this flag. It is added only if no file has the
-    // name, because a server that then ignores "exclusive" would truncate another machine's file.
+    // Returns true if the server may require the flag kOpenTruncate to create a file. The flag is
+    // added only if no file exists at the path, because a server that ignores kOpenExclusive would
+    // truncate the file of another machine.
     bool MayWantTruncate(const Status& status) const {
         const Failure failure = FailureOf(status, path_);
         return failure == Failure::kFailed || failure == Failure::kNotFound;
@@ -182,8 +184,8 @@ class Uploader {
         }
     }
 
-    // The head of each request overwrites the end of the previous data, which has been sent
-    // already.
+    // Sends the data in write requests of at most write_size() bytes. The header of each request
+    // overwrites the end of the previous request's data, which has already been sent.
     void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
         while (room_and_data.size() > Session::kHeadroom) {
             const std::size_t size =
@@ -242,15 +244,16 @@ class Uploader {
         if (status.code != Code::kUnsupported) CheckDone("sync", status);
     }
 
-    // Returns empty attributes if the server replies with a status.
+    // Returns the attributes in a reply, or empty attributes if the server replied with an error
+    // status.
     static Attributes AttributesIn(Reply reply) {
         return reply.type == Type::kAttrs ? reply.fields.Attrs() : Attributes();
     }
 
-    // Checks that the temporary name still refers to the written file. Another machine may have
-    // removed it as abandoned and created its own file. Only the size can show that. The
-    // modification time cannot, because a server with delayed writes changes it when the file is
-    // closed.
+    // Checks that the file at the temporary path is the file that this upload has written. Another
+    // machine may have removed the file, because it seemed abandoned, and created its own file
+    // there. Only the size can show this. The modification time cannot, because a server with
+    // delayed writes changes it when the file is closed.
     void CheckSame(const Attributes& own, const Attributes& named) {
         const auto expected = static_cast<std::uint64_t>(source_.size());
         if (named.size == expected && named.IsFile()) return;
@@ -282,8 +285,9 @@ class Uploader {
             session_.Send(std::move(Request(Type::kRename).Text(from).Text(to))));
     }
 
-    // Renames the old file to its displaced name until the new file has its name. Downloads,
-    // listings and the next upload find the old file there.
+    // Replaces a file on a server that cannot rename over an existing file. Renames the old file to
+    // its displaced path, renames the new file, and then removes the old file. If this is
+    // interrupted, downloads, listings and the next upload find the old file at its displaced path.
     void RenameWithoutReplacing() {
         const std::string aside = DisplacedPath(path_);
         Status status;
@@ -306,7 +310,7 @@ class Uploader {
     // --- Failure ---
 
     // Throws NoRoom if the storage is full, else the error of the status. Most servers report a
-    // full disk only as "Failure", so the free space is queried then.
+    // full disk only as kFailure, so the free space is queried after a kFailure.
     [[noreturn]] void ThrowFailed(const std::string& what, const Status& status) {
         const Failure failure = FailureOf(status, path_);
         if (failure == Failure::kNoRoom) throw NoRoom();
@@ -315,7 +319,8 @@ class Uploader {
         ThrowRefused(what, path_, status);
     }
 
-    // Another process removed the file or its directory. The next attempt makes them again.
+    // Throws kUnavailable because another process has removed the temporary file or its directory.
+    // The next attempt creates both again.
     [[noreturn]] void ThrowRemoved(const std::string& what, const Status& status) const {
         throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
                                             " on the storage: " + Describe(status) +
@@ -337,12 +342,13 @@ class Uploader {
         const std::uint64_t all_inodes = fields.U64();
         fields.U64();  // free inodes, including those reserved for root
         const std::uint64_t inodes = fields.U64();
-        // File systems without a fixed number of inodes report 0 of 0.
+        // File systems without a fixed number of inodes report 0 free inodes and 0 inodes in total.
         return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||
                (inodes == 0 && all_inodes > 0);
     }
 
-    // Ignores failures: the next upload removes a remaining temporary file.
+    // Removes the temporary file of a failed upload. Ignores errors, because the next upload of the
+    // same name removes a remaining temporary file.
     void Discard() noexcept {
         try {
             for (const std::uint32_t id : writes_) session_.Forget(id);
@@ -361,7 +367,7 @@ class Uploader {
     const Place& place_;
     const std::string& name_;
     std::string path_;
-    std::vector<std::string> directories_;  // to be synced
+    std::vector<std::string> directories_;  // the directories to sync after the rename
     ByteSource& source_;
     UploadState& state_;
     std::string handle_;

@@ -1,4 +1,5 @@
-// One upload: writes a temporary file, checks it, syncs it and renames it.
+// The upload of one file. Writes a temporary file on the server, checks it, syncs it and renames
+// it.
 #pragma once
 
 #include <string>
@@ -10,14 +11,16 @@
 
 namespace quarn2::sftp {
 
-// The progress of an upload, for callers that clean up or try again.
+// The progress of an upload. After an error, SftpBackend decides by it whether to retry the upload
+// or to remove the temporary file.
 struct UploadState {
-    bool started = false;   // the source has been read
+    bool started = false;   // the upload has begun to read the source
     std::string temporary;  // path of the temporary file on the server; empty: none
-    UploadLock lock;        // on `temporary`; must be held while the file exists
+    UploadLock lock;        // the lock of the temporary file; must be held while the file exists
 };
 
-// Like StorageBackend::Put(). Leaves no temporary file unless the session broke.
+// Implements StorageBackend::Put() for SFTP. Leaves no temporary file on the server, unless the
+// connection fails during the upload.
 bool Upload(Session& session, const Place& place, const std::string& name, ByteSource& source,
             UploadState& state);
 

@@ -1,4 +1,5 @@
-// Distinguishes a running upload of this machine from the leftover of a killed one.
+// A lock that distinguishes the temporary file of a running upload from the file of a killed
+// upload.
 #pragma once
 
 #include <memory>
@@ -8,12 +9,12 @@
 
 namespace quarn2::sftp {
 
-// A process of this machine holds this lock while it writes to a file on a server. The kernel
-// releases the lock when the process dies. Other machines do not see it.
+// A process holds this lock while it writes to a temporary file on a server. The kernel releases
+// the lock when the process dies. The lock is only visible on this machine.
 class UploadLock {
   public:
-    // Takes the lock of a file. `what` contains the server and the path. Returns false if another
-    // upload of this machine holds the lock.
+    // Acquires the lock of a temporary file. `what` identifies the server and the path of the file.
+    // Returns false if another upload of this machine holds the lock.
     bool TryTake(const std::string& what);
     void Release() noexcept { lock_.reset(); }
 

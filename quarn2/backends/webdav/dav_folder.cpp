@@ -18,9 +18,11 @@ using Clock = kro_date::SteadyClock;
 
 constexpr std::chrono::seconds kFresh(10);
 constexpr std::size_t kMaxFolders = 16;
-// Maximum number of cached names of a directory. The names beyond it are queried individually.
+// Maximum number of cached file names per directory. Names beyond this limit are queried
+// individually.
 constexpr std::size_t kMaxFiles = 50'000;
-// In seconds. A running upload changes its temporary file more often than this.
+// In seconds. A temporary file that has not changed for this time is abandoned, because a running
+// upload changes its temporary file more often.
 constexpr std::time_t kSurelyDead = 60;
 constexpr int kLookAgainMs = 1000;
 
@@ -55,7 +57,8 @@ Folder& DavFolders::Remember(const std::string& directory, Folder folder) {
     return known_.insert_or_assign(directory, std::move(folder)).first->second;
 }
 
-// Returns null if the directory does not exist.
+// Lists a directory on the server and caches the listing. Returns null if the directory does not
+// exist.
 Folder* DavFolders::Load(const std::string& directory) {
     Folder folder;
     const Resource::Kind kind =
@@ -106,8 +109,9 @@ void DavFolders::RemoveLeftovers(Folder& folder, const std::string& directory,
     });
 }
 
-// Removes a temporary file unless another writer still uses it: that upload would have to start
-// again. The file of a running upload grows, and is renamed as soon as it is complete.
+// Removes a temporary file unless another upload still writes to it. The temporary file of a
+// running upload grows, and is renamed as soon as it is complete, so a file that does not change is
+// abandoned. If the file of a running upload is removed by mistake, that upload starts again.
 void DavFolders::RemoveLeftover(const std::string& name) {
     const Resource before = server_.Look(name, Ask::kAll);
     if (!before.IsFile()) return;
@@ -119,11 +123,11 @@ void DavFolders::RemoveLeftover(const std::string& name) {
     server_.Delete(name, false);
 }
 
-// --- Making ---
+// --- Creating directories ---
 
 void DavFolders::Make(const std::string& name) { MakeOne(name); }
 
-// Returns false if the directory already exists.
+// Creates the directory and its missing parents. Returns false if the directory already exists.
 bool DavFolders::MakeOne(const std::string& name) {
     const auto ask = [&] { return server_.Do("MKCOL", server_.address().Directory(name)); };
     net::HttpReply reply = ask();

@@ -1,4 +1,4 @@
-// A cache of the directories that a storage object works in.
+// A cache of the directory listings of a WebDAV storage.
 #pragma once
 
 #include <chrono>
@@ -13,33 +13,35 @@
 
 namespace quarn2::webdav {
 
-// A recent listing of one directory. It shows the leftovers of uploads, and which names are files.
-// Servers remove or replace a directory with all its contents as if it were a file, so the type of
-// a name must be checked first.
+// A cached listing of one directory: the temporary files of interrupted uploads, and the names that
+// are known to be files. DELETE and MOVE also remove or replace a directory with all its contents,
+// so the program must check that a name is a file before it sends such a request.
 struct Folder {
     std::vector<std::string> temporaries;
     std::unordered_set<std::string> files;
     kro_date::SteadyClock::time_point listed;
 };
 
-// Lists a directory at most once every few seconds. Many small files in a row then cost few
-// additional requests, and the leftovers of other processes are still found soon.
+// Caches directory listings for a few seconds. Uploads of many small files therefore need few
+// additional requests, and temporary files that other processes left are still found soon.
 class DavFolders {
   public:
     explicit DavFolders(DavServer& server) : server_(server) {}
 
-    // Prepares a directory for the upload of a file: makes the directory and its parents if they
-    // are missing, and removes the file's leftovers. Drops the cached names of its files. Throws
-    // NoRoomForDirectory.
+    // Prepares a directory for the upload of a file: creates the directory and its parents if they
+    // are missing, and removes the temporary files of interrupted uploads of this file. Clears the
+    // cached names of the files in the directory. Throws NoRoomForDirectory if the storage is full.
     void PrepareToWrite(const std::string& directory, const std::string& file);
 
-    // Removes the file's leftovers. Returns true only if the file certainly exists and is a file.
+    // Removes the temporary files of interrupted uploads of this file. Returns true only if a
+    // listing shows that `file` exists and is a file.
     bool PrepareToRemove(const std::string& directory, const std::string& file);
 
-    // Makes the directory and its parents. Throws NoRoomForDirectory.
+    // Creates the directory and its parents. Throws NoRoomForDirectory if the storage is full.
     void Make(const std::string& name);
 
-    // Drops the listing of a directory that has changed, or below which something has changed.
+    // Removes the listing of a directory from the cache, after the directory or anything below it
+    // has changed.
     void Forget(const std::string& directory) { known_.erase(directory); }
     void ForgetAll() { known_.clear(); }
 
@@ -55,7 +57,7 @@ class DavFolders {
     std::map<std::string, Folder> known_;
 };
 
-// Thrown if a directory cannot be made because the storage is full.
+// Thrown if a directory cannot be created because the storage is full.
 struct NoRoomForDirectory {};
 
 }  // namespace quarn2::webdav

@@ -32,7 +32,7 @@ std::string RandomDigits() {
     return digits;
 }
 
-// Returns the part of a file's name that fits into its temporary name.
+// Returns the beginning of a file's name that fits into its temporary name.
 std::string_view Kept(std::string_view file) {
     return file.substr(0, kMaxNameLength - kRandomDigits - 1 - kTemporaryEnd.size());
 }
@@ -47,8 +47,8 @@ bool IsOwnForm(std::string_view entry) noexcept {
            entry.size() > kRandomDigits + 1 + kTemporaryEnd.size();
 }
 
-// Strips the suffix of "TEMPORARY.0000000012". nginx copies an upload to such a name if it cannot
-// rename it, and leaves the copy if the disk is full.
+// Strips the suffix of "TEMPORARY.0000000012". nginx copies an upload to a file with such a name if
+// it cannot rename the upload, and does not remove the copy if the disk is full.
 std::string_view WithoutCounter(std::string_view entry) noexcept {
     constexpr std::size_t kMinDigits = 10;
     const std::size_t dot = entry.rfind('.');
@@ -68,7 +68,7 @@ std::optional<std::string> DecodedSegment(std::string_view segment) {
     return name;
 }
 
-// Returns the path of a URL or of an absolute path, without a query or fragment.
+// Returns the path of an href without query and fragment. The href is a URL or an absolute path.
 std::string_view PathOf(std::string_view href) {
     const std::size_t scheme = href.find("://");
     if (scheme != std::string_view::npos && scheme < href.find('/')) {

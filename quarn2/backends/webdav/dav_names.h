@@ -16,12 +16,12 @@ class DavAddress {
     explicit DavAddress(const BackupToken& token);
 
     std::string File(const std::string& name) const;
-    // With the trailing slash that servers require for collections.
+    // Returns the URL of a directory, with the trailing slash that servers require for collections.
     std::string Directory(const std::string& name) const;
 
-    // Returns the name for an href of the server, which is a URL or only a path. Returns nullopt if
-    // the href is outside the storage or cannot be a name: an encoded slash, "..", a control
-    // character.
+    // Returns the name for an href that the server has sent, which is a URL or an absolute path.
+    // Returns nullopt if the href is outside the storage, or contains an encoded slash, ".." or a
+    // control character.
     std::optional<std::string> NameOf(std::string_view href) const;
 
   private:
@@ -29,16 +29,17 @@ class DavAddress {
     std::string root_;    // the decoded path, without a trailing slash
 };
 
-// Returns "RANDOM.NAME.part~" in the directory of the file. Two writers of one name get different
-// temporary names, and a leftover shows to which file it belongs. Unlike a temporary name on a disk
-// it has no leading dot: nginx does not list such names, and many servers are configured not to
-// serve names that begin with ".ht".
+// Returns a temporary name "RANDOM.NAME.part~" in the directory of the file. Concurrent uploads of
+// one file get different temporary names, and the name of an abandoned temporary file contains the
+// name of its target. The name does not begin with a dot, because nginx does not list such names,
+// and many servers are configured not to serve names that begin with ".ht".
 std::string NewTemporaryName(const std::string& name);
 
-// True if an entry of a directory is not a file of the storage, but a temporary file or a server's
-// incomplete copy of one.
+// Returns true if the name of a directory entry is that of a temporary file, or of a server's
+// incomplete copy of a temporary file.
 bool IsTemporaryEntry(std::string_view entry) noexcept;
-// The same for the temporary files of `file` in the same directory.
+// Returns true if `entry` is the name of a temporary file for `file` in the same directory, or of a
+// server's incomplete copy of such a file.
 bool IsTemporaryOf(std::string_view entry, std::string_view file) noexcept;
 
 }  // namespace quarn2::webdav

@@ -32,7 +32,7 @@ bool IsAbsent(int status) { return status == kNotFoundStatus || status == kGone;
 
 }  // namespace
 
-// One removal in progress.
+// A DELETE request in progress.
 struct DavServer::Deletion {
     explicit Deletion(const std::string& what)
         : sink(what, [this](const DavEntry& entry) {
@@ -42,7 +42,7 @@ struct DavServer::Deletion {
           }) {}
 
     Target victim;
-    int failed = 0;  // the status of the first entry below that could not be removed
+    int failed = 0;  // the status of the first file below that could not be removed
     MultistatusSink sink;
 };
 
@@ -92,7 +92,7 @@ void DavServer::ThrowRefused(const std::string& method, const std::string& name,
                     str::Str(reply.status) + Hint(method, reply.status));
 }
 
-// --- Looking ---
+// --- Lookups and listings ---
 
 Resource DavServer::Look(const std::string& name, Ask ask) {
     Resource found;
@@ -110,7 +110,8 @@ Resource DavServer::Look(const std::string& name, Ask ask) {
         return found;
     }
     if (IsAbsent(reply.status)) return {};
-    // Some servers return these statuses for every name below a file.
+    // Some servers return a 400 or 409 for a name below a file. If the parent is not a collection,
+    // nothing exists at this name.
     const bool may_be_below_a_file = reply.status == kBadRequest || reply.status == kConflict;
     if (may_be_below_a_file && !name.empty() && !Look(kro_file::Path(name)).IsCollection()) {
         return {};
@@ -129,7 +130,8 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
             kind = entry.is_collection ? kCollection : kFile;
         } else if (str::StartsWith(*path, prefix)) {
             std::string component = path->substr(prefix.size());
-            // Skips deeper entries, which were not requested.
+            // Skip entries of subdirectories, which some servers send although only one level was
+            // requested.
             if (component.find('/') == std::string::npos) take(std::move(component), entry);
         }
     };
@@ -138,7 +140,8 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
         if (reply.status == kMultistatus) return kind;
         const Resource::Kind found = Look(name).kind;
         if (found != kCollection) return found;
-        // The collection exists. If it was made just now, the second attempt succeeds.
+        // The collection exists now, although the PROPFIND failed. Retry once, because the
+        // collection may have been created between the two requests.
         if (attempt > 0) ThrowRefused("PROPFIND", name, reply);
     }
 }
@@ -211,7 +214,7 @@ void DavServer::DeleteAll(const std::vector<Target>& victims) {
         throw;
     }
     if (error) std::rethrow_exception(error);
-    // A proxy whose server is down may report every name as missing.
+    // Check the root, because a proxy may report every name as missing when its server is down.
     if (std::exchange(some_absent_, false)) CheckRoot();
 }
 

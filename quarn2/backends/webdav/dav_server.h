@@ -15,7 +15,7 @@
 
 namespace quarn2::webdav {
 
-// The file or collection of a name.
+// The properties of the file or collection with a name.
 struct Resource {
     enum class Kind { kNothing, kFile, kCollection };
 
@@ -30,42 +30,44 @@ struct Resource {
     bool IsCollection() const noexcept { return kind == Kind::kCollection; }
 };
 
-// The properties to request. Only the necessary ones are requested, because servers compute each of
-// them.
+// The properties to request with PROPFIND. Only necessary properties are requested, because each
+// property costs the server time.
 enum class Ask { kType, kLength, kAll };
 
-// Names are relative to the storage's root, "" is the root.
+// Sends the requests of a storage. Names are relative to the storage's root; "" is the root.
 class DavServer {
   public:
     DavServer(const BackupToken& token, net::ServerSettings settings);
 
     Resource Look(const std::string& name, Ask ask = Ask::kType);
 
-    // Calls `take` with each entry directly below a collection: the last component of its name and
-    // its properties. Returns kNothing if the collection does not exist and kFile for a file, both
-    // without a call of `take`.
+    // Lists a collection: calls `take` for each entry directly below it with the last component of
+    // the entry's name and the properties of the entry. If the collection does not exist, returns
+    // kNothing, and if `name` is a file, returns kFile; `take` is not called in these cases.
     using TakeEntry = std::function<void(std::string, const DavEntry&)>;
     Resource::Kind List(const std::string& name, Ask ask, const TakeEntry& take);
 
     // Throws kNotFound if the storage's directory does not exist.
     void CheckRoot();
 
-    // Sends a request without a body, with additional `headers`.
+    // Sends a request without a body and returns the response, whatever its status is.
     net::HttpReply Do(const std::string& method, const std::string& url,
                       std::vector<std::string> headers = {});
     net::HttpReply Do(net::HttpRequest request);
 
-    // Removes a file, or a collection with everything below it. Succeeds if it does not exist.
+    // Removes a file, or a collection with everything below it. Succeeds if nothing exists at this
+    // name.
     void Delete(const std::string& name, bool is_collection);
-    // The same for many names, several in parallel. Starts no more removals after a failure. Throws
-    // kNotFound if a name and the storage's directory do not exist.
+    // Removes many files and collections, several in parallel. Starts no more removals after an
+    // error. If one of the names does not exist, checks the storage's directory and throws
+    // kNotFound if that does not exist either.
     struct Target {
         std::string name;
         bool is_collection = false;
     };
     void DeleteAll(const std::vector<Target>& victims);
 
-    // Throws the error for a failed request.
+    // Throws the error for a request that the server refused.
     [[noreturn]] void ThrowRefused(const std::string& method, const std::string& name,
                                    const net::HttpReply& reply) const;
 
@@ -84,8 +86,8 @@ class DavServer {
 
     DavAddress address_;
     net::HttpClient client_;
-    bool accepted_ = false;     // the server has accepted a request of this user
-    bool some_absent_ = false;  // a name to be removed did not exist
+    bool accepted_ = false;     // true after the server has accepted a request of this user
+    bool some_absent_ = false;  // true if one of the names to remove did not exist
 };
 
 }  // namespace quarn2::webdav

@@ -11,10 +11,11 @@ namespace {
 
 constexpr std::string_view kDav = "DAV:";
 constexpr int kMultistatus = 207;
-// Limit for the body of a success other than 207, for example an HTML page.
+// The maximum size of the ignored body of a successful response with a status other than 207, for
+// example an HTML page.
 constexpr std::size_t kMaxIgnoredBytes = 16UL * 1024 * 1024;
 
-// Returns -1 if the text is not a number of bytes.
+// Returns the number in the text, or -1 if the text is not a number.
 std::int64_t Number(std::string_view text) {
     const std::string_view digits = str::Trimmed(text);
     std::int64_t number = 0;
@@ -104,8 +105,8 @@ void MultistatusSink::TakeProperty(std::string_view name, const std::string& tex
     }
 }
 
-// Properties come in groups with one status each. Those that a resource does not have are in a
-// group of their own, with an error status.
+// Ends a group of properties. A response contains several groups, each with one status. Ignores a
+// group with an error status, which contains the properties that the resource does not have.
 void MultistatusSink::EndProperties() {
     in_properties_ = false;
     in_type_ = false;

@@ -1,4 +1,5 @@
-// Parses the responses of WebDAV servers with status 207: properties or results for each resource.
+// Parses WebDAV responses with status 207 (Multi-Status), which contain properties or results for
+// each resource.
 #pragma once
 
 #include <cstdint>
@@ -14,15 +15,15 @@ namespace quarn2::webdav {
 
 struct DavEntry {
     std::string href;
-    int status = 0;  // of the whole resource; 0 if its groups of properties have one each
+    int status = 0;  // status of the resource; 0 if only its groups of properties have a status
     bool is_collection = false;
     std::int64_t length = -1;     // -1: unknown
     std::string modified;         // in the date format of HTTP; "": unknown
-    std::int64_t available = -1;  // bytes left in the quota or on the disk; -1: unknown
+    std::int64_t available = -1;  // free bytes in the quota or on the disk; -1: unknown
 };
 
-// Parses a response with status 207 incrementally and passes each resource to `take` as soon as it
-// is complete. Ignores the bodies of other responses.
+// Parses a response with status 207 while its bytes arrive, and passes each resource to `take` when
+// it is complete. Ignores the bodies of responses with another status.
 class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
   public:
     using Take = std::function<void(const DavEntry&)>;
@@ -32,7 +33,7 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
 
     void Begin(const net::HttpReply& reply) override;
     void Write(std::span<const std::byte> bytes) override;
-    // Must be called at the end of the response. Throws kUnavailable if the response is truncated.
+    // Must be called after the last Write. Throws kUnavailable if the response is truncated.
     void Finish();
 
   private:
@@ -47,14 +48,15 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
     Take take_;
     std::unique_ptr<net::XmlReader> reader_;
     bool in_response_ = false;
-    bool in_properties_ = false;  // inside a group of properties with one status
+    bool in_properties_ = false;  // true inside a group of properties
     bool in_type_ = false;
     int properties_status_ = 0;
     DavEntry entry_;
     DavEntry properties_;
 };
 
-// Returns the number in "HTTP/1.1 404 Not Found", 0 if there is none.
+// Returns the status in a line such as "HTTP/1.1 404 Not Found", or 0 if the line contains no
+// status.
 int StatusOfLine(std::string_view line);
 
 }  // namespace quarn2::webdav

@@ -20,7 +20,7 @@ constexpr Row kRows[] = {
     {kUnauthorizedStatus, Failure::kUnauthorized},
     {kForbidden, Failure::kUnavailable},
     {kNotFoundStatus, Failure::kNotFound},
-    // A proxy requires credentials of its own, which are not the token's.
+    // A proxy requires credentials. The credentials of the token are only for the WebDAV server.
     {407, Failure::kUnavailable},
     {408, Failure::kUnavailable},
     {kGone, Failure::kNotFound},

@@ -7,7 +7,7 @@
 
 namespace quarn2::webdav {
 
-// The statuses that the code of this folder checks for.
+// The HTTP statuses that the WebDAV backend checks for.
 inline constexpr int kOk = 200;
 inline constexpr int kMultistatus = 207;
 inline constexpr int kBadRequest = 400;
@@ -24,12 +24,13 @@ inline constexpr int kFailedDependency = 424;
 inline constexpr int kServerError = 500;
 inline constexpr int kNoRoom = 507;
 
-// Looks the status up in the only table of statuses. `accepted`: the server has already accepted a
-// request of this user. A 403 is then a missing right; before that it may come from a proxy.
+// Returns the failure class of an HTTP status, from the only table of statuses. `accepted` is true
+// if the server has already accepted a request of this user. A 403 then means a missing permission.
+// Otherwise the 403 may come from a proxy.
 Failure FailureOf(int status, bool accepted) noexcept;
 
-// Returns an explanation of the status for the administrator, beginning with a blank, or "" if
-// there is none.
+// Returns an explanation of an error status for the administrator, which begins with a blank, or ""
+// for a status without an explanation.
 std::string Hint(const std::string& method, int status);
 
 }  // namespace quarn2::webdav

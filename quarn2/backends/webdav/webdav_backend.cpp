@@ -28,16 +28,16 @@ using webdav::DavServer;
 using webdav::Resource;
 using Auth = net::ServerSettings::Auth;
 
-// Maximum number of attempts. Concurrent uploads of one name can mistake each other's temporary
-// file for a leftover.
+// Maximum number of attempts of an upload. A concurrent upload of the same name can mistake the
+// temporary file for an abandoned file and remove it.
 constexpr int kAttempts = 4;
-// Maximum number of lookups of a file. A file that is replaced repeatedly may be missing at each of
-// them.
+// Maximum number of attempts to find a file. While another process replaces the file, it can be
+// missing for a moment.
 constexpr int kLooks = 10;
 constexpr int kLookAgainMs = 20;
 // The cleanup after a failed upload gets 1/kCleanupShare of the storage's timeout, at most
-// kMaxCleanup seconds. It is short because the caller has already waited long, and the next
-// upload removes a remaining file anyway.
+// kMaxCleanup seconds. This time is short, because the failed upload has already taken long, and
+// the next upload of the same name removes a remaining temporary file.
 constexpr int kMaxCleanup = 5;
 constexpr int kCleanupShare = 4;
 
@@ -49,8 +49,8 @@ net::ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "WebDAV", auth);
 }
 
-// Returns -1 when the reply has no length, or a transfer encoding, which makes a length
-// meaningless.
+// Returns the value of the Content-Length header. Returns -1 if the header is missing, or if the
+// response has a transfer encoding, because the length is meaningless then.
 std::int64_t ContentLength(const HttpReply& reply) {
     if (!reply.Header("transfer-encoding").empty()) return -1;
     const std::string text = reply.Header("content-length");
@@ -64,8 +64,8 @@ std::int64_t ContentLength(const HttpReply& reply) {
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
 
-// Rejects a name in the form of a temporary name: listings would hide the file, and it would be
-// removed as a leftover.
+// Throws kFailed if a component of the name has the form of a temporary name, because listings
+// would omit such a file, and a later upload would remove it.
 void CheckForm(std::string_view name) {
     while (!name.empty()) {
         const std::string_view component = name.substr(0, name.find('/'));
@@ -95,15 +95,15 @@ class WebdavBackend final : public StorageBackend {
     void Clear() override;
 
   private:
-    // kLost: the temporary file or its directory no longer exists.
+    // The result of an upload. kLost: the temporary file or its directory no longer exists.
     enum class Stored { kYes, kNoRoom, kLost };
 
     Stored Store(const std::string& name, ByteSource& source);
     Stored SendChecked(const std::string& temporary, ByteSource& source);
     Stored Send(const std::string& temporary, ByteSource& source);
     Stored Refused(const std::string& temporary, const HttpReply& reply, std::int64_t size);
-    // Returns the length of the sent file on the server, nullopt if the server does not have the
-    // file, and -1 if it does not report the length.
+    // Returns the length of the temporary file on the server. Returns nullopt if the file does not
+    // exist, and -1 if the server does not report its length.
     std::optional<std::int64_t> LengthOf(const std::string& temporary, std::int64_t expected);
     HttpReply Move(const std::string& temporary, const std::string& name);
     Stored Rename(const std::string& temporary, const std::string& name);
@@ -156,8 +156,9 @@ WebdavBackend::Stored WebdavBackend::Store(const std::string& name, ByteSource& 
     }
 }
 
-// Sends the file and checks its length on the server. Some servers fail to invite the body, report
-// success and store nothing. The file is then sent again without waiting for an invitation.
+// Uploads the temporary file and checks its length on the server. Some servers do not handle
+// "Expect: 100-continue": they report success without reading the body and store nothing. In this
+// case the file is sent again without this header.
 WebdavBackend::Stored WebdavBackend::SendChecked(const std::string& temporary, ByteSource& source) {
     const std::int64_t size = source.size();
     const bool waits = waits_for_invitation_ && size >= net::kWorthWaiting;
@@ -190,8 +191,8 @@ WebdavBackend::Stored WebdavBackend::Send(const std::string& temporary, ByteSour
     return reply.IsSuccess() ? Stored::kYes : Refused(temporary, reply, source.size());
 }
 
-// Servers report a missing directory as 409, some as 404, and nginx as 500. nginx also reports a
-// full disk as 500.
+// Determines why the server refused an upload. Servers report a missing directory as 409, some as
+// 404, and nginx as 500. nginx also reports a full disk as 500.
 WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const HttpReply& reply,
                                              std::int64_t size) {
     if (reply.status == webdav::kNoRoom) return Stored::kNoRoom;
@@ -207,8 +208,8 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     server_.ThrowRefused("PUT", temporary, reply);
 }
 
-// Removes the partial file that nginx leaves when it cannot complete an upload. Returns true if
-// this file is shorter than the upload, because then the disk was full.
+// Removes the partial copy that nginx leaves when it cannot complete an upload. Returns true if the
+// copy is shorter than the upload, because then the disk was full.
 bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     const auto [directory, file] = kro_file::SplitPath(temporary);
     std::vector<DavServer::Target> remains;
@@ -224,7 +225,8 @@ bool WebdavBackend::BrokeOff(const std::string& temporary, std::int64_t size) {
     return shorter;
 }
 
-// If HEAD reports an unexpected length, PROPFIND checks it: some servers report 0 for every file.
+// Queries the length with HEAD. If it is not the expected length, queries it again with PROPFIND,
+// because some servers report 0 for every file in the response to HEAD.
 std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary,
                                                     std::int64_t expected) {
     const HttpReply reply = server_.Do("HEAD", server_.address().File(temporary));
@@ -236,8 +238,9 @@ std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary
     return found.length >= 0 ? found.length : told;
 }
 
-// Some servers replace a directory with all its contents as if it were a file. The first MOVE
-// therefore does not overwrite, and the second one is sent only if the target is no directory.
+// Renames the temporary file to `name`. A MOVE with "Overwrite: T" can replace a directory with all
+// its contents. The first MOVE therefore has "Overwrite: F", and the second MOVE is sent only if
+// the target is not a directory.
 HttpReply WebdavBackend::Move(const std::string& temporary, const std::string& name) {
     const auto move = [&](const char* overwrite) {
         return server_.Do("MOVE", server_.address().File(temporary),
@@ -258,7 +261,8 @@ WebdavBackend::Stored WebdavBackend::Rename(const std::string& temporary, const 
         if (status == webdav::kNoRoom) return Stored::kNoRoom;
         if (server_.Look(name).IsCollection()) ThrowIsDirectory(name);
         if (server_.Look(temporary).IsNothing()) return Stored::kLost;
-        // A server that removes the old file first may fail if two moves do that at once.
+        // Retry after these statuses. A server that removes the old file before it renames the new
+        // file can fail if two MOVE requests do this at the same time.
         const bool stumbled = status == webdav::kNotFoundStatus || status == webdav::kConflict ||
                               status == webdav::kServerError ||
                               status == webdav::kPreconditionFailed;
@@ -272,23 +276,26 @@ void WebdavBackend::CleanUp(const std::string& temporary) noexcept {
         settings.timeout = std::clamp(settings.timeout / kCleanupShare, 1, kMaxCleanup);
         DavServer(token_, std::move(settings)).Delete(temporary, false);
     } catch (const std::exception&) {
-        // The next upload of that name removes the file.
+        // Ignore the error, because the next upload of the same name removes the temporary file.
         return;
     }
 }
 
 // --- Get ---
 
-// Passes a response's body to the sink, but only if it is certainly that of a file.
+// Writes the body of a response to the sink, but only if the response certainly contains a file and
+// not the index page of a directory.
 class BodySink final : public net::ReplySink {
   public:
-    // `known`: the name is that of a file of `length` bytes (-1: unknown).
+    // `known` is true if PROPFIND has confirmed that the name is a file. `length` is the length of
+    // the file (-1: unknown).
     BodySink(ByteSink& sink, bool known, std::int64_t length)
         : sink_(sink), known_(known), length_(length) {}
 
     void Begin(const HttpReply& reply) override {
         const std::int64_t told = ContentLength(reply);
-        // The page that a server generates for a directory has neither a date nor an ETag.
+        // A response without a date and without an ETag can be a page that the server generates for
+        // a directory.
         const bool made_up = reply.Header("last-modified").empty() && reply.Header("etag").empty();
         doubtful_ = !known_ && (made_up || told < 0);
         if (doubtful_ || reply.status != webdav::kOk) {
@@ -345,9 +352,9 @@ void WebdavBackend::Get(const std::string& name, ByteSink& sink) {
     GetChecked(name, sink);
 }
 
-// Downloads the file once PROPFIND has confirmed that it is one. Servers answer a GET of a
-// directory with an index, a redirection or a refusal. While a server replaces a file, the file may
-// be missing or not accessible for a moment.
+// Downloads a file after PROPFIND has confirmed that the name is a file, because servers answer a
+// GET of a directory with an index page, a redirection or an error. Retries for a short time,
+// because a file can be missing or inaccessible for a moment while the server replaces it.
 void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
     for (int attempt = 1;; ++attempt) {
         const bool last = attempt == kLooks;
@@ -365,7 +372,7 @@ void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
     }
 }
 
-// True if the directory contains the new file, under its temporary name or already under its own.
+// Returns true if the directory contains a file with this name or a temporary file for this name.
 bool WebdavBackend::IsBeingReplaced(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
     bool found = false;
@@ -377,7 +384,7 @@ bool WebdavBackend::IsBeingReplaced(const std::string& name) {
     return found;
 }
 
-// --- The rest ---
+// --- Remove, directories and Clear ---
 
 void WebdavBackend::Remove(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
@@ -431,7 +438,8 @@ void WebdavBackend::Clear() {
     if (HidesDottedNames()) RemakeRoot();
 }
 
-// True if the server does not list names that begin with a dot, like nginx.
+// Returns true if the server, like nginx, does not list names that begin with a dot. Uploads a
+// probe file to find out.
 bool WebdavBackend::HidesDottedNames() {
     const std::string probe = ".probe" + kro_file::Name(webdav::NewTemporaryName("x"));
     HttpRequest request;
@@ -448,9 +456,9 @@ bool WebdavBackend::HidesDottedNames() {
     return !seen;
 }
 
-// Removes files that the server does not list, by removing the root and making it again. If the
-// root cannot be removed, for example because it is a mount point, the server has emptied it
-// nevertheless.
+// Removes files that the server does not list: removes the storage's root and creates it again. If
+// the server cannot remove the root, for example because it is a mount point, it still removes the
+// files in it.
 void WebdavBackend::RemakeRoot() {
     server_.Do("DELETE", server_.address().Directory(""));
     if (!server_.Look("").IsNothing()) return;
