@@ -12,7 +12,7 @@ namespace quarn2 {
 // Implements the functions that all storages share: checks names, reads and writes local files.
 class BackendStorage final : public Storage {
   public:
-    // `token` is the token that the backend was opened with. Its arch_password determines the
+    // `token` is the token of the storage that `backend` accesses. Its arch_password determines the
     // stored sizes, the key hash and how Download treats encrypted files.
     BackendStorage(std::unique_ptr<StorageBackend> backend, BackupToken token);
 

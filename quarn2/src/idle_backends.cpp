@@ -43,7 +43,8 @@ class IdleBackends {
         const std::lock_guard lock(mutex_);
         PutAsideAfterFork();
         TakeOld(old);
-        // The most recently used backend is most likely still connected.
+        // Search from the end of the list, because the server has most likely not yet closed the
+        // most recently used connection.
         const auto found = std::find_if(entries_.rbegin(), entries_.rend(),
                                         [&](const Entry& entry) { return entry.token == token; });
         if (found == entries_.rend()) return nullptr;

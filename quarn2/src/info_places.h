@@ -6,7 +6,7 @@
 
 namespace quarn2 {
 
-// Returns the paths that GetInfoFile tries, in this order.
+// Returns the paths at which GetInfoFile searches for the info file, in the order of the search.
 std::vector<std::string> InfoPlaces(const std::string& directory, const std::string& user,
                                     const std::string& date);
 

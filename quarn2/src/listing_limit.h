@@ -1,4 +1,4 @@
-// Limits the memory that the listing of a server can take.
+// Limits the memory for the directory listings of a server.
 #pragma once
 
 #include <cstddef>
@@ -18,7 +18,7 @@ class ListingLimit {
     // could report an endless chain of directories.
     static constexpr std::size_t kMaxDepth = 200;
 
-    // `what` names the server in the error text.
+    // `what` is the name of the server in error texts.
     explicit ListingLimit(std::string what) : what_(std::move(what)) {}
 
     // Counts a directory entry whose name has `bytes` bytes. Throws kro_err::Error (kFailed) if the

@@ -1,4 +1,4 @@
-// Logs the operations of a storage and their duration.
+// A wrapper that logs the operations of a backend and their duration.
 #pragma once
 
 #include <memory>

@@ -56,7 +56,8 @@ std::string_view WithoutSlice(std::string_view name) {
     return slice ? numbered.substr(0, dot) : name;
 }
 
-// Returns the archive extension at the end of `name`, ".aes" included; empty when there is none.
+// Returns the archive extension at the end of `name`, including ".aes". Returns an empty text when
+// `name` has no archive extension.
 std::string_view ArchiveExtension(std::string_view name) {
     std::string_view plain = name;
     if (str::EndsWith(plain, kEncrypted)) plain.remove_suffix(kEncrypted.size());

@@ -1,4 +1,4 @@
-// Limits the transfer rate of any backend.
+// A wrapper that limits the transfer rate of a backend.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,8 @@
 
 namespace quarn2 {
 
-// Limits each upload and each download to `bytes_per_second`, averaged over about a second.
+// Wraps a backend. The wrapper limits the rate of each upload and each download to
+// `bytes_per_second`, averaged over about a second.
 std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
                                             std::int64_t bytes_per_second);
 

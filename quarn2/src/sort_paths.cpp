@@ -13,8 +13,7 @@ namespace {
 constexpr std::size_t kKeySize = 24;
 
 struct Keyed {
-    std::array<char, kKeySize>
-        key;  // the first bytes of the path after the common prefix, padded with NUL
+    std::array<char, kKeySize> key;  // the path's first bytes after the common prefix, NUL-padded
     std::string* path;
 };
 

@@ -1,4 +1,4 @@
-// Checks the names of files on a storage.
+// Checks for the names of files and directories on a storage.
 #pragma once
 
 #include <string>

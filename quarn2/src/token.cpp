@@ -44,7 +44,8 @@ bool IsLetterOrDigit(char c) noexcept {
 
 bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
-// Returns true for a short word of letters, digits and `marks`, which is safe to quote.
+// Returns true if the text is short and contains only letters, digits and the characters in
+// `marks`, so that an error text may quote it.
 bool IsWord(std::string_view text, std::string_view marks) {
     return !text.empty() && text.size() <= kMaxQuoteLength &&
            std::all_of(text.begin(), text.end(), [marks](char c) {

@@ -30,8 +30,9 @@ class ByteSource {
     // Returns the number of bytes of the source. The number is constant during the upload.
     virtual std::int64_t size() const = 0;
 
-    // Fills `buffer` with the bytes at `offset`, completely or up to the end of the source, and
-    // returns their number. Throws kFailed when the source has become shorter than size().
+    // Reads the bytes of the source at `offset` into `buffer` and returns their number. The number
+    // is smaller than the buffer only at the end of the source. Throws kFailed when the source has
+    // become shorter than size().
     virtual std::size_t ReadAt(std::int64_t offset, std::span<std::byte> buffer) = 0;
 
     // Returns a descriptor of a plain file that contains exactly the bytes of the source from
@@ -49,12 +50,13 @@ class ByteSource {
     virtual void CheckUnchanged() = 0;
 };
 
-// Receives the bytes of one download in order.
+// The destination of one download. Receives the bytes of the file in order.
 class ByteSink {
   public:
     virtual ~ByteSink() = default;
 
-    // A backend that knows the total number of bytes may call this once, before the first byte.
+    // A backend that knows the size of the file may call this once, before it writes the first
+    // byte.
     virtual void Expect(std::int64_t /*size*/) {}
 
     // Writes all of `bytes` after the bytes of the previous call.
@@ -131,8 +133,9 @@ struct BackendScheme {
     // Returns a new backend for the storage of the token. The backend may delay the connection
     // until its first operation.
     std::function<std::unique_ptr<StorageBackend>(const BackupToken&)> open;
-    // True when the backend keeps its connections open. After its storage object is destroyed, a
-    // later storage object of the same token reuses the backend, possibly on another thread.
+    // True when backends of this scheme keep their connections open. When a storage object is
+    // destroyed, a later storage object with the same token reuses its backend, possibly on another
+    // thread.
     bool keeps_connections = false;
 };
 

@@ -144,7 +144,7 @@ void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
                                         " bytes that were sent");
 }
 
-// --- Full storage ---
+// --- Detection of a full storage ---
 
 // Returns true if an upload failed because the storage is full. Only some servers report this
 // reason. Other servers report no reason, or close the data connection before libcurl has read

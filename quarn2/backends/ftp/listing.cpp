@@ -65,7 +65,7 @@ void ForEachLine(std::string_view text, const Action& action) {
     }
 }
 
-// --- Facts ---
+// --- MLSD lines ---
 
 // Returns the value of the "type" fact of an MLSD line: "file" for "type=file;size=3;". Returns ""
 // if the facts contain no type.
@@ -92,7 +92,8 @@ void AddFacts(Listing& listing, std::string_view line) {
     const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
     if (!good) ThrowUnknownLine(line);
     const std::string type = TypeFact(facts);
-    // The name of a "cdir" or "pdir" entry may be a full path instead of "." or "..".
+    // Skip the directory itself ("cdir") and its parent ("pdir") by their type, because some
+    // servers send a full path instead of the names "." and "..".
     if (type == "cdir") listing.shows_itself = true;
     if (type == "cdir" || type == "pdir") return;
     Add(listing, line.substr(blank + 1), TypeOf(type));

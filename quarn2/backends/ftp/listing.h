@@ -30,8 +30,8 @@ struct Listing {
     bool is_cut = false;
 };
 
-// Parses a machine listing (MLSD). Throws kFailed for an invalid line and kUnavailable for an
-// incomplete last line.
+// Parses a machine-readable listing (MLSD). Throws kFailed for an invalid line, and kUnavailable if
+// the last line is incomplete.
 Listing ParseMachineListing(std::string_view text);
 
 // Parses a human-readable listing (LIST) in Unix or DOS format. Throws like ParseMachineListing()

@@ -52,7 +52,8 @@ Session::Session(const BackupToken& token, bool tls)
     handle_.Set(CURLOPT_NOPROGRESS, 0);
     handle_.SetFunction(CURLOPT_XFERINFOFUNCTION, OnProgress);
     handle_.SetPointer(CURLOPT_XFERINFODATA, this);
-    // libcurl reports the commands and replies for the transcript to its debug callback.
+    // With CURLOPT_VERBOSE libcurl passes all commands and replies to OnDebug, which records them
+    // in the transcript.
     handle_.Set(CURLOPT_VERBOSE, 1);
     handle_.SetFunction(CURLOPT_DEBUGFUNCTION, OnDebug);
     handle_.SetPointer(CURLOPT_DEBUGDATA, this);
@@ -103,7 +104,7 @@ void Session::LimitTls(bool limited) {
     handle_.Set(CURLOPT_SSLVERSION, CURL_SSLVERSION_TLSv1_2 | highest);
 }
 
-// --- Names on the wire ---
+// --- Encoding of names ---
 
 // Returns true if the server parses the control connection as telnet, where each byte 255 must be
 // doubled. To find out, sends a SIZE command with a name of four bytes 255: such a server returns

@@ -77,7 +77,7 @@ class Session {
     std::string ListingUrl(const std::string& directory, Where where);
     std::string Wire(const std::string& text);
     bool FindsTelnet();
-    // The commands to send before and after a transfer.
+    // The FTP commands that libcurl sends before and after a transfer.
     struct Around {
         net::CurlList before;
         net::CurlList behind;
@@ -127,7 +127,8 @@ class Session {
     // The socket of the open data connection.
     curl_socket_t data_ = CURL_SOCKET_BAD;
     Transcript transcript_;
-    // The server has sent the port of the data connection, but libcurl has not opened it yet.
+    // True if the server has sent the port of the data connection, but libcurl has not opened this
+    // connection yet.
     bool port_is_known_ = false;
     std::optional<bool> telnet_;
     bool knows_size_ = true;  // false after the server has refused SIZE before a transfer
@@ -139,7 +140,7 @@ class Session {
     bool is_handshake_late_ = false;
     bool is_new_ = false;  // true if the last operation opened the control connection
 
-    // The state of the running transfer.
+    // The members below describe the running transfer.
     ByteSource* source_ = nullptr;
     std::int64_t offset_ = 0;
     std::function<void(std::span<const std::byte>)> take_;

@@ -1,4 +1,4 @@
-// Temporary names of incomplete uploads.
+// The temporary names under which uploads to FTP servers are stored until they are complete.
 #pragma once
 
 #include <memory>

@@ -1,4 +1,4 @@
-// The files and directories below a storage's root on an FTP server.
+// Operations on the files and directories below a storage's root on an FTP server.
 #pragma once
 
 #include <optional>
@@ -13,7 +13,7 @@
 
 namespace quarn2::ftp {
 
-// The type of the object at a path.
+// The type of what exists at a path on the server.
 enum class Found { kNothing, kFile, kDirectory };
 
 // Lists, creates and removes files and directories on an FTP server. Names are relative to the
@@ -44,7 +44,8 @@ class Tree {
     void RemoveDirectory(const std::string& name);
     void Empty(const std::string& name) { Empty(name, 0); }
 
-    // Removes one file. Succeeds for a missing file. Throws kFailed for a directory.
+    // Removes one file. Succeeds if the file does not exist. Throws kFailed if `name` is a
+    // directory.
     void RemoveFile(const std::string& name);
 
     // Throws the error after the server has refused a command on the file: kNotFound if the file
@@ -80,8 +81,7 @@ class Tree {
     Session& session_;
     std::string root_;
     std::set<std::string> seen_;
-    int emptied_ =
-        0;  // number of directories emptied in the running removal, without the top directory
+    int emptied_ = 0;  // number of subdirectories emptied in the running removal
     bool has_mlsd_ = true;
     bool has_mlst_ = true;
 };

@@ -28,7 +28,7 @@ constexpr Row kRows[] = {
     {ENODEV, Failure::kUnavailable},
     {ENXIO, Failure::kUnavailable},
     {ENOMEDIUM, Failure::kUnavailable},
-    // The server of a network file system is unreachable or was restarted.
+    // The storage is on a network file system whose server is unreachable or was restarted.
     {ESTALE, Failure::kUnavailable},
     {ENOTCONN, Failure::kUnavailable},
     {ETIMEDOUT, Failure::kUnavailable},

@@ -1,4 +1,4 @@
-// A storage in a directory of this machine.
+// The backend for a storage in a directory of this machine.
 #pragma once
 
 #include "quarn2_backend/storage_backend.h"

@@ -30,8 +30,7 @@ class MemoryStore {
     // Returns the store with this name. The first call with a name creates the store.
     static std::shared_ptr<MemoryStore> Named(const std::string& name);
 
-    // Restores the initial state: no files, no directories, no capacity limit, no hook, an empty
-    // log.
+    // Removes all files, all directories, the capacity limit, the hook and the log.
     void Reset();
 
     // Limits the total size of all files: a Put that would exceed `bytes` returns false. -1: no

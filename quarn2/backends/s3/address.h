@@ -18,8 +18,8 @@ inline constexpr std::int64_t kMaxPart = 64 * kMiB;
 struct Address {
     std::string url;     // "https://host:port", or "https://bucket.host:port" in virtual style
     std::string host;    // the value of the Host header: "host:port"
-    std::string base;    // "/bucket/", or "/" in virtual style, percent-encoded
-    std::string bucket;  // not percent-encoded
+    std::string base;    // percent-encoded bucket path in URLs: "/bucket/", or "/" in virtual style
+    std::string bucket;  // name of the bucket, not percent-encoded
     std::string prefix;  // the beginning of every key: "" or "a/b/"
     std::string region;
     std::string storage_class;

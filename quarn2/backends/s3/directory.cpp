@@ -102,7 +102,8 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
     service.ThrowRefused(refusal, doing);
 }
 
-// Removes all objects below a prefix, page by page, with several requests in parallel.
+// Removes all objects whose keys begin with a prefix. Lists the keys page by page and sends several
+// removal requests in parallel.
 class Sweeper {
   public:
     Sweeper(Service& service, std::string prefix)

@@ -1,4 +1,4 @@
-// One multipart upload, from its start to its completion.
+// The multipart upload of one file.
 #pragma once
 
 #include <cstddef>

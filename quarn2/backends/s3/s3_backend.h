@@ -5,9 +5,10 @@
 
 namespace quarn2 {
 
-// "s3": over TLS.
+// Returns the scheme "s3", which uses TLS.
 BackendScheme S3Scheme();
-// "s3+http": without TLS, for servers on the same machine or behind a tunnel.
+// Returns the scheme "s3+http", which uses no TLS. It is meant for servers on the same machine or
+// behind a tunnel.
 BackendScheme S3PlainScheme();
 
 }  // namespace quarn2

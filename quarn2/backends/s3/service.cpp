@@ -18,7 +18,7 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::size_t kMaxKeyLength = 1024;
-constexpr int kPatience = 10;  // seconds
+constexpr int kPatience = 10;  // timeout of AskAnew() in seconds
 
 }  // namespace
 

@@ -18,7 +18,7 @@ namespace quarn2::s3 {
 
 struct Call {
     std::string method = "GET";
-    std::string key = {};  // "" is the bucket itself
+    std::string key = {};  // key of the object; "" for a request to the bucket
     Params query = {};
     Params headers = {};  // the names are in lower case; all headers are signed
     std::string payload_hash = EmptySha256();

@@ -24,13 +24,13 @@ struct Credentials {
 
 struct Unsigned {
     std::string method;
-    std::string path;          // percent-encoded, as it is sent
-    std::string query;         // canonical
+    std::string path;          // the path of the URL, percent-encoded
+    std::string query;         // the result of CanonicalQuery()
     Params headers;            // all headers to sign, including "host"; the names are in lower case
     std::string payload_hash;  // SHA-256 of the body in hexadecimal digits
 };
 
-// Formats the time as "20261120T193331Z" (UTC).
+// Formats the time for the x-amz-date header: "20261120T193331Z" (UTC).
 std::string AmzDate(std::time_t now);
 
 // Returns the canonical form of a request, whose hash is signed.

@@ -1,4 +1,5 @@
-// Opens the SSH channel to an SFTP server: TCP connection, handshake, host key, login, subsystem.
+// Opens the SSH channel to an SFTP server: connects, checks the host key, logs in and starts the
+// SFTP subsystem.
 #pragma once
 
 #include <cstdint>

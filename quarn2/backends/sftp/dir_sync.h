@@ -16,18 +16,18 @@ namespace quarn2::sftp {
 class DirSync {
   public:
     explicit DirSync(Session& session) noexcept : session_(session) {}
-    // Closes the open directories.
+    // Closes the directories that are still open on the server.
     ~DirSync();
     DirSync(const DirSync&) = delete;
     DirSync& operator=(const DirSync&) = delete;
 
-    // Sends the requests to open the directories.
+    // Sends the requests to open the directories, if the server supports syncing.
     void Open(const std::vector<std::string>& paths);
-    // Waits for the replies to Open(). Must be called before Sync().
+    // Waits for the replies to the requests of Open(). Must be called before Sync().
     void TakeHandles();
     // Sends the requests that sync the open directories with all changes made so far.
     void Sync();
-    // Waits for the replies to Sync().
+    // Waits for the replies to the requests of Sync().
     void Finish();
 
   private:

@@ -16,7 +16,7 @@ constexpr std::uint32_t kHasTimes = 0x8;
 constexpr std::uint32_t kHasExtended = 0x80000000;
 
 constexpr std::size_t kLengthSize = 4;
-constexpr std::size_t kHeadSize = 9;  // length, type, id
+constexpr std::size_t kHeadSize = 9;  // bytes of the length, type and id of a packet
 
 void StoreU32(std::uint32_t value, std::byte* to) noexcept {
     for (int shift = 24; shift >= 0; shift -= 8) {

@@ -91,8 +91,8 @@ class Request {
     // Appends file attributes that contain only the mode.
     Request& Mode(std::uint32_t mode);
 
-    // Adds the length and the `id` and returns the packet. The length includes `more` bytes of data
-    // that the caller sends separately.
+    // Writes the length and the `id` into the request and returns the packet. The length includes
+    // `more` bytes of data, which are sent separately after the packet.
     std::span<const std::byte> Finish(std::uint32_t id, std::size_t more = 0);
 
     // Like Finish(), for the greeting, which contains the protocol version in place of an id.

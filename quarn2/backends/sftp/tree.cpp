@@ -215,7 +215,7 @@ void RemoveBelow(Session& session, const std::string& top, bool top_too) {
     RemoveEmpty(session, all);
 }
 
-// --- Names ---
+// --- Names of displaced files ---
 
 // Adds the original names of displaced files to a listing. If the replacement of a file is
 // interrupted on a server that cannot rename over an existing file, the old file remains under its

@@ -1,4 +1,5 @@
-// Directories on the server: listing, making and removing them without a round trip for each name.
+// Lists, creates and removes directories on an SFTP server. Many requests are sent at once, which
+// saves a round trip per name.
 #pragma once
 
 #include <cstdint>

@@ -31,7 +31,8 @@ constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
 // The time that an existing temporary file is watched. A running upload writes several times a
 // second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
-// A storage with less free space than this (in bytes) counts as full after a failed write.
+// In bytes. If a write fails and the storage has less free space than this, the storage counts as
+// full.
 constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
 // In bytes per second. The timeout of a sync assumes that the server's disk is at least this fast.
 constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;
@@ -171,7 +172,7 @@ class Uploader {
         directories_.insert(directories_.end(), made.parents.begin(), made.parents.end());
     }
 
-    // --- The data ---
+    // --- Transfer of the data ---
 
     void SendAll() {
         constexpr std::size_t kRoom = Session::kHeadroom;
@@ -307,7 +308,7 @@ class Uploader {
         ThrowFailed("rename a file to", status);
     }
 
-    // --- Failure ---
+    // --- Errors ---
 
     // Throws NoRoom if the storage is full, else the error of the status. Most servers report a
     // full disk only as kFailure, so the free space is queried after a kFailure.
@@ -334,13 +335,13 @@ class Uploader {
         Reply reply = session_.Wait(session_.Send(std::move(request)));
         if (reply.type != Type::kExtendedReply) return false;
         Fields& fields = reply.fields;
-        fields.U64();  // the preferred block size
+        fields.U64();  // skips the preferred block size
         const std::uint64_t block = fields.U64();
-        fields.U64();  // total blocks
-        fields.U64();  // free blocks, including those reserved for root
+        fields.U64();  // skips the total number of blocks
+        fields.U64();  // skips the free blocks, including the blocks reserved for root
         const std::uint64_t blocks = fields.U64();
         const std::uint64_t all_inodes = fields.U64();
-        fields.U64();  // free inodes, including those reserved for root
+        fields.U64();  // skips the free inodes, including the inodes reserved for root
         const std::uint64_t inodes = fields.U64();
         // File systems without a fixed number of inodes report 0 free inodes and 0 inodes in total.
         return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||

@@ -98,7 +98,7 @@ bool DavFolders::PrepareToRemove(const std::string& directory, const std::string
     return true;
 }
 
-// --- Leftovers ---
+// --- Abandoned temporary files ---
 
 void DavFolders::RemoveLeftovers(Folder& folder, const std::string& directory,
                                  const std::string& file) {

@@ -77,8 +77,8 @@ std::string_view PathOf(std::string_view href) {
     return href.substr(0, href.find_first_of("?#"));
 }
 
-// Decodes "/a%2Eb//c" to "/a.b/c". The components are decoded one by one, so that an encoded slash
-// does not count as a separator.
+// Decodes a percent-encoded path: "/a%2Eb//c" becomes "/a.b/c". The components are decoded one by
+// one, so that an encoded slash does not count as a separator.
 std::optional<std::string> DecodedPath(std::string_view path) {
     std::string decoded;
     while (!path.empty()) {

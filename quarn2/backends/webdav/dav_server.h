@@ -1,4 +1,4 @@
-// The requests of a WebDAV storage to its server.
+// Sends the requests of a WebDAV storage to its server.
 #pragma once
 
 #include <exception>
@@ -22,7 +22,7 @@ struct Resource {
     Kind kind = Kind::kNothing;
     std::int64_t length = -1;
     std::string modified;
-    std::string now;  // the server's current time
+    std::string now;  // the server's time when it sent the response
     std::int64_t available = -1;
 
     bool IsNothing() const noexcept { return kind == Kind::kNothing; }

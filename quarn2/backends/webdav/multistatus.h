@@ -18,7 +18,7 @@ struct DavEntry {
     int status = 0;  // status of the resource; 0 if only its groups of properties have a status
     bool is_collection = false;
     std::int64_t length = -1;     // -1: unknown
-    std::string modified;         // in the date format of HTTP; "": unknown
+    std::string modified;         // modification time in the date format of HTTP; "": unknown
     std::int64_t available = -1;  // free bytes in the quota or on the disk; -1: unknown
 };
 
@@ -28,7 +28,7 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
   public:
     using Take = std::function<void(const DavEntry&)>;
 
-    // `what` names the server in error texts.
+    // `what` is the name of the server in error texts. `take` is called once per resource.
     MultistatusSink(std::string what, Take take);
 
     void Begin(const net::HttpReply& reply) override;

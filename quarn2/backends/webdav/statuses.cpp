@@ -13,7 +13,7 @@ struct Row {
 };
 
 constexpr Row kRows[] = {
-    // A proxy redirects temporarily, for example to a login or maintenance page.
+    // A temporary redirection comes from a proxy, for example to a login or maintenance page.
     {302, Failure::kUnavailable},
     {303, Failure::kUnavailable},
     {307, Failure::kUnavailable},

@@ -1,4 +1,4 @@
-// Classifies the statuses of WebDAV servers.
+// Classifies the HTTP statuses of WebDAV responses.
 #pragma once
 
 #include <string>

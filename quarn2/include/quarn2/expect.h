@@ -11,9 +11,10 @@ namespace quarn2 {
 
 class Expect {
   public:
-    // The return value of a worker: one of the four constants below, compared by address.
+    // The type of a worker's return value. A worker returns one of the four constants below, which
+    // the loop compares by address.
     struct Result;
-    static Result* const erOk;       // keep waiting for the same events
+    static Result* const erOk;       // wait for the same events again
     static Result* const erSuspend;  // do not poll the descriptor until the next SetEvents
     static Result* const erClose;    // remove the worker and close its descriptor
     static Result* const erFinish;   // return from the current Run

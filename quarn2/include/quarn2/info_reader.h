@@ -16,7 +16,7 @@ class InfoReader {
   public:
     using Entry = std::pair<std::string_view, std::string_view>;
 
-    // Reads the file and invalidates all entries and views of the previous file. Throws
+    // Reads an info file and invalidates all entries and views of the previously read file. Throws
     // kro_err::Error when the file cannot be read, is larger than 1 MiB or contains a NUL byte.
     void Read(const std::string& path);
 

@@ -19,7 +19,8 @@ namespace quarn2 {
 
 class BackupToken;
 
-// Receives the progress of transfers on the thread that uses the storage.
+// Receives the progress of uploads and downloads. The storage calls the observer on the thread that
+// called Upload or Download.
 class TransferObserver {
   public:
     virtual ~TransferObserver() = default;

@@ -46,7 +46,7 @@ class BackupToken {
     const std::string& host() const noexcept { return host_; }
     std::uint16_t port() const noexcept { return port_; }  // 0: the scheme's default port
     const std::string& path() const noexcept { return path_; }
-    // Returns the value of a parameter, or "" when the token does not have it.
+    // Returns the value of a parameter, or "" when the token does not contain the parameter.
     std::string Param(const std::string& name) const;
 
   private:

@@ -30,11 +30,11 @@ struct KeyCost {
 // that guessing passwords is expensive.
 Key KeyFromPassword(std::string_view password, Bytes salt, KeyCost cost);
 
-// Derives a separate key for one purpose. A derived key reveals nothing about `key` or about the
-// keys for other purposes.
+// Derives a separate key for `purpose` from `key`. A derived key reveals nothing about `key` or
+// about the keys for other purposes.
 Key KeyFor(const Key& key, std::string_view purpose, Bytes context);
 
-// Returns the authentication code of the bytes (HMAC-SHA-256).
+// Returns the HMAC-SHA-256 of the bytes, which proves that they are authentic.
 Key Authenticate(const Key& key, Bytes bytes);
 
 // Returns true when both byte strings are equal. The duration does not depend on their content.

@@ -19,10 +19,11 @@ std::unique_ptr<StorageBackend> Encrypted(std::unique_ptr<StorageBackend> backen
 // Returns the size in bytes that a local file of this name and size has after encryption.
 std::int64_t SizeEncrypted(const std::string& name, std::int64_t size);
 
-// The number of leading bytes that IsEncrypted needs.
+// The number of bytes at the beginning of a file that IsEncrypted examines.
 constexpr std::size_t kEncryptedMarkSize = 8;
 
-// Returns true when a file that begins with these bytes is encrypted.
+// Returns true when `first_bytes`, the first bytes of a file, begin with the mark of encrypted
+// files.
 bool IsEncrypted(std::span<const std::byte> first_bytes);
 
 }  // namespace quarn2

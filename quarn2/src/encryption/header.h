@@ -32,7 +32,7 @@ using Header = std::array<std::byte, kHeaderSize>;
 // The key and the chunk size of one file.
 struct FileKeys {
     Key chunks{};
-    std::size_t chunk_size = 0;  // in plain bytes
+    std::size_t chunk_size = 0;  // plain bytes per chunk
 };
 
 // Fills `header` for a new file and returns the keys of the file. `name` is the last component of

@@ -17,14 +17,14 @@ struct ServerSettings {
     enum class Auth { kNone, kBasic, kDigest, kPlain };
 
     std::string what;         // name of the server in error texts: "S3 server localhost:9000"
-    std::string ca;           // a file with the only certificates to trust; "" for the system's
+    std::string ca;           // file of the trusted certificates; "": those of the system
     int timeout = 0;          // seconds without progress until a transfer fails
-    Auth auth = Auth::kNone;  // kPlain: user and password in the protocol's own login (FTP)
+    Auth auth = Auth::kNone;  // kPlain: the login commands of FTP
     std::string user;
     std::string password;
 };
 
-// Seconds without progress until a transfer fails, unless the token sets another value.
+// Seconds without progress until a transfer fails, for tokens without a `timeout` parameter.
 inline constexpr int kDefaultTimeout = 60;
 
 // Returns the server settings from the parts of a token that all protocols share. `protocol` ("S3",
@@ -70,7 +70,7 @@ class CurlHandle {
     void SetPointer(CURLoption option, void* value);
     // Sets a list option. libcurl does not copy the list, which must outlive the transfer.
     void SetList(CURLoption option, const CurlList& list) { SetPointer(option, list.get()); }
-    // Restores the option's default.
+    // Restores the default value of an option.
     void Clear(CURLoption option) { SetPointer(option, nullptr); }
     template <class Function>
     void SetFunction(CURLoption option, Function* function) {

@@ -51,12 +51,12 @@ struct HttpRequest {
     std::string method = "GET";
     std::string url;                   // complete, percent-encoded
     std::vector<std::string> headers;  // "Name: value"
-    std::unique_ptr<HttpBody> body;    // PUT and POST always have one
-    ReplySink* sink = nullptr;         // must outlive the request; null: HttpReply::body
+    std::unique_ptr<HttpBody> body;    // required for PUT and POST
+    ReplySink* sink = nullptr;         // must outlive the request; null: see HttpReply::body
     bool waits_for_invitation = true;  // sends "Expect: 100-continue" for a large body
 };
 
-// The result of a request: a response of any status, or an error.
+// The result of a request. `error` is null if the server sent a response, whatever its status is.
 struct HttpResult {
     HttpReply reply;
     std::exception_ptr error;

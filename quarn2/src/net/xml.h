@@ -19,12 +19,13 @@ class XmlHandler {
     virtual void Close(std::string_view space, std::string_view name, const std::string& text) = 0;
 };
 
-// Parses one document. Throws kUnavailable for XML that is malformed, truncated, has a document
-// type declaration or exceeds a limit (nesting, names, texts, size), because the server's next
-// response may be valid. Rethrows exceptions of the handler.
+// Parses one XML document of a server. Throws kUnavailable if the document is malformed or
+// truncated, has a document type declaration, or exceeds a limit (nesting, names, texts, size). The
+// error is kUnavailable because the server's next response may be valid. Rethrows exceptions of the
+// handler.
 class XmlReader {
   public:
-    // `what` names the server in error texts. The handler must outlive the reader.
+    // `what` is the name of the server in error texts. The handler must outlive the reader.
     XmlReader(std::string what, XmlHandler& handler);
     ~XmlReader();
     XmlReader(const XmlReader&) = delete;
