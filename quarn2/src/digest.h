@@ -1,4 +1,4 @@
-// Hash functions. They hide the cryptographic library from the rest of the program.
+// Hash functions. Code that uses them does not depend on the cryptographic library.
 #pragma once
 
 #include <cstddef>

@@ -60,8 +60,9 @@ class IdleBackends {
         Clock::time_point since;
     };
 
-    // Moves the connections of the parent to a separate list in a forked child. The child must not
-    // close a connection of the parent, because that would end the parent's session.
+    // In a forked child, moves the backends of the parent process to a separate list, where they
+    // stay unused. The child must not close their connections, because that would end the sessions
+    // of the parent.
     void PutAsideAfterFork() {
         if (std::exchange(process_, getpid()) == process_) return;
         std::move(entries_.begin(), entries_.end(), std::back_inserter(of_other_processes_));

@@ -11,9 +11,9 @@ namespace quarn2::ftp {
 enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFailed };
 
 // Classifies a reply by its code, and by its text if the code is ambiguous. Returns kUnauthorized
-// and kNoRoom only if the reply has no other possible meaning, because the program deletes files
-// when the meaning is kUnauthorized and deletes old backups when it is kNoRoom. A refusal without a
-// reason (550, 451) is kFailed or kUnavailable.
+// and kNoRoom only if the reply has no other possible meaning, because for kUnauthorized the
+// program abandons the upload and deletes the local file, and for kNoRoom it deletes old backups. A
+// refusal without a reason (550, 451) is kFailed or kUnavailable.
 Meaning MeaningOf(const Reply& reply);
 
 // Returns the error kind that the backend throws for a refusal. A full storage has no error kind of

@@ -51,7 +51,7 @@ class Transcript {
     std::vector<Reply> replies_;
     std::string open_;  // the lines received so far of an incomplete reply
     bool is_leaving_ = false;
-    std::string login_;  // Clear keeps the login, because later transfers reuse it
+    std::string login_;  // Clear keeps the user's name, because the login is not repeated
     std::string argument_;
     std::string previous_argument_;
 };

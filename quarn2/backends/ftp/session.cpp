@@ -153,8 +153,8 @@ void Session::SetUp(const std::string& url, bool upload, bool body, const Around
     offset_ = 0;
 }
 
-// Returns true if the server had closed the kept control connection, with or without a 421, before
-// it replied to the first command of this operation.
+// Returns true if the server closed the kept control connection, with or without a 421, before it
+// replied to any command of this operation.
 bool Session::IsStale(CURLcode code) const {
     const std::vector<Reply>& replies = transcript_.replies();
     const auto first = std::find_if(replies.begin(), replies.end(),

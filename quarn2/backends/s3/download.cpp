@@ -40,8 +40,8 @@ struct ContentRange {
     std::int64_t size = 0;  // the size of the complete file
 };
 
-// Parses the value of a Content-Range header, such as "bytes 0-99/1000". Returns nullopt if it is
-// invalid.
+// Parses the value of a Content-Range header, such as "bytes 0-99/1000". Returns nullopt for an
+// invalid value.
 std::optional<ContentRange> ParseRange(std::string text) {
     if (str::GetWord(text, " ") != "bytes") return std::nullopt;
     const std::optional<std::int64_t> offset = Number(str::GetWord(text, "-"));

@@ -159,8 +159,8 @@ void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
 }
 
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
-    // If the first attempt takes longer than this, there is no second attempt, because it would
-    // probably take as long.
+    // If the first attempt takes longer than this, no second attempt to abort the upload is made,
+    // because it would probably take as long.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = kro_date::SteadyClock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -16,8 +16,8 @@ struct Account {
     std::string host;
     std::uint16_t port = 22;
     std::string user;
-    std::string password;          // empty: none
-    std::string key_file;          // empty: none
+    std::string password;          // empty: no password
+    std::string key_file;          // empty: no key file
     std::string known_hosts_file;  // empty: the known_hosts files of the user and of the system
     int timeout = 60;              // seconds without progress until an operation fails
 };

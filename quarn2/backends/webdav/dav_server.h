@@ -50,7 +50,8 @@ class DavServer {
     // Throws kNotFound if the storage's directory does not exist.
     void CheckRoot();
 
-    // Sends a request without a body and returns the response, whatever its status is.
+    // Sends a request without a body and returns the response, even if it has an error status.
+    // `headers` are sent in addition to the usual headers.
     net::HttpReply Do(const std::string& method, const std::string& url,
                       std::vector<std::string> headers = {});
     net::HttpReply Do(net::HttpRequest request);

@@ -92,8 +92,9 @@ class Storage {
     // before it relies on the files.
     void DeferSync(bool deferred) noexcept { sync_deferred_ = deferred; }
 
-    // With `allowed`, and with a token without arch_password, Download writes an encrypted file to
-    // the disk without decryption. Otherwise Download refuses such a file.
+    // Determines how Download handles an encrypted file if the token has no arch_password. With
+    // `allowed`, Download writes the file without decryption. By default, Download throws
+    // kUnauthorized.
     void AllowCiphertext(bool allowed) noexcept { ciphertext_allowed_ = allowed; }
 
     // Returns "NAME SIZE", or "NAME SIZE HASH" when the storage encrypts: the name under which a

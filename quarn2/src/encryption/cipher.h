@@ -1,5 +1,5 @@
-// The cryptographic operations that the encryption uses. They hide the cryptographic library from
-// the rest of the program.
+// The cryptographic operations that the encryption uses. Code that uses them does not depend on the
+// cryptographic library.
 #pragma once
 
 #include <array>

@@ -136,7 +136,8 @@ class DecryptingSink final : public ByteSink {
         }
     }
 
-    // Decrypts the last chunk. Must be called after the last Write.
+    // Must be called after the last Write. Decrypts the last chunk, or writes a plain file that is
+    // shorter than a header.
     void Finish() {
         if (!cipher_ && !passing_ && held_.size() == kHeaderSize && BeginsAsHeader())
             TakeHeld(false);

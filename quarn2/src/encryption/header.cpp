@@ -27,8 +27,8 @@ constexpr std::size_t kCheckSize = 8;
 constexpr std::size_t kCodeAt = 52;
 constexpr std::size_t kCodeSize = kHeaderSize - kCodeAt;
 
-// The scrypt parameters for new files. A key derivation takes 64 MiB of memory and about 0.1
-// seconds.
+// The scrypt parameters for new files. The derivation of a key takes 64 MiB of memory and somewhat
+// more than 0.1 seconds.
 constexpr KeyCost kCost = {16, 8, 1};
 constexpr std::uint8_t kChunkBits = 16;
 

@@ -1,4 +1,5 @@
-// libcurl, loaded when it is first needed. Only quarn2/src/net and the FTP storage call libcurl.
+// The functions of libcurl, which the program loads when it is first needed. Only quarn2/src/net
+// and the FTP storage call libcurl.
 #pragma once
 
 #include <curl/curl.h>

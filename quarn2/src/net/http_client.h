@@ -56,7 +56,8 @@ struct HttpRequest {
     bool waits_for_invitation = true;  // sends "Expect: 100-continue" for a large body
 };
 
-// The result of a request. `error` is null if the server sent a response, whatever its status is.
+// The result of a request. `error` is null if the server sent a response, even with an error
+// status.
 struct HttpResult {
     HttpReply reply;
     std::exception_ptr error;
@@ -73,9 +74,9 @@ class HttpClient {
     HttpClient(const HttpClient&) = delete;
     HttpClient& operator=(const HttpClient&) = delete;
 
-    // Sends a request and returns the response, whatever its status is. Throws kUnavailable if the
-    // server does not respond, and kUnauthorized if its certificate is not trusted. Rethrows
-    // exceptions of the request's body and sink.
+    // Sends a request and returns the response with any status, including error statuses. Throws
+    // kUnavailable if the server does not respond, and kUnauthorized if its certificate is not
+    // trusted. Rethrows exceptions of the request's body and sink.
     HttpReply Do(HttpRequest request);
 
     // Starts a request without waiting for the response. Wait(), Pump() or Do() calls `done` when
