@@ -1,7 +1,7 @@
-"""Steps, as plain data, and what each does to a world and to the record of what was acknowledged.
+"""Executes the steps of a scenario and records the results of their commands.
 
-A step is a dict whose "do" names a method of Player. Steps that make no sense in the state that they
-meet do nothing, so that any part of a list of steps is a list of steps.
+A step is a dict. Its key "do" selects a method of Player: the step {"do": "kill"} calls do_kill(). A step that is
+impossible in the current state does nothing. So steps can be removed from a list, and the rest can still be played.
 """
 
 import os
@@ -13,16 +13,16 @@ from world import Violation, World
 
 
 class Outcome:
-    """What a step did."""
+    """The results of one step."""
 
     def __init__(self, world):
-        self.limits = [world.limits] if world.limits else []  # of all servers that took part
+        self.limits = [world.limits] if world.limits else []  # the limits of each server that ran during the step
         self.struck = False
-        self.results = []  # (arguments, exit status, standard error)
+        self.results = []  # (arguments, exit status, standard error) of each command
         self.asked_bytes = 0
-        self.put = False  # a reservation was granted to a command that was acknowledged
-        self.completed = None  # the run whose last file was acknowledged
-        self.started = False  # a server has started
+        self.put = False  # True after a --put command has succeeded
+        self.completed = None  # the Run whose last --put has succeeded
+        self.started = False  # True after the step has started a server
 
     @property
     def failed(self):
@@ -34,14 +34,15 @@ class Player:
         self.world = world()
         self.judge = Judge(self.world)
         self.runs = 0
-        self.noted = set()  # (user, date) of complete backups that are listed for removal
+        self.noted = set()  # (user, date) of complete backups that .cleanup lists
         self.out = None
 
     def close(self):
         self.world.close()
 
     def play(self, steps, finish):
-        """Raises Violation. `self.number` is the number of the step that failed, from 1."""
+        """Plays the steps, then finish() if `finish` is true. Raises Violation at the first broken promise.
+        `self.number` is then the number of the failed step, counted from 1."""
         self.number = 0
         for self.number, step in enumerate(steps, 1):
             self.step(step)
@@ -89,7 +90,7 @@ class Player:
         self.world.kill(step["who"])
 
     def known(self):
-        """The number of finished backups in the info root."""
+        """Returns the number of finished backups in the info root."""
         return sum("finished" in (fields_of(os.path.join(folder, name)) or ())
                    for folder, _, names in os.walk(self.world.root.info_root)
                    for name in names if name.endswith(".info"))
@@ -110,14 +111,15 @@ class Player:
         return run
 
     def may_be_careless(self, run):
-        """Slices of an interrupted job count for the next one, which may be the same job going on."""
+        """Returns whether the job may leave out slices. It may not after an interrupted run with slices of the same
+        names: the program cannot distinguish a new run from the continuation, and counts the stored slices."""
         names = set(map(run.stored_name, run.slices))
         earlier = next((each for each in reversed(self.judge.runs)
                         if names & set(map(each.stored_name, each.slices))), None)
         return earlier is None or self.judge.acked.get(earlier.key) is earlier
 
     def do_past(self, step):
-        """A backup of an earlier day is there, complete."""
+        """Creates a complete backup of an earlier day without the program."""
         if self.world.server is None and not os.path.isdir(self.world.away) \
                 and (step["user"], step["date"]) not in self.judge.latest:
             run = self.new_run(step)
@@ -129,7 +131,8 @@ class Player:
             self.go(self.new_run(step), step.get("stop"))
 
     def is_late(self, step):
-        """A full backup that would come between an earlier one and the dailies that rest on it."""
+        """Returns True when the user has a later complete backup, and the job does not repeat a backup with the same
+        kind. A full backup made by such a job could be dated between an earlier full backup and its dailies."""
         user, date = step["user"], step["date"]
         if step["kind"] == "custom" or not any(
                 key[0] == user and date < key[1] != "custom" for key in self.judge.complete):
@@ -139,7 +142,7 @@ class Player:
         return latest is None or latest.kind != kind
 
     def do_go(self, step):
-        """The job of a backup goes on where it stopped; a command that failed is repeated."""
+        """Continues an interrupted job. Repeats the command that failed. With `slices`, stops after the last slice."""
         run = self.judge.latest.get((step["user"], step["date"]))
         if run and run.done < len(run.commands()):
             slices_left = len(run.slices) - run.done
@@ -149,7 +152,8 @@ class Player:
                 self.go(run, slices_left)
 
     def do_lose(self, step):
-        """Another program removes the last slice of a job whose slices are all stored."""
+        """Removes the last slice from the storage, as another program could. Does nothing unless all slices of the
+        job are stored and its last file is not."""
         run = self.judge.latest.get((step["user"], step["date"]))
         if run and run.done == len(run.slices):
             try:
@@ -165,7 +169,7 @@ class Player:
                 run.done += 1
                 continue
             if not is_last and not os.path.exists(arguments[-1]):
-                return  # its upload was abandoned or acknowledged, and the job knows of none
+                return  # the program has stored or abandoned the slice without the knowledge of the job
             if is_last:
                 if not self.make_index(run):
                     return
@@ -182,7 +186,7 @@ class Player:
 
     @staticmethod
     def make_index(run):
-        """False when the info root has no space for it."""
+        """Writes the index. Returns False when the info root has no space for it."""
         try:
             os.makedirs(run.info_folder, exist_ok=True)
             run.write_index()
@@ -191,8 +195,8 @@ class Player:
             return False
 
     def do_note(self, step):
-        """The job is given up: its files are listed for removal, as a job would. `late`: by mistake
-        one that is complete is listed."""
+        """Adds the files of an interrupted backup to the removal list .cleanup, as a job script does. With `late`,
+        adds the files of a complete backup, which is a mistake."""
         run = self.judge.latest.get((step["user"], step["date"]))
         if self.world.disks["var"].is_full or run is None:
             return
@@ -214,7 +218,8 @@ class Player:
         os.chmod(path, 0o600)
 
     def release_day(self, run):
-        """The archives of a full and a custom backup of one day have the same prefix."""
+        """Cancels the promises for all unfinished backups of the run's user and day. .cleanup lists files by prefix,
+        and the archives of a full and a custom backup of one day have the same prefix."""
         for other in list(self.judge.latest.values()):
             if (other.user, other.date) == (run.user, run.date) and other.done < len(other.commands()):
                 self.judge.release(other.key)
@@ -253,7 +258,8 @@ class Player:
     # --- The storage ---
 
     def do_unmount(self, step):
-        """`how`: "missing", or "empty", which is seen by servers that start afterwards only."""
+        """Renames the storage directory, as if its disk were unmounted. If `how` is "empty" and no server runs, creates
+        an empty directory in its place."""
         how = step["how"] if self.world.server is None else "missing"
         self.world.unmount(how)
 
@@ -263,7 +269,7 @@ class Player:
         self.world.mount()
 
     def do_fill(self, step):
-        """`what`: "storage", or "var" or "tmp" of the install root."""
+        """Fills a disk. `what` is "storage", or the install root's "var" or "tmp"."""
         self.world.disks[step["what"]].fill()
 
     def do_room(self, _):
@@ -273,7 +279,7 @@ class Player:
     # --- The machine ---
 
     def do_password(self, step):
-        """Another `arch_password` in the token of what starts from now on."""
+        """Changes `arch_password` in the token of all commands and servers that start later."""
         self.world.password = step["to"]
 
     def do_clock(self, step):
@@ -282,7 +288,8 @@ class Player:
     # --- The end of a week ---
 
     def finish(self):
-        """All trouble is over: every job that failed is repeated, and succeeds."""
+        """Ends all failures, starts a server and repeats every job that failed. Raises Violation when the server does
+        not start or a repeated job fails."""
         self.step({"do": "room"})
         self.step({"do": "mount"})
         self.step({"do": "release"})
@@ -302,7 +309,7 @@ class Player:
         self.judge.check_outside()
 
     def repair(self):
-        """What the program's messages ask for after an interrupted clear or rescan."""
+        """Runs the command that the program requests after an interrupted clear or rescan."""
         info_root = self.world.root.info_root
         if os.path.exists(os.path.join(info_root, ".clear")):
             self.step({"do": "clear"})

@@ -1,4 +1,4 @@
-"""What a job makes: the names, the content and the commands of one run of one backup."""
+"""The simulated backup jobs: the file names, contents and commands of each run."""
 
 import datetime
 import os
@@ -11,13 +11,13 @@ USERS = sorted(FORMS)
 
 
 def week_of(date):
-    """The first day of the week, a Sunday."""
+    """Returns the first day of the date's week, a Sunday."""
     day = datetime.date.fromisoformat(date)
     return (day - datetime.timedelta(day.isoweekday() % 7)).isoformat()
 
 
 def fields_of(path):
-    """The entries of an info file; None when there is none, or none that can be read."""
+    """Returns the entries of an info file, or None when the file is missing or malformed."""
     try:
         with open(path, encoding="utf-8") as file:
             return dict(line.split("=", 1) for line in file.read().split("\n") if line)
@@ -26,7 +26,7 @@ def fields_of(path):
 
 
 def has_length_of(cipher, plain):
-    """Whether a stored file can be the encrypted form of a file of this many bytes."""
+    """Returns whether the bytes `cipher` can be an encrypted file whose original size is `plain`."""
     head, tag, chunk = 64, 16, 65536
     return cipher.startswith(b"QN2ENC1\n") and len(cipher) == head + plain + tag * (-(-plain // chunk))
 
@@ -40,7 +40,7 @@ def content_of(path):
 
 
 class Run:
-    """One run of a job. The next run of the same backup has the same names and other content."""
+    """One run of a backup job. Another run for the same backup uses the same file names with other contents."""
 
     def __init__(self, root, number, step, base):
         self.number = number
@@ -57,13 +57,13 @@ class Run:
         self.careless = step.get("careless")
         self.is_foreign = step.get("foreign", False)
         self.contents = {}  # stored name -> bytes
-        self.sources = {}  # path of a slice that was made -> its stored name
-        self.passwords = {}  # stored name -> with which it was put last
-        self.plain_sizes = {}  # stored name -> bytes, of encrypted files that were not found yet
+        self.sources = {}  # path of each slice that the job has written -> its stored name
+        self.passwords = {}  # stored name -> arch_password of its latest --put
+        self.plain_sizes = {}  # stored name -> original size, until find_encrypted() has read the encrypted content
         self.folder = os.path.join(root.work, f"r{number}", self.place)
         self.info_folder = os.path.join(root.info_root, self.place)
         self.make(step)
-        self.done = 0  # commands that were acknowledged
+        self.done = 0  # number of commands that succeeded or were skipped
         self.begun = False
 
     def make(self, step):
@@ -91,8 +91,8 @@ class Run:
         return (text * (size // len(text) + 1))[:max(size, len(text))]
 
     def is_skipped(self, path, failed):
-        """A careless job goes on without this slice. The info file says how many there are only when
-        the last one is put."""
+        """Returns whether a careless job continues without this slice. The job never skips the last slice, because
+        its --put writes the number of slices to the info file."""
         return path in self.slices[:-1] and (
             self.careless == "ignores" and failed or self.careless == "skips" and path == self.slices[0])
 
@@ -101,7 +101,7 @@ class Run:
 
     @property
     def identity(self):
-        """What "base" names this backup, if it is a full one."""
+        """The value of "base" in the info files of dailies made on this full backup."""
         return f"{self.place}F{self.date}.{self.user}.tgz"
 
     @property
@@ -113,7 +113,7 @@ class Run:
         return self.place + self.name + ".info"
 
     def commands(self):
-        """The argument lists of the job's commands; the last one puts the index and the info file."""
+        """Returns the argument list of each command. The last command puts the index and the info file."""
         keep = ["--no-delete"] if self.keeps else []
         made = [["--put", "--info-file", self.info, *keep,
                  "--last_slice" if path == self.slices[-1] else "--operation", path]
@@ -121,15 +121,15 @@ class Run:
         return [*made, ["--put", "--info-file", self.info, "--no-delete", "--isolated", self.index]]
 
     def note_password(self, path, password):
-        """A command is about to put this file."""
+        """Records the password and the size of a file before a command puts the file."""
         name = self.stored_name(path)
         self.passwords[name] = password
         if password:
             self.plain_sizes[name] = len(content_of(path))
 
     def find_encrypted(self, storage, earlier):
-        """Takes what the storage has as content of an encrypted file: only the program can make
-        it. `earlier`: the other runs of this backup, whose files are not this run's."""
+        """Reads the encrypted contents of this run from the storage, because only the program can encrypt. Ignores
+        files that belong to `earlier`, the other runs for this backup."""
         for name, size in list(self.plain_sizes.items()):
             stored = content_of(os.path.join(storage, name))
             is_other = any(run.contents.get(name) == stored for run in earlier)
@@ -141,7 +141,7 @@ class Run:
         write(self.index, self.index_text)
 
     def lay(self, storage):
-        """The complete backup, as the program would have left it."""
+        """Writes the complete backup to the storage and the info root, as the program would have done."""
         for path in self.slices:
             os.unlink(path)
         self.sources = {}
@@ -152,20 +152,20 @@ class Run:
         fields["finished"] = f"{self.date} 01:30:00"
         fields["duration"] = "1800"
         if self.is_foreign:
-            fields["deletion"] = "planned"  # another program's key
+            fields["deletion"] = "planned"  # a key of another program
         fields["last-slice"] = self.stored_name(self.slices[-1])
         text = ""
-        for _ in range(2):  # the size counts its own digits, three or four of them
+        for _ in range(2):  # the number of digits of the size is part of the size
             fields["size"] = str(self.bytes + len(text))
             text = "\n".join(f"{key}={fields[key]}" for key in sorted(fields))
         for path in (os.path.join(storage, self.info_name), self.local_path):
             write(path, text)
         self.done = len(self.slices) + 1
 
-    # --- What is left of it ---
+    # --- The files on the storage ---
 
     def missing(self, storage):
-        """Stored names that do not have this run's content."""
+        """Returns the names of the files that are missing on the storage or have other contents than in this run."""
         names = [name for name, data in self.contents.items()
                  if content_of(os.path.join(storage, name)) != data]
         info = fields_of(os.path.join(storage, self.info_name))
@@ -178,7 +178,7 @@ class Run:
 
     @property
     def local_path(self):
-        """Of the info file in the info root."""
+        """The path of the info file in the info root."""
         return os.path.join(self.info_folder, self.name + ".info")
 
     def local_info(self):

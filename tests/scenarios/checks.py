@@ -1,4 +1,7 @@
-"""The record of what commands acknowledged, and the promises that are checked against it."""
+"""Records which backups the commands have acknowledged, and checks after each step that the program kept its promises.
+
+The keys of backups are (user, date). The date of a custom backup is "custom".
+"""
 
 import os
 import re
@@ -7,7 +10,7 @@ from backups import content_of, week_of
 from world import Violation
 
 COUNTED = re.compile(r"Add \S+ backup (\S+)\.info\. new used|Custom backup (\S+)\.info size")
-# A stored slice was removed again in the same step.
+# Log lines of a step that removed stored slices.
 REMOVED = re.compile(r"Remove the slices of|Delete file|Delete '|Clear all storage|Evict backup|"
                      r"Finish the deletion")
 GRANTED = re.compile(r"SaveResult result = 'OK \d")
@@ -17,41 +20,41 @@ class Judge:
     def __init__(self, world):
         self.world = world
         self.latest = {}  # (user, date) -> the latest run of the job
-        self.acked = {}  # (user, date) -> the run whose last file was acknowledged
+        self.acked = {}  # (user, date) -> the run whose last --put succeeded
         self.runs = []
-        self.complete = {}  # key -> run of the backups that were complete after the previous step
-        self.session = set()  # keys of those that were completed while this server runs
+        self.complete = {}  # (user, date) -> run, for the backups that were complete after the previous step
+        self.session = set()  # (user, date) of the backups that were completed while the current server runs
         self.used = 0  # bytes on the storage after the previous step
-        self.pending = 0  # bytes that were asked for since the last completion
+        self.pending = 0  # bytes that --put commands requested since the last completed backup
         self.log = ""
         self.has_log = True
-        self.has_ledger = True  # until an entry could not be written
+        self.has_ledger = True  # False after the program has failed to write a ledger entry
 
     def add(self, run):
         self.latest[run.key] = run
         self.runs.append(run)
 
     def release(self, key):
-        """The user or a rule has removed this backup, so no promise holds for it any more."""
+        """Cancels the promises for this backup, because the user or a rule has removed it."""
         self.acked.pop(key, None)
 
     def base_for(self, user, date):
-        """The full backup on which a daily of this date is made: the newest of its week."""
+        """Returns the base of a daily of this date: the user's newest full backup of the week, or None."""
         fulls = {key: run for key, run in self.find_complete().items()
                  if key[0] == user and week_of(date) <= key[1] <= date and run.kind == "full"}
         newest = max(fulls, default=None)
-        # The repeated job of a full backup makes a full one again: as a daily it would rest on a full
-        # backup that may be evicted.
+        # A repeated job of a full backup makes a full backup again. If it made a daily, that daily would need an
+        # earlier full backup, which the server may evict.
         return fulls[newest] if newest in self.acked and newest[1] < date else None
 
     def whole_run(self, key):
-        """The run whose files are all on the storage; None when there is none."""
+        """Returns the latest run of the backup whose files are all on the storage, or None."""
         storage = self.world.main_storage
         return next((run for run in reversed(self.runs)
                      if run.key == key and run.is_whole(storage)), None)
 
     def find_complete(self):
-        """The backups whose files are all on the storage: {key: run}."""
+        """Returns {(user, date): run} for the backups whose files are all on the storage."""
         found = {key: self.whole_run(key) for key in self.latest}
         return {key: run for key, run in found.items() if run}
 
@@ -63,8 +66,8 @@ class Judge:
 
     def check(self, step, out):
         self.log = self.world.new_log()
-        # A log that cannot be written says nothing.
-        # Without a size limit a storage that refuses data is asked again after each eviction.
+        # Without a size limit, the server evicts a backup each time the storage refuses data.
+        # While the disk of "var" is full, the log is incomplete.
         self.has_refused = self.world.disks["storage"].is_full or out.struck
         self.has_log = not self.world.disks["var"].is_full
         if not self.has_log or "Cant write 'var/quarn2_cp.ledger" in self.log:
@@ -120,7 +123,7 @@ class Judge:
         self.check_refused(step, out, removed)
 
     def is_replaced(self, run, missing):
-        """A later run of the job has put its own files in the place of these."""
+        """Returns whether a later run of the job has replaced the missing files by its own."""
         later = self.latest[run.key]
         if later is run or not later.begun:
             return False
@@ -129,14 +132,16 @@ class Judge:
         return bool(there) and all(name in there for name in missing)
 
     def is_forgotten(self, run):
-        """The info root has no finished info file of it."""
+        """Returns whether the info root lacks a finished info file for the run. Returns False while a rescan or clear
+        is unfinished."""
         info_root = self.world.root.info_root
         if any(os.path.exists(os.path.join(info_root, name)) for name in (".rescan", ".clear")):
             return False
         return "finished" not in (run.local_info() or ())
 
     def is_justified(self, key, run, out, complete):
-        """A rule of some server that took part allows the removal, and there was a reason."""
+        """Returns whether the rules allow a server of this step to evict the backup: it exceeded a limit or needed
+        space, the user has a later complete backup, and no complete daily needs the removed one."""
         user, date = key
         if date == "custom":
             return False
@@ -156,7 +161,7 @@ class Judge:
         return False
 
     def check_refused(self, step, out, removed):
-        """A request that was refused has removed nothing."""
+        """Checks that a step removed no backup if all its commands failed and the server granted no space."""
         away = os.path.isdir(self.world.away)
         if not removed or not out.failed or out.struck or away or not self.has_log \
                 or GRANTED.search(self.log):
@@ -165,7 +170,7 @@ class Judge:
                         f"nothing was granted: {out.results}")
 
     def check_sources(self):
-        """A slice leaves the job when it is stored, or when its upload was abandoned."""
+        """Checks that a local slice is removed only after it was stored or its upload was abandoned."""
         for run in self.latest.values():
             for path, name in list(run.sources.items()):
                 if os.path.exists(path):
@@ -185,7 +190,7 @@ class Judge:
                             f"{self.world.limits[0]}")
 
     def check_counted(self, complete):
-        """A server that has started counts complete backups, and every acknowledged one."""
+        """Checks that a server that has just started counts every acknowledged backup and no incomplete one."""
         counted = {one or other for one, other in COUNTED.findall(self.log)}
         for key in self.latest:
             name = f"{key[1]}.{key[0]}"

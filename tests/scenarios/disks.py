@@ -1,4 +1,4 @@
-"""Small file systems of a process's own, which a test can fill."""
+"""Mounts small file systems that a test can fill. Only the test process and its children see them."""
 
 import ctypes
 import os
@@ -11,7 +11,7 @@ _may_mount = False
 
 
 def prepare():
-    """Gives this process its own mounts. Without the right to do so, nothing can be filled."""
+    """Moves this process to its own mount namespace. Without the right to mount, Disk.fill() does nothing."""
     global _may_mount
     _may_mount = _libc.unshare(CLONE_NEWNS) == 0 \
         and _libc.mount(b"none", b"/", None, MS_REC | MS_PRIVATE, None) == 0
@@ -28,7 +28,7 @@ class Disk:
             b"none", os.fsencode(path), b"tmpfs", 0, f"size={megabytes}m".encode()) == 0
 
     def fill(self):
-        """From now on a write that needs another page fails."""
+        """Uses all free space, so that every later write that needs another page fails."""
         if not self.is_mounted or self.is_full:
             return
         self.is_full = True

@@ -1,4 +1,4 @@
-"""Random weeks. The same seed gives the same steps."""
+"""Generates random weeks: lists of steps for actions.py. The same seed gives the same steps."""
 
 import datetime
 import errno
@@ -7,7 +7,7 @@ import random
 from backups import USERS
 
 SUNDAY = datetime.date(2026, 11, 15)
-# What there was before, a letter for each day: full, incremental, or nothing.
+# The backups of one user before the week, one character per day: F full, I incremental, - no backup.
 PASTS = ["", "F", "FI", "FII", "FIII", "FFI", "FIFI", "FF", "F-F", "F-I", "FFF", "I", "II"]
 STRIKES = [("client", 5), ("command", 3), ("daemon", 3), ("caller", 1)]
 ACTIONS = ["kill_before", "kill_after", "torn", "fail", "fail"]
@@ -19,7 +19,7 @@ class Week:
         self.choice = random.Random(f"week {seed}")
         self.users = self.choice.sample(USERS, self.choice.randint(1, len(USERS)))
         self.today = SUNDAY + datetime.timedelta(self.choice.randint(2, 4))
-        self.made = []  # (user, date) of jobs
+        self.made = []  # (user, date) of the generated jobs
         self.size = self.pick_size()
         self.count = self.pick_count()
         self.steps = []
@@ -91,7 +91,8 @@ class Week:
             self.go_on()
 
     def go_on(self):
-        """What happens to an interrupted job before it goes on, and is served afterwards."""
+        """Continues an interrupted job. Before that, sometimes kills a process, removes a slice or restarts the
+        server. After that, sometimes restarts the server."""
         meanwhile = self.choice.choice(["nothing", "kill", "lose", "serve"])
         if meanwhile == "kill":
             self.kill()
@@ -181,7 +182,8 @@ class Week:
 
 
 def with_rare_steps(steps, choice):
-    """Changes of the token's password, which is slow to use, and of the machine's clock."""
+    """Inserts changes of the token's password and of the machine's clock into some weeks. Password changes are rare,
+    because encryption with a password is slow."""
     for rate, do, name, values in [(0.04, "password", "to", ["one", "two", None]),
                                    (0.1, "clock", "ahead", [True, False])]:
         if choice.random() >= rate:

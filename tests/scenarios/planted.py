@@ -1,4 +1,4 @@
-"""Faults planted behind the program's back, each of which the checks must find."""
+"""Simulates faults of the program, and checks that checks.py detects each of them."""
 
 import os
 import subprocess
@@ -100,14 +100,14 @@ class Outside(World):
         return super().start_server(step)
 
 
-# world, promise that it breaks, a change of the week's server options
+# (world with the fault, promise that the fault breaks, changed server options)
 PLANTED = [(Dropped, "bad-complete", {}), (Deleted, "lost", {}), (Altered, "lost", {}),
            (TooMuch, "lost", {}), (LostSource, "source", {}), (Orphans, "space", {"size": 3500}),
            (Refused, "blocked", {}), (Outside, "outside", {})]
 
 
 def self_check(play):
-    """Texts about planted faults that were not found. `play(steps, world)` as in run.py."""
+    """Returns a text for each simulated fault that the checks did not detect. `play` is the function of run.py."""
     problems = []
     for world, kind, changes in PLANTED:
         steps = [{**step, **changes} if step["do"] == "serve" else step for step in WEEK]

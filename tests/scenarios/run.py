@@ -20,7 +20,7 @@ import tempfile
 import time
 import traceback
 
-from world import RealTime, Violation, World, prepare  # first: it makes the harness of the system tests known
+from world import RealTime, Violation, World, prepare  # first: it adds ../system to sys.path
 import harness
 from actions import Player
 from generate import generate
@@ -29,7 +29,7 @@ from shrink import shrink
 
 
 def play(steps, world=World, finish=True):
-    """None, or (kind, text, number of the step)."""
+    """Plays the steps. Returns None, or (kind, text, number of the step) of the first broken promise."""
     player = Player(world)
     try:
         player.play(steps, finish=finish)
@@ -40,11 +40,11 @@ def play(steps, world=World, finish=True):
         player.close()
 
 
-STOPPED = multiprocessing.Event()  # no further week begins
+STOPPED = multiprocessing.Event()  # set when no further week may begin
 
 
 def play_seed(arguments):
-    """(seed, seconds, report or None); None when the week was not played."""
+    """Plays the week of a seed. Returns (seed, seconds, report or None). Returns None if STOPPED was set before."""
     seed, world, shrinks = arguments
     if STOPPED.is_set():
         return None
@@ -59,7 +59,7 @@ def play_seed(arguments):
 
 
 def subject_of(text):
-    """The backup that a report is about, so that no other loss is taken for the same one."""
+    """Returns the backup DATE.USER that a report names. Reports about different backups are different losses."""
     found = re.search(r"\b(\d{4}-\d\d-\d\d|custom)\.u\d", text)
     return found and found[0]
 

@@ -1,8 +1,9 @@
-"""The shortest list of steps that still breaks the same promise."""
+"""Shortens a list of steps as long as the list still breaks the same promise."""
 
 
 def shrink(steps, fails, budget=150):
-    """`fails(steps)` is true when the list breaks the promise. Tries at most `budget` lists."""
+    """Returns the shortened list. `fails(steps)` returns whether a list breaks the promise; it is called at most
+    `budget` times."""
     tries = [budget]
 
     def still(candidate):
@@ -31,7 +32,7 @@ def without_steps(steps, still):
 
 
 def simpler(step):
-    """Simpler forms of a step."""
+    """Yields simpler variants of a step."""
     for name in ("strike", "stop", "keep", "force", "token", "rescan"):
         if name in step:
             yield {key: value for key, value in step.items() if key != name}

@@ -1,4 +1,4 @@
-"""Runs the installed program with its storage, and makes failures happen to both. checks.py judges the results."""
+"""Runs the installed program with a storage, and injects failures into both. checks.py checks the results."""
 
 import os
 import select
@@ -19,13 +19,13 @@ CLOCK_AHEAD = os.environ.get("QUARN2_CLOCK_AHEAD")
 
 
 def prepare():
-    """What a process needs before its first world."""
+    """Prepares this process. Must be called before the first World is created."""
     harness.adopt_orphans()
     prepare_disks()
 
 
 class Violation(Exception):
-    """A broken promise. `kind` says which one."""
+    """Raised when the program breaks a promise. `kind` is the name of the promise in docs/reliability/scenarios.md."""
 
     def __init__(self, kind, text):
         super().__init__(f"{kind}: {text}")
@@ -33,13 +33,13 @@ class Violation(Exception):
 
 
 class Folder:
-    """What harness.Root expects of a test."""
+    """Provides the folder and the methods that harness.Root expects of a test case."""
 
     def __init__(self):
         base = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
         self.folder = tempfile.mkdtemp(prefix="scenario-", dir=base)
 
-    def addCleanup(self, *_):  # the name is the test framework's
+    def addCleanup(self, *_):  # a method name of unittest
         pass
 
     def remove(self):
@@ -47,9 +47,9 @@ class Folder:
 
 
 class World:
-    """One machine, its storage and its server."""
+    """A simulated machine with its storage and its server."""
 
-    # What takes longer is blocked, in seconds: the pauses of the program are cut short.
+    # Seconds after which a command counts as blocked. The program's own pauses are shortened.
     patience = 30
 
     def __init__(self):
@@ -62,12 +62,12 @@ class World:
         self.other = os.path.join(self.root.base, "other")
         os.makedirs(self.other)
         harness.write(os.path.join(self.root.base, "outside/file"), "not the program's")
-        self.server = None  # the process that holds the server
-        self.password = None  # in the token of commands and servers that start from now on
-        self.uploads_with = None  # the password of the running server's node client
-        self.is_ahead = False  # the clock, by two days, for processes that start from now on
+        self.server = None  # the --server process that keeps the server running
+        self.password = None  # arch_password of commands and servers that start from now on
+        self.uploads_with = None  # arch_password of the running server's node client
+        self.is_ahead = False  # True: new processes have a clock that is two days ahead
         self.daemon = None
-        self.limits = None  # of the running server: (size, fulls, dailies, date)
+        self.limits = None  # (size, fulls, dailies, date) of the running server
         self.log_at = 0
         self.settle_all()
 
@@ -111,7 +111,7 @@ class World:
         return changes
 
     def run(self, *arguments, token=None):
-        """The result of a command; one that blocks is a violation."""
+        """Runs a command. Returns (exit status, standard error). Raises Violation when the command blocks."""
         process = self.root.spawn(*arguments, env=self.environment(token), stdin=subprocess.DEVNULL,
                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
         try:
@@ -129,7 +129,7 @@ class World:
                        lasting=strike.get("lasting", False)), (strike["role"],))
 
     def disarm(self):
-        """True when the strike has hit."""
+        """Ends the fault injection. Returns whether a fault was injected."""
         struck = self.faults.struck > 0
         self.faults.write(Strike(), ())
         return struck
@@ -137,7 +137,7 @@ class World:
     # --- The server ---
 
     def start_server(self, step):
-        """True when the server is ready."""
+        """Starts a server. Returns whether the server is ready."""
         self.uploads_with = self.password
         arguments = ["--date", step["date"], "--size-limit", str(step["size"]),
                      "--count-limit", step["count"]]
@@ -168,7 +168,7 @@ class World:
             return None
 
     def release_server(self):
-        """Lets the server go and waits until no process is left; standard error of its caller."""
+        """Releases the server and waits until no process is left. Returns the --server command's standard error."""
         errors = b""
         if self.server is not None:
             try:
@@ -235,7 +235,8 @@ class World:
                 return False
 
     def ask_client(self):
-        """An empty command is answered when the one before it has ended, whose process may be gone."""
+        """Sends an empty command to the node client and waits for the answer. The client answers only after it has
+        ended the previous command, even if the process of that command was killed."""
         end = time.monotonic() + 1
         while time.monotonic() < end and self.serves():
             with socket.socket(socket.AF_UNIX) as peer:
@@ -252,9 +253,9 @@ class World:
             time.sleep(0.005)
 
     def settle(self):
-        """Waits until no command and no upload runs. After the death of the server, until its client is gone."""
+        """Waits until no command and no upload runs. If the server was killed, waits for its node client to end."""
         if self.server and self.server.poll() is not None:
-            self.release_server()  # nothing holds the server, so it ends
+            self.release_server()  # its --server process has ended, so the server ends too
         if not self.serves():
             self.daemon = None
             self.limits = None
@@ -269,7 +270,7 @@ class World:
             time.sleep(0.002)
 
     def settle_all(self, but=()):
-        """Waits until all processes of the program are gone."""
+        """Waits until all processes of the program have ended, except the pids in `but`."""
         end = time.monotonic() + self.patience
         while True:
             left = [pid for pid in harness.children() if pid not in but]
@@ -283,7 +284,7 @@ class World:
 
     @property
     def main_storage(self):
-        """Where the storage's files are, mounted or not."""
+        """The directory that contains the storage's files. unmount() renames it."""
         return self.away if os.path.isdir(self.away) else self.storage
 
     def unmount(self, how):
@@ -299,7 +300,7 @@ class World:
             os.rename(self.away, self.storage)
 
     def used(self):
-        """Bytes of the files on the storage without the temporary ones."""
+        """Returns the total size of the files on the storage in bytes, temporary files excluded."""
         total = 0
         for directory, _, names in os.walk(self.main_storage):
             for name in names:
@@ -310,7 +311,7 @@ class World:
     # --- The log ---
 
     def new_log(self):
-        """The log's text since the last call."""
+        """Returns the text that was logged since the previous call."""
         try:
             with open(self.root.file("var/quarn2_cp.log"), "rb") as log:
                 log.seek(self.log_at)
@@ -322,7 +323,8 @@ class World:
 
 
 class RealTime(World):
-    """Nothing is cut short, so nothing strikes: both are the work of one library."""
+    """A World with the program's own pauses. It injects no faults, because the library that would inject them also
+    shortens the pauses."""
 
     patience = 300
 
