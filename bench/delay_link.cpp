@@ -31,7 +31,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t kLargestPacket = 65536;
-// A lane drops packets beyond this limit, as a router does for a slow receiver.
+// Beyond this limit a lane discards packets, as a router does for a slow receiver.
 constexpr std::size_t kMostQueuedBytes = std::size_t{64} << 20;
 
 [[noreturn]] void Fail(const std::string& what) {
@@ -64,7 +64,7 @@ class Lane {
   public:
     Lane(int from, int to, Clock::duration delay) : from_(from), to_(to), delay_(delay) {}
 
-    // Queues all packets that the device has.
+    // Reads all available packets from the device and queues them.
     void Receive() {
         for (;;) {
             const ssize_t size = read(from_, buffer_.data(), buffer_.size());

@@ -1,5 +1,5 @@
-// Measures the account of a large storage: memory, an eviction pass, a reservation and a
-// completion.
+// Measures the server's accounting for a large storage: memory, an eviction pass, a reservation and
+// a completion.
 #include <benchmark/benchmark.h>
 #include <malloc.h>
 #include <unistd.h>
@@ -18,7 +18,7 @@
 
 namespace {
 
-// The first argument of the program replaces it, unless that is an option.
+// Number of users. The first argument of the program replaces it, unless that is an option.
 int users = 100'000;
 constexpr int kRecordsEach = 10;
 constexpr std::int64_t kRoom = std::int64_t{1} << 60;
@@ -35,8 +35,8 @@ std::string DateName(int number) {
     return text.data();
 }
 
-// Fills the account like a start-up scan: each user has a full backup every seven days and
-// incremental ones in between.
+// Adds backups to the accounting like a start-up scan: each user has a full backup every seven days
+// and incremental ones in between.
 void Fill(GlobalSizeControl& control) {
     control.size_limit = kRoom;
     control.max_count = kRecordsEach;
@@ -75,7 +75,7 @@ void BM_EvictionPlan(benchmark::State& state) {
 }
 BENCHMARK(BM_EvictionPlan)->Unit(benchmark::kMillisecond);
 
-// Plans the eviction and removes the victims from the account: a complete pass without the
+// Plans the eviction and removes the victims from the accounting: a complete pass without the
 // operations on the storage.
 void BM_EvictionPass(benchmark::State& state) {
     for ([[maybe_unused]] auto _ : state) {
@@ -157,7 +157,7 @@ void Complete(benchmark::State& state, std::int64_t stride) {
 void BM_CompleteInOrder(benchmark::State& state) { Complete(state, 1); }
 BENCHMARK(BM_CompleteInOrder)->Unit(benchmark::kNanosecond);
 
-// Completes backups of users from all over the account, so that hardly any of it is in the
+// Completes backups of users in a scattered order, so that hardly any of their records are in the
 // processor's cache.
 void BM_CompleteAtRandom(benchmark::State& state) { Complete(state, 7919); }
 BENCHMARK(BM_CompleteAtRandom)->Unit(benchmark::kNanosecond);

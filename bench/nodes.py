@@ -49,7 +49,7 @@ def put_times(machine):
     path = write(os.path.join(machine.work, "F2026-03-01.web1.1.dar"), os.urandom(1024))
     times = []
     for number in range(PUTS + 10):
-        # Waits for the end of the previous upload. Otherwise the next --put of the backup would wait for it.
+        # Waits for the end of the upload. Without this pause, the next --put of the backup would wait for the upload.
         time.sleep(0.05)
         begin = time.perf_counter()
         result = machine.run("--put", "--no-delete", path)

@@ -1,7 +1,7 @@
 """Two networks, one for the server and one for the clients, with a delayed link between them.
 
 In both networks, the server has the address 127.0.0.1, because both ends of the link translate addresses.
-So certificates, host keys and the addresses in the server's replies are the same as without the link.
+Therefore the certificates, host keys and addresses in the server's replies are the same as without the link.
 """
 
 import subprocess

@@ -46,14 +46,14 @@ class Bounds {
   private:
     static constexpr int kClockFactor = 6;
 
-    // Of all threads.
+    // Returns the processor time of all threads of the process.
     static std::chrono::nanoseconds ProcessorTime() {
         timespec time{};
         EXPECT_EQ(clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &time), 0);
         return std::chrono::seconds(time.tv_sec) + std::chrono::nanoseconds(time.tv_nsec);
     }
 
-    // In KiB.
+    // Returns an entry of /proc/self/status, in KiB.
     static long Status(const std::string& name) {
         std::ifstream status("/proc/self/status");
         std::string word;
@@ -72,8 +72,8 @@ class Bounds {
     long before_ = 0;
 };
 
-// Returns the text of the error that `deed` throws. The text must not contain the secret that these
-// tests log in with.
+// Calls `deed` and returns the text of the kro_err::Error that it throws. Fails the test if the
+// text contains the password of the test's token.
 template <class Deed>
 std::string ErrorOf(const Deed& deed) {
     try {

@@ -1,4 +1,5 @@
-// The wrapped calls (see fault_points.h), each under all its names in the C library.
+// The wrappers of the C library functions that are fault points (see fault_points.h). Each function
+// is wrapped under all of its names in the C library.
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -36,7 +37,7 @@ Function* Next(const char* name) {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-// Makes a call that succeeds or fails as a unit. Returns `failed` for kFail.
+// Makes a call that transfers no data. Returns `failed` if the selected action is kFail.
 template <class Call, class Result>
 Result Point(Kind kind, const char* name, Place place, Result failed, const Call& call) {
     const Action action = Reach(kind, name, place);
@@ -48,7 +49,7 @@ Result Point(Kind kind, const char* name, Place place, Result failed, const Call
 
 constexpr std::size_t kPage = 4096;
 
-// Makes a call that transfers data. kShort and kTorn make it transfer less.
+// Makes a call that transfers data. The actions kShort and kTorn transfer only a part of the data.
 template <class Call>
 ssize_t Transfer(Kind kind, const char* name, int fd, std::size_t size, const Call& call) {
     const Action action = Reach(kind, name, {nullptr, fd});

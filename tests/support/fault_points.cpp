@@ -21,7 +21,7 @@ Role role = Role::kCommand;
 
 bool Has(std::uint32_t set, std::uint32_t bit) noexcept { return (set & bit) != 0; }
 
-// argv[1] decides: "--server", "--client" or any other.
+// Derives the role of the process from argv[1]: "--server", "--client" or another command.
 Role RoleOfCommandLine() noexcept {
     char line[4096] = {};
     const auto fd = syscall(SYS_openat, AT_FDCWD, "/proc/self/cmdline", O_RDONLY | O_CLOEXEC, 0);
@@ -53,7 +53,7 @@ const char* NameOf(Role who) noexcept {
     return "?";
 }
 
-// Makes system calls directly, because the wrapped functions would count themselves.
+// Makes system calls directly, because calls of the wrapped functions would be counted.
 __attribute__((constructor)) void Begin() noexcept {
     const char* const path = getenv("QUARN2_FAULT_FILE");
     if (path == nullptr || *path == '\0') return;

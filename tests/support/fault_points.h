@@ -55,16 +55,16 @@ enum class Action : std::uint32_t {
     kTorn = 5,   // the call transfers about half of the data, in whole pages, then the kill
 };
 
-// The head of the shared file. kEntries texts of kEntrySize bytes follow, one for each point: role,
-// call and path. The entry of a struck point identifies the call.
+// The header of the shared file. kEntries texts of kEntrySize bytes follow, one for each point:
+// role, call and path. So the entry of the selected point identifies the call that failed.
 struct Control {
-    std::atomic<std::uint64_t> count;  // number of points so far
-    std::uint64_t strike_at;           // the point to strike, from 1; 0: none
+    std::atomic<std::uint64_t> count;  // fault points reached so far
+    std::uint64_t strike_at;           // point of the fault, counted from 1; 0: no fault
     std::uint32_t kinds;
     std::uint32_t roles;
     Action action;
     std::int32_t error;
-    std::uint32_t lasting;  // nonzero: also strikes every later point
+    std::uint32_t lasting;  // nonzero: a fault at every later point too
     std::atomic<std::uint32_t> struck;
     std::uint32_t quick;  // nonzero: shortens sleeps and poll()
     std::uint32_t unused[5];
@@ -84,7 +84,7 @@ struct Place {
 // it. Sets errno for kFail. Does not return for kKillBefore, because it kills the process.
 Action Reach(Kind kind, const char* call, Place place) noexcept;
 
-// Kills the process, for kKillAfter and kTorn.
+// Kills the process. A wrapper calls this for kKillAfter and kTorn after the system call.
 [[noreturn]] void Die() noexcept;
 
 // Sets the role of the child after a fork.
@@ -93,7 +93,7 @@ void ChangeRoleAfterFork() noexcept;
 bool IsQuick() noexcept;
 
 // False in a node client. A shortened wait of one thread would advance the clock for all threads,
-// and the node client would drop each connected command as silent.
+// and the node client would disconnect each connected command because of its silence.
 bool MayAdvanceClock() noexcept;
 
 // True for a regular file. Transfers through other descriptors are kSend and kReceive.

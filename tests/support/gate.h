@@ -6,14 +6,14 @@
 
 class Gate {
   public:
-    // Called by the thread: reports its arrival and waits for Open.
+    // Blocks the calling thread until the test calls Open.
     void Pass() {
         std::unique_lock section(mutex_);
         ++arrived_;
         changed_.notify_all();
         changed_.wait(section, [this] { return open_; });
     }
-    // Called by the test.
+    // Called by the test. Waits until a thread is blocked in Pass.
     void WaitForArrival() {
         std::unique_lock section(mutex_);
         changed_.wait(section, [this] { return arrived_ > 0; });

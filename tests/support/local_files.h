@@ -27,8 +27,8 @@ inline bool Has(const std::string& path) {
     return std::filesystem::exists(std::filesystem::symlink_status(path));
 }
 
-// Returns pseudo-random bytes, the same for the same seed. A wrong copy cannot equal them by
-// chance.
+// Returns pseudo-random bytes, the same for the same seed. Exchanged or missing parts change the
+// content, so a comparison detects them.
 inline std::string Noise(std::size_t size, unsigned seed = 1) {
     std::string bytes(size, '\0');
     std::uint64_t state = seed;

@@ -24,10 +24,11 @@ inline std::string Frame(const std::string& text) {
 
 class MasterServer {
   public:
-    // Returns the answer to a line (without its line feed). nullopt closes the link.
+    // A function that returns the answer to a line of the node client. The line has no line feed.
+    // The result nullopt closes the link.
     using Answer = std::function<std::optional<std::string>(const std::string& line)>;
 
-    // Sends the token at once. A thread then answers the lines.
+    // Sends the token to the node client at once. A thread then answers the client's lines.
     explicit MasterServer(const std::string& token, Answer answer = Usual)
         : answer_(std::move(answer)) {
         Send(Frame(token));

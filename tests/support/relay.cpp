@@ -16,7 +16,7 @@
 
 namespace {
 
-// Small, so that a stalled sender soon blocks.
+// The buffers are small, so that the peer of a stalled relay soon blocks in its writes.
 constexpr std::size_t kBuffer = 65536;
 
 sockaddr_in Address(const std::string& host, std::uint16_t port) {

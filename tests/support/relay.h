@@ -26,9 +26,10 @@ class Relay {
         kClose,  // all connections end as if both sides had closed them
         kStall,  // all connections stay open, but no data pass
     };
-    // The trigger of a harm: `bytes` bytes have passed that way, and at least one more is to pass.
-    // The harm waits until `after_up` bytes have passed up. Bytes that pass down before that do not
-    // count.
+    // The condition that starts a failure (Harm): `bytes` bytes have passed in the direction `way`,
+    // and at least one more byte is waiting. The failure does not start before `after_up` bytes
+    // have passed from the client to the server. `bytes` does not count the bytes that pass from
+    // the server to the client before that.
     struct When {
         Way way = Way::kUp;
         std::int64_t bytes = 0;
@@ -41,15 +42,15 @@ class Relay {
     Relay(const Relay&) = delete;
     Relay& operator=(const Relay&) = delete;
 
-    // Arms a harm and resets its byte counters. HarmOnce affects the connections at the trigger.
-    // HarmForGood also affects new connections, until Heal.
+    // Prepares a failure and resets the byte counters of When. HarmOnce affects the connections
+    // that exist when the failure starts. HarmForGood also affects new connections, until Heal.
     void HarmOnce(Harm harm, When when) { Arm(harm, when, false); }
     void HarmForGood(Harm harm, When when) { Arm(harm, when, true); }
 
     // True if the failure that the last call of HarmOnce or HarmForGood prepared has begun.
     bool Harmed();
 
-    // Ends the harm and accepts connections again. Resets stalled connections, as happens when a
+    // Ends the failure and accepts connections again. Resets stalled connections, as happens when a
     // network recovers too late.
     void Heal();
 
@@ -59,7 +60,8 @@ class Relay {
     // Refuses connections until Heal, as if no process listened.
     void Refuse();
 
-    // Number of bytes passed, and of connections accepted at a port, since the relay was created.
+    // Both functions count from the creation of the relay. Passed returns the bytes that the relay
+    // has sent in one direction, Accepted the connections that it has accepted at a port.
     std::int64_t Passed(Way way);
     int Accepted(std::uint16_t port);
 
@@ -81,7 +83,7 @@ class Relay {
     };
 
     void Arm(Harm harm, When when, bool for_good);
-    // Runs the work on the relay's thread and waits for its end.
+    // Runs the function on the relay's thread and waits until it returns.
     void Do(const std::function<void()>& work);
     void Serve();
     void DoWork();
@@ -89,11 +91,12 @@ class Relay {
     void Listen();
     void Accept(Listener& listener);
     void CarryAll();
-    // Returns false if the connection has ended.
+    // Forwards the available data of a connection. Returns false if the connection has ended.
     bool Carry(Connection& connection);
     bool Take(Connection& connection, std::size_t from);
     bool Pass(Connection& connection, std::size_t from);
-    // Returns how many of `size` bytes may pass that way before the harm begins.
+    // Returns how many of `size` bytes the relay may forward in a direction before the failure
+    // starts.
     std::size_t Allowance(std::size_t way, std::size_t size) const;
     void Count(std::size_t way, std::size_t size);
     void BeginHarm();
@@ -116,7 +119,7 @@ class Relay {
     std::array<std::int64_t, 2> passed_ = {0, 0};
     bool stopping_ = false;
 
-    // Protects the queue of tasks for the thread.
+    // Protects work_, the tasks for the relay's thread.
     std::mutex mutex_;
     std::vector<std::shared_ptr<std::packaged_task<void()>>> work_;
     ResHandle wake_;

@@ -31,7 +31,7 @@ class RemoteSite : public StorageSite {
         return parts;
     }
 
-    // Tokens that the storage must refuse, by their fault.
+    // Tokens that the storage must refuse. The key describes the fault of the token.
     virtual std::map<std::string, TokenParts> Refused() const {
         std::map<std::string, TokenParts> refused;
         refused["an unknown user"] = refused["a wrong password"] = Parts();
@@ -43,8 +43,8 @@ class RemoteSite : public StorageSite {
 
     const ServerInfo& info() const { return info_; }
 
-    // An address of this machine that no certificate contains. No server listens there: a test
-    // needs a relay at this address.
+    // An address of this machine that no test certificate contains. The servers do not listen at
+    // this address, so a test starts a relay there.
     static constexpr const char* kUnnamedHost = "127.0.0.3";
 
   protected:

@@ -27,7 +27,7 @@ class S3Site : public RemoteSite {
         return parts;
     }
 
-    // A token of a missing bucket. Prefixes in a bucket cannot be missing.
+    // A token of a missing bucket. Prefixes are not objects, so a prefix cannot be missing.
     TokenParts Missing() const override {
         TokenParts parts = Parts();
         parts.path = "/" + bucket_ + "-missing/" + kPrefix;
@@ -102,7 +102,7 @@ class S3Site : public RemoteSite {
                    " 'http://127.0.0.1:" + info()["port"] + "/" + bucket_ + what + "'");
     }
 
-    // The text of each element of that name.
+    // Returns the text of each XML element with that name.
     static std::vector<std::string> Elements(const std::string& xml, const std::string& name) {
         std::vector<std::string> texts;
         const std::string open = "<" + name + ">";

@@ -43,7 +43,8 @@ class LoopbackListener {
     int port() const { return port_; }
     int Accept() const {
         const int fd = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC);
-        // Otherwise each short reply would wait until the client acknowledges the previous reply.
+        // Without TCP_NODELAY, each short reply would wait until the client acknowledges the
+        // previous reply.
         const int yes = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
         return fd;
@@ -59,12 +60,12 @@ class LoopbackListener {
     int port_ = 0;
 };
 
-// One control connection.
+// The control connection of one client.
 class FtpSession {
   public:
     explicit FtpSession(std::unique_ptr<ServerStream> stream) : stream_(std::move(stream)) {}
 
-    // Returns false if the client has disconnected. Adds no line end.
+    // Sends the text without adding a line end. Returns false if the client has disconnected.
     bool Write(const std::string& text) { return WriteTo(*stream_, text); }
     bool Say(const std::string& line) { return Write(line + "\r\n"); }
     void SayWithoutEnd(const std::string& line) {
@@ -152,7 +153,7 @@ class ScriptedFtpServer {
   public:
     using Answer = std::function<void(FtpSession&, const std::string& argument)>;
 
-    // The answers by command; "" is the greeting.
+    // `answers` maps a command to the function that answers it. The key "" sends the greeting.
     explicit ScriptedFtpServer(std::map<std::string, Answer> answers)
         : answers_(std::move(answers)), acceptor_([this] { AcceptAll(); }) {}
     ~ScriptedFtpServer() {

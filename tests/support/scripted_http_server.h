@@ -30,7 +30,7 @@ class ServerStream {
     ServerStream& operator=(const ServerStream&) = delete;
 
     int fd() const { return fd_; }
-    // Returns false if the handshake with the client fails.
+    // Performs the handshake of an encrypted stream. Returns false if the handshake fails.
     virtual bool Accept() { return true; }
     virtual ssize_t Read(char* buffer, std::size_t size) { return recv(fd_, buffer, size, 0); }
     virtual ssize_t Write(const char* text, std::size_t size) {
@@ -49,7 +49,7 @@ class HttpExchange {
     std::string target;
     std::map<std::string, std::string> headers;  // names in lower case
     int connection = 0;                          // counted from 0
-    int number = 0;                              // of all requests, counted from 0
+    int number = 0;                              // among all requests, counted from 0
 
     HttpExchange(ServerStream& stream, std::string& buffered)
         : stream_(stream), buffered_(buffered) {}
@@ -82,7 +82,7 @@ class HttpExchange {
         AnswerNow(status, body, more_headers);
     }
 
-    // The same without reading the request's body.
+    // Sends a complete response without reading the request's body.
     void AnswerNow(int status, const std::string& body = {},
                    const std::vector<std::string>& more_headers = {}) {
         std::string text = "HTTP/1.1 " + std::to_string(status) + " Text\r\n";

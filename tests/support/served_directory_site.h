@@ -40,7 +40,7 @@ class ServedDirectorySite : public RemoteSite {
 
     bool IsBeingWritten() const override {
         namespace fs = std::filesystem;
-        std::error_code gone;  // processes may end during the search
+        std::error_code gone;  // ignored: a process may end meanwhile
         for (const auto& process : fs::directory_iterator("/proc", gone)) {
             for (const auto& open : fs::directory_iterator(process.path() / "fd", gone)) {
                 const std::string file = fs::read_symlink(open.path(), gone).string();
@@ -80,7 +80,7 @@ class ServedDirectorySite : public RemoteSite {
         return kro_file::ConcatPath(info()[root_key], kro_file::Name(directory_));
     }
 
-    // The temporary name that an upload of this file writes first.
+    // The temporary name under which the backend first stores this file.
     virtual std::string LeftoverName(const std::string& file) const {
         return kro_file::TemporaryName(file);
     }

@@ -15,7 +15,8 @@
 
 class SessionLink {
   public:
-    // `command` identifies the kind of client; the session never runs it.
+    // `command` is the command line of the client. The session uses it only to identify the kind of
+    // client, and never executes it.
     explicit SessionLink(GlobalSizeControl::StorageDesc& storage,
                          std::vector<std::string> command = {})
         : session_(std::make_shared<MasterSide>(storage, loop_, std::move(command))) {

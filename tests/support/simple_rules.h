@@ -10,7 +10,7 @@
 
 namespace simple_rules {
 
-// A backup on the disk and on the storage.
+// A backup with its files on the local disk and on the storage.
 struct Item {
     std::string user;
     std::string date;  // "custom" for a custom backup
@@ -104,9 +104,9 @@ class Rules {
         return true;
     }
 
-    // Runs passes of DropOldest until `wanted` bytes are free. Deletes nothing if the passes cannot
-    // free so much; it tries them on a copy. In that case only the first passes count, those before
-    // the first deletion: they lower max_count.
+    // Calls DropOldest repeatedly until `wanted` bytes are free. Deletes nothing and returns false
+    // if the deletions cannot free so much. Even then max_count becomes smaller, by the number of
+    // calls that precede the first deletion.
     bool MakeRoom(std::int64_t wanted) {
         Rules trial = *this;
         bool possible = true;

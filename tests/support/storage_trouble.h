@@ -30,10 +30,10 @@ inline constexpr std::int64_t kLarge = 20 * 1024 * 1024 + 1;
 // that may only be slow.
 inline constexpr const char* kTimeout = "3";
 inline constexpr const char* kPatience = "30";
-// Maximum duration of a failed operation. Without a timeout it would be a minute and more.
+// Maximum duration of a failed operation. With the default timeout it would be a minute or more.
 inline constexpr std::chrono::seconds kAFewSeconds{30};
 
-// Kills the process when it reads the second half.
+// A source that kills the process when the second half of its data is read.
 class DeadlySource final : public TextSource {
   public:
     DeadlySource() : TextSource(local_files::Noise(kLarge)) {}
@@ -55,8 +55,9 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         parts.params["timeout"] = timeout;
         return Open(parts);
     }
-    // Only a stall needs a short timeout to be noticed. With other harm, a short timeout would fail
-    // on a busy machine.
+    // Opens the storage through the relay. Only a stall gets a short timeout, because the client
+    // detects a stall only by its timeout. On a busy machine, a short timeout could expire before
+    // another kind of failure starts.
     std::shared_ptr<quarn2::Storage> OpenForHarm(Harm harm) const {
         return OpenThroughRelay(harm == Harm::kStall ? kTimeout : kPatience);
     }
@@ -85,8 +86,9 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         EXPECT_LT(std::chrono::steady_clock::now() - begin, kAFewSeconds);
     }
 
-    // Expects that the action fails because of lasting harm. On a busy machine the client's timeout
-    // may pass before the harm has begun. The action is then repeated.
+    // Expects that the action fails with kUnavailable while the relay causes the failure `harm`. On
+    // a busy machine the client's timeout may expire before the relay's failure has started. The
+    // action is then repeated.
     template <class Action>
     void ExpectHarmMakesUnavailable(Harm harm, Relay::When when, const Action& action) {
         for (int i = 0; i < 10 && !relay_.Harmed(); ++i) {
@@ -150,7 +152,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
 
     enum class Afterwards { kOld, kOldOrNew };
 
-    // Uploads over an old file while harm lasts.
+    // Uploads a file over an old one while the relay causes a failure. The old file must survive.
+    // With kOldOrNew, the new file is allowed too.
     void TestUpload(Harm harm, Relay::When when, Afterwards afterwards = Afterwards::kOld) {
         const std::string content = local_files::Noise(kLarge);
         ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile("old")));
@@ -170,7 +173,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         ExpectSoonNothingBut("dir/file");
     }
 
-    // Downloads over an old local file while harm lasts.
+    // Downloads a file, also over an old local file, while the relay causes a failure. No new local
+    // file may appear, and the old one must survive.
     void TestDownload(Harm harm, Relay::When when) {
         const std::string content = local_files::Noise(kLarge);
         ASSERT_TRUE(OpenDirectly()->Upload("dir/file", LocalFile(content)));

@@ -1,6 +1,6 @@
 // A library for LD_PRELOAD under tools that do not support pidfd_open, such as valgrind 3.19. It
-// returns a descriptor that never becomes ready. A caller that polls it with a timeout checks the
-// process when the timeout ends.
+// returns a descriptor that never becomes ready. The program polls the descriptor with a
+// timeout, and checks the process itself when the timeout expires.
 
 #include <dlfcn.h>
 #include <sys/eventfd.h>

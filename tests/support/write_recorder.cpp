@@ -213,7 +213,7 @@ int RecordTree(const char* path, const struct stat* status, int type, struct FTW
     return 0;
 }
 
-// Makes a call that changes the content of an open file.
+// Makes a call that changes the content of an open file, and records the new content.
 template <class Call>
 auto Writing(int fd, Call call) {
     if (!IsWatched(fd) || !IsPlain(fd)) return call();
@@ -223,7 +223,7 @@ auto Writing(int fd, Call call) {
     return result;
 }
 
-// Makes a call that creates, renames or removes a name.
+// Makes a call that creates, renames or removes a directory entry, and records the change.
 template <class Call>
 int Naming(const std::string& path, const std::string& line, Call call) {
     if (!TheRecorder().Watches(path)) return call();
