@@ -89,7 +89,7 @@ class Maker:
         self.made = 0
 
     def put(self, user, date, letter, source, base=None):
-        """Makes a complete backup of `source`. `base` is the result of an earlier call."""
+        """Makes a complete backup of `source`. `base` is the result of the put() of its full backup."""
         custom = letter == "C"
         stem = ("custom." if custom else date + ".") + user
         below = f"{user}/{'custom' if custom else date}" if self.place == "dir" else ""

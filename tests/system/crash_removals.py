@@ -8,13 +8,14 @@ from samples import DATE, Backup, chain, day, left, read_info
 
 
 class Removal(Scene):
-    """Base of the scenes that remove some of their backups."""
+    """The base class of the crash test scenes that remove backups."""
 
     backups = ()
     staying = ()
 
     def holds_whole(self, stem):
-        """Always true on a disk that stays full: the program cannot record there that a deletion has begun."""
+        """Returns True when the backup has all of its files. Also returns True when the disk stays full, because the
+        program cannot record on such a disk that a deletion has begun."""
         return self.strike.lasting or any(backup.stem == stem and backup.is_whole()
                                           for backup in self.backups)
 
@@ -66,7 +67,7 @@ class DeleteThenRescan(Delete):
     restart = ("--count-limit", "1000:1000", "--rescan")
 
     def remaining(self):
-        """Returns none: a rescan's server takes its date from this machine's clock, which may be wrong."""
+        """Returns no backups: the server of a rescan uses the date of this machine's clock, which may be wrong."""
         return ()
 
 

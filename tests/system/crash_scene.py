@@ -1,9 +1,10 @@
-"""The base class of the crash test scenes: initial state, actions of a job, and conditions afterwards.
+"""The base class of the crash test scenes.
 
-Each scene has its own install root. act() does what a job would do, and stops when a command fails. While
-the scene is armed, the calls of its roles are points at which a fault can strike. check() must hold at any
-time at which no process runs. check_done() must hold after a job has run without a fault from beginning to
-end, even if earlier runs were struck.
+A scene is a test case with its own install root: an initial state, a job, and the conditions that must hold
+afterwards. act() runs the job, and stops when a command fails. A Strike is a fault that the test injects into a
+call of a process. Between arm() and the end of the run, it applies to processes whose role is in `roles`. check()
+contains the conditions that hold whenever no process runs. check_done() contains the conditions that hold after a
+run without a fault, even if earlier runs had faults.
 """
 
 import os
@@ -25,7 +26,7 @@ ENTRY = re.compile(r"(?=\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3} \[)")
 
 
 class Failure(AssertionError):
-    """A condition does not hold after a strike."""
+    """Raised when a condition of a scene does not hold after an injected fault."""
 
 
 def require(condition, text):
@@ -53,13 +54,13 @@ def wait_until_alone(timeout=DEADLINE):
 
 class Scene:
     roles = ("command",)
-    restart = GENEROUS  # options of the server that starts after a strike
+    restart = GENEROUS  # options of the server that starts after a fault
 
     def __init__(self, test, faults):
         self.r = test.root()
         self.faults = faults
         self.strike = Strike()
-        self.failed = []  # (command, exit status, standard error)
+        self.failed = []  # (command, exit status, standard error) of each failed command
         self.lay_out()
 
     # --- Actions of a job ---
@@ -94,7 +95,7 @@ class Scene:
         return server.returncode == 0
 
     def act(self, strike):
-        """Runs the job with a strike; returns True when every command succeeded."""
+        """Runs the job with an injected fault. Returns True when every command succeeded."""
         self.strike = strike
         self.failed = []
         self.faults.write(Strike(), ())
@@ -174,7 +175,7 @@ class Scene:
         left_over = [name for folder in (self.r.base,) for name in tree(folder)
                      if TEMPORARY.fullmatch(os.path.basename(name))]
         require(not left_over, lambda: f"left over: {left_over}")
-        # After a strike these files may be left. No process uses them, and the next server replaces them.
+        # After a fault these files may be left. No process uses them, and the next server replaces them.
         for name in ("quarn2_cp.pid", "quarn2_cp.lock"):
             require(self.strike.number or not os.path.exists(self.r.file("var/" + name)),
                     f"{name} is left")

@@ -15,7 +15,7 @@ class Put(Scene):
     stem = f"{DATE}.web1"
     slices = [f"F{DATE}.web1.{number}.dar" for number in (1, 2)]
     index = f"{stem}.1.dar"
-    armed = 0  # number of the first command that runs armed
+    armed = 0  # index of the first command that runs with the fault
     data = {name: name.encode() * 300 for name in [*slices, index]}
 
     def lay_out(self):
@@ -57,7 +57,7 @@ class Put(Scene):
         self.release(server)
 
     def disarm(self):
-        """Does nothing: the node client still uploads accepted files, so it stays armed until it ends."""
+        """Does nothing, because the node client still uploads files. The fault stays active until the client ends."""
 
     def given_up(self):
         return any(name.endswith(".attempts") for name in tree(self.r.work))

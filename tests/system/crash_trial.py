@@ -1,4 +1,4 @@
-"""Runs a scene with a fault at one point, and counts the results."""
+"""Runs a crash test scene with a fault in one call of the program, and counts the results."""
 
 import os
 import random
@@ -46,7 +46,7 @@ class CrashTest(SystemTest):
         return self.tallies.setdefault(name, Tally())
 
     def survey(self, scene_class, kinds, may_be_none=False):
-        """Runs the scene without a fault, which must succeed, and returns its points."""
+        """Runs the scene without a fault, which must succeed. Returns the calls into which a fault can be injected."""
         scene = scene_class(self, self.faults)
         self.assertTrue(scene.act(Strike(kinds=kinds)), scene.failed)
         points = self.faults.points()

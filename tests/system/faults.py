@@ -1,4 +1,4 @@
-"""Controls the faults at chosen points of a run, which tests/support/fault_points.h injects."""
+"""Selects the calls of the program into which the library of tests/support/fault_points.h injects faults."""
 
 import errno
 import mmap
@@ -26,7 +26,8 @@ def bits(names, table):
 
 
 class Strike:
-    """A fault at one point. With `number` None there is no fault, and the points are only counted."""
+    """A fault in one call of the program: call `number` among the counted calls. If `number` is None, the calls are
+    only counted."""
 
     def __init__(self, action="none", number=None, error=0, kinds=CHANGES, lasting=False):
         self.action = action
@@ -42,7 +43,7 @@ class Strike:
 
 
 class Faults:
-    """The file that the test shares with the processes of one run."""
+    """The file through which the test controls the fault library in the processes of one run."""
 
     def __init__(self, path):
         self.path = path
@@ -60,13 +61,13 @@ class Faults:
         return {"LD_PRELOAD": LIBRARY, "QUARN2_FAULT_FILE": self.path}
 
     def write(self, strike, roles):
-        """Starts to count the points of these roles, and strikes at the point of `strike`."""
+        """Starts to count the calls of processes with these roles. Injects the fault `strike`."""
         self.memory[:_HEAD.size] = _HEAD.pack(
             0, strike.number or 0, bits(strike.kinds, KINDS), bits(roles, ROLES),
             ACTIONS.index(strike.action), strike.error, strike.lasting, 0, True)
 
     def stop(self):
-        """Stops the counting; keeps the counts."""
+        """Stops counting calls. Keeps the counts."""
         self.memory[20:24] = bytes(4)
 
     @property
@@ -78,7 +79,7 @@ class Faults:
         return _HEAD.unpack_from(self.memory, 0)[7]
 
     def point(self, number):
-        """Returns "ROLE CALL PATH" of the point with this number, counted from 1."""
+        """Returns "ROLE CALL PATH" of the counted call with this number, counted from 1."""
         begin = _HEAD.size + (number - 1) * _ENTRY_SIZE
         return self.memory[begin:begin + _ENTRY_SIZE].split(b"\0", 1)[0].decode(errors="replace")
 

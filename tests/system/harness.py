@@ -123,7 +123,8 @@ def children(parent=None):
 
 
 def own_children():
-    """Reads the kernel's list. For another process this list can lack a child while children end."""
+    """Returns the pids in the kernel's list of this process's children. The kernel's list for another process is
+    unreliable: it can lack a child while other children end."""
     try:
         pids = []
         for task in os.listdir("/proc/self/task"):
@@ -366,7 +367,7 @@ class Watch:
 # --- The server command ---
 
 class Server:
-    """One `--server` caller. It holds the server until release()."""
+    """One --server command. It keeps the server running until release()."""
 
     def __init__(self, root, *arguments, env=None, pass_fds=(), wrapper=()):
         self.root = root
@@ -431,14 +432,14 @@ class Server:
         """Waits for the node client's control socket, which opens a little after the server is ready. Does not
         fail after the timeout, because in some tests the client cannot open it."""
         if self.root.binary.endswith(".real"):
-            return  # a test plays the node client
+            return  # a test script replaces the node client
         end = time.monotonic() + timeout
         # The socket file alone proves nothing, because an earlier client may have left it.
         while time.monotonic() < end and not any(map(listens, children(self.daemon))):
             time.sleep(0.01)
 
     def wait_end(self, timeout=None):
-        """Waits until the caller ends. Returns its exit status and its standard error without warnings."""
+        """Waits until the --server command ends. Returns its exit status and its standard error without warnings."""
         if self.errors is None:
             self.errors = b""
             end = time.monotonic() + (DEADLINE if timeout is None else timeout)

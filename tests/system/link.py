@@ -1,4 +1,4 @@
-"""A test as either end of the master link, and as a caller of the control socket.
+"""Scripted ends of the master link between server and node client, and a client of the control socket.
 
 ScriptedServer is the size control server of a real `--client`, over its pipes. ScriptedNode replaces the
 node client that a real daemon starts, and passes the client's pipes to the test.
@@ -107,7 +107,7 @@ def control(root, command, storage=""):
     return ControlCall(root, command, storage).answer()
 
 
-# --- A test as the server of a real node client ---
+# --- A scripted server for a real node client ---
 
 class ScriptedServer:
     def __init__(self, root, storage="", token=None, greet=True, env=None):
@@ -189,7 +189,7 @@ class ScriptedServer:
             self.process.stderr.close()
 
 
-# --- A test as the node client of a real daemon ---
+# --- A scripted node client for a real daemon ---
 
 # The stub runs until the test closes the connection. A stub that the test has not accepted, because the daemon
 # started it again, ends when its input closes.

@@ -333,7 +333,7 @@ class TroubleTest(NodesTest):
     """Helpers for tests in which one machine fails: they check the server and the other machines."""
 
     def account(self):
-        """Returns (free, reserved) at the time of the last reservation, from the log."""
+        """Returns the (free, reserved) bytes that the server logged at the last reservation."""
         line = [text for text in self.head.log_texts(8) if text.startswith("Reserve this")][-1]
         return tuple(int(line.partition(name)[2].split(",")[0])
                      for name in ("free_size = ", "incomplete_size = "))

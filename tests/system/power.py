@@ -2,9 +2,9 @@
 
 The program runs with a preloaded recorder (tests/support/write_recorder.cpp). This module replays the trace
 on a model of a disk, which contains the current and the last synced state of every file and directory. At
-each point of the trace the model computes what the disk may contain when the power fails there. An entry of
-a directory exists or not, as at the directory's last sync or as after any change since. A file has the
-content of its last sync, or any content since. Every combination is possible, and a program can rely on none.
+each point of the trace the model computes what the disk may contain when the power fails there. Each
+directory entry is in the state of the directory's last sync, or in the state after a later change. Each file has the
+content of its last sync, or a later content. Every combination is possible, so a program cannot rely on any of them.
 """
 
 import os
@@ -220,7 +220,8 @@ class Disk:
         if os.path.dirname(target) == above:
             self.folder(above).change({name: None, os.path.basename(target): node})
         else:
-            # Many file systems make both changes or none. A program cannot rely on that.
+            # A rename between directories is two changes in this model. Many file systems make both or none, but a
+            # program cannot rely on that.
             self.folder(above).change({name: None})
             self.entry(target, node)
 

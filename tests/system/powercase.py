@@ -27,7 +27,7 @@ class PowerTest(SystemTest):
         super().setUp()
         self.r = power.RecordedRoot(self, drop=self.drop)
         self.promises = Promises()
-        self.marks = {}  # text -> function that changes the promises
+        self.marks = {}  # text of a mark in the trace -> function that updates the promises
         self.lost = []
         self.states = []  # (point, files, stored names) that a failure could leave
 
@@ -117,7 +117,7 @@ class PowerTest(SystemTest):
                 f"{count} times, first {first[kind]}" for kind, count in kinds.most_common(8)))
 
     def go_on(self, check):
-        """Starts the program on some of the states, four at a time."""
+        """Starts the program on some of the possible disk states, four at a time."""
         chosen = random.Random(SEED).sample(self.states, min(STARTS, len(self.states)))
         with concurrent.futures.ThreadPoolExecutor(4) as pool:
             for where, result in [(state[0], pool.submit(self.go_on_from, check, *state[1:]))

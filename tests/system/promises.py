@@ -21,7 +21,7 @@ def is_hidden(path):
 
 
 class Promises:
-    """Local paths are relative to the recorded folder. Names of stored files are relative to the root of the storage."""
+    """The promises of one run. Local paths are relative to the recorded folder, stored names to the storage's root."""
 
     def __init__(self):
         self.contents = collections.defaultdict(set)  # stored name or path -> allowed contents
@@ -39,7 +39,7 @@ class Promises:
         return self.backup_of(name) in self.leaving
 
     def note_removal(self, path):
-        """Notes that the program has removed a file. If it is a stored file of a backup, the backup's removal
+        """Records that the program has removed a file. If the file is a stored file of a backup, the backup's removal
         has begun."""
         self.fetched.discard(path)
         if path.startswith(STORAGE):
@@ -49,7 +49,7 @@ class Promises:
                     self.leaving.add(info)
 
     def broken(self, left):
-        """Returns a text for each broken promise about the files that were left."""
+        """Returns a text for each promise that the files after a power failure break."""
         return [*self.broken_files(left), *self.broken_infos(left), *self.broken_lists(left),
                 *self.lost_sources(left), *self.lost_names(left), *self.odd_backups(left)]
 

@@ -1,11 +1,12 @@
 """Runs every command with one failing call, and then again without a fault.
 
-Like test_crash_kills.py, with errors instead of kills: a full disk (for one call, or from that call on), a
+Works like test_crash_kills.py, but injects errors instead of kills: a full disk (for one call, or from that call on), a
 quota, a broken disk, interrupted calls, no free descriptors, short reads and writes, and no new process. The
 command either succeeds, or reports the error on standard error or in the log. In both cases nothing is lost,
 and the repeated command succeeds.
 
-QUARN2_CP_ALL_POINTS=1 and QUARN2_CP_SEED as there. QUARN2_CP_ERRORS is the size of each scene's sample.
+QUARN2_CP_ALL_POINTS and QUARN2_CP_SEED have the same meaning as in test_crash_kills.py. QUARN2_CP_ERRORS is the
+size of each scene's random sample.
 """
 
 import errno
@@ -28,7 +29,7 @@ FAULTS = {
     "interrupted": Strike("fail", error=errno.EINTR,
                           kinds=("open", "write", "sync", "lock", "read", "send", "receive")),
     "no descriptors": Strike("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
-    # Without "send": messages through pipes and sockets are small here, and the kernel never writes a part of one.
+    # Not "send": messages through pipes and sockets are small, and the kernel never sends only a part of them.
     "short": Strike("short", kinds=("write", "read", "receive")),
     "no process": Strike("fail", error=errno.EAGAIN, kinds=("fork",)),
 }

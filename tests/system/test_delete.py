@@ -177,7 +177,7 @@ class Dependants(DeleteTest):
 
 
 class ThroughTheNodeClient(DeleteTest):
-    """Without a token the command hands the work to the node client."""
+    """A --delete command without a token sends its request to the node client."""
 
     def start(self):
         server = Server(self.r, "--date", DATE, "--count-limit", "100:100").wait_ready()

@@ -1,4 +1,4 @@
-"""--get and --update: bad input, directories in the way, the progress line."""
+"""--get and --update: invalid input, directories at the paths of files, the progress line."""
 
 import os
 import pty

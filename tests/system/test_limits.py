@@ -129,7 +129,7 @@ class CountLimits(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
                                         "--count-limit", "9:9")
         self.assertEqual("OK 3", link.ask("RESERVE 0"))
-        # The newest record is a filler. The full backup before it is locked nevertheless.
+        # The newest record stands for a missing day. The full backup before it is locked nevertheless.
         self.assertEqual("ERR No disk space left on storage. Size limit: 100",
                          link.ask("RESERVE 91"))
         self.assertEqual("OK 3", link.ask("RESERVE 90"))
@@ -361,7 +361,8 @@ class Scale(LimitTest):
                                         "--size-limit", "1000000")
         self.assertEqual("OK 400", link.ask("RESERVE 0"))
         self.assertEqual("OK 400", link.ask("RESERVE 600000"))
-        # One more byte needs an eviction pass, which removes the oldest removable record of each user.
+        # One byte more than the free space needs an eviction pass, which removes the oldest removable backup of
+        # each user.
         self.assertEqual("OK 399", link.ask("RESERVE 1"))
         self.assertEqual(100 * 399, len(self.r.local()))
         link.close()

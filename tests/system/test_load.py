@@ -1,4 +1,5 @@
-"""Long runs of a server and of a node client: their resources must not grow, and the account must be exact.
+"""Long runs of a server and of a node client: their resources must not grow, and the server's accounting
+of used space must be exact.
 
 The tests sample memory, descriptors, threads and the time per step, and print them as a table. Evictions keep
 the number of backups constant, so nothing else may grow either. The short form runs with the other tests. The
@@ -131,7 +132,8 @@ class CurveItself(unittest.TestCase):
 
 
 class Account:
-    """A model of the server's account, by the rules of the link. All backups are full backups."""
+    """A model of the server's accounting of used space, by the rules of the master link. All backups are full
+    backups."""
 
     def __init__(self, limit):
         self.limit = limit
@@ -214,7 +216,7 @@ class ServerLife(SystemTest):
         self.work()
         self.check_account()
         self.end()
-        # A new server must compute the same account from the info files.
+        # A new server must compute the same used space from the info files.
         self.account.reserved = 0
         self.account.count = max(map(len, self.account.users.values()))
         self.begin()
@@ -304,7 +306,8 @@ class ServerLife(SystemTest):
         self.accept()
 
     def check_account(self):
-        """Checks the free space to the byte: all of it fits without an eviction, one byte more needs a pass."""
+        """Checks the server's free space to the byte: a reservation of all free bytes evicts nothing, and a reservation
+        of one more byte causes an eviction pass."""
         free, evicted = self.account.free, self.account.evicted
         self.reserve(free)
         self.assertEqual(evicted, self.account.evicted)
@@ -343,7 +346,7 @@ class ClientLife(SystemTest):
         self.check_account()
         self.assertEqual(0, self.server.end())
         self.assertEqual([], self.root.log_texts(3) + self.root.log_texts(4))
-        # The two slices that measured the account belong to no complete backup.
+        # The two slices that measured the free space belong to no complete backup.
         self.assertEqual([f"F{DATE}.exact", f"F{DATE}.more"], self.root.unfinished())
 
     def fill(self):

@@ -84,7 +84,7 @@ class Start(ClientTest):
     def test_a_socket_path_of_108_bytes_stops_the_client(self):
         room = 108 - len("tmp/quarn2_cp.sock#")
         root = self.root()
-        server = ScriptedServer(root, "n" * (room - 1))  # 107 bytes: just fits
+        server = ScriptedServer(root, "n" * (room - 1))  # the longest valid path, 107 bytes
         self.assertTrue(stat.S_ISSOCK(os.stat(server.socket_path).st_mode))
         self.assertEqual((0, ""), server.end())
         for length in (room, room + 1):

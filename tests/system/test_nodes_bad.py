@@ -1,4 +1,4 @@
-"""Another program answers in the node client's place: its session is bounded, other sessions continue."""
+"""A faulty program replaces the node client. Its session has limits, and the other sessions continue."""
 
 import os
 import signal
@@ -39,7 +39,7 @@ frame(), frame()
 
 
 class BadClients(NodesTest):
-    """A script answers in the node client's place on one node."""
+    """A faulty script replaces the node client on one node."""
 
     def play(self, node, body):
         node.notes = node.file("notes")

@@ -57,7 +57,7 @@ class Slices(PutTest):
     def test_no_delete_keeps_the_source(self):
         path = self.source("F2026-11-20.web1.1.dar")
         self.put(path, "--no-delete")
-        self.assertEqual(0, self.server.end())  # joins the upload
+        self.assertEqual(0, self.server.end())  # waits for the end of the upload
         self.assertEqual(b"0123456789", read(path))
         self.assertEqual(["F2026-11-20.web1.1.dar"], self.r.stored())
 
@@ -160,7 +160,7 @@ class WithoutServer(SystemTest):
 
 
 class Replies(SystemTest):
-    """The command's side of the control socket, with a scripted node client."""
+    """The answers of a scripted node client to a --put command."""
 
     def setUp(self):
         super().setUp()

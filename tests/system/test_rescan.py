@@ -317,7 +317,7 @@ class Callers(RescanTest):
     def test_a_server_that_no_job_holds_ends_before_the_rescan(self):
         root = self.root()
         server = Server(root, "--date", DATE).wait_ready()
-        os.kill(server.daemon, signal.SIGSTOP)  # it would end by itself within a second
+        os.kill(server.daemon, signal.SIGSTOP)  # without the signal, the daemon would end within a second
         server.release()
         rescan = Server(root, "--rescan")
         root.wait_log("Wait for the end of the size control server", pid=rescan.pid)

@@ -30,7 +30,7 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
     (r"root/tmp/(quarn2_cp\.state|\.quarn2_cp\.state\.part~)", "file", 0o600),
     (r"root/var/quarn2_cp\.removed", "directory", 0o700),
-    # These keep the modes that they had in the info root.
+    # A rescan moved these files here with the modes that they had in the info root.
     (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),
     (r"root/var/quarn2_cp\.removed/2026-11-15\.web1\.tgz\.aes", "file", 0o640),
     (r"root/var/quarn2_cp\.ledger", "directory", 0o700),
@@ -158,7 +158,7 @@ class Modes(RightsTest):
         wrong = []
         for name, kind, mode, owner, group in sorted(watch.seen):
             if name.startswith("work/") or os.path.basename(name) == ".cleanup":
-                continue  # made by the job
+                continue  # a file that the job made
             if name.startswith("state-") or self.is_jobs_index(name, mode, mask):
                 continue
             rule = next((rule for rule in MADE if rule[0].fullmatch(name)), None)
@@ -264,7 +264,7 @@ class Dumps(RightsTest):
             self.assertEqual(["0", "0", "bytes"], core.split()[-3:])
         self.assertEqual(0, server.end())
 
-    # The kernel makes root the owner of the /proc files of a process that must not be dumped, whatever its user is.
+    # The /proc files of a process that is not dumpable belong to root, even if another user runs the process.
     def test_of_another_users_processes_are_root_s_to_look_into(self):
         root = self.root()
         os.chmod(root.base, 0o755)
@@ -276,12 +276,12 @@ class Dumps(RightsTest):
                              stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(process.stdout.close)
         self.addCleanup(process.stderr.close)
-        self.assertEqual(b"", process.stdout.read())  # ready
+        self.assertEqual(b"", process.stdout.read())  # waits until the server is ready
         self.assertIsNone(process.poll())
         daemon = int(read(root.file("var/quarn2_cp.pid")).split(b"\n")[0])
         client = wait_for(lambda: children(daemon), "a node client")[0]
         for pid in (process.pid, daemon, client):
-            # This reader has the same user as the process, but no rights on its files.
+            # `nobody` runs the process too, but must not read the files in its /proc directory.
             status, output = self.as_nobody("head", "-c1", f"/proc/{pid}/environ")
             self.assertEqual(1, status)
             self.assertIn(b"Permission denied", output)

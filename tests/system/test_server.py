@@ -1,4 +1,4 @@
-"""The size control server's life with one or several callers."""
+"""Starting, sharing and ending the size control server with one or several --server commands."""
 
 import base64
 import datetime
@@ -171,7 +171,7 @@ class End(SystemTest):
         root = self.root()
         server = Server(root, "--date", DATE, "--count-limit", "2:9").wait_ready()
         client = server.node_client()
-        # The server does not know these backups, so it does not evict them.
+        # The running server has not scanned these backups, so it does not evict them.
         backups = chain(root, "web1", "FFF")
         os.kill(server.daemon, signal.SIGTERM)
         self.assertEqual(0, wait_gone(server.daemon))

@@ -144,7 +144,7 @@ class DiesWhileStarting(SystemTest):
 
 
 class ReplacedLockFile(SystemTest):
-    """The test plays the running server: it holds the pid file's locks."""
+    """The test itself acts as the running server, and holds the locks of the pid file."""
 
     def run_server(self, root):
         path = write(root.file("var/quarn2_cp.pid"), f"{os.getpid()}\n{DATE}\n{'A' * 20}\n0\n0\n")

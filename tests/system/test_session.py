@@ -221,14 +221,14 @@ class Reservation(SystemTest):
         link = self.session(self.root(), "--size-limit", "100")
         self.assertEqual("OK 0", link.ask("COMPLETE web1 custom custom 40"))
         self.assertEqual("OK 0", link.ask("RESERVE 60"))
-        # The size limit does not count the custom backup as locked, but the server has no record to evict.
+        # The custom backup does not count as locked space, but the server cannot evict it.
         self.assertEqual(LOCKED, link.ask("RESERVE 1"))
 
     def test_completing_a_date_again_replaces_its_record(self):
         link = self.session(self.root(), "--size-limit", "100")
         link.ask(f"COMPLETE web1 {DATE} full 40")
         link.ask(f"COMPLETE web1 {DATE} full 10")
-        # The locked size is 10, but both sizes have been subtracted from the free space.
+        # Only the new record of 10 bytes is locked. The free space is smaller by the sizes of both completions.
         self.assertEqual(refused(100), link.ask("RESERVE 91"))
         self.assertEqual("OK 0", link.ask("RESERVE 50"))
 

@@ -82,7 +82,7 @@ class FullTest(SystemTest):
         self.assertEqual(0, server.end())
 
     def check_too_large(self):
-        """A file that is too large for the empty storage stays at the job, and leaves nothing on the storage."""
+        """A file that is too large for the empty storage is kept locally, and no part of it stays on the storage."""
         server = hold(self.r, day(3, FIRST))
         client = server.node_client()
         path = self.source(f"F{day(3, FIRST)}.web3.tgz", 6 * MIB)

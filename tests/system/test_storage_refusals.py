@@ -1,4 +1,6 @@
-"""Servers that refuse, that are the wrong server, or that do not answer: a clear error in time, no file changed."""
+"""Servers that refuse a request, use another protocol or do not answer. The program reports a clear error in time
+and changes no file.
+"""
 
 import concurrent.futures
 import os

@@ -32,7 +32,7 @@ def fill(folder):
 
 
 class Night:
-    """A backup job as a script runs it: slices, then the index as the last file."""
+    """One run of a backup job, as a script does it: puts the slices, then the index as the last file."""
 
     def __init__(self, root, user="web1", date=DATE, kind="full", slices=2, size=1000, in_info_root=False):
         self.root, self.user, self.date, self.kind = root, user, date, kind
@@ -348,21 +348,22 @@ class Removals(WholeTest):
 
 class Outages(WholeTest):
     def half_delete(self, backup):
-        """The state that a deletion leaves which met an outage after its first file."""
+        """Creates the state after a deletion that an outage interrupted after the first file."""
         os.unlink(os.path.join(self.r.storage, backup.archives[0]))
         fields = {key: value for key, value in backup.fields.items() if key != "finished"}
         write(backup.info_path, info_text({**fields, "deletion": f"{DATE} 02:00:00",
                                            "deletion-finished": backup.fields["finished"]}))
 
     def make_read_only(self, folder):
-        """As a file system is after an error. Returns a function that ends it."""
+        """Makes the folder read-only, as the kernel does with a file system after an error. Returns a function that
+        makes the folder writable again."""
         subprocess.run(["mount", "--bind", folder, folder], check=True)
         self.addCleanup(subprocess.run, ["umount", "-l", folder], check=False, stderr=subprocess.DEVNULL)
         subprocess.run(["mount", "-o", "remount,bind,ro", folder], check=True)
         return lambda: subprocess.run(["umount", folder], check=True)
 
     def unmount(self):
-        """Returns a function that mounts the storage again."""
+        """Renames the storage directory, as if its disk were unmounted. Returns a function that restores it."""
         away = self.r.storage + ".away"
         os.rename(self.r.storage, away)
         return lambda: os.rename(away, self.r.storage)
