@@ -7,8 +7,8 @@
 
 namespace {
 
-// Not the epoch of the steady clock, so that a test can subtract from the current time, and so that
-// a time point that was never set differs from the current time.
+// The clock does not start at the epoch of the steady clock. So a test can subtract from the
+// current time, and a time point that was never set differs from the current time.
 constexpr kro_date::SteadyClock::time_point kSteadyStart(std::chrono::hours(24));
 
 struct State {

@@ -63,7 +63,7 @@ class ProgramSite : public testing::Test {
         std::istringstream log(local_files::Load("var/quarn2_cp.log"));
         const std::string head = "] quarn2_cp main ";
         for (std::string line; std::getline(log, line);) {
-            // Other tests check the log lines of storage calls.
+            // Skips the log lines of storage calls, because other tests check them.
             if (line.find("] quarn2_cp storage 8: ") != std::string::npos) continue;
             const std::size_t begin = line.find(head);
             const std::string text =

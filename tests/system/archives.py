@@ -46,7 +46,7 @@ def manifest(folder):
     return found
 
 
-# --- A user's files, and how they change from day to day ---
+# --- The files of a user, and their changes from day to day ---
 
 def first_day(folder):
     os.makedirs(os.path.join(folder, "mail/old"))
@@ -168,7 +168,7 @@ def rescan(root, *arguments, env=None):
 
 
 def run_sample(root, program, *arguments, **changes):
-    """Runs a sample job and checks that it leaves no temporary files, even if it fails."""
+    """Runs a sample job and checks that the job leaves no temporary files, even if it fails."""
     place = os.path.join(root.base, program + "-tmp")
     os.makedirs(place, exist_ok=True)
     environment = root.environment(KRO_ROOT=root.path, TMPDIR=place, **changes)

@@ -31,7 +31,7 @@ class Removal(Scene):
                 self.check_info(backup)
 
     def check_info(self, backup):
-        """Requires the original info file, or the info file of a backup that is being deleted."""
+        """Checks that the info file is unchanged, or marks the backup as being deleted."""
         old = {key: str(value) for key, value in backup.fields.items()}
         info = read_info(backup.info_path)
         marked = {**info, "finished": old["finished"]}
@@ -62,7 +62,8 @@ class Delete(Removal):
 
 
 class DeleteThenRescan(Delete):
-    """A rescan must not turn the deleted backup into a complete one because of the storage's info file."""
+    """Runs a rescan after an interrupted deletion. The info file on the storage must not make the backup complete
+    again."""
 
     restart = ("--count-limit", "1000:1000", "--rescan")
 

@@ -127,7 +127,7 @@ class Scene:
         lines = [line.rstrip("\n") for line in ENTRY.split(text)]
         return [LogEntry(line) for line in lines if LOG_LINE.fullmatch(line)]
 
-    # --- Overridden by the scenes ---
+    # --- Functions that the scenes override ---
 
     def lay_out(self):
         """Creates the initial state."""

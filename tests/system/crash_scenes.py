@@ -131,7 +131,7 @@ class PutLastByDaemon(PutLast):
 
 
 class Get(Scene):
-    """The second --get of a restore, which removes the slice that the first --get fetched."""
+    """Runs the second --get of a restore, which removes the slice that the first --get has fetched."""
 
     def lay_out(self):
         self.backup = Backup(self.r, "web1", DATE, slices=2, data=b"0123456789" * 500)
@@ -180,7 +180,7 @@ class Update(Scene):
         self.run("--update", self.path)
 
     def holds_whole(self, stem):
-        return True  # the old index is removed first; only the job knows whether the new one is stored
+        return True  # --update removes the old index first, so a missing index is allowed
 
     def check(self):
         require(read(self.path) == self.new, "the source has changed")
@@ -196,7 +196,8 @@ class Update(Scene):
 
 
 class Rescan(Scene):
-    """The info root lacks one backup, has an old info file of another, and a backup that the storage lacks."""
+    """Runs a rescan. The info root lacks one backup, has an old info file of another backup, and has a third backup
+    that the storage lacks."""
 
     roles = ("caller",)
 
@@ -216,7 +217,7 @@ class Rescan(Scene):
         self.release(server)
 
     def holds_whole(self, stem):
-        """Checks only the storage: a rescan logs an index that it could not fetch and continues."""
+        """Checks only the storage, because a rescan that cannot fetch an index logs the error and continues."""
         return any(backup.stem == stem and set(backup.stored_names()) <= set(self.r.stored())
                    for backup in self.backups)
 
@@ -244,7 +245,7 @@ class Rescan(Scene):
 
 
 class StartAndEnd(Removal):
-    """A server without any work: tests its files, locks and processes."""
+    """Starts and ends a server without backups, to test its files, locks and processes."""
 
     roles = ("caller", "between", "daemon", "starter")
 

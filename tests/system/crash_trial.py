@@ -25,7 +25,7 @@ class Tally:
 
     def __init__(self):
         self.struck = 0
-        self.unnoticed = 0  # the commands succeeded despite the fault
+        self.unnoticed = 0  # number of runs whose commands succeeded despite the fault
         self.missed = 0
 
     def __str__(self):

@@ -24,7 +24,7 @@ BINARY = os.path.abspath(os.environ.get("QUARN2_CP_BINARY", "build/launcher/quar
 ENDED_PAUSES = os.path.abspath(os.environ.get("QUARN2_CP_ENDED_PAUSES",
                                               "build/tests/system/quarn2_cp_ended_pauses"))
 DEADLINE = float(os.environ.get("QUARN2_CP_DEADLINE", "180"))
-# The words of a command that runs the program at every start, such as valgrind: see scripts/valgrind.
+# The words of a wrapper command for every start of the program, such as valgrind: see scripts/valgrind.
 WRAPPER = shlex.split(os.environ.get("QUARN2_CP_WRAPPER", ""))
 
 PR_SET_CHILD_SUBREAPER = 36
@@ -61,7 +61,7 @@ _exec_lock = threading.Lock()
 def start(arguments, **options):
     with _exec_lock:
         process = subprocess.Popen(arguments, **options)
-        # After thousands of starts a daemon may get the pid of an ended process.
+        # After thousands of starts, a new daemon may get the pid of an ended process, so ended processes are removed.
         for pid in [pid for pid, old in list(_own.items()) if old.poll() is not None]:
             del _own[pid]
         _own[process.pid] = process
@@ -69,7 +69,7 @@ def start(arguments, **options):
 
 
 def adopt_orphans():
-    """Makes this process the parent of orphaned daemons, so that a test notices each one that is left."""
+    """Makes this process the parent of orphaned daemons, so that a test detects each daemon that still runs."""
     libc = ctypes.CDLL(None, use_errno=True)
     if libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0) != 0:
         raise OSError(ctypes.get_errno(), "prctl")
@@ -152,7 +152,7 @@ def listens(pid):
     except (FileNotFoundError, ProcessLookupError):
         return False  # the process has ended, or a descriptor was closed
     except PermissionError:
-        return True  # only root may read the descriptors, so this cannot be checked
+        return True  # without root's rights the descriptors cannot be checked
 
 
 def command_line(pid):
@@ -230,7 +230,7 @@ class Root:
         self.base = tempfile.mkdtemp(prefix=name + "-", dir=test.folder)
         self.path = os.path.join(self.base, "root")
         self.storage = os.path.join(self.base, "storage")
-        self.work = os.path.join(self.base, "work")  # where a job makes its archives
+        self.work = os.path.join(self.base, "work")  # the directory in which a job makes its archives
         self.info_root = os.path.join(self.path, "var/backup/tovarn")
         for folder in (os.path.join(self.path, "sbin"), self.storage, self.work, self.info_root):
             os.makedirs(folder)
@@ -298,7 +298,7 @@ class Root:
         return [entry.text for entry in self.log(level, pid)]
 
     def wait_log(self, text, level=None, pid=None, count=1, timeout=None):
-        """Waits until the log has the line (`count` times) and returns these entries."""
+        """Waits until the log contains the text `count` times. Returns the log entries with the text."""
         def found():
             entries = [entry for entry in self.log(level, pid) if entry.text == text]
             return entries if len(entries) >= count else None
@@ -342,7 +342,7 @@ def write_executable(path, text):
 
 
 class Watch:
-    """Calls look() repeatedly in its own thread while the context is entered."""
+    """A context manager. Between entry and exit, a thread calls look() repeatedly."""
 
     pause = 0.02
 

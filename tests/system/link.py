@@ -29,7 +29,7 @@ class Stream:
         self.buffer = b""
 
     def fill(self, timeout):
-        """Returns True when bytes arrived, False at the end of the pipe, None after the timeout."""
+        """Reads available bytes into the buffer. Returns False at the end of the pipe, None after the timeout."""
         piece = read_available(self.fd, timeout)
         if piece is None:
             return None
@@ -63,11 +63,11 @@ class Stream:
         return self.take(size, "frame body", timeout).decode()
 
     def is_silent(self, seconds):
-        """Returns True when nothing arrives within this time and the other side does not close."""
+        """Returns True when no data arrives within this time and the other side does not close the pipe."""
         return not self.buffer and self.fill(seconds) is None
 
     def wait_end(self, timeout=None):
-        """Waits until the other side closes. Returns the bytes that it sent before that."""
+        """Waits until the other side closes the pipe. Returns the bytes that arrived before that."""
         end = time.monotonic() + (DEADLINE if timeout is None else timeout)
         while True:
             came = self.fill(max(0, end - time.monotonic()))
@@ -232,7 +232,7 @@ class ScriptedNode:
     def accept(self):
         connection, _ = self.listener.accept()
         arguments, received, _, _ = socket.recv_fds(connection, 65536, 2)
-        with contextlib.suppress(BrokenPipeError):  # the server has ended, and the stub with it
+        with contextlib.suppress(BrokenPipeError):  # the server and the stub have ended
             connection.send(b"a")
         link = NodeLink(connection, received[0], received[1], arguments.decode().split("\0"))
         self.root.test.addCleanup(link.close)
@@ -263,7 +263,7 @@ class NodeLink:
         return self.stream.is_silent(seconds)
 
     def close_output(self):
-        """Closes the pipe to the server, as the death of a node client does."""
+        """Closes the pipe to the server, as the kernel does when a node client dies."""
         if self.out >= 0:
             os.close(self.out)
             self.out = -1

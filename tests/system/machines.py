@@ -1,8 +1,8 @@
 """Simulates several machines on one: each has a network and a mount namespace, and each node a real sshd.
 
 A machine is an install root that is mounted at /usr/local/kro5 in its own namespaces. All machines share one
-process id namespace, so that a test can inspect all processes. The namespaces have no names outside. They
-disappear when the processes that hold them end.
+process id namespace, so that a test can inspect all processes. The namespaces have no names in the file system.
+They disappear when their last processes end.
 """
 
 import os
@@ -88,7 +88,7 @@ class Machine(harness.Root):
 
 
 class Head(Machine):
-    """The machine of the server. Root's ssh is set up as the documentation describes."""
+    """The machine of the server. The ssh settings of root are those of docs/operations.md."""
 
     def __init__(self, test, ssh_options=QUICK):
         self.home = os.path.join(test.folder, "home")
@@ -141,7 +141,7 @@ class Node(Machine):
         self.tool("ip", "address", "add", self.address + "/24", "dev", "uplink")
 
     def pull_out(self):
-        """Removes the node's address, so that no process receives packets for it."""
+        """Removes the address of the node, so that the node receives no packets, like a machine without network."""
         self.tool("ip", "address", "del", self.address + "/24", "dev", "uplink")
 
     def make_keys(self):

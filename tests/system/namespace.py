@@ -36,8 +36,8 @@ def bind(source, target):
 
 
 def cover_usr_local(root):
-    """Mounts an empty /usr/local, binds the previous entries into it, and binds the root to /usr/local/kro5. So
-    nothing is created on the machine's own disk."""
+    """Mounts an empty /usr/local, binds the previous entries into it, and binds the root to /usr/local/kro5. The
+    function creates no files on the machine's own disk."""
     before = tempfile.mkdtemp(prefix="before-", dir=os.path.dirname(root))
     mount("/usr/local", before, flags=MS_BIND | MS_REC)
     mount("tmpfs", "/usr/local", "tmpfs")

@@ -1,4 +1,4 @@
-"""Unusual peers on loopback: a port without a server, a silent server, a wrong server, a forwarder."""
+"""Simulated network peers on loopback: a port without a server, a silent server, a wrong server, a forwarder."""
 
 import contextlib
 import socket
@@ -50,7 +50,7 @@ class Peer:
 
 
 def deserted_port(test):
-    """Returns a port of 127.0.0.1 on which no process listens. It stays bound until the test ends."""
+    """Returns a port of 127.0.0.1 on which no process listens. The port stays bound until the test ends."""
     holder = socket.socket()
     test.addCleanup(holder.close)
     holder.bind(("127.0.0.1", 0))

@@ -209,7 +209,7 @@ class Disk:
         self.entry(path, Folder())
 
     def do_U(self, path):
-        if self.node(path) is not None:  # else a socket
+        if self.node(path) is not None:  # a socket has no node
             self.entry(path, None)
 
     do_X = do_U
@@ -232,7 +232,7 @@ class Disk:
         self.sync_all()
 
     def left(self, luck):
-        """Returns {path: content} of all files that a power failure leaves; folders have None."""
+        """Returns {path: content} of all files and folders after a power failure. The content of a folder is None."""
         found = {}
 
         def visit(folder, path):
@@ -274,14 +274,14 @@ def is_removal(change):
 
 
 def all_lucks(seed, count):
-    """Returns the extreme outcomes, and `count` random ones."""
+    """Returns the extreme outcomes of a power failure, and `count` random outcomes."""
     found = [
         Luck("nothing stays", lambda *_: False, lambda *_: None),
         Luck("names stay, data does not", lambda *_: True, lambda *_: None),
         Luck("everything stays", lambda *_: True, lambda *_: -1),
         Luck("only removals stay", lambda change, _: is_removal(change), lambda *_: None),
         Luck("all but removals stays", lambda change, _: not is_removal(change), lambda *_: -1),
-        # Storage and install root may be on two disks.
+        # The storage and the install root can be on different disks, of which only one loses its unsynced changes.
         Luck("only the storage stays", lambda _, path: path.startswith("storage/"),
              lambda _, path: -1 if path.startswith("storage/") else None),
         Luck("all but the storage stays", lambda _, path: not path.startswith("storage/"),

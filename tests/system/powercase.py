@@ -31,7 +31,7 @@ class PowerTest(SystemTest):
         self.lost = []
         self.states = []  # (point, files, stored names) that a failure could leave
 
-    # --- actions of the scenarios ---
+    # --- Actions of the scenarios ---
 
     @staticmethod
     def serve(root, *arguments):
@@ -78,7 +78,7 @@ class PowerTest(SystemTest):
         self.run_marked(lambda promises: promises.stored.update(promises.backups[info_name]),
                         "--put", path, "-I", info, "--isolated", "--no-delete")
 
-    # --- the failures ---
+    # --- Simulated failures ---
 
     def fail_everywhere(self):
         disk = self.r.start

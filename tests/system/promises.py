@@ -5,7 +5,7 @@ import os
 
 INFO = "root/var/backup/tovarn/"
 STORAGE = "storage/"
-LEDGER = "root/var/quarn2_cp.ledger/"  # has an entry for each incomplete backup
+LEDGER = "root/var/quarn2_cp.ledger/"  # the ledger has an entry for each incomplete backup
 
 
 def fields(data):
@@ -116,7 +116,7 @@ class Promises:
 
 
 def is_open(path, data, backup):
-    """Returns True when the path is a ledger entry that keeps this backup from being counted."""
+    """Returns True when the path is an open ledger entry of this backup, so that no server counts the backup."""
     if data is None or not path.startswith(LEDGER) or is_hidden(path):
         return False
     stem = path[len(LEDGER):]

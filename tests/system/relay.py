@@ -65,7 +65,7 @@ class Cable:
             self.deliver()
 
     def take(self, end):
-        """Reads a limited number of packets, so that deliveries are not late."""
+        """Reads a limited number of packets from one device, so that the next deliveries are not late."""
         for _ in range(64):
             try:
                 packet = os.read(end, LARGEST)

@@ -29,7 +29,7 @@ def write_info(directory, user, date, **fields):
 
 
 class Backup:
-    """A complete backup as the program leaves it: storage and info root contain all of its files."""
+    """A complete backup as the program creates it: storage and info root contain all of its files."""
 
     def __init__(self, root, user, date, kind="full", form="dar", slices=2, data=b"0123456789",
                  size=None, **fields):

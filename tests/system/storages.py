@@ -30,7 +30,7 @@ def shared_info(name):
 
 def own_server(add_cleanup, kind, **options):
     """Starts a server for one test or class, which may halt or kill it. add_cleanup is the addCleanup of the
-    test or the addClassCleanup of the class. Its `info` has the same keys as that of a shared server."""
+    test or the addClassCleanup of the class. The server's `info` has the same keys as that of a shared server."""
     # The folder is below /var/tmp, because the users that serve the files must have access to it.
     folder = tempfile.mkdtemp(prefix="quarn2-cp-", dir="/var/tmp")
     add_cleanup(shutil.rmtree, folder, ignore_errors=True)

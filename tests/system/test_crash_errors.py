@@ -37,7 +37,7 @@ FAULTS = {
 
 class Errors(CrashTest):
     def strikes(self, scene):
-        """Yields (name of the fault, strike) for every point of every fault."""
+        """Yields (name of the fault, Strike) for every kind of fault and every call of the scene that it applies to."""
         for name, fault in FAULTS.items():
             for number in range(1, len(self.survey(scene, fault.kinds, may_be_none=True)) + 1):
                 yield name, Strike(fault.action, number, fault.error, fault.kinds, fault.lasting)

@@ -1,8 +1,9 @@
 """Kills every command at a call that changes something, and then runs it again.
 
-Each scene (crash_scenes.py) first runs without a fault, which counts its points. Then, for each point, the
-test creates a new root and kills the process at that point, for a write also in the middle of the data.
-After that it checks the files, starts a server on them, and repeats the job.
+Each scene (crash_scenes.py) first runs without a fault, to count its calls that change something. These calls are
+the points of the scene. Then, for each point, the test creates a new root and kills the process at that point, for a
+write also in the middle of the data. After that the test checks the files, starts a server on them, and repeats the
+job.
 
 The points differ a little between runs, because the order of threads and processes varies. A point that does
 not occur is counted as not reached.
@@ -22,7 +23,7 @@ KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))
 
 class Kills(CrashTest):
     def strikes(self, scene):
-        """Yields a kill before each point, after the last point, and in the middle of each write."""
+        """Yields a kill before each counted call, after the last call, and in the middle of each write."""
         points = self.survey(scene, CHANGES)
         for number, point in enumerate(points, 1):
             yield Strike("kill_before", number)

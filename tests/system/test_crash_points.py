@@ -1,4 +1,4 @@
-"""The library of fault points (tests/support/fault_points.h) must see every call of the program."""
+"""Checks that the fault library (tests/support/fault_points.h) wraps every changing call of the program."""
 
 import ctypes
 import errno
@@ -14,7 +14,7 @@ from faults import CHANGES, KINDS, LIBRARY, ROLES, Faults, Strike
 from harness import BINARY, SystemTest
 from samples import Backup, DATE
 
-# For each kind, the Python expressions that make one call of it with ctypes. Each runs in its own process.
+# For each kind of call, Python expressions that make one such call with ctypes. Each runs in its own process.
 CALLS = {
     "open": ["c.open64(b'new', os.O_CREAT | os.O_WRONLY, 0o600)", "c.openat(-100, b'n2', 0o101, 0o600)",
              "c.fopen(b'n3', b'w')", "c.creat(b'n4', 0o600)"],
@@ -118,7 +118,7 @@ class TheProgram(SystemTest):
 
     @unittest.skipUnless(shutil.which("strace"), "strace is not installed")
     def test_the_kernel_sees_no_change_that_was_not_counted(self):
-        """strace of a deletion shows the same changing calls as the points."""
+        """strace shows the same changing calls of a deletion as the library counts."""
         root = self.root()
         faults = Faults(os.path.join(self.folder, "faults"))
         self.addCleanup(faults.close)
@@ -139,7 +139,7 @@ class TheProgram(SystemTest):
         self.assertEqual([point.split()[1] for point in faults.points()], seen)
 
     def test_the_parts_of_a_server_are_told_apart(self):
-        """Each process of a server has its own role in the points."""
+        """The library assigns a separate role to each process of a server."""
         import crash_scenes
         faults = Faults(os.path.join(self.folder, "faults"))
         self.addCleanup(faults.close)

@@ -124,7 +124,7 @@ class OneBackup(DeleteTest):
 
 
 class Dependants(DeleteTest):
-    """2026-11-15 is a Sunday, the first day of its week; 2026-11-21 the last."""
+    """Deletions of full backups with dailies. The week begins on Sunday 2026-11-15 and ends on 2026-11-21."""
 
     def week(self, **options):
         full = Backup(self.r, "web1", "2026-11-15", **options)

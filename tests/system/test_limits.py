@@ -117,7 +117,7 @@ class CountLimits(LimitTest):
         texts = self.r.log_texts(7, server.daemon)
         self.assertIn("Custom backup custom.web1.info size 70", texts)
         added = [text.split(" ", 1)[1] for text in texts if text.startswith("0x")]
-        # The server logs these lines in list order, before it computes the used and free bytes.
+        # The server logs its list of backups before it computes the used and free bytes.
         self.assertEqual([f"Skip incomplete backup {day(-5)}.web1.info",
                           f"Add full backup {day(-1)}.web1.info. new used = 0, "
                           "new free_size = 1000",
@@ -129,7 +129,7 @@ class CountLimits(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
                                         "--count-limit", "9:9")
         self.assertEqual("OK 3", link.ask("RESERVE 0"))
-        # The newest record stands for a missing day. The full backup before it is locked nevertheless.
+        # The newest record stands for a missing day. The full backup is locked although it is not the newest record.
         self.assertEqual("ERR No disk space left on storage. Size limit: 100",
                          link.ask("RESERVE 91"))
         self.assertEqual("OK 3", link.ask("RESERVE 90"))

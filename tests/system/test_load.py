@@ -95,7 +95,7 @@ class Curve:
                 statistics.median(values[-quarter:]))
 
     def growth(self):
-        """Returns a text for each value that has grown."""
+        """Returns a text for each measured value that has grown."""
         found = []
         for process in self.processes:
             allowed = {"kib": lambda early: early * (1 + MEMORY_TOLERANCE) + MEMORY_SLACK[process],
@@ -113,7 +113,7 @@ class Curve:
 
 
 class CurveItself(unittest.TestCase):
-    """Proves that Curve.growth() finds growth."""
+    """Checks that Curve.growth() detects growing values."""
 
     @staticmethod
     def growth(**late):
@@ -227,7 +227,7 @@ class ServerLife(SystemTest):
     def fill(self):
         """Creates the initial backups, and a limit that leaves room for a few more."""
         records = {}
-        passes = self.days + self.days // 8 + SPARE_PASSES  # the new backups are a little larger
+        passes = self.days + self.days // 8 + SPARE_PASSES  # more than the days: new backups are larger
         for number in range(USERS):
             records[f"user{number:04}"] = [(day(-self.days - back), self.size())
                                            for back in range(passes, 0, -1)]
@@ -282,8 +282,8 @@ class ServerLife(SystemTest):
         self.assertEqual(1, len(harness.children(self.server.daemon)))
 
     def back_up(self, user, date):
-        """Plays the commands of one backup: a slice, sometimes released and reserved again, and the last file.
-        Returns the number of reservations."""
+        """Sends the commands of one backup to the server: a slice, sometimes released and reserved again, and the last
+        file. Returns the number of reservations."""
         size = self.size()
         count = 2
         self.reserve(size)
@@ -298,7 +298,7 @@ class ServerLife(SystemTest):
         return count
 
     def break_session(self):
-        """Closes the link after a reservation. The reservation ends with the session."""
+        """Reserves space and closes the link. The session and its reservation end."""
         size = self.size()
         self.reserve(size)
         self.account.release(size)
@@ -392,7 +392,8 @@ class ClientLife(SystemTest):
         return stem[:len(DATE)] > day(-PUT_ROUNDS)
 
     def check_account(self):
-        """Checks the free space to the byte: a file of that size needs no eviction, one byte more needs one."""
+        """Checks the server's free space to the byte: a file that uses all of it causes no eviction, and one more byte
+        causes an eviction."""
         used = sum(int(read_info(os.path.join(self.root.info_root, name))["size"])
                    for name in tree(self.root.info_root) if name.endswith(".info"))
         before = self.evictions()

@@ -23,7 +23,7 @@ COMMAND = re.compile(r"ProcessCommand line = '(?P<word>[A-Z]+) (?P<arguments>.*)
 
 
 def status(pid):
-    """Returns the resident KiB, descriptors and threads of a process."""
+    """Returns the resident memory in KiB, the number of descriptors and the number of threads of a process."""
     with open(f"/proc/{pid}/status", encoding="ascii") as file:
         values = dict(line.split(":", 1) for line in file)
     return (int(values["VmRSS"].split()[0]), len(os.listdir(f"/proc/{pid}/fd")),

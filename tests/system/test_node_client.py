@@ -378,7 +378,7 @@ class PutLast(ClientTest):
                 put = server.reserved_call("PUT " + self.source(root, slice_name), 10)
                 self.assertRegex(put.answer(), r"\AOK ")
                 root.wait_log("Wait 60 seconds before next attempt", level=6, pid=server.pid)
-                # Nothing is reserved for the info file before the backup is known to be complete.
+                # The node client reserves nothing for the info file before it has checked that the backup is complete.
                 last = server.call(
                     "PUTLAST " + self.source(root, info_name, "size=1\ntype=full"))
                 self.assertFalse(last.has_answer(0.4))

@@ -58,7 +58,7 @@ class Sessions(NodesTest):
             self.assertNotIn(secret, harness.command_line(pid))
         job = Job(node, "web1", DATE).run()
         stored = read(os.path.join(self.head.storage, job.stem + ".info")).decode()
-        self.assertIn("key_hash=", stored)  # so the node has the complete token
+        self.assertIn("key_hash=", stored)  # proves that the node has the complete token
         for machine in (self.head, node):
             self.assertNotIn(secret.encode(), read(machine.file("var/quarn2_cp.log")))
 
@@ -110,7 +110,7 @@ class Failures(NodesTest):
         times = [datetime.datetime.fromisoformat(entry.time) for entry in self.head.log(4)
                  if entry.text.startswith(f"Session with node '{node.option}' ended.")]
         gaps = [(later - earlier).total_seconds() for earlier, later in zip(times, times[1:])]
-        # A pause begins when the server notices the end, a little before it logs it.
+        # A pause begins when the server detects the end of the session, a little before the log line.
         self.assertGreaterEqual(gaps[0], 0.9)
         self.assertGreaterEqual(gaps[1], 1.9)
 

@@ -52,7 +52,7 @@ class BadClients(NodesTest):
         return read(node.notes).decode().splitlines()
 
     def reserved(self):
-        """Returns the reserved bytes at the time of the last reservation, from the log."""
+        """Returns the number of reserved bytes that the server logged at the last reservation."""
         lines = [text for text in self.head.log_texts(8) if text.startswith("Reserve this")]
         return int(lines[-1].rpartition("incomplete_size = ")[2].split(",")[0])
 

@@ -37,7 +37,7 @@ class Links(TroubleTest):
         cut, other = nodes
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE, size=12345)
-        cut.cable.order("loss 100 0")  # the command arrives, its answer does not
+        cut.cable.order("loss 100 0")  # the command arrives at the server, but the answer does not arrive at the node
         put = Behind(lambda: job.put_slice(1, timeout=120))
         self.head.wait_log("ProcessCommand line = 'RESERVE 12345'", level=8)
         cut.cable.order("loss 100 100")

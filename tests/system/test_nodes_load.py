@@ -20,7 +20,7 @@ from test_random import Rules
 
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 BACKUPS = int(os.environ.get("QUARN2_CP_NODE_BACKUPS", "8"))  # new backups of each user
-USERS = 2  # on each machine
+USERS = 2  # number of users on each machine
 OLD = 2 * BACKUPS  # initial backups of each user
 SLICES = 6
 SIZE = 3000
@@ -56,7 +56,7 @@ class Work(threading.Thread):
 
 
 class StubbornWork(Work):
-    """Repeats a failed backup until it succeeds."""
+    """Makes backups like Work, and repeats a failed backup until it succeeds."""
 
     failures = 0
 
@@ -128,7 +128,7 @@ class Load(NodesTest):
         return works
 
     def kill_clients(self, server, nodes, works):
-        """Kills the node clients one after the other, each during its work."""
+        """Kills the node clients one after the other while they upload backups."""
         choice = random.Random(SEED)
 
         def local():
@@ -136,7 +136,7 @@ class Load(NodesTest):
                     if harness.command_line(pid).startswith(self.head.binary)]
 
         for find in [local, *(node.clients for node in nodes)] * 2:
-            client = wait_for(find, "a node client", 180)[0]  # the longest pause is 60 s
+            client = wait_for(find, "a node client", 180)[0]  # the longest pause before a new session is 60 s
             reservations = len(self.reservations())
             wait_for(lambda: len(self.reservations()) > reservations + choice.randrange(30) or
                      not any(work.is_alive() for work in works), "work")
@@ -209,7 +209,7 @@ class Load(NodesTest):
         newest = {job.user: job for job in jobs}
         for job in newest.values():
             self.assertIn((job.user, job.date), found)
-        # The storage has no file that belongs to no backup.
+        # Every file on the storage belongs to a backup.
         believed = {name for job in jobs for name in job.stored_names()}
         believed |= {name for backup in old for name in backup.stored_names()}
         self.assertEqual(set(), present[0] - believed)

@@ -1,5 +1,5 @@
-"""Power failures during --rescan, --get, --update and --clear, and the proof that these tests notice a program
-that does not sync. See test_power.py.
+"""Power failures during --rescan, --get, --update and --clear, and a proof that the checks detect missing
+syncs. See test_power.py.
 """
 
 import os
@@ -31,8 +31,8 @@ class Rescan(PowerTest):
                           for name in root.local()})
 
     def broken(self, left):
-        """Without the marker file the info root must be as before the rescan or complete. With the marker file
-        the program does not use it, so any content is allowed."""
+        """Returns the broken promises. Without the marker file .rescan the info root must be as before the rescan, or
+        complete. With the marker file the program does not use the info root, so any content is allowed."""
         if MARKER in left:
             return super().broken({path: data for path, data in left.items()
                                    if not path.startswith(INFO)})

@@ -109,7 +109,7 @@ class Isolated(InfoTest):
             {"type": "full", "created": "2026-11-20 00:00:00",
              "last-slice": "F2026-11-20.web1.1.dar", "size": str(19 + len(stored))},
             read_info(self.stored_info))
-        # The job's own file stays as the last slice left it. Only the local copy contains the node.
+        # The last --put does not change the job's own info file. Only the copy in the info root contains the node.
         self.assertEqual(before, read(info))
         self.assertEqual({**read_info(self.stored_info), "node": "n1"}, read_info(self.local_info))
         self.assertEqual(stored, info_text(read_info(self.stored_info)))

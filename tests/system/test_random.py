@@ -17,7 +17,7 @@ ALL_LOCKED = "No space left. But all backups are locked"
 
 
 class Rules:
-    """A simple model of what the server must do. records[user][date] = (kind, size)."""
+    """A simple model of the server's evictions. records[user][date] = (kind, size)."""
 
     def __init__(self, records, full_limit, daily_limit, size_limit):
         self.records = records

@@ -229,7 +229,7 @@ class BrokenOff(RescanTest):
     USERS = 150
 
     def broken_off_at(self, root, files):
-        """Kills a rescan when the info root has this many files. A fast rescan may have ended before."""
+        """Kills a rescan when the info root has this many files. A fast rescan may end before the kill."""
         pid_file = root.file("var/quarn2_cp.pid")
         if os.path.exists(pid_file):
             os.remove(pid_file)

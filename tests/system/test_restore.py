@@ -119,8 +119,8 @@ class RestoreJob(SystemTest):
                 self.assertIn(made["slices"][1], result.stderr)
 
 
-# Runs `first` before call number `number` of the program. After each call it writes the number of archive files in
-# the target's directory to the file counts.
+# A wrapper for the program. It runs `first` before call number `number`. After each call it writes the number of
+# archive files in the target's directory to the file counts.
 WRAPPER = """#!/bin/sh
 for last; do :; done
 echo call >>'{base}/calls'

@@ -167,7 +167,7 @@ class Modes(RightsTest):
                     or (owner, group) != (0, 0)):
                 wrong.append((name, kind, oct(mode), owner, group))
         self.assertEqual([], wrong)
-        # Each rule has matched a file, except rules for files that may exist for less than a millisecond.
+        # Each rule must match a file. The exceptions are files that may exist for less than a millisecond.
         missed = [rule[0].pattern for rule in MADE
                   if not any(rule[0].fullmatch(name) for name in watch.names())
                   and not re.match(r"(root|restored|.?\.tmp-file).*(part~|rescan)", rule[0].pattern)]
@@ -187,7 +187,7 @@ class Modes(RightsTest):
 
 
 class OtherUsers(RightsTest):
-    """Attempts of the user `nobody` against a server whose token contains a secret."""
+    """The user `nobody` tries to access a server whose token contains a secret."""
 
     def setUp(self):
         super().setUp()

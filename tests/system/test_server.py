@@ -148,7 +148,7 @@ class End(SystemTest):
         root = self.root()
         first = Server(root, "--date", DATE).wait_ready()
         second = Server(root, "--date", DATE).wait_ready()
-        third = Server(root).wait_ready()  # without a date it joins a server of any date
+        third = Server(root).wait_ready()  # a --server command without a date joins a server of any date
         fourth = Server(root, "--date", "custom").wait_ready()
         self.assertEqual({first.daemon},
                          {second.daemon, third.daemon, fourth.daemon})

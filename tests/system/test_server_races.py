@@ -16,7 +16,7 @@ from samples import write_info
 
 DATE = "2026-11-20"
 ROOTS = 5
-ROUNDS = 20  # in each root
+ROUNDS = 20  # number of rounds in each install root
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 FAILED = "quarn2_cp: Failed to start size control server\n"
 
@@ -89,10 +89,10 @@ class DiesWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # the second caller has probably found the lock taken; any moment is valid
+        time.sleep(0.2)  # by now the second command has probably found the lock taken; any moment is valid
         held.kill(daemon)
-        # The order of the callers is not defined. If the second caller starts its server first, both share it.
-        # Otherwise the first caller fails.
+        # The order of the two --server commands is not defined. If the second command starts its server first, both
+        # commands share that server. If not, the first command fails.
         second.wait_ready()
         self.assertNotEqual(daemon, second.daemon)
         try:
@@ -135,7 +135,7 @@ class DiesWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # any moment of the second caller's wait is valid
+        time.sleep(0.2)  # any moment while the second command waits is valid
         second.process.kill()
         second.process.wait()
         held.let_go()
@@ -246,7 +246,7 @@ class Races(SystemTest):
                 self.assertTrue(between.is_ready(harness.DEADLINE))
                 old.release()
                 wait_gone(old.daemon)
-                # `between` may have joined the old daemon just before its end; the next caller cannot.
+                # `between` may have joined the old daemon just before its end. The next --server command cannot.
                 server = Server(root, "--date", DATE).wait_ready()
                 between.release()
                 self.assertNotEqual(old.daemon, server.daemon)

@@ -176,7 +176,7 @@ class Reservation(SystemTest):
             with self.subTest(line=line):
                 answer = link.ask(line)
                 if line.endswith("full"):
-                    self.assertEqual("OK 0", answer)  # a missing size is 0
+                    self.assertEqual("OK 0", answer)  # COMPLETE treats a missing or malformed size as 0
                 else:
                     self.assertRegex(answer, r"\AERR .+")
         self.assertEqual("OK 0", link.ask("RESERVE 100"))

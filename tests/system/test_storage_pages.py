@@ -1,4 +1,4 @@
-"""A storage with more objects in a directory than one answer lists."""
+"""A storage whose directory has more objects than the server lists in one answer."""
 
 import os
 import unittest

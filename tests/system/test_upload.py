@@ -84,7 +84,7 @@ class Refused(FullStorageTest):
         self.assertEqual(["F2026-11-20.web1.tgz.attempts"], tree(root.work))
         attempts = read(path + ".attempts").decode()
         self.assertTrue(re.fullmatch(r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d.*\n", attempts), attempts)
-        # This kind of failure does not fail the backup's next command.
+        # After a failure of this kind, the next command of the backup succeeds.
         call = server.reserved_call("PUT " + self.source("F2026-11-20.web1.tgz", 1024), 1024)
         self.assertEqual("OK F2026-11-20.web1.tgz 1024", call.answer())
         self.assertEqual((0, ""), server.end())
@@ -96,7 +96,7 @@ class Refused(FullStorageTest):
         first = self.source("F2026-11-20.web1.tgz")
         self.assertRegex(server.reserved_call("PUT " + first, 2 * MIB, count=3).answer(), "OK")
         server.expect("DROPONE 2")
-        # The test has not answered DROPONE yet, so the next reservation waits for the link.
+        # The scripted server has not answered DROPONE yet, so the next reservation waits for the link.
         second = server.call("PUT " + self.source("F2026-11-20.web2.tgz", 4096))
         root.wait_log("quarn2::Expect::Result* NodeSide::operator()(ResHandle)", pid=server.pid, count=2)
         wait_for(lambda: harness.stat_of(server.pid)[0] == "S", "the command's wait for the link")

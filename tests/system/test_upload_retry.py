@@ -32,7 +32,7 @@ class Retry(SystemTest):
         # The next commands of both backups wait for the results of the uploads.
         put = mended_server.reserved_call(
             "PUT " + write(os.path.join(mended.work, "F2026-11-20.web1.tgz.part2"), "x"), 1)
-        # The node client reserves nothing for the info file before the backup is known to be complete.
+        # The node client reserves nothing for the info file before it has checked that the backup is complete.
         last = failing_server.call(
             "PUTLAST " + write(os.path.join(failing.work, "2026-11-20.web1.info"), "size=1"))
         self.assertFalse(put.has_answer(1) or last.has_answer())

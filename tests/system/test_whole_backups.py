@@ -1,4 +1,4 @@
-"""Backups after mistakes and interruptions: a complete backup is kept, an incomplete one never counts."""
+"""Backups after mistakes and interruptions: complete backups stay, and incomplete backups never count."""
 
 import os
 import shutil
