@@ -112,7 +112,7 @@ bool InputEnded(const pollfd& input) {
     return input.revents != 0 && read(STDIN_FILENO, &byte, 1) <= 0;
 }
 
-// Each direction has its own thread, so that a busy one does not delay the other.
+// Each direction has its own thread, so that a busy direction does not delay the other one.
 void RunLane(Lane& lane) {
     for (;;) {
         pollfd wanted = {lane.from(), POLLIN, 0};

@@ -133,7 +133,7 @@ void BM_Reserve(benchmark::State& state) {
     auto& storage = control.storages.at("");
     if (storage.reserved != static_cast<std::int64_t>(state.iterations()) * 1048576) std::abort();
 }
-// The number of iterations is limited, so that all reservations fit into kRoom and none evicts.
+// The number of iterations is limited, so that all reservations fit into kRoom without evictions.
 BENCHMARK(BM_Reserve)->Iterations(1'000'000)->Unit(benchmark::kNanosecond);
 
 // Sends one completion per user, and starts again with the first user until the measurement ends.

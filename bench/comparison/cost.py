@@ -10,7 +10,7 @@ import subprocess
 
 
 class Failed(Exception):
-    """Raised when a tool did not do its work, so that its figures would be meaningless."""
+    """Raised when a tool has failed, because its figures would be meaningless."""
 
 
 @dataclasses.dataclass

@@ -118,7 +118,7 @@ class FtpSession {
         ReceiveBytes();
         Say("226 Done");
     }
-    // Receives the data of a transfer and returns their size in bytes. The caller sends the final
+    // Receives the data of a transfer and returns their size in bytes. The script sends the final
     // reply.
     std::size_t ReceiveBytes() {
         Say("150 Give it");

@@ -43,7 +43,7 @@ class RecordedRoot(Root):
                                    **changes)
 
     def begin(self):
-        """Starts the model: it treats the current files as synced. The trace contains the later changes."""
+        """Starts the model of the disk. The model treats the current files as synced; the trace has later changes."""
         self.start = Disk.of(self.base)
 
     def make_source(self, name, data):

@@ -29,7 +29,7 @@ class PowerTest(SystemTest):
         self.promises = Promises()
         self.marks = {}  # text of a mark in the trace -> function that updates the promises
         self.lost = []
-        self.states = []  # (point, files, stored names) that a failure could leave
+        self.states = []  # (point of the trace, files, stored names) after each simulated failure
 
     # --- Actions of the scenarios ---
 

@@ -87,7 +87,7 @@ class Cable:
                 pass  # the device is down, so the packet is lost
 
     def obey(self):
-        """Executes the orders that have arrived; returns False at the end of standard input."""
+        """Executes the orders that have arrived on standard input. Returns False at its end."""
         piece = os.read(0, 4096)
         self.orders += piece
         while b"\n" in self.orders:

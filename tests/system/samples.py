@@ -22,7 +22,7 @@ def read_info(path):
 
 
 def write_info(directory, user, date, **fields):
-    """Writes only an info file, which is all that a scan needs of a backup."""
+    """Writes only the info file of a backup, because a scan needs no other file."""
     fields.setdefault("finished", f"{DATE} 01:00:00")
     fields.setdefault("type", "full")
     return write(os.path.join(directory, f"{date}.{user}.info"), info_text(fields))

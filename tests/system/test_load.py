@@ -227,7 +227,7 @@ class ServerLife(SystemTest):
     def fill(self):
         """Creates the initial backups, and a limit that leaves room for a few more."""
         records = {}
-        passes = self.days + self.days // 8 + SPARE_PASSES  # more than the days: new backups are larger
+        passes = self.days + self.days // 8 + SPARE_PASSES  # more passes than days, because new backups are larger
         for number in range(USERS):
             records[f"user{number:04}"] = [(day(-self.days - back), self.size())
                                            for back in range(passes, 0, -1)]

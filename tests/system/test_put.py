@@ -173,7 +173,8 @@ class Replies(SystemTest):
         self.addCleanup(self.listener.close)
 
     def serve(self, *answers):
-        """Answers one command with each answer. Returns the list to which the thread adds the commands' texts."""
+        """Starts a thread that accepts one command for each answer and sends the answer. Returns the list to which the
+        thread adds the texts of the commands."""
         commands = []
 
         def work():
