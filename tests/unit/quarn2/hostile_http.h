@@ -47,14 +47,20 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
     void Serve(ScriptedHttpServer::Script script) {
         server_ = std::make_unique<ScriptedHttpServer>(std::move(script));
     }
-    std::string Token(const std::string& more = "", bool tls = false) const {
+    // The client's timeout in seconds: short for servers that fall silent, long for others, because
+    // a busy machine can be slow.
+    enum Timeout { kShort = 2, kLong = 20 };
+
+    std::string Token(const std::string& more = "", bool tls = false,
+                      Timeout timeout = kShort) const {
         return std::string(GetParam().scheme) + (tls ? "" : "+http") +
                "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) + GetParam().path +
-               "?timeout=2" + more;
+               "?timeout=" + std::to_string(timeout) + more;
     }
     // Opens a storage with its own connections.
-    std::shared_ptr<quarn2::Storage> Open(const std::string& more = "", bool tls = false) const {
-        return quarn2::GetStorage(quarn2::BackupToken(Token(more, tls)));
+    std::shared_ptr<quarn2::Storage> Open(const std::string& more = "", bool tls = false,
+                                          Timeout timeout = kShort) const {
+        return quarn2::GetStorage(quarn2::BackupToken(Token(more, tls, timeout)));
     }
 
     // All operations that receive a response of the server.

@@ -24,7 +24,7 @@ class HostilePeer : public HostileHttp {
     // Expects that every operation fails with an error that contains `part`, and that the server
     // receives no request.
     void ExpectNothingSaid(const std::string& more, const std::string& part) {
-        const auto storage = Open(more, true);
+        const auto storage = Open(more, true, kLong);
         for (const Deed& deed : Deeds()) {
             SCOPED_TRACE(deed.name);
             const Bounds bounds;
@@ -95,7 +95,7 @@ class HostileSuccess : public HostileHttp {
     void ExpectRefusedInParts(const std::string& reason) {
         const std::string large = folder_ / "large";
         local_files::Save(large, std::string(kInParts, 'x'));
-        const auto storage = Open("&part_size=5242880");
+        const auto storage = Open("&part_size=5242880", false, kLong);
         EXPECT_THAT(ErrorOf([&] { storage->Upload("file", large); }), HasSubstr(reason));
         EXPECT_TRUE(local_files::Has(large));
     }
