@@ -1,6 +1,7 @@
 // Downloads for restore jobs and for the rescan.
 #pragma once
 
+#include <exception>
 #include <memory>
 #include <string>
 
@@ -16,6 +17,10 @@ void CommandGet(kro_args::ResultPtr result);
 // "unauthorized" error at once, without a change of the ".attempts" file.
 void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
          const std::string& local);
+
+// Returns true for the error of a storage that was unavailable, so that another attempt may
+// succeed.
+bool IsUnavailable(const std::exception& error);
 
 // Downloads the info file `name` into `local_dir`, together with the companion file that a restore
 // needs first: the isolated catalogue or the index. For an index that is encrypted with a key other

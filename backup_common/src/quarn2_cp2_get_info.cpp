@@ -57,6 +57,11 @@ void Download(const std::string& local_dir, const std::string& node, quarn2::Sto
 
 }  // namespace
 
+bool IsUnavailable(const std::exception& error) {
+    const auto* const reason = dynamic_cast<const kro_err::Error*>(&error);
+    return reason != nullptr && reason->kind() == kro_err::Kind::kUnavailable;
+}
+
 bool DownloadInfoFile(const std::string& local_dir, const std::string& node,
                       std::shared_ptr<quarn2::Storage> storage, const std::string& /*filter*/,
                       std::string& encrypted_lines, const std::string& name) {
@@ -67,7 +72,6 @@ bool DownloadInfoFile(const std::string& local_dir, const std::string& node,
         return true;
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Cant download file: '%s'", error.what());
-        const auto* const reason = dynamic_cast<const kro_err::Error*>(&error);
-        return reason == nullptr || reason->kind() != kro_err::Kind::kUnavailable;
+        return !IsUnavailable(error);
     }
 }

@@ -75,6 +75,12 @@ void CheckEntryName(const std::string& name) {
     throw kro_err::Error(kro_err::Kind::kFailed, "'" + name + "' is not the name of a backup");
 }
 
+LedgerEntry EmptyEntry(const std::string& name) {
+    LedgerEntry entry;
+    entry.name = name;
+    return entry;
+}
+
 void LogFailure(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 4,
             "Cant write '%s', so an interruption of this backup may not be noticed. What: %s",
@@ -156,8 +162,7 @@ std::string LedgerEntry::Format() const {
 }
 
 LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text) {
-    LedgerEntry entry;
-    entry.name = name;
+    LedgerEntry entry = EmptyEntry(name);
     try {
         std::map<std::string, std::string> lines = str::Split(text, "\n");
         entry.storage = lines["storage"];
@@ -173,8 +178,7 @@ LedgerEntry LedgerEntry::Parse(const std::string& name, const std::string& text)
         }
     } catch (const kro_err::Error& error) {
         KRO_LOG(kLog, 4, "Ledger entry '%s' cannot be used. What: %s", name.c_str(), error.what());
-        entry = LedgerEntry();
-        entry.name = name;
+        entry = EmptyEntry(name);
         entry.is_unknown = true;
     }
     return entry;
@@ -228,9 +232,7 @@ LedgerEntry Ledger::Read(const std::string& name) const {
     const std::string path = kro_file::ConcatPath(directory_, name);
     const std::string text = kro_file::ReadE(path);
     if (!text.empty() || kro_file::Exists(path)) return LedgerEntry::Parse(name, text);
-    LedgerEntry nothing;
-    nothing.name = name;
-    return nothing;
+    return EmptyEntry(name);
 }
 
 std::string Ledger::LockPath() const { return kro_file::ConcatPath(directory_, kLockFile); }
@@ -264,10 +266,14 @@ void Ledger::Replace(const LedgerEntry& entry) const {
     }
 }
 
+void Ledger::Prepare(const std::string& name) const {
+    CheckEntryName(name);
+    if (!HasDirectory()) kro_file::MkDirSynced(directory_, kDirectoryMode);
+}
+
 bool Ledger::Update(const std::string& name, const Change& change) const {
     try {
-        CheckEntryName(name);
-        if (!HasDirectory()) kro_file::MkDirSynced(directory_, kDirectoryMode);
+        Prepare(name);
         const kro_file::ByteLock lock(LockPath(), ChangeByte(name));
         LedgerEntry entry = Read(name);
         const LedgerEntry before = entry;
@@ -285,8 +291,7 @@ bool Ledger::Update(const std::string& name, const Change& change) const {
 bool Ledger::MakeUnknown(const std::string& name) const {
     const std::string path = kro_file::ConcatPath(directory_, name);
     try {
-        CheckEntryName(name);
-        if (!HasDirectory()) kro_file::MkDirSynced(directory_, kDirectoryMode);
+        Prepare(name);
         const kro_file::ByteLock lock(LockPath(), ChangeByte(name));
         if (kro_file::Exists(path)) return false;
         kro_file::Write(path, "", kEntryMode);
@@ -301,9 +306,7 @@ void Ledger::End(const std::string& name) const {
     try {
         if (!HasDirectory()) return;
         const kro_file::ByteLock lock(LockPath(), ChangeByte(name));
-        LedgerEntry nothing;
-        nothing.name = name;
-        Replace(nothing);
+        Replace(EmptyEntry(name));
     } catch (const kro_err::Error& error) {
         KRO_LOG(kLog, 4, "Cant remove ledger entry '%s'. What: %s", name.c_str(), error.what());
     }

@@ -138,6 +138,8 @@ class Ledger {
     Ledger(FromDirectory, std::string directory) : directory_(std::move(directory)) {}
     std::string LockPath() const;
     bool HasDirectory() const;
+    // Checks the name and makes the directory if it is missing, before an entry is written.
+    void Prepare(const std::string& name) const;
     std::vector<std::string> Names() const;
     void Replace(const LedgerEntry& entry) const;
 

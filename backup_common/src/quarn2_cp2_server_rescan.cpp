@@ -131,11 +131,6 @@ class LocalKeys {
     quarn2::InfoMap info_;
 };
 
-bool IsUnavailable(const std::exception& error) {
-    const auto* const reason = dynamic_cast<const kro_err::Error*>(&error);
-    return reason != nullptr && reason->kind() == kro_err::Kind::kUnavailable;
-}
-
 // The files and directories that a rescan could not read because the storage was temporarily
 // unavailable.
 class FailedReads {
