@@ -143,7 +143,12 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         int status = 0;
         ASSERT_EQ(waitpid(child, &status, 0), child);
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
-        ASSERT_TRUE(SoonTrue([&] { return !site_->IsBeingWritten(); }));
+        WaitUntilNothingIsWritten();
+    }
+    // Waits until the server has written what it received from broken connections. Until then, the
+    // next upload takes their temporary files for those of running uploads.
+    void WaitUntilNothingIsWritten() const {
+        EXPECT_TRUE(SoonTrue([&] { return !site_->IsBeingWritten(); }));
     }
     std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
         const quarn2::BackupToken token(site_->Token());
@@ -168,6 +173,7 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
             EXPECT_TRUE(stored == "old" || stored == content) << stored.size() << " bytes";
         }
         ExpectSoonAtMostLeftoversBeside("dir/file");
+        WaitUntilNothingIsWritten();
         EXPECT_TRUE(storage->Upload("dir/file", LocalFile("next")));
         EXPECT_EQ(Download(*storage, "dir/file"), "next");
         ExpectSoonNothingBut("dir/file");

@@ -31,6 +31,9 @@ constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
 // The time that an existing temporary file is watched. A running upload writes several times a
 // second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
+// How often a file that changes is watched. After a connection breaks, the server still writes what
+// it had received, so a file that changes at first may nevertheless be left by that upload.
+constexpr int kMaxWatches = 3;
 // In bytes. If a write fails and the storage has less free space than this, the storage counts as
 // full.
 constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
@@ -151,10 +154,14 @@ class Uploader {
         return failure == Failure::kFailed || failure == Failure::kNotFound;
     }
 
-    bool IsLeftover(const std::string& path, const Attributes& before) {
-        kro_proc::Sleep(kWatchMilliseconds);
-        const std::optional<Attributes> now = LookAt(session_, path);
-        return !now || (now->size == before.size && now->mtime == before.mtime);
+    bool IsLeftover(const std::string& path, Attributes before) {
+        for (int watch = 0; watch < kMaxWatches; ++watch) {
+            kro_proc::Sleep(kWatchMilliseconds);
+            const std::optional<Attributes> now = LookAt(session_, path);
+            if (!now || (now->size == before.size && now->mtime == before.mtime)) return true;
+            before = *now;
+        }
+        return false;
     }
 
     void MakeDirectories() {

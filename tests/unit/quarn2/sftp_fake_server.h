@@ -41,6 +41,7 @@ struct Disk {
     std::size_t longest_read = 0;  // maximum bytes per read; 0: as requested
     bool backwards = false;        // answers to reads come in the opposite order
     std::string growing;           // a file that another client writes to
+    int growths_left = -1;         // how often the file still grows; -1: always
     std::uint64_t told_size = 0;   // the reported size of all files; 0: their real size
     bool needs_truncate = false;  // refuses to create a file without this flag, and with it ignores
                                   // that the file must not exist
@@ -135,7 +136,10 @@ class Server final : public quarn2::sftp::Stream {
 
     // A handle is the path itself.
     void Look(const std::string& path) {
-        if (path == disk_.growing) disk_.files[path] += "more";
+        if (path == disk_.growing && disk_.growths_left != 0) {
+            disk_.files[path] += "more";
+            if (disk_.growths_left > 0) --disk_.growths_left;
+        }
         const bool file = disk_.files.contains(path);
         if (!file && !disk_.directories.contains(path)) return Status(Code::kNoSuchFile);
         Request answer(Type::kAttrs);

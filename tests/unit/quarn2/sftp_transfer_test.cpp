@@ -116,6 +116,15 @@ TEST_F(SftpTransfer, RemovesWhatDoesNotGrow) {
     EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "mine")));
 }
 
+// The server still writes what it has received from a broken connection.
+TEST_F(SftpTransfer, RemovesWhatStopsToGrow) {
+    disk_.files = {{kTemporary, "left"}};
+    disk_.growing = kTemporary;
+    disk_.growths_left = 2;
+    EXPECT_TRUE(Put("file", "mine"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "mine")));
+}
+
 TEST_F(SftpTransfer, StoresWhereDataAndTimeAppearAtTheClose) {
     disk_.late_time = true;
     EXPECT_TRUE(Put("file", "old"));

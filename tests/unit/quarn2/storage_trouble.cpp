@@ -49,6 +49,7 @@ TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
     EXPECT_NE(stored, kind.has_value()) << "a break is no lack of room";
     EXPECT_TRUE(Download(*OpenDirectly(), "file") == (stored ? content : "old"));
     ExpectSoonAtMostLeftoversBeside("file");
+    WaitUntilNothingIsWritten();
     EXPECT_TRUE(storage->Upload("file", LocalFile("next")));
     ExpectSoonNothingBut("file");
 }
