@@ -65,8 +65,20 @@ Value ToValue(const Json& json) {
 
 }  // namespace
 
+Value::Value() noexcept = default;
+Value::Value(bool value) : value_(value) {}
+Value::Value(std::int64_t value) : value_(value) {}
+Value::Value(double value) : value_(value) {}
+Value::Value(const char* value) : value_(std::string(value)) {}
+Value::Value(std::string_view value) : value_(std::string(value)) {}
+Value::Value(std::string value) : value_(std::move(value)) {}
 Value::Value(Array value) : value_(std::move(value)) {}
 Value::Value(Object value) : value_(std::move(value)) {}
+Value::~Value() = default;
+Value::Value(const Value& other) = default;
+Value::Value(Value&& other) noexcept = default;
+Value& Value::operator=(const Value& other) = default;
+Value& Value::operator=(Value&& other) noexcept = default;
 
 const Value* Value::Find(std::string_view key) const noexcept {
     const Object* object = AsObject();

@@ -22,16 +22,23 @@ using Object = std::vector<Member>;
 // A JSON value. The default is null. Texts are UTF-8.
 class Value {
   public:
-    Value() = default;
-    Value(bool value) : value_(value) {}
+    Value() noexcept;
+    Value(bool value);
+    Value(std::int64_t value);
     template <std::integral T>
-    requires(!std::same_as<T, bool>) Value(T value) : value_(static_cast<std::int64_t>(value)) {}
-    Value(double value) : value_(value) {}
-    Value(const char* value) : value_(std::string(value)) {}
-    Value(std::string_view value) : value_(std::string(value)) {}
-    Value(std::string value) : value_(std::move(value)) {}
+    requires(!std::same_as<T, bool> && !std::same_as<T, std::int64_t>) Value(T value)
+        : Value(static_cast<std::int64_t>(value)) {}
+    Value(double value);
+    Value(const char* value);
+    Value(std::string_view value);
+    Value(std::string value);
     Value(Array value);
     Value(Object value);
+    ~Value();
+    Value(const Value& other);
+    Value(Value&& other) noexcept;
+    Value& operator=(const Value& other);
+    Value& operator=(Value&& other) noexcept;
 
     bool IsNull() const noexcept { return std::holds_alternative<std::monostate>(value_); }
 
