@@ -31,6 +31,21 @@ if(QUARN2_CP_COVERAGE)
   target_link_options(project_options INTERFACE -fprofile-instr-generate)
 endif()
 
+# The sanitizer builds use a precompiled header, so they parse the standard library once per layer. The other builds
+# have none, so they report a missing include. `owner` is the target that compiles the header for `target`.
+function(set_up_precompiled_header target owner)
+  if(NOT QUARN2_CP_SANITIZE)
+    return()
+  endif()
+  if(NOT target STREQUAL owner)
+    target_precompile_headers(${target} REUSE_FROM ${owner})
+    return()
+  endif()
+  target_precompile_headers(${target} PRIVATE
+    <algorithm> <chrono> <cstdint> <filesystem> <functional> <map> <memory> <mutex> <optional> <span> <string>
+    <string_view> <thread> <utility> <vector>)
+endfunction()
+
 # Adds the static library of one layer. Its public headers are in include/, its private headers beside the sources.
 function(add_layer name)
   cmake_parse_arguments(LAYER "" "" "SOURCES;USES" ${ARGN})
@@ -38,11 +53,5 @@ function(add_layer name)
   target_include_directories(${name} PUBLIC include PRIVATE src)
   target_link_libraries(${name} PUBLIC ${LAYER_USES} PRIVATE project_options)
   target_compile_options(${name} PRIVATE ${product_warnings})
-  # The sanitizer builds use a precompiled header, so they parse the standard library once per layer. The other
-  # builds have none, so they report a missing include.
-  if(QUARN2_CP_SANITIZE)
-    target_precompile_headers(${name} PRIVATE
-      <algorithm> <chrono> <cstdint> <filesystem> <functional> <map> <memory> <mutex> <optional> <span> <string>
-      <string_view> <thread> <utility> <vector>)
-  endif()
+  set_up_precompiled_header(${name} ${name})
 endfunction()

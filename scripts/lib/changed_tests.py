@@ -23,7 +23,7 @@ FOLDERS = [
                               "quarn2_storage_trouble_ftp", "system_storage_"]),
     ("quarn2/backends/local/", ["quarn2_local", "quarn2_storage_local", "system_", "scenarios"]),
     ("quarn2/backends/memory/", ["quarn2_memory", "quarn2_storage_memory", "backup_"]),
-    ("quarn2/src/encryption/", ["quarn2_", "system_storage_"]),
+    ("quarn2/crypto/", ["quarn2_", "system_storage_"]),
     ("quarn2/", ["quarn2_", "backup_", "system_"]),
     ("backup_common/", ["backup_", "system_", "scenarios"]),
     ("launcher/", ["system_"]),

@@ -12,12 +12,12 @@
 #include <sstream>
 
 #include "backends/memory/memory_backend.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
 #include "quarn2_cp2_put_answer.h"
 #include "quarn2_cp2_put_node.h"
-#include "stored_name.h"
 
 namespace {
 

@@ -10,11 +10,11 @@
 #include <span>
 #include <vector>
 
-#include "encryption/cipher.h"
-#include "encryption/encrypted_backend.h"
-#include "encryption/header.h"
+#include "crypto/cipher.h"
+#include "crypto/header.h"
 #include "fuzz.h"
 #include "kro/kro_err.h"
+#include "storage/encrypted_backend.h"
 
 namespace {
 

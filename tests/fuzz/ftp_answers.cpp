@@ -9,8 +9,8 @@
 #include "backends/ftp/listing.h"
 #include "backends/ftp/meaning.h"
 #include "backends/ftp/reply.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
-#include "stored_name.h"
 
 namespace {
 

@@ -19,11 +19,12 @@
 #include <span>
 #include <vector>
 
+#include "base/stored_name.h"
 #include "fuzz.h"
 #include "kro/res_handle.h"
 #include "quarn2/token.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
-#include "stored_name.h"
 
 namespace {
 

@@ -8,8 +8,9 @@
 
 #include "backends/s3/keys.h"
 #include "backends/webdav/dav_names.h"
+#include "backup/info_places.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
-#include "info_places.h"
 #include "kro/kro_date.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
@@ -17,7 +18,6 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_put_node.h"
-#include "stored_name.h"
 
 namespace {
 

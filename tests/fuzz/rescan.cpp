@@ -16,6 +16,7 @@
 #include "kro/kro_err.h"
 #include "kro/str.h"
 #include "quarn2/names.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
 #include "quarn2_cp2_server_rescan.h"
 

@@ -9,9 +9,9 @@
 #include "backends/s3/answers.h"
 #include "backends/s3/keys.h"
 #include "backends/s3/signature.h"
+#include "base/percent.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
-#include "percent.h"
-#include "stored_name.h"
 
 namespace {
 

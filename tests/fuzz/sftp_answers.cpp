@@ -12,9 +12,9 @@
 #include "backends/sftp/packet.h"
 #include "backends/sftp/session.h"
 #include "backends/sftp/tree.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
 #include "kro/kro_err.h"
-#include "stored_name.h"
 
 namespace {
 

@@ -8,6 +8,7 @@
 
 #include "backends/memory/memory_backend.h"
 #include "fuzz.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
 
 namespace {

@@ -7,9 +7,9 @@
 
 #include "backends/webdav/dav_names.h"
 #include "backends/webdav/multistatus.h"
+#include "base/stored_name.h"
 #include "fuzz.h"
 #include "quarn2/token.h"
-#include "stored_name.h"
 
 namespace {
 

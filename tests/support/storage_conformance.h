@@ -7,6 +7,7 @@
 //                              NameOfKind<StorageKind>);
 #pragma once
 
+#include "quarn2_backend/registry.h"
 #include "storage_site.h"
 
 class StorageConformance : public testing::TestWithParam<StorageKind> {

@@ -20,7 +20,7 @@
 #include "quarn2/storage.h"
 #include "quarn2/token.h"
 #include "quarn2_backend/storage_backend.h"
-#include "src/encryption/encrypted_backend.h"
+#include "storage/encrypted_backend.h"
 #include "temp_dir.h"
 
 // The storage of one test. It is empty at first, and the destructor removes it.

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <csignal>
 
+#include "quarn2_backend/registry.h"
 #include "relay.h"
 #include "remote_site.h"
 

@@ -12,12 +12,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <set>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "quarn2/token.h"
+#include "token/scheme.h"
 
 namespace quarn2 {
 
@@ -120,31 +120,15 @@ class StorageBackend {
     virtual void Clear() = 0;
 };
 
-// The properties of one URL scheme of storage tokens, as registered with RegisterScheme.
-struct BackendScheme {
-    std::string scheme;
-    // The token parameters that this scheme accepts in addition to the parameters of every scheme.
-    std::set<std::string> params;
-    // The token parameters whose values are secrets and must not be logged.
-    std::set<std::string> secrets;
-    // Checks a token of this scheme. Returns a description of the error (no path, no host, ...), or
-    // "" for a valid token. The text must not contain a secret.
-    std::function<std::string(const BackupToken&)> fault;
+// One URL scheme of storage tokens and the storages behind it, as registered with RegisterScheme.
+struct BackendScheme : TokenScheme {
     // Returns a new backend for the storage of the token. The backend may delay the connection
     // until its first operation.
-    std::function<std::unique_ptr<StorageBackend>(const BackupToken&)> open;
+    std::function<std::unique_ptr<StorageBackend>(const BackupToken&)> open = nullptr;
     // True when backends of this scheme keep their connections open. When a storage object is
     // destroyed, a later storage object with the same token reuses its backend, possibly on another
     // thread.
     bool keeps_connections = false;
 };
-
-// Returns the properties of a registered scheme, or null for an unknown scheme. The built-in
-// schemes are listed in registry.cpp.
-const BackendScheme* FindScheme(const std::string& scheme);
-
-// Registers a scheme in addition to the built-in schemes, such as the memory storage of the tests.
-// Must not be called while other threads open storages.
-void RegisterScheme(BackendScheme scheme);
 
 }  // namespace quarn2

@@ -1,17 +1,17 @@
-#include "backends/ftp/ftp_backend.h"
+#include "ftp_backend.h"
 
 #include <algorithm>
 #include <functional>
 #include <utility>
 
-#include "backends/ftp/meaning.h"
-#include "backends/ftp/session.h"
-#include "backends/ftp/temporary.h"
-#include "backends/ftp/tree.h"
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
-#include "stored_name.h"
+#include "meaning.h"
+#include "session.h"
+#include "temporary.h"
+#include "tree.h"
 
 namespace quarn2 {
 
@@ -315,29 +315,8 @@ void FtpBackend::Clear() {
     tree_.Empty("");
 }
 
-// --- Tokens ---
-
-std::string Fault(const BackupToken& token) {
-    const std::string form =
-        ", as in " + token.scheme() + "://user:password@ftp.example.com/backups";
-    if (token.host().empty()) return "an FTP storage needs a host" + form;
-    if (token.user().empty() || token.password().empty()) {
-        return "an FTP storage needs a user name and a password" + form;
-    }
-    if (token.path().empty()) {
-        return "an FTP storage needs a directory" + form +
-               "; a single '/' is all that the account sees";
-    }
-    if (HasComponent(token.path(), "..")) {
-        return "the directory of an FTP storage must not have '..' in it";
-    }
-    return {};
-}
-
 BackendScheme Scheme(const std::string& name, bool tls) {
-    BackendScheme scheme;
-    scheme.scheme = name;
-    scheme.fault = Fault;
+    BackendScheme scheme{*FindTokenScheme(name)};
     scheme.keeps_connections = true;
     scheme.open = [tls](const BackupToken& token) {
         return std::make_unique<FtpBackend>(token, tls);

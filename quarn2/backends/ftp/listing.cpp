@@ -1,12 +1,12 @@
-#include "backends/ftp/listing.h"
+#include "listing.h"
 
 #include <algorithm>
 #include <array>
 #include <utility>
 
+#include "base/listing_limit.h"
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
-#include "listing_limit.h"
-#include "stored_name.h"
 
 namespace quarn2::ftp {
 

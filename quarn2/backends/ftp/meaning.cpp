@@ -1,4 +1,4 @@
-#include "backends/ftp/meaning.h"
+#include "meaning.h"
 
 #include <algorithm>
 #include <array>

@@ -3,8 +3,8 @@
 
 #include <string_view>
 
-#include "backends/ftp/reply.h"
 #include "kro/kro_err.h"
+#include "reply.h"
 
 namespace quarn2::ftp {
 

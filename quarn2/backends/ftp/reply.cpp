@@ -1,4 +1,4 @@
-#include "backends/ftp/reply.h"
+#include "reply.h"
 
 #include <algorithm>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "backends/ftp/session.h"
+#include "session.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,10 +8,10 @@
 #include <chrono>
 #include <utility>
 
-#include "backends/ftp/meaning.h"
+#include "base/percent.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
-#include "percent.h"
+#include "meaning.h"
 
 namespace quarn2::ftp {
 

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "backends/ftp/reply.h"
 #include "kro/kro_clock.h"
 #include "net/curl_handle.h"
 #include "quarn2_backend/storage_backend.h"
+#include "reply.h"
 
 namespace quarn2::ftp {
 

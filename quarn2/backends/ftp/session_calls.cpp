@@ -9,7 +9,7 @@
 #include <chrono>
 #include <utility>
 
-#include "backends/ftp/session.h"
+#include "session.h"
 
 namespace quarn2::ftp {
 

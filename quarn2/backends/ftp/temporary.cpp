@@ -1,4 +1,4 @@
-#include "backends/ftp/temporary.h"
+#include "temporary.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

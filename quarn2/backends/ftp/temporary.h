@@ -4,7 +4,7 @@
 #include <memory>
 #include <string>
 
-#include "name_lock.h"
+#include "base/name_lock.h"
 
 namespace quarn2::ftp {
 

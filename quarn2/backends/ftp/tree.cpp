@@ -1,13 +1,13 @@
-#include "backends/ftp/tree.h"
+#include "tree.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "backends/ftp/meaning.h"
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
-#include "stored_name.h"
+#include "meaning.h"
 
 namespace quarn2::ftp {
 

@@ -8,8 +8,8 @@
 #include <string_view>
 #include <vector>
 
-#include "backends/ftp/listing.h"
-#include "backends/ftp/session.h"
+#include "listing.h"
+#include "session.h"
 
 namespace quarn2::ftp {
 

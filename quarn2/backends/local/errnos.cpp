@@ -1,4 +1,4 @@
-#include "backends/local/errnos.h"
+#include "errnos.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,7 +1,7 @@
 // Classifies the errno values of operations on a local storage.
 #pragma once
 
-#include "failure.h"
+#include "base/failure.h"
 
 namespace quarn2::local {
 

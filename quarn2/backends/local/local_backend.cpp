@@ -1,4 +1,4 @@
-#include "backends/local/local_backend.h"
+#include "local_backend.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -8,13 +8,12 @@
 #include <algorithm>
 #include <utility>
 
-#include "backends/local/errnos.h"
+#include "base/stored_name.h"
+#include "errnos.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
 #include "kro/res_handle.h"
-#include "kro/str.h"
-#include "stored_name.h"
 
 namespace quarn2 {
 
@@ -384,32 +383,10 @@ void LocalBackend::Empty() const {
     SyncRemoved(root_);
 }
 
-std::string Fault(const BackupToken& token) {
-    if (!token.host().empty()) {
-        return "a local storage has no host; an absolute directory is written with three slashes, "
-               "local:///srv/backups, one below the install root without any, "
-               "local:var/backup/storage";
-    }
-    for (const char* const name : {"ca", "timeout"}) {
-        if (!token.Param(name).empty()) {
-            return std::string("a local storage has no use for parameter '") + name + "'";
-        }
-    }
-    const std::string root = kro_file::GoodPath(token.path());
-    if (root.empty()) return "a local storage needs a directory, as in local:///srv/backups";
-    if (root == "/") return "the root directory cannot be a storage";
-    if (root == ".." || str::StartsWith(root, "../")) {
-        return "a relative storage directory must lie below the install root";
-    }
-    return {};
-}
-
 }  // namespace
 
 BackendScheme LocalScheme() {
-    BackendScheme scheme;
-    scheme.scheme = "local";
-    scheme.fault = Fault;
+    BackendScheme scheme{*FindTokenScheme("local")};
     scheme.open = [](const BackupToken& token) {
         return Translated(
             [&token] { return std::make_unique<LocalBackend>(kro_file::GoodPath(token.path())); });

@@ -1,4 +1,4 @@
-#include "backends/memory/memory_backend.h"
+#include "memory_backend.h"
 
 #include <cstring>
 #include <utility>
@@ -6,6 +6,7 @@
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
+#include "quarn2_backend/registry.h"
 
 namespace quarn2 {
 

@@ -5,15 +5,11 @@
 #include <string>
 
 #include "quarn2/token.h"
+#include "token/s3_scheme.h"
 
 namespace quarn2::s3 {
 
-inline constexpr std::int64_t kMiB = 1024LL * 1024;
-inline constexpr std::int64_t kMinPart = 5 * kMiB;
 inline constexpr std::int64_t kDefaultPart = 16 * kMiB;
-// The maximum size of a part that is read into memory, and also the maximum memory for all parts of
-// an upload together.
-inline constexpr std::int64_t kMaxPart = 64 * kMiB;
 
 struct Address {
     std::string url;     // "https://host:port", or "https://bucket.host:port" in virtual style
@@ -26,10 +22,7 @@ struct Address {
     std::int64_t part_size = kDefaultPart;
 };
 
-// Returns the first error in a token, or "" for a valid token. The text never contains a secret.
-std::string Fault(const BackupToken& token);
-
-// Returns the address in a token. Fault() must return "" for this token.
+// Returns the address in a valid token.
 Address AddressOf(const BackupToken& token);
 
 }  // namespace quarn2::s3

@@ -1,11 +1,11 @@
-#include "backends/s3/answers.h"
+#include "answers.h"
 
 #include <algorithm>
 #include <functional>
 #include <utility>
 
+#include "base/percent.h"
 #include "kro/str.h"
-#include "percent.h"
 
 namespace quarn2::s3 {
 

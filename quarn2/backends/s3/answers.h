@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "backends/s3/refusal.h"
-#include "listing_limit.h"
+#include "base/listing_limit.h"
 #include "net/http_client.h"
 #include "net/xml.h"
+#include "refusal.h"
 
 namespace quarn2::s3 {
 

@@ -1,14 +1,14 @@
-#include "backends/s3/directory.h"
+#include "directory.h"
 
 #include <algorithm>
 #include <optional>
 #include <utility>
 
-#include "backends/s3/cancel_rest.h"
-#include "backends/s3/keys.h"
+#include "base/stored_name.h"
+#include "cancel_rest.h"
+#include "keys.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
-#include "stored_name.h"
 
 namespace quarn2::s3 {
 

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "backends/s3/service.h"
-#include "backends/s3/unfinished.h"
+#include "service.h"
+#include "unfinished.h"
 
 namespace quarn2::s3 {
 

@@ -1,13 +1,13 @@
-#include "backends/s3/download.h"
+#include "download.h"
 
 #include <algorithm>
 #include <charconv>
 #include <utility>
 
-#include "backends/s3/cancel_rest.h"
+#include "base/stored_name.h"
+#include "cancel_rest.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
-#include "stored_name.h"
 
 namespace quarn2::s3 {
 

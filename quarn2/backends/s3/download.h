@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "backends/s3/service.h"
 #include "quarn2_backend/storage_backend.h"
+#include "service.h"
 
 namespace quarn2::s3 {
 

@@ -1,9 +1,9 @@
-#include "backends/s3/keys.h"
+#include "keys.h"
 
 #include <algorithm>
 #include <cstddef>
 
-#include "percent.h"
+#include "base/percent.h"
 
 namespace quarn2::s3 {
 

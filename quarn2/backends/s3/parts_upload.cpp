@@ -1,10 +1,10 @@
-#include "backends/s3/parts_upload.h"
+#include "parts_upload.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "backends/s3/cancel_rest.h"
-#include "backends/s3/keys.h"
+#include "cancel_rest.h"
+#include "keys.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
 

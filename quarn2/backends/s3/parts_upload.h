@@ -10,10 +10,10 @@
 #include <string>
 #include <vector>
 
-#include "backends/s3/plan.h"
-#include "backends/s3/service.h"
-#include "backends/s3/unfinished.h"
+#include "plan.h"
 #include "quarn2_backend/storage_backend.h"
+#include "service.h"
+#include "unfinished.h"
 
 namespace quarn2::s3 {
 

@@ -1,8 +1,8 @@
-#include "backends/s3/plan.h"
+#include "plan.h"
 
 #include <algorithm>
 
-#include "backends/s3/address.h"
+#include "address.h"
 #include "kro/kro_err.h"
 
 namespace quarn2::s3 {

@@ -1,4 +1,4 @@
-#include "backends/s3/refusal.h"
+#include "refusal.h"
 
 #include <algorithm>
 #include <iterator>

@@ -1,17 +1,17 @@
-#include "backends/s3/s3_backend.h"
+#include "s3_backend.h"
 
 #include <cstddef>
 #include <memory>
 #include <utility>
 
-#include "backends/s3/directory.h"
-#include "backends/s3/download.h"
-#include "backends/s3/parts_upload.h"
-#include "backends/s3/service.h"
-#include "backends/s3/unfinished.h"
+#include "base/stored_name.h"
+#include "directory.h"
+#include "download.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
-#include "stored_name.h"
+#include "parts_upload.h"
+#include "service.h"
+#include "unfinished.h"
 
 namespace quarn2 {
 
@@ -124,10 +124,7 @@ bool S3Backend::PutParts(const std::string& name, ByteSource& source) {
 }
 
 BackendScheme Scheme(const char* name) {
-    BackendScheme scheme;
-    scheme.scheme = name;
-    scheme.params = {"part_size", "region", "storage_class", "style"};
-    scheme.fault = Fault;
+    BackendScheme scheme{*FindTokenScheme(name)};
     scheme.open = [](const BackupToken& token) { return std::make_unique<S3Backend>(token); };
     scheme.keeps_connections = true;
     return scheme;

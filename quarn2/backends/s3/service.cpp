@@ -1,14 +1,14 @@
-#include "backends/s3/service.h"
+#include "service.h"
 
 #include <algorithm>
 #include <utility>
 
-#include "backends/s3/keys.h"
+#include "base/percent.h"
+#include "base/stored_name.h"
+#include "keys.h"
 #include "kro/kro_date.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
-#include "percent.h"
-#include "stored_name.h"
 
 namespace quarn2::s3 {
 

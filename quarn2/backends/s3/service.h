@@ -7,12 +7,12 @@
 #include <string>
 #include <string_view>
 
-#include "backends/s3/address.h"
-#include "backends/s3/answers.h"
-#include "backends/s3/signature.h"
-#include "digest.h"
+#include "address.h"
+#include "answers.h"
+#include "base/digest.h"
 #include "net/http_client.h"
 #include "quarn2/token.h"
+#include "signature.h"
 
 namespace quarn2::s3 {
 

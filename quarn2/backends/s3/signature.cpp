@@ -1,11 +1,11 @@
-#include "backends/s3/signature.h"
+#include "signature.h"
 
 #include <algorithm>
 #include <array>
 
-#include "digest.h"
+#include "base/digest.h"
+#include "base/percent.h"
 #include "kro/str.h"
-#include "percent.h"
 
 namespace quarn2::s3 {
 

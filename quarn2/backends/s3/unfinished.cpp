@@ -1,12 +1,12 @@
-#include "backends/s3/unfinished.h"
+#include "unfinished.h"
 
 #include <mutex>
 #include <set>
 #include <utility>
 
-#include "backends/s3/cancel_rest.h"
+#include "base/listing_limit.h"
+#include "cancel_rest.h"
 #include "kro/kro_err.h"
-#include "listing_limit.h"
 
 namespace quarn2::s3 {
 

@@ -8,8 +8,8 @@
 #include <string>
 #include <vector>
 
-#include "backends/s3/service.h"
 #include "kro/kro_clock.h"
+#include "service.h"
 
 namespace quarn2::s3 {
 

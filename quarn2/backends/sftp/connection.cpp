@@ -1,4 +1,4 @@
-#include "backends/sftp/connection.h"
+#include "connection.h"
 
 #include <pwd.h>
 #include <unistd.h>
@@ -8,14 +8,14 @@
 #include <cstdlib>
 #include <utility>
 
-#include "backends/sftp/dial.h"
-#include "backends/sftp/key_file.h"
-#include "backends/sftp/known_hosts.h"
-#include "backends/sftp/ssh_library.h"
+#include "base/stored_name.h"
+#include "dial.h"
+#include "key_file.h"
+#include "known_hosts.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
-#include "stored_name.h"
+#include "ssh_library.h"
 
 namespace quarn2::sftp {
 

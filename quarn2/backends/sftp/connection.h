@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "backends/sftp/session.h"
+#include "session.h"
 
 namespace quarn2::sftp {
 

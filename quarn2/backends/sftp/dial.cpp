@@ -1,4 +1,4 @@
-#include "backends/sftp/dial.h"
+#include "dial.h"
 
 #include <netdb.h>
 #include <netinet/in.h>
@@ -19,9 +19,9 @@
 #include <utility>
 #include <vector>
 
+#include "base/stored_name.h"
 #include "kro/kro_clock.h"
 #include "kro/kro_err.h"
-#include "stored_name.h"
 
 namespace quarn2::sftp {
 

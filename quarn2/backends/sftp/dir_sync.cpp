@@ -1,4 +1,4 @@
-#include "backends/sftp/dir_sync.h"
+#include "dir_sync.h"
 
 #include <exception>
 #include <utility>

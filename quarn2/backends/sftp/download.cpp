@@ -1,4 +1,4 @@
-#include "backends/sftp/download.h"
+#include "download.h"
 
 #include <algorithm>
 #include <deque>
@@ -6,9 +6,9 @@
 #include <optional>
 #include <utility>
 
-#include "backends/sftp/tree.h"
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
-#include "stored_name.h"
+#include "tree.h"
 
 namespace quarn2::sftp {
 

@@ -4,9 +4,9 @@
 
 #include <string>
 
-#include "backends/sftp/place.h"
-#include "backends/sftp/session.h"
+#include "place.h"
 #include "quarn2_backend/storage_backend.h"
+#include "session.h"
 
 namespace quarn2::sftp {
 

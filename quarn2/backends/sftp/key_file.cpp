@@ -1,4 +1,4 @@
-#include "backends/sftp/key_file.h"
+#include "key_file.h"
 
 #include <fcntl.h>
 #include <openssl/crypto.h>
@@ -8,9 +8,9 @@
 #include <cerrno>
 #include <system_error>
 
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
 #include "kro/res_handle.h"
-#include "stored_name.h"
 
 namespace quarn2::sftp {
 

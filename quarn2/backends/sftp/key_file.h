@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "backends/sftp/ssh_library.h"
+#include "ssh_library.h"
 
 namespace quarn2::sftp {
 

@@ -1,4 +1,4 @@
-#include "backends/sftp/known_hosts.h"
+#include "known_hosts.h"
 
 #include <openssl/evp.h>
 #include <openssl/hmac.h>

@@ -1,4 +1,4 @@
-#include "backends/sftp/packet.h"
+#include "packet.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-#include "backends/sftp/place.h"
+#include "place.h"
 
 #include <utility>
 

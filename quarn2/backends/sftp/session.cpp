@@ -1,4 +1,4 @@
-#include "backends/sftp/session.h"
+#include "session.h"
 
 #include <algorithm>
 #include <cstring>

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "backends/sftp/packet.h"
-#include "backends/sftp/status.h"
+#include "packet.h"
+#include "status.h"
 
 namespace quarn2::sftp {
 

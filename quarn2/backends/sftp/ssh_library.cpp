@@ -1,4 +1,4 @@
-#include "backends/sftp/ssh_library.h"
+#include "ssh_library.h"
 
 #include "kro/kro_err.h"
 #include "net/loaded_library.h"

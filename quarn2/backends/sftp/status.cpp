@@ -1,12 +1,12 @@
-#include "backends/sftp/status.h"
+#include "status.h"
 
 #include <algorithm>
 #include <array>
 #include <iterator>
 #include <string_view>
 
+#include "base/stored_name.h"
 #include "kro/kro_err.h"
-#include "stored_name.h"
 
 namespace quarn2::sftp {
 

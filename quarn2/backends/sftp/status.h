@@ -3,8 +3,8 @@
 
 #include <string>
 
-#include "backends/sftp/packet.h"
-#include "failure.h"
+#include "base/failure.h"
+#include "packet.h"
 
 namespace quarn2::sftp {
 

@@ -1,17 +1,17 @@
-#include "backends/sftp/tree.h"
+#include "tree.h"
 
 #include <algorithm>
 #include <iterator>
 #include <optional>
 #include <utility>
 
-#include "backends/sftp/dir_sync.h"
+#include "base/listing_limit.h"
+#include "base/stored_name.h"
+#include "dir_sync.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
 #include "kro/str.h"
-#include "listing_limit.h"
-#include "stored_name.h"
 
 namespace quarn2::sftp {
 

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "backends/sftp/place.h"
-#include "backends/sftp/session.h"
+#include "place.h"
+#include "session.h"
 
 namespace quarn2::sftp {
 

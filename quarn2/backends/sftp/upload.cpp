@@ -1,4 +1,4 @@
-#include "backends/sftp/upload.h"
+#include "upload.h"
 
 #include <algorithm>
 #include <memory>
@@ -6,13 +6,13 @@
 #include <set>
 #include <utility>
 
-#include "backends/sftp/dir_sync.h"
-#include "backends/sftp/tree.h"
+#include "base/stored_name.h"
+#include "dir_sync.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_proc.h"
 #include "kro/str.h"
-#include "stored_name.h"
+#include "tree.h"
 
 namespace quarn2::sftp {
 

@@ -4,10 +4,10 @@
 
 #include <string>
 
-#include "backends/sftp/place.h"
-#include "backends/sftp/session.h"
-#include "backends/sftp/upload_lock.h"
+#include "place.h"
 #include "quarn2_backend/storage_backend.h"
+#include "session.h"
+#include "upload_lock.h"
 
 namespace quarn2::sftp {
 

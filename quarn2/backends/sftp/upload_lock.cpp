@@ -1,6 +1,6 @@
-#include "backends/sftp/upload_lock.h"
+#include "upload_lock.h"
 
-#include "digest.h"
+#include "base/digest.h"
 #include "kro/kro_err.h"
 
 namespace quarn2::sftp {

@@ -1,12 +1,12 @@
-#include "backends/webdav/dav_folder.h"
+#include "dav_folder.h"
 
 #include <ctime>
 #include <optional>
 #include <utility>
 
+#include "base/stored_name.h"
 #include "kro/kro_clock.h"
 #include "kro/kro_file.h"
-#include "stored_name.h"
 
 namespace quarn2::webdav {
 

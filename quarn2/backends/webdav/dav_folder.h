@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "backends/webdav/dav_server.h"
+#include "dav_server.h"
 #include "kro/kro_clock.h"
 
 namespace quarn2::webdav {

@@ -1,12 +1,12 @@
-#include "backends/webdav/dav_names.h"
+#include "dav_names.h"
 
 #include <algorithm>
 
+#include "base/percent.h"
+#include "base/stored_name.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
 #include "net/curl_handle.h"
-#include "percent.h"
-#include "stored_name.h"
 
 namespace quarn2::webdav {
 

@@ -1,11 +1,11 @@
-#include "backends/webdav/dav_server.h"
+#include "dav_server.h"
 
 #include <exception>
 #include <utility>
 
+#include "base/stored_name.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
-#include "stored_name.h"
 
 namespace quarn2::webdav {
 

@@ -8,10 +8,10 @@
 #include <string_view>
 #include <vector>
 
-#include "backends/webdav/dav_names.h"
-#include "backends/webdav/multistatus.h"
-#include "backends/webdav/statuses.h"
+#include "dav_names.h"
+#include "multistatus.h"
 #include "net/http_client.h"
+#include "statuses.h"
 
 namespace quarn2::webdav {
 

@@ -1,4 +1,4 @@
-#include "backends/webdav/multistatus.h"
+#include "multistatus.h"
 
 #include <charconv>
 #include <utility>

@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "listing_limit.h"
+#include "base/listing_limit.h"
 #include "net/http_client.h"
 #include "net/xml.h"
 

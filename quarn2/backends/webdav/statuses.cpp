@@ -1,4 +1,4 @@
-#include "backends/webdav/statuses.h"
+#include "statuses.h"
 
 #include <algorithm>
 #include <iterator>

@@ -3,7 +3,7 @@
 
 #include <string>
 
-#include "failure.h"
+#include "base/failure.h"
 
 namespace quarn2::webdav {
 

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "kro/kro_err.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
 
 struct OddStore {

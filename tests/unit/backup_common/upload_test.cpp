@@ -10,6 +10,7 @@
 #include "kro/kro_err.h"
 #include "master_server.h"
 #include "program_site.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_cp2_put_node.h"
 #include "quarn2_cp2_put_source.h"
 

@@ -1,6 +1,6 @@
 // The cryptography against published vectors: RFC 7914 (scrypt), RFC 5869 (HKDF), RFC 4231 (HMAC)
 // and the test cases of the GCM paper.
-#include "src/encryption/cipher.h"
+#include "crypto/cipher.h"
 
 #include <gtest/gtest.h>
 

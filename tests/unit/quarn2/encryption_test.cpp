@@ -5,8 +5,8 @@
 #include <limits>
 
 #include "backends/memory/memory_backend.h"
-#include "src/encryption/encrypted_backend.h"
-#include "src/encryption/header.h"
+#include "crypto/header.h"
+#include "storage/encrypted_backend.h"
 #include "storage_site.h"
 
 using kro_err::Kind;

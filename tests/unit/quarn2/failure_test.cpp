@@ -1,5 +1,5 @@
 // The kinds of storage failures, and the preparation of servers' texts for a search.
-#include "failure.h"
+#include "base/failure.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // Connections outlive the storage objects that used them.
-#include "idle_backends.h"
+#include "storage/idle_backends.h"
 
 #include <gmock/gmock.h>
 #include <sys/wait.h>
@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "quarn2/storage.h"
+#include "quarn2_backend/registry.h"
 #include "storage_site.h"
 
 namespace {

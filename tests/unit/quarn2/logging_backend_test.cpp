@@ -1,5 +1,5 @@
 // The log lines that storage operations write for the operator.
-#include "src/logging_backend.h"
+#include "storage/logging_backend.h"
 
 #include <gmock/gmock.h>
 
@@ -8,6 +8,7 @@
 #include "backends/memory/memory_backend.h"
 #include "kro/kro_log.h"
 #include "quarn2/storage.h"
+#include "quarn2_backend/registry.h"
 #include "storage_site.h"
 
 namespace {

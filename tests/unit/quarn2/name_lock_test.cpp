@@ -1,6 +1,6 @@
 // The locks of temporary names: one holder at a time, released when the holder dies, not accessible
 // to other users.
-#include "name_lock.h"
+#include "base/name_lock.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // The limit of bytes per second, with a clock that only sleeps and stalls advance.
-#include "src/rate_limit.h"
+#include "storage/rate_limit.h"
 
 #include <gmock/gmock.h>
 
@@ -8,6 +8,7 @@
 
 #include "backends/memory/memory_backend.h"
 #include "fake_clock.h"
+#include "quarn2_backend/registry.h"
 #include "storage_site.h"
 
 namespace {

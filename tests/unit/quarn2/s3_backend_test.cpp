@@ -6,6 +6,7 @@
 
 #include "kro/kro_err.h"
 #include "quarn2/token.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
 #include "scripted_http_server.h"
 #include "storage_site.h"

@@ -3,8 +3,8 @@
 #include <gtest/gtest.h>
 
 #include "backends/s3/signature.h"
-#include "digest.h"
-#include "percent.h"
+#include "base/digest.h"
+#include "base/percent.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 #include <map>
 
 #include "kro/kro_file.h"
+#include "quarn2_backend/registry.h"
 #include "storage_site.h"
 
 using kro_err::Kind;

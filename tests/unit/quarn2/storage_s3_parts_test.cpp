@@ -9,6 +9,7 @@
 #include "backends/s3/parts_upload.h"
 #include "backends/s3/service.h"
 #include "backends/s3/unfinished.h"
+#include "quarn2_backend/registry.h"
 #include "s3_site.h"
 
 namespace {

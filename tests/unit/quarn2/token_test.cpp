@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "kro/kro_err.h"
+#include "kro/str.h"
 #include "quarn2/storage.h"
+#include "quarn2_backend/registry.h"
 #include "quarn2_backend/storage_backend.h"
-#include "registry.h"
+#include "token/scheme.h"
 
 using quarn2::BackupToken;
 using testing::HasSubstr;
@@ -290,6 +292,23 @@ TEST(BackupToken, DroppingThePasswordDoesNotHealAnInvalidToken) {
     BackupToken token("local:///x?arch_password=SECRET&timeout=5");
     token.DropParam("arch_password");
     EXPECT_FALSE(token);
+}
+
+// The token's parser and the registry have separate lists of the built-in schemes.
+TEST(BackendScheme, EveryKnownSchemeCanBeOpened) {
+    std::string known = quarn2::KnownSchemes();
+    int count = 0;
+    for (std::string name = str::GetWord(known, ", "); !name.empty();
+         name = str::GetWord(known, ", ")) {
+        const quarn2::BackendScheme* const scheme = quarn2::FindScheme(name);
+        ASSERT_NE(scheme, nullptr) << name;
+        EXPECT_EQ(scheme->scheme, name);
+        EXPECT_TRUE(scheme->open != nullptr) << name;
+        EXPECT_EQ(scheme->params, quarn2::FindTokenScheme(name)->params) << name;
+        EXPECT_EQ(scheme->secrets, quarn2::FindTokenScheme(name)->secrets) << name;
+        ++count;
+    }
+    EXPECT_GE(count, 8);
 }
 
 }  // namespace

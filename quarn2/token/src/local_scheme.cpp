@@ -1,0 +1,33 @@
+#include "built_in_schemes.h"
+#include "kro/kro_file.h"
+#include "kro/str.h"
+
+namespace quarn2 {
+
+namespace {
+
+std::string Fault(const BackupToken& token) {
+    if (!token.host().empty()) {
+        return "a local storage has no host; an absolute directory is written with three slashes, "
+               "local:///srv/backups, one below the install root without any, "
+               "local:var/backup/storage";
+    }
+    for (const char* const name : {"ca", "timeout"}) {
+        if (!token.Param(name).empty()) {
+            return std::string("a local storage has no use for parameter '") + name + "'";
+        }
+    }
+    const std::string root = kro_file::GoodPath(token.path());
+    if (root.empty()) return "a local storage needs a directory, as in local:///srv/backups";
+    if (root == "/") return "the root directory cannot be a storage";
+    if (root == ".." || str::StartsWith(root, "../")) {
+        return "a relative storage directory must lie below the install root";
+    }
+    return {};
+}
+
+}  // namespace
+
+TokenScheme LocalTokenScheme() { return {"local", {}, {}, Fault}; }
+
+}  // namespace quarn2
