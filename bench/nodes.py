@@ -17,9 +17,12 @@ sys.path.insert(0, os.path.join(TOP, "tests/system"))
 sys.dont_write_bytecode = True
 os.environ["QUARN2_CP_BINARY"] = sys.argv[1]
 
-import harness  # noqa: E402
-from harness import Root, Server, wait_for, write, write_executable  # noqa: E402
+from install_root import Root  # noqa: E402
+from local_files import write, write_executable  # noqa: E402
 from machines import Head, Node  # noqa: E402
+from processes import adopt_orphans, children  # noqa: E402
+from server_command import Server  # noqa: E402
+from waiting import wait_for  # noqa: E402
 
 DELAY = 10  # milliseconds one way
 SHORT = bool(os.environ.get("BENCH_SHORT"))
@@ -106,7 +109,7 @@ def served_server(root, count):
     nodes = [word for number in range(count) for word in ("--node", f"node{number}")]
     path = root.file("bin") + ":" + os.environ["PATH"]
     server = Server(root, "--count-limit", "0:1000", *nodes, env={"PATH": path}).wait_ready()
-    wait_for(lambda: len(harness.children(server.daemon)) == count + 1, "all sessions")
+    wait_for(lambda: len(children(server.daemon)) == count + 1, "all sessions")
     time.sleep(3)
     return server
 
@@ -126,7 +129,7 @@ def measure_sessions(site):
 
 
 def main():
-    harness.adopt_orphans()
+    adopt_orphans()
     figures = {}
     for measure in (measure_round_trips, measure_sessions):
         with contextlib.ExitStack() as stack:

@@ -8,7 +8,7 @@ import os
 
 from backups import Run, fields_of, week_of
 from checks import Judge
-from harness import read
+from local_files import read
 from world import Violation, World
 
 

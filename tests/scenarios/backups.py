@@ -3,7 +3,7 @@
 import datetime
 import os
 
-from harness import write
+from local_files import write
 
 FORMS = {"u1": "dar", "u2": "part", "u3": "dir"}
 LETTERS = {"full": "F", "incremental": "I", "custom": "C"}

@@ -3,7 +3,7 @@
 import os
 import subprocess
 
-from harness import write
+from local_files import write
 from shrink import shrink
 from world import World
 

@@ -21,9 +21,9 @@ import time
 import traceback
 
 from world import RealTime, Violation, World, prepare  # first: it adds ../system to sys.path
-import harness
 from actions import Player
 from generate import generate
+from local_files import write
 from planted import self_check
 from shrink import shrink
 
@@ -77,7 +77,7 @@ def describe(seed, steps, broken, world, shrinks):
         steps = shrink(steps, fails)
         text = (play(steps, world, finish) or broken)[1]
     path = os.path.join(tempfile.gettempdir(), f"scenario-{seed}.steps")
-    harness.write(path, "".join(f"{step}\n" for step in steps))
+    write(path, "".join(f"{step}\n" for step in steps))
     listed = "".join(f"    {step}\n" for step in steps)
     return f"seed {seed} breaks a promise: {text}\n{listed}    replay: run.py --replay {path}\n"
 

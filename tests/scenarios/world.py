@@ -12,15 +12,20 @@ import time
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system"))
 
-import harness  # noqa: E402
 from disks import Disk, prepare as prepare_disks  # noqa: E402
 from faults import Faults, Strike  # noqa: E402
+from install_root import Root  # noqa: E402
+from local_files import write  # noqa: E402
+from processes import (adopt_orphans, children, command_line, has_ended, stat_of,  # noqa: E402
+                       write_lock_holder)
+from waiting import wait_for  # noqa: E402
+
 CLOCK_AHEAD = os.environ.get("QUARN2_CLOCK_AHEAD")
 
 
 def prepare():
     """Prepares this process. Must be called before the first World is created."""
-    harness.adopt_orphans()
+    adopt_orphans()
     prepare_disks()
 
 
@@ -33,7 +38,7 @@ class Violation(Exception):
 
 
 class Folder:
-    """Provides the folder and the methods that harness.Root expects of a test case."""
+    """Provides the folder and the methods that Root expects of a test case."""
 
     def __init__(self):
         base = "/dev/shm" if os.access("/dev/shm", os.W_OK) else None
@@ -54,14 +59,14 @@ class World:
 
     def __init__(self):
         self.place = Folder()
-        self.root = harness.Root(self.place)
+        self.root = Root(self.place)
         self.root.log_level = 8
         self.faults = Faults(os.path.join(self.place.folder, "faults"))
         self.make_disks()
         self.away = self.storage + ".away"
         self.other = os.path.join(self.root.base, "other")
         os.makedirs(self.other)
-        harness.write(os.path.join(self.root.base, "outside/file"), "not the program's")
+        write(os.path.join(self.root.base, "outside/file"), "not the program's")
         self.server = None  # the --server process that keeps the server running
         self.password = None  # arch_password of commands and servers that start from now on
         self.uploads_with = None  # arch_password of the running server's node client
@@ -163,7 +168,7 @@ class World:
     def daemon_pid(self):
         path = self.root.file("var/quarn2_cp.pid")
         try:
-            return harness.write_lock_holder(path) or None
+            return write_lock_holder(path) or None
         except FileNotFoundError:
             return None
 
@@ -183,16 +188,16 @@ class World:
 
     def end_server(self, force=False):
         if force:
-            for pid in harness.children():
+            for pid in children():
                 self.signal(pid)
             self.disarm()
         self.release_server()
 
     def serves(self):
-        return self.daemon is not None and not harness.gone(self.daemon)
+        return self.daemon is not None and not has_ended(self.daemon)
 
     def client(self):
-        return (harness.children(self.daemon) or [None])[0] if self.serves() else None
+        return (children(self.daemon) or [None])[0] if self.serves() else None
 
     @staticmethod
     def signal(pid):
@@ -210,10 +215,10 @@ class World:
             pid = self.client()
         if pid:
             self.signal(pid)
-            harness.wait_for(lambda: harness.stat_of(pid) is None or harness.stat_of(pid)[0] in "ZX",
-                             "the end of a killed process", self.patience)
+            wait_for(lambda: stat_of(pid) is None or stat_of(pid)[0] in "ZX",
+                     "the end of a killed process", self.patience)
             if who != "client":
-                harness.gone(pid)
+                has_ended(pid)
         self.settle()
 
     # --- Waiting ---
@@ -264,7 +269,7 @@ class World:
         self.ask_client()
         end = time.monotonic() + self.patience
         lock = self.root.file("var/quarn2_cp.ledger/.lock")
-        while os.path.exists(lock) and harness.write_lock_holder(lock):
+        while os.path.exists(lock) and write_lock_holder(lock):
             if time.monotonic() > end:
                 raise Violation("blocked", "an upload does not end")
             time.sleep(0.002)
@@ -273,11 +278,11 @@ class World:
         """Waits until all processes of the program have ended, except the pids in `but`."""
         end = time.monotonic() + self.patience
         while True:
-            left = [pid for pid in harness.children() if pid not in but]
+            left = [pid for pid in children() if pid not in but]
             if not left:
                 return
             if time.monotonic() > end:
-                raise Violation("blocked", f"processes stay: {list(map(harness.command_line, left))}")
+                raise Violation("blocked", f"processes stay: {list(map(command_line, left))}")
             time.sleep(0.002)
 
     # --- The storage ---

@@ -15,8 +15,8 @@ NEEDS = {
     "tests/unit/kro/str_test.cpp": {"kro/include/kro/str.h"},
     "tests/unit/quarn2/token_test.cpp": {"tests/support/temp_dir.h"},
     "tests/unit/quarn2/storage_trouble.cpp": {"tests/support/storage_trouble.h"},
-    "tests/system/test_put.py": {"tests/system/harness.py"},
-    "tests/system/test_put_info.py": {"tests/system/harness.py", "tests/system/samples.py"},
+    "tests/system/test_put.py": {"tests/system/system_test.py"},
+    "tests/system/test_put_info.py": {"tests/system/system_test.py", "tests/system/samples.py"},
 }
 
 
@@ -35,7 +35,7 @@ class Selection(unittest.TestCase):
 
     def test_a_system_test_and_a_helper_of_several(self):
         self.expect(["tests/system/test_put_info.py"], ["system_put_info"])
-        self.expect(["tests/system/harness.py"], ["system_put", "system_put_info"])
+        self.expect(["tests/system/system_test.py"], ["system_put", "system_put_info"])
 
     def test_a_backend_touches_its_own_tests_on_its_servers(self):
         self.expect(["quarn2/backends/s3/keys.cpp"],
@@ -61,7 +61,7 @@ class Selection(unittest.TestCase):
     def test_imports_are_followed(self):
         folder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system")
         needs = script_dependencies(folder)["tests/system/test_crash_kills.py"]
-        self.assertLessEqual({"tests/system/crash_trial.py", "tests/system/faults.py", "tests/system/harness.py"}, needs)
+        self.assertLessEqual({"tests/system/crash_trial.py", "tests/system/faults.py", "tests/system/system_test.py"}, needs)
 
 
 if __name__ == "__main__":

@@ -6,17 +6,18 @@ import shutil
 import stat
 import subprocess
 
-import harness
-from harness import Server, read, write
+from local_files import read, tree, write
+from processes import start, wait_gone
+from server_command import Server
+from waiting import DEADLINE
 
 SAMPLES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../examples")
 SLICE = 64 * 1024
 
 
 def call(*command, **options):
-    process = harness.start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, **options)
-    out, err = process.communicate(timeout=harness.DEADLINE)
+    process = start(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+    out, err = process.communicate(timeout=DEADLINE)
     return subprocess.CompletedProcess(command, process.returncode, out.decode(errors="replace"),
                                        err.decode(errors="replace"))
 
@@ -164,7 +165,7 @@ def rescan(root, *arguments, env=None):
     """Runs a rescan and its server to the end. The count limits are never reached."""
     server = Server(root, "--rescan", "--count-limit", "9:99", *arguments, env=env).wait_ready()
     root.test.assertEqual((0, ""), server.release())
-    harness.wait_gone(server.daemon)
+    wait_gone(server.daemon)
 
 
 def run_sample(root, program, *arguments, **changes):
@@ -186,4 +187,4 @@ def backup(root, date, user, source, **changes):
 
 
 def tree_bytes(folder):
-    return {name: read(os.path.join(folder, name)) for name in harness.tree(folder)}
+    return {name: read(os.path.join(folder, name)) for name in tree(folder)}

@@ -3,7 +3,7 @@
 import os
 
 from crash_scene import GENEROUS, Scene, require
-from harness import read, write
+from local_files import read, write
 from samples import DATE, Backup, chain, day, left, read_info
 
 

@@ -14,8 +14,11 @@ import subprocess
 import time
 
 from faults import Strike
-from harness import DEADLINE, LOG_LINE, LogEntry, _own, read, tree
+from local_files import read, tree
+from processes import forget_started
+from program_log import LOG_LINE, LogEntry
 from samples import DATE
+from waiting import DEADLINE
 
 GENEROUS = ("--date", DATE, "--count-limit", "1000:1000")
 TEMPORARY = re.compile(r"\..+\.part~")
@@ -104,7 +107,7 @@ class Scene:
         finally:
             wait_until_alone()
             self.faults.stop()
-            _own.clear()
+            forget_started()
         return not self.failed
 
     def wait_for_client(self, server):
@@ -160,7 +163,7 @@ class Scene:
         server = self.serve(*self.restart, KRO_LOG_LEVEL="7")
         self.release(server)
         wait_until_alone()
-        _own.clear()
+        forget_started()
         self.check_start()
         matches = [COUNTED.fullmatch(entry.text) for entry in self.log()[self.log_begin:]]
         self.counted = {match[1] for match in matches if match}

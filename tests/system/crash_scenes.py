@@ -5,7 +5,7 @@ import os
 from crash_removals import (CleanUp, Clear, Delete, DeleteByClient, DeleteDirectory, DeleteThenRescan,
                             DeleteWeek, Evict, EvictBySize, EvictForPut, Removal)
 from crash_scene import GENEROUS, Scene, names, require
-from harness import read, tree, write
+from local_files import read, tree, write
 from samples import DATE, Backup, day, info_text, read_info
 
 

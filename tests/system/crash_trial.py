@@ -7,7 +7,7 @@ import time
 
 from crash_scene import Failure
 from faults import Faults, Strike
-from harness import SystemTest
+from system_test import SystemTest
 
 ALL = os.environ.get("QUARN2_CP_ALL_POINTS") == "1"
 SEED = int(os.environ.get("QUARN2_CP_SEED", "0")) or random.SystemRandom().randrange(1, 1 << 31)

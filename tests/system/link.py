@@ -6,14 +6,16 @@ node client that a real daemon starts, and passes the client's pipes to the test
 
 import contextlib
 import os
+import select
 import socket
 import struct
 import subprocess
 import sys
 import time
 
-import harness
-from harness import DEADLINE, read_available, wait_for
+from local_files import write_executable
+from server_command import Server
+from waiting import DEADLINE, read_available, wait_for
 
 
 def frame(text):
@@ -100,7 +102,7 @@ class ControlCall:
         return received.decode()
 
     def has_answer(self, seconds=0):
-        return bool(harness.select.select([self.connection], [], [], seconds)[0])
+        return bool(select.select([self.connection], [], [], seconds)[0])
 
 
 def control(root, command, storage=""):
@@ -227,7 +229,7 @@ class ScriptedNode:
         stub = root.binary
         root.binary = stub + ".real"
         os.rename(stub, root.binary)
-        harness.write_executable(stub, STUB.format(python=sys.executable, path=path))
+        write_executable(stub, STUB.format(python=sys.executable, path=path))
 
     def accept(self):
         connection, _ = self.listener.accept()
@@ -279,7 +281,7 @@ class NodeLink:
 def scripted_session(root, *arguments, env=None):
     """Returns (server, link): a ready server with a scripted node client. link.opening has the opening frames."""
     node = ScriptedNode(root)
-    server = harness.Server(root, *arguments, env=env)
+    server = Server(root, *arguments, env=env)
     link = node.accept()
     opening = (link.frame(), link.frame())
     server.wait_ready()

@@ -10,9 +10,13 @@ import shutil
 import subprocess
 import sys
 
-import harness
-from harness import DEADLINE, Server, SystemTest, start, wait_for, write
+from install_root import Root
+from local_files import read, write
+from processes import children, command_line, start, stat_of
 from samples import DATE
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, wait_for
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 SHARE = os.path.join(HERE, "../../share")
@@ -66,7 +70,7 @@ def tool(*arguments):
     return result.stdout
 
 
-class Machine(harness.Root):
+class Machine(Root):
     """An install root whose commands run in the machine's namespaces."""
 
     def __init__(self, test, name, home=None):
@@ -155,7 +159,7 @@ class Node(Machine):
 
     @staticmethod
     def text(path):
-        return harness.read(path).decode()
+        return read(path).decode()
 
     def start_sshd(self, options=""):
         os.makedirs("/run/sshd", exist_ok=True)  # sshd's privilege separation directory; its path is compiled in
@@ -186,7 +190,7 @@ PermitRootLogin prohibit-password
         """Kills the sshd and its sessions, as a crash would. The input of the node clients closes."""
         family = descendants(self.sshd.pid)
         for pid in [self.sshd.pid, *family]:
-            if "sshd" in harness.command_line(pid).split(" ")[0] and harness.stat_of(pid):
+            if "sshd" in command_line(pid).split(" ")[0] and stat_of(pid):
                 try:
                     os.kill(pid, 9)
                 except ProcessLookupError:
@@ -199,7 +203,7 @@ PermitRootLogin prohibit-password
         mine = os.stat(f"/proc/{self.namespace.pid}/ns/mnt").st_ino
         found = []
         for name in os.listdir("/proc"):
-            if name.isdigit() and harness.command_line(name) == program:
+            if name.isdigit() and command_line(name) == program:
                 try:
                     if os.stat(f"/proc/{name}/ns/mnt").st_ino == mine:
                         found.append(int(name))
@@ -220,7 +224,7 @@ PermitRootLogin prohibit-password
 
 def descendants(pid):
     found = []
-    for child in harness.children(pid):
+    for child in children(pid):
         found += [child, *descendants(child)]
     return found
 
@@ -319,7 +323,7 @@ class Job:
     def check_stored(self, storage):
         """Checks that every file is on the storage with the content that was put."""
         for name, content in self.content.items():
-            self.machine.test.assertEqual(content, harness.read(os.path.join(storage, name)), name)
+            self.machine.test.assertEqual(content, read(os.path.join(storage, name)), name)
         self.machine.test.assertTrue(os.path.exists(os.path.join(storage, self.stem + ".info")))
 
     def is_stored(self, stored):

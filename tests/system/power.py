@@ -12,7 +12,9 @@ import random
 import shutil
 import tempfile
 
-from harness import Root, read, write
+from install_root import Root
+from local_files import read, write
+
 
 RECORDER = os.environ.get("QUARN2_WRITE_RECORDER", "")
 

@@ -11,9 +11,12 @@ import os
 import random
 
 import power
-from harness import Root, Server, SystemTest, read, tree, write
+from install_root import Root
+from local_files import read, tree, write
 from promises import Promises
 from samples import DATE, day, info_text
+from server_command import Server
+from system_test import SystemTest
 
 SEED = int(os.environ.get("QUARN2_POWER_SEED", "1"))
 CHANCES = int(os.environ.get("QUARN2_POWER_CHANCES", "20"))

@@ -3,7 +3,8 @@
 import datetime
 import os
 
-from harness import read, write
+from local_files import read, write
+
 
 DATE = "2026-11-20"  # a Friday; the week began on Sunday the 15th
 

@@ -12,7 +12,7 @@ import uuid
 import xml.etree.ElementTree
 from urllib.parse import quote, unquote
 
-import harness
+from local_files import read, tree, write
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), ".."))
 
@@ -96,13 +96,13 @@ class Served(Storage):
         os.chown(path, int(self.info["uid"]), int(self.info["gid"]))
 
     def files(self):
-        return {name: harness.read(os.path.join(self.folder, name)) for name in self.names()}
+        return {name: read(os.path.join(self.folder, name)) for name in self.names()}
 
     def names(self):
-        return harness.tree(self.folder)
+        return tree(self.folder)
 
     def put(self, name, data):
-        path = harness.write(os.path.join(self.folder, name), data)
+        path = write(os.path.join(self.folder, name), data)
         while path != self.folder:
             self.give(path)
             path = os.path.dirname(path)
@@ -173,10 +173,10 @@ class Bucket(Storage):
         with tempfile.TemporaryDirectory() as folder:
             lines = []
             for number, (name, text) in enumerate(files.items()):
-                path = harness.write(os.path.join(folder, str(number)), text)
+                path = write(os.path.join(folder, str(number)), text)
                 url = self.url("/" + quote(self.prefix + name))
                 lines += [f'upload-file = "{path}"', f'url = "{url}"']
-            config = harness.write(os.path.join(folder, "config"), "\n".join(lines))
+            config = write(os.path.join(folder, "config"), "\n".join(lines))
             subprocess.run(["curl", "-sS", "--fail-early", "--fail", "-K", self.info["curl_config"],
                             "-K", config], check=True, stdout=subprocess.PIPE)
 

@@ -5,7 +5,9 @@ import re
 import stat
 import unittest
 
-from harness import SystemTest, read, write
+from local_files import read, write
+from system_test import SystemTest
+
 
 BANNER = ("Tovarn backup storage utility\n"
           "For any calls except --put and --client storage type should be set in storage access "

@@ -11,8 +11,9 @@ import sys
 import unittest
 
 from faults import CHANGES, KINDS, LIBRARY, ROLES, Faults, Strike
-from harness import BINARY, SystemTest
+from install_root import BINARY
 from samples import Backup, DATE
+from system_test import SystemTest
 
 # For each kind of call, Python expressions that make one such call with ctypes. Each runs in its own process.
 CALLS = {

@@ -3,8 +3,10 @@
 import os
 import unittest
 
-from harness import Server, SystemTest, read, tree, write
+from local_files import read, tree, write
 from samples import Backup, DATE, day, write_info
+from server_command import Server
+from system_test import SystemTest
 
 REFUSED = "the node client refused the command: "
 

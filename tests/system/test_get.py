@@ -7,9 +7,11 @@ import select
 import subprocess
 import unittest
 
-import harness
-from harness import Server, SystemTest, read, tree, write
+from local_files import read, tree, write
 from samples import DATE, Backup, info_text
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE
 
 SLICE = f"F{DATE}.web1.2.dar"
 
@@ -202,7 +204,7 @@ class Progress(GetTest):
         process = root.spawn("--get", self.target(SLICE), stdin=subprocess.DEVNULL,
                              stdout=subprocess.DEVNULL, stderr=stderr,
                              env={"BACKUP_TOKEN": root.token + f"?limit_rate={self.SIZE // 3}"})
-        self.assertEqual(0, process.wait(harness.DEADLINE))
+        self.assertEqual(0, process.wait(DEADLINE))
         self.assertEqual(self.SIZE, os.path.getsize(self.local(SLICE)))
 
     def test_a_terminal_shows_it(self):

@@ -4,7 +4,11 @@ import os
 import subprocess
 import unittest
 
-from harness import DEADLINE, ENDED_PAUSES, SystemTest, read, tree, write
+from install_root import ENDED_PAUSES
+from local_files import read, tree, write
+from system_test import SystemTest
+from waiting import DEADLINE
+
 
 NAME = "F2026-11-20.web1.1.dar"
 

@@ -4,7 +4,12 @@ import os
 import stat
 import unittest
 
-from harness import ENDED_PAUSES, Server, SystemTest, wait_for, write
+from install_root import ENDED_PAUSES
+from local_files import write
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
+
 
 DATE = "2026-11-20"
 LIMIT = 300_000

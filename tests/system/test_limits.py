@@ -4,11 +4,14 @@ import os
 import signal
 import unittest
 
-import harness
-from harness import Server, SystemTest, tree, wait_for, wait_gone, write
 from link import scripted_session
+from local_files import tree, write
 from peers import deserted_port
+from processes import has_ended, wait_gone
 from samples import DATE, Backup, chain, day, info_text, left, read_info, write_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 
 class Job:
@@ -343,7 +346,7 @@ class Signals(LimitTest):
         other = Server(self.r, "--date", DATE).wait_ready()
         os.kill(server.pid, signal.SIGHUP)
         server.process.wait()
-        self.assertFalse(harness.gone(server.daemon))
+        self.assertFalse(has_ended(server.daemon))
         other.release()
         self.assertEqual(0, wait_gone(server.daemon))
 

@@ -19,11 +19,13 @@ import unittest
 from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 
-import harness
-from harness import Server, SystemTest, tree
 from link import ScriptedNode
+from local_files import tree
 from machines import Job
+from processes import children, descriptors
 from samples import DATE, day, info_text, read_info
+from server_command import Server
+from system_test import SystemTest
 
 FULL = os.environ.get("QUARN2_CP_LOAD") == "full"
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
@@ -74,7 +76,7 @@ class Curve:
         row = {"done": done, "ms_each": round(step, 3)}
         for name, pid in self.processes.items():
             used = processor_time(pid)
-            row |= {f"{name}_kib": memory(pid), f"{name}_fds": len(harness.descriptors(pid)),
+            row |= {f"{name}_kib": memory(pid), f"{name}_fds": len(descriptors(pid)),
                     f"{name}_threads": len(os.listdir(f"/proc/{pid}/task")),
                     f"{name}_cpu_ms": used - self.used[name]}
             self.used[name] = used
@@ -279,7 +281,7 @@ class ServerLife(SystemTest):
         print(f"{reservations} reservations, {done} completions, {self.account.evicted} evictions, "
               f"{BREAKS} broken sessions", flush=True)
         self.assertGreater(self.account.evicted, 0.9 * COMPLETIONS)
-        self.assertEqual(1, len(harness.children(self.server.daemon)))
+        self.assertEqual(1, len(children(self.server.daemon)))
 
     def back_up(self, user, date):
         """Sends the commands of one backup to the server: a slice, sometimes released and reserved again, and the last

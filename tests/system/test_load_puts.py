@@ -14,8 +14,11 @@ import threading
 import time
 import unittest
 
-from harness import Server, SystemTest, read, wait_for, write
+from local_files import read, write
 from samples import DATE, day, info_text, read_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 PUTS = int(os.environ.get("QUARN2_LOAD_PUTS", "200"))
 ROUNDS = int(os.environ.get("QUARN2_LOAD_ROUNDS", "2"))

@@ -8,10 +8,14 @@ import struct
 import time
 import unittest
 
-from harness import (DEADLINE, ENDED_PAUSES, Server, SystemTest, read, tree, wait_for, wait_gone,
-                     write)
+from install_root import ENDED_PAUSES
 from link import ControlCall, ScriptedServer, control, frame
+from local_files import read, tree, write
+from processes import wait_gone
 from samples import Backup, info_text
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, wait_for
 
 DATE = "2026-11-20"
 

@@ -5,10 +5,12 @@ import os
 import subprocess
 import unittest
 
-import harness
-from harness import read, wait_for, write
+from local_files import read, write
 from machines import Job, NodesTest, descendants
+from processes import children, command_line
 from samples import DATE
+from server_command import Server
+from waiting import wait_for
 
 LIMIT = 1000000
 
@@ -33,7 +35,7 @@ class Sessions(NodesTest):
     def test_nobody_can_be_asked_anything(self):
         node, = self.make_nodes(1)
         server = self.serve([node])
-        clients = harness.children(server.daemon)
+        clients = children(server.daemon)
         self.assertEqual(2, len(clients))
         for client in clients:
             with open(f"/proc/{client}/stat", encoding="ascii") as stat:
@@ -48,14 +50,14 @@ class Sessions(NodesTest):
         secret = "open-sesame-4711"
         self.head.token += "?arch_password=" + secret
         server = self.serve([node])
-        clients = [*harness.children(server.daemon), *node.clients()]
+        clients = [*children(server.daemon), *node.clients()]
         self.assertEqual(3, len(clients))
         for client in clients:
             environment = read(f"/proc/{client}/environ")
             self.assertNotIn(secret.encode(), environment)
             self.assertNotIn(b"BACKUP_TOKEN", environment)
         for pid in [os.getpid(), *descendants(os.getpid())]:
-            self.assertNotIn(secret, harness.command_line(pid))
+            self.assertNotIn(secret, command_line(pid))
         job = Job(node, "web1", DATE).run()
         stored = read(os.path.join(self.head.storage, job.stem + ".info")).decode()
         self.assertIn("key_hash=", stored)  # proves that the node has the complete token
@@ -116,8 +118,8 @@ class Failures(NodesTest):
 
     def test_a_machine_without_ssh_serves_itself(self):
         head = self.make_head()
-        server = harness.Server(head, "--node", "elsewhere:10.77.9.2:22", "--date", DATE,
-                                env={"PATH": head.file("sbin")}).wait_ready()
+        server = Server(head, "--node", "elsewhere:10.77.9.2:22", "--date", DATE,
+                        env={"PATH": head.file("sbin")}).wait_ready()
         head.wait_log("Cant start session with node 'elsewhere:10.77.9.2:22'. What: Failed to start"
                       " 'ssh': No such file or directory", level=4, count=2)
         Job(head, "web1", DATE).run().check_stored(head.storage)

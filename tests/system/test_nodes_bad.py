@@ -6,9 +6,10 @@ import socket
 import sys
 import unittest
 
-from harness import read, wait_for, write, write_executable
+from local_files import read, write, write_executable
 from machines import Job, NodesTest
 from samples import DATE
+from waiting import wait_for
 
 LIMIT = 1000000
 

@@ -5,9 +5,11 @@ import os
 import signal
 import unittest
 
-from harness import Server, wait_for, wait_gone
 from machines import Job, TroubleTest
+from processes import wait_gone
 from samples import DATE, day
+from server_command import Server
+from waiting import wait_for
 
 CLOCK_AHEAD = os.environ.get("QUARN2_CLOCK_AHEAD", "")
 ARGUMENTS = ["--date", DATE, "--size-limit", "1000000", "--count-limit", "100:100"]

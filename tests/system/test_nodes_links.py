@@ -4,10 +4,10 @@ import os
 import threading
 import unittest
 
-import harness
-from harness import read, wait_for
+from local_files import read
 from machines import Job, TroubleTest
 from samples import DATE, day
+from waiting import DEADLINE, wait_for
 
 ARGUMENTS = ["--date", DATE, "--size-limit", "1000000", "--count-limit", "100:100"]
 
@@ -25,7 +25,7 @@ class Behind(threading.Thread):
         self.result = self.call()
 
     def wait(self, test):
-        self.join(harness.DEADLINE)
+        self.join(DEADLINE)
         test.assertFalse(self.is_alive(), "the command hangs")
         return self.result
 

@@ -12,11 +12,11 @@ import signal
 import threading
 import unittest
 
-import harness
-from harness import wait_for
 from machines import Job, NodesTest
+from processes import children, command_line
 from samples import DATE, Backup, both_sides, day
 from test_random import Rules
+from waiting import wait_for
 
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 BACKUPS = int(os.environ.get("QUARN2_CP_NODE_BACKUPS", "8"))  # new backups of each user
@@ -132,8 +132,8 @@ class Load(NodesTest):
         choice = random.Random(SEED)
 
         def local():
-            return [pid for pid in harness.children(server.daemon)
-                    if harness.command_line(pid).startswith(self.head.binary)]
+            return [pid for pid in children(server.daemon)
+                    if command_line(pid).startswith(self.head.binary)]
 
         for find in [local, *(node.clients for node in nodes)] * 2:
             client = wait_for(find, "a node client", 180)[0]  # the longest pause before a new session is 60 s

@@ -12,9 +12,13 @@ import os
 import signal
 import unittest
 
-from harness import Server, SystemTest, read, wait_for, wait_gone, write
+from local_files import read, write
 from powercase import PowerTest
+from processes import wait_gone
 from samples import DATE, Backup, chain, day, info_text
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 
 class Job(PowerTest):

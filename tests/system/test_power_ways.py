@@ -6,10 +6,11 @@ import os
 import shutil
 import unittest
 
-from harness import Server, read, tree, write
+from local_files import read, tree, write
 from powercase import PowerTest
 from promises import INFO, STORAGE, is_hidden
 from samples import DATE, Backup, chain, day
+from server_command import Server
 
 MARKER = INFO + ".rescan"
 

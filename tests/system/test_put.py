@@ -6,8 +6,11 @@ import threading
 import time
 import unittest
 
-from harness import DEADLINE, Server, SystemTest, read, wait_for, write
+from local_files import read, write
 from samples import info_text, read_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, wait_for
 
 DATE = "2026-11-20"
 NO_SERVER = "Failed to connect to size control server socket"

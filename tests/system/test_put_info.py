@@ -4,8 +4,11 @@ import datetime
 import os
 import unittest
 
-from harness import DEADLINE, Server, SystemTest, read, tree, write
+from local_files import read, tree, write
 from samples import info_text, read_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE
 
 DATE = "2026-11-20"
 

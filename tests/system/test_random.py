@@ -6,9 +6,10 @@ import random
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from harness import Server, SystemTest
 from link import ScriptedNode
 from samples import DATE, Backup, both_sides, day
+from server_command import Server
+from system_test import SystemTest
 
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 ROUNDS = 24

@@ -5,9 +5,12 @@ import shutil
 import unittest
 
 from archives import hold, rescan
-from harness import Server, SystemTest, read, tree, wait_for, write
 from link import ScriptedServer, frame
+from local_files import read, tree, write
 from samples import DATE, Backup, day
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 REFUSED = "quarn2_cp: the node client refused the command: '"
 

@@ -8,8 +8,12 @@ import time
 import unittest
 
 from archives import rescan, tree_bytes, wipe
-from harness import Server, SystemTest, children, read, tree, wait_for, wait_gone, write
+from local_files import read, tree, write
+from processes import children, wait_gone
 from samples import DATE, Backup, info_text
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 MARKER = ".rescan"
 MARKER_BEING_WRITTEN = "..rescan.part~"

@@ -6,8 +6,10 @@ import unittest
 import urllib.parse
 
 from archives import Maker, backup, first_day, hold, manifest, restore
-from harness import SystemTest, wait_for, write, write_executable
+from local_files import write, write_executable
 from samples import day
+from system_test import SystemTest
+from waiting import wait_for
 
 SUNDAY = "2026-11-15"
 

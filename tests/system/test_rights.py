@@ -11,10 +11,13 @@ import stat
 import subprocess
 import unittest
 
-import harness
 from archives import Maker, first_day, hold, rescan
-from harness import Server, SystemTest, Watch, children, read, tree, wait_for, write
+from local_files import read, tree, write, write_executable
+from processes import children, command_line, start, wait_gone
 from samples import Backup
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, Watch, wait_for
 
 SUNDAY = "2026-11-15"
 NOBODY = 65534
@@ -99,11 +102,11 @@ class RightsTest(SystemTest):
     def as_nobody(self, *command):
         """Runs a command as a user without rights. Returns (status, output and errors)."""
         # root's own PATH may begin with directories that only root can enter.
-        process = harness.start(["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
-                                 "--clear-groups", "env", "PATH=/usr/bin:/bin", *command],
-                                stdin=subprocess.DEVNULL,
-                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
-        output, _ = process.communicate(timeout=harness.DEADLINE)
+        process = start(["setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}",
+                         "--clear-groups", "env", "PATH=/usr/bin:/bin", *command],
+                        stdin=subprocess.DEVNULL,
+                        stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+        output, _ = process.communicate(timeout=DEADLINE)
         return process.returncode, output
 
 
@@ -236,7 +239,7 @@ class OtherUsers(RightsTest):
 
     def test_sees_no_secret_in_command_lines_and_no_socket_without_a_file(self):
         for pid in self.all:
-            self.assertNotIn(SECRET, harness.command_line(pid))
+            self.assertNotIn(SECRET, command_line(pid))
         with open("/proc/net/unix", encoding="utf-8") as listing:
             self.assertEqual([], [line for line in listing if "@quarn2" in line])
 
@@ -287,15 +290,15 @@ class Dumps(RightsTest):
             self.assertIn(b"Permission denied", output)
             self.assertEqual(0, os.stat(f"/proc/{pid}/environ").st_uid)
         process.stdin.close()
-        self.assertEqual(0, process.wait(harness.DEADLINE))
-        harness.wait_gone(daemon)
+        self.assertEqual(0, process.wait(DEADLINE))
+        wait_gone(daemon)
 
     def test_a_crash_leaves_no_core_file(self):
         server, (_, daemon, client) = self.hold()
         root = server.root
         for pid in (client, daemon):
             os.kill(pid, signal.SIGSEGV)
-            harness.wait_gone(pid)
+            wait_gone(pid)
         server.release()
         cores = [name for name in tree(root.base) if "core" in os.path.basename(name)]
         self.assertEqual([], cores)
@@ -307,8 +310,8 @@ class Environment(RightsTest):
         root.token += ARCH
         note = os.path.join(root.base, "ssh-environment")
         tools = os.path.join(root.base, "tools")
-        harness.write_executable(os.path.join(tools, "ssh"),
-                                 f"#!/bin/sh\nenv >{note}.new; mv {note}.new {note}; exec cat >/dev/null\n")
+        write_executable(os.path.join(tools, "ssh"),
+                         f"#!/bin/sh\nenv >{note}.new; mv {note}.new {note}; exec cat >/dev/null\n")
         server = hold_with_node(root, tools)
         wait_for(lambda: os.path.exists(note), "the environment of ssh")
         client = server.node_client()

@@ -9,10 +9,14 @@ import signal
 import socket
 import unittest
 
-import harness
-from harness import Server, SystemTest, children, read, wait_for, wait_gone, write
 from link import control
+from local_files import read, write
+from processes import (access_mode, children, command_line, descriptors, has_ended, wait_gone,
+                       write_lock_holder)
 from samples import Backup, chain, day, left
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, read_available, wait_for
 
 DATE = "2026-11-20"
 OTHER = "Other instanse of size control server is running. Date: "
@@ -91,7 +95,7 @@ class Start(SystemTest):
         server = Server(self.root()).wait_ready()
         self.assertEqual(b"", server.output)
         self.assertIsNone(server.process.poll())
-        self.assertEqual("/dev/null", harness.descriptors(server.pid).get(1, "/dev/null"))
+        self.assertEqual("/dev/null", descriptors(server.pid).get(1, "/dev/null"))
 
     def test_the_daemon_is_in_a_group_of_its_own_and_has_the_install_root_as_directory(self):
         root = self.root()
@@ -104,13 +108,13 @@ class Start(SystemTest):
         server = Server(root).wait_ready()
         client = server.node_client()
         self.assertEqual(f"{root.binary} --client", wait_for(
-            lambda: "--client" in harness.command_line(client) and harness.command_line(client),
+            lambda: "--client" in command_line(client) and command_line(client),
             "the node client's command line"))
         self.assertEqual([client], children(server.daemon))
 
     def test_the_daemon_holds_the_pid_files_write_lock(self):
         server = Server(self.root()).wait_ready()
-        self.assertEqual(server.daemon, harness.write_lock_holder(server.pid_file))
+        self.assertEqual(server.daemon, write_lock_holder(server.pid_file))
 
     def test_stale_files_of_a_crashed_server_do_not_hinder(self):
         root = self.root()
@@ -139,7 +143,7 @@ class End(SystemTest):
         client = server.node_client()
         self.assertEqual((0, ""), server.release())
         self.assertEqual(0, wait_gone(server.daemon))
-        self.assertTrue(harness.gone(client))
+        self.assertTrue(has_ended(client))
         self.assertFalse(os.path.exists(server.pid_file))
         self.assertFalse(os.path.exists(server.lock_file))
         self.assertEqual([], root.log(3))
@@ -175,7 +179,7 @@ class End(SystemTest):
         backups = chain(root, "web1", "FFF")
         os.kill(server.daemon, signal.SIGTERM)
         self.assertEqual(0, wait_gone(server.daemon))
-        self.assertTrue(harness.gone(client))
+        self.assertTrue(has_ended(client))
         self.assertFalse(os.path.exists(server.pid_file))
         self.assertFalse(os.path.exists(server.lock_file))
         self.assertEqual([day(-2), day(-1), DATE], left(backups))
@@ -295,7 +299,7 @@ class SideBySide(SystemTest):
         servers[1].end()
         self.assertFalse(os.path.exists(root.file("var/quarn2_cp.pid#alice")))
         for server in (servers[0], servers[2]):
-            self.assertFalse(harness.gone(server.daemon))
+            self.assertFalse(has_ended(server.daemon))
             self.assertTrue(os.path.isfile(server.pid_file))
             self.assertEqual(0, server.end())
 
@@ -306,7 +310,7 @@ class Descriptors(SystemTest):
 
         Every pattern must match exactly one descriptor.
         """
-        found = harness.descriptors(pid)
+        found = descriptors(pid)
         for pattern in expected:
             matching = [fd for fd, target in found.items() if re.fullmatch(pattern, target)]
             self.assertEqual(1, len(matching), f"{pattern} in {found}")
@@ -323,8 +327,8 @@ class Descriptors(SystemTest):
                                       r"anon_inode:\[signalfd\]")
         self.assertEqual(["/dev/null"] * 3, streams)
         # The daemon has its ends of three pipes: two of the master link, one for the client's standard error.
-        client = harness.descriptors(server.node_client())
-        modes = {target: harness.access_mode(server.daemon, fd) for fd, target in rest.items()}
+        client = descriptors(server.node_client())
+        modes = {target: access_mode(server.daemon, fd) for fd, target in rest.items()}
         self.assertEqual({client[0]: os.O_WRONLY, client[1]: os.O_RDONLY, client[2]: os.O_RDONLY},
                          modes)
 
@@ -340,18 +344,18 @@ class Descriptors(SystemTest):
             self.assertRegex(pipe, r"\Apipe:\[\d+\]\Z")
         self.assertEqual(3, len({first, second, third}))
         self.assertEqual([os.O_RDONLY, os.O_WRONLY, os.O_WRONLY],
-                         [harness.access_mode(client, fd) for fd in range(3)])
+                         [access_mode(client, fd) for fd in range(3)])
         for fd, target in rest.items():  # a duplicate of standard input
-            self.assertEqual((first, os.O_RDONLY), (target, harness.access_mode(client, fd)))
+            self.assertEqual((first, os.O_RDONLY), (target, access_mode(client, fd)))
 
     def test_descriptors_of_the_callers_parent_do_not_reach_the_daemon(self):
         root = self.root()
         path = write(os.path.join(root.base, "open-file"), "")
         with open(path, "rb") as file:
             server = Server(root, pass_fds=[file.fileno()]).wait_ready()
-        self.assertIn(path, harness.descriptors(server.pid).values())
+        self.assertIn(path, descriptors(server.pid).values())
         for pid in (server.daemon, server.node_client()):
-            self.assertNotIn(path, harness.descriptors(pid).values())
+            self.assertNotIn(path, descriptors(pid).values())
 
     def test_sessions_leave_no_descriptor_behind(self):
         root = self.root()
@@ -361,7 +365,7 @@ class Descriptors(SystemTest):
         self.assertEqual("OK", control(root, "STAT"))  # the client's loop runs, so all descriptors are open
 
         def numbers():
-            return len(harness.descriptors(client)), len(harness.descriptors(server.daemon))
+            return len(descriptors(client)), len(descriptors(server.daemon))
 
         before = numbers()
         path = write(os.path.join(root.work, "F2026-11-20.web1.tgz"), "data")
@@ -456,7 +460,7 @@ class Warnings(SystemTest):
         root = self.root()
         holder = Server(root, "--count-limit", "0:9").wait_ready()
         rescan = Server(root, "--rescan", "--count-limit", "0:9")
-        said = harness.read_available(rescan.process.stderr.fileno(), harness.DEADLINE).decode()
+        said = read_available(rescan.process.stderr.fileno(), DEADLINE).decode()
         self.assertEqual("quarn2_cp: warning: waiting: var/quarn2_cp.lock is held by another caller "
                          "or server\n", said)
         holder.release()

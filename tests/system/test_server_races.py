@@ -10,9 +10,12 @@ import time
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-import harness
-from harness import Server, SystemTest, read, wait_for, wait_gone, write
+from local_files import read, write
+from processes import descriptors, wait_gone, write_lock_holder
 from samples import write_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, wait_for
 
 DATE = "2026-11-20"
 ROOTS = 5
@@ -33,7 +36,7 @@ class HeldStart:
 
     def wait_held(self):
         """Waits until a daemon has begun to clean up. Returns the daemon's process id."""
-        self.server.settimeout(harness.DEADLINE)
+        self.server.settimeout(DEADLINE)
         self.connection, _ = self.server.accept()
         return int(read(self.root.file("var/quarn2_cp.pid")).split(b"\n")[0])
 
@@ -59,7 +62,7 @@ class DiesWhileStarting(SystemTest):
 
     @staticmethod
     def holder(server):
-        return os.path.exists(server.pid_file) and harness.write_lock_holder(server.pid_file)
+        return os.path.exists(server.pid_file) and write_lock_holder(server.pid_file)
 
     def test_an_info_file_that_cannot_be_read_is_told_in_the_log(self):
         root = self.root()
@@ -160,11 +163,11 @@ class ReplacedLockFile(SystemTest):
         with open(path, "rb") as old:
             fcntl.flock(old, fcntl.LOCK_EX)
             server = Server(root, "--date", DATE)
-            wait_for(lambda: path in harness.descriptors(server.pid).values(), "a waiting caller")
+            wait_for(lambda: path in descriptors(server.pid).values(), "a waiting caller")
             self.assertFalse(server.is_ready(0.3))
             os.unlink(path)
             write(path, "")
-        self.assertTrue(server.is_ready(harness.DEADLINE))
+        self.assertTrue(server.is_ready(DEADLINE))
         with open(path, "rb") as new:
             with self.assertRaises(BlockingIOError):
                 fcntl.flock(new, fcntl.LOCK_EX | fcntl.LOCK_NB)
@@ -225,7 +228,7 @@ class Races(SystemTest):
                 # The daemon polls once a second, so it ends at any moment of this interval.
                 time.sleep(choice.uniform(0, 1.1))
                 server = Server(root, "--date", DATE).wait_ready()
-                self.assertEqual(server.daemon, harness.write_lock_holder(server.pid_file))
+                self.assertEqual(server.daemon, write_lock_holder(server.pid_file))
                 self.assertTrue(os.path.exists(server.lock_file))
                 if server.daemon != old.daemon:
                     self.assertEqual(0, wait_gone(old.daemon))
@@ -243,14 +246,14 @@ class Races(SystemTest):
                 os.kill(old.daemon, signal.SIGTERM)
                 time.sleep(choice.uniform(0, 0.03))
                 between = Server(root, "--date", DATE)
-                self.assertTrue(between.is_ready(harness.DEADLINE))
+                self.assertTrue(between.is_ready(DEADLINE))
                 old.release()
                 wait_gone(old.daemon)
                 # `between` may have joined the old daemon just before its end. The next --server command cannot.
                 server = Server(root, "--date", DATE).wait_ready()
                 between.release()
                 self.assertNotEqual(old.daemon, server.daemon)
-                self.assertEqual(server.daemon, harness.write_lock_holder(server.pid_file))
+                self.assertEqual(server.daemon, write_lock_holder(server.pid_file))
             self.assertEqual(0, server.end())
         self.in_roots(work)
 

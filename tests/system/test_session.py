@@ -4,10 +4,12 @@ import os
 import re
 import unittest
 
-import harness
-from harness import Server, SystemTest, wait_for
 from link import ScriptedNode, frame, scripted_session
+from processes import wait_gone
 from samples import chain, day, left
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 DATE = "2026-11-20"
 LOCKED = "ERR No space left. But all backups are locked"
@@ -132,7 +134,7 @@ class Transport(SystemTest):
         server.release()
         self.assertEqual(b"", link.stream.wait_end())
         link.close()
-        self.assertEqual(0, harness.wait_gone(server.daemon))
+        self.assertEqual(0, wait_gone(server.daemon))
 
 
 class Reservation(SystemTest):

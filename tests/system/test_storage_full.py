@@ -5,8 +5,10 @@ import unittest
 
 import storages
 from archives import hold
-from harness import SystemTest, tree, wait_for, write
+from local_files import tree, write
 from samples import day, info_text, left, read_info
+from system_test import SystemTest
+from waiting import wait_for
 
 MIB = 1 << 20
 FIRST = "2026-11-15"

@@ -7,7 +7,9 @@ import time
 import unittest
 
 import storages
-from harness import SystemTest, read, tree, wait_for, write
+from local_files import read, tree, write
+from system_test import SystemTest
+from waiting import wait_for
 
 MIB = 1 << 20
 TIMEOUT = 3

@@ -5,8 +5,11 @@ import unittest
 
 import storages
 from archives import hold
-from harness import ENDED_PAUSES, SystemTest, tree, wait_for, write
+from install_root import ENDED_PAUSES
+from local_files import tree, write
 from samples import DATE, info_text, read_info
+from system_test import SystemTest
+from waiting import wait_for
 
 MIB = 1 << 20
 PATIENCE = 240

@@ -5,8 +5,8 @@ import unittest
 
 import storages
 from archives import rescan, tree_bytes, wipe
-from harness import SystemTest
 from samples import DATE, info_text
+from system_test import SystemTest
 
 PAGE = 1000
 PLACE = f"web1/{DATE}/"

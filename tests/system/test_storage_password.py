@@ -5,8 +5,9 @@ import unittest
 
 import storages
 from archives import Maker, first_day, hold, manifest, next_day, rescan, restore, tree_bytes, wipe
-from harness import SystemTest, read, tree
+from local_files import read, tree
 from samples import day, read_info
+from system_test import SystemTest
 
 SUNDAY = "2026-11-15"
 OLD_DAY = day(-7, SUNDAY)

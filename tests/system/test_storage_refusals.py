@@ -9,8 +9,9 @@ import time
 import unittest
 
 import storages
-from harness import SystemTest, read, tree, write
+from local_files import read, tree, write
 from peers import Peer, deserted_port
+from system_test import SystemTest
 
 TIMEOUT = 3
 GRACE = 7  # seconds; more than the program needs, less than an unnecessary wait

@@ -8,8 +8,9 @@ import unittest
 
 import storages
 from archives import Maker, first_day, hold, manifest, next_day, rescan, restore, tree_bytes, wipe
-from harness import SystemTest, read
+from local_files import read
 from samples import day, read_info
+from system_test import SystemTest
 
 SUNDAY = "2026-11-15"
 PASSWORD = "correct horse & battery?"

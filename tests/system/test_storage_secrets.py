@@ -5,10 +5,12 @@ import os
 import unittest
 from urllib.parse import quote
 
-import harness
 import storages
 from archives import Maker, first_day, hold, rescan
-from harness import SystemTest, Watch, command_line, read
+from local_files import read
+from processes import command_line, stat_of
+from system_test import SystemTest
+from waiting import Watch, wait_for
 
 SUNDAY = "2026-11-15"
 ARCH = "correct+horse&battery staple/%"
@@ -31,7 +33,7 @@ class WatchOfProcesses(Watch):
         parents = {}
         for name in os.listdir("/proc"):
             if name.isdigit():
-                stat = harness.stat_of(name)
+                stat = stat_of(name)
                 if stat:
                     parents.setdefault(stat[1], []).append(int(name))
         found, ends = [], [os.getpid()]
@@ -76,8 +78,8 @@ class SecretsTest(SystemTest):
         client = server.node_client()
         made = Maker(root, "tgz", "flat").put("web1", SUNDAY, "F", files)
         # The watch must see the two processes that run for a long time.
-        harness.wait_for(lambda: {command_line(client), command_line(server.daemon)}
-                         <= set(watch.seen), "a look at daemon and node client")
+        wait_for(lambda: {command_line(client), command_line(server.daemon)}
+                 <= set(watch.seen), "a look at daemon and node client")
         self.assertIn("--client", command_line(client))
         info = os.path.join(root.info_root, made["info"])
         index = os.path.join(root.info_root, made["index"])

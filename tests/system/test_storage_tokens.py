@@ -3,7 +3,9 @@
 import os
 import unittest
 
-from harness import SystemTest, read, tree, write
+from local_files import read, tree, write
+from system_test import SystemTest
+
 
 # The values are random, so that no four of their characters occur in another text by chance. In the table "SECRET"
 # and "ARCH" are placeholders for them; SEC, RET, AR and CH are placeholders for their halves.

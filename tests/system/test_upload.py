@@ -6,10 +6,13 @@ import shutil
 import subprocess
 import unittest
 
-import harness
-from harness import Server, SystemTest, read, tree, wait_for, write
 from link import ScriptedServer, control
+from local_files import read, tree, write
+from processes import stat_of
 from samples import chain, day, info_text, left
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 MIB = 1 << 20
 
@@ -99,7 +102,7 @@ class Refused(FullStorageTest):
         # The scripted server has not answered DROPONE yet, so the next reservation waits for the link.
         second = server.call("PUT " + self.source("F2026-11-20.web2.tgz", 4096))
         root.wait_log("quarn2::Expect::Result* NodeSide::operator()(ResHandle)", pid=server.pid, count=2)
-        wait_for(lambda: harness.stat_of(server.pid)[0] == "S", "the command's wait for the link")
+        wait_for(lambda: stat_of(server.pid)[0] == "S", "the command's wait for the link")
         self.assertFalse(second.has_answer(0.1))
         server.answer("ERR no")
         lines = [server.stream.line()]

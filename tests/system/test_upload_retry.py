@@ -4,8 +4,11 @@ import os
 import shutil
 import unittest
 
-from harness import ENDED_PAUSES, SystemTest, read, tree, wait_for, write
+from install_root import ENDED_PAUSES
 from link import ScriptedServer
+from local_files import read, tree, write
+from system_test import SystemTest
+from waiting import wait_for
 
 NAME = "F2026-11-20.web1.tgz"
 

@@ -6,8 +6,8 @@ import unittest
 
 from archives import (Maker, first_day, hold, manifest, next_day, rescan, restore, tree_bytes,
                       wipe)
-from harness import SystemTest
 from samples import day
+from system_test import SystemTest
 
 SUNDAY = "2026-11-15"
 USERS = ("example", "shop.example", "a.b.1.c")

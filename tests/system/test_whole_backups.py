@@ -6,8 +6,12 @@ import signal
 import subprocess
 import unittest
 
-from harness import Server, SystemTest, read, wait_for, wait_gone, write
+from local_files import read, write
+from processes import wait_gone
 from samples import Backup, day, info_text, read_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import wait_for
 
 DATE = "2026-11-20"
 NIGHTS = [day(offset) for offset in range(3)]
