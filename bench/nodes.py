@@ -77,7 +77,7 @@ print(time.perf_counter() - begin if refused else "somebody listens there")"""
 def measure_round_trips(site):
     head = Head(site)
     head.log_level = None
-    node = Node(site, head, 1, relayed=True)
+    node = Node(site, head, 1, lossy=True)
     node.start_sshd()
     node.cable.order(f"delay {DELAY}")
     server = Server(head, "--count-limit", "0:1000", "--ssh-key", head.key, "--node",

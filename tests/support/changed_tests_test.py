@@ -10,7 +10,7 @@ from changed_tests import script_dependencies, select  # noqa: E402
 
 KNOWN = ["layer_check", "changed_tests", "kro_str_test", "kro_args_test", "quarn2_token_test", "quarn2_s3_token_test",
          "quarn2_storage_s3_test", "quarn2_storage_sftp_test", "quarn2_storage_trouble_s3_test", "backup_put_test",
-         "system_put", "system_put_info", "system_nodes_links_1", "system_storage_hang_1", "server_s3_start"]
+         "system_put", "system_put_info", "system_nodes_broken_links_1", "system_storage_hang_1", "server_s3_start"]
 NEEDS = {
     "tests/unit/kro/str_test.cpp": {"kro/include/kro/str.h"},
     "tests/unit/quarn2/token_test.cpp": {"tests/support/temp_dir.h"},
@@ -48,7 +48,7 @@ class Selection(unittest.TestCase):
 
     def test_the_program_touches_its_unit_and_system_tests(self):
         self.expect(["backup_common/src/quarn2_cp2_put.cpp"],
-                    ["backup_put_test", "system_put", "system_put_info", "system_nodes_links_1",
+                    ["backup_put_test", "system_put", "system_put_info", "system_nodes_broken_links_1",
                      "system_storage_hang_1"])
 
     def test_a_suite_that_is_compiled_once_touches_all_its_instances(self):
@@ -56,12 +56,12 @@ class Selection(unittest.TestCase):
 
     def test_modules_that_are_loaded_into_the_program(self):
         self.expect(["tests/support/fault_points.cpp"],
-                    ["system_put", "system_put_info", "system_nodes_links_1", "system_storage_hang_1"])
+                    ["system_put", "system_put_info", "system_nodes_broken_links_1", "system_storage_hang_1"])
 
     def test_imports_are_followed(self):
         folder = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system")
         needs = script_dependencies(folder)["tests/system/test_crash_kills.py"]
-        self.assertLessEqual({"tests/system/crash_trial.py", "tests/system/faults.py", "tests/system/system_test.py"}, needs)
+        self.assertLessEqual({"tests/system/crash_test_case.py", "tests/system/faults.py", "tests/system/system_test.py"}, needs)
 
 
 if __name__ == "__main__":

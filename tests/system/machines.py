@@ -110,9 +110,9 @@ class Head(Machine):
 
 
 class Node(Machine):
-    """A machine with its own virtual cable to the head. With `relayed` the cable is a relay with delay and loss."""
+    """A machine with its own virtual cable to the head. With `lossy` the cable can have delay and loss."""
 
-    def __init__(self, test, head, number, relayed=False, sshd_options=QUICK_SSHD):
+    def __init__(self, test, head, number, lossy=False, sshd_options=QUICK_SSHD):
         super().__init__(test, f"node{number}")
         self.head = head
         self.address = f"10.77.{number}.2"
@@ -121,7 +121,7 @@ class Node(Machine):
         self.sshd = None
         self.sshd_options = sshd_options
         self.token = head.token
-        self.connect(f"10.77.{number}.1", relayed)
+        self.connect(f"10.77.{number}.1", lossy)
         self.make_keys()
 
     @property
@@ -129,10 +129,10 @@ class Node(Machine):
         """The value for the option --node."""
         return f"{self.name}:{self.address}:{self.port}"
 
-    def connect(self, gateway, relayed):
+    def connect(self, gateway, lossy):
         ends = [str(self.head.namespace.pid), gateway, str(self.namespace.pid), self.address]
-        if relayed:
-            self.cable = Helper(self.test, "relay.py", *ends)
+        if lossy:
+            self.cable = Helper(self.test, "lossy_cable.py", *ends)
             return
         tool("ip", "link", "add", f"to-{self.name}", "netns", ends[0], "type", "veth",
              "peer", "name", "uplink", "netns", ends[2])
@@ -230,7 +230,7 @@ def descendants(pid):
 
 
 class NodesTest(SystemTest):
-    """A head and its nodes; `relayed` names the nodes whose cable is a relay."""
+    """A head and its nodes; `lossy` contains the numbers of the nodes whose cable can have delay and loss."""
 
     def setUp(self):
         super().setUp()
@@ -246,10 +246,10 @@ class NodesTest(SystemTest):
         self.head = Head(self, **options)
         return self.head
 
-    def make_nodes(self, count, relayed=(), **options):
+    def make_nodes(self, count, lossy=(), **options):
         if self.head is None:
             self.make_head()
-        nodes = [Node(self, self.head, number, number in relayed, **options)
+        nodes = [Node(self, self.head, number, number in lossy, **options)
                  for number in range(1, count + 1)]
         for node in nodes:
             node.start_sshd()

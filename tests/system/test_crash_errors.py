@@ -16,7 +16,7 @@ import unittest
 
 import crash_scenes
 from crash_scene import require
-from crash_trial import CrashTest, sample
+from crash_test_case import CrashTest, sample
 from faults import Strike
 
 ERRORS = int(os.environ.get("QUARN2_CP_ERRORS", "10"))

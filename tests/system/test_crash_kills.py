@@ -16,7 +16,7 @@ import os
 import unittest
 
 import crash_scenes
-from crash_trial import CrashTest, sample
+from crash_test_case import CrashTest, sample
 from faults import CHANGES, Strike
 
 KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))

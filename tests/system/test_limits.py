@@ -4,7 +4,7 @@ import os
 import signal
 import unittest
 
-from link import scripted_session
+from master_link import scripted_session
 from local_files import tree, write
 from peers import deserted_port
 from processes import has_ended, wait_gone

@@ -19,7 +19,7 @@ import unittest
 from collections import deque
 from concurrent.futures import ThreadPoolExecutor
 
-from link import ScriptedNode
+from master_link import ScriptedNode
 from local_files import tree
 from machines import Job
 from processes import children, descriptors

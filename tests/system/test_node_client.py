@@ -9,7 +9,7 @@ import time
 import unittest
 
 from install_root import ENDED_PAUSES
-from link import ControlCall, ScriptedServer, control, frame
+from master_link import ControlCall, ScriptedServer, control, frame
 from local_files import read, tree, write
 from processes import wait_gone
 from samples import Backup, info_text

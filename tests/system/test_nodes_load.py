@@ -15,7 +15,7 @@ import unittest
 from machines import Job, NodesTest
 from processes import children, command_line
 from samples import DATE, Backup, both_sides, day
-from test_random import Rules
+from test_random_storages import Rules
 from waiting import wait_for
 
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))

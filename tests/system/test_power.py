@@ -1,9 +1,9 @@
 """Power failures: every file that was reported as stored survives, even if all unsynced changes are lost.
 
-Each scenario runs the real program once and records it (power.py). Then it simulates a power failure after
+Each scenario runs the real program once and records it (power_model.py). Then it simulates a power failure after
 every change, with seven fixed and some random outcomes, and checks the files of each outcome against the
-promises (promises.py). It copies some of the outcomes into a real install root, where the program must continue
-to work. A long run, with the variables of powercase.py:
+conditions (power_conditions.py). It copies some of the outcomes into a real install root, where the program must continue
+to work. A long run, with the variables of power_test_case.py:
 
     QUARN2_POWER_SEED=7 QUARN2_POWER_CHANCES=50 QUARN2_POWER_STARTS=200 python3 -m unittest test_power
 """
@@ -13,7 +13,7 @@ import signal
 import unittest
 
 from local_files import read, write
-from powercase import PowerTest
+from power_test_case import PowerTest
 from processes import wait_gone
 from samples import DATE, Backup, chain, day, info_text
 from server_command import Server
@@ -61,8 +61,8 @@ class Removal(PowerTest):
         return found
 
     def mark_gone(self, *backups):
-        self.mark(f"gone: {[backup.stem for backup in backups]}", lambda promises:
-                  promises.gone.update(backup.info_name for backup in backups))
+        self.mark(f"gone: {[backup.stem for backup in backups]}", lambda conditions:
+                  conditions.gone.update(backup.info_name for backup in backups))
 
     def test_delete(self):
         old = [self.backups(user)[0] for user in ("web1", "web3", "web4")]
@@ -74,7 +74,7 @@ class Removal(PowerTest):
                        f"{DATE}.web1.tgz.aes=aa\n{day(-1)}.web4.tgz.aes=bb\nother=cc")
         self.r.begin()
         for backup in old:
-            self.run_marked(lambda promises, backup=backup: promises.gone.add(backup.info_name),
+            self.run_marked(lambda conditions, backup=backup: conditions.gone.add(backup.info_name),
                             "--delete", backup.info_path)
         self.assertEqual(f"{DATE}.web1.tgz.aes=aa\nother=cc", read(listed).decode())
         self.assert_nothing_lost()

@@ -9,7 +9,7 @@ import signal
 import socket
 import unittest
 
-from link import control
+from master_link import control
 from local_files import read, write
 from processes import (access_mode, children, command_line, descriptors, has_ended, wait_gone,
                        write_lock_holder)

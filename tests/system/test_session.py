@@ -4,7 +4,7 @@ import os
 import re
 import unittest
 
-from link import ScriptedNode, frame, scripted_session
+from master_link import ScriptedNode, frame, scripted_session
 from processes import wait_gone
 from samples import chain, day, left
 from server_command import Server

@@ -16,7 +16,7 @@ from system_test import SystemTest
 TIMEOUT = 3
 GRACE = 7  # seconds; more than the program needs, less than an unnecessary wait
 NAME = "F2026-11-20.web1.tgz"
-LONELY = os.path.join(os.path.dirname(os.path.abspath(__file__)), "lonely.py")
+NAME_SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "name_server.py")
 STRANGERS = {  # the first bytes of servers of other protocols
     "http": b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
     "ssh": b"SSH-2.0-OpenSSH_9.2\r\n",
@@ -177,7 +177,7 @@ class RefusalTest(SystemTest):
         return root.run(*command)
 
 
-class LonelyTest(RefusalTest):
+class NameServerTest(RefusalTest):
     manner = ""
 
     def check_name(self, manner):
@@ -188,7 +188,7 @@ class LonelyTest(RefusalTest):
         self.assertEqual([], self.meet(trouble, storage.secrets()))
 
     def run_command(self, root, command):
-        alone = ("unshare", "--net", "--mount", sys.executable, "-B", LONELY, self.manner)
+        alone = ("unshare", "--net", "--mount", sys.executable, "-B", NAME_SERVER, self.manner)
         return root.run(*command, wrapper=alone if self.manner else ())
 
 
@@ -216,7 +216,7 @@ for kind_, cases_ in {
         "WebdavSecond": {**ALWAYS, **OF_TLS},
         "Ftps": {**ALWAYS, **ONCE_PER_PROTOCOL, **OF_TLS},
         "FtpsSecond": {**ALWAYS, **OF_TLS}}.items():
-    globals()[kind_] = type(kind_, (LonelyTest,), {"kind": kind_, **cases_})
+    globals()[kind_] = type(kind_, (NameServerTest,), {"kind": kind_, **cases_})
 
 
 if __name__ == "__main__":

@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import unittest
 
-from link import ScriptedServer, control
+from master_link import ScriptedServer, control
 from local_files import read, tree, write
 from processes import stat_of
 from samples import chain, day, info_text, left

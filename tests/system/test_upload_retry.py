@@ -5,7 +5,7 @@ import shutil
 import unittest
 
 from install_root import ENDED_PAUSES
-from link import ScriptedServer
+from master_link import ScriptedServer
 from local_files import read, tree, write
 from system_test import SystemTest
 from waiting import wait_for

@@ -1,4 +1,4 @@
-"""A slow, lossy cable between two network namespaces: relay.py PID_A ADDRESS_A PID_B ADDRESS_B
+"""A slow, lossy cable between two network namespaces: lossy_cable.py PID_A ADDRESS_A PID_B ADDRESS_B
 
 Creates two TUN devices and copies every packet from one to the other, after a delay or never. Prints
 "ready" and then reads orders from standard input, one per line, until it closes:

@@ -6,7 +6,7 @@ import random
 import unittest
 from concurrent.futures import ThreadPoolExecutor
 
-from link import ScriptedNode
+from master_link import ScriptedNode
 from samples import DATE, Backup, both_sides, day
 from server_command import Server
 from system_test import SystemTest

@@ -1,6 +1,6 @@
 """Runs a command in a network namespace whose only server is a name server of this script:
 
-    unshare --net --mount python3 lonely.py silent|denying COMMAND...
+    unshare --net --mount python3 name_server.py silent|denying COMMAND...
 
 The name server never answers (silent), or answers that the name does not exist (denying). The exit status is
 that of the command.

@@ -20,8 +20,8 @@ def is_hidden(path):
     return os.path.basename(path).startswith(".")
 
 
-class Promises:
-    """The promises of one run. Local paths are relative to the recorded folder, stored names to the storage's root."""
+class Conditions:
+    """The conditions for one run. Local paths are relative to the recorded folder, stored names to the storage's root."""
 
     def __init__(self):
         self.contents = collections.defaultdict(set)  # stored name or path -> allowed contents
@@ -48,12 +48,12 @@ class Promises:
                        for name in names):
                     self.leaving.add(info)
 
-    def broken(self, left):
-        """Returns a text for each promise that the files after a power failure break."""
-        return [*self.broken_files(left), *self.broken_infos(left), *self.broken_lists(left),
-                *self.lost_sources(left), *self.lost_names(left), *self.odd_backups(left)]
+    def violations(self, left):
+        """Returns a text for each condition that the files do not meet after a power failure."""
+        return [*self.wrong_files(left), *self.wrong_info_files(left), *self.unreadable_lists(left),
+                *self.lost_sources(left), *self.lost_names(left), *self.wrong_backups(left)]
 
-    def broken_files(self, left):
+    def wrong_files(self, left):
         for path, data in left.items():
             name = path[len(STORAGE):] if path.startswith(STORAGE) else path
             if data is None or is_hidden(path) or name.endswith(".info"):
@@ -62,7 +62,7 @@ class Promises:
                     and data not in self.contents[name]:
                 yield f"{path} has {len(data)} bytes that it never had whole"
 
-    def broken_infos(self, left):
+    def wrong_info_files(self, left):
         for path, data in left.items():
             if data is None or is_hidden(path) or not path.endswith(".info"):
                 continue
@@ -70,7 +70,7 @@ class Promises:
             if wanted not in (fields(data) or ()):
                 yield f"{path} is no info file: {data!r}"
 
-    def broken_lists(self, left):
+    def unreadable_lists(self, left):
         lines = left.get(INFO + ".cleanup", b"").split(b"\n")
         if lines[-1] or any(b"\t" not in line for line in lines[:-1]):
             yield f".cleanup cannot be read: {lines}"
@@ -92,7 +92,7 @@ class Promises:
             if path not in left:
                 yield f"{path} had been fetched"
 
-    def odd_backups(self, left):
+    def wrong_backups(self, left):
         """Reports incomplete backups that count as complete, and files that no process would remove any more."""
         for info, names in self.backups.items():
             there = [name for name in names if STORAGE + name in left]

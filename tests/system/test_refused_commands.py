@@ -5,7 +5,7 @@ import shutil
 import unittest
 
 from archives import hold, rescan
-from link import ScriptedServer, frame
+from master_link import ScriptedServer, frame
 from local_files import read, tree, write
 from samples import DATE, Backup, day
 from server_command import Server

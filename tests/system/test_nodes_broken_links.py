@@ -33,7 +33,7 @@ class Behind(threading.Thread):
 class Links(TroubleTest):
     def test_a_link_cut_in_the_middle_of_a_reservation_is_noticed_within_a_minute(self):
         self.make_head(ssh_options="")  # only the installed settings
-        nodes = self.make_nodes(2, relayed=[1], sshd_options="")
+        nodes = self.make_nodes(2, lossy=[1], sshd_options="")
         cut, other = nodes
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE, size=12345)
@@ -78,7 +78,7 @@ class Links(TroubleTest):
         self.finish(server)
 
     def test_a_link_cut_before_the_completion_leaves_a_backup_that_can_be_completed_later(self):
-        nodes = self.make_nodes(2, relayed=[1])
+        nodes = self.make_nodes(2, lossy=[1])
         cut, other = nodes
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE)
@@ -98,7 +98,7 @@ class Links(TroubleTest):
         self.finish(server)
 
     def test_a_completion_whose_answer_is_lost_counts_and_can_be_repeated(self):
-        nodes = self.make_nodes(1, relayed=[1])
+        nodes = self.make_nodes(1, lossy=[1])
         cut, = nodes
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE)
@@ -125,7 +125,7 @@ class Links(TroubleTest):
 
     def test_delay_and_loss_cost_time_and_nothing_else(self):
         self.make_head(ssh_options="")  # only the installed settings
-        nodes = self.make_nodes(2, relayed=[1], sshd_options="")
+        nodes = self.make_nodes(2, lossy=[1], sshd_options="")
         far, near = nodes
         far.cable.order("delay 200")
         far.cable.order("loss 5 5")

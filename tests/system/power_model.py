@@ -233,29 +233,29 @@ class Disk:
     def do_Y(self):
         self.sync_all()
 
-    def left(self, luck):
+    def left(self, outcome):
         """Returns {path: content} of all files and folders after a power failure. The content of a folder is None."""
         found = {}
 
         def visit(folder, path):
-            for name, node in luck.entries(folder, path).items():
+            for name, node in outcome.entries(folder, path).items():
                 place = path + name
                 if isinstance(node, Folder):
                     found[place] = None
                     visit(node, place + "/")
                 else:
-                    found[place] = luck.content(node, place)
+                    found[place] = outcome.content(node, place)
         visit(self.root, "")
         return found
 
 
-class Luck:
+class Outcome:
     """One outcome of a power failure: decides which changes survive that were not synced."""
 
     def __init__(self, name, keeps_change, keeps_data):
         self.name = name
         self.keeps_change = keeps_change  # (change, path of the folder) -> bool
-        self.pick_data = keeps_data       # (versions since the sync, path) -> index, or None
+        self.pick_data = keeps_data  # (versions since the sync, path) -> index, or None
 
     def entries(self, folder, path):
         entries = dict(folder.synced)
@@ -275,23 +275,23 @@ def is_removal(change):
     return all(node is None for node in change.values())
 
 
-def all_lucks(seed, count):
+def all_outcomes(seed, count):
     """Returns the extreme outcomes of a power failure, and `count` random outcomes."""
     found = [
-        Luck("nothing stays", lambda *_: False, lambda *_: None),
-        Luck("names stay, data does not", lambda *_: True, lambda *_: None),
-        Luck("everything stays", lambda *_: True, lambda *_: -1),
-        Luck("only removals stay", lambda change, _: is_removal(change), lambda *_: None),
-        Luck("all but removals stays", lambda change, _: not is_removal(change), lambda *_: -1),
+        Outcome("nothing stays", lambda *_: False, lambda *_: None),
+        Outcome("names stay, data does not", lambda *_: True, lambda *_: None),
+        Outcome("everything stays", lambda *_: True, lambda *_: -1),
+        Outcome("only removals stay", lambda change, _: is_removal(change), lambda *_: None),
+        Outcome("all but removals stays", lambda change, _: not is_removal(change), lambda *_: -1),
         # The storage and the install root can be on different disks, of which only one loses its unsynced changes.
-        Luck("only the storage stays", lambda _, path: path.startswith("storage/"),
-             lambda _, path: -1 if path.startswith("storage/") else None),
-        Luck("all but the storage stays", lambda _, path: not path.startswith("storage/"),
-             lambda _, path: None if path.startswith("storage/") else -1),
+        Outcome("only the storage stays", lambda _, path: path.startswith("storage/"),
+                lambda _, path: -1 if path.startswith("storage/") else None),
+        Outcome("all but the storage stays", lambda _, path: not path.startswith("storage/"),
+                lambda _, path: None if path.startswith("storage/") else -1),
     ]
     for number in range(count):
         chance = random.Random(seed * 1000 + number)
-        found.append(Luck(
+        found.append(Outcome(
             f"chance {seed}/{number}", lambda *_, chance=chance: chance.random() < 0.5,
             lambda since, _, chance=chance: chance.choice([None, *range(len(since))])))
     return found

@@ -7,8 +7,8 @@ import shutil
 import unittest
 
 from local_files import read, tree, write
-from powercase import PowerTest
-from promises import INFO, STORAGE, is_hidden
+from power_test_case import PowerTest
+from power_conditions import INFO, STORAGE, is_hidden
 from samples import DATE, Backup, chain, day
 from server_command import Server
 
@@ -31,15 +31,15 @@ class Rescan(PowerTest):
         return info_root({INFO + name: read(os.path.join(root.info_root, name))
                           for name in root.local()})
 
-    def broken(self, left):
-        """Returns the broken promises. Without the marker file .rescan the info root must be as before the rescan, or
+    def violations(self, left):
+        """Returns the violated conditions. Without the marker file .rescan the info root must be as before the rescan, or
         complete. With the marker file the program does not use the info root, so any content is allowed."""
         if MARKER in left:
-            return super().broken({path: data for path, data in left.items()
+            return super().violations({path: data for path, data in left.items()
                                    if not path.startswith(INFO)})
         if info_root(left) not in (self.first, self.final):
             return [f"no mark beside {sorted(info_root(left))}"]
-        return super().broken(left)
+        return super().violations(left)
 
     def rescan(self):
         self.first = self.here(self.r)
@@ -74,11 +74,11 @@ class Get(PowerTest):
         self.give(Backup(self.r, "web1", DATE, slices=3, data=b"archive" * 500))
         place = os.path.join(self.r.work, "restore/here")
         for name in (f"F{DATE}.web1.{number}.dar" for number in (1, 2, 3)):
-            self.promises.contents[f"work/restore/here/{name}"] = self.promises.contents[name]
+            self.conditions.contents[f"work/restore/here/{name}"] = self.conditions.contents[name]
         self.r.begin()
         for asked, name in ((0, 3), (1, 1), (2, 2)):
             path = f"work/restore/here/F{DATE}.web1.{name}.dar"
-            self.run_marked(lambda promises, path=path: promises.fetched.add(path), "--get",
+            self.run_marked(lambda conditions, path=path: conditions.fetched.add(path), "--get",
                             "--init", "--tmp-file", os.path.join(self.r.work, "fetched"),
                             f"{place}//F{DATE}.web1.{asked}.dar")
         self.assertEqual([f"{DATE}.web1.info", f"F{DATE}.web1.2.dar"], tree(place))
@@ -99,14 +99,14 @@ class Update(PowerTest):
         backup = Backup(self.r, "web1", DATE, data=b"old" * 1000)
         name = backup.index
         for stored in backup.archives:
-            self.promises.contents[stored] = {b"old" * 1000}
-        self.promises.contents[name] = {b"old" * 1000, b"new" * 2000}
+            self.conditions.contents[stored] = {b"old" * 1000}
+        self.conditions.contents[name] = {b"old" * 1000, b"new" * 2000}
         write(os.path.join(self.r.info_root, name), b"new" * 2000)
         self.r.begin()
 
-        def updated(promises):
-            promises.contents[name] = {b"new" * 2000}
-            promises.stored.add(name)
+        def updated(conditions):
+            conditions.contents[name] = {b"new" * 2000}
+            conditions.stored.add(name)
         self.run_marked(updated, "--update", os.path.join(self.r.info_root, name))
         self.assert_nothing_lost()
 
@@ -117,7 +117,7 @@ class Clear(PowerTest):
                    for backup in chain(self.r, user, "FF", form=form)]
         self.give(*backups)
         self.r.begin()
-        self.run_marked(lambda promises: promises.gone.update(backup.info_name
+        self.run_marked(lambda conditions: conditions.gone.update(backup.info_name
                                                               for backup in backups), "--clear")
         self.assert_nothing_lost()
         self.go_on(self.clear_again)

@@ -10,10 +10,10 @@ import concurrent.futures
 import os
 import random
 
-import power
+import power_model
 from install_root import Root
 from local_files import read, tree, write
-from promises import Promises
+from power_conditions import Conditions
 from samples import DATE, day, info_text
 from server_command import Server
 from system_test import SystemTest
@@ -28,9 +28,9 @@ class PowerTest(SystemTest):
 
     def setUp(self):
         super().setUp()
-        self.r = power.RecordedRoot(self, drop=self.drop)
-        self.promises = Promises()
-        self.marks = {}  # text of a mark in the trace -> function that updates the promises
+        self.r = power_model.RecordedRoot(self, drop=self.drop)
+        self.conditions = Conditions()
+        self.marks = {}  # text of a mark in the trace -> function that updates the conditions
         self.lost = []
         self.states = []  # (point of the trace, files, stored names) after each simulated failure
 
@@ -44,19 +44,19 @@ class PowerTest(SystemTest):
         return server
 
     def give(self, *backups):
-        """Adds complete backups that exist from the beginning to the promises."""
+        """Adds complete backups that exist from the beginning to the conditions."""
         for backup in backups:
             names = backup.archives + [backup.index]
-            self.promises.backups[backup.info_name] = [*names, backup.info_name]
+            self.conditions.backups[backup.info_name] = [*names, backup.info_name]
             for name in names:
-                self.promises.contents[name].add(read(os.path.join(self.r.storage, name)))
+                self.conditions.contents[name].add(read(os.path.join(self.r.storage, name)))
 
     def mark(self, text, change):
         self.marks[text] = change
         self.r.mark(text)
 
     def run_marked(self, change, *arguments):
-        """Runs a command. `change` updates the promises when the command has ended."""
+        """Runs a command. `change` updates the conditions when the command has ended."""
         self.assert_success(self.r.run(*arguments))
         self.mark(" ".join(arguments), change)
 
@@ -65,49 +65,49 @@ class PowerTest(SystemTest):
         names = [f"{place}{letter}{date}.{user}.{number}.dar" for number in (1, 2)]
         index = f"{place}{date}.{user}.1.dar"
         info_name = f"{place}{date}.{user}.info"
-        self.promises.backups[info_name] = [*names, index, info_name]
+        self.conditions.backups[info_name] = [*names, index, info_name]
         known = {"type": "full", "created": f"{DATE} 00:00:00", **more}
         info = self.r.make_source(f"{date}.{user}.job/info", info_text(known))
         for name in names:
-            self.promises.contents[name].add((name + "\n").encode() * 100)
+            self.conditions.contents[name].add((name + "\n").encode() * 100)
             path = self.r.make_source(f"{date}.{user}.job/{name}", (name + "\n").encode() * 100)
-            self.mark("made " + name, lambda promises, path=path, name=name:
-                      promises.sources.update({os.path.relpath(path, self.r.base): name}))
+            self.mark("made " + name, lambda conditions, path=path, name=name:
+                      conditions.sources.update({os.path.relpath(path, self.r.base): name}))
             last = ["--last_slice"] if name == names[-1] else []
             self.assert_success(self.r.run("--put", path, "-I", info, *last))
         path = write(os.path.join(self.r.info_root, index), "the index of " + user)
         self.r.given(path)
-        self.promises.contents[index].add(read(path))
-        self.run_marked(lambda promises: promises.stored.update(promises.backups[info_name]),
+        self.conditions.contents[index].add(read(path))
+        self.run_marked(lambda conditions: conditions.stored.update(conditions.backups[info_name]),
                         "--put", path, "-I", info, "--isolated", "--no-delete")
 
     # --- Simulated failures ---
 
     def fail_everywhere(self):
         disk = self.r.start
-        lucks = power.all_lucks(SEED, CHANCES)
+        outcomes = power_model.all_outcomes(SEED, CHANCES)
         for point, (operation, *arguments) in enumerate(self.r.events()):
             disk.apply(operation, *arguments)
             if operation == "#":
-                self.marks[arguments[0]](self.promises)
+                self.marks[arguments[0]](self.conditions)
             elif operation in "UX":
-                self.promises.note_removal(arguments[0])
-            for luck in lucks:
-                left = disk.left(luck)
-                where = f"{point} {operation} {arguments[:1]}, {luck.name}"
-                self.lost += [f"after {where}: {text}" for text in self.broken(left)]
-                self.states.append((where, left, set(self.promises.stored)))
+                self.conditions.note_removal(arguments[0])
+            for outcome in outcomes:
+                left = disk.left(outcome)
+                where = f"{point} {operation} {arguments[:1]}, {outcome.name}"
+                self.lost += [f"after {where}: {text}" for text in self.violations(left)]
+                self.states.append((where, left, set(self.conditions.stored)))
         self.check_model(disk)
         print(f"\n{self.id()}: {point + 1} points, {len(self.states)} states", flush=True)
 
-    def broken(self, left):
-        return self.promises.broken(left)
+    def violations(self, left):
+        return self.conditions.violations(left)
 
     def check_model(self, disk):
         """Checks that the model equals the real files, so the recorder missed no change."""
-        left = disk.left(power.Luck("", lambda *_: True, lambda *_: -1))
+        left = disk.left(power_model.Outcome("", lambda *_: True, lambda *_: -1))
         there = {path: read(os.path.join(self.r.base, path)) for path in tree(self.r.base)
-                 if not path.startswith(power.IGNORED)
+                 if not path.startswith(power_model.IGNORED)
                  and os.path.isfile(os.path.join(self.r.base, path))}
         self.assertEqual(there, {path: data for path, data in left.items() if data is not None})
 
@@ -130,7 +130,7 @@ class PowerTest(SystemTest):
 
     def go_on_from(self, check, left, stored):
         root = Root(self, "after")
-        power.materialise(root, left, self.r.base)
+        power_model.materialise(root, left, self.r.base)
         check(root, left, stored)
 
     def next_day(self, root, left, stored):
@@ -147,13 +147,13 @@ class PowerTest(SystemTest):
             stored = stored | {slice_name, f"{day(1)}.{user}.1.dar", f"{day(1)}.{user}.info"}
         self.assertEqual(0, server.end())
         self.assertEqual([], root.log_texts(3))
-        for info in self.promises.leaving:
-            names = set(self.promises.backups[info])
+        for info in self.conditions.leaving:
+            names = set(self.conditions.backups[info])
             there = names & set(root.stored())
             self.assertIn(there, (set(), names), "neither whole nor gone")
             self.assertEqual(bool(there), info in root.local(), f"{there} {root.local()}")
-        self.assertEqual(set(), {name for name in stored if not self.promises.is_leaving(name)}
+        self.assertEqual(set(), {name for name in stored if not self.conditions.is_leaving(name)}
                          - set(root.stored()))
-        for name in stored & set(self.promises.contents):
+        for name in stored & set(self.conditions.contents):
             if os.path.exists(os.path.join(root.storage, name)):
-                self.assertIn(read(os.path.join(root.storage, name)), self.promises.contents[name])
+                self.assertIn(read(os.path.join(root.storage, name)), self.conditions.contents[name])
