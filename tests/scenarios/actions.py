@@ -17,7 +17,7 @@ class Outcome:
 
     def __init__(self, world):
         self.limits = [world.limits] if world.limits else []  # the limits of each server that ran during the step
-        self.struck = False
+        self.has_fault = False
         self.results = []  # (arguments, exit status, standard error) of each command
         self.asked_bytes = 0
         self.put = False  # True after a --put command has succeeded
@@ -54,11 +54,11 @@ class Player:
         self.out = Outcome(self.world)
         if step["do"] in ("job", "go"):
             self.world.wait_client()
-        self.world.arm(step.get("strike"))
+        self.world.arm(step.get("fault"))
         try:
             getattr(self, "do_" + step["do"])(step)
         finally:
-            self.out.struck = self.world.disarm()
+            self.out.has_fault = self.world.disarm()
         self.world.settle()
         self.judge.check(step, self.out)
 
@@ -176,7 +176,7 @@ class Player:
             self.out.asked_bytes += (len(read(arguments[-1])) if not is_last else run.bytes) + 1000
             run.note_password(arguments[-1], self.world.uploads_with)
             done = self.command(*arguments)
-            run.begun = run.begun or done or self.world.faults.struck > 0
+            run.begun = run.begun or done or self.world.fault_control.injected > 0
             if not done and not run.is_skipped(arguments[-1], failed=True):
                 return
             run.done += 1
@@ -235,7 +235,7 @@ class Player:
         force = ["--force"] if step.get("force") else []
         was_there = os.path.exists(path)
         done = self.command("--delete", *force, path, token=step.get("token"))
-        if done or self.world.faults.struck:
+        if done or self.world.fault_control.injected:
             self.judge.release(run.key)
             for other in list(self.judge.acked.values()):
                 if force and other.base and other.base.key == run.key \
@@ -249,7 +249,7 @@ class Player:
         if (token == "other" or os.path.isdir(self.world.away)) and self.known() < 3:
             return
         done = self.command("--clear", token=token)
-        if done or self.world.faults.struck:
+        if done or self.world.fault_control.injected:
             for key in list(self.judge.acked):
                 self.judge.release(key)
         if done and (token or os.path.isdir(self.world.away)):

@@ -68,7 +68,7 @@ class Judge:
         self.log = self.world.new_log()
         # Without a size limit, the server evicts a backup each time the storage refuses data.
         # While the disk of "var" is full, the log is incomplete.
-        self.has_refused = self.world.disks["storage"].is_full or out.struck
+        self.has_refused = self.world.disks["storage"].is_full or out.has_fault
         self.has_log = not self.world.disks["var"].is_full
         if not self.has_log or "Cant write 'var/quarn2_cp.ledger" in self.log:
             self.has_ledger = False
@@ -163,7 +163,7 @@ class Judge:
     def check_refused(self, step, out, removed):
         """Checks that a step removed no backup if all its commands failed and the server granted no space."""
         away = os.path.isdir(self.world.away)
-        if not removed or not out.failed or out.struck or away or not self.has_log \
+        if not removed or not out.failed or out.has_fault or away or not self.has_log \
                 or GRANTED.search(self.log):
             return
         raise Violation("refused-removes", f"{[str(run) for _, run, _ in removed]} went, and "

@@ -9,7 +9,7 @@ from backups import USERS
 SUNDAY = datetime.date(2026, 11, 15)
 # The backups of one user before the week, one character per day: F full, I incremental, - no backup.
 PASTS = ["", "F", "FI", "FII", "FIII", "FFI", "FIFI", "FF", "F-F", "F-I", "FFF", "I", "II"]
-STRIKES = [("client", 5), ("command", 3), ("daemon", 3), ("caller", 1)]
+FAULT_ROLES = [("client", 5), ("command", 3), ("daemon", 3), ("caller", 1)]
 ACTIONS = ["kill_before", "kill_after", "torn", "fail", "fail"]
 ERRORS = [errno.ENOSPC, errno.ENOSPC, errno.EIO, errno.EDQUOT, errno.EACCES]
 
@@ -57,17 +57,17 @@ class Week:
     def add(self, do, **fields):
         self.steps.append({"do": do, **fields})
 
-    def strike(self, chance, roles=None):
+    def fault(self, chance, roles=None):
         if self.choice.random() >= chance:
             return {}
-        names, weights = zip(*[one for one in STRIKES if roles is None or one[0] in roles])
+        names, weights = zip(*[one for one in FAULT_ROLES if roles is None or one[0] in roles])
         action = self.choice.choice(ACTIONS)
-        strike = {"role": self.choice.choices(names, weights)[0], "action": action,
+        fault = {"role": self.choice.choices(names, weights)[0], "action": action,
                   "number": int(2 ** self.choice.uniform(0, 7))}
         if action == "fail":
-            strike["error"] = self.choice.choice(ERRORS)
-            strike["lasting"] = self.choice.random() < 0.6
-        return {"strike": strike}
+            fault["error"] = self.choice.choice(ERRORS)
+            fault["lasting"] = self.choice.random() < 0.6
+        return {"fault": fault}
 
     def server(self, **more):
         return {"date": self.today.isoformat(), "size": self.size, "count": self.count, **more}
@@ -78,8 +78,8 @@ class Week:
             self.size = self.pick_size()
         if self.choice.random() < 0.3:
             self.count = self.pick_count()
-        self.add("serve", **self.server(**self.strike(0.2, ("caller", "daemon"))))
-        if "strike" in self.steps[-1]:
+        self.add("serve", **self.server(**self.fault(0.2, ("caller", "daemon"))))
+        if "fault" in self.steps[-1]:
             self.add("serve", **self.server())
 
     def job(self):
@@ -87,7 +87,7 @@ class Week:
             self.job_of(*self.choice.choice(self.made))
         else:
             self.job_of(self.choice.choice(self.users), self.today.isoformat())
-        if {"stop", "strike"} & self.steps[-1].keys() and self.choice.random() < 0.4:
+        if {"stop", "fault"} & self.steps[-1].keys() and self.choice.random() < 0.4:
             self.go_on()
 
     def go_on(self):
@@ -122,7 +122,7 @@ class Week:
         careless = self.choice.choices([None, "ignores", "skips"], [6, 2, 2])[0]
         if careless:
             fields["careless"] = careless
-        self.add("job", **fields, **self.strike(0.3))
+        self.add("job", **fields, **self.fault(0.3))
         self.made.append((user, "custom" if kind == "custom" else date))
 
     def known(self):
@@ -134,7 +134,7 @@ class Week:
     def go(self):
         if self.made:
             fields = {"stop": 1} if self.choice.random() < 0.3 else {}
-            self.add("go", **self.last_made(), **fields, **self.strike(0.15))
+            self.add("go", **self.last_made(), **fields, **self.fault(0.15))
 
     def note(self):
         if self.made and self.choice.random() < 0.3:
@@ -145,7 +145,7 @@ class Week:
     def delete(self):
         if self.made:
             fields = {"force": True} if self.choice.random() < 0.4 else {}
-            self.add("delete", **self.known(), **fields, **self.strike(0.3, ("command",)))
+            self.add("delete", **self.known(), **fields, **self.fault(0.3, ("command",)))
 
     def kill(self):
         self.add("kill", who=self.choice.choice(["daemon", "client", "client", "caller"]))
@@ -174,10 +174,10 @@ class Week:
             self.add("delete", **self.known(), token="bad")
 
     def clear(self):
-        self.add("clear", **self.strike(0.5, ("command",)))
+        self.add("clear", **self.fault(0.5, ("command",)))
 
     def rescan(self):
-        self.add("serve", **self.server(rescan=True, **self.strike(0.5, ("caller",))))
+        self.add("serve", **self.server(rescan=True, **self.fault(0.5, ("caller",))))
         self.add("serve", **self.server())
 
 

@@ -5,7 +5,7 @@
     run.py --replay FILE                    plays the steps in FILE, one a line
     run.py --show SEED                      prints the steps of a week
     run.py --self-check --seeds 0           checks that planted faults are found
-    run.py --real-time --seeds 3            with the program's own pauses, and without strikes
+    run.py --real-time --seeds 3            with the program's own pauses, and without faults
 
 A week that breaks a promise is shrunk, and its steps are printed and kept in a file that --replay plays.
 """

@@ -33,7 +33,7 @@ def without_steps(steps, still):
 
 def simpler(step):
     """Yields simpler variants of a step."""
-    for name in ("strike", "stop", "keep", "force", "token", "rescan"):
+    for name in ("fault", "stop", "keep", "force", "token", "rescan"):
         if name in step:
             yield {key: value for key, value in step.items() if key != name}
     if len(step.get("sizes", ())) > 1:

@@ -13,7 +13,7 @@ import time
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), "../system"))
 
 from disks import Disk, prepare as prepare_disks  # noqa: E402
-from faults import Faults, Strike  # noqa: E402
+from faults import Fault, FaultControl  # noqa: E402
 from install_root import Root  # noqa: E402
 from local_files import write  # noqa: E402
 from processes import (adopt_orphans, children, command_line, has_ended, stat_of,  # noqa: E402
@@ -61,7 +61,7 @@ class World:
         self.place = Folder()
         self.root = Root(self.place)
         self.root.log_level = 8
-        self.faults = Faults(os.path.join(self.place.folder, "faults"))
+        self.fault_control = FaultControl(os.path.join(self.place.folder, "faults"))
         self.make_disks()
         self.away = self.storage + ".away"
         self.other = os.path.join(self.root.base, "other")
@@ -92,7 +92,7 @@ class World:
         try:
             self.end_server(force=True)
         finally:
-            self.faults.close()
+            self.fault_control.close()
             if os.environ.get("QUARN2_SCENARIO_KEEP"):
                 kept = shutil.copytree(self.root.base, self.place.folder + ".kept", symlinks=True,
                                        ignore=shutil.ignore_patterns("*.sock", "filler"))
@@ -104,7 +104,7 @@ class World:
     # --- Commands ---
 
     def environment(self, token=None):
-        changes = dict(self.faults.environment())
+        changes = dict(self.fault_control.environment())
         if self.is_ahead and CLOCK_AHEAD:
             changes["LD_PRELOAD"] = f"{CLOCK_AHEAD}:{changes['LD_PRELOAD']}"
         if self.password:
@@ -127,17 +127,17 @@ class World:
             raise Violation("blocked", f"{arguments} does not end") from None
         return process.returncode, errors.decode(errors="replace").strip()
 
-    def arm(self, strike):
-        if strike:
-            self.faults.write(
-                Strike(strike["action"], strike["number"], strike.get("error", 0),
-                       lasting=strike.get("lasting", False)), (strike["role"],))
+    def arm(self, fault):
+        if fault:
+            self.fault_control.write(
+                Fault(fault["action"], fault["number"], fault.get("error", 0),
+                      lasting=fault.get("lasting", False)), (fault["role"],))
 
     def disarm(self):
         """Ends the fault injection. Returns whether a fault was injected."""
-        struck = self.faults.struck > 0
-        self.faults.write(Strike(), ())
-        return struck
+        injected = self.fault_control.injected > 0
+        self.fault_control.write(Fault(), ())
+        return injected
 
     # --- The server ---
 
@@ -335,9 +335,9 @@ class RealTime(World):
 
     def environment(self, token=None):
         changes = super().environment(token)
-        for name in self.faults.environment():
+        for name in self.fault_control.environment():
             del changes[name]
         return changes
 
-    def arm(self, strike):
+    def arm(self, fault):
         pass

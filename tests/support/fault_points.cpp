@@ -95,10 +95,10 @@ Action Reach(Kind kind, const char* call, Place place) noexcept {
     Note(number, call, place);
     errno = before;
     const bool hit =
-        control->strike_at != 0 &&
-        (number == control->strike_at || (control->lasting != 0 && number > control->strike_at));
+        control->fault_at != 0 &&
+        (number == control->fault_at || (control->lasting != 0 && number > control->fault_at));
     if (!hit) return Action::kNone;
-    control->struck.fetch_add(1);
+    control->injected.fetch_add(1);
     if (control->action == Action::kKillBefore) Die();
     if (control->action == Action::kFail) errno = control->error;
     return control->action;

@@ -59,13 +59,13 @@ enum class Action : std::uint32_t {
 // role, call and path. So the entry of the selected point identifies the call that failed.
 struct Control {
     std::atomic<std::uint64_t> count;  // fault points reached so far
-    std::uint64_t strike_at;           // point of the fault, counted from 1; 0: no fault
+    std::uint64_t fault_at;            // point of the fault, counted from 1; 0: no fault
     std::uint32_t kinds;
     std::uint32_t roles;
     Action action;
     std::int32_t error;
     std::uint32_t lasting;  // nonzero: a fault at every later point too
-    std::atomic<std::uint32_t> struck;
+    std::atomic<std::uint32_t> injected;
     std::uint32_t quick;  // nonzero: shortens sleeps and poll()
     std::uint32_t unused[5];
 };

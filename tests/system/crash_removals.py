@@ -16,7 +16,7 @@ class Removal(Scene):
     def holds_whole(self, stem):
         """Returns True when the backup has all of its files. Also returns True when the disk stays full, because the
         program cannot record on such a disk that a deletion has begun."""
-        return self.strike.lasting or any(backup.stem == stem and backup.is_whole()
+        return self.fault.lasting or any(backup.stem == stem and backup.is_whole()
                                           for backup in self.backups)
 
     def check(self):
@@ -115,7 +115,7 @@ class DeleteByClient(Delete):
             self.arm()
             if os.path.exists(self.doomed.info_path):
                 self.run("--delete", self.doomed.info_path, BACKUP_TOKEN=None)
-        self.faults.stop()
+        self.fault_control.stop()
         self.release(server)
 
 
@@ -132,7 +132,7 @@ class Evict(Removal):
     def work(self):
         self.arm()
         server = self.serve("--date", DATE, *self.limits)
-        self.faults.stop()
+        self.fault_control.stop()
         self.release(server)
 
 
@@ -163,7 +163,7 @@ class EvictForPut(Evict):
         if self.wait_for_client(server):
             self.arm()
             self.run("--put", "--no-delete", self.path)
-        self.faults.stop()
+        self.fault_control.stop()
         self.release(server)
 
     def check_done(self):
@@ -190,7 +190,7 @@ class CleanUp(Removal):
     def work(self):
         self.arm()
         server = self.serve(*GENEROUS)
-        self.faults.stop()
+        self.fault_control.stop()
         self.release(server)
 
     def unfinished(self):

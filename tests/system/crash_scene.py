@@ -1,7 +1,7 @@
 """The base class of the crash test scenes.
 
 A scene is a test case with its own install root: an initial state, a job, and the conditions that must hold
-afterwards. act() runs the job, and stops when a command fails. A Strike is a fault that the test injects into a
+afterwards. act() runs the job, and stops when a command fails. A Fault is an error or a kill that the test injects into a
 call of a process. Between arm() and the end of the run, it applies to processes whose role is in `roles`. check()
 contains the conditions that hold whenever no process runs. check_done() contains the conditions that hold after a
 run without a fault, even if earlier runs had faults.
@@ -13,7 +13,7 @@ import select
 import subprocess
 import time
 
-from faults import Strike
+from faults import Fault
 from local_files import read, tree
 from processes import forget_started
 from program_log import LOG_LINE, LogEntry
@@ -59,20 +59,20 @@ class Scene:
     roles = ("command",)
     restart = GENEROUS  # options of the server that starts after a fault
 
-    def __init__(self, test, faults):
+    def __init__(self, test, fault_control):
         self.r = test.root()
-        self.faults = faults
-        self.strike = Strike()
+        self.fault_control = fault_control
+        self.fault = Fault()
         self.failed = []  # (command, exit status, standard error) of each failed command
         self.lay_out()
 
     # --- Actions of a job ---
 
     def env(self, **changes):
-        return {**self.faults.environment(), **changes}
+        return {**self.fault_control.environment(), **changes}
 
     def arm(self):
-        self.faults.write(self.strike, self.roles)
+        self.fault_control.write(self.fault, self.roles)
 
     def run(self, *arguments, **env):
         """Runs a command; returns False when it failed."""
@@ -97,16 +97,16 @@ class Scene:
             self.failed.append((("--server",), server.returncode, errors.decode()))
         return server.returncode == 0
 
-    def act(self, strike):
+    def act(self, fault):
         """Runs the job with an injected fault. Returns True when every command succeeded."""
-        self.strike = strike
+        self.fault = fault
         self.failed = []
-        self.faults.write(Strike(), ())
+        self.fault_control.write(Fault(), ())
         try:
             self.work()
         finally:
             wait_until_alone()
-            self.faults.stop()
+            self.fault_control.stop()
             forget_started()
         return not self.failed
 
@@ -180,5 +180,5 @@ class Scene:
         require(not left_over, lambda: f"left over: {left_over}")
         # After a fault these files may be left. No process uses them, and the next server replaces them.
         for name in ("quarn2_cp.pid", "quarn2_cp.lock"):
-            require(self.strike.number or not os.path.exists(self.r.file("var/" + name)),
+            require(self.fault.number or not os.path.exists(self.r.file("var/" + name)),
                     f"{name} is left")

@@ -127,7 +127,7 @@ class PutLastByDaemon(PutLast):
     roles = ("daemon",)
 
     def disarm(self):
-        self.faults.stop()
+        self.fault_control.stop()
 
 
 class Get(Scene):
@@ -163,7 +163,7 @@ class Get(Scene):
         self.check()
         require(os.path.exists(self.second), "nothing is fetched")
         # --get treats a tmp-file that it cannot read as missing, and then keeps the first slice.
-        require(self.strike.number or not os.path.exists(self.first), "the first slice is still here")
+        require(self.fault.number or not os.path.exists(self.first), "the first slice is still here")
         require(read(self.tmp).decode() == self.second, "the tmp-file")
         self.check_no_leftovers()
 
@@ -213,7 +213,7 @@ class Rescan(Scene):
     def work(self):
         self.arm()
         server = self.serve("--count-limit", "1000:1000", "--rescan")
-        self.faults.stop()
+        self.fault_control.stop()
         self.release(server)
 
     def holds_whole(self, stem):

@@ -25,7 +25,7 @@ def bits(names, table):
     return sum(1 << table.index(name) for name in names)
 
 
-class Strike:
+class Fault:
     """A fault in one call of the program: call `number` among the counted calls. If `number` is None, the calls are
     only counted."""
 
@@ -42,7 +42,7 @@ class Strike:
         return f"{self.action} {name}".strip() + f" at point {self.number}{lasting}"
 
 
-class Faults:
+class FaultControl:
     """The file through which the test controls the fault library in the processes of one run."""
 
     def __init__(self, path):
@@ -51,7 +51,7 @@ class Faults:
         with open(path, "w+b") as file:
             file.truncate(size)
             self.memory = mmap.mmap(file.fileno(), size)
-        self.write(Strike(), ())
+        self.write(Fault(), ())
 
     def close(self):
         self.memory.close()
@@ -60,11 +60,11 @@ class Faults:
     def environment(self):
         return {"LD_PRELOAD": LIBRARY, "QUARN2_FAULT_FILE": self.path}
 
-    def write(self, strike, roles):
-        """Starts to count the calls of processes with these roles. Injects the fault `strike`."""
+    def write(self, fault, roles):
+        """Starts to count the calls of processes with these roles. Injects the fault `fault`."""
         self.memory[:_HEAD.size] = _HEAD.pack(
-            0, strike.number or 0, bits(strike.kinds, KINDS), bits(roles, ROLES),
-            ACTIONS.index(strike.action), strike.error, strike.lasting, 0, True)
+            0, fault.number or 0, bits(fault.kinds, KINDS), bits(roles, ROLES),
+            ACTIONS.index(fault.action), fault.error, fault.lasting, 0, True)
 
     def stop(self):
         """Stops counting calls. Keeps the counts."""
@@ -75,7 +75,7 @@ class Faults:
         return _COUNT.unpack_from(self.memory, 0)[0]
 
     @property
-    def struck(self):
+    def injected(self):
         return _HEAD.unpack_from(self.memory, 0)[7]
 
     def point(self, number):

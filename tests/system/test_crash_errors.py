@@ -17,37 +17,37 @@ import unittest
 import crash_scenes
 from crash_scene import require
 from crash_test_case import CrashTest, sample
-from faults import Strike
+from faults import Fault
 
 ERRORS = int(os.environ.get("QUARN2_CP_ERRORS", "10"))
 DISK = ("open", "write", "allocate", "rename", "mkdir", "link", "sync")
 FAULTS = {
-    "full": Strike("fail", error=errno.ENOSPC, kinds=DISK),
-    "full from there on": Strike("fail", error=errno.ENOSPC, kinds=DISK, lasting=True),
-    "quota": Strike("fail", error=errno.EDQUOT, kinds=DISK),
-    "broken": Strike("fail", error=errno.EIO, kinds=(*DISK, "unlink", "attributes", "read")),
-    "interrupted": Strike("fail", error=errno.EINTR,
+    "full": Fault("fail", error=errno.ENOSPC, kinds=DISK),
+    "full from there on": Fault("fail", error=errno.ENOSPC, kinds=DISK, lasting=True),
+    "quota": Fault("fail", error=errno.EDQUOT, kinds=DISK),
+    "broken": Fault("fail", error=errno.EIO, kinds=(*DISK, "unlink", "attributes", "read")),
+    "interrupted": Fault("fail", error=errno.EINTR,
                           kinds=("open", "write", "sync", "lock", "read", "send", "receive")),
-    "no descriptors": Strike("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
+    "no descriptors": Fault("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
     # Not "send": messages through pipes and sockets are small, and the kernel never sends only a part of them.
-    "short": Strike("short", kinds=("write", "read", "receive")),
-    "no process": Strike("fail", error=errno.EAGAIN, kinds=("fork",)),
+    "short": Fault("short", kinds=("write", "read", "receive")),
+    "no process": Fault("fail", error=errno.EAGAIN, kinds=("fork",)),
 }
 
 
 class Errors(CrashTest):
-    def strikes(self, scene):
-        """Yields (name of the fault, Strike) for every kind of fault and every call of the scene that it applies to."""
+    def each_fault(self, scene):
+        """Yields (name of the fault, Fault) for every kind of fault and every call of the scene that it applies to."""
         for name, fault in FAULTS.items():
             for number in range(1, len(self.survey(scene, fault.kinds, may_be_none=True)) + 1):
-                yield name, Strike(fault.action, number, fault.error, fault.kinds, fault.lasting)
+                yield name, Fault(fault.action, number, fault.error, fault.kinds, fault.lasting)
 
     def fail_all(self, scene):
-        for name, strike in sample(list(self.strikes(scene)), ERRORS):
-            self.try_one(scene, strike, self.tally(name))
+        for name, fault in sample(list(self.each_fault(scene)), ERRORS):
+            self.try_one(scene, fault, self.tally(name))
         self.report(scene.__name__, "errors")
 
-    def after_strike(self, scene, done):
+    def after_fault(self, scene, done):
         if not done:
             self.check_told(scene)
         elif not any(entry.level <= 4 for entry in scene.log()):

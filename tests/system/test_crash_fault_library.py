@@ -10,7 +10,7 @@ import subprocess
 import sys
 import unittest
 
-from faults import CHANGES, KINDS, LIBRARY, ROLES, Faults, Strike
+from faults import CHANGES, KINDS, LIBRARY, ROLES, Fault, FaultControl
 from install_root import BINARY
 from samples import Backup, DATE
 from system_test import SystemTest
@@ -63,45 +63,45 @@ class EveryCall(SystemTest):
     def setUp(self):
         super().setUp()
         self.assertTrue(os.path.exists(LIBRARY), "QUARN2_FAULT_POINTS names no library")
-        self.faults = Faults(os.path.join(self.folder, "faults"))
-        self.addCleanup(self.faults.close)
+        self.fault_control = FaultControl(os.path.join(self.folder, "faults"))
+        self.addCleanup(self.fault_control.close)
         self.number = 0
 
-    def call(self, text, strike):
+    def call(self, text, fault):
         """Makes the call once in a new process; returns its exit status."""
         self.number += 1
         folder = os.path.join(self.folder, str(self.number))
         os.mkdir(folder)
-        self.faults.write(strike, ())
+        self.fault_control.write(fault, ())
         return subprocess.run([sys.executable, "-B", "-S", "-c", PROGRAM, text], cwd=folder, check=False,
-                              env={**os.environ, **self.faults.environment()}).returncode
+                              env={**os.environ, **self.fault_control.environment()}).returncode
 
-    def test_every_kind_is_counted_and_can_be_struck(self):
+    def test_every_kind_is_counted_and_can_get_a_fault(self):
         self.assertEqual(sorted(KINDS), sorted(CALLS))
         for kind, texts in CALLS.items():
             for text in texts:
                 with self.subTest(call=text):
-                    self.call(text, Strike(kinds=(kind,)))
-                    self.assertEqual(1, self.faults.count, self.faults.points())
-                    self.assertIn(self.faults.point(1).split()[1], text)
-                    self.call(text, Strike("kill_before", 1, kinds=[other for other in KINDS
+                    self.call(text, Fault(kinds=(kind,)))
+                    self.assertEqual(1, self.fault_control.count, self.fault_control.points())
+                    self.assertIn(self.fault_control.point(1).split()[1], text)
+                    self.call(text, Fault("kill_before", 1, kinds=[other for other in KINDS
                                                                    if other not in (kind, "send")]))
-                    self.assertEqual(0, self.faults.count, self.faults.points())
+                    self.assertEqual(0, self.fault_control.count, self.fault_control.points())
         for kind, texts in CALLS.items():
-            status = self.call(texts[0], Strike("kill_before", 1, kinds=(kind,)))
-            self.assertEqual((-signal.SIGKILL, 1), (status, self.faults.struck), kind)
+            status = self.call(texts[0], Fault("kill_before", 1, kinds=(kind,)))
+            self.assertEqual((-signal.SIGKILL, 1), (status, self.fault_control.injected), kind)
 
     def test_a_call_fails_with_the_error_or_does_half(self):
         text = "c.write(fd, b'x' * 10, 10) == 5 and -1"
-        self.assertEqual(1, self.call(text, Strike("short", 1, kinds=("write",))))
+        self.assertEqual(1, self.call(text, Fault("short", 1, kinds=("write",))))
         text = "-1 if c.write(fd, b'x', 1) == -1 and c.fsync(fd) == 0 else 0"
-        self.assertEqual(1, self.call(text, Strike("fail", 1, errno.ENOSPC, ("write", "sync"))))
+        self.assertEqual(1, self.call(text, Fault("fail", 1, errno.ENOSPC, ("write", "sync"))))
         text = "-1 if c.write(fd, b'x', 1) == -1 and c.fsync(fd) == -1 else 0"
-        self.assertEqual(1, self.call(text, Strike("fail", 1, errno.ENOSPC, ("write", "sync"), True)))
+        self.assertEqual(1, self.call(text, Fault("fail", 1, errno.ENOSPC, ("write", "sync"), True)))
 
     def test_a_torn_write_ends_at_a_page(self):
         text = "c.write(fd, b'x' * 10000, 10000)"
-        self.assertEqual(-signal.SIGKILL, self.call(text, Strike("torn", 1, kinds=("write",))))
+        self.assertEqual(-signal.SIGKILL, self.call(text, Fault("torn", 1, kinds=("write",))))
         self.assertEqual(8192, os.path.getsize(os.path.join(self.folder, str(self.number), "old")))
 
 
@@ -121,15 +121,15 @@ class TheProgram(SystemTest):
     def test_the_kernel_sees_no_change_that_was_not_counted(self):
         """strace shows the same changing calls of a deletion as the library counts."""
         root = self.root()
-        faults = Faults(os.path.join(self.folder, "faults"))
-        self.addCleanup(faults.close)
+        fault_control = FaultControl(os.path.join(self.folder, "faults"))
+        self.addCleanup(fault_control.close)
         kinds = ("unlink", "rename", "sync", "mkdir", "attributes", "lock")
-        faults.write(Strike(kinds=kinds), ROLES)
+        fault_control.write(Fault(kinds=kinds), ROLES)
         backup = Backup(root, "web1", DATE, slices=3)
         trace = os.path.join(self.folder, "trace")
         calls = "unlink,unlinkat,rmdir,rename,renameat,renameat2,fsync,fdatasync,mkdir,mkdirat,chmod," \
                 "fchmod,fchmodat,chown,fchown,flock"
-        result = root.run("--delete", backup.info_path, env=faults.environment(),
+        result = root.run("--delete", backup.info_path, env=fault_control.environment(),
                           wrapper=("strace", "-f", "-q", "-o", trace, "-e", "trace=" + calls))
         if "ptrace" in result.stderr:
             self.skipTest(result.stderr)
@@ -137,23 +137,23 @@ class TheProgram(SystemTest):
         with open(trace, encoding="utf-8", errors="replace") as lines:
             seen = [line.split()[1].split("(")[0] for line in lines
                     if re.match(r"\d+ +\w+\(", line)]
-        self.assertEqual([point.split()[1] for point in faults.points()], seen)
+        self.assertEqual([point.split()[1] for point in fault_control.points()], seen)
 
     def test_the_parts_of_a_server_are_told_apart(self):
         """The library assigns a separate role to each process of a server."""
         import crash_scenes
-        faults = Faults(os.path.join(self.folder, "faults"))
-        self.addCleanup(faults.close)
-        scene = crash_scenes.PutLast(self, faults)
+        fault_control = FaultControl(os.path.join(self.folder, "faults"))
+        self.addCleanup(fault_control.close)
+        scene = crash_scenes.PutLast(self, fault_control)
         scene.armed = 0
         scene.roles = ROLES
-        self.assertTrue(scene.act(Strike(kinds=CHANGES)), scene.failed)
+        self.assertTrue(scene.act(Fault(kinds=CHANGES)), scene.failed)
         self.assertEqual({"command", "client", "daemon"},
-                         {point.split()[0] for point in faults.points()} - {"caller"})
-        scene = crash_scenes.StartAndEnd(self, faults)
-        self.assertTrue(scene.act(Strike(kinds=CHANGES)), scene.failed)
+                         {point.split()[0] for point in fault_control.points()} - {"caller"})
+        scene = crash_scenes.StartAndEnd(self, fault_control)
+        self.assertTrue(scene.act(Fault(kinds=CHANGES)), scene.failed)
         self.assertEqual({"caller", "between", "daemon", "starter"},
-                         {point.split()[0] for point in faults.points()})
+                         {point.split()[0] for point in fault_control.points()})
 
 
 if __name__ == "__main__":

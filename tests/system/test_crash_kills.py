@@ -17,26 +17,26 @@ import unittest
 
 import crash_scenes
 from crash_test_case import CrashTest, sample
-from faults import CHANGES, Strike
+from faults import CHANGES, Fault
 
 KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))
 
 class Kills(CrashTest):
-    def strikes(self, scene):
+    def each_fault(self, scene):
         """Yields a kill before each counted call, after the last call, and in the middle of each write."""
         points = self.survey(scene, CHANGES)
         for number, point in enumerate(points, 1):
-            yield Strike("kill_before", number)
+            yield Fault("kill_before", number)
             if point.split()[1] in ("write", "pwrite", "send"):
-                yield Strike("torn", number)
-        yield Strike("kill_after", len(points))
+                yield Fault("torn", number)
+        yield Fault("kill_after", len(points))
 
     def kill(self, scene):
-        for strike in sample(list(self.strikes(scene)), KILLS):
-            self.try_one(scene, strike, self.tally(strike.action))
+        for fault in sample(list(self.each_fault(scene)), KILLS):
+            self.try_one(scene, fault, self.tally(fault.action))
         self.report(scene.__name__, "kills")
 
-    def after_strike(self, scene, done):
+    def after_fault(self, scene, done):
         scene.check()
 
 

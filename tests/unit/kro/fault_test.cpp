@@ -29,7 +29,7 @@ struct Fault {
     int error = 0;
     int calls = 0;
 
-    bool Strikes() {
+    bool TryInject() {
         if (++calls <= good || times == 0) return false;
         if (times > 0) --times;
         errno = error;
@@ -61,18 +61,18 @@ extern "C" {
 // NOLINTBEGIN: the linker's names
 int __real_fsync(int fd);
 int __wrap_fsync(int fd);
-int __wrap_fsync(int fd) { return faults.fsync.Strikes() ? -1 : __real_fsync(fd); }
+int __wrap_fsync(int fd) { return faults.fsync.TryInject() ? -1 : __real_fsync(fd); }
 
 int __real_rename(const char* from, const char* to);
 int __wrap_rename(const char* from, const char* to);
 int __wrap_rename(const char* from, const char* to) {
-    return faults.rename.Strikes() ? -1 : __real_rename(from, to);
+    return faults.rename.TryInject() ? -1 : __real_rename(from, to);
 }
 
 ssize_t __real_pwrite(int fd, const void* data, size_t size, off_t offset);
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset);
 ssize_t __wrap_pwrite(int fd, const void* data, size_t size, off_t offset) {
-    if (faults.pwrite.Strikes()) return -1;
+    if (faults.pwrite.TryInject()) return -1;
     return __real_pwrite(fd, data, std::min(size, faults.most_at_once), offset);
 }
 
@@ -83,7 +83,7 @@ ssize_t __wrap_copy_file_range(int from, off_t* in, int to, off_t* out, size_t s
 ssize_t __wrap_copy_file_range(int from, off_t* in, int to, off_t* out, size_t size,
                                unsigned flags) {
     Meanwhile();
-    if (faults.copy_file_range.Strikes()) return -1;
+    if (faults.copy_file_range.TryInject()) return -1;
     if (faults.end_of_range_copy == 0) return 0;
     if (faults.end_of_range_copy > 0) --faults.end_of_range_copy;
     return __real_copy_file_range(from, in, to, out, std::min(size, faults.most_at_once), flags);
@@ -96,13 +96,13 @@ int __wrap_ioctl(int fd, unsigned long request, ...) {
     va_start(arguments, request);
     const int argument = va_arg(arguments, int);
     va_end(arguments);
-    return faults.ioctl.Strikes() ? -1 : __real_ioctl(fd, request, argument);
+    return faults.ioctl.TryInject() ? -1 : __real_ioctl(fd, request, argument);
 }
 
 int __real_fallocate(int fd, int mode, off_t offset, off_t size);
 int __wrap_fallocate(int fd, int mode, off_t offset, off_t size);
 int __wrap_fallocate(int fd, int mode, off_t offset, off_t size) {
-    return faults.fallocate.Strikes() ? -1 : __real_fallocate(fd, mode, offset, size);
+    return faults.fallocate.TryInject() ? -1 : __real_fallocate(fd, mode, offset, size);
 }
 
 int __wrap_fstatfs(int fd, struct statfs* status);
@@ -115,37 +115,37 @@ int __wrap_fstatfs(int, struct statfs* status) {
 int __real_ftruncate(int fd, off_t size);
 int __wrap_ftruncate(int fd, off_t size);
 int __wrap_ftruncate(int fd, off_t size) {
-    return faults.ftruncate.Strikes() ? -1 : __real_ftruncate(fd, size);
+    return faults.ftruncate.TryInject() ? -1 : __real_ftruncate(fd, size);
 }
 
 int __real_fchown(int fd, uid_t user, gid_t group);
 int __wrap_fchown(int fd, uid_t user, gid_t group);
 int __wrap_fchown(int fd, uid_t user, gid_t group) {
-    return faults.fchown.Strikes() ? -1 : __real_fchown(fd, user, group);
+    return faults.fchown.TryInject() ? -1 : __real_fchown(fd, user, group);
 }
 
 int __real_flock(int fd, int operation);
 int __wrap_flock(int fd, int operation);
 int __wrap_flock(int fd, int operation) {
     Meanwhile();
-    return faults.flock.Strikes() ? -1 : __real_flock(fd, operation);
+    return faults.flock.TryInject() ? -1 : __real_flock(fd, operation);
 }
 
 ssize_t __real_getrandom(void* data, size_t size, unsigned flags);
 ssize_t __wrap_getrandom(void* data, size_t size, unsigned flags);
 ssize_t __wrap_getrandom(void* data, size_t size, unsigned flags) {
-    if (faults.getrandom.Strikes()) return -1;
+    if (faults.getrandom.TryInject()) return -1;
     return __real_getrandom(data, std::min(size, faults.most_at_once), flags);
 }
 
 int __real_syncfs(int fd);
 int __wrap_syncfs(int fd);
-int __wrap_syncfs(int fd) { return faults.syncfs.Strikes() ? -1 : __real_syncfs(fd); }
+int __wrap_syncfs(int fd) { return faults.syncfs.TryInject() ? -1 : __real_syncfs(fd); }
 
 ssize_t __real_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size);
 ssize_t __wrap_write(int fd, const void* data, size_t size) {
-    return faults.write.Strikes() ? -1 : __real_write(fd, data, size);
+    return faults.write.TryInject() ? -1 : __real_write(fd, data, size);
 }
 // NOLINTEND
 
