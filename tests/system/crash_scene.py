@@ -1,10 +1,10 @@
 """The base class of the crash test scenes.
 
 A scene is a test case with its own install root: an initial state, a job, and the conditions that must hold
-afterwards. act() runs the job, and stops when a command fails. A Fault is an error or a kill that the test injects into a
-call of a process. Between arm() and the end of the run, it applies to processes whose role is in `roles`. check()
-contains the conditions that hold whenever no process runs. check_done() contains the conditions that hold after a
-run without a fault, even if earlier runs had faults.
+afterwards. act() runs the job, and stops when a command fails. A Fault is an error or a kill that the test injects
+into a call of a process. Between arm() and the end of the run, it applies to processes whose role is in `roles`.
+check() contains the conditions that hold whenever no process runs. check_done() contains the conditions that hold
+after a run without a fault, even if earlier runs had faults.
 """
 
 import os

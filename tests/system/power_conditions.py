@@ -21,7 +21,8 @@ def is_hidden(path):
 
 
 class Conditions:
-    """The conditions for one run. Local paths are relative to the recorded folder, stored names to the storage's root."""
+    """The conditions for one run. Local paths are relative to the recorded folder, stored names to the root of the
+    storage."""
 
     def __init__(self):
         self.contents = collections.defaultdict(set)  # stored name or path -> allowed contents

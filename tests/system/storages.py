@@ -86,7 +86,7 @@ class Served(Storage):
 
     def __init__(self, test, info, scheme, port="port", params=(), path="path"):
         super().__init__(info, scheme, port, params)
-        self.folder = tempfile.mkdtemp(prefix="roads_", dir=self.info["data"])
+        self.folder = tempfile.mkdtemp(prefix="storage_", dir=self.info["data"])
         test.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
         os.chmod(self.folder, 0o755)
         self.give(self.folder)
@@ -119,7 +119,7 @@ class Bucket(Storage):
 
     def __init__(self, test, info, scheme, port="port", params=(), prefix="backups of/node 1"):
         super().__init__(info, scheme, port, {"region": info["region"], **dict(params)})
-        self.bucket = "roads-" + uuid.uuid4().hex
+        self.bucket = "tests-" + uuid.uuid4().hex
         self.prefix = prefix + "/" if prefix else ""
         self.parts["path"] = "/" + self.bucket + ("/" + prefix if prefix else "")
         self.curl("", "-X", "PUT")

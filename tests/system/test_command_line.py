@@ -129,7 +129,7 @@ class Errors(SystemTest):
                             "--last_slice", "--operation")
 
 
-class NothingToWorkOn(SystemTest):
+class CommandsWithoutInput(SystemTest):
     """A command without its info file or token reports an error and changes nothing."""
 
     def test_update_of_a_file_without_an_info_file(self):
@@ -141,7 +141,7 @@ class NothingToWorkOn(SystemTest):
         self.assertRegex(result.stderr, r"\Aquarn2_cp: .*2026-11-20\.web1\.info.*\n\Z")
         self.assertEqual(b"old", read(stored))
 
-    def test_each_without_a_token(self):
+    def test_every_command_without_a_token(self):
         root = self.root()
         for arguments in (["--get", "/a//file"], ["--server", "--rescan"]):
             for token in (None, ""):

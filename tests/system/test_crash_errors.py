@@ -35,7 +35,7 @@ FAULTS = {
 }
 
 
-class Errors(CrashTest):
+class FailingCalls(CrashTest):
     def each_fault(self, scene):
         """Yields (name of the fault, Fault) for every kind of fault and every call of the scene that it applies to."""
         for name, fault in FAULTS.items():
@@ -66,7 +66,7 @@ class Errors(CrashTest):
 for _scene in crash_scenes.SCENES:
     def _test(self, scene=_scene):
         self.fail_all(scene)
-    setattr(Errors, "test_" + _scene.__name__, _test)
+    setattr(FailingCalls, "test_" + _scene.__name__, _test)
 
 
 if __name__ == "__main__":

@@ -59,7 +59,7 @@ CHANGING = re.compile(
     r"|f?l?setxattr|f?l?removexattr|fopen|freopen|fcntl|ioctl)(64)?(_2|_chk)?")
 
 
-class EveryCall(SystemTest):
+class FaultLibrary(SystemTest):
     def setUp(self):
         super().setUp()
         self.assertTrue(os.path.exists(LIBRARY), "QUARN2_FAULT_POINTS names no library")
@@ -91,7 +91,7 @@ class EveryCall(SystemTest):
             status = self.call(texts[0], Fault("kill_before", 1, kinds=(kind,)))
             self.assertEqual((-signal.SIGKILL, 1), (status, self.fault_control.injected), kind)
 
-    def test_a_call_fails_with_the_error_or_does_half(self):
+    def test_a_call_fails_with_the_error_or_transfers_half(self):
         text = "c.write(fd, b'x' * 10, 10) == 5 and -1"
         self.assertEqual(1, self.call(text, Fault("short", 1, kinds=("write",))))
         text = "-1 if c.write(fd, b'x', 1) == -1 and c.fsync(fd) == 0 else 0"
@@ -105,8 +105,8 @@ class EveryCall(SystemTest):
         self.assertEqual(8192, os.path.getsize(os.path.join(self.folder, str(self.number), "old")))
 
 
-class TheProgram(SystemTest):
-    def test_the_library_knows_every_changing_call_of_the_program(self):
+class ProgramWithFaultLibrary(SystemTest):
+    def test_the_library_wraps_every_changing_call_of_the_program(self):
         imported = re.findall(r"\bU (\w+)@", subprocess.run(
             ["nm", "-D", BINARY], stdout=subprocess.PIPE, check=True, text=True).stdout)
         changing = sorted(name for name in imported if CHANGING.fullmatch(name))
@@ -139,7 +139,7 @@ class TheProgram(SystemTest):
                     if re.match(r"\d+ +\w+\(", line)]
         self.assertEqual([point.split()[1] for point in fault_control.points()], seen)
 
-    def test_the_parts_of_a_server_are_told_apart(self):
+    def test_the_roles_of_a_servers_processes_are_distinguished(self):
         """The library assigns a separate role to each process of a server."""
         import crash_scenes
         fault_control = FaultControl(os.path.join(self.folder, "faults"))

@@ -21,7 +21,7 @@ from faults import CHANGES, Fault
 
 KILLS = int(os.environ.get("QUARN2_CP_KILLS", "12"))
 
-class Kills(CrashTest):
+class KilledCommands(CrashTest):
     def each_fault(self, scene):
         """Yields a kill before each counted call, after the last call, and in the middle of each write."""
         points = self.survey(scene, CHANGES)
@@ -43,7 +43,7 @@ class Kills(CrashTest):
 for _scene in crash_scenes.SCENES:
     def _test(self, scene=_scene):
         self.kill(scene)
-    setattr(Kills, "test_" + _scene.__name__, _test)
+    setattr(KilledCommands, "test_" + _scene.__name__, _test)
 
 
 if __name__ == "__main__":

@@ -23,7 +23,7 @@ class DeleteTest(SystemTest):
 
 
 class OneBackup(DeleteTest):
-    def test_every_form_is_deleted_whole_and_nothing_else(self):
+    def test_every_form_is_deleted_completely_and_nothing_else(self):
         forms = {"numbered slices": {"form": "dar", "slices": 12},
                  "one slice": {"form": "dar", "slices": 1},
                  "single file": {"form": "tgz"},
@@ -57,7 +57,7 @@ class OneBackup(DeleteTest):
         self.assertEqual([], self.r.stored())
         self.assertEqual([], os.listdir(self.r.info_root))
 
-    def test_the_order_of_deletion_is_told(self):
+    def test_the_log_shows_the_order_of_deletion(self):
         self.r.log_level = 8
         backup = Backup(self.r, "web1", DATE, slices=3)
         self.delete(backup.info_path)
@@ -100,7 +100,7 @@ class OneBackup(DeleteTest):
         self.delete(info)
         self.assertEqual((["custom.web2.tgz"], []), (self.r.stored(), self.r.local()))
 
-    def test_files_that_are_already_gone_do_not_hinder(self):
+    def test_missing_files_do_not_stop_the_deletion(self):
         backup = Backup(self.r, "web1", DATE, slices=3)
         for name in (backup.archives[1], backup.index, backup.info_name):
             os.unlink(os.path.join(self.r.storage, name))
@@ -154,7 +154,7 @@ class Dependants(DeleteTest):
                           "Delete 'I2026-11-16.web1.2.dar'", "Delete 'F2026-11-15.web1.2.dar'"],
                          self.r.log_texts(6))
 
-    def test_a_daily_is_deleted_without_looking_for_others(self):
+    def test_a_daily_is_deleted_without_a_search_for_dependants(self):
         full, dailies = self.week()
         write(dailies[1].info_path, b"base=\xff\xfe rubbish")
         self.delete(dailies[0].info_path)
@@ -263,7 +263,7 @@ class Clear(DeleteTest):
                 self.assertEqual(before, self.r.stored())
                 self.assert_local_cleared()
 
-    def test_what_is_already_clear_stays_so(self):
+    def test_clear_of_an_empty_storage_succeeds(self):
         self.clear()
         self.clear()
         self.assertEqual([], os.listdir(self.r.storage))

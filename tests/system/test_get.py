@@ -39,7 +39,7 @@ class GetTest(SystemTest):
 
 
 class Get(GetTest):
-    def test_one_file_and_again(self):
+    def test_a_file_is_fetched_twice(self):
         root = self.site()
         self.assert_success(root.run("--get", self.target(SLICE)))
         self.assertEqual(b"0123456789", read(self.local(SLICE)))
@@ -106,7 +106,7 @@ class BadInput(GetTest):
             self.assertIn(f"'{directory}'", self.fails(root, directory + "//" + SLICE))
         self.assertEqual(b"a file", read(obstacle))
 
-    def test_an_info_file_that_is_of_no_use(self):
+    def test_an_unusable_info_file(self):
         for what, text, words in (("empty", b"", "names no last slice"),
                                   ("binary", b"\0\xff\n" * 99, "is no info file"),
                                   ("without last-slice", b"type=full", "names no last slice"),
@@ -127,14 +127,14 @@ class BadInput(GetTest):
                     self.assertEqual([info, "previous"], tree(self.place))
                     self.assertEqual(previous.encode(), read(tmp_file))
 
-    def test_an_info_file_that_is_nowhere(self):
+    def test_a_missing_info_file(self):
         root = self.site()
         os.remove(os.path.join(root.storage, f"{DATE}.web1.info"))
         error = self.fails(root, "--init", self.target(f"F{DATE}.web1.0.dar"))
         self.assertIn(f"no file '{DATE}.web1.info' on the storage", error)
         self.assertEqual([f"{DATE}.web1.info.attempts"], tree(self.place))
 
-    def test_a_file_that_the_storage_does_not_list_is_given_up_at_once(self):
+    def test_a_file_that_the_storage_does_not_list_fails_without_a_retry(self):
         root = self.site()
         for name in ("nowhere.1.dar", "web4/2026-11-20/nowhere.1.dar"):
             self.assertIn(name, self.fails(root, self.target(name)))
@@ -207,7 +207,7 @@ class Progress(GetTest):
         self.assertEqual(0, process.wait(DEADLINE))
         self.assertEqual(self.SIZE, os.path.getsize(self.local(SLICE)))
 
-    def test_a_terminal_shows_it(self):
+    def test_the_progress_line_is_printed_on_a_terminal(self):
         root = self.site()
         terminal, other = pty.openpty()
         self.addCleanup(os.close, terminal)
@@ -223,7 +223,7 @@ class Progress(GetTest):
                                    r"\d+\.\d [KMG]iB/s, \d+:\d\d left\Z")
         self.assertTrue(shown.endswith(b"\n"), shown)
 
-    def test_a_file_gets_nothing(self):
+    def test_no_progress_line_is_printed_to_a_file(self):
         root = self.site()
         path = os.path.join(root.base, "stderr")
         with open(path, "wb") as file:

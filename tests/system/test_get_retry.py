@@ -29,7 +29,7 @@ class Retry(SystemTest):
         self.addCleanup(process.kill)
         return root, process, obstacle, place, tmp_file
 
-    def test_attempts_and_waits(self):
+    def test_three_attempts_with_pauses(self):
         mended, mended_get, obstacle, mended_place, mended_tmp = self.failing_get("mended")
         failing, failing_get, _, failing_place, failing_tmp = self.failing_get("failing")
         for root in (mended, failing):

@@ -35,7 +35,7 @@ def fill(folder):
         return path
 
 
-class Night:
+class BackupJob:
     """One run of a backup job, as a script does it: puts the slices, then the index as the last file."""
 
     def __init__(self, root, user="web1", date=DATE, kind="full", slices=2, size=1000, in_info_root=False):
@@ -79,7 +79,7 @@ class Night:
         return self.names() <= set(self.root.stored())
 
 
-class WholeTest(SystemTest):
+class IncompleteTest(SystemTest):
     def setUp(self):
         super().setUp()
         self.r = self.root()
@@ -93,7 +93,7 @@ class WholeTest(SystemTest):
         return server
 
     def night(self, *arguments, **more):
-        return Night(self.r, *arguments, **more)
+        return BackupJob(self.r, *arguments, **more)
 
     def wait_uploaded(self, job, number):
         """Waits for the end of an upload: a file can be on the storage a moment before."""
@@ -114,8 +114,8 @@ class WholeTest(SystemTest):
         server.release()
 
 
-class Incomplete(WholeTest):
-    def test_a_slice_that_found_no_room_on_the_storage_fails_the_job(self):
+class IncompleteJobs(IncompleteTest):
+    def test_a_slice_without_space_on_the_storage_fails_the_job(self):
         tmpfs(self, self.r.storage, "64k")
         limits = ("-C", "1:0", "--size-limit", "10000000")
         server = self.serve(*limits)
@@ -143,7 +143,7 @@ class Incomplete(WholeTest):
         self.assertEqual(0, self.serve(*limits, date=NIGHTS[2]).end())
         self.assertTrue(whole.is_stored())
 
-    def test_nights_interrupted_after_their_first_slice_drive_out_nothing(self):
+    def test_jobs_interrupted_after_their_first_slice_evict_nothing(self):
         limits = ("-C", "1:0")
         server = self.serve(*limits)
         whole = self.night(date=NIGHTS[0]).run()
@@ -204,7 +204,7 @@ class Incomplete(WholeTest):
         self.assertEqual(0, server.end())
 
 
-class Removals(WholeTest):
+class Removals(IncompleteTest):
     def test_a_clear_during_a_job_fails_it(self):
         server = self.serve()
         job = self.night().begin()
@@ -228,7 +228,7 @@ class Removals(WholeTest):
         self.assertTrue(job.run().is_stored())
         self.assertEqual(0, server.end())
 
-    def test_slices_of_a_longer_run_before_go_with_the_backup(self):
+    def test_a_deletion_removes_the_slices_of_a_longer_previous_job(self):
         for interrupted in (True, False):
             with self.subTest(interrupted=interrupted):
                 server = self.serve("-C", "9:9")
@@ -247,7 +247,7 @@ class Removals(WholeTest):
                 self.assertEqual(([], []), (self.r.stored(), self.r.unfinished()))
                 self.assertEqual(0, server.end())
 
-    def test_a_deletion_takes_the_slices_of_an_interrupted_job_along(self):
+    def test_a_deletion_removes_the_slices_of_an_interrupted_job(self):
         server = self.serve()
         job = self.night(slices=3, in_info_root=True).begin()
         for number in (1, 2, 3):
@@ -260,7 +260,7 @@ class Removals(WholeTest):
         self.assertEqual(([], []), (self.r.stored(), self.r.unfinished()))
         self.assertEqual(0, server.end())
 
-    def test_a_key_deletion_of_another_program_means_nothing(self):
+    def test_a_deletion_key_of_another_program_is_ignored(self):
         full = Backup(self.r, "web1", day(-2))
         daily = Backup(self.r, "web1", day(-1), "incremental")
         info = read_info(full.info_path)
@@ -295,7 +295,7 @@ class Removals(WholeTest):
         before = read(path).decode() if os.path.exists(path) else ""
         write(path, f"{before}{self.r.token}\t{prefix}\n")
 
-    def test_a_job_that_was_listed_as_incomplete_and_repeated_with_success_stays(self):
+    def test_a_successfully_repeated_job_on_the_list_of_incomplete_backups_stays(self):
         server = self.serve()
         job = self.night().begin()
         self.assert_success(job.slice(1))
@@ -315,7 +315,7 @@ class Removals(WholeTest):
         self.assertEqual(0, self.serve("-C", "9:9").end())
         self.assertTrue(job.is_stored())
 
-    def test_a_failed_custom_backup_takes_no_full_backup_of_its_day_along(self):
+    def test_a_failed_custom_backup_removes_no_full_backup_of_its_day(self):
         server = self.serve("-C", "9:9")
         full = self.night().run()
         custom = self.night(kind="custom").begin()
@@ -327,7 +327,7 @@ class Removals(WholeTest):
         self.assertNotIn(custom.name(1), self.r.stored())
         self.assertEqual([], self.r.unfinished())
 
-    def test_a_daily_that_failed_takes_no_full_backup_of_its_day_along(self):
+    def test_a_failed_daily_removes_no_full_backup_of_its_day(self):
         server = self.serve("-C", "9:9")
         daily = self.night(kind="incremental").begin()
         self.assert_success(daily.slice(1))
@@ -350,7 +350,7 @@ class Removals(WholeTest):
         self.assertEqual(0, server.end())
 
 
-class Outages(WholeTest):
+class Outages(IncompleteTest):
     def half_delete(self, backup):
         """Creates the state after a deletion that an outage interrupted after the first file."""
         os.unlink(os.path.join(self.r.storage, backup.archives[0]))
@@ -407,7 +407,7 @@ class Outages(WholeTest):
         self.assertEqual(0, server.end())
 
 
-class FullDisks(WholeTest):
+class FullDisks(IncompleteTest):
     def test_puts_and_deletions_work_when_the_disks_of_the_program_are_full(self):
         tmpfs(self, self.r.file("tmp"), "200k")
         self.small_var()
@@ -473,7 +473,7 @@ class FullDisks(WholeTest):
         self.assertEqual((older.stored_names(), []), (sorted(self.r.stored()), self.r.unfinished()))
 
 
-class Orphans(WholeTest):
+class Orphans(IncompleteTest):
     LIMIT = 60000
 
     def used(self):
@@ -492,7 +492,7 @@ class Orphans(WholeTest):
         self.assertTrue(self.night(date=day(9), size=9000).run().is_stored())
         self.assertEqual(0, server.end())
 
-    def test_slices_of_an_earlier_night_go_before_a_complete_backup(self):
+    def test_slices_of_an_earlier_night_are_evicted_before_a_complete_backup(self):
         server = self.serve("--size-limit", str(self.LIMIT))
         old = self.night(size=9000).run()
         self.assertEqual(0, server.end())

@@ -15,7 +15,7 @@ DATE = "2026-11-20"
 LIMIT = 300_000
 
 
-class Inherited(SystemTest):
+class InheritedSettings(SystemTest):
     def serve(self, root, *wrapper):
         return Server(root, "--date", DATE, "--count-limit", "9:99", wrapper=wrapper).wait_ready()
 
@@ -24,7 +24,7 @@ class Inherited(SystemTest):
         self.assert_success(root.run("--put", path))
         return path
 
-    def test_an_ignored_sigchld_does_not_hinder_a_server(self):
+    def test_a_server_starts_with_an_ignored_sigchld(self):
         root = self.root()
         server = self.serve(root, "env", "--ignore-signal=CHLD")
         path = self.put(root, "web1", 10)

@@ -60,7 +60,7 @@ def processor_time(pid):
     return (int(words[11]) + int(words[12])) * 1000 // os.sysconf("SC_CLK_TCK")
 
 
-class Curve:
+class ResourceCurve:
     """Samples of processes after equal amounts of work."""
 
     def __init__(self, title, **processes):
@@ -114,17 +114,17 @@ class Curve:
         test.assertEqual([], self.growth())
 
 
-class CurveItself(unittest.TestCase):
-    """Checks that Curve.growth() detects growing values."""
+class ResourceCurveTest(unittest.TestCase):
+    """Checks that ResourceCurve.growth() detects growing values."""
 
     @staticmethod
     def growth(**late):
-        curve = Curve("", server=os.getpid())
+        curve = ResourceCurve("", server=os.getpid())
         early = {"server_kib": 30000, "server_fds": 10, "server_threads": 1, "server_cpu_ms": 300}
         curve.rows = [early] * 15 + [early | late] * 5
         return curve.growth()
 
-    def test_what_grows_is_found(self):
+    def test_growing_values_are_detected(self):
         self.assertEqual([], self.growth())
         self.assertEqual([], self.growth(server_kib=30800, server_cpu_ms=700))
         self.assertEqual(["server_kib grew from 30000 to 31000"], self.growth(server_kib=31000))
@@ -204,11 +204,11 @@ def place(root, user, date, size):
         os.close(descriptor)
 
 
-class ServerLife(SystemTest):
+class ServerLongRun(SystemTest):
     def shortDescription(self):
         return f"QUARN2_CP_SEED={SEED}"
 
-    def test_a_day_leaves_the_account_exact_and_the_server_as_small_as_it_was(self):
+    def test_a_day_keeps_the_account_exact_and_the_resources_constant(self):
         self.choice = random.Random(SEED)
         self.root = self.root()
         self.days = COMPLETIONS // USERS
@@ -264,7 +264,7 @@ class ServerLife(SystemTest):
         return answer
 
     def work(self):
-        curve = Curve(f"{COMPLETIONS} backups over the link to the server:", server=self.server.daemon)
+        curve = ResourceCurve(f"{COMPLETIONS} backups over the link to the server:", server=self.server.daemon)
         done = reservations = 0
         for offset in range(self.days):
             date = day(offset + 1 - self.days)
@@ -326,14 +326,14 @@ class ServerLife(SystemTest):
                          self.root.stored())
 
 
-class ClientLife(SystemTest):
-    def test_a_night_of_puts_loses_nothing_and_grows_nothing(self):
+class NodeClientLongRun(SystemTest):
+    def test_a_night_of_puts_loses_no_backup_and_keeps_the_resources_constant(self):
         self.root = self.root()
         self.users = [f"user{number:04}" for number in range(PUT_USERS)]
         old = self.fill()
         self.server = Server(self.root, "--date", DATE, "--size-limit", str(self.limit),
                              "--count-limit", "1000:1000").wait_ready()
-        curve = Curve(f"{PUT_USERS * PUT_ROUNDS} backups put, {JOBS} at a time:",
+        curve = ResourceCurve(f"{PUT_USERS * PUT_ROUNDS} backups put, {JOBS} at a time:",
                       server=self.server.daemon, client=self.server.node_client())
         names = self.work(curve)
         curve.check(self)

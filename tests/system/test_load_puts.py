@@ -68,7 +68,7 @@ class Watch(threading.Thread):
                                               for value in look[name]), flush=True)
 
 
-class Puts(SystemTest):
+class ParallelPuts(SystemTest):
     def setUp(self):
         super().setUp()
         self.r = self.root()
@@ -146,7 +146,7 @@ class Puts(SystemTest):
             wanted["COMPLETE", f"user{number} {date} full {size}"] += 1
         return wanted
 
-    def test_full_backups_at_once_and_again(self):
+    def test_parallel_full_backups_and_their_repetition(self):
         self.serve()
         watch = Watch(client=self.client, daemon=self.server.daemon)
         before = watch.look()
@@ -181,7 +181,7 @@ class Puts(SystemTest):
             self.assertLess(after[-1][name][0], after[0][name][0] + 2048 + 64 * ROUNDS, name)
             self.assertLess(watch.most(name, 0), 64 * 1024, name)
 
-    def test_all_of_them_upload_at_the_same_time(self):
+    def test_all_uploads_run_at_the_same_time(self):
         size = 60000
         self.r.token += f"?limit_rate={size // 30}"
         self.serve()

@@ -13,7 +13,7 @@ SUNDAY = "2026-11-15"
 USERS = ("example", "shop.example", "a.b.1.c")
 
 
-class WayBack(SystemTest):
+class LostInfoRoot(SystemTest):
     def make(self, form, place, users=USERS, chained=False):
         """Makes a full, two dailies and a custom backup of each user. Returns (root, {(user, date): files})."""
         root = self.root(f"{form}-{place}")
@@ -74,7 +74,7 @@ class WayBack(SystemTest):
     def test_parts_in_directories(self):
         self.check("part", "dir")
 
-    def test_dailies_that_are_each_made_on_the_one_before(self):
+    def test_dailies_based_on_the_previous_daily(self):
         for form in ("dar", "part"):
             with self.subTest(form=form):
                 root, kept = self.make(form, "flat", users=("web1",), chained=True)
@@ -82,7 +82,7 @@ class WayBack(SystemTest):
                 rescan(root)
                 self.assert_restores(root, kept, DAILIES="all")
 
-    def test_a_date_between_backups_restores_the_last_before_it(self):
+    def test_a_date_between_backups_restores_the_previous_backup(self):
         root, kept = self.make("tgz", "flat", users=("web1",))
         target = os.path.join(root.base, "restored")
         self.assertEqual(0, restore(root, "web1", day(9, SUNDAY), target).returncode)

@@ -26,7 +26,7 @@ class ClientTest(SystemTest):
 
 
 class Start(ClientTest):
-    def test_the_socket_lies_in_tmp_and_is_the_owners_only(self):
+    def test_the_socket_is_in_tmp_and_only_its_owner_has_access(self):
         for name, suffix in (("", ""), ("alice", "#alice"), ("b.c-d", "#b.c-d")):
             with self.subTest(storage=name):
                 root = self.root()
@@ -133,7 +133,7 @@ class ControlSocket(ClientTest):
         wait_for(lambda: not os.path.exists(path), "the removal of the source")
         self.assertEqual(["F2026-11-20.web1.tgz"], root.stored())
 
-    def test_a_connection_that_says_nothing_does_not_end_the_client(self):
+    def test_a_connection_without_a_command_does_not_end_the_client(self):
         root = self.root()
         ScriptedServer(root)
         with socket.socket(socket.AF_UNIX) as silent:
@@ -171,7 +171,7 @@ class SilentPeers(ClientTest):
         peer.sendall(text)
         return peer
 
-    def test_they_block_neither_other_commands_nor_the_end(self):
+    def test_silent_peers_block_neither_other_commands_nor_the_end(self):
         root = self.root()
         for end in (ScriptedServer.end,
                     lambda server: (server.process.terminate(), server.wait_end())[1]):
@@ -183,7 +183,7 @@ class SilentPeers(ClientTest):
                              server.reserved_call("PUT " + path, 10).answer())
             self.assertEqual((0, ""), end(server))
 
-    def test_they_are_disconnected_after_a_silence_of_ten_seconds(self):
+    def test_silent_peers_are_disconnected_after_ten_seconds(self):
         root = self.root(program=ENDED_PAUSES)
         server = ScriptedServer(root)
         peer = self.silent_peer(root, b"PUT /")
@@ -283,7 +283,7 @@ class Put(ClientTest):
                 server.end()
                 self.assertEqual([], root.stored())
 
-    def test_a_long_answer_is_read_in_pieces_and_told_in_the_log(self):
+    def test_a_long_answer_is_read_in_pieces_and_logged(self):
         root = self.root()
         server = ScriptedServer(root)
         call = server.call("PUT " + self.source(root, "F2026-11-20.web1.tgz"))
@@ -308,7 +308,7 @@ class Put(ClientTest):
         self.assertEqual(4, len(root.log(3, server.pid)))
         self.assertEqual(([], ["F2026-11-20.we b.tgz"]), (root.stored(), tree(root.work)))
 
-    def test_what_is_no_file_is_refused_before_any_reservation(self):
+    def test_directories_and_devices_are_refused_before_any_reservation(self):
         root = self.root()
         server = ScriptedServer(root)
         pipe = os.path.join(root.work, "F2026-11-20.web1.tgz")
@@ -369,7 +369,7 @@ class PutLast(ClientTest):
         self.assertEqual((["F2026-11-20.web1.3.dar"], []), (root.stored(), tree(root.work)))
         self.assertTrue(server.is_silent())
 
-    def test_it_waits_for_the_backups_upload_whatever_the_names_are(self):
+    def test_putlast_waits_for_all_uploads_of_its_backup(self):
         for number, (slice_name, info_name) in enumerate((
                 ("F2026-11-20.web1.3.dar", "2026-11-20.web1.info"),
                 ("I2026-11-20.web1.tgz.part2", "2026-11-20.web1.info"),

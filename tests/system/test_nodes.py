@@ -32,7 +32,7 @@ class Sessions(NodesTest):
         for node in nodes:
             wait_for(lambda node=node: not node.clients(), "the end of the node clients")
 
-    def test_nobody_can_be_asked_anything(self):
+    def test_the_clients_have_no_terminal_for_prompts(self):
         node, = self.make_nodes(1)
         server = self.serve([node])
         clients = children(server.daemon)
@@ -79,7 +79,7 @@ class Sessions(NodesTest):
 
 
 class Failures(NodesTest):
-    def test_nodes_that_cannot_be_served_are_named_with_the_last_words_of_ssh(self):
+    def test_nodes_that_cannot_be_served_are_logged_with_the_last_output_of_ssh(self):
         nodes = self.make_nodes(5)
         good, refuses_key, has_no_program, is_down, is_stranger = nodes
         write(refuses_key.file("etc/authorized_keys"), "")

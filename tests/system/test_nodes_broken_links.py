@@ -12,7 +12,7 @@ from waiting import DEADLINE, wait_for
 ARGUMENTS = ["--date", DATE, "--size-limit", "1000000", "--count-limit", "100:100"]
 
 
-class Behind(threading.Thread):
+class BackgroundCall(threading.Thread):
     """Runs a command in a thread; wait() returns its result."""
 
     def __init__(self, call):
@@ -30,7 +30,7 @@ class Behind(threading.Thread):
         return self.result
 
 
-class Links(TroubleTest):
+class BrokenLinks(TroubleTest):
     def test_a_link_cut_in_the_middle_of_a_reservation_is_noticed_within_a_minute(self):
         self.make_head(ssh_options="")  # only the installed settings
         nodes = self.make_nodes(2, lossy=[1], sshd_options="")
@@ -38,7 +38,7 @@ class Links(TroubleTest):
         server = self.serve(nodes, *ARGUMENTS)
         job = Job(cut, "web1", DATE, size=12345)
         cut.cable.order("loss 100 0")  # the command arrives at the server, but the answer does not arrive at the node
-        put = Behind(lambda: job.put_slice(1, timeout=120))
+        put = BackgroundCall(lambda: job.put_slice(1, timeout=120))
         self.head.wait_log("ProcessCommand line = 'RESERVE 12345'", level=8)
         cut.cable.order("loss 100 100")
         self.assert_success(Job(other, "web2", DATE).put_slice(1))
@@ -84,7 +84,7 @@ class Links(TroubleTest):
         job = Job(cut, "web1", DATE)
         job.put_slices()
         cut.cable.order("loss 100 100")
-        put = Behind(job.put_last)
+        put = BackgroundCall(job.put_last)
         self.wait_ended(cut, "not responding")
         self.put_elsewhere(other, "web2")
         self.assertEqual(1, put.wait(self).returncode)
@@ -105,7 +105,7 @@ class Links(TroubleTest):
         job.put_slices()
         # The commands must arrive and their answers must not. The delay leaves time to cut the link in between.
         cut.cable.order("delay 700")
-        put = Behind(job.put_last)
+        put = BackgroundCall(job.put_last)
         info = f"{DATE}.web1.info"
         wait_for(lambda: info in self.head.stored(), "the info file on the storage")
         cut.cable.order("loss 100 0")
@@ -123,7 +123,7 @@ class Links(TroubleTest):
         job.check_stored(self.head.storage)
         self.finish(server)
 
-    def test_delay_and_loss_cost_time_and_nothing_else(self):
+    def test_delay_and_loss_only_cost_time(self):
         self.make_head(ssh_options="")  # only the installed settings
         nodes = self.make_nodes(2, lossy=[1], sshd_options="")
         far, near = nodes

@@ -39,7 +39,7 @@ frame(), frame()
 """
 
 
-class BadClients(NodesTest):
+class FaultyClients(NodesTest):
     """A faulty script replaces the node client on one node."""
 
     def play(self, node, body):
@@ -74,7 +74,7 @@ class BadClients(NodesTest):
         self.assertEqual(0, server.end())
         self.assertEqual([], self.head.log_texts(3))
 
-    def test_a_line_of_100_mib_is_not_gathered(self):
+    def test_a_line_of_100_mib_is_not_buffered(self):
         bad, good = self.make_nodes(2)
         self.play(bad, 'for _ in range(100): say(b"x" * (1 << 20))')
         server = self.start_server([bad, good], "--date", DATE)
@@ -91,7 +91,7 @@ class BadClients(NodesTest):
         with open(f"/proc/{server.daemon}/status", encoding="ascii") as status:
             return next(int(line.split()[1]) for line in status if line.startswith("VmHWM"))
 
-    def test_lines_that_mean_nothing_are_refused_and_leave_the_account_alone(self):
+    def test_invalid_lines_are_refused_and_do_not_change_the_account(self):
         bad, good = self.make_nodes(2)
         self.play(bad, """
 say(b"PING\\n\\n\\0\\0\\n" + bytes(range(1, 256)).replace(b"\\n", b"") + b"\\n")
@@ -114,7 +114,7 @@ os.read(0, 1)
         self.assertEqual(7, self.reserved())
         self.check_others(server, good)
 
-    def test_what_is_said_on_standard_error_without_end_is_cut(self):
+    def test_endless_output_on_standard_error_is_cut(self):
         bad, good = self.make_nodes(2)
         self.play(bad, """
 for number in range(20000):
@@ -128,7 +128,7 @@ sys.exit(9)
         self.assertLess(len(line), 4096)
         self.check_others(server, good)
 
-    def test_answers_that_nobody_reads_do_not_fill_the_memory(self):
+    def test_unread_answers_do_not_fill_the_memory(self):
         bad, good = self.make_nodes(2)
         self.head.log_level = None
         self.play(bad, 'while True: say(b"RESERVE x\\n" * 1000)')
@@ -136,7 +136,7 @@ sys.exit(9)
         self.head.wait_log("Client leaves more than 1048576 bytes of answers unread. Close", level=4)
         self.check_others(server, good)
 
-    def test_a_client_that_closes_its_output_and_hangs_is_made_to_end(self):
+    def test_a_client_that_closes_its_output_and_hangs_is_killed(self):
         bad, good = self.make_nodes(2)
         self.play(bad, """
 note(str(os.getpid()))

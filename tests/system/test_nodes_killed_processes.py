@@ -15,7 +15,7 @@ CLOCK_AHEAD = os.environ.get("QUARN2_CLOCK_AHEAD", "")
 ARGUMENTS = ["--date", DATE, "--size-limit", "1000000", "--count-limit", "100:100"]
 
 
-class Deaths(TroubleTest):
+class KilledProcesses(TroubleTest):
     def test_a_killed_node_client_is_replaced_and_the_slice_put_again(self):
         self.make_head().token += "?limit_rate=300000"
         nodes = self.make_nodes(2)

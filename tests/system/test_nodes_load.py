@@ -29,7 +29,7 @@ NEEDED = re.compile(r"Unfinished backups use \d+ bytes, needed are (?P<bytes>\d+
 ANSWER = re.compile(r"SaveResult result = '(?P<answer>.*)'")
 
 
-class Work(threading.Thread):
+class NodeWork(threading.Thread):
     """Makes the backups of one machine's users, one after the other."""
 
     def __init__(self, test, machine, users):
@@ -55,8 +55,8 @@ class Work(threading.Thread):
         return Job(self.machine, *what[:3], SLICES, what[3]).run()
 
 
-class StubbornWork(Work):
-    """Makes backups like Work, and repeats a failed backup until it succeeds."""
+class RepeatingNodeWork(NodeWork):
+    """Makes backups like NodeWork, and repeats a failed backup until it succeeds."""
 
     failures = 0
 
@@ -85,17 +85,17 @@ class LinkRules(Rules):
         return super().complete(user, date, kind, size)
 
 
-class Load(NodesTest):
+class ParallelNodes(NodesTest):
     def shortDescription(self):
         return f"QUARN2_CP_SEED={SEED}"
 
     def test_four_machines_at_once_keep_to_the_limit_and_lose_nothing(self):
-        works = self.play(Work, 50000)
+        works = self.play(NodeWork, 50000)
         self.assertGreater(sum(len(job.slices) for work in works for job in work.jobs), 200)
         self.assertEqual([], self.head.log_texts(4))
 
-    def test_killed_node_clients_change_nothing_of_it(self):
-        works = self.play(StubbornWork, 200000, self.kill_clients)
+    def test_four_machines_with_killed_node_clients_keep_to_the_limit_and_lose_nothing(self):
+        works = self.play(RepeatingNodeWork, 200000, self.kill_clients)
         self.assertGreater(sum(work.failures for work in works), 0)
 
     def play(self, work_class, room, trouble=None):

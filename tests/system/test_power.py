@@ -2,8 +2,8 @@
 
 Each scenario runs the real program once and records it (power_model.py). Then it simulates a power failure after
 every change, with seven fixed and some random outcomes, and checks the files of each outcome against the
-conditions (power_conditions.py). It copies some of the outcomes into a real install root, where the program must continue
-to work. A long run, with the variables of power_test_case.py:
+conditions (power_conditions.py). It copies some of the outcomes into a real install root, where the program must
+continue to work. A long run, with the variables of power_test_case.py:
 
     QUARN2_POWER_SEED=7 QUARN2_POWER_CHANCES=50 QUARN2_POWER_STARTS=200 python3 -m unittest test_power
 """
@@ -118,7 +118,7 @@ class Removal(PowerTest):
 
 
 class Unfinished(SystemTest):
-    def test_a_backup_whose_last_file_was_not_answered_does_not_drive_out_a_whole_one(self):
+    def test_a_backup_without_an_answer_to_its_last_file_evicts_no_complete_one(self):
         root = self.root()
         whole = Backup(root, "web1", day(-1))
         job = write(os.path.join(root.work, "info"),

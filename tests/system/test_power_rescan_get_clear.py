@@ -32,8 +32,8 @@ class Rescan(PowerTest):
                           for name in root.local()})
 
     def violations(self, left):
-        """Returns the violated conditions. Without the marker file .rescan the info root must be as before the rescan, or
-        complete. With the marker file the program does not use the info root, so any content is allowed."""
+        """Returns the violated conditions. Without the marker file .rescan the info root must be as before the rescan,
+        or complete. With the marker file the program does not use the info root, so any content is allowed."""
         if MARKER in left:
             return super().violations({path: data for path, data in left.items()
                                    if not path.startswith(INFO)})
@@ -58,11 +58,11 @@ class Rescan(PowerTest):
         self.assertEqual(self.final, self.here(root))
         self.assertEqual([], root.log_texts(3))
 
-    def test_of_a_lost_node(self):
+    def test_rescan_for_a_lost_node(self):
         shutil.rmtree(self.r.file("var"))
         self.rescan()
 
-    def test_of_an_info_root_that_is_out_of_date(self):
+    def test_rescan_of_an_outdated_info_root(self):
         for name in (f"{day(-9)}.web1.info", f"{day(-9)}.web1.1.dar"):
             write(os.path.join(self.r.info_root, name), "type=full")
         os.unlink(os.path.join(self.r.info_root, f"{DATE}.web4.tgz"))
@@ -70,7 +70,7 @@ class Rescan(PowerTest):
 
 
 class Get(PowerTest):
-    def test_slice_by_slice(self):
+    def test_get_slice_by_slice(self):
         self.give(Backup(self.r, "web1", DATE, slices=3, data=b"archive" * 500))
         place = os.path.join(self.r.work, "restore/here")
         for name in (f"F{DATE}.web1.{number}.dar" for number in (1, 2, 3)):
@@ -95,7 +95,7 @@ class Get(PowerTest):
 
 
 class Update(PowerTest):
-    def test_the_old_file_or_the_new_one_or_none(self):
+    def test_update_leaves_the_old_file_the_new_one_or_none(self):
         backup = Backup(self.r, "web1", DATE, data=b"old" * 1000)
         name = backup.index
         for stored in backup.archives:
@@ -112,7 +112,7 @@ class Update(PowerTest):
 
 
 class Clear(PowerTest):
-    def test_everything_is_gone_and_no_info_file_comes_back(self):
+    def test_no_info_file_reappears_after_clear(self):
         backups = [backup for user, form in (("web1", "dar"), ("web3", "dir"))
                    for backup in chain(self.r, user, "FF", form=form)]
         self.give(*backups)
@@ -130,7 +130,7 @@ class Clear(PowerTest):
         self.next_day(root, left, stored)
 
 
-class Proof(PowerTest):
+class MissingSyncs(PowerTest):
     """Proves that the checks fail for a program whose syncs have no effect."""
 
     def losses(self, drop):
@@ -142,13 +142,13 @@ class Proof(PowerTest):
         self.fail_everywhere()
         return " ".join(self.lost)
 
-    def test_without_syncs_of_files_there_are_empty_ones_under_final_names(self):
+    def test_missing_file_syncs_leave_empty_files_under_final_names(self):
         lost = self.losses("file")
         self.assertIn(f"names stay, data does not: {STORAGE}F{DATE}.web1.1.dar has 0 bytes", lost)
         self.assertIn(f"{INFO}{DATE}.web1.info is no info file: b''", lost)
         self.assertIn(f"F{DATE}.web1.2.dar is neither on the storage nor at its job", lost)
 
-    def test_without_syncs_of_directories_there_is_nothing_under_them(self):
+    def test_missing_directory_syncs_lose_files(self):
         lost = self.losses("dir")
         self.assertIn(f"F{DATE}.web1.1.dar is neither on the storage nor at its job", lost)
         self.assertIn(f"nothing stays: {DATE}.web1.info had been stored", lost)

@@ -140,7 +140,7 @@ class Slices(PutTest):
 
 
 class WithoutServer(SystemTest):
-    def test_no_server_is_told(self):
+    def test_a_missing_server_is_reported(self):
         root = self.root()
         path = write(os.path.join(root.work, "F2026-11-20.web1.tgz"), "data")
         info = write(os.path.join(root.work, "job.info"), "type=full")
@@ -148,7 +148,7 @@ class WithoutServer(SystemTest):
         self.assertEqual([NO_SERVER], root.log_texts(3))
         self.assertEqual((b"data", b"type=full"), (read(path), read(info)))
 
-    def test_a_server_of_another_storage_is_none(self):
+    def test_a_server_of_another_storage_is_not_used(self):
         root = self.root()
         server = Server(root, "--storage", "alice").wait_ready()
         root.wait_log(f"Client. Backup token = 'local://{root.storage}'")
@@ -219,7 +219,7 @@ class Replies(SystemTest):
         self.assert_success(self.r.run("--put", "/d/F1.tgz", "-I", info, "--convert"))
         self.assertEqual({"size": "10", "key_hash": "first second"}, read_info(info))
 
-    def test_replies_that_cannot_be_used(self):
+    def test_invalid_replies_are_errors(self):
         info = self.job(size=5)
         for answer, text in (("OK", "Command PUT result is empty"),
                              ("OK ", "Command PUT result is empty"),

@@ -85,7 +85,7 @@ class Arithmetic(InfoTest):
         self.assertIn("some day", result.stderr)
         self.assertEqual("created=some day\ntype=full", read(info).decode())
 
-    def test_a_missing_info_file_is_told_after_the_upload(self):
+    def test_a_missing_info_file_is_reported_after_the_upload(self):
         path = self.source("F2026-11-20.web1.1.dar")
         missing = os.path.join(self.r.work, "no.info")
         result = self.r.run("--put", path, "-I", missing)
@@ -139,7 +139,7 @@ class Isolated(InfoTest):
             path = os.path.join(self.r.storage, f"2026-11-20.{user}.info")
             self.assertEqual(data + os.path.getsize(path), int(read_info(path)["size"]), data)
 
-    def test_the_server_is_told_of_the_completed_backup(self):
+    def test_the_completed_backup_is_reported_to_the_server(self):
         self.server.end()
         self.r.log_level = 8
         server = Server(self.r, "--date", DATE, "--count-limit", "100:100").wait_ready()

@@ -110,7 +110,7 @@ class RandomStorages(SystemTest):
     def shortDescription(self):
         return f"QUARN2_CP_SEED={SEED}"
 
-    def test_survivors_and_answers_are_those_of_the_rules(self):
+    def test_remaining_backups_and_answers_follow_the_rules(self):
         with ThreadPoolExecutor(4) as pool:
             for failure in pool.map(self.one_round, range(ROUNDS)):
                 self.assertIsNone(failure)

@@ -56,13 +56,13 @@ class StorageDirectories(RefusalTest):
                 self.r.file("tmp/kept"), self.r.file("var"), self.r.file("var/backup"),
                 self.r.info_root]
 
-    def test_clear_empties_none_of_them(self):
+    def test_clear_refuses_directories_of_the_installation(self):
         for directory in self.bad_directories():
             with self.subTest(directory=directory):
                 self.assert_refused("--clear", words=("cannot be used", os.path.normpath(directory)),
                                     env={"BACKUP_TOKEN": "local://" + directory})
 
-    def test_every_command_refuses_them(self):
+    def test_every_command_refuses_directories_of_the_installation(self):
         new = write(os.path.join(self.r.work, f"F{day(1)}.web1.tgz"), "new")
         commands = [["--clear"], ["--delete", self.backup.info_path], ["--server"],
                     ["--server", "--rescan"], ["--put", new], ["--update", self.backup.info_path],
@@ -74,7 +74,7 @@ class StorageDirectories(RefusalTest):
                                         env={"BACKUP_TOKEN": "local://" + path})
         self.assertFalse(os.path.exists(self.r.file("var/quarn2_cp.pid")))
 
-    def test_the_node_client_refuses_them(self):
+    def test_the_node_client_refuses_directories_of_the_installation(self):
         server = ScriptedServer(self.r, greet=False)
         server.send(frame("") + frame("local://" + self.r.path))
         server.hang_up()
@@ -126,12 +126,12 @@ class Clear(RefusalTest):
     def fill(self, count):
         return [Backup(self.r, "web1", day(-number)) for number in range(count)]
 
-    def test_neither_storage_loses_a_file(self):
+    def test_clear_of_a_storage_without_the_newest_backups_is_refused(self):
         self.fill(4)
         self.assert_refused("--clear", env=self.env,
                             words=("none of the 4 newest backups", "local://" + self.other))
 
-    def test_an_emptied_storage_is_rescanned_first(self):
+    def test_clear_of_an_emptied_storage_needs_a_rescan(self):
         self.fill(3)
         shutil.rmtree(self.r.storage)
         os.mkdir(self.r.storage)
@@ -140,12 +140,12 @@ class Clear(RefusalTest):
         self.assert_success(self.r.run("--clear"))
         self.assertFalse(os.path.exists(self.r.info_root))
 
-    def test_two_backups_conclude_nothing(self):
+    def test_clear_with_two_known_backups_is_not_refused(self):
         self.fill(2)
         self.assert_success(self.r.run("--clear", env=self.env))
         self.assertEqual([], os.listdir(self.other))
 
-    def test_an_interrupted_one_is_finished(self):
+    def test_an_interrupted_clear_is_completed(self):
         self.fill(3)
         write(os.path.join(self.r.info_root, ".clear"), "")
         shutil.rmtree(self.r.storage)
@@ -153,7 +153,7 @@ class Clear(RefusalTest):
         self.assert_success(self.r.run("--clear"))
         self.assertFalse(os.path.exists(self.r.info_root))
 
-    def test_one_backup_that_is_there_is_enough(self):
+    def test_clear_of_a_storage_with_one_of_the_newest_backups(self):
         for backup in self.fill(8)[:7]:
             for name in backup.stored_names():
                 os.remove(os.path.join(self.r.storage, name))
@@ -162,14 +162,14 @@ class Clear(RefusalTest):
 
 
 class Rescan(RefusalTest):
-    def test_a_directory_of_other_things(self):
+    def test_a_rescan_of_a_directory_with_other_files_is_refused(self):
         home = os.path.join(self.r.base, "home")
         write(os.path.join(home, "2026-11-20.web1.info"), "info")
         write(os.path.join(home, "web1/thesis.txt"), "years of work")
         self.assert_refused("--server", "--rescan", "--path", home,
                             words=("cannot be rescanned", "'web1/thesis.txt'"))
 
-    def test_a_users_info_root_without_that_users_storage(self):
+    def test_a_rescan_of_a_users_info_root_without_that_users_storage_is_refused(self):
         for user in ("web1", "web2"):
             write(self.r.file(f"var/backup/{user}/{DATE}/{DATE}.{user}.info"), "info")
         for arguments in ([], ["--storage", "web2"]):
@@ -179,7 +179,7 @@ class Rescan(RefusalTest):
         rescan(self.r, "--path", "var/backup/web1", "--storage", "web1")
         self.assertTrue(os.path.exists(self.r.file(f"var/backup/web2/{DATE}/{DATE}.web2.info")))
 
-    def test_a_wrong_listing_costs_nothing(self):
+    def test_a_rescan_with_a_wrong_listing_keeps_a_copy_of_the_info_root(self):
         backups = [Backup(self.r, "web1", DATE), Backup(self.r, "web2", DATE, form="dir")]
         before = {name: read(os.path.join(self.r.info_root, name)) for name in self.r.local()}
         other = os.path.join(self.r.base, "other")

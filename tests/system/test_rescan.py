@@ -37,8 +37,8 @@ class RescanTest(SystemTest):
         self.assertFalse(os.path.exists(root.file("var/quarn2_cp.pid")))
 
 
-class WhatIsThere(RescanTest):
-    def test_an_info_root_that_is_missing_altogether(self):
+class FetchedAndRemovedFiles(RescanTest):
+    def test_a_missing_info_root(self):
         root = self.root()
         expected = fill(root)
         wipe(root)
@@ -75,7 +75,7 @@ class WhatIsThere(RescanTest):
         rescan(root)
         self.assertIn(b"web9", read(path))
 
-    def test_a_file_that_cannot_be_fetched_costs_no_good_local_one(self):
+    def test_a_failed_download_keeps_the_local_file(self):
         root = self.root()
         expected = fill(root)
         for name in (f"{DATE}.web1.info", f"{DATE}.a.b.c.tgz"):
@@ -87,7 +87,7 @@ class WhatIsThere(RescanTest):
         told = [text for text in root.log_texts(4) if text.startswith("Cant download file: '")]
         self.assertEqual(2, len(told), told)
 
-    def test_one_users_storage(self):
+    def test_the_storage_of_one_user(self):
         root = self.root()
         expected = fill(root)
         wipe(root)
@@ -98,7 +98,7 @@ class WhatIsThere(RescanTest):
                          {name: data for name, data in local.items() if "/" in name})
         self.assertEqual(b"kept", local["kept"])
 
-    def test_count_limits_hold_for_the_server_behind_it(self):
+    def test_the_server_after_the_rescan_applies_the_count_limits(self):
         root = self.root()
         for date, kind in (("2026-11-15", "full"), ("2026-11-16", "daily"),
                            ("2026-11-17", "daily")):
@@ -109,15 +109,15 @@ class WhatIsThere(RescanTest):
                          [name for name in root.local() if name.endswith(".info")])
 
 
-class StorageInTrouble(RescanTest):
-    def test_a_missing_storage_directory_ends_it_before_anything_is_removed(self):
+class UnavailableStorage(RescanTest):
+    def test_a_missing_storage_directory_ends_the_rescan_before_any_removal(self):
         root = self.root()
         expected = fill(root)
         os.rename(root.storage, root.storage + ".unmounted")
         self.rescan_fails(root, root.storage, "does not exist")
         self.assertEqual(expected, tree_bytes(root.info_root))
 
-    def test_a_file_in_the_storages_place(self):
+    def test_a_file_at_the_path_of_the_storage(self):
         root = self.root()
         expected = fill(root)
         os.rename(root.storage, root.storage + ".away")
@@ -180,7 +180,7 @@ class HostileStorage(RescanTest):
         skipped = [text for text in root.log_texts(4) if text.startswith("Skip bad name '")]
         self.assertEqual(5 * len(self.NAMES), len(skipped), skipped)
 
-    def test_odd_names_that_are_no_harm(self):
+    def test_unusual_names_are_fetched(self):
         root, expected = self.hostile()
         odd = ("-rf.info", "...info", "$(touch x).info", "%s%n.info", "..\\..\\x.info", "a b.info",
                "' ; x '.info", "*.info")
@@ -192,7 +192,7 @@ class HostileStorage(RescanTest):
         self.assertEqual(expected, tree_bytes(root.info_root))
         self.assertEqual(before, self.everything_else(root))
 
-    def test_a_directory_in_the_place_of_a_file(self):
+    def test_a_directory_at_the_path_of_a_file(self):
         root, expected = self.hostile()
         for name in (f"{DATE}.web5.info", f"web4/{DATE}/{DATE}.web6.info"):
             write(os.path.join(root.storage, name, "x"), "x")
@@ -206,7 +206,7 @@ class HostileStorage(RescanTest):
         self.assertEqual(expected, tree_bytes(root.info_root))
         self.assertEqual(before, self.everything_else(root))
 
-    def test_a_file_in_the_place_of_a_directory(self):
+    def test_a_file_at_the_path_of_a_directory(self):
         root, _ = self.hostile()
         shutil.rmtree(os.path.join(root.storage, "web4"))
         write(os.path.join(root.storage, "web4"), "a file")
@@ -229,7 +229,7 @@ class HostileStorage(RescanTest):
         self.assertEqual((0, ""), Server(root, "--count-limit", "9:99").wait_ready().release())
 
 
-class BrokenOff(RescanTest):
+class InterruptedRescan(RescanTest):
     USERS = 150
 
     def broken_off_at(self, root, files):
@@ -257,7 +257,7 @@ class BrokenOff(RescanTest):
         self.assertIn("run --server --rescan again", result.stderr)
         self.assertEqual(before, tree_bytes(root.info_root))
 
-    def test_at_random_points_and_run_again(self):
+    def test_a_rescan_that_is_killed_at_random_points_and_repeated(self):
         root = self.root()
         for number in range(self.USERS):
             form = ("dar", "tgz", "part", "dir", "dir")[number % 5]
@@ -291,7 +291,7 @@ class BrokenOff(RescanTest):
         self.assertEqual(expected, tree_bytes(root.info_root))
         self.assertEqual((0, ""), Server(root, "--count-limit", "9:99").wait_ready().release())
 
-    def test_what_it_had_fetched_is_not_trusted(self):
+    def test_files_of_an_interrupted_rescan_are_fetched_again(self):
         root = self.root()
         expected = fill(root)
         for name in expected:
@@ -303,7 +303,7 @@ class BrokenOff(RescanTest):
 
 
 class Callers(RescanTest):
-    def test_a_second_caller_joins_the_server_behind_it(self):
+    def test_a_second_caller_joins_the_server_after_the_rescan(self):
         root = self.root()
         expected = fill(root)
         wipe(root)
@@ -335,7 +335,7 @@ class Callers(RescanTest):
         self.assertIn(f"{DATE}.web9.info", root.local())
         self.assertEqual(0, rescan.end())
 
-    def test_it_waits_until_nobody_holds_the_server(self):
+    def test_a_rescan_waits_until_no_job_holds_the_server(self):
         root = self.root()
         expected = fill(root)
         holder = Server(root, "--count-limit", "9:99").wait_ready()

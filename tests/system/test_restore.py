@@ -29,7 +29,7 @@ class RestoreJob(SystemTest):
         for word in words:
             self.assertIn(word, result.stderr)
 
-    def test_what_cannot_be_restored_is_told(self):
+    def test_impossible_restores_are_reported(self):
         root = self.root()
         target = os.path.join(root.base, "restored")
         self.assert_refused(restore(root, "web1", "yesterday", target), "yesterday", "custom")
@@ -39,14 +39,14 @@ class RestoreJob(SystemTest):
               "finished=2026-11-15 01:00:00\ntype=full")
         self.assert_refused(restore(root, "web1", SUNDAY, target), SUNDAY + ".web1.info")
 
-    def test_a_user_name_is_no_command(self):
+    def test_a_user_name_is_never_run_as_a_command(self):
         root = self.root()
         for user in HOSTILE_USERS:
             with self.subTest(user=user):
                 self.assert_refused(restore(root, user, SUNDAY, os.path.join(root.base, "restored")), "user name")
                 self.assert_no_command_ran(root)
 
-    def test_an_archive_name_from_the_storage_is_no_command_and_no_path(self):
+    def test_an_archive_name_from_the_storage_is_never_run_or_used_as_a_path(self):
         root = self.root()
         target = os.path.join(root.base, "restored")
         for name in HOSTILE_ARCHIVES:
@@ -66,7 +66,7 @@ class RestoreJob(SystemTest):
                 self.assert_refused(restore(root, "web1", "custom", os.path.join(root.base, "restored")), "last-slice")
                 self.assert_no_command_ran(root)
 
-    def test_the_backup_job_takes_no_command_for_a_name(self):
+    def test_the_backup_job_refuses_commands_as_names(self):
         root = self.root()
         files = os.path.join(root.base, "files")
         first_day(files)
@@ -172,14 +172,14 @@ class DuringARestore(SystemTest):
                 self.assertEqual(("", 0), (result.stderr, result.returncode))
                 self.assertEqual(files, manifest(target))
 
-    def test_the_server_evicts_the_very_backup(self):
+    def test_the_server_evicts_the_backup_that_is_restored(self):
         for form in ("dar", "part"):
             with self.subTest(form=form):
                 result, _, _ = self.restore_during_eviction(form, SUNDAY)
                 self.assertNotEqual(0, result.returncode)
                 self.assertIn(f"F{SUNDAY}.web1", result.stderr)
 
-    def test_one_slice_at_most_lies_on_the_local_disk(self):
+    def test_the_local_disk_has_at_most_one_slice(self):
         for form in ("dar", "part"):
             with self.subTest(form=form):
                 root, kept, server = self.site(form, 1000000, 1, "true")

@@ -110,7 +110,7 @@ class RightsTest(SystemTest):
         return process.returncode, output
 
 
-class Modes(RightsTest):
+class FileModes(RightsTest):
     def under(self, mask):
         before = os.umask(0o022)
         self.addCleanup(os.umask, before)
@@ -182,10 +182,10 @@ class Modes(RightsTest):
         ways = r"root/var/backup/tovarn(/web1(/2026-11-15(/.+\.tgz)?)?|/.+\.tgz)"
         return re.fullmatch(ways, name) and mode in (0o777 & ~mask, 0o666 & ~mask)
 
-    def test_of_everything_under_umask_000(self):
+    def test_modes_of_all_files_under_umask_000(self):
         self.under(0o000)
 
-    def test_of_everything_under_umask_077(self):
+    def test_modes_of_all_files_under_umask_077(self):
         self.under(0o077)
 
 
@@ -230,7 +230,7 @@ class OtherUsers(RightsTest):
         status, output = self.as_nobody(self.site.binary, "--help")
         self.assertEqual(0, status, output)
 
-    def test_cannot_look_into_the_processes(self):
+    def test_cannot_inspect_the_processes(self):
         for pid in self.all:
             for name in ("environ", "mem", "maps"):
                 status, output = self.as_nobody("head", "-c1", f"/proc/{pid}/{name}")
@@ -243,12 +243,12 @@ class OtherUsers(RightsTest):
         with open("/proc/net/unix", encoding="utf-8") as listing:
             self.assertEqual([], [line for line in listing if "@quarn2" in line])
 
-    def test_log_tells_no_secret(self):
+    def test_the_log_contains_no_secret(self):
         self.assertNotIn(SECRET.encode(), read(self.site.file("var/quarn2_cp.log")))
         self.assertIn(b"arch_password=***", read(self.site.file("var/quarn2_cp.log")))
 
 
-class Dumps(RightsTest):
+class CoreDumps(RightsTest):
     def hold(self):
         root = self.root()
         root.token += ARCH
@@ -268,7 +268,7 @@ class Dumps(RightsTest):
         self.assertEqual(0, server.end())
 
     # The /proc files of a process that is not dumpable belong to root, even if another user runs the process.
-    def test_of_another_users_processes_are_root_s_to_look_into(self):
+    def test_only_root_inspects_processes_that_run_as_another_user(self):
         root = self.root()
         os.chmod(root.base, 0o755)
         for folder in (root.path, root.storage, root.info_root, root.file("var")):
@@ -327,7 +327,7 @@ def hold_with_node(root, tools):
                   env={"PATH": f"{tools}:{os.environ['PATH']}"}).wait_ready()
 
 
-class Planted(RightsTest):
+class PlantedFiles(RightsTest):
     """Links and pipes at the paths of the server's own files."""
 
     def setUp(self):
@@ -356,7 +356,7 @@ class Planted(RightsTest):
             os.mkfifo(path, 0o666)
         return path
 
-    def test_in_the_place_of_the_pid_file_and_the_lock_end_the_start_with_a_message(self):
+    def test_links_at_the_paths_of_pid_file_and_lock_file_stop_the_start(self):
         os.chmod(self.victim, 0o644)
         for name, what in (("var/quarn2_cp.pid", "link"), ("var/quarn2_cp.pid", "dangling"),
                            ("var/quarn2_cp.pid", "fifo"), ("var/quarn2_cp.lock", "link"),
@@ -369,7 +369,7 @@ class Planted(RightsTest):
                 self.assertFalse(os.path.exists(self.victim + "-none"))
                 os.remove(path)
 
-    def test_in_the_place_of_the_log_and_the_socket_hold_nobody_up(self):
+    def test_links_at_the_paths_of_log_and_socket_block_no_command(self):
         for what in ("link", "dangling", "name", "fifo"):
             for name in ("tmp/quarn2_cp.sock", "var/quarn2_cp.log"):
                 with self.subTest(name=name, what=what):
@@ -387,7 +387,7 @@ class Planted(RightsTest):
                     if os.path.lexists(path):
                         os.remove(path)
 
-    def test_in_the_info_root_are_neither_written_through_nor_emptied(self):
+    def test_links_in_the_info_root_are_not_followed(self):
         root = self.site
         backup = Backup(root, "web1", SUNDAY, form="dir")
         precious = os.path.join(root.base, "precious")

@@ -58,7 +58,7 @@ class Start(SystemTest):
                 self.assertEqual("5\n2:3\n", server.pid_parts()[3])
                 server.end()
 
-    def test_the_start_is_told_in_the_log(self):
+    def test_the_start_is_logged(self):
         root = self.root()
         server = Server(root, "--date", DATE).wait_ready()
         self.assertEqual(["Size control started",
@@ -116,7 +116,7 @@ class Start(SystemTest):
         server = Server(self.root()).wait_ready()
         self.assertEqual(server.daemon, write_lock_holder(server.pid_file))
 
-    def test_stale_files_of_a_crashed_server_do_not_hinder(self):
+    def test_stale_files_of_a_crashed_server_do_not_stop_the_start(self):
         root = self.root()
         write(root.file("var/quarn2_cp.pid"), "99999999\n2020-01-01\nAAAAAAAAAAAAAAAAAAAA\n0\n0\n")
         write(root.file("var/quarn2_cp.lock"), "")
@@ -129,7 +129,7 @@ class Start(SystemTest):
         root.wait_log("Open control socket 'tmp/quarn2_cp.sock'", level=5)
         server.end()
 
-    def test_a_pid_file_of_another_living_process_does_not_hinder(self):
+    def test_a_pid_file_of_another_running_process_does_not_stop_the_start(self):
         root = self.root()
         write(root.file("var/quarn2_cp.pid"), f"{os.getpid()}\n{DATE}\n{'A' * 20}\n0\n0\n")
         server = Server(root, "--date", DATE).wait_ready()
@@ -162,7 +162,7 @@ class End(SystemTest):
             wait_gone(third.daemon, timeout=2.5)
         self.assertEqual(0, third.end())
 
-    def test_a_killed_caller_leaves_the_lock_to_nobody(self):
+    def test_a_killed_caller_releases_the_lock(self):
         root = self.root()
         server = Server(root).wait_ready()
         server.node_client()
@@ -171,7 +171,7 @@ class End(SystemTest):
         self.assertEqual(0, wait_gone(server.daemon))
         self.assertFalse(os.path.exists(server.lock_file))
 
-    def test_sigterm_ends_the_daemon_as_its_ordinary_end_does(self):
+    def test_sigterm_ends_the_daemon_regularly(self):
         root = self.root()
         server = Server(root, "--date", DATE, "--count-limit", "2:9").wait_ready()
         client = server.node_client()
@@ -186,7 +186,7 @@ class End(SystemTest):
         self.assertIsNone(server.process.poll())
         self.assertEqual((0, ""), server.release())
 
-    def test_sigterm_of_the_node_client_is_its_ordinary_end_and_the_daemon_goes_on(self):
+    def test_sigterm_ends_the_node_client_regularly_and_the_daemon_continues(self):
         root = self.root()
         server = Server(root).wait_ready()
         client = server.node_client()
@@ -199,7 +199,7 @@ class End(SystemTest):
         second.release()
         self.assertEqual(0, server.end())
 
-    def test_the_daemon_goes_on_when_its_node_client_is_killed(self):
+    def test_the_daemon_continues_when_its_node_client_is_killed(self):
         root = self.root()
         server = Server(root).wait_ready()
         os.kill(server.node_client(), signal.SIGKILL)
@@ -212,7 +212,7 @@ class End(SystemTest):
 
 
 class OtherServer(SystemTest):
-    def test_a_caller_with_another_date_says_so_every_two_seconds_and_waits(self):
+    def test_a_caller_with_another_date_logs_it_every_two_seconds_and_waits(self):
         root = self.root()
         first = Server(root, "--date", DATE).wait_ready()
         second = Server(root, "--date", day(1))
@@ -423,7 +423,7 @@ class Warnings(SystemTest):
                   "backup that is not the newest backup of its user, when it starts and when it ends; "
                   "give --count-limit FULL:DAILY to keep them")
 
-    def test_a_call_that_holds_no_server_says_so(self):
+    def test_a_call_that_holds_no_server_warns(self):
         # Each call has its own root, because the server of the first call may still be ending during the second.
         ended = self.root().run("--server", "--count-limit", "0:9")
         closed = self.root().run("--server", "--count-limit", "0:9",
@@ -435,7 +435,7 @@ class Warnings(SystemTest):
                               "open: mkfifo /run/hold; quarn2_cp --server ... </run/hold & "
                               "exec 3>/run/hold"], result.warnings)
 
-    def test_missing_daily_limits_are_told_on_standard_error_and_in_the_log(self):
+    def test_missing_daily_limits_are_reported_on_standard_error_and_in_the_log(self):
         for arguments, warnings in (((), [self.NO_DAILIES]), (("-C", "4"), [self.NO_DAILIES]),
                                     (("-C", "4:9"), []), (("-C", "0:0"), [])):
             root = self.root()
@@ -444,7 +444,7 @@ class Warnings(SystemTest):
             self.assertEqual(warnings, server.warnings)
             self.assertEqual(warnings, root.log_texts(4, server.pid))
 
-    def test_a_call_that_waits_for_another_server_says_so_once(self):
+    def test_a_call_that_waits_for_another_server_warns_once(self):
         root = self.root()
         first = Server(root, "--count-limit", "0:9", "--date", DATE).wait_ready()
         waiting = Server(root, "--count-limit", "0:8", "--date", DATE)
@@ -456,7 +456,7 @@ class Warnings(SystemTest):
                           "started with another date, other limits or other nodes; this call waits "
                           "until that server ends"], waiting.warnings)
 
-    def test_a_rescan_that_waits_for_other_callers_says_so(self):
+    def test_a_rescan_that_waits_for_other_callers_warns(self):
         root = self.root()
         holder = Server(root, "--count-limit", "0:9").wait_ready()
         rescan = Server(root, "--rescan", "--count-limit", "0:9")

@@ -24,7 +24,7 @@ SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**
 FAILED = "quarn2_cp: Failed to start size control server\n"
 
 
-class HeldStart:
+class BlockedStart:
     """Blocks a daemon during its start: the clean-up list names a storage server that never answers."""
 
     def __init__(self, root):
@@ -51,7 +51,7 @@ class HeldStart:
         self.let_go()
 
 
-class DiesWhileStarting(SystemTest):
+class KilledWhileStarting(SystemTest):
     def assert_failed(self, server):
         status, errors = server.wait_end()
         self.assertEqual(1, status)
@@ -64,7 +64,7 @@ class DiesWhileStarting(SystemTest):
     def holder(server):
         return os.path.exists(server.pid_file) and write_lock_holder(server.pid_file)
 
-    def test_an_info_file_that_cannot_be_read_is_told_in_the_log(self):
+    def test_an_unreadable_info_file_is_logged(self):
         root = self.root()
         path = write_info(root.info_root, "web1", DATE, size="abc")
         server = Server(root, "--date", DATE)
@@ -76,9 +76,9 @@ class DiesWhileStarting(SystemTest):
         os.unlink(path)
         self.assertEqual(0, Server(root, "--date", DATE).wait_ready().end())
 
-    def test_a_daemon_killed_while_it_starts_fails_its_caller_and_frees_the_way(self):
+    def test_a_daemon_killed_while_it_starts_fails_its_caller_and_blocks_no_other(self):
         root = self.root()
-        held = HeldStart(root)
+        held = BlockedStart(root)
         server = Server(root, "--date", DATE)
         daemon = held.wait_held()
         self.assertFalse(server.is_ready(0.2))
@@ -88,7 +88,7 @@ class DiesWhileStarting(SystemTest):
 
     def test_another_caller_takes_over_from_a_daemon_killed_while_it_starts(self):
         root = self.root()
-        held = HeldStart(root)
+        held = BlockedStart(root)
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
@@ -108,7 +108,7 @@ class DiesWhileStarting(SystemTest):
 
     def test_a_caller_killed_while_its_daemon_starts_leaves_nothing(self):
         root = self.root()
-        held = HeldStart(root)
+        held = BlockedStart(root)
         server = Server(root, "--date", DATE)
         daemon = held.wait_held()
         server.process.kill()
@@ -121,7 +121,7 @@ class DiesWhileStarting(SystemTest):
 
     def test_a_caller_that_comes_while_the_daemon_starts_uses_it(self):
         root = self.root()
-        held = HeldStart(root)
+        held = BlockedStart(root)
         first = Server(root, "--date", DATE, "--count-limit", "0:9")
         daemon = held.wait_held()
         second = Server(root, "--date", DATE, "--count-limit", "0:9")
@@ -134,7 +134,7 @@ class DiesWhileStarting(SystemTest):
 
     def test_a_caller_killed_while_it_waits_for_a_starting_daemon_changes_nothing(self):
         root = self.root()
-        held = HeldStart(root)
+        held = BlockedStart(root)
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
@@ -156,7 +156,7 @@ class ReplacedLockFile(SystemTest):
         fcntl.flock(pid_file, fcntl.LOCK_EX)
         fcntl.lockf(pid_file, fcntl.LOCK_EX)
 
-    def test_a_waiting_caller_takes_the_new_file_never_the_old_one(self):
+    def test_a_waiting_caller_locks_the_new_lock_file(self):
         root = self.root()
         self.run_server(root)
         path = write(root.file("var/quarn2_cp.lock"), "")

@@ -81,14 +81,14 @@ class Transport(SystemTest):
         self.assertEqual("OK 0", link.ask("RESERVE 0"))
         self.assertTrue(link.is_silent(0.1))
 
-    def test_rubbish_and_long_numbers_do_not_disturb(self):
+    def test_invalid_bytes_and_long_numbers_are_ignored(self):
         _, link = scripted_session(self.root())
         link.send(b"\x00\xff\x80" * 20000 + b"\n")
         link.send("RESERVE " + "9" * 60000 + "\n")
         self.assertTrue(link.frame().startswith("ERR "))
         self.assertEqual("OK 0", link.ask("RESERVE 0"))
 
-    def test_a_line_without_an_end_closes_the_link_and_the_daemon_lives_on(self):
+    def test_an_endless_line_closes_the_link_and_the_daemon_continues(self):
         root = self.root()
         server, link = scripted_session(root)
         with self.assertRaises(BrokenPipeError):
@@ -106,7 +106,7 @@ class Transport(SystemTest):
             self.assertEqual("OK 0", link.frame())
         self.assertTrue(link.is_silent(0.1))
 
-    def test_the_clients_death_is_logged_and_the_daemon_lives_on(self):
+    def test_the_end_of_the_client_is_logged_and_the_daemon_continues(self):
         root = self.root()
         server, link = scripted_session(root)
         link.send("RESERVE 5\nRESER")
@@ -149,7 +149,7 @@ class Reservation(SystemTest):
         self.assertEqual("OK 0", link.ask("RESERVE 100"))
         self.assertEqual("OK 0", link.ask("RESERVE 0"))
 
-    def test_what_is_reserved_counts_against_the_limit(self):
+    def test_reserved_space_counts_against_the_limit(self):
         root = self.root()
         root.log_level = 8
         link = self.session(root, "--size-limit", "100")
@@ -170,7 +170,7 @@ class Reservation(SystemTest):
         self.assertEqual("OK 0", link.ask("RESERVE 9223372036854775807"))
         self.assertEqual(refused(9223372036854775807), link.ask("RESERVE 1"))
 
-    def test_numbers_that_cannot_be_read_are_answered_and_the_link_stays(self):
+    def test_invalid_numbers_get_an_answer_and_the_link_stays_open(self):
         link = self.session(self.root(), "--size-limit", "100")
         for line in ("RESERVE ten", "RESERVE 1 2", "RESERVE 9223372036854775808", "RESERVE 0x10",
                      "RELEASE ten", "COMPLETE web1 2026-11-20 full ten",
@@ -183,7 +183,7 @@ class Reservation(SystemTest):
                     self.assertRegex(answer, r"\AERR .+")
         self.assertEqual("OK 0", link.ask("RESERVE 100"))
 
-    def test_release_gives_back_without_a_floor(self):
+    def test_release_may_make_the_reservation_negative(self):
         link = self.session(self.root(), "--size-limit", "100")
         self.assertEqual("OK 0", link.ask("RESERVE 100"))
         self.assertEqual("OK", link.ask("RELEASE 40"))
@@ -254,7 +254,7 @@ class Reservation(SystemTest):
         self.assertEqual("OK 2", link.ask("RESERVE 1"))
         self.assertEqual([[day(-1), DATE]] * 3, [left(backups) for backups in users])
 
-    def test_a_full_with_a_daily_on_it_is_left_alone(self):
+    def test_a_full_backup_with_a_dependent_daily_is_not_evicted(self):
         root = self.root()
         backups = chain(root, "web1", "FDDFD", size=10)
         link = self.session(root, "--size-limit", "50")
@@ -309,7 +309,7 @@ class Reservation(SystemTest):
         self.assertEqual("OK 1", link.ask("RESERVE 50"))
         self.assertTrue(backups[1].is_whole())
 
-    def test_a_backup_whose_info_file_lies_elsewhere_leaves_the_storage_too(self):
+    def test_a_backup_with_an_info_file_elsewhere_is_removed_from_the_storage_too(self):
         root = self.root()
         backups = chain(root, "web1", "FF", size=50)
         link = self.session(root, "--size-limit", "100")
@@ -341,7 +341,7 @@ class DropOne(SystemTest):
         self.assertEqual([DATE], left(backups))
         self.assertEqual("OK 1", link.ask("RESERVE 0"))
 
-    def test_a_negative_count_and_rubbish_are_errors(self):
+    def test_a_negative_count_and_invalid_text_are_errors(self):
         _, link = scripted_session(self.root())
         self.assertEqual(LOCKED, link.ask("DROPONE -1"))
         self.assertRegex(link.ask("DROPONE 4294967296"), r"\AERR .+")

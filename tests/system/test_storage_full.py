@@ -14,7 +14,7 @@ MIB = 1 << 20
 FIRST = "2026-11-15"
 
 
-class Kept:
+class StoredBackup:
     """A backup that was put, with the methods that samples.left() calls."""
 
     def __init__(self, test, user, date):
@@ -55,7 +55,7 @@ class FullTest(SystemTest):
         for path, options in ((archive, ("--last_slice",)), (index, ("--isolated", "--no-delete"))):
             self.assert_success(self.r.run("--put", path, "--info-file", info, *options))
         os.remove(info)
-        return Kept(self, user, date)
+        return StoredBackup(self, user, date)
 
     def names_of(self, backups):
         return sorted(set().union(*(backup.names for backup in backups)))
@@ -95,7 +95,7 @@ class FullTest(SystemTest):
         self.assertEqual([], [name for name in stored if "web3" in name])
         whole = [backup for backup in self.backups if backup.is_whole()]
         self.assertIn(self.backups[-1], whole)
-        self.assertEqual(self.names_of([*whole, Kept(self, "web2", day(3, FIRST))]), stored)
+        self.assertEqual(self.names_of([*whole, StoredBackup(self, "web2", day(3, FIRST))]), stored)
         small = self.source(f"F{day(3, FIRST)}.web4.tgz", 64 * 1024)
         self.assert_success(self.r.run("--put", small))
         wait_for(lambda: not os.path.exists(small), "the end of a small upload")

@@ -37,13 +37,13 @@ class HangTest(SystemTest):
             write(os.path.join(folder, "2026-11-20.web1.info"), f"last-slice={NAME}")
         self.target = os.path.join(self.r.base, "restored")
         self.assert_success(self.r.run("--update", self.source, env=self.patient()))
-        self.addCleanup(self.go_on)
+        self.addCleanup(self.resume)
 
     def halt(self):
         self.server.kill(signal.SIGSTOP)
         return time.monotonic()
 
-    def go_on(self):
+    def resume(self):
         self.server.kill(signal.SIGCONT)
 
     def slow(self):
@@ -62,7 +62,7 @@ class HangTest(SystemTest):
             self.assertNotIn(secret, result.stderr)
 
     def assert_works_again(self):
-        self.go_on()
+        self.resume()
         write(self.source, b"new" * 1000)
         self.assert_success(self.r.run("--update", self.source, env=self.patient()))
         self.assertEqual([NAME], self.storage.names())

@@ -16,7 +16,7 @@ PATIENCE = 240
 FIRST = f"F{DATE}.web1.tgz"
 
 
-class Upload:
+class InterruptedUpload:
     """A storage on its own server, and an upload to it that takes some seconds."""
 
     def __init__(self, test, server_name, make):
@@ -49,7 +49,7 @@ class Upload:
         os.remove(info)
         return [f"{DATE}.{user}.info", f"{DATE}.{user}.tgz", f"F{DATE}.{user}.tgz"]
 
-    def break_off(self):
+    def interrupt(self):
         """Kills the server when a part of the upload has arrived."""
         self.before = sorted(self.finished("old") + self.finished("older"))
         self.data = os.urandom(MIB) * 18
@@ -62,7 +62,7 @@ class Upload:
         self.r.wait_log("Wait 60 seconds before next attempt", level=6, timeout=PATIENCE)
         self.test.assertEqual(["Cant upload"], [text[:11] for text in self.r.log_texts(4)])
 
-    def go_on(self):
+    def resume(self):
         """While the first upload waits, puts and deletes other backups with the same node client."""
         made = self.finished("new")
         self.test.assertLessEqual(set(made), set(self.storage.names()))
@@ -92,17 +92,17 @@ class Upload:
         self.test.assertIn("finished", info)
 
 
-class Killed(SystemTest):
+class KilledServers(SystemTest):
     def test_uploads_are_tried_again(self):
         uploads = {}
         for name, make in (("sftp", storages.sftp_key), ("webdav", storages.webdav_basic),
                            ("ftp", storages.ftps), ("s3", storages.s3)):
-            uploads[name] = Upload(self, name, make)
-        self.each(uploads, Upload.break_off)
-        self.each(uploads, Upload.wait_first_failure)
+            uploads[name] = InterruptedUpload(self, name, make)
+        self.each(uploads, InterruptedUpload.interrupt)
+        self.each(uploads, InterruptedUpload.wait_first_failure)
         self.each(uploads, lambda upload: upload.server.revive())
-        self.each(uploads, Upload.go_on)
-        self.each(uploads, Upload.end)
+        self.each(uploads, InterruptedUpload.resume)
+        self.each(uploads, InterruptedUpload.end)
 
     def each(self, uploads, step):
         """Runs a step on every upload. Reports an upload that fails and continues with the others."""

@@ -34,7 +34,7 @@ FORMS = {
 }
 
 
-class Road:
+class Lifecycle:
     """One sequence of commands on a storage, with the root and the backups that the storage must have."""
 
     def __init__(self, test, storage, form, place, password):
@@ -56,14 +56,14 @@ class Road:
         self.backups[key], self.files[key] = made, manifest(source)
         return made
 
-    def go_on(self, user, number):
+    def change_files(self, user, number):
         next_day(os.path.join(self.root.base, "files", user), number)
 
     def delete(self, user, date):
         path = os.path.join(self.root.info_root, self.backups.pop((user, date))["info"])
         self.test.assert_success(self.root.run("--delete", path))
 
-    def out(self):
+    def back_up_and_evict(self):
         """Puts, evicts and deletes backups, and checks the files on the storage."""
         server = hold(self.root, SUNDAY)
         self.put("web1", day(-7, SUNDAY), "F")
@@ -75,7 +75,7 @@ class Road:
         self.check_storage()
 
         server = hold(self.root, day(1, SUNDAY), "--size-limit", str(self.used() + 30000))
-        self.go_on("web1", 1)
+        self.change_files("web1", 1)
         self.put("web1", day(1, SUNDAY), "I", full)
         del self.backups["web1", day(-7, SUNDAY)]
         self.test.assertEqual(0, server.end())
@@ -113,7 +113,7 @@ class Road:
         if first or not self.maker.form == "part":
             self.test.assertEqual(not self.password, data.startswith(ARCHIVES), name)
 
-    def back(self):
+    def rebuild_and_restore(self):
         """Removes the info root, rebuilds it with a rescan, and restores the backups."""
         before = tree_bytes(self.root.info_root)
         wipe(self.root)
@@ -131,28 +131,28 @@ class Road:
         self.test.assertFalse(os.path.exists(self.root.info_root))
 
 
-class RoadTest(SystemTest):
+class LifecycleTest(SystemTest):
     kind = ""
 
-    def walk(self, form, place, password=None):
+    def run_lifecycle(self, form, place, password=None):
         storage = storages.shared(self, self.kind)
-        road = Road(self, storage, form, place, password)
-        road.out()
-        road.back()
-        road.clear()
+        lifecycle = Lifecycle(self, storage, form, place, password)
+        lifecycle.back_up_and_evict()
+        lifecycle.rebuild_and_restore()
+        lifecycle.clear()
 
     def plain(self):
-        self.walk(*FORMS[self.kind][0])
+        self.run_lifecycle(*FORMS[self.kind][0])
 
     def encrypted(self):
-        self.walk(*FORMS[self.kind][1], PASSWORD)
+        self.run_lifecycle(*FORMS[self.kind][1], PASSWORD)
 
 
 for kind_, forms_ in FORMS.items():
-    tests_ = {"kind": kind_, "test_plain": RoadTest.plain}
+    tests_ = {"kind": kind_, "test_plain": LifecycleTest.plain}
     if len(forms_) > 1:
-        tests_["test_encrypted"] = RoadTest.encrypted
-    globals()[kind_] = type(kind_, (RoadTest,), tests_)
+        tests_["test_encrypted"] = LifecycleTest.encrypted
+    globals()[kind_] = type(kind_, (LifecycleTest,), tests_)
 
 
 if __name__ == "__main__":

@@ -12,8 +12,8 @@ PAGE = 1000
 PLACE = f"web1/{DATE}/"
 
 
-class Pages(SystemTest):
-    def test_a_rescan_finds_what_stands_on_later_pages(self):
+class ManyListingPages(SystemTest):
+    def test_a_rescan_finds_files_on_later_pages(self):
         storage = storages.shared(self, "S3Http")
         # More names than one page lists come before the info files of the directory.
         others = {f"{PLACE}0{number}.dar": "x" for number in range(PAGE + 5)}

@@ -17,7 +17,7 @@ TIMEOUT = 3
 GRACE = 7  # seconds; more than the program needs, less than an unnecessary wait
 NAME = "F2026-11-20.web1.tgz"
 NAME_SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "name_server.py")
-STRANGERS = {  # the first bytes of servers of other protocols
+WRONG_SERVERS = {  # the first bytes of servers of other protocols
     "http": b"HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n",
     "ssh": b"SSH-2.0-OpenSSH_9.2\r\n",
     "mail": b"220 mail.example ESMTP\r\n",
@@ -25,7 +25,7 @@ STRANGERS = {  # the first bytes of servers of other protocols
 }
 
 
-class Trouble:
+class RefusedToken:
     """A token whose use must fail. `words` is a pattern that the error must match, in any case."""
 
     def __init__(self, words, token, patience=TIMEOUT):
@@ -40,18 +40,18 @@ def credentials(test, storage):
     patience = 20
 
     def changed(**changes):
-        return Trouble(refused, storage.token(timeout=patience, **changes), patience)
+        return RefusedToken(refused, storage.token(timeout=patience, **changes), patience)
 
     troubles = {"an unknown user": changed(user="stranger")}
     if storage.parts["password"]:
         troubles["a wrong password"] = changed(password="not/the+secret")
     if "key" in storage.params:
         troubles["an unknown key"] = changed(key=storage.info["unknown_key"])
-        troubles["a key file that is missing"] = Trouble("/nowhere/key",
-                                                         storage.token(key="/nowhere/key"))
+        troubles["a key file that is missing"] = RefusedToken("/nowhere/key",
+                                                              storage.token(key="/nowhere/key"))
         broken = write(os.path.join(test.folder, "broken key"), "no key")
         os.chmod(broken, 0o600)
-        troubles["a key file that is none"] = Trouble("broken key", storage.token(key=broken))
+        troubles["a key file that is none"] = RefusedToken("broken key", storage.token(key=broken))
     return troubles
 
 
@@ -59,14 +59,14 @@ def certificates(test, storage):
     way = Peer(test, to=("127.0.0.1", int(storage.parts["port"])), address="127.0.0.9")
     ports = {"expired": storage.info["expired_port"],
              "self-signed": storage.info["self_signed_port"]}
-    troubles = {f"a certificate that is {what}": Trouble(f"certificate.*{what[:4]}",
-                                                        storage.token(port=port))
+    troubles = {f"a certificate that is {what}": RefusedToken(f"certificate.*{what[:4]}",
+                                                              storage.token(port=port))
                 for what, port in ports.items()}
-    troubles["a certificate for another host"] = Trouble(
+    troubles["a certificate for another host"] = RefusedToken(
         "certificate", storage.token(host=way.host, port=way.port))
-    troubles["an unknown authority"] = Trouble("certificate", storage.token(ca=None))
-    troubles["a file of authorities that is missing"] = Trouble("/nowhere/ca",
-                                                                storage.token(ca="/nowhere/ca"))
+    troubles["an unknown authority"] = RefusedToken("certificate", storage.token(ca=None))
+    troubles["a file of authorities that is missing"] = RefusedToken("/nowhere/ca",
+                                                                     storage.token(ca="/nowhere/ca"))
     return troubles
 
 
@@ -74,29 +74,29 @@ def host_keys(_test, storage):
     files = {"an unknown host key": storage.info["known_hosts_empty"],
              "a changed host key": storage.info["known_hosts_changed"],
              "a file of host keys that is missing": "/nowhere/known_hosts"}
-    return {what: Trouble("(host key|known_hosts)", storage.token(known_hosts=path))
+    return {what: RefusedToken("(host key|known_hosts)", storage.token(known_hosts=path))
             for what, path in files.items()}
 
 
-def places(_test, storage):
+def missing_directories(_test, storage):
     missing = storage.parts["path"].rstrip("/") + "-missing"
     if "bucket" in vars(storage):
-        missing = storage.parts["path"].replace(storage.bucket, "roads-of-nobody")
-    return {"a place that is missing": Trouble("((directory|bucket).* does not exist|no (such )?directory)",
-                                               storage.token(path=missing))}
+        missing = storage.parts["path"].replace(storage.bucket, "missing-bucket")
+    return {"a missing directory": RefusedToken("((directory|bucket).* does not exist|no (such )?directory)",
+                                                storage.token(path=missing))}
 
 
-def peers(test, storage):
+def wrong_servers(test, storage):
     address = "127[.]0[.]0[.]1('?, port |:){}"
     port = deserted_port(test)
-    troubles = {"nobody": Trouble(address.format(port), storage.token(port=port))}
+    troubles = {"no server": RefusedToken(address.format(port), storage.token(port=port))}
     silent = Peer(test)
-    troubles["a silent server"] = Trouble(address.format(silent.port),
-                                          storage.token(port=silent.port))
-    for what, greeting in STRANGERS.items():
+    troubles["a silent server"] = RefusedToken(address.format(silent.port),
+                                               storage.token(port=silent.port))
+    for what, greeting in WRONG_SERVERS.items():
         peer = Peer(test, greeting)
-        troubles["a stranger: " + what] = Trouble(address.format(peer.port),
-                                                  storage.token(port=peer.port))
+        troubles["a wrong server: " + what] = RefusedToken(address.format(peer.port),
+                                                           storage.token(port=peer.port))
     return troubles
 
 
@@ -134,14 +134,14 @@ class RefusalTest(SystemTest):
         secrets = [*storage.secrets(), "not/the+secret"]
         troubles = make(self, storage)
         with concurrent.futures.ThreadPoolExecutor(4) as pool:
-            found = {what: pool.submit(self.meet, trouble, secrets)
+            found = {what: pool.submit(self.check_refused, trouble, secrets)
                      for what, trouble in troubles.items()}
         for what, faults in found.items():
             with self.subTest(trouble=what):
                 self.assertEqual([], faults.result())
         self.assertEqual([], storage.names())
 
-    def meet(self, trouble, secrets):
+    def check_refused(self, trouble, secrets):
         """Runs the commands with the token. Returns a text for each difference from the expected failure."""
         if "timeout=" not in trouble.token:
             trouble.token += ("&" if "?" in trouble.token else "?") + f"timeout={TIMEOUT}"
@@ -184,8 +184,8 @@ class NameServerTest(RefusalTest):
         self.manner = manner
         server, make = storages.KINDS[self.kind]
         storage = make(self, storages.shared_info(server))
-        trouble = Trouble("backup[.]example", storage.token(host="backup.example"))
-        self.assertEqual([], self.meet(trouble, storage.secrets()))
+        trouble = RefusedToken("backup[.]example", storage.token(host="backup.example"))
+        self.assertEqual([], self.check_refused(trouble, storage.secrets()))
 
     def run_command(self, root, command):
         alone = ("unshare", "--net", "--mount", sys.executable, "-B", NAME_SERVER, self.manner)
@@ -200,10 +200,10 @@ def name_case(manner):
     return lambda test: test.check_name(manner)
 
 
-ALWAYS = {"test_credentials": case(credentials), "test_places": case(places)}
-ONCE_PER_PROTOCOL = {"test_peers": case(peers),
+ALWAYS = {"test_credentials": case(credentials), "test_missing_directories": case(missing_directories)}
+ONCE_PER_PROTOCOL = {"test_wrong_and_silent_servers": case(wrong_servers),
                      "test_a_name_server_that_is_silent": name_case("silent"),
-                     "test_a_name_that_nobody_has": name_case("denying")}
+                     "test_an_unknown_host_name": name_case("denying")}
 OF_TLS = {"test_certificates": case(certificates)}
 OF_SSH = {"test_host_keys": case(host_keys)}
 

@@ -60,7 +60,7 @@ class Refused(FullStorageTest):
         self.root_.wait_log("Upload failed", level=3, pid=server.pid)
         self.assertTrue(server.is_silent(0.1))
 
-    def test_an_upload_goes_on_once_the_server_has_made_room(self):
+    def test_an_upload_continues_after_the_server_has_made_space(self):
         root = self.root_
         write(os.path.join(root.storage, "old"), b"x" * (900 * 1024))
         server = ScriptedServer(root)
@@ -75,7 +75,7 @@ class Refused(FullStorageTest):
         self.assertEqual(512 * 1024,
                          os.path.getsize(os.path.join(root.storage, "F2026-11-20.web1.tgz")))
 
-    def test_a_refused_dropone_releases_the_reservation_and_gives_the_file_up(self):
+    def test_a_refused_dropone_releases_the_reservation_and_abandons_the_upload(self):
         root = self.root_
         server = ScriptedServer(root)
         path = self.source("F2026-11-20.web1.tgz")

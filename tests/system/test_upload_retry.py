@@ -25,7 +25,7 @@ class Retry(SystemTest):
         self.assertEqual(f"OK {NAME} 10", call.answer())
         return root, server, obstacle
 
-    def test_attempts_and_waits(self):
+    def test_three_attempts_with_pauses(self):
         mended, mended_server, obstacle = self.failing_upload("mended")
         failing, failing_server, _ = self.failing_upload("failing")
         for root in (mended, failing):
