@@ -232,7 +232,7 @@ class HostileStorage(RescanTest):
 class InterruptedRescan(RescanTest):
     USERS = 150
 
-    def broken_off_at(self, root, files):
+    def interrupt_at(self, root, files):
         """Kills a rescan when the info root has this many files. A fast rescan may end before the kill."""
         pid_file = root.file("var/quarn2_cp.pid")
         if os.path.exists(pid_file):
@@ -278,7 +278,7 @@ class InterruptedRescan(RescanTest):
             before = tree_bytes(root.info_root)
             files = random.randrange(whole * 5 // 4)
             with self.subTest(files=files, whole=whole):
-                self.broken_off_at(root, files)
+                self.interrupt_at(root, files)
                 after = tree_bytes(root.info_root)
                 after.pop(MARKER_BEING_WRITTEN, None)
                 if MARKER in after:

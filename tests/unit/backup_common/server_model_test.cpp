@@ -70,14 +70,14 @@ TEST(ServerLimits, SizesThatCannotBeReadAreQuoted) {
 // --- Sums ---
 
 TEST(Sums, StayAtTheEndsOfTheRange) {
-    constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+    constexpr std::int64_t kMinSize = std::numeric_limits<std::int64_t>::min();
     EXPECT_EQ(SumOfSizes(2, 3), 5);
     EXPECT_EQ(SumOfSizes(kNoSize, 1), kNoSize);
-    EXPECT_EQ(SumOfSizes(kLeast, -1), kLeast);
+    EXPECT_EQ(SumOfSizes(kMinSize, -1), kMinSize);
     EXPECT_EQ(LessSize(2, 3), -1);
-    EXPECT_EQ(LessSize(kLeast, 1), kLeast);
+    EXPECT_EQ(LessSize(kMinSize, 1), kMinSize);
     EXPECT_EQ(LessSize(kNoSize, -1), kNoSize);
-    EXPECT_EQ(LessSize(0, kLeast), kNoSize);
+    EXPECT_EQ(LessSize(0, kMinSize), kNoSize);
 }
 
 // --- Records ---

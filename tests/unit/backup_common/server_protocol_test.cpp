@@ -12,8 +12,8 @@ using BackupInfo = GlobalSizeControl::StorageDesc::UserDesc::BackupInfo;
 
 constexpr int kFull = 0;
 constexpr int kDaily = 1;
-constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
+constexpr std::int64_t kMaxSize = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kMinSize = std::numeric_limits<std::int64_t>::min();
 
 class Protocol : public ProgramSite {
   protected:
@@ -166,9 +166,9 @@ TEST_F(Protocol, ReserveWhoseEvictionFailsAnswersWithTheReason) {
 }
 
 TEST_F(Protocol, SizesAtTheEndsOfTheRange) {
-    control_.size_limit = storage_.limit = storage_.free_size = kMost;
+    control_.size_limit = storage_.limit = storage_.free_size = kMaxSize;
     EXPECT_EQ(Ask("RESERVE 9223372036854775807"), "OK 0");
-    EXPECT_EQ(storage_.reserved, kMost);
+    EXPECT_EQ(storage_.reserved, kMaxSize);
     EXPECT_EQ(Ask("RESERVE 1"),
               "ERR No disk space left on storage. Size limit: 9223372036854775807");
     EXPECT_EQ(Ask("RESERVE 9223372036854775808"), "ERR '9223372036854775808' is out of range");
@@ -304,7 +304,7 @@ TEST_F(Protocol, DropOneWithASizeLimitDropsNothing) {
 }
 
 TEST_F(Protocol, DropOneWithoutALimitIsOnePass) {
-    control_.size_limit = storage_.limit = storage_.free_size = kMost;
+    control_.size_limit = storage_.limit = storage_.free_size = kMaxSize;
     Add("web1", "2026-11-01", 20, kFull);
     Add("web1", "2026-11-02", 20, kFull);
     control_.max_count = 2;
@@ -329,9 +329,9 @@ TEST_F(Protocol, ReleaseHasNoFloor) {
     EXPECT_EQ(storage_.reserved, -30);
     EXPECT_EQ(Ask("RELEASE"), "OK");
     EXPECT_EQ(storage_.reserved, -30);
-    storage_.reserved = kLeast;
+    storage_.reserved = kMinSize;
     EXPECT_EQ(Ask("RELEASE 1"), "OK");
-    EXPECT_EQ(storage_.reserved, kLeast);
+    EXPECT_EQ(storage_.reserved, kMinSize);
 }
 
 // --- The end of a session ---

@@ -95,10 +95,10 @@ TEST_F(Encryption, HasTheSizeOfHeaderContentAndTags) {
 
 // A server may report any size, even one that no file can have.
 TEST(PlainSize, OfSizesThatNoFileHasIsNoLessThanNothing) {
-    constexpr std::int64_t kMost = std::numeric_limits<std::int64_t>::max();
-    constexpr std::int64_t kLeast = std::numeric_limits<std::int64_t>::min();
-    EXPECT_EQ(quarn2::PlainSize(kMost, 4096), 9187483429707480895);
-    EXPECT_EQ(quarn2::PlainSize(kLeast, 4096), 0);
+    constexpr std::int64_t kMaxSize = std::numeric_limits<std::int64_t>::max();
+    constexpr std::int64_t kMinSize = std::numeric_limits<std::int64_t>::min();
+    EXPECT_EQ(quarn2::PlainSize(kMaxSize, 4096), 9187483429707480895);
+    EXPECT_EQ(quarn2::PlainSize(kMinSize, 4096), 0);
     EXPECT_EQ(quarn2::PlainSize(-1, 4096), 0);
     EXPECT_EQ(quarn2::PlainSize(0, 4096), 0);
     EXPECT_EQ(quarn2::PlainSize(kHeader, 4096), 0);

@@ -20,9 +20,9 @@ constexpr const char* kInfo = "root/2026-11-15.web1.info";
 constexpr const char* kText =
     "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-15.web1.2.dar\nsize=100\ntype=full";
 
-class BrokenOff : public ProgramSite {
+class InterruptedOperations : public ProgramSite {
   protected:
-    BrokenOff() {
+    InterruptedOperations() {
         Place(kInfo, kText);
         store_->SetFile("F2026-11-15.web1.1.dar", "x");
         store_->SetFile("F2026-11-15.web1.2.dar", "x");
@@ -64,7 +64,7 @@ class BrokenOff : public ProgramSite {
     GlobalSizeControl control_;
 };
 
-TEST_F(BrokenOff, ADeletionTellsOfItselfBeforeAnythingIsGone) {
+TEST_F(InterruptedOperations, ADeletionIsMarkedBeforeItsFirstRemoval) {
     bool looked = false;
     store_->SetHook([&looked](const std::string& operation, const std::string&) {
         if (operation != "Remove" || std::exchange(looked, true)) return;
@@ -76,7 +76,7 @@ TEST_F(BrokenOff, ADeletionTellsOfItselfBeforeAnythingIsGone) {
     EXPECT_EQ(Stored(), Lines());
 }
 
-TEST_F(BrokenOff, ADeletionThatFailsInTheMiddleIsNoBackupAnyMore) {
+TEST_F(InterruptedOperations, AHalfDeletedBackupIsNotCounted) {
     FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
     ExpectTrouble();
     ExpectMarked();
@@ -86,7 +86,7 @@ TEST_F(BrokenOff, ADeletionThatFailsInTheMiddleIsNoBackupAnyMore) {
               (std::map<std::string, std::int64_t>{{kInfo, 100}}));
 }
 
-TEST_F(BrokenOff, ADeletionOfABackupWithoutAReadableSizeIsFinishedToo) {
+TEST_F(InterruptedOperations, ADeletionOfABackupWithoutAReadableSizeIsCompletedToo) {
     Place(kInfo, "deletion=x\nlast-slice=F2026-11-15.web1.2.dar\nsize=10G\ntype=full");
     control_.Init("2026-11-20");
     EXPECT_EQ(Log(4), (Lines{std::string("4: Half-deleted backup '") + kInfo +
@@ -96,7 +96,7 @@ TEST_F(BrokenOff, ADeletionOfABackupWithoutAReadableSizeIsFinishedToo) {
     EXPECT_EQ(Stored(), Lines());
 }
 
-TEST_F(BrokenOff, ADeletionThatFailedBeforeAnythingWasGoneIsTakenBack) {
+TEST_F(InterruptedOperations, ADeletionThatFailedBeforeItsFirstRemovalIsTakenBack) {
     for (const Kind kind : {Kind::kNotFound, Kind::kUnauthorized}) {
         FailAt("F2026-11-15.web1.2.dar", kind);
         ExpectTrouble();
@@ -107,7 +107,7 @@ TEST_F(BrokenOff, ADeletionThatFailedBeforeAnythingWasGoneIsTakenBack) {
     ExpectMarked();
 }
 
-TEST_F(BrokenOff, AnAnswerThatWasLostMayHaveBeenAYes) {
+TEST_F(InterruptedOperations, ALostAnswerCountsAsARemoval) {
     for (const Kind kind : {Kind::kUnavailable, Kind::kFailed}) {
         Place(kInfo, kText);
         FailAt("F2026-11-15.web1.2.dar", kind);
@@ -116,7 +116,7 @@ TEST_F(BrokenOff, AnAnswerThatWasLostMayHaveBeenAYes) {
     }
 }
 
-TEST_F(BrokenOff, TheNextServerFinishesADeletion) {
+TEST_F(InterruptedOperations, TheNextServerCompletesADeletion) {
     FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
     ExpectTrouble();
     store_->SetHook({});
@@ -128,7 +128,7 @@ TEST_F(BrokenOff, TheNextServerFinishesADeletion) {
     EXPECT_EQ(Log(5).back(), std::string("5: Finish the deletion of '") + kInfo + "'");
 }
 
-TEST_F(BrokenOff, WhatCannotBeFinishedTakesUpSpaceAndStopsNobody) {
+TEST_F(InterruptedOperations, ADeletionThatCannotBeCompletedUsesSpaceAndStopsNoServer) {
     FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
     ExpectTrouble();
     control_.Init("2026-11-20");
@@ -142,7 +142,7 @@ TEST_F(BrokenOff, WhatCannotBeFinishedTakesUpSpaceAndStopsNobody) {
 
 // --- Deletions and outages ---
 
-TEST_F(BrokenOff, ADeletionThatRemovedNothingIsTakenBackByTheNextServer) {
+TEST_F(InterruptedOperations, ADeletionThatRemovedNothingIsTakenBackByTheNextServer) {
     FailAt("F2026-11-15.web1.2.dar", Kind::kUnavailable);
     ExpectTrouble();
     ExpectMarked();
@@ -154,7 +154,7 @@ TEST_F(BrokenOff, ADeletionThatRemovedNothingIsTakenBackByTheNextServer) {
     EXPECT_EQ(Stored().size(), 3U);
 }
 
-TEST_F(BrokenOff, InDirectoryFormItIsTakenBackOnlyIfTheIndexIsThereToo) {
+TEST_F(InterruptedOperations, ADeletionInDirectoryFormIsTakenBackOnlyIfTheIndexExistsToo) {
     const std::string directory = "root/web1/2026-11-15/";
     const std::string info = directory + "2026-11-15.web1.info";
     const std::string marked =
@@ -171,7 +171,7 @@ TEST_F(BrokenOff, InDirectoryFormItIsTakenBackOnlyIfTheIndexIsThereToo) {
     EXPECT_TRUE(TakeBackDeletion(*storage_, info));
 }
 
-TEST_F(BrokenOff, AnOutageCostsNoFurtherBackup) {
+TEST_F(InterruptedOperations, AnOutageCostsNoFurtherBackup) {
     for (const char* day : {"13", "14"}) {
         Place(std::string("root/2026-11-") + day + ".web1.info",
               std::string("finished=2026-11-15 01:00:00\nlast-slice=F2026-11-") + day +
@@ -190,7 +190,7 @@ TEST_F(BrokenOff, AnOutageCostsNoFurtherBackup) {
     EXPECT_EQ(control_.storages.at("").free_size, 900);
 }
 
-TEST_F(BrokenOff, ADeletionThatNoStorageCanFinishKeepsNoOtherFromBeingMade) {
+TEST_F(InterruptedOperations, ADeletionThatNoStorageCanCompleteBlocksNoOther) {
     Place("root/2026-11-14.web1.info",
           "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
     Place("root/2026-11-16.web1.info",
@@ -204,7 +204,7 @@ TEST_F(BrokenOff, ADeletionThatNoStorageCanFinishKeepsNoOtherFromBeingMade) {
     EXPECT_TRUE(local_files::Has(kInfo));
 }
 
-TEST_F(BrokenOff, AKeyOfAnotherProgramBesideFinishedIsNoDeletion) {
+TEST_F(InterruptedOperations, AKeyOfAnotherProgramBesideFinishedIsNoDeletion) {
     Place(kInfo, std::string("deletion=planned for March\n") + kText);
     control_.Init("2026-11-20");
     control_.FinishDeletions();
@@ -212,7 +212,7 @@ TEST_F(BrokenOff, AKeyOfAnotherProgramBesideFinishedIsNoDeletion) {
     EXPECT_EQ(Stored().size(), 3U);
 }
 
-TEST_F(BrokenOff, ARescanFinishesDeletionsFirst) {
+TEST_F(InterruptedOperations, ARescanCompletesDeletionsFirst) {
     FailAt("F2026-11-15.web1.1.dar", Kind::kFailed);
     Place("root/2026-11-14.web1.info", kText);
     Place("root/2026-11-13.web1.info", std::string(1, '\0'));
@@ -224,7 +224,7 @@ TEST_F(BrokenOff, ARescanFinishesDeletionsFirst) {
     EXPECT_EQ(Below("root"), (Lines{"2026-11-13.web1.info", "2026-11-14.web1.info"}));
 }
 
-TEST_F(BrokenOff, ADeletionByAnotherProcessLeavesTheNewestThatIsLeft) {
+TEST_F(InterruptedOperations, ADeletionByAnotherProcessLeavesTheNewestThatIsLeft) {
     Place("root/2026-11-14.web1.info",
           "finished=2026-11-14 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
     control_.Init("2026-11-20");
@@ -239,7 +239,7 @@ TEST_F(BrokenOff, ADeletionByAnotherProcessLeavesTheNewestThatIsLeft) {
 
 // --- Backups that are not complete ---
 
-class Unfinished : public BrokenOff {
+class BackupsInProgress : public InterruptedOperations {
   protected:
     static constexpr const char* kEntry = "F2026-11-15.web1";
 
@@ -257,7 +257,7 @@ class Unfinished : public BrokenOff {
     }
 };
 
-TEST_F(Unfinished, AreNotCountedWhateverTheirInfoFileSays) {
+TEST_F(BackupsInProgress, AreNotCountedWhateverTheirInfoFileSays) {
     Record(SliceState::kStored, kInfo);
     store_->SetFile("2026-11-15.web1.info", "of an earlier backup=1");
     Init();
@@ -269,7 +269,7 @@ TEST_F(Unfinished, AreNotCountedWhateverTheirInfoFileSays) {
         << "the files of an earlier one may still be there";
 }
 
-TEST_F(Unfinished, OnesWhoseInfoFileTheStorageHasAreComplete) {
+TEST_F(BackupsInProgress, ThoseWithAnInfoFileOnTheStorageAreComplete) {
     Place(kInfo, std::string("node=web1\n") + kText);
     Record(SliceState::kStored, kInfo);
     Init();
@@ -277,7 +277,7 @@ TEST_F(Unfinished, OnesWhoseInfoFileTheStorageHasAreComplete) {
     EXPECT_EQ(Ledger().Entries().size(), 0U);
 }
 
-TEST_F(Unfinished, AMissingSliceMattersMoreThanTheInfoFile) {
+TEST_F(BackupsInProgress, AMissingSliceMattersMoreThanTheInfoFile) {
     for (const SliceState state :
          {SliceState::kUploading, SliceState::kAbandoned, SliceState::kRemoved}) {
         Record(state, kInfo);
@@ -286,13 +286,13 @@ TEST_F(Unfinished, AMissingSliceMattersMoreThanTheInfoFile) {
     }
 }
 
-TEST_F(Unfinished, ARefusedUploadLeavesACompleteBackupAsItIs) {
+TEST_F(BackupsInProgress, ARefusedUploadLeavesACompleteBackupAsItIs) {
     Record(SliceState::kRefused);
     Init();
     EXPECT_EQ(Counted(), 1U);
 }
 
-TEST_F(Unfinished, OnesOfAnotherStorageAreNotOfThisAccount) {
+TEST_F(BackupsInProgress, ThoseOfAnotherStorageAreNotInTheAccount) {
     Record(SliceState::kUploading);
     Ledger().Update(kEntry, [](LedgerEntry& entry) { entry.storage = "sftp://elsewhere/srv"; });
     Init();
@@ -300,7 +300,7 @@ TEST_F(Unfinished, OnesOfAnotherStorageAreNotOfThisAccount) {
     EXPECT_EQ(control_.storages.at("").unfinished, 0);
 }
 
-TEST_F(Unfinished, AnotherArchiveOfTheDayMattersOnceItMayHaveReplacedTheIndex) {
+TEST_F(BackupsInProgress, AnotherArchiveOfTheDayMattersOnceItMayHaveReplacedTheIndex) {
     const std::string other = "I2026-11-15.web1";
     const auto counts_with = [&](const std::string& name, SliceState state) {
         Ledger().Update(other, [&](LedgerEntry& entry) {
@@ -315,7 +315,7 @@ TEST_F(Unfinished, AnotherArchiveOfTheDayMattersOnceItMayHaveReplacedTheIndex) {
     EXPECT_FALSE(counts_with("2026-11-15.web1.1.dar", SliceState::kStored));
 }
 
-TEST_F(Unfinished, AnEmptyEntryIsRememberedAsUnknownWhenItGetsATextUntilTheEnd) {
+TEST_F(BackupsInProgress, AnEmptyEntryIsRememberedAsUnknownWhenItGetsATextUntilTheEnd) {
     const std::string other = "I2026-11-15.web1";
     ASSERT_TRUE(Ledger().MakeUnknown(other));
     Init();
@@ -330,7 +330,7 @@ TEST_F(Unfinished, AnEmptyEntryIsRememberedAsUnknownWhenItGetsATextUntilTheEnd) 
     EXPECT_TRUE(IsCounted());
 }
 
-TEST_F(Unfinished, ADamagedEntryKeepsItsBackupFromBeingCounted) {
+TEST_F(BackupsInProgress, ADamagedEntryKeepsItsBackupFromBeingCounted) {
     Place(std::string("var/quarn2_cp.ledger/") + kEntry,
           "slice-1=stored 10G F2026-11-15.web1.1.dar");
     std::filesystem::permissions("var/quarn2_cp.ledger", std::filesystem::perms(0700));
@@ -341,7 +341,7 @@ TEST_F(Unfinished, ADamagedEntryKeepsItsBackupFromBeingCounted) {
     EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
 }
 
-TEST_F(Unfinished, MarkersOfAnEarlierVersionBecomeEntries) {
+TEST_F(BackupsInProgress, MarkersOfAnEarlierVersionBecomeEntries) {
     std::string boot = local_files::Load("/proc/sys/kernel/random/boot_id");
     boot = str::GetWord(boot, "\n");
     const std::string upload = "\n2026-11-15.web1\nF2026-11-15.web1.1.dar";
@@ -359,7 +359,7 @@ TEST_F(Unfinished, MarkersOfAnEarlierVersionBecomeEntries) {
     EXPECT_FALSE(control_.storages.at("").users.contains("web1"));
 }
 
-TEST_F(Unfinished, SlicesOfAnEarlierDateGoBeforeBackups) {
+TEST_F(BackupsInProgress, SlicesOfAnEarlierDateAreEvictedBeforeBackups) {
     store_->SetFile("F2026-11-14.web2.1.dar", "x");
     store_->SetFile("F2026-11-20.web2.1.dar", "x");
     for (const char* day : {"14", "20"}) {
@@ -385,7 +385,7 @@ TEST_F(Unfinished, SlicesOfAnEarlierDateGoBeforeBackups) {
                                "F2026-11-15.web1.2.dar", "F2026-11-20.web2.1.dar"}));
 }
 
-TEST_F(Unfinished, ABackupWhoseJobIsRepeatedProtectsNoOlderOneAndIsNotEvicted) {
+TEST_F(BackupsInProgress, ABackupWhoseJobIsRepeatedProtectsNoOlderOneAndIsNotEvicted) {
     Place("root/2026-11-14.web1.info",
           "finished=2026-11-14 01:00:00\nlast-slice=F2026-11-14.web1.1.dar\nsize=100\ntype=full");
     Init();
@@ -397,7 +397,7 @@ TEST_F(Unfinished, ABackupWhoseJobIsRepeatedProtectsNoOlderOneAndIsNotEvicted) {
     EXPECT_EQ(Counted(), 1U);
 }
 
-TEST_F(Unfinished, OnesWithoutTheirSlicesAreStillNoBackups) {
+TEST_F(BackupsInProgress, ThoseWithoutSlicesAreStillNoBackups) {
     const std::string entry = "F2026-11-14.web2";
     Place("root/2026-11-14.web2.info",
           "finished=2026-11-14 01:00:00\nlast-slice=" + entry + ".1.dar\nsize=900\ntype=full");
@@ -413,7 +413,8 @@ TEST_F(Unfinished, OnesWithoutTheirSlicesAreStillNoBackups) {
     EXPECT_EQ(control_.storages.at("").unfinished, 0);
 }
 
-TEST_F(Unfinished, AnInterruptedJobOfAnotherTypeIsReclaimedWithoutTheCompleteBackupOfItsDay) {
+TEST_F(BackupsInProgress,
+       AnInterruptedJobOfAnotherTypeIsReclaimedWithoutTheCompleteBackupOfItsDay) {
     store_->SetFile("I2026-11-15.web1.1.dar", "x");
     Ledger().Update("I2026-11-15.web1", [](LedgerEntry& entry) {
         entry.storage = "memory:///site";
@@ -429,7 +430,7 @@ TEST_F(Unfinished, AnInterruptedJobOfAnotherTypeIsReclaimedWithoutTheCompleteBac
     EXPECT_EQ(Ledger().Entries().size(), 0U);
 }
 
-TEST_F(Unfinished, WhatAJobTouchesMeanwhileIsNotReclaimed) {
+TEST_F(BackupsInProgress, SlicesThatAJobPutsMeanwhileAreNotReclaimed) {
     Ledger().Update("F2026-11-14.web2", [](LedgerEntry& entry) {
         entry.storage = "memory:///site";
         entry.slices["F2026-11-14.web2.1.dar"] = {SliceState::kStored, 900, ""};
@@ -445,7 +446,7 @@ TEST_F(Unfinished, WhatAJobTouchesMeanwhileIsNotReclaimed) {
 
 // --- Clear ---
 
-TEST_F(BrokenOff, ABrokenClearStopsServers) {
+TEST_F(InterruptedOperations, AnInterruptedClearStopsServers) {
     Place("var/backup/tovarn/a.info", "x");
     store_->SetHook([](const std::string& operation, const std::string&) {
         if (operation == "Clear") throw kro_err::Error(Kind::kUnavailable, "down");
@@ -461,7 +462,7 @@ TEST_F(BrokenOff, ABrokenClearStopsServers) {
     EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
 }
 
-TEST_F(BrokenOff, AnInterruptedClearIsNotFinishedWithAnotherStorage) {
+TEST_F(InterruptedOperations, AnInterruptedClearIsNotCompletedWithAnotherStorage) {
     Place("var/backup/tovarn/a.info", "x");
     Place("var/backup/tovarn/.clear", "The backups are being removed.\nstorage=sftp://host/srv");
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandClear(); }),
@@ -474,7 +475,7 @@ TEST_F(BrokenOff, AnInterruptedClearIsNotFinishedWithAnotherStorage) {
     EXPECT_FALSE(local_files::Has("var/backup/tovarn"));
 }
 
-TEST_F(BrokenOff, AStorageThatIsNotThereHasLostNothing) {
+TEST_F(InterruptedOperations, AMissingStorageLosesNoBackup) {
     Place("var/backup/tovarn/a.info", "x");
     store_->SetHook([](const std::string&, const std::string&) {
         throw kro_err::Error(Kind::kNotFound, "not mounted");
