@@ -30,9 +30,9 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::size_t kLargestPacket = 65536;
+constexpr std::size_t kMaxPacket = 65536;
 // Beyond this limit a lane discards packets, as a router does for a slow receiver.
-constexpr std::size_t kMostQueuedBytes = std::size_t{64} << 20;
+constexpr std::size_t kMaxQueuedBytes = std::size_t{64} << 20;
 
 [[noreturn]] void Fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -72,7 +72,7 @@ class Lane {
             // No packet is waiting, or the device is not up yet.
             if (size <= 0) return;
             const auto length = static_cast<std::size_t>(size);
-            if (queued_ + length > kMostQueuedBytes) continue;
+            if (queued_ + length > kMaxQueuedBytes) continue;
             queued_ += length;
             packets_.push_back({Clock::now() + delay_, {buffer_.data(), buffer_.data() + length}});
         }
@@ -103,7 +103,7 @@ class Lane {
     Clock::duration delay_;
     std::deque<Packet> packets_;
     std::size_t queued_ = 0;
-    std::array<char, kLargestPacket> buffer_ = {};
+    std::array<char, kMaxPacket> buffer_ = {};
 };
 
 // True at the end of standard input. Discards any input before it.

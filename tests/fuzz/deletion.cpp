@@ -18,7 +18,7 @@ namespace {
 using fuzz::Require;
 namespace fs = std::filesystem;
 
-constexpr std::size_t kMostSlices = 3;
+constexpr std::size_t kMaxSlices = 3;
 
 const char* const kOutside[] = {"outside.tgz", "beside/2026-11-20.web1.info", "beside/x.tgz",
                                 "info/web2/2026-11-20/2026-11-20.web2.info"};
@@ -62,7 +62,7 @@ bool IsCheap(const std::string& info) {
         row = digits(c) ? row + 1 : 0;
         if (row == 4) return false;
     }
-    return slices <= kMostSlices;
+    return slices <= kMaxSlices;
 }
 
 // After a successful deletion, checks that the slice is gone if the info file contains only

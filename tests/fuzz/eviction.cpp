@@ -18,8 +18,8 @@ using simple_rules::Record;
 using simple_rules::Rules;
 using simple_rules::User;
 
-constexpr std::size_t kMostUsers = 4;
-constexpr std::size_t kMostRecords = 24;
+constexpr std::size_t kMaxUsers = 4;
+constexpr std::size_t kMaxRecords = 24;
 
 // One storage in both implementations.
 class World {
@@ -27,7 +27,7 @@ class World {
     explicit World(fuzz::Input& input) : storage_(control_.AddStorage(nullptr)) {
         control_.size_limit = rules_.size_limit = 1000;
         storage_.free_size = rules_.free = 1000;
-        const std::size_t users = input.Byte() % (kMostUsers + 1);
+        const std::size_t users = input.Byte() % (kMaxUsers + 1);
         for (std::size_t i = 0; i < users; ++i) MakeUser("u" + std::to_string(i), input);
         for (const User& user : rules_.users) {
             const int count = static_cast<int>(user.records.size());
@@ -42,7 +42,7 @@ class World {
         rules_.evictions.clear();
         switch (input.Byte() % 3) {
             case 0:
-                return DropOldest(static_cast<int>(input.Byte() % (kMostRecords + 2)) - 1);
+                return DropOldest(static_cast<int>(input.Byte() % (kMaxRecords + 2)) - 1);
             case 1:
                 return DropByCount(static_cast<int>(input.Byte() % 8),
                                    static_cast<int>(input.Byte() % 32));
@@ -65,7 +65,7 @@ class World {
     void MakeUser(const std::string& name, fuzz::Input& input) {
         std::string date = "2026-01-01";
         User user{name, {}};
-        const std::size_t records = input.Byte() % (kMostRecords + 1);
+        const std::size_t records = input.Byte() % (kMaxRecords + 1);
         UserDesc& desc = storage_.users[name];
         for (std::size_t i = 0; i < records; ++i) {
             const unsigned bits = input.Byte();

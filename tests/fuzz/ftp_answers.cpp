@@ -17,11 +17,11 @@ namespace {
 using fuzz::Require;
 using namespace quarn2::ftp;
 
-constexpr std::size_t kLongestText = 20UL * 1024;
+constexpr std::size_t kMaxText = 20UL * 1024;
 
 void CheckReply(const Reply& reply) {
     Require(reply.code >= 0 && reply.code <= 999, "a code has three digits");
-    Require(reply.text.size() < kLongestText, "a text has an end");
+    Require(reply.text.size() < kMaxText, "a text has an end");
     Require(reply.verb.find(' ') == reply.verb.npos, "no argument of a command is kept");
     SaysMissing(reply.words);
     SaysDenied(reply.words);

@@ -82,8 +82,8 @@ class Input {
 template <class Take>
 void InPieces(std::string_view text, const Take& take) {
     while (!text.empty()) {
-        constexpr unsigned kLongest = 13;
-        const std::size_t size = 1 + static_cast<unsigned char>(text.front()) % kLongest;
+        constexpr unsigned kMaxPiece = 13;
+        const std::size_t size = 1 + static_cast<unsigned char>(text.front()) % kMaxPiece;
         take(text.substr(0, size));
         text.remove_prefix(std::min(size, text.size()));
     }

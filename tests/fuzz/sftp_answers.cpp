@@ -35,7 +35,7 @@ class Scripted final : public Stream {
     void Write(std::span<const std::byte> bytes) override {
         // The first message is the greeting, which has no id.
         if (++requests_ == 1 || bytes.size() < kHead) return;
-        if (requests_ > kMost) Gone();
+        if (requests_ > kMaxRequests) Gone();
         ids_.push_back(U32At(bytes, 5));
     }
     std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
@@ -53,7 +53,7 @@ class Scripted final : public Stream {
     void CheckAlive() override {}
 
   private:
-    static constexpr int kMost = 4096;
+    static constexpr int kMaxRequests = 4096;
 
     [[noreturn]] static void Gone() {
         throw kro_err::Error(kro_err::Kind::kUnavailable, "the server has gone");

@@ -75,10 +75,10 @@ mode_t ModeOf(int flags, va_list arguments) noexcept {
     return given ? va_arg(arguments, mode_t) : 0;
 }
 
-constexpr int kLongestWait = 10;
+constexpr int kMaxWait = 10;
 constexpr std::int64_t kMillisecond = 1000000;
 constexpr std::int64_t kSecond = 1000 * kMillisecond;
-constexpr std::int64_t kShortestSleep = 2 * kMillisecond;
+constexpr std::int64_t kMinSleep = 2 * kMillisecond;
 
 // Nanoseconds by which this process's monotonic clock is ahead.
 std::atomic<std::int64_t> skipped{0};
@@ -408,7 +408,7 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec
     if (flags == TIMER_ABSTIME) clock_gettime(clock, &now);
     const std::int64_t rest = Nanoseconds(*wanted) - Nanoseconds(now);
     if (rest <= 0) return 0;
-    const std::int64_t quick = std::min(rest, std::max(rest / 1000, kShortestSleep));
+    const std::int64_t quick = std::min(rest, std::max(rest / 1000, kMinSleep));
     timespec pause{};
     Advance(pause, quick);
     next(CLOCK_MONOTONIC, 0, &pause, nullptr);
@@ -418,10 +418,10 @@ int clock_nanosleep(clockid_t clock, int flags, const timespec* wanted, timespec
 
 int poll(pollfd* states, nfds_t count, int timeout) {
     NEXT(poll);
-    if (!fault::IsQuick() || timeout <= kLongestWait) return next(states, count, timeout);
-    const int ready = next(states, count, kLongestWait);
+    if (!fault::IsQuick() || timeout <= kMaxWait) return next(states, count, timeout);
+    const int ready = next(states, count, kMaxWait);
     if (ready == 0 && fault::MayAdvanceClock()) {
-        skipped += (timeout - kLongestWait) * kMillisecond;
+        skipped += (timeout - kMaxWait) * kMillisecond;
     }
     return ready;
 }

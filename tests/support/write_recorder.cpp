@@ -203,10 +203,10 @@ void RecordContent(const char* operation, int fd) {
 
 // Larger files are skipped. The tests' own files are small, but the program itself is also below
 // the watched directory.
-constexpr off_t kLargest = 1 << 20;
+constexpr off_t kMaxFileSize = 1 << 20;
 
 int RecordTree(const char* path, const struct stat* status, int type, struct FTW* /*place*/) {
-    if (type != FTW_F || status->st_size > kLargest) return 0;
+    if (type != FTW_F || status->st_size > kMaxFileSize) return 0;
     const int fd = RawOpen(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK);
     if (fd >= 0 && IsPlain(fd)) RecordContent("W", fd);
     if (fd >= 0) close(fd);
