@@ -1,0 +1,85 @@
+// Forecasts for a storage with a size limit, from the daily sums of its events. The functions are
+// pure: they use neither the clock nor files.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <vector>
+
+#include "quarn2_cp2_event.h"
+
+// The events of one day. All sizes are in bytes.
+struct DaySums {
+    int day = 0;                        // local civil day, as days since 1970-01-01
+    std::int64_t completed = 0;         // size of the backups that were completed
+    std::int64_t deleted = 0;           // size of the backups that were deleted
+    std::int64_t evicted = 0;           // the part of `deleted` that was deleted to make space
+    std::optional<std::int64_t> used;   // of the storage, after the last event of the day
+    std::optional<std::int64_t> limit;  // of the storage, after the last event of the day
+
+    friend bool operator==(const DaySums&, const DaySums&) = default;
+};
+
+// Adds up events by day. Sums that are too large become the largest number.
+class DailySums {
+  public:
+    void Add(const Event& event);
+
+    // The days with events, the earliest first.
+    std::vector<DaySums> Days() const;
+
+  private:
+    std::map<int, DaySums> days_;
+};
+
+// A trend in bytes per day. The lower and upper quartile of the slopes between pairs of days are
+// its range.
+struct Trend {
+    double slope = 0;
+    double low = 0;
+    double high = 0;
+};
+
+struct DayValue {
+    int day = 0;
+    double value = 0;
+};
+
+// A trend is computed from the last 30 days, from pairs of days that are whole weeks apart, so that
+// full backups on one day of each week are no trend. It is the median slope of these pairs, so that
+// a few unusual days do not change it. `values` are sorted by day. Returns nothing for fewer than
+// 10 days with values: among ten days there are at least three such pairs.
+inline constexpr int kTrendDays = 30;
+inline constexpr std::size_t kMinTrendDays = 10;
+std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
+
+// When a condition begins, in days after the last day of the history; 0 if it already holds. A
+// member without value: not within kForecastDays.
+inline constexpr int kForecastDays = 365;
+struct Forecast {
+    bool has_data = false;        // false: not enough data, the other members have no values
+    std::optional<int> expected;  // with the slope of the trend
+    std::optional<int> earliest;  // with the quartile that reaches the condition first
+    std::optional<int> latest;    // with the other quartile
+
+    friend bool operator==(const Forecast&, const Forecast&) = default;
+};
+
+// All three use the limit of the last day that has one. Without a limit, no condition ever holds.
+// `days` is a history as of DailySums::Days, without the current day, which is not complete. Days
+// without events may be missing.
+
+// When the server begins to delete backups because of the size limit. Backups that it has already
+// deleted for that reason count as growth.
+Forecast EvictionForecast(const std::vector<DaySums>& days);
+
+// When the limit is less than the size of the backups that all users together complete in
+// `min_days` days. From then on the storage keeps fewer than about `min_days` days of backups for
+// each user, whatever the count limits allow.
+Forecast DepthForecast(const std::vector<DaySums>& days, int min_days);
+
+// When the newest backups of all users, with the full backups that they need, reach the limit. The
+// server never deletes these backups, so it refuses uploads then. `newest_chains` is their size on
+// the last day. They are assumed to grow like the size of the backups that are completed per day.
+Forecast RefusalForecast(const std::vector<DaySums>& days, std::int64_t newest_chains);
