@@ -5,6 +5,7 @@ Other files there stay: they are inputs that once broke a promise. A seed is an 
 the fuzzer starts behind the first checks. The comment at the top of each target describes its form.
 """
 
+import json
 import pathlib
 import struct
 
@@ -210,6 +211,23 @@ def eviction_seeds():
             "no_daily": weeks + bytes([1, 0, 0]), "none": bytes([0, 0, 0])}
 
 
+def event(day, kind, **members):
+    """A line of the events file."""
+    return json.dumps({"time": f"2026-11-{day:02}T12:00:00.123Z", "event": kind} | members, separators=(",", ":"))
+
+
+def event_seeds():
+    deleted = event(20, "deleted", reason="size-reserve", user="web1", date="2026-11-19", type="full", size=5, used=95, limit=100,
+                    node="n1", detail="a \"text\"\n\u20ac")
+    history = "".join(event(day, "completed", user="web1", size=day, used=50 + day, limit=100) + "\n" for day in range(1, 31))
+    return {"whole": b"l" + deleted.encode(), "newer": b"l" + event(20, "moved", reason="age", to={"storage": [1, 2]}).encode(),
+            "large": b"l" + event(20, "stored", size=2**63 - 1, detail="x" * 1001).encode(),
+            "too_large": b"l" + event(20, "stored", size=2**63).encode(),
+            "null": b"l" + event(20, "rescan", user=None, size=None).encode(),
+            "no_time": b"l" + event(31, "stored").encode(), "history": b"f" + history.encode(),
+            "cut": b"f" + f"{deleted}\n{deleted[:60]}{deleted}\n\n{deleted[:90]}".encode()}
+
+
 def deletion_seeds():
     infos = {"plain": "last-slice=F2026-11-20.web1.tgz\nsize=6\ntype=full\n", "parts": "last-slice=I2026-11-20.web1.tgz.part2\n",
              "dar": "last-slice=F2026-11-20.web1.3.dar more\n", "role": "last-slice=F2026-11-20.web1.tgz\nrole-mail=F2026-11-20.web1.tgz\n",
@@ -248,6 +266,7 @@ def all_seeds():
                       "negative": b"finished=x\nsize=-5\n", "huge": b"finished=x\nsize=9223372036854775807\ntype=full\n",
                       "nul": b"a=\0b"},
         "eviction": eviction_seeds(),
+        "events": event_seeds(),
         "encryption": encryption_seeds(),
         "control_commands": control_seeds(),
         "link": link_seeds(),
