@@ -4,6 +4,7 @@
 #include <charconv>
 #include <utility>
 
+#include "base/hex.h"
 #include "base/stored_name.h"
 #include "cancel_rest.h"
 #include "kro/kro_err.h"

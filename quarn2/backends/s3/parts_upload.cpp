@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/hex.h"
 #include "cancel_rest.h"
 #include "keys.h"
 #include "kro/kro_err.h"

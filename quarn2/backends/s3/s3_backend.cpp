@@ -4,6 +4,7 @@
 #include <memory>
 #include <utility>
 
+#include "base/hex.h"
 #include "base/stored_name.h"
 #include "directory.h"
 #include "download.h"

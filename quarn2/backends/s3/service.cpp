@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/hex.h"
 #include "base/percent.h"
 #include "base/stored_name.h"
 #include "keys.h"

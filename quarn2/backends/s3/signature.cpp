@@ -4,6 +4,7 @@
 #include <array>
 
 #include "base/digest.h"
+#include "base/hex.h"
 #include "base/percent.h"
 #include "kro/str.h"
 

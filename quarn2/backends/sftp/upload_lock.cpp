@@ -1,6 +1,7 @@
 #include "upload_lock.h"
 
 #include "base/digest.h"
+#include "base/hex.h"
 #include "kro/kro_err.h"
 
 namespace quarn2::sftp {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/hex.h"
 #include "base/percent.h"
 #include "base/stored_name.h"
 #include "kro/kro_file.h"
@@ -20,17 +21,6 @@ constexpr std::string_view kTemporaryEnd = ".part~";
 
 bool IsDecimal(char c) noexcept { return c >= '0' && c <= '9'; }
 bool IsHex(char c) noexcept { return IsDecimal(c) || (c >= 'a' && c <= 'f'); }
-
-std::string RandomDigits() {
-    static constexpr std::string_view kHex = "0123456789abcdef";
-    std::string digits;
-    for (const char c : str::Random(kRandomBytes)) {
-        const auto byte = static_cast<unsigned char>(c);
-        digits += kHex[byte >> 4U];
-        digits += kHex[byte & 15U];
-    }
-    return digits;
-}
 
 // Returns the beginning of a file's name that fits into its temporary name.
 std::string_view Kept(std::string_view file) {
@@ -116,7 +106,7 @@ std::optional<std::string> DavAddress::NameOf(std::string_view href) const {
 
 std::string NewTemporaryName(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
-    std::string temporary = RandomDigits();
+    std::string temporary = Hex(str::Random(kRandomBytes));
     temporary.append(".").append(Kept(file)).append(kTemporaryEnd);
     return kro_file::ConcatPath(directory, temporary);
 }

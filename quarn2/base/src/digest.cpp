@@ -4,9 +4,9 @@
 #include <openssl/hmac.h>
 
 #include <array>
-#include <charconv>
 #include <limits>
 
+#include "base/hex.h"
 #include "kro/kro_err.h"
 
 namespace quarn2 {
@@ -65,30 +65,6 @@ std::string HmacSha256(std::string_view key, std::string_view text) {
                reinterpret_cast<const unsigned char*>(text.data()), text.size(), code.data(),
                &size) != nullptr);
     return {reinterpret_cast<const char*>(code.data()), size};
-}
-
-std::string Hex(std::string_view bytes) {
-    static constexpr std::string_view kDigits = "0123456789abcdef";
-    std::string hex;
-    for (const char c : bytes) {
-        const auto byte = static_cast<unsigned char>(c);
-        hex += kDigits[byte >> 4U];
-        hex += kDigits[byte & 15U];
-    }
-    return hex;
-}
-
-std::optional<std::string> FromHex(std::string_view text) {
-    if (text.size() % 2 != 0) return std::nullopt;
-    std::string bytes;
-    for (; !text.empty(); text.remove_prefix(2)) {
-        unsigned value = 0;
-        const char* const end = text.data() + 2;
-        const auto result = std::from_chars(text.data(), end, value, 16);
-        if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-        bytes += static_cast<char>(value);
-    }
-    return bytes;
 }
 
 const std::string& EmptySha256() {

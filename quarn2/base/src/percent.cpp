@@ -1,6 +1,6 @@
 #include "base/percent.h"
 
-#include <charconv>
+#include "base/hex.h"
 
 namespace quarn2 {
 
@@ -11,29 +11,17 @@ bool IsUnreserved(char c) noexcept {
            std::string_view("-._~").find(c) != std::string_view::npos;
 }
 
-std::optional<char> HexByte(std::string_view digits) {
-    unsigned value = 0;
-    if (digits.size() < 2) return std::nullopt;
-    const char* const end = digits.data() + 2;
-    const auto result = std::from_chars(digits.data(), end, value, 16);
-    if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
-    return static_cast<char>(value);
-}
-
 }  // namespace
 
 std::string PercentEncoded(std::string_view text, std::string_view also_plain) {
-    static constexpr std::string_view kHex = "0123456789ABCDEF";
     std::string encoded;
-    for (const char c : text) {
+    for (const char& c : text) {
         if (IsUnreserved(c) || also_plain.find(c) != std::string_view::npos) {
             encoded += c;
             continue;
         }
-        const auto byte = static_cast<unsigned char>(c);
         encoded += '%';
-        encoded += kHex[byte >> 4U];
-        encoded += kHex[byte & 15U];
+        encoded += UpperHex({&c, 1});
     }
     return encoded;
 }
@@ -45,8 +33,9 @@ std::optional<std::string> PercentDecoded(std::string_view text) {
             decoded += text[i];
             continue;
         }
-        const std::optional<char> byte = HexByte(text.substr(i + 1));
-        if (!byte) return std::nullopt;
+        const std::string_view digits = text.substr(i + 1, 2);
+        const std::optional<std::string> byte = FromHex(digits);
+        if (digits.size() != 2 || !byte) return std::nullopt;
         decoded += *byte;
         i += 2;
     }

@@ -3,8 +3,8 @@
 #include <limits.h>
 
 #include <algorithm>
-#include <array>
 
+#include "base/hex.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_new_file.h"
@@ -50,18 +50,13 @@ bool HasControl(std::string_view text) noexcept {
 }
 
 std::string Quoted(std::string_view name) {
-    static constexpr std::array<char, 16> kHex = {'0', '1', '2', '3', '4', '5', '6', '7',
-                                                  '8', '9', 'a', 'b', 'c', 'd', 'e', 'f'};
     std::string text = "'";
-    for (const char c : name.substr(0, kQuotedLimit)) {
-        if (!IsControl(c)) {
+    for (const char& c : name.substr(0, kQuotedLimit)) {
+        if (IsControl(c)) {
+            text += "\\x" + Hex({&c, 1});
+        } else {
             text += c;
-            continue;
         }
-        const auto byte = static_cast<unsigned char>(c);
-        text += "\\x";
-        text += kHex[byte >> 4U];
-        text += kHex[byte & 15U];
     }
     if (name.size() > kQuotedLimit) text += "...";
     return text + "'";

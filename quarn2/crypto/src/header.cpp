@@ -7,6 +7,7 @@
 #include <tuple>
 #include <utility>
 
+#include "base/hex.h"
 #include "kro/kro_err.h"
 
 namespace quarn2 {
@@ -154,17 +155,11 @@ std::string PasswordHash(const std::string& password) {
     // The salt is constant, because the hash of a password must be the same in every process.
     static constexpr std::string_view kHashSalt = "quarn2 key hash ";
     static constexpr std::size_t kHashBytes = 16;
-    static constexpr std::string_view kHex = "0123456789abcdef";
     Salt salt{};
     const Bytes text = std::as_bytes(std::span(kHashSalt));
     std::copy_n(text.begin(), std::min(text.size(), salt.size()), salt.begin());
     const Key hash = KeyFor(Keys().Get(password, salt, kCost), "key hash", {});
-    std::string hex;
-    for (const std::byte byte : std::span(hash).first(kHashBytes)) {
-        hex += kHex[std::to_integer<unsigned>(byte >> 4U)];
-        hex += kHex[std::to_integer<unsigned>(byte & std::byte{15})];
-    }
-    return hex;
+    return Hex({reinterpret_cast<const char*>(hash.data()), kHashBytes});
 }
 
 std::int64_t EncryptedSize(std::int64_t plain) {

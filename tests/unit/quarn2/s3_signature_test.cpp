@@ -4,6 +4,7 @@
 
 #include "backends/s3/signature.h"
 #include "base/digest.h"
+#include "base/hex.h"
 #include "base/percent.h"
 
 namespace {

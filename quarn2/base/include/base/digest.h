@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <memory>
-#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -33,11 +32,6 @@ class Digest {
 std::string Sha256(std::string_view text);
 std::string Md5(std::string_view text);
 std::string HmacSha256(std::string_view key, std::string_view text);
-
-// Encodes bytes as lowercase hexadecimal digits.
-std::string Hex(std::string_view bytes);
-// Decodes pairs of hexadecimal digits. Returns nullopt when the text contains anything else.
-std::optional<std::string> FromHex(std::string_view text);
 
 // Returns the SHA-256 of empty input in hexadecimal digits.
 const std::string& EmptySha256();
