@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/ascii.h"
 #include "kro/str.h"
 
 namespace quarn2::ftp {
@@ -13,24 +14,18 @@ constexpr std::size_t kCodeLength = 3;
 // The maximum number of bytes of a reply that are kept. Replies have only a few lines.
 constexpr std::size_t kMaxTextBytes = 16UL * 1024;
 
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-
 // Returns the reply code at the beginning of a line, or 0 if the line does not begin with a code.
 int CodeOf(std::string_view line) {
     if (line.size() < kCodeLength) return 0;
     const std::string_view digits = line.substr(0, kCodeLength);
-    return std::all_of(digits.begin(), digits.end(), IsDigit) ? str::Int(digits) : 0;
-}
-
-bool IsWordCharacter(char c) noexcept {
-    return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+    return IsNumber(digits) ? str::Int(digits) : 0;
 }
 
 // Returns true if text[begin, end) begins or ends inside a word.
 bool CutsWord(std::string_view text, std::size_t begin, std::size_t end) {
-    const bool before = begin > 0 && IsWordCharacter(text[begin - 1]);
-    const bool after = end < text.size() && IsWordCharacter(text[end]);
-    return (before && IsWordCharacter(text[begin])) || (after && IsWordCharacter(text[end - 1]));
+    const bool before = begin > 0 && IsLetterOrDigit(text[begin - 1]);
+    const bool after = end < text.size() && IsLetterOrDigit(text[end]);
+    return (before && IsLetterOrDigit(text[begin])) || (after && IsLetterOrDigit(text[end - 1]));
 }
 
 void EraseName(std::string& text, std::string_view name) {
@@ -73,8 +68,7 @@ std::int64_t NumberIn(const Reply& reply) {
     if (reply.code != kStatus) return -1;
     const std::size_t end = reply.text.find_last_not_of(" \n") + 1;
     const std::string_view digits = std::string_view(reply.text).substr(0, end);
-    const bool is_number = !digits.empty() && digits.size() <= kMaxDigits &&
-                           std::all_of(digits.begin(), digits.end(), IsDigit);
+    const bool is_number = digits.size() <= kMaxDigits && IsNumber(digits);
     return is_number ? str::Int64(digits) : -1;
 }
 

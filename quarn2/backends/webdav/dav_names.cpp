@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/ascii.h"
 #include "base/hex.h"
 #include "base/percent.h"
 #include "base/stored_name.h"
@@ -19,8 +20,8 @@ constexpr std::size_t kRandomDigits = 2 * kRandomBytes;
 constexpr std::size_t kMaxNameLength = 255;
 constexpr std::string_view kTemporaryEnd = ".part~";
 
-bool IsDecimal(char c) noexcept { return c >= '0' && c <= '9'; }
-bool IsHex(char c) noexcept { return IsDecimal(c) || (c >= 'a' && c <= 'f'); }
+// Returns true for the digits that Hex() writes.
+bool IsHexDigit(char c) noexcept { return IsDigit(c) || (c >= 'a' && c <= 'f'); }
 
 // Returns the beginning of a file's name that fits into its temporary name.
 std::string_view Kept(std::string_view file) {
@@ -29,7 +30,7 @@ std::string_view Kept(std::string_view file) {
 
 bool HasRandomStart(std::string_view entry) noexcept {
     return entry.size() > kRandomDigits && entry[kRandomDigits] == '.' &&
-           std::all_of(entry.begin(), entry.begin() + kRandomDigits, IsHex);
+           std::all_of(entry.begin(), entry.begin() + kRandomDigits, IsHexDigit);
 }
 
 bool IsOwnForm(std::string_view entry) noexcept {
@@ -44,8 +45,7 @@ std::string_view WithoutCounter(std::string_view entry) noexcept {
     const std::size_t dot = entry.rfind('.');
     if (dot == std::string_view::npos) return entry;
     const std::string_view digits = entry.substr(dot + 1);
-    const bool counter =
-        digits.size() >= kMinDigits && std::all_of(digits.begin(), digits.end(), IsDecimal);
+    const bool counter = digits.size() >= kMinDigits && IsNumber(digits);
     const std::string_view rest = entry.substr(0, dot);
     return counter && IsOwnForm(rest) ? rest : entry;
 }

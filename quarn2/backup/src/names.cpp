@@ -9,6 +9,7 @@
 #include <array>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "base/stored_name.h"
 #include "kro/kro_date.h"
 #include "kro/kro_err.h"
@@ -31,11 +32,6 @@ constexpr std::string_view kEncrypted = ".aes";
 constexpr std::string_view kInfo = ".info";
 constexpr std::string_view kCustom = "custom";
 constexpr std::size_t kDateSize = std::string_view("YYYY-MM-DD").size();
-
-bool IsNumber(std::string_view text) {
-    return !text.empty() &&
-           std::all_of(text.begin(), text.end(), [](char c) { return c >= '0' && c <= '9'; });
-}
 
 // Returns `name` without ".partN", or unchanged when it has none.
 std::string_view WithoutPart(std::string_view name) {

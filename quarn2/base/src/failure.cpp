@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "base/ascii.h"
 #include "kro/str.h"
 
 namespace quarn2 {
@@ -9,8 +10,7 @@ namespace quarn2 {
 namespace {
 
 bool IsWordPart(char c) noexcept {
-    return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           (static_cast<unsigned char>(c) > 127);
+    return IsLower(c) || IsDigit(c) || (static_cast<unsigned char>(c) > 127);
 }
 
 bool IsDelimiter(char c) noexcept { return c == '/' || c == '\'' || c == '"' || c == '`'; }

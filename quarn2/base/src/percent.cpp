@@ -1,5 +1,6 @@
 #include "base/percent.h"
 
+#include "base/ascii.h"
 #include "base/hex.h"
 
 namespace quarn2 {
@@ -7,8 +8,7 @@ namespace quarn2 {
 namespace {
 
 bool IsUnreserved(char c) noexcept {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           std::string_view("-._~").find(c) != std::string_view::npos;
+    return IsLetterOrDigit(c) || std::string_view("-._~").find(c) != std::string_view::npos;
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
+#include "base/ascii.h"
 #include "built_in_schemes.h"
 #include "kro/str.h"
 
@@ -22,27 +23,20 @@ constexpr std::size_t kMaxWordLength = 64;
 // of the files need the rest.
 constexpr std::size_t kMaxPrefixLength = 512;
 
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-bool IsLower(char c) noexcept { return c >= 'a' && c <= 'z'; }
-bool IsUpper(char c) noexcept { return c >= 'A' && c <= 'Z'; }
-
 bool IsWord(std::string_view text, std::string_view marks) {
     return text.size() <= kMaxWordLength && std::all_of(text.begin(), text.end(), [marks](char c) {
-               return IsLower(c) || IsUpper(c) || IsDigit(c) ||
-                      marks.find(c) != std::string_view::npos;
+               return IsLetterOrDigit(c) || marks.find(c) != std::string_view::npos;
            });
 }
 
 std::string BucketFault(const std::string& bucket, bool is_virtual) {
     if (bucket.empty()) return std::string("an S3 storage needs a bucket, as in ") + kExample;
-    const bool good = bucket.size() >= kMinBucketLength && bucket.size() <= kMaxBucketLength &&
-                      std::all_of(bucket.begin(), bucket.end(),
-                                  [](char c) {
-                                      return IsLower(c) || IsUpper(c) || IsDigit(c) || c == '-' ||
-                                             c == '.' || c == '_';
-                                  }) &&
-                      bucket.front() != '.' && bucket.front() != '-' &&
-                      bucket.find("..") == std::string::npos;
+    const bool good =
+        bucket.size() >= kMinBucketLength && bucket.size() <= kMaxBucketLength &&
+        std::all_of(
+            bucket.begin(), bucket.end(),
+            [](char c) { return IsLetterOrDigit(c) || c == '-' || c == '.' || c == '_'; }) &&
+        bucket.front() != '.' && bucket.front() != '-' && bucket.find("..") == std::string::npos;
     if (!good) {
         return "what stands in the bucket's place is no bucket's name: 3 to 255 letters, digits, "
                "'-', '.' and '_'";
@@ -83,7 +77,7 @@ std::string StyleFault(const BackupToken& token) {
 std::string PartSizeFault(const std::string& text) {
     if (text.empty()) return {};
     constexpr std::size_t kMaxDigits = 18;
-    const bool number = text.size() <= kMaxDigits && std::all_of(text.begin(), text.end(), IsDigit);
+    const bool number = text.size() <= kMaxDigits && IsNumber(text);
     const std::int64_t size = number ? str::Int64(text) : 0;
     if (size >= kMinPart && size <= kMaxPart) return {};
     return "parameter 'part_size' must be a number of bytes from " + str::Str(kMinPart) + " to " +

@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "base/ascii.h"
 #include "base/percent.h"
 #include "base/stored_name.h"
 #include "crypto/header.h"
@@ -36,12 +37,6 @@ const std::set<std::string>& CommonParams() {
 bool IsSecret(const TokenScheme* scheme, const std::string& param) {
     return param == kPassword || (scheme != nullptr && scheme->secrets.contains(param));
 }
-
-bool IsLetterOrDigit(char c) noexcept {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-}
-
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // Returns true if the text is short and contains only letters, digits and the characters in
 // `marks`, so that an error text may quote it.
@@ -75,8 +70,7 @@ std::optional<std::string_view> CutTail(std::string_view& text, char mark) {
 }
 
 void CheckNumber(const std::string& name, const std::string& value) {
-    const bool number = value.size() <= 18 && std::all_of(value.begin(), value.end(), IsDigit);
-    if (!number) {
+    if (value.size() > 18 || !IsNumber(value)) {
         throw Fault{"storage token: parameter '" + name +
                     "' must be a whole number that is not negative"};
     }
