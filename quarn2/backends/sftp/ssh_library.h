@@ -8,38 +8,44 @@
 
 namespace quarn2::sftp {
 
+// The functions that the program uses: the name of the member of SshLibrary, and of the function.
+#define QUARN2_SSH_FUNCTIONS(F)                                     \
+    F(channel_is_eof, ssh_channel_is_eof)                           \
+    F(channel_new, ssh_channel_new)                                 \
+    F(channel_open_session, ssh_channel_open_session)               \
+    F(channel_poll, ssh_channel_poll)                               \
+    F(channel_read_timeout, ssh_channel_read_timeout)               \
+    F(channel_request_subsystem, ssh_channel_request_subsystem)     \
+    F(channel_write, ssh_channel_write)                             \
+    F(clean_pubkey_hash, ssh_clean_pubkey_hash)                     \
+    F(connect, ssh_connect)                                         \
+    F(disconnect, ssh_disconnect)                                   \
+    F(free_session, ssh_free)                                       \
+    F(get_error, ssh_get_error)                                     \
+    F(get_fingerprint_hash, ssh_get_fingerprint_hash)               \
+    F(get_publickey_hash, ssh_get_publickey_hash)                   \
+    F(get_server_publickey, ssh_get_server_publickey)               \
+    F(is_connected, ssh_is_connected)                               \
+    F(key_free, ssh_key_free)                                       \
+    F(key_type, ssh_key_type)                                       \
+    F(key_type_to_char, ssh_key_type_to_char)                       \
+    F(make, ssh_new)                                                \
+    F(options_set, ssh_options_set)                                 \
+    F(pki_export_pubkey_base64, ssh_pki_export_pubkey_base64)       \
+    F(pki_import_privkey_base64, ssh_pki_import_privkey_base64)     \
+    F(silent_disconnect, ssh_silent_disconnect)                     \
+    F(string_free_char, ssh_string_free_char)                       \
+    F(userauth_kbdint, ssh_userauth_kbdint)                         \
+    F(userauth_kbdint_getnprompts, ssh_userauth_kbdint_getnprompts) \
+    F(userauth_kbdint_setanswer, ssh_userauth_kbdint_setanswer)     \
+    F(userauth_list, ssh_userauth_list)                             \
+    F(userauth_password, ssh_userauth_password)                     \
+    F(userauth_publickey, ssh_userauth_publickey)
+
 struct SshLibrary {
-    decltype(&::ssh_channel_is_eof) channel_is_eof;
-    decltype(&::ssh_channel_new) channel_new;
-    decltype(&::ssh_channel_open_session) channel_open_session;
-    decltype(&::ssh_channel_poll) channel_poll;
-    decltype(&::ssh_channel_read_timeout) channel_read_timeout;
-    decltype(&::ssh_channel_request_subsystem) channel_request_subsystem;
-    decltype(&::ssh_channel_write) channel_write;
-    decltype(&::ssh_clean_pubkey_hash) clean_pubkey_hash;
-    decltype(&::ssh_connect) connect;
-    decltype(&::ssh_disconnect) disconnect;
-    decltype(&::ssh_free) free_session;
-    decltype(&::ssh_get_error) get_error;
-    decltype(&::ssh_get_fingerprint_hash) get_fingerprint_hash;
-    decltype(&::ssh_get_publickey_hash) get_publickey_hash;
-    decltype(&::ssh_get_server_publickey) get_server_publickey;
-    decltype(&::ssh_is_connected) is_connected;
-    decltype(&::ssh_key_free) key_free;
-    decltype(&::ssh_key_type) key_type;
-    decltype(&::ssh_key_type_to_char) key_type_to_char;
-    decltype(&::ssh_new) make;
-    decltype(&::ssh_options_set) options_set;
-    decltype(&::ssh_pki_export_pubkey_base64) pki_export_pubkey_base64;
-    decltype(&::ssh_pki_import_privkey_base64) pki_import_privkey_base64;
-    decltype(&::ssh_silent_disconnect) silent_disconnect;
-    decltype(&::ssh_string_free_char) string_free_char;
-    decltype(&::ssh_userauth_kbdint) userauth_kbdint;
-    decltype(&::ssh_userauth_kbdint_getnprompts) userauth_kbdint_getnprompts;
-    decltype(&::ssh_userauth_kbdint_setanswer) userauth_kbdint_setanswer;
-    decltype(&::ssh_userauth_list) userauth_list;
-    decltype(&::ssh_userauth_password) userauth_password;
-    decltype(&::ssh_userauth_publickey) userauth_publickey;
+#define QUARN2_SSH_MEMBER(member, function) decltype(&::function) member;
+    QUARN2_SSH_FUNCTIONS(QUARN2_SSH_MEMBER)
+#undef QUARN2_SSH_MEMBER
 };
 
 // Loads and initialises libssh at the first call and returns it. If libssh cannot be loaded, throws

@@ -6,23 +6,29 @@
 
 namespace quarn2::net {
 
+// The functions that the program uses, without the prefix "curl_" of their names.
+#define QUARN2_CURL_FUNCTIONS(F) \
+    F(easy_init)                 \
+    F(easy_cleanup)              \
+    F(easy_setopt)               \
+    F(easy_getinfo)              \
+    F(easy_strerror)             \
+    F(multi_init)                \
+    F(multi_cleanup)             \
+    F(multi_setopt)              \
+    F(multi_add_handle)          \
+    F(multi_remove_handle)       \
+    F(multi_perform)             \
+    F(multi_poll)                \
+    F(multi_info_read)           \
+    F(multi_strerror)            \
+    F(slist_append)              \
+    F(slist_free_all)
+
 struct CurlLibrary {
-    decltype(&::curl_easy_init) easy_init;
-    decltype(&::curl_easy_cleanup) easy_cleanup;
-    decltype(&::curl_easy_setopt) easy_setopt;
-    decltype(&::curl_easy_getinfo) easy_getinfo;
-    decltype(&::curl_easy_strerror) easy_strerror;
-    decltype(&::curl_multi_init) multi_init;
-    decltype(&::curl_multi_cleanup) multi_cleanup;
-    decltype(&::curl_multi_setopt) multi_setopt;
-    decltype(&::curl_multi_add_handle) multi_add_handle;
-    decltype(&::curl_multi_remove_handle) multi_remove_handle;
-    decltype(&::curl_multi_perform) multi_perform;
-    decltype(&::curl_multi_poll) multi_poll;
-    decltype(&::curl_multi_info_read) multi_info_read;
-    decltype(&::curl_multi_strerror) multi_strerror;
-    decltype(&::curl_slist_append) slist_append;
-    decltype(&::curl_slist_free_all) slist_free_all;
+#define QUARN2_CURL_MEMBER(name) decltype(&::curl_##name) name;
+    QUARN2_CURL_FUNCTIONS(QUARN2_CURL_MEMBER)
+#undef QUARN2_CURL_MEMBER
 };
 
 // Loads and initialises libcurl at the first call and returns it. If libcurl cannot be loaded,
