@@ -1,6 +1,5 @@
 #include "local_backend.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +7,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "base/directory.h"
 #include "base/stored_name.h"
 #include "errnos.h"
 #include "kro/kro_err.h"
@@ -50,11 +50,6 @@ void SyncRemoved(const std::string& directory) {
         if (!error.IsFull() && kro_file::Exists(directory)) throw;
     }
 }
-
-class DirCloser {
-  public:
-    void operator()(DIR* directory) const noexcept { closedir(directory); }
-};
 
 // Runs `action`. Converts a kro_err::SystemError to the error kind that FailureOf assigns to its
 // errno value.
@@ -346,21 +341,18 @@ void LocalBackend::MakeSynced(const std::string& name) const {
 
 std::vector<std::string> ReadNames(DIR* directory, const std::string& path) {
     std::vector<std::string> names;
-    for (;;) {
-        errno = 0;
-        const dirent* const entry = readdir(directory);
-        if (entry == nullptr && errno != 0) ThrowFailedTo("list", path);
-        if (entry == nullptr) return names;
-        const std::string_view name = static_cast<const char*>(entry->d_name);
-        if (name != "." && name != "..") names.emplace_back(name);
+    while (const dirent* const entry = NextEntry(directory)) {
+        names.emplace_back(static_cast<const char*>(entry->d_name));
     }
+    if (errno != 0) ThrowFailedTo("list", path);
+    return names;
 }
 
 std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
     CheckRoot();
     CheckWay(name);
     const std::string path = PathOf(name);
-    const std::unique_ptr<DIR, DirCloser> directory(opendir(path.c_str()));
+    const Directory directory = OpenDirectory(path);
     if (directory == nullptr) {
         struct stat status = {};
         // ENOTDIR: `path` is a file, or a parent of `path` is a file.
@@ -375,7 +367,7 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
 
 void LocalBackend::Empty() const {
     CheckRoot();
-    const std::unique_ptr<DIR, DirCloser> directory(opendir(root_.c_str()));
+    const Directory directory = OpenDirectory(root_);
     if (directory == nullptr) ThrowFailedTo("list", root_);
     for (const std::string& name : ReadNames(directory.get(), root_)) {
         kro_file::Remove(PathOf(name));

@@ -1,6 +1,5 @@
 #include "quarn2/info.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "backup/info_places.h"
+#include "base/directory.h"
 #include "base/sort_paths.h"
 #include "base/stored_name.h"
 #include "kro/kro_date.h"
@@ -26,10 +26,6 @@ namespace quarn2 {
 namespace {
 
 constexpr std::string_view kInfo = ".info";
-
-struct DirCloser {
-    void operator()(DIR* directory) const noexcept { closedir(directory); }
-};
 
 class Finder {
   public:
@@ -118,21 +114,16 @@ class Finder {
 
     template <class Visit>
     static void Walk(const std::string& directory, const Visit& visit) {
-        const std::unique_ptr<DIR, DirCloser> opened(opendir(directory.c_str()));
+        const Directory opened = OpenDirectory(directory);
         if (opened == nullptr) {
             if (errno == ENOENT) return;
             throw kro_err::FromErrno("Failed to list " + Quoted(directory));
         }
-        for (;;) {
-            errno = 0;
-            const dirent* const entry = readdir(opened.get());
-            if (entry == nullptr && errno != 0) {
-                throw kro_err::FromErrno("Failed to list " + Quoted(directory));
-            }
-            if (entry == nullptr) return;
+        while (const dirent* const entry = NextEntry(opened.get())) {
             const std::string_view name = static_cast<const char*>(entry->d_name);
-            if (name != "." && name != "..") visit(name, TypeOf(dirfd(opened.get()), *entry));
+            visit(name, TypeOf(dirfd(opened.get()), *entry));
         }
+        if (errno != 0) throw kro_err::FromErrno("Failed to list " + Quoted(directory));
     }
 
     // Returns the type of a directory entry. Calls fstatat only when readdir reports no type or a

@@ -1,0 +1,25 @@
+// Reads local directories with errors that the caller words itself.
+#pragma once
+
+#include <dirent.h>
+
+#include <memory>
+#include <string>
+
+namespace quarn2 {
+
+struct CloseDirectory {
+    void operator()(DIR* directory) const noexcept { closedir(directory); }
+};
+
+// An open directory. Null when opendir failed.
+using Directory = std::unique_ptr<DIR, CloseDirectory>;
+
+// Opens a directory. Returns null and sets errno when that fails.
+Directory OpenDirectory(const std::string& path);
+
+// Returns the next entry other than "." and "..", valid until the next call. Returns null at the
+// end of the directory, with errno 0, and when the directory cannot be read, with another errno.
+const dirent* NextEntry(DIR* directory) noexcept;
+
+}  // namespace quarn2
