@@ -9,6 +9,7 @@
 #include "keys.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
+#include "net/parallel_requests.h"
 
 namespace quarn2::s3 {
 
@@ -107,10 +108,12 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
 class Sweeper {
   public:
     Sweeper(Service& service, std::string prefix)
-        : service_(service), prefix_(std::move(prefix)), doing_("cannot empty a directory") {}
+        : service_(service),
+          prefix_(std::move(prefix)),
+          doing_("cannot empty a directory"),
+          requests_(service.client(), kAtOnce) {}
 
     void Run() {
-        const CancelRest guard(service_.client());
         Pages pages(service_);
         bool more = true;
         while (more) {
@@ -118,20 +121,12 @@ class Sweeper {
             more = pages.GoOn(page);
             StartPage(page.keys);
         }
-        WaitUntilBelow(1);
+        requests_.Finish();
     }
 
   private:
     static constexpr std::size_t kAtOnce = 4;
     static constexpr std::size_t kBatch = 1000;
-
-    void WaitUntilBelow(std::size_t count) {
-        while (service_.client().running() >= count) {
-            service_.client().Wait();
-            if (error_) std::rethrow_exception(error_);
-        }
-        if (error_) std::rethrow_exception(error_);
-    }
 
     void StartPage(const std::vector<std::string>& keys) {
         std::string batch;
@@ -175,22 +170,16 @@ class Sweeper {
 
     template <class Check>
     void StartCall(Call call, const Check& check) {
-        WaitUntilBelow(kAtOnce);
-        service_.client().Start(service_.Signed(std::move(call)),
-                                [this, check](const net::HttpResult& result) {
-                                    try {
-                                        if (result.error) std::rethrow_exception(result.error);
-                                        check(result.reply);
-                                    } catch (...) {
-                                        if (!error_) error_ = std::current_exception();
-                                    }
-                                });
+        requests_.Start(service_.Signed(std::move(call)), [check](const net::HttpResult& result) {
+            if (result.error) std::rethrow_exception(result.error);
+            check(result.reply);
+        });
     }
 
     Service& service_;
     std::string prefix_;
     std::string doing_;
-    std::exception_ptr error_;
+    net::ParallelRequests requests_;
 };
 
 // Removes one file with three parallel requests, which save round trips: one deletes the file, one

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "base/listing_limit.h"
-#include "cancel_rest.h"
 #include "kro/kro_err.h"
+#include "net/parallel_requests.h"
 
 namespace quarn2::s3 {
 
@@ -137,25 +137,13 @@ std::vector<UnfinishedUpload> Unfinished::List(const std::string& prefix) const 
 }
 
 void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
-    std::exception_ptr error;
-    const CancelRest guard(service_.client());
-    const auto wait_until_below = [&](std::size_t count) {
-        while (service_.client().running() >= count) service_.client().Wait();
-        if (error) std::rethrow_exception(error);
-    };
+    net::ParallelRequests requests(service_.client(), kAtOnce);
     for (const UnfinishedUpload& upload : uploads) {
         if (RunningUpload::IsRunning(upload.id)) continue;
-        wait_until_below(kAtOnce);
-        service_.client().Start(service_.Signed(AbortCall(upload)),
-                                [&](const net::HttpResult& result) {
-                                    try {
-                                        CheckAborted(service_, result);
-                                    } catch (...) {
-                                        if (!error) error = std::current_exception();
-                                    }
-                                });
+        requests.Start(service_.Signed(AbortCall(upload)),
+                       [this](const net::HttpResult& result) { CheckAborted(service_, result); });
     }
-    wait_until_below(1);
+    requests.Finish();
 }
 
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {

@@ -179,41 +179,25 @@ void DavServer::Delete(const std::string& name, bool is_collection) {
     DeleteAll({{name, is_collection}});
 }
 
-void DavServer::StartDeletion(const Target& victim, std::exception_ptr& error) {
+void DavServer::StartDeletion(const Target& victim, net::ParallelRequests& requests) {
     std::shared_ptr<Deletion> deletion = NewDeletion(victim);
     HttpRequest request;
     request.method = "DELETE";
     request.url =
         victim.is_collection ? address_.Directory(victim.name) : address_.File(victim.name);
     request.sink = &deletion->sink;
-    client_.Start(std::move(request), [this, &error, deletion](const HttpResult& result) {
-        try {
-            if (result.error) std::rethrow_exception(result.error);
-            Note(result.reply.status);
-            deletion->sink.Finish();
-            CheckDeleted(*deletion, result.reply);
-        } catch (...) {
-            if (!error) error = std::current_exception();
-        }
+    requests.Start(std::move(request), [this, deletion](const HttpResult& result) {
+        if (result.error) std::rethrow_exception(result.error);
+        Note(result.reply.status);
+        deletion->sink.Finish();
+        CheckDeleted(*deletion, result.reply);
     });
 }
 
 void DavServer::DeleteAll(const std::vector<Target>& victims) {
-    std::exception_ptr error;
-    auto next = victims.begin();
-    try {
-        while (next != victims.end() || client_.running() > 0) {
-            while (next != victims.end() && client_.running() < kDeletionsAtOnce) {
-                StartDeletion(*next++, error);
-            }
-            client_.Wait();
-            if (error) next = victims.end();
-        }
-    } catch (...) {
-        client_.Cancel();
-        throw;
-    }
-    if (error) std::rethrow_exception(error);
+    net::ParallelRequests requests(client_, kDeletionsAtOnce);
+    for (const Target& victim : victims) StartDeletion(victim, requests);
+    requests.Finish();
     // Check the root, because a proxy may report every name as missing when its server is down.
     if (std::exchange(some_absent_, false)) CheckRoot();
 }

@@ -1,7 +1,6 @@
 // Sends the requests of a WebDAV storage to its server.
 #pragma once
 
-#include <exception>
 #include <functional>
 #include <memory>
 #include <string>
@@ -11,6 +10,7 @@
 #include "dav_names.h"
 #include "multistatus.h"
 #include "net/http_client.h"
+#include "net/parallel_requests.h"
 #include "statuses.h"
 
 namespace quarn2::webdav {
@@ -81,7 +81,7 @@ class DavServer {
     net::HttpReply Propfind(const std::string& url, int depth, Ask ask,
                             const MultistatusSink::Take& take);
     std::unique_ptr<Deletion> NewDeletion(const Target& victim) const;
-    void StartDeletion(const Target& victim, std::exception_ptr& error);
+    void StartDeletion(const Target& victim, net::ParallelRequests& requests);
     void CheckDeleted(const Deletion& deletion, const net::HttpReply& reply);
     void Note(int status);
 

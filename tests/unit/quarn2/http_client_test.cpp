@@ -4,15 +4,20 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
+#include <thread>
 
 #include "http_client_fixture.h"
 #include "local_files.h"
+#include "net/parallel_requests.h"
 
 namespace {
 
 using quarn2::net::HttpResult;
 using quarn2::net::MemoryBody;
+using quarn2::net::ParallelRequests;
 using testing::Each;
 using testing::ElementsAre;
 using testing::Field;
@@ -342,6 +347,61 @@ TEST_F(HttpClientTest, CancelInsideACallIsSafe) {
     }
     while (client_->running() > 0) client_->Wait();
     EXPECT_EQ(called, 1);
+}
+
+TEST_F(HttpClientTest, ParallelRequestsKeepTheirLimit) {
+    std::atomic<int> present = 0;
+    std::atomic<int> most = 0;
+    Serve([&](HttpExchange& exchange) {
+        most = std::max<int>(most, ++present);
+        // Answers no request before three have arrived.
+        while (most < 3) std::this_thread::yield();
+        --present;
+        exchange.Answer(200, exchange.target);
+    });
+    ParallelRequests requests(*client_, 3);
+    std::vector<std::string> bodies;
+    for (int i = 0; i < 9; ++i) {
+        requests.Start(Request("GET", "/" + std::to_string(i)),
+                       [&](const HttpResult& result) { bodies.push_back(result.reply.body); });
+        EXPECT_LE(client_->running(), 3U);
+    }
+    requests.Finish();
+    EXPECT_THAT(bodies, SizeIs(9));
+    EXPECT_EQ(most, 3);
+}
+
+TEST_F(HttpClientTest, ParallelRequestsStopAtTheFirstFailureButWaitForTheRunningOnes) {
+    Serve([](HttpExchange& exchange) { exchange.Answer(200, exchange.target); });
+    ParallelRequests requests(*client_, 2);
+    std::vector<std::string> bodies;
+    const auto start = [&](const std::string& path) {
+        requests.Start(Request("GET", path), [&](const HttpResult& result) {
+            bodies.push_back(result.reply.body);
+            if (result.reply.body != "/good") throw Error(Kind::kFailed, result.reply.body);
+        });
+    };
+    start("/first");
+    start("/good");
+    ExpectError(Kind::kFailed, "/first", [&] {
+        for (int i = 0; i < 100; ++i) start("/good");
+    });
+    EXPECT_EQ(client_->running(), 0U);
+    const std::size_t ended = bodies.size();
+    ExpectError(Kind::kFailed, "/first", [&] { start("/never"); });
+    ExpectError(Kind::kFailed, "/first", [&] { requests.Finish(); });
+    EXPECT_THAT(bodies, SizeIs(ended));
+    EXPECT_THAT(server_->Seen(), SizeIs(ended));
+}
+
+TEST_F(HttpClientTest, ParallelRequestsCancelWhatStillRuns) {
+    Serve([](HttpExchange& exchange) { exchange.Stall(); });
+    {
+        ParallelRequests requests(*client_, 2);
+        requests.Start(Request("GET", "/"), [](const HttpResult&) { ADD_FAILURE() << "called"; });
+        EXPECT_EQ(client_->running(), 1U);
+    }
+    EXPECT_EQ(client_->running(), 0U);
 }
 
 TEST_F(HttpClientTest, GoesWithRequestsOnTheirWay) {
