@@ -8,7 +8,7 @@ target_compile_options(project_options INTERFACE
   -Wnon-virtual-dtor -Woverloaded-virtual -Wformat=2 -Wundef)
 target_compile_definitions(project_options INTERFACE _GNU_SOURCE)
 if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
-  # g++ 12 sees overlaps in plain string concatenation that are not there.
+  # g++ 12 reports false overlaps in plain string concatenation.
   target_compile_options(project_options INTERFACE -Wno-restrict)
 endif()
 
