@@ -68,7 +68,8 @@ void BM_EvictionPlan(benchmark::State& state) {
     Fill(control);
     std::size_t victims = 0;
     for ([[maybe_unused]] auto _ : state) {
-        victims = PlanPass(control.storages, control.max_count - 1).size();
+        victims = PlanPass(control.storages, control.max_count - 1, RemovalReason::kSizeReserve, {})
+                      .size();
         benchmark::DoNotOptimize(victims);
     }
     state.counters["victims"] = static_cast<double>(victims);
@@ -84,7 +85,8 @@ void BM_EvictionPass(benchmark::State& state) {
             GlobalSizeControl control;
             Fill(control);
             state.ResumeTiming();
-            for (const Victim& victim : PlanPass(control.storages, control.max_count - 1)) {
+            for (const Victim& victim : PlanPass(control.storages, control.max_count - 1,
+                                                 RemovalReason::kSizeReserve, {})) {
                 ForgetBackup(control.storages, victim);
             }
             --control.max_count;
@@ -94,6 +96,20 @@ void BM_EvictionPass(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_EvictionPass)->Iterations(10)->Unit(benchmark::kMillisecond);
+
+// Plans the evictions for one reservation in a storage without free space. Two passes are needed.
+void BM_EvictionForReservation(benchmark::State& state) {
+    GlobalSizeControl control;
+    Fill(control);
+    control.storages.at("").free_size = 0;
+    const std::int64_t size = std::int64_t{1500} * users;
+    for ([[maybe_unused]] auto _ : state) {
+        const EvictionPlan plan = PlanRoom(control, "", size, {});
+        if (plan.passes.size() != 2 || !plan.IsPossible()) std::abort();
+        benchmark::DoNotOptimize(plan);
+    }
+}
+BENCHMARK(BM_EvictionForReservation)->Unit(benchmark::kMillisecond);
 
 // A session whose client is this process. The client reads kAnswersAtOnce answers at a time.
 class Link {

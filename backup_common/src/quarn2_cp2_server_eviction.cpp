@@ -1,6 +1,7 @@
-#include "quarn2_cp2_server_eviction.h"
+// Executes the plans of evictions.
 
 #include <algorithm>
+#include <functional>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -8,6 +9,7 @@
 
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
+#include "kro/str.h"
 #include "quarn2/info.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_newest.h"
@@ -21,59 +23,8 @@ namespace {
 constexpr kro_log::Module kLog("main");
 
 using StorageDesc = GlobalSizeControl::StorageDesc;
-using BackupInfo = StorageDesc::UserDesc::BackupInfo;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
-
-bool IsFull(const BackupInfo& backup) { return backup.type == 0; }
-bool IsDaily(const BackupInfo& backup) { return backup.type == 1; }
-
-std::int64_t Count(const Backups& backups, bool (*is_kind)(const BackupInfo&)) {
-    return std::count_if(backups.begin(), backups.end(),
-                         [is_kind](const auto& record) { return is_kind(record.second); });
-}
-
-}  // namespace
-
-Backups::const_iterator OldestRemovable(const Backups& backups) {
-    for (auto record = backups.begin(); record != backups.end(); ++record) {
-        if (record->second.locked) continue;
-        const auto successor = std::next(record);
-        if (successor == backups.end()) break;
-        if (!IsFull(record->second) || IsFull(successor->second)) return record;
-    }
-    return backups.end();
-}
-
-std::vector<std::string> ExcessDailies(const Backups& backups, int leave) {
-    std::vector<std::string> dates;
-    std::int64_t excess = Count(backups, IsDaily) - leave;
-    for (auto record = backups.begin(); record != backups.end() && excess > 0; ++record) {
-        if (!IsDaily(record->second) || record->second.locked) continue;
-        if (std::next(record) == backups.end()) break;
-        dates.push_back(record->first);
-        --excess;
-    }
-    return dates;
-}
-
-// One pass over the backups is enough, because the deletion of a full backup that another full
-// backup follows does not make an earlier backup removable.
-std::vector<std::string> ExcessFulls(const Backups& backups, int leave) {
-    std::vector<std::string> dates;
-    std::int64_t excess = Count(backups, IsFull) - leave;
-    for (auto record = backups.begin(); record != backups.end() && excess > 0; ++record) {
-        if (!IsFull(record->second) || record->second.locked) continue;
-        const auto successor = std::next(record);
-        if (successor == backups.end()) break;
-        if (!IsFull(successor->second)) continue;
-        dates.push_back(record->first);
-        --excess;
-    }
-    return dates;
-}
-
-namespace {
 
 // Throws when the info root is missing or empty. A missing info file then does not show that its
 // backup was deleted, because all info files are missing.
@@ -91,6 +42,7 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const bool exists = kro_file::Exists(info_path);
     KRO_LOG(kLog, exists || victim.size != 0 ? 5 : 6, "Evict backup '%s', size: %lld",
             info_path.c_str(), ForLog(victim.size));
+    KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));
     if (exists) return Delete(storage, info_path, false);
     if (victim.size != 0) {
         CheckInfoRoot(control.path);
@@ -100,6 +52,8 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     KRO_LOG(kLog, 6, "Backup '%s' is already gone", info_path.c_str());
 }
 
+// Deletes the backups one after another. An exception keeps the record of the backup whose deletion
+// has failed, and the backups after it.
 void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
     if (victims.empty()) return;
     control.CheckStorage();
@@ -158,26 +112,33 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// For each user in `victims`, forgets the newest backup if another process, such as --delete, has
-// deleted that backup. Otherwise the deleted backup would be protected as the newest, and the
-// newest existing backup could be evicted. Returns true when a backup was forgotten.
-bool ForgetNewestThatIsGone(GlobalSizeControl& control, const Victims& victims) {
+// The storage and the name of each user in `victims`.
+using UserKeys = std::set<std::pair<std::string, std::string>>;
+
+UserKeys UsersOf(const Victims& victims) {
+    UserKeys users;
+    for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
+    return users;
+}
+
+// Forgets the newest backup of each user if another process, such as --delete, has deleted that
+// backup. Otherwise the deleted backup would be protected as the newest, and the newest existing
+// backup could be evicted. Returns true when a backup was forgotten.
+bool ForgetNewestThatIsGone(GlobalSizeControl& control, const UserKeys& users) {
     bool any = false;
-    for (const Victim& victim : victims) {
-        const Backups& backups = control.storages.at(victim.storage).users.at(victim.user).backups;
+    for (const auto& [storage, user] : users) {
+        const Backups& backups = control.storages.at(storage).users.at(user).backups;
         if (backups.empty()) continue;
         const auto& [date, newest] = *backups.rbegin();
-        any = ForgetIfGone(control, {victim.storage, victim.user, date, newest.size}) || any;
+        any = ForgetIfGone(control, {storage, user, date, newest.size}) || any;
     }
     return any;
 }
 
-// For each user in `victims`, forgets all backups that another process has deleted. With count
-// limits, each deleted backup that is still counted would cause the deletion of an existing one.
-// Returns true when a backup was forgotten.
-bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
-    std::set<std::pair<std::string, std::string>> users;
-    for (const Victim& victim : victims) users.emplace(victim.storage, victim.user);
+// Forgets all backups of the users that another process has deleted. With count limits, each
+// deleted backup that is still counted would cause the deletion of an existing one. Returns true
+// when a backup was forgotten.
+bool ForgetAllThatAreGone(GlobalSizeControl& control, const UserKeys& users) {
     bool any = false;
     for (const auto& [storage, user] : users) {
         const Backups backups = control.storages.at(storage).users.at(user).backups;
@@ -188,9 +149,19 @@ bool ForgetAllThatAreGone(GlobalSizeControl& control, const Victims& victims) {
     return any;
 }
 
-void ExecutePass(GlobalSizeControl& control, const Victims& victims) {
-    DeleteAll(control, victims);
-    --control.max_count;
+using AfterStep = std::function<void()>;
+
+// Deletes the victims of a plan in their order. Calls `after_step` after the deletions for the
+// count limits and after each pass.
+void Execute(
+    GlobalSizeControl& control, const EvictionPlan& plan, const AfterStep& after_step = [] {}) {
+    DeleteAll(control, plan.by_count);
+    after_step();
+    for (const Victims& pass : plan.passes) {
+        DeleteAll(control, pass);
+        --control.max_count;
+        after_step();
+    }
 }
 
 [[noreturn]] void ThrowAllLocked() {
@@ -226,13 +197,25 @@ bool HasBegunDeletion(const GlobalSizeControl& control) {
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// The model without the backups that a job is making again. Reads these jobs from the ledger,
-// because they may have started after the server.
-Storages Evictable(const GlobalSizeControl& control) {
-    const std::set<std::string> open = control.unfinished.OpenKeys();
-    return WithoutOpen(control.storages, [&open](const std::string& user, const std::string& date) {
-        return !open.empty() && open.contains(date + "." + user);
-    });
+// The backups that a job is making again. Reads these jobs from the ledger, because they may have
+// started after the server.
+OpenBackups FindOpen(const GlobalSizeControl& control) {
+    OpenBackups open;
+    for (std::string name : control.unfinished.OpenKeys()) {
+        const std::string date = str::GetWord(name, ".");
+        open[name].insert(date);
+    }
+    return open;
+}
+
+// Refuses a reservation without a deletion. The passes before the first victim count as done.
+[[noreturn]] void RefuseRoom(GlobalSizeControl& control, const EvictionPlan& plan,
+                             std::int64_t size) {
+    const auto first = std::find_if(plan.passes.begin(), plan.passes.end(),
+                                    [](const Victims& pass) { return !pass.empty(); });
+    control.max_count -= static_cast<std::int32_t>(first - plan.passes.begin());
+    if (plan.HasVictims()) LogImpossible(plan, size, "bytes are asked for");
+    ThrowAllLocked();
 }
 
 }  // namespace
@@ -246,25 +229,24 @@ void GlobalSizeControl::CheckStorage() {
 
 void GlobalSizeControl::DropOldest(int keep) {
     if (keep < 0) ThrowAllLocked();
-    if (keep >= max_count) return;
-    Victims victims = PlanPass(Evictable(*this), keep);
-    while (ForgetNewestThatIsGone(*this, victims)) victims = PlanPass(Evictable(*this), keep);
-    ExecutePass(*this, victims);
+    const auto make_plan = [&] { return PlanDropOne(*this, keep, FindOpen(*this)); };
+    EvictionPlan plan = make_plan();
+    while (ForgetNewestThatIsGone(*this, UsersOf(plan.AllVictims()))) plan = make_plan();
+    Execute(*this, plan);
 }
 
 void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_daily) {
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             count_to_leave_full, count_to_leave_daily);
-    const auto plan = [&] {
-        return PlanCounts(Evictable(*this), count_to_leave_full, count_to_leave_daily);
+    const auto make_plan = [&] {
+        return PlanCounts(storages, count_to_leave_full, count_to_leave_daily, FindOpen(*this));
     };
-    Victims victims = plan();
-    while (ForgetAllThatAreGone(*this, victims)) victims = plan();
-    if (!victims.empty() && MayDelete(*this)) DeleteAll(*this, victims);
+    EvictionPlan plan;
+    plan.by_count = make_plan();
+    while (ForgetAllThatAreGone(*this, UsersOf(plan.by_count))) plan.by_count = make_plan();
+    if (plan.HasVictims() && MayDelete(*this)) Execute(*this, plan);
 }
 
-// Passes that delete nothing decrement max_count even when all passes together do not free enough
-// space.
 void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
     const auto has_room = [&] { return size <= LessSize(storage.free_size, storage.reserved); };
     if (has_room()) return;
@@ -274,23 +256,17 @@ void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) 
         if (has_room()) return;
     }
     const auto make_plan = [&] {
-        return PlanRoom(*this, KeyOf(*this, storage), size, Evictable(*this));
+        return PlanRoom(*this, KeyOf(*this, storage), size, FindOpen(*this));
     };
     EvictionPlan plan = make_plan();
-    while (ForgetNewestThatIsGone(*this, plan.AllVictims())) plan = make_plan();
-    for (const Victims& pass : plan.passes) {
-        if (!plan.possible && !pass.empty()) {
-            LogImpossible(plan, size, "bytes are asked for");
-            ThrowAllLocked();
-        }
-        ExecutePass(*this, pass);
-    }
-    if (!plan.possible) ThrowAllLocked();
+    while (ForgetNewestThatIsGone(*this, UsersOf(plan.AllVictims()))) plan = make_plan();
+    if (!plan.IsPossible()) RefuseRoom(*this, plan, size);
+    Execute(*this, plan);
 }
 
 void GlobalSizeControl::FitIntoLimits() {
     const EvictionPlan plan = PlanStart(*this);
-    if (!plan.possible) {
+    if (!plan.IsPossible()) {
         LogUsed(*this);
         LogImpossible(plan, GreatestUsedSize(), "bytes are used");
         ThrowAllLocked();
@@ -298,10 +274,5 @@ void GlobalSizeControl::FitIntoLimits() {
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             full_limit, daily_limit);
     if (plan.HasVictims() && !MayDelete(*this)) return;
-    DeleteAll(*this, plan.by_count);
-    LogUsed(*this);
-    for (const Victims& pass : plan.passes) {
-        ExecutePass(*this, pass);
-        LogUsed(*this);
-    }
+    Execute(*this, plan, [this] { LogUsed(*this); });
 }

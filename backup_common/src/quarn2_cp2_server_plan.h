@@ -1,17 +1,22 @@
-// Plans evictions. The functions only read the model and delete nothing; the server executes a plan
-// later. So the server knows before the first deletion whether all deletions together free enough
-// space.
+// Plans evictions. The functions only read the model: they change no file, query no storage and log
+// nothing. The server executes a plan later, so it knows before the first deletion whether all
+// deletions together free enough space.
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <map>
 #include <string>
 #include <vector>
 
+#include "quarn2_cp2_misc_reason.h"
+#include "quarn2_cp2_server_chain.h"
 #include "quarn2_cp2_server_model.h"
 
 using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
+
+// The backups that a job is making again, by user. They are not deleted and do not protect older
+// backups. Their space still counts as used.
+using OpenBackups = std::map<std::string, Dates>;
 
 // One backup to delete, identified by its keys in the model. The size is in bytes.
 struct Victim {
@@ -19,6 +24,8 @@ struct Victim {
     std::string user;
     std::string date;
     std::int64_t size = 0;
+    std::int32_t type = 1;  // as in BackupInfo
+    RemovalReason reason = RemovalReason::kSizeDropOne;
 
     friend bool operator==(const Victim&, const Victim&) = default;
 };
@@ -28,34 +35,53 @@ using Victims = std::vector<Victim>;
 struct EvictionPlan {
     Victims by_count;             // backups beyond the count limits; deleted first
     std::vector<Victims> passes;  // each pass decrements max_count; some are empty
-    bool possible = true;         // false: all passes together free too little
+    // The bytes that are still missing after all deletions; 0 when the plan reaches its aim.
+    std::int64_t missing = 0;
 
+    bool IsPossible() const noexcept { return missing == 0; }
     bool HasVictims() const noexcept;
+    // All victims in the order of their deletion.
     Victims AllVictims() const;
     std::int64_t FreedSize() const noexcept;
 };
 
 // One eviction pass: the oldest removable backup of every user with more than `keep` backups, in
 // the order of storages and users.
-Victims PlanPass(const Storages& storages, int keep);
+Victims PlanPass(const Storages& storages, int keep, RemovalReason reason, const OpenBackups& open);
 
-// The backups beyond these counts. For each user, the dailies come before the full backups.
-Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily);
-
-// A copy of the model without the backups for which `is_open` returns true. A job is making these
-// backups again, so they are not deleted and do not protect older backups. Their space still counts
-// as used.
-using IsOpenBackup = std::function<bool(const std::string& user, const std::string& date)>;
-Storages WithoutOpen(const Storages& storages, const IsOpenBackup& is_open);
+// The backups beyond these counts. For each user, the dailies come before the full backups. Their
+// reasons are kCountDaily and kCountFull.
+Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily,
+                   const OpenBackups& open);
 
 // Plans eviction passes until the storage `key` has `size` bytes that are neither used nor
-// reserved. `storages` is the model, or a copy without some backups.
+// reserved. The reason of each victim is kSizeReserve.
 EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
-                      const Storages& storages);
+                      const OpenBackups& open);
 
-// Plans the deletions of a starting server: first for the count limits, then until no storage uses
-// more than the size limit.
+// Plans the deletions of a starting server: first for the count limits, then, with the reason
+// kSizeStart, until no storage uses more than the size limit.
 EvictionPlan PlanStart(const GlobalSizeControl& control);
+
+// Plans the one pass that a node client requests because the storage is full. The plan has no pass
+// when `keep` is not below max_count. The reason of each victim is kSizeDropOne.
+EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep, const OpenBackups& open);
+
+// A backup that stays when a plan is executed.
+struct Kept {
+    std::string storage;
+    std::string user;
+    std::string date;
+    std::int64_t size = 0;
+    std::int32_t type = 1;
+    KeepReason reason = KeepReason::kNotNeeded;
+};
+
+// The reason for each backup of the model that is not a victim of the plan, in the order of
+// storages, users and dates. Contains the records of size 0 of missing days too, because they are
+// backups for the rules.
+std::vector<Kept> WhyKept(const Storages& storages, const EvictionPlan& plan,
+                          const OpenBackups& open);
 
 // Removes the record of a deleted backup from the model or from a copy of the model.
 void ForgetBackup(Storages& storages, const Victim& victim);

@@ -103,7 +103,7 @@ class World {
     bool ProductDropsOldest(int keep) {
         if (keep < 0) return false;
         if (keep >= control_.max_count) return true;
-        Evict(PlanPass(control_.storages, keep));
+        Evict(PlanPass(control_.storages, keep, RemovalReason::kSizeDropOne, {}));
         --control_.max_count;
         return true;
     }
@@ -113,10 +113,10 @@ class World {
     }
 
     void MakeRoom(std::int64_t wanted) {
-        const EvictionPlan plan = PlanRoom(control_, "", wanted, control_.storages);
-        Require(plan.possible == rules_.MakeRoom(wanted), "both find room, or neither");
+        const EvictionPlan plan = PlanRoom(control_, "", wanted, {});
+        Require(plan.IsPossible() == rules_.MakeRoom(wanted), "both find room, or neither");
         for (const Victims& pass : plan.passes) {
-            if (!plan.possible && !pass.empty()) return;
+            if (!plan.IsPossible() && !pass.empty()) return;
             Evict(pass);
             --control_.max_count;
         }
@@ -126,7 +126,7 @@ class World {
         rules_.full_limit = full;
         rules_.daily_limit = daily;
         rules_.DropByCount();
-        Evict(PlanCounts(control_.storages, full, daily));
+        Evict(PlanCounts(control_.storages, full, daily, {}));
     }
 
     std::size_t Survivors() const { return storage_.users.size(); }

@@ -1,41 +1,18 @@
-// Eviction. Most cases are tables. Each letter is a record of a user, the oldest first (F full, D
-// daily, x another type, small letters f and d locked). The records are named A, B, C... by age.
-// The tests compare the names of the surviving records.
+// The execution of evictions. Most cases are tables; backup_letters.h describes their texts. The
+// tests compare the names of the surviving records.
 #include <gtest/gtest.h>
 
-#include <cctype>
-#include <cstring>
-
+#include "backup_letters.h"
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_server_eviction.h"
 #include "quarn2_cp2_server_plan.h"
 
 namespace {
 
-using BackupInfo = GlobalSizeControl::StorageDesc::UserDesc::BackupInfo;
-
-std::string DateOf(std::size_t index) { return "2026-11-" + std::to_string(10 + index); }
-
-Backups Of(const std::string& letters) {
-    Backups backups;
-    for (std::size_t i = 0; i < letters.size(); ++i) {
-        const char kind = static_cast<char>(std::toupper(letters[i]));
-        const int type = kind == 'F' ? 0 : kind == 'D' ? 1 : 2;
-        backups[DateOf(i)] =
-            BackupInfo{std::int64_t{1} << i, type, letters[i] == 'f' || letters[i] == 'd'};
-    }
-    return backups;
-}
-
-std::string Names(const Backups& backups) {
-    std::string names;
-    for (const auto& [date, backup] : backups) {
-        names += static_cast<char>('A' + std::stoi(date.substr(8)) - 10);
-    }
-    return names;
-}
+using backup_letters::DateOf;
+using backup_letters::Names;
+using backup_letters::Of;
 
 class Eviction : public ProgramSite {
   protected:
@@ -70,23 +47,6 @@ class Eviction : public ProgramSite {
     GlobalSizeControl control_;
     GlobalSizeControl::StorageDesc* desc_ = &control_.storages[""];
 };
-
-// --- One user's candidate ---
-
-TEST(OldestRemovable, OfATable) {
-    const std::vector<std::pair<std::string, std::string>> cases = {
-        {"", ""},      {"F", ""},     {"D", ""},    {"FF", "A"},  {"FD", ""},    {"DF", "A"},
-        {"DD", "A"},   {"FDD", "B"},  {"FDF", "B"}, {"FFD", "A"}, {"FDFD", "B"}, {"FFDD", "A"},
-        {"fF", ""},    {"fFF", "B"},  {"dDF", "B"}, {"fdf", ""},  {"Fdd", ""},   {"FdD", ""},
-        {"FdF", ""},   {"FdFF", "C"}, {"FfF", "A"}, {"xF", "A"},  {"FxF", "B"},  {"Fx", ""},
-        {"FDfd", "B"}, {"fDDF", "B"}, {"Df", "A"},  {"Fd", ""},   {"Ff", "A"}};
-    for (const auto& [letters, expected] : cases) {
-        const Backups backups = Of(letters);
-        const auto found = OldestRemovable(backups);
-        const std::string name = found == backups.end() ? "" : Names(Backups{*found});
-        EXPECT_EQ(name, expected) << letters;
-    }
-}
 
 // --- DropByCount ---
 
@@ -257,125 +217,6 @@ TEST_F(Eviction, RepeatedPassesEndAtTheNewestChain) {
     EXPECT_THROW(control_.DropOldest(control_.max_count - 1), std::runtime_error);
 }
 
-// --- Plans ---
-
-// Returns the user and the letter of each victim, with the passes in brackets.
-std::string Text(const EvictionPlan& plan) {
-    std::string text;
-    const auto add = [&text](const Victims& victims) {
-        for (const Victim& victim : victims) {
-            text += victim.user + static_cast<char>('A' + std::stoi(victim.date.substr(8)) - 10);
-        }
-    };
-    add(plan.by_count);
-    for (const Victims& pass : plan.passes) {
-        text += "[";
-        add(pass);
-        text += "]";
-    }
-    return text + (plan.possible ? "" : " impossible");
-}
-
-struct RoomCase {
-    const char* a;  // the records of user "a"; the sizes are 1, 2, 4...
-    const char* b;
-    std::int64_t free;
-    std::int64_t reserved;
-    std::int64_t size;
-    const char* plan;
-};
-
-TEST_F(Eviction, PlanRoomOfATable) {
-    const RoomCase cases[] = {
-        {"FFF", "FFF", 0, 0, 0, ""},
-        {"FFF", "FFF", 5, 0, 5, ""},
-        {"FFF", "FFF", 5, 4, 1, ""},
-        {"FFF", "FFF", 5, 5, 1, "[aAbA]"},
-        {"FFF", "FFF", 0, 0, 2, "[aAbA]"},
-        {"FFF", "FFF", 0, 0, 3, "[aAbA][aBbB]"},
-        {"FFF", "FFF", 0, 0, 6, "[aAbA][aBbB]"},
-        {"FFF", "FFF", 0, 0, 7, "[aAbA][aBbB][] impossible"},
-        {"FFF", "FF", 0, 0, 2, "[aA][aBbA]"},
-        {"FFF", "F", 0, 0, 3, "[aA][aB]"},
-        {"FDDF", "", 0, 0, 7, "[aB][aC][aA]"},
-        {"FDD", "", 0, 0, 3, "[aB][][] impossible"},
-        {"FD", "F", 0, 0, 1, "[][] impossible"},
-        {"fFF", "", 0, 0, 2, "[aB]"},
-        {"fFF", "", 0, 0, 3, "[aB][][] impossible"},
-        {"ffF", "", 0, 0, 1, "[][][] impossible"},
-        {"", "", 0, 0, 1, " impossible"},
-        {"F", "", -10, 0, 0, "[] impossible"},
-        {"FF", "", -1, 0, 0, "[aA]"},
-        {"FF", "", 0, -1, 1, ""},
-    };
-    for (const RoomCase& row : cases) {
-        GlobalSizeControl control;
-        GlobalSizeControl::StorageDesc& desc = control.storages[""];
-        desc.users["a"].backups = Of(row.a);
-        desc.users["b"].backups = Of(row.b);
-        control.max_count = static_cast<int>(std::max(strlen(row.a), strlen(row.b)));
-        desc.free_size = row.free;
-        desc.reserved = row.reserved;
-        EXPECT_EQ(Text(PlanRoom(control, "", row.size, control.storages)), row.plan)
-            << row.a << " " << row.b << " " << row.free << " " << row.reserved << " " << row.size;
-        EXPECT_EQ(desc.users.at("a").backups.size(), strlen(row.a)) << "a plan deletes nothing";
-        EXPECT_EQ(desc.free_size, row.free);
-    }
-}
-
-struct StartCase {
-    const char* a;
-    int full;
-    int daily;
-    std::int64_t free;
-    const char* plan;
-};
-
-TEST_F(Eviction, ABackupThatIsMadeAgainProtectsNoOlderOne) {
-    const Storages left =
-        WithoutOpen(control_.storages,
-                    [](const std::string&, const std::string& date) { return date == DateOf(1); });
-    for (const auto& [name, user] : left.at("").users) {
-        EXPECT_FALSE(user.backups.contains(DateOf(1)));
-    }
-    EXPECT_EQ(left.at("").free_size, control_.storages.at("").free_size);
-}
-
-TEST_F(Eviction, PlanStartOfATable) {
-    const StartCase cases[] = {
-        {"FFF", 9, 9, 0, ""},
-        {"FFF", 2, 9, 0, "aA"},
-        {"FFF", 9, 9, -1, "[aA]"},
-        {"FFF", 9, 9, -3, "[aA][aB]"},
-        {"FFF", 9, 9, -4, "[aA][aB][] impossible"},
-        {"FFF", 2, 9, -1, "aA"},
-        {"FFF", 2, 9, -3, "aA[][aB]"},
-        {"FFF", 2, 9, -4, "aA[][aB][] impossible"},
-        {"FDDF", 1, 0, -7, "aBaCaA"},
-        {"FDD", 9, 0, -2, "aB"},
-        {"FDD", 9, 0, -3, "aB[][][] impossible"},
-    };
-    for (const StartCase& row : cases) {
-        GlobalSizeControl control;
-        GlobalSizeControl::StorageDesc& desc = control.storages[""];
-        desc.users["a"].backups = Of(row.a);
-        control.max_count = static_cast<int>(strlen(row.a));
-        control.full_limit = row.full;
-        control.daily_limit = row.daily;
-        control.size_limit = 1000;
-        desc.free_size = row.free;
-        EXPECT_EQ(Text(PlanStart(control)), row.plan)
-            << row.a << " " << row.full << ":" << row.daily << " " << row.free;
-    }
-}
-
-TEST_F(Eviction, AStorageWithoutALimitIsNeverTooFull) {
-    desc_->free_size = -10;  // two info files whose sizes together are out of range
-    control_.size_limit = ServerLimits::kNoSize;
-    User("a", "FF");
-    EXPECT_EQ(Text(PlanStart(control_)), "");
-}
-
 TEST_F(Eviction, AnImpossibleStartDeletesNothing) {
     User("a", "FFFFDD");
     for (std::size_t i = 0; i < 6; ++i) Files("a", i);
@@ -398,6 +239,101 @@ TEST_F(Eviction, AnImpossibleStartDeletesNothing) {
     control_.FitIntoLimits();
     EXPECT_EQ(Survivors("a"), "DF");
     EXPECT_EQ(desc_->free_size, 0);
+}
+
+// --- The plan and its execution ---
+
+class Execution : public Eviction {
+  protected:
+    Execution() {
+        for (const char* user : {"a", "b"}) {
+            User(user, user == std::string("a") ? "FDDFDFF" : "DFDFF");
+            for (std::size_t i = 0; i < desc_->users.at(user).backups.size(); ++i) Files(user, i);
+        }
+        control_.size_limit = 1000;
+    }
+
+    // The evictions of the log and their reasons.
+    static Lines Logged() {
+        Lines lines = Log(7);
+        std::erase_if(lines, [](const std::string& line) {
+            return line.find("Evict backup") == std::string::npos &&
+                   line.find("The reason for this eviction") == std::string::npos;
+        });
+        return lines;
+    }
+
+    static Lines LinesOf(const Victims& victims) {
+        Lines lines;
+        for (const Victim& victim : victims) {
+            lines.push_back("5: Evict backup 'root/" + victim.date + "." + victim.user +
+                            ".info', size: " + std::to_string(victim.size));
+            lines.push_back(std::string("7: The reason for this eviction is '") +
+                            NameOf(victim.reason) + "'");
+        }
+        return lines;
+    }
+
+    // The archives in the order of their removal from the storage. A deletion removes some files
+    // twice.
+    Lines Removed() const {
+        Lines names;
+        for (const std::string& line : store_->log()) {
+            if (line.starts_with("Remove F")) names.push_back(line.substr(8, 12));
+        }
+        names.erase(std::unique(names.begin(), names.end()), names.end());
+        return names;
+    }
+
+    // Calls `evict` and compares the deletions with the plan that was made before.
+    template <class Evict>
+    void ExpectExecuted(const EvictionPlan& plan, Evict evict) {
+        const Victims victims = plan.AllVictims();
+        ASSERT_GE(victims.size(), 2U);
+        store_->ClearLog();
+        ClearLog();
+        const Lines before = Stored();
+        evict();
+        EXPECT_EQ(Logged(), LinesOf(victims));
+        Lines names;
+        for (const Victim& victim : victims) names.push_back(victim.date + "." + victim.user);
+        EXPECT_EQ(Removed(), names);
+        EXPECT_EQ(Stored().size(), before.size() - 2 * victims.size())
+            << "an info file and a slice";
+        for (const Victim& victim : victims) {
+            EXPECT_FALSE(desc_->users.at(victim.user).backups.contains(victim.date));
+        }
+    }
+};
+
+TEST_F(Execution, OfAReservationIsThePlan) {
+    desc_->free_size = 3;
+    const EvictionPlan plan = PlanRoom(control_, "", 30, {});
+    ExpectExecuted(plan, [&] { control_.MakeRoom(*desc_, 30); });
+    EXPECT_EQ(control_.max_count, 7 - static_cast<int>(plan.passes.size()));
+    EXPECT_GE(desc_->free_size, 30);
+}
+
+TEST_F(Execution, OfARequestIsThePlan) {
+    ExpectExecuted(PlanDropOne(control_, 4, {}), [&] { control_.DropOldest(4); });
+    EXPECT_EQ(control_.max_count, 6);
+}
+
+TEST_F(Execution, OfTheStartIsThePlan) {
+    control_.full_limit = 3;
+    control_.daily_limit = 2;
+    desc_->free_size = -40;
+    const EvictionPlan plan = PlanStart(control_);
+    EXPECT_TRUE(!plan.by_count.empty() && plan.AllVictims().size() > plan.by_count.size());
+    ExpectExecuted(plan, [&] { control_.FitIntoLimits(); });
+    EXPECT_EQ(control_.max_count, 7 - static_cast<int>(plan.passes.size()));
+}
+
+TEST_F(Execution, OfTheEndIsThePlan) {
+    EvictionPlan plan;
+    plan.by_count = PlanCounts(control_.storages, 2, 1, {});
+    ExpectExecuted(plan, [&] { control_.DropByCount(2, 1); });
+    EXPECT_EQ(control_.max_count, 7);
 }
 
 // --- With files ---

@@ -1,0 +1,19 @@
+// The reasons for the deletion of a backup.
+#pragma once
+
+enum class RemovalReason {
+    kCountDaily,   // the user has more daily backups than the count limit allows
+    kCountFull,    // the user has more full backups than the count limit allows
+    kSizeStart,    // at the server's start the backups use more than the size limit
+    kSizeReserve,  // an upload needs the space
+    kSizeDropOne,  // the storage is full although the server has no size limit
+    kAsked,        // the user has named the backup
+    kDependant,    // the full backup that this backup needs is deleted
+    kIncomplete,   // the backup was never completed
+    kClear,        // the user deletes all backups
+    kRescan,       // the storage does not list the backup
+    kResumed,      // an earlier process has begun the deletion
+};
+
+// The name of the reason in logs and reports, such as "count-daily".
+const char* NameOf(RemovalReason reason) noexcept;

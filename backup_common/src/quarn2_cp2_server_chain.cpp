@@ -1,0 +1,107 @@
+#include "quarn2_cp2_server_chain.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
+
+namespace {
+
+using Record = Backups::value_type;
+
+const Record& RecordOf(const Record& record) { return record; }
+const Record& RecordOf(const Record* record) { return *record; }
+
+bool IsFull(const Record& record) { return record.second.type == 0; }
+bool IsDaily(const Record& record) { return record.second.type == 1; }
+
+std::int64_t Count(const Chain& chain, bool (*is_kind)(const Record&)) {
+    return std::count_if(chain.begin(), chain.end(),
+                         [is_kind](const Record* record) { return is_kind(*record); });
+}
+
+template <class Iterator>
+Iterator FindOldestRemovable(Iterator begin, Iterator end) {
+    for (Iterator record = begin; record != end; ++record) {
+        if (RecordOf(*record).second.locked) continue;
+        const Iterator successor = std::next(record);
+        if (successor == end) break;
+        if (!IsFull(RecordOf(*record)) || IsFull(RecordOf(*successor))) return record;
+    }
+    return end;
+}
+
+// Takes up to `excess` backups for which `is_excess` returns true. The parameters of `is_excess`
+// are the backup and its successor in the original chain.
+template <class IsExcess>
+Chain Take(Chain& chain, std::int64_t excess, IsExcess is_excess) {
+    Chain taken;
+    if (excess <= 0) return taken;
+    Chain left;
+    left.reserve(chain.size());
+    for (std::size_t i = 0; i < chain.size(); ++i) {
+        const bool is_newest = i + 1 == chain.size();
+        const bool is_taken = excess > 0 && !is_newest && !chain[i]->second.locked &&
+                              is_excess(*chain[i], *chain[i + 1]);
+        (is_taken ? taken : left).push_back(chain[i]);
+        if (is_taken) --excess;
+    }
+    chain = std::move(left);
+    return taken;
+}
+
+}  // namespace
+
+Chain ChainOf(const Backups& backups, const Dates& without) {
+    Chain chain;
+    chain.reserve(backups.size());
+    for (const Record& record : backups) {
+        if (without.empty() || !without.contains(record.first)) chain.push_back(&record);
+    }
+    return chain;
+}
+
+Backups::const_iterator OldestRemovable(const Backups& backups) {
+    return FindOldestRemovable(backups.begin(), backups.end());
+}
+
+Chain::const_iterator OldestRemovable(const Chain& chain) {
+    return FindOldestRemovable(chain.begin(), chain.end());
+}
+
+Chain TakeExcessDailies(Chain& chain, int leave) {
+    return Take(chain, Count(chain, IsDaily) - leave,
+                [](const Record& backup, const Record&) { return IsDaily(backup); });
+}
+
+// One pass over the backups is enough, because the deletion of a full backup that another full
+// backup follows does not make an earlier backup removable.
+Chain TakeExcessFulls(Chain& chain, int leave) {
+    return Take(chain, Count(chain, IsFull) - leave,
+                [](const Record& backup, const Record& successor) {
+                    return IsFull(backup) && IsFull(successor);
+                });
+}
+
+const char* TextOf(KeepReason reason) noexcept {
+    switch (reason) {
+        case KeepReason::kNewest:
+            return "newest of its user";
+        case KeepReason::kLocked:
+            return "locked";
+        case KeepReason::kNeededByDaily:
+            return "a daily rests on it";
+        case KeepReason::kBeingMade:
+            return "its job is being repeated";
+        case KeepReason::kNotNeeded:
+            return "the limits are kept without its removal";
+    }
+    return "";
+}
+
+KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup) {
+    const auto successor = std::next(backup);
+    if (successor == chain.end()) return KeepReason::kNewest;
+    if ((*backup)->second.locked) return KeepReason::kLocked;
+    if (IsFull(**backup) && !IsFull(**successor)) return KeepReason::kNeededByDaily;
+    return KeepReason::kNotNeeded;
+}

@@ -1,0 +1,48 @@
+// The rules that choose one user's backups for eviction. The functions do not change the model.
+//
+// Two rules keep every remaining backup restorable: the newest backup of a user is never chosen,
+// and a full backup that is followed by a daily is never chosen.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "quarn2_cp2_server_model.h"
+
+using Backups = std::map<std::string, GlobalSizeControl::StorageDesc::UserDesc::BackupInfo>;
+using Dates = std::set<std::string>;
+
+// Backups of a user, oldest first. The pointers refer to the model.
+using Chain = std::vector<const Backups::value_type*>;
+
+// The user's backups except those of the dates in `without`.
+Chain ChainOf(const Backups& backups, const Dates& without);
+
+// A user's oldest backup that may be evicted; end() when there is none.
+Backups::const_iterator OldestRemovable(const Backups& backups);
+Chain::const_iterator OldestRemovable(const Chain& chain);
+
+// Takes the oldest dailies that exceed the number `leave` out of the chain and returns them, oldest
+// first. Never takes the user's newest backup.
+Chain TakeExcessDailies(Chain& chain, int leave);
+
+// Takes the oldest full backups that exceed the number `leave` out of the chain and returns them,
+// oldest first. Takes only full backups that are followed by another full backup.
+Chain TakeExcessFulls(Chain& chain, int leave);
+
+// The reasons why a backup is not evicted.
+enum class KeepReason {
+    kNewest,         // it is the newest backup of its user
+    kLocked,         // it is locked
+    kNeededByDaily,  // it is a full backup, and a daily follows it
+    kBeingMade,      // a job is making it again, or was interrupted while it did so
+    kNotNeeded,      // it may be evicted, but the aim is reached without that
+};
+
+// A text for reports, such as "a daily rests on it".
+const char* TextOf(KeepReason reason) noexcept;
+
+// Why this backup of the chain stays.
+KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup);

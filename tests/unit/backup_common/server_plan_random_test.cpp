@@ -1,0 +1,272 @@
+// Plans evictions for random models and checks the promises of a plan. The checks execute the plan
+// on a list of the records and use none of the rules that made it.
+//
+// QUARN2_CP_SEED=N repeats one seed.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <tuple>
+
+#include "backup_letters.h"
+#include "quarn2_cp2_server_plan.h"
+
+namespace {
+
+constexpr int kModels = 3000;
+constexpr std::int64_t kLimit = 1000;
+
+class Dice {
+  public:
+    explicit Dice(unsigned seed) : engine_(seed) {}
+    int Number(int from, int to) { return std::uniform_int_distribution<int>(from, to)(engine_); }
+    bool OneIn(int n) { return Number(1, n) == 1; }
+
+  private:
+    std::mt19937 engine_;
+};
+
+struct Model {
+    GlobalSizeControl control;
+    OpenBackups open;
+};
+
+void MakeUser(Dice& dice, Model& model, const std::string& key, const std::string& name) {
+    GlobalSizeControl::StorageDesc& desc = model.control.storages[key];
+    Backups& backups = desc.users[name].backups;
+    const int records = dice.Number(0, 9);
+    for (int i = 0; i < records; ++i) {
+        const std::string date =
+            backup_letters::DateOf(static_cast<std::size_t>(dice.Number(0, 19)));
+        backups[date] = {dice.Number(0, 40), dice.OneIn(9) ? 2 : dice.Number(0, 1), dice.OneIn(8)};
+        if (dice.OneIn(9)) model.open[name].insert(date);
+    }
+    for (const auto& [date, backup] : backups) desc.free_size -= backup.size;
+    model.control.max_count =
+        std::max(model.control.max_count, static_cast<std::int32_t>(backups.size()));
+}
+
+void MakeModel(Dice& dice, Model& model) {
+    model.control.size_limit = kLimit;
+    model.control.full_limit = dice.OneIn(2) ? dice.Number(0, 4) : ServerLimits::kNoCount;
+    model.control.daily_limit = dice.Number(0, 9);
+    const int storages = dice.OneIn(4) ? 2 : 1;
+    for (int i = 0; i < storages; ++i) {
+        const std::string key = i == 0 ? "" : "n1";
+        GlobalSizeControl::StorageDesc& desc = model.control.storages[key];
+        desc.free_size = kLimit;
+        const int users = dice.Number(0, 4);
+        for (int user = 0; user < users; ++user) {
+            MakeUser(dice, model, key, key + static_cast<char>('a' + user));
+        }
+        desc.free_size -= dice.Number(0, 1000);  // backups that cannot be evicted
+        desc.reserved = dice.OneIn(2) ? dice.Number(0, 100) : 0;
+    }
+    // Earlier passes may have made max_count smaller than the counts.
+    if (dice.OneIn(3)) model.control.max_count = std::max(0, model.control.max_count - 2);
+}
+
+// The records that are left while a plan is executed.
+class Execution {
+  public:
+    Execution(const Model& model, const EvictionPlan& plan) : model_(model), plan_(plan) {
+        for (const auto& [key, desc] : model.control.storages) {
+            free_[key] = desc.free_size;
+            for (const auto& [name, user] : desc.users) {
+                for (const auto& record : user.backups) {
+                    if (!IsOpen(name, record.first)) left_[key + "/" + name].emplace_back(record);
+                }
+            }
+        }
+    }
+
+    void Run() {
+        for (const Victim& victim : plan_.by_count) {
+            CheckNeededForCounts(victim);
+            Remove(victim);
+        }
+        for (const Victims& pass : plan_.passes) RunPass(pass);
+    }
+
+    // The number of bytes that are free on the storage before the last pass with a victim.
+    std::int64_t free_before_last(const std::string& key) const { return before_last_.at(key); }
+    std::int64_t free(const std::string& key) const { return free_.at(key); }
+    std::size_t Count() const {
+        std::size_t count = 0;
+        for (const auto& [user, records] : left_) count += records.size();
+        return count;
+    }
+
+  private:
+    using BackupInfo = GlobalSizeControl::StorageDesc::UserDesc::BackupInfo;
+    using Records = std::vector<std::pair<std::string, BackupInfo>>;
+
+    bool IsOpen(const std::string& user, const std::string& date) const {
+        const auto found = model_.open.find(user);
+        return found != model_.open.end() && found->second.contains(date);
+    }
+
+    void RunPass(const Victims& pass) {
+        if (!pass.empty()) before_last_ = free_;
+        std::set<std::string> users;
+        for (const Victim& victim : pass) {
+            EXPECT_TRUE(users.insert(victim.storage + "/" + victim.user).second)
+                << "one backup of each user in a pass";
+            Remove(victim);
+        }
+    }
+
+    void CheckNeededForCounts(const Victim& victim) const {
+        const Records& records = left_.at(victim.storage + "/" + victim.user);
+        const auto count = std::count_if(records.begin(), records.end(), [&](const auto& record) {
+            return record.second.type == victim.type;
+        });
+        const bool is_full = victim.reason == RemovalReason::kCountFull;
+        EXPECT_EQ(victim.type, is_full ? 0 : 1);
+        EXPECT_GT(count, is_full ? model_.control.full_limit : model_.control.daily_limit);
+    }
+
+    void Remove(const Victim& victim) {
+        Records& records = left_.at(victim.storage + "/" + victim.user);
+        const auto record = std::find_if(records.begin(), records.end(), [&](const auto& each) {
+            return each.first == victim.date;
+        });
+        ASSERT_NE(record, records.end()) << "no open backup, and no backup twice";
+        ASSERT_NE(record + 1, records.end()) << "not the newest backup of a user";
+        EXPECT_FALSE(record->second.locked);
+        EXPECT_TRUE(record->second.type != 0 || (record + 1)->second.type == 0)
+            << "no full backup before its dailies";
+        EXPECT_EQ(victim.size, record->second.size);
+        EXPECT_EQ(victim.type, record->second.type);
+        free_.at(victim.storage) += victim.size;
+        records.erase(record);
+    }
+
+    const Model& model_;
+    const EvictionPlan& plan_;
+    std::map<std::string, Records> left_;
+    std::map<std::string, std::int64_t> free_;
+    std::map<std::string, std::int64_t> before_last_;
+};
+
+bool HasPassVictims(const EvictionPlan& plan) {
+    return std::any_of(plan.passes.begin(), plan.passes.end(),
+                       [](const Victims& pass) { return !pass.empty(); });
+}
+
+void ExpectReason(const EvictionPlan& plan, RemovalReason of_passes) {
+    for (const Victims& pass : plan.passes) {
+        for (const Victim& victim : pass) EXPECT_EQ(victim.reason, of_passes);
+    }
+}
+
+void CheckWhyKept(const Model& model, const EvictionPlan& plan, const OpenBackups& open) {
+    using Key = std::tuple<std::string, std::string, std::string>;
+    std::set<Key> seen;
+    for (const Victim& victim : plan.AllVictims()) {
+        seen.emplace(victim.storage, victim.user, victim.date);
+    }
+    const std::size_t victims = seen.size();
+    const std::vector<Kept> kept = WhyKept(model.control.storages, plan, open);
+    for (const Kept& each : kept) {
+        EXPECT_TRUE(seen.emplace(each.storage, each.user, each.date).second);
+    }
+    std::size_t records = 0;
+    for (const auto& [key, desc] : model.control.storages) {
+        for (const auto& [name, user] : desc.users) records += user.backups.size();
+    }
+    EXPECT_EQ(victims + kept.size(), records) << "each backup is a victim or kept, not both";
+}
+
+void CheckRoom(Dice& dice, const Model& model) {
+    const std::int64_t size = dice.Number(0, 600);
+    const EvictionPlan plan = PlanRoom(model.control, "", size, model.open);
+    const EvictionPlan again = PlanRoom(model.control, "", size, model.open);
+    EXPECT_EQ(plan.AllVictims(), again.AllVictims());
+    EXPECT_EQ(plan.missing, again.missing);
+    EXPECT_TRUE(plan.by_count.empty());
+    ExpectReason(plan, RemovalReason::kSizeReserve);
+    Execution execution(model, plan);
+    execution.Run();
+    const std::int64_t wanted = size + model.control.storages.at("").reserved;
+    EXPECT_EQ(plan.missing, std::max<std::int64_t>(wanted - execution.free(""), 0));
+    if (plan.IsPossible() && HasPassVictims(plan)) {
+        EXPECT_LT(execution.free_before_last(""), wanted) << "no pass too many";
+    }
+    CheckWhyKept(model, plan, model.open);
+}
+
+// A starting server counts no open backups in its model.
+void CheckStart(Model& model) {
+    model.open.clear();
+    const EvictionPlan plan = PlanStart(model.control);
+    EXPECT_EQ(plan.AllVictims(), PlanStart(model.control).AllVictims());
+    ExpectReason(plan, RemovalReason::kSizeStart);
+    Execution execution(model, plan);
+    execution.Run();
+    std::int64_t missing = 0;
+    bool was_reached = true;
+    for (const auto& [key, desc] : model.control.storages) {
+        missing = std::max(missing, -execution.free(key));
+        if (HasPassVictims(plan) && execution.free_before_last(key) < 0) was_reached = false;
+    }
+    EXPECT_EQ(plan.missing, missing);
+    const bool is_possible = plan.IsPossible() && HasPassVictims(plan);
+    EXPECT_FALSE(is_possible && was_reached) << "no pass too many";
+    CheckWhyKept(model, plan, {});
+}
+
+void CheckDropOne(Dice& dice, const Model& model) {
+    const int keep = dice.Number(0, 9);
+    const EvictionPlan plan = PlanDropOne(model.control, keep, model.open);
+    EXPECT_EQ(plan.passes.size(), keep < model.control.max_count ? 1U : 0U);
+    EXPECT_TRUE(plan.IsPossible());
+    ExpectReason(plan, RemovalReason::kSizeDropOne);
+    Execution(model, plan).Run();
+}
+
+void CheckCounts(const Model& model) {
+    EvictionPlan plan;
+    plan.by_count = PlanCounts(model.control.storages, model.control.full_limit,
+                               model.control.daily_limit, model.open);
+    Execution execution(model, plan);
+    const std::size_t before = execution.Count();
+    execution.Run();
+    EXPECT_EQ(execution.Count(), before - plan.by_count.size());
+    const auto more = [&] {
+        GlobalSizeControl rest;
+        rest.storages = model.control.storages;
+        for (const Victim& victim : plan.by_count) ForgetBackup(rest.storages, victim);
+        return PlanCounts(rest.storages, model.control.full_limit, model.control.daily_limit,
+                          model.open);
+    };
+    EXPECT_EQ(more(), Victims()) << "one plan is enough";
+    CheckWhyKept(model, plan, model.open);
+}
+
+std::vector<unsigned> Seeds() {
+    if (const char* given = std::getenv("QUARN2_CP_SEED")) {
+        return {static_cast<unsigned>(std::stoul(given))};
+    }
+    return {1, std::random_device()()};
+}
+
+TEST(RandomPlans, KeepTheirPromises) {
+    for (const unsigned seed : Seeds()) {
+        std::printf("seed %u\n", seed);
+        Dice dice(seed);
+        for (int i = 0; i < kModels && !testing::Test::HasFailure(); ++i) {
+            Model model;
+            MakeModel(dice, model);
+            CheckRoom(dice, model);
+            CheckDropOne(dice, model);
+            CheckCounts(model);
+            CheckStart(model);
+        }
+        ASSERT_FALSE(testing::Test::HasFailure()) << "once more: QUARN2_CP_SEED=" << seed;
+    }
+}
+
+}  // namespace
