@@ -82,6 +82,17 @@ Chain TakeExcessFulls(Chain& chain, int leave) {
                 });
 }
 
+bool IsInterruptedRemovable(const Record& backup, const Chain& complete, const Chain& others) {
+    const auto is_later = [&backup](const Record* other) { return other->first >= backup.first; };
+    const auto later = std::find_if(complete.begin(), complete.end(), is_later);
+    if (later == complete.end() || (*later)->first == backup.first) return false;
+    if (!IsFull(backup)) return true;
+    if (!IsFull(**later)) return false;
+    return std::none_of(others.begin(), others.end(), [&](const Record* other) {
+        return !IsFull(*other) && other->first > backup.first && other->first < (*later)->first;
+    });
+}
+
 const char* TextOf(KeepReason reason) noexcept {
     switch (reason) {
         case KeepReason::kNewest:

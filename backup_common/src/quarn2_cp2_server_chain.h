@@ -32,6 +32,13 @@ Chain TakeExcessDailies(Chain& chain, int leave);
 // oldest first. Takes only full backups that are followed by another full backup.
 Chain TakeExcessFulls(Chain& chain, int leave);
 
+// True when a backup whose job was repeated and then interrupted may be evicted. It may still be
+// restorable, so the rules of complete backups hold: a later complete backup must exist, and a full
+// backup must be followed by another full backup. `complete`: the user's complete backups.
+// `others`: the user's other backups, which count as followers, but not as complete.
+bool IsInterruptedRemovable(const Backups::value_type& backup, const Chain& complete,
+                            const Chain& others);
+
 // The reasons why a backup is not evicted.
 enum class KeepReason {
     kNewest,         // it is the newest backup of its user

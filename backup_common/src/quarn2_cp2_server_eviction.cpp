@@ -52,6 +52,15 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     KRO_LOG(kLog, 6, "Backup '%s' is already gone", info_path.c_str());
 }
 
+void DeleteInterrupted(GlobalSizeControl& control, const Victim& victim) {
+    KRO_LOG(kLog, 5, "Evict backup '%s.%s', whose repeated job was interrupted, size: %lld",
+            victim.date.c_str(), victim.user.c_str(), ForLog(victim.size));
+    KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));
+    control.unfinished.RemoveInterrupted(victim.user, victim.date,
+                                         control.storages.at(victim.storage).storage);
+    control.RefreshUnfinished();
+}
+
 // Deletes the backups one after another. An exception keeps the record of the backup whose deletion
 // has failed, and the backups after it.
 void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
@@ -59,8 +68,12 @@ void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
     control.CheckStorage();
     control.FinishBegunFirst();
     for (const Victim& victim : victims) {
-        DeleteFiles(control, victim);
-        ForgetBackup(control.storages, victim);
+        if (victim.is_interrupted) {
+            DeleteInterrupted(control, victim);
+        } else {
+            DeleteFiles(control, victim);
+            ForgetBackup(control.storages, victim);
+        }
     }
 }
 
@@ -162,6 +175,7 @@ void Execute(
         --control.max_count;
         after_step();
     }
+    DeleteAll(control, plan.after_passes);
 }
 
 [[noreturn]] void ThrowAllLocked() {
@@ -197,15 +211,18 @@ bool HasBegunDeletion(const GlobalSizeControl& control) {
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// The backups that a job is making again. Reads these jobs from the ledger, because they may have
-// started after the server.
-OpenBackups FindOpen(const GlobalSizeControl& control) {
-    OpenBackups open;
+// The backups that are not complete now. Reads the ledger, because their jobs may have started
+// after the server.
+NotComplete FindNotComplete(const GlobalSizeControl& control) {
+    NotComplete found;
     for (std::string name : control.unfinished.OpenKeys()) {
         const std::string date = str::GetWord(name, ".");
-        open[name].insert(date);
+        found.open[name].insert(date);
     }
-    return open;
+    for (const InterruptedBackup& backup : control.unfinished.Interrupted(control.date)) {
+        found.interrupted[backup.user][backup.date] = {backup.bytes, backup.is_full ? 0 : 1, false};
+    }
+    return found;
 }
 
 // Refuses a reservation without a deletion. The passes before the first victim count as done.
@@ -229,7 +246,7 @@ void GlobalSizeControl::CheckStorage() {
 
 void GlobalSizeControl::DropOldest(int keep) {
     if (keep < 0) ThrowAllLocked();
-    const auto make_plan = [&] { return PlanDropOne(*this, keep, FindOpen(*this)); };
+    const auto make_plan = [&] { return PlanDropOne(*this, keep, FindNotComplete(*this)); };
     EvictionPlan plan = make_plan();
     while (ForgetNewestThatIsGone(*this, UsersOf(plan.AllVictims()))) plan = make_plan();
     Execute(*this, plan);
@@ -239,7 +256,8 @@ void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",
             count_to_leave_full, count_to_leave_daily);
     const auto make_plan = [&] {
-        return PlanCounts(storages, count_to_leave_full, count_to_leave_daily, FindOpen(*this));
+        return PlanCounts(storages, count_to_leave_full, count_to_leave_daily,
+                          FindNotComplete(*this));
     };
     EvictionPlan plan;
     plan.by_count = make_plan();
@@ -247,8 +265,10 @@ void GlobalSizeControl::DropByCount(int count_to_leave_full, int count_to_leave_
     if (plan.HasVictims() && MayDelete(*this)) Execute(*this, plan);
 }
 
-void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) {
-    const auto has_room = [&] { return size <= LessSize(storage.free_size, storage.reserved); };
+void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size, bool is_remote) {
+    const auto has_room = [&] {
+        return storage.NeededFor(size, is_remote) <= LessSize(storage.free_size, storage.reserved);
+    };
     if (has_room()) return;
     if (HasBegunDeletion(*this)) {
         CheckStorage();
@@ -256,12 +276,18 @@ void GlobalSizeControl::MakeRoom(const StorageDesc& storage, std::int64_t size) 
         if (has_room()) return;
     }
     const auto make_plan = [&] {
-        return PlanRoom(*this, KeyOf(*this, storage), size, FindOpen(*this));
+        return PlanRoom(*this, KeyOf(*this, storage), size, FindNotComplete(*this), is_remote);
     };
     EvictionPlan plan = make_plan();
     while (ForgetNewestThatIsGone(*this, UsersOf(plan.AllVictims()))) plan = make_plan();
-    if (!plan.IsPossible()) RefuseRoom(*this, plan, size);
+    if (!plan.IsPossible()) RefuseRoom(*this, plan, storage.NeededFor(size, is_remote));
     Execute(*this, plan);
+}
+
+bool GlobalSizeControl::CanMakeRoom(const StorageDesc& storage, std::int64_t size,
+                                    bool is_remote) const {
+    return PlanRoom(*this, KeyOf(*this, storage), size, FindNotComplete(*this), is_remote)
+        .IsPossible();
 }
 
 void GlobalSizeControl::FitIntoLimits() {

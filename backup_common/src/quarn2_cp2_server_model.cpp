@@ -62,10 +62,10 @@ void GlobalSizeControl::StorageDesc::ResetReserved() noexcept {
     ++resets;
 }
 
-std::int64_t GlobalSizeControl::StorageDesc::NeededFor(std::int64_t size,
-                                                       bool is_remote) const noexcept {
+std::int64_t GlobalSizeControl::StorageDesc::NeededFor(std::int64_t size, bool is_remote,
+                                                       std::int64_t freed) const noexcept {
     if (unfinished == 0) return size;
-    std::int64_t used = SumOfSizes(unfinished, remote_reserved);
+    std::int64_t used = SumOfSizes(LessSize(unfinished, freed), remote_reserved);
     if (is_remote) used = SumOfSizes(used, size);
     return std::max(size, LessSize(used, reserved));
 }

@@ -69,8 +69,10 @@ struct GlobalSizeControl {
         // least `size`. A completion resets all reservations, including those of uploads in
         // progress. After that, `unfinished` may be larger than `reserved`, and the result is at
         // least their difference. For a node client of this machine, `unfinished` already contains
-        // the file for which the space is reserved.
-        std::int64_t NeededFor(std::int64_t size, bool is_remote) const noexcept;
+        // the file for which the space is reserved. `freed`: the part of `unfinished` that will be
+        // removed before.
+        std::int64_t NeededFor(std::int64_t size, bool is_remote,
+                               std::int64_t freed = 0) const noexcept;
 
         std::map<std::string, UserDesc> users;
         std::shared_ptr<quarn2::Storage> storage;
@@ -127,9 +129,13 @@ struct GlobalSizeControl {
     // user's newest backup and a full backup that a daily needs.
     void DropByCount(int count_to_leave_full, int count_to_leave_daily);
 
-    // Deletes backups, in passes of DropOldest, until the storage has `size` bytes that are neither
-    // used nor reserved. Throws std::runtime_error before any deletion when that is impossible.
-    void MakeRoom(const StorageDesc& storage, std::int64_t size);
+    // Deletes backups, in passes of DropOldest, until NeededFor(size, is_remote) bytes of the
+    // storage are neither used nor reserved. Throws std::runtime_error before any deletion when
+    // that is impossible.
+    void MakeRoom(const StorageDesc& storage, std::int64_t size, bool is_remote = false);
+
+    // True when MakeRoom with these arguments would find enough backups to delete.
+    bool CanMakeRoom(const StorageDesc& storage, std::int64_t size, bool is_remote) const;
 
     // Deletes backups beyond the count limits and then, in passes of DropOldest, until no storage
     // uses more than the size limit. Throws std::runtime_error before any deletion when that is

@@ -8,10 +8,11 @@ namespace {
 using StorageDesc = GlobalSizeControl::StorageDesc;
 using Record = Backups::value_type;
 
-const Dates& DatesOf(const OpenBackups& open, const std::string& user) {
-    static const Dates kNone;
-    const auto found = open.find(user);
-    return found == open.end() ? kNone : found->second;
+template <class Value>
+const Value& ValueOf(const std::map<std::string, Value>& map, const std::string& user) {
+    static const Value kNone;
+    const auto found = map.find(user);
+    return found == map.end() ? kNone : found->second;
 }
 
 // The keys and the backups of a user in the model.
@@ -47,79 +48,177 @@ void ForEachUser(const Storages& storages, Function function) {
     }
 }
 
+// The backups of one user during a simulation.
+class SimulatedUser {
+  public:
+    SimulatedUser(const UserRef& ref, const NotComplete& not_complete)
+        : ref_(ref), open_(&ValueOf(not_complete.open, *ref.name)), count_(ref.backups->size()) {
+        // Interrupted backups are on the storage that the server registers.
+        if (ref.storage->empty()) {
+            interrupted_ = ChainOf(ValueOf(not_complete.interrupted, *ref.name), {});
+        }
+        if (!open_->empty()) Load();
+    }
+
+    Victims TakeExcess(int leave_full, int leave_daily) {
+        Load();
+        Victims victims;
+        ::TakeExcess(victims, ref_, chain_, leave_full, leave_daily);
+        count_ = chain_.size();
+        return victims;
+    }
+
+    // Adds the user's victim of a pass.
+    void Pass(Victims& victims, int keep, RemovalReason reason, bool with_interrupted) {
+        if (with_interrupted && !interrupted_.empty() &&
+            Exceeds(count_ + interrupted_.size(), keep) && TakeInterrupted(victims, reason)) {
+            return;
+        }
+        if (!Exceeds(count_, keep)) return;
+        const Record* oldest = Oldest();
+        if (oldest == nullptr) return;
+        victims.push_back(VictimOf(ref_, *oldest, reason));
+        Remove(oldest);
+    }
+
+    // Adds the user's oldest interrupted backup if it may be evicted and the user has no older
+    // removable backup.
+    bool TakeInterrupted(Victims& victims, RemovalReason reason) {
+        if (interrupted_.empty()) return false;
+        Load();
+        const Chain others = Others();
+        const auto backup =
+            std::find_if(interrupted_.begin(), interrupted_.end(), [&](const Record* candidate) {
+                return IsInterruptedRemovable(*candidate, chain_, others);
+            });
+        if (backup == interrupted_.end()) return false;
+        const Record* oldest = Oldest();
+        if (oldest != nullptr && oldest->first < (*backup)->first) return false;
+        victims.push_back(VictimOf(ref_, **backup, reason));
+        victims.back().is_interrupted = true;
+        interrupted_.erase(backup);
+        return true;
+    }
+
+  private:
+    static bool Exceeds(std::size_t count, int keep) {
+        return static_cast<std::int64_t>(count) > keep;
+    }
+
+    // Fills chain_. Most users lose at most one backup and need no chain.
+    void Load() {
+        if (is_loaded_) return;
+        is_loaded_ = true;
+        chain_ = ChainOf(*ref_.backups, *open_);
+        std::erase(chain_, removed_);
+        count_ = chain_.size();
+    }
+
+    const Record* Oldest() {
+        if (!is_loaded_ && removed_ != nullptr) Load();
+        if (is_loaded_) {
+            const auto oldest = OldestRemovable(chain_);
+            return oldest == chain_.end() ? nullptr : *oldest;
+        }
+        const auto oldest = OldestRemovable(*ref_.backups);
+        return oldest == ref_.backups->end() ? nullptr : &*oldest;
+    }
+
+    void Remove(const Record* backup) {
+        removed_ = backup;
+        --count_;
+        std::erase(chain_, backup);
+    }
+
+    // The user's backups that are not complete.
+    Chain Others() const {
+        Chain others = interrupted_;
+        for (const Record& record : *ref_.backups) {
+            if (open_->contains(record.first)) others.push_back(&record);
+        }
+        return others;
+    }
+
+    UserRef ref_;
+    const Dates* open_;
+    std::size_t count_;
+    Chain chain_;  // the complete backups, after is_loaded_
+    Chain interrupted_;
+    const Record* removed_ = nullptr;  // the backup that was removed before chain_ was filled
+    bool is_loaded_ = false;
+};
+
 // Simulates deletions without a copy of the model.
 class Simulation {
   public:
-    Simulation(const Storages& storages, const OpenBackups& open) : open_(open) {
-        for (const auto& [key, desc] : storages) free_[key] = desc.free_size;
-        ForEachUser(storages, [this](const UserRef& user) {
-            const Dates& dates = DatesOf(open_, *user.name);
-            const std::size_t count =
-                dates.empty() ? user.backups->size() : ChainOf(*user.backups, dates).size();
-            users_.push_back({user, count, {}});
-        });
+    Simulation(const Storages& storages, const NotComplete& not_complete) {
+        std::size_t users = 0;
+        for (const auto& [key, desc] : storages) {
+            free_[key] = desc.free_size;
+            users += desc.users.size();
+        }
+        users_.reserve(users);
+        ForEachUser(storages,
+                    [&](const UserRef& user) { users_.emplace_back(user, not_complete); });
     }
 
     Victims DropExcess(int leave_full, int leave_daily) {
         Victims victims;
-        for (User& user : users_) {
-            TakeExcess(victims, user.ref, ChainOfUser(user), leave_full, leave_daily);
-            user.count = user.chain.size();
+        for (SimulatedUser& user : users_) {
+            const Victims excess = user.TakeExcess(leave_full, leave_daily);
+            victims.insert(victims.end(), excess.begin(), excess.end());
         }
         CountAsFree(victims);
         return victims;
     }
 
-    Victims Pass(int keep, RemovalReason reason) {
+    Victims Pass(int keep, RemovalReason reason, bool with_interrupted) {
         Victims victims;
-        for (User& user : users_) {
-            if (static_cast<std::int64_t>(user.count) <= keep) continue;
-            Chain& chain = ChainOfUser(user);
-            const auto oldest = OldestRemovable(chain);
-            if (oldest == chain.end()) continue;
-            victims.push_back(VictimOf(user.ref, **oldest, reason));
-            chain.erase(oldest);
-            --user.count;
-        }
+        for (SimulatedUser& user : users_) user.Pass(victims, keep, reason, with_interrupted);
+        CountAsFree(victims);
+        return victims;
+    }
+
+    // A pass over the interrupted backups alone.
+    Victims PassInterrupted(RemovalReason reason) {
+        Victims victims;
+        for (SimulatedUser& user : users_) user.TakeInterrupted(victims, reason);
         CountAsFree(victims);
         return victims;
     }
 
     // The free space of each storage, by its key.
     const std::map<std::string, std::int64_t>& free() const noexcept { return free_; }
+    // The size of the interrupted backups that were removed.
+    const std::int64_t& freed_interrupted() const noexcept { return freed_interrupted_; }
 
   private:
-    struct User {
-        UserRef ref;
-        std::size_t count;
-        Chain chain;  // empty until it is needed, because most users are not looked at
-    };
-
-    Chain& ChainOfUser(User& user) const {
-        if (user.chain.empty())
-            user.chain = ChainOf(*user.ref.backups, DatesOf(open_, *user.ref.name));
-        return user.chain;
-    }
-
     void CountAsFree(const Victims& victims) {
         for (const Victim& victim : victims) {
-            std::int64_t& free = free_.at(victim.storage);
+            std::int64_t& free =
+                victim.is_interrupted ? freed_interrupted_ : free_.at(victim.storage);
             free = SumOfSizes(free, victim.size);
         }
     }
 
-    const OpenBackups& open_;
     std::map<std::string, std::int64_t> free_;
-    std::vector<User> users_;
+    std::int64_t freed_interrupted_ = 0;
+    std::vector<SimulatedUser> users_;
 };
 
 using Missing = std::function<std::int64_t()>;
 
-// Adds passes until no bytes are missing or max_count passes are planned.
+// Adds passes until no bytes are missing or max_count passes are planned. A backup that is not
+// complete is removed only while `helps` returns true.
 void AddPasses(EvictionPlan& plan, Simulation& simulation, int max_count, RemovalReason reason,
-               const Missing& missing) {
+               const Missing& missing, const std::function<bool()>& helps) {
     for (int keep = max_count - 1; keep >= 0 && missing() > 0; --keep) {
-        plan.passes.push_back(simulation.Pass(keep, reason));
+        plan.passes.push_back(simulation.Pass(keep, reason, helps()));
+    }
+    while (missing() > 0 && helps()) {
+        const Victims more = simulation.PassInterrupted(reason);
+        if (more.empty()) break;
+        plan.after_passes.insert(plan.after_passes.end(), more.begin(), more.end());
     }
     plan.missing = missing();
 }
@@ -140,13 +239,15 @@ std::int64_t Excess(const Simulation& simulation, std::int64_t limit) {
 }  // namespace
 
 bool EvictionPlan::HasVictims() const noexcept {
-    return !by_count.empty() || std::any_of(passes.begin(), passes.end(),
-                                            [](const Victims& pass) { return !pass.empty(); });
+    return !by_count.empty() || !after_passes.empty() ||
+           std::any_of(passes.begin(), passes.end(),
+                       [](const Victims& pass) { return !pass.empty(); });
 }
 
 Victims EvictionPlan::AllVictims() const {
     Victims all = by_count;
     for (const Victims& pass : passes) all.insert(all.end(), pass.begin(), pass.end());
+    all.insert(all.end(), after_passes.begin(), after_passes.end());
     return all;
 }
 
@@ -157,76 +258,86 @@ std::int64_t EvictionPlan::FreedSize() const noexcept {
     };
     add(by_count);
     for (const Victims& pass : passes) add(pass);
+    add(after_passes);
     return size;
 }
 
-Victims PlanPass(const Storages& storages, int keep, RemovalReason reason,
-                 const OpenBackups& open) {
+namespace {
+
+// The pass of a storage without incomplete backups. It needs no simulation, which takes twice as
+// long.
+Victims PassOfComplete(const Storages& storages, int keep, RemovalReason reason) {
     Victims victims;
     ForEachUser(storages, [&](const UserRef& user) {
         if (static_cast<std::int64_t>(user.backups->size()) <= keep) return;
-        const Dates& dates = DatesOf(open, *user.name);
-        if (dates.empty()) {
-            const auto oldest = OldestRemovable(*user.backups);
-            if (oldest == user.backups->end()) return;
-            victims.push_back(VictimOf(user, *oldest, reason));
-            return;
-        }
-        const Chain chain = ChainOf(*user.backups, dates);
-        const auto oldest = OldestRemovable(chain);
-        if (static_cast<std::int64_t>(chain.size()) <= keep || oldest == chain.end()) return;
-        victims.push_back(VictimOf(user, **oldest, reason));
+        const auto oldest = OldestRemovable(*user.backups);
+        if (oldest != user.backups->end()) victims.push_back(VictimOf(user, *oldest, reason));
     });
     return victims;
+}
+
+}  // namespace
+
+Victims PlanPass(const Storages& storages, int keep, RemovalReason reason,
+                 const NotComplete& not_complete) {
+    if (not_complete.open.empty() && not_complete.interrupted.empty()) {
+        return PassOfComplete(storages, keep, reason);
+    }
+    constexpr bool kWithInterrupted = true;
+    return Simulation(storages, not_complete).Pass(keep, reason, kWithInterrupted);
 }
 
 Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily,
-                   const OpenBackups& open) {
-    Victims victims;
-    ForEachUser(storages, [&](const UserRef& user) {
-        Chain chain = ChainOf(*user.backups, DatesOf(open, *user.name));
-        TakeExcess(victims, user, chain, leave_full, leave_daily);
-    });
-    return victims;
+                   const NotComplete& not_complete) {
+    return Simulation(storages, not_complete).DropExcess(leave_full, leave_daily);
 }
 
 EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
-                      const OpenBackups& open) {
+                      const NotComplete& not_complete, bool is_remote) {
     EvictionPlan plan;
     const StorageDesc& desc = control.storages.at(key);
-    if (MissingFor(size, desc.free_size, desc.reserved) == 0) return plan;
-    Simulation simulation(control.storages, open);
+    if (MissingFor(desc.NeededFor(size, is_remote), desc.free_size, desc.reserved) == 0) {
+        return plan;
+    }
+    Simulation simulation(control.storages, not_complete);
     const std::int64_t& free = simulation.free().at(key);
-    AddPasses(plan, simulation, control.max_count, RemovalReason::kSizeReserve,
-              [&] { return MissingFor(size, free, desc.reserved); });
+    const auto needed = [&] {
+        return desc.NeededFor(size, is_remote, simulation.freed_interrupted());
+    };
+    AddPasses(
+        plan, simulation, control.max_count, RemovalReason::kSizeReserve,
+        [&] { return MissingFor(needed(), free, desc.reserved); }, [&] { return needed() > size; });
     return plan;
 }
 
 EvictionPlan PlanStart(const GlobalSizeControl& control) {
     EvictionPlan plan;
-    const OpenBackups none;
-    Simulation simulation(control.storages, none);
+    Simulation simulation(control.storages, {});
     plan.by_count = simulation.DropExcess(control.full_limit, control.daily_limit);
-    AddPasses(plan, simulation, control.max_count, RemovalReason::kSizeStart,
-              [&] { return Excess(simulation, control.size_limit); });
+    AddPasses(
+        plan, simulation, control.max_count, RemovalReason::kSizeStart,
+        [&] { return Excess(simulation, control.size_limit); }, [] { return false; });
     return plan;
 }
 
-EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep, const OpenBackups& open) {
+EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep,
+                         const NotComplete& not_complete) {
     EvictionPlan plan;
     if (keep >= control.max_count) return plan;
-    plan.passes.push_back(PlanPass(control.storages, keep, RemovalReason::kSizeDropOne, open));
+    plan.passes.push_back(
+        PlanPass(control.storages, keep, RemovalReason::kSizeDropOne, not_complete));
     return plan;
 }
 
 namespace {
 
 // The dates of the plan's victims, by storage and user.
-using Chosen = std::map<std::string, OpenBackups>;
+using Chosen = std::map<std::string, std::map<std::string, Dates>>;
 
-Chosen DatesOf(const EvictionPlan& plan) {
+Chosen ChosenBy(const EvictionPlan& plan) {
     Chosen chosen;
     for (const Victim& victim : plan.AllVictims()) {
+        if (victim.is_interrupted) continue;
         chosen[victim.storage][victim.user].insert(victim.date);
     }
     return chosen;
@@ -244,12 +355,12 @@ KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& op
 }  // namespace
 
 std::vector<Kept> WhyKept(const Storages& storages, const EvictionPlan& plan,
-                          const OpenBackups& open) {
+                          const NotComplete& not_complete) {
     std::vector<Kept> kept;
-    Chosen chosen = DatesOf(plan);
+    const Chosen chosen = ChosenBy(plan);
     ForEachUser(storages, [&](const UserRef& user) {
-        const Dates& open_dates = DatesOf(open, *user.name);
-        const Dates& gone = chosen[*user.storage][*user.name];
+        const Dates& open_dates = ValueOf(not_complete.open, *user.name);
+        const Dates& gone = ValueOf(ValueOf(chosen, *user.storage), *user.name);
         Dates without = open_dates;
         without.insert(gone.begin(), gone.end());
         const Chain chain = ChainOf(*user.backups, without);

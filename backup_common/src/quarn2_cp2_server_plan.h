@@ -14,9 +14,17 @@
 
 using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
 
-// The backups that a job is making again, by user. They are not deleted and do not protect older
-// backups. Their space still counts as used.
-using OpenBackups = std::map<std::string, Dates>;
+// The backups of a storage that are not complete although they are in the model or were complete
+// before.
+struct NotComplete {
+    // The dates of the backups that a job is making again, by user. They are not deleted and do not
+    // protect older backups. Their space still counts as used.
+    std::map<std::string, Dates> open;
+    // The backups whose repeated job was interrupted and does not continue, by user. They are not
+    // in the model. Each of them is evicted when it is its user's oldest removable backup. Their
+    // sizes are parts of `unfinished` of the storage "".
+    std::map<std::string, Backups> interrupted;
+};
 
 // One backup to delete, identified by its keys in the model. The size is in bytes.
 struct Victim {
@@ -26,6 +34,7 @@ struct Victim {
     std::int64_t size = 0;
     std::int32_t type = 1;  // as in BackupInfo
     RemovalReason reason = RemovalReason::kSizeDropOne;
+    bool is_interrupted = false;  // a backup of NotComplete::interrupted
 
     friend bool operator==(const Victim&, const Victim&) = default;
 };
@@ -35,6 +44,7 @@ using Victims = std::vector<Victim>;
 struct EvictionPlan {
     Victims by_count;             // backups beyond the count limits; deleted first
     std::vector<Victims> passes;  // each pass decrements max_count; some are empty
+    Victims after_passes;         // interrupted backups that are left when max_count is 0
     // The bytes that are still missing after all deletions; 0 when the plan reaches its aim.
     std::int64_t missing = 0;
 
@@ -47,17 +57,19 @@ struct EvictionPlan {
 
 // One eviction pass: the oldest removable backup of every user with more than `keep` backups, in
 // the order of storages and users.
-Victims PlanPass(const Storages& storages, int keep, RemovalReason reason, const OpenBackups& open);
+Victims PlanPass(const Storages& storages, int keep, RemovalReason reason,
+                 const NotComplete& not_complete);
 
 // The backups beyond these counts. For each user, the dailies come before the full backups. Their
 // reasons are kCountDaily and kCountFull.
 Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily,
-                   const OpenBackups& open);
+                   const NotComplete& not_complete);
 
 // Plans eviction passes until the storage `key` has `size` bytes that are neither used nor
-// reserved. The reason of each victim is kSizeReserve.
+// reserved, and also enough for backups that are not complete (see StorageDesc::NeededFor). The
+// reason of each victim is kSizeReserve.
 EvictionPlan PlanRoom(const GlobalSizeControl& control, const std::string& key, std::int64_t size,
-                      const OpenBackups& open);
+                      const NotComplete& not_complete, bool is_remote = false);
 
 // Plans the deletions of a starting server: first for the count limits, then, with the reason
 // kSizeStart, until no storage uses more than the size limit.
@@ -65,7 +77,8 @@ EvictionPlan PlanStart(const GlobalSizeControl& control);
 
 // Plans the one pass that a node client requests because the storage is full. The plan has no pass
 // when `keep` is not below max_count. The reason of each victim is kSizeDropOne.
-EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep, const OpenBackups& open);
+EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep,
+                         const NotComplete& not_complete);
 
 // A backup that stays when a plan is executed.
 struct Kept {
@@ -81,7 +94,8 @@ struct Kept {
 // storages, users and dates. Contains the records of size 0 of missing days too, because they are
 // backups for the rules.
 std::vector<Kept> WhyKept(const Storages& storages, const EvictionPlan& plan,
-                          const OpenBackups& open);
+                          const NotComplete& not_complete);
 
-// Removes the record of a deleted backup from the model or from a copy of the model.
+// Removes the record of a deleted backup from the model or from a copy of the model. The victim
+// must not be an interrupted backup.
 void ForgetBackup(Storages& storages, const Victim& victim);

@@ -95,11 +95,14 @@ std::string MasterSide::Reserve(std::int64_t size) {
         KRO_LOG(kLog, 8, "Unfinished backups use %lld bytes, needed are %lld",
                 ForLog(storage_.unfinished), ForLog(needed));
     }
-    if (needed > LessSize(storage_.limit, storage_.reserved)) {
+    // The limit does not contain the space of backups that are not complete. MakeRoom may remove
+    // some of them.
+    if (needed > LessSize(storage_.limit, storage_.reserved) &&
+        (needed == size || !control.CanMakeRoom(storage_, size, is_remote_))) {
         throw std::runtime_error("No disk space left on storage. Size limit: " +
                                  str::Str(control.size_limit));
     }
-    control.MakeRoom(storage_, needed);
+    control.MakeRoom(storage_, size, is_remote_);
     own_reserved_.Add(size);
     return "OK " + str::Str(control.max_count);
 }

@@ -69,7 +69,8 @@ class Scanner {
         KRO_LOG(kLog, 4, "Skip backup '%s': it is not complete", kro_file::Name(path).c_str());
         if (!info_.Find("finished")) return;
         try {
-            control_.unfinished.NoteSize(path, last_slice, str::Int64(ValueOf("size")),
+            const std::string type = ValueOf("type");
+            control_.unfinished.NoteInfo(path, {last_slice, type, str::Int64(ValueOf("size"))},
                                          *desc.storage);
         } catch (const kro_err::Error& error) {
             KRO_LOG(kLog, 4, "%s: %s", path.c_str(), error.what());

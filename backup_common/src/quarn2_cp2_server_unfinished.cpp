@@ -8,6 +8,7 @@
 #include "kro/str.h"
 #include "quarn2/info.h"
 #include "quarn2/names.h"
+#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_misc_slices.h"
@@ -46,6 +47,20 @@ bool MayHaveInfo(quarn2::Storage& storage, const std::string& info_path) {
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return true;
+    }
+}
+
+// The slices that the info file on the storage names; none when it cannot be read.
+std::vector<std::string> StoredSlices(quarn2::Storage& storage, const std::string& info_path) {
+    try {
+        const std::string fetched = kFetched;
+        storage.Download(quarn2::GetStoredName(info_path), fetched);
+        const quarn2::InfoMap info = quarn2::GetInfo(fetched);
+        kro_file::RemoveFile(fetched);
+        return NamedSlices(info);
+    } catch (const std::exception& error) {
+        KRO_LOG(kLog, 6, "%s", error.what());
+        return {};
     }
 }
 
@@ -118,10 +133,14 @@ bool UnfinishedBackups::Contains(const std::string& info_path, std::string_view 
     return !open_.empty() && !EntryOf(info_path, last_slice).empty();
 }
 
-void UnfinishedBackups::NoteSize(const std::string& info_path, std::string_view last_slice,
-                                 std::int64_t size, quarn2::Storage& storage) {
-    const std::string name = EntryOf(info_path, last_slice);
-    if (!name.empty()) noted_[name] = {MayHaveInfo(storage, info_path), size};
+void UnfinishedBackups::NoteInfo(const std::string& info_path, const Info& info,
+                                 quarn2::Storage& storage) {
+    const std::string name = EntryOf(info_path, info.last_slice);
+    if (name.empty()) return;
+    Noted noted{MayHaveInfo(storage, info_path), info.size, info_path, true, {}};
+    noted.is_full = name.front() != 'I' || info.type != "incremental";
+    if (noted.was_complete) noted.stored = StoredSlices(storage, info_path);
+    noted_[name] = std::move(noted);
 }
 
 bool UnfinishedBackups::WasComplete(const LedgerEntry& entry) const {
@@ -151,9 +170,7 @@ std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date)
     return found;
 }
 
-void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
-    KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
-            entry.name.c_str(), static_cast<long long>(entry.Bytes()));
+void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const {
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
     for (const auto& [name, slice] : entry.slices) {
         if (LedgerKey(name) == LedgerKey(entry.name) && !IsOfReplacedBackup(entry, name, slice)) {
@@ -161,12 +178,63 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
         }
     }
     for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
+}
+
+void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
+    KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
+            entry.name.c_str(), static_cast<long long>(entry.Bytes()));
+    RemoveSlices(entry, storage);
     // A local info file may have "finished" for this backup. The entry stays, because without it
     // the backup would count as complete.
     if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
     ledger_.Update(entry.name, [](LedgerEntry& changed) {
         for (auto& [name, slice] : changed.slices) slice.bytes = 0;
     });
+}
+
+// A custom backup is never evicted. If slices are unknown or the info file on the storage could not
+// be read, slices that no ledger entry and no info file names would stay on the storage.
+bool UnfinishedBackups::IsInterrupted(const LedgerEntry& entry, const std::string& date) const {
+    const auto noted = noted_.find(entry.name);
+    return noted != noted_.end() && noted->second.was_complete && !noted->second.stored.empty() &&
+           !entry.is_unknown && entry.IsOpen() && !str::StartsWith(entry.name, "C") &&
+           IsForsaken(entry, date) && !ledger_.IsUploading(entry.name);
+}
+
+std::vector<InterruptedBackup> UnfinishedBackups::Interrupted(const std::string& date) const {
+    std::vector<InterruptedBackup> found;
+    if (!has_ledger_ || noted_.empty()) return found;
+    std::map<std::string, int> jobs;  // open entries by LedgerKey
+    for (const LedgerEntry& entry : ledger_.Entries()) {
+        if (!entry.IsOf(identity_) || !entry.IsOpen()) continue;
+        ++jobs[LedgerKey(entry.name)];
+        if (!IsInterrupted(entry, date)) continue;
+        const Noted& noted = noted_.at(entry.name);
+        const std::string name = kro_file::Name(noted.info_path);
+        found.push_back(
+            {quarn2::GetUserName(name), quarn2::GetDate(name), BytesOf(entry), noted.is_full});
+    }
+    // Another job of the same day may still be running.
+    std::erase_if(found, [&jobs](const InterruptedBackup& backup) {
+        return jobs[backup.date + "." + backup.user] != 1;
+    });
+    return found;
+}
+
+// The info file on the storage and the local one are removed last. Until then, the backup still
+// counts as interrupted.
+void UnfinishedBackups::RemoveInterrupted(const std::string& user, const std::string& date,
+                                          std::shared_ptr<quarn2::Storage> storage) const {
+    const std::string key = date + "." + user;
+    const auto noted = std::find_if(noted_.begin(), noted_.end(), [&key](const auto& candidate) {
+        return LedgerKey(candidate.first) == key;
+    });
+    if (noted == noted_.end()) return;
+    RemoveSlices(ledger_.Read(noted->first), *storage);
+    for (const std::string& slice : noted->second.stored) {
+        if (LedgerKey(slice) == key) storage->RemoveFile(slice);
+    }
+    Delete(std::move(storage), noted->second.info_path, false);
 }
 
 std::set<std::string> UnfinishedBackups::OpenKeys() const {

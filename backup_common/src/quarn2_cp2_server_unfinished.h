@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <string_view>
@@ -10,6 +11,15 @@
 
 #include "quarn2/storage.h"
 #include "quarn2_cp2_ledger.h"
+
+// A backup of DATE.USER.info that was complete before its job was repeated, and whose repeated job
+// was interrupted.
+struct InterruptedBackup {
+    std::string user;
+    std::string date;
+    std::int64_t bytes = 0;  // its part of UnfinishedBackups::Bytes()
+    bool is_full = true;  // false only when the info file and the ledger agree that it is a daily
+};
 
 class UnfinishedBackups {
   public:
@@ -25,11 +35,16 @@ class UnfinishedBackups {
     // "last-slice" in the info file.
     bool Contains(const std::string& info_path, std::string_view last_slice) const;
 
-    // Keeps the size from the info file of an unfinished backup. If the storage has the info file,
+    // The keys of a local info file that NoteInfo needs.
+    struct Info {
+        std::string_view last_slice;
+        std::string_view type;
+        std::int64_t size = 0;
+    };
+    // Keeps the data of the info file of an unfinished backup. If the storage has the info file,
     // the backup was complete before its job was repeated. The storage may then have the backup's
     // old files as well as the new ones.
-    void NoteSize(const std::string& info_path, std::string_view last_slice, std::int64_t size,
-                  quarn2::Storage& storage);
+    void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage& storage);
 
     // The entries whose slices may be removed when space is needed, oldest first. These are entries
     // of complete backups, whose slices no info file names, and entries of archives older than
@@ -43,6 +58,17 @@ class UnfinishedBackups {
     // removed.
     void Remove(const LedgerEntry& entry, quarn2::Storage& storage) const;
 
+    // The interrupted backups that were complete before, that are older than `date` and that no job
+    // has changed since the server started. Excludes backups whose slices a node client uploads now
+    // and backups whose slices are not all known. Reads the ledger.
+    std::vector<InterruptedBackup> Interrupted(const std::string& date) const;
+
+    // Removes an interrupted backup: the slices of the interrupted job, the slices of the complete
+    // backup, its info files and its ledger entries. If that fails, the entries stay open and the
+    // removal can be repeated.
+    void RemoveInterrupted(const std::string& user, const std::string& date,
+                           std::shared_ptr<quarn2::Storage> storage) const;
+
     // The names DATE.USER of the backups whose entries are open now. Reads the ledger.
     std::set<std::string> OpenKeys() const;
 
@@ -53,6 +79,8 @@ class UnfinishedBackups {
   private:
     bool IsForsaken(const LedgerEntry& entry, const std::string& date) const;
     bool WasComplete(const LedgerEntry& entry) const;
+    bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
+    void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const;
     std::int64_t BytesOf(const LedgerEntry& entry) const;
     std::string EntryOf(const std::string& info_path, std::string_view last_slice) const;
 
@@ -62,6 +90,10 @@ class UnfinishedBackups {
     struct Noted {
         bool was_complete = false;
         std::int64_t size = 0;
+        std::string info_path;
+        bool is_full = true;
+        // The slices that the info file on the storage names; empty when it could not be read.
+        std::vector<std::string> stored;
     };
     std::map<std::string, Noted> noted_;  // by the name of the entry
     bool has_ledger_ = false;

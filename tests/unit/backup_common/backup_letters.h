@@ -1,6 +1,6 @@
 // Backups of one user as a text. Each letter is a record, the oldest first (F full, D daily, x
-// another type, small letters f and d locked). The records are named A, B, C... by age, and their
-// sizes are 1, 2, 4...
+// another type, small letters f and d locked). A blank is a day without a record. The records are
+// named A, B, C... by age, and their sizes are 1, 2, 4...
 #pragma once
 
 #include <cctype>
@@ -20,6 +20,7 @@ inline char NameOf(const std::string& date) {
 inline Backups Of(const std::string& letters) {
     Backups backups;
     for (std::size_t i = 0; i < letters.size(); ++i) {
+        if (letters[i] == ' ') continue;
         const char kind = static_cast<char>(std::toupper(letters[i]));
         const int type = kind == 'F' ? 0 : kind == 'D' ? 1 : 2;
         backups[DateOf(i)] = {std::int64_t{1} << i, type, letters[i] == 'f' || letters[i] == 'd'};

@@ -30,8 +30,23 @@ class Dice {
 
 struct Model {
     GlobalSizeControl control;
-    OpenBackups open;
+    NotComplete not_complete;
 };
+
+void MakeInterrupted(Dice& dice, Model& model, const std::string& name) {
+    if (!dice.OneIn(3)) return;
+    GlobalSizeControl::StorageDesc& desc = model.control.storages.at("");
+    for (int count = dice.Number(1, 4); count > 0; --count) {
+        const std::string date =
+            backup_letters::DateOf(static_cast<std::size_t>(dice.Number(0, 19)));
+        if (desc.users.at(name).backups.contains(date)) continue;
+        const std::int64_t size = dice.Number(0, 40);
+        const Backups::mapped_type backup{size, dice.Number(0, 1), false};
+        if (model.not_complete.interrupted[name].try_emplace(date, backup).second) {
+            desc.unfinished += size;
+        }
+    }
+}
 
 void MakeUser(Dice& dice, Model& model, const std::string& key, const std::string& name) {
     GlobalSizeControl::StorageDesc& desc = model.control.storages[key];
@@ -41,9 +56,10 @@ void MakeUser(Dice& dice, Model& model, const std::string& key, const std::strin
         const std::string date =
             backup_letters::DateOf(static_cast<std::size_t>(dice.Number(0, 19)));
         backups[date] = {dice.Number(0, 40), dice.OneIn(9) ? 2 : dice.Number(0, 1), dice.OneIn(8)};
-        if (dice.OneIn(9)) model.open[name].insert(date);
+        if (dice.OneIn(9)) model.not_complete.open[name].insert(date);
     }
     for (const auto& [date, backup] : backups) desc.free_size -= backup.size;
+    if (key.empty()) MakeInterrupted(dice, model, name);
     model.control.max_count =
         std::max(model.control.max_count, static_cast<std::int32_t>(backups.size()));
 }
@@ -72,6 +88,9 @@ void MakeModel(Dice& dice, Model& model) {
 class Execution {
   public:
     Execution(const Model& model, const EvictionPlan& plan) : model_(model), plan_(plan) {
+        for (const auto& [user, backups] : model.not_complete.interrupted) {
+            interrupted_["/" + user] = backups;
+        }
         for (const auto& [key, desc] : model.control.storages) {
             free_[key] = desc.free_size;
             for (const auto& [name, user] : desc.users) {
@@ -88,10 +107,16 @@ class Execution {
             Remove(victim);
         }
         for (const Victims& pass : plan_.passes) RunPass(pass);
+        for (const Victim& victim : plan_.after_passes) {
+            EXPECT_TRUE(victim.is_interrupted);
+            Remove(victim);
+        }
     }
 
     // The number of bytes that are free on the storage before the last pass with a victim.
     std::int64_t free_before_last(const std::string& key) const { return before_last_.at(key); }
+    std::int64_t interrupted_before_last() const { return interrupted_before_last_; }
+    std::int64_t freed_interrupted() const { return freed_interrupted_; }
     std::int64_t free(const std::string& key) const { return free_.at(key); }
     std::size_t Count() const {
         std::size_t count = 0;
@@ -104,12 +129,15 @@ class Execution {
     using Records = std::vector<std::pair<std::string, BackupInfo>>;
 
     bool IsOpen(const std::string& user, const std::string& date) const {
-        const auto found = model_.open.find(user);
-        return found != model_.open.end() && found->second.contains(date);
+        const auto found = model_.not_complete.open.find(user);
+        return found != model_.not_complete.open.end() && found->second.contains(date);
     }
 
     void RunPass(const Victims& pass) {
-        if (!pass.empty()) before_last_ = free_;
+        if (!pass.empty()) {
+            before_last_ = free_;
+            interrupted_before_last_ = freed_interrupted_;
+        }
         std::set<std::string> users;
         for (const Victim& victim : pass) {
             EXPECT_TRUE(users.insert(victim.storage + "/" + victim.user).second)
@@ -128,7 +156,24 @@ class Execution {
         EXPECT_GT(count, is_full ? model_.control.full_limit : model_.control.daily_limit);
     }
 
+    // The user must have a later complete backup, and no daily may follow a full backup.
+    void RemoveInterrupted(const Victim& victim) {
+        const std::string user = victim.storage + "/" + victim.user;
+        const auto is_later = [&](const auto& record) { return record.first > victim.date; };
+        const Records& records = left_[user];
+        const auto later = std::find_if(records.begin(), records.end(), is_later);
+        ASSERT_NE(later, records.end()) << "not the newest backup of a user";
+        Backups& interrupted = interrupted_[user];
+        ASSERT_EQ(interrupted.erase(victim.date), 1U) << "no backup twice";
+        const auto next = interrupted.upper_bound(victim.date);
+        const bool is_next = next != interrupted.end() && next->first < later->first;
+        const int follower = is_next ? next->second.type : later->second.type;
+        EXPECT_TRUE(victim.type != 0 || follower == 0) << "no full backup before its dailies";
+        freed_interrupted_ += victim.size;
+    }
+
     void Remove(const Victim& victim) {
+        if (victim.is_interrupted) return RemoveInterrupted(victim);
         Records& records = left_.at(victim.storage + "/" + victim.user);
         const auto record = std::find_if(records.begin(), records.end(), [&](const auto& each) {
             return each.first == victim.date;
@@ -147,8 +192,11 @@ class Execution {
     const Model& model_;
     const EvictionPlan& plan_;
     std::map<std::string, Records> left_;
+    std::map<std::string, Backups> interrupted_;
+    std::int64_t freed_interrupted_ = 0;
     std::map<std::string, std::int64_t> free_;
     std::map<std::string, std::int64_t> before_last_;
+    std::int64_t interrupted_before_last_ = 0;
 };
 
 bool HasPassVictims(const EvictionPlan& plan) {
@@ -162,14 +210,15 @@ void ExpectReason(const EvictionPlan& plan, RemovalReason of_passes) {
     }
 }
 
-void CheckWhyKept(const Model& model, const EvictionPlan& plan, const OpenBackups& open) {
+void CheckWhyKept(const Model& model, const EvictionPlan& plan, const NotComplete& not_complete) {
     using Key = std::tuple<std::string, std::string, std::string>;
     std::set<Key> seen;
     for (const Victim& victim : plan.AllVictims()) {
+        if (victim.is_interrupted) continue;
         seen.emplace(victim.storage, victim.user, victim.date);
     }
     const std::size_t victims = seen.size();
-    const std::vector<Kept> kept = WhyKept(model.control.storages, plan, open);
+    const std::vector<Kept> kept = WhyKept(model.control.storages, plan, not_complete);
     for (const Kept& each : kept) {
         EXPECT_TRUE(seen.emplace(each.storage, each.user, each.date).second);
     }
@@ -182,25 +231,33 @@ void CheckWhyKept(const Model& model, const EvictionPlan& plan, const OpenBackup
 
 void CheckRoom(Dice& dice, const Model& model) {
     const std::int64_t size = dice.Number(0, 600);
-    const EvictionPlan plan = PlanRoom(model.control, "", size, model.open);
-    const EvictionPlan again = PlanRoom(model.control, "", size, model.open);
-    EXPECT_EQ(plan.AllVictims(), again.AllVictims());
-    EXPECT_EQ(plan.missing, again.missing);
+    const bool is_remote = dice.OneIn(2);
+    const auto plan_room = [&] {
+        return PlanRoom(model.control, "", size, model.not_complete, is_remote);
+    };
+    const EvictionPlan plan = plan_room();
+    EXPECT_EQ(plan.AllVictims(), plan_room().AllVictims());
+    EXPECT_EQ(plan.missing, plan_room().missing);
     EXPECT_TRUE(plan.by_count.empty());
     ExpectReason(plan, RemovalReason::kSizeReserve);
     Execution execution(model, plan);
     execution.Run();
-    const std::int64_t wanted = size + model.control.storages.at("").reserved;
-    EXPECT_EQ(plan.missing, std::max<std::int64_t>(wanted - execution.free(""), 0));
-    if (plan.IsPossible() && HasPassVictims(plan)) {
-        EXPECT_LT(execution.free_before_last(""), wanted) << "no pass too many";
+    const GlobalSizeControl::StorageDesc& desc = model.control.storages.at("");
+    const auto wanted = [&](std::int64_t freed) {
+        return desc.NeededFor(size, is_remote, freed) + desc.reserved;
+    };
+    EXPECT_EQ(plan.missing, std::max<std::int64_t>(
+                                wanted(execution.freed_interrupted()) - execution.free(""), 0));
+    if (plan.IsPossible() && HasPassVictims(plan) && plan.after_passes.empty()) {
+        EXPECT_LT(execution.free_before_last(""), wanted(execution.interrupted_before_last()))
+            << "no pass too many";
     }
-    CheckWhyKept(model, plan, model.open);
+    CheckWhyKept(model, plan, model.not_complete);
 }
 
 // A starting server counts no open backups in its model.
 void CheckStart(Model& model) {
-    model.open.clear();
+    model.not_complete = {};
     const EvictionPlan plan = PlanStart(model.control);
     EXPECT_EQ(plan.AllVictims(), PlanStart(model.control).AllVictims());
     ExpectReason(plan, RemovalReason::kSizeStart);
@@ -220,7 +277,7 @@ void CheckStart(Model& model) {
 
 void CheckDropOne(Dice& dice, const Model& model) {
     const int keep = dice.Number(0, 9);
-    const EvictionPlan plan = PlanDropOne(model.control, keep, model.open);
+    const EvictionPlan plan = PlanDropOne(model.control, keep, model.not_complete);
     EXPECT_EQ(plan.passes.size(), keep < model.control.max_count ? 1U : 0U);
     EXPECT_TRUE(plan.IsPossible());
     ExpectReason(plan, RemovalReason::kSizeDropOne);
@@ -230,7 +287,7 @@ void CheckDropOne(Dice& dice, const Model& model) {
 void CheckCounts(const Model& model) {
     EvictionPlan plan;
     plan.by_count = PlanCounts(model.control.storages, model.control.full_limit,
-                               model.control.daily_limit, model.open);
+                               model.control.daily_limit, model.not_complete);
     Execution execution(model, plan);
     const std::size_t before = execution.Count();
     execution.Run();
@@ -240,10 +297,10 @@ void CheckCounts(const Model& model) {
         rest.storages = model.control.storages;
         for (const Victim& victim : plan.by_count) ForgetBackup(rest.storages, victim);
         return PlanCounts(rest.storages, model.control.full_limit, model.control.daily_limit,
-                          model.open);
+                          model.not_complete);
     };
     EXPECT_EQ(more(), Victims()) << "one plan is enough";
-    CheckWhyKept(model, plan, model.open);
+    CheckWhyKept(model, plan, model.not_complete);
 }
 
 std::vector<unsigned> Seeds() {

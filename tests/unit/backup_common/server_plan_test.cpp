@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 
 #include "backup_letters.h"
@@ -18,13 +19,17 @@ using backup_letters::Of;
 
 std::string Text(const Victims& victims) {
     std::string text;
-    for (const Victim& victim : victims) text += victim.user + NameOf(victim.date);
+    for (const Victim& victim : victims) {
+        const char name = NameOf(victim.date);
+        text += victim.user + static_cast<char>(victim.is_interrupted ? std::tolower(name) : name);
+    }
     return text;
 }
 
 std::string Text(const EvictionPlan& plan) {
     std::string text = Text(plan.by_count);
     for (const Victims& pass : plan.passes) text += "[" + Text(pass) + "]";
+    text += Text(plan.after_passes);
     return plan.IsPossible() ? text : text + " lacks " + std::to_string(plan.missing);
 }
 
@@ -46,11 +51,11 @@ void Fill(GlobalSizeControl& control, const std::string& a, const std::string& b
     control.max_count = static_cast<int>(std::max(a.size(), b.size()));
 }
 
-OpenBackups OpenOf(const std::string& user, const std::string& letters) {
-    OpenBackups open;
+NotComplete OpenOf(const std::string& user, const std::string& letters) {
+    NotComplete found;
     for (const char letter : letters)
-        open[user].insert(DateOf(static_cast<std::size_t>(letter - 'A')));
-    return open;
+        found.open[user].insert(DateOf(static_cast<std::size_t>(letter - 'A')));
+    return found;
 }
 
 // --- The rules for one user ---
@@ -217,6 +222,104 @@ TEST(PlanRoom, CountsOnlyTheSpaceOfItsStorage) {
     EXPECT_EQ(Text(PlanRoom(control, "n1", 2, {})), "[aAcA][] lacks 1");
 }
 
+// A model in which `missing` bytes are missing for a reservation of another machine.
+class Interrupted : public testing::Test {
+  protected:
+    static constexpr std::int64_t kSize = 1000;
+
+    void Make(const std::string& complete, const std::string& interrupted,
+              const std::string& other_user, std::int64_t missing) {
+        control_.storages.clear();
+        Fill(control_, complete, other_user);
+        not_complete_.interrupted["a"] = Of(interrupted);
+        GlobalSizeControl::StorageDesc& desc = control_.storages.at("");
+        control_.max_count = static_cast<int>(
+            std::max(desc.users.at("a").backups.size(), desc.users.at("b").backups.size()));
+        desc.unfinished = 0;
+        for (const auto& [date, backup] : not_complete_.interrupted.at("a")) {
+            desc.unfinished += backup.size;
+        }
+        desc.free_size = desc.unfinished + kSize - missing;
+    }
+
+    std::string Plan() const { return Text(PlanRoom(control_, "", kSize, not_complete_, true)); }
+
+    GlobalSizeControl control_;
+    NotComplete not_complete_;
+};
+
+struct InterruptedCase {
+    const char* complete;     // of user "a"
+    const char* interrupted;  // of user "a"
+    const char* other_user;   // complete backups of user "b"
+    std::int64_t missing;
+    const char* plan;
+};
+
+TEST_F(Interrupted, BackupsAreEvictedWhenTheyAreTheOldest) {
+    const InterruptedCase cases[] = {
+        {"   F", "F", "", 1, "[aa]"},
+        {"   F", "D", "", 1, "[aa]"},
+        {"   F", "FF", "", 3, "[aa]ab"},
+        {" F", "F F", "", 5, "[aa] lacks 4"},
+        {"F F", " F", "", 1, "[aA]"},
+        {"F F", " F", "", 3, "[aA][ab]"},
+        {"F F", " F", "", 4, "[aA][ab] lacks 1"},
+        {"F F", " D", "", 3, "[aA][ab]"},
+        {"f F", " F", "", 2, "[ab]"},
+        // A daily follows, so an older full backup stays.
+        {"   F", "FDF", "", 7, "[ab]aaac"},
+        {"   D", "F", "", 1, "[] lacks 1"},
+        {"   D", "D", "", 1, "[aa]"},
+        {"   D", "FF", "", 1, "[] lacks 1"},
+        {"F DF", " F", "", 2, "[aC]"},
+        {"F DF", " F", "", 5, "[aC][aA]"},
+        {"F DF", " F", "", 7, "[aC][aA][ab]"},
+        {"  FF", "FD", "", 3, "[ab][aa]"},
+        // The user has no later complete backup.
+        {"F", " F", "", 2, "[] lacks 2"},
+        {"F", " D", "", 2, "[] lacks 2"},
+        {"", "F", "", 1, " lacks 1"},
+        {"F", "F", "", 1, "[] lacks 1"},
+        // The user with the most backups comes first.
+        {"   F", "F", "FFF", 1, "[bA]"},
+        {"   F", "F", "FFF", 2, "[bA][aabB]"},
+    };
+    for (const InterruptedCase& row : cases) {
+        Make(row.complete, row.interrupted, row.other_user, row.missing);
+        EXPECT_EQ(Plan(), row.plan) << row.complete << "/" << row.interrupted << "/"
+                                    << row.other_user << " " << row.missing;
+    }
+}
+
+TEST_F(Interrupted, BackupsStayBeforeADailyThatIsBeingMade) {
+    Make("  DF", "F", "", 1);
+    not_complete_.open["a"] = {DateOf(2)};
+    EXPECT_EQ(Plan(), "[][] lacks 1");
+    Make("  FF", "F", "", 1);
+    EXPECT_EQ(Plan(), "[aa]");
+    not_complete_.open["a"] = {DateOf(2), DateOf(3)};
+    EXPECT_EQ(Plan(), "[][] lacks 1") << "none of the later backups is complete";
+}
+
+TEST_F(Interrupted, BackupsStayWhenTheirRemovalDoesNotHelp) {
+    Make("   F", "F", "", 1);
+    GlobalSizeControl::StorageDesc& desc = control_.storages.at("");
+    desc.reserved = kSize;
+    desc.free_size = 2 * kSize - 1;
+    EXPECT_EQ(Text(PlanRoom(control_, "", kSize, not_complete_)), "[] lacks 1")
+        << "the reserved space covers the unfinished backups";
+}
+
+TEST_F(Interrupted, BackupsGoForAFullStorage) {
+    Make("F F", " F", "", 1);
+    EXPECT_EQ(Text(PlanDropOne(control_, 1, not_complete_)), "[aA]");
+    Make("  F", " F", "", 1);
+    control_.max_count = 2;
+    EXPECT_EQ(Text(PlanDropOne(control_, 1, not_complete_)), "[ab]");
+    EXPECT_EQ(Text(PlanCounts(control_.storages, 0, 0, not_complete_)), "");
+}
+
 // --- The request of a node client ---
 
 TEST(PlanDropOne, IsOnePass) {
@@ -334,7 +437,7 @@ std::string WhyText(const std::vector<Kept>& kept) {
 TEST(WhyKept, NamesAReasonForEachBackupThatStays) {
     GlobalSizeControl control;
     Fill(control, "FDfDDF", "FDF");
-    const OpenBackups open = OpenOf("b", "C");
+    const NotComplete open = OpenOf("b", "C");
     EXPECT_EQ(WhyText(WhyKept(control.storages, PlanRoom(control, "", 2, open), open)),
               "aA: the limits are kept without its removal\naC: locked\n"
               "aD: the limits are kept without its removal\n"
