@@ -1,11 +1,7 @@
 // Starts the program: finds and enters the install root, runs the command and reports its errors.
 
-#include <fcntl.h>
-#include <sys/prctl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -18,45 +14,13 @@
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_hint.h"
+#include "kro/kro_launch.h"
 #include "kro/kro_log.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr const char* kProgram = "quarn2_cp";
-
-// Derives the install root from the path of this executable, so that several installations work on
-// one machine.
-std::string FindInstallRoot() {
-    char self[PATH_MAX];
-    const ssize_t length = readlink("/proc/self/exe", self, sizeof self);
-    if (length <= 0 || static_cast<std::size_t>(length) == sizeof self) {
-        return kro_env::InstallRoot();
-    }
-    const std::string directory =
-        kro_file::Path(std::string(self, static_cast<std::size_t>(length)));
-    if (kro_file::Name(directory) != "sbin") return kro_env::InstallRoot();
-    return kro_file::Path(directory);
-}
-
-// Opens /dev/null for each closed standard stream. Otherwise a file that is opened later could get
-// the number of standard output, and the node client would write its protocol messages into that
-// file.
-void OpenMissingStandardStreams() {
-    int fd = open("/dev/null", O_RDWR);
-    while (fd >= 0 && fd <= STDERR_FILENO) fd = open("/dev/null", O_RDWR);
-    if (fd >= 0) close(fd);
-}
-
-// Protects the tokens in the environment and in memory: disables core dumps and access by other
-// processes of this user. RLIMIT_CORE does not stop a core dump that is piped to a program;
-// PR_SET_DUMPABLE does.
-void KeepSecrets() {
-    const rlimit none = {0, 0};
-    if (prctl(PR_SET_DUMPABLE, 0) != 0 || setrlimit(RLIMIT_CORE, &none) != 0) {
-        throw kro_err::FromErrno("cannot switch core dumps off");
-    }
-}
 
 void EnterInstallRoot(const std::string& root) {
     kro_file::MkDirSynced(kro_file::ConcatPath(root, "var"), 0750);
@@ -83,11 +47,12 @@ void SetSignals() {
 }
 
 int Run(int argc, char** argv) {
-    KeepSecrets();
-    OpenMissingStandardStreams();
+    kro_launch::DisableCoreDumps();
+    // Otherwise the node client could write its protocol messages into a file that it opened.
+    kro_launch::OpenMissingStandardStreams();
     SetSignals();
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
-    const std::string root = FindInstallRoot();
+    const std::string root = kro_launch::FindInstallRoot();
     kro_env::SetInstallRoot(root);
     if (!AsksForInformationOnly(argc, argv)) EnterInstallRoot(root);
     return tovmain(argc, argv);

@@ -13,6 +13,7 @@
 #include "kro/kro_args.h"
 #include "quarn2/storage.h"
 #include "quarn2_cp2_misc_sizes.h"
+#include "quarn2_cp2_server_scan.h"
 #include "quarn2_cp2_server_unfinished.h"
 
 // The limits of the command line. A missing value or 0 means no limit, except for daily backups.
@@ -96,12 +97,15 @@ struct GlobalSizeControl {
 
     // Clears all backup records and reads them again from the info files under `path`. A backup
     // with a date after `current_date` counts as used space and is never evicted. A read error is
-    // thrown and leaves the records incomplete.
-    void Scan(const std::string& current_date);
+    // thrown and leaves the records incomplete. With an observer, the scan continues after a read
+    // error. With a user, the scan reads only the info files of this user.
+    void Scan(const std::string& current_date, ScanObserver* observer = nullptr,
+              const std::string& user = "");
 
     // Counts the backup of each info file. Skips an info file that was removed after the files were
     // listed.
-    void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date);
+    void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date,
+                       ScanObserver* observer = nullptr);
 
     // Throws kro_err::Error while the storage does not answer, and std::runtime_error when it has
     // none of the newest backups that this server knows. After the first success, does nothing.

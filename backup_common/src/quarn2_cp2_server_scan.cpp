@@ -31,19 +31,23 @@ class Scanner {
     Scanner(GlobalSizeControl& control, const std::string& current_date)
         : control_(control), current_date_(current_date) {}
 
-    void Take(const std::string& path) {
+    ScanResult Take(const std::string& path) {
         const std::string name = kro_file::Name(path);
         info_.Read(path);
         const auto desc = control_.storages.find(control_.common_storage ? "" : ValueOf("node"));
-        if (desc == control_.storages.end()) return;
-        if (IsBeingDeleted(info_)) NoteHalfDeleted(desc->second, path);
+        if (desc == control_.storages.end()) return ScanResult::kOtherNode;
+        const bool is_being_deleted = IsBeingDeleted(info_);
+        if (is_being_deleted) NoteHalfDeleted(desc->second, path);
         const std::string_view last_slice = info_.Find("last-slice").value_or("");
         if (control_.unfinished.Contains(path, last_slice)) {
             NoteUnfinished(desc->second, path, last_slice);
-            return;
+            return is_being_deleted ? ScanResult::kBeingDeleted : ScanResult::kUnfinished;
         }
-        TakeBackup(desc->second, name);
+        const ScanResult result = TakeBackup(desc->second, name);
+        return is_being_deleted ? ScanResult::kBeingDeleted : result;
     }
+
+    const quarn2::InfoReader& info() const noexcept { return info_; }
 
   private:
     std::string ValueOf(std::string_view key) const {
@@ -71,17 +75,17 @@ class Scanner {
         try {
             const std::string type = ValueOf("type");
             control_.unfinished.NoteInfo(path, {last_slice, type, str::Int64(ValueOf("size"))},
-                                         *desc.storage);
+                                         desc.storage.get());
         } catch (const kro_err::Error& error) {
             KRO_LOG(kLog, 4, "%s: %s", path.c_str(), error.what());
         }
     }
 
-    void TakeBackup(StorageDesc& desc, const std::string& name) const {
+    ScanResult TakeBackup(StorageDesc& desc, const std::string& name) const {
         if (!info_.Find("finished")) {
             KRO_LOG(kLog, 7, "%p Skip incomplete backup %s", static_cast<void*>(&desc),
                     name.c_str());
-            return;
+            return ScanResult::kNotFinished;
         }
         const std::int64_t size = str::Int64(ValueOf("size"));
         // Throws for a negative size, because it would increase the free space.
@@ -89,7 +93,7 @@ class Scanner {
         if (str::StartsWith(name, "custom.")) {
             desc.ChargeForGood(size);
             KRO_LOG(kLog, 7, "Custom backup %s size %lld", name.c_str(), ForLog(size));
-            return;
+            return ScanResult::kCustom;
         }
         const std::string user_name = quarn2::GetUserName(name);
         const std::string date = quarn2::GetDate(name);
@@ -100,10 +104,11 @@ class Scanner {
             desc.ChargeForGood(size);
             KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
                     name.c_str(), ForLog(size));
-            return;
+            return ScanResult::kMisnamed;
         }
         UserDesc& user = desc.users[user_name];
-        if (date <= current_date_) {
+        const bool is_future = date > current_date_;
+        if (!is_future) {
             Enter(desc, user, date, {name, ValueOf("type"), size});
         } else {
             desc.ChargeForGood(size);
@@ -112,6 +117,7 @@ class Scanner {
                     date.c_str(), current_date_.c_str(), ForLog(desc.free_size));
         }
         if (info_.Find("deleted")) FillDays(user, date);
+        return is_future ? ScanResult::kFuture : ScanResult::kCounted;
     }
 
     struct Found {
@@ -167,25 +173,31 @@ std::int32_t ChargeUsers(StorageDesc& desc) {
 
 }  // namespace
 
-void GlobalSizeControl::Scan(const std::string& current_date) {
+void GlobalSizeControl::Scan(const std::string& current_date, ScanObserver* observer,
+                             const std::string& user) {
     KRO_LOG(kLog, 8, "void GlobalSizeControl::Scan(const string&)");
     ClearBackupInfo();
     std::list<std::string> paths;
-    quarn2::GetInfoFiles(paths, path, false, "", "");
-    TakeInfoFiles(paths, current_date);
+    quarn2::GetInfoFiles(paths, path, false, user, "");
+    TakeInfoFiles(paths, current_date, observer);
     for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
     RefreshUnfinished();
 }
 
 void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
-                                      const std::string& current_date) {
+                                      const std::string& current_date, ScanObserver* observer) {
     Scanner scanner(*this, current_date);
     for (const std::string& info_path : paths) {
         try {
-            scanner.Take(info_path);
+            const ScanResult result = scanner.Take(info_path);
+            if (observer != nullptr) observer->Take(info_path, scanner.info(), result);
         } catch (const std::exception& error) {
             if (!kro_file::Exists(info_path)) {
                 KRO_LOG(kLog, 6, "Skip '%s', which was removed during the scan", info_path.c_str());
+                continue;
+            }
+            if (observer != nullptr) {
+                observer->Fail(info_path, error.what());
                 continue;
             }
             // The error's own text names only a number or date, not the info file.

@@ -21,6 +21,7 @@
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_server_check.h"
 #include "quarn2_cp2_server_notes.h"
+#include "quarn2_cp2_server_running.h"
 #include "quarn2_cp2_server_state.h"
 
 namespace {
@@ -53,23 +54,6 @@ bool LockSayingSo(int fd, const std::string& path, int operation) {
                            ? " is held by another caller or server"
                            : " is held by a rescan or by a server that is ending"));
     return FlockWaiting(fd, operation) == 0;
-}
-
-// Returns the process that holds the record lock on the pid file. A server takes this lock when it
-// is ready.
-std::optional<pid_t> FindServer(const std::string& pid_file) {
-    const ResHandle file(open(pid_file.c_str(), O_RDWR | O_CLOEXEC));
-    if (!file) return std::nullopt;
-    struct flock query {};
-    query.l_type = F_WRLCK;
-    query.l_whence = SEEK_SET;
-    if (fcntl(file, F_GETLK, &query) != 0 || query.l_type != F_WRLCK) return std::nullopt;
-    return query.l_pid;
-}
-
-PidFile ReadPidFile(const std::string& path) {
-    const ResHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-    return file ? PidFile::Parse(Read(file)) : PidFile();
 }
 
 bool Serves(const PidFile& server, pid_t holder, const kro_args::ResultPtr& args) {

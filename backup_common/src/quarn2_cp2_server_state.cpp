@@ -39,9 +39,13 @@ bool StateFile::Write(const PidFile& server, const std::string& identity) {
     }
 }
 
+std::map<std::string, std::string> StateFile::Read() const {
+    return str::Split(kro_file::ReadOurs(path_), "\n");
+}
+
 std::string StateFile::IdentityOf(const PidFile& server) const {
     try {
-        std::map<std::string, std::string> state = str::Split(kro_file::ReadOurs(path_), "\n");
+        std::map<std::string, std::string> state = Read();
         return state["pid"] == server.pid && state["key"] == server.key ? state["storage"] : "";
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());

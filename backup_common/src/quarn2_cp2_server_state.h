@@ -4,6 +4,7 @@
 // from those in the pid file.
 #pragma once
 
+#include <map>
 #include <string>
 
 #include "quarn2_cp2_server_start.h"
@@ -16,6 +17,10 @@ class StateFile {
     // Writes pid, key, date and the storage's identity. When the file cannot be written, returns
     // false. Logs the reason of the first failure.
     bool Write(const PidFile& server, const std::string& identity);
+
+    // The lines of the file, which may be those of an earlier server. Throws kro_err::Error when
+    // the file is missing, or is not one of this user or root.
+    std::map<std::string, std::string> Read() const;
 
     // The identity of the storage that this server serves; "" when the file is missing, cannot be
     // read or was written by an earlier server.

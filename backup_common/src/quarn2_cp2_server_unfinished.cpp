@@ -101,7 +101,7 @@ void LogUnfinished(const LedgerEntry& entry) {
 UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage)
     : ledger_(std::move(ledger)), identity_(std::move(identity)), has_ledger_(true) {
     for (const LedgerEntry& entry : ledger_.Entries()) {
-        if (!entry.IsOf(identity_) || !entry.IsOpen()) continue;
+        if (!IsOurs(entry) || !entry.IsOpen()) continue;
         if (IsComplete(storage, entry)) {
             const auto named = NamedSlices(quarn2::GetInfo(entry.info));
             ledger_.Update(entry.name, [&named](LedgerEntry& ended) { ended.Complete(named); });
@@ -109,6 +109,13 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::string identity, quarn2
         }
         LogUnfinished(entry);
         open_.emplace(entry.name, entry);
+    }
+}
+
+UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::optional<std::string> identity)
+    : ledger_(std::move(ledger)), identity_(std::move(identity)), has_ledger_(true) {
+    for (LedgerEntry& entry : ledger_.Entries()) {
+        if (IsOurs(entry) && entry.IsOpen()) open_.emplace(entry.name, std::move(entry));
     }
 }
 
@@ -134,12 +141,13 @@ bool UnfinishedBackups::Contains(const std::string& info_path, std::string_view 
 }
 
 void UnfinishedBackups::NoteInfo(const std::string& info_path, const Info& info,
-                                 quarn2::Storage& storage) {
+                                 quarn2::Storage* storage) {
     const std::string name = EntryOf(info_path, info.last_slice);
     if (name.empty()) return;
-    Noted noted{MayHaveInfo(storage, info_path), info.size, info_path, true, {}};
+    Noted noted{
+        storage == nullptr || MayHaveInfo(*storage, info_path), info.size, info_path, true, {}};
     noted.is_full = name.front() != 'I' || info.type != "incremental";
-    if (noted.was_complete) noted.stored = StoredSlices(storage, info_path);
+    if (noted.was_complete && storage != nullptr) noted.stored = StoredSlices(*storage, info_path);
     noted_[name] = std::move(noted);
 }
 
@@ -160,7 +168,7 @@ std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date)
     std::vector<LedgerEntry> found;
     if (!has_ledger_) return found;
     for (LedgerEntry& entry : ledger_.Entries()) {
-        if (!entry.IsOf(identity_) || entry.Bytes() == 0) continue;
+        if (!IsOurs(entry) || entry.Bytes() == 0) continue;
         const bool is_left_over = !entry.completed.empty();
         if (!is_left_over && (!IsForsaken(entry, date) || WasComplete(entry))) continue;
         if (!ledger_.IsUploading(entry.name)) found.push_back(std::move(entry));
@@ -241,7 +249,7 @@ std::set<std::string> UnfinishedBackups::OpenKeys() const {
     std::set<std::string> keys;
     if (!has_ledger_) return keys;
     for (const LedgerEntry& entry : ledger_.Entries()) {
-        if (entry.IsOf(identity_) && entry.IsOpen()) keys.insert(LedgerKey(entry.name));
+        if (IsOurs(entry) && entry.IsOpen()) keys.insert(LedgerKey(entry.name));
     }
     return keys;
 }
@@ -261,7 +269,7 @@ std::int64_t UnfinishedBackups::Bytes() const {
     std::int64_t sum = 0;
     if (!has_ledger_) return sum;
     for (const LedgerEntry& entry : ledger_.Entries()) {
-        if (!entry.IsOf(identity_)) continue;
+        if (!IsOurs(entry)) continue;
         sum = SumOfSizes(sum, BytesOf(entry));
     }
     return sum;

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -31,6 +32,11 @@ class UnfinishedBackups {
     // and only its last command was interrupted. The constructor then marks the entry as completed.
     UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage);
 
+    // Reads the open ledger entries for quarn2_report and asks no storage, so a backup whose last
+    // command was interrupted stays unfinished. Without an identity, reads the entries of all
+    // storages.
+    UnfinishedBackups(Ledger ledger, std::optional<std::string> identity);
+
     // True when the info file belongs to a backup that is not complete. `last_slice`: the value of
     // "last-slice" in the info file.
     bool Contains(const std::string& info_path, std::string_view last_slice) const;
@@ -43,8 +49,9 @@ class UnfinishedBackups {
     };
     // Keeps the data of the info file of an unfinished backup. If the storage has the info file,
     // the backup was complete before its job was repeated. The storage may then have the backup's
-    // old files as well as the new ones.
-    void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage& storage);
+    // old files as well as the new ones. Without a storage (null), assumes that it has the info
+    // file.
+    void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
 
     // The entries whose slices may be removed when space is needed, oldest first. These are entries
     // of complete backups, whose slices no info file names, and entries of archives older than
@@ -77,6 +84,7 @@ class UnfinishedBackups {
     std::int64_t Bytes() const;
 
   private:
+    bool IsOurs(const LedgerEntry& entry) const { return !identity_ || entry.IsOf(*identity_); }
     bool IsForsaken(const LedgerEntry& entry, const std::string& date) const;
     bool WasComplete(const LedgerEntry& entry) const;
     bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
@@ -85,7 +93,7 @@ class UnfinishedBackups {
     std::string EntryOf(const std::string& info_path, std::string_view last_slice) const;
 
     Ledger ledger_;
-    std::string identity_;
+    std::optional<std::string> identity_;
     std::map<std::string, LedgerEntry> open_;  // open entries at the start of the server, by name
     struct Noted {
         bool was_complete = false;

@@ -36,6 +36,7 @@ class Date {
 class DateTime {
   public:
     explicit DateTime(std::string_view text);
+    explicit DateTime(std::time_t time) noexcept : time_(time) {}
     static DateTime Now();
 
     std::string AsDateTime() const;
@@ -47,8 +48,6 @@ class DateTime {
     }
 
   private:
-    explicit DateTime(std::time_t time) noexcept : time_(time) {}
-
     std::time_t time_;
 };
 
