@@ -7,7 +7,7 @@ import collections
 import os
 import sys
 
-LAYERS = ("kro", "quarn2", "backup_common", "launcher")
+LAYERS = ("kro", "quarn2", "backup_common", "launcher", "report")
 
 
 class Counts:

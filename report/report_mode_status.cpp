@@ -1,0 +1,216 @@
+// --status: the account, the counts, overdue users and the server.
+
+#include <utility>
+
+#include "kro/str.h"
+#include "report_figures.h"
+#include "report_modes.h"
+#include "report_text.h"
+
+namespace {
+
+// The values that both forms of the output show.
+struct Status {
+    Census census;
+    Space space;
+    KnownLimits known;
+    std::optional<std::int64_t> free;
+    std::vector<Overdue> overdue;
+};
+
+kro_date::DateTime ReferenceTime(const Options& options) {
+    if (options.date.empty()) return kro_date::DateTime::Now();
+    return kro_date::DateTime(options.date + " 00:00:00");
+}
+
+// The account has the ledger's bytes of all users. With --user, counts those of this user.
+void LimitToUser(Space& space, const Site& site) {
+    if (site.options.user.empty()) return;
+    space.unfinished = 0;
+    for (const LedgerEntry& entry : site.entries) space.unfinished += entry.Bytes();
+}
+
+Status ReadStatus(Site& site) {
+    Status status;
+    ScanSite(site, [&](Backup&& backup) { status.census.Add(backup); });
+    status.space = SpaceOf(site.account);
+    LimitToUser(status.space, site);
+    status.known = ChooseLimits(site.options, site.server);
+    const bool has_limit = status.known.is_size_known && site.options.user.empty();
+    status.free =
+        FreeSpace(status.space, has_limit ? std::optional(status.known.limits.size) : std::nullopt,
+                  site.server.reserved);
+    status.overdue = FindOverdue(status.census.newest(), ReferenceTime(site.options),
+                                 site.options.max_age_hours);
+    return status;
+}
+
+void FindOverdueUsers(Site& site, const Status& status) {
+    const std::string limit = "; the limit is " + str::Str(site.options.max_age_hours) + " hours";
+    for (const Overdue& overdue : status.overdue) {
+        const std::string user = "user '" + site.names.User(overdue.user) + "' is overdue: ";
+        if (overdue.hours) {
+            site.output.Find(user + "the newest complete backup is of " + overdue.date + ", " +
+                             str::Str(*overdue.hours) + " hours old" + limit);
+        } else {
+            site.output.Find(user + "there is no complete backup with a valid date");
+        }
+    }
+}
+
+const char* NameOf(ServerStatus status) {
+    if (status == ServerStatus::kRuns) return "runs";
+    return status == ServerStatus::kChanging ? "starting or ending" : "none";
+}
+
+std::string SizeOr(std::optional<std::int64_t> size, const char* other) {
+    return size ? SizeText(*size) : other;
+}
+
+std::string LimitText(const KnownLimits& known) {
+    if (!known.is_size_known) return "unknown (no server runs; give --size-limit)";
+    if (known.limits.size == ServerLimits::kNoSize) return "no limit";
+    return SizeText(known.limits.size) + " (" + known.source + ")";
+}
+
+std::string CountLimitText(const KnownLimits& known) {
+    if (!known.is_count_known) return "unknown (no server runs; give --count-limit)";
+    const std::string full =
+        known.limits.full == ServerLimits::kNoCount ? "any number of" : str::Str(known.limits.full);
+    return full + " full and " + str::Str(known.limits.daily) + " daily of each user";
+}
+
+std::string FreeText(const Site& site, const Status& status) {
+    if (!site.options.user.empty()) return "not shown with --user";
+    if (!status.known.is_size_known) return "unknown";
+    return SizeOr(status.free, "no limit");
+}
+
+std::string ServerText(const ServerReport& server) {
+    std::string text = NameOf(server.status);
+    if (server.status == ServerStatus::kRuns) {
+        text +=
+            ": process " + server.pid + ", since " + server.since + ", for the date " + server.date;
+    }
+    return text;
+}
+
+std::string DatesText(const Census& census) {
+    if (census.oldest_date().empty()) return "none";
+    return census.oldest_date() + " to " + census.newest_date();
+}
+
+std::string BackupsText(const Census& census) {
+    std::string text = str::Str(census.full()) + " full, " + str::Str(census.daily()) + " daily";
+    for (const State state : {State::kCustom, State::kFuture, State::kMisnamed, State::kUnfinished,
+                              State::kBeingDeleted}) {
+        const std::int64_t count = census.Count(state);
+        if (count > 0) text += ", " + str::Str(count) + " " + NameOf(state);
+    }
+    return text;
+}
+
+void WriteText(const Site& site, const Status& status) {
+    const ServerReport& server = site.server;
+    Table table({});
+    table.Add({"server", Escaped(ServerText(server))});
+    table.Add({"storage", server.storage.empty() ? "unknown" : Escaped(server.storage)});
+    if (!server.stale.empty()) table.Add({"state file", "stale: " + Escaped(server.stale)});
+    table.Add({"info root", Escaped(site.options.path)});
+    table.Add({"size limit", LimitText(status.known)});
+    table.Add({"count limit", CountLimitText(status.known)});
+    table.Add({"used", SizeText(status.space.used)});
+    table.Add({"  protected", SizeText(status.space.protected_bytes) + ", the newest chains"});
+    table.Add({"  never evicted", SizeText(status.space.kept) + ", custom and other backups"});
+    table.Add({"unfinished", SizeText(status.space.unfinished)});
+    table.Add({"being deleted", SizeText(status.space.being_deleted)});
+    table.Add({"reserved", SizeOr(server.reserved, "unknown")});
+    table.Add({"free", FreeText(site, status)});
+    table.Add({"users", str::Str(status.census.users())});
+    table.Add({"backups", BackupsText(status.census)});
+    table.Add({"dates", Escaped(DatesText(status.census))});
+    table.Add({"overdue users", str::Str(status.overdue.size())});
+    Output::Text(table.Text(0));
+}
+
+kro_json::Value OrNull(std::optional<std::int64_t> number) {
+    return number ? kro_json::Value(*number) : kro_json::Value();
+}
+
+kro_json::Value OrNull(const std::string& text) {
+    return text.empty() ? kro_json::Value() : kro_json::Value(text);
+}
+
+kro_json::Object ServerJson(const ServerReport& server) {
+    const bool runs = server.status == ServerStatus::kRuns;
+    return {
+        {"status", NameOf(server.status)},           {"pid", OrNull(runs ? server.pid : "")},
+        {"since", OrNull(runs ? server.since : "")}, {"date", OrNull(runs ? server.date : "")},
+        {"storage", OrNull(server.storage)},         {"stale_state_file", OrNull(server.stale)}};
+}
+
+// A limit as JSON: null when it is unknown, the text "none" when there is no limit.
+kro_json::Value LimitJson(bool is_known, std::int64_t limit, std::int64_t none) {
+    if (!is_known) return {};
+    return limit == none ? kro_json::Value("none") : kro_json::Value(limit);
+}
+
+kro_json::Array OverdueJson(const Site& site, const Status& status) {
+    kro_json::Array users;
+    for (const Overdue& overdue : status.overdue) {
+        users.push_back(kro_json::Object{{"user", site.names.User(overdue.user)},
+                                         {"date", OrNull(overdue.date)},
+                                         {"hours", OrNull(overdue.hours)}});
+    }
+    return users;
+}
+
+kro_json::Object LimitsJson(const KnownLimits& known) {
+    return {
+        {"size", LimitJson(known.is_size_known, known.limits.size, ServerLimits::kNoSize)},
+        {"full", LimitJson(known.is_count_known, known.limits.full, ServerLimits::kNoCount)},
+        {"daily", known.is_count_known ? kro_json::Value(known.limits.daily) : kro_json::Value()}};
+}
+
+kro_json::Object BackupsJson(const Census& census) {
+    return {{"full", census.full()},
+            {"daily", census.daily()},
+            {"custom", census.Count(State::kCustom)},
+            {"future", census.Count(State::kFuture)},
+            {"misnamed", census.Count(State::kMisnamed)},
+            {"unfinished", census.Count(State::kUnfinished)},
+            {"being_deleted", census.Count(State::kBeingDeleted)}};
+}
+
+void WriteJson(const Site& site, const Status& status) {
+    Output::Json({{"date", site.date},
+                  {"info_root", site.options.path},
+                  {"server", ServerJson(site.server)},
+                  {"limits", LimitsJson(status.known)},
+                  {"used", status.space.used},
+                  {"protected", status.space.protected_bytes},
+                  {"never_evicted", status.space.kept},
+                  {"unfinished", status.space.unfinished},
+                  {"being_deleted", status.space.being_deleted},
+                  {"reserved", OrNull(site.server.reserved)},
+                  {"free", OrNull(status.free)},
+                  {"users", status.census.users()},
+                  {"backups", BackupsJson(status.census)},
+                  {"oldest", OrNull(status.census.oldest_date())},
+                  {"newest", OrNull(status.census.newest_date())},
+                  {"max_age_hours", site.options.max_age_hours},
+                  {"overdue", OverdueJson(site, status)}});
+}
+
+}  // namespace
+
+void RunStatus(Site& site) {
+    ReadServerAndLedger(site);
+    const Status status = ReadStatus(site);
+    FindOverdueUsers(site, status);
+    if (site.options.is_json) {
+        WriteJson(site, status);
+    } else {
+        WriteText(site, status);
+    }
+}

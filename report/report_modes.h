@@ -1,0 +1,10 @@
+// The modes of quarn2_report. Each reads the site, writes its output and records its findings.
+#pragma once
+
+#include "report_site.h"
+
+void RunStatus(Site& site);
+void RunList(Site& site);
+
+// Throws std::runtime_error when the day cannot be restored.
+void RunChain(Site& site);

@@ -1,0 +1,121 @@
+#include "report_options.h"
+
+#include <cstring>
+#include <exception>
+#include <vector>
+
+#include "kro/kro_args.h"
+#include "kro/kro_date.h"
+#include "kro/kro_err.h"
+#include "kro/str.h"
+#include "quarn2/names.h"
+#include "quarn2_cp2_misc_storage.h"
+#include "quarn2_cp2_server_model.h"
+
+namespace {
+
+constexpr char kNoLetter = ' ';
+
+void DeclareOptions(kro_args::Args& args) {
+    const char* const mode = "mode";
+    // The indentation shows the tree of options.
+    // clang-format off
+    args.AddOption("status", kNoLetter, "used and free space, counts, overdue users, the server").SetGroup(mode)
+            .AddSuboption("max-age", kNoLetter, "hours after which a user without a new backup is overdue")
+                .SetDefault(str::Str(Options::kDefaultMaxAgeHours))
+            .Last()
+        .AddOption("list", kNoLetter, "every backup, by user and chain").SetGroup(mode)
+        .AddOption("chain", kNoLetter, "the files to restore one day, in order. Needs two arguments: USER DATE")
+            .SetGroup(mode)
+        .AddOption("path", 'P', "local storage path").SetDefault(kDefaultInfoRoot)
+        .AddOption("storage", 'U', "user individual storage").SetParam()
+        .AddOption("size-limit", 'S', "maximum storage size to use; by default that of the running server").SetParam()
+        .AddOption("count-limit", 'C', "backups to store. First - full, second - daily; by default those of the "
+                                       "running server").SetParam()
+        .AddOption("date", 'D', "reference date instead of today").SetParam()
+        .AddOption("user", 'u', "only the backups of this user").SetParam()
+        .AddOption("json", kNoLetter, "one JSON object per line")
+        .AddOption("anonymous", kNoLetter, "hashes instead of the names of users");
+    // clang-format on
+}
+
+[[noreturn]] void ThrowInvalid(const std::string& option, const std::string& value,
+                               const std::string& expected) {
+    throw kro_args::UsageError("--" + option + " '" + value + "' cannot be used: expected " +
+                               expected);
+}
+
+int ParseHours(const std::string& text) {
+    int hours = 0;
+    try {
+        hours = str::Int(text);
+    } catch (const kro_err::Error&) {
+        hours = 0;
+    }
+    if (hours <= 0) ThrowInvalid("max-age", text, "a number of hours above 0");
+    return hours;
+}
+
+void CheckArguments(const Options& options, const kro_args::Result& args) {
+    if (options.mode.empty())
+        throw kro_args::UsageError("give one of --status, --list and --chain");
+    if (!options.date.empty() && !kro_date::IsDate(options.date)) {
+        ThrowInvalid("date", options.date, "YYYY-MM-DD");
+    }
+    if (!options.storage.empty() && !quarn2::IsSafeName(options.storage)) {
+        ThrowInvalid("storage", options.storage, "a name without slashes");
+    }
+    try {
+        ServerLimits::Parse(options.count_limit, options.size_limit);
+    } catch (const std::exception& error) {
+        throw kro_args::UsageError(error.what());
+    }
+    const int expected = options.mode == "chain" ? 2 : 0;
+    if (args.ArgsCount() == expected) return;
+    throw kro_args::UsageError("--" + options.mode +
+                               (expected == 0 ? " takes no arguments" : " needs USER and DATE"));
+}
+
+void TakeChainArguments(Options& options, const kro_args::Result& args) {
+    if (options.mode != "chain") return;
+    if (!options.user.empty()) throw kro_args::UsageError("--chain takes the user as an argument");
+    options.user = args.Args(0);
+    options.chain_date = args.Args(1);
+    if (options.user.empty()) throw kro_args::UsageError("--chain needs the name of a user");
+    if (options.chain_date != "custom" && !kro_date::IsDate(options.chain_date)) {
+        throw kro_args::UsageError("--chain " + options.user + " '" + options.chain_date +
+                                   "': expected YYYY-MM-DD or custom");
+    }
+}
+
+}  // namespace
+
+Options ParseOptions(int argc, char** argv) {
+    static char help[] = "--help";
+    std::vector<char*> words(argv, argv + argc);
+    for (char*& word : words) {
+        if (std::strcmp(word, "-h") == 0) word = help;
+    }
+    kro_args::Args args(
+        "Tovarn backup storage report\n"
+        "Shows what the info files and the ledger say about the stored backups. Writes nothing, "
+        "asks "
+        "no storage and needs no token.\n"
+        "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error)");
+    DeclareOptions(args);
+    args.Parse(argc, words.data());
+    Options options;
+    options.mode = args->Param("mode");
+    options.path = GetArgPath(args->Param("path"));
+    options.storage = args->Param("storage");
+    options.size_limit = args->Param("size-limit");
+    options.count_limit = args->Param("count-limit");
+    options.date = args->Param("date");
+    options.user = args->Param("user");
+    options.is_json = args->Has("json");
+    options.is_anonymous = args->Has("anonymous");
+    options.max_age_hours = ParseHours(args->Param("max-age"));
+    CheckArguments(options, *args.GetResult());
+    TakeChainArguments(options, *args.GetResult());
+    return options;
+}

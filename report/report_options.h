@@ -1,0 +1,27 @@
+// The command line of quarn2_report.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// The options that all modes share, and those of single modes.
+struct Options {
+    static constexpr int kDefaultMaxAgeHours = 26;
+
+    std::string mode;         // "status", "list" or "chain"
+    std::string path;         // the info root
+    std::string storage;      // empty: the common storage
+    std::string size_limit;   // empty when the option was not given
+    std::string count_limit;  // empty when the option was not given
+    std::string date;         // the reference date; empty when the option was not given
+    std::string user;         // empty: all users
+    bool is_json = false;
+    bool is_anonymous = false;
+    int max_age_hours = kDefaultMaxAgeHours;
+    std::string chain_date;  // the day to restore; "custom" for the custom backup
+};
+
+// Throws kro_args::UsageError for an invalid command line, and kro_args::EarlyExit after --help or
+// --version.
+Options ParseOptions(int argc, char** argv);

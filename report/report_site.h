@@ -1,0 +1,54 @@
+// Reads the info root, the ledger and the server's files of one storage. Writes nothing and takes
+// no lock.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_server_model.h"
+#include "report_backup.h"
+#include "report_names.h"
+#include "report_options.h"
+#include "report_output.h"
+#include "report_server.h"
+
+// The parts of a report that all modes use.
+struct Site {
+    Options options;
+    Names names;
+    std::string date;  // the reference date
+    ServerReport server;
+    std::vector<LedgerEntry> entries;  // the ledger's entries of the storage and the user
+    GlobalSizeControl account;         // filled by ScanSite
+    Output output;
+
+    explicit Site(const Options& chosen);
+};
+
+// Reads the server's files and the ledger. Records a finding for each that cannot be read.
+void ReadServerAndLedger(Site& site);
+
+// Receives one backup: of an info file, or of the ledger.
+using TakeBackup = std::function<void(Backup&& backup)>;
+
+// Scans the info files once, fills the account and calls `take` for each backup, then for each
+// ledger entry. Records a finding
+// for each info file that cannot be read. Throws kro_err::Error when the info root is missing or
+// cannot be listed.
+void ScanSite(Site& site, const TakeBackup& take);
+
+// The limits of the options or, if these are missing, of the running server. `is_known` is false
+// when no source has the limit.
+struct KnownLimits {
+    ServerLimits limits;
+    bool is_size_known = false;
+    bool is_count_known = false;
+    const char* source = "";  // of the size limit: "options" or "server"
+};
+KnownLimits ChooseLimits(const Options& options, const ServerReport& server);
+
+// True for an entry file whose text is not that of an entry.
+bool IsBroken(const LedgerEntry& entry, const std::string& text);

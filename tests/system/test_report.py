@@ -1,0 +1,329 @@
+"""quarn2_report: what it shows of real backups, that it disturbs no server, and that it writes nothing."""
+
+import json
+import os
+import shutil
+import signal
+import subprocess
+
+from local_files import read, write
+from processes import start, wait_gone
+from samples import DATE, Backup, chain, day, info_text, write_info
+from server_command import Server
+from system_test import SystemTest
+from waiting import DEADLINE, wait_for
+
+REPORT = os.path.abspath(os.environ.get("QUARN2_REPORT", "build/report/quarn2_report"))
+HOSTILE = [b"\x1b[2Jcrimson", b"<script>alert(1)", b"quote\"'\\", b"line\nfeed", b"\xff\xfe\xc3",
+           "\u202erevers".encode(), b"n" * 200]
+
+
+class ReportTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.r = self.root()
+        self.binary = self.r.file("sbin/quarn2_report")
+        shutil.copy2(REPORT, self.binary)
+
+    def spawn(self, *arguments, **options):
+        return start([self.binary, *arguments], cwd="/", env=self.r.environment(BACKUP_TOKEN=None), **options)
+
+    def report(self, *arguments):
+        """Returns exit status, standard output and standard error."""
+        process = self.spawn(*arguments, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        out, err = process.communicate(timeout=DEADLINE)
+        return process.returncode, out.decode(), err.decode()
+
+    def fine(self, *arguments):
+        status, out, err = self.report(*arguments)
+        self.assertEqual((0, ""), (status, err))
+        return out
+
+    def objects(self, *arguments, status=0):
+        """Returns the JSON objects of the lines."""
+        returned, out, err = self.report(*arguments, "--json")
+        self.assertEqual(status, returned, err)
+        return [json.loads(line) for line in out.splitlines()]
+
+    def status(self, *arguments, status=0):
+        found, = self.objects("--status", *arguments, status=status)
+        return found
+
+    def put(self, date, user, kind="full", slices=2, **fields):
+        """Puts a backup as a job does. Returns its stored names."""
+        letter = "F" if kind == "full" else "I"
+        info = write(os.path.join(self.r.work, f"{date}.{user}.info"),
+                     info_text({"type": kind, "created": f"{date} 01:00:00", "node": "node7", **fields}))
+        for number in range(1, slices + 1):
+            path = write(os.path.join(self.r.work, f"{letter}{date}.{user}.{number}.dar"), b"x" * 1000 * number)
+            last = ["--last_slice"] if number == slices else []
+            self.assert_success(self.r.run("--put", "--info-file", info, *last, path))
+        index = write(os.path.join(self.r.info_root, f"{date}.{user}.1.dar"), b"index")
+        self.assert_success(self.r.run("--put", "--info-file", info, "--isolated", "--no-delete", index))
+
+    def stored_size(self, name):
+        return os.path.getsize(os.path.join(self.r.storage, name))
+
+
+class RealBackups(ReportTest):
+    def setUp(self):
+        super().setUp()
+        self.server = Server(self.r, "--date", DATE, "--size-limit", "1000000", "--count-limit", "9:9").wait_ready()
+        self.put(day(-5), "web1")
+        self.put(day(-1), "web1", "incremental", slices=1, base=f"F{day(-5)}.web1.tgz")
+        self.put(DATE, "web1", "incremental", slices=1, base=f"F{day(-5)}.web1.tgz")
+        self.put(DATE, "web2")
+
+    def check_files(self, date, expected):
+        files = self.objects("--chain", "web1", date)
+        self.assertEqual(expected, [file["name"] for file in files])
+        for file in files:
+            self.assertIn(file["size"], (None, self.stored_size(file["name"])), file)
+        return files
+
+    def test_the_status_while_a_server_runs_and_afterwards(self):
+        before = self.status("--date", DATE)
+        used = sum(map(self.stored_size, self.r.stored()))
+        self.assertEqual({"status": "runs", "pid": str(self.server.daemon), "date": DATE,
+                          "storage": "local://" + self.r.storage, "stale_state_file": None},
+                         {key: value for key, value in before["server"].items() if key != "since"})
+        self.assertRegex(before["server"]["since"], r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d$")
+        self.assertEqual({"size": 1000000, "full": 9, "daily": 9}, before["limits"])
+        self.assertEqual((used, 1000000 - used), (before["used"], before["free"]))
+        dailies = [name for name in self.r.stored() if day(-1) in name]
+        self.assertEqual(used - sum(map(self.stored_size, dailies)), before["protected"])
+        self.assertEqual((2, 2, 2), (before["users"], before["backups"]["full"], before["backups"]["daily"]))
+        self.assertEqual((day(-5), DATE), (before["oldest"], before["newest"]))
+        self.assertEqual([], before["overdue"])
+        self.assertIsNone(before["reserved"])
+
+        self.assertEqual(0, self.server.end())
+        after = self.status("--date", DATE)
+        self.assertEqual("none", after["server"]["status"])
+        self.assertEqual((None, None), (after["limits"]["size"], after["free"]))
+        self.assertEqual(before["used"], after["used"])
+        limited = self.status("--date", DATE, "--size-limit", str(used), "--count-limit", "3:4")
+        self.assertEqual((0, {"size": used, "full": 3, "daily": 4}), (limited["free"], limited["limits"]))
+        self.assertIn("unknown (no server runs; give --size-limit)", self.fine("--status", "--date", DATE))
+
+    def test_the_list_shows_chains(self):
+        found = self.objects("--list", "--date", DATE)
+        self.assertEqual([("web1", day(-5), "full", day(-5), 5), ("web1", day(-1), "daily", day(-5), 1),
+                          ("web1", DATE, "daily", day(-5), 0), ("web2", DATE, "full", DATE, 0)],
+                         [(one["user"], one["date"], one["type"], one["chain"], one["age_days"]) for one in found])
+        for one in found:
+            self.assertEqual(("complete", "node7"), (one["state"], one["node"]))
+            names = [name for name in self.r.stored() if f"{one['date']}.{one['user']}." in name]
+            self.assertEqual(sum(map(self.stored_size, names)), one["size"])
+        lines = self.fine("--list", "--date", DATE, "--user", "web1").splitlines()
+        self.assertEqual("web1", lines[0])
+        self.assertEqual(["date", "type", "size", "days", "finished", "node", "state"], lines[1].split())
+        self.assertEqual([(day(-5), "full"), (day(-1), "daily"), (DATE, "daily")],
+                         [tuple(line.split()[:2]) for line in lines[2:]])
+        column = lines[2].index("full")
+        self.assertEqual(column + 2, lines[3].index("daily"))
+
+    def test_the_chain_names_the_stored_files_in_order(self):
+        full = [f"F{day(-5)}.web1.1.dar", f"F{day(-5)}.web1.2.dar", f"{day(-5)}.web1.1.dar", f"{day(-5)}.web1.info"]
+        self.check_files(day(-5), full)
+        files = self.check_files(DATE, full + [f"I{DATE}.web1.1.dar", f"{DATE}.web1.1.dar", f"{DATE}.web1.info"])
+        self.assertEqual(1000, files[4]["size"])  # follows from the size of the backup
+        for file in files:
+            target = os.path.join(self.r.work, "restored")
+            self.assert_success(self.r.run("--get", f"{target}//{file['name']}"))
+            self.assertEqual(read(os.path.join(self.r.storage, file["name"])),
+                             read(os.path.join(target, file["name"])))
+        self.assertEqual((1, "", f"quarn2_report: user 'web1': there is no backup for {day(-3)}; the nearest complete "
+                                 f"backups are of {day(-5)} and {day(-1)}\n"),
+                         self.report("--chain", "web1", day(-3)))
+        self.assertEqual(1, self.report("--chain", "nobody", DATE)[0])
+
+    def test_an_unfinished_backup_is_named_as_such(self):
+        path = write(os.path.join(self.r.work, f"F{day(1)}.web3.1.dar"), b"x" * 70)
+        info = write(os.path.join(self.r.work, "job.info"), f"type=full\ncreated={DATE} 01:00:00")
+        self.assert_success(self.r.run("--put", "--info-file", info, path))
+        wait_for(lambda: f"F{day(1)}.web3.1.dar" in self.r.stored(), "the slice on the storage")
+        unfinished, = [one for one in self.objects("--list", "--date", DATE) if one["user"] == "web3"]
+        self.assertEqual(("unfinished", 70, f"F{day(1)}.web3", None),
+                         tuple(unfinished[key] for key in ("state", "size", "archive", "info")))
+        found = self.status("--date", DATE, status=3)  # web3 has no complete backup
+        self.assertEqual((70, 1), (found["unfinished"], found["backups"]["unfinished"]))
+        self.assertEqual(1000000 - found["used"] - 70, found["free"])
+        self.assertEqual(["web3"], [one["user"] for one in found["overdue"]])
+
+    def test_a_state_file_of_a_killed_server_is_stale(self):
+        client = self.server.node_client()
+        os.kill(self.server.daemon, signal.SIGKILL)
+        wait_gone(self.server.daemon)
+        wait_gone(client)
+        found = self.status("--date", DATE)["server"]
+        self.assertEqual(("none", None), (found["status"], found["storage"]))
+        self.assertIn(f"of process {self.server.daemon}, ", found["stale_state_file"])
+        self.assertIn("stale: of process", self.fine("--status", "--date", DATE))
+
+    def test_nothing_is_written(self):
+        def snapshot():
+            found = {}
+            for folder, folders, names in os.walk(self.r.base):
+                for name in folders + names:
+                    path = os.path.join(folder, name)
+                    status = os.lstat(path)
+                    found[path] = (status.st_mode, status.st_size, status.st_mtime_ns, status.st_ctime_ns)
+            return found
+        self.assertEqual(0, self.server.end())
+        before = snapshot()
+        for arguments in (["--status"], ["--list"], ["--chain", "web1", DATE], ["--status", "--json", "--anonymous"],
+                          ["--chain", "web1", "2020-01-01"], ["--status", "--storage", "own"],
+                          ["--list", "--path", "var/none"]):
+            self.report(*arguments)
+        self.assertEqual(before, snapshot())
+
+
+class Findings(ReportTest):
+    def test_exit_statuses(self):
+        self.assertEqual(0, self.report("--list")[0])
+        self.assertEqual((0, ""), self.report("--help")[::2])
+        self.assertEqual(self.report("--help"), self.report("-h"))
+        self.assertRegex(self.fine("--version"), r"^quarn2_report \d")
+        for arguments in ([], ["--nothing"], ["--list", "x"], ["--chain", "web1"], ["--status", "--date", "x"]):
+            status, out, err = self.report(*arguments)
+            self.assertEqual((2, ""), (status, out), arguments)
+            self.assertTrue(err.endswith("Try 'quarn2_report --help'.\n"), err)
+        self.assertEqual((1, "", "quarn2_report: info root 'var/none' does not exist: is --path right?\n"),
+                         self.report("--status", "--path", "var/none"))
+
+    def test_full_output_is_a_failure(self):
+        chain(self.r, "web1", "FDD")
+        with open("/dev/full", "wb") as full:
+            process = self.spawn("--list", stdout=full, stderr=subprocess.PIPE)
+            self.assertIn(b"cannot write the report", process.communicate(timeout=DEADLINE)[1])
+        self.assertEqual(1, process.returncode)
+
+    def test_a_broken_info_file_and_a_broken_entry_are_named_and_the_rest_is_shown(self):
+        chain(self.r, "web1", "FD")
+        write_info(self.r.info_root, "web2", DATE, size="many")
+        write(os.path.join(self.r.info_root, f"{DATE}.web3.info"), b"finished=x\0")
+        write(self.r.file(f"var/quarn2_cp.ledger/F{DATE}.web4"), "junk")
+        os.chmod(self.r.file("var/quarn2_cp.ledger"), 0o700)
+        status, out, err = self.report("--list", "--date", DATE)
+        self.assertEqual(3, status)
+        self.assertEqual(3, err.count("quarn2_report: finding: "), err)
+        self.assertIn(f"ledger entry 'var/quarn2_cp.ledger/F{DATE}.web4': the text is not that of an entry", err)
+        self.assertIn(f"info file 'var/backup/tovarn/{DATE}.web2.info': 'many' is not a whole decimal number", err)
+        self.assertIn(f"{DATE}.web3.info' is no info file: it has a NUL byte", err)
+        self.assertIn(DATE, out)
+        self.assertEqual(2, self.status("--date", DATE, status=3)["backups"]["full"] +
+                         self.status("--date", DATE, status=3)["backups"]["daily"])
+
+    def test_an_interrupted_deletion_is_named_as_such(self):
+        backup = Backup(self.r, "web1", DATE)
+        fields = {key: value for key, value in backup.fields.items() if key != "finished"}
+        write(backup.info_path, info_text({**fields, "deletion": f"{DATE} 02:00:00"}))
+        found, = self.objects("--list")
+        self.assertEqual(("deletion interrupted", backup.size), (found["state"], found["size"]))
+        found = self.status("--date", DATE, status=3)
+        self.assertEqual((0, backup.size), (found["used"], found["being_deleted"]))
+
+    def test_an_overdue_user_is_named(self):
+        write_info(self.r.info_root, "web1", day(-1), size="10", created=f"{day(-1)} 01:00:00")
+        write_info(self.r.info_root, "web2", day(-2), size="10", created=f"{day(-2)} 01:00:00")
+        status, out, err = self.report("--status", "--date", DATE)
+        self.assertEqual(3, status)
+        self.assertEqual(f"quarn2_report: finding: user 'web2' is overdue: the newest complete backup is of {day(-2)}, "
+                         "47 hours old; the limit is 26 hours\n", err)
+        self.assertRegex(out, r"overdue users +1\n")
+        self.assertEqual([], self.status("--date", DATE, "--max-age", "47")["overdue"])
+        # Without --date, the age counts up to now.
+        self.assertEqual(2, len(self.status("--max-age", "1", status=3)["overdue"]))
+
+
+class HostileNames(ReportTest):
+    def setUp(self):
+        super().setUp()
+        for name in HOSTILE:
+            path = os.path.join(self.r.info_root.encode(), DATE.encode() + b"." + name + b".info")
+            with open(path, "wb") as file:
+                file.write(b"type=full\nsize=10\nlast-slice=../x\nnode=\x1b[31m\ncreated=<b>\nfinished=" +
+                           DATE.encode() + b" 01:00:00")
+        write_info(self.r.info_root, "\x1b]0;title\x07", DATE, size="many")
+
+    def test_are_data_in_text_and_json(self):
+        for mode in ("--list", "--status"):
+            status, out, err = self.report(mode, "--date", day(5))
+            self.assertEqual(3, status)
+            for text in (out, err):
+                for character in text.replace("\n", ""):
+                    self.assertTrue(character.isprintable(), repr(character))
+            found = self.objects(mode, "--date", day(5), status=3)
+            self.assertEqual(len(HOSTILE) if mode == "--list" else 1, len(found))
+        names = {one["user"] for one in self.objects("--list", status=3)}
+        self.assertEqual({name.decode(errors="replace") for name in HOSTILE}, names)
+        status, out, err = self.report("--chain", HOSTILE[0].decode(), DATE)
+        self.assertEqual((1, ""), (status, out))
+        self.assertIn("user '\\x1b[2Jcrimson': ", err)
+        self.assertNotIn("\x1b", err)
+        status, out, err = self.report("--chain", HOSTILE[1].decode(), DATE)
+        self.assertEqual((1, ""), (status, out))
+        self.assertIn("names the slice '../x', which is none of this backup", err)
+
+    def test_anonymous_output_has_no_name_and_is_the_same_in_each_run(self):
+        write(os.path.join(self.r.info_root, "secret-name.info"), "finished=x\nsize=1")
+        write_info(self.r.info_root, "web1", DATE, size="1")
+        write_info(self.r.info_root, "web5", DATE, size="x")
+        write(self.r.file(f"var/quarn2_cp.ledger/F{DATE}.web6"), "junk")
+        os.chmod(self.r.file("var/quarn2_cp.ledger"), 0o700)
+        for arguments in (["--list"], ["--list", "--json"], ["--status", "--json", "--date", day(9)],
+                          ["--chain", "web1", DATE]):
+            status, out, err = self.report(*arguments, "--anonymous")
+            self.assertIn(status, (1, 3), err)
+            for name in ("crimson", "script", "quote", "revers", "nnn", "title", "secret", "web1", "web5", "web6"):
+                self.assertNotIn(name, out + err, arguments)
+            self.assertEqual((status, out, err), self.report(*arguments, "--anonymous"))
+
+
+class BesideServers(ReportTest):
+    def test_a_hundred_users(self):
+        for number in range(100):
+            for place in range(-7, 1):
+                kind = "full" if place == -7 else "incremental"
+                write_info(self.r.info_root, f"user{number}", day(place), size=str(number), type=kind,
+                           created=f"{day(place)} 01:00:00")
+        found = self.status("--date", DATE)
+        self.assertEqual((100, 100, 700), (found["users"], found["backups"]["full"], found["backups"]["daily"]))
+        self.assertEqual(8 * sum(range(100)), found["used"])
+        self.assertEqual(2 * sum(range(100)), found["protected"])
+        self.assertEqual(800, len(self.objects("--list")))
+        self.assertEqual(8, len(self.objects("--list", "--user", "user42")))
+
+    def test_a_server_starts_while_a_report_runs(self):
+        for number in range(2000):
+            write_info(self.r.info_root, f"user{number}", DATE, size="1")
+        for name in (f"{DATE}.user{number}.info" for number in range(2000)):
+            shutil.copy(os.path.join(self.r.info_root, name), self.r.storage)
+        # The report stops in the middle of its output, because nothing reads the pipe.
+        process = self.spawn("--list", "--json", stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
+        process.stdout.read(1)
+        self.assertEqual([], [line for line in read("/proc/locks").decode().splitlines()
+                              if line.split()[4] == str(process.pid)])
+        server = Server(self.r, "--date", DATE, "--count-limit", "9:9").wait_ready()
+        self.assertIsNone(process.poll())
+        self.assertEqual("runs", self.status("--date", DATE, "--max-age", "99999999")["server"]["status"])
+        self.assertEqual(2000, len(process.stdout.read().splitlines()))
+        process.stdout.close()
+        self.assertEqual(0, process.wait(DEADLINE))
+        self.assertEqual(0, server.end())
+        self.assertEqual([], server.warnings)
+
+    def test_reports_take_no_lock(self):
+        """The start of a server tries each lock once, so a report that held one would be seen only by chance."""
+        strace = shutil.which("strace")
+        if not strace:
+            self.skipTest("strace is missing")
+        trace = os.path.join(self.folder, "trace")
+        Server(self.r, "--date", DATE, "--count-limit", "9:9").wait_ready()
+        subprocess.run([strace, "-f", "-o", trace, self.binary, "--status"], check=True, stdout=subprocess.DEVNULL,
+                       env=self.r.environment(BACKUP_TOKEN=None))
+        calls = read(trace).decode()
+        self.assertIn("F_GETLK", calls)
+        for forbidden in ("flock(", "F_SETLK", "F_OFD_SETLK", "O_WRONLY", "O_CREAT", "unlink", "rename", "mkdir"):
+            self.assertNotIn(forbidden, calls)
