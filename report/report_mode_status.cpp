@@ -53,7 +53,9 @@ void FindOverdueUsers(Site& site, const Status& status) {
             site.output.Find(user + "the newest complete backup is of " + overdue.date + ", " +
                              str::Str(*overdue.hours) + " hours old" + limit);
         } else {
-            site.output.Find(user + "there is no complete backup with a valid date");
+            site.output.Find(user + (overdue.date.empty()
+                                         ? "there is no complete backup"
+                                         : "the date of the newest backup is invalid"));
         }
     }
 }
