@@ -1,6 +1,7 @@
 #include "quarn2/name_hash.h"
 
 #include "base/digest.h"
+#include "base/hex.h"
 
 namespace quarn2 {
 
