@@ -239,9 +239,16 @@ void UnfinishedBackups::RemoveInterrupted(const std::string& user, const std::st
     });
     if (noted == noted_.end()) return;
     RemoveSlices(ledger_.Read(noted->first), *storage);
+    std::set<std::string> directories;
     for (const std::string& slice : noted->second.stored) {
-        if (LedgerKey(slice) == key) storage->RemoveFile(slice);
+        if (LedgerKey(slice) != key) continue;
+        storage->RemoveFile(slice);
+        directories.insert(kro_file::Path(slice));
     }
+    for (const std::string& directory : directories) storage->SyncRemovals(directory);
+    // Delete finds the directory of the stored info file only by a slice in the local info file,
+    // which may be that of the interrupted job and name no slice.
+    storage->RemoveFile(quarn2::GetStoredName(noted->second.info_path));
     Delete(std::move(storage), noted->second.info_path, false);
 }
 

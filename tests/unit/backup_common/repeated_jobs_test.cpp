@@ -114,6 +114,31 @@ TEST_F(InterruptedJob, IsRemovedCompletelyIfTheJobHasWrittenANewInfoFile) {
     ExpectGone();
 }
 
+TEST_F(InterruptedJob, InDirectoryFormIsRemovedCompletelyToo) {
+    const std::string directory = "web1/2026-11-15/";
+    store_->Reset();
+    Backup(18, "full", 100, 1);
+    std::filesystem::remove(kInfo);
+    Ledger().End(kEntry);
+    Place("root/" + directory + "2026-11-15.web1.info",
+          "finished=2026-11-19 01:00:00\nsize=800\ntype=full");
+    store_->SetFile(directory + "2026-11-15.web1.info",
+                    "finished=2026-11-15 01:00:00\nlast-slice=" + directory +
+                        "F2026-11-15.web1.2.dar\nsize=800\ntype=full");
+    for (const char* slice : {"F2026-11-15.web1.1.dar", "F2026-11-15.web1.2.dar"}) {
+        store_->SetFile(directory + slice, "x");
+    }
+    Ledger().Update(kEntry, [&](LedgerEntry& entry) {
+        entry.storage = "memory:///site";
+        entry.slices[directory + "F2026-11-15.web1.1.dar"] = {SliceState::kStored, 30, ""};
+    });
+    Start();
+    EXPECT_EQ(Reserve(), "OK 0");
+    EXPECT_EQ(Stored(), (Lines{"2026-11-18.web1.info", "F2026-11-18.web1.1.dar"}));
+    EXPECT_FALSE(local_files::Has("root/" + directory + "2026-11-15.web1.info"));
+    EXPECT_EQ(control_.storages.at("").unfinished, 200);
+}
+
 TEST_F(InterruptedJob, StaysAsTheNewestBackupOfItsUser) {
     RemoveBackup(18);
     Start();
