@@ -214,7 +214,7 @@ std::vector<InterruptedBackup> UnfinishedBackups::Interrupted(const std::string&
     if (!has_ledger_ || noted_.empty()) return found;
     std::map<std::string, int> jobs;  // open entries by LedgerKey
     for (const LedgerEntry& entry : ledger_.Entries()) {
-        if (!entry.IsOf(identity_) || !entry.IsOpen()) continue;
+        if (!IsOurs(entry) || !entry.IsOpen()) continue;
         ++jobs[LedgerKey(entry.name)];
         if (!IsInterrupted(entry, date)) continue;
         const Noted& noted = noted_.at(entry.name);
