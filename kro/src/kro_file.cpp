@@ -70,6 +70,11 @@ bool IsOurs(const struct stat& status) noexcept {
     return status.st_uid == 0 || status.st_uid == ::geteuid();
 }
 
+// True when root or this user owns the file, and no other user can write to it.
+bool IsWrittenByUsAlone(const struct stat& status) noexcept {
+    return IsOurs(status) && (status.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
 std::vector<std::string> Components(const std::string& path, bool absolute) {
     std::vector<std::string> parts;
     for (std::size_t begin = 0; begin < path.size();) {
@@ -191,7 +196,7 @@ std::string ReadOurs(const std::string& path) {
     if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
         throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
     }
-    if (!IsOurs(status) || (status.st_mode & S_IWOTH) != 0) {
+    if (!IsWrittenByUsAlone(status)) {
         throw kro_err::Error(kro_err::Kind::kFailed,
                              Quoted(path) + " could have been written by another user");
     }
@@ -208,8 +213,7 @@ void CheckOurDirectory(const std::string& path) {
     if (::lstat(path.c_str(), &status) != 0) {
         throw kro_err::FromErrno("Failed to look at " + Quoted(path));
     }
-    const bool others_write = (status.st_mode & (S_IWGRP | S_IWOTH)) != 0;
-    if (S_ISDIR(status.st_mode) && IsOurs(status) && !others_write) return;
+    if (S_ISDIR(status.st_mode) && IsWrittenByUsAlone(status)) return;
     throw kro_err::Error(kro_err::Kind::kFailed,
                          Quoted(path) +
                              " must be a directory that root or this user alone can "

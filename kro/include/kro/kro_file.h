@@ -50,8 +50,8 @@ std::int64_t Size(const std::string& path);
 std::string Read(const std::string& path);
 std::string ReadE(const std::string& path) noexcept;
 
-// Returns the complete content of a plain file that root or this user owns and that is not writable
-// for all users. Throws for any other file. Use it for a file whose content decides which other
+// Returns the complete content of a plain file that root or this user owns and that only its owner
+// can write to. Throws for any other file. Use it for a file whose content decides which other
 // files are removed.
 std::string ReadOurs(const std::string& path);
 

@@ -185,9 +185,11 @@ TEST_F(Planted, ListsAreReadFromOurOwnPlainFilesAlone) {
     });
     kro_file::Write(path_, "a list");
     EXPECT_EQ(kro_file::ReadOurs(path_), "a list");
-    ASSERT_EQ(::chmod(path_.c_str(), 0646), 0);
     const std::string refusal = "'" + path_ + "' could have been written by another user";
-    EXPECT_EQ(ErrorOf([&] { kro_file::ReadOurs(path_); }), refusal);
+    for (const mode_t mode : {0646U, 0664U, 0620U}) {
+        ASSERT_EQ(::chmod(path_.c_str(), mode), 0);
+        EXPECT_EQ(ErrorOf([&] { kro_file::ReadOurs(path_); }), refusal) << std::oct << mode;
+    }
     ASSERT_EQ(::chmod(path_.c_str(), 0600), 0);
     ASSERT_EQ(::chown(path_.c_str(), kNobody, kNobody), 0);
     EXPECT_EQ(ErrorOf([&] { kro_file::ReadOurs(path_); }), refusal);
