@@ -67,8 +67,8 @@ class Daemon {
         AnnounceReady();
         Serve(*loop, *nodes);
         // Empties the pid file, so that new --server commands wait for the end of this server
-        // instead of using it.
-        if (signal_->arrived()) pid_lock_.Write("");
+        // instead of using it. With the exclusive lock there are no such commands.
+        if (!is_alone_) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
         nodes.reset();
@@ -109,32 +109,42 @@ class Daemon {
         }
     }
 
-    // Serves until no --server command locks the lock file, or until a termination signal arrives.
+    // Serves until no --server command locks the lock file, until a termination signal arrives, or
+    // until the system cannot lock the file.
     void Serve(quarn2::Expect& loop, NodeSessions& nodes) {
         lock_file_ = OpenLockFile(files_.lock);
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
-        while (!signal_->arrived() && flock(lock_file_, LOCK_EX | LOCK_NB) != 0) {
-            if (errno != EAGAIN && errno != EINTR) return;
+        while (!signal_->arrived()) {
+            is_alone_ = flock(lock_file_, LOCK_EX | LOCK_NB) == 0;
+            if (is_alone_) return;
+            if (errno != EAGAIN && errno != EINTR) return LogUnknownCallers(errno);
             const auto next = nodes.Attend(kro_date::SteadyClock::now());
             WriteState();
             loop.Run(static_cast<int>(std::min(next, kMaxRun).count()));
         }
     }
 
-    // Without a signal, this process has the exclusive lock on the lock file and new --server
-    // commands wait for that lock, so the pid file is removed first. After a signal, --server
-    // commands may still have shared locks. Then the pid file must exist until the lock file is
-    // removed. Otherwise a new server could start, and this process would remove the new server's
-    // lock file.
+    void LogUnknownCallers(int error) const {
+        const std::string reason = kro_err::FromErrno("cannot lock " + files_.lock, error).what();
+        KRO_LOG(kLog, 3,
+                "Size control server error: %s. The server cannot learn whether a job still needs "
+                "it, and ends. Start it again for the jobs that run",
+                reason.c_str());
+    }
+
+    // With the exclusive lock on the lock file, new --server commands wait for that lock, so the
+    // pid file is removed first. Without it, --server commands may still have shared locks. Then
+    // the pid file must exist until the lock file is removed. Otherwise a new server could start,
+    // and this process would remove the new server's lock file.
     void RemoveFiles() {
         kro_log::Close();
         state_file_.Remove();
-        if (signal_->arrived()) {
-            kro_file::RemoveFile(files_.lock);
+        if (is_alone_) {
             kro_file::RemoveFile(files_.pid);
+            kro_file::RemoveFile(files_.lock);
         } else {
-            kro_file::RemoveFile(files_.pid);
             kro_file::RemoveFile(files_.lock);
+            kro_file::RemoveFile(files_.pid);
         }
         kro_log::Close();
     }
@@ -148,6 +158,7 @@ class Daemon {
     std::string date_;
     std::shared_ptr<FinishOnSignal> signal_ = std::make_shared<FinishOnSignal>();
     ResHandle lock_file_;
+    bool is_alone_ = false;  // no --server command has a lock on the lock file
 };
 
 }  // namespace
