@@ -9,6 +9,7 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_get.h"
+#include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_storage.h"
 
 namespace {
@@ -34,7 +35,7 @@ void DownloadIndex(quarn2::Storage& storage, const std::string& local_dir, const
     const auto plain = OpenStorage(token);
     plain->AllowCiphertext(true);
     plain->Download(remote, local_index + ".aes");
-    str::inpl::Append(encrypted_lines, stem + ".tgz.aes=" + hash, "\n");
+    str::inpl::Append(encrypted_lines, EncryptedIndexLine(stem + ".tgz.aes", hash), "\n");
 }
 
 void Download(const std::string& local_dir, const std::string& node, quarn2::Storage& storage,

@@ -86,10 +86,6 @@ void DeleteLocallyIf(const std::string& directory, const TakesName& takes, const
 // directory. When that fails, logs the error and returns false. Never throws.
 bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path);
 
-// Deletes a local encrypted index and its line in the directory's ".encrypted_indexes". Does
-// nothing when the index is not listed there.
-void DeleteEncryptedIndex(const std::string& path);
-
 // Removes the incomplete backups that `dir`/.cleanup lists and keeps the lines of backups that
 // could not be removed.
 void CleanUp(const std::string& dir);

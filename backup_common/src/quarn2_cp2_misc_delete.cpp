@@ -15,6 +15,7 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger_deletion.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_owner.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_misc_slices.h"

@@ -1,4 +1,3 @@
-#include <map>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,24 +61,4 @@ bool DeleteByPrefix(std::shared_ptr<quarn2::Storage> storage, const std::string&
         kLog.Text(4, std::string("Cant delete backup '%' :") + " " + error.what());
         return false;
     }
-}
-
-void DeleteEncryptedIndex(const std::string& path) {
-    const auto [directory, name] = kro_file::SplitPath(path);
-    const std::string list_path = kro_file::ConcatPath(directory, ".encrypted_indexes");
-    if (!kro_file::Exists(list_path)) return;
-
-    kro_file::Lock lock;
-    lock.DoLock(list_path, false);
-    std::map<std::string, std::string> indexes = str::Split(lock.Read(), "\n");
-    lock.Release();
-
-    const auto index = indexes.find(name);
-    if (index == indexes.end()) return;
-    kro_file::RemoveFile(path);
-    indexes.erase(index);
-
-    lock.DoLock(list_path, false);
-    lock.Write(str::Join(indexes, "\n"));
-    lock.Release();
 }

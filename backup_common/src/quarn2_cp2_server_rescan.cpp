@@ -18,6 +18,7 @@
 #include "quarn2/storage.h"
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_server_notes.h"
@@ -312,11 +313,7 @@ class Rescanner {
     }
 
     void WriteEncryptedLines() const {
-        if (encrypted_lines_.empty()) return;
-        kro_file::Lock lock;
-        lock.DoLock(kro_file::ConcatPath(local_root_, ".encrypted_indexes"), true);
-        lock.Write(encrypted_lines_);
-        lock.Release();
+        if (!encrypted_lines_.empty()) WriteEncryptedIndexes(local_root_, encrypted_lines_);
     }
 
     std::shared_ptr<quarn2::Storage> storage_;

@@ -11,6 +11,7 @@
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_paths.h"
 #include "quarn2_cp2_misc_storage.h"
 
@@ -110,7 +111,7 @@ std::string RescanDirectory(const std::string& local_root) {
 bool IsProgramFile(const std::string& name) {
     const std::string own = WithoutTemporaryForm(name);
     return own == ".rescan" || str::StartsWith(own, ".rescan#") || own == ".clear" ||
-           own == ".cleanup" || own == ".encrypted_indexes";
+           own == ".cleanup" || own == kEncryptedIndexes;
 }
 
 bool IsAdminRoot(const std::string& name) { return name == "tovarn" || name == "tovarn.private"; }

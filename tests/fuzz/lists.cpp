@@ -16,6 +16,7 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_encrypted.h"
 
 namespace {
 

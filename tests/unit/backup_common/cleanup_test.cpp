@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "faults.h"
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_cleanup.h"
+#include "quarn2_cp2_misc_encrypted.h"
 
 namespace {
 
@@ -111,6 +113,27 @@ TEST_F(CleanUpTest, WithoutAListNoIndexIsDeleted) {
     Place("root/a.tgz.aes", "x");
     DeleteEncryptedIndex("root/a.tgz.aes");
     EXPECT_EQ(Below("root"), (Lines{"a.tgz.aes"}));
+}
+
+TEST_F(CleanUpTest, ALineThatAnotherProcessAddsMeanwhileStays) {
+    const std::string list = "root/.encrypted_indexes";
+    Place(list, "a.tgz.aes=h1\nb.tgz.aes=h2");
+    int locks = 0;
+    faults::OnFlock([&] {
+        if (++locks == 2)
+            WriteEncryptedIndexes("root", "a.tgz.aes=h1\nb.tgz.aes=h2\nnew.tgz.aes=h3");
+    });
+    DeleteEncryptedIndex("root/a.tgz.aes");
+    faults::OnFlock(nullptr);
+    EXPECT_GE(locks, 2);
+    EXPECT_EQ(local_files::Load(list), "b.tgz.aes=h2\nnew.tgz.aes=h3");
+}
+
+TEST_F(CleanUpTest, AListOfEncryptedIndexesIsReplacedAsAWhole) {
+    Place("root/.encrypted_indexes", "a longer line than those that replace this list=h0\n");
+    WriteEncryptedIndexes("root",
+                          EncryptedIndexLine("a", "h1") + "\n" + EncryptedIndexLine("b", ""));
+    EXPECT_EQ(local_files::Load("root/.encrypted_indexes"), "a=h1\nb=");
 }
 
 TEST_F(CleanUpTest, AnIndexThatIsNotListedStays) {

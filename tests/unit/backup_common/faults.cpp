@@ -7,11 +7,13 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace {
 
 faults::Fork fork_kind = faults::Fork::kReal;
 int fork_status = 0;
+std::function<void()> on_flock;
 
 bool Take(int& count) {
     if (count <= 0) return false;
@@ -26,6 +28,8 @@ faults::Plan& faults::ThePlan() {
     static Plan plan;
     return plan;
 }
+
+void faults::OnFlock(std::function<void()> function) { on_flock = std::move(function); }
 
 std::atomic<int>& faults::LstatCalls() {
     static std::atomic<int> calls{0};
@@ -53,6 +57,7 @@ int __wrap_lstat(const char* path, struct stat* status) {
 }
 
 int __wrap_flock(int fd, int operation) {
+    if (on_flock) on_flock();
     return Take(faults::ThePlan().flock) ? -1 : __real_flock(fd, operation);
 }
 

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 
 namespace faults {
 
@@ -16,6 +17,9 @@ struct Plan {
     int error = 0;
 };
 Plan& ThePlan();
+
+// Calls `function` before each flock of this process. A flock inside `function` calls it again.
+void OnFlock(std::function<void()> function);
 
 // How often lstat has been called. Upload threads call it too.
 std::atomic<int>& LstatCalls();
