@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "kro/kro_err.h"
+
 namespace kro_file {
 
 // Calls a system call again as long as a signal interrupts it.
@@ -27,7 +29,10 @@ std::string ReadAll(int fd, const std::string& path);
 // Writes the complete text at the beginning of the file. Returns false and sets errno on failure.
 bool WriteAll(int fd, std::string_view text) noexcept;
 
-// True when `path` still refers to the open file `fd`. Does not follow a symbolic link at `path`.
-bool IsSameFile(int fd, const std::string& path) noexcept;
+// True when the open file is a plain file.
+bool IsPlainFile(int fd) noexcept;
+
+// The error for a path that is not that of a plain file.
+kro_err::Error NotPlain(const std::string& path);
 
 }  // namespace kro_file

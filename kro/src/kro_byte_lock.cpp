@@ -1,22 +1,19 @@
 #include "kro/kro_byte_lock.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include "fd_io.h"
 #include "kro/kro_err.h"
+#include "kro/str.h"
 
 namespace kro_file {
 
 ByteLock::ByteLock(const std::string& path)
     : path_(path),
       handle_(OpenFd(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600)) {
-    if (!handle_) throw kro_err::FromErrno("Failed to open '" + path + "'");
-    struct stat status {};
-    if (fstat(handle_, &status) != 0 || !S_ISREG(status.st_mode)) {
-        throw kro_err::Error(kro_err::Kind::kFailed, "'" + path + "' is not a plain file");
-    }
+    if (!handle_) throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
+    if (!IsPlainFile(handle_)) throw NotPlain(path);
 }
 
 ByteLock::ByteLock(const std::string& path, std::int64_t offset) : ByteLock(path) {
@@ -38,7 +35,7 @@ bool ByteLock::Take(std::int64_t offset, int command) {
     lock.l_len = 1;
     if (NoEintr([&] { return fcntl(handle_, command, &lock); }) == 0) return true;
     if (errno == EAGAIN || errno == EACCES) return false;
-    throw kro_err::FromErrno("Failed to lock '" + path_ + "'");
+    throw kro_err::FromErrno("Failed to lock " + str::Quoted(path_));
 }
 
 }  // namespace kro_file

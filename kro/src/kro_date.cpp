@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "kro/kro_err.h"
+#include "kro/str.h"
 
 namespace kro_date {
 
@@ -24,8 +25,7 @@ constexpr std::size_t kDateTimeSize = 19;  // YYYY-MM-DD HH:MM:SS
 bool HasShape(std::string_view text, std::string_view shape) noexcept {
     if (text.size() != shape.size()) return false;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const bool digit = text[i] >= '0' && text[i] <= '9';
-        if (shape[i] == 'd' ? !digit : text[i] != shape[i]) return false;
+        if (shape[i] == 'd' ? !str::IsDigit(text[i]) : text[i] != shape[i]) return false;
     }
     return true;
 }
@@ -64,9 +64,7 @@ std::optional<std::tm> ParseDateTime(std::string_view text) noexcept {
 }
 
 kro_err::Error TextError(std::string_view text, const char* what) {
-    std::string message("'");
-    message.append(text).append("' is not ").append(what);
-    return kro_err::Error(kro_err::Kind::kFailed, message);
+    return kro_err::Error(kro_err::Kind::kFailed, str::Quoted(text) + " is not " + what);
 }
 
 std::int64_t DaysOf(const year_month_day& date) noexcept {

@@ -3,8 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "fd_io.h"
 #include "kro/kro_file.h"
+#include "kro/str.h"
 
 namespace kro_file {
 
@@ -36,12 +39,12 @@ Dir::Dir(const std::string& path, int flags) : state_(std::make_unique<State>())
     state_->flags = flags;
     const int fd = OpenFd(path.empty() ? "." : path, O_RDONLY | O_DIRECTORY);
     if (fd < 0 && errno == ENOENT) return;
-    if (fd < 0) throw kro_err::FromErrno("Failed to open the directory '" + path + "'");
+    if (fd < 0) throw kro_err::FromErrno("Failed to open the directory " + str::Quoted(path));
     state_->directory.reset(::fdopendir(fd));
     if (!state_->directory) {
         const int error = errno;
         ::close(fd);
-        throw kro_err::FromErrno("Failed to read the directory '" + path + "'", error);
+        throw kro_err::FromErrno("Failed to read the directory " + str::Quoted(path), error);
     }
 }
 
@@ -52,7 +55,7 @@ bool Dir::Read() {
         errno = 0;
         const dirent* entry = ::readdir(state_->directory.get());
         if (entry == nullptr && errno != 0) {
-            throw kro_err::FromErrno("Failed to read the directory '" + state_->path + "'");
+            throw kro_err::FromErrno("Failed to read the directory " + str::Quoted(state_->path));
         }
         if (entry == nullptr) break;
         if ((state_->flags & kNoDots) != 0 && IsDots(entry->d_name)) continue;
@@ -74,6 +77,14 @@ bool Dir::IsDir() const {
     return ::fstatat(::dirfd(state_->directory.get()), state_->name.c_str(), &status,
                      AT_SYMLINK_NOFOLLOW) == 0 &&
            S_ISDIR(status.st_mode);
+}
+
+std::vector<std::string> NamesIn(const std::string& directory) {
+    std::vector<std::string> names;
+    Dir entries(directory, kNoDots);
+    while (entries.Read()) names.push_back(entries.name());
+    std::sort(names.begin(), names.end());
+    return names;
 }
 
 }  // namespace kro_file

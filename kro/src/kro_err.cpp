@@ -4,14 +4,6 @@
 
 namespace kro_err {
 
-namespace {
-
-Kind KindOf(int error) noexcept {
-    return error == ENOENT || error == ENOTDIR ? Kind::kNotFound : Kind::kFailed;
-}
-
-}  // namespace
-
 Error::Error(Kind kind, const std::string& text) : std::runtime_error(text), kind_(kind) {}
 
 std::string_view Error::type() const noexcept {
@@ -28,9 +20,12 @@ std::string_view Error::type() const noexcept {
     return "failed";
 }
 
+bool IsMissing(int error) noexcept { return error == ENOENT || error == ENOTDIR; }
+
 SystemError FromErrno(const std::string& text, int error) {
     char buffer[128];
-    return {KindOf(error), text + ": " + strerror_r(error, buffer, sizeof buffer), error};
+    const Kind kind = IsMissing(error) ? Kind::kNotFound : Kind::kFailed;
+    return {kind, text + ": " + strerror_r(error, buffer, sizeof buffer), error};
 }
 
 }  // namespace kro_err

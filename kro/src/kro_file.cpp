@@ -10,12 +10,13 @@
 
 #include "fd_io.h"
 #include "kro/kro_new_file.h"
+#include "kro/str.h"
 
 namespace kro_file {
 
 namespace {
 
-std::string Quoted(const std::string& path) { return "'" + path + "'"; }
+using str::Quoted;
 
 struct stat Status(const std::string& path) {
     struct stat status {};
@@ -46,11 +47,6 @@ std::pair<std::string_view, std::string_view> Halves(std::string_view path) {
     const std::size_t slash = path.rfind('/');
     if (slash == path.npos) return {std::string_view(), path};
     return {WithoutClosingSlashes(path.substr(0, slash + 1)), path.substr(slash + 1)};
-}
-
-bool IsDirectory(const std::string& path) noexcept {
-    struct stat status {};
-    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
 }
 
 // Gives the new file the mode, owner and group of the old file. Ignores EPERM: only root can change
@@ -124,11 +120,13 @@ bool WriteAll(int fd, std::string_view text) noexcept {
     return true;
 }
 
-bool IsSameFile(int fd, const std::string& path) noexcept {
-    struct stat open {};
-    struct stat named {};
-    return ::fstat(fd, &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
-           open.st_ino == named.st_ino && open.st_dev == named.st_dev;
+bool IsPlainFile(int fd) noexcept {
+    struct stat status {};
+    return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+kro_err::Error NotPlain(const std::string& path) {
+    return kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
 }
 
 std::string ConcatPath(const std::string& directory, const std::string& name) {
@@ -163,11 +161,38 @@ bool Exists(const std::string& path) {
     return ::stat(path.c_str(), &status) == 0;
 }
 
+bool IsDirectory(const std::string& path) noexcept {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode);
+}
+
+FileType TypeOf(const std::string& path) noexcept {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) {
+        return kro_err::IsMissing() ? FileType::kNone : FileType::kUnknown;
+    }
+    switch (status.st_mode & S_IFMT) {
+        case S_IFREG:
+            return FileType::kPlain;
+        case S_IFDIR:
+            return FileType::kDirectory;
+        case S_IFLNK:
+            return FileType::kLink;
+        default:
+            return FileType::kSpecial;
+    }
+}
+
+bool IsSameFile(int fd, const std::string& path) noexcept {
+    struct stat open {};
+    struct stat named {};
+    return ::fstat(fd, &open) == 0 && ::lstat(path.c_str(), &named) == 0 &&
+           open.st_ino == named.st_ino && open.st_dev == named.st_dev;
+}
+
 std::int64_t Size(const std::string& path) {
     const struct stat status = Status(path);
-    if (!S_ISREG(status.st_mode)) {
-        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
-    }
+    if (!S_ISREG(status.st_mode)) throw NotPlain(path);
     return status.st_size;
 }
 
@@ -193,9 +218,7 @@ std::string ReadOurs(const std::string& path) {
     if (fd < 0 && errno != ELOOP) throw kro_err::FromErrno("Failed to open " + Quoted(path));
     const ResHandle handle(fd);
     struct stat status {};
-    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) {
-        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
-    }
+    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode)) throw NotPlain(path);
     if (!IsWrittenByUsAlone(status)) {
         throw kro_err::Error(kro_err::Kind::kFailed,
                              Quoted(path) + " could have been written by another user");
@@ -223,9 +246,7 @@ void CheckOurDirectory(const std::string& path) {
 void Write(const std::string& path, std::string_view text, mode_t mode) {
     const auto old = OldStatus(path);
     // A device or a directory must not be replaced with a file.
-    if (old && !S_ISREG(old->st_mode)) {
-        throw kro_err::Error(kro_err::Kind::kFailed, Quoted(path) + " is not a plain file");
-    }
+    if (old && !S_ISREG(old->st_mode)) throw NotPlain(path);
     // The new file has mode 0600 until it has the old file's owner, so that no other user can read
     // it earlier.
     NewFile file(path, old ? 0600 : mode);
@@ -235,7 +256,7 @@ void Write(const std::string& path, std::string_view text, mode_t mode) {
 }
 
 void RemoveFile(const std::string& path) {
-    if (::unlink(path.c_str()) != 0 && errno != ENOENT && errno != ENOTDIR) {
+    if (::unlink(path.c_str()) != 0 && !kro_err::IsMissing()) {
         throw kro_err::FromErrno("Failed to remove " + Quoted(path));
     }
 }
@@ -251,7 +272,7 @@ void Remove(const std::string& path) {
     std::error_code error;
     // Removes trailing slashes, because with such a slash remove_all would follow a symbolic link.
     std::filesystem::remove_all(std::string(WithoutClosingSlashes(path)), error);
-    if (error && error.value() != ENOENT && error.value() != ENOTDIR) {
+    if (error && !kro_err::IsMissing(error.value())) {
         throw kro_err::FromErrno("Failed to remove " + Quoted(path), error.value());
     }
 }

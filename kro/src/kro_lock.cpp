@@ -5,6 +5,7 @@
 
 #include "fd_io.h"
 #include "kro/kro_file.h"
+#include "kro/str.h"
 
 namespace kro_file {
 
@@ -19,11 +20,6 @@ constexpr int kPlanted = O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
 // between open and flock.
 constexpr int kAttempts = 100;
 
-bool IsPlainFile(int fd) noexcept {
-    struct stat status {};
-    return ::fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
-}
-
 // True when the file has a second hard link. Lock::Write changes the file in place, so it would
 // also change the content under the other name.
 bool HasAnotherName(int fd) noexcept {
@@ -32,7 +28,8 @@ bool HasAnotherName(int fd) noexcept {
 }
 
 [[noreturn]] void ThrowUnsafe(const std::string& path, const char* why) {
-    throw kro_err::Error(kro_err::Kind::kFailed, "Failed to lock '" + path + "': it " + why);
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         "Failed to lock " + str::Quoted(path) + ": it " + why);
 }
 
 }  // namespace
@@ -49,12 +46,12 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
         const int fd = OpenFd(path, O_RDWR | kPlanted | (create ? O_CREAT : 0), 0600);
         if (fd < 0 && errno == ELOOP) ThrowUnsafe(path, "is a symbolic link");
-        if (fd < 0) throw kro_err::FromErrno("Failed to open '" + path + "'");
+        if (fd < 0) throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
         ResHandle handle(fd);
         if (!IsPlainFile(fd)) ThrowUnsafe(path, "is not a plain file");
         if (NoEintr([&] { return ::flock(fd, operation); }) != 0) {
             if (errno == EWOULDBLOCK) return false;
-            throw kro_err::FromErrno("Failed to lock '" + path + "'");
+            throw kro_err::FromErrno("Failed to lock " + str::Quoted(path));
         }
         // The previous holder may have removed the file. Other processes then lock a new file at
         // this path, so the lock on the removed file would not exclude them.
@@ -64,8 +61,8 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
             return true;
         }
     }
-    throw kro_err::Error(kro_err::Kind::kFailed,
-                         "Failed to lock '" + path + "': the file is replaced all the time");
+    throw kro_err::Error(kro_err::Kind::kFailed, "Failed to lock " + str::Quoted(path) +
+                                                     ": the file is replaced all the time");
 }
 
 std::string Lock::Read() const { return ReadAll(handle_, path_); }
@@ -83,7 +80,7 @@ void Lock::Write(std::string_view text) {
     if (!WriteAll(handle_, padded) ||
         NoEintr([&] { return ::ftruncate(handle_, static_cast<off_t>(text.size())); }) != 0 ||
         NoEintr([&] { return ::fsync(handle_); }) != 0) {
-        throw kro_err::FromErrno("Failed to write '" + path_ + "'");
+        throw kro_err::FromErrno("Failed to write " + str::Quoted(path_));
     }
 }
 

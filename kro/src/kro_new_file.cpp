@@ -2,13 +2,13 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
 
 #include "fd_io.h"
 #include "kro/kro_file.h"
+#include "kro/str.h"
 
 namespace kro_file {
 
@@ -23,7 +23,7 @@ std::string TemporaryPath(const std::string& target) {
 }
 
 CopyError OpenError(const std::string& path) {
-    return CopyError("Failed to make the file '" + path + "'", errno);
+    return CopyError("Failed to make the file " + str::Quoted(path), errno);
 }
 
 bool Flock(int fd, int operation) noexcept {
@@ -33,16 +33,15 @@ bool Flock(int fd, int operation) noexcept {
 // Waits for the lock on the open file `fd`. Returns false when the path no longer refers to that
 // file, because the previous writer has renamed or removed it.
 bool LockNamed(int fd, const std::string& path) {
-    if (!Flock(fd, LOCK_EX)) throw kro_err::FromErrno("Failed to lock '" + path + "'");
+    if (!Flock(fd, LOCK_EX)) throw kro_err::FromErrno("Failed to lock " + str::Quoted(path));
     return IsSameFile(fd, path);
 }
 
 // True for links, sockets and other special files. NewFile never creates such files, so no writer
 // holds a lock on them.
 bool IsNeitherFileNorDirectory(const std::string& path) noexcept {
-    struct stat status {};
-    return ::lstat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode) &&
-           !S_ISDIR(status.st_mode);
+    const FileType type = TypeOf(path);
+    return type == FileType::kLink || type == FileType::kSpecial;
 }
 
 // Removes the temporary file at the path. Waits until its writer has released the lock.
@@ -83,17 +82,18 @@ NewFile::~NewFile() {
 
 void NewFile::Commit(Durability durability) {
     if (durability == Durability::kNow && NoEintr([&] { return ::fsync(handle_); }) != 0) {
-        throw CopyError("Failed to sync '" + temporary_ + "'", errno);
+        throw CopyError("Failed to sync " + str::Quoted(temporary_), errno);
     }
     if (std::rename(temporary_.c_str(), target_.c_str()) != 0) {
-        throw CopyError("Failed to rename '" + temporary_ + "' to '" + target_ + "'", errno);
+        throw CopyError(
+            "Failed to rename " + str::Quoted(temporary_) + " to " + str::Quoted(target_), errno);
     }
     committed_ = true;
     if (durability == Durability::kLater) return;
     const std::string directory = Path(target_);
     const ResHandle opened(OpenFd(directory.empty() ? "." : directory, O_RDONLY | O_DIRECTORY));
     if (!opened || (NoEintr([&] { return ::fsync(opened); }) != 0 && errno != EINVAL)) {
-        throw CopyError("Failed to sync the directory of '" + target_ + "'", errno);
+        throw CopyError("Failed to sync the directory of " + str::Quoted(target_), errno);
     }
 }
 
@@ -110,8 +110,8 @@ void RemoveTemporary(const std::string& target) {
     const std::string path = TemporaryPath(target);
     if (IsNeitherFileNorDirectory(path)) return RemoveFile(path);
     const int fd = OpenFd(path, O_RDWR | O_NOFOLLOW | O_NONBLOCK);
-    if (fd < 0 && (errno == ENOENT || errno == ENOTDIR)) return;
-    if (fd < 0) throw kro_err::FromErrno("Failed to open '" + path + "'");
+    if (fd < 0 && kro_err::IsMissing()) return;
+    if (fd < 0) throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
     const ResHandle leftover(fd);
     if (Flock(fd, LOCK_EX | LOCK_NB) && IsSameFile(fd, path)) RemoveFile(path);
 }

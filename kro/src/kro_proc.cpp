@@ -15,6 +15,7 @@
 
 #include "fd_io.h"
 #include "kro/kro_err.h"
+#include "kro/str.h"
 
 namespace kro_proc {
 
@@ -153,7 +154,7 @@ void Execute::Run() {
     result_ = -1;
     pid_ = ::fork();
     if (pid_ == 0) RunChild(argv.data(), environment.data(), answer);
-    if (pid_ < 0) throw kro_err::FromErrno("Failed to start '" + arguments_[0] + "'");
+    if (pid_ < 0) throw kro_err::FromErrno("Failed to start " + str::Quoted(arguments_[0]));
     answer.Reset();
     in_.Reset();
     out_.Reset();
@@ -162,7 +163,7 @@ void Execute::Run() {
         Result();
         pid_ = -1;
         result_ = -1;
-        throw kro_err::FromErrno("Failed to start '" + arguments_[0] + "'", error);
+        throw kro_err::FromErrno("Failed to start " + str::Quoted(arguments_[0]), error);
     }
 }
 
@@ -170,7 +171,7 @@ int Execute::Result() {
     if (pid_ < 0 || result_ >= 0) return result_;
     int status = 0;
     if (NoEintr([&] { return ::waitpid(pid_, &status, 0); }) < 0) {
-        throw kro_err::FromErrno("Failed to wait for '" + arguments_[0] + "'");
+        throw kro_err::FromErrno("Failed to wait for " + str::Quoted(arguments_[0]));
     }
     result_ = StatusOf(status);
     return result_;
@@ -180,7 +181,7 @@ bool Execute::Wait(int milliseconds) {
     if (HasEnded()) return true;
     if (milliseconds <= 0) return false;
     const ResHandle child(static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0)));
-    if (!child) throw kro_err::FromErrno("Failed to watch '" + arguments_[0] + "'");
+    if (!child) throw kro_err::FromErrno("Failed to watch " + str::Quoted(arguments_[0]));
     pollfd state{child, POLLIN, 0};
     NoEintr([&] { return ::poll(&state, 1, milliseconds); });
     return HasEnded();

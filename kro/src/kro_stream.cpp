@@ -7,6 +7,7 @@
 
 #include "fd_io.h"
 #include "kro/kro_err.h"
+#include "kro/str.h"
 
 namespace kro_stream {
 
@@ -18,8 +19,8 @@ constexpr std::size_t kBufferSize = 64UL * 1024;
 
 Input::Input(const std::string& path)
     : path_(path), handle_(kro_file::OpenFd(path, O_RDONLY)), buffer_(kBufferSize) {
-    if (!handle_ && errno != ENOENT && errno != ENOTDIR) {
-        throw kro_err::FromErrno("Failed to open '" + path + "'");
+    if (!handle_ && !kro_err::IsMissing()) {
+        throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
     }
 }
 
@@ -27,7 +28,7 @@ bool Input::Fill() {
     if (!handle_) return false;
     const ssize_t got =
         kro_file::NoEintr([this] { return ::read(handle_, buffer_.data(), buffer_.size()); });
-    if (got < 0) throw kro_err::FromErrno("Failed to read '" + path_ + "'");
+    if (got < 0) throw kro_err::FromErrno("Failed to read " + str::Quoted(path_));
     begin_ = 0;
     end_ = static_cast<std::size_t>(got);
     return got > 0;

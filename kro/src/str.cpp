@@ -1,5 +1,6 @@
 #include "kro/str.h"
 
+#include <algorithm>
 #include <charconv>
 #include <utility>
 
@@ -10,9 +11,7 @@ namespace str {
 namespace {
 
 kro_err::Error NumberError(std::string_view text, const char* what) {
-    std::string message("'");
-    message.append(text).append("' ").append(what);
-    return kro_err::Error(kro_err::Kind::kFailed, message);
+    return kro_err::Error(kro_err::Kind::kFailed, Quoted(text) + " " + what);
 }
 
 template <class Number>
@@ -61,6 +60,17 @@ bool StartsWith(std::string_view text, std::string_view prefix) noexcept {
 
 bool EndsWith(std::string_view text, std::string_view suffix) noexcept {
     return text.ends_with(suffix);
+}
+
+bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
+
+bool HasDigitsOnly(std::string_view text) noexcept {
+    return !text.empty() && std::all_of(text.begin(), text.end(), IsDigit);
+}
+
+std::string Quoted(std::string_view text) {
+    std::string quoted("'");
+    return quoted.append(text).append("'");
 }
 
 std::string Lower(std::string_view text) {

@@ -40,6 +40,9 @@ class SystemError : public Error {
     int error_;
 };
 
+// True for the errno of a system call that found no file at its path: ENOENT or ENOTDIR.
+bool IsMissing(int error = errno) noexcept;
+
 // Makes the error of a failed system call, with the text "TEXT: reason". ENOENT and ENOTDIR give
 // kNotFound, every other errno kFailed. EACCES and EPERM do not give kUnauthorized, because
 // permissions of local files are not credentials.

@@ -12,6 +12,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "kro/kro_err.h"
 #include "kro/res_handle.h"
@@ -41,7 +42,26 @@ std::string GoodPath(const std::string& path);
 
 // --- Files ---
 
+// Exists and IsDirectory follow symbolic links.
 bool Exists(const std::string& path);
+bool IsDirectory(const std::string& path) noexcept;
+
+enum class FileType {
+    kNone,     // no file has this path
+    kUnknown,  // the system refuses to examine the path
+    kPlain,
+    kDirectory,
+    kLink,     // a symbolic link
+    kSpecial,  // a device, a named pipe or a socket
+};
+
+// Does not follow a symbolic link at the path.
+FileType TypeOf(const std::string& path) noexcept;
+
+// True when the path refers to the open file `fd`: device and inode are the same. Does not follow a
+// symbolic link at the path.
+bool IsSameFile(int fd, const std::string& path) noexcept;
+
 // The size of a plain file in bytes. Throws for any other type of file.
 std::int64_t Size(const std::string& path);
 
@@ -138,6 +158,10 @@ class Dir {
     struct State;
     std::unique_ptr<State> state_;
 };
+
+// The names of all entries of a directory except "." and "..", sorted. A missing directory counts
+// as empty.
+std::vector<std::string> NamesIn(const std::string& directory);
 
 // --- Locks ---
 

@@ -15,6 +15,15 @@ namespace str {
 bool StartsWith(std::string_view text, std::string_view prefix) noexcept;
 bool EndsWith(std::string_view text, std::string_view suffix) noexcept;
 
+// True for the ASCII digits.
+bool IsDigit(char c) noexcept;
+
+// True for a text of one or more ASCII digits.
+bool HasDigitsOnly(std::string_view text) noexcept;
+
+// The text between single quotes, as messages show names and paths.
+std::string Quoted(std::string_view text);
+
 // Converts ASCII letters to lower case. Other bytes stay unchanged.
 std::string Lower(std::string_view text);
 

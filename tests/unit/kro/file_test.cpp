@@ -140,6 +140,62 @@ TEST(FileRemove, RefusesTheRootAndTheCurrentDirectory) {
     kro_file::Remove("");
 }
 
+TEST(FileTypes, FollowOrDoNotFollowLinks) {
+    using kro_file::FileType;
+    const TempDir dir;
+    kro_file::Write(dir / "file", "x");
+    kro_file::MkDir(dir / "directory");
+    std::filesystem::create_symlink("directory", dir / "link");
+    std::filesystem::create_symlink("nowhere", dir / "broken");
+    std::filesystem::create_symlink("loop", dir / "loop");
+    ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+    struct Case {
+        const char* name;
+        FileType type;
+        bool is_directory;
+    };
+    for (const Case& c :
+         {Case{"file", FileType::kPlain, false}, Case{"directory", FileType::kDirectory, true},
+          Case{"link", FileType::kLink, true}, Case{"broken", FileType::kLink, false},
+          Case{"pipe", FileType::kSpecial, false}, Case{"missing", FileType::kNone, false},
+          Case{"file/below", FileType::kNone, false},
+          Case{"loop/below", FileType::kUnknown, false}}) {
+        EXPECT_EQ(kro_file::TypeOf(dir / c.name), c.type) << c.name;
+        EXPECT_EQ(kro_file::IsDirectory(dir / c.name), c.is_directory) << c.name;
+    }
+}
+
+TEST(FileIsSameFile, ComparesInodeAndDevice) {
+    const TempDir dir;
+    kro_file::Write(dir / "a", "x");
+    const ResHandle open(::open((dir / "a").c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_TRUE(kro_file::IsSameFile(open, dir / "a"));
+    std::filesystem::create_hard_link(dir / "a", dir / "b");
+    EXPECT_TRUE(kro_file::IsSameFile(open, dir / "b"));
+    std::filesystem::create_symlink("a", dir / "link");
+    EXPECT_FALSE(kro_file::IsSameFile(open, dir / "link"));
+    EXPECT_FALSE(kro_file::IsSameFile(open, dir / "missing"));
+    kro_file::Write(dir / "a", "new");
+    EXPECT_FALSE(kro_file::IsSameFile(open, dir / "a"));
+}
+
+TEST(FileIsSameFile, InodesOfTwoDevicesMayHaveTheSameNumber) {
+    const ResHandle processes(::open("/proc", O_RDONLY | O_CLOEXEC));
+    if (StatusOf("/proc").st_ino != StatusOf("/sys").st_ino) GTEST_SKIP() << "/sys is not mounted";
+    EXPECT_TRUE(kro_file::IsSameFile(processes, "/proc"));
+    EXPECT_FALSE(kro_file::IsSameFile(processes, "/sys"));
+}
+
+TEST(FileNamesIn, AreSortedAndWithoutDots) {
+    const TempDir dir;
+    for (const char* const name : {"b", "a", ".hidden"}) kro_file::Write(dir / name, "");
+    kro_file::MkDir(dir / "c");
+    EXPECT_EQ(kro_file::NamesIn(dir.path()), (std::vector<std::string>{".hidden", "a", "b", "c"}));
+    EXPECT_EQ(kro_file::NamesIn(dir / "c"), std::vector<std::string>());
+    EXPECT_EQ(kro_file::NamesIn(dir / "missing"), std::vector<std::string>());
+    EXPECT_EQ(ErrorType([&] { kro_file::NamesIn(dir / "a"); }), "not_found");
+}
+
 TEST(FileMkDir, MakesMissingDirectoriesAbove) {
     const TempDir dir;
     const mode_t old = ::umask(0);

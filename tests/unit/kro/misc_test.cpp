@@ -87,6 +87,13 @@ TEST(Error, NamesItsKind) {
     EXPECT_STREQ(Error(Kind::kFailed, "the text").what(), "the text");
 }
 
+TEST(Error, MissingIsAPathWithoutAFile) {
+    for (const int error : {ENOENT, ENOTDIR}) EXPECT_TRUE(kro_err::IsMissing(error));
+    for (const int error : {0, EACCES, ELOOP, EISDIR}) EXPECT_FALSE(kro_err::IsMissing(error));
+    errno = ENOENT;
+    EXPECT_TRUE(kro_err::IsMissing());
+}
+
 TEST(Error, ComesFromErrno) {
     errno = ENOENT;
     const kro_err::Error missing = kro_err::FromErrno("Failed to open 'x'");

@@ -28,6 +28,20 @@ TEST(StrLower, ChangesAsciiLettersOnly) {
     EXPECT_EQ(str::Lower(""), "");
 }
 
+TEST(StrDigits, AreTheAsciiDigits) {
+    for (const char c : {'0', '5', '9'}) EXPECT_TRUE(str::IsDigit(c)) << c;
+    for (const char c : {'/', ':', 'a', ' ', '-', '\0', '\xb2'}) EXPECT_FALSE(str::IsDigit(c)) << c;
+    EXPECT_TRUE(str::HasDigitsOnly("0123456789"));
+    for (const std::string_view text : {"", "-1", "1 ", "1a", "a1"}) {
+        EXPECT_FALSE(str::HasDigitsOnly(text)) << text;
+    }
+}
+
+TEST(StrQuoted, PutsTheTextBetweenQuotes) {
+    EXPECT_EQ(str::Quoted("a b"), "'a b'");
+    EXPECT_EQ(str::Quoted(""), "''");
+}
+
 TEST(StrTrimmed, TakesBlanksFromBothEnds) {
     EXPECT_EQ(str::Trimmed(" \t a b\r\n"), "a b");
     EXPECT_EQ(str::Trimmed("a"), "a");
