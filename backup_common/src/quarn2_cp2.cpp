@@ -5,7 +5,8 @@
 #include "kro/kro_args.h"
 #include "kro/kro_log.h"
 #include "quarn2_cp2_get.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_clear.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_put.h"
 #include "quarn2_cp2_server.h"
 

@@ -1,7 +1,5 @@
 #include "quarn2_cp2_get.h"
 
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <stdexcept>
 #include <utility>
@@ -10,46 +8,22 @@
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
-#include "kro/kro_proc.h"
 #include "kro/str.h"
 #include "quarn2/info.h"
 #include "quarn2/names.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_attempts.h"
 #include "quarn2_cp2_misc_progress.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr int kAttempts = 3;
-constexpr int kPauseSeconds = 60;
-constexpr int kMillisecondsPerSecond = 1000;
 constexpr std::size_t kCustomHead = 12;  // "C", a date and a dot
 
 bool IsListedAtRoot(quarn2::Storage& storage, const std::string& remote) {
     std::vector<std::string> names;
     storage.List(names, "");
     return std::find(names.begin(), names.end(), remote) != names.end();
-}
-
-// Decides whether a failed download is tried again. If so, waits and returns true. After the last
-// attempt, or when the storage root does not list the file, writes the attempts file and returns
-// false. For an "unauthorized" error, only returns false.
-bool MayTryAgain(quarn2::Storage& storage, const std::string& remote, const std::string& local,
-                 const kro_err::Error& error, int attempt) {
-    if (error.type() == "unauthorized") return false;
-    if (!IsListedAtRoot(storage, remote)) {
-        quarn2::CreateAttemptsFile(local, error.what());
-        return false;
-    }
-    KRO_LOG(kLog, 4, "Failed download : %s. What: %s. Attempt: %d of %d", remote.c_str(),
-            error.what(), attempt, kAttempts);
-    if (attempt == kAttempts) {
-        quarn2::CreateAttemptsFile(local, error.what());
-        return false;
-    }
-    KRO_LOG(kLog, 6, "Wait %d seconds before next attempt", kPauseSeconds);
-    kro_proc::Sleep(kPauseSeconds * kMillisecondsPerSecond);
-    return true;
 }
 
 // The file that a restore job requests: its local path and its directory on the storage.
@@ -88,7 +62,7 @@ bool AsksForZeroSlice(const std::string& local) {
 }
 
 bool BeginsWithDigit(const std::string& text) {
-    return !text.empty() && text.front() >= '0' && text.front() <= '9';
+    return !text.empty() && str::IsDigit(text.front());
 }
 
 // The first call of a restore requests slice 0, which does not exist. Returns the path of the index
@@ -110,18 +84,13 @@ std::string ResolveZeroSlice(const Target& target) {
     return kro_file::ConcatPath(target.local_dir(), last);
 }
 
-bool IsOfType(const std::string& path, mode_t type) {
-    struct stat status {};
-    return lstat(path.c_str(), &status) == 0 && (status.st_mode & S_IFMT) == type;
-}
-
 // Reads the path of the previously downloaded file from the tmp-file. Throws when another user can
 // write the tmp-file, because its content decides which file is removed.
 std::string PreviousIn(const std::string& tmp_file) {
     try {
         return kro_file::ReadOurs(tmp_file);
     } catch (const kro_err::Error& error) {
-        if (error.type() == "not_found") return {};
+        if (error.kind() == kro_err::Kind::kNotFound) return {};
         throw std::runtime_error(
             std::string("--tmp-file: ") + error.what() +
             "; nothing was removed or fetched. Name a file where nobody else can write");
@@ -130,7 +99,7 @@ std::string PreviousIn(const std::string& tmp_file) {
 
 // Removes the file that an earlier call fetched. Throws when that is not a regular file.
 void RemovePrevious(const std::string& tmp_file, const std::string& local) {
-    if (IsOfType(tmp_file, S_IFDIR)) {
+    if (kro_file::TypeOf(tmp_file) == kro_file::FileType::kDirectory) {
         throw std::runtime_error("--tmp-file '" + tmp_file + "' is a directory: name a file");
     }
     const std::string previous = PreviousIn(tmp_file);
@@ -141,7 +110,7 @@ void RemovePrevious(const std::string& tmp_file, const std::string& local) {
                                  "fetched. Name another file");
     }
     if (previous.empty() || previous == local || !kro_file::Exists(previous)) return;
-    if (!IsOfType(previous, S_IFREG)) {
+    if (kro_file::TypeOf(previous) != kro_file::FileType::kPlain) {
         throw std::runtime_error(
             "--tmp-file '" + tmp_file + "' names '" + previous +
             "', which is no plain file; nothing was removed or fetched. Remove "
@@ -154,14 +123,14 @@ void RemovePrevious(const std::string& tmp_file, const std::string& local) {
 
 void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
          const std::string& local) {
-    for (int attempt = 1;; ++attempt) {
-        try {
-            storage->Download(remote, local);
-            return;
-        } catch (const kro_err::Error& error) {
-            if (!MayTryAgain(*storage, remote, local, error, attempt)) throw;
-        }
+    const auto failed = RunAttempts(
+        "Failed download : " + remote, [&] { storage->Download(remote, local); },
+        [&](const kro_err::Error&) { return IsListedAtRoot(*storage, remote); });
+    if (!failed) return;
+    if (failed->kind != kro_err::Kind::kUnauthorized) {
+        quarn2::CreateAttemptsFile(local, failed->reason);
     }
+    std::rethrow_exception(failed->error);
 }
 
 void CommandGet(kro_args::ResultPtr result) {

@@ -72,7 +72,8 @@ std::optional<std::string>& OwnStorage() {
 // the lock file in the same directory has such a name.
 void CheckEntryName(const std::string& name) {
     if (quarn2::IsSafeName(name) && name.front() != '.') return;
-    throw kro_err::Error(kro_err::Kind::kFailed, "'" + name + "' is not the name of a backup");
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         str::Quoted(name) + " is not the name of a backup");
 }
 
 LedgerEntry EmptyEntry(const std::string& name) {
@@ -189,11 +190,9 @@ Ledger::Ledger(const std::string& storage) : directory_(str::Append(kDirectory, 
 std::vector<Ledger> Ledger::All() {
     std::vector<Ledger> ledgers;
     const std::string common = kro_file::Name(kDirectory);
-    kro_file::Dir entries(kParent, 2);
-    while (entries.Read()) {
-        const std::string& name = entries.name();
+    for (const std::string& name : kro_file::NamesIn(kParent)) {
         if (name != common && !str::StartsWith(name, common + "#")) continue;
-        ledgers.push_back(Ledger(FromDirectory(), entries.FullName()));
+        ledgers.push_back(Ledger(FromDirectory(), kro_file::ConcatPath(kParent, name)));
     }
     return ledgers;
 }
@@ -209,16 +208,13 @@ bool Ledger::HasDirectory() const {
 std::vector<std::string> Ledger::Names() const {
     std::vector<std::string> names;
     try {
-        if (!HasDirectory()) return names;
-        kro_file::Dir files(directory_, 2);
-        while (files.Read()) {
-            const std::string& name = files.name();
-            if (name != kLockFile && !kro_file::IsTemporaryName(name)) names.push_back(name);
-        }
+        if (HasDirectory()) names = kro_file::NamesIn(directory_);
     } catch (const kro_err::Error& error) {
         KRO_LOG(kLog, 4, "Cant read the ledger '%s'. What: %s", directory_.c_str(), error.what());
     }
-    std::sort(names.begin(), names.end());
+    std::erase_if(names, [](const std::string& name) {
+        return name == kLockFile || kro_file::IsTemporaryName(name);
+    });
     return names;
 }
 

@@ -52,10 +52,9 @@ void MigrateDirectory(const Ledger& ledger, const std::string& directory, Migrat
     if (!kro_file::Exists(directory)) return;
     kro_file::CheckOurDirectory(directory);
     bool all = true;
-    kro_file::Dir files(directory, 2);
-    while (files.Read()) {
-        const std::string path = files.FullName();
-        const bool done = kro_file::IsTemporaryName(files.name()) || migrate(ledger, path);
+    for (const std::string& name : kro_file::NamesIn(directory)) {
+        const std::string path = kro_file::ConcatPath(directory, name);
+        const bool done = kro_file::IsTemporaryName(name) || migrate(ledger, path);
         if (done) kro_file::RemoveFile(path);
         all = all && done;
     }

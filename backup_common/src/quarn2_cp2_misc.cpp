@@ -4,12 +4,9 @@
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 #include "kro/kro_env.h"
@@ -18,6 +15,7 @@
 #include "kro/kro_log.h"
 #include "kro/kro_log_reader.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_misc_refusal.h"
 
 namespace {
@@ -50,15 +48,13 @@ std::string HowToStartServer() {
     const bool no_server = error == ENOENT || error == ECONNREFUSED;
     throw kro_err::HintedError(
         "Failed to connect to size control server socket",
-        no_server ? HowToStartServer() : kro_err::FromErrno("'" + path + "'", error).what());
+        no_server ? HowToStartServer() : kro_err::FromErrno(str::Quoted(path), error).what());
 }
 
 ResHandle ConnectToNodeClient(const std::string& path) {
     ResHandle connection(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!connection) throw std::runtime_error("Failed to open socket");
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::memcpy(address.sun_path, path.data(), std::min(path.size(), sizeof address.sun_path));
+    const sockaddr_un address = AddressToConnect(path);
     if (connect(connection, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         ThrowNotConnected(path, errno);
     }
@@ -87,10 +83,6 @@ std::string Read(ResHandle handle) {
     }
 }
 
-std::string ControlSocketPath(const std::string& storage) {
-    return str::Append("tmp/quarn2_cp.sock", storage, "#");
-}
-
 std::string SendCommand(const std::string& command) {
     const std::string path = ControlSocketPath(kro_env::GetEnv("BACKUP_STORAGE"));
     KRO_LOG(kLog, 8, "%s command = %s, storage = '%s'", "SendCommand", command.c_str(),
@@ -103,11 +95,10 @@ std::string SendCommand(const std::string& command) {
         throw std::runtime_error("Failed to send command");
     }
     shutdown(connection, SHUT_WR);
-    std::string answer = Read(connection);
-    const std::string status = str::GetWord(answer);
-    if (status.empty()) ThrowRefused(begin, node_client);
-    if (status != "OK") throw std::runtime_error(status);
-    return answer;
+    const ControlAnswer answer = ParseControlAnswer(Read(connection));
+    if (answer.status.empty()) ThrowRefused(begin, node_client);
+    if (answer.status != "OK") throw std::runtime_error(answer.status);
+    return answer.info;
 }
 
 quarn2::Expect::Result* FinishOnClose::operator()(ResHandle handle) {

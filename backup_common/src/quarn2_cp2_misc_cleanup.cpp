@@ -14,10 +14,12 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_misc_prefix.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_misc_slices.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -45,7 +47,7 @@ std::optional<std::string> ReadList(const std::string& path) {
     try {
         return kro_file::ReadOurs(path);
     } catch (const kro_err::Error& error) {
-        if (error.type() != "not_found") {
+        if (error.kind() != kro_err::Kind::kNotFound) {
             KRO_LOG(kLog, 3, "List of incomplete backups is left alone: %s", error.what());
         }
         return std::nullopt;

@@ -5,6 +5,10 @@
 
 #include <string>
 
+// Removes the incomplete backups that `dir`/.cleanup lists and keeps the lines of backups that
+// could not be removed.
+void CleanUp(const std::string& dir);
+
 // Removes the lines of a backup from the list, because its interrupted job was repeated and the
 // backup is complete now. `date` is "custom" for a custom backup. Failures are only logged.
 void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date);

@@ -1,4 +1,5 @@
-#include <filesystem>
+#include "quarn2_cp2_misc_clear.h"
+
 #include <stdexcept>
 #include <string>
 
@@ -9,10 +10,10 @@
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
-#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -90,9 +91,7 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     } catch (const kro_err::Error& error) {
         // Nothing was removed from a storage that is missing or refuses access, so servers may
         // start again.
-        if (error.type() == "not_found" || error.type() == "unauthorized") {
-            kro_file::RemoveFile(ClearMark(kInfoRoot));
-        }
+        if (HasRemovedNothing(error)) kro_file::RemoveFile(ClearMark(kInfoRoot));
         throw;
     }
     // Removes ledger entries again, because uploads may have ended and written entries while the
@@ -108,9 +107,12 @@ void CommandClear() {
     // keeps its files.
     const bool has_token = !kro_env::GetEnv("BACKUP_TOKEN").empty();
     const std::shared_ptr<quarn2::Storage> storage = has_token ? GetStorageByEnv() : nullptr;
-    // When the info root is a symbolic link, only the link is removed.
+    // When the info root is a symbolic link, only the link is removed. An info root that the system
+    // refuses to examine counts as a directory, so that its marker file cannot be written and
+    // nothing is removed.
+    const kro_file::FileType type = kro_file::TypeOf(kInfoRoot);
     const bool has_info_root =
-        std::filesystem::is_directory(std::filesystem::symlink_status(kInfoRoot));
+        type == kro_file::FileType::kDirectory || type == kro_file::FileType::kUnknown;
     if (storage) ClearStorage(*storage, has_info_root);
     if (has_info_root) {
         RemoveDirectory(kInfoRoot, kClearMark);

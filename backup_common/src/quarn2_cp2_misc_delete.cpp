@@ -1,3 +1,5 @@
+#include "quarn2_cp2_misc_delete.h"
+
 #include <algorithm>
 #include <stdexcept>
 #include <string>
@@ -15,10 +17,13 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger_deletion.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_owner.h"
+#include "quarn2_cp2_misc_prefix.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_misc_slices.h"
+#include "quarn2_cp2_misc_storage.h"
 
 namespace {
 
@@ -56,10 +61,7 @@ void RemoveListed(Removal& storage, const std::string& stem, int count, const st
         if (!str::StartsWith(name, stem) || !str::EndsWith(name, ending)) continue;
         const std::size_t digits = name.size() - std::min(name.size(), stem.size() + ending.size());
         const std::string number = name.substr(stem.size(), digits);
-        if (!number.empty() && number.find_first_not_of("0123456789") == std::string::npos &&
-            str::Int64(number) <= count) {
-            storage.RemoveFile(name);
-        }
+        if (str::HasDigitsOnly(number) && str::Int64(number) <= count) storage.RemoveFile(name);
     }
 }
 
@@ -135,7 +137,7 @@ void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const s
     // The info file can contain any name for a role, and local file names are derived from this
     // name.
     if (name.find('/') != std::string::npos) {
-        throw std::runtime_error("'" + name + "' is not the name of a slice");
+        throw std::runtime_error(str::Quoted(name) + " is not the name of a slice");
     }
     RemoveCompanions(backup, name);
 }
@@ -211,16 +213,12 @@ void RemoveStoredDirectory(Removal& storage, const std::string& directory,
 }
 
 bool HoldsOtherBackups(const std::string& directory, const std::string& info_name) {
-    kro_file::Dir entries(directory, 2);
-    while (entries.Read()) {
-        const std::string& name = entries.name();
+    const std::vector<std::string> names = kro_file::NamesIn(directory);
+    return std::any_of(names.begin(), names.end(), [&info_name](const std::string& name) {
         if (name != info_name && str::EndsWith(name, ".info")) return true;
-        if (quarn2::IsBackupFile(name) &&
-            quarn2::GetUserName(name) != quarn2::GetUserName(info_name)) {
-            return true;
-        }
-    }
-    return false;
+        return quarn2::IsBackupFile(name) &&
+               quarn2::GetUserName(name) != quarn2::GetUserName(info_name);
+    });
 }
 
 // True when the info file's directory is USER/DATE and belongs to the backup. An info file in
@@ -378,7 +376,9 @@ void CommandDelete(kro_args::ResultPtr result) {
     if (!kro_file::Exists(path)) return;
     const std::string token = kro_env::GetEnv("BACKUP_TOKEN");
     if (token.empty()) {
-        SendCommand((result->Has("force") ? "DELETEALL " : "DELETE ") + path);
+        const auto word =
+            result->Has("force") ? ControlCommand::Word::kDeleteAll : ControlCommand::Word::kDelete;
+        SendCommand(FormatControlCommand({word, path}));
     } else {
         // A malformed token throws here. --delete must not fall back to the running server, which
         // may serve a different storage.

@@ -1,3 +1,5 @@
+#include "quarn2_cp2_misc_prefix.h"
+
 #include <string>
 #include <utility>
 #include <vector>
@@ -5,19 +7,16 @@
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
-#include "quarn2_cp2_misc.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
 
-bool IsDigit(char c) { return c >= '0' && c <= '9'; }
-
 }  // namespace
 
 std::string GetPrefix(const std::string& name) {
     std::string prefix = name;
-    if (!prefix.empty() && !IsDigit(prefix.front())) prefix.erase(0, 1);
+    if (!prefix.empty() && !str::IsDigit(prefix.front())) prefix.erase(0, 1);
     str::RGetWord(prefix, str::EndsWith(prefix, ".info") ? ".info" : ".tgz");
     return prefix;
 }
@@ -34,12 +33,12 @@ void DeleteOnStorageIf(quarn2::Storage& storage, const TakesName& takes, const c
 }
 
 void DeleteLocallyIf(const std::string& directory, const TakesName& takes, const char* why) {
-    kro_file::Dir entries(directory, 2);
     bool removed = false;
-    while (entries.Read()) {
-        if (!takes(entries.name())) continue;
-        KRO_LOG(kLog, 7, "Delete local file %s (%s)", entries.FullName().c_str(), why);
-        kro_file::RemoveFile(entries.FullName());
+    for (const std::string& name : kro_file::NamesIn(directory)) {
+        if (!takes(name)) continue;
+        const std::string path = kro_file::ConcatPath(directory, name);
+        KRO_LOG(kLog, 7, "Delete local file %s (%s)", path.c_str(), why);
+        kro_file::RemoveFile(path);
         removed = true;
     }
     if (removed) kro_file::SyncDir(directory);

@@ -11,7 +11,7 @@
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2_cp2_ledger.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_slices.h"
 
@@ -29,6 +29,10 @@ bool IsBegun(const quarn2::InfoMap& info) {
 }
 
 }  // namespace
+
+bool HasRemovedNothing(const kro_err::Error& error) noexcept {
+    return error.kind() == kro_err::Kind::kNotFound || error.kind() == kro_err::Kind::kUnauthorized;
+}
 
 Removal::Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
                  quarn2::InfoMap info)
@@ -64,7 +68,7 @@ void Removal::RemoveFile(const std::string& name) {
         storage_->RemoveFile(name);
     } catch (const kro_err::Error& error) {
         // After any other error, the storage may have removed the file.
-        touched_ = touched_ || (error.type() != "not_found" && error.type() != "unauthorized");
+        touched_ = touched_ || !HasRemovedNothing(error);
         throw;
     }
     if (!touched_) Mark();
@@ -93,13 +97,10 @@ void Removal::Finish() const {
 }
 
 void RemoveDirectory(const std::string& directory, const std::string& last) {
-    std::vector<std::string> paths;
-    kro_file::Dir entries(directory, 2);
-    while (entries.Read()) {
-        if (entries.name() != last) paths.push_back(entries.FullName());
-    }
-    for (const std::string& path : paths) kro_file::Remove(path);
-    if (!paths.empty()) kro_file::SyncDir(directory);
+    std::vector<std::string> names = kro_file::NamesIn(directory);
+    std::erase(names, last);
+    for (const std::string& name : names) kro_file::Remove(kro_file::ConcatPath(directory, name));
+    if (!names.empty()) kro_file::SyncDir(directory);
     kro_file::Remove(directory);
 }
 

@@ -6,9 +6,14 @@
 #include <memory>
 #include <string>
 
+#include "kro/kro_err.h"
 #include "quarn2/info.h"
 #include "quarn2/info_reader.h"
 #include "quarn2/storage.h"
+
+// True for the errors after which a storage has certainly removed nothing: the file or the storage
+// is missing, or the storage refuses access.
+bool HasRemovedNothing(const kro_err::Error& error) noexcept;
 
 // Removes the files of one backup from its storage.
 class Removal {

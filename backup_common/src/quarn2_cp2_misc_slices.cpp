@@ -27,7 +27,7 @@ std::optional<Numbered> Parse(const std::string& slice) {
     std::string head = is_dar ? slice.substr(0, slice.size() - kDar.size()) : slice;
     const std::string separator = is_dar ? "." : ".part";
     const std::string number = str::RGetWord(head, separator);
-    if (number.empty() || number.find_first_not_of("0123456789") != std::string::npos) return {};
+    if (!str::HasDigitsOnly(number)) return {};
     try {
         return Numbered{head + separator, str::Int(number), is_dar ? std::string(kDar) : ""};
     } catch (const kro_err::Error&) {

@@ -13,8 +13,10 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_slices.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put_answer.h"
 
 namespace {
@@ -95,7 +97,7 @@ void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     const std::string local_info = quarn2::StripSliceNumber(file) + ".info";
     RecordInfo(file, local_info, text, info);
     kro_file::Write(local_info, text, kInfoMode);
-    SendCommand("PUTLAST " + local_info);
+    SendCommand(FormatControlCommand({ControlCommand::Word::kPutLast, local_info}));
     if (!node.empty()) {
         info["node"] = node;
         kro_file::Write(local_info, str::Join(info, "\n"), kInfoMode);
@@ -124,8 +126,8 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     // The upload uses the node client's token. This job's own token is checked as well, because the
     // job's next command may use its own token.
     CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
-    const Taken taken =
-        ParseAnswer(SendCommand("PUT " + file + (args->Has("no-delete") ? "" : " DELETE")));
+    const Taken taken = ParseAnswer(SendCommand(
+        FormatControlCommand({ControlCommand::Word::kPut, file, !args->Has("no-delete")})));
     if (!args->Has("info-file")) return;
 
     const std::string info_path = GetArgPath(args->Param("info-file"));

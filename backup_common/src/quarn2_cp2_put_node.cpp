@@ -3,12 +3,9 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
@@ -18,8 +15,11 @@
 #include "quarn2/names.h"
 #include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_misc_slices.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put.h"
 
 namespace {
@@ -27,24 +27,12 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr int kBacklog = 5;
 constexpr mode_t kSocketMode = 0600;
-constexpr std::size_t kFramePiece = 32;
 constexpr int kLookAtPeersMs = 1000;
-
-sockaddr_un SocketAddress(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.size() >= sizeof address.sun_path) {
-        throw std::runtime_error("The control socket's path '" + path + "' is too long: " +
-                                 str::Str(path.size()) + " bytes, at most 107 are possible");
-    }
-    std::memcpy(address.sun_path, path.data(), path.size());
-    return address;
-}
 
 ResHandle OpenControlSocket(const std::string& path) {
     ResHandle listening(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!listening) throw std::runtime_error("Failed to open socket");
-    const sockaddr_un address = SocketAddress(path);
+    const sockaddr_un address = AddressToListen(path);
     kro_file::RemoveFile(path);
     // bind() creates the socket file with this mode less the umask, so that no other user can
     // connect before the chmod() below.
@@ -55,13 +43,6 @@ ResHandle OpenControlSocket(const std::string& path) {
     kro_file::Attrs(path, kSocketMode);
     if (listen(listening, kBacklog) != 0) throw std::runtime_error("Failed to listen");
     return listening;
-}
-
-// Strips `suffix` from the end of `text`. Returns true when `text` had it.
-bool TakeSuffix(std::string& text, std::string_view suffix) {
-    if (!str::EndsWith(text, suffix)) return false;
-    text.resize(text.size() - suffix.size());
-    return true;
 }
 
 bool IsInfo(const std::string& path) { return str::EndsWith(path, ".info"); }
@@ -113,24 +94,20 @@ quarn2::Expect::Result* NodeSide::operator()(ResHandle listening) {
     return quarn2::Expect::erOk;
 }
 
-std::string NodeSide::Serve(std::string command) {
-    // Refuses a NUL byte: the system ends a path there, but the stored name would continue after
-    // it.
-    if (command.find('\0') != std::string::npos) {
-        throw std::runtime_error("A command with a NUL byte is refused");
+std::string NodeSide::Serve(std::string text) {
+    const ControlCommand command = ParseControlCommand(std::move(text));
+    switch (command.word) {
+        case ControlCommand::Word::kPut:
+        case ControlCommand::Word::kPutLast:
+            return Put(command);
+        case ControlCommand::Word::kDelete:
+        case ControlCommand::Word::kDeleteAll:
+            Delete(command.path, command.word == ControlCommand::Word::kDeleteAll);
+            break;
+        case ControlCommand::Word::kUnknown:
+            break;
     }
-    const std::string word = str::GetWord(command);
-    const std::string& argument = command;
-    if (word == "DELETE") {
-        Delete(argument, false);
-    } else if (word == "DELETEALL") {
-        Delete(argument, true);
-    } else if (word == "PUT") {
-        return Put(argument, false);
-    } else if (word == "PUTLAST") {
-        return Put(argument, true);
-    }
-    return "OK";
+    return FormatControlAnswer();
 }
 
 void NodeSide::Delete(const std::string& path, bool force) {
@@ -139,11 +116,12 @@ void NodeSide::Delete(const std::string& path, bool force) {
 
 std::string NodeSide::Key(const std::string& path) { return BackupKey(path); }
 
-std::string NodeSide::Put(std::string argument, bool last) {
-    delete_after_ = TakeSuffix(argument, " DELETE");
-    const std::string& path = argument;
+std::string NodeSide::Put(const ControlCommand& command) {
+    delete_after_ = command.removes_file;
+    const std::string& path = command.path;
+    const bool last = command.word == ControlCommand::Word::kPutLast;
     std::string info = storage_->GetFileInfo(path);
-    std::string answer = "OK " + info;
+    std::string answer = FormatControlAnswer(info);
     const std::string remote = str::GetWord(info);
     str::GetWord(info);
     CheckSource(token_, remote, path);
@@ -172,7 +150,7 @@ NodeSide::Record NodeSide::Admit(const std::string& remote, const std::string& p
     return record;
 }
 
-void NodeSide::Reserve() { max_count_ = str::Int(DoCommand("RESERVE " + str::Str(size()) + "\n")); }
+void NodeSide::Reserve() { max_count_ = str::Int(DoCommand(FormatReserve(size()))); }
 
 void NodeSide::PutInBackground(const std::string& remote, const std::string& path, Record record) {
     Upload& upload = uploads_[Key(path)];
@@ -205,9 +183,8 @@ void NodeSide::PutLast(const std::string& remote, const std::string& path, Recor
 void NodeSide::ReportComplete(const std::string& info_path) {
     const std::string name = kro_file::Name(info_path);
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
-    max_count_ =
-        str::Int(DoCommand("COMPLETE " + quarn2::GetUserName(name) + " " + quarn2::GetDate(name) +
-                           " " + info["type"] + " " + info["size"] + "\n"));
+    max_count_ = str::Int(DoCommand(FormatComplete(quarn2::GetUserName(name), quarn2::GetDate(name),
+                                                   info["type"], info["size"])));
     ledger_.Complete(info_path, info);
 }
 
@@ -217,28 +194,14 @@ std::string NodeSide::DoCommand(const std::string& command) {
     if (write(link_.out, command.data(), command.size()) != static_cast<ssize_t>(command.size())) {
         throw CommandError("Failed to write data to server");
     }
-    std::string answer = GetResult(link_.in);
-    const std::string status = str::GetWord(answer);
-    if (status != "OK") throw CommandError(answer);
-    return answer;
+    const LinkAnswer answer = ParseLinkAnswer(GetResult(link_.in));
+    if (!answer.is_ok) throw CommandError(answer.text);
+    return answer.text;
 }
 
 std::string NodeSide::GetResult(int fd) {
     KRO_LOG(kLog, 8, "static std::string NodeSide::GetResult()");
-    std::uint32_t length = 0;
-    if (read(fd, &length, sizeof length) != static_cast<ssize_t>(sizeof length)) {
-        throw std::runtime_error("Failed to get answer size from server");
-    }
-    std::string text;
-    char piece[kFramePiece];
-    while (text.size() < length) {
-        const std::size_t wanted = std::min(kFramePiece, length - text.size());
-        if (read(fd, piece, wanted) != static_cast<ssize_t>(wanted)) {
-            throw std::runtime_error("Failed to get answer from server");
-        }
-        text.append(piece, wanted);
-    }
-    return text;
+    return ReadFrame(fd);
 }
 
 std::int32_t NodeSide::TakeOneEviction() noexcept {

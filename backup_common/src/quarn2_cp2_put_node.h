@@ -15,6 +15,7 @@
 #include "quarn2/expect.h"
 #include "quarn2/storage.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_put_control.h"
 #include "quarn2_cp2_put_ledger.h"
 #include "quarn2_cp2_put_upload.h"
@@ -54,7 +55,7 @@ class NodeSide {
     void DisconnectSilentPeers() { peers_.DisconnectSilent(); }
 
     // Runs one command and returns the answer. Throws when the command fails.
-    std::string Serve(std::string command);
+    std::string Serve(std::string text);
 
     void Delete(const std::string& path, bool force);
 
@@ -79,7 +80,7 @@ class NodeSide {
     std::int32_t TakeOneEviction() noexcept;
 
   private:
-    std::string Put(std::string argument, bool last);
+    std::string Put(const ControlCommand& command);
     using Record = std::unique_ptr<SliceRecord>;
     // Records the put of a file in the ledger and reserves space for the file. Returns null for an
     // info file, which has no record.

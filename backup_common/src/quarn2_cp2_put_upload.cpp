@@ -6,19 +6,17 @@
 
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
-#include "kro/kro_proc.h"
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
+#include "quarn2_cp2_misc_attempts.h"
+#include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put_node.h"
 
 namespace {
 
 constexpr kro_log::Module kLog("main");
-constexpr int kAttempts = 3;
-constexpr int kPauseSeconds = 60;
-constexpr int kMillisecondsPerSecond = 1000;
 
 void LogGivenUp(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(path).c_str(), error.what());
@@ -27,7 +25,7 @@ void LogGivenUp(const std::string& path, const std::exception& error) {
 [[noreturn]] void ThrowChanged(const std::string& path) {
     throw kro_err::Error(
         kro_err::Kind::kFailed,
-        "'" + path + "' was rewritten or replaced while it was uploaded; put it again");
+        str::Quoted(path) + " was rewritten or replaced while it was uploaded; put it again");
 }
 
 }  // namespace
@@ -75,21 +73,27 @@ void Upload::PutLast(Record record) {
 
 void Upload::Put() {
     Source source;
-    for (int attempt = 1;; ++attempt) {
+    std::optional<CommandError> refusal;
+    const auto transfer = [&] {
         try {
             Store(source);
-            failed_ = false;
-            break;
         } catch (const CommandError& error) {
-            // The job gets no error. Only this log message and the attempts file report the
-            // failure.
-            LogGivenUp(local_path_, error);
-            Release(error.what(), source);
-            return;
-        } catch (const kro_err::Error& error) {
-            if (!MayTryAgain(error, attempt, source)) return;
+            refusal = error;
         }
+    };
+    const auto failed =
+        RunAttempts("Cant upload: " + kro_file::Name(local_path_), transfer,
+                    [&](const kro_err::Error& error) { return MayTryAgain(error, source); });
+    if (failed) {
+        failed_ = true;
+        return Release(failed->reason, source);
     }
+    if (refusal) {
+        // The job gets no error. Only this log message and the attempts file report the failure.
+        LogGivenUp(local_path_, *refusal);
+        return Release(refusal->what(), source);
+    }
+    failed_ = false;
     stored_ = true;
     if (record_) record_->Stored();
     if (delete_after_) RemoveSource(source);
@@ -101,7 +105,7 @@ void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
         if (left < 0) throw std::runtime_error("Upload failed");
-        node_->DoCommand("DROPONE " + str::Str(left) + "\n");
+        node_->DoCommand(FormatDropOne(left));
     }
 }
 
@@ -126,28 +130,15 @@ void Upload::OpenAgain() {
     }
 }
 
-bool Upload::MayTryAgain(const kro_err::Error& error, int attempt, const Source& source) {
+bool Upload::MayTryAgain(const kro_err::Error& error, const Source& source) {
     failed_ = true;
-    if (error.type() == "unauthorized") {
-        Release(error.what(), source);
-        return false;
-    }
     // The file has changed, but the job has already received the old size from the node client.
     // Another attempt would store content that does not match this size.
     if (source && source->Compare() != SourceState::kUnchanged) {
         LogGivenUp(local_path_, error);
-        Release(error.what(), source);
         return false;
     }
     OpenAgain();
-    KRO_LOG(kLog, 4, "Cant upload: %s. What: %s. Attempt: %d of %d",
-            kro_file::Name(local_path_).c_str(), error.what(), attempt, kAttempts);
-    if (attempt == kAttempts) {
-        Release(error.what(), source);
-        return false;
-    }
-    KRO_LOG(kLog, 6, "Wait %d seconds before next attempt", kPauseSeconds);
-    kro_proc::Sleep(kPauseSeconds * kMillisecondsPerSecond);
     return true;
 }
 
@@ -167,5 +158,5 @@ void Upload::Release(const std::string& reason, const Source& source) {
     RemoveSource(source);
     // Releases the size of the file in the node client's latest put, which may be another file. The
     // difference does not last, because the server's next completion resets all reservations.
-    node_->DoCommand("RELEASE " + str::Str(node_->size()) + "\n");
+    node_->DoCommand(FormatRelease(node_->size()));
 }

@@ -57,7 +57,8 @@ class Upload {
     // source file.
     bool Send(Source& source);
     void OpenAgain();
-    bool MayTryAgain(const kro_err::Error& error, int attempt, const Source& source);
+    // Prepares another attempt. Returns false when the source file has changed.
+    bool MayTryAgain(const kro_err::Error& error, const Source& source);
     void Release(const std::string& reason, const Source& source);
     // Removes the source file, unless it was modified or its path refers to another file now.
     void RemoveSource(const Source& source) const;

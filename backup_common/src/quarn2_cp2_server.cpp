@@ -1,7 +1,6 @@
 #include "quarn2_cp2_server.h"
 
 #include <poll.h>
-#include <sys/un.h>
 
 #include <memory>
 #include <stdexcept>
@@ -12,6 +11,9 @@
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_clear.h"
+#include "quarn2_cp2_misc_control.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_model.h"
 #include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_rescan.h"
@@ -21,8 +23,7 @@ namespace {
 
 bool IsPort(const std::string& text) {
     constexpr int kMaxPort = 65535;
-    return !text.empty() && text.size() <= 5 &&
-           text.find_first_not_of("0123456789") == std::string::npos && str::Int(text) > 0 &&
+    return text.size() <= 5 && str::HasDigitsOnly(text) && str::Int(text) > 0 &&
            str::Int(text) <= kMaxPort;
 }
 
@@ -60,7 +61,7 @@ void CheckArguments(const kro_args::Result& args) {
         throw std::runtime_error("--storage '" + storage +
                                  "' cannot be used: expected a name without slashes");
     }
-    if (ControlSocketPath(storage).size() >= sizeof(sockaddr_un::sun_path)) {
+    if (!FitsControlAddress(ControlSocketPath(storage))) {
         throw std::runtime_error("--storage '" + storage +
                                  "' cannot be used: the name is too long");
     }

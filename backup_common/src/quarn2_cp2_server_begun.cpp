@@ -8,7 +8,7 @@
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_server_model.h"
 

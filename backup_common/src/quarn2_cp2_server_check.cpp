@@ -5,8 +5,8 @@
 #include "kro/kro_err.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_notes.h"
 
 namespace {

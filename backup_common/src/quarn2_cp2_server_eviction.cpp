@@ -11,7 +11,7 @@
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2/info.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_server_check.h"

@@ -12,7 +12,7 @@ bool Download(quarn2::Storage& storage, const std::string& remote, const std::st
         storage.Download(remote, local);
         return true;
     } catch (const kro_err::Error& error) {
-        if (error.type() != "not_found") throw;
+        if (error.kind() != kro_err::Kind::kNotFound) throw;
         return false;
     }
 }

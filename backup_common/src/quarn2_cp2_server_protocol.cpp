@@ -4,8 +4,8 @@
 
 #include "kro/kro_log.h"
 #include "kro/str.h"
-#include "quarn2/names.h"
 #include "quarn2_cp2_misc_cleanup.h"
+#include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_server_info.h"
 #include "quarn2_cp2_server_session.h"
 
@@ -19,23 +19,8 @@ using UserDesc = StorageDesc::UserDesc;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// Throws for a negative size, because it would increase the free space.
-std::int64_t SizeArgument(const std::string& text) {
-    const std::int64_t size = str::Int64(text);
-    if (size < 0) throw std::runtime_error("'" + text + "' is not a size");
-    return size;
-}
-
 std::int64_t LockedSize(const UserDesc& user) {
     return user.backups.empty() ? 0 : user.GetLockedSize();
-}
-
-// Throws for unsafe names, because names from a node client become parts of paths when the backup
-// is evicted.
-void CheckBackupName(const std::string& user, const std::string& date) {
-    if (!quarn2::IsSafeName(date + "." + user)) {
-        throw std::runtime_error("'" + date + "." + user + "' is not a backup's name");
-    }
 }
 
 }  // namespace
@@ -60,24 +45,30 @@ void OwnReserved::GiveBack() {
 
 void MasterSide::ProcessCommand(const std::string& line) {
     KRO_LOG(kLog, 8, "%s line = '%s'", "ProcessCommand", line.c_str());
-    std::string arguments = line;
-    const std::string word = str::GetWord(arguments);
     std::string answer;
     try {
-        answer = Answer(word, arguments);
+        answer = Answer(ParseLinkCommand(line));
     } catch (const std::exception& error) {
-        answer = std::string("ERR ") + error.what();
+        answer = FormatRefusal(error.what());
     }
-    has_served_ = has_served_ || str::StartsWith(answer, "OK");
+    has_served_ = has_served_ || ParseLinkAnswer(answer).is_ok;
     if (!answer.empty()) SaveResult(answer);
 }
 
 // Returns "" for an unknown command, which gets no answer.
-std::string MasterSide::Answer(const std::string& word, const std::string& arguments) {
-    if (word == "RESERVE") return Reserve(SizeArgument(arguments));
-    if (word == "COMPLETE") return Complete(arguments);
-    if (word == "DROPONE") return DropOne(str::Int(arguments));
-    if (word == "RELEASE") return Release(SizeArgument(arguments));
+std::string MasterSide::Answer(const LinkCommand& command) {
+    switch (command.word) {
+        case LinkCommand::Word::kReserve:
+            return Reserve(command.bytes);
+        case LinkCommand::Word::kComplete:
+            return Complete(command);
+        case LinkCommand::Word::kDropOne:
+            return DropOne(command.count);
+        case LinkCommand::Word::kRelease:
+            return Release(command.bytes);
+        case LinkCommand::Word::kUnknown:
+            break;
+    }
     return {};
 }
 
@@ -104,24 +95,19 @@ std::string MasterSide::Reserve(std::int64_t size) {
     }
     control.MakeRoom(storage_, size, is_remote_);
     own_reserved_.Add(size);
-    return "OK " + str::Str(control.max_count);
+    return FormatOk(control.max_count);
 }
 
-std::string MasterSide::Complete(std::string arguments) {
-    const std::string name = str::GetWord(arguments);
-    const std::string date = str::GetWord(arguments);
-    const std::string type = str::GetWord(arguments);
-    const std::int64_t size = SizeArgument(arguments);
-    CheckBackupName(name, date);
-
-    UserDesc& user = storage_.users[name];
+std::string MasterSide::Complete(const LinkCommand& completed) {
+    const std::string& type = completed.type;
+    UserDesc& user = storage_.users[completed.user];
     const std::int64_t locked_before = LockedSize(user);
     // A custom backup gets no record, because no daily depends on it and the record would count as
     // the user's newest backup.
-    const bool counted = date != "custom" && (type == "full" || type == "incremental");
+    const bool counted = completed.date != "custom" && (type == "full" || type == "incremental");
     if (counted) {
-        UserDesc::BackupInfo& backup = user.backups[date];
-        backup.size = size;
+        UserDesc::BackupInfo& backup = user.backups[completed.date];
+        backup.size = completed.bytes;
         backup.type = type == "full" ? 0 : 1;
     }
     const std::int64_t locked_after = LockedSize(user);
@@ -129,12 +115,12 @@ std::string MasterSide::Complete(std::string arguments) {
             kServerSource, kCompleteTraceLine, ForLog(storage_.limit), ForLog(locked_before),
             ForLog(locked_after));
     storage_.limit = LessSize(SumOfSizes(storage_.limit, locked_before), locked_after);
-    storage_.free_size = LessSize(storage_.free_size, size);
+    storage_.free_size = LessSize(storage_.free_size, completed.bytes);
     // A completion resets all reservations of the storage, including those for other backups.
     storage_.ResetReserved();
-    if (is_remote_) KeepInfoFile(name, date);
-    ForgetIncomplete(storage_.owner->path, name, date);
-    return "OK " + str::Str(storage_.owner->max_count);
+    if (is_remote_) KeepInfoFile(completed.user, completed.date);
+    ForgetIncomplete(storage_.owner->path, completed.user, completed.date);
+    return FormatOk(storage_.owner->max_count);
 }
 
 // Downloads the backup's info file. A failure is only logged: the running server counts the backup
@@ -154,13 +140,13 @@ std::string MasterSide::DropOne(std::int32_t count) {
     // storage is full nevertheless, the cause is outside of the accounting, and the deletion of
     // backups would not remove it.
     if (control.size_limit != ServerLimits::kNoSize) {
-        return "ERR Upload failed and limit is set";
+        return FormatRefusal("Upload failed and limit is set");
     }
     control.DropOldest(count);
-    return "OK";
+    return FormatOk();
 }
 
 std::string MasterSide::Release(std::int64_t size) {
     own_reserved_.Add(-size);
-    return "OK";
+    return FormatOk();
 }

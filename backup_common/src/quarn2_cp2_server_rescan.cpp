@@ -17,10 +17,10 @@
 #include "quarn2/names.h"
 #include "quarn2/storage.h"
 #include "quarn2_cp2_get.h"
-#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_encrypted.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_rescan_removed.h"
 #include "quarn2_cp2_server_rescan_root.h"
@@ -60,7 +60,7 @@ void DropUnsafe(Names& names) {
 // symbolic link. Such a file is not a copy of the storage's directory, and a rescan must not remove
 // files from the target of another user's link.
 void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
-    const bool other = kro_file::Exists(path) && !std::filesystem::is_directory(path);
+    const bool other = kro_file::Exists(path) && !kro_file::IsDirectory(path);
     if (other || kro_file::IsForeignLink(path)) removed.Take({path});
 }
 
@@ -338,10 +338,9 @@ void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& 
     if (skip) return;
     const std::set<std::string> kept(names.begin(), names.end());
     std::vector<std::string> missed;
-    kro_file::Dir entries(dir, 2);
-    while (entries.Read()) {
-        if (!kept.contains(entries.name()) && !IsKept(dir, entries.name())) {
-            missed.push_back(entries.FullName());
+    for (const std::string& name : kro_file::NamesIn(dir)) {
+        if (!kept.contains(name) && !IsKept(dir, name)) {
+            missed.push_back(kro_file::ConcatPath(dir, name));
         }
     }
     removed.Take(missed);

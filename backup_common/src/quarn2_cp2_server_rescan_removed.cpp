@@ -42,7 +42,7 @@ void Copy(const std::string& path, const std::string& target) {
 // Creates the directory if it is missing. Returns false when a file that was moved earlier has this
 // path.
 bool MakeDirectory(const std::string& path) {
-    if (!path.empty() && !fs::is_directory(fs::symlink_status(path))) {
+    if (!path.empty() && kro_file::TypeOf(path) != kro_file::FileType::kDirectory) {
         if (Exists(path) || !MakeDirectory(kro_file::Path(path))) return false;
         kro_file::MkDirSynced(path, kDirectoryMode);
     }

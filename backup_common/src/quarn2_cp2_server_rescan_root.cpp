@@ -41,18 +41,14 @@ std::string FindStray(const std::string& directory, Level level);
 // the path of the first stray entry relative to `directory`; empty when there is none.
 std::string FindStrayIn(const std::string& directory, const std::string& name, Level level) {
     const std::string path = kro_file::ConcatPath(directory, name);
-    if (!std::filesystem::is_directory(path)) return IsExpectedFile(name) ? "" : name;
+    if (!kro_file::IsDirectory(path)) return IsExpectedFile(name) ? "" : name;
     if (level == Level::kDate || (level == Level::kUser && !IsDateName(name))) return name;
     const std::string stray = FindStray(path, IsDateName(name) ? Level::kDate : Level::kUser);
     return stray.empty() ? "" : kro_file::ConcatPath(name, stray);
 }
 
 std::string FindStray(const std::string& directory, Level level) {
-    std::vector<std::string> names;
-    kro_file::Dir entries(directory, 2);
-    while (entries.Read()) names.push_back(entries.name());
-    std::sort(names.begin(), names.end());
-    for (const std::string& name : names) {
+    for (const std::string& name : kro_file::NamesIn(directory)) {
         std::string stray = FindStrayIn(directory, name, level);
         if (!stray.empty()) return stray;
     }

@@ -11,7 +11,6 @@
 #include "quarn2/info.h"
 #include "quarn2/info_reader.h"
 #include "quarn2/names.h"
-#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_server_model.h"
 

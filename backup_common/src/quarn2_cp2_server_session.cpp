@@ -80,9 +80,7 @@ void MasterSide::SaveResult(const std::string& message) {
 
 void MasterSide::Queue(const std::string& message) {
     if (write_buffer_.empty()) loop_.SetEvents(write_, POLLOUT);
-    const auto length = static_cast<std::uint32_t>(message.size());
-    write_buffer_.append(reinterpret_cast<const char*>(&length), sizeof length);
-    write_buffer_ += message;
+    write_buffer_ += FormatFrame(message);
 }
 
 quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {

@@ -10,6 +10,7 @@
 #include "kro/kro_args.h"
 #include "kro/res_handle.h"
 #include "quarn2/expect.h"
+#include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_server_client.h"
 #include "quarn2_cp2_server_model.h"
 
@@ -91,9 +92,9 @@ class MasterSide {
     Reading ReadAvailable(int fd);
     void HandOverLines();
 
-    std::string Answer(const std::string& word, const std::string& arguments);
+    std::string Answer(const LinkCommand& command);
     std::string Reserve(std::int64_t size);
-    std::string Complete(std::string arguments);
+    std::string Complete(const LinkCommand& completed);
     std::string DropOne(std::int32_t count);
     std::string Release(std::int64_t size);
     void KeepInfoFile(const std::string& user, const std::string& date) const;

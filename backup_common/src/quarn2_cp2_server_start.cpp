@@ -19,6 +19,7 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_identity.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_check.h"
 #include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_running.h"
@@ -31,14 +32,6 @@ constexpr int kLockAttempts = 100;
 constexpr int kStartingPause = 500;
 constexpr int kOtherServerPause = 2000;
 constexpr std::size_t kKeyBytes = 15;
-
-// True when the descriptor refers to the file that the path names now.
-bool IsSameFile(int fd, const std::string& path) {
-    struct stat opened {};
-    struct stat named {};
-    return fstat(fd, &opened) == 0 && lstat(path.c_str(), &named) == 0 &&
-           opened.st_ino == named.st_ino;
-}
 
 int FlockWaiting(int fd, int operation) {
     int result = flock(fd, operation);
@@ -130,7 +123,8 @@ class Starter {
     // Converts the exclusive lock of a rescan to a shared one. The exclusive lock would block every
     // other --server command for as long as this one keeps the server alive.
     void ShareLock() {
-        if (FlockWaiting(handle_, LOCK_SH) == 0 && IsSameFile(handle_, files_.lock)) return;
+        if (FlockWaiting(handle_, LOCK_SH) == 0 && kro_file::IsSameFile(handle_, files_.lock))
+            return;
         handle_.Close();
         handle_.Reset();
     }
@@ -226,7 +220,7 @@ ResHandle Quarn2Lock(const std::string& path, bool exclusive) {
             throw std::runtime_error("Failed to set shared lock");
         }
         // Another process may have removed or replaced the file while this one waited.
-        if (IsSameFile(file, path)) return file;
+        if (kro_file::IsSameFile(file, path)) return file;
     }
     throw std::runtime_error("Failed to lock " + path);
 }

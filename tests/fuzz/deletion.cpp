@@ -11,7 +11,7 @@
 #include "fuzz.h"
 #include "kro/str.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 
 namespace {
 

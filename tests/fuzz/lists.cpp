@@ -15,7 +15,7 @@
 #include "kro/str.h"
 #include "quarn2/names.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_cleanup.h"
 #include "quarn2_cp2_misc_encrypted.h"
 
 namespace {

@@ -16,7 +16,7 @@
 #include "kro/kro_new_file.h"
 #include "quarn2/info.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_prefix.h"
 #include "quarn2_cp2_put_node.h"
 
 namespace {

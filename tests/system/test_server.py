@@ -10,7 +10,7 @@ import signal
 import socket
 import unittest
 
-from faults import Fault, Faults
+from faults import Fault, FaultControl
 from master_link import control
 from local_files import read, write
 from processes import (access_mode, children, command_line, descriptors, has_ended, wait_gone,
@@ -214,7 +214,7 @@ class End(SystemTest):
 
     def test_a_lock_file_that_the_system_cannot_lock_ends_the_server_with_a_reason(self):
         root = self.root()
-        faults = Faults(root.file("faults"))
+        faults = FaultControl(root.file("faults"))
         self.addCleanup(faults.close)
         server = Server(root, "--date", DATE, env=faults.environment()).wait_ready()
         faults.write(Fault("fail", 1, errno.ENOLCK, kinds=("lock",), lasting=True), ("daemon",))

@@ -8,9 +8,10 @@
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
-#include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_cleanup.h"
+#include "quarn2_cp2_misc_clear.h"
 #include "quarn2_cp2_misc_encrypted.h"
+#include "quarn2_cp2_misc_prefix.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 
 namespace {
 

@@ -5,8 +5,9 @@
 #include "kro/kro_err.h"
 #include "program_site.h"
 #include "quarn2/token.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_owner.h"
+#include "quarn2_cp2_misc_prefix.h"
 
 namespace {
 

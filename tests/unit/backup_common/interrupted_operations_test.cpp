@@ -8,7 +8,8 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_ledger_markers.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_clear.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_server_model.h"
 

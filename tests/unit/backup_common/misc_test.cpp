@@ -12,7 +12,9 @@
 #include "program_site.h"
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_misc_refusal.h"
+#include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put.h"
 
 namespace {

@@ -11,6 +11,7 @@
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_cleanup.h"
 #include "rescan_site.h"
 
 namespace {
