@@ -106,6 +106,7 @@ std::vector<UserBackups> GroupByUser(std::vector<Backup> backups) {
     std::map<std::string, std::vector<Backup>> by_user;
     for (Backup& backup : backups) by_user[backup.user].push_back(std::move(backup));
     std::vector<UserBackups> groups;
+    groups.reserve(by_user.size());
     for (auto& [user, own] : by_user) groups.push_back(GroupOne(user, std::move(own)));
     return groups;
 }

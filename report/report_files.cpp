@@ -21,6 +21,11 @@ bool IsOwnSlice(const std::string& name, const std::string& user, const std::str
     return quarn2::IsSafeName(file) && (!is_last_slice || BackupKey(file) == date + "." + user);
 }
 
+[[noreturn]] void ThrowForeignSlice(const std::string& date, const std::string& slice) {
+    throw std::runtime_error("the info file of the backup for " + date + " names the slice '" +
+                             slice + "', which is none of this backup; correct the info file");
+}
+
 void CheckSlices(const quarn2::InfoMap& info, const std::string& user, const std::string& date,
                  const std::vector<std::string>& slices) {
     const std::string last = LastSliceOf(info);
@@ -29,9 +34,7 @@ void CheckSlices(const quarn2::InfoMap& info, const std::string& user, const std
                                  " names no last slice, so the backup cannot be restored from it");
     }
     for (const std::string& slice : slices) {
-        if (IsOwnSlice(slice, user, date, slice == last)) continue;
-        throw std::runtime_error("the info file of the backup for " + date + " names the slice '" +
-                                 slice + "', which is none of this backup; correct the info file");
+        if (!IsOwnSlice(slice, user, date, slice == last)) ThrowForeignSlice(date, slice);
     }
 }
 
@@ -62,6 +65,8 @@ std::vector<StoredFile> FilesOf(const quarn2::InfoMap& info, const std::string& 
     const std::int64_t info_size = StoredInfoSize(info);
     const std::optional<std::int64_t> total = TotalSize(info);
     std::vector<StoredFile> files;
+    constexpr std::size_t kOthers = 2;
+    files.reserve(slices.size() + kOthers);
     for (const std::string& slice : slices) files.push_back({"slice", slice, std::nullopt});
     if (slices.size() == 1 && total && is_plain && !local.index_name.empty()) {
         const std::int64_t rest = *total - info_size - local.index_size;

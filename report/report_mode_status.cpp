@@ -45,18 +45,20 @@ Status ReadStatus(Site& site) {
     return status;
 }
 
+std::string ReasonOf(const Overdue& overdue, int max_hours) {
+    if (overdue.date.empty()) return "there is no complete backup";
+    if (!overdue.hours) return "the date of the newest complete backup is invalid";
+    return "the newest complete backup is of " + overdue.date + ", " + str::Str(*overdue.hours) +
+           " hours old; the limit is " + str::Str(max_hours) + " hours";
+}
+
 void FindOverdueUsers(Site& site, const Status& status) {
-    const std::string limit = "; the limit is " + str::Str(site.options.max_age_hours) + " hours";
     for (const Overdue& overdue : status.overdue) {
-        const std::string user = "user '" + site.names.User(overdue.user) + "' is overdue: ";
-        if (overdue.hours) {
-            site.output.Find(user + "the newest complete backup is of " + overdue.date + ", " +
-                             str::Str(*overdue.hours) + " hours old" + limit);
-        } else {
-            site.output.Find(user + (overdue.date.empty()
-                                         ? "there is no complete backup"
-                                         : "the date of the newest backup is invalid"));
-        }
+        std::string text = "user '";
+        text += site.names.User(overdue.user);
+        text += "' is overdue: ";
+        text += ReasonOf(overdue, site.options.max_age_hours);
+        site.output.Find(text);
     }
 }
 
