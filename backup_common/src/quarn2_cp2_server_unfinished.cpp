@@ -8,7 +8,7 @@
 #include "kro/str.h"
 #include "quarn2/info.h"
 #include "quarn2/names.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_misc_slices.h"

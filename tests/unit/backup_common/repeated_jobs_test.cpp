@@ -6,7 +6,7 @@
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
-#include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_server_model.h"
 #include "session_link.h"
 
