@@ -32,6 +32,24 @@ ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "FTP", ServerSettings::Auth::kPlain);
 }
 
+// True if the server may still send replies to the commands of a transfer that ended with `code`.
+// libcurl keeps the control connection after some of these errors, and the next operation would
+// mistake such a reply for that to its own command. The listed errors are refusals, which libcurl
+// has read completely.
+bool MayLeaveReplies(CURLcode code) noexcept {
+    switch (code) {
+        case CURLE_OK:
+        case CURLE_QUOTE_ERROR:
+        case CURLE_FTP_COULDNT_RETR_FILE:
+        case CURLE_REMOTE_FILE_NOT_FOUND:
+        case CURLE_REMOTE_ACCESS_DENIED:
+        case CURLE_UPLOAD_FAILED:
+            return false;
+        default:
+            return true;
+    }
+}
+
 std::int64_t SizeIn(const Reply* reply) { return reply == nullptr ? -1 : NumberIn(*reply); }
 
 }  // namespace
@@ -204,6 +222,7 @@ CURLcode Session::Run(const std::function<bool()>& has_begun) {
         LimitTls(false);
         code = RunFresh();
     }
+    is_fresh_wanted_ = MayLeaveReplies(code);
     return code;
 }
 
@@ -228,7 +247,7 @@ bool Session::NeedsNewerTls(CURLcode code) const {
 // connection. A refusal occurs when the TLS session has expired; a new control connection has a new
 // TLS session. A transfer is not repeated after its sink has received data.
 Outcome Session::WithDataConnection(const std::function<Outcome()>& transfer) {
-    constexpr int kMaxRepetitions = 3;
+    constexpr int kMaxRepetitions = 6;
     Outcome outcome = transfer();
     for (int count = 0; count < kMaxRepetitions && NeedsNewDataConnection(outcome); ++count) {
         is_handshake_late_ = is_handshake_late_ || IsHandshakeTooEarly(outcome.code);

@@ -134,7 +134,7 @@ class Session {
     bool knows_size_ = true;  // false after the server has refused SIZE before a transfer
     bool lists_with_slash_ = false;
     bool is_tls_limited_ = false;
-    bool is_fresh_wanted_ = false;
+    bool is_fresh_wanted_ = false;  // true if the next operation needs a new control connection
     // True if the TLS handshake of the data connection must be delayed until the server has begun
     // the transfer.
     bool is_handshake_late_ = false;

@@ -139,6 +139,25 @@ TEST_F(FtpServers, RefusalToListAFileDoesNotEndMachineListings) {
     EXPECT_THAT(server_->Seen(), Not(Contains("LIST")));
 }
 
+// --- Replies that do not belong to the command ---
+
+// After the stray reply to EPSV, the replies to EPSV and PASV are not read any more.
+TEST_F(FtpServers, UnreadRepliesAreNotTakenForThoseOfTheNextOperation) {
+    int ports = 0;
+    Serve({{"EPSV",
+            [&ports](FtpSession& session, const std::string&) {
+                if (ports++ == 0) session.Say("200 Late");
+                session.OpenDataPort();
+                session.Say("229 Ready (|||" + std::to_string(session.data_port()) + "|)");
+            }},
+           {"RETR", Sending("content", "")},
+           {"SIZE", Saying("213 7")}});
+    const auto storage = Open();
+    EXPECT_EQ(TypeOf([&] { storage->Download("file", target_); }), "unavailable");
+    storage->Download("file", target_);
+    EXPECT_EQ(local_files::Load(target_), "content");
+}
+
 // --- Servers with TLS requirements ---
 
 using FtpsServers = EncryptedFtp<ScriptedFtp>;
