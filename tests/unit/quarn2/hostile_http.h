@@ -49,7 +49,7 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
     }
     // The client's timeout in seconds: short for servers that fall silent, long for others, because
     // a busy machine can be slow.
-    enum Timeout { kShort = 2, kLong = 20 };
+    enum Timeout { kShort = 4, kLong = 20 };
 
     std::string Token(const std::string& more = "", bool tls = false,
                       Timeout timeout = kShort) const {

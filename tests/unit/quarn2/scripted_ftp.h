@@ -33,7 +33,7 @@ class ScriptedFtp : public testing::Test {
                                           const std::string& more = "") const {
         return quarn2::GetStorage(quarn2::BackupToken(
             scheme + "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) +
-            "/dir?timeout=2" + more));
+            "/dir?timeout=4" + more));
     }
     template <class Deed>
     std::string ErrorOf(const Deed& deed) {
