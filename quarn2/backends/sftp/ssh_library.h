@@ -43,6 +43,7 @@ namespace quarn2::sftp {
     F(userauth_publickey, ssh_userauth_publickey)
 
 struct SshLibrary {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): `member` is the name of a member
 #define QUARN2_SSH_MEMBER(member, function) decltype(&::function) member;
     QUARN2_SSH_FUNCTIONS(QUARN2_SSH_MEMBER)
 #undef QUARN2_SSH_MEMBER

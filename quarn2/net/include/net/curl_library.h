@@ -26,6 +26,7 @@ namespace quarn2::net {
     F(slist_free_all)
 
 struct CurlLibrary {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): `name` is the name of a member
 #define QUARN2_CURL_MEMBER(name) decltype(&::curl_##name) name;
     QUARN2_CURL_FUNCTIONS(QUARN2_CURL_MEMBER)
 #undef QUARN2_CURL_MEMBER
