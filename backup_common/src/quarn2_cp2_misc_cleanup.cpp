@@ -78,8 +78,10 @@ bool IsPrefixOf(const std::string& prefix, const std::string& backup) {
 // its lines are removed from the list, so a line never refers to a complete backup.
 std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::string& dir,
                                           const std::string& prefix) {
-    const std::string backup = quarn2::StripSliceNumber(prefix);
     std::vector<std::string> archives;
+    // The system ends a path at a NUL byte, so the path below would be that of another file.
+    if (prefix.find('\0') != std::string::npos) return archives;
+    const std::string backup = quarn2::StripSliceNumber(prefix);
     for (const std::string& date : {quarn2::GetDate(backup), std::string(kCustom)}) {
         const std::string info_path = quarn2::GetInfoFile(dir, quarn2::GetUserName(backup), date);
         if (!kro_file::Exists(info_path)) continue;

@@ -271,6 +271,7 @@ def all_seeds():
         "control_commands": control_seeds(),
         "link": link_seeds(),
         "lists": {"cleanup": b"c" + cleanup.encode(), "escaped": b"cmemory:li\\tsts\tother\n", "no_tab": b"cmemory:lists\n",
+                  "nul_in_prefix": b"cmemory:lists\t\0x\n",
                   "indexes": b"e2026-11-20.web1.tgz.aes=0123\nother.tgz=45\n2026-11-19.web1.tgz.aes=67\n",
                   "no_index": b"ekept=1\n", "empty": b"e"},
         "deletion": deletion_seeds(),

@@ -237,6 +237,17 @@ TEST_F(CleanUpTest, AnEntryWithoutAPrefixDeletesNothingAndStays) {
                              "6: a line of .cleanup has no prefix"}));
 }
 
+// No file can have such a name.
+TEST_F(CleanUpTest, APrefixWithANulByteDeletesNothingAndGoes) {
+    using namespace std::string_literals;
+    Place(kList, "memory:site\t\0x\n"s);
+    store_->SetFile("x.tgz", "x");
+    CleanUp("root");
+    EXPECT_EQ(Stored(), (Lines{"x.tgz"}));
+    EXPECT_FALSE(local_files::Has(kList));
+    EXPECT_EQ(Log(6), Lines{});
+}
+
 // --- The clear command ---
 
 class Clear : public CleanUpTest {
