@@ -21,7 +21,7 @@ class EventLog {
   public:
     explicit EventLog(std::string path = kEventsPath) : path_(std::move(path)) {}
 
-    // Appends the event with the current time, whatever its time is. An event that cannot be
+    // Sets the event's time to the current time and appends the event. An event that cannot be
     // written is lost: the first such failure is logged at level 4, later ones are not.
     void Append(Event event) noexcept;
 

@@ -76,7 +76,7 @@ Forecast EvictionForecast(const std::vector<DaySums>& days);
 
 // When the limit is less than the size of the backups that all users together complete in
 // `min_days` days. From then on the storage keeps fewer than about `min_days` days of backups for
-// each user, whatever the count limits allow.
+// each user, even if the count limits allow more.
 Forecast DepthForecast(const std::vector<DaySums>& days, int min_days);
 
 // When the newest backups of all users, with the full backups that they need, reach the limit. The

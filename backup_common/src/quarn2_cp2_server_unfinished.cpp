@@ -18,9 +18,16 @@ namespace {
 constexpr kro_log::Module kLog("main");
 constexpr const char* kFetched = "tmp/quarn2_cp.fetched";
 
-// Reads an info file without its "node" key, which is not uploaded.
-quarn2::InfoMap WithoutNode(const std::string& path) {
-    quarn2::InfoMap info = quarn2::GetInfo(path);
+// The info file of the same name on the storage.
+quarn2::InfoMap StoredInfo(quarn2::Storage& storage, const std::string& info_path) {
+    storage.Download(quarn2::GetStoredName(info_path), kFetched);
+    quarn2::InfoMap info = quarn2::GetInfo(kFetched);
+    kro_file::RemoveFile(kFetched);
+    return info;
+}
+
+// The keys without "node", which is not uploaded.
+quarn2::InfoMap WithoutNode(quarn2::InfoMap info) {
     info.erase("node");
     return info;
 }
@@ -29,11 +36,8 @@ quarn2::InfoMap WithoutNode(const std::string& path) {
 // the info file of an earlier backup with the same name.
 bool IsInfoStored(quarn2::Storage& storage, const std::string& info_path) {
     try {
-        const std::string fetched = kFetched;
-        storage.Download(quarn2::GetStoredName(info_path), fetched);
-        const bool is_same = WithoutNode(fetched) == WithoutNode(info_path);
-        kro_file::RemoveFile(fetched);
-        return is_same;
+        return WithoutNode(StoredInfo(storage, info_path)) ==
+               WithoutNode(quarn2::GetInfo(info_path));
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return false;
@@ -53,11 +57,7 @@ bool MayHaveInfo(quarn2::Storage& storage, const std::string& info_path) {
 // The slices that the info file on the storage names; none when it cannot be read.
 std::vector<std::string> StoredSlices(quarn2::Storage& storage, const std::string& info_path) {
     try {
-        const std::string fetched = kFetched;
-        storage.Download(quarn2::GetStoredName(info_path), fetched);
-        const quarn2::InfoMap info = quarn2::GetInfo(fetched);
-        kro_file::RemoveFile(fetched);
-        return NamedSlices(info);
+        return NamedSlices(StoredInfo(storage, info_path));
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return {};

@@ -62,8 +62,6 @@ bool EndsWith(std::string_view text, std::string_view suffix) noexcept {
     return text.ends_with(suffix);
 }
 
-bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
-
 bool HasDigitsOnly(std::string_view text) noexcept {
     return !text.empty() && std::all_of(text.begin(), text.end(), IsDigit);
 }

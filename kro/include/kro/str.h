@@ -16,7 +16,7 @@ bool StartsWith(std::string_view text, std::string_view prefix) noexcept;
 bool EndsWith(std::string_view text, std::string_view suffix) noexcept;
 
 // True for the ASCII digits.
-bool IsDigit(char c) noexcept;
+constexpr bool IsDigit(char c) noexcept { return c >= '0' && c <= '9'; }
 
 // True for a text of one or more ASCII digits.
 bool HasDigitsOnly(std::string_view text) noexcept;

@@ -7,6 +7,7 @@
 #include "base/listing_limit.h"
 #include "base/stored_name.h"
 #include "kro/kro_err.h"
+#include "kro/str.h"
 
 namespace quarn2::ftp {
 
@@ -16,24 +17,11 @@ using kro_err::Error;
 using kro_err::Kind;
 using Type = Entry::Type;
 
-constexpr std::string_view kDigits = "0123456789";
 // Separates the name of a symbolic link from its target in a LIST line.
 constexpr std::string_view kArrow = " -> ";
 
 [[noreturn]] void ThrowUnknownLine(std::string_view line) {
     throw Error(Kind::kFailed, "a line of the server's listing is not understood: " + Quoted(line));
-}
-
-bool IsNumber(std::string_view text) noexcept {
-    return !text.empty() && text.find_first_not_of(kDigits) == std::string_view::npos;
-}
-
-std::string Small(std::string_view text) {
-    std::string small(text);
-    for (char& c : small) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return small;
 }
 
 // Returns true if the name can be that of a directory entry. A hostile server could use other
@@ -72,7 +60,7 @@ void ForEachLine(std::string_view text, const Action& action) {
 std::string TypeFact(std::string_view facts) {
     while (!facts.empty()) {
         const std::size_t end = std::min(facts.find(';'), facts.size());
-        const std::string fact = Small(facts.substr(0, end));
+        const std::string fact = str::Lower(facts.substr(0, end));
         constexpr std::string_view kType = "type=";
         if (fact.starts_with(kType)) return fact.substr(kType.size());
         facts.remove_prefix(std::min(end + 1, facts.size()));
@@ -123,26 +111,27 @@ class Words {
 bool IsMonth(std::string_view word) {
     static constexpr std::array<std::string_view, 12> kMonths = {
         "jan", "feb", "mar", "apr", "may", "jun", "jul", "aug", "sep", "oct", "nov", "dec"};
-    return std::find(kMonths.begin(), kMonths.end(), Small(word)) != kMonths.end();
+    return std::find(kMonths.begin(), kMonths.end(), str::Lower(word)) != kMonths.end();
 }
 
 // Returns true if the word consists of two numbers separated by `mark`, such as "19:40".
 bool IsPair(std::string_view word, char mark) {
     const std::size_t found = word.find(mark);
-    return found != std::string_view::npos && IsNumber(word.substr(0, found)) &&
-           IsNumber(word.substr(found + 1));
+    return found != std::string_view::npos && str::HasDigitsOnly(word.substr(0, found)) &&
+           str::HasDigitsOnly(word.substr(found + 1));
 }
 
-bool IsDay(std::string_view word) { return IsNumber(word) && word.size() <= 2; }
+bool IsDay(std::string_view word) { return str::HasDigitsOnly(word) && word.size() <= 2; }
 
 bool IsTimeOrYear(std::string_view word) {
     constexpr std::size_t kYear = 4;
-    return IsPair(word, ':') || (IsNumber(word) && word.size() == kYear);
+    return IsPair(word, ':') || (str::HasDigitsOnly(word) && word.size() == kYear);
 }
 
 bool IsIsoDate(std::string_view word) {
     constexpr std::size_t kLength = 10;
-    return word.size() == kLength && IsNumber(word.substr(0, 4)) && IsPair(word.substr(5), '-');
+    return word.size() == kLength && str::HasDigitsOnly(word.substr(0, 4)) &&
+           IsPair(word.substr(5), '-');
 }
 
 // Returns the part of a LIST line after "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40". The number
@@ -152,7 +141,7 @@ std::string_view BehindDate(std::string_view line) {
     Words words(line);
     std::string_view before = words.Next();
     for (std::string_view word = words.Next(); !word.empty(); word = words.Next()) {
-        if (IsNumber(before)) {
+        if (str::HasDigitsOnly(before)) {
             Words ahead = words;
             const bool iso = IsIsoDate(word) && IsPair(ahead.Next(), ':');
             if (iso) return ahead.rest();
@@ -195,7 +184,8 @@ bool IsDosDate(std::string_view word) {
     constexpr std::size_t kShort = 8;
     constexpr std::size_t kLong = 10;
     return (word.size() == kShort || word.size() == kLong) && word[2] == '-' && word[5] == '-' &&
-           IsNumber(word.substr(0, 2)) && IsNumber(word.substr(3, 2)) && IsNumber(word.substr(6));
+           str::HasDigitsOnly(word.substr(0, 2)) && str::HasDigitsOnly(word.substr(3, 2)) &&
+           str::HasDigitsOnly(word.substr(6));
 }
 
 // Parses a LIST line in DOS format: "11-20-26 07:40PM <DIR> name" or "11-20-26 07:40PM 12345 name".
@@ -206,7 +196,8 @@ bool AddDosLine(Listing& listing, std::string_view line) {
     const std::string_view time = words.Next();
     const std::string_view size = words.Next();
     const bool directory = size == "<DIR>";
-    if (time.find(':') == std::string_view::npos || !(directory || IsNumber(size))) return false;
+    if (time.find(':') == std::string_view::npos || !(directory || str::HasDigitsOnly(size)))
+        return false;
     std::string_view name = words.rest();
     constexpr std::size_t kColumns = 10;
     const std::size_t blanks = std::min(name.find_first_not_of(' '), name.size());
@@ -218,7 +209,8 @@ bool AddDosLine(Listing& listing, std::string_view line) {
 
 void AddLine(Listing& listing, std::string_view line) {
     Words words(line);
-    const bool total = words.Next() == "total" && IsNumber(words.Next()) && words.Next().empty();
+    const bool total =
+        words.Next() == "total" && str::HasDigitsOnly(words.Next()) && words.Next().empty();
     if (line.empty() || total) return;
     if (IsUnixLine(line)) {
         AddUnixLine(listing, line);

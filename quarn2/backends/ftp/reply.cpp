@@ -18,7 +18,7 @@ constexpr std::size_t kMaxTextBytes = 16UL * 1024;
 int CodeOf(std::string_view line) {
     if (line.size() < kCodeLength) return 0;
     const std::string_view digits = line.substr(0, kCodeLength);
-    return IsNumber(digits) ? str::Int(digits) : 0;
+    return str::HasDigitsOnly(digits) ? str::Int(digits) : 0;
 }
 
 // Returns true if text[begin, end) begins or ends inside a word.
@@ -68,7 +68,7 @@ std::int64_t NumberIn(const Reply& reply) {
     if (reply.code != kStatus) return -1;
     const std::size_t end = reply.text.find_last_not_of(" \n") + 1;
     const std::string_view digits = std::string_view(reply.text).substr(0, end);
-    const bool is_number = digits.size() <= kMaxDigits && IsNumber(digits);
+    const bool is_number = digits.size() <= kMaxDigits && str::HasDigitsOnly(digits);
     return is_number ? str::Int64(digits) : -1;
 }
 

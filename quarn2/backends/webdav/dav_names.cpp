@@ -45,7 +45,7 @@ std::string_view WithoutCounter(std::string_view entry) noexcept {
     const std::size_t dot = entry.rfind('.');
     if (dot == std::string_view::npos) return entry;
     const std::string_view digits = entry.substr(dot + 1);
-    const bool counter = digits.size() >= kMinDigits && IsNumber(digits);
+    const bool counter = digits.size() >= kMinDigits && str::HasDigitsOnly(digits);
     const std::string_view rest = entry.substr(0, dot);
     return counter && IsOwnForm(rest) ? rest : entry;
 }

@@ -9,7 +9,6 @@
 #include <array>
 #include <string_view>
 
-#include "base/ascii.h"
 #include "base/stored_name.h"
 #include "kro/kro_date.h"
 #include "kro/kro_err.h"
@@ -38,7 +37,7 @@ std::string_view WithoutPart(std::string_view name) {
     static constexpr std::string_view kPart = ".part";
     const std::size_t found = name.rfind(kPart);
     const bool part =
-        found != std::string_view::npos && IsNumber(name.substr(found + kPart.size()));
+        found != std::string_view::npos && str::HasDigitsOnly(name.substr(found + kPart.size()));
     return part ? name.substr(0, found) : name;
 }
 
@@ -48,7 +47,8 @@ std::string_view WithoutSlice(std::string_view name) {
     if (!str::EndsWith(name, kDar)) return name;
     const std::string_view numbered = name.substr(0, name.size() - kDar.size());
     const std::size_t dot = numbered.rfind('.');
-    const bool slice = dot != std::string_view::npos && IsNumber(numbered.substr(dot + 1));
+    const bool slice =
+        dot != std::string_view::npos && str::HasDigitsOnly(numbered.substr(dot + 1));
     return slice ? numbered.substr(0, dot) : name;
 }
 

@@ -77,7 +77,7 @@ std::string StyleFault(const BackupToken& token) {
 std::string PartSizeFault(const std::string& text) {
     if (text.empty()) return {};
     constexpr std::size_t kMaxDigits = 18;
-    const bool number = text.size() <= kMaxDigits && IsNumber(text);
+    const bool number = text.size() <= kMaxDigits && str::HasDigitsOnly(text);
     const std::int64_t size = number ? str::Int64(text) : 0;
     if (size >= kMinPart && size <= kMaxPart) return {};
     return "parameter 'part_size' must be a number of bytes from " + str::Str(kMinPart) + " to " +

@@ -70,7 +70,7 @@ std::optional<std::string_view> CutTail(std::string_view& text, char mark) {
 }
 
 void CheckNumber(const std::string& name, const std::string& value) {
-    if (value.size() > 18 || !IsNumber(value)) {
+    if (value.size() > 18 || !str::HasDigitsOnly(value)) {
         throw Fault{"storage token: parameter '" + name +
                     "' must be a whole number that is not negative"};
     }

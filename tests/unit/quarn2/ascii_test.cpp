@@ -27,10 +27,10 @@ TEST(Ascii, KnowsTheClassOfEveryByte) {
 
 TEST(Ascii, ANumberHasOnlyDigitsAndAtLeastOne) {
     for (const char* const text : {"0", "007", "1234567890123456789012345"}) {
-        EXPECT_TRUE(IsNumber(text)) << text;
+        EXPECT_TRUE(str::HasDigitsOnly(text)) << text;
     }
     for (const char* const text : {"", "-1", "+1", " 1", "1 ", "1.0", "1a", "\xb2"}) {
-        EXPECT_FALSE(IsNumber(text)) << text;
+        EXPECT_FALSE(str::HasDigitsOnly(text)) << text;
     }
 }
 
