@@ -2,7 +2,6 @@
 
 import base64
 import datetime
-import errno
 import fcntl
 import os
 import re
@@ -10,7 +9,6 @@ import signal
 import socket
 import unittest
 
-from faults import Fault, FaultControl
 from master_link import control
 from local_files import read, write
 from processes import (access_mode, children, command_line, descriptors, has_ended, wait_gone,
@@ -211,21 +209,6 @@ class End(SystemTest):
         second.release()
         self.assertEqual(0, server.end())
         self.assertFalse(os.path.exists(server.pid_file))
-
-    def test_a_lock_file_that_the_system_cannot_lock_ends_the_server_with_a_reason(self):
-        root = self.root()
-        faults = FaultControl(root.file("faults"))
-        self.addCleanup(faults.close)
-        server = Server(root, "--date", DATE, env=faults.environment()).wait_ready()
-        faults.write(Fault("fail", 1, errno.ENOLCK, kinds=("lock",), lasting=True), ("daemon",))
-        self.assertEqual(0, wait_gone(server.daemon))
-        (error,) = root.log_texts(3, server.daemon)
-        self.assertEqual("Size control server error: cannot lock var/quarn2_cp.lock: No locks available. The server "
-                         "cannot learn whether a job still needs it, and ends. Start it again for the jobs that run",
-                         error)
-        self.assertFalse(os.path.exists(server.pid_file))
-        self.assertFalse(os.path.exists(server.lock_file))
-        self.assertEqual(0, Server(root, "--date", DATE).wait_ready().end())
 
 
 class OtherServer(SystemTest):
