@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <cstddef>
 #include <cstdio>
 #include <stdexcept>
 
@@ -33,6 +34,8 @@ class S3Site : public RemoteSite {
         parts.path = "/" + bucket_ + "-missing/" + kPrefix;
         return parts;
     }
+
+    std::size_t NamesPerPage() const override { return 1000; }
 
     // Returns the keys without the prefix. Marks unfinished uploads with "(unfinished)" and keys
     // without the prefix with "(outside)".

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <memory>
@@ -42,6 +43,10 @@ class StorageSite {
 
     // True if the server refuses a file of that name with an error.
     virtual bool RefusesName(const std::string& /*name*/) const { return false; }
+
+    // The greatest number of names in one reply to a listing. A storage without such a limit gets a
+    // listing that is longer than one read of a directory or connection.
+    virtual std::size_t NamesPerPage() const { return 100; }
 
     // Limits the storage to this many bytes, within about 64 KiB. Returns false if the test cannot
     // set a limit. The storage must be empty.

@@ -214,14 +214,25 @@ TEST_P(StorageConformance, MissingDirectoryIsNotFound) {
     }
 }
 
+// Three pages show that the second page does not end the listing either.
 TEST_P(StorageConformance, ListsMoreThanAPage) {
+    const std::size_t count = 2 * site_->NamesPerPage() + 1;
     Names expected;
-    const auto backend = OpenBackend();
-    for (int i = 0; i < 2500; ++i) {
+    for (std::size_t i = 0; i < count; ++i) {
         expected.push_back("slice." + std::to_string(10000 + i) + ".dar");
-        TextSource source("x");
-        ASSERT_TRUE(backend->Put("many/" + expected.back(), source));
     }
+    constexpr std::size_t kThreads = 4;
+    std::vector<std::thread> threads;
+    for (std::size_t first = 0; first < kThreads; ++first) {
+        threads.emplace_back([this, first, &expected] {
+            const auto backend = OpenBackend();
+            for (std::size_t i = first; i < expected.size(); i += kThreads) {
+                TextSource source("x");
+                EXPECT_TRUE(backend->Put("many/" + expected[i], source));
+            }
+        });
+    }
+    for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(List("many"), expected);
     EXPECT_EQ(List(""), Names{"many"});
 }
