@@ -37,28 +37,14 @@ constexpr Names<EventKind, 11> kKinds = {{{EventKind::kUnknown, "unknown"},
                                           {EventKind::kServerEnded, "server-ended"},
                                           {EventKind::kRescan, "rescan"}}};
 
-constexpr Names<EventReason, 13> kReasons = {{{EventReason::kNone, ""},
-                                              {EventReason::kUnknown, "unknown"},
-                                              {EventReason::kCountDaily, "count-daily"},
-                                              {EventReason::kCountFull, "count-full"},
-                                              {EventReason::kSizeStart, "size-start"},
-                                              {EventReason::kSizeReserve, "size-reserve"},
-                                              {EventReason::kSizeDropone, "size-dropone"},
-                                              {EventReason::kAsked, "asked"},
-                                              {EventReason::kDependant, "dependant"},
-                                              {EventReason::kIncomplete, "incomplete"},
-                                              {EventReason::kClear, "clear"},
-                                              {EventReason::kRescan, "rescan"},
-                                              {EventReason::kResumed, "resumed"}}};
-
 // The names of the text and size members, in the order of the line. `reason` precedes the first of
 // them.
 constexpr std::array<std::pair<const char*, std::string Event::*>, 3> kBackupTexts = {
     {{"user", &Event::user}, {"date", &Event::date}, {"type", &Event::type}}};
 constexpr std::array<std::pair<const char*, std::optional<std::int64_t> Event::*>, 3> kSizes = {
     {{"size", &Event::size}, {"used", &Event::used}, {"limit", &Event::limit}}};
-constexpr std::array<std::pair<const char*, std::string Event::*>, 2> kOtherTexts = {
-    {{"node", &Event::node}, {"detail", &Event::detail}}};
+constexpr std::array<std::pair<const char*, std::string Event::*>, 3> kOtherTexts = {
+    {{"node", &Event::node}, {"storage", &Event::storage}, {"detail", &Event::detail}}};
 
 // The beginning of each line. Inside of a text, its quotes are escaped.
 constexpr std::string_view kBegin = R"({"time":")";
@@ -179,12 +165,12 @@ void AddTexts(kro_json::Object& object, const Event& event,
 
 std::string FormatEvent(const Event& event) {
     kro_json::Object object;
-    constexpr std::size_t kMembers = 11;
+    constexpr std::size_t kMembers = 12;
     object.reserve(kMembers);
     object.push_back({"time", FormatTime(event.time)});
     object.push_back({"event", NameOf(kKinds, event.kind)});
-    if (event.reason != EventReason::kNone) {
-        object.push_back({"reason", NameOf(kReasons, event.reason)});
+    if (event.reason != RemovalReason::kNone) {
+        object.push_back({"reason", std::string(::NameOf(event.reason))});
     }
     AddTexts(object, event, kBackupTexts);
     for (const auto& [name, member] : kSizes) {
@@ -202,7 +188,7 @@ Event ParseEvent(std::string_view line) {
     const std::string kind = ParseText(object, "event");
     if (kind.empty()) ThrowNoEvent("the member 'event' is missing");
     event.kind = ParseName(kKinds, kind);
-    event.reason = ParseName(kReasons, ParseText(object, "reason"));
+    event.reason = ParseRemovalReason(ParseText(object, "reason"));
     for (const auto& [name, member] : kBackupTexts) event.*member = ParseText(object, name);
     for (const auto& [name, member] : kSizes) event.*member = ParseSize(object, name);
     for (const auto& [name, member] : kOtherTexts) event.*member = ParseText(object, name);
@@ -230,7 +216,7 @@ std::string DateOfDay(int day) {
     return date.AsDate();
 }
 
-bool IsForSpace(EventReason reason) noexcept {
-    return reason == EventReason::kSizeStart || reason == EventReason::kSizeReserve ||
-           reason == EventReason::kSizeDropone;
+bool IsForSpace(RemovalReason reason) noexcept {
+    return reason == RemovalReason::kSizeStart || reason == RemovalReason::kSizeReserve ||
+           reason == RemovalReason::kSizeDropOne;
 }

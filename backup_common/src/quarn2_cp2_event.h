@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "quarn2_cp2_misc_reason.h"
+
 // kUnknown: an event of a newer version. Its name is not kept.
 enum class EventKind {
     kUnknown,
@@ -23,35 +25,19 @@ enum class EventKind {
     kRescan,
 };
 
-// Why a backup is deleted. kNone: the event has no reason. kUnknown: a reason of a newer version.
-enum class EventReason {
-    kNone,
-    kUnknown,
-    kCountDaily,
-    kCountFull,
-    kSizeStart,
-    kSizeReserve,
-    kSizeDropone,
-    kAsked,
-    kDependant,
-    kIncomplete,
-    kClear,
-    kRescan,
-    kResumed,
-};
-
 // An empty text and a size without value are absent in the line.
 struct Event {
     std::int64_t time = 0;  // milliseconds since 1970-01-01 00:00:00 UTC
     EventKind kind = EventKind::kUnknown;
-    EventReason reason = EventReason::kNone;
+    RemovalReason reason = RemovalReason::kNone;
     std::string user;
     std::string date;                   // of the backup: YYYY-MM-DD or "custom"
     std::string type;                   // of the backup, as in its info file
     std::optional<std::int64_t> size;   // of the backup or file, in bytes
     std::optional<std::int64_t> used;   // of the storage after the event, in bytes
     std::optional<std::int64_t> limit;  // of the storage, in bytes
-    std::string node;
+    std::string node;                   // of a backup of another machine: that machine's name
+    std::string storage;                // the value of --storage; empty for the common storage
     std::string detail;  // such as the text of an error; may contain only what may be logged
 
     friend bool operator==(const Event&, const Event&) = default;
@@ -81,4 +67,4 @@ int EventDay(std::int64_t time) noexcept;
 std::string DateOfDay(int day);
 
 // True for a deletion that made space on the storage.
-bool IsForSpace(EventReason reason) noexcept;
+bool IsForSpace(RemovalReason reason) noexcept;

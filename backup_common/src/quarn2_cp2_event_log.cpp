@@ -36,6 +36,11 @@ void EventLog::Append(Event event) noexcept {
     errno = error_of_caller;
 }
 
+void EventLog::Close() noexcept {
+    const std::lock_guard<std::mutex> section(mutex_);
+    handle_.Reset();
+}
+
 off_t EventLog::OpenCurrent() {
     struct stat status {};
     if (handle_ && ::lstat(path_.c_str(), &status) == 0 && status.st_dev == device_ &&

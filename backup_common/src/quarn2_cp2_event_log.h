@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "kro/res_handle.h"
@@ -25,6 +26,10 @@ class EventLog {
     // written is lost: the first such failure is logged at level 4, later ones are not.
     void Append(Event event) noexcept;
 
+    // Closes the file. The next event opens it again. A process must call this before it closes
+    // descriptors that it does not own, because the file's descriptor could then be another file's.
+    void Close() noexcept;
+
   private:
     // Opens the file, unless it is open and still at its path. Returns its size in bytes.
     off_t OpenCurrent();
@@ -42,10 +47,11 @@ class EventLog {
     std::atomic<bool> has_failed_{false};
 };
 
-// Selects events. An empty member selects all.
+// Selects events. An empty text or no value selects all.
 struct EventFilter {
     std::string since;  // YYYY-MM-DD: the first local day
     std::string user;
+    std::optional<std::string> storage = {};  // "" selects the events of the common storage
 };
 
 // A line that is not an event.

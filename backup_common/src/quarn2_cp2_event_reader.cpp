@@ -159,6 +159,7 @@ class FileScan {
 
     void PassOn(const Event& event) const {
         if (!filter_.user.empty() && event.user != filter_.user) return;
+        if (filter_.storage && event.storage != *filter_.storage) return;
         if (!filter_.since.empty() && DateOfDay(EventDay(event.time)) < filter_.since) return;
         on_event_(event);
     }

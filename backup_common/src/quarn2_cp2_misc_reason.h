@@ -1,7 +1,11 @@
 // The reasons for the deletion of a backup.
 #pragma once
 
+#include <string_view>
+
 enum class RemovalReason {
+    kNone,         // no backup is removed, or the reason is not known
+    kUnknown,      // a reason of a newer version
     kCountDaily,   // the user has more daily backups than the count limit allows
     kCountFull,    // the user has more full backups than the count limit allows
     kSizeStart,    // at the server's start the backups use more than the size limit
@@ -15,5 +19,9 @@ enum class RemovalReason {
     kResumed,      // an earlier process has begun the deletion
 };
 
-// The name of the reason in logs and reports, such as "count-daily".
+// The name of the reason in logs, events and reports, such as "count-daily". The name of kNone is
+// "".
 const char* NameOf(RemovalReason reason) noexcept;
+
+// The reason with this name; kUnknown for any other text.
+RemovalReason ParseRemovalReason(std::string_view name) noexcept;

@@ -17,7 +17,7 @@ Event FullEvent() {
     Event event;
     event.time = 1795176000123;
     event.kind = EventKind::kDeleted;
-    event.reason = EventReason::kSizeReserve;
+    event.reason = RemovalReason::kSizeReserve;
     event.user = "web1";
     event.date = "2026-11-20";
     event.type = "full";
@@ -25,6 +25,7 @@ Event FullEvent() {
     event.used = 0;
     event.limit = kMax;
     event.node = "node1";
+    event.storage = "site";
     event.detail = "a \"text\"\nwith lines";
     return event;
 }
@@ -42,7 +43,8 @@ TEST(Event, IsOneLineWithItsMembersInOrder) {
     EXPECT_EQ(FormatEvent(FullEvent()),
               R"({"time":"2026-11-20T12:00:00.123Z","event":"deleted","reason":"size-reserve",)"
               R"("user":"web1","date":"2026-11-20","type":"full","size":5,"used":0,)"
-              R"("limit":9223372036854775807,"node":"node1","detail":"a \"text\"\nwith lines"})");
+              R"("limit":9223372036854775807,"node":"node1","storage":"site",)"
+              R"("detail":"a \"text\"\nwith lines"})");
     EXPECT_EQ(ParseEvent(FormatEvent(FullEvent())), FullEvent());
 }
 
@@ -74,18 +76,18 @@ TEST(Event, HasANameForEachKindAndReason) {
         EXPECT_THAT(FormatEvent(event), testing::HasSubstr("\"event\":\"" + name + "\""));
         EXPECT_EQ(ParseEvent(FormatEvent(event)).kind, kind);
     }
-    const std::vector<std::pair<EventReason, std::string>> reasons = {
-        {EventReason::kCountDaily, "count-daily"},
-        {EventReason::kCountFull, "count-full"},
-        {EventReason::kSizeStart, "size-start"},
-        {EventReason::kSizeReserve, "size-reserve"},
-        {EventReason::kSizeDropone, "size-dropone"},
-        {EventReason::kAsked, "asked"},
-        {EventReason::kDependant, "dependant"},
-        {EventReason::kIncomplete, "incomplete"},
-        {EventReason::kClear, "clear"},
-        {EventReason::kRescan, "rescan"},
-        {EventReason::kResumed, "resumed"}};
+    const std::vector<std::pair<RemovalReason, std::string>> reasons = {
+        {RemovalReason::kCountDaily, "count-daily"},
+        {RemovalReason::kCountFull, "count-full"},
+        {RemovalReason::kSizeStart, "size-start"},
+        {RemovalReason::kSizeReserve, "size-reserve"},
+        {RemovalReason::kSizeDropOne, "size-dropone"},
+        {RemovalReason::kAsked, "asked"},
+        {RemovalReason::kDependant, "dependant"},
+        {RemovalReason::kIncomplete, "incomplete"},
+        {RemovalReason::kClear, "clear"},
+        {RemovalReason::kRescan, "rescan"},
+        {RemovalReason::kResumed, "resumed"}};
     for (const auto& [reason, name] : reasons) {
         event.reason = reason;
         EXPECT_THAT(FormatEvent(event), testing::HasSubstr("\"reason\":\"" + name + "\""));
@@ -98,7 +100,7 @@ TEST(Event, OfANewerVersionIsUnknownButReadable) {
         R"({"time":"2026-11-20T12:00:00.123Z","event":"moved","reason":"age","user":"web1",)"
         R"("to":{"storage":[1,2]},"size":7})");
     EXPECT_EQ(event.kind, EventKind::kUnknown);
-    EXPECT_EQ(event.reason, EventReason::kUnknown);
+    EXPECT_EQ(event.reason, RemovalReason::kUnknown);
     EXPECT_EQ(event.user, "web1");
     EXPECT_EQ(event.size, 7);
     EXPECT_EQ(ParseEvent(FormatEvent(event)), event);
@@ -214,14 +216,14 @@ TEST_F(EventDays, AreThoseOfTheLocalTime) {
 }
 
 TEST(Event, OnlyEvictionsForSpaceAreForSpace) {
-    EXPECT_TRUE(IsForSpace(EventReason::kSizeStart));
-    EXPECT_TRUE(IsForSpace(EventReason::kSizeReserve));
-    EXPECT_TRUE(IsForSpace(EventReason::kSizeDropone));
-    for (const EventReason reason :
-         {EventReason::kNone, EventReason::kUnknown, EventReason::kCountDaily,
-          EventReason::kCountFull, EventReason::kAsked, EventReason::kDependant,
-          EventReason::kIncomplete, EventReason::kClear, EventReason::kRescan,
-          EventReason::kResumed}) {
+    EXPECT_TRUE(IsForSpace(RemovalReason::kSizeStart));
+    EXPECT_TRUE(IsForSpace(RemovalReason::kSizeReserve));
+    EXPECT_TRUE(IsForSpace(RemovalReason::kSizeDropOne));
+    for (const RemovalReason reason :
+         {RemovalReason::kNone, RemovalReason::kUnknown, RemovalReason::kCountDaily,
+          RemovalReason::kCountFull, RemovalReason::kAsked, RemovalReason::kDependant,
+          RemovalReason::kIncomplete, RemovalReason::kClear, RemovalReason::kRescan,
+          RemovalReason::kResumed}) {
         EXPECT_FALSE(IsForSpace(reason));
     }
 }

@@ -304,12 +304,12 @@ TEST(DailySums, AddUpTheEventsOfADay) {
     sums.Add(EventAt(1, EventKind::kCompleted, 20));
     sums.Add(EventAt(1, EventKind::kStored, 7));
     Event evicted = EventAt(2, EventKind::kDeleted, 30);
-    evicted.reason = EventReason::kSizeReserve;
+    evicted.reason = RemovalReason::kSizeReserve;
     evicted.used = 90;
     evicted.limit = 1000;
     sums.Add(evicted);
     Event counted = EventAt(23, EventKind::kDeleted, 40);
-    counted.reason = EventReason::kCountDaily;
+    counted.reason = RemovalReason::kCountDaily;
     counted.used = 50;
     sums.Add(counted);
     sums.Add(EventAt(49, EventKind::kCompleted, kMax));

@@ -127,7 +127,12 @@ TEST(Reasons, HaveNames) {
         {RemovalReason::kClear, "clear"},
         {RemovalReason::kRescan, "rescan"},
         {RemovalReason::kResumed, "resumed"}};
-    for (const auto& [reason, name] : names) EXPECT_STREQ(::NameOf(reason), name);
+    for (const auto& [reason, name] : names) {
+        EXPECT_STREQ(::NameOf(reason), name);
+        EXPECT_EQ(ParseRemovalReason(name), reason);
+    }
+    EXPECT_EQ(ParseRemovalReason("age"), RemovalReason::kUnknown);
+    EXPECT_EQ(ParseRemovalReason(""), RemovalReason::kNone);
 }
 
 // --- A reservation ---
