@@ -337,8 +337,10 @@ std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
     return found;
 }
 
-Ledger OwnLedger() {
-    return Ledger(OwnStorage() ? *OwnStorage() : kro_env::GetEnv("BACKUP_STORAGE"));
+std::string OwnStorageName() {
+    return OwnStorage() ? *OwnStorage() : kro_env::GetEnv("BACKUP_STORAGE");
 }
+
+Ledger OwnLedger() { return Ledger(OwnStorageName()); }
 
 void SetOwnLedger(const std::string& storage) { OwnStorage() = storage; }

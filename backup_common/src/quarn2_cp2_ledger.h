@@ -150,6 +150,9 @@ class Ledger {
 // or, when SetOwnLedger was not called, the value of BACKUP_STORAGE.
 Ledger OwnLedger();
 
+// The name of the storage that this process works for; "" for the common storage.
+std::string OwnStorageName();
+
 // Sets the storage of OwnLedger, for processes that do not get the name of the storage from
 // BACKUP_STORAGE. Must be called before the first thread starts.
 void SetOwnLedger(const std::string& storage);

@@ -15,6 +15,7 @@
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc_delete.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_prefix.h"
 #include "quarn2_cp2_misc_removal.h"
@@ -177,7 +178,7 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
         quarn2::GetInfoFile(dir, quarn2::GetUserName(entry.name), quarn2::GetDate(entry.name));
     if (!kro_file::Exists(info_path)) return;
     if (IsOfArchive(entry, ArchiveOf(quarn2::GetInfo(info_path)))) {
-        Delete(storage, info_path, false);
+        Delete(storage, info_path, false, {.reason = RemovalReason::kIncomplete, .is_part = true});
     }
 }
 
@@ -257,11 +258,17 @@ void CleanUp(const std::string& dir) {
     while (!lines->empty()) {
         const std::string text = str::GetWord(*lines, "\n");
         if (text.empty()) continue;
+        std::string prefix = text;
+        str::GetWord(prefix, "\t");
+        const DeletionEvents events(quarn2::StripSliceNumber(prefix),
+                                    {.reason = RemovalReason::kIncomplete});
         try {
             for (std::string& name : RemoveIncomplete(dir, ParseLine(text))) {
                 ended.push_back(std::move(name));
             }
+            events.Deleted();
         } catch (const std::exception& error) {
+            events.Failed(error.what());
             KRO_LOG(kLog, 4,
                     "Failed to remove incomplete backup files. You can get failed list in %s file",
                     ListPath(dir).c_str());

@@ -2,6 +2,8 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "kro/kro_env.h"
 #include "kro/kro_err.h"
@@ -10,6 +12,7 @@
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_removal.h"
@@ -36,6 +39,24 @@ void MarkInfoRoot(const std::string& identity) {
         if (!error.IsFull()) throw;
         KRO_LOG(kLog, 4, "%s", error.what());
     }
+}
+
+// An event of the deletion of all backups. It has no user and no date.
+void WriteClear(EventKind kind, const char* detail = "") {
+    Event event;
+    event.kind = kind;
+    event.reason = RemovalReason::kClear;
+    event.detail = detail;
+    WriteEvent(std::move(event));
+}
+
+// The events for the backups that the info roots know.
+std::vector<Event> KnownBackups() {
+    std::vector<Event> events = DeletedEvents(kInfoRoot, RemovalReason::kClear);
+    for (Event& event : DeletedEvents(kPrivateInfoRoot, RemovalReason::kClear)) {
+        events.push_back(std::move(event));
+    }
+    return events;
 }
 
 // Throws when the marker file of an interrupted --clear names another storage. Only the marker file
@@ -85,6 +106,7 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     // written only after the storage has answered a request.
     ListOrNothing(storage, "");
     if (has_info_root) MarkInfoRoot(identity);
+    WriteClear(EventKind::kDeletionBegun);
     ForgetUnfinished(identity);
     try {
         storage.Clear();
@@ -92,6 +114,7 @@ void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
         // Nothing was removed from a storage that is missing or refuses access, so servers may
         // start again.
         if (HasRemovedNothing(error)) kro_file::RemoveFile(ClearMark(kInfoRoot));
+        WriteClear(EventKind::kDeletionFailed, error.what());
         throw;
     }
     // Removes ledger entries again, because uploads may have ended and written entries while the
@@ -113,7 +136,12 @@ void CommandClear() {
     const kro_file::FileType type = kro_file::TypeOf(kInfoRoot);
     const bool has_info_root =
         type == kro_file::FileType::kDirectory || type == kro_file::FileType::kUnknown;
-    if (storage) ClearStorage(*storage, has_info_root);
+    // Without a token, only the info root is removed, and the storage keeps its backups.
+    std::vector<Event> deleted;
+    if (storage) {
+        deleted = KnownBackups();
+        ClearStorage(*storage, has_info_root);
+    }
     if (has_info_root) {
         RemoveDirectory(kInfoRoot, kClearMark);
     } else {
@@ -123,6 +151,8 @@ void CommandClear() {
     // Makes the removals durable, because info files that reappear after a crash would count as
     // backups.
     if (kro_file::Exists("var/backup")) kro_file::SyncDir("var/backup");
+    for (Event& event : deleted) WriteEvent(std::move(event));
+    if (storage) WriteClear(EventKind::kDeleted);
 }
 
 void CheckNoBrokenClear(const std::string& info_root) {

@@ -291,19 +291,13 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     }
 }
 
-}  // namespace
-
-void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
-            bool skip_full) {
-    quarn2::InfoMap info = quarn2::GetInfo(info_path);
-    if (skip_full && IsFull(info)) {
-        KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
-        return;
-    }
+void DeleteBackup(const std::shared_ptr<quarn2::Storage>& storage, const std::string& info_path,
+                  const quarn2::InfoMap& info, const DeletionEvents& events) {
     // Checks that the storage answers. Throws before any change otherwise.
     ListOrNothing(*storage, kro_file::Name(info_path));
     const LedgerDeletion ledger(info_path, info);
     Removal removal(storage, info_path, info);
+    if (removal.has_begun()) events.Begun();
     try {
         DeleteEntries(removal, info_path, info);
     } catch (const std::exception&) {
@@ -312,6 +306,32 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
     }
     ledger.Finish(*storage);
     removal.Finish();
+}
+
+}  // namespace
+
+void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path, bool skip_full,
+            const DeletionCause& cause) {
+    DeletionEvents events(info_path, cause);
+    try {
+        quarn2::InfoMap info = quarn2::GetInfo(info_path);
+        if (skip_full && IsFull(info)) {
+            KRO_LOG(kLog, 5, "Skip full backup %s", info_path.c_str());
+            return;
+        }
+        events.SetInfo(info);
+        DeleteBackup(storage, info_path, info, events);
+    } catch (const std::exception& error) {
+        // Without the info file, another process has deleted the backup.
+        if (kro_file::Exists(info_path)) events.Failed(error.what());
+        throw;
+    }
+    // The info file stays when files of the backup could not be removed.
+    if (!kro_file::Exists(info_path)) {
+        events.Deleted();
+    } else {
+        events.Failed("files of the backup could not be removed; see the log");
+    }
 }
 
 namespace {
@@ -353,7 +373,7 @@ void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Wee
             throw std::runtime_error("Failed to delete backup. Depended backup '" + candidate +
                                      "' still exists");
         }
-        Delete(storage, candidate, false);
+        Delete(storage, candidate, false, {.reason = RemovalReason::kDependant});
     }
 }
 

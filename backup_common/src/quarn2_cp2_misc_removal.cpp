@@ -193,6 +193,6 @@ void FinishDeletions(const std::shared_ptr<quarn2::Storage>& storage,
         }
         if (!IsBeingDeleted(info)) continue;
         KRO_LOG(kLog, 5, "Finish the deletion of '%s'", path.c_str());
-        Delete(storage, path, false);
+        Delete(storage, path, false, {.reason = RemovalReason::kResumed});
     }
 }

@@ -25,6 +25,10 @@ class Removal {
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
 
+    // True when the constructor has recorded the removal. False when an earlier removal of the
+    // backup was interrupted, or when there is no info file.
+    bool has_begun() const noexcept { return !old_text_.empty() || has_entry_; }
+
     void RemoveFile(const std::string& name);
     void RemoveDir(const std::string& name);
 

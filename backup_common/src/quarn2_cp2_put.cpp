@@ -14,6 +14,7 @@
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_control.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_slices.h"
 #include "quarn2_cp2_misc_storage.h"
@@ -156,8 +157,14 @@ void CommandUpdate(const std::string& path) {
     ProgressLine progress(1);
     storage->SetObserver(&progress);
     storage->RemoveFile(remote);
+    Event event = EventOfFile(EventKind::kRefused, remote);
+    event.detail = remote;
+    event.size = storage->Size(path);
     if (!storage->Upload(remote, path)) {
+        WriteEvent(std::move(event));
         throw std::runtime_error("the storage has no room for '" + remote +
                                  "', and its old content is gone: make room and update it again");
     }
+    event.kind = EventKind::kStored;
+    WriteEvent(std::move(event));
 }

@@ -16,6 +16,7 @@
 #include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_delete.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_misc_slices.h"
@@ -143,8 +144,12 @@ NodeSide::Record NodeSide::Admit(const std::string& remote, const std::string& p
     Record record = IsInfo(path) ? nullptr : ledger_.Begin(remote, size_, key_hash);
     try {
         Reserve();
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
         if (record) record->Refused();
+        Event refused = EventOfFile(EventKind::kRefused, remote);
+        refused.size = size_;
+        refused.detail = remote + ": " + error.what();
+        WriteEvent(std::move(refused));
         throw;
     }
     return record;

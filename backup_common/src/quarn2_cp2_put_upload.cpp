@@ -10,6 +10,7 @@
 #include "quarn2/names.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc_attempts.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_put_node.h"
@@ -20,6 +21,15 @@ constexpr kro_log::Module kLog("main");
 
 void LogGivenUp(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(path).c_str(), error.what());
+}
+
+// The storage's name of the file, followed by the reason if there is one, is the event's detail.
+void WriteUploadEvent(EventKind kind, const std::string& name, std::int64_t size,
+                      const std::string& reason = "") {
+    Event event = EventOfFile(kind, name);
+    event.size = size;
+    event.detail = reason.empty() ? name : name + ": " + reason;
+    WriteEvent(std::move(event));
 }
 
 [[noreturn]] void ThrowChanged(const std::string& path) {
@@ -35,7 +45,8 @@ Upload::Upload(NodeSide* node, const std::string& remote_name, const std::string
       remote_name_(remote_name),
       local_path_(local_path),
       storage_(OpenStorage(node->token())),
-      delete_after_(node->delete_after()) {
+      delete_after_(node->delete_after()),
+      size_(node->size()) {
     storage_->MkDir(kro_file::Path(remote_name));
 }
 
@@ -96,6 +107,7 @@ void Upload::Put() {
     failed_ = false;
     stored_ = true;
     if (record_) record_->Stored();
+    WriteUploadEvent(EventKind::kStored, remote_name_, size_);
     if (delete_after_) RemoveSource(source);
 }
 
@@ -104,7 +116,10 @@ void Upload::Put() {
 void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
-        if (left < 0) throw std::runtime_error("Upload failed");
+        if (left < 0) {
+            WriteUploadEvent(EventKind::kRefused, remote_name_, size_, "the storage has no room");
+            throw std::runtime_error("Upload failed");
+        }
         node_->DoCommand(FormatDropOne(left));
     }
 }
@@ -156,6 +171,7 @@ void Upload::RemoveSource(const Source& source) const {
 void Upload::Release(const std::string& reason, const Source& source) {
     quarn2::CreateAttemptsFile(local_path_, reason);
     RemoveSource(source);
+    WriteUploadEvent(EventKind::kAbandoned, remote_name_, size_, reason);
     // Releases the size of the file in the node client's latest put, which may be another file. The
     // difference does not last, because the server's next completion resets all reservations.
     node_->DoCommand(FormatRelease(node_->size()));

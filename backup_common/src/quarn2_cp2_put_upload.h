@@ -1,6 +1,7 @@
 // The upload of one file from this node to the storage.
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
@@ -68,6 +69,7 @@ class Upload {
     std::string local_path_;
     std::shared_ptr<quarn2::Storage> storage_;
     bool delete_after_ = false;
+    std::int64_t size_ = 0;  // bytes on the storage
     bool failed_ = false;
     bool stored_ = false;
     Record record_;

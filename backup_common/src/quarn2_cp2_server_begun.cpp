@@ -16,6 +16,8 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
+const DeletionCause kResumed{.reason = RemovalReason::kResumed};
+
 using StorageDesc = GlobalSizeControl::StorageDesc;
 
 // Finishes an interrupted deletion. Returns true when this process or another one has finished the
@@ -24,7 +26,7 @@ bool Finish(GlobalSizeControl& control, const StorageDesc& desc, const std::stri
     KRO_LOG(kLog, 5, "Finish the deletion of '%s'", info_path.c_str());
     try {
         control.CheckStorage();
-        Delete(desc.storage, info_path, false);
+        Delete(desc.storage, info_path, false, kResumed);
         return true;
     } catch (const std::exception& error) {
         if (!kro_file::Exists(info_path)) return true;
@@ -79,7 +81,9 @@ void GlobalSizeControl::FinishBegunFirst() {
         std::erase_if(desc.half_deleted, [&storage = desc](const auto& begun) {
             KRO_LOG(kLog, 5, "Finish the deletion of '%s'", begun.first.c_str());
             try {
-                if (kro_file::Exists(begun.first)) Delete(storage.storage, begun.first, false);
+                if (kro_file::Exists(begun.first)) {
+                    Delete(storage.storage, begun.first, false, kResumed);
+                }
             } catch (const std::exception& error) {
                 if (IsOfStorage(error)) throw;
                 KRO_LOG(kLog, 4, "Cant finish the deletion of '%s'. What: %s", begun.first.c_str(),

@@ -24,6 +24,7 @@
 #include "quarn2_cp2_ledger_markers.h"
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_cleanup.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_model.h"
@@ -35,6 +36,22 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::chrono::milliseconds kMaxRun{1000};
+
+Event ServerEvent(EventKind kind, const GlobalSizeControl& control) {
+    Event event;
+    event.kind = kind;
+    event.used = control.GreatestUsedSize();
+    event.limit = control.LimitOrNothing();
+    return event;
+}
+
+// The event of a server that an error has ended.
+void WriteFailedServer(const char* error) {
+    Event event;
+    event.kind = EventKind::kServerEnded;
+    event.detail = error;
+    WriteEvent(std::move(event));
+}
 
 class Daemon {
   public:
@@ -67,16 +84,19 @@ class Daemon {
         // as soon as the server is ready.
         WriteState();
         AnnounceReady();
+        WriteEvent(ServerEvent(EventKind::kServerStarted, *control));
         Serve(*loop, *nodes);
         // Empties the pid file, so that new --server commands wait for the end of this server
         // instead of using it. With the exclusive lock there are no such commands.
         if (!is_alone_) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
+        const Event ended = ServerEvent(EventKind::kServerEnded, *control);
         nodes.reset();
         control.reset();
         loop.reset();
         if (may_delete) CleanUp(path);
+        WriteEvent(ended);
         RemoveFiles();
     }
 
@@ -177,6 +197,7 @@ void RunDaemon(const kro_args::ResultPtr& args, kro_file::Lock& pid_lock,
         daemon->Run();
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 3, "Size control server error: %s", error.what());
+        WriteFailedServer(error.what());
     }
     std::exit(0);  // NOLINT(concurrency-mt-unsafe): the daemon has no thread but this one
 }

@@ -33,6 +33,14 @@ void CheckInfoRoot(const std::string& path) {
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
 }
 
+// The cause of an eviction in the events. The used space is that after the eviction.
+DeletionCause CauseOf(const GlobalSizeControl& control, const Victim& victim) {
+    DeletionCause cause{.reason = victim.reason, .limit = control.LimitOrNothing()};
+    const StorageDesc& desc = control.storages.at(victim.storage);
+    cause.used = LessSize(control.UsedSizeOf(desc), victim.size);
+    return cause;
+}
+
 // Deletes a backup. If the backup has no local info file, a job has deleted the backup, or the info
 // file is on another machine or in a job's own directory. Then the storage is queried. A record of
 // size 0 stands for a missing day. Such a record needs no query, because it has no files.
@@ -43,11 +51,12 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     KRO_LOG(kLog, exists || victim.size != 0 ? 5 : 6, "Evict backup '%s', size: %lld",
             info_path.c_str(), ForLog(victim.size));
     KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));
-    if (exists) return Delete(storage, info_path, false);
+    const DeletionCause cause = CauseOf(control, victim);
+    if (exists) return Delete(storage, info_path, false, cause);
     if (victim.size != 0) {
         CheckInfoRoot(control.path);
         const std::string fetched = FetchInfoFile(*storage, control.path, victim.user, victim.date);
-        if (!fetched.empty()) return Delete(storage, fetched, false);
+        if (!fetched.empty()) return Delete(storage, fetched, false, cause);
     }
     KRO_LOG(kLog, 6, "Backup '%s' is already gone", info_path.c_str());
 }
@@ -57,7 +66,8 @@ void DeleteInterrupted(GlobalSizeControl& control, const Victim& victim) {
             victim.date.c_str(), victim.user.c_str(), ForLog(victim.size));
     KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));
     control.unfinished.RemoveInterrupted(victim.user, victim.date,
-                                         control.storages.at(victim.storage).storage);
+                                         control.storages.at(victim.storage).storage,
+                                         CauseOf(control, victim));
     control.RefreshUnfinished();
 }
 

@@ -120,7 +120,16 @@ void GlobalSizeControl::ClearBackupInfo() {
 std::int64_t GlobalSizeControl::GreatestUsedSize() const noexcept {
     std::int64_t greatest = std::numeric_limits<std::int64_t>::min();
     for (const auto& [key, desc] : storages) {
-        greatest = std::max(greatest, LessSize(size_limit, desc.free_size));
+        greatest = std::max(greatest, UsedSizeOf(desc));
     }
     return storages.empty() ? 0 : greatest;
+}
+
+std::int64_t GlobalSizeControl::UsedSizeOf(const StorageDesc& storage) const noexcept {
+    return LessSize(size_limit, storage.free_size);
+}
+
+std::optional<std::int64_t> GlobalSizeControl::LimitOrNothing() const noexcept {
+    if (size_limit == ServerLimits::kNoSize) return std::nullopt;
+    return size_limit;
 }

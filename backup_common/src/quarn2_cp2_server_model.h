@@ -8,6 +8,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "kro/kro_args.h"
@@ -156,6 +157,12 @@ struct GlobalSizeControl {
 
     // The largest used space of any storage; 0 without a storage.
     std::int64_t GreatestUsedSize() const noexcept;
+
+    // The used space of the storage in bytes, without backups that are not complete.
+    std::int64_t UsedSizeOf(const StorageDesc& storage) const noexcept;
+
+    // The size limit in bytes, or nothing without a limit.
+    std::optional<std::int64_t> LimitOrNothing() const noexcept;
 
     std::string path;
     std::int32_t full_limit = ServerLimits::kNoCount;

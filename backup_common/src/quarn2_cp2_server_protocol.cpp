@@ -1,10 +1,12 @@
 // Executes the commands of node clients: reservation, completion, eviction on request, release.
 
 #include <stdexcept>
+#include <utility>
 
 #include "kro/kro_log.h"
 #include "kro/str.h"
 #include "quarn2_cp2_misc_cleanup.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_link.h"
 #include "quarn2_cp2_server_info.h"
 #include "quarn2_cp2_server_session.h"
@@ -21,6 +23,18 @@ long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
 std::int64_t LockedSize(const UserDesc& user) {
     return user.backups.empty() ? 0 : user.GetLockedSize();
+}
+
+void WriteCompleted(const LinkCommand& completed, const StorageDesc& storage) {
+    Event event;
+    event.kind = EventKind::kCompleted;
+    event.user = completed.user;
+    event.date = completed.date;
+    event.type = completed.type;
+    event.size = completed.bytes;
+    event.used = storage.owner->UsedSizeOf(storage);
+    event.limit = storage.owner->LimitOrNothing();
+    WriteEvent(std::move(event));
 }
 
 }  // namespace
@@ -46,13 +60,17 @@ void OwnReserved::GiveBack() {
 void MasterSide::ProcessCommand(const std::string& line) {
     KRO_LOG(kLog, 8, "%s line = '%s'", "ProcessCommand", line.c_str());
     std::string answer;
+    LinkCommand command;
     try {
-        answer = Answer(ParseLinkCommand(line));
+        command = ParseLinkCommand(line);
+        answer = Answer(command);
     } catch (const std::exception& error) {
         answer = FormatRefusal(error.what());
     }
     has_served_ = has_served_ || ParseLinkAnswer(answer).is_ok;
     if (!answer.empty()) SaveResult(answer);
+    const bool is_complete = command.word == LinkCommand::Word::kComplete;
+    if (is_complete && ParseLinkAnswer(answer).is_ok) WriteCompleted(command, storage_);
 }
 
 // Returns "" for an unknown command, which gets no answer.

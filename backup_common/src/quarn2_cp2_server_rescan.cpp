@@ -18,8 +18,10 @@
 #include "quarn2/storage.h"
 #include "quarn2_cp2_get.h"
 #include "quarn2_cp2_misc_encrypted.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_progress.h"
 #include "quarn2_cp2_misc_removal.h"
+#include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_notes.h"
 #include "quarn2_cp2_server_rescan_removed.h"
@@ -331,6 +333,18 @@ class Rescanner {
     FailedReads failed_;
 };
 
+// Writes the number of the backups that the info root knows after a rescan, and their size.
+void WriteRescanned(const std::string& local_root) {
+    Event event;
+    event.kind = EventKind::kRescan;
+    const std::vector<Event> known = DeletedEvents(local_root, RemovalReason::kNone);
+    std::int64_t used = 0;
+    for (const Event& backup : known) used = SumOfSizes(used, backup.size.value_or(0));
+    event.used = used;
+    event.detail = "backups: " + str::Str(known.size());
+    WriteEvent(std::move(event));
+}
+
 }  // namespace
 
 void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& dir, bool skip,
@@ -365,5 +379,6 @@ ResHandle Rescan(const kro_args::Result& args) {
     // these backups and count them as complete again.
     FinishDeletions(storage, local_root);
     Rescanner(storage, local_root, storage_name).Run();
+    WriteRescanned(local_root);
     return handle;
 }

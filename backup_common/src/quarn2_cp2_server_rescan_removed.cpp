@@ -14,6 +14,7 @@
 #include "kro/kro_log.h"
 #include "kro/kro_new_file.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_events.h"
 
 namespace fs = std::filesystem;
 
@@ -47,6 +48,11 @@ bool MakeDirectory(const std::string& path) {
         kro_file::MkDirSynced(path, kDirectoryMode);
     }
     return true;
+}
+
+// Writes the events for the backups whose info files were moved to the target.
+void WriteMoved(const std::string& target) {
+    for (Event& event : DeletedEvents(target, RemovalReason::kRescan)) WriteEvent(std::move(event));
 }
 
 }  // namespace
@@ -85,16 +91,23 @@ void RemovedEntries::Take(std::vector<std::string> paths) {
     if (paths.empty()) return;
     Prepare();
     std::vector<std::string> copied;
+    std::vector<std::string> moved_later;
     for (const std::string& path : paths) {
         if (!Exists(path)) continue;
         const std::string target = FindFreeTarget(path);
         KRO_LOG(kLog, 6, "Move '%s' to '%s': the storage does not have it", path.c_str(),
                 target.c_str());
-        if (Rename(path, target)) continue;
+        // The moved files stay at the target, so their info files can be read after the move.
+        if (Rename(path, target)) {
+            WriteMoved(target);
+            continue;
+        }
         Copy(path, target);
+        moved_later.push_back(target);
         copied.push_back(path);
     }
     if (copied.empty()) return;
     kro_file::SyncFileSystem(place_);
     for (const std::string& path : copied) kro_file::Remove(path);
+    for (const std::string& target : moved_later) WriteMoved(target);
 }

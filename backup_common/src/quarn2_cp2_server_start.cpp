@@ -18,6 +18,7 @@
 #include "kro/str.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_misc.h"
+#include "quarn2_cp2_misc_events.h"
 #include "quarn2_cp2_misc_identity.h"
 #include "quarn2_cp2_misc_storage.h"
 #include "quarn2_cp2_server_check.h"
@@ -72,6 +73,7 @@ void OpenNullStreams() {
 [[noreturn]] void RunIntermediateChild(const kro_args::ResultPtr& args, ResHandle& handle,
                                        kro_file::Lock& pid_lock, const DaemonStart& start) {
     kro_log::Close();
+    CloseEvents();
     setpgid(0, 0);
     handle.Close();
     if (!CloseAllBut(pid_lock.fd())) _exit(1);

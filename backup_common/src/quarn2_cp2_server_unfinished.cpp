@@ -178,8 +178,11 @@ std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date)
     return found;
 }
 
-void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const {
+void UnfinishedBackups::RecordRemoval(const LedgerEntry& entry) const {
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
+}
+
+void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) {
     for (const auto& [name, slice] : entry.slices) {
         if (LedgerKey(name) == LedgerKey(entry.name) && !IsOfReplacedBackup(entry, name, slice)) {
             storage.RemoveFile(name);
@@ -191,7 +194,17 @@ void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& 
 void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
     KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
             entry.name.c_str(), static_cast<long long>(entry.Bytes()));
-    RemoveSlices(entry, storage);
+    DeletionEvents events(entry.name, {.reason = RemovalReason::kIncomplete});
+    events.SetSize(entry.Bytes());
+    try {
+        RecordRemoval(entry);
+        events.Begun();
+        RemoveSlices(entry, storage);
+    } catch (const std::exception& error) {
+        events.Failed(error.what());
+        throw;
+    }
+    events.Deleted();
     // A local info file may have "finished" for this backup. The entry stays, because without it
     // the backup would count as complete.
     if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
@@ -229,27 +242,41 @@ std::vector<InterruptedBackup> UnfinishedBackups::Interrupted(const std::string&
     return found;
 }
 
+// Removes the slices of the interrupted job and those of the complete backup.
+void UnfinishedBackups::RemoveFiles(const std::string& entry_name, const Noted& noted,
+                                    quarn2::Storage& storage) const {
+    const LedgerEntry entry = ledger_.Read(entry_name);
+    RecordRemoval(entry);
+    RemoveSlices(entry, storage);
+    std::set<std::string> directories;
+    for (const std::string& slice : noted.stored) {
+        if (LedgerKey(slice) != LedgerKey(entry_name)) continue;
+        storage.RemoveFile(slice);
+        directories.insert(kro_file::Path(slice));
+    }
+    for (const std::string& directory : directories) storage.SyncRemovals(directory);
+    // Delete finds the directory of the stored info file only by a slice in the local info file,
+    // which may be that of the interrupted job and name no slice.
+    storage.RemoveFile(quarn2::GetStoredName(noted.info_path));
+}
+
 // The info file on the storage and the local one are removed last. Until then, the backup still
 // counts as interrupted.
 void UnfinishedBackups::RemoveInterrupted(const std::string& user, const std::string& date,
-                                          std::shared_ptr<quarn2::Storage> storage) const {
+                                          std::shared_ptr<quarn2::Storage> storage,
+                                          const DeletionCause& cause) const {
     const std::string key = date + "." + user;
     const auto noted = std::find_if(noted_.begin(), noted_.end(), [&key](const auto& candidate) {
         return LedgerKey(candidate.first) == key;
     });
     if (noted == noted_.end()) return;
-    RemoveSlices(ledger_.Read(noted->first), *storage);
-    std::set<std::string> directories;
-    for (const std::string& slice : noted->second.stored) {
-        if (LedgerKey(slice) != key) continue;
-        storage->RemoveFile(slice);
-        directories.insert(kro_file::Path(slice));
+    try {
+        RemoveFiles(noted->first, noted->second, *storage);
+    } catch (const std::exception& error) {
+        DeletionEvents(noted->second.info_path, cause).Failed(error.what());
+        throw;
     }
-    for (const std::string& directory : directories) storage->SyncRemovals(directory);
-    // Delete finds the directory of the stored info file only by a slice in the local info file,
-    // which may be that of the interrupted job and name no slice.
-    storage->RemoveFile(quarn2::GetStoredName(noted->second.info_path));
-    Delete(std::move(storage), noted->second.info_path, false);
+    Delete(std::move(storage), noted->second.info_path, false, cause);
 }
 
 std::set<std::string> UnfinishedBackups::OpenKeys() const {

@@ -12,6 +12,7 @@
 
 #include "quarn2/storage.h"
 #include "quarn2_cp2_ledger.h"
+#include "quarn2_cp2_misc_events.h"
 
 // A backup of DATE.USER.info that was complete before its job was repeated, and whose repeated job
 // was interrupted.
@@ -72,9 +73,10 @@ class UnfinishedBackups {
 
     // Removes an interrupted backup: the slices of the interrupted job, the slices of the complete
     // backup, its info files and its ledger entries. If that fails, the entries stay open and the
-    // removal can be repeated.
+    // removal can be repeated. Writes the events of the deletion with their cause.
     void RemoveInterrupted(const std::string& user, const std::string& date,
-                           std::shared_ptr<quarn2::Storage> storage) const;
+                           std::shared_ptr<quarn2::Storage> storage,
+                           const DeletionCause& cause = {}) const;
 
     // The names DATE.USER of the backups whose entries are open now. Reads the ledger.
     std::set<std::string> OpenKeys() const;
@@ -88,7 +90,8 @@ class UnfinishedBackups {
     bool IsForsaken(const LedgerEntry& entry, const std::string& date) const;
     bool WasComplete(const LedgerEntry& entry) const;
     bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
-    void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const;
+    void RecordRemoval(const LedgerEntry& entry) const;
+    static void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage);
     std::int64_t BytesOf(const LedgerEntry& entry) const;
     std::string EntryOf(const std::string& info_path, std::string_view last_slice) const;
 
@@ -103,6 +106,9 @@ class UnfinishedBackups {
         // The slices that the info file on the storage names; empty when it could not be read.
         std::vector<std::string> stored;
     };
+    void RemoveFiles(const std::string& entry_name, const Noted& noted,
+                     quarn2::Storage& storage) const;
+
     std::map<std::string, Noted> noted_;  // by the name of the entry
     bool has_ledger_ = false;
 };

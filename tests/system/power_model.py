@@ -18,8 +18,8 @@ from local_files import read, write
 
 RECORDER = os.environ.get("QUARN2_WRITE_RECORDER", "")
 
-# The model ignores these paths: the log is never synced, and sbin contains only the program.
-IGNORED = ("root/sbin/", "root/var/quarn2_cp.log")
+# The model ignores these paths: the log and the events are never synced, and sbin contains only the program.
+IGNORED = ("root/sbin/", "root/var/quarn2_cp.log", "root/var/quarn2_cp.events")
 
 
 class RecordedRoot(Root):

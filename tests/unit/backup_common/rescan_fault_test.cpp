@@ -221,11 +221,11 @@ TEST_F(RescanFault, HostileNamesTouchNothingOutsideTheInfoRoot) {
     Place("var/x.info", "kept");
     Run();
 
-    EXPECT_EQ(Below("."),
-              (Lines{"tmp", "var", "var/backup", "var/backup/tovarn", "var/backup/tovarn/web1",
-                     "var/backup/tovarn/web1/2026-11-20",
-                     "var/backup/tovarn/web1/2026-11-20/good.info", "var/quarn2_cp.lock",
-                     "var/quarn2_cp.log", "var/x.info", "victim", "victim/x.info", "x.info"}));
+    EXPECT_EQ(Below("."), (Lines{"tmp", "var", "var/backup", "var/backup/tovarn",
+                                 "var/backup/tovarn/web1", "var/backup/tovarn/web1/2026-11-20",
+                                 "var/backup/tovarn/web1/2026-11-20/good.info",
+                                 "var/quarn2_cp.events", "var/quarn2_cp.lock", "var/quarn2_cp.log",
+                                 "var/x.info", "victim", "victim/x.info", "x.info"}));
     for (const std::string& path : {victim, std::string("x.info"), std::string("var/x.info")}) {
         EXPECT_EQ(local_files::Load(path), "kept");
     }
