@@ -36,7 +36,7 @@ struct Event {
     std::optional<std::int64_t> size;   // of the backup or file, in bytes
     std::optional<std::int64_t> used;   // of the storage after the event, in bytes
     std::optional<std::int64_t> limit;  // of the storage, in bytes
-    std::string node;                   // of a backup of another machine: that machine's name
+    std::string node;                   // the node that made the backup, such as "local"
     std::string storage;                // the value of --storage; empty for the common storage
     std::string detail;  // such as the text of an error; may contain only what may be logged
 

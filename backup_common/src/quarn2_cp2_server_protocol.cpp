@@ -25,13 +25,15 @@ std::int64_t LockedSize(const UserDesc& user) {
     return user.backups.empty() ? 0 : user.GetLockedSize();
 }
 
-void WriteCompleted(const LinkCommand& completed, const StorageDesc& storage) {
+void WriteCompleted(const LinkCommand& completed, const StorageDesc& storage,
+                    const std::string& node) {
     Event event;
     event.kind = EventKind::kCompleted;
     event.user = completed.user;
     event.date = completed.date;
     event.type = completed.type;
     event.size = completed.bytes;
+    event.node = node;
     event.used = storage.owner->UsedSizeOf(storage);
     event.limit = storage.owner->LimitOrNothing();
     WriteEvent(std::move(event));
@@ -70,7 +72,7 @@ void MasterSide::ProcessCommand(const std::string& line) {
     has_served_ = has_served_ || ParseLinkAnswer(answer).is_ok;
     if (!answer.empty()) SaveResult(answer);
     const bool is_complete = command.word == LinkCommand::Word::kComplete;
-    if (is_complete && ParseLinkAnswer(answer).is_ok) WriteCompleted(command, storage_);
+    if (is_complete && ParseLinkAnswer(answer).is_ok) WriteCompleted(command, storage_, node_);
 }
 
 // Returns "" for an unknown command, which gets no answer.

@@ -9,6 +9,7 @@
 
 #include "kro/kro_env.h"
 #include "kro/kro_log.h"
+#include "kro/str.h"
 #include "quarn2/token.h"
 
 namespace {
@@ -29,8 +30,10 @@ std::shared_ptr<MasterSide> MasterSide::Create(const std::string& first,
                                                std::string node, quarn2::Expect& loop,
                                                std::shared_ptr<kro_args::Result> args) {
     KRO_LOG(kLog, 8, "%s ", "Create");
+    std::string description = node;
     auto session = std::make_shared<MasterSide>(
         storage, loop, NodeClientCommand(std::move(node), args->Param("ssh-key", -1)));
+    session->node_ = str::GetWord(description, ":");
     session->Start();
     session->SaveResult(first);
     const std::string token = kro_env::GetEnv("BACKUP_TOKEN");

@@ -100,6 +100,7 @@ class MasterSide {
     void KeepInfoFile(const std::string& user, const std::string& date) const;
 
     GlobalSizeControl::StorageDesc& storage_;
+    std::string node_;  // name of the node; "local" for this machine
     quarn2::Expect& loop_;
     std::unique_ptr<ClientProcess> client_;
     bool is_remote_;

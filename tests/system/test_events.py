@@ -57,7 +57,7 @@ class ANight(EventsTest):
         self.assertEqual([f"F{DATE}.web3.1.dar", f"{DATE}.web3.1.dar", f"{DATE}.web3.info"],
                          sorted(stored, key=lambda name: ("F" not in name, name)))
         completed = next(event for event in self.events() if event["event"] == "completed")
-        self.assertEqual((5000, "full"), (completed["limit"], completed["type"]))
+        self.assertEqual((5000, "full", "local"), (completed["limit"], completed["type"], completed["node"]))
         self.assertEqual(completed["used"], 2000 + completed["size"])
         self.assertEqual(0o600, stat.S_IMODE(os.stat(self.r.file("var/quarn2_cp.events")).st_mode))
 

@@ -287,6 +287,24 @@ TEST_F(EventFile, EventsAreSelectedByDayAndUser) {
     EXPECT_THROW(Users({"yesterday", ""}), kro_err::Error);
 }
 
+TEST_F(EventFile, EventsAreSelectedByStorage) {
+    for (const char* storage : {"", "site", "site2"}) {
+        Event event = EventOf(std::string("web") + storage);
+        event.storage = storage;
+        log_.Append(event);
+    }
+    EXPECT_THAT(Users({"", "", "site"}), ElementsAre("website"));
+    EXPECT_THAT(Users({"", "", ""}), ElementsAre("web"));
+    EXPECT_THAT(Users(), ElementsAre("web", "website", "website2"));
+}
+
+TEST_F(EventFile, AClosedFileIsOpenedAgain) {
+    log_.Append(EventOf("web1"));
+    log_.Close();
+    log_.Append(EventOf("web2"));
+    EXPECT_THAT(Users(), ElementsAre("web1", "web2"));
+}
+
 TEST_F(EventFile, AnErrorOfTheReceiverEndsTheReading) {
     log_.Append(EventOf("web1"));
     const auto refuse = [](const Event&) -> void {
