@@ -156,10 +156,10 @@ void CommandUpdate(const std::string& path) {
     kro_file::Size(path);
     ProgressLine progress(1);
     storage->SetObserver(&progress);
-    storage->RemoveFile(remote);
     Event event = EventOfFile(EventKind::kRefused, remote);
     event.detail = remote;
     event.size = storage->Size(path);
+    storage->RemoveFile(remote);
     if (!storage->Upload(remote, path)) {
         WriteEvent(std::move(event));
         throw std::runtime_error("the storage has no room for '" + remote +
