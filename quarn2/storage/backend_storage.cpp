@@ -13,6 +13,7 @@
 #include "kro/kro_err.h"
 #include "kro/kro_new_file.h"
 #include "kro/res_handle.h"
+#include "kro/str.h"
 #include "storage/encrypted_backend.h"
 
 namespace quarn2 {
@@ -174,17 +175,48 @@ std::unique_ptr<kro_file::NewFile> NewLocalFile(const std::string& local) {
     }
 }
 
+void RemoveBy(StorageBackend& backend, const std::string& name) {
+    if (name.empty()) return;
+    CheckStoredName(name);
+    backend.Remove(name);
+}
+
+std::vector<std::string> ListBy(StorageBackend& backend, const std::string& directory) {
+    if (!directory.empty()) CheckStoredName(directory);
+    std::vector<std::string> names = backend.List(directory);
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+template <class Action>
+FileError ErrorOf(const Action& action) {
+    try {
+        action();
+        return std::nullopt;
+    } catch (const Error& error) {
+        return error;
+    }
+}
+
+bool HasAnswered(const FileError& error) { return !error || error->kind() != Kind::kUnavailable; }
+
 }  // namespace
 
-BackendStorage::BackendStorage(std::unique_ptr<StorageBackend> backend, BackupToken token)
-    : backend_(std::move(backend)), token_(std::move(token)) {}
+BackendStorage::BackendStorage(std::unique_ptr<StorageBackend> backend, BackupToken token,
+                               OpenMore open_more)
+    : backend_(std::move(backend)), token_(std::move(token)), open_more_(std::move(open_more)) {}
 
 void BackendStorage::Download(const std::string& remote, const std::string& local) {
-    CheckStoredName(remote);
-    const std::unique_ptr<kro_file::NewFile> file = NewLocalFile(local);
+    DownloadBy(*backend_, {remote, local}, observer());
+}
+
+void BackendStorage::DownloadBy(StorageBackend& backend, const FileDownload& download,
+                                TransferObserver* observer) const {
+    CheckStoredName(download.remote);
+    const std::unique_ptr<kro_file::NewFile> file = NewLocalFile(download.local);
     const bool refuse_encrypted = token_.Param("arch_password").empty() && !ciphertext_allowed();
-    FileSink sink(file->fd(), local, observer(), refuse_encrypted);
-    backend_->Get(remote, sink);
+    FileSink sink(file->fd(), download.local, observer, refuse_encrypted);
+    backend.Get(download.remote, sink);
     sink.RefuseEncrypted();
     sink.Begin();
     using Durability = kro_file::NewFile::Durability;
@@ -199,11 +231,7 @@ bool BackendStorage::Upload(const std::string& remote, const std::string& local)
 
 void BackendStorage::Clear() { backend_->Clear(); }
 
-void BackendStorage::RemoveFile(const std::string& remote) {
-    if (remote.empty()) return;
-    CheckStoredName(remote);
-    backend_->Remove(remote);
-}
+void BackendStorage::RemoveFile(const std::string& remote) { RemoveBy(*backend_, remote); }
 
 void BackendStorage::SyncRemovals(const std::string& directory) {
     if (!directory.empty()) CheckStoredName(directory);
@@ -211,15 +239,114 @@ void BackendStorage::SyncRemovals(const std::string& directory) {
 }
 
 void BackendStorage::List(std::vector<std::string>& names, const std::string& directory) {
-    if (!directory.empty()) CheckStoredName(directory);
-    names = backend_->List(directory);
-    std::sort(names.begin(), names.end());
+    names = ListBy(*backend_, directory);
 }
 
 void BackendStorage::RemoveDir(const std::string& remote) {
     // CheckStoredName also refuses the empty name, which refers to the storage's root.
     CheckStoredName(remote);
     backend_->RemoveDir(remote);
+}
+
+// --- Operations on many names ---
+
+void BackendStorage::DownloadMany(const NextDownload& next, const DownloadDone& done) {
+    const auto next_task = [this, &next, &done]() -> std::optional<ManyTask> {
+        std::optional<FileDownload> file = next();
+        if (!file) return std::nullopt;
+        const auto shared = std::make_shared<const FileDownload>(std::move(*file));
+        return ManyTask{[this, shared](StorageBackend& backend, TransferObserver* watcher) {
+                            DownloadBy(backend, *shared, watcher);
+                        },
+                        [&done, shared](const FileError& error) { done(*shared, error); }};
+    };
+    RunMany(next_task, observer(), str::Int64(token_.Param("limit_rate")));
+}
+
+void BackendStorage::ListMany(const NextName& next, const ListingDone& done) {
+    struct Listing {
+        std::string directory;
+        std::vector<std::string> names;
+    };
+    const auto next_task = [&next, &done]() -> std::optional<ManyTask> {
+        std::optional<std::string> directory = next();
+        if (!directory) return std::nullopt;
+        const auto shared = std::make_shared<Listing>(Listing{std::move(*directory), {}});
+        return ManyTask{[shared](StorageBackend& backend, TransferObserver* /*watcher*/) {
+                            shared->names = ListBy(backend, shared->directory);
+                        },
+                        [&done, shared](const FileError& error) {
+                            done(shared->directory, shared->names, error);
+                        }};
+    };
+    RunMany(next_task, nullptr, 0);
+}
+
+void BackendStorage::RemoveMany(const NextName& next, const RemovalDone& done) {
+    if (backend_->RemovalBatch() > 1) return RemoveInBatches(next, done);
+    const auto next_task = [&next, &done]() -> std::optional<ManyTask> {
+        std::optional<std::string> name = next();
+        if (!name) return std::nullopt;
+        const auto shared = std::make_shared<const std::string>(std::move(*name));
+        return ManyTask{[shared](StorageBackend& backend, TransferObserver* /*watcher*/) {
+                            RemoveBy(backend, *shared);
+                        },
+                        [&done, shared](const FileError& error) { done(*shared, error); }};
+    };
+    RunMany(next_task, nullptr, 0);
+}
+
+// `rate` is the limit of bytes per second for all tasks together; 0 is no limit.
+void BackendStorage::RunMany(ManyTasks::Next next, TransferObserver* observer, std::int64_t rate) {
+    const auto pace = rate > 0 ? std::make_shared<Pace>(rate) : nullptr;
+    ManyTasks tasks({.own = *backend_,
+                     .open = [this, pace] { return open_more_(pace); },
+                     .max = ParallelOf(token_),
+                     // The storage's own backend would keep the rate for itself.
+                     .share_own = pace == nullptr},
+                    observer, std::move(next));
+    tasks.Run();
+}
+
+// The backend removes several files with one request and sends its requests in parallel, so one
+// backend is enough.
+void BackendStorage::RemoveInBatches(const NextName& next, const RemovalDone& done) {
+    Outage outage;
+    for (;;) {
+        std::vector<std::string> names;
+        while (names.size() < backend_->RemovalBatch()) {
+            std::optional<std::string> name = next();
+            if (!name) break;
+            names.push_back(std::move(*name));
+        }
+        if (names.empty()) return;
+        StorageBackend::Errors errors(names.size(), outage.ErrorOfRest());
+        if (!outage.is_certain()) {
+            errors = RemoveBatch(names);
+            // One failed request makes all names of the batch fail.
+            const bool any_good = std::any_of(errors.begin(), errors.end(), HasAnswered);
+            outage.Count(any_good ? FileError() : errors.front(), 1);
+        }
+        for (std::size_t i = 0; i < names.size(); ++i) done(names[i], errors[i]);
+    }
+}
+
+StorageBackend::Errors BackendStorage::RemoveBatch(const std::vector<std::string>& names) {
+    if (names.size() == 1) return {ErrorOf([&] { RemoveBy(*backend_, names.front()); })};
+    StorageBackend::Errors errors(names.size());
+    std::vector<std::string> checked;
+    std::vector<std::size_t> positions;
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        if (names[i].empty()) continue;
+        errors[i] = ErrorOf([&] { CheckStoredName(names[i]); });
+        if (errors[i]) continue;
+        checked.push_back(names[i]);
+        positions.push_back(i);
+    }
+    if (checked.empty()) return errors;
+    StorageBackend::Errors results = backend_->RemoveMany(checked);
+    for (std::size_t i = 0; i < results.size(); ++i) errors[positions[i]] = std::move(results[i]);
+    return errors;
 }
 
 void BackendStorage::DoMkDir(const std::string& directory) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -18,6 +19,10 @@ class ForwardingBackend : public StorageBackend {
         : backend_(std::move(backend)) {}
 
     void Remove(const std::string& name) override { backend_->Remove(name); }
+    Errors RemoveMany(std::span<const std::string> names) override {
+        return backend_->RemoveMany(names);
+    }
+    std::size_t RemovalBatch() const override { return backend_->RemovalBatch(); }
     void RemoveDir(const std::string& name) override { backend_->RemoveDir(name); }
     void SyncRemovals(const std::string& name) override { backend_->SyncRemovals(name); }
     void MakeDir(const std::string& name) override { backend_->MakeDir(name); }

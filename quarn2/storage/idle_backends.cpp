@@ -117,6 +117,14 @@ class KeptBackend final : public StorageBackend {
     void Remove(const std::string& name) override {
         Watched([&] { backend_->Remove(name); });
     }
+    Errors RemoveMany(std::span<const std::string> names) override {
+        Errors errors = Watched([&] { return backend_->RemoveMany(names); });
+        for (const std::optional<kro_err::Error>& error : errors) {
+            failed_ = failed_ || (error && error->kind() != kro_err::Kind::kNotFound);
+        }
+        return errors;
+    }
+    std::size_t RemovalBatch() const override { return backend_->RemovalBatch(); }
     void RemoveDir(const std::string& name) override {
         Watched([&] { backend_->RemoveDir(name); });
     }

@@ -1,5 +1,6 @@
 #include "storage/logging_backend.h"
 
+#include <algorithm>
 #include <chrono>
 #include <utility>
 
@@ -101,6 +102,18 @@ class LoggedBackend final : public StorageBackend {
         });
     }
 
+    Errors RemoveMany(std::span<const std::string> names) override {
+        Errors errors;
+        const std::string first = names.empty() ? "" : ", first " + Quoted(names.front());
+        Operation("Remove " + str::Str(names.size()) + " files" + first).Run([&] {
+            errors = backend_->RemoveMany(names);
+            return ResultOf(errors);
+        });
+        return errors;
+    }
+
+    std::size_t RemovalBatch() const override { return backend_->RemovalBatch(); }
+
     void RemoveDir(const std::string& name) override {
         Operation("Remove directory " + Quoted(name)).Run([&] {
             backend_->RemoveDir(name);
@@ -136,6 +149,17 @@ class LoggedBackend final : public StorageBackend {
   private:
     static std::string Bytes(std::int64_t count) {
         return str::Str(count) + (count == 1 ? " byte" : " bytes");
+    }
+
+    // Returns the number of errors and the text of the first one.
+    static std::string ResultOf(const Errors& errors) {
+        const auto is_error = [](const std::optional<kro_err::Error>& error) {
+            return error.has_value();
+        };
+        const auto first = std::find_if(errors.begin(), errors.end(), is_error);
+        if (first == errors.end()) return "gone";
+        const auto count = std::count_if(first, errors.end(), is_error);
+        return str::Str(count) + " failed, first: " + (*first)->what();
     }
 
     std::unique_ptr<StorageBackend> backend_;

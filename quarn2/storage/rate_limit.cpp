@@ -2,58 +2,18 @@
 
 #include <algorithm>
 #include <chrono>
+#include <functional>
 #include <utility>
 
-#include "kro/kro_clock.h"
 #include "storage/forwarding_backend.h"
 
 namespace quarn2 {
 
 namespace {
 
-// Limits the rate of one transfer: counts its bytes and sleeps while the transfer is faster than
-// the rate.
-class Pace {
-  public:
-    explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second) {}
-
-    // Returns the maximum number of bytes to transfer in one step, which is the amount for a tenth
-    // of a second. Small steps avoid bursts.
-    std::size_t Piece() const {
-        constexpr std::int64_t kPiecesPerSecond = 10;
-        return static_cast<std::size_t>(std::max<std::int64_t>(1, rate_ / kPiecesPerSecond));
-    }
-
-    void Carried(std::size_t bytes) {
-        carried_ += static_cast<std::int64_t>(bytes);
-        const double due = static_cast<double>(carried_) / static_cast<double>(rate_);
-        const double passed =
-            std::chrono::duration<double>(kro_date::SteadyClock::now() - start_).count();
-        constexpr double kMilliseconds = 1000;
-        const int wait = static_cast<int>((due - passed) * kMilliseconds);
-        if (wait > 0) kro_proc::Sleep(wait);
-        // After a stall the transfer must not catch up, because it would send the missed bytes at
-        // full speed.
-        if (passed - due > kMaxArrears) Restart();
-    }
-
-  private:
-    // Maximum delay of a transfer, in seconds, that is caught up. A longer delay counts as a stall.
-    static constexpr double kMaxArrears = 1;
-
-    void Restart() {
-        start_ = kro_date::SteadyClock::now();
-        carried_ = 0;
-    }
-
-    std::int64_t rate_;
-    std::int64_t carried_ = 0;
-    kro_date::SteadyClock::time_point start_ = kro_date::SteadyClock::now();
-};
-
 class SlowSource final : public ByteSource {
   public:
-    SlowSource(ByteSource& source, std::int64_t rate) : source_(source), pace_(rate) {}
+    SlowSource(ByteSource& source, Pace& pace) : source_(source), pace_(pace) {}
 
     std::int64_t size() const override { return source_.size(); }
 
@@ -74,12 +34,12 @@ class SlowSource final : public ByteSource {
 
   private:
     ByteSource& source_;
-    Pace pace_;
+    Pace& pace_;
 };
 
 class SlowSink final : public ByteSink {
   public:
-    SlowSink(ByteSink& sink, std::int64_t rate) : sink_(sink), pace_(rate) {}
+    SlowSink(ByteSink& sink, Pace& pace) : sink_(sink), pace_(pace) {}
 
     void Expect(std::int64_t size) override { sink_.Expect(size); }
 
@@ -94,33 +54,73 @@ class SlowSink final : public ByteSink {
 
   private:
     ByteSink& sink_;
-    Pace pace_;
+    Pace& pace_;
 };
 
 class RateLimitedBackend final : public ForwardingBackend {
   public:
-    RateLimitedBackend(std::unique_ptr<StorageBackend> backend, std::int64_t rate)
-        : ForwardingBackend(std::move(backend)), rate_(rate) {}
+    // Returns the pace of a transfer.
+    using PaceOf = std::function<std::shared_ptr<Pace>()>;
+
+    RateLimitedBackend(std::unique_ptr<StorageBackend> backend, PaceOf pace_of)
+        : ForwardingBackend(std::move(backend)), pace_of_(std::move(pace_of)) {}
 
     bool Put(const std::string& name, ByteSource& source) override {
-        SlowSource slow(source, rate_);
+        const std::shared_ptr<Pace> pace = pace_of_();
+        SlowSource slow(source, *pace);
         return backend().Put(name, slow);
     }
 
     void Get(const std::string& name, ByteSink& sink) override {
-        SlowSink slow(sink, rate_);
+        const std::shared_ptr<Pace> pace = pace_of_();
+        SlowSink slow(sink, *pace);
         backend().Get(name, slow);
     }
 
   private:
-    std::int64_t rate_;
+    PaceOf pace_of_;
 };
 
 }  // namespace
 
+std::size_t Pace::Piece() const {
+    constexpr std::int64_t kPiecesPerSecond = 10;
+    return static_cast<std::size_t>(std::max<std::int64_t>(1, rate_ / kPiecesPerSecond));
+}
+
+void Pace::Carried(std::size_t bytes) {
+    const int wait = Count(bytes);
+    if (wait > 0) kro_proc::Sleep(wait);
+}
+
+int Pace::Count(std::size_t bytes) {
+    constexpr double kMilliseconds = 1000;
+    // Maximum delay, in seconds, that is caught up. A longer delay counts as a stall. After a stall
+    // the transfer must not catch up, because it would send the missed bytes at full speed.
+    constexpr double kMaxArrears = 1;
+    const std::lock_guard lock(mutex_);
+    carried_ += static_cast<std::int64_t>(bytes);
+    const auto now = kro_date::SteadyClock::now();
+    const double due = static_cast<double>(carried_) / static_cast<double>(rate_);
+    const double passed = std::chrono::duration<double>(now - start_).count();
+    if (passed - due > kMaxArrears) {
+        start_ = now;
+        carried_ = 0;
+    }
+    return static_cast<int>((due - passed) * kMilliseconds);
+}
+
 std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
                                             std::int64_t bytes_per_second) {
-    return std::make_unique<RateLimitedBackend>(std::move(backend), bytes_per_second);
+    return std::make_unique<RateLimitedBackend>(std::move(backend), [bytes_per_second] {
+        return std::make_shared<Pace>(bytes_per_second);
+    });
+}
+
+std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
+                                            std::shared_ptr<Pace> pace) {
+    return std::make_unique<RateLimitedBackend>(std::move(backend),
+                                                [pace = std::move(pace)] { return pace; });
 }
 
 }  // namespace quarn2

@@ -1,5 +1,8 @@
 #include "quarn2/storage.h"
 
+#include <map>
+#include <utility>
+
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
@@ -30,26 +33,91 @@ std::int64_t Storage::Size(const std::string& local) {
 
 namespace {
 
+// Assigns the results of a list, which arrive in any order, to the positions in the list. Equal
+// keys get the results of equal operations, so their order does not matter.
+class Results {
+  public:
+    void Expect(std::string key) {
+        positions_.emplace(std::move(key), errors_.size());
+        errors_.emplace_back();
+    }
+
+    void Set(const std::string& key, const FileError& error) {
+        const auto found = positions_.find(key);
+        errors_[found->second] = error;
+        positions_.erase(found);
+    }
+
+    std::vector<FileError> Take() { return std::move(errors_); }
+
+  private:
+    std::multimap<std::string, std::size_t> positions_;
+    std::vector<FileError> errors_;
+};
+
+std::string KeyOf(const FileDownload& file) { return file.remote + '\0' + file.local; }
+
+// Returns a function that returns the elements of the list one by one.
+template <class Element>
+std::function<std::optional<Element>()> EachOf(const std::vector<Element>& list) {
+    return [position = list.begin(), end = list.end()]() mutable {
+        return position == end ? std::nullopt : std::optional<Element>(*position++);
+    };
+}
+
+}  // namespace
+
+std::vector<FileError> Storage::DownloadMany(const std::vector<FileDownload>& files) {
+    Results results;
+    for (const FileDownload& file : files) results.Expect(KeyOf(file));
+    DownloadMany(EachOf(files), [&](const FileDownload& file, const FileError& error) {
+        results.Set(KeyOf(file), error);
+    });
+    return results.Take();
+}
+
+std::vector<FileError> Storage::RemoveMany(const std::vector<std::string>& names) {
+    Results results;
+    for (const std::string& name : names) results.Expect(name);
+    RemoveMany(EachOf(names),
+               [&](const std::string& name, const FileError& error) { results.Set(name, error); });
+    return results.Take();
+}
+
+namespace {
+
 // Opens the scheme's backend and wraps it for logging, a rate limit or encryption if the log level
 // and the token require that.
-std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const BackupToken& token) {
+std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const BackupToken& token,
+                                            std::shared_ptr<Pace> pace = nullptr) {
     std::unique_ptr<StorageBackend> backend = scheme.open(token);
     if (kro_log::Enabled(kStorageLogLevel)) backend = Logged(std::move(backend));
     const std::int64_t limit = str::Int64(token.Param("limit_rate"));
-    if (limit > 0) backend = RateLimited(std::move(backend), limit);
+    if (pace) {
+        backend = RateLimited(std::move(backend), std::move(pace));
+    } else if (limit > 0) {
+        backend = RateLimited(std::move(backend), limit);
+    }
     const std::string password = token.Param("arch_password");
     if (!password.empty()) backend = Encrypted(std::move(backend), password);
     return backend;
+}
+
+// Opens a backend, or takes an idle one. A backend with a pace of its own is opened and closed for
+// one call.
+std::unique_ptr<StorageBackend> OpenOrTake(const BackupToken& token, std::shared_ptr<Pace> pace) {
+    const BackendScheme& scheme = *FindScheme(token.scheme());
+    if (pace || !scheme.keeps_connections) return OpenBackend(scheme, token, std::move(pace));
+    return TakeBackend(token, [&] { return OpenBackend(scheme, token); });
 }
 
 }  // namespace
 
 std::shared_ptr<Storage> GetStorage(const BackupToken& token) {
     if (!token) throw kro_err::Error(kro_err::Kind::kFailed, token.fault());
-    const BackendScheme& scheme = *FindScheme(token.scheme());
-    const auto open = [&] { return OpenBackend(scheme, token); };
     return std::make_shared<BackendStorage>(
-        scheme.keeps_connections ? TakeBackend(token, open) : open(), token);
+        OpenOrTake(token, nullptr), token,
+        [token](std::shared_ptr<Pace> pace) { return OpenOrTake(token, std::move(pace)); });
 }
 
 }  // namespace quarn2

@@ -117,7 +117,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             fuzz::Accepts([&] { ReadUploadAnswer("server", body); });
             break;
         case 3:
-            fuzz::Accepts([&] { CheckRefusal(ReadDeleteAnswer("server", body).refusal); });
+            fuzz::Accepts([&] {
+                for (const DeleteAnswer& left : ReadDeleteAnswer("server", body)) {
+                    CheckRefusal(left.refusal);
+                }
+            });
             break;
         default:
             CheckRefusalOf(what, body);

@@ -34,7 +34,7 @@ bool Has(const std::string& text) { return text.find(kSecret) != text.npos; }
 
 std::vector<std::string> ParamsOf(const BackupToken& token) {
     const quarn2::BackendScheme* const scheme = quarn2::FindScheme(token.scheme());
-    std::vector<std::string> names = {"ca", "limit_rate", "timeout"};
+    std::vector<std::string> names = {"ca", "limit_rate", "parallel", "timeout"};
     names.insert(names.end(), scheme->params.begin(), scheme->params.end());
     std::erase_if(names, [scheme](const auto& name) { return scheme->secrets.contains(name); });
     return names;

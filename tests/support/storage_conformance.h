@@ -15,6 +15,12 @@ class StorageConformance : public testing::TestWithParam<StorageKind> {
     std::shared_ptr<quarn2::Storage> Open() const {
         return quarn2::GetStorage(quarn2::BackupToken(site_->Token()));
     }
+    // Opens the storage with a limit of four requests at the same time.
+    std::shared_ptr<quarn2::Storage> OpenParallel() const {
+        const std::string token = site_->Token();
+        const char* const mark = token.find('?') == std::string::npos ? "?" : "&";
+        return quarn2::GetStorage(quarn2::BackupToken(token + mark + "parallel=4"));
+    }
     std::unique_ptr<quarn2::StorageBackend> OpenBackend() const {
         const quarn2::BackupToken token(site_->Token());
         auto backend = quarn2::FindScheme(token.scheme())->open(token);

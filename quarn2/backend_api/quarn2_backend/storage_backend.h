@@ -12,10 +12,12 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "kro/kro_err.h"
 #include "quarn2/token.h"
 #include "token/scheme.h"
 
@@ -97,6 +99,18 @@ class StorageBackend {
     // file does not exist. Throws kFailed when `name` is a directory.
     virtual void Remove(const std::string& name) = 0;
 
+    // The errors of an operation on several names, in their order; nothing for a success.
+    using Errors = std::vector<std::optional<kro_err::Error>>;
+
+    // Removes the files with these names, each with the promises of Remove, and returns an error or
+    // nothing for each name. The default calls Remove for each name. A backend overrides this
+    // function and RemovalBatch when its protocol removes several files with one request.
+    virtual Errors RemoveMany(std::span<const std::string> names);
+
+    // Returns the maximum number of names for one call of RemoveMany. The library calls Remove for
+    // each name, with several backends in parallel, when the number is 1.
+    virtual std::size_t RemovalBatch() const { return 1; }
+
     // Removes a directory and everything below it. Succeeds when the directory does not exist.
     virtual void RemoveDir(const std::string& name) = 0;
 
@@ -119,6 +133,18 @@ class StorageBackend {
     // Puts. Does not remove the root.
     virtual void Clear() = 0;
 };
+
+inline StorageBackend::Errors StorageBackend::RemoveMany(std::span<const std::string> names) {
+    Errors errors(names.size());
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        try {
+            Remove(names[i]);
+        } catch (const kro_err::Error& error) {
+            errors[i] = error;
+        }
+    }
+    return errors;
+}
 
 // One URL scheme of storage tokens and the storages behind it, as registered with RegisterScheme.
 struct BackendScheme : TokenScheme {

@@ -237,6 +237,7 @@ std::set<std::string> MemoryStore::Children(const std::string& directory) const 
 void RegisterMemoryScheme() {
     BackendScheme scheme;
     scheme.scheme = "memory";
+    scheme.default_parallel = 1;
     scheme.fault = [](const BackupToken& token) {
         const bool good = token.host().empty() && !token.path().empty();
         return std::string(good ? "" : "a storage in memory is written memory:NAME");

@@ -129,9 +129,10 @@ UploadAnswer ReadUploadAnswer(const std::string& what, const std::string& body) 
     return answer;
 }
 
-DeleteAnswer ReadDeleteAnswer(const std::string& what, const std::string& body) {
+std::vector<DeleteAnswer> ReadDeleteAnswer(const std::string& what, const std::string& body) {
     constexpr int kOk = 200;
-    DeleteAnswer answer;
+    constexpr std::size_t kMaxKeys = 1000;  // of a request
+    std::vector<DeleteAnswer> answers;
     DeleteAnswer one;
     bool whole = false;
     ReadAll(what, body, [&](auto parent, auto name, const std::string& text) {
@@ -139,14 +140,14 @@ DeleteAnswer ReadDeleteAnswer(const std::string& what, const std::string& body) 
         if (parent == "Error" && name == "Key") one.key = text;
         if (name == "Error") {
             one.refusal.status = kOk;
-            const bool gone = one.refusal.code == "NoSuchKey";
-            if (!gone && answer.refusal.status == 0) answer = one;
+            if (one.refusal.code != "NoSuchKey") answers.push_back(std::move(one));
+            if (answers.size() > kMaxKeys) ThrowInvalidAnswer(what, "a removal");
             one = {};
         }
         if (name == "DeleteResult") whole = true;
     });
     if (!whole) ThrowInvalidAnswer(what, "a removal");
-    return answer;
+    return answers;
 }
 
 std::string Unquoted(std::string etag) {

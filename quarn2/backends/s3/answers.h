@@ -39,8 +39,9 @@ struct UploadAnswer {
     std::string etag;
 };
 
+// A key that a removal of several keys has not removed, and the reason.
 struct DeleteAnswer {
-    std::string key;  // the first key that was not removed; "" if all were removed
+    std::string key;
     Refusal refusal;
 };
 
@@ -65,7 +66,8 @@ class ListingReader final : public net::ReplySink, private net::XmlHandler {
 
 Uploads ReadUploads(const std::string& what, const std::string& body);
 UploadAnswer ReadUploadAnswer(const std::string& what, const std::string& body);
-DeleteAnswer ReadDeleteAnswer(const std::string& what, const std::string& body);
+// Returns the keys that were not removed. A key that did not exist counts as removed.
+std::vector<DeleteAnswer> ReadDeleteAnswer(const std::string& what, const std::string& body);
 
 // Returns an ETag without the quotes around it.
 std::string Unquoted(std::string etag);

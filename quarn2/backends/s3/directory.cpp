@@ -6,6 +6,7 @@
 
 #include "base/stored_name.h"
 #include "cancel_rest.h"
+#include "delete_objects.h"
 #include "keys.h"
 #include "kro/kro_err.h"
 #include "kro/str.h"
@@ -88,21 +89,6 @@ bool FileExists(Service& service, const std::string& name, const std::string& do
     return false;
 }
 
-Call DeleteCall(const std::string& key) {
-    Call call;
-    call.method = "DELETE";
-    call.key = key;
-    return call;
-}
-
-// Throws the error of the response to a DELETE unless it confirms that the key no longer exists.
-void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
-    if (reply.IsSuccess()) return;
-    const Refusal refusal = RefusalOf(reply);
-    if (refusal.IsMissing()) return;
-    service.ThrowRefused(refusal, doing);
-}
-
 // Removes all objects whose keys begin with a prefix. Lists the keys page by page and sends several
 // removal requests in parallel.
 class Sweeper {
@@ -126,18 +112,16 @@ class Sweeper {
 
   private:
     static constexpr std::size_t kAtOnce = 4;
-    static constexpr std::size_t kBatch = 1000;
 
     void StartPage(const std::vector<std::string>& keys) {
-        std::string batch;
-        std::size_t count = 0;
+        std::vector<std::string> batch;
         for (const std::string& key : keys) {
             if (!IsXmlText(key)) {
                 StartOne(key);
                 continue;
             }
-            batch += "<Object><Key>" + XmlEscaped(key) + "</Key></Object>";
-            if (++count % kBatch == 0) StartBatch(std::exchange(batch, {}));
+            batch.push_back(key);
+            if (batch.size() == kMaxKeysOfDelete) StartBatch(std::exchange(batch, {}));
         }
         if (!batch.empty()) StartBatch(batch);
     }
@@ -149,23 +133,16 @@ class Sweeper {
                   [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
     }
 
-    void StartBatch(const std::string& objects) {
-        const std::string body =
-            "<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Quiet>true</Quiet>" +
-            objects + "</Delete>";
-        Call call;
-        call.method = "POST";
-        call.query = {{"delete", ""}};
-        call.headers = {{"content-md5", ContentMd5(body)}, {"content-type", "application/xml"}};
-        SetBody(call, body);
-        StartCall(std::move(call), [this](const net::HttpReply& reply) { CheckBatch(reply); });
+    void StartBatch(const std::vector<std::string>& keys) {
+        StartCall(DeleteObjectsCall(keys),
+                  [this](const net::HttpReply& reply) { CheckBatch(reply); });
     }
 
     void CheckBatch(const net::HttpReply& reply) const {
         if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
-        const DeleteAnswer answer = ReadDeleteAnswer(service_.what(), reply.body);
-        if (answer.refusal.status == 0) return;
-        service_.ThrowRefused(answer.refusal, "cannot remove " + Quoted(answer.key));
+        const std::vector<DeleteAnswer> left = ReadDeleteAnswer(service_.what(), reply.body);
+        if (left.empty()) return;
+        service_.ThrowRefused(left.front().refusal, "cannot remove " + Quoted(left.front().key));
     }
 
     template <class Check>
@@ -291,6 +268,18 @@ void CheckBucket(Service& service) {
     Call call = ListingCall(service.address().prefix, false, {});
     call.query.emplace_back("max-keys", "1");
     service.Do(std::move(call), "cannot use bucket " + Quoted(service.address().bucket));
+}
+
+std::optional<std::set<std::string>> DirectoriesOf(Service& service, const std::string& prefix,
+                                                   std::size_t max_pages) {
+    std::set<std::string> directories;
+    Pages pages(service);
+    for (std::size_t count = 0; count < max_pages; ++count) {
+        const Listing page = ListPage(service, prefix, true, pages.next(), "cannot remove files");
+        directories.insert(page.directories.begin(), page.directories.end());
+        if (!pages.GoOn(page)) return directories;
+    }
+    return std::nullopt;
 }
 
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name) {

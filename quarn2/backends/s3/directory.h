@@ -1,6 +1,9 @@
 // Operations on directories. S3 has no directories: a directory is a common prefix of keys.
 #pragma once
 
+#include <cstddef>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +21,11 @@ Call ListingCall(const std::string& prefix, bool only_direct, const std::string&
 // `name` is a file, returns only this name. Throws kNotFound if `name` is neither a directory nor a
 // file.
 std::vector<std::string> ListDirectory(Service& service, const std::string& name);
+
+// Returns the common prefixes, each with a trailing slash, that begin with `prefix` and have no
+// other slash after it. Returns nothing if their listing has more than `max_pages` pages.
+std::optional<std::set<std::string>> DirectoriesOf(Service& service, const std::string& prefix,
+                                                   std::size_t max_pages);
 
 // Throws kNotFound if the bucket does not exist.
 void CheckBucket(Service& service);

@@ -6,6 +6,8 @@
 
 #include "base/hex.h"
 #include "base/stored_name.h"
+#include "bulk_removal.h"
+#include "delete_objects.h"
 #include "directory.h"
 #include "download.h"
 #include "kro/kro_err.h"
@@ -29,13 +31,18 @@ constexpr int kMaxStarts = 8;
 
 class S3Backend final : public StorageBackend {
   public:
-    explicit S3Backend(const BackupToken& token) : service_(token), unfinished_(service_) {}
+    explicit S3Backend(const BackupToken& token)
+        : service_(token), unfinished_(service_), parallel_(ParallelOf(token)) {}
 
     bool Put(const std::string& name, ByteSource& source) override;
     void Get(const std::string& name, ByteSink& sink) override {
         Download(service_, name, sink).Run();
     }
     void Remove(const std::string& name) override { RemoveOne(service_, unfinished_, name); }
+    Errors RemoveMany(std::span<const std::string> names) override {
+        return BulkRemoval(service_, unfinished_, parallel_, removes_together_).Run(names);
+    }
+    std::size_t RemovalBatch() const override { return parallel_ * kMaxKeysOfDelete; }
     void RemoveDir(const std::string& name) override { Sweep(service_.KeyOfDirectory(name)); }
     void MakeDir(const std::string& /*name*/) override { CheckBucket(service_); }
     std::vector<std::string> List(const std::string& name) override {
@@ -57,6 +64,8 @@ class S3Backend final : public StorageBackend {
 
     Service service_;
     Unfinished unfinished_;
+    std::size_t parallel_;
+    bool removes_together_ = true;
 };
 
 bool S3Backend::Put(const std::string& name, ByteSource& source) {

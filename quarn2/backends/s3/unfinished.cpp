@@ -91,6 +91,26 @@ void Unfinished::AbortKnownOf(const std::string& key) {
     Abort(uploads);
 }
 
+std::map<std::string, Error> Unfinished::AbortOfAll(const std::set<std::string>& keys,
+                                                    const std::string& prefix) {
+    std::map<std::string, Error> errors;
+    net::ParallelRequests requests(service_.client(), kAtOnce);
+    for (const std::string& key : keys) known_.erase(key);
+    for (const UnfinishedUpload& upload : List(prefix)) {
+        if (!keys.contains(upload.key) || RunningUpload::IsRunning(upload.id)) continue;
+        requests.Start(service_.Signed(AbortCall(upload)),
+                       [this, &errors, key = upload.key](const net::HttpResult& result) {
+                           try {
+                               CheckAborted(service_, result);
+                           } catch (const Error& error) {
+                               errors.emplace(key, error);
+                           }
+                       });
+    }
+    requests.Finish();
+    return errors;
+}
+
 void Unfinished::AbortBelow(const std::string& prefix) { Abort(List(prefix)); }
 
 void Unfinished::Refresh() {

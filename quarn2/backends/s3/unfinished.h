@@ -5,10 +5,12 @@
 #include <chrono>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "kro/kro_clock.h"
+#include "kro/kro_err.h"
 #include "service.h"
 
 namespace quarn2::s3 {
@@ -42,6 +44,11 @@ class Unfinished {
     // unfinished uploads, which is at most kListingAge old.
     void AbortOf(const std::string& key);
     void AbortKnownOf(const std::string& key);
+    // Aborts the unfinished uploads of all these keys, which begin with `prefix`, after one
+    // listing. Returns the error for each key with an upload that could not be aborted. Throws if
+    // the uploads cannot be listed.
+    std::map<std::string, kro_err::Error> AbortOfAll(const std::set<std::string>& keys,
+                                                     const std::string& prefix);
     // Aborts all unfinished uploads whose key begins with `prefix`.
     void AbortBelow(const std::string& prefix);
 

@@ -11,9 +11,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
+
+#include "kro/kro_err.h"
 
 namespace quarn2 {
 
@@ -28,6 +32,15 @@ class TransferObserver {
     virtual void Begin(std::int64_t size) = 0;
     // The storage calls this when it has transferred another `bytes` bytes.
     virtual void Advance(std::int64_t bytes) = 0;
+};
+
+// The result for one name of an operation on many names: the error, or nothing after success.
+using FileError = std::optional<kro_err::Error>;
+
+// A file to download: its name on the storage and its local path.
+struct FileDownload {
+    std::string remote;
+    std::string local;
 };
 
 class Storage {
@@ -77,6 +90,46 @@ class Storage {
     // Removes a directory and everything below it. Succeeds when the directory does not exist. Does
     // not remove a file of that name. Throws kFailed for "", the root.
     virtual void RemoveDir(const std::string& remote) = 0;
+
+    // --- Operations on many names ---
+    //
+    // Each of these functions performs the operation above for each name of a list and keeps its
+    // promises for each name. An error of one name does not stop the others. The order of the
+    // operations is not defined. At most N requests run at the same time, where N is the token's
+    // parameter "parallel"; a short list uses fewer. The function returns when all operations and
+    // all threads have ended. The memory does not grow with the length of the list.
+    //
+    // The storage requests the list with `next`, which returns nothing when there is no further
+    // name at the moment. The storage then calls `next` again after each `done`, so `done` can
+    // extend the list. The list ends when `next` returns nothing and no operation is running. The
+    // storage calls `done` once for each name, in any order, with its result. It calls `next`,
+    // `done` and the observer on the thread of the caller; none of them may call functions of this
+    // object. An exception of one of them cancels the running operations. The function then throws
+    // the exception when these have ended.
+    //
+    // If operations fail with kUnavailable three times in a row (with several requests at the same
+    // time, two more times than there are requests), the storage attempts no other name: `done`
+    // receives a kUnavailable error for each remaining name of the list.
+    //
+    // The other settings of the storage apply as usual. `limit_rate` limits all downloads of a call
+    // together. Other exceptions than kro_err::Error end the call.
+
+    using NextDownload = std::function<std::optional<FileDownload>()>;
+    using DownloadDone = std::function<void(const FileDownload&, const FileError&)>;
+    virtual void DownloadMany(const NextDownload& next, const DownloadDone& done) = 0;
+
+    using NextName = std::function<std::optional<std::string>()>;
+    using RemovalDone = std::function<void(const std::string& remote, const FileError&)>;
+    virtual void RemoveMany(const NextName& next, const RemovalDone& done) = 0;
+
+    // `names` is empty after an error.
+    using ListingDone = std::function<void(const std::string& directory,
+                                           std::vector<std::string>& names, const FileError&)>;
+    virtual void ListMany(const NextName& next, const ListingDone& done) = 0;
+
+    // These functions return the results in the order of the list.
+    std::vector<FileError> DownloadMany(const std::vector<FileDownload>& files);
+    std::vector<FileError> RemoveMany(const std::vector<std::string>& names);
 
     // Creates the directory and its missing parents when the storage has directories. Does nothing
     // for "", the root.

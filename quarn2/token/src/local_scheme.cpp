@@ -28,6 +28,7 @@ std::string Fault(const BackupToken& token) {
 
 }  // namespace
 
-TokenScheme LocalTokenScheme() { return {"local", {}, {}, Fault}; }
+// A local directory has no round trips, so parallel requests would only cost threads.
+TokenScheme LocalTokenScheme() { return {"local", {}, {}, Fault, 1}; }
 
 }  // namespace quarn2

@@ -27,10 +27,12 @@ struct Fault {
 constexpr std::size_t kMaxQuoteLength = 32;
 constexpr std::string_view kHidden = "***";
 constexpr std::string_view kPassword = "arch_password";
+constexpr std::string_view kParallel = "parallel";
+constexpr std::int64_t kMaxParallel = 64;
 
 const std::set<std::string>& CommonParams() {
     static const std::set<std::string> params = {std::string(kPassword), "ca", "limit_rate",
-                                                 "timeout"};
+                                                 std::string(kParallel), "timeout"};
     return params;
 }
 
@@ -74,6 +76,15 @@ void CheckNumber(const std::string& name, const std::string& value) {
         throw Fault{"storage token: parameter '" + name +
                     "' must be a whole number that is not negative"};
     }
+}
+
+void CheckParallel(const std::string& value) {
+    constexpr std::size_t kMaxDigits = 18;
+    const bool is_number = value.size() <= kMaxDigits && str::HasDigitsOnly(value);
+    const std::int64_t number = is_number ? str::Int64(value) : 0;
+    if (number >= 1 && number <= kMaxParallel) return;
+    throw Fault{"storage token: parameter 'parallel' must be a whole number from 1 to " +
+                str::Str(kMaxParallel)};
 }
 
 }  // namespace
@@ -246,6 +257,8 @@ class BackupToken::Parser {
         for (const char* const name : {"limit_rate", "timeout"}) {
             if (token_.params_.contains(name)) CheckNumber(name, token_.params_.at(name));
         }
+        const auto parallel = token_.params_.find(std::string(kParallel));
+        if (parallel != token_.params_.end()) CheckParallel(parallel->second);
         const std::string fault = scheme_->fault(token_);
         if (!fault.empty()) throw Fault{"storage token: " + fault};
     }
@@ -304,6 +317,13 @@ std::string BackupToken::Hash() const {
 std::string BackupToken::Param(const std::string& name) const {
     const auto found = params_.find(name);
     return found == params_.end() ? std::string() : found->second;
+}
+
+std::size_t ParallelOf(const BackupToken& token) {
+    const std::string value = token.Param(std::string(kParallel));
+    if (!value.empty()) return static_cast<std::size_t>(str::Int64(value));
+    const TokenScheme* const scheme = FindTokenScheme(token.scheme());
+    return scheme == nullptr ? 1 : scheme->default_parallel;
 }
 
 }  // namespace quarn2

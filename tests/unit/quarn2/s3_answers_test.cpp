@@ -273,17 +273,25 @@ TEST(S3Answers, FindsAnErrorInASuccess) {
 }
 
 TEST(S3Answers, FindsTheKeysThatStayInASuccess) {
-    EXPECT_EQ(ReadDeleteAnswer("server", "<DeleteResult/>").refusal.status, 0);
-    const DeleteAnswer answer = ReadDeleteAnswer(
+    EXPECT_TRUE(ReadDeleteAnswer("server", "<DeleteResult/>").empty());
+    const std::vector<DeleteAnswer> answers = ReadDeleteAnswer(
         "server",
         "<DeleteResult><Error><Key>gone</Key><Code>NoSuchKey</Code></Error><Error><Key>held</Key>"
         "<Code>AccessDenied</Code><Message/></Error><Error><Key>more</Key><Code>InternalError</"
         "Code>"
         "</Error></DeleteResult>");
-    EXPECT_EQ(answer.key, "held");
-    EXPECT_EQ(answer.refusal.code, "AccessDenied");
-    EXPECT_EQ(answer.refusal.kind(), Kind::kUnauthorized);
+    ASSERT_EQ(answers.size(), 2U);
+    EXPECT_EQ(answers[0].key, "held");
+    EXPECT_EQ(answers[0].refusal.code, "AccessDenied");
+    EXPECT_EQ(answers[0].refusal.kind(), Kind::kUnauthorized);
+    EXPECT_EQ(answers[1].key, "more");
+    EXPECT_EQ(answers[1].refusal.kind(), Kind::kUnavailable);
     EXPECT_EQ(KindOf([] { ReadDeleteAnswer("server", "<Error/>"); }), Kind::kUnavailable);
+    std::string endless = "<DeleteResult>";
+    for (int i = 0; i < 1001; ++i)
+        endless += "<Error><Key>x</Key><Code>InternalError</Code></Error>";
+    endless += "</DeleteResult>";
+    EXPECT_EQ(KindOf([&] { ReadDeleteAnswer("server", endless); }), Kind::kUnavailable);
 }
 
 TEST(S3Plan, KeepsPartsWithinTheirMemory) {

@@ -111,4 +111,134 @@ TEST_F(S3BackendTest, PageOfAProxyIsNoMissingFile) {
     EXPECT_THAT(KindOf([this] { backend_->Get("file", sink_); }), Optional(Kind::kNotFound));
 }
 
+// --- Several names ---
+
+class S3BulkRemoval : public S3BackendTest {
+  protected:
+    static constexpr std::size_t kMany = 250;
+
+    // Serves with an answer to the request that removes several objects.
+    void ServeDeletes(int status, const std::string& body, int single_status = 204) {
+        Serve([=](HttpExchange& exchange) {
+            if (AnswerListing(exchange)) return;
+            if (exchange.method == "POST") return exchange.Answer(status, body);
+            exchange.Answer(single_status, single_status == 204 ? "" : ErrorBody("AccessDenied"));
+        });
+    }
+    static std::vector<std::string> Names(std::size_t count) {
+        std::vector<std::string> names;
+        for (std::size_t i = 1; i <= count; ++i) {
+            names.push_back("F2026-11-20.web1." + std::to_string(i) + ".dar");
+        }
+        return names;
+    }
+    std::vector<std::string> Kinds(const std::vector<std::string>& names) {
+        std::vector<std::string> kinds;
+        for (const auto& error : backend_->RemoveMany(names)) {
+            kinds.emplace_back(error ? error->type() : "removed");
+        }
+        return kinds;
+    }
+    std::size_t Count(const std::string& method) const {
+        std::size_t count = 0;
+        for (const SeenRequest& request : server_->Seen()) count += request.method == method;
+        return count;
+    }
+};
+
+TEST_F(S3BulkRemoval, NeedsFewRequests) {
+    for (const std::size_t count : {std::size_t{2}, std::size_t{100}}) {
+        ServeDeletes(200, "<DeleteResult/>");
+        EXPECT_EQ(Kinds(Names(count)), std::vector<std::string>(count, "removed"));
+        EXPECT_EQ(Count("POST"), 1U);
+        EXPECT_EQ(Count("DELETE"), 0U);
+        EXPECT_LE(server_->Seen().size(), 4U) << count;
+    }
+    ServeDeletes(200, "<DeleteResult/>");
+    EXPECT_EQ(Kinds(Names(5000)), std::vector<std::string>(5000, "removed"));
+    EXPECT_LE(server_->Seen().size(), 10U);
+    std::size_t keys = 0;
+    for (const SeenRequest& request : server_->Seen()) {
+        if (request.method != "POST") continue;
+        EXPECT_FALSE(request.Header("content-md5").empty());
+        for (std::size_t at = 0; (at = request.body.find("<Key>", at)) != std::string::npos; ++at) {
+            ++keys;
+        }
+    }
+    EXPECT_EQ(keys, 5000U);
+    EXPECT_GE(backend_->RemovalBatch(), 1000U);
+}
+
+TEST_F(S3BulkRemoval, ErrorOfAKeyIsTheErrorOfItsName) {
+    ServeDeletes(200,
+                 "<DeleteResult><Error><Key>F2026-11-20.web1.2.dar</Key><Code>AccessDenied</Code>"
+                 "</Error><Error><Key>F2026-11-20.web1.4.dar</Key><Code>SlowDown</Code></Error>"
+                 "<Error><Key>F2026-11-20.web1.5.dar</Key><Code>NoSuchKey</Code></Error>"
+                 "</DeleteResult>");
+    EXPECT_EQ(Kinds(Names(6)), (std::vector<std::string>{"removed", "unauthorized", "removed",
+                                                         "unavailable", "removed", "removed"}));
+    ServeDeletes(200, "<DeleteResult><Error><Code>InternalError</Code></Error></DeleteResult>");
+    EXPECT_EQ(Kinds(Names(6)), std::vector<std::string>(6, "unavailable"))
+        << "an error without a key";
+}
+
+TEST_F(S3BulkRemoval, AServerWithoutThisRequestRemovesOneByOne) {
+    for (const auto& [status, code] :
+         std::vector<std::pair<int, std::string>>{{501, "NotImplemented"},
+                                                  {405, "MethodNotAllowed"},
+                                                  {400, "MalformedXML"},
+                                                  {403, "AccessDenied"},
+                                                  {501, ""}}) {
+        ServeDeletes(status, code.empty() ? "" : ErrorBody(code));
+        EXPECT_EQ(Kinds(Names(kMany)), std::vector<std::string>(kMany, "removed")) << code;
+        EXPECT_EQ(Count("DELETE"), kMany);
+        const std::size_t attempts = Count("POST");
+        EXPECT_EQ(Kinds(Names(kMany)), std::vector<std::string>(kMany, "removed"));
+        EXPECT_EQ(Count("POST"), attempts) << "is not attempted again";
+    }
+}
+
+TEST_F(S3BulkRemoval, ARefusalOfEveryRequestIsNotRepeatedForEachName) {
+    ServeDeletes(403, ErrorBody("AccessDenied"), 403);
+    EXPECT_EQ(Kinds(Names(kMany)), std::vector<std::string>(kMany, "unauthorized"));
+    EXPECT_EQ(Count("DELETE"), 1U);
+}
+
+TEST_F(S3BulkRemoval, AFailedRequestIsTheErrorOfAllItsNames) {
+    ServeDeletes(503, ErrorBody("SlowDown"));
+    EXPECT_EQ(Kinds(Names(20)), std::vector<std::string>(20, "unavailable"));
+    EXPECT_EQ(Count("DELETE"), 0U);
+    ServeDeletes(200, "<html>a proxy</html>");
+    EXPECT_EQ(Kinds(Names(20)), std::vector<std::string>(20, "unavailable"));
+    Serve([](HttpExchange& exchange) { exchange.Close(); });
+    EXPECT_EQ(Kinds(Names(20)), std::vector<std::string>(20, "unavailable"));
+}
+
+// Without the listing it is not known which names are directories, so nothing is removed.
+TEST_F(S3BulkRemoval, WithoutAListingNothingIsRemoved) {
+    Serve([](HttpExchange& exchange) { exchange.Answer(403, ErrorBody("AccessDenied")); });
+    EXPECT_EQ(Kinds(Names(20)), std::vector<std::string>(20, "unauthorized"));
+    EXPECT_EQ(Count("POST") + Count("DELETE"), 0U);
+}
+
+TEST_F(S3BulkRemoval, ALongListingIsReplacedByARequestForEachName) {
+    Serve([](HttpExchange& exchange) {
+        if (exchange.target.find("uploads") == std::string::npos &&
+            exchange.target.find("delimiter") != std::string::npos) {
+            return exchange.Answer(200, "<ListBucketResult><NextContinuationToken>t" +
+                                            std::to_string(exchange.number) +
+                                            "</NextContinuationToken></ListBucketResult>");
+        }
+        if (exchange.target.find("web1.3.dar%2F") != std::string::npos) {
+            return exchange.Answer(200,
+                                   "<ListBucketResult><Contents><Key>F2026-11-20.web1.3.dar/x"
+                                   "</Key></Contents></ListBucketResult>");
+        }
+        if (!AnswerListing(exchange)) exchange.Answer(200, "<DeleteResult/>");
+    });
+    EXPECT_EQ(Kinds(Names(5)),
+              (std::vector<std::string>{"removed", "removed", "failed", "removed", "removed"}));
+    EXPECT_LE(server_->Seen().size(), 8U);
+}
+
 }  // namespace

@@ -175,6 +175,9 @@ std::string Control(const std::string& what) {
     return "storage token: a control character in " + what;
 }
 
+constexpr const char* kNotParallel =
+    "storage token: parameter 'parallel' must be a whole number from 1 to 64";
+
 std::string NotANumber(const std::string& name) {
     return "storage token: parameter '" + name + "' must be a whole number that is not negative";
 }
@@ -244,10 +247,10 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Bad{"net://h/x?foo=SECRET",
             "storage token: unknown parameter 'foo'; known: arch_password, ca, key, limit_rate, "
-            "region, timeout"},
+            "parallel, region, timeout"},
         Bad{"net://h/x?sec.ret=SECRET",
-            "storage token: unknown parameter; known: arch_password, ca, key, limit_rate, region, "
-            "timeout"},
+            "storage token: unknown parameter; known: arch_password, ca, key, limit_rate, "
+            "parallel, region, timeout"},
         Bad{"net://h/x?key=SEC&SECRET",
             "storage token: unknown parameter behind a secret one; write a '&' in a value as %26"},
         Bad{"net://h/x?arch_password=SEC&SECRET=1",
@@ -263,6 +266,10 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"net://h/x?timeout=9999999999999999999", NotANumber("timeout")},
         Bad{"net://h/x?limit_rate=10M", NotANumber("limit_rate")},
         Bad{"net://h/x?limit_rate=-1", NotANumber("limit_rate")},
+        Bad{"net://h/x?parallel=0", kNotParallel}, Bad{"net://h/x?parallel=65", kNotParallel},
+        Bad{"net://h/x?parallel=-1", kNotParallel}, Bad{"net://h/x?parallel=all", kNotParallel},
+        Bad{"net://h/x?parallel=9999999999999999999", kNotParallel},
+        Bad{"net://h/x?parallel=", "storage token: parameter 'parallel' has no value"},
         Bad{"net://h/x?limit_rate=", "storage token: parameter 'limit_rate' has no value"},
         Bad{"local:///x?arch_password=", "storage token: parameter 'arch_password' has no value"},
         Bad{"local:///x?arch_password=SEC%0aRET", Control("parameter 'arch_password'")},
@@ -286,7 +293,17 @@ INSTANTIATE_TEST_SUITE_P(
             "storage token: a local storage has no use for parameter 'timeout'"},
         Bad{"local:///x?region=eu",
             "storage token: unknown parameter 'region'; known: arch_password, ca, limit_rate, "
-            "timeout"}));
+            "parallel, timeout"}));
+
+TEST(BackupToken, ParallelHasADefaultForEachScheme) {
+    using quarn2::ParallelOf;
+    EXPECT_EQ(ParallelOf(BackupToken("local:///srv/backups")), 1U);
+    EXPECT_EQ(ParallelOf(BackupToken("local:///srv/backups?parallel=4")), 4U);
+    for (const char* const url : {"ftps://u:p@h/d", "s3://k:s@h/bucket", "webdav://u:p@h/d"}) {
+        EXPECT_EQ(ParallelOf(BackupToken(url)), 8U) << url;
+        EXPECT_EQ(ParallelOf(BackupToken(std::string(url) + "?parallel=64")), 64U) << url;
+    }
+}
 
 TEST(BackupToken, DroppingThePasswordDoesNotHealAnInvalidToken) {
     BackupToken token("local:///x?arch_password=SECRET&timeout=5");

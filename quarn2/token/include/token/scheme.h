@@ -2,6 +2,7 @@
 // How the storage of a token is opened is not known here.
 #pragma once
 
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
@@ -9,6 +10,8 @@
 #include "quarn2/token.h"
 
 namespace quarn2 {
+
+inline constexpr std::size_t kDefaultParallel = 8;
 
 // The properties of one URL scheme of storage tokens.
 struct TokenScheme {
@@ -20,7 +23,13 @@ struct TokenScheme {
     // Checks a token of this scheme. Returns a description of the error (no path, no host, ...), or
     // "" for a valid token. The text must not contain a secret.
     std::function<std::string(const BackupToken&)> fault;
+    // The default of the parameter "parallel": the maximum number of requests that run at the same
+    // time in an operation on many files.
+    std::size_t default_parallel = kDefaultParallel;
 };
+
+// Returns the value of the parameter "parallel" of a valid token, or the default of its scheme.
+std::size_t ParallelOf(const BackupToken& token);
 
 // Returns the properties of a scheme, or null for an unknown scheme. The built-in schemes are
 // listed in scheme.cpp.

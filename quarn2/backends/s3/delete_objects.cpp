@@ -1,0 +1,38 @@
+#include "delete_objects.h"
+
+#include <utility>
+
+#include "keys.h"
+
+namespace quarn2::s3 {
+
+Call DeleteCall(const std::string& key) {
+    Call call;
+    call.method = "DELETE";
+    call.key = key;
+    return call;
+}
+
+void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
+    if (reply.IsSuccess()) return;
+    const Refusal refusal = RefusalOf(reply);
+    if (refusal.IsMissing()) return;
+    service.ThrowRefused(refusal, doing);
+}
+
+Call DeleteObjectsCall(std::span<const std::string> keys) {
+    std::string body =
+        "<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Quiet>true</Quiet>";
+    for (const std::string& key : keys) {
+        body += "<Object><Key>" + XmlEscaped(key) + "</Key></Object>";
+    }
+    body += "</Delete>";
+    Call call;
+    call.method = "POST";
+    call.query = {{"delete", ""}};
+    call.headers = {{"content-md5", ContentMd5(body)}, {"content-type", "application/xml"}};
+    SetBody(call, std::move(body));
+    return call;
+}
+
+}  // namespace quarn2::s3
