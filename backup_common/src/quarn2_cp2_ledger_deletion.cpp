@@ -4,6 +4,7 @@
 #include <set>
 
 #include "kro/kro_file.h"
+#include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_misc_slices.h"
 
 namespace {
@@ -37,16 +38,18 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
 
 void LedgerDeletion::Finish(quarn2::Storage& storage) const {
     const std::set<std::string> named(named_.begin(), named_.end());
+    std::vector<std::string> rest;
     std::set<std::string> directories;
     for (const std::string& entry_name : entries_) {
         for (const auto& [name, slice] : ledger_.Read(entry_name).slices) {
             // Skips a slice with another LedgerKey, because a damaged ledger entry must not cause
             // the removal of another backup's files.
             if (named.contains(name) || slice.bytes == 0 || LedgerKey(name) != key_) continue;
-            storage.RemoveFile(name);
+            rest.push_back(name);
             directories.insert(kro_file::Path(name));
         }
     }
+    RemoveStoredFiles(storage, rest);
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
     for (const std::string& name : entries_) ledger_.End(name);
 }

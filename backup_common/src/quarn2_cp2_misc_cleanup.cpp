@@ -163,11 +163,15 @@ class IncompleteBackups {
 
 void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
                        const IncompleteBackups& unfinished) {
+    std::vector<std::string> names;
+    std::set<std::string> directories;
     for (const auto& [name, slice] : entry.slices) {
         if (LedgerKey(name) != LedgerKey(entry.name) || !unfinished.Has(name)) continue;
-        storage.RemoveFile(name);
-        storage.SyncRemovals(kro_file::Path(name));
+        names.push_back(name);
+        directories.insert(kro_file::Path(name));
     }
+    RemoveStoredFiles(storage, names);
+    for (const std::string& directory : directories) storage.SyncRemovals(directory);
 }
 
 // Deletes an info file that an earlier run of the job left with another prefix or in a directory.

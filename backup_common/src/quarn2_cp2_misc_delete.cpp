@@ -57,25 +57,29 @@ int CountOf(const std::string& number) {
 void RemoveListed(Removal& storage, const std::string& stem, int count, const std::string& ending) {
     std::vector<std::string> names;
     storage.storage()->List(names, "");
-    for (const std::string& name : names) {
-        if (!str::StartsWith(name, stem) || !str::EndsWith(name, ending)) continue;
+    std::erase_if(names, [&](const std::string& name) {
+        if (!str::StartsWith(name, stem) || !str::EndsWith(name, ending)) return true;
         const std::size_t digits = name.size() - std::min(name.size(), stem.size() + ending.size());
         const std::string number = name.substr(stem.size(), digits);
-        if (str::HasDigitsOnly(number) && str::Int64(number) <= count) storage.RemoveFile(name);
-    }
+        return !str::HasDigitsOnly(number) || str::Int64(number) > count;
+    });
+    storage.RemoveFiles(names);
 }
 
-// Removes numbered slices from the last to the first. An interrupted deletion then leaves slice 1,
-// and the backup can be deleted again by the same name.
+// Removes the numbered slices, several at the same time. An interrupted deletion can leave any of
+// them. The info file, which is removed later, still names the last one, so that the deletion can
+// be repeated.
 void RemoveNumbered(Removal& storage, const std::string& stem, int count,
                     const std::string& ending) {
     if (count > kMaxSlices) {
         RemoveListed(storage, stem, count, ending);
         return;
     }
+    std::vector<std::string> names;
     for (int i = 0; i < count; ++i) {
-        storage.RemoveFile(std::string(stem).append(str::Str(count - i)).append(ending));
+        names.push_back(std::string(stem).append(str::Str(count - i)).append(ending));
     }
+    storage.RemoveFiles(names);
 }
 
 // Removes the archive's slices. Returns the name from which the names of the companion files are
@@ -188,10 +192,12 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
 void RemoveOwnFiles(Removal& storage, const std::string& directory,
                     const std::vector<std::string>& names, const BackupNames& backup) {
     const std::string info_name = backup.date + "." + backup.user + ".info";
+    std::vector<std::string> own;
     for (const std::string& name : names) {
         if (name == info_name || !BelongsTo(name, backup)) continue;
-        storage.RemoveFile(kro_file::ConcatPath(directory, name));
+        own.push_back(kro_file::ConcatPath(directory, name));
     }
+    storage.RemoveFiles(own);
     storage.RemoveFile(kro_file::ConcatPath(directory, info_name));
     storage.storage()->SyncRemovals(directory);
 }

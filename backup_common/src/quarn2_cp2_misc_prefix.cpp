@@ -7,6 +7,7 @@
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
 #include "kro/str.h"
+#include "quarn2_cp2_misc_removal.h"
 
 namespace {
 
@@ -24,11 +25,11 @@ std::string GetPrefix(const std::string& name) {
 void DeleteOnStorageIf(quarn2::Storage& storage, const TakesName& takes, const char* why) {
     std::vector<std::string> names;
     storage.List(names, "");
+    std::erase_if(names, [&takes](const std::string& name) { return !takes(name); });
     for (const std::string& name : names) {
-        if (!takes(name)) continue;
         KRO_LOG(kLog, 7, "Delete file %s (%s)", name.c_str(), why);
-        storage.RemoveFile(name);
     }
+    RemoveStoredFiles(storage, names);
     storage.SyncRemovals("");
 }
 

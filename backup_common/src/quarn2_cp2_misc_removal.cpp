@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <list>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -67,10 +68,34 @@ void Removal::RemoveFile(const std::string& name) {
     try {
         storage_->RemoveFile(name);
     } catch (const kro_err::Error& error) {
-        // After any other error, the storage may have removed the file.
-        touched_ = touched_ || !HasRemovedNothing(error);
+        NoteFailed(error);
         throw;
     }
+    NoteRemoved();
+}
+
+void Removal::RemoveFiles(const std::vector<std::string>& names) {
+    auto name = names.begin();
+    if (name == names.end()) return;
+    // The first file is removed alone. If that fails, the other files are not touched, and the
+    // deletion can be cancelled.
+    if (!touched_ || names.size() == 1) RemoveFile(*name++);
+    const auto next = [&] { return name == names.end() ? std::nullopt : std::optional(*name++); };
+    quarn2::FileError first;
+    storage_->RemoveMany(next, [&](const std::string& /*name*/, const quarn2::FileError& error) {
+        if (!error) return NoteRemoved();
+        NoteFailed(*error);
+        if (!first) first = error;
+    });
+    if (first) throw kro_err::Error(*first);
+}
+
+// After an error that does not exclude it, the storage may have removed the file.
+void Removal::NoteFailed(const kro_err::Error& error) noexcept {
+    touched_ = touched_ || !HasRemovedNothing(error);
+}
+
+void Removal::NoteRemoved() {
     if (!touched_) Mark();
     touched_ = true;
 }
@@ -94,6 +119,13 @@ void Removal::GiveUp() const noexcept {
 
 void Removal::Finish() const {
     if (has_entry_) OwnLedger().End(LedgerKey(info_path_));
+}
+
+void RemoveStoredFiles(quarn2::Storage& storage, const std::vector<std::string>& names) {
+    if (names.size() == 1) return storage.RemoveFile(names.front());
+    for (const quarn2::FileError& error : storage.RemoveMany(names)) {
+        if (error) throw kro_err::Error(*error);
+    }
 }
 
 void RemoveDirectory(const std::string& directory, const std::string& last) {

@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kro/kro_err.h"
 #include "quarn2/info.h"
@@ -30,6 +31,10 @@ class Removal {
     bool has_begun() const noexcept { return !old_text_.empty() || has_entry_; }
 
     void RemoveFile(const std::string& name);
+    // Removes several files in any order, some of them at the same time. Attempts every file, and
+    // then throws the first error. If nothing has been removed before, removes the first file alone
+    // and throws immediately when that fails.
+    void RemoveFiles(const std::vector<std::string>& names);
     void RemoveDir(const std::string& name);
 
     // Cancels the removal after an error: restores the info file and removes the ledger entry that
@@ -45,6 +50,8 @@ class Removal {
 
   private:
     void Mark();
+    void NoteRemoved();
+    void NoteFailed(const kro_err::Error& error) noexcept;
 
     std::shared_ptr<quarn2::Storage> storage_;
     std::string info_path_;
@@ -54,6 +61,10 @@ class Removal {
     bool touched_ = false;
     bool has_entry_ = false;  // this object has created a ledger entry
 };
+
+// Removes files from a storage in any order, some of them at the same time. Attempts every file,
+// and then throws the first error in the order of the names.
+void RemoveStoredFiles(quarn2::Storage& storage, const std::vector<std::string>& names);
 
 // Removes a directory with its content. Removes the file `last` in the directory after all other
 // entries.

@@ -10,6 +10,7 @@
 #include "quarn2/names.h"
 #include "quarn2_cp2_misc_delete.h"
 #include "quarn2_cp2_misc_newest.h"
+#include "quarn2_cp2_misc_removal.h"
 #include "quarn2_cp2_misc_sizes.h"
 #include "quarn2_cp2_misc_slices.h"
 
@@ -183,12 +184,16 @@ void UnfinishedBackups::RecordRemoval(const LedgerEntry& entry) const {
 }
 
 void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) {
+    std::vector<std::string> names;
+    std::set<std::string> directories;
     for (const auto& [name, slice] : entry.slices) {
+        directories.insert(kro_file::Path(name));
         if (LedgerKey(name) == LedgerKey(entry.name) && !IsOfReplacedBackup(entry, name, slice)) {
-            storage.RemoveFile(name);
+            names.push_back(name);
         }
     }
-    for (const auto& [name, slice] : entry.slices) storage.SyncRemovals(kro_file::Path(name));
+    RemoveStoredFiles(storage, names);
+    for (const std::string& directory : directories) storage.SyncRemovals(directory);
 }
 
 void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
@@ -248,12 +253,14 @@ void UnfinishedBackups::RemoveFiles(const std::string& entry_name, const Noted& 
     const LedgerEntry entry = ledger_.Read(entry_name);
     RecordRemoval(entry);
     RemoveSlices(entry, storage);
+    std::vector<std::string> slices;
     std::set<std::string> directories;
     for (const std::string& slice : noted.stored) {
         if (LedgerKey(slice) != LedgerKey(entry_name)) continue;
-        storage.RemoveFile(slice);
+        slices.push_back(slice);
         directories.insert(kro_file::Path(slice));
     }
+    RemoveStoredFiles(storage, slices);
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
     // Delete finds the directory of the stored info file only by a slice in the local info file,
     // which may be that of the interrupted job and name no slice.

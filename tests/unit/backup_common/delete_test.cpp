@@ -429,7 +429,7 @@ TEST_F(DeleteTest, AMissingInfoFileIsAnError) {
               "Failed to open info file 'root/2026-11-15.web1.info': No such file or directory");
 }
 
-TEST_F(DeleteTest, AnErrorEndsTheDeletionWhereItHappensAndItCanBeRepeated) {
+TEST_F(DeleteTest, AnErrorEndsTheDeletionAfterTheSlicesAndItCanBeRepeated) {
     bool down = true;
     store_->SetHook([&](const std::string&, const std::string& name) {
         if (down && name == "F2026-11-15.web1.2.dar") {
@@ -439,7 +439,8 @@ TEST_F(DeleteTest, AnErrorEndsTheDeletionWhereItHappensAndItCanBeRepeated) {
     const std::string info = "last-slice=F2026-11-15.web1.3.dar";
     EXPECT_EQ(TextOf<kro_err::Error>([&] { Run(info); }), "down");
     EXPECT_EQ(AfterProbe(kInfo),
-              (Lines{"Remove F2026-11-15.web1.3.dar", "Remove F2026-11-15.web1.2.dar"}));
+              (Lines{"Remove F2026-11-15.web1.3.dar", "Remove F2026-11-15.web1.2.dar",
+                     "Remove F2026-11-15.web1.1.dar"}));
     EXPECT_TRUE(local_files::Has(kInfo));
     down = false;
     store_->ClearLog();
