@@ -1,9 +1,12 @@
 // Downloads for restore jobs and for the rescan.
 #pragma once
 
+#include <cstddef>
 #include <exception>
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "kro/kro_args.h"
 #include "quarn2/storage.h"
@@ -21,6 +24,24 @@ void Get(std::shared_ptr<quarn2::Storage> storage, const std::string& remote,
 // Returns true for the error of a storage that was unavailable, so that another attempt may
 // succeed.
 bool IsUnavailable(const std::exception& error);
+
+// An info file to download: its name on the storage, which is also its path in `local_dir`.
+struct InfoFile {
+    std::string local_dir;
+    std::string name;
+};
+
+// Downloads many info files like DownloadInfoFile, several at the same time. Calls `done` once for
+// each file, in any order, on the thread of the caller. `is_read` is false when the storage was
+// unavailable, so that another attempt may succeed. The files are synced as `storage` does it,
+// except that indexes with another key are not synced: the caller must call
+// kro_file::SyncFileSystem.
+using InfoFileDone = std::function<void(std::size_t position, bool is_read)>;
+void DownloadInfoFiles(quarn2::Storage& storage, const std::vector<InfoFile>& files,
+                       std::string& encrypted_lines, const InfoFileDone& done);
+
+// True for a name that DownloadInfoFile does not ignore.
+bool IsInfoFileName(const std::string& name);
 
 // Downloads the info file `name` into `local_dir`, together with the companion file that a restore
 // needs first: the isolated catalogue or the index. For an index that is encrypted with a key other

@@ -1,14 +1,16 @@
 #include "quarn2_cp2_server_rescan.h"
 
 #include <algorithm>
-#include <deque>
+#include <chrono>
 #include <filesystem>
-#include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
@@ -48,9 +50,10 @@ bool IsKept(const std::string& directory, const std::string& name) {
     return IsOwnFile(name) || (beside_admin_root && IsAdminRoot(name));
 }
 
-// Removes unsafe names from a listing of the storage, because the names become parts of local
-// paths.
+// Removes unsafe names from a sorted listing of the storage, because the names become parts of
+// local paths. Removes repeated names, because the results of their listings would be confused.
 void DropUnsafe(Names& names) {
+    names.erase(std::unique(names.begin(), names.end()), names.end());
     std::erase_if(names, [](const std::string& name) {
         if (quarn2::IsSafeName(name)) return false;
         KRO_LOG(kLog, 4, "Skip bad name '%s' on the storage", name.c_str());
@@ -121,8 +124,9 @@ class LocalKeys {
         }
     }
 
+    bool empty() const { return info_.empty(); }
+
     void Restore() const {
-        if (info_.empty()) return;
         quarn2::InfoMap info = quarn2::GetInfo(path_);
         const std::size_t fetched = info.size();
         info.insert(info_.begin(), info_.end());
@@ -136,37 +140,45 @@ class LocalKeys {
 
 // The files and directories that a rescan could not read because the storage was temporarily
 // unavailable.
-class FailedReads {
-  public:
-    using Read = std::function<void()>;
+struct FailedReads {
+    Names entries;                                           // names at the storage root
+    std::vector<std::pair<std::string, std::string>> dates;  // user and date
+    std::vector<InfoFile> infos;
 
-    // `again` repeats the read. If the read fails again, `again` calls Add with itself.
-    void Add(Read again) { reads_.push_back(std::move(again)); }
-
-    // Repeats each failed read until it succeeds. Stops after kMaxFailures failures in total,
-    // because the storage is then assumed to be down.
-    void Repeat() {
-        for (std::size_t failures = 0; !reads_.empty() && failures < kMaxFailures;) {
-            const Read read = std::move(reads_.front());
-            reads_.pop_front();
-            const std::size_t before = reads_.size();
-            read();
-            failures += reads_.size() - before;
-        }
-    }
+    std::size_t size() const { return entries.size() + dates.size() + infos.size(); }
 
     void WarnOfRest() const {
-        if (reads_.empty()) return;
-        Warn("the storage could not be read completely: " + str::Str(reads_.size()) +
+        if (size() == 0) return;
+        Warn("the storage could not be read completely: " + str::Str(size()) +
              " files or directories could not be read, so their backups are not counted. See the "
              "log "
              "and run --server --rescan again");
     }
+};
+
+// Logs the progress of a long rescan: the number of files that were fetched, and their rate.
+class ProgressLog {
+  public:
+    void FileFetched() {
+        ++files_;
+        const auto now = kro_date::SteadyClock::now();
+        if (now - last_ < kInterval) return;
+        last_ = now;
+        const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(now - start_).count();
+        KRO_LOG(kLog, 5, "Rescan: %lld info files fetched with their indexes, %lld per second",
+                static_cast<long long>(files_), static_cast<long long>(files_ / seconds));
+    }
 
   private:
-    static constexpr std::size_t kMaxFailures = 3;
-    std::deque<Read> reads_;
+    static constexpr std::chrono::seconds kInterval{10};
+    kro_date::SteadyClock::time_point start_ = kro_date::SteadyClock::now();
+    kro_date::SteadyClock::time_point last_ = start_;
+    std::int64_t files_ = 0;
 };
+
+// Limits the memory for listings that are held until their files are fetched.
+constexpr std::size_t kMaxHeldListings = 256;
+constexpr std::size_t kMaxHeldNames = 100'000;
 
 class Rescanner {
   public:
@@ -196,12 +208,11 @@ class Rescanner {
         storage_->DeferSync(true);
         if (filter_.empty()) RemoveMissedDirs(top, local_dir_, skip_local_, *removed_);
         ProgressLine progress(static_cast<std::int64_t>(top.size()));
+        progress_ = &progress;
         storage_->SetObserver(&progress);
-        for (const std::string& entry : top) {
-            Take(entry);
-            progress.FileDone();
-        }
-        failed_.Repeat();
+        TakeEntries(top);
+        progress_ = nullptr;
+        RepeatFailed();
         storage_->SetObserver(nullptr);
         WriteEncryptedLines();
         marker.Remove();
@@ -211,21 +222,127 @@ class Rescanner {
   private:
     static std::string NodeOf(std::string description) { return str::GetWord(description, ":"); }
 
-    void Take(const std::string& entry) {
-        Names sub;
-        try {
-            storage_->List(sub, entry);
-        } catch (const std::exception& error) {
-            KRO_LOG(kLog, 4, "Cant list storage directory. What: '%s'. Try download file",
-                    error.what());
-            Fetch(local_root_, entry);
-            if (IsUnavailable(error)) failed_.Add([this, entry] { Take(entry); });
-            return;
+    struct Listing {
+        std::string path;
+        Names names;
+        quarn2::FileError error;
+    };
+
+    // Lists paths from `next` on, until the listings need much memory. Returns the listings in the
+    // order of the paths and moves `next` behind the last one.
+    std::vector<Listing> ListSome(const Names& paths, std::size_t& next) {
+        std::vector<Listing> listings;
+        std::map<std::string, std::size_t> positions;
+        std::size_t held = 0;
+        const auto next_path = [&]() -> std::optional<std::string> {
+            const bool is_full = listings.size() >= kMaxHeldListings || held > kMaxHeldNames;
+            if (is_full || next == paths.size()) return std::nullopt;
+            positions[paths[next]] = listings.size();
+            listings.push_back({paths[next], {}, std::nullopt});
+            return paths[next++];
+        };
+        storage_->ListMany(
+            next_path, [&](const std::string& path, Names& names, const quarn2::FileError& error) {
+                held += names.size();
+                Listing& listing = listings[positions.at(path)];
+                listing.names = std::move(names);
+                listing.error = error;
+            });
+        return listings;
+    }
+
+    // True when the storage gave none of several listings. It is then assumed to be down, and the
+    // other paths are read later.
+    static bool AreAllUnavailable(const std::vector<Listing>& listings) {
+        return listings.size() > 1 &&
+               std::all_of(listings.begin(), listings.end(), [](const Listing& listing) {
+                   return listing.error && IsUnavailable(*listing.error);
+               });
+    }
+
+    static void LogDown(std::size_t rest) {
+        if (rest == 0) return;
+        KRO_LOG(kLog, 4, "The storage does not answer: %llu other directories are listed later",
+                static_cast<unsigned long long>(rest));
+    }
+
+    // Reads the entries of the storage root: files, and the directories of users.
+    void TakeEntries(const Names& entries) {
+        for (std::size_t next = 0; next < entries.size();) {
+            Found found;
+            std::vector<Listing> listings = ListSome(entries, next);
+            const bool is_down = AreAllUnavailable(listings);
+            for (Listing& listing : listings) TakeEntry(listing, found);
+            DownloadInfoFiles(*storage_, found.unlisted, encrypted_lines_, [](auto, auto) {});
+            Fetch(found.infos);
+            TakeDates(found.dates);
+            for (std::size_t i = 0; i < found.users; ++i) EntryDone();
+            if (!is_down) continue;
+            LogDown(entries.size() - next);
+            for (; next < entries.size(); ++next) failed_.entries.push_back(entries[next]);
         }
-        if (sub.size() == 1 && sub.front() == entry) {
-            FetchTop(entry);
+    }
+
+    struct Found {
+        std::vector<InfoFile> infos;
+        // Names that cannot be listed and may be info files. If the storage was unavailable, such a
+        // name is listed again later, whatever the result of its download is.
+        std::vector<InfoFile> unlisted;
+        std::vector<std::pair<std::string, std::string>> dates;  // user and date
+        std::size_t users = 0;
+    };
+
+    void TakeEntry(Listing& listing, Found& found) {
+        const std::string& entry = listing.path;
+        const bool is_file = listing.names.size() == 1 && listing.names.front() == entry;
+        if (listing.error) {
+            KRO_LOG(kLog, 4, "Cant list storage directory. What: '%s'. Try download file",
+                    listing.error->what());
+            if (IsInfoFileName(entry)) found.unlisted.push_back({local_root_, entry});
+            if (IsUnavailable(*listing.error)) failed_.entries.push_back(entry);
+        } else if (is_file) {
+            if (IsInfoFileName(entry)) found.infos.push_back({local_root_, entry});
         } else if (filter_.empty() || filter_ == entry) {
-            TakeUser(entry, sub);
+            TakeUser(entry, listing.names, found.dates);
+        }
+        // An info file is done after its download, a user after those of all dates.
+        const bool has_more = !listing.error && (!is_file || IsInfoFileName(entry));
+        if (!has_more) EntryDone();
+        if (has_more && !is_file) ++found.users;
+    }
+
+    void EntryDone() {
+        if (progress_ != nullptr) progress_->FileDone();
+    }
+
+    // Downloads the info files and their companions.
+    void Fetch(const std::vector<InfoFile>& infos) {
+        std::map<std::size_t, LocalKeys> local_keys;
+        for (std::size_t i = 0; i < infos.size(); ++i) {
+            if (infos[i].local_dir != local_dir_ || infos[i].name.find('/') == std::string::npos) {
+                continue;
+            }
+            LocalKeys keys(kro_file::ConcatPath(local_dir_, infos[i].name), trust_local_);
+            if (!keys.empty()) local_keys.emplace(i, std::move(keys));
+        }
+        DownloadInfoFiles(*storage_, infos, encrypted_lines_, [&](std::size_t i, bool is_read) {
+            if (!is_read) failed_.infos.push_back(infos[i]);
+            const auto keys = local_keys.find(i);
+            if (keys != local_keys.end()) keys->second.Restore();
+            log_.FileFetched();
+            if (infos[i].name.find('/') == std::string::npos) EntryDone();
+        });
+    }
+
+    // Reads again what could not be read. Ends after kMaxRounds rounds, because the storage is then
+    // assumed to be down.
+    void RepeatFailed() {
+        constexpr int kMaxRounds = 3;
+        for (int round = 0; failed_.size() > 0 && round < kMaxRounds; ++round) {
+            const FailedReads failed = std::exchange(failed_, {});
+            TakeEntries(failed.entries);
+            TakeDates(failed.dates);
+            Fetch(failed.infos);
         }
     }
 
@@ -240,22 +357,8 @@ class Rescanner {
         });
     }
 
-    bool Fetch(const std::string& directory, const std::string& name) {
-        return DownloadInfoFile(directory, node_, storage_, filter_, encrypted_lines_, name);
-    }
-
-    void FetchTop(const std::string& name) {
-        if (!Fetch(local_root_, name)) failed_.Add([this, name] { FetchTop(name); });
-    }
-
-    // Downloads `name`, the relative path of a file in a date directory, if it is an info file.
-    void FetchDated(const std::string& name) {
-        const LocalKeys local_keys(kro_file::ConcatPath(local_dir_, name), trust_local_);
-        if (!Fetch(local_dir_, name)) failed_.Add([this, name] { FetchDated(name); });
-        local_keys.Restore();
-    }
-
-    void TakeUser(const std::string& user, Names& dates) {
+    void TakeUser(const std::string& user, Names& dates,
+                  std::vector<std::pair<std::string, std::string>>& found) {
         DropUnsafe(dates);
         const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
         ClearForDirectory(user_dir, *removed_);
@@ -263,24 +366,45 @@ class Rescanner {
         // Files of the storage root are kept as well, because a user's info root contains them.
         if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
         RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
-        for (const std::string& date : dates) TakeDate(user, date);
+        for (const std::string& date : dates) found.emplace_back(user, date);
     }
 
-    void TakeDate(const std::string& user, const std::string& date) {
-        const std::string dir = kro_file::ConcatPath(user, date);
-        ClearForDirectory(kro_file::ConcatPath(local_dir_, dir), *removed_);
+    // Reads the directories of dates.
+    void TakeDates(const std::vector<std::pair<std::string, std::string>>& dates) {
+        Names paths;
+        for (const auto& [user, date] : dates) paths.push_back(kro_file::ConcatPath(user, date));
+        for (std::size_t next = 0; next < paths.size();) {
+            std::vector<InfoFile> infos;
+            std::size_t position = next;
+            std::vector<Listing> listings = ListSome(paths, next);
+            const bool is_down = AreAllUnavailable(listings);
+            for (Listing& listing : listings) {
+                const auto& [user, date] = dates[position++];
+                TakeDate(user, date, listing, infos);
+            }
+            Fetch(infos);
+            if (!is_down) continue;
+            LogDown(paths.size() - next);
+            for (; next < paths.size(); ++next) failed_.dates.push_back(dates[next]);
+        }
+    }
+
+    void TakeDate(const std::string& user, const std::string& date, Listing& listing,
+                  std::vector<InfoFile>& infos) {
+        ClearForDirectory(kro_file::ConcatPath(local_dir_, listing.path), *removed_);
         quarn2::MkLocalDir(local_root_, user, date);
-        Names files;
-        try {
-            storage_->List(files, dir);
-        } catch (const std::exception& error) {
-            KRO_LOG(kLog, 4, "Cant list date directory. What: '%s'", error.what());
-            if (IsUnavailable(error)) failed_.Add([this, user, date] { TakeDate(user, date); });
+        if (listing.error) {
+            KRO_LOG(kLog, 4, "Cant list date directory. What: '%s'", listing.error->what());
+            if (IsUnavailable(*listing.error)) failed_.dates.emplace_back(user, date);
             return;
         }
+        Names& files = listing.names;
         DropUnsafe(files);
-        if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, dir));
-        for (const std::string& file : files) FetchDated(kro_file::ConcatPath(dir, file));
+        if (!skip_local_) RemoveMissedFiles(files, kro_file::ConcatPath(local_dir_, listing.path));
+        for (const std::string& file : files) {
+            std::string name = kro_file::ConcatPath(listing.path, file);
+            if (IsInfoFileName(name)) infos.push_back({local_dir_, std::move(name)});
+        }
     }
 
     // Moves local files that the storage does not have to `removed_`. Afterwards, `files` contains
@@ -331,6 +455,8 @@ class Rescanner {
     std::optional<RemovedEntries> removed_;  // set by Run
     std::string encrypted_lines_;
     FailedReads failed_;
+    ProgressLine* progress_ = nullptr;
+    ProgressLog log_;
 };
 
 // Writes the number of the backups that the info root knows after a rescan, and their size.

@@ -149,8 +149,8 @@ TEST_F(CommandProgress, IsShownByUpdateAndRescan) {
     CommandGet(Arguments({"r//2026-11-20.web1.tgz"}));
     EXPECT_EQ(terminal.Printed(), "") << "the second passed before the transfer began";
     Rescan(*Arguments({}));
-    EXPECT_EQ(terminal.Printed(),
-              Shown("0 of 2 files, 10 B, 5 B/s") + Shown("0 of 2 files, 15 B, 4 B/s") + "\n");
+    EXPECT_EQ(terminal.Printed(), Shown("1 of 2 files, 10 B, 5 B/s, 0:02 left") +
+                                      Shown("1 of 2 files, 15 B, 4 B/s, 0:04 left") + "\n");
 }
 
 TEST_F(CommandProgress, IsNotShownWhereNobodyWatches) {

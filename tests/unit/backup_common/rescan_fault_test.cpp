@@ -134,7 +134,7 @@ TEST_F(RescanFault, AStorageThatGoesDownIsNotAskedForEverythingTwice) {
         throw kro_err::Error(Kind::kUnavailable, "down");
     });
     Run();
-    EXPECT_EQ(calls, 20 + 3);
+    EXPECT_EQ(calls, 3 + 3 * 3) << "three failures in a row in each of four attempts";
     EXPECT_EQ(Log(4).back(), Missing(20));
 }
 
@@ -166,12 +166,10 @@ TEST_F(RescanFault, AnEntryThatCannotBeListedIsTriedAsAnInfoFile) {
                                  "web2/2026-11-20", "web2/2026-11-20/2026-11-20.web2.info"}));
     const Lines tries = {
         "4: Cant list storage directory. What: 'no 2026-11-20.web1.info today'. Try download file",
-        "6: Download 2026-11-20.web1.info",
-        "4: Cant list storage directory. What: 'no web2 today'. Try download file"};
+        "4: Cant list storage directory. What: 'no web2 today'. Try download file",
+        "6: Download 2026-11-20.web1.info"};
     Lines expected = {"5: Rescan storage and place indexes to 'var/backup/tovarn'"};
-    expected.insert(expected.end(), tries.begin(), tries.end());
-    expected.insert(expected.end(), tries.begin(), tries.end());
-    expected.insert(expected.end(), tries.begin(), tries.begin() + 2);
+    for (int i = 0; i < 4; ++i) expected.insert(expected.end(), tries.begin(), tries.end());
     expected.push_back(Missing(2));
     EXPECT_EQ(Log(6), expected);
 }
