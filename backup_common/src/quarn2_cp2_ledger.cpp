@@ -245,7 +245,7 @@ std::unique_ptr<kro_file::ByteLock> Ledger::LockUploads(const std::string& name)
 
 bool Ledger::IsUploading(const std::string& name) const {
     try {
-        return HasDirectory() && !kro_file::ByteLock::Try(LockPath(), UploadByte(name));
+        return HasDirectory() && kro_file::ByteLock::IsHeld(LockPath(), UploadByte(name));
     } catch (const kro_err::Error& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return true;

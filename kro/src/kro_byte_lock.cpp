@@ -9,6 +9,20 @@
 
 namespace kro_file {
 
+namespace {
+
+// Uses locks of open file descriptions, so that two threads of one process exclude each other too.
+struct flock LockOf(std::int64_t offset) {
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    lock.l_start = offset;
+    lock.l_len = 1;
+    return lock;
+}
+
+}  // namespace
+
 ByteLock::ByteLock(const std::string& path)
     : path_(path),
       handle_(OpenFd(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY, 0600)) {
@@ -26,13 +40,19 @@ std::unique_ptr<ByteLock> ByteLock::Try(const std::string& path, std::int64_t of
     return lock;
 }
 
-// Uses locks of open file descriptions, so that two threads of one process exclude each other too.
+bool ByteLock::IsHeld(const std::string& path, std::int64_t offset) {
+    const ResHandle handle(OpenFd(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
+    if (!handle && errno == ENOENT) return false;
+    if (!handle) throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
+    struct flock lock = LockOf(offset);
+    if (NoEintr([&] { return fcntl(handle, F_OFD_GETLK, &lock); }) != 0) {
+        throw kro_err::FromErrno("Failed to examine the locks of " + str::Quoted(path));
+    }
+    return lock.l_type != F_UNLCK;
+}
+
 bool ByteLock::Take(std::int64_t offset, int command) {
-    struct flock lock {};
-    lock.l_type = F_WRLCK;
-    lock.l_whence = SEEK_SET;
-    lock.l_start = offset;
-    lock.l_len = 1;
+    struct flock lock = LockOf(offset);
     if (NoEintr([&] { return fcntl(handle_, command, &lock); }) == 0) return true;
     if (errno == EAGAIN || errno == EACCES) return false;
     throw kro_err::FromErrno("Failed to lock " + str::Quoted(path_));

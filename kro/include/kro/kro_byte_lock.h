@@ -21,6 +21,10 @@ class ByteLock {
     // Like the constructor, but does not wait: returns null while another object holds the lock.
     static std::unique_ptr<ByteLock> Try(const std::string& path, std::int64_t offset);
 
+    // True while an object holds the lock. Takes no lock itself. A missing file has no locks.
+    // Throws kro_err::Error when the file cannot be examined.
+    static bool IsHeld(const std::string& path, std::int64_t offset);
+
   private:
     explicit ByteLock(const std::string& path);
     bool Take(std::int64_t offset, int command);

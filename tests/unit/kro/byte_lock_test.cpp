@@ -32,6 +32,16 @@ TEST_F(ByteLocks, OfOneByteExcludeEachOtherAlsoInOneProcess) {
     EXPECT_TRUE(ByteLock::Try(path_, 7));
 }
 
+TEST_F(ByteLocks, AreExaminedWithoutALock) {
+    EXPECT_FALSE(ByteLock::IsHeld(path_, 7));
+    EXPECT_FALSE(std::filesystem::exists(path_)) << "the file is not made";
+    auto lock = std::make_unique<ByteLock>(path_, 7);
+    EXPECT_TRUE(ByteLock::IsHeld(path_, 7));
+    EXPECT_FALSE(ByteLock::IsHeld(path_, 8));
+    lock.reset();
+    EXPECT_FALSE(ByteLock::IsHeld(path_, 7));
+}
+
 TEST_F(ByteLocks, AreForThisUserAlone) {
     const ByteLock lock(path_, 0);
     EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms(0600));
