@@ -35,8 +35,11 @@ int Run(int argc, char** argv) {
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
     const Options options = ParseOptions(argc, argv);
     EnterInstallRoot();
-    static const std::map<std::string, void (*)(Site&)> modes = {
-        {"status", RunStatus}, {"list", RunList}, {"chain", RunChain}};
+    static const std::map<std::string, void (*)(Site&)> modes = {{"status", RunStatus},
+                                                                 {"list", RunList},
+                                                                 {"chain", RunChain},
+                                                                 {"history", RunHistory},
+                                                                 {"plan", RunPlan}};
     Site site(options);
     try {
         modes.at(options.mode)(site);

@@ -5,6 +5,10 @@
 
 void RunStatus(Site& site);
 void RunList(Site& site);
+void RunHistory(Site& site);
+
+// Throws std::runtime_error when the limits, or the size of the upload, are unknown.
+void RunPlan(Site& site);
 
 // Throws std::runtime_error when the day cannot be restored.
 void RunChain(Site& site);

@@ -24,8 +24,12 @@ std::string Names::In(const std::string& text, const std::string& user) const {
 }
 
 std::string Names::Date(const std::string& date) const {
-    if (!is_anonymous_ || date == "custom" || kro_date::IsDate(date)) return date;
+    if (!is_anonymous_ || date.empty() || date == "custom" || kro_date::IsDate(date)) return date;
     return "name-" + quarn2::HashName(key_, date);
+}
+
+std::string Names::Free(const std::string& text) const {
+    return is_anonymous_ && !text.empty() ? "(left out)" : text;
 }
 
 std::string Names::Path(const std::string& path) const {

@@ -27,6 +27,16 @@ void DeclareOptions(kro_args::Args& args) {
         .AddOption("list", kNoLetter, "every backup, by user and chain").SetGroup(mode)
         .AddOption("chain", kNoLetter, "the files to restore one day, in order. Needs two arguments: USER DATE")
             .SetGroup(mode)
+        .AddOption("history", kNoLetter, "the events: what was stored, completed, refused and deleted, and why")
+            .SetGroup(mode)
+            .AddSuboption("since", kNoLetter, "only the events from this day on").SetParam()
+            .Last()
+        .AddOption("plan", kNoLetter, "which backups a server would delete, in order, and why the others stay")
+            .SetGroup(mode)
+            .AddSuboption("bytes", kNoLetter, "size of an upload for which the server makes room").SetParam()
+            .AddOption("for", kNoLetter, "USER:full or USER:daily: the next backup of this user, of its usual size or "
+                                         "of --bytes").SetParam()
+            .Last()
         .AddOption("path", 'P', "local storage path").SetDefault(kDefaultInfoRoot)
         .AddOption("storage", 'U', "user individual storage").SetParam()
         .AddOption("size-limit", 'S', "maximum storage size to use; by default that of the running server").SetParam()
@@ -56,11 +66,38 @@ int ParseHours(const std::string& text) {
     return hours;
 }
 
+std::optional<std::int64_t> ParseBytes(const std::string& text) {
+    if (text.empty()) return std::nullopt;
+    std::int64_t bytes = -1;
+    try {
+        bytes = str::Int64(text);
+    } catch (const kro_err::Error&) {
+        bytes = -1;
+    }
+    if (bytes < 0) ThrowInvalid("bytes", text, "a whole number of bytes");
+    return bytes;
+}
+
+// A user name may contain colons, so the last one separates the type.
+void ParseFor(Options& options, const std::string& text) {
+    if (text.empty()) return;
+    const std::size_t colon = text.rfind(':');
+    const std::string type = colon == text.npos ? "" : text.substr(colon + 1);
+    if (colon == 0 || (type != "full" && type != "daily")) {
+        ThrowInvalid("for", text, "USER:full or USER:daily");
+    }
+    options.for_user = text.substr(0, colon);
+    options.is_for_full = type == "full";
+}
+
 void CheckArguments(const Options& options, const kro_args::Result& args) {
     if (options.mode.empty())
-        throw kro_args::UsageError("give one of --status, --list and --chain");
+        throw kro_args::UsageError("give one of --status, --list, --chain, --history and --plan");
     if (!options.date.empty() && !kro_date::IsDate(options.date)) {
         ThrowInvalid("date", options.date, "YYYY-MM-DD");
+    }
+    if (!options.since.empty() && !kro_date::IsDate(options.since)) {
+        ThrowInvalid("since", options.since, "YYYY-MM-DD");
     }
     if (!options.storage.empty() && !quarn2::IsSafeName(options.storage)) {
         ThrowInvalid("storage", options.storage, "a name without slashes");
@@ -69,6 +106,9 @@ void CheckArguments(const Options& options, const kro_args::Result& args) {
         ServerLimits::Parse(options.count_limit, options.size_limit);
     } catch (const std::exception& error) {
         throw kro_args::UsageError(error.what());
+    }
+    if (options.mode == "plan" && !options.user.empty()) {
+        throw kro_args::UsageError("--plan needs the backups of all users; use --for USER:TYPE");
     }
     const int expected = options.mode == "chain" ? 2 : 0;
     if (args.ArgsCount() == expected) return;
@@ -98,9 +138,8 @@ Options ParseOptions(int argc, char** argv) {
     }
     kro_args::Args args(
         "Tovarn backup storage report\n"
-        "Shows what the info files and the ledger say about the stored backups. Writes nothing, "
-        "asks "
-        "no storage and needs no token.\n"
+        "Shows what the info files, the ledger and the events say about the stored backups. Writes "
+        "nothing, asks no storage and needs no token.\n"
         "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error)");
     DeclareOptions(args);
     args.Parse(argc, words.data());
@@ -112,6 +151,9 @@ Options ParseOptions(int argc, char** argv) {
     options.count_limit = args->Param("count-limit");
     options.date = args->Param("date");
     options.user = args->Param("user");
+    options.since = args->Param("since");
+    options.bytes = ParseBytes(args->Param("bytes"));
+    ParseFor(options, args->Param("for"));
     options.is_json = args->Has("json");
     options.is_anonymous = args->Has("anonymous");
     options.max_age_hours = ParseHours(args->Param("max-age"));

@@ -9,7 +9,7 @@
 struct Options {
     static constexpr int kDefaultMaxAgeHours = 26;
 
-    std::string mode;         // "status", "list" or "chain"
+    std::string mode;         // "status", "list", "chain", "history" or "plan"
     std::string path;         // the info root
     std::string storage;      // empty: the common storage
     std::string size_limit;   // empty when the option was not given
@@ -19,7 +19,11 @@ struct Options {
     bool is_json = false;
     bool is_anonymous = false;
     int max_age_hours = kDefaultMaxAgeHours;
-    std::string chain_date;  // the day to restore; "custom" for the custom backup
+    std::string since;                  // the first local day of --history; empty: all days
+    std::optional<std::int64_t> bytes;  // the size of the upload of --plan
+    std::string for_user;               // the user of the planned backup; empty: none
+    bool is_for_full = false;           // the planned backup is a full one
+    std::string chain_date;             // the day to restore; "custom" for the custom backup
 };
 
 // Throws kro_args::UsageError for an invalid command line, and kro_args::EarlyExit after --help or

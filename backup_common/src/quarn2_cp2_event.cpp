@@ -23,7 +23,7 @@ using std::chrono::year;
 using std::chrono::year_month_day;
 
 template <class Value, std::size_t kSize>
-using Names = std::array<std::pair<Value, std::string_view>, kSize>;
+using Names = std::array<std::pair<Value, const char*>, kSize>;
 
 constexpr Names<EventKind, 11> kKinds = {{{EventKind::kUnknown, "unknown"},
                                           {EventKind::kStored, "stored"},
@@ -54,32 +54,10 @@ constexpr std::int64_t kMaxTime = 253402300799999;  // 9999-12-31 23:59:59.999
 constexpr std::string_view kTimeShape = "dddd-dd-ddTdd:dd:dd.dddZ";
 
 template <class Value, std::size_t kSize>
-std::string NameOf(const Names<Value, kSize>& names, Value value) {
-    const auto found = std::find_if(names.begin(), names.end(),
-                                    [value](const auto& known) { return known.first == value; });
-    return std::string(found->second);
-}
-
-template <class Value, std::size_t kSize>
 Value ParseName(const Names<Value, kSize>& names, std::string_view name) {
     const auto found = std::find_if(names.begin(), names.end(),
                                     [name](const auto& known) { return known.second == name; });
     return found == names.end() ? Value::kUnknown : found->first;
-}
-
-std::string FormatTime(std::int64_t time) {
-    const sys_time<milliseconds> point(milliseconds(std::clamp<std::int64_t>(time, 0, kMaxTime)));
-    const auto midnight = std::chrono::floor<days>(point);
-    const year_month_day date(midnight);
-    const std::chrono::hh_mm_ss of_day(point - midnight);
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
-                  static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
-                  static_cast<unsigned>(date.day()), static_cast<int>(of_day.hours().count()),
-                  static_cast<int>(of_day.minutes().count()),
-                  static_cast<int>(of_day.seconds().count()),
-                  static_cast<int>(of_day.subseconds().count()));
-    return text.data();
 }
 
 [[noreturn]] void ThrowNoEvent(const std::string& why) {
@@ -163,14 +141,35 @@ void AddTexts(kro_json::Object& object, const Event& event,
 
 }  // namespace
 
+const char* NameOf(EventKind kind) noexcept {
+    const auto* const found = std::find_if(
+        kKinds.begin(), kKinds.end(), [kind](const auto& known) { return known.first == kind; });
+    return found == kKinds.end() ? "" : found->second;
+}
+
+std::string EventTimeText(std::int64_t time) {
+    const sys_time<milliseconds> point(milliseconds(std::clamp<std::int64_t>(time, 0, kMaxTime)));
+    const auto midnight = std::chrono::floor<days>(point);
+    const year_month_day date(midnight);
+    const std::chrono::hh_mm_ss of_day(point - midnight);
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%04d-%02u-%02uT%02d:%02d:%02d.%03dZ",
+                  static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                  static_cast<unsigned>(date.day()), static_cast<int>(of_day.hours().count()),
+                  static_cast<int>(of_day.minutes().count()),
+                  static_cast<int>(of_day.seconds().count()),
+                  static_cast<int>(of_day.subseconds().count()));
+    return text.data();
+}
+
 std::string FormatEvent(const Event& event) {
     kro_json::Object object;
     constexpr std::size_t kMembers = 12;
     object.reserve(kMembers);
-    object.push_back({"time", FormatTime(event.time)});
-    object.push_back({"event", NameOf(kKinds, event.kind)});
+    object.push_back({"time", EventTimeText(event.time)});
+    object.push_back({"event", NameOf(event.kind)});
     if (event.reason != RemovalReason::kNone) {
-        object.push_back({"reason", std::string(::NameOf(event.reason))});
+        object.push_back({"reason", NameOf(event.reason)});
     }
     AddTexts(object, event, kBackupTexts);
     for (const auto& [name, member] : kSizes) {

@@ -25,6 +25,9 @@ enum class EventKind {
     kRescan,
 };
 
+// The name of the kind in the events file, such as "deletion-begun".
+const char* NameOf(EventKind kind) noexcept;
+
 // An empty text and a size without value are absent in the line.
 struct Event {
     std::int64_t time = 0;  // milliseconds since 1970-01-01 00:00:00 UTC
@@ -59,6 +62,10 @@ Event ParseEvent(std::string_view line);
 // line. Returns the part of the line from the last beginning of an event, or "" when no event
 // begins after the first byte.
 std::string_view EventBehindFragment(std::string_view line) noexcept;
+
+// A time in milliseconds as in the events file: in UTC, such as "2026-11-20T12:00:00.123Z". A time
+// outside of the years 1970 to 9999 becomes the nearest time in them.
+std::string EventTimeText(std::int64_t time);
 
 // The local civil day of a time in milliseconds, as days since 1970-01-01.
 int EventDay(std::int64_t time) noexcept;

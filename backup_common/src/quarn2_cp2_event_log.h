@@ -57,7 +57,7 @@ struct EventFilter {
 // A line that is not an event.
 struct BrokenLine {
     std::string path;
-    std::int64_t number = 0;  // in this file, from 1
+    std::int64_t number = 0;  // in this file, from 1; 0: the complete file could not be read
     std::string reason;
 };
 
@@ -67,7 +67,8 @@ using OnBrokenLine = std::function<void(const BrokenLine&)>;
 // Passes the selected events to `on_event`, in the order of the files: first the rotated file
 // PATH.1, if there is one, then PATH. Reads in constant memory. Reports each broken line and skips
 // it. Ignores empty lines, and a last line of PATH without a line end, because a process may be
-// writing it. Throws kro_err::Error when `since` is not a date, or when a file cannot be read or
-// could have been written by another user. A missing file has no events.
+// writing it. Reports a rotated file that cannot be read, or could have been written by another
+// user, as a broken line with the number 0. Throws kro_err::Error when that is true of PATH itself,
+// and when `since` is not a date. A missing file has no events.
 void ReadEvents(const std::string& path, const EventFilter& filter, const OnEvent& on_event,
                 const OnBrokenLine& on_broken);

@@ -93,6 +93,17 @@ ResHandle OpenIfPresent(const std::string& path) {
     }
 }
 
+// Like OpenIfPresent, but sets `fault` instead of throwing.
+ResHandle TryOpen(const std::string& path, std::string& fault) {
+    fault.clear();
+    try {
+        return OpenIfPresent(path);
+    } catch (const kro_err::Error& error) {
+        fault = error.what();
+        return {};
+    }
+}
+
 bool IsSameFile(int fd, const std::string& path) noexcept {
     struct stat open {};
     struct stat named {};
@@ -103,15 +114,17 @@ bool IsSameFile(int fd, const std::string& path) noexcept {
 
 // Opens both files. Opens them again when the current file was rotated meanwhile, because its
 // events would be missing, or read twice.
-std::vector<EventFile> OpenFiles(const std::string& path) {
+std::vector<EventFile> OpenFiles(const std::string& path, const OnBrokenLine& on_broken) {
     constexpr int kAttempts = 10;
     const std::string rotated_path = path + ".1";
     std::vector<EventFile> files;
+    std::string fault;
     for (int attempt = 0; attempt < kAttempts; ++attempt) {
-        files = {{rotated_path, OpenIfPresent(rotated_path), false},
+        files = {{rotated_path, TryOpen(rotated_path, fault), false},
                  {path, OpenIfPresent(path), true}};
         if (IsSameFile(files[0].handle, rotated_path)) break;
     }
+    if (!fault.empty()) on_broken({rotated_path, 0, fault});
     std::erase_if(files, [](const EventFile& file) { return !file.handle; });
     return files;
 }
@@ -180,5 +193,7 @@ class FileScan {
 void ReadEvents(const std::string& path, const EventFilter& filter, const OnEvent& on_event,
                 const OnBrokenLine& on_broken) {
     if (!filter.since.empty()) static_cast<void>(kro_date::Date(filter.since));
-    for (const EventFile& file : OpenFiles(path)) FileScan(file, filter, on_event, on_broken).Run();
+    for (const EventFile& file : OpenFiles(path, on_broken)) {
+        FileScan(file, filter, on_event, on_broken).Run();
+    }
 }

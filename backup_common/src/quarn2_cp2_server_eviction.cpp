@@ -221,20 +221,6 @@ bool HasBegunDeletion(const GlobalSizeControl& control) {
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// The backups that are not complete now. Reads the ledger, because their jobs may have started
-// after the server.
-NotComplete FindNotComplete(const GlobalSizeControl& control) {
-    NotComplete found;
-    for (std::string name : control.unfinished.OpenKeys()) {
-        const std::string date = str::GetWord(name, ".");
-        found.open[name].insert(date);
-    }
-    for (const InterruptedBackup& backup : control.unfinished.Interrupted(control.date)) {
-        found.interrupted[backup.user][backup.date] = {backup.bytes, backup.is_full ? 0 : 1, false};
-    }
-    return found;
-}
-
 // Refuses a reservation without a deletion. The passes before the first victim count as done.
 [[noreturn]] void RefuseRoom(GlobalSizeControl& control, const EvictionPlan& plan,
                              std::int64_t size) {
@@ -246,6 +232,18 @@ NotComplete FindNotComplete(const GlobalSizeControl& control) {
 }
 
 }  // namespace
+
+NotComplete FindNotComplete(const GlobalSizeControl& control) {
+    NotComplete found;
+    for (std::string name : control.unfinished.OpenKeys()) {
+        const std::string date = str::GetWord(name, ".");
+        found.open[name].insert(date);
+    }
+    for (const InterruptedBackup& backup : control.unfinished.Interrupted(control.date)) {
+        found.interrupted[backup.user][backup.date] = {backup.bytes, backup.is_full ? 0 : 1, false};
+    }
+    return found;
+}
 
 void GlobalSizeControl::CheckStorage() {
     if (is_storage_checked) return;

@@ -1,6 +1,6 @@
-// Plans evictions. The functions only read the model: they change no file, query no storage and log
-// nothing. The server executes a plan later, so it knows before the first deletion whether all
-// deletions together free enough space.
+// Plans evictions. The functions except FindNotComplete only read the model: they change no file,
+// query no storage and log nothing. The server executes a plan later, so it knows before the first
+// deletion whether all deletions together free enough space.
 #pragma once
 
 #include <cstdint>
@@ -25,6 +25,10 @@ struct NotComplete {
     // sizes are parts of `unfinished` of the storage "".
     std::map<std::string, Backups> interrupted;
 };
+
+// The backups that are not complete now. Reads the ledger, because their jobs may have started
+// after the server.
+NotComplete FindNotComplete(const GlobalSizeControl& control);
 
 // One backup to delete, identified by its keys in the model. The size is in bytes.
 struct Victim {

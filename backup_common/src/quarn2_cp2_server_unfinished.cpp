@@ -148,7 +148,10 @@ void UnfinishedBackups::NoteInfo(const std::string& info_path, const Info& info,
     Noted noted{
         storage == nullptr || MayHaveInfo(*storage, info_path), info.size, info_path, true, {}};
     noted.is_full = name.front() != 'I' || info.type != "incremental";
-    if (noted.was_complete && storage != nullptr) noted.stored = StoredSlices(*storage, info_path);
+    if (noted.was_complete) {
+        noted.stored = storage != nullptr ? StoredSlices(*storage, info_path)
+                                          : std::vector{std::string(info.last_slice)};
+    }
     noted_[name] = std::move(noted);
 }
 

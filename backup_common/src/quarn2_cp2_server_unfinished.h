@@ -50,8 +50,8 @@ class UnfinishedBackups {
     };
     // Keeps the data of the info file of an unfinished backup. If the storage has the info file,
     // the backup was complete before its job was repeated. The storage may then have the backup's
-    // old files as well as the new ones. Without a storage (null), assumes that it has the info
-    // file.
+    // old files as well as the new ones. Without a storage (null), assumes that it has the
+    // info file, and that this file names the slices of the local one.
     void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
 
     // The entries whose slices may be removed when space is needed, oldest first. These are entries
@@ -81,6 +81,9 @@ class UnfinishedBackups {
     // The names DATE.USER of the backups whose entries are open now. Reads the ledger.
     std::set<std::string> OpenKeys() const;
 
+    // The part of Bytes() that belongs to the entry.
+    std::int64_t BytesOf(const LedgerEntry& entry) const;
+
     // The bytes on the storage that belong to no complete backup. Reads the ledger, which changes
     // with every upload.
     std::int64_t Bytes() const;
@@ -92,7 +95,6 @@ class UnfinishedBackups {
     bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
     void RecordRemoval(const LedgerEntry& entry) const;
     static void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage);
-    std::int64_t BytesOf(const LedgerEntry& entry) const;
     std::string EntryOf(const std::string& info_path, std::string_view last_slice) const;
 
     Ledger ledger_;

@@ -3,6 +3,7 @@
 import json
 import os
 import stat
+import subprocess
 
 from local_files import read, write
 from samples import DATE, Backup, day, info_text
@@ -95,6 +96,13 @@ class ShortCommands(EventsTest):
         self.assertEqual(pid_file, read(server.pid_file))
         server.end()
 
+    def test_the_list_of_incomplete_backups(self):
+        write(os.path.join(self.r.info_root, ".cleanup"), f"{self.r.token}\t{day(-1)}.web1\n")
+        write(os.path.join(self.r.storage, f"F{day(-1)}.web1.tgz"), b"x")
+        Server(self.r, "--date", DATE).wait_ready().end()
+        self.assertIn(("deleted", "incomplete", "web1", day(-1)), self.names("reason", "user", "date"))
+        self.assertEqual([], self.r.stored())
+
     def test_a_command_succeeds_without_events(self):
         full = Backup(self.r, "web1", DATE)
         os.mkdir(self.r.file("var/quarn2_cp.events"))
@@ -102,3 +110,47 @@ class ShortCommands(EventsTest):
         self.assertTrue(full.is_gone())
         self.assertEqual(1, sum("events are lost" in text or "quarn2_cp.events" in text
                                 for text in self.r.log_texts(4)))
+
+
+class TheFileCannotBeWritten(EventsTest):
+    """The events file is on a file system of its own, because the log must remain writable."""
+
+    def mount_events(self, *options):
+        """Mounts a full file of events over the events file."""
+        disk = os.path.join(self.r.base, "disk")
+        path = self.r.file("var/quarn2_cp.events")
+        os.mkdir(disk)
+        subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4k,mode=700", "tmpfs", disk], check=True)
+        self.addCleanup(subprocess.run, ["umount", "-l", disk], check=True)
+        line = b'{"time":"2026-11-20T12:00:00.123Z","event":"rescan"}\n'
+        write(os.path.join(disk, "events"), b"\n" * (4096 - len(line)) + line)
+        os.chmod(os.path.join(disk, "events"), 0o600)
+        write(path, "")
+        subprocess.run(["mount", "--bind", os.path.join(disk, "events"), path], check=True)
+        self.addCleanup(subprocess.run, ["umount", "-l", path], check=True)
+        if options:
+            subprocess.run(["mount", "-o", ",".join(("remount", "bind", *options)), path], check=True)
+        return path
+
+    def check_a_night(self, path, reason):
+        before = read(path)
+        old = [Backup(self.r, "web1", day(offset), size=2000) for offset in (-14, -7)]
+        server = Server(self.r, "--date", DATE, "--size-limit", "5000").wait_ready()
+        client = server.node_client()
+        self.assert_success(self.put("web3", 2500))
+        self.assertEqual(0, server.end())
+        self.assertTrue(old[0].is_gone())
+        self.assertTrue(old[1].is_whole())
+        self.assertEqual(before, read(path))
+        # The server and its node client both write several events.
+        lost = [entry for entry in self.r.log(4) if "quarn2_cp.events" in entry.text]
+        self.assertEqual(sorted((client, server.daemon)), sorted(entry.pid for entry in lost))
+        for entry in lost:
+            self.assertIn("so this event and possibly later ones are lost. What: ", entry.text)
+            self.assertIn(reason, entry.text)
+
+    def test_on_a_full_disk(self):
+        self.check_a_night(self.mount_events(), "No space left on device")
+
+    def test_on_a_disk_that_is_read_only(self):
+        self.check_a_night(self.mount_events("ro"), "Read-only file system")

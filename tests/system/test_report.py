@@ -174,7 +174,8 @@ class RealBackups(ReportTest):
         before = snapshot()
         for arguments in (["--status"], ["--list"], ["--chain", "web1", DATE], ["--status", "--json", "--anonymous"],
                           ["--chain", "web1", "2020-01-01"], ["--status", "--storage", "own"],
-                          ["--list", "--path", "var/none"]):
+                          ["--list", "--path", "var/none"], ["--history"],
+                          ["--plan", "--size-limit", "5", "--bytes", "3"]):
             self.report(*arguments)
         self.assertEqual(before, snapshot())
 
@@ -279,6 +280,177 @@ class HostileNames(ReportTest):
             for name in ("crimson", "script", "quote", "revers", "nnn", "title", "secret", "web1", "web5", "web6"):
                 self.assertNotIn(name, out + err, arguments)
             self.assertEqual((status, out, err), self.report(*arguments, "--anonymous"))
+
+
+class History(ReportTest):
+    def setUp(self):
+        super().setUp()
+        self.events = self.r.file("var/quarn2_cp.events")
+
+    def write_events(self, *events, path=None, more=b""):
+        lines = "".join(json.dumps(event) + "\n" for event in events).encode()
+        write(path or self.events, lines + more)
+        os.chmod(path or self.events, 0o600)
+
+    @staticmethod
+    def event(event, number, **members):
+        return {"time": f"{day(number)}T12:00:00.000Z", "event": event, **members}
+
+    def test_of_a_night_with_an_eviction(self):
+        for offset in (-14, -7):
+            Backup(self.r, "web1", day(offset), size=2000)
+        server = Server(self.r, "--date", DATE, "--size-limit", "5000").wait_ready()
+        self.put(DATE, "web2", slices=1)
+        server.end()
+        found = self.objects("--history")
+        self.assertEqual([("server-started", None, None), ("deletion-begun", "web1", "size-reserve"),
+                          ("deleted", "web1", "size-reserve"), ("completed", "web2", None), ("server-ended", None, None)],
+                         [(one["event"], one["user"], one["reason"]) for one in found if one["event"] != "stored"])
+        lines = self.fine("--history").splitlines()
+        self.assertEqual(len(found), len(lines))
+        self.assertRegex(lines[1 if "deletion begun" in lines[1] else 2], "web1 " + day(-14))
+        self.assertEqual(1, sum(" deleted " in line and "full, 2.00 kB, space for an upload, used 2.00 kB of 5.00 kB" in
+                                line for line in lines))
+        self.assertEqual(["web2"] * (len(found) - 4), [one["user"] for one in self.objects("--history", "--user", "web2")])
+
+    def test_broken_lines_are_named_and_the_rest_is_shown(self):
+        self.write_events(self.event("stored", 0, user="web1"), path=self.events + ".1", more=b"junk\n")
+        self.write_events(self.event("stored", 1, user="web2"), more=b'{"event":"deleted"}\n\n{"time"')
+        status, out, err = self.report("--history")
+        self.assertEqual(3, status)
+        self.assertEqual(["web1", "web2"], [line.split()[-1] for line in out.splitlines()])
+        self.assertEqual("quarn2_report: finding: events file 'var/quarn2_cp.events.1', line 2: this is not valid JSON; "
+                         "the line is skipped\n"
+                         "quarn2_report: finding: events file 'var/quarn2_cp.events', line 2: the time is not of the form "
+                         "YYYY-MM-DDTHH:MM:SS.mmmZ; the line is skipped\n", err)
+        self.write_events(more=b"junk\n" * 250)
+        status, out, err = self.report("--history", "--json")
+        self.assertEqual((3, 101), (status, err.count("finding")))
+        self.assertIn("events file: 151 further lines are skipped\n", err)
+
+    def test_a_rotated_file_that_cannot_be_read_hides_no_event(self):
+        self.write_events(self.event("stored", 1, user="web2"))
+        os.symlink("nothing", self.events + ".1")
+        self.assertEqual(["web2"], [one["user"] for one in self.objects("--history", status=3)])
+
+    def test_is_filtered(self):
+        self.assertEqual("no events are known here\n", self.fine("--history"))
+        self.write_events(self.event("stored", -1, user="web1"), self.event("stored", 0, user="web1"),
+                          self.event("stored", 0, user="web2", storage="own"))
+        since = self.objects("--history", "--since", DATE)
+        self.assertEqual([("web1", None), ("web2", "own")], [(one["user"], one["storage"]) for one in since])
+        self.assertEqual(1, len(self.objects("--history", "--storage", "own")))
+        self.assertEqual(2, len(self.objects("--history", "--user", "web1")))
+        self.assertEqual(2, self.report("--history", "--since", "yesterday")[0])
+
+    def test_hostile_texts_are_data_and_names_are_hashed(self):
+        for name in HOSTILE:
+            text = name.decode(errors="replace")
+            self.write_events(self.event("x\x1b", 0, user=text, date=text, type=text, node=text, storage=text, detail=text,
+                                         reason="y"))
+            for character in self.fine("--history").replace("\n", ""):
+                self.assertTrue(character.isprintable(), repr(character))
+            found, = self.objects("--history")
+            self.assertEqual(("unknown", "unknown", text), (found["event"], found["reason"], found["user"]))
+        self.write_events(self.event("refused", 0, user="web7", date="web7", storage="web7", detail="x/F.web7.tgz: web7"))
+        for arguments in ([], ["--json"]):
+            self.assertNotIn("web7", self.fine("--history", "--anonymous", *arguments))
+
+
+class Plan(ReportTest):
+    def deletions(self, *arguments, status=0):
+        """Returns the planned deletions as (reason, user, date), by step."""
+        steps = {}
+        for one in self.objects("--plan", "--date", DATE, *arguments, status=status):
+            steps.setdefault(one["step"], [])
+            if one["action"] == "delete":
+                steps[one["step"]].append((one["reason"], one["user"], one["date"]))
+        return steps
+
+    def events(self):
+        return [(one["reason"], one["user"], one["date"]) for one in self.objects("--history")
+                if one["event"] == "deleted"]
+
+    def test_is_what_a_server_does(self):
+        for user in ("web1", "web2"):
+            for offset in (-19, -14, -7):
+                Backup(self.r, user, day(offset), size=2000)
+            Backup(self.r, user, day(-6), "incremental", size=500)
+        limits = ["--size-limit", "11000", "--count-limit", "2:1"]
+        planned = self.deletions(*limits, "--for", "web1:full", "--bytes", "4010")
+        self.assertEqual([("count-full", "web1", day(-19)), ("count-full", "web2", day(-19))], planned["start"])
+        self.assertEqual([("size-reserve", user, day(-14)) for user in ("web1", "web2")], planned["upload"])
+        self.assertEqual([], planned["end"])
+        server = Server(self.r, "--date", DATE, *limits).wait_ready()
+        self.assertEqual(planned["start"], self.events())
+        path = write(os.path.join(self.r.work, f"F{DATE}.web1.tgz"), b"x" * 4000)
+        info = write(os.path.join(self.r.work, "job.info"), f"type=full\ncreated={DATE} 01:00:00")
+        self.assert_success(self.r.run("--put", "--info-file", info, "--last_slice", path))
+        self.assertEqual(planned["start"] + planned["upload"], self.events())
+        self.assertEqual({"start": [], "upload": [], "end": []}, self.deletions("--bytes", "1"))  # the server's limits
+        index = write(os.path.join(self.r.info_root, f"{DATE}.web1.tgz"), b"x")
+        self.assert_success(self.r.run("--put", "--info-file", info, "--isolated", "--no-delete", index))
+        server.end()
+        self.assertEqual(planned["start"] + planned["upload"], self.events())
+
+    def test_as_text(self):
+        chain(self.r, "web1", "FDFD", size=2000)
+        Backup(self.r, "web2", DATE, size=70)
+        write_info(self.r.info_root, "web3", day(3), size="5")
+        self.assertEqual(f"""size limit   7.07 kB
+count limit  any number of full and 1 daily of each user
+at the start of a server
+  1  web1  {day(-2)}  daily  2.00 kB  more daily backups than the count limit
+for an upload of 1.50 kB
+  1  web1  {day(-3)}  full  2.00 kB  space for an upload
+at the end of the server
+  nothing is deleted
+kept
+  web1  {day(-1)}  full   2.00 kB  a daily rests on it
+  web1  {DATE}  daily  2.00 kB  newest of its user
+  web2  {DATE}  full      70 B  newest of its user
+  web3  {day(3)}  full       5 B  its date is in the future
+""".replace("7.07", "7.08"), self.fine("--plan", "--date", DATE, "-S", "7075", "-C", "0:1", "--bytes", "1500"))
+
+    def test_of_the_usual_size_of_a_user(self):
+        chain(self.r, "web1", "FDDD", size=2000)
+        limits = ["--size-limit", "8500", "--count-limit", "9:9"]
+        out = self.fine("--plan", "--date", DATE, *limits, "--for", "web1:daily")
+        self.assertIn("for a daily backup of web1, 2.00 kB (the median of its backups)\n", out)
+        self.assertEqual((1, "", "quarn2_report: user 'web9' has no full backup from which the size could be taken: give "
+                                 "--bytes\n"), self.report("--plan", *limits, "--for", "web9:full"))
+
+    def test_an_impossible_request_says_by_how_much(self):
+        Backup(self.r, "web1", DATE, size=2000)
+        status, out, err = self.report("--plan", "--date", DATE, "--size-limit", "2100", "--bytes", "1334")
+        text = ("1.23 kB are missing (1234 bytes) even after all possible evictions, so the upload is refused and nothing is "
+                "evicted for it\n")
+        self.assertEqual((3, "quarn2_report: finding: " + text), (status, err))
+        self.assertIn("  impossible: " + text, out)
+        self.assertNotIn("at the end", out)
+        start, kept = self.objects("--plan", "--date", DATE, "--size-limit", "1999", status=3)
+        self.assertEqual({"step": "start", "action": "impossible", "bytes": None, "missing": 1}, start)
+        self.assertEqual(("keep", DATE, "newest of its user"), (kept["action"], kept["date"], kept["reason"]))
+
+    def test_needs_limits_and_all_users(self):
+        self.assertEqual((1, "", "quarn2_report: the limits are unknown, because no server runs: give --size-limit and "
+                                 "--count-limit as the server will get them\n"), self.report("--plan"))
+        for arguments in (["--user", "a"], ["--for", "a"], ["--for", ":full"], ["--bytes", "1k"], ["--bytes", "-1"]):
+            self.assertEqual(2, self.report("--plan", "-S", "1", *arguments)[0], arguments)
+
+    def test_hostile_names_are_data_and_hashed(self):
+        for name in HOSTILE[:5]:
+            path = os.path.join(self.r.info_root.encode(), DATE.encode() + b"." + name + b".info")
+            with open(path, "wb") as file:
+                file.write(b"type=full\nsize=10\nfinished=x")
+        for user in ("web7", "web7"):
+            chain(self.r, user, "FFF", size=10)
+        for arguments in ([], ["--json"], ["--anonymous"]):
+            out = self.fine("--plan", "--date", DATE, "--size-limit", "70", "--bytes", "5", *arguments)
+            for character in out.replace("\n", ""):
+                self.assertTrue(character.isprintable(), repr(character))
+        self.assertNotIn("web7", out)
+        self.assertNotIn("crimson", out)
 
 
 class BesideServers(ReportTest):

@@ -263,6 +263,14 @@ TEST_F(EventFile, BrokenLinesAreReportedWithTheirNumbers) {
                                      "var/quarn2_cp.events:6: the line is too long"));
 }
 
+TEST_F(EventFile, ARotatedFileThatCannotBeReadHidesNoOtherEvent) {
+    ::symlink("../victim", kRotated);
+    local_files::Save(kEventsPath, LineOf("web1") + "\n");
+    EXPECT_THAT(Users(), ElementsAre("web1"));
+    EXPECT_THAT(broken_, ElementsAre("var/quarn2_cp.events.1:0: 'var/quarn2_cp.events.1' is a "
+                                     "symbolic link; remove it"));
+}
+
 TEST_F(EventFile, LinesOfEverySizeAreReadWhole) {
     std::string text;
     Texts users;

@@ -1,11 +1,14 @@
-// The events that deletions write.
+// The events that deletions and abandoned uploads write.
 #include <gmock/gmock.h>
 
 #include "kro/kro_err.h"
+#include "master_server.h"
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_event_log.h"
+#include "quarn2_cp2_misc_cleanup.h"
 #include "quarn2_cp2_misc_delete.h"
+#include "quarn2_cp2_put_node.h"
 #include "quarn2_cp2_server_plan.h"
 
 namespace {
@@ -114,6 +117,36 @@ TEST_F(ServerEvents, OfAFullBackupAndItsDaily) {
         ElementsAre("deletion-begun dependant web1 2026-11-16", "deleted dependant web1 2026-11-16",
                     "deletion-begun asked web1 2026-11-15", "deleted asked web1 2026-11-15"));
     for (const Event& event : AllEvents()) EXPECT_EQ(event.storage, "site");
+}
+
+TEST_F(ServerEvents, OfTheListOfIncompleteBackups) {
+    const std::string list = "root/.cleanup";
+    Place(list,
+          "memory:site\t2026-11-15.web1\ngopher://h/p\t2026-11-16.web2\n"
+          "memory:site\t2026-11-17.web3.1.dar\n");
+    store_->SetFile("F2026-11-15.web1.tgz", "x");
+    CleanUp("root");
+    EXPECT_THAT(Events(), ElementsAre("deleted incomplete web1 2026-11-15",
+                                      "deletion-failed incomplete web2 2026-11-16",
+                                      "deleted incomplete web3 2026-11-17"));
+    EXPECT_NE(AllEvents()[1].detail, "");
+    EXPECT_EQ(AllEvents()[1].detail.find("\t"), std::string::npos) << "not the line of the list";
+}
+
+TEST_F(ServerEvents, OfAnAbandonedUpload) {
+    const std::string slice = "b/F2026-11-15.web1.1.dar";
+    Place(slice, "12345");
+    MasterServer server("memory:site");
+    store_->SetHook([](const std::string& operation, const std::string& /*name*/) {
+        if (operation == "Put") throw kro_err::Error(kro_err::Kind::kUnavailable, "no answer");
+    });
+    kro_thread::SafeLock lock;
+    NodeSide node(lock, server.link());
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { node.Serve("PUTLAST " + slice); }), "Failed upload");
+    EXPECT_THAT(Events(), ElementsAre("abandoned  web1 2026-11-15"));
+    const Event event = AllEvents().front();
+    EXPECT_EQ(event.detail, "F2026-11-15.web1.1.dar: no answer");
+    EXPECT_EQ(event.size, 5);
 }
 
 TEST_F(ServerEvents, AreNotNeededForADeletion) {
