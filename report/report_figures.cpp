@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "kro/kro_err.h"
+#include "kro/str.h"
 #include "quarn2_cp2_misc_sizes.h"
 
 namespace {
@@ -76,6 +77,15 @@ std::optional<std::int64_t> FreeSpace(const Space& space, std::optional<std::int
     // A reservation is for a file of an unfinished backup, which the ledger counts already.
     free = LessSize(free, std::max(space.unfinished, reserved.value_or(0)));
     return LessSize(free, space.being_deleted);
+}
+
+std::string ForecastText(const Forecast& forecast) {
+    if (!forecast.has_data) return "unknown, the events are of too few days";
+    if (!forecast.expected) return "not within a year";
+    if (*forecast.expected == 0) return "already";
+    const auto day = [](std::optional<int> days) { return days ? str::Str(*days) : "never"; };
+    return "in " + str::Str(*forecast.expected) + " days (" + day(forecast.earliest) + " to " +
+           day(forecast.latest) + ")";
 }
 
 std::vector<Overdue> FindOverdue(const std::map<std::string, Newest>& newest,

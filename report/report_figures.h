@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "kro/kro_date.h"
+#include "quarn2_cp2_forecast.h"
 #include "quarn2_cp2_server_model.h"
 #include "report_backup.h"
 
@@ -59,6 +60,9 @@ Space SpaceOf(const GlobalSizeControl& account);
 // The space that is left below the limit. Nothing when the limit is unknown or there is none.
 std::optional<std::int64_t> FreeSpace(const Space& space, std::optional<std::int64_t> limit,
                                       std::optional<std::int64_t> reserved);
+
+// A forecast in words: "in 12 days (8 to 20)", "already", "not within a year", ...
+std::string ForecastText(const Forecast& forecast);
 
 struct Overdue {
     std::string user;

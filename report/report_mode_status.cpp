@@ -1,9 +1,13 @@
 // --status: the account, the counts, overdue users and the server.
 
+#include <algorithm>
 #include <utility>
 
+#include "kro/kro_clock.h"
 #include "kro/str.h"
+#include "report_event.h"
 #include "report_figures.h"
+#include "report_history.h"
 #include "report_modes.h"
 #include "report_text.h"
 
@@ -16,11 +20,27 @@ struct Status {
     KnownLimits known;
     std::optional<std::int64_t> free;
     std::vector<Overdue> overdue;
+    std::vector<Event> last_events;
+    // When the server begins to evict for the size limit, and when it begins to refuse uploads.
+    Forecast evictions;
+    Forecast refusals;
 };
 
 kro_date::DateTime ReferenceTime(const Options& options) {
     if (options.date.empty()) return kro_date::DateTime::Now();
     return kro_date::DateTime(options.date + " 00:00:00");
+}
+
+void ReadHistory(Site& site, Status& status) {
+    const EventSummary summary = ReadEventSummary(site);
+    status.last_events = summary.LastEvents();
+    constexpr std::int64_t kMsPerSecond = 1000;
+    const std::vector<DaySums> days =
+        summary.DaysBefore(EventDay(kro_date::SystemNow() * kMsPerSecond));
+    // The events of one user do not show the growth of the storage.
+    if (!site.options.user.empty()) return;
+    status.evictions = EvictionForecast(days);
+    status.refusals = RefusalForecast(days, status.space.protected_bytes);
 }
 
 // The account has the ledger's bytes of all users. With --user, counts those of this user.
@@ -40,6 +60,7 @@ Status ReadStatus(Site& site) {
     status.free =
         FreeSpace(status.space, has_limit ? std::optional(status.known.limits.size) : std::nullopt,
                   site.server.reserved);
+    ReadHistory(site, status);
     status.overdue = FindOverdue(status.census.newest(), ReferenceTime(site.options),
                                  site.options.max_age_hours);
     return status;
@@ -104,6 +125,17 @@ std::string DatesText(const Census& census) {
     return census.oldest_date() + " to " + census.newest_date();
 }
 
+// Their number and the first names. The findings name all of them.
+std::string OverdueText(const Site& site, const std::vector<Overdue>& overdue) {
+    constexpr std::size_t kShown = 5;
+    std::string names;
+    for (std::size_t i = 0; i < std::min(overdue.size(), kShown); ++i) {
+        names = str::Append(names, Escaped(site.names.User(overdue[i].user)), ", ");
+    }
+    if (overdue.size() > kShown) names += ", ...";
+    return str::Append(str::Str(overdue.size()), names, ": ");
+}
+
 std::string BackupsText(const Census& census) {
     std::string text = str::Str(census.full()) + " full, " + str::Str(census.daily()) + " daily";
     for (const State state : {State::kCustom, State::kFuture, State::kMisnamed, State::kUnfinished,
@@ -112,6 +144,16 @@ std::string BackupsText(const Census& census) {
         if (count > 0) text += ", " + str::Str(count) + " " + NameOf(state);
     }
     return text;
+}
+
+void AddHistory(Table& table, const Site& site, const Status& status) {
+    table.Add({"evictions begin", ForecastText(status.evictions)});
+    table.Add({"refusals begin", ForecastText(status.refusals)});
+    const char* title = "last events";
+    for (const Event& event : status.last_events) {
+        table.Add({title, EventLine(event, site.names)});
+        title = "";
+    }
 }
 
 void WriteText(const Site& site, const Status& status) {
@@ -133,7 +175,8 @@ void WriteText(const Site& site, const Status& status) {
     table.Add({"users", str::Str(status.census.users())});
     table.Add({"backups", BackupsText(status.census)});
     table.Add({"dates", Escaped(DatesText(status.census))});
-    table.Add({"overdue users", str::Str(status.overdue.size())});
+    table.Add({"overdue users", OverdueText(site, status.overdue)});
+    AddHistory(table, site, status);
     Output::Text(table.Text(0));
 }
 
@@ -167,6 +210,19 @@ kro_json::Array OverdueJson(const Site& site, const Status& status) {
                                          {"hours", OrNull(overdue.hours)}});
     }
     return users;
+}
+
+kro_json::Object ForecastJson(const Forecast& forecast) {
+    return {{"has_data", forecast.has_data},
+            {"expected_days", OrNull(forecast.expected)},
+            {"earliest_days", OrNull(forecast.earliest)},
+            {"latest_days", OrNull(forecast.latest)}};
+}
+
+kro_json::Array EventsJson(const Site& site, const std::vector<Event>& events) {
+    kro_json::Array array;
+    for (const Event& event : events) array.push_back(EventJson(event, site.names));
+    return array;
 }
 
 kro_json::Object LimitsJson(const KnownLimits& known) {
@@ -203,7 +259,10 @@ void WriteJson(const Site& site, const Status& status) {
                   {"oldest", OrNull(status.census.oldest_date())},
                   {"newest", OrNull(status.census.newest_date())},
                   {"max_age_hours", site.options.max_age_hours},
-                  {"overdue", OverdueJson(site, status)}});
+                  {"overdue", OverdueJson(site, status)},
+                  {"forecast", kro_json::Object{{"evictions", ForecastJson(status.evictions)},
+                                                {"refusals", ForecastJson(status.refusals)}}},
+                  {"last_events", EventsJson(site, status.last_events)}});
 }
 
 }  // namespace

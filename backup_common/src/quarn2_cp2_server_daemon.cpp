@@ -45,6 +45,18 @@ Event ServerEvent(EventKind kind, const GlobalSizeControl& control) {
     return event;
 }
 
+StateFigures FiguresOf(const GlobalSizeControl& control) {
+    StateFigures figures;
+    figures.limit = control.LimitOrNothing();
+    figures.used = control.GreatestUsedSize();
+    figures.max_count = control.max_count;
+    for (const auto& [key, desc] : control.storages) {
+        figures.reserved = SumOfSizes(figures.reserved, desc.reserved);
+        figures.unfinished = std::max(figures.unfinished, desc.unfinished);
+    }
+    return figures;
+}
+
 // The event of a server that an error has ended.
 void WriteFailedServer(const char* error) {
     Event event;
@@ -82,10 +94,10 @@ class Daemon {
         control->FitIntoLimits();
         // Writes the state file before AnnounceReady, because --server commands read the state file
         // as soon as the server is ready.
-        WriteState();
+        WriteState(*control);
         AnnounceReady();
         WriteEvent(ServerEvent(EventKind::kServerStarted, *control));
-        Serve(*loop, *nodes);
+        Serve(*loop, *nodes, *control);
         // Empties the pid file, so that new --server commands wait for the end of this server
         // instead of using it. With the exclusive lock there are no such commands.
         if (!is_alone_) pid_lock_.Write("");
@@ -113,12 +125,11 @@ class Daemon {
 
     void WritePidFile() { pid_lock_.Write(Myself().Text()); }
 
-    // Writes the state file unless it is written already. When this fails on a full disk, Serve
-    // calls it again, because space may become free.
-    void WriteState() {
-        if (is_state_written_) return;
-        const quarn2::BackupToken token = TokenByEnv();
-        is_state_written_ = state_file_.Write(Myself(), StorageIdentity(token));
+    // Writes the state file if it is not written or the account has changed. When this fails on a
+    // full disk, the next call tries again, because space may become free.
+    void WriteState(const GlobalSizeControl& control) {
+        if (identity_.empty()) identity_ = StorageIdentity(TokenByEnv());
+        state_file_.Update(Myself(), identity_, FiguresOf(control));
     }
 
     // Takes the record lock, by which --server commands recognize that this server is ready.
@@ -133,7 +144,7 @@ class Daemon {
 
     // Serves until no --server command locks the lock file, until a termination signal arrives, or
     // until the system cannot lock the file.
-    void Serve(quarn2::Expect& loop, NodeSessions& nodes) {
+    void Serve(quarn2::Expect& loop, NodeSessions& nodes, const GlobalSizeControl& control) {
         lock_file_ = OpenLockFile(files_.lock);
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);
         while (!signal_->arrived()) {
@@ -141,7 +152,7 @@ class Daemon {
             if (is_alone_) return;
             if (errno != EAGAIN && errno != EINTR) return LogUnknownCallers(errno);
             const auto next = nodes.Attend(kro_date::SteadyClock::now());
-            WriteState();
+            WriteState(control);
             loop.Run(static_cast<int>(std::min(next, kMaxRun).count()));
         }
     }
@@ -174,7 +185,7 @@ class Daemon {
     kro_args::ResultPtr args_;
     ServerFiles files_;
     StateFile state_file_;
-    bool is_state_written_ = false;
+    std::string identity_;  // of the storage
     kro_file::Lock& pid_lock_;
     DaemonStart start_;
     std::string date_;

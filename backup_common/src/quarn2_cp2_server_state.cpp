@@ -1,10 +1,15 @@
 #include "quarn2_cp2_server_state.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <map>
 
 #include "kro/kro_date.h"
+#include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_log.h"
+#include "kro/kro_new_file.h"
 #include "kro/str.h"
 
 namespace {
@@ -17,15 +22,34 @@ constexpr mode_t kMode = 0600;
 StateFile::StateFile(const std::string& storage)
     : path_(str::Append("tmp/quarn2_cp.state", storage, "#")) {}
 
-bool StateFile::Write(const PidFile& server, const std::string& identity) {
-    const std::map<std::string, std::string> state = {
-        {"date", server.date},
-        {"key", server.key},
-        {"pid", server.pid},
-        {"storage", identity},
-        {"time", kro_date::DateTime::Now().AsDateTime()}};
+// The file describes a running process, so a power failure may lose it, and a write needs no sync.
+void StateFile::Replace(const std::string& text) const {
+    kro_file::NewFile file(path_, kMode);
+    ssize_t written = ::write(file.fd(), text.data(), text.size());
+    while (written < 0 && errno == EINTR) written = ::write(file.fd(), text.data(), text.size());
+    if (written != static_cast<ssize_t>(text.size())) {
+        throw kro_err::FromErrno("Failed to write '" + path_ + "'", written < 0 ? errno : ENOSPC);
+    }
+    file.Commit(kro_file::NewFile::Durability::kLater);
+}
+
+bool StateFile::Write(const PidFile& server, const std::string& identity,
+                      const StateFigures& figures) {
+    std::map<std::string, std::string> state = {{"date", server.date},
+                                                {"key", server.key},
+                                                {"max_count", str::Str(figures.max_count)},
+                                                {"pid", server.pid},
+                                                {"reserved", str::Str(figures.reserved)},
+                                                {"storage", identity},
+                                                {"time", kro_date::DateTime::Now().AsDateTime()},
+                                                {"unfinished", str::Str(figures.unfinished)},
+                                                {"used", str::Str(figures.used)}};
+    if (figures.limit) state["limit"] = str::Str(*figures.limit);
+    last_write_ = kro_date::SteadyClock::now();
+    written_.reset();
     try {
-        kro_file::Write(path_, str::Join(state, "\n"), kMode);
+        Replace(str::Join(state, "\n"));
+        written_ = figures;
         return true;
     } catch (const std::exception& error) {
         if (!has_failed_) {
@@ -37,6 +61,13 @@ bool StateFile::Write(const PidFile& server, const std::string& identity) {
         has_failed_ = true;
         return false;
     }
+}
+
+void StateFile::Update(const PidFile& server, const std::string& identity,
+                       const StateFigures& figures) {
+    if (written_ == figures) return;
+    if (written_ && kro_date::SteadyClock::now() - last_write_ < kPause) return;
+    Write(server, identity, figures);
 }
 
 std::map<std::string, std::string> StateFile::Read() const {

@@ -4,19 +4,41 @@
 // from those in the pid file.
 #pragma once
 
+#include <chrono>
+#include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
+#include "kro/kro_clock.h"
 #include "quarn2_cp2_server_start.h"
+
+// The account of the server, in bytes.
+struct StateFigures {
+    std::optional<std::int64_t> limit;  // nothing without a size limit
+    std::int64_t used = 0;
+    std::int64_t reserved = 0;
+    std::int64_t unfinished = 0;
+    std::int32_t max_count = 0;  // see GlobalSizeControl
+
+    bool operator==(const StateFigures&) const = default;
+};
 
 class StateFile {
   public:
+    // The time between two writes of a changed account.
+    static constexpr std::chrono::seconds kPause{1};
+
     // `storage`: the value of --storage.
     explicit StateFile(const std::string& storage);
 
-    // Writes pid, key, date and the storage's identity. When the file cannot be written, returns
-    // false. Logs the reason of the first failure.
-    bool Write(const PidFile& server, const std::string& identity);
+    // Writes pid, key, date, the storage's identity and the account. When the file cannot be
+    // written, returns false. Logs the reason of the first failure.
+    bool Write(const PidFile& server, const std::string& identity, const StateFigures& figures);
+
+    // Calls Write if the last one has failed, or if the account has changed since the last one and
+    // kPause has passed.
+    void Update(const PidFile& server, const std::string& identity, const StateFigures& figures);
 
     // The lines of the file, which may be those of an earlier server. Throws kro_err::Error when
     // the file is missing, or is not one of this user or root.
@@ -31,6 +53,10 @@ class StateFile {
     const std::string& path() const noexcept { return path_; }
 
   private:
+    void Replace(const std::string& text) const;
+
     std::string path_;
     bool has_failed_ = false;
+    std::optional<StateFigures> written_;  // nothing when the last write has failed
+    kro_date::SteadyClock::time_point last_write_;
 };

@@ -74,6 +74,11 @@ class RealBackups(ReportTest):
         self.put(DATE, "web1", "incremental", slices=1, base=f"F{day(-5)}.web1.tgz")
         self.put(DATE, "web2")
 
+    def settled_status(self, **options):
+        """Returns the status when the server has written its state file after the last completion."""
+        return wait_for(lambda: next((one for one in [self.status("--date", DATE, **options)] if one["reserved"] == 0), None),
+                        "a state file without reserved bytes")
+
     def check_files(self, date, expected):
         files = self.objects("--chain", "web1", date)
         self.assertEqual(expected, [file["name"] for file in files])
@@ -82,7 +87,7 @@ class RealBackups(ReportTest):
         return files
 
     def test_the_status_while_a_server_runs_and_afterwards(self):
-        before = self.status("--date", DATE)
+        before = self.settled_status()
         used = sum(map(self.stored_size, self.r.stored()))
         self.assertEqual({"status": "runs", "pid": str(self.server.daemon), "date": DATE,
                           "storage": "local://" + self.r.storage, "stale_state_file": None},
@@ -95,7 +100,10 @@ class RealBackups(ReportTest):
         self.assertEqual((2, 2, 2), (before["users"], before["backups"]["full"], before["backups"]["daily"]))
         self.assertEqual((day(-5), DATE), (before["oldest"], before["newest"]))
         self.assertEqual([], before["overdue"])
-        self.assertIsNone(before["reserved"])
+        self.assertEqual(0, before["reserved"])
+        self.assertEqual(["server-started", "stored", "completed"], [one["event"] for one in before["last_events"]])
+        unknown = {"has_data": False, "expected_days": None, "earliest_days": None, "latest_days": None}
+        self.assertEqual({"evictions": unknown, "refusals": unknown}, before["forecast"])
 
         self.assertEqual(0, self.server.end())
         after = self.status("--date", DATE)
@@ -146,7 +154,9 @@ class RealBackups(ReportTest):
         unfinished, = [one for one in self.objects("--list", "--date", DATE) if one["user"] == "web3"]
         self.assertEqual(("unfinished", 70, f"F{day(1)}.web3", None),
                          tuple(unfinished[key] for key in ("state", "size", "archive", "info")))
-        found = self.status("--date", DATE, status=3)  # web3 has no complete backup
+        # web3 has no complete backup. The reservation is for its slice.
+        found = wait_for(lambda: next((one for one in [self.status("--date", DATE, status=3)] if one["reserved"] == 70), None),
+                         "a state file with the reserved bytes of the slice")
         self.assertEqual((70, 1), (found["unfinished"], found["backups"]["unfinished"]))
         self.assertEqual(1000000 - found["used"] - 70, found["free"])
         self.assertEqual(["web3"], [one["user"] for one in found["overdue"]])
@@ -232,7 +242,7 @@ class Findings(ReportTest):
         self.assertEqual(3, status)
         self.assertEqual(f"quarn2_report: finding: user 'web2' is overdue: the newest complete backup is of {day(-2)}, "
                          "47 hours old; the limit is 26 hours\n", err)
-        self.assertRegex(out, r"overdue users +1\n")
+        self.assertRegex(out, r"overdue users +1: web2\n")
         self.assertEqual([], self.status("--date", DATE, "--max-age", "47")["overdue"])
         # Without --date, the age counts up to now.
         self.assertEqual(2, len(self.status("--max-age", "1", status=3)["overdue"]))

@@ -338,10 +338,10 @@ TEST_F(Start, AServerWhoseStateIsMissingOrOfAnotherStartIsJoinedWithALine) {
 TEST_F(Start, TheStateFileSaysWhichStorageTheStartServes) {
     StateFile state("web1");
     const PidFile server{"123", "2026-11-20", "key=", "0\n0\n"};
-    ASSERT_TRUE(state.Write(server, "s3://host/bucket"));
+    ASSERT_TRUE(state.Write(server, "s3://host/bucket", {900, 500, 70, 30, 4}));
     EXPECT_EQ(local_files::Load("tmp/quarn2_cp.state#web1"),
-              "date=2026-11-20\nkey=key=\npid=123\nstorage=s3://host/bucket\n"
-              "time=2026-11-20 12:00:00");
+              "date=2026-11-20\nkey=key=\nlimit=900\nmax_count=4\npid=123\nreserved=70\n"
+              "storage=s3://host/bucket\ntime=2026-11-20 12:00:00\nunfinished=30\nused=500");
     struct stat status {};
     ASSERT_EQ(stat(state.path().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 07777, 0600U);
@@ -350,9 +350,38 @@ TEST_F(Start, TheStateFileSaysWhichStorageTheStartServes) {
     std::filesystem::remove(state.path());
     std::filesystem::create_directory(state.path());
     ClearLog();
-    EXPECT_FALSE(state.Write(server, "x"));
-    EXPECT_FALSE(state.Write(server, "x"));
+    EXPECT_FALSE(state.Write(server, "x", {}));
+    EXPECT_FALSE(state.Write(server, "x", {}));
     EXPECT_EQ(Log(4).size(), 1U) << "one line, not one each second";
+}
+
+StateFigures Reserved(std::int64_t bytes) {
+    StateFigures figures;
+    figures.reserved = bytes;
+    return figures;
+}
+
+TEST_F(Start, TheStateFileIsReplacedWhenTheAccountChangesAndASecondHasPassed) {
+    StateFile state("");
+    const PidFile server{"123", "2026-11-20", "key=", "0\n0\n"};
+    const auto reserved = [&] { return state.Read()["reserved"]; };
+    state.Update(server, "x", Reserved(1));
+    EXPECT_EQ(reserved(), "1");
+    fake_clock::Pass(400);
+    state.Update(server, "x", Reserved(2));
+    EXPECT_EQ(reserved(), "1");
+    fake_clock::Pass(1000);
+    state.Update(server, "x", Reserved(2));
+    EXPECT_EQ(reserved(), "2");
+    fake_clock::Pass(5000);
+    state.Update(server, "x", Reserved(2));
+    EXPECT_EQ(state.Read()["time"], "2026-11-20 12:00:01") << "nothing has changed";
+    std::filesystem::remove(state.path());
+    std::filesystem::create_directory(state.path());
+    state.Update(server, "x", Reserved(3));
+    std::filesystem::remove(state.path());
+    state.Update(server, "x", Reserved(3));
+    EXPECT_EQ(reserved(), "3") << "a write that failed is repeated at once";
 }
 
 TEST_F(Start, TheIdentityOfAStorageOfATable) {

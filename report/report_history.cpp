@@ -1,0 +1,58 @@
+#include "report_history.h"
+
+#include <algorithm>
+
+#include "kro/kro_err.h"
+#include "quarn2_cp2_event_log.h"
+#include "report_site.h"
+
+void EventSummary::Add(const Event& event) {
+    last_[event.kind] = event;
+    sums_.Add(event);
+    switch (event.kind) {
+        case EventKind::kCompleted:
+            refused_.erase(event.user);
+            break;
+        case EventKind::kRefused:
+        case EventKind::kAbandoned:
+            refused_[event.user] = event;
+            break;
+        case EventKind::kDeletionFailed:
+            failed_[{event.user, event.date}] = event;
+            break;
+        case EventKind::kDeleted:
+            failed_.erase({event.user, event.date});
+            break;
+        default:
+            break;
+    }
+}
+
+std::vector<Event> EventSummary::LastEvents() const {
+    std::vector<Event> events;
+    for (const auto& [kind, event] : last_) events.push_back(event);
+    std::stable_sort(events.begin(), events.end(),
+                     [](const Event& a, const Event& b) { return a.time < b.time; });
+    return events;
+}
+
+std::vector<DaySums> EventSummary::DaysBefore(int day) const {
+    std::vector<DaySums> days = sums_.Days();
+    std::erase_if(days, [day](const DaySums& sums) { return sums.day >= day; });
+    return days;
+}
+
+EventSummary ReadEventSummary(Site& site) {
+    EventSummary summary;
+    const EventFilter filter{"", site.options.user, site.options.storage};
+    try {
+        ReadEvents(
+            kEventsPath, filter, [&summary](const Event& event) { summary.Add(event); },
+            [&site](const BrokenLine& line) {
+                if (line.number == 0) site.output.Find("events file: " + line.reason);
+            });
+    } catch (const kro_err::Error& error) {
+        site.output.Find("events file: " + std::string(error.what()));
+    }
+    return summary;
+}

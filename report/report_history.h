@@ -1,0 +1,42 @@
+// Conclusions from the events of one storage. EventSummary only processes data.
+#pragma once
+
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "quarn2_cp2_event.h"
+#include "quarn2_cp2_forecast.h"
+
+struct Site;
+
+// Adds up events one by one, in the order in which they were written. Needs memory for each user
+// and each day.
+class EventSummary {
+  public:
+    void Add(const Event& event);
+
+    // The last event of each kind, the oldest first.
+    std::vector<Event> LastEvents() const;
+
+    // The days with events before this day, the earliest first.
+    std::vector<DaySums> DaysBefore(int day) const;
+
+    // The last refused or abandoned upload of each user that has completed no backup since.
+    const std::map<std::string, Event>& refused() const noexcept { return refused_; }
+
+    // The last failed deletion of each backup that was not deleted since, by user and date.
+    using Backup = std::pair<std::string, std::string>;
+    const std::map<Backup, Event>& failed_deletions() const noexcept { return failed_; }
+
+  private:
+    std::map<EventKind, Event> last_;
+    std::map<std::string, Event> refused_;
+    std::map<Backup, Event> failed_;
+    DailySums sums_;
+};
+
+// Reads the events of the site's storage and user. Records a finding when the file cannot be read.
+// Skips lines that are no events.
+EventSummary ReadEventSummary(Site& site);
