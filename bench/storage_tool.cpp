@@ -1,5 +1,7 @@
 // Runs many operations on one storage object, as a rescan, an eviction and a node client do:
-//   BACKUP_TOKEN=... bench_storage put DIRECTORY | get DIRECTORY | list | remove | clear
+//   BACKUP_TOKEN=... bench_storage put DIRECTORY | get DIRECTORY | get-each DIRECTORY | list |
+//                                  remove | remove-each | clear
+// get-each and remove-each run one operation after another.
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -32,8 +34,25 @@ std::size_t Put(quarn2::Storage& storage, const std::string& directory) {
     return count;
 }
 
+void ThrowFirst(const std::vector<quarn2::FileError>& errors) {
+    for (const quarn2::FileError& error : errors) {
+        if (error) throw kro_err::Error(*error);
+    }
+}
+
 // Downloads all files like a rescan: syncs the file system once at the end, not each file.
 std::size_t Get(quarn2::Storage& storage, const std::string& directory) {
+    storage.DeferSync(true);
+    std::vector<quarn2::FileDownload> files;
+    for (const std::string& name : Names(storage)) {
+        files.push_back({name, kro_file::ConcatPath(directory, name)});
+    }
+    ThrowFirst(storage.DownloadMany(files));
+    kro_file::SyncFileSystem(directory);
+    return files.size();
+}
+
+std::size_t GetEach(quarn2::Storage& storage, const std::string& directory) {
     storage.DeferSync(true);
     const std::vector<std::string> names = Names(storage);
     for (const std::string& name : names) {
@@ -48,6 +67,12 @@ std::size_t List(quarn2::Storage& storage, const std::string& /*directory*/) {
 }
 
 std::size_t Remove(quarn2::Storage& storage, const std::string& /*directory*/) {
+    const std::vector<std::string> names = Names(storage);
+    ThrowFirst(storage.RemoveMany(names));
+    return names.size();
+}
+
+std::size_t RemoveEach(quarn2::Storage& storage, const std::string& /*directory*/) {
     const std::vector<std::string> names = Names(storage);
     for (const std::string& name : names) storage.RemoveFile(name);
     return names.size();
@@ -64,11 +89,10 @@ struct Command {
 };
 
 const std::map<std::string, Command>& Commands() {
-    static const std::map<std::string, Command> commands = {{"put", {Put, true}},
-                                                            {"get", {Get, true}},
-                                                            {"list", {List}},
-                                                            {"remove", {Remove}},
-                                                            {"clear", {Clear}}};
+    static const std::map<std::string, Command> commands = {
+        {"put", {Put, true}}, {"get", {Get, true}}, {"get-each", {GetEach, true}},
+        {"list", {List}},     {"remove", {Remove}}, {"remove-each", {RemoveEach}},
+        {"clear", {Clear}}};
     return commands;
 }
 
@@ -80,8 +104,8 @@ int main(int argc, char** argv) {
     if (command == Commands().end() || argc != (command->second.takes_directory ? 3 : 2) ||
         token == nullptr) {
         std::fputs(
-            "usage: BACKUP_TOKEN=... bench_storage put DIRECTORY | get DIRECTORY | list | remove | "
-            "clear\n",
+            "usage: BACKUP_TOKEN=... bench_storage put DIRECTORY | get DIRECTORY | "
+            "get-each DIRECTORY | list | remove | remove-each | clear\n",
             stderr);
         return 2;
     }

@@ -29,9 +29,12 @@ class Ours(Peer):
     def environment(self, password=None):
         return {"BACKUP_TOKEN": self.site.token(password)}
 
+    def rescan(self, names, folder):
+        return None
+
 
 class Library(Ours):
-    """Runs many operations on one storage object, as a rescan, an eviction and a node client do."""
+    """Runs the operations on many files of one storage object, as a rescan and an eviction do."""
 
     name = "library"
 
@@ -53,6 +56,27 @@ class Library(Ours):
 
     def remove_all(self):
         return self.command("clear")
+
+
+class OneByOne(Library):
+    """Runs one operation after another on one storage object, like a node client."""
+
+    name = "one by one"
+
+    def up_many(self, folder):
+        return None
+
+    def down_many(self, names, folder):
+        return self.command("get-each", folder)
+
+    def list(self):
+        return None
+
+    def remove_each(self, names):
+        return self.command("remove-each")
+
+    def remove_all(self):
+        return None
 
 
 class Program(Ours):
@@ -87,6 +111,15 @@ class Program(Ours):
 
     def remove_all(self):
         return Command([self.program, "--clear"], self.environment())
+
+    def rescan(self, names, folder):
+        # Standard input is empty, so that the command ends immediately after the rescan.
+        self.wait_for_end()
+        return Command([self.program, "--server", "--rescan", "--path", folder, "--count-limit",
+                        "0:100000"], self.rescan_environment())
+
+    def rescan_environment(self):
+        return self.environment()
 
     # --- Many files: slices of one backup ---
 
@@ -134,6 +167,26 @@ class Program(Ours):
             server.stdin.close()
             server.stdout.close()
             server.wait(START_SECONDS)
-            end = time.monotonic() + START_SECONDS
-            while os.path.exists(pid_file) and time.monotonic() < end:
-                time.sleep(0.05)
+            self.wait_for_end()
+
+    def wait_for_end(self):
+        """Waits until the server of an earlier command has ended."""
+        pid_file = os.path.join(self.root, "var/quarn2_cp.pid")
+        end = time.monotonic() + START_SECONDS
+        while os.path.exists(pid_file) and time.monotonic() < end:
+            time.sleep(0.05)
+
+
+class OneRequest(Program):
+    """The program with one request at a time."""
+
+    name = "parallel=1"
+
+    def rescan_environment(self):
+        token = self.site.token()
+        return {"BACKUP_TOKEN": token + ("&" if "?" in token else "?") + "parallel=1"}
+
+    def up(self, local, name, password=None):
+        return None
+
+    down = sealed_up = sealed_down = up_many = remove_all = lambda self, *arguments: None

@@ -36,6 +36,10 @@ class Peer:
     def down_many(self, names, folder):
         """Downloads all files of the storage."""
 
+    def rescan(self, names, folder):
+        """Downloads the info files and the indexes of many backups, which is all that the storage has."""
+        return self.down_many(names, folder)
+
     def list(self):
         """Lists the names on the storage."""
 

@@ -95,7 +95,7 @@ class Site:
     def empty(self):
         raise NotImplementedError
 
-    def fill(self, names):
+    def fill(self, names, content="x"):
         """Creates a small file for each name on the empty storage."""
         raise NotImplementedError
 
@@ -130,11 +130,11 @@ class Served(Site):
         os.mkdir(self.data)
         os.chown(self.data, *self.owner)
 
-    def fill(self, names):
+    def fill(self, names, content="x"):
         for name in names:
             path = os.path.join(self.data, name)
             with open(path, "w", encoding="ascii") as file:
-                file.write("x")
+                file.write(content)
                 os.fchown(file.fileno(), *self.owner)
 
     def count(self):
@@ -252,13 +252,13 @@ class S3(Site):
     def empty(self):
         self.helper("delete", "r:" + FOLDER)
 
-    def fill(self, names):
+    def fill(self, names, content="x"):
         folder = self.file("tmp/names")
         shutil.rmtree(folder, ignore_errors=True)
         os.mkdir(folder)
         for name in names:
             with open(os.path.join(folder, name), "w", encoding="ascii") as file:
-                file.write("x")
+                file.write(content)
         self.helper("copy", "--no-check-dest", folder, "r:" + FOLDER)
 
     def count(self):

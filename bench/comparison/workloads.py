@@ -11,10 +11,11 @@ MIB = 1 << 20
 
 
 class Sizes:
-    def __init__(self, big, files, names, rounds):
+    def __init__(self, big, files, names, backups, rounds):
         self.big = big  # bytes of the large file
         self.files = files  # number of files of 64 KiB
         self.names = names
+        self.backups = backups  # number of backups in a rescan
         self.rounds = rounds
 
 
@@ -212,4 +213,27 @@ class Bench:
                 raise cost.Failed(f"{left} names are left")
 
 
-KINDS = ("big", "sealed", "many", "names")
+    # --- A rescan ---
+
+    def rescan(self):
+        names = []
+        for number in range(self.sizes.backups):
+            names += [f"2026-03-01.user{number:06}.info", f"2026-03-01.user{number:06}.1.dar"]
+        self.site.empty()
+        self.site.fill(names, "last-slice=archive.1.dar")
+        self.run([f"{self.sizes.backups} backups rescanned"],
+                 lambda tool: self.rescan_steps(tool, names), 1)
+        self.site.empty()
+
+    def rescan_steps(self, tool, names):
+        with self.target() as folder:
+            command = tool.rescan(names, folder)
+            if command:
+                command = self.durable(tool, command, folder, whole=True)
+                yield 0, self.meter.measure(command)
+                left = set(names) - set(os.listdir(folder))
+                if left:
+                    raise cost.Failed(f"{len(left)} files are missing")
+
+
+KINDS = ("big", "sealed", "many", "names", "rescan")
