@@ -186,6 +186,22 @@ TEST_F(RescanFault, ADateThatCannotBeListedIsLeftAsItIs) {
     EXPECT_EQ(Log(4), (Lines{line, line, line, line, Missing(1)}));
 }
 
+TEST_F(RescanFault, SeveralRequestsAtTheSameTimeReadTheSame) {
+    for (int i = 100; i < 400; ++i) StoreFlat("2026-11-20.flat" + std::to_string(i));
+    for (int i = 100; i < 140; ++i) StoreDated("user" + std::to_string(i), "2026-11-20");
+    Place(InfoRoot("user100/2026-11-19/gone.info"), "gone");
+    Run();
+    const Lines expected = InfoRoot();
+    EXPECT_EQ(expected.size(), 300U * 2 + 40U * 4);
+    std::filesystem::remove_all(kRoot);
+    std::filesystem::create_directories(kRoot);
+    setenv("BACKUP_TOKEN", "memory:site?parallel=8", 1);
+    Run();
+    EXPECT_EQ(InfoRoot(), expected);
+    EXPECT_EQ(Local("user139/2026-11-20/2026-11-20.user139.tgz"), "index of 2026-11-20.user139");
+    EXPECT_EQ(Log(4), Lines());
+}
+
 // --- Hostile listings ---
 
 TEST_F(RescanFault, HostileNamesTouchNothingOutsideTheInfoRoot) {
