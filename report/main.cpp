@@ -2,10 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <exception>
 #include <map>
 #include <string>
+#include <string_view>
 
 #include "kro/kro_args.h"
 #include "kro/kro_env.h"
@@ -35,11 +37,9 @@ int Run(int argc, char** argv) {
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
     const Options options = ParseOptions(argc, argv);
     EnterInstallRoot();
-    static const std::map<std::string, void (*)(Site&)> modes = {{"status", RunStatus},
-                                                                 {"list", RunList},
-                                                                 {"chain", RunChain},
-                                                                 {"history", RunHistory},
-                                                                 {"plan", RunPlan}};
+    static const std::map<std::string, void (*)(Site&)> modes = {
+        {"status", RunStatus},   {"list", RunList}, {"chain", RunChain},
+        {"history", RunHistory}, {"plan", RunPlan}, {"check", RunCheck}};
     Site site(options);
     try {
         modes.at(options.mode)(site);
@@ -48,6 +48,14 @@ int Run(int argc, char** argv) {
         throw;
     }
     return site.output.Finish();
+}
+
+// The exit status of a command line that cannot be used. A monitoring system takes 2 for a critical
+// problem of the backups.
+int UsageStatus(int argc, char** argv) {
+    constexpr int kUnknown = 3;
+    const auto is_check = [](const char* word) { return std::string_view(word) == "--check"; };
+    return std::any_of(argv, argv + argc, is_check) ? kUnknown : kUsage;
 }
 
 void PrintError(const std::exception& error) {
@@ -64,7 +72,7 @@ int main(int argc, char** argv) {
     } catch (const kro_args::UsageError& error) {
         PrintError(error);
         std::fprintf(stderr, "Try '%s --help'.\n", kProgram);
-        return kUsage;
+        return UsageStatus(argc, argv);
     } catch (const std::exception& error) {
         PrintError(error);
         return kFailed;

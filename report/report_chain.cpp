@@ -111,6 +111,22 @@ std::vector<UserBackups> GroupByUser(std::vector<Backup> backups) {
     return groups;
 }
 
+std::vector<Backup> NotRestorable(const UserBackups& user) {
+    std::vector<Backup> broken;
+    std::string full;
+    for (const Chain& chain : user.chains) {
+        for (const Backup& backup : chain.backups) {
+            if (backup.is_marked_deleted) continue;
+            const std::string name = "F" + backup.date + "." + backup.user;
+            if (backup.is_full) full = name;
+            const bool has_base = !backup.base.empty();
+            const bool is_broken = full.empty() || (has_base && Archive(backup.base) != full);
+            if (!backup.is_full && is_broken) broken.push_back(backup);
+        }
+    }
+    return broken;
+}
+
 Restore FindRestore(std::vector<Backup> backups, const std::string& date) {
     SortByDate(backups);
     if (date == "custom") {

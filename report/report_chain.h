@@ -23,6 +23,10 @@ struct UserBackups {
 // complete full backup before it.
 std::vector<UserBackups> GroupByUser(std::vector<Backup> backups);
 
+// The dailies that cannot be restored, because the full backup on which they rest is missing.
+// Leaves out backups that another program has marked as deleted.
+std::vector<Backup> NotRestorable(const UserBackups& user);
+
 // The backups to restore for a day, in order, or the reason why it cannot be restored. A reason
 // names the nearest days that can be restored, if there are any.
 struct Restore {

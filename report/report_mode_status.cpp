@@ -26,11 +26,6 @@ struct Status {
     Forecast refusals;
 };
 
-kro_date::DateTime ReferenceTime(const Options& options) {
-    if (options.date.empty()) return kro_date::DateTime::Now();
-    return kro_date::DateTime(options.date + " 00:00:00");
-}
-
 void ReadHistory(Site& site, Status& status) {
     const EventSummary summary = ReadEventSummary(site);
     status.last_events = summary.LastEvents();

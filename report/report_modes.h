@@ -7,6 +7,9 @@ void RunStatus(Site& site);
 void RunList(Site& site);
 void RunHistory(Site& site);
 
+// Sets the exit status of a monitoring plugin and does not throw for a state that cannot be read.
+void RunCheck(Site& site);
+
 // Throws std::runtime_error when the limits, or the size of the upload, are unknown.
 void RunPlan(Site& site);
 

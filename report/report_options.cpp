@@ -37,6 +37,12 @@ void DeclareOptions(kro_args::Args& args) {
             .AddOption("for", kNoLetter, "USER:full or USER:daily: the next backup of this user, of its usual size or "
                                          "of --bytes").SetParam()
             .Last()
+        .AddOption("check", kNoLetter, "one line and the exit status of a monitoring plugin")
+            .SetGroup(mode)
+            .AddSuboption("max-age", kNoLetter, "hours after which a user without a new backup is overdue")
+                .SetDefault(str::Str(Options::kDefaultMaxAgeHours))
+            .AddOption("min-days", kNoLetter, "days of backups that the size limit must keep").SetParam()
+            .Last()
         .AddOption("path", 'P', "local storage path").SetDefault(kDefaultInfoRoot)
         .AddOption("storage", 'U', "user individual storage").SetParam()
         .AddOption("size-limit", 'S', "maximum storage size to use; by default that of the running server").SetParam()
@@ -55,15 +61,16 @@ void DeclareOptions(kro_args::Args& args) {
                                expected);
 }
 
-int ParseHours(const std::string& text) {
-    int hours = 0;
+// A number above 0. `expected` describes it.
+int ParsePositive(const std::string& option, const std::string& text, const char* expected) {
+    int number = 0;
     try {
-        hours = str::Int(text);
+        number = str::Int(text);
     } catch (const kro_err::Error&) {
-        hours = 0;
+        number = 0;
     }
-    if (hours <= 0) ThrowInvalid("max-age", text, "a number of hours above 0");
-    return hours;
+    if (number <= 0) ThrowInvalid(option, text, expected);
+    return number;
 }
 
 std::optional<std::int64_t> ParseBytes(const std::string& text) {
@@ -92,7 +99,8 @@ void ParseFor(Options& options, const std::string& text) {
 
 void CheckArguments(const Options& options, const kro_args::Result& args) {
     if (options.mode.empty())
-        throw kro_args::UsageError("give one of --status, --list, --chain, --history and --plan");
+        throw kro_args::UsageError(
+            "give one of --status, --list, --chain, --history, --plan and --check");
     if (!options.date.empty() && !kro_date::IsDate(options.date)) {
         ThrowInvalid("date", options.date, "YYYY-MM-DD");
     }
@@ -140,7 +148,9 @@ Options ParseOptions(int argc, char** argv) {
         "Tovarn backup storage report\n"
         "Shows what the info files, the ledger and the events say about the stored backups. Writes "
         "nothing, asks no storage and needs no token.\n"
-        "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error)");
+        "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error). With "
+        "--check: "
+        "0 ok, 1 warning, 2 critical, 3 unknown");
     DeclareOptions(args);
     args.Parse(argc, words.data());
     Options options;
@@ -156,7 +166,12 @@ Options ParseOptions(int argc, char** argv) {
     ParseFor(options, args->Param("for"));
     options.is_json = args->Has("json");
     options.is_anonymous = args->Has("anonymous");
-    options.max_age_hours = ParseHours(args->Param("max-age"));
+    options.max_age_hours =
+        ParsePositive("max-age", args->Param("max-age"), "a number of hours above 0");
+    if (args->Has("min-days")) {
+        options.min_days =
+            ParsePositive("min-days", args->Param("min-days"), "a number of days above 0");
+    }
     CheckArguments(options, *args.GetResult());
     TakeChainArguments(options, *args.GetResult());
     return options;

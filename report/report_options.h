@@ -9,7 +9,7 @@
 struct Options {
     static constexpr int kDefaultMaxAgeHours = 26;
 
-    std::string mode;         // "status", "list", "chain", "history" or "plan"
+    std::string mode;         // "status", "list", "chain", "history", "plan" or "check"
     std::string path;         // the info root
     std::string storage;      // empty: the common storage
     std::string size_limit;   // empty when the option was not given
@@ -19,7 +19,8 @@ struct Options {
     bool is_json = false;
     bool is_anonymous = false;
     int max_age_hours = kDefaultMaxAgeHours;
-    std::string since;                  // the first local day of --history; empty: all days
+    int min_days = 0;   // the days that --check expects the limit to keep; 0: any number
+    std::string since;  // the first local day of --history; empty: all days
     std::optional<std::int64_t> bytes;  // the size of the upload of --plan
     std::string for_user;               // the user of the planned backup; empty: none
     bool is_for_full = false;           // the planned backup is a full one

@@ -32,5 +32,5 @@ int Output::Finish() const {
     for (const std::string& finding : findings_) {
         std::fprintf(stderr, "quarn2_report: finding: %s\n", finding.c_str());
     }
-    return findings_.empty() ? kFine : kFindings;
+    return status_.value_or(findings_.empty() ? kFine : kFindings);
 }

@@ -1,6 +1,7 @@
 // The output of all modes: lines on standard output, findings on standard error.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,11 +20,17 @@ class Output {
     // right. `text` is escaped here.
     void Find(const std::string& text);
 
+    const std::vector<std::string>& findings() const noexcept { return findings_; }
+
+    // Replaces the exit status that depends on the findings.
+    void SetStatus(int status) noexcept { status_ = status; }
+
     // Flushes standard output and then writes the findings to standard error. Returns the exit
-    // status: 3 with findings, else 0. Throws kro_err::Error when standard output cannot be
-    // written.
+    // status: that of SetStatus, else 3 with findings and 0 without. Throws kro_err::Error when
+    // standard output cannot be written.
     int Finish() const;
 
   private:
     std::vector<std::string> findings_;
+    std::optional<int> status_;
 };

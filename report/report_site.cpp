@@ -142,6 +142,11 @@ KnownLimits ChooseLimits(const Options& options, const ServerReport& server) {
     return known;
 }
 
+kro_date::DateTime ReferenceTime(const Options& options) {
+    if (options.date.empty()) return kro_date::DateTime::Now();
+    return kro_date::DateTime(options.date + " 00:00:00");
+}
+
 bool IsBroken(const LedgerEntry& entry, const std::string& text) {
     return !text.empty() && entry.slices.empty() && entry.info.empty();
 }

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "kro/kro_date.h"
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_server_model.h"
 #include "report_backup.h"
@@ -49,6 +50,9 @@ struct KnownLimits {
     const char* source = "";  // of the size limit: "options" or "server"
 };
 KnownLimits ChooseLimits(const Options& options, const ServerReport& server);
+
+// The time at which ages are counted: the beginning of the reference date, or now.
+kro_date::DateTime ReferenceTime(const Options& options);
 
 // True for an entry file whose text is not that of an entry.
 bool IsBroken(const LedgerEntry& entry, const std::string& text);

@@ -48,7 +48,7 @@ TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
         const char* fault;
     };
     const Case cases[] = {
-        {{}, "give one of --status, --list, --chain, --history and --plan"},
+        {{}, "give one of --status, --list, --chain, --history, --plan and --check"},
         {{"--list", "--status"}, "--list and --status cannot be given together"},
         {{"--list", "x"}, "--list takes no arguments"},
         {{"--chain", "web1"}, "--chain needs USER and DATE"},
@@ -56,7 +56,8 @@ TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
          "--chain web1 '2026-13-01': expected YYYY-MM-DD or custom"},
         {{"--chain", "", "2026-11-01"}, "--chain needs the name of a user"},
         {{"--chain", "--user", "a", "web1", "2026-11-01"}, "--chain takes the user as an argument"},
-        {{"--list", "--max-age", "3"}, "--max-age belongs to --status and must stand after it"},
+        {{"--list", "--max-age", "3"},
+         "--max-age belongs to --status and --check and must stand after one of them"},
         {{"--status", "--max-age", "0"},
          "--max-age '0' cannot be used: expected a number of hours above 0"},
         {{"--status", "--date", "today"}, "--date 'today' cannot be used: expected YYYY-MM-DD"},
