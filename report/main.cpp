@@ -1,4 +1,5 @@
-// quarn2_report: shows what is stored. Writes nothing, asks no storage and takes no lock.
+// quarn2_report: shows what is stored. Writes nothing and takes no lock. Only --verify asks the
+// storage.
 
 #include <unistd.h>
 
@@ -38,8 +39,8 @@ int Run(int argc, char** argv) {
     const Options options = ParseOptions(argc, argv);
     EnterInstallRoot();
     static const std::map<std::string, void (*)(Site&)> modes = {
-        {"status", RunStatus},   {"list", RunList}, {"chain", RunChain},
-        {"history", RunHistory}, {"plan", RunPlan}, {"check", RunCheck}};
+        {"status", RunStatus}, {"list", RunList},   {"chain", RunChain},  {"history", RunHistory},
+        {"plan", RunPlan},     {"check", RunCheck}, {"verify", RunVerify}};
     Site site(options);
     try {
         modes.at(options.mode)(site);

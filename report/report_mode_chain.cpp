@@ -20,21 +20,6 @@ struct Part {
     std::vector<StoredFile> files;
 };
 
-LocalFiles FindLocalFiles(const std::string& info_path) {
-    constexpr std::string_view kInfo = ".info";
-    LocalFiles local;
-    local.info_name = quarn2::GetStoredName(info_path);
-    const std::string stem = info_path.substr(0, info_path.size() - kInfo.size());
-    for (const char* ending : {".1.dar", ".tgz", ".tgz.aes"}) {
-        const std::string index = stem + ending;
-        if (!kro_file::Exists(index)) continue;
-        local.index_name = quarn2::GetStoredName(index);
-        local.index_size = kro_file::Size(index);
-        break;
-    }
-    return local;
-}
-
 [[noreturn]] void ThrowFault(const Site& site, const std::string& fault) {
     const std::string& user = site.options.user;
     throw std::runtime_error("user '" + site.names.User(user) + "': " + site.names.In(fault, user));

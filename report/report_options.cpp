@@ -43,6 +43,12 @@ void DeclareOptions(kro_args::Args& args) {
                 .SetDefault(str::Str(Options::kDefaultMaxAgeHours))
             .AddOption("min-days", kNoLetter, "days of backups that the size limit must keep").SetParam()
             .Last()
+        .AddOption("verify", kNoLetter, "ask the storage of BACKUP_TOKEN whether it has the files of the backups")
+            .SetGroup(mode)
+            .AddSuboption("content", kNoLetter, "download the files of this percentage of the backups").SetParam()
+            .AddOption("seed", kNoLetter, "repeat the choice of an earlier --content").SetParam()
+            .AddOption("orphans", kNoLetter, "look for stored files that no info file names")
+            .Last()
         .AddOption("path", 'P', "local storage path").SetDefault(kDefaultInfoRoot)
         .AddOption("storage", 'U', "user individual storage").SetParam()
         .AddOption("size-limit", 'S', "maximum storage size to use; by default that of the running server").SetParam()
@@ -100,7 +106,7 @@ void ParseFor(Options& options, const std::string& text) {
 void CheckArguments(const Options& options, const kro_args::Result& args) {
     if (options.mode.empty())
         throw kro_args::UsageError(
-            "give one of --status, --list, --chain, --history, --plan and --check");
+            "give one of --status, --list, --chain, --history, --plan, --check and --verify");
     if (!options.date.empty() && !kro_date::IsDate(options.date)) {
         ThrowInvalid("date", options.date, "YYYY-MM-DD");
     }
@@ -122,6 +128,21 @@ void CheckArguments(const Options& options, const kro_args::Result& args) {
     if (args.ArgsCount() == expected) return;
     throw kro_args::UsageError("--" + options.mode +
                                (expected == 0 ? " takes no arguments" : " needs USER and DATE"));
+}
+
+void TakeVerifyOptions(Options& options, const kro_args::Result& args) {
+    constexpr int kAll = 100;
+    const char* const expected = "a percentage from 1 to 100";
+    options.has_orphans = args.Has("orphans");
+    if (args.Has("content")) {
+        const std::string share = args.Param("content");
+        options.content_share = ParsePositive("content", share, expected);
+        if (options.content_share > kAll) ThrowInvalid("content", share, expected);
+    }
+    if (args.Has("seed")) {
+        const int seed = ParsePositive("seed", args.Param("seed"), "a number above 0");
+        options.seed = static_cast<unsigned>(seed);
+    }
 }
 
 void TakeChainArguments(Options& options, const kro_args::Result& args) {
@@ -147,10 +168,9 @@ Options ParseOptions(int argc, char** argv) {
     kro_args::Args args(
         "Tovarn backup storage report\n"
         "Shows what the info files, the ledger and the events say about the stored backups. Writes "
-        "nothing, asks no storage and needs no token.\n"
+        "nothing. Only --verify asks the storage and needs the token.\n"
         "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error). With "
-        "--check: "
-        "0 ok, 1 warning, 2 critical, 3 unknown");
+        "--check: 0 ok, 1 warning, 2 critical, 3 unknown");
     DeclareOptions(args);
     args.Parse(argc, words.data());
     Options options;
@@ -161,6 +181,7 @@ Options ParseOptions(int argc, char** argv) {
     options.count_limit = args->Param("count-limit");
     options.date = args->Param("date");
     options.user = args->Param("user");
+    TakeVerifyOptions(options, *args.GetResult());
     options.since = args->Param("since");
     options.bytes = ParseBytes(args->Param("bytes"));
     ParseFor(options, args->Param("for"));

@@ -147,6 +147,21 @@ kro_date::DateTime ReferenceTime(const Options& options) {
     return kro_date::DateTime(options.date + " 00:00:00");
 }
 
+LocalFiles FindLocalFiles(const std::string& info_path) {
+    constexpr std::string_view kInfo = ".info";
+    LocalFiles local;
+    local.info_name = quarn2::GetStoredName(info_path);
+    const std::string stem = info_path.substr(0, info_path.size() - kInfo.size());
+    for (const char* ending : {".1.dar", ".tgz", ".tgz.aes"}) {
+        const std::string index = stem + ending;
+        if (!kro_file::Exists(index)) continue;
+        local.index_name = quarn2::GetStoredName(index);
+        local.index_size = kro_file::Size(index);
+        break;
+    }
+    return local;
+}
+
 bool IsBroken(const LedgerEntry& entry, const std::string& text) {
     return !text.empty() && entry.slices.empty() && entry.info.empty();
 }

@@ -11,6 +11,7 @@
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_server_model.h"
 #include "report_backup.h"
+#include "report_files.h"
 #include "report_names.h"
 #include "report_options.h"
 #include "report_output.h"
@@ -53,6 +54,9 @@ KnownLimits ChooseLimits(const Options& options, const ServerReport& server);
 
 // The time at which ages are counted: the beginning of the reference date, or now.
 kro_date::DateTime ReferenceTime(const Options& options);
+
+// Looks for the index beside the info file.
+LocalFiles FindLocalFiles(const std::string& info_path);
 
 // True for an entry file whose text is not that of an entry.
 bool IsBroken(const LedgerEntry& entry, const std::string& text);

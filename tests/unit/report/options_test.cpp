@@ -48,7 +48,7 @@ TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
         const char* fault;
     };
     const Case cases[] = {
-        {{}, "give one of --status, --list, --chain, --history, --plan and --check"},
+        {{}, "give one of --status, --list, --chain, --history, --plan, --check and --verify"},
         {{"--list", "--status"}, "--list and --status cannot be given together"},
         {{"--list", "x"}, "--list takes no arguments"},
         {{"--chain", "web1"}, "--chain needs USER and DATE"},

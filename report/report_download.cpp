@@ -1,0 +1,78 @@
+#include "report_download.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <exception>
+
+#include "kro/kro_err.h"
+#include "kro/kro_file.h"
+#include "kro/str.h"
+
+namespace {
+
+constexpr const char* kParent = "tmp";
+constexpr std::string_view kBegin = "quarn2_report.";
+
+bool IsRunning(const std::string& pid) {
+    try {
+        return kill(str::Int(pid), 0) == 0 || errno != ESRCH;
+    } catch (const kro_err::Error&) {
+        return true;
+    }
+}
+
+void RemoveLeftovers() {
+    for (const std::string& name : kro_file::NamesIn(kParent)) {
+        if (!str::StartsWith(name, kBegin) || IsRunning(name.substr(kBegin.size()))) continue;
+        kro_file::Remove(kro_file::ConcatPath(kParent, name));
+    }
+}
+
+// Removes the local copy also when the download or a later step has failed.
+class LocalCopy {
+  public:
+    explicit LocalCopy(std::string path) : path_(std::move(path)) {}
+    ~LocalCopy() {
+        try {
+            kro_file::RemoveFile(path_);
+        } catch (const std::exception&) {
+            // The destructor of DownloadDirectory removes the file.
+            return;
+        }
+    }
+    LocalCopy(const LocalCopy&) = delete;
+    LocalCopy& operator=(const LocalCopy&) = delete;
+
+  private:
+    std::string path_;
+};
+
+}  // namespace
+
+DownloadDirectory::DownloadDirectory()
+    : path_(kro_file::ConcatPath(kParent, std::string(kBegin) + str::Str(getpid()))) {
+    constexpr mode_t kMode = 0700;
+    RemoveLeftovers();
+    kro_file::Remove(path_);
+    kro_file::MkDir(path_, kMode);
+}
+
+DownloadDirectory::~DownloadDirectory() {
+    try {
+        kro_file::Remove(path_);
+    } catch (const std::exception&) {
+        // The next check removes the directory.
+        return;
+    }
+}
+
+std::int64_t DownloadDirectory::Check(quarn2::Storage& storage, const std::string& name,
+                                      bool is_encrypted) const {
+    const std::string local = kro_file::ConcatPath(path_, kro_file::Name(name));
+    const LocalCopy copy(local);
+    storage.DeferSync(true);
+    storage.Download(name, local);
+    return is_encrypted ? storage.Size(local) : kro_file::Size(local);
+}
