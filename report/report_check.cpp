@@ -15,7 +15,7 @@ std::string ListText(const Names& names) {
     constexpr std::size_t kShown = 5;
     const Names shown(names.begin(),
                       names.begin() + static_cast<std::ptrdiff_t>(std::min(names.size(), kShown)));
-    const std::string text = str::Join(shown, ", ");
+    std::string text = str::Join(shown, ", ");
     if (names.size() <= kShown) return text;
     return text + " and " + str::Str(names.size() - kShown) + " more";
 }
