@@ -29,7 +29,7 @@ ARCH = f"?arch_password={SECRET}"
 MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/(var|etc)", "directory", 0o750),
     (r"root/tmp", "directory", 0o700),
-    (r"root/var/quarn2_cp\.(log|pid|lock)", "file", 0o600),
+    (r"root/var/quarn2_cp\.(log|pid|lock|events)", "file", 0o600),
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
     (r"root/tmp/(quarn2_cp\.state|\.quarn2_cp\.state\.part~)", "file", 0o600),
     (r"root/var/quarn2_cp\.removed", "directory", 0o700),

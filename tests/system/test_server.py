@@ -322,8 +322,10 @@ class Descriptors(SystemTest):
         root = self.root()
         server = Server(root, "--date", DATE).wait_ready()
         root.wait_log("Open control socket 'tmp/quarn2_cp.sock'", level=5)
+        events = root.file("var/quarn2_cp.events")
+        wait_for(lambda: events in descriptors(server.daemon).values(), "the daemon's first event")
         streams, rest = self.numbered(server.daemon, re.escape(server.pid_file),
-                                      re.escape(server.lock_file), r".*/var/quarn2_cp\.log",
+                                      re.escape(server.lock_file), r".*/var/quarn2_cp\.log", re.escape(events),
                                       r"anon_inode:\[signalfd\]")
         self.assertEqual(["/dev/null"] * 3, streams)
         # The daemon has its ends of three pipes: two of the master link, one for the client's standard error.
@@ -367,8 +369,12 @@ class Descriptors(SystemTest):
         def numbers():
             return len(descriptors(client)), len(descriptors(server.daemon))
 
-        before = numbers()
         path = write(os.path.join(root.work, "F2026-11-20.web1.tgz"), "data")
+        # The first upload's event opens the events file, which stays open.
+        self.assert_success(root.run("--put", path, "--no-delete"))
+        events = root.file("var/quarn2_cp.events")
+        wait_for(lambda: all(events in descriptors(pid).values() for pid in (client, server.daemon)), "the events files")
+        before = numbers()
         for _ in range(20):
             self.assert_success(root.run("--put", path, "--no-delete"))
         wait_for(lambda: numbers() == before, lambda: f"{before}, it is {numbers()}")
