@@ -47,6 +47,15 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
     void Serve(ScriptedHttpServer::Script script) {
         server_ = std::make_unique<ScriptedHttpServer>(std::move(script));
     }
+    // Answers every request with a listing that contains `head` and repeats `piece` without end.
+    void ListWithoutEnd(const std::string& head, const std::string& piece) {
+        Serve([head, piece](HttpExchange& exchange) {
+            exchange.Body();
+            const std::string status = std::to_string(GetParam().list_status);
+            exchange.WriteWithoutEnd(
+                "HTTP/1.1 " + status + " OK\r\n\r\n" + GetParam().list_head + head, piece);
+        });
+    }
     // The client's timeout in seconds: short for servers that fall silent, long for others, because
     // a busy machine can be slow.
     enum Timeout { kShort = 4, kLong = 20 };

@@ -1,4 +1,4 @@
-// Endless listings and responses, and responses that try to make the client read other data.
+// Responses without end, and responses that try to make the client read other data.
 #include "hostile_http.h"
 
 namespace {
@@ -8,28 +8,12 @@ using testing::HasSubstr;
 
 class HostileAnswer : public HostileHttp {
   protected:
-    // Answers every request with a listing that contains `head` and repeats `piece` without end.
-    void ListWithoutEnd(const std::string& head, const std::string& piece) {
-        Serve([head, piece](HttpExchange& exchange) {
-            exchange.Body();
-            const std::string status = std::to_string(GetParam().list_status);
-            exchange.WriteWithoutEnd(
-                "HTTP/1.1 " + status + " OK\r\n\r\n" + GetParam().list_head + head, piece);
-        });
-    }
     void AnswerAll(const std::string& body) {
         Serve([body](HttpExchange& exchange) { exchange.Answer(GetParam().list_status, body); });
     }
 };
 
 // --- XML ---
-
-TEST_P(HostileAnswer, OneListingWithoutEnd) {
-    const std::string name(60'000, 'n');
-    ListWithoutEnd("", "<Contents><Key>" + name + "</Key></Contents><response><href>/dir/" + name +
-                           "</href></response>");
-    EXPECT_THAT(ListError(), HasSubstr(": an endless listing"));
-}
 
 TEST_P(HostileAnswer, OneTextWithoutEnd) {
     ListWithoutEnd("<Contents><Key>", "name");
@@ -207,76 +191,5 @@ TEST_P(HostileAnswer, FileWithoutEnd) {
 
 INSTANTIATE_TEST_SUITE_P(S3, HostileAnswer, testing::Values(kS3));
 INSTANTIATE_TEST_SUITE_P(Webdav, HostileAnswer, testing::Values(kWebdav));
-
-// --- Pages of S3 ---
-
-class HostilePages : public HostileHttp {
-  protected:
-    static std::string Page(const std::string& keys, const std::string& next) {
-        return "<ListBucketResult>" + keys + "<NextContinuationToken>" + next +
-               "</NextContinuationToken></ListBucketResult>";
-    }
-    // Returns the errors of the operations that read page after page.
-    std::vector<std::string> Errors() {
-        const auto storage = Open();
-        std::vector<std::string> errors;
-        for (const Deed& deed : Deeds()) {
-            const std::string name = deed.name;
-            if (name != "list" && name != "remove directory" && name != "clear") continue;
-            const Bounds bounds;
-            errors.push_back(ErrorOf([&] { deed.run(*storage); }));
-        }
-        return errors;
-    }
-};
-
-TEST_P(HostilePages, TheSameAgain) {
-    Serve([](HttpExchange& exchange) {
-        if (exchange.target.find("uploads") != std::string::npos) {
-            return exchange.Answer(
-                200,
-                "<ListMultipartUploadsResult><Upload><Key>k</Key><UploadId>i</UploadId>"
-                "</Upload><IsTruncated>true</IsTruncated></ListMultipartUploadsResult>");
-        }
-        exchange.Answer(200, Page("", "again"));
-    });
-    EXPECT_THAT(Errors(), testing::Each(HasSubstr("the same page repeats")));
-}
-
-TEST_P(HostilePages, AlwaysAnother) {
-    Serve([](HttpExchange& exchange) {
-        exchange.Answer(200, Page("", "page" + std::to_string(exchange.number)));
-    });
-    EXPECT_THAT(ListError(), HasSubstr("an endless listing: too many pages"));
-}
-
-TEST_P(HostilePages, NamesOnAllOfThemTogether) {
-    std::string keys;
-    for (int i = 0; i < 10; ++i) {
-        keys += "<Contents><Key>" + std::string(900'000, 'n') + "</Key></Contents>";
-    }
-    Serve([&](HttpExchange& exchange) {
-        exchange.Answer(200, Page(keys, "page" + std::to_string(exchange.number)));
-    });
-    EXPECT_THAT(ListError(), HasSubstr("an endless listing, of more than"));
-}
-
-TEST_P(HostilePages, UploadsOnAllOfThemTogether) {
-    Serve([](HttpExchange& exchange) {
-        const std::string number = std::to_string(exchange.number);
-        std::string uploads;
-        for (int i = 0; i < 10; ++i) {
-            uploads += "<Upload><Key>" + std::string(900'000, 'n') + number +
-                       "</Key><UploadId>i</UploadId></Upload>";
-        }
-        exchange.Answer(200, "<ListMultipartUploadsResult>" + uploads +
-                                 "<IsTruncated>true</IsTruncated></ListMultipartUploadsResult>");
-    });
-    const auto storage = Open();
-    const Bounds bounds;
-    EXPECT_THAT(ErrorOf([&] { storage->Clear(); }), HasSubstr("an endless listing"));
-}
-
-INSTANTIATE_TEST_SUITE_P(S3, HostilePages, testing::Values(kS3));
 
 }  // namespace
