@@ -76,6 +76,7 @@ void RemoveNumbered(Removal& storage, const std::string& stem, int count,
         return;
     }
     std::vector<std::string> names;
+    names.reserve(static_cast<std::size_t>(std::max(count, 0)));
     for (int i = 0; i < count; ++i) {
         names.push_back(std::string(stem).append(str::Str(count - i)).append(ending));
     }

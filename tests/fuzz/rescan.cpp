@@ -58,6 +58,8 @@ class Hostile final : public quarn2::StorageBackend {
 void Register() {
     quarn2::BackendScheme scheme;
     scheme.scheme = "hostile";
+    // All requests read the same script.
+    scheme.default_parallel = 1;
     scheme.fault = [](const quarn2::BackupToken&) { return std::string(); };
     scheme.open = [](const quarn2::BackupToken&) { return std::make_unique<Hostile>(); };
     quarn2::RegisterScheme(std::move(scheme));
@@ -95,6 +97,7 @@ Names Below(const std::string& directory, const std::string& but) {
 Names WithoutOwn(Names names, const std::string& mark) {
     const std::string removed = "var/quarn2_cp.removed" + mark;
     names.erase("var/quarn2_cp.lock" + mark);
+    names.erase("var/quarn2_cp.events");
     std::erase_if(names, [&removed](const std::string& name) {
         return name == removed || str::StartsWith(name, removed + "/");
     });
