@@ -8,6 +8,7 @@
 
 #include "kro/kro_err.h"
 #include "quarn2_cp2_event.h"
+#include "removal_reason_names.h"
 
 namespace {
 
@@ -76,21 +77,10 @@ TEST(Event, HasANameForEachKindAndReason) {
         EXPECT_THAT(FormatEvent(event), testing::HasSubstr("\"event\":\"" + name + "\""));
         EXPECT_EQ(ParseEvent(FormatEvent(event)).kind, kind);
     }
-    const std::vector<std::pair<RemovalReason, std::string>> reasons = {
-        {RemovalReason::kCountDaily, "count-daily"},
-        {RemovalReason::kCountFull, "count-full"},
-        {RemovalReason::kSizeStart, "size-start"},
-        {RemovalReason::kSizeReserve, "size-reserve"},
-        {RemovalReason::kSizeDropOne, "size-dropone"},
-        {RemovalReason::kAsked, "asked"},
-        {RemovalReason::kDependant, "dependant"},
-        {RemovalReason::kIncomplete, "incomplete"},
-        {RemovalReason::kClear, "clear"},
-        {RemovalReason::kRescan, "rescan"},
-        {RemovalReason::kResumed, "resumed"}};
-    for (const auto& [reason, name] : reasons) {
+    for (const auto& [reason, name] : kRemovalReasonNames) {
         event.reason = reason;
-        EXPECT_THAT(FormatEvent(event), testing::HasSubstr("\"reason\":\"" + name + "\""));
+        EXPECT_THAT(FormatEvent(event),
+                    testing::HasSubstr("\"reason\":\"" + std::string(name) + "\""));
         EXPECT_EQ(ParseEvent(FormatEvent(event)).reason, reason);
     }
 }

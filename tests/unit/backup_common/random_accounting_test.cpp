@@ -7,6 +7,7 @@
 #include <random>
 
 #include "arguments.h"
+#include "dice.h"
 #include "kro/str.h"
 #include "program_site.h"
 #include "quarn2_cp2_server_model.h"
@@ -27,16 +28,6 @@ constexpr int kWorldsPerSeed = 6;
 constexpr int kStepsPerWorld = 40;
 
 using Snapshot = std::vector<User>;
-
-class Dice {
-  public:
-    explicit Dice(unsigned seed) : engine_(seed) {}
-    int Number(int from, int to) { return std::uniform_int_distribution<int>(from, to)(engine_); }
-    bool OneIn(int n) { return Number(1, n) == 1; }
-
-  private:
-    std::mt19937 engine_;
-};
 
 class World {
   public:

@@ -11,22 +11,13 @@
 #include <tuple>
 
 #include "backup_letters.h"
+#include "dice.h"
 #include "quarn2_cp2_server_plan.h"
 
 namespace {
 
 constexpr int kModels = 3000;
 constexpr std::int64_t kLimit = 1000;
-
-class Dice {
-  public:
-    explicit Dice(unsigned seed) : engine_(seed) {}
-    int Number(int from, int to) { return std::uniform_int_distribution<int>(from, to)(engine_); }
-    bool OneIn(int n) { return Number(1, n) == 1; }
-
-  private:
-    std::mt19937 engine_;
-};
 
 struct Model {
     GlobalSizeControl control;

@@ -9,6 +9,7 @@
 
 #include "backup_letters.h"
 #include "quarn2_cp2_server_plan.h"
+#include "removal_reason_names.h"
 
 namespace {
 
@@ -115,19 +116,7 @@ TEST(Excess, FullsOfATable) {
 }
 
 TEST(Reasons, HaveNames) {
-    const std::pair<RemovalReason, const char*> names[] = {
-        {RemovalReason::kCountDaily, "count-daily"},
-        {RemovalReason::kCountFull, "count-full"},
-        {RemovalReason::kSizeStart, "size-start"},
-        {RemovalReason::kSizeReserve, "size-reserve"},
-        {RemovalReason::kSizeDropOne, "size-dropone"},
-        {RemovalReason::kAsked, "asked"},
-        {RemovalReason::kDependant, "dependant"},
-        {RemovalReason::kIncomplete, "incomplete"},
-        {RemovalReason::kClear, "clear"},
-        {RemovalReason::kRescan, "rescan"},
-        {RemovalReason::kResumed, "resumed"}};
-    for (const auto& [reason, name] : names) {
+    for (const auto& [reason, name] : kRemovalReasonNames) {
         EXPECT_STREQ(::NameOf(reason), name);
         EXPECT_EQ(ParseRemovalReason(name), reason);
     }

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <random>
 
+#include "dice.h"
 #include "program_site.h"
 #include "quarn2/token.h"
 #include "quarn2_cp2_event_log.h"
@@ -21,16 +22,6 @@ constexpr const char* kDate = "2026-11-20";
 std::string LineOf(RemovalReason reason, const std::string& user, const std::string& date) {
     return std::string(NameOf(reason)) + " " + user + " " + date;
 }
-
-class Dice {
-  public:
-    explicit Dice(unsigned seed) : engine_(seed) {}
-    int Number(int from, int to) { return std::uniform_int_distribution<int>(from, to)(engine_); }
-    bool OneIn(int n) { return Number(1, n) == 1; }
-
-  private:
-    std::mt19937 engine_;
-};
 
 struct Counts {
     std::size_t deletions = 0;
