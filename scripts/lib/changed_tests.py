@@ -28,6 +28,7 @@ FOLDERS = [
     ("backup_common/", ["backup_", "report_", "system_", "scenarios"]),
     ("launcher/", ["system_"]),
     ("report/", ["report_", "system_report"]),
+    ("night/", ["system_night", "system_crash_night"]),
     ("tests/servers/", ["server", "quarn2_storage_", "quarn2_sftp_login", "system_storage_"]),
     ("tests/scenarios/", ["scenarios"]),
     ("bench/", ["bench_"]),

@@ -1,0 +1,141 @@
+"""The backup of one user in one night."""
+
+import datetime
+import os
+import shutil
+import subprocess
+import time
+
+from .archive import MAKERS, Job
+from .info import base_for
+from .processes import Messages, describe
+from .settings import DAYS
+from .site import Problem, clean_environment
+from .unfinished import info_path_of
+
+DONE, SKIPPED, FAILED = "done", "skipped", "FAILED"
+
+
+class Outcome:
+    """What became of one user: `text` is for the summary."""
+
+    def __init__(self, user, state, text, messages=()):
+        self.user, self.state, self.text, self.messages = user, state, text, messages
+
+    def __str__(self):
+        return f"{self.user}: {self.text}" if self.state == DONE else f"{self.user}: {self.state}: {self.text}"
+
+
+class UserJob:
+    """Makes the backup of one user. run() never raises for an error of this user's backup."""
+
+    def __init__(self, night, user, source):
+        self.night, self.user, self.source = night, user, source
+        self.site, self.settings = night.site, night.settings
+        self.work = os.path.join(night.work, f"{night.date}.{user}")
+        self.info = info_path_of(night.work, user, night.date)
+        self.kind = ""
+
+    def base(self):
+        """Returns the full backup on which this night's backup is made, None for a full backup."""
+        if self.night.is_full:
+            return None
+        archive_format = "dar" if self.settings.format == "dar" else "tar"
+        return base_for(self.night.backups.of_user(self.user), self.night.date,
+                        DAYS.index(self.settings.full_day), archive_format)
+
+    def run(self):
+        if self.night.backups.find(self.user, self.night.date):
+            return Outcome(self.user, SKIPPED, f"there is a backup of {self.night.date} already")
+        begin = time.monotonic()
+        messages = None
+        try:
+            self.remove_work()
+            os.makedirs(self.work, 0o700)
+            messages = Messages(os.path.join(self.work, "messages"))
+            self.back_up(messages)
+            outcome = Outcome(self.user, DONE, self.summary(time.monotonic() - begin), messages.lines())
+            messages.close()
+            self.remove_work()
+            return outcome
+        except (Problem, OSError) as error:
+            outcome = Outcome(self.user, FAILED, str(error), messages.lines() if messages else ())
+            self.free_space()
+            return outcome
+        finally:
+            if messages:
+                messages.close()
+
+    def remove_work(self):
+        if os.path.lexists(self.work):
+            shutil.rmtree(self.work)
+
+    def free_space(self):
+        """Frees the space of a failed job for the others. The info file stays: it tells what is unfinished."""
+        for name in os.listdir(self.work) if os.path.isdir(self.work) else ():
+            path = os.path.join(self.work, name)
+            if path != self.info:
+                os.remove(path)
+
+    def back_up(self, messages):
+        if not os.path.isdir(self.source):
+            raise Problem(f"there is no directory '{self.source}'")
+        base = self.base()
+        self.kind = "daily" if base else "full"
+        try:
+            self.hook(self.settings.hooks_before_user, messages)
+            self.make(base, messages)
+        except BaseException:
+            self.hook_after("failed", messages)
+            raise
+        self.hook_after("done", messages)
+
+    def make(self, base, messages):
+        job = Job(self.site, self.night.children, self.settings, self.user, self.night.date, self.source, base,
+                  self.work, messages)
+        with open(self.info, "x", encoding="ascii") as file:
+            file.write(info_text(base, self.user))
+        index = MAKERS[self.settings.format](job)
+        # The index is in the info root, so the last put writes the final info file beside it and uploads that too.
+        # The index stays there: the dailies of the week are made on it.
+        job.put("--isolated", "--no-delete", "--info-file", self.info, index)
+
+    # -- Hooks --
+
+    def hook(self, command, messages, result=""):
+        if command is None:
+            return
+        environment = dict(clean_environment(), QUARN2_USER=self.user, QUARN2_DATE=self.night.date,
+                           QUARN2_DIRECTORY=self.source, QUARN2_TYPE=self.kind, QUARN2_RESULT=result)
+        process = self.night.children.start(command, env=environment, stdout=messages.file, stderr=messages.file)
+        try:
+            status = self.night.children.wait(process, self.settings.hooks_timeout)
+        except subprocess.TimeoutExpired:
+            self.night.children.end([process])
+            raise Problem(f"the hook {command[0]} ran longer than {self.settings.hooks_timeout} s") from None
+        if status != 0:
+            raise Problem(f"the hook {command[0]} {describe(status)}{messages.last()}")
+
+    def hook_after(self, result, messages):
+        """A failure of this hook is reported, but the backup counts as what it is."""
+        if self.night.children.stopped.is_set():
+            return
+        try:
+            self.hook(self.settings.hooks_after_user, messages, result)
+        except Problem as error:
+            messages.file.write(f"{error}\n".encode())
+
+    def summary(self, seconds):
+        backup = self.night.backups.find(self.user, self.night.date)
+        size = backup.fields.get("size", "?") if backup else "?"
+        return f"{self.kind}, {size} bytes, {seconds:.0f} s"
+
+
+def info_text(base, user):
+    """Returns the info file of a backup that begins now."""
+    now = datetime.datetime.now().strftime("%Y-%m-%d %H:%M:%S")
+    fields = [f"created={now}", f"node={os.uname().nodename}", "type=" + ("incremental" if base else "full")]
+    if base:
+        ending = ".tgz" if base.format == "dar" else ".tar.zst"
+        fields.insert(0, f"base=F{base.date}.{user}{ending}")
+    return "\n".join(fields)

@@ -1,0 +1,118 @@
+"""Child processes: each in its own process group, so that an interrupted night can end all of them."""
+
+import os
+import signal
+import subprocess
+import threading
+
+from .site import Problem, escaped
+
+_GRACE_SECONDS = 10
+_MESSAGE_BYTES = 4000
+
+
+class Interrupted(Exception):
+    """The program was told to end."""
+
+
+class Children:
+    """Starts processes and knows which of them run. stop() ends them, and no other one starts afterwards."""
+
+    def __init__(self):
+        # A signal handler may call stop() while the main thread holds the lock.
+        self._lock = threading.RLock()
+        self._running = set()
+        self.stopped = threading.Event()
+
+    def start(self, command, **options):
+        options.setdefault("stdin", subprocess.DEVNULL)
+        with self._lock:
+            if self.stopped.is_set():
+                raise Interrupted()
+            try:
+                process = subprocess.Popen(command, start_new_session=True, **options)
+            except OSError as error:
+                raise Problem(f"{command[0]} cannot be started: {error.strerror}") from None
+            self._running.add(process)
+        return process
+
+    def wait(self, process, timeout=None):
+        """Returns the exit status. Raises subprocess.TimeoutExpired."""
+        status = process.wait(timeout)
+        self.release(process)
+        return status
+
+    def release(self, process):
+        """stop() does not end this process any more."""
+        with self._lock:
+            self._running.discard(process)
+
+    def run(self, command, **options):
+        """Runs a command to its end and returns its exit status."""
+        return self.wait(self.start(command, **options))
+
+    def end(self, processes):
+        """Ends these processes and their groups."""
+        for process in processes:
+            if process.poll() is None:
+                self._signal(process, signal.SIGTERM)
+        for process in processes:
+            try:
+                process.wait(_GRACE_SECONDS)
+            except subprocess.TimeoutExpired:
+                self._signal(process, signal.SIGKILL)
+            self.wait(process)
+
+    def stop(self):
+        with self._lock:
+            self.stopped.set()
+        self._signal_all(signal.SIGTERM)
+        timer = threading.Timer(_GRACE_SECONDS, self._signal_all, [signal.SIGKILL])
+        timer.daemon = True
+        timer.start()
+
+    def _signal_all(self, number):
+        with self._lock:
+            running = list(self._running)
+        for process in running:
+            self._signal(process, number)
+
+    @staticmethod
+    def _signal(process, number):
+        # A process that was reaped has no group of its own any more, so its id is not used.
+        if process.returncode is None:
+            try:
+                os.killpg(process.pid, number)
+            except ProcessLookupError:
+                pass
+
+
+class Messages:
+    """The file that collects the error texts of the processes of one job."""
+
+    def __init__(self, path):
+        self.path = path
+        self.file = open(path, "ab")
+
+    def lines(self):
+        """Returns the last lines, without control characters."""
+        self.file.flush()
+        with open(self.path, "rb") as file:
+            file.seek(max(0, os.fstat(file.fileno()).st_size - _MESSAGE_BYTES))
+            text = file.read().decode(errors="replace")
+        return [escaped(line) for line in text.split("\n") if line.strip()]
+
+    def last(self):
+        """Returns ": TEXT" with the last line, or an empty text."""
+        lines = self.lines()
+        return ": " + lines[-1] if lines else ""
+
+    def close(self):
+        self.file.close()
+
+
+def describe(status):
+    """Describes an exit status of subprocess."""
+    if status < 0:
+        return f"was ended by signal {-status}"
+    return f"ended with exit status {status}"
