@@ -252,6 +252,14 @@ void RemoveLocalDirectory(const std::string& info_path) {
     kro_file::SyncDir(parent);
 }
 
+// Removes the stored index of an archive with another extension than .tgz. An index always has the
+// extension .tgz, but RemoveCompanions expects that of the archive.
+void RemoveStoredIndex(const PlainBackup& backup, const std::string& info_path) {
+    if (backup.extension == ".tgz") return;
+    std::string name = kro_file::Name(info_path);
+    if (str::RGetWord(name, ".info"); !name.empty()) backup.storage.RemoveFile(name + ".tgz");
+}
+
 // Removes the info file from the storage root, independent of the names of the slices, so that a
 // rescan does not restore the backup.
 void RemoveStoredInfo(Removal& storage, const std::string& info_path) {
@@ -290,6 +298,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     }
     // Keeps the info file when slices could not be deleted, because another attempt needs the info
     // file.
+    if (all_deleted && plain_form) RemoveStoredIndex(backup, info_path);
     if (all_deleted && (plain_form || !directory_form)) RemoveStoredInfo(storage, info_path);
     if (directory_form) {
         RemoveLocalDirectory(info_path);

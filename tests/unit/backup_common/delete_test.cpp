@@ -50,7 +50,7 @@ TEST_F(DeleteTest, NumberedPartsGoFromTheLastToTheFirst) {
     EXPECT_EQ(Run("last-slice=I2026-11-15.web1.tar.gz.part2"),
               (Lines{"Remove I2026-11-15.web1.tar.gz.part2", "Remove I2026-11-15.web1.tar.gz.part1",
                      "Remove 2026-11-15.web1.tar.gz", "Remove I2026-11-15.web1.info",
-                     "Remove 2026-11-15.web1.info"}));
+                     "Remove 2026-11-15.web1.tgz", "Remove 2026-11-15.web1.info"}));
     EXPECT_EQ(Log(), (Lines{"6: Delete 'I2026-11-15.web1.tar.gz.part2'"}));
 }
 
