@@ -243,7 +243,7 @@ class Configuration(NightTest):
             lines = file.read().splitlines()
         # Without the '#' of the settings, but only with the first of the three sources of users.
         settings = [line.removeprefix("#") for line in lines if not line.startswith("# ")]
-        text = "\n".join(settings).replace("list =\n    web1 /home/web1\ncommand = /usr/local/sbin/list-users\n", "")
+        text = "\n".join(settings).replace("list =\ncommand = /usr/local/sbin/list-users\n", "")
         for name in ("before-user", "after-user", "after-night"):
             text = text.replace(f"/etc/kro5/{name}", site.hook(name, "true"))
         text = text.replace("/var/lib/kro5/var/night", site.tmp).replace("/etc/kro5/token", site.token_file)

@@ -1,0 +1,161 @@
+"""The Debian package: two builds are identical, lintian reports nothing, and a new Debian 12 can install it.
+
+The tests run in the order of their names, because each continues with the system that the previous one left.
+"""
+
+import glob
+import os
+import shutil
+import stat
+import subprocess
+import tempfile
+import unittest
+
+TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../.."))
+BUILD = os.environ["QUARN2_CP_BUILD"]
+PROGRAMS = ("quarn2_cp", "quarn2_report", "quarn2-night", "quarn2-restore", "quarn2-setup")
+# The packages that apt would install together with this one.
+SYSTEM = "python3,libexpat1,libssl3,dar,zstd"
+NIGHT = """[storage]
+token-file = /etc/kro5/token
+[users]
+directory = /home
+"""
+
+
+def run(*command, **options):
+    result = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False, **options)
+    if result.returncode != 0:
+        raise AssertionError(f"{command} ended with {result.returncode}: {result.stdout}{result.stderr}")
+    return result.stdout
+
+
+def with_version(package, version, folder):
+    """Returns a copy of the package with another version."""
+    tree = os.path.join(folder, "tree")
+    run("dpkg-deb", "-R", package, tree)
+    control = os.path.join(tree, "DEBIAN/control")
+    with open(control, encoding="utf-8") as file:
+        lines = [f"Version: {version}\n" if line.startswith("Version: ") else line for line in file]
+    with open(control, "w", encoding="utf-8") as file:
+        file.writelines(lines)
+    target = os.path.join(folder, f"quarn2-cp_{version}_all.deb")
+    run("dpkg-deb", "-b", "-Znone", tree, target)
+    shutil.rmtree(tree)
+    return target
+
+
+class Package(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = tempfile.mkdtemp(prefix="quarn2-cp-package-")
+        cls.addClassCleanup(shutil.rmtree, cls.folder)
+        os.chmod(cls.folder, 0o755)
+        cls.root = os.path.join(cls.folder, "system")
+        cls.built = run(os.path.join(TOP, "scripts/package"), "--from", BUILD, "--compare", cls.folder + "/out")
+        cls.package, = glob.glob(cls.folder + "/out/quarn2-cp_*.deb")
+
+    def path(self, name):
+        return self.root + name
+
+    def inside(self, *command):
+        return run("chroot", self.root, *command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+
+    def install(self, package):
+        shutil.copy(package, self.path("/package.deb"))
+        self.inside("dpkg", "-i", "/package.deb")
+
+    def write(self, name, text, mode=0o644):
+        os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(self.path(name), mode)
+
+    def mode(self, name):
+        status = os.lstat(self.path(name))
+        return oct(stat.S_IMODE(status.st_mode)), status.st_uid, status.st_gid
+
+    def check_layout(self):
+        for name, target in (("var", "/var/lib/kro5/var"), ("tmp", "/var/lib/kro5/tmp"), ("etc", "/etc/kro5")):
+            self.assertEqual(target, os.readlink(self.path("/usr/lib/kro5/" + name)))
+        self.assertEqual("/usr/lib/kro5", os.readlink(self.path("/usr/local/kro5")))
+        for name, mode in (("/var/lib/kro5/tmp", "0o700"), ("/var/lib/kro5/var", "0o750"), ("/etc/kro5", "0o750")):
+            self.assertEqual((mode, 0, 0), self.mode(name))
+
+    def test_1_two_builds_are_identical_and_lintian_reports_nothing(self):
+        self.assertIn("two builds are identical", self.built)
+        changes, = glob.glob(self.folder + "/out/*.changes")
+        self.assertEqual("", run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit", "0", changes))
+
+    def test_2_the_installed_programs_back_up_and_restore(self):
+        run("mmdebstrap", "--mode=root", "--variant=apt", "--include=" + SYSTEM, "bookworm", self.root)
+        self.install(self.package)
+        self.check_layout()
+        version = run("dpkg-deb", "-f", self.package, "Version").strip()
+        for program in ("/usr/local/kro5/sbin/quarn2_cp", "/usr/sbin/quarn2_cp"):
+            self.assertEqual(f"quarn2_cp {version}\n", self.inside(program, "--version"))
+        for program in PROGRAMS:
+            self.assertIn("usage" if "-" in program else "Tovarn", self.inside("/usr/sbin/" + program, "--help"))
+        self.write("/home/web1/file", "content")
+        # The storage is where a careless administrator puts it.
+        os.makedirs(self.path("/var/lib/kro5/var/backup/storage"))
+        self.write("/etc/kro5/token", "local:///var/lib/kro5/var/backup/storage\n", 0o600)
+        self.write("/etc/kro5/night.conf", NIGHT)
+        run("mount", "-t", "proc", "proc", self.path("/proc"))
+        try:
+            self.assertIn("1 backed up", self.inside("quarn2-night"))
+            date = self.inside("quarn2-restore", "--list").split("\t")[1]
+            self.inside("quarn2-restore", "web1", date, "/restored")
+        finally:
+            run("umount", self.path("/proc"))
+        with open(self.path("/restored/file"), encoding="ascii") as file:
+            self.assertEqual("content", file.read())
+
+    def state(self):
+        """Returns the mode and content of every file of the program's state and configuration."""
+        found = {}
+        for top in ("/var/lib/kro5", "/etc/kro5"):
+            for directory, folders, names in os.walk(self.path(top)):
+                for name in folders + names:
+                    path = os.path.join(directory, name)
+                    data = open(path, "rb").read() if os.path.isfile(path) else None
+                    found[path.removeprefix(self.root)] = (os.lstat(path).st_mode, data)
+        return found
+
+    def test_3_an_upgrade_changes_no_state_and_no_rights(self):
+        os.chmod(self.path("/var/lib/kro5/var"), 0o700)
+        before = self.state()
+        self.install(with_version(self.package, "99.0", self.folder))
+        self.assertEqual(before, self.state())
+        os.chmod(self.path("/var/lib/kro5/var"), 0o750)
+        self.check_layout()
+
+    def test_4_a_removal_keeps_the_state(self):
+        before = self.state()
+        self.inside("dpkg", "-r", "quarn2-cp")
+        self.assertEqual(before, self.state())
+        self.assertFalse(os.path.lexists(self.path("/usr/local/kro5")))
+        self.assertFalse(os.path.lexists(self.path("/usr/lib/kro5")))
+        self.install(self.package)
+        self.check_layout()
+        self.assertEqual(before, self.state())
+
+    def test_5_a_purge_keeps_backups_and_the_token(self):
+        before = self.state()
+        self.assertIn("/var/lib/kro5 stays", self.inside("dpkg", "-P", "quarn2-cp"))
+        gone = {name for name in before if name not in self.state()}
+        # The directory of the control socket is empty after the end of the server.
+        self.assertLessEqual({"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log"}, gone)
+        self.assertLessEqual(gone, {"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log", "/var/lib/kro5/tmp"})
+        self.assertFalse(os.path.exists(self.path("/etc/logrotate.d/quarn2-cp")))
+
+    def test_6_a_foreign_link_of_the_administrator_stays(self):
+        os.symlink("/opt/other", self.path("/usr/local/kro5"))
+        self.install(self.package)
+        self.assertEqual("/opt/other", os.readlink(self.path("/usr/local/kro5")))
+        self.inside("dpkg", "-r", "quarn2-cp")
+        self.assertEqual("/opt/other", os.readlink(self.path("/usr/local/kro5")))
+
+
+if __name__ == "__main__":
+    unittest.main()
