@@ -111,6 +111,15 @@ class Package(unittest.TestCase):
         with open(self.path("/restored/file"), encoding="ascii") as file:
             self.assertEqual("content", file.read())
 
+    def test_3_a_missing_library_is_named(self):
+        for scheme, package in (("s3", "libcurl4"), ("sftp", "libssh-4")):
+            result = subprocess.run(["chroot", self.root, "/usr/sbin/quarn2_cp", "--get", "/tmp//file"],
+                                    env={"BACKUP_TOKEN": f"{scheme}://user:secret@127.0.0.1:9/bucket"},
+                                    stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
+            self.assertEqual(1, result.returncode)
+            self.assertIn(package, result.stderr)
+            self.assertNotIn("secret", result.stderr)
+
     def state(self):
         """Returns the mode and content of every file of the program's state and configuration."""
         found = {}
@@ -122,7 +131,7 @@ class Package(unittest.TestCase):
                     found[path.removeprefix(self.root)] = (os.lstat(path).st_mode, data)
         return found
 
-    def test_3_an_upgrade_changes_no_state_and_no_rights(self):
+    def test_4_an_upgrade_changes_no_state_and_no_rights(self):
         os.chmod(self.path("/var/lib/kro5/var"), 0o700)
         before = self.state()
         self.install(with_version(self.package, "99.0", self.folder))
@@ -130,7 +139,7 @@ class Package(unittest.TestCase):
         os.chmod(self.path("/var/lib/kro5/var"), 0o750)
         self.check_layout()
 
-    def test_4_a_removal_keeps_the_state(self):
+    def test_5_a_removal_keeps_the_state(self):
         before = self.state()
         self.inside("dpkg", "-r", "quarn2-cp")
         self.assertEqual(before, self.state())
@@ -140,7 +149,7 @@ class Package(unittest.TestCase):
         self.check_layout()
         self.assertEqual(before, self.state())
 
-    def test_5_a_purge_keeps_backups_and_the_token(self):
+    def test_6_a_purge_keeps_backups_and_the_token(self):
         before = self.state()
         self.assertIn("/var/lib/kro5 stays", self.inside("dpkg", "-P", "quarn2-cp"))
         gone = {name for name in before if name not in self.state()}
@@ -149,7 +158,7 @@ class Package(unittest.TestCase):
         self.assertLessEqual(gone, {"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log", "/var/lib/kro5/tmp"})
         self.assertFalse(os.path.exists(self.path("/etc/logrotate.d/quarn2-cp")))
 
-    def test_6_a_foreign_link_of_the_administrator_stays(self):
+    def test_7_a_foreign_link_of_the_administrator_stays(self):
         os.symlink("/opt/other", self.path("/usr/local/kro5"))
         self.install(self.package)
         self.assertEqual("/opt/other", os.readlink(self.path("/usr/local/kro5")))
