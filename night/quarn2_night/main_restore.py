@@ -13,7 +13,7 @@ from .names import USER_RULE, is_date, is_path_below, is_user
 from .processes import Children, Interrupted
 from .restore import Restore, fetch_slice, merge
 from .server import Server
-from .site import CONFIGURATION, Problem, Site, complain, read_token, say
+from .site import CONFIGURATION, Problem, Site, complain, escaped, read_token, say
 
 PROGRAM = "quarn2-restore"
 DONE, FAILED, USAGE = 0, 1, 2
@@ -73,7 +73,7 @@ def list_backups(backups, user):
         custom = backups.find(name, "custom")
         for backup in backups.of_user(name) + ([custom] if custom else []):
             kind = "full" if backup.is_full else "daily"
-            say(f"{name}\t{backup.date}\t{kind}\t{backup.fields.get('size', '?')}")
+            print(name, backup.date, kind, escaped(backup.fields.get("size", "?")), sep="\t")
 
 
 def token_file_of(given):

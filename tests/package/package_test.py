@@ -85,10 +85,11 @@ class Package(unittest.TestCase):
     def test_1_two_builds_are_identical_and_lintian_reports_nothing(self):
         self.assertIn("two builds are identical", self.built)
         changes, = glob.glob(self.folder + "/out/*.changes")
-        self.assertEqual("", run("lintian", "--allow-root", "--fail-on", "error,warning", "--tag-display-limit", "0", changes))
+        self.assertEqual("", run("lintian", "--allow-root", "--fail-on", "error,warning", changes))
 
     def test_2_the_installed_programs_back_up_and_restore(self):
-        run("mmdebstrap", "--mode=root", "--variant=apt", "--include=" + SYSTEM, "bookworm", self.root)
+        run("mmdebstrap", "--mode=root", "--variant=apt", "--dpkgopt=force-unsafe-io", "--include=" + SYSTEM, "bookworm",
+            self.root)
         self.install(self.package)
         self.check_layout()
         version = run("dpkg-deb", "-f", self.package, "Version").strip()
@@ -120,6 +121,13 @@ class Package(unittest.TestCase):
             self.assertIn(package, result.stderr)
             self.assertNotIn("secret", result.stderr)
 
+    @staticmethod
+    def content(path):
+        if not os.path.isfile(path):
+            return None
+        with open(path, "rb") as file:
+            return file.read()
+
     def state(self):
         """Returns the mode and content of every file of the program's state and configuration."""
         found = {}
@@ -127,7 +135,7 @@ class Package(unittest.TestCase):
             for directory, folders, names in os.walk(self.path(top)):
                 for name in folders + names:
                     path = os.path.join(directory, name)
-                    data = open(path, "rb").read() if os.path.isfile(path) else None
+                    data = self.content(path)
                     found[path.removeprefix(self.root)] = (os.lstat(path).st_mode, data)
         return found
 
