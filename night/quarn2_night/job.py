@@ -1,8 +1,8 @@
 """The backup of one user in one night."""
 
+import contextlib
 import datetime
 import os
-import shutil
 import subprocess
 import time
 
@@ -11,7 +11,7 @@ from .info import base_for
 from .processes import Messages, describe
 from .settings import DAYS
 from .site import Problem, clean_environment
-from .unfinished import info_path_of
+from .unfinished import info_path_of, remove_tree
 
 DONE, SKIPPED, FAILED = "done", "skipped", "FAILED"
 
@@ -68,14 +68,16 @@ class UserJob:
 
     def remove_work(self):
         if os.path.lexists(self.work):
-            shutil.rmtree(self.work)
+            remove_tree(self.work)
 
     def free_space(self):
         """Frees the space of a failed job for the others. The info file stays: it tells what is unfinished."""
         for name in os.listdir(self.work) if os.path.isdir(self.work) else ():
             path = os.path.join(self.work, name)
             if path != self.info:
-                os.remove(path)
+                # The node client may remove a slice whose upload has just ended.
+                with contextlib.suppress(FileNotFoundError):
+                    os.remove(path)
 
     def back_up(self, messages):
         if not os.path.isdir(self.source):

@@ -76,9 +76,17 @@ def left_over(work, backups):
     return found
 
 
+def remove_tree(path):
+    """Removes a work directory. An upload that still runs removes its slice at the same time."""
+    def ignore_missing(_function, _path, error):
+        if not isinstance(error[1], FileNotFoundError):
+            raise error[1]
+    shutil.rmtree(path, onerror=ignore_missing)
+
+
 def remove_work(work):
     """Removes the work directories of an interrupted night."""
     for name in os.listdir(work):
         date, _, user = name.partition(".")
         if is_date(date) and is_user(user):
-            shutil.rmtree(os.path.join(work, name))
+            remove_tree(os.path.join(work, name))

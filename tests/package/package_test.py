@@ -16,6 +16,7 @@ BUILD = os.environ["QUARN2_CP_BUILD"]
 PROGRAMS = ("quarn2_cp", "quarn2_report", "quarn2-night", "quarn2-restore", "quarn2-setup")
 # The packages that apt would install together with this one.
 SYSTEM = "python3,libexpat1,libssl3,dar,zstd"
+PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 NIGHT = """[storage]
 token-file = /etc/kro5/token
 [users]
@@ -59,7 +60,7 @@ class Package(unittest.TestCase):
         return self.root + name
 
     def inside(self, *command):
-        return run("chroot", self.root, *command, env={"PATH": "/usr/sbin:/usr/bin:/sbin:/bin"})
+        return run("chroot", self.root, *command, env={"PATH": PATH})
 
     def install(self, package):
         shutil.copy(package, self.path("/package.deb"))
@@ -115,7 +116,8 @@ class Package(unittest.TestCase):
     def test_3_a_missing_library_is_named(self):
         for scheme, package in (("s3", "libcurl4"), ("sftp", "libssh-4")):
             result = subprocess.run(["chroot", self.root, "/usr/sbin/quarn2_cp", "--get", "/tmp//file"],
-                                    env={"BACKUP_TOKEN": f"{scheme}://user:secret@127.0.0.1:9/bucket"},
+                                    env={"PATH": PATH,
+                                         "BACKUP_TOKEN": f"{scheme}://user:secret@127.0.0.1:9/bucket"},
                                     stdin=subprocess.DEVNULL, capture_output=True, text=True, check=False)
             self.assertEqual(1, result.returncode)
             self.assertIn(package, result.stderr)

@@ -136,11 +136,11 @@ class Failures(NightTest):
                 site = self.site(form.replace(".", "-"))
                 work = os.path.join(site.root.base, "small disk")
                 os.mkdir(work)
-                subprocess.run(["mount", "-t", "tmpfs", "-o", "size=128k", "tmpfs", work], check=True)
+                subprocess.run(["mount", "-t", "tmpfs", "-o", "size=1m", "tmpfs", work], check=True)
                 self.addCleanup(subprocess.run, ["umount", work], check=True)
-                write(os.path.join(site.user("large"), "file"), os.urandom(600000))
+                write(os.path.join(site.user("large"), "file"), os.urandom(2500000))
                 write(os.path.join(site.user("small"), "file"), os.urandom(2000))
-                site.configure(backup=f"format = {form}\nslice-size = 300K",
+                site.configure(backup=f"format = {form}\nslice-size = 2M",
                                night=f"retries = 0\nwork-directory = {work}")
                 result = site.night(SUNDAY)
                 self.assertEqual(1, result.returncode, result.stderr)
