@@ -145,7 +145,8 @@ class Failures(NightTest):
                 result = site.night(SUNDAY)
                 self.assertEqual(1, result.returncode, result.stderr)
                 self.assertIn("large: FAILED: ", result.stdout)
-                self.assertIn("1 backed up, 0 skipped, 1 failed", result.stdout)
+                # The small user may fail too, because tmpfs counts the space of a removed file for a moment longer.
+                site.good_night(SUNDAY, "--user", "small")
                 self.assert_nothing_left(site, SUNDAY + ".small")
                 self.assertEqual([], tree(work))
 
