@@ -119,27 +119,12 @@ PlanStep PlanTheEnd(GlobalSizeControl& account, const NotComplete& not_complete)
     return step;
 }
 
-// The empty record of a missing day can have the date of an interrupted backup. The eviction of the
-// record then removes the backup's files.
-void ForgetInterrupted(GlobalSizeControl& account, const Victims& victims,
-                       NotComplete& not_complete) {
-    for (const Victim& victim : victims) {
-        Backups& interrupted = not_complete.interrupted[victim.user];
-        const auto found = interrupted.find(victim.date);
-        if (found == interrupted.end()) continue;
-        StorageDesc& desc = account.storages.at(kCommon);
-        desc.unfinished = LessSize(desc.unfinished, found->second.size);
-        interrupted.erase(found);
-    }
-}
-
 }  // namespace
 
 ServerPlan PlanServer(GlobalSizeControl& account, const std::optional<PlannedUpload>& upload) {
     ServerPlan plan;
     NotComplete not_complete = FindNotComplete(account);
     plan.steps.push_back(PlanTheStart(account));
-    ForgetInterrupted(account, plan.steps.back().victims, not_complete);
     if (plan.steps.back().IsPossible() && upload) {
         plan.steps.push_back(PlanTheUpload(account, *upload, not_complete));
         not_complete.open[upload->user].erase(account.date);

@@ -41,13 +41,20 @@ DeletionCause CauseOf(const GlobalSizeControl& control, const Victim& victim) {
     return cause;
 }
 
+// The empty record of a missing day has no files. But a job of that date may have been interrupted,
+// and then the files with the record's name are that job's.
+bool IsRecordOnly(const GlobalSizeControl& control, const Victim& victim) {
+    return victim.size == 0 &&
+           control.unfinished.OpenKeys().contains(victim.date + "." + victim.user);
+}
+
 // Deletes a backup. If the backup has no local info file, a job has deleted the backup, or the info
 // file is on another machine or in a job's own directory. Then the storage is queried. A record of
 // size 0 stands for a missing day. Such a record needs no query, because it has no files.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
     const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);
-    const bool exists = kro_file::Exists(info_path);
+    const bool exists = !IsRecordOnly(control, victim) && kro_file::Exists(info_path);
     KRO_LOG(kLog, exists || victim.size != 0 ? 5 : 6, "Evict backup '%s', size: %lld",
             info_path.c_str(), ForLog(victim.size));
     KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));

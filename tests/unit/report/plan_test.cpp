@@ -79,9 +79,8 @@ class ReportPlan : public ProgramSite {
         Lines lines;
         for (const PlanStep& step : plan.steps) {
             for (const Victim& victim : step.victims) {
-                const std::string info = "root/" + victim.date + "." + victim.user + ".info";
-                const bool is_record = victim.size == 0 && !local_files::Has(info);
-                if (!is_record) lines.push_back(LineOf(victim.reason, victim.user, victim.date));
+                if (victim.size != 0)
+                    lines.push_back(LineOf(victim.reason, victim.user, victim.date));
             }
         }
         return lines;
@@ -210,6 +209,20 @@ TEST_F(ReportPlan, OfRandomModelsIsWhatTheServerDoes) {
     }
     EXPECT_GT(counts.deletions, 50U);
     EXPECT_GT(counts.refusals, 0U);
+}
+
+// "deleted" in the info file of 2026-11-01 makes empty records for the days after it, and
+// 2026-11-03 counts as such a day while its repeated job is interrupted.
+TEST_F(ReportPlan, TheEmptyRecordOfADayIsNotTheInterruptedBackupOfThatDay) {
+    Info("a", "2026-11-01", true, 40, "\ndeleted=1");
+    Info("a", "2026-11-03", false, 10);
+    Interrupt("I2026-11-03.a", 5);
+    options_.count_limit = "9:1";
+    EXPECT_EQ(LinesOf(Plan(std::nullopt)), Lines());
+    std::size_t possible = 0;
+    EXPECT_EQ(Serve(std::nullopt, possible), Lines());
+    EXPECT_EQ(possible, 2U);
+    EXPECT_TRUE(local_files::Has("root/2026-11-03.a.info"));
 }
 
 TEST_F(ReportPlan, NamesTheMissingBytes) {
