@@ -65,6 +65,23 @@ void WriteList(const std::string& dir, const std::string& lines) {
     kro_file::SyncDir(dir);
 }
 
+// Removes the lines for which `takes` returns true, and empty lines. Reads the list again, because
+// another process may have changed the list since the caller has read it. Returns true when the
+// list still exists.
+template <class Takes>
+bool RemoveLines(const std::string& dir, const Takes& takes) {
+    std::optional<std::string> lines = ReadList(ListPath(dir));
+    if (!lines) return kro_file::Exists(ListPath(dir));
+    const std::string all = *lines;
+    std::string kept;
+    while (!lines->empty()) {
+        const std::string text = str::GetWord(*lines, "\n");
+        if (!text.empty() && !takes(text)) kept += text + "\n";
+    }
+    if (kept.empty() || kept != all) WriteList(dir, kept);
+    return !kept.empty();
+}
+
 // The prefix of an archive's files: the archive's name without its type letter.
 std::string PrefixOf(const std::string& entry_name) {
     return IsArchive(entry_name) ? entry_name.substr(1) : entry_name;
@@ -230,23 +247,16 @@ void AddCustomPrefixes(std::set<std::string>& prefixes, const std::string& dir,
 void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date) {
     if (!kro_file::Exists(ListPath(dir))) return;
     try {
-        std::optional<std::string> lines = ReadList(ListPath(dir));
-        if (!lines) return;
         std::set<std::string> prefixes = {date + "." + user};
         if (date == kCustom) AddCustomPrefixes(prefixes, dir, user);
         const std::string identity = StorageIdentity(TokenByEnv());
-        const std::string all = *lines;
-        std::string kept;
-        while (!lines->empty()) {
-            const Line line = ParseLine(str::GetWord(*lines, "\n"));
+        RemoveLines(dir, [&](const std::string& text) {
+            const Line line = ParseLine(text);
             const bool is_of_backup = std::any_of(
                 prefixes.begin(), prefixes.end(),
                 [&line](const std::string& known) { return IsPrefixOf(line.prefix, known); });
-            const bool is_complete =
-                line.token && is_of_backup && StorageIdentity(line.token) == identity;
-            if (!is_complete && !line.text.empty()) kept += line.text + "\n";
-        }
-        if (kept != all) WriteList(dir, kept);
+            return line.token && is_of_backup && StorageIdentity(line.token) == identity;
+        });
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Cant take '%s.%s' out of the list of incomplete backups. What: %s",
                 date.c_str(), user.c_str(), error.what());
@@ -255,7 +265,7 @@ void ForgetIncomplete(const std::string& dir, const std::string& user, const std
 
 void CleanUp(const std::string& dir) {
     KRO_LOG(kLog, 8, "%s", "void CleanUp(const string&)");
-    std::string failed;
+    std::multiset<std::string> done;
     std::vector<std::string> ended;
     std::optional<std::string> lines = ReadList(ListPath(dir));
     if (!lines) return;
@@ -271,18 +281,23 @@ void CleanUp(const std::string& dir) {
                 ended.push_back(std::move(name));
             }
             events.Deleted();
+            done.insert(text);
         } catch (const std::exception& error) {
             events.Failed(error.what());
             KRO_LOG(kLog, 4,
                     "Failed to remove incomplete backup files. You can get failed list in %s file",
                     ListPath(dir).c_str());
             KRO_LOG(kLog, 6, "%s", error.what());
-            failed += text + "\n";
         }
     }
-    WriteList(dir, failed);
+    const bool is_any_left = RemoveLines(dir, [&done](const std::string& text) {
+        const auto found = done.find(text);
+        if (found == done.end()) return false;
+        done.erase(found);
+        return true;
+    });
     // While a line remains in the list, the entries stay, because they distinguish the backups with
     // the same prefix.
-    if (!failed.empty()) return;
+    if (is_any_left) return;
     for (const std::string& name : ended) OwnLedger().End(name);
 }

@@ -217,6 +217,18 @@ TEST_F(CleanUpTest, AStorageThatFailsHalfwayKeepsTheEntry) {
     EXPECT_FALSE(local_files::Has(kList));
 }
 
+TEST_F(CleanUpTest, WhatAnotherProcessChangesInTheListMeanwhileStays) {
+    const std::string web1 = "memory:site\t2026-11-15.web1\n";
+    const std::string unreachable = "gopher://h/p\t2026-11-16.web1\n";
+    Place(kList, web1 + unreachable + web1);
+    store_->SetFile("F2026-11-15.web1.tgz", "x");
+    store_->SetHook([&](const std::string& operation, const std::string&) {
+        if (operation == "Remove") Place(kList, web1 + web1 + "memory:site\t2026-11-17.web1\n");
+    });
+    CleanUp("root");
+    EXPECT_EQ(local_files::Load(kList), "memory:site\t2026-11-17.web1\n");
+}
+
 TEST_F(CleanUpTest, TheTokenIsEscapedWithBackslashes) {
     Place(kList, "memory:\\s\\i\\\\te\tp\n");
     quarn2::MemoryStore& odd = *quarn2::MemoryStore::Named("si\\te");
