@@ -19,6 +19,7 @@
 #include "quarn2_cp2_misc.h"
 #include "quarn2_cp2_misc_control.h"
 #include "quarn2_cp2_misc_encrypted.h"
+#include "quarn2_cp2_misc_newest.h"
 #include "quarn2_cp2_misc_owner.h"
 #include "quarn2_cp2_misc_prefix.h"
 #include "quarn2_cp2_misc_removal.h"
@@ -360,10 +361,16 @@ struct Week {
     std::string identity;  // name of the full backup in the "base" key of its dailies
 };
 
+// The directory of the local info files, which have the same directories below it as the archives.
+std::string InfoRootOf(const std::string& info_path, const std::string& archive_dir) {
+    std::string local_dir = kro_file::Path(info_path);
+    return kro_file::GoodPath(str::GetWord(local_dir, archive_dir));
+}
+
 Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
     const std::string archive_dir = kro_file::Path(info["last-slice"]);
-    auto [local_dir, name] = kro_file::SplitPath(info_path);
-    const std::string root = kro_file::GoodPath(str::GetWord(local_dir, archive_dir));
+    const std::string root = InfoRootOf(info_path, archive_dir);
+    std::string name = kro_file::Name(info_path);
     Week week;
     week.user = quarn2::GetUserName(name);
     week.date = quarn2::GetDate(name);
@@ -374,23 +381,38 @@ Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
     return week;
 }
 
-// Throws for a dependent backup or, with `force`, deletes all dependent backups. Deletes the newest
-// first, so that after an interruption the remaining backups can still be restored.
-void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Week& week,
-                      bool force) {
+// The info files of the backups that depend on a full backup, the newest first. Deleted in this
+// order, the backups that remain after an interruption can still be restored.
+std::vector<std::string> FindDependants(const Week& week) {
     constexpr int kLastWeekday = 6;
+    std::vector<std::string> found;
     kro_date::Date day(week.date);
     day.AddDays(kLastWeekday - day.weekday());
     for (; day.AsDate() != week.date; day.AddDays(-1)) {
         const std::string candidate = quarn2::GetInfoFile(week.user_dir, week.user, day.AsDate());
         if (!kro_file::Exists(candidate)) continue;
-        if (quarn2::GetInfo(candidate)["base"] != week.identity) continue;
-        if (!force) {
-            throw std::runtime_error("Failed to delete backup. Depended backup '" + candidate +
-                                     "' still exists");
-        }
-        Delete(storage, candidate, false, {.reason = RemovalReason::kDependant});
+        if (quarn2::GetInfo(candidate)["base"] == week.identity) found.push_back(candidate);
     }
+    return found;
+}
+
+// Throws when the storage has neither a file of this backup nor one of the newest backups. On a
+// storage that is not mounted, the deletion would find no files and remove only the info file, and
+// the backup's files would stay on the storage uncounted.
+void CheckIsOurStorage(quarn2::Storage& storage, const quarn2::InfoMap& info,
+                       const std::string& info_path) {
+    const auto found = info.find("last-slice");
+    std::string value = found == info.end() ? std::string() : found->second;
+    const std::string last_slice = str::GetWord(value);
+    if (HasFilesOf(storage, last_slice, info_path)) return;
+    const NewestCheck check =
+        FindNewestOnStorage(storage, InfoRootOf(info_path, kro_file::Path(last_slice)));
+    if (check.result != NewestOnStorage::kNoneFound) return;
+    throw std::runtime_error("neither the backup of '" + info_path + "' nor one of the " +
+                             str::Str(check.asked) +
+                             " newest backups known here is on the storage: is it mounted, is the "
+                             "token right? Nothing was removed. If the storage was emptied on "
+                             "purpose, run --server --rescan");
 }
 
 }  // namespace
@@ -398,12 +420,18 @@ void HandleDependants(const std::shared_ptr<quarn2::Storage>& storage, const Wee
 void DeleteWithDepends(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
                        bool force) {
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
-    if (!IsFull(info)) {
-        Delete(storage, info_path, true);
-        return;
+    const bool is_full = IsFull(info);
+    std::vector<std::string> dependants;
+    if (is_full) dependants = FindDependants(FindWeek(info, info_path));
+    if (!force && !dependants.empty()) {
+        throw std::runtime_error("Failed to delete backup. Depended backup '" + dependants.front() +
+                                 "' still exists");
     }
-    HandleDependants(storage, FindWeek(info, info_path), force);
-    Delete(storage, info_path, false);
+    CheckIsOurStorage(*storage, info, info_path);
+    for (const std::string& dependant : dependants) {
+        Delete(storage, dependant, false, {.reason = RemovalReason::kDependant});
+    }
+    Delete(storage, info_path, !is_full);
 }
 
 void CommandDelete(kro_args::ResultPtr result) {

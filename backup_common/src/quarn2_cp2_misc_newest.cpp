@@ -109,6 +109,13 @@ bool IsOnStorage(quarn2::Storage& storage, const std::string& name) {
     return !ListOrNothing(storage, name).empty();
 }
 
+bool HasFilesOf(quarn2::Storage& storage, const std::string& last_slice,
+                const std::string& info_path) {
+    const BackupFiles names = StoredFiles(last_slice, info_path);
+    return std::any_of(names.begin(), names.end(),
+                       [&storage](const std::string& name) { return IsOnStorage(storage, name); });
+}
+
 NewestCheck FindNewestOnStorage(quarn2::Storage& storage, const std::string& info_root) {
     const std::vector<BackupFiles> newest = FilesOfNewest(info_root);
     if (newest.empty()) return {};

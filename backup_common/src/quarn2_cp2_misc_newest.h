@@ -33,6 +33,12 @@ using BackupFiles = std::vector<std::string>;
 // most eight backups, and none when fewer than three finished backups are known.
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root);
 
+// True when the storage has the last slice or the info file of the backup. False when no storage
+// can have files with such names. Throws the storage's kro_err::Error when the storage does not
+// answer.
+bool HasFilesOf(quarn2::Storage& storage, const std::string& last_slice,
+                const std::string& info_path);
+
 // True when the storage has a file or directory of this name. Throws the storage's kro_err::Error
 // when the storage does not answer.
 bool IsOnStorage(quarn2::Storage& storage, const std::string& name);

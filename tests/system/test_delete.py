@@ -124,6 +124,24 @@ class OneBackup(DeleteTest):
         self.assertIn("unmounted", result.stderr)
         self.assertTrue(backup.is_whole())
 
+    def test_a_storage_without_any_known_backup_stops_the_deletion(self):
+        backups = [Backup(self.r, f"web{number}", DATE, form=form)
+                   for number, form in enumerate(("dar", "dir", "tgz"))]
+        empty = self.r.file("mount-point")
+        os.mkdir(empty)
+        for backup in backups:
+            result = self.r.run("--delete", backup.info_path, env={"BACKUP_TOKEN": "local://" + empty})
+            self.assertEqual(1, result.returncode)
+            self.assertIn("is it mounted, is the token right? Nothing was removed", result.stderr)
+            self.assertTrue(backup.is_whole())
+
+    def test_a_backup_whose_files_are_all_missing_is_deleted_where_others_are(self):
+        gone, *_ = [Backup(self.r, f"web{number}", DATE, form="dir") for number in range(3)]
+        for name in (*gone.archives, gone.index, gone.info_name):
+            os.unlink(os.path.join(self.r.storage, name))
+        self.delete(gone.info_path)
+        self.assertTrue(gone.is_gone())
+
 
 class Dependants(DeleteTest):
     """Deletions of full backups with dailies. The week begins on Sunday 2026-11-15 and ends on 2026-11-21."""

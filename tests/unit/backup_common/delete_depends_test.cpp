@@ -127,7 +127,10 @@ TEST_F(Depends, InTheDirectoryFormTheRootIsBeforeTheArchivesDirectory) {
     EXPECT_EQ(Refusal(full), Exists(daily));
     EXPECT_EQ(store_->log(), Lines());
     Run(full, true);
-    EXPECT_EQ(store_->log(), (Lines{"List 2026-11-17.web1.info", "List web1/2026-11-17",
+    // The first two requests look for files of the backup.
+    EXPECT_EQ(store_->log(), (Lines{"List web1/2026-11-15/F2026-11-15.web1.3.dar",
+                                    "List web1/2026-11-15/2026-11-15.web1.info",
+                                    "List 2026-11-17.web1.info", "List web1/2026-11-17",
                                     "RemoveDir web1/2026-11-17", "List 2026-11-15.web1.info",
                                     "List web1/2026-11-15", "RemoveDir web1/2026-11-15"}));
     EXPECT_EQ(Below("root"), (Lines{"2026-11-15.web1.info"}));
