@@ -1,6 +1,7 @@
 #include "report_history.h"
 
 #include <algorithm>
+#include <limits>
 
 #include "kro/kro_err.h"
 #include "quarn2_cp2_event_log.h"
@@ -22,10 +23,18 @@ void EventSummary::Add(const Event& event) {
             break;
         case EventKind::kDeleted:
             failed_.erase({event.user, event.date});
+            AddDeletion(event);
             break;
         default:
             break;
     }
+}
+
+void EventSummary::AddDeletion(const Event& event) {
+    DeletionSums& sums = deletions_[event.reason];
+    ++sums.backups;
+    const std::int64_t rest = std::numeric_limits<std::int64_t>::max() - sums.bytes;
+    sums.bytes += std::min(event.size.value_or(0), rest);
 }
 
 std::vector<Event> EventSummary::LastEvents() const {
@@ -55,4 +64,30 @@ EventSummary ReadEventSummary(Site& site) {
         site.output.Find("events file: " + std::string(error.what()));
     }
     return summary;
+}
+
+Deletions Without(Deletions all, const Deletions& earlier) {
+    for (const auto& [reason, sums] : earlier) {
+        const auto found = all.find(reason);
+        if (found == all.end()) continue;
+        DeletionSums& left = found->second;
+        left.backups = std::max<std::int64_t>(0, left.backups - sums.backups);
+        left.bytes = std::max<std::int64_t>(0, left.bytes - sums.bytes);
+    }
+    return all;
+}
+
+Deletions DeletionsSinceRotation(const Site& site, const Deletions& all) {
+    EventSummary rotated;
+    const EventFilter filter{"", site.options.user, site.options.storage};
+    try {
+        ReadEvents(
+            std::string(kEventsPath) + ".1", filter,
+            [&rotated](const Event& event) { rotated.Add(event); },
+            [](const BrokenLine& /*line*/) {});
+    } catch (const kro_err::Error&) {
+        // ReadEventSummary has recorded the finding, and `all` has no event of this file.
+        return all;
+    }
+    return Without(all, rotated.deletions());
 }

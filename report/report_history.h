@@ -1,6 +1,7 @@
 // Conclusions from the events of one storage. EventSummary only processes data.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <string>
 #include <utility>
@@ -10,6 +11,14 @@
 #include "quarn2_cp2_forecast.h"
 
 struct Site;
+
+struct DeletionSums {
+    std::int64_t backups = 0;
+    std::int64_t bytes = 0;  // of the backups whose size the event has
+
+    friend bool operator==(const DeletionSums&, const DeletionSums&) = default;
+};
+using Deletions = std::map<RemovalReason, DeletionSums>;
 
 // Adds up events one by one, in the order in which they were written. Needs memory for each user
 // and each day.
@@ -30,13 +39,28 @@ class EventSummary {
     using Backup = std::pair<std::string, std::string>;
     const std::map<Backup, Event>& failed_deletions() const noexcept { return failed_; }
 
+    // The deleted backups by reason. A reason without deletions is missing.
+    const Deletions& deletions() const noexcept { return deletions_; }
+
   private:
+    void AddDeletion(const Event& event);
+
     std::map<EventKind, Event> last_;
     std::map<std::string, Event> refused_;
     std::map<Backup, Event> failed_;
+    Deletions deletions_;
     DailySums sums_;
 };
 
 // Reads the events of the site's storage and user. Records a finding when the file cannot be read.
 // Skips lines that are no events.
 EventSummary ReadEventSummary(Site& site);
+
+// The deletions since the last rotation of the events file: those of both files, `all`, without
+// those of the rotated file. A rotation sets them back to 0, as it is usual for counters. If they
+// were counted in both files, they would only become smaller, and a monitoring system would take
+// the rest for new deletions.
+Deletions DeletionsSinceRotation(const Site& site, const Deletions& all);
+
+// `all` without `earlier`. No sum becomes negative.
+Deletions Without(Deletions all, const Deletions& earlier);

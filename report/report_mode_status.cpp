@@ -21,6 +21,7 @@ struct Status {
     std::optional<std::int64_t> free;
     std::vector<Overdue> overdue;
     std::vector<Event> last_events;
+    Deletions deletions;  // since the last rotation of the events file
     // When the server begins to evict for the size limit, and when it begins to refuse uploads.
     Forecast evictions;
     Forecast refusals;
@@ -29,6 +30,9 @@ struct Status {
 void ReadHistory(Site& site, Status& status) {
     const EventSummary summary = ReadEventSummary(site);
     status.last_events = summary.LastEvents();
+    if (site.options.is_json) {
+        status.deletions = DeletionsSinceRotation(site, summary.deletions());
+    }
     constexpr std::int64_t kMsPerSecond = 1000;
     const std::vector<DaySums> days =
         summary.DaysBefore(EventDay(kro_date::SystemNow() * kMsPerSecond));
@@ -157,7 +161,7 @@ void WriteText(const Site& site, const Status& status) {
     table.Add({"server", Escaped(ServerText(server))});
     table.Add({"storage", server.storage.empty() ? "unknown" : Escaped(server.storage)});
     if (!server.stale.empty()) table.Add({"state file", "stale: " + Escaped(server.stale)});
-    table.Add({"info root", Escaped(site.options.path)});
+    table.Add({"info root", Escaped(site.names.In(site.options.path, site.options.storage))});
     table.Add({"size limit", LimitText(status.known)});
     table.Add({"count limit", CountLimitText(status.known)});
     table.Add({"used", SizeText(status.space.used)});
@@ -220,6 +224,20 @@ kro_json::Array EventsJson(const Site& site, const std::vector<Event>& events) {
     return array;
 }
 
+// Has every reason, because a counter that a monitoring system sees for the first time with its
+// first deletion shows no increase.
+kro_json::Object DeletionsJson(const Deletions& deletions) {
+    kro_json::Object object;
+    for (auto reason = static_cast<int>(RemovalReason::kUnknown);
+         reason <= static_cast<int>(RemovalReason::kResumed); ++reason) {
+        const auto found = deletions.find(static_cast<RemovalReason>(reason));
+        const DeletionSums sums = found == deletions.end() ? DeletionSums{} : found->second;
+        object.push_back({NameOf(static_cast<RemovalReason>(reason)),
+                          kro_json::Object{{"backups", sums.backups}, {"bytes", sums.bytes}}});
+    }
+    return object;
+}
+
 kro_json::Object LimitsJson(const KnownLimits& known) {
     return {
         {"size", LimitJson(known.is_size_known, known.limits.size, ServerLimits::kNoSize)},
@@ -239,7 +257,8 @@ kro_json::Object BackupsJson(const Census& census) {
 
 void WriteJson(const Site& site, const Status& status) {
     Output::Json({{"date", site.date},
-                  {"info_root", site.options.path},
+                  {"storage_name", OrNull(site.names.User(site.options.storage))},
+                  {"info_root", site.names.In(site.options.path, site.options.storage)},
                   {"server", ServerJson(site.server)},
                   {"limits", LimitsJson(status.known)},
                   {"used", status.space.used},
@@ -257,6 +276,7 @@ void WriteJson(const Site& site, const Status& status) {
                   {"overdue", OverdueJson(site, status)},
                   {"forecast", kro_json::Object{{"evictions", ForecastJson(status.evictions)},
                                                 {"refusals", ForecastJson(status.refusals)}}},
+                  {"deletions", DeletionsJson(status.deletions)},
                   {"last_events", EventsJson(site, status.last_events)}});
 }
 

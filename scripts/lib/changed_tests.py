@@ -27,7 +27,7 @@ FOLDERS = [
     ("quarn2/", ["quarn2_", "backup_", "report_", "system_"]),
     ("backup_common/", ["backup_", "report_", "system_", "scenarios"]),
     ("launcher/", ["system_"]),
-    ("report/", ["report_", "system_report"]),
+    ("report/", ["report_", "system_report", "system_metrics", "system_page"]),
     ("night/", ["system_night", "system_crash_night", "package"]),
     ("debian/", ["package"]),
     ("tests/package/", ["package"]),

@@ -48,6 +48,33 @@ TEST(ReportEventSummary, ADeletionEndsItsFailures) {
     EXPECT_TRUE(summary.failed_deletions().contains({"a", "2026-11-02"}));
 }
 
+TEST(ReportEventSummary, DeletionsAreCountedByReason) {
+    EventSummary summary;
+    Event event = EventOf(EventKind::kDeleted, "a", "2026-11-01", 1);
+    event.reason = RemovalReason::kCountFull;
+    summary.Add(event);
+    event.size = 70;
+    summary.Add(event);
+    event.reason = RemovalReason::kAsked;
+    summary.Add(event);
+    event.kind = EventKind::kDeletionFailed;
+    summary.Add(event);
+    const Deletions expected = {{RemovalReason::kCountFull, {2, 70}},
+                                {RemovalReason::kAsked, {1, 70}}};
+    EXPECT_EQ(summary.deletions(), expected);
+}
+
+TEST(ReportEventSummary, DeletionsOfTheRotatedFileAreSubtracted) {
+    const Deletions all = {{RemovalReason::kCountFull, {5, 50}}, {RemovalReason::kAsked, {1, 7}}};
+    const Deletions earlier = {{RemovalReason::kCountFull, {2, 20}},
+                               {RemovalReason::kClear, {1, 1}}};
+    EXPECT_EQ(Without(all, earlier),
+              (Deletions{{RemovalReason::kCountFull, {3, 30}}, {RemovalReason::kAsked, {1, 7}}}));
+    EXPECT_EQ(Without({{RemovalReason::kAsked, {1, 7}}}, {{RemovalReason::kAsked, {2, 9}}}),
+              (Deletions{{RemovalReason::kAsked, {0, 0}}}))
+        << "the file was rotated between the two readings";
+}
+
 TEST(ReportForecast, IsInWords) {
     EXPECT_EQ(ForecastText({}), "unknown, the events are of too few days");
     EXPECT_EQ(ForecastText({true, std::nullopt, std::nullopt, std::nullopt}), "not within a year");

@@ -1,0 +1,54 @@
+"""The options that the programs share, and their messages."""
+
+import argparse
+import os
+import sys
+
+from .source import Report
+from .texts import escaped
+
+DONE, FAILED, USAGE = 0, 1, 2
+# Of quarn2_report: it gets these options as they are.
+_PASSED = (("path", "DIR", "the info root, as for quarn2_report"),
+           ("storage", "NAME", "the name that the server of a user's own storage has"),
+           ("size-limit", "BYTES", "the size limit, when no server runs"),
+           ("count-limit", "FULL:DAILY", "the count limit, when no server runs"),
+           ("max-age", "HOURS", "the age from which a user is overdue"),
+           ("date", "DATE", "the reference date instead of today"))
+
+
+def add_report_options(parser):
+    for name, value, text in _PASSED:
+        parser.add_argument("--" + name, metavar=value, help=text)
+    parser.add_argument("--anonymous", action="store_true", help="write hashes instead of the names of users")
+    parser.add_argument("--report", metavar="PROGRAM", default=_default_program(),
+                        help="the program quarn2_report; by default the one in the directory of this program")
+    parser.add_argument("--timeout", metavar="SECONDS", type=_seconds, default=300,
+                        help="end quarn2_report after this time and count it as failed (default: %(default)s)")
+
+
+def _default_program():
+    return os.path.join(os.path.dirname(os.path.realpath(sys.argv[0])), "quarn2_report")
+
+
+def _seconds(text):
+    number = int(text)
+    if number < 1:
+        raise argparse.ArgumentTypeError("give at least 1 second")
+    return number
+
+
+def report_of(given):
+    """Returns the Report that the options describe."""
+    options = []
+    for name, _, _ in _PASSED:
+        value = getattr(given, name.replace("-", "_"))
+        if value is not None:
+            options.append(f"--{name}={value}")
+    if given.anonymous:
+        options.append("--anonymous")
+    return Report(given.report, options, given.timeout)
+
+
+def complain(program, text):
+    print(f"{program}: {escaped(text)}", file=sys.stderr, flush=True)

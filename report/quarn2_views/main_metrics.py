@@ -1,0 +1,103 @@
+"""quarn2_metrics: writes the state of the backups as metrics for Prometheus."""
+
+import argparse
+import json
+import os
+import sys
+import time
+
+from .command_line import DONE, FAILED, add_report_options, complain, report_of
+from .metrics import report_metrics, status_metrics, user_metrics, verification_metrics
+from .replacement import replace_file
+from .source import ReportFailed, reason_of
+
+PROGRAM = "quarn2_metrics"
+# The collector runs as another user. Without --per-user, the file has no names.
+_MODE = 0o644
+
+
+def options():
+    parser = argparse.ArgumentParser(
+        prog=PROGRAM, usage="%(prog)s [options] [FILE]",
+        description="Runs quarn2_report and writes its figures in the text format of Prometheus to FILE, for the textfile "
+                    "collector of node_exporter, or to standard output.",
+        epilog="Exit status: 0 written, 1 quarn2_report failed (then the file says so) or the file cannot be written, "
+               "2 the command line is wrong.")
+    parser.add_argument("file", metavar="FILE", nargs="?", help="file that is replaced; its name must end in .prom")
+    add_report_options(parser)
+    parser.add_argument("--per-user", action="store_true", help="also write three metrics for each user")
+    parser.add_argument("--verification", metavar="FILE",
+                        help="also write the result in this file, the output of quarn2_report --verify --json")
+    return parser
+
+
+def parse(arguments):
+    parser = options()
+    given = parser.parse_args(arguments)
+    # The collector ignores other names, so the metrics would be missing without an error.
+    if given.file is not None and not given.file.endswith(".prom"):
+        parser.error(f"{given.file!r} does not end in .prom")
+    return given
+
+
+def read_verification(path):
+    """Returns the last object and the time of the file. The object is None when the verification did not end."""
+    try:
+        with open(path, encoding="utf-8", errors="replace") as file:
+            lines = file.read().splitlines()
+            last = json.loads(lines[-1]) if lines else {}
+            is_end = isinstance(last, dict) and last.get("problem", "") is None
+            return last if is_end else None, os.fstat(file.fileno()).st_mtime
+    except (OSError, ValueError):
+        return None, None
+
+
+def read_metrics(given):
+    """Returns the metrics and the name of the storage. Raises ReportFailed."""
+    report = report_of(given)
+    objects, findings = report.objects("--status")
+    status = next(objects, None)
+    if status is None:
+        raise ReportFailed("quarn2_report printed no status")
+    metrics = status_metrics(status, len(findings))
+    if given.per_user:
+        metrics += user_metrics(report.objects("--list")[0])
+    return metrics, status["storage_name"] or ""
+
+
+def write(given, content):
+    if given.file is not None:
+        replace_file(given.file, content, _MODE)
+        return
+    # sys.stdout would keep what it could not write, and fail again at the end of the program.
+    while content:
+        content = content[os.write(sys.stdout.fileno(), content):]
+
+
+def storage_label(given):
+    """The label of a report that failed. The hash of the name is not known then."""
+    return "anonymous" if given.anonymous and given.storage else given.storage or ""
+
+
+def main(arguments):
+    given = parse(arguments)
+    try:
+        from .exposition import text_of
+    except ImportError as error:
+        complain(PROGRAM, f"a Python module is missing: {error}; run: apt install python3-prometheus-client")
+        return FAILED
+    is_success, metrics, storage = True, [], storage_label(given)
+    try:
+        metrics, storage = read_metrics(given)
+    except Exception as error:  # Also after an error that nobody foresaw, the old figures must not stay.
+        complain(PROGRAM, f"{reason_of(error)}; the metrics say only that the report failed")
+        is_success = False
+    metrics += report_metrics(is_success, time.time())
+    if given.verification:
+        metrics += verification_metrics(*read_verification(given.verification))
+    try:
+        write(given, text_of(metrics, storage))
+    except OSError as error:
+        complain(PROGRAM, f"'{given.file or 'standard output'}' cannot be written: {error.strerror}")
+        return FAILED
+    return DONE if is_success else FAILED
