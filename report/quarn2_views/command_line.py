@@ -13,13 +13,13 @@ _PASSED = (("path", "DIR", "the info root, as for quarn2_report"),
            ("storage", "NAME", "the name that the server of a user's own storage has"),
            ("size-limit", "BYTES", "the size limit, when no server runs"),
            ("count-limit", "FULL:DAILY", "the count limit, when no server runs"),
-           ("max-age", "HOURS", "the age from which a user is overdue"),
            ("date", "DATE", "the reference date instead of today"))
 
 
 def add_report_options(parser):
     for name, value, text in _PASSED:
         parser.add_argument("--" + name, metavar=value, help=text)
+    parser.add_argument("--max-age", metavar="HOURS", help="the age from which a user is overdue")
     parser.add_argument("--anonymous", action="store_true", help="write hashes instead of the names of users")
     parser.add_argument("--report", metavar="PROGRAM", default=_default_program(),
                         help="the program quarn2_report; by default the one in the directory of this program")
@@ -47,7 +47,8 @@ def report_of(given):
             options.append(f"--{name}={value}")
     if given.anonymous:
         options.append("--anonymous")
-    return Report(given.report, options, given.timeout)
+    age = [] if given.max_age is None else [f"--max-age={given.max_age}"]
+    return Report(given.report, options, age, given.timeout)
 
 
 def complain(program, text):

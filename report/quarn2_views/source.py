@@ -6,6 +6,7 @@ import subprocess
 import tempfile
 
 _NO_FINDINGS, _FINDINGS = 0, 3
+_CHECK_RESULTS = (0, 1, 2, 3)
 _FINDING = "quarn2_report: finding: "
 
 
@@ -21,10 +22,10 @@ def reason_of(error):
 
 
 class Report:
-    """quarn2_report with the options of one storage."""
+    """quarn2_report with the options of one storage. Only the modes --status and --check have `age_options`."""
 
-    def __init__(self, program, options, timeout):
-        self.program, self.options, self.timeout = program, options, timeout
+    def __init__(self, program, options, age_options, timeout):
+        self.program, self.options, self.age_options, self.timeout = program, options, age_options, timeout
 
     def objects(self, *mode):
         """Returns a generator of the JSON objects of a mode, and the texts of the findings. Raises ReportFailed.
@@ -33,11 +34,13 @@ class Report:
         """
         # The file is closed when the generator is destroyed, also if no object was read.
         out = tempfile.TemporaryFile()
-        lines = self._run([self.program, *mode, "--json", *self.options], out).splitlines()
+        age = self.age_options if mode[0] in ("--status", "--check") else []
+        statuses = _CHECK_RESULTS if mode[0] == "--check" else (_NO_FINDINGS, _FINDINGS)
+        lines = self._run([self.program, *mode, *age, "--json", *self.options], out, statuses).splitlines()
         out.seek(0)
         return _parsed(out), [line.removeprefix(_FINDING) for line in lines if line.startswith(_FINDING)]
 
-    def _run(self, command, out):
+    def _run(self, command, out, statuses):
         """Returns the text of standard error."""
         # No mode that is used here asks the storage, so the token stays away.
         environment = {name: value for name, value in os.environ.items() if name != "BACKUP_TOKEN"}
@@ -49,7 +52,7 @@ class Report:
         except subprocess.TimeoutExpired:
             raise ReportFailed(f"{self.program} did not end within {self.timeout} seconds") from None
         text = result.stderr.decode(errors="replace")
-        if result.returncode not in (_NO_FINDINGS, _FINDINGS):
+        if result.returncode not in statuses:
             last = text.strip().split("\n")[-1].removeprefix("quarn2_report: ")
             raise ReportFailed(last or f"{self.program} ended with exit status {result.returncode}")
         return text
