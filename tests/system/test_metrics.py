@@ -216,7 +216,8 @@ class Metrics(ReportTest):
             with open(os.path.join(self.r.info_root.encode(), DATE.encode() + b"." + name + b".info"), "wb") as file:
                 file.write(b"type=full\nsize=10\nfinished=x")
         self.assertNotIn("quarn2_user_backups", {key[0] for key in self.metrics("--date", DATE)[1]})
-        found = self.metrics("--date", DATE, "--per-user")[1]
+        found = self.metrics("--date", DATE, "--per-user", "--max-age", "30")[1]
+        self.assertEqual((1, 30 * 3600), (found["quarn2_report_success",], found["quarn2_max_age_seconds",]))
         self.assertEqual({name.decode(errors="replace") for name in HOSTILE},
                          {key[1] for key in found if key[0] == "quarn2_user_backups"})
         out = str(self.metrics("--date", DATE, "--per-user", "--anonymous"))
