@@ -11,7 +11,11 @@ import subprocess
 import sys
 
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
-PYTHON = {"quarn2-night": "main_night", "quarn2-restore": "main_restore", "quarn2-setup": "main_setup"}
+# The module of each Python program, below a folder of the sources.
+PYTHON = {
+    "quarn2-night": ("night", "quarn2_night.main_night"), "quarn2-restore": ("night", "quarn2_night.main_restore"),
+    "quarn2-setup": ("night", "quarn2_night.main_setup"), "quarn2_metrics": ("report", "quarn2_views.main_metrics"),
+    "quarn2_page": ("report", "quarn2_views.main_page")}
 _ROW = re.compile(r"^(?P<indent> +?)(?:-(?P<letter>\w), |    )--(?P<name>[\w-]+)(?P<value> VALUE)?  +(?P<help>\S.*)$")
 
 
@@ -42,8 +46,9 @@ def options_of_program(program):
 
 def options_of_parser(name):
     """Returns the options of a Python program."""
-    sys.path.insert(0, os.path.join(TOP, "night"))
-    parser = importlib.import_module("quarn2_night." + PYTHON[name]).options()
+    folder, module = PYTHON[name]
+    sys.path.insert(0, os.path.join(TOP, folder))
+    parser = importlib.import_module(module).options()
     found = []
     for action in parser._actions:  # argparse has no public list of its options
         if action.option_strings:

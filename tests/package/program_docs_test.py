@@ -9,6 +9,7 @@ TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "
 DOCS = os.path.join(os.environ["QUARN2_CP_BUILD"], "share/docs")
 PROGRAMS = {"quarn2_cp": os.environ["QUARN2_CP_BINARY"], "quarn2_report": os.environ["QUARN2_REPORT"]}
 PROGRAMS.update({name: os.path.join(TOP, "night", name) for name in ("quarn2-night", "quarn2-restore", "quarn2-setup")})
+PROGRAMS.update({name: os.path.join(TOP, "report", name) for name in ("quarn2_metrics", "quarn2_page")})
 SECTIONS = ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "EXIT STATUS", "ENVIRONMENT", "FILES", "EXAMPLES", "SEE ALSO")
 
 
