@@ -75,22 +75,21 @@ class ReportPlan : public ProgramSite {
     }
 
     // Removes the empty records of missing days, for which no server writes an event.
+    static void AddLines(const Victims& victims, Lines& lines) {
+        for (const Victim& victim : victims) {
+            if (victim.size != 0) lines.push_back(LineOf(victim.reason, victim.user, victim.date));
+        }
+    }
+
     static Lines LinesOf(const ServerPlan& plan) {
         Lines lines;
-        for (const PlanStep& step : plan.steps) {
-            for (const Victim& victim : step.victims) {
-                if (victim.size != 0)
-                    lines.push_back(LineOf(victim.reason, victim.user, victim.date));
-            }
-        }
+        for (const PlanStep& step : plan.steps) AddLines(step.victims, lines);
         return lines;
     }
 
-    // The deletions of a server, from its events. `possible` becomes the number of steps that it
-    // did not refuse.
-    Lines Serve(const std::optional<PlannedUpload>& upload, std::size_t& possible) {
+    // A started server for the options. Its account has the backups of `root`.
+    GlobalSizeControl::StorageDesc& Start(GlobalSizeControl& control) {
         const ServerLimits limits = ServerLimits::Parse(options_.count_limit, options_.size_limit);
-        GlobalSizeControl control;
         control.path = "root";
         control.size_limit = limits.size;
         control.full_limit = limits.full;
@@ -100,6 +99,14 @@ class ReportPlan : public ProgramSite {
         control.unfinished = UnfinishedBackups(OwnLedger(), "memory:site", *desc.storage);
         control.Init(kDate);
         control.FinishDeletions();
+        return desc;
+    }
+
+    // The deletions of a server, from its events. `possible` becomes the number of steps that it
+    // did not refuse.
+    Lines Serve(const std::optional<PlannedUpload>& upload, std::size_t& possible) {
+        GlobalSizeControl control;
+        GlobalSizeControl::StorageDesc& desc = Start(control);
         possible = 0;
         try {
             control.FitIntoLimits();
@@ -192,17 +199,46 @@ class ReportPlan : public ProgramSite {
         counts.refusals += is_possible ? 0 : 1;
     }
 
+    // Compares the plan and the deletions of the one pass that a node client requests because the
+    // storage is full. Returns the number of deletions.
+    std::size_t CompareFullStorage(unsigned seed) {
+        Dice dice(seed);
+        MakeModel(dice);
+        options_.size_limit.clear();  // with a limit, the server refuses such requests
+        options_.count_limit = "0:1000000";
+        Site site(options_);
+        ReadServerAndLedger(site);
+        ScanSite(site, [](Backup&& /*backup*/) {});
+        GlobalSizeControl control;
+        Start(control);
+        EXPECT_EQ(control.max_count, site.account.max_count) << "seed " << seed;
+        const int keep = control.max_count - dice.Number(1, 3);
+        if (keep < 0) return 0;
+        Lines planned;
+        AddLines(PlanDropOne(site.account, keep, FindNotComplete(site.account)).AllVictims(),
+                 planned);
+        control.DropOldest(keep);
+        EXPECT_EQ(planned, DeletedEvents()) << "seed " << seed;
+        return planned.size();
+    }
+
     Options options_;
 };
 
-TEST_F(ReportPlan, OfRandomModelsIsWhatTheServerDoes) {
+// The models of the fixed seed have deletions and refusals.
+constexpr unsigned kFixed = 100;
+constexpr unsigned kModels = 16;
+
+unsigned ChosenSeed() {
     const char* given = std::getenv("QUARN2_CP_SEED");
     const unsigned chosen =
         given != nullptr ? static_cast<unsigned>(std::stoul(given)) : std::random_device()();
     std::printf("seed %u\n", chosen);
-    // The models of the fixed seed have deletions and refusals.
-    constexpr unsigned kFixed = 100;
-    constexpr unsigned kModels = 16;
+    return chosen;
+}
+
+TEST_F(ReportPlan, OfRandomModelsIsWhatTheServerDoes) {
+    const unsigned chosen = ChosenSeed();
     Counts counts;
     for (const unsigned seed : {kFixed, chosen}) {
         for (unsigned i = 0; i < kModels && !HasFailure(); ++i) Compare(seed + i, counts);
@@ -223,6 +259,17 @@ TEST_F(ReportPlan, TheEmptyRecordOfADayIsNotTheInterruptedBackupOfThatDay) {
     EXPECT_EQ(Serve(std::nullopt, possible), Lines());
     EXPECT_EQ(possible, 2U);
     EXPECT_TRUE(local_files::Has("root/2026-11-03.a.info"));
+}
+
+TEST_F(ReportPlan, OfAFullStorageIsWhatTheServerDoes) {
+    const unsigned chosen = ChosenSeed();
+    std::size_t deletions = 0;
+    for (const unsigned seed : {kFixed, chosen}) {
+        for (unsigned i = 0; i < kModels && !HasFailure(); ++i) {
+            deletions += CompareFullStorage(seed + i);
+        }
+    }
+    EXPECT_GT(deletions, 10U);
 }
 
 TEST_F(ReportPlan, NamesTheMissingBytes) {
