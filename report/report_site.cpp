@@ -54,10 +54,12 @@ class Collector : public ScanObserver {
     const TakeBackup& take_;
 };
 
-void CheckInfoRoot(const std::string& path) {
-    if (kro_file::Exists(path)) return;
+void CheckInfoRoot(const Site& site) {
+    const Options& options = site.options;
+    if (kro_file::Exists(options.path)) return;
     throw kro_err::Error(kro_err::Kind::kNotFound,
-                         "info root '" + path + "' does not exist: is --path right?");
+                         "info root '" + site.names.In(options.path, options.storage) +
+                             "' does not exist: is --path right?");
 }
 
 // Reads one entry again as text, because a server takes every text as an entry.
@@ -112,7 +114,7 @@ void ReadServerAndLedger(Site& site) {
 }
 
 void ScanSite(Site& site, const TakeBackup& take) {
-    CheckInfoRoot(site.options.path);
+    CheckInfoRoot(site);
     const KnownLimits known = ChooseLimits(site.options, site.server);
     GlobalSizeControl& account = site.account;
     account.path = site.options.path;

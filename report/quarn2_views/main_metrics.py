@@ -75,8 +75,11 @@ def write(given, content):
 
 
 def storage_label(given):
-    """The label of a report that failed. The hash of the name is not known then."""
-    return "anonymous" if given.anonymous and given.storage else given.storage or ""
+    """Returns the label of a report that failed. The hash of the name is not known then."""
+    if given.anonymous and given.storage:
+        return "anonymous"
+    # As quarn2_report writes a name that is not valid UTF-8.
+    return (given.storage or "").encode(errors="surrogateescape").decode(errors="replace")
 
 
 def main(arguments):
@@ -89,7 +92,7 @@ def main(arguments):
     is_success, metrics, storage = True, [], storage_label(given)
     try:
         metrics, storage = read_metrics(given)
-    except Exception as error:  # Also after an error that nobody foresaw, the old figures must not stay.
+    except Exception as error:  # After any error, the old figures must be replaced.
         complain(PROGRAM, f"{reason_of(error)}; the metrics say only that the report failed")
         is_success = False
     metrics += report_metrics(is_success, time.time())

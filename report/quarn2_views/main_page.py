@@ -101,7 +101,7 @@ def main(arguments):
     now = time.time()
     try:
         model = read_model(report_of(given), given)
-    except Exception as error:  # Also after an error that nobody foresaw, the old page must not stay.
+    except Exception as error:  # After any error, the old page must be replaced.
         complain(PROGRAM, f"{reason_of(error)}; the page says only that there is no report")
         model = {"failure": escaped(reason_of(error))}
     made = datetime.datetime.fromtimestamp(now).strftime("%Y-%m-%d %H:%M")

@@ -133,7 +133,7 @@ class Metrics(ReportTest):
         process = start([os.path.join(VIEWS, "quarn2_metrics"), "--report", report or self.binary, *arguments], cwd="/",
                         env=self.r.environment(), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         out, err = process.communicate(timeout=DEADLINE)
-        files = [name for name in arguments if name.endswith(".prom")]
+        files = [name for name in arguments if str(name).endswith(".prom")]
         text = read(files[0]).decode() if files and os.path.exists(files[0]) else out.decode()
         self.check_with_promtool(text)
         found = {}
@@ -228,6 +228,10 @@ class Metrics(ReportTest):
         self.storage = 'own"1'
         self.assertEqual(0, self.metrics("--storage", self.storage)[0])
         self.assertEqual(1, self.metrics("--storage", self.storage, "--path", "var/none")[0])
+        self.storage = "\ufffd"
+        self.assertEqual(0, self.metrics("--storage", b"\xff")[0])
+        self.assertEqual(1, self.metrics("--storage", b"\xff", "--path", "var/none")[0])
+        self.storage = 'own"1'
         self.storage = self.status("--storage", self.storage, "--anonymous")["storage_name"]
         self.assertRegex(self.storage, "^user-[0-9a-f]{16}$")
         self.assertEqual(0, self.metrics("--storage", 'own"1', "--anonymous")[0])

@@ -15,7 +15,7 @@ import sys
 
 from local_files import read, write
 from processes import start
-from report_test_case import HOSTILE, VIEWS, ReportTest
+from report_test_case import HOSTILE, REPORT, VIEWS, ReportTest
 from samples import DATE, chain, day, write_info
 from system_test import SystemTest
 from waiting import DEADLINE
@@ -121,6 +121,7 @@ class Past(SystemTest):
 
     def test_protected_sums_of_random_lives_are_those_of_the_definition(self):
         seed = int(os.environ.get("QUARN2_CP_SEED") or random.randrange(10**6))
+        print(f"seed {seed}")
         dice = random.Random(seed)
         for _ in range(300):
             lives = []
@@ -200,11 +201,11 @@ class Contrast(SystemTest):
                     for block in re.findall(r":root \{(.*?)\}", style, re.S)]
         self.assertEqual(2, len(palettes))
         for palette in palettes:
-            self.assertEqual(16, len(palette))
+            self.assertEqual(20, len(palette))
             for name in ("text", "quiet", "good", "warning", "bad"):
                 for ground in ("ground", "raised"):
                     self.assertGreaterEqual(self.contrast(palette[name], palette[ground]), 4.5, (name, ground))
-            for number in range(8):
+            for number in range(len(page_model.REASONS)):
                 self.assertGreaterEqual(self.contrast(palette[f"c{number}"], palette["ground"]), 3, number)
 
 
@@ -357,6 +358,22 @@ class Pages(ReportTest):
         self.assertNotIn("The page has space", text)
         text = use("\u202e" * 100 + str(number) for number in range(10000))
         self.assertRegex(text, "The page has space for [0-9]+ of 10000 users")
+
+    def test_the_installed_programs_find_their_files(self):
+        # The directory of the build whose programs are tested.
+        build = os.path.dirname(REPORT)
+        subprocess.run(["cmake", "--install", build, "--prefix", self.r.path], check=True, stdout=subprocess.DEVNULL)
+        chain(self.r, "web1", "FD")
+        for program in ("quarn2_page", "quarn2_metrics"):
+            for folder in ("", "linked"):
+                path = self.r.file("sbin/" + program)
+                if folder:  # A package has links to the programs.
+                    os.makedirs(self.r.file(folder), exist_ok=True)
+                    os.symlink(path, self.r.file(f"{folder}/{program}"))
+                    path = self.r.file(f"{folder}/{program}")
+                target = os.path.join(self.folder, program + ".prom")
+                subprocess.run([path, "--date", DATE, target], check=True, env=self.r.environment(), stderr=subprocess.PIPE)
+                self.assertIn(b"web1" if program == "quarn2_page" else b"quarn2_report_success", read(target))
 
     def test_the_command_line_and_the_file_are_checked(self):
         for arguments in (["--days", "1"], ["--days", "x"], []):

@@ -109,3 +109,11 @@ class HostileNames(ReportTest):
             for name in ("crimson", "script", "quote", "revers", "nnn", "title", "secret", "web1", "web5", "web6"):
                 self.assertNotIn(name, out + err, arguments)
             self.assertEqual((status, out, err), self.report(*arguments, "--anonymous"))
+
+    def test_anonymous_output_does_not_name_the_user_of_a_storage(self):
+        os.makedirs(self.r.file("var/backup/web8"))
+        for path in ("var/backup/web8", "var/backup/web8/none"):
+            for form in ([], ["--json"]):
+                out = self.report("--status", "--storage", "web8", "--path", path, "--anonymous", *form)
+                self.assertNotIn("web8", str(out))
+                self.assertIn("var/backup/user-", str(out))
