@@ -19,6 +19,10 @@
     box.form.hidden = false;
     filter();
   }
+  // A narrow window shows the last days of a plot first.
+  document.querySelectorAll("figure .wide").forEach((frame) => {
+    frame.scrollLeft = frame.scrollWidth;
+  });
   // A page that no job replaces any more must not look like the present.
   const hours = Math.floor((Date.now() / 1000 - Number(document.body.dataset.made)) / 3600);
   if (hours >= 26) {
