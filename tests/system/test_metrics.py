@@ -230,7 +230,7 @@ class Metrics(ReportTest):
         self.assertEqual(1, self.metrics("--storage", self.storage, "--path", "var/none")[0])
         self.storage = "\ufffd"
         self.assertEqual(0, self.metrics("--storage", b"\xff")[0])
-        self.assertEqual(1, self.metrics("--storage", b"\xff", "--path", "var/none")[0])
+        self.assertEqual(0, self.metrics("--storage", b"\xff", "--path", "var/none")[1]["quarn2_report_success",])
         self.storage = 'own"1'
         self.storage = self.status("--storage", self.storage, "--anonymous")["storage_name"]
         self.assertRegex(self.storage, "^user-[0-9a-f]{16}$")
