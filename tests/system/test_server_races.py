@@ -19,7 +19,7 @@ from waiting import DEADLINE, wait_for
 
 DATE = "2026-11-20"
 ROOTS = 5
-ROUNDS = 20  # number of rounds in each install root
+ROUNDS = int(os.environ.get("QUARN2_CP_ROUNDS", 4))  # number of rounds in each install root
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 FAILED = "quarn2_cp: Failed to start size control server\n"
 
