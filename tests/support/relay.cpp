@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -115,6 +116,20 @@ int Relay::Accepted(std::uint16_t port) {
     return accepted;
 }
 
+void Relay::HoldAnswers(std::chrono::milliseconds quiet) {
+    Do([&] {
+        quiet_ = quiet;
+        has_sent_ = false;
+        round_trips_ = 0;
+    });
+}
+
+int Relay::RoundTrips() {
+    int round_trips = 0;
+    Do([&] { round_trips = round_trips_; });
+    return round_trips;
+}
+
 void Relay::Do(const std::function<void()>& work) {
     // Shared ownership: the thread may still hold the task when this function has returned.
     const auto task = std::make_shared<std::packaged_task<void()>>(work);
@@ -167,13 +182,25 @@ void Relay::WaitForNews() const {
             const Flow& to = connection.flows.at(1 - side);
             int events = 0;
             if (!from.ended && from.waiting.size() < kBuffer) events |= POLLIN;
-            if (!to.waiting.empty()) events |= POLLOUT;
+            const bool is_held = side == 0 && IsHolding();
+            if (!to.waiting.empty() && !is_held) events |= POLLOUT;
             if (events != 0) {
                 news.push_back({connection.sides.at(side), static_cast<short>(events), 0});
             }
         }
     }
-    poll(news.data(), news.size(), -1);
+    poll(news.data(), news.size(), WaitMilliseconds());
+}
+
+bool Relay::IsHolding() const {
+    return has_sent_ && std::chrono::steady_clock::now() - sent_at_ < quiet_;
+}
+
+// Returns the maximum time to wait for news: until held answers may pass, or -1 for any time.
+int Relay::WaitMilliseconds() const { return IsHolding() ? static_cast<int>(quiet_.count()) : -1; }
+
+void Relay::CountRoundTrip() {
+    if (std::exchange(has_sent_, false)) ++round_trips_;
 }
 
 void Relay::Listen() {
@@ -201,6 +228,7 @@ void Relay::Accept(Listener& listener) {
             ResHandle(accept4(listener.handle, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
         if (!connection.sides[0]) return;
         ++listener.accepted;
+        ++round_trips_;
         connection.sides[1] = Socket();
         const sockaddr_in server = Address("127.0.0.1", listener.port);
         if (connect(connection.sides[1], reinterpret_cast<const sockaddr*>(&server),
@@ -231,6 +259,10 @@ bool Relay::Take(Connection& connection, std::size_t from) {
         recv(connection.sides.at(from), bytes.data(), kBuffer - flow.waiting.size(), 0);
     if (count < 0) return IsForLater(errno);
     flow.ended = count == 0;
+    if (from == 0 && count > 0) {
+        has_sent_ = true;
+        sent_at_ = std::chrono::steady_clock::now();
+    }
     flow.waiting.append(bytes.data(), static_cast<std::size_t>(count));
     return true;
 }
@@ -244,9 +276,11 @@ bool Relay::Pass(Connection& connection, std::size_t from) {
             BeginHarm();
             return true;
         }
+        if (from == 1 && IsHolding()) return true;
         const ssize_t count = send(to, flow.waiting.data(), allowed, MSG_NOSIGNAL);
         if (count < 0) return IsForLater(errno);
         Count(from, static_cast<std::size_t>(count));
+        if (from == 1) CountRoundTrip();
         flow.waiting.erase(0, static_cast<std::size_t>(count));
     }
     if (flow.ended && flow.waiting.empty() && !flow.passed) {

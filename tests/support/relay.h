@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <future>
@@ -60,6 +61,15 @@ class Relay {
     // Refuses connections until Heal, as if no process listened.
     void Refuse();
 
+    // Holds the server's data back until the client has sent nothing for this time, and counts
+    // round trips from now on. A client that sends several requests before it needs an answer has
+    // sent them all by then, however early the server answers the first.
+    void HoldAnswers(std::chrono::milliseconds quiet);
+    // Returns how often the client had to wait for the server since HoldAnswers(): the changes from
+    // sending to receiving, and the new connections. A client that another process delays in the
+    // middle of its requests is counted once more, so a test takes the minimum of several tries.
+    int RoundTrips();
+
     // Both functions count from the creation of the relay. Passed returns the bytes that the relay
     // has sent in one direction, Accepted the connections that it has accepted at a port.
     std::int64_t Passed(Way way);
@@ -91,6 +101,10 @@ class Relay {
     void Listen();
     void Accept(Listener& listener);
     void CarryAll();
+    // Returns true while the client may still be sending, and answers have to wait.
+    bool IsHolding() const;
+    int WaitMilliseconds() const;
+    void CountRoundTrip();
     // Forwards the available data of a connection. Returns false if the connection has ended.
     bool Carry(Connection& connection);
     bool Take(Connection& connection, std::size_t from);
@@ -118,6 +132,11 @@ class Relay {
     std::array<std::int64_t, 2> since_armed_ = {0, 0};
     std::array<std::int64_t, 2> passed_ = {0, 0};
     bool stopping_ = false;
+
+    std::chrono::milliseconds quiet_{0};  // 0: answers are not held back
+    std::chrono::steady_clock::time_point sent_at_;
+    bool has_sent_ = false;  // true if the client has sent data since the last answer
+    int round_trips_ = 0;
 
     // Protects work_, the tasks for the relay's thread.
     std::mutex mutex_;

@@ -24,6 +24,10 @@ class RemoteSite : public StorageSite {
     // True while the server writes a file of this site, even for a client that has disconnected.
     virtual bool IsBeingWritten() const { return false; }
 
+    // The maximum number of round trips of a small upload over a kept connection, into a directory
+    // that the connection has used before.
+    virtual int RoundTripsOfUpload() const = 0;
+
     // The parts of a token whose storage does not exist.
     virtual TokenParts Missing() const {
         TokenParts parts = Parts();

@@ -28,6 +28,8 @@ class S3Site : public RemoteSite {
         return parts;
     }
 
+    int RoundTripsOfUpload() const override { return 1; }
+
     // A token of a missing bucket. Prefixes are not objects, so a prefix cannot be missing.
     TokenParts Missing() const override {
         TokenParts parts = Parts();

@@ -25,6 +25,8 @@ class FtpsSite : public ServedDirectorySite {
         return ports;
     }
 
+    int RoundTripsOfUpload() const override { return 8; }
+
     // pure-ftpd refuses backslashes, for the sake of clients on Windows.
     bool RefusesName(const std::string& name) const override {
         return info()["name"] == "ftp" && name.find('\\') != std::string::npos;

@@ -15,6 +15,8 @@ class SftpSite : public ServedDirectorySite {
         return parts;
     }
 
+    int RoundTripsOfUpload() const override { return 3; }
+
     std::map<std::string, TokenParts> Refused() const override {
         std::map<std::string, TokenParts> refused = ServedDirectorySite::Refused();
         for (const char* const what : {"an unknown host key", "a changed host key"}) {

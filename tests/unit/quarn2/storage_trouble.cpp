@@ -118,6 +118,25 @@ TEST_P(StorageTrouble, KeepsItsConnection) {
     EXPECT_LE(relay_.Accepted(site_->Parts().port), 4) << "a few side by side, not one for each";
 }
 
+// Counts instead of measuring time, because the result must not depend on the speed of the machine.
+TEST_P(StorageTrouble, ASmallUploadTakesFewRoundTrips) {
+    constexpr std::size_t kSmall = 64UL * 1024;
+    constexpr int kUploads = 12;
+    const std::string source = LocalFile(local_files::Noise(kSmall));
+    const auto storage = OpenThroughRelay(kPatience);
+    ASSERT_TRUE(storage->Upload("dir/first", source));
+    relay_.HoldAnswers(std::chrono::milliseconds(15));
+    std::vector<int> counts;
+    for (int i = 0; i < kUploads; ++i) {
+        const int before = relay_.RoundTrips();
+        ASSERT_TRUE(storage->Upload("dir/" + std::to_string(i), source));
+        counts.push_back(relay_.RoundTrips() - before);
+    }
+    EXPECT_LE(*std::min_element(counts.begin(), counts.end()), site_->RoundTripsOfUpload())
+        << testing::PrintToString(counts);
+    RecordProperty("round_trips", testing::PrintToString(counts));
+}
+
 TEST_P(StorageTrouble, AClosedIdleConnectionIsNotNoticed) {
     const auto storage = OpenThroughRelay(kPatience);
     ASSERT_TRUE(storage->Upload("dir/file", LocalFile("first")));

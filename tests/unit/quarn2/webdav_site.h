@@ -16,6 +16,8 @@ class WebdavSite : public ServedDirectorySite {
         return parts;
     }
 
+    int RoundTripsOfUpload() const override { return 3; }
+
     bool IsLeftover(const std::string& path) const override {
         return quarn2::webdav::IsTemporaryEntry(kro_file::Name(path));
     }

@@ -133,6 +133,25 @@ TEST_F(RelayTest, CarriesBothWaysAndCounts) {
     EXPECT_EQ(relay_.Accepted(server_.port()), 1);
 }
 
+TEST_F(RelayTest, CountsRequestsWithoutAnAnswerBetweenThemAsOneRoundTrip) {
+    Client client(server_.port());
+    ASSERT_TRUE(client.Send(1));
+    ASSERT_EQ(client.Receive(1), 1U);
+    relay_.HoldAnswers(std::chrono::milliseconds(500));
+    ASSERT_TRUE(client.Send(1));
+    ASSERT_EQ(relay_.Passed(Way::kDown), 1);
+    ASSERT_TRUE(client.Send(1));
+    EXPECT_EQ(client.Receive(2), 2U);
+    EXPECT_EQ(relay_.RoundTrips(), 1);
+    ASSERT_TRUE(client.Send(1));
+    EXPECT_EQ(client.Receive(1), 1U);
+    EXPECT_EQ(relay_.RoundTrips(), 2);
+    Client second(server_.port());
+    ASSERT_TRUE(second.Send(1));
+    EXPECT_EQ(second.Receive(1), 1U);
+    EXPECT_EQ(relay_.RoundTrips(), 4) << "one more for the new connection";
+}
+
 TEST_F(RelayTest, PassesTheEndOfOneSideOnAndThenTheOther) {
     Client client(server_.port());
     ASSERT_TRUE(client.Send(10));
