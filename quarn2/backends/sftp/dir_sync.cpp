@@ -48,6 +48,11 @@ void DirSync::Finish() {
     for (const std::uint32_t id : std::exchange(asked_, {})) session_.Wait(id);
 }
 
+void DirSync::Abandon() {
+    TakeHandles();
+    Close();
+}
+
 void DirSync::Close() {
     for (const std::string& handle : std::exchange(handles_, {})) {
         session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle))));

@@ -29,6 +29,8 @@ class DirSync {
     void Sync();
     // Waits for the replies to the requests of Sync().
     void Finish();
+    // Waits for all replies and closes the directories without syncing them.
+    void Abandon();
 
   private:
     void Close();

@@ -208,6 +208,10 @@ void Session::Forget(std::uint32_t id) {
     if (kept_.erase(id) == 0 && outstanding_.contains(id)) forgotten_.insert(id);
 }
 
+void Session::Settle(std::uint32_t id) {
+    if (kept_.erase(id) == 0 && outstanding_.contains(id)) Wait(id);
+}
+
 void Session::CheckAlive() {
     Breaker breaker(*this);
     stream_->CheckAlive();

@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "handle_guess.h"
 #include "packet.h"
 #include "status.h"
 
@@ -71,9 +72,13 @@ class Session {
     bool HasNext() const noexcept;
     // Discards the reply to this request when it arrives.
     void Forget(std::uint32_t id);
+    // Waits for the reply to this request and discards it. Does nothing if it has been taken.
+    void Settle(std::uint32_t id);
 
     // Throws kUnavailable if the server has closed the connection. Does not wait for the network.
     void CheckAlive();
+    HandleGuess& handle_guess() noexcept { return handle_guess_; }
+
     // Returns true after an error of the connection or the protocol. The session must not be used
     // any more then.
     bool broken() const noexcept { return broken_; }
@@ -106,6 +111,7 @@ class Session {
     std::set<std::string> extensions_;
     std::size_t read_size_;
     std::size_t write_size_;
+    HandleGuess handle_guess_;
     std::uint32_t last_id_ = 0;
     bool broken_ = false;
 };

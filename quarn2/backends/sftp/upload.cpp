@@ -8,6 +8,7 @@
 
 #include "base/stored_name.h"
 #include "dir_sync.h"
+#include "free_space.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/kro_proc.h"
@@ -28,26 +29,28 @@ constexpr std::size_t kBlock = 1024UL * 1024;
 // Maximum number of bytes that are sent and not yet confirmed. This is more than the window of any
 // server allows, so the limit does not slow down uploads. Unconfirmed bytes are not kept in memory.
 constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
+// The maximum size of a file whose data are sent before the server has opened the temporary file.
+// The round trip that this saves matters only for small files, and a refused file costs only this
+// amount of data.
+constexpr std::int64_t kMaxEarly = 256L * 1024;
 // The time that an existing temporary file is watched. A running upload writes several times a
 // second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
 // How often a file that changes is watched. After a connection breaks, the server still writes what
 // it had received, so a file that changes at first may nevertheless be left by that upload.
 constexpr int kMaxWatches = 3;
-// In bytes. If a write fails and the storage has less free space than this, the storage counts as
-// full.
-constexpr std::uint64_t kNoRoomBelow = 1024UL * 1024;
 // In bytes per second. The timeout of a sync assumes that the server's disk is at least this fast.
 constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;
 constexpr int kRenameAttempts = 5;
 constexpr int kOpenAttempts = 3;
 
 const char* const kSync = "fsync@openssh.com";
-const char* const kSpace = "statvfs@openssh.com";
 const char* const kPosixRename = "posix-rename@openssh.com";
 
 // Thrown if the storage has no space for the file.
 struct NoRoom {};
+// Thrown if the server has refused a request that was sent before the temporary file was open.
+struct EarlyRefused {};
 
 class Uploader {
   public:
@@ -57,16 +60,20 @@ class Uploader {
           place_(place),
           name_(name),
           path_(place.PathOf(name)),
-          directories_{kro_file::Path(path_)},
+          directory_(kro_file::Path(path_)),
+          directories_{directory_},
           source_(source),
           state_(state) {}
 
     bool Run() {
         try {
-            Open();
-            state_.started = true;
-            SendAll();
-            Finish();
+            ReadEarly();
+            try {
+                Write();
+            } catch (const EarlyRefused&) {
+                TakeBackEarly();
+                Write();
+            }
             Rename();
             state_.temporary.clear();
             sync_.Finish();
@@ -81,6 +88,19 @@ class Uploader {
     }
 
   private:
+    // Writes the temporary file and syncs it.
+    void Write() {
+        Open();
+        state_.started = true;
+        if (!is_early_) {
+            SendAll();
+            SendFinish(state_.temporary);
+        }
+        Finish();
+        is_early_ = false;
+        session_.handle_guess().Opened(directory_, opened_as_);
+    }
+
     std::uint32_t SendPath(Type type, const std::string& path) {
         return session_.Send(std::move(Request(type).Text(path)));
     }
@@ -94,6 +114,7 @@ class Uploader {
         for (const std::string& path : TemporaryPaths(path_)) {
             if (!state_.lock.TryTake(place_.server() + path)) continue;
             std::uint32_t opened = SendOpen(path, kExclusive);
+            SendEarly(path);
             CheckRootOnce(root, opened);
             if (TryOpen(path, opened)) return;
         }
@@ -124,11 +145,14 @@ class Uploader {
         for (int failures = 0;; id = SendOpen(path, flags)) {
             Reply reply = session_.Wait(id);
             if (reply.type == Type::kHandle) {
-                handle_ = reply.fields.Text();
+                opened_as_ = reply.fields.Text();
                 state_.temporary = path;
+                CheckGuess();
+                if (!is_early_) handle_ = opened_as_;
                 return true;
             }
             const Status status = reply.AsStatus();
+            DropEarly();
             if (status.code == Code::kNoSuchFile && !made_directories_) {
                 MakeDirectories();
             } else if (const auto there = LookAt(session_, path)) {
@@ -166,6 +190,7 @@ class Uploader {
 
     void MakeDirectories() {
         made_directories_ = true;
+        session_.handle_guess().Forget(directory_);
         MadeDirs made = MakeDirs(session_, place_, kro_file::Path(name_));
         if (made.parents.empty() && made.refusal.code != Code::kOk) {
             const std::string directory = kro_file::Path(path_);
@@ -179,34 +204,101 @@ class Uploader {
         directories_.insert(directories_.end(), made.parents.begin(), made.parents.end());
     }
 
+    // --- Data that are sent before the file is open ---
+
+    // Reads a small file before the upload begins, if the handle of its temporary file is
+    // predictable. Then no error of the source can occur while the server opens the file.
+    void ReadEarly() {
+        if (source_.size() > kMaxEarly || !session_.handle_guess().For(directory_)) return;
+        const auto size = static_cast<std::size_t>(source_.size());
+        early_data_.resize(Session::kHeadroom + size);
+        const std::span<std::byte> data = std::span(early_data_).subspan(Session::kHeadroom);
+        if (source_.ReadAt(0, data) != size) ThrowEndedEarly();
+        guess_ = session_.handle_guess().For(directory_);
+    }
+
+    // Sends all requests of the upload except for the rename, with the predicted handle. The rename
+    // has to wait for the replies: a file whose data the server has refused must not appear.
+    void SendEarly(const std::string& path) {
+        if (!guess_) return;
+        handle_ = *std::exchange(guess_, std::nullopt);
+        is_early_ = true;
+        std::span<std::byte> rest = early_data_;
+        for (std::int64_t offset = 0; rest.size() > Session::kHeadroom;) {
+            offset += static_cast<std::int64_t>(SendWrite(rest, offset));
+        }
+        SendFinish(path);
+    }
+
+    void CheckGuess() {
+        if (!is_early_ || opened_as_ == sent_handle_) return;
+        session_.handle_guess().Refuted();
+        DropEarly();
+    }
+
+    // Waits until the server has refused all requests with the predicted handle. Then the server
+    // cannot apply any of them to the file that it opens next.
+    void DropEarly() {
+        if (!std::exchange(is_early_, false)) return;
+        SettleAll();
+        sync_.Abandon();
+    }
+
+    void SettleAll() {
+        for (const std::uint32_t id : std::exchange(writes_, {})) session_.Settle(id);
+        for (const std::uint32_t id : std::exchange(later_, {})) session_.Settle(id);
+    }
+
+    // Removes the temporary file after the server has opened it with the predicted handle and has
+    // refused to write to it. A server that runs requests in parallel does that if it has not
+    // opened the file yet. If the storage is full, the second attempt finds it out.
+    void TakeBackEarly() {
+        session_.handle_guess().Refuted();
+        DropEarly();
+        session_.WaitStatus(SendPath(Type::kClose, opened_as_));
+        session_.WaitStatus(SendPath(Type::kRemove, state_.temporary));
+        state_.temporary.clear();
+        root_checked_ = false;
+    }
+
     // --- Transfer of the data ---
+
+    [[noreturn]] static void ThrowEndedEarly() {
+        throw Error(Kind::kFailed, "the source ended early");
+    }
 
     void SendAll() {
         constexpr std::size_t kRoom = Session::kHeadroom;
         const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kRoom + kBlock);
         for (std::int64_t offset = 0; offset < source_.size();) {
             const std::size_t got = source_.ReadAt(offset, {buffer.get() + kRoom, kBlock});
-            if (got == 0) throw Error(Kind::kFailed, "the source ended early");
+            if (got == 0) ThrowEndedEarly();
             SendBlock({buffer.get(), kRoom + got}, offset);
             offset += static_cast<std::int64_t>(got);
         }
     }
 
-    // Sends the data in write requests of at most write_size() bytes. The header of each request
-    // overwrites the end of the previous request's data, which has already been sent.
+    // Sends the data, and takes replies to earlier requests in between.
     void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
         while (room_and_data.size() > Session::kHeadroom) {
-            const std::size_t size =
-                std::min(room_and_data.size() - Session::kHeadroom, session_.write_size());
             while ((writes_.size() + 1) * session_.write_size() > kMaxInFlight) TakeAnswer();
-            Request request(Type::kWrite);
-            request.Text(handle_).U64(static_cast<std::uint64_t>(offset));
-            writes_.insert(session_.SendWithData(std::move(request),
-                                                 room_and_data.first(Session::kHeadroom + size)));
-            room_and_data = room_and_data.subspan(size);
-            offset += static_cast<std::int64_t>(size);
+            offset += static_cast<std::int64_t>(SendWrite(room_and_data, offset));
             while (session_.HasNext()) TakeAnswer();
         }
+    }
+
+    // Sends the first of the data in a write request of at most write_size() bytes, removes them
+    // from `room_and_data` and returns their number. The header of the next request overwrites
+    // their end.
+    std::size_t SendWrite(std::span<std::byte>& room_and_data, std::int64_t offset) {
+        const std::size_t size =
+            std::min(room_and_data.size() - Session::kHeadroom, session_.write_size());
+        Request request(Type::kWrite);
+        request.Text(handle_).U64(static_cast<std::uint64_t>(offset));
+        writes_.insert(session_.SendWithData(std::move(request),
+                                             room_and_data.first(Session::kHeadroom + size)));
+        room_and_data = room_and_data.subspan(size);
+        return size;
     }
 
     void TakeAnswer() {
@@ -215,35 +307,43 @@ class Uploader {
     }
 
     void CheckDone(const std::string& what, const Status& status) {
-        if (status.code != Code::kOk) ThrowFailed(what, status);
+        if (status.code == Code::kOk) return;
+        if (is_early_) throw EarlyRefused();
+        ThrowFailed(what, status);
     }
 
     // --- Completion ---
 
-    void Finish() {
-        const bool sync = session_.Offers(kSync);
-        const int patience =
-            static_cast<int>(std::min<std::int64_t>(source_.size() / kMinSyncRate, 1'000'000));
-        std::uint32_t synced = 0;
-        if (sync) {
-            synced = session_.Send(std::move(Request(Type::kExtended).Text(kSync).Text(handle_)));
-            later_.push_back(synced);
+    // Returns the number of seconds that the server may need to sync the file.
+    int SyncPatience() const {
+        return static_cast<int>(std::min<std::int64_t>(source_.size() / kMinSyncRate, 1'000'000));
+    }
+
+    // Sends the requests that follow the data. `temporary` is the path of the temporary file.
+    void SendFinish(const std::string& temporary) {
+        synced_.reset();
+        if (session_.Offers(kSync)) {
+            synced_ = session_.Send(std::move(Request(Type::kExtended).Text(kSync).Text(handle_)));
+            later_.push_back(*synced_);
         }
-        const std::uint32_t measured = SendHandle(Type::kFstat);
-        const std::uint32_t closed = SendHandle(Type::kClose);
-        const std::uint32_t seen = SendPath(Type::kLstat, state_.temporary);
-        handle_.clear();
+        measured_ = SendHandle(Type::kFstat);
+        closed_ = SendHandle(Type::kClose);
+        seen_ = SendPath(Type::kLstat, temporary);
+        sent_handle_ = std::exchange(handle_, {});
         sync_.Open(directories_);
-        later_.insert(later_.end(), {measured, closed, seen});
+        later_.insert(later_.end(), {measured_, closed_, seen_});
+    }
+
+    void Finish() {
         while (!writes_.empty()) {
             const std::uint32_t id = *writes_.begin();
             writes_.erase(writes_.begin());
             CheckDone("write", session_.WaitStatus(id));
         }
-        if (sync) CheckSynced(session_.WaitStatus(synced, patience));
-        const Attributes own = AttributesIn(session_.Wait(measured));
-        CheckDone("close", session_.WaitStatus(closed, patience));
-        CheckSame(own, AttributesIn(session_.Wait(seen)));
+        if (synced_) CheckSynced(session_.WaitStatus(*synced_, SyncPatience()));
+        const Attributes own = AttributesIn(session_.Wait(measured_));
+        CheckDone("close", session_.WaitStatus(closed_, SyncPatience()));
+        CheckSame(own, Named());
         sync_.TakeHandles();
         source_.CheckUnchanged();
     }
@@ -256,6 +356,14 @@ class Uploader {
     // status.
     static Attributes AttributesIn(Reply reply) {
         return reply.type == Type::kAttrs ? reply.fields.Attrs() : Attributes();
+    }
+
+    // Returns the attributes of the file at the temporary path. A server that runs requests in
+    // parallel can read them before it has written early data, so they are then queried again.
+    Attributes Named() {
+        Attributes named = AttributesIn(session_.Wait(seen_));
+        if (!is_early_ || named.size == static_cast<std::uint64_t>(source_.size())) return named;
+        return LookAt(session_, state_.temporary).value_or(Attributes());
     }
 
     // Checks that the file at the temporary path is the file that this upload has written. Another
@@ -322,7 +430,7 @@ class Uploader {
     [[noreturn]] void ThrowFailed(const std::string& what, const Status& status) {
         const Failure failure = FailureOf(status, path_);
         if (failure == Failure::kNoRoom) throw NoRoom();
-        if (status.code == Code::kFailure && IsFull()) throw NoRoom();
+        if (status.code == Code::kFailure && IsFull(session_, place_)) throw NoRoom();
         if (failure == Failure::kNotFound) ThrowRemoved(what, status);
         ThrowRefused(what, path_, status);
     }
@@ -333,26 +441,6 @@ class Uploader {
         throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
                                             " on the storage: " + Describe(status) +
                                             "; the temporary file was removed during the upload");
-    }
-
-    bool IsFull() {
-        if (!session_.Offers(kSpace)) return false;
-        Request request(Type::kExtended);
-        request.Text(kSpace).Text(place_.root());
-        Reply reply = session_.Wait(session_.Send(std::move(request)));
-        if (reply.type != Type::kExtendedReply) return false;
-        Fields& fields = reply.fields;
-        fields.U64();  // skips the preferred block size
-        const std::uint64_t block = fields.U64();
-        fields.U64();  // skips the total number of blocks
-        fields.U64();  // skips the free blocks, including the blocks reserved for root
-        const std::uint64_t blocks = fields.U64();
-        const std::uint64_t all_inodes = fields.U64();
-        fields.U64();  // skips the free inodes, including the inodes reserved for root
-        const std::uint64_t inodes = fields.U64();
-        // File systems without a fixed number of inodes report 0 free inodes and 0 inodes in total.
-        return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||
-               (inodes == 0 && all_inodes > 0);
     }
 
     // Removes the temporary file of a failed upload. Ignores errors, because the next upload of the
@@ -375,10 +463,20 @@ class Uploader {
     const Place& place_;
     const std::string& name_;
     std::string path_;
+    std::string directory_;
     std::vector<std::string> directories_;  // the directories to sync after the rename
     ByteSource& source_;
     UploadState& state_;
-    std::string handle_;
+    std::string handle_;     // of the open temporary file; empty: none, or its close has been sent
+    std::string opened_as_;  // the handle that the server has assigned
+    std::vector<std::byte> early_data_;
+    std::optional<std::string> guess_;  // the predicted handle, until it is used
+    std::string sent_handle_;           // the handle of the requests that SendFinish() has sent
+    bool is_early_ = false;  // true if the requests were sent before the temporary file was open
+    std::optional<std::uint32_t> synced_;
+    std::uint32_t measured_ = 0;
+    std::uint32_t closed_ = 0;
+    std::uint32_t seen_ = 0;
     bool root_checked_ = false;
     bool made_directories_ = false;
     std::set<std::uint32_t> writes_;

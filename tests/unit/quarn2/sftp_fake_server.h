@@ -8,6 +8,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "backends/sftp/packet.h"
@@ -53,6 +54,9 @@ struct Disk {
     std::string write_text = "Failure";
     std::map<std::string, std::string> unwritten;  // data of files that are not closed yet
     std::map<std::string, std::uint32_t> times;
+    int first_handle = -1;    // handles are the lowest free numbers from this one; -1: paths
+    bool opens_late = false;  // requests run in parallel: a file is open only after all requests
+                              // that the client has sent before it waits
     std::vector<Type> requests;
 };
 
@@ -71,6 +75,7 @@ class Server final : public quarn2::sftp::Stream {
     }
 
     std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+        OpenLate();
         while (!late_.empty()) {
             out_ += late_.back();
             late_.pop_back();
@@ -104,10 +109,11 @@ class Server final : public quarn2::sftp::Stream {
                 return Greet();
             case Type::kStat:
             case Type::kLstat:
-            case Type::kFstat:
                 return Look(packet.Text());
+            case Type::kFstat:
+                return Look(PathOf(packet.Text()));
             case Type::kOpen:
-                return Open(packet);
+                return OpenOrDefer(packet);
             case Type::kWrite:
                 return Store(packet);
             case Type::kRead:
@@ -134,8 +140,22 @@ class Server final : public quarn2::sftp::Stream {
         Send(std::move(hello));
     }
 
-    // A handle is the path itself.
+    std::string NewHandle(const std::string& path) {
+        if (disk_.first_handle < 0) return path;
+        int number = disk_.first_handle;
+        while (open_.contains(std::to_string(number))) ++number;
+        open_[std::to_string(number)] = path;
+        return std::to_string(number);
+    }
+    // Returns an empty path if no file is open with this handle.
+    std::string PathOf(const std::string& handle) const {
+        if (disk_.first_handle < 0) return handle;
+        const auto found = open_.find(handle);
+        return found == open_.end() ? "" : found->second;
+    }
+
     void Look(const std::string& path) {
+        if (path.empty()) return Done(false);
         if (path == disk_.growing && disk_.growths_left != 0) {
             disk_.files[path] += "more";
             if (disk_.growths_left > 0) --disk_.growths_left;
@@ -149,7 +169,10 @@ class Server final : public quarn2::sftp::Stream {
         Send(std::move(answer.U32(file ? kFile : kDirectory).U32(time).U32(time)));
     }
 
-    void Close(const std::string& path) {
+    void Close(const std::string& handle) {
+        const std::string path = PathOf(handle);
+        if (path.empty()) return Done(false);
+        open_.erase(handle);
         if (disk_.unwritten.contains(path)) {
             disk_.files[path] = disk_.unwritten[path];
             disk_.unwritten.erase(path);
@@ -159,9 +182,21 @@ class Server final : public quarn2::sftp::Stream {
         Done(true);
     }
 
-    void Open(Fields& packet) {
+    void OpenOrDefer(Fields& packet) {
         const std::string path = packet.Text();
         const std::uint32_t flags = packet.U32();
+        if (!disk_.opens_late) return Open(path, flags);
+        deferred_.push_back({id_, path, flags});
+    }
+
+    void OpenLate() {
+        for (const Opening& opening : std::exchange(deferred_, {})) {
+            id_ = opening.id;
+            Open(opening.path, opening.flags);
+        }
+    }
+
+    void Open(const std::string& path, std::uint32_t flags) {
         const bool exists = disk_.files.contains(path);
         if ((flags & quarn2::sftp::kOpenCreate) != 0) {
             if (!disk_.directories.contains(path.substr(0, path.rfind('/')))) {
@@ -170,16 +205,17 @@ class Server final : public quarn2::sftp::Stream {
             const bool truncates = (flags & quarn2::sftp::kOpenTruncate) != 0;
             if (disk_.needs_truncate ? !truncates : exists) return Status(Code::kFailure);
             disk_.files[path].clear();
-        } else if (!exists) {
+        } else if (!exists && !disk_.directories.contains(path)) {
             return Status(Code::kNoSuchFile);
         }
-        Send(std::move(Request(Type::kHandle).Text(path)));
+        Send(std::move(Request(Type::kHandle).Text(NewHandle(path))));
     }
 
     void Store(Fields& packet) {
-        const std::string path = packet.Text();
+        const std::string path = PathOf(packet.Text());
         const std::uint64_t offset = packet.U64();
         const std::string data = Text(packet.Bytes());
+        if (path.empty() || disk_.directories.contains(path)) return Done(false);
         if (disk_.refuse_writes) return Status(disk_.write_code, disk_.write_text);
         std::string& content = disk_.writes_back ? disk_.unwritten[path] : disk_.files[path];
         content.resize(std::max(content.size(), offset + data.size()));
@@ -188,7 +224,7 @@ class Server final : public quarn2::sftp::Stream {
     }
 
     void Give(Fields& packet) {
-        const std::string& content = disk_.files[packet.Text()];
+        const std::string& content = disk_.files[PathOf(packet.Text())];
         const std::uint64_t offset = packet.U64();
         std::size_t count = packet.U32();
         if (offset >= content.size()) return Status(Code::kEof);
@@ -211,6 +247,7 @@ class Server final : public quarn2::sftp::Stream {
         const std::string to = packet.Text();
         if (!disk_.files.contains(from)) return Status(Code::kNoSuchFile);
         if (!replace && disk_.files.contains(to)) return Status(Code::kFailure);
+        if (disk_.directories.contains(to)) return Status(Code::kFailure);
         disk_.files[to] = disk_.files[from];
         disk_.files.erase(from);
         Done(true);
@@ -220,7 +257,7 @@ class Server final : public quarn2::sftp::Stream {
         const std::string name = packet.Text();
         if (!disk_.extensions.contains(name)) return Status(Code::kUnsupported);
         if (name == "posix-rename@openssh.com") return Rename(packet, true);
-        if (name == "fsync@openssh.com") return Done(true);
+        if (name == "fsync@openssh.com") return Done(!PathOf(packet.Text()).empty());
         if (name != "statvfs@openssh.com") return Status(Code::kUnsupported);
         Request answer(Type::kExtendedReply);
         answer.U64(4096).U64(4096).U64(1 << 20);
@@ -228,7 +265,15 @@ class Server final : public quarn2::sftp::Stream {
         Send(std::move(answer.U64(100).U64(50).U64(50).U64(0).U64(0).U64(255)));
     }
 
+    struct Opening {
+        std::uint32_t id;
+        std::string path;
+        std::uint32_t flags;
+    };
+
     Disk& disk_;
+    std::map<std::string, std::string> open_;  // the paths of the numbered handles
+    std::vector<Opening> deferred_;
     std::size_t piece_;
     std::uint32_t id_ = 0;
     std::string out_;

@@ -15,7 +15,7 @@ class SftpSite : public ServedDirectorySite {
         return parts;
     }
 
-    int RoundTripsOfUpload() const override { return 3; }
+    int RoundTripsOfUpload() const override { return 2; }
 
     std::map<std::string, TokenParts> Refused() const override {
         std::map<std::string, TokenParts> refused = ServedDirectorySite::Refused();

@@ -62,6 +62,146 @@ TEST_F(SftpTransfer, ReplacesAFileWithoutTheExtension) {
     EXPECT_THAT(disk_.files, ElementsAre(Pair(kPath, "new")));
 }
 
+// Uploads on one connection to a server whose handles are predictable. Before each test, two
+// uploads into the directory "dir" have got the same handle.
+class SftpEarlyData : public SftpTransfer {
+  protected:
+    SftpEarlyData() { Begin(); }
+
+    void Begin() {
+        disk_ = Disk();
+        disk_.first_handle = 0;
+        disk_.extensions = {"fsync@openssh.com", "posix-rename@openssh.com", "statvfs@openssh.com"};
+        session_ = Connect();
+        EXPECT_TRUE(PutNext("dir/first", "1"));
+        EXPECT_TRUE(PutNext("dir/second", "2"));
+        disk_.files.clear();
+        disk_.requests.clear();
+    }
+    bool PutNext(const std::string& name, const std::string& content) {
+        TextSource source(content);
+        quarn2::sftp::UploadState state;
+        return quarn2::sftp::Upload(*session_, place_, name, source, state);
+    }
+
+    std::unique_ptr<Session> session_;
+};
+
+const char* const kEarlyPath = "/root/dir/file";
+const char* const kEarlyTemporary = "/root/dir/.file.part~";
+
+TEST_F(SftpEarlyData, AreStored) {
+    const std::string content = local_files::Noise(200 * 1000);
+    EXPECT_TRUE(PutNext("dir/file", content));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, content)));
+    EXPECT_TRUE(PutNext("dir/file", ""));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "")));
+    disk_.requests.clear();
+    EXPECT_TRUE(PutNext("dir/file", "x"));
+    using enum quarn2::sftp::Type;
+    EXPECT_THAT(disk_.requests, ElementsAre(kStat, kOpen, kWrite, kExtended, kFstat, kClose, kLstat,
+                                            kOpen, kExtended, kExtended, kClose))
+        << "nothing is sent twice";
+}
+
+TEST_F(SftpEarlyData, OfAFullDiskAreNoRoomAndNotShown) {
+    disk_.refuse_writes = true;
+    EXPECT_THAT(KindOf([this] { PutNext("dir/file", "x"); }), Optional(Kind::kFailed));
+    EXPECT_THAT(Files(), ElementsAre());
+    Begin();
+    disk_.refuse_writes = true;
+    disk_.free_blocks = 3;
+    EXPECT_FALSE(PutNext("dir/file", "x"));
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpEarlyData, AreSentAgainIfTheHandleIsAnotherOne) {
+    disk_.first_handle = 7;
+    EXPECT_TRUE(PutNext("dir/file", "content"));
+    EXPECT_TRUE(PutNext("dir/file", "another"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "another")));
+}
+
+TEST_F(SftpEarlyData, AreSentAgainIfTheServerWasNotReady) {
+    disk_.opens_late = true;
+    EXPECT_TRUE(PutNext("dir/file", "content"));
+    EXPECT_TRUE(PutNext("dir/file", "another"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "another")));
+}
+
+TEST_F(SftpEarlyData, AreSentAgainIfTheDirectoryIsGone) {
+    disk_.directories.erase("/root/dir");
+    EXPECT_TRUE(PutNext("dir/file", "content"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "content")));
+}
+
+TEST_F(SftpEarlyData, DoNotMakeAMissingRoot) {
+    disk_.directories.clear();
+    EXPECT_THAT(KindOf([this] { PutNext("dir/file", "x"); }), Optional(Kind::kNotFound));
+    EXPECT_THAT(disk_.directories, ElementsAre());
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpEarlyData, AreNotWrittenIntoTheFileOfAnotherMachine) {
+    disk_.files = {{kEarlyTemporary, "another's"}};
+    disk_.growing = kEarlyTemporary;
+    EXPECT_TRUE(PutNext("dir/file", "mine"));
+    EXPECT_THAT(Files(), ElementsAre(kEarlyTemporary, kEarlyPath));
+    EXPECT_THAT(disk_.files[kEarlyTemporary], testing::StartsWith("another's"));
+    EXPECT_EQ(disk_.files[kEarlyPath], "mine");
+}
+
+TEST_F(SftpEarlyData, ReplaceTheFileOfAnInterruptedUpload) {
+    disk_.files = {{kEarlyTemporary, "a longer leftover"}};
+    EXPECT_TRUE(PutNext("dir/file", "mine"));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "mine")));
+}
+
+TEST_F(SftpEarlyData, NeverRenameAFileThatAnotherMachineHasBegun) {
+    disk_.replaced = {{kEarlyTemporary, "cont"}};
+    EXPECT_THAT(KindOf([this] { PutNext("dir/file", "content"); }), Optional(Kind::kUnavailable));
+    EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyTemporary, "cont")));
+}
+
+TEST_F(SftpEarlyData, ThatAreStoredInPartAreNotShown) {
+    disk_.writes_back = true;
+    disk_.replaced = {{kEarlyTemporary, "cont"}};
+    EXPECT_THAT(KindOf([this] { PutNext("dir/file", "content"); }), Optional(Kind::kFailed));
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpEarlyData, DoNotReplaceADirectory) {
+    disk_.directories.insert(kEarlyPath);
+    EXPECT_THAT(KindOf([this] { PutNext("dir/file", "content"); }), Optional(Kind::kFailed));
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+TEST_F(SftpEarlyData, OfAChangedSourceAreNotShown) {
+    TextSource source("content");
+    source.changed = true;
+    quarn2::sftp::UploadState state;
+    EXPECT_THAT(KindOf([&] { quarn2::sftp::Upload(*session_, place_, "dir/file", source, state); }),
+                Optional(Kind::kFailed));
+    EXPECT_THAT(Files(), ElementsAre());
+}
+
+// Breaks the connection after each possible number of requests.
+TEST_F(SftpEarlyData, NeverShowAPart) {
+    for (int requests = 0;; ++requests) {
+        Begin();
+        disk_.files = {{kEarlyPath, "old"}};
+        disk_.requests_left = requests;
+        const auto kind = KindOf([this] { PutNext("dir/file", "new"); });
+        disk_.requests_left = -1;
+        EXPECT_TRUE(disk_.files[kEarlyPath] == "old" || disk_.files[kEarlyPath] == "new")
+            << "after " << requests << " requests: " << disk_.files[kEarlyPath];
+        if (!kind) break;
+        EXPECT_EQ(*kind, Kind::kUnavailable);
+        EXPECT_TRUE(Put("dir/file", "third")) << "after " << requests << " requests";
+        EXPECT_THAT(disk_.files, ElementsAre(Pair(kEarlyPath, "third")));
+    }
+}
+
 // Breaks the connection after each possible number of requests.
 TEST_F(SftpTransfer, NeverLosesTheOldFileWithoutTheExtension) {
     int breaks = 0;
