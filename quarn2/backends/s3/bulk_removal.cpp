@@ -54,17 +54,6 @@ std::string DirectoryOf(const std::string& key) {
     return slash == std::string::npos ? std::string() : key.substr(0, slash + 1);
 }
 
-// True for the response of a server that does not know the request for several objects, or of one
-// whose access rules allow only the request for a single object.
-bool IsUnknownRequest(const net::HttpReply& reply) {
-    constexpr int kMethodNotAllowed = 405;
-    constexpr int kNotImplemented = 501;
-    const Refusal refusal = RefusalOf(reply);
-    return reply.status == kMethodNotAllowed || reply.status == kNotImplemented ||
-           refusal.code == "MethodNotAllowed" || refusal.code == "NotImplemented" ||
-           refusal.code == "MalformedXML" || refusal.code == "AccessDenied";
-}
-
 }  // namespace
 
 StorageBackend::Errors BulkRemoval::Run(std::span<const std::string> names) {

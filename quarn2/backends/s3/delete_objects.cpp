@@ -20,6 +20,15 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
     service.ThrowRefused(refusal, doing);
 }
 
+bool IsUnknownRequest(const net::HttpReply& reply) {
+    constexpr int kMethodNotAllowed = 405;
+    constexpr int kNotImplemented = 501;
+    const Refusal refusal = RefusalOf(reply);
+    return reply.status == kMethodNotAllowed || reply.status == kNotImplemented ||
+           refusal.code == "MethodNotAllowed" || refusal.code == "NotImplemented" ||
+           refusal.code == "MalformedXML" || refusal.code == "AccessDenied";
+}
+
 Call DeleteObjectsCall(std::span<const std::string> keys) {
     std::string body =
         "<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Quiet>true</Quiet>";

@@ -93,11 +93,12 @@ bool FileExists(Service& service, const std::string& name, const std::string& do
 // removal requests in parallel.
 class Sweeper {
   public:
-    Sweeper(Service& service, std::string prefix)
+    Sweeper(Service& service, std::string prefix, std::size_t at_once, bool& is_supported)
         : service_(service),
           prefix_(std::move(prefix)),
           doing_("cannot empty a directory"),
-          requests_(service.client(), kAtOnce) {}
+          is_supported_(is_supported),
+          requests_(service.client(), at_once) {}
 
     void Run() {
         Pages pages(service_);
@@ -108,37 +109,53 @@ class Sweeper {
             StartPage(page.keys);
         }
         requests_.Finish();
+        RemoveRefused();
     }
 
   private:
-    static constexpr std::size_t kAtOnce = 4;
-
     void StartPage(const std::vector<std::string>& keys) {
         std::vector<std::string> batch;
         for (const std::string& key : keys) {
-            if (!IsXmlText(key)) {
+            if (!is_supported_ || !IsXmlText(key)) {
                 StartOne(key);
                 continue;
             }
             batch.push_back(key);
             if (batch.size() == kMaxKeysOfDelete) StartBatch(std::exchange(batch, {}));
         }
-        if (!batch.empty()) StartBatch(batch);
+        if (!batch.empty()) StartBatch(std::move(batch));
     }
 
-    // Removes a key with a DELETE request of its own, because XML, the format of batch requests,
-    // cannot represent the key.
+    // Removes the keys of the batches that the server did not know. A server that refuses the first
+    // request for a single key too is not asked for the rest.
+    void RemoveRefused() {
+        for (const std::string& key : refused_) {
+            StartOne(key);
+            if (&key == &refused_.front()) requests_.Finish();
+        }
+        requests_.Finish();
+    }
+
+    // Removes a key with a DELETE request of its own. This is necessary if XML, the format of batch
+    // requests, cannot represent the key, or if the server does not know batch requests.
     void StartOne(const std::string& key) {
         StartCall(DeleteCall(key),
                   [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
     }
 
-    void StartBatch(const std::vector<std::string>& keys) {
-        StartCall(DeleteObjectsCall(keys),
-                  [this](const net::HttpReply& reply) { CheckBatch(reply); });
+    void StartBatch(std::vector<std::string> keys) {
+        Call call = DeleteObjectsCall(keys);
+        StartCall(std::move(call), [this, keys = std::move(keys)](const net::HttpReply& reply) {
+            CheckBatch(keys, reply);
+        });
     }
 
-    void CheckBatch(const net::HttpReply& reply) const {
+    void CheckBatch(const std::vector<std::string>& keys, const net::HttpReply& reply) {
+        if (!reply.IsSuccess() && IsUnknownRequest(reply)) {
+            is_supported_ = false;
+            refused_.insert(refused_.end(), keys.begin(), keys.end());
+            return;
+        }
         if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
         const std::vector<DeleteAnswer> left = ReadDeleteAnswer(service_.what(), reply.body);
         if (left.empty()) return;
@@ -156,6 +173,8 @@ class Sweeper {
     Service& service_;
     std::string prefix_;
     std::string doing_;
+    bool& is_supported_;
+    std::vector<std::string> refused_;  // keys of batches that the server did not know
     net::ParallelRequests requests_;
 };
 
@@ -286,6 +305,9 @@ void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name
     FileRemoval(service, unfinished, name).Run();
 }
 
-void RemoveBelow(Service& service, const std::string& prefix) { Sweeper(service, prefix).Run(); }
+void RemoveBelow(Service& service, const std::string& prefix, std::size_t at_once,
+                 bool& is_supported) {
+    Sweeper(service, prefix, at_once, is_supported).Run();
+}
 
 }  // namespace quarn2::s3

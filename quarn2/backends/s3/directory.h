@@ -34,7 +34,10 @@ void CheckBucket(Service& service);
 // exists.
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name);
 
-// Removes every object whose key begins with `prefix`.
-void RemoveBelow(Service& service, const std::string& prefix);
+// Removes every object whose key begins with `prefix`. At most `at_once` requests run at the same
+// time. `is_supported` is set to false when the server does not know the request that removes
+// several objects; each object is then removed by a request of its own.
+void RemoveBelow(Service& service, const std::string& prefix, std::size_t at_once,
+                 bool& is_supported);
 
 }  // namespace quarn2::s3

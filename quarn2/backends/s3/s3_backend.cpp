@@ -59,7 +59,7 @@ class S3Backend final : public StorageBackend {
     // shows that the directory exists.
     void Sweep(const std::string& prefix) {
         unfinished_.AbortBelow(prefix);
-        RemoveBelow(service_, prefix);
+        RemoveBelow(service_, prefix, parallel_, removes_together_);
     }
 
     Service service_;

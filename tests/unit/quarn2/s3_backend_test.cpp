@@ -241,4 +241,80 @@ TEST_F(S3BulkRemoval, ALongListingIsReplacedByARequestForEachName) {
     EXPECT_LE(server_->Seen().size(), 8U);
 }
 
+// --- Directories ---
+
+class S3DirectoryRemoval : public S3BulkRemoval {
+  protected:
+    static constexpr std::size_t kPages = 5;
+    static constexpr std::size_t kMaxParallel = 16;
+    static constexpr std::size_t kKeys = kPages * 1000;
+
+    // Serves a directory of kPages pages.
+    void ServeDirectory(int status, const std::string& body, int single_status = 204) {
+        Serve([=](HttpExchange& exchange) {
+            const bool uploads = exchange.target.find("uploads") != std::string::npos;
+            if (exchange.method == "POST") return exchange.Answer(status, body);
+            if (exchange.method == "DELETE") {
+                return exchange.Answer(single_status,
+                                       single_status == 204 ? "" : ErrorBody("AccessDenied"));
+            }
+            exchange.Answer(200, uploads ? "<ListMultipartUploadsResult/>" : Page(exchange.target));
+        });
+    }
+    static std::string Page(const std::string& target) {
+        const std::size_t at = target.find("continuation-token=");
+        const auto page =
+            at == std::string::npos ? 0U : static_cast<std::size_t>(target.at(at + 19) - '0');
+        std::string xml = "<ListBucketResult>";
+        for (std::size_t i = 0; i < 1000; ++i) {
+            xml += "<Contents><Key>dir/" + std::to_string(page * 1000 + i) + "</Key></Contents>";
+        }
+        if (page + 1 < kPages) {
+            xml +=
+                "<NextContinuationToken>" + std::to_string(page + 1) + "</NextContinuationToken>";
+        }
+        return xml + "</ListBucketResult>";
+    }
+};
+
+TEST_F(S3DirectoryRemoval, NeedsTwoRequestsForEachPage) {
+    ServeDirectory(200, "<DeleteResult/>");
+    backend_->RemoveDir("dir");
+    EXPECT_EQ(Count("POST"), kPages);
+    EXPECT_EQ(Count("DELETE"), 0U);
+    EXPECT_EQ(Count("GET"), kPages + 1) << "and one for the unfinished uploads";
+    ServeDirectory(200, "<DeleteResult/>");
+    backend_->Clear();
+    EXPECT_EQ(server_->Seen().size(), 2 * kPages + 1);
+}
+
+TEST_F(S3DirectoryRemoval, AServerWithoutThisRequestRemovesOneByOne) {
+    for (const char* const code : {"NotImplemented", "AccessDenied"}) {
+        ServeDirectory(code == std::string("NotImplemented") ? 501 : 403, ErrorBody(code));
+        backend_->RemoveDir("dir");
+        EXPECT_EQ(Count("DELETE"), kKeys) << code;
+        const std::size_t attempts = Count("POST");
+        EXPECT_LE(attempts, kPages);
+        backend_->Clear();
+        EXPECT_EQ(Count("DELETE"), 2 * kKeys) << code;
+        EXPECT_EQ(Count("POST"), attempts) << "is not attempted again";
+    }
+}
+
+TEST_F(S3DirectoryRemoval, ARefusalOfEveryRequestIsNotRepeatedForEachKey) {
+    ServeDirectory(403, ErrorBody("AccessDenied"), 403);
+    EXPECT_THAT(KindOf([this] { backend_->RemoveDir("dir"); }), Optional(Kind::kUnauthorized));
+    EXPECT_LE(Count("DELETE"), kMaxParallel);
+}
+
+TEST_F(S3DirectoryRemoval, AKeyThatStaysIsAnError) {
+    ServeDirectory(200,
+                   "<DeleteResult><Error><Key>dir/7</Key><Code>AccessDenied</Code></Error>"
+                   "</DeleteResult>");
+    EXPECT_THAT(KindOf([this] { backend_->RemoveDir("dir"); }), Optional(Kind::kUnauthorized));
+    ServeDirectory(503, ErrorBody("SlowDown"));
+    EXPECT_THAT(KindOf([this] { backend_->Clear(); }), Optional(Kind::kUnavailable));
+    EXPECT_EQ(Count("DELETE"), 0U);
+}
+
 }  // namespace
