@@ -53,7 +53,8 @@ def make_dar(job):
     """
     settings = job.settings
     done = os.path.join(job.work, "done")
-    command = ["dar", "-N", "-Q", "-q", "-w", "-c", "-", "-R", job.source, "-@", job.index]
+    catalogue = os.path.join(job.work, f"{job.date}.{job.user}")
+    command = ["dar", "-N", "-Q", "-q", "-w", "-c", "-", "-R", job.source, "-@", catalogue]
     if settings.compression:
         command += ["-z{}:{}".format(*settings.compression)]
     if job.base:
@@ -76,7 +77,18 @@ def make_dar(job):
     # dar_xform does not report a put of the last slice that failed.
     if _last_line(done) != "last_slice":
         raise Problem(f"the last slice could not be put{job.messages.last()}")
-    return job.index + ".1.dar"
+    return _keep_index(catalogue + ".1.dar", job.index + ".1.dar")
+
+
+def _keep_index(made, target):
+    """Moves the complete index from the work directory to the info root, and returns its path there."""
+    shutil.move(made, target)
+    descriptor = os.open(target, os.O_RDONLY | os.O_CLOEXEC)
+    try:
+        os.fsync(descriptor)
+    finally:
+        os.close(descriptor)
+    return target
 
 
 def _last_line(path):
@@ -109,7 +121,10 @@ def make_tar(job):
         for process in running:
             process.stdout.close()
         job.children.end([process for process in running if process.returncode is None])
-    return _write_index(job.index + ".tgz", state)
+    index = os.path.join(job.work, f"{job.date}.{job.user}.tgz")
+    with tarfile.open(index, mode="x:gz", compresslevel=6) as file:
+        file.add(state, arcname=_STATE)
+    return _keep_index(index, job.index + ".tgz")
 
 
 def _put_parts(job, tar, zstd):
@@ -143,15 +158,6 @@ def _read_state(index, state):
                 shutil.copyfileobj(file.extractfile(member), target)
     except (OSError, KeyError, EOFError, tarfile.TarError) as error:
         raise Problem(f"the index '{index}' cannot be read: {error}; make a full backup with --full") from None
-
-
-def _write_index(path, state):
-    with open(path, "wb", opener=lambda name, flags: os.open(name, flags | os.O_NOFOLLOW, 0o640)) as raw:
-        with tarfile.open(fileobj=raw, mode="w:gz", compresslevel=6) as file:
-            file.add(state, arcname=_STATE)
-        raw.flush()
-        os.fsync(raw.fileno())
-    return path
 
 
 MAKERS = {"dar": make_dar, "tar.zst": make_tar}

@@ -4,6 +4,7 @@ import contextlib
 import datetime
 import os
 import subprocess
+import tempfile
 import time
 
 from .archive import MAKERS, Job
@@ -11,7 +12,7 @@ from .info import base_for
 from .processes import Messages, describe
 from .settings import DAYS
 from .site import Problem, clean_environment
-from .unfinished import info_path_of, remove_tree
+from .unfinished import remove_tree, work_of
 
 DONE, SKIPPED, FAILED = "done", "skipped", "FAILED"
 
@@ -32,8 +33,8 @@ class UserJob:
     def __init__(self, night, user, source):
         self.night, self.user, self.source = night, user, source
         self.site, self.settings = night.site, night.settings
-        self.work = os.path.join(night.work, f"{night.date}.{user}")
-        self.info = info_path_of(night.work, user, night.date)
+        self.top = work_of(night.work, user, night.date)
+        self.work = self.info = None
         self.kind = ""
 
     def base(self):
@@ -50,8 +51,7 @@ class UserJob:
         begin = time.monotonic()
         messages = None
         try:
-            self.remove_work()
-            os.makedirs(self.work, 0o700)
+            self.make_work()
             messages = Messages(os.path.join(self.work, "messages"))
             self.back_up(messages)
             outcome = Outcome(self.user, DONE, self.summary(time.monotonic() - begin), messages.lines())
@@ -66,13 +66,20 @@ class UserJob:
             if messages:
                 messages.close()
 
+    def make_work(self):
+        """Makes a directory with a new name, because an archiver that has outlived a killed night may still write."""
+        self.remove_work()
+        os.mkdir(self.top, 0o700)
+        self.work = tempfile.mkdtemp(dir=self.top)
+        self.info = os.path.join(self.work, f"{self.night.date}.{self.user}.info")
+
     def remove_work(self):
-        if os.path.lexists(self.work):
-            remove_tree(self.work)
+        if os.path.lexists(self.top):
+            remove_tree(self.top)
 
     def free_space(self):
         """Frees the space of a failed job for the others. The info file stays: it tells what is unfinished."""
-        for name in os.listdir(self.work) if os.path.isdir(self.work) else ():
+        for name in os.listdir(self.work) if self.work else ():
             path = os.path.join(self.work, name)
             if path != self.info:
                 # The node client may remove a slice whose upload has just ended.

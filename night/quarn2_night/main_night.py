@@ -64,14 +64,15 @@ def check(config):
     return site, settings, token
 
 
-def choose(users, wanted):
+def choose(users, problems, wanted):
+    """Returns the users and the problems of this call: those of the wanted names, or all."""
     if not wanted:
-        return users
+        return users, problems
     known = {name for name, _ in users}
     for name in wanted:
         if name not in known:
             raise Problem(f"--user {name}: the configuration has no such user")
-    return [user for user in users if user[0] in wanted]
+    return [user for user in users if user[0] in wanted], [problem for problem in problems if problem[0] in wanted]
 
 
 def dry_run(night, users, problems):
@@ -84,7 +85,7 @@ def dry_run(night, users, problems):
         base = UserJob(night, user, directory).base()
         kind = f"a daily on the full backup of {base.date}" if base else "a full backup"
         say(f"{user}: {kind} of {directory}")
-    for problem in problems:
+    for _, problem in problems:
         say(f"{FAILED}: {problem}")
     print_plan(night)
 
@@ -126,15 +127,19 @@ def main(arguments):
     night = Night(site, settings, token, given.date or datetime.date.today().isoformat(), given.full)
     for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
         signal.signal(number, lambda *_: night.children.stop())
+    is_begun = False
     try:
         if not given.dry_run:
             night.take_lock()
-        users, problems = find_users(settings, night.children)
-        users = choose(users, given.user)
+            is_begun = True
+        users, problems = choose(*find_users(settings, night.children), given.user)
         if given.dry_run:
             dry_run(night, users, problems)
             return ALL_DONE
         return run_night(night, users, problems)
     except (Problem, OSError, Interrupted) as error:
-        complain(PROGRAM, str(error) or "interrupted")
+        text = str(error) or "interrupted"
+        complain(PROGRAM, text)
+        if is_begun:
+            night.notify([], NOT_STARTED, f"night of {night.date}: no backup was begun: {text}\n")
         return NOT_STARTED

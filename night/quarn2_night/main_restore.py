@@ -8,10 +8,11 @@ import sys
 import tempfile
 
 from . import settings as settings_module
+from .directories import copy_attributes, make_below, make_private, merge, open_directory
 from .info import Backups, chain_for
 from .names import USER_RULE, is_date, is_path_below, is_user
 from .processes import Children, Interrupted
-from .restore import Restore, fetch_slice, merge
+from .restore import Restore, fetch_slice
 from .server import Server
 from .site import CONFIGURATION, Problem, Site, complain, escaped, read_token, say
 
@@ -110,28 +111,73 @@ class Task:
                           "there, --rescan reads the list from the storage") from None
 
     def restore(self):
-        target = os.path.abspath(self.given.words[2])
-        paths = [path.removeprefix("./").strip("/") for path in self.given.words[3:]]
         chain = self.chain()
-        is_merge = os.path.isdir(target) and bool(os.listdir(target))
-        if is_merge and not self.given.force:
-            raise Problem(f"the directory '{target}' has files; name an empty one, or give --force to overwrite files "
-                          "of the same names")
-        os.makedirs(target, exist_ok=True)
-        # An archive removes files that were deleted before the backup, so it is never unpacked over other files.
-        place = tempfile.mkdtemp(prefix=".quarn2-restore.", dir=target) if is_merge else target
-        unpack = os.path.join(self.work, "unpack")
-        os.mkdir(unpack, 0o700)
-        restore = Restore(self.site, os.path.realpath(sys.argv[0]), self.token_file, unpack, place, paths)
+        path = os.path.abspath(self.given.words[2])
+        target = open_target(path)
+        try:
+            has_files = bool(os.listdir(target))
+            if has_files and not self.given.force:
+                raise Problem(f"the directory '{path}' has files; name an empty one, or give --force to overwrite files "
+                              "of the same names")
+            if has_files or os.geteuid() == 0:
+                missing = self.restore_beside(chain, target, path, has_files)
+            else:
+                missing = self.unpack(chain, target, path)
+        finally:
+            os.close(target)
+        if missing:
+            raise Problem("not in the backup: " + ", ".join(f"'{path}'" for path in missing))
+
+    def restore_beside(self, chain, target, path, has_files):
+        """Unpacks into a private directory in `target`, and moves the files when they are complete.
+
+        An archive removes files that were deleted before the backup, so it is never unpacked over other files. And the
+        target may be a directory of the user, who could exchange directories for links while an archive is unpacked.
+        """
+        name, private = make_private(target, ".quarn2-restore.")
+        place = os.path.join(path, name, "files")
+        files = make_below(private, "files")
+        try:
+            copy_attributes(target, files)
+            missing = self.unpack(chain, files, place)
+            merge_all(files, target, place)
+            if not has_files:
+                copy_attributes(files, target)
+            shutil.rmtree(name, dir_fd=target)
+            return missing
+        finally:
+            if os.path.isdir(place) and not os.listdir(files):
+                shutil.rmtree(name, dir_fd=target)
+            os.close(files)
+            os.close(private)
+
+    def unpack(self, chain, target, place):
+        """Returns the paths that no backup has."""
+        paths = [path.removeprefix("./").strip("/") for path in self.given.words[3:]]
+        work = os.path.join(self.work, "unpack")
+        os.mkdir(work, 0o700)
+        restore = Restore(self.site, os.path.realpath(sys.argv[0]), self.token_file, work, target, place, paths)
         for backup in chain:
             say(f"restoring {backup.last_slice}")
             restore.run(backup)
-        missing = restore.missing_paths()
-        if is_merge:
-            merge(place, target)
-            shutil.rmtree(place)
-        if missing:
-            raise Problem("not in the backup: " + ", ".join(f"'{path}'" for path in missing))
+        return restore.missing_paths()
+
+
+def open_target(path):
+    """Opens the directory for the files, and makes it when it is missing."""
+    parent = path
+    while not os.path.lexists(parent):
+        parent = os.path.dirname(parent)
+    os.close(open_directory(parent))
+    os.makedirs(path, exist_ok=True)
+    return open_directory(path)
+
+
+def merge_all(files, target, place):
+    try:
+        merge(files, target)
+    except (Problem, OSError) as error:
+        raise Problem(f"{error}. The files that are not restored yet are in {place}") from None
 
 
 def run(given, site, token_file):
@@ -154,7 +200,8 @@ def main(arguments):
     if arguments[:1] == ["--slice"] and len(arguments) == 3:
         return fetch_slice(site, *arguments[1:])
     given = parse(arguments)
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(FAILED))
+    for number in (signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: sys.exit(FAILED))
     try:
         site.check()
         # A list of this machine needs no token.

@@ -5,11 +5,13 @@ import getpass
 import os
 import re
 import shutil
+import signal
 import subprocess
 import sys
 import tempfile
 
 from . import settings as settings_module
+from .processes import Children
 from .site import CONFIGURATION, TOKEN_FILE, Problem, Site, complain, read_token, say
 from .storage_test import free_space, test_storage
 
@@ -176,6 +178,14 @@ def main(arguments):
     given = options().parse_args(arguments)
     os.umask(0o077)
     site = Site()
+    children = Children()
+
+    def interrupt(*_):
+        children.stop()
+        raise KeyboardInterrupt
+
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(number, interrupt)
     is_interactive = sys.stdin.isatty() and not given.defaults
     status = USAGE
     work = tempfile.mkdtemp(prefix="quarn2-setup.", dir=os.environ.get("TMPDIR") or "/var/tmp")
@@ -184,7 +194,7 @@ def main(arguments):
         setup = Setup(site, given, is_interactive, work)
         settings, token = setup.prepare()
         status = FAILED
-        test_storage(site, settings, token, work)
+        test_storage(site, children, settings, token, work)
         setup.finish(settings, token)
         return DONE
     except (Problem, OSError) as error:

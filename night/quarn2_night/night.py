@@ -9,7 +9,8 @@ import subprocess
 from . import unfinished
 from .info import Backups
 from .job import DONE, FAILED, SKIPPED, Outcome, UserJob
-from .processes import Children, Interrupted
+from .names import is_user
+from .processes import Children, Interrupted, describe
 from .server import Server
 from .site import Problem, clean_environment, complain, say
 
@@ -24,7 +25,7 @@ class Night:
         self.work = os.path.join(settings.work_directory or site.state, "quarn2-night-work")
         self.backups = Backups(site.info_root, site.ledger)
         self.children = Children()
-        self.lock = None
+        self.lock = self.server = None
 
     def server_arguments(self):
         return ["--date", self.date, "--size-limit", str(self.settings.size_limit), "--count-limit",
@@ -51,23 +52,31 @@ class Night:
     # -- The night --
 
     def run(self, users, problems):
-        """Returns the outcomes. `users` are tuples (name, directory), `problems` texts about other users."""
+        """Returns the outcomes. `users` are tuples (name, directory), `problems` tuples (name, text) of other users."""
         os.makedirs(self.site.info_root, 0o750, exist_ok=True)
         self.make_work()
         self.clean_up_interrupted_night()
-        outcomes = [Outcome("a user", FAILED, problem) for problem in problems]
-        server = Server(self.site, self.children, self.token, self.server_arguments()).start()
+        outcomes = [Outcome("a user", FAILED, text) for _, text in problems]
+        self.server = Server(self.site, self.children, self.token, self.server_arguments()).start()
         try:
             outcomes += self.back_up(users)
         finally:
             # No job runs any more, so the server does not change the list while this adds lines to it. The server
             # reads the list when it ends.
             try:
-                unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
-                unfinished.remove_work(self.work)
+                outcomes += self.note_unfinished()
             finally:
-                server.end()
+                self.server.end()
         return outcomes
+
+    def note_unfinished(self):
+        """Hands the unfinished backups to the server. Without room for the list the next night does it."""
+        try:
+            unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
+            unfinished.remove_work(self.work)
+            return []
+        except (Problem, OSError) as error:
+            return [Outcome("the removal of unfinished backups", FAILED, f"{error}; the next night tries it again")]
 
     def make_work(self):
         os.makedirs(self.work, 0o700, exist_ok=True)
@@ -105,9 +114,12 @@ class Night:
             if is_over:
                 return Outcome(job.user, FAILED, "not begun, because on-failure is stop")
             try:
+                self.server.ensure()
                 return job.run()
             except Interrupted:
                 return Outcome(job.user, FAILED, "interrupted")
+            except Problem as error:
+                return Outcome(job.user, FAILED, str(error))
             except Exception as error:  # an error of one user must not end the night of the others
                 return Outcome(job.user, FAILED, f"unexpected error: {error!r}")
 
@@ -125,19 +137,28 @@ class Night:
         command = self.settings.hooks_after_night
         if command is None:
             return status
-        failed = " ".join(outcome.user for outcome in outcomes if outcome.state == FAILED)
+        failed = " ".join(outcome.user for outcome in outcomes if outcome.state == FAILED and is_user(outcome.user))
         environment = dict(clean_environment(), QUARN2_DATE=self.date, QUARN2_STATUS=str(status),
                            QUARN2_FAILED=failed)
-        try:
-            result = subprocess.run(command, input=summary.encode(errors="replace"), env=environment, check=False,
-                                    timeout=self.settings.hooks_timeout)
-        except (OSError, subprocess.TimeoutExpired) as error:
-            complain("quarn2-night", f"the hook {command[0]} failed: {error}")
-            return status or SOME_FAILED
-        if result.returncode != 0:
-            complain("quarn2-night", f"the hook {command[0]} ended with exit status {result.returncode}")
+        text = self.failure_of_hook(command, summary.encode(errors="replace"), environment)
+        if text:
+            complain("quarn2-night", f"the hook {command[0]} {text}")
             return status or SOME_FAILED
         return status
+
+    def failure_of_hook(self, command, text, environment):
+        """Runs the hook with the text on its standard input. Returns what failed, None when nothing did."""
+        children = Children()  # the hook runs after an interrupted night too
+        try:
+            process = children.start(command, stdin=subprocess.PIPE, env=environment)
+            process.communicate(text, self.settings.hooks_timeout)
+            status = children.wait(process)
+            return describe(status) if status != 0 else None
+        except subprocess.TimeoutExpired:
+            children.end([process])
+            return f"ran longer than {self.settings.hooks_timeout} s"
+        except (Problem, OSError) as error:
+            return f"failed: {error}"
 
 
 def report(outcome):

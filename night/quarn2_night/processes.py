@@ -4,6 +4,7 @@ import os
 import signal
 import subprocess
 import threading
+import time
 
 from .site import Problem, escaped
 
@@ -54,13 +55,13 @@ class Children:
     def end(self, processes):
         """Ends these processes and their groups."""
         for process in processes:
-            if process.poll() is None:
-                self._signal(process, signal.SIGTERM)
+            self._signal(process, signal.SIGTERM)
+        end = time.monotonic() + _GRACE_SECONDS
         for process in processes:
-            try:
-                process.wait(_GRACE_SECONDS)
-            except subprocess.TimeoutExpired:
-                self._signal(process, signal.SIGKILL)
+            while not _has_ended(process) and time.monotonic() < end:
+                time.sleep(0.02)
+            # The rest of the group too: a program that its leader has started may ignore SIGTERM.
+            self._signal(process, signal.SIGKILL)
             self.wait(process)
 
     def stop(self):
@@ -85,6 +86,16 @@ class Children:
                 os.killpg(process.pid, number)
             except ProcessLookupError:
                 pass
+
+
+def _has_ended(process):
+    """True when the process has ended. It is not reaped, so its group keeps its id."""
+    if process.returncode is not None:
+        return True
+    try:
+        return os.waitid(os.P_PID, process.pid, os.WEXITED | os.WNOHANG | os.WNOWAIT) is not None
+    except ChildProcessError:
+        return True
 
 
 class Messages:

@@ -2,9 +2,9 @@
 
 import os
 import shutil
-import stat
 import subprocess
 
+from .directories import path_of
 from .names import is_archive_of
 from .processes import describe
 from .site import Problem, clean_environment, read_token
@@ -28,11 +28,14 @@ def fetch_slice(site, context, number):
 
 
 class Restore:
-    """Unpacks backups into `target`, all of them or only `paths`. `work` is an empty directory."""
+    """Unpacks backups into an open directory, all of them or only `paths`.
 
-    def __init__(self, site, program, token_file, work, target, paths):
+    `work` is an empty directory, `place` is the path of `target` for messages.
+    """
+
+    def __init__(self, site, program, token_file, work, target, place, paths):
         self.site, self.program, self.token_file = site, program, token_file
-        self.work, self.target, self.paths = work, target, paths
+        self.work, self.target, self.place, self.paths = work, target, place, paths
         self.fetched = os.path.join(work, "fetched")
 
     def run(self, backup):
@@ -50,14 +53,14 @@ class Restore:
             shutil.rmtree(path) if os.path.isdir(path) else os.remove(path)
 
     def missing_paths(self):
-        return [path for path in self.paths if not os.path.lexists(os.path.join(self.target, path))]
+        return [path for path in self.paths if not os.path.lexists(os.path.join(path_of(self.target), path))]
 
     # -- dar --
 
     def _dar(self, backup, name):
         base = name.rpartition(".dar")[0].rpartition(".")[0]
         os.makedirs(os.path.join(self.work, os.path.dirname(base)), exist_ok=True)
-        command = ["dar", "-N", "-Q", "-q", "-w", "-x", os.path.join(self.work, base), "-R", self.target, "-E",
+        command = ["dar", "-N", "-Q", "-q", "-w", "-x", os.path.join(self.work, base), "-R", path_of(self.target), "-E",
                    _GET_SLICE]
         # The catalogue contains the position of each file. Without it dar reads the last slice first.
         if os.path.exists(backup.stem + ".1.dar"):
@@ -70,10 +73,11 @@ class Restore:
                            RESTORE_WORK=self.work, RESTORE_BASE=base, RESTORE_TOKEN_FILE=self.token_file,
                            KRO_ROOT=self.site.root)
         # dar reports on its standard output too.
-        status = subprocess.run(command, env=environment, stdin=subprocess.DEVNULL, stdout=2, check=False).returncode
+        status = subprocess.run(command, env=environment, stdin=subprocess.DEVNULL, stdout=2, check=False,
+                                pass_fds=[self.target]).returncode
         if status != 0:
             raise Problem(f"dar {describe(status)} while it restored {base}; the files restored so far are in "
-                          f"{self.target}")
+                          f"{self.place}")
 
     # -- tar --
 
@@ -85,7 +89,7 @@ class Restore:
         with open(errors_path, "wb") as errors:
             unpacker = subprocess.Popen(unpack, stdin=subprocess.PIPE, stdout=subprocess.PIPE, env=clean_environment())
             tar = subprocess.Popen(self._tar_command(), stdin=unpacker.stdout, stderr=errors,
-                                   env=dict(clean_environment(), LC_ALL="C"))
+                                   pass_fds=[self.target], env=dict(clean_environment(), LC_ALL="C"))
             unpacker.stdout.close()
             try:
                 self._feed(name, unpacker)
@@ -97,7 +101,7 @@ class Restore:
 
     def _tar_command(self):
         command = ["tar", "--extract", "--file=-", "--preserve-permissions", "--sparse", "--xattrs",
-                   "--xattrs-include=*", "--acls", "--listed-incremental=/dev/null", f"--directory={self.target}"]
+                   "--xattrs-include=*", "--acls", "--listed-incremental=/dev/null", f"--directory={path_of(self.target)}"]
         if not self.paths:
             return command
         # tar removes deleted files when it extracts their directory, so it also gets each directory above the paths.
@@ -131,35 +135,4 @@ class Restore:
         failed = [program for program, status in statuses.items() if status not in ((0, 2) if program == "tar" else (0,))]
         if failed or errors or (statuses["tar"] == 2 and not self.paths):
             text = "; ".join(errors[-3:]) or ", ".join(f"{name} {describe(statuses[name])}" for name in failed)
-            raise Problem(f"{name} cannot be unpacked: {text}; the files restored so far are in {self.target}")
-
-
-# --- Merging a restored tree into a directory with files ---
-
-def merge(source, target):
-    """Moves everything from `source` over `target`. Files are replaced; files that `source` lacks stay.
-
-    Both must be on the same file system. Raises Problem where a directory would replace a file or the reverse.
-    """
-    with os.scandir(source) as entries:
-        for entry in sorted(entries, key=lambda entry: entry.name):
-            place = os.path.join(target, entry.name)
-            is_directory = entry.is_dir(follow_symlinks=False)
-            if not os.path.lexists(place):
-                os.rename(entry.path, place)
-                continue
-            if is_directory != stat.S_ISDIR(os.lstat(place).st_mode):
-                raise Problem(f"'{place}' is a directory here or in the backup, and not in the other; move it away. "
-                              f"The files that are not restored yet are in {source}")
-            if is_directory:
-                merge(entry.path, place)
-                _copy_attributes(entry.path, place)
-            else:
-                os.replace(entry.path, place)
-
-
-def _copy_attributes(source, target):
-    status = os.stat(source)
-    if os.geteuid() == 0:
-        os.chown(target, status.st_uid, status.st_gid)
-    shutil.copystat(source, target)
+            raise Problem(f"{name} cannot be unpacked: {text}; the files restored so far are in {self.place}")

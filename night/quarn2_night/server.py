@@ -1,13 +1,18 @@
 """Holds the size control server: it runs as long as the standard input of `--server` is open."""
 
+import fcntl
 import os
+import struct
 import subprocess
+import threading
 import time
 
 from .processes import describe
 from .site import Problem, clean_environment, say
 
 _REPORT_SECONDS = 60
+# struct flock of 64-bit Linux: type, whence, start, length, process.
+_FLOCK = "hhqqi4x"
 
 
 class Server:
@@ -21,6 +26,7 @@ class Server:
         if info_root:
             self.command += ["--path", info_root]
         self.process = None
+        self._restart = threading.Lock()
 
     def start(self):
         self.process = self.children.start(self.command, env=self.environment, stdin=subprocess.PIPE,
@@ -38,14 +44,26 @@ class Server:
         raise Problem(f"the size control server did not start: {self.site.program} --server {describe(status)}; "
                       f"see {self.site.log}")
 
+    def ensure(self):
+        """Starts the server again when its daemon was killed or told to end. Raises Problem when it cannot start."""
+        with self._restart:
+            if self._daemon() or self.children.stopped.is_set():
+                return
+            say("the size control server has ended too early; it is started again")
+            self._release()
+            self.start()
+
+    def _release(self):
+        self.process.stdin.close()
+        self.children.wait(self.process)
+
     def end(self):
         """Releases the server and waits until its daemon has applied the limits and ended."""
         daemon = self._daemon()
-        self.process.stdin.close()
-        self.children.wait(self.process)
+        self._release()
         begin = time.monotonic()
         is_reported = False
-        while daemon and self._daemon() == daemon and os.path.exists(f"/proc/{daemon}"):
+        while daemon and self._daemon() == daemon:
             if not is_reported and time.monotonic() - begin > _REPORT_SECONDS:
                 say(f"waiting for the end of the size control server (process {daemon}): another job may hold it")
                 is_reported = True
@@ -54,8 +72,13 @@ class Server:
             time.sleep(0.05)
 
     def _daemon(self):
+        """Returns the process that has the record lock of the pid file, 0 when no daemon runs, -1 for an unknown one."""
         try:
-            with open(self.site.pid_file, encoding="ascii") as file:
-                return file.readline().strip()
-        except (OSError, UnicodeDecodeError):
-            return ""
+            with open(self.site.pid_file, "rb") as file:
+                question = struct.pack(_FLOCK, fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
+                # A record lock for writing cannot be set on this descriptor, but asked for.
+                answer = fcntl.fcntl(file, fcntl.F_GETLK, question)
+        except OSError:
+            return 0
+        kind, _, _, _, process = struct.unpack(_FLOCK, answer)
+        return 0 if kind == fcntl.F_UNLCK else process or -1

@@ -9,6 +9,7 @@ import sys
 import urllib.parse
 
 from .archive import TOOLS
+from .directories import open_directory
 from .job import DONE
 from .night import Night
 from .processes import describe
@@ -26,7 +27,7 @@ class TestNight(Night):
         return ["--date", self.date, "--size-limit", "0", "--count-limit", "0:1000000", "--path", self.site.info_root]
 
 
-def test_storage(site, settings, token, work):
+def test_storage(site, children, settings, token, work):
     """Raises Problem when a step fails. Leaves nothing on the storage."""
     site, settings = copy.copy(site), copy.copy(settings)
     site.info_root, site.state = os.path.join(work, "info"), os.path.join(work, "state")
@@ -41,6 +42,7 @@ def test_storage(site, settings, token, work):
     with open(token_file, "w", encoding="utf-8") as file:
         file.write(token + "\n")
     night = TestNight(site, settings, token, datetime.date.today().isoformat(), True)
+    night.children = children
     say("test: making a backup of a small directory")
     outcomes = night.run([(USER, source)], [])
     if outcomes[0].state != DONE:
@@ -64,7 +66,11 @@ def restore(night, token_file, work):
     os.mkdir(target)
     os.mkdir(unpack)
     here = os.path.dirname(os.path.realpath(sys.argv[0]))
-    Restore(night.site, os.path.join(here, "quarn2-restore"), token_file, unpack, target, []).run(backup)
+    descriptor = open_directory(target)
+    try:
+        Restore(night.site, os.path.join(here, "quarn2-restore"), token_file, unpack, descriptor, target, []).run(backup)
+    finally:
+        os.close(descriptor)
     with open(os.path.join(target, "file"), encoding="ascii", errors="replace") as file:
         if file.read() != _CONTENT:
             raise Problem("the restored file differs from the original; this storage cannot be used")

@@ -1,5 +1,6 @@
 """Backups that were begun and not completed. Each job has a work directory, which stays when the job is killed."""
 
+import errno
 import os
 import re
 import shutil
@@ -8,12 +9,10 @@ from .info import read_info
 from .names import is_date, is_user
 
 
-def cleanup_lines(token, user, date, info_path):
+def cleanup_lines(token, user, date, info_paths):
     """Returns the lines of .cleanup for a backup whose job failed. The server removes the files that they name."""
     name = f"{date}.{user}"
-    last = read_info(info_path).get("last-slice", "").split(" ")[0]
-    match = re.search(r"(\.[1-9][0-9]{0,6}\.dar|\.tar\.zst\.part[1-9][0-9]{0,6})$", last)
-    count = int(re.sub("[^0-9]", "", match.group(1))) if match else 0
+    count = max((_slices(path) for path in info_paths), default=0)
     prefixes = [name]
     # A slice may be on the storage although the info file does not name it yet.
     for number in range(1, count + 2):
@@ -22,10 +21,17 @@ def cleanup_lines(token, user, date, info_path):
     return "".join(f"{escaped}\t{prefix}\n" for prefix in prefixes)
 
 
-def has_put(site, user, date, info_path):
+def _slices(info_path):
+    """Returns the number of slices that an info file names."""
+    last = read_info(info_path).get("last-slice", "").split(" ")[0]
+    match = re.search(r"(\.[1-9][0-9]{0,6}\.dar|\.tar\.zst\.part[1-9][0-9]{0,6})$", last)
+    return int(re.sub("[^0-9]", "", match.group(1))) if match else 0
+
+
+def has_put(site, user, date, info_paths):
     """True when the storage may have a file of this backup."""
     entries = (os.path.join(site.ledger, f"{letter}{date}.{user}") for letter in "FI")
-    return "last-slice" in read_info(info_path) or any(map(os.path.exists, entries))
+    return any("last-slice" in read_info(path) for path in info_paths) or any(map(os.path.exists, entries))
 
 
 def _remove_index(site, user, date):
@@ -37,7 +43,7 @@ def _remove_index(site, user, date):
 
 
 def note(site, token, jobs):
-    """Adds the unfinished backups of `jobs`, tuples (user, date, info_path), to .cleanup.
+    """Adds the unfinished backups of `jobs`, tuples (user, date, info_paths), to .cleanup.
 
     A line without files on the storage could refer to another backup of that day, so those jobs get none.
     """
@@ -54,25 +60,42 @@ def note(site, token, jobs):
     try:
         # The lines contain the token. A list of another program may have let the group read it.
         os.fchmod(descriptor, 0o600)
-        if os.fstat(descriptor).st_size > 0:
+        size = os.fstat(descriptor).st_size
+        if size > 0:
             text = "\n" + text  # the previous writer may have been interrupted in the middle of a line
-        os.write(descriptor, text.encode())
-        os.fsync(descriptor)
+        _append(descriptor, text.encode(), size)
     finally:
         os.close(descriptor)
 
 
-def info_path_of(work, user, date):
-    return os.path.join(work, f"{date}.{user}", f"{date}.{user}.info")
+def _append(descriptor, data, size):
+    """Appends all of the data to a file of this size, or nothing: half a line could name another backup."""
+    try:
+        if os.write(descriptor, data) != len(data):
+            raise OSError(errno.ENOSPC, "No space left for the list of unfinished backups")
+        os.fsync(descriptor)
+    except OSError:
+        os.ftruncate(descriptor, size)
+        raise
+
+
+def work_of(work, user, date):
+    """Returns the directory of a job. Each attempt has a directory in it, with its info file."""
+    return os.path.join(work, f"{date}.{user}")
+
+
+def _info_paths(top):
+    name = os.path.basename(top) + ".info"
+    return [os.path.join(top, attempt, name) for attempt in sorted(os.listdir(top))] if os.path.isdir(top) else []
 
 
 def left_over(work, backups):
-    """Returns the jobs (user, date, info_path) whose work directories an interrupted night has left."""
+    """Returns the jobs (user, date, info_paths) whose work directories an interrupted night has left."""
     found = []
     for name in sorted(os.listdir(work)):
         date, _, user = name.partition(".")
         if is_date(date) and is_user(user) and not backups.find(user, date):
-            found.append((user, date, info_path_of(work, user, date)))
+            found.append((user, date, _info_paths(os.path.join(work, name))))
     return found
 
 

@@ -11,14 +11,15 @@ _COMMAND_SECONDS = 300
 
 
 def find_users(settings, children):
-    """Returns ([(name, directory)], [problems]). A bad name is a problem of that user alone."""
+    """Returns ([(name, directory)], [(name, problem)]). A bad name is a problem of that user alone."""
     if settings.users_list is not None:
         users, problems = list(settings.users_list), []
     elif settings.users_directory is not None:
         users, problems = _checked(_subdirectories(settings.users_directory))
     else:
         users, problems = _checked(_printed(settings.users_command, children))
-    return [user for user in users if user[0] not in settings.users_skip], problems
+    skip = settings.users_skip
+    return [user for user in users if user[0] not in skip], [problem for problem in problems if problem[0] not in skip]
 
 
 def _subdirectories(directory):
@@ -51,9 +52,9 @@ def _checked(found):
     users, problems = {}, []
     for name, path in found:
         if not is_user(name):
-            problems.append(f"{name!r} cannot be backed up: {USER_RULE}")
+            problems.append((name, f"{name!r} cannot be backed up: {USER_RULE}"))
         elif name in users:
-            problems.append(f"{name!r} is named twice: {users[name]!r} and {path!r}")
+            problems.append((name, f"{name!r} is named twice: {users[name]!r} and {path!r}"))
         else:
             users[name] = path
     return sorted(users.items()), problems

@@ -4,8 +4,10 @@ import os
 import signal
 import unittest
 
+from archives import manifest
 from local_files import write
 from nights import FORMATS, MONDAY, SUNDAY, NightTest, end_of
+from processes import command_line
 from samples import read_info
 from waiting import wait_for
 
@@ -16,20 +18,28 @@ class Interruptions(NightTest):
     def waiting_site(self, form="dar"):
         site = self.site(form.replace(".", "-"), backup=f"format = {form}\nslice-size = 64K")
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
-        self.pipe = os.path.join(site.root.base, "pipe")
-        os.mkfifo(self.pipe)
-        tool = {"dar": "dar", "tar.zst": "zstd"}[form]
-        # The test has the pipe open, so the archiver waits for the line that let_go() writes.
-        self.writer = os.open(self.pipe, os.O_RDWR)
-        self.addCleanup(os.close, self.writer)
-        path = site.tool(tool, f'/usr/bin/{tool} "$@"; read line <"{self.pipe}"')
-        process = site.start_night(SUNDAY, PATH=path)
+        process, self.writer = self.start_waiting_night(site, "pipe", {"dar": "dar", "tar.zst": "zstd"}[form])
         # The first slices are on the storage, and the last one waits for the archiver's end.
         wait_for(lambda: [name for name in site.root.stored() if name.startswith("F")], "a slice on the storage")
         return site, process
 
+    def start_waiting_night(self, site, name, tool):
+        """Returns the process, and the descriptor to which a line must be written before the archiver ends."""
+        pipe = os.path.join(site.root.base, name)
+        os.mkfifo(pipe)
+        # The test has the pipe open, so the archiver waits for the line.
+        writer = os.open(pipe, os.O_RDWR)
+        self.addCleanup(os.close, writer)
+        path = site.tool(tool, f'/usr/bin/{tool} "$@"; read line <"{pipe}"')
+        return site.start_night(SUNDAY, PATH=path), writer
+
     def let_go(self):
         os.write(self.writer, b"\n")
+
+    @staticmethod
+    def archivers(site):
+        lines = {pid: command_line(pid) for pid in os.listdir("/proc") if pid.isdigit()}
+        return [pid for pid, line in lines.items() if line.startswith("dar_xform") and site.root.base in line]
 
     def test_two_nights_at_once(self):
         site, process = self.waiting_site()
@@ -56,6 +66,36 @@ class Interruptions(NightTest):
                               result.stdout)
                 self.assert_nothing_left(site, MONDAY + ".web1")
                 self.assertEqual("full", read_info(os.path.join(site.root.info_root, MONDAY + ".web1.info"))["type"])
+
+    def test_an_archiver_that_has_outlived_its_night_does_not_write_into_the_next_one(self):
+        site, process = self.waiting_site()
+        process.kill()
+        end_of(process)
+        old, = self.archivers(site)
+        write(os.path.join(site.user("web1"), "file"), os.urandom(200000))
+        process, writer = self.start_waiting_night(site, "second pipe", "dar")
+        wait_for(lambda: len(self.archivers(site)) == 2, "the archiver of the second night", 60)
+        self.let_go()
+        wait_for(lambda: old not in self.archivers(site), "the end of the old archiver")
+        os.write(writer, b"\n")
+        status, out, err = end_of(process)
+        self.assertEqual((0, ""), (status, err), out)
+        target = os.path.join(site.root.base, "restored")
+        site.good_restore("web1", SUNDAY, target)
+        self.assertEqual(manifest(site.user("web1")), manifest(target))
+        self.assert_nothing_left(site, SUNDAY + ".web1")
+
+    def test_a_server_that_is_killed_in_the_middle_is_started_again(self):
+        site = self.site()
+        for user in ("web1", "web2"):
+            write(os.path.join(site.user(user), "file"), "text")
+        flag = write(os.path.join(site.root.base, "flag"), "")
+        hook = site.hook("before", f'rm "{flag}" 2>/dev/null || exit 0; kill -9 $(head -1 {site.root.file("var/quarn2_cp.pid")})')
+        site.configure(hooks=f"before-user = {hook}", night="retries = 1")
+        result = site.good_night(SUNDAY)
+        self.assertIn("web1: FAILED: ", result.stdout)
+        self.assertIn("2 backed up, 0 skipped, 0 failed", result.stdout)
+        self.assert_nothing_left(site, SUNDAY + ".web1", SUNDAY + ".web2")
 
     def test_a_night_that_is_told_to_end(self):
         for form in FORMATS:

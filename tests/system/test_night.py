@@ -165,6 +165,48 @@ class Failures(NightTest):
         self.assertFalse(os.path.exists("EVIL"))
         self.assertNotIn("EVIL", {os.path.basename(name) for name in tree(site.root.base)})
 
+    def test_a_bad_name_can_be_skipped_and_concerns_no_other_user(self):
+        site = self.site()
+        for user in ("web1", ".snapshots"):
+            write(os.path.join(site.user(user), "file"), "text")
+        self.assertEqual(1, site.night(SUNDAY, "--dry-run").stdout.count("FAILED: "))
+        site.good_night(SUNDAY, "--user", "web1")
+        site.configure(users=f"directory = {site.users}\nskip = .snapshots")
+        site.good_night(MONDAY)
+
+    def test_a_hook_that_hangs_is_ended_with_all_of_its_processes(self):
+        site = self.site()
+        for user in ("web1", "web2"):
+            write(os.path.join(site.user(user), "file"), "text")
+        hook = site.hook("before", 'test "$QUARN2_USER" = web2 || { (trap "" TERM; exec sleep 1000) & wait; }')
+        site.configure(hooks=f"before-user = {hook}\ntimeout = 2")
+        result = site.night(SUNDAY)
+        self.assertEqual(1, result.returncode, result.stderr)
+        self.assertIn(f"web1: FAILED: the hook {hook} ran longer than 2 s", result.stdout)
+        self.assert_nothing_left(site, SUNDAY + ".web2")
+
+    def test_unfinished_backups_that_cannot_be_listed(self):
+        site = self.site()
+        write(os.path.join(site.user("web1"), "file"), os.urandom(200000))
+        path = site.tool("dar", '/usr/bin/dar "$@"; exit 2')
+        obstacle = os.path.join(site.root.info_root, ".cleanup")
+        os.makedirs(obstacle)
+        result = site.night(SUNDAY, PATH=path)
+        self.assertEqual((1, ""), (result.returncode, result.stderr))
+        self.assertIn("the removal of unfinished backups: FAILED: ", result.stdout)
+        os.rmdir(obstacle)
+        self.assertIn(f"its unfinished backups are removed: {SUNDAY}.web1", site.good_night(MONDAY).stdout)
+        self.assert_nothing_left(site, MONDAY + ".web1")
+
+    def test_the_hook_at_the_end_gets_the_reason_when_no_backup_was_begun(self):
+        site = self.site()
+        told = os.path.join(site.root.base, "told")
+        site.configure(hooks="after-night = " + site.hook("end", f'{{ echo "$QUARN2_STATUS"; cat; }} >{told}'))
+        os.rmdir(site.root.storage)
+        self.assertEqual(3, site.night(SUNDAY).returncode)
+        self.assertRegex(read(told).decode(),
+                         f"^3\nnight of {SUNDAY}: no backup was begun: the size control server did not start")
+
     def test_no_server_no_backup(self):
         site = self.site()
         write(os.path.join(site.user("web1"), "file"), "text")

@@ -158,6 +158,56 @@ class Hostile(RestoreTest):
                 self.assert_no_command_ran(site)
                 self.assertEqual([], os.listdir(target))
 
+    def test_a_link_of_a_user_in_the_path_is_not_followed(self):
+        site, kept = self.two_nights("dar")
+        outside = os.path.join(site.root.base, "outside")
+        os.mkdir(outside)
+        home = os.path.join(site.root.base, "home")
+        os.mkdir(home)
+        link = os.path.join(home, "link")
+        os.symlink(outside, link)
+        site.good_restore("web1", SUNDAY, link)
+        self.assertEqual(kept[SUNDAY], manifest(outside))
+        os.rename(outside, outside + ".old")
+        os.mkdir(outside)
+        os.lchown(link, 12345, 12345)
+        for target in (link, link + "/below"):
+            self.assert_refused(site.restore("web1", SUNDAY, target), 1, "symbolic link 'link' of user 12345")
+        self.assertEqual([], tree(outside))
+
+    def test_a_user_who_exchanges_directories_during_the_restore(self):
+        for form, tool in (("dar", "dar"), ("tar.zst", "tar")):
+            with self.subTest(form=form):
+                site, _ = self.two_nights(form)
+                target = self.target(site)
+                write(os.path.join(target, "file"), "here")
+                outside = os.path.join(site.root.base, "outside")
+                os.mkdir(outside)
+                path = site.tool(tool, f'cd {target}; for each in .quarn2-restore.*; do mv "$each" ../moved; '
+                                       f'ln -s {outside} "$each"; done; mkdir {outside}/files; exec /usr/bin/{tool} "$@"')
+                result = site.run("quarn2-restore", "--force", "web1", SUNDAY, target, PATH=path)
+                self.assertEqual(1, result.returncode, result.stderr)
+                self.assertEqual([], [name for name in tree(outside) if name != "files"])
+
+    def test_a_link_in_the_directory_is_not_followed(self):
+        site, _ = self.two_nights("dar")
+        target, outside = self.target(site), os.path.join(site.root.base, "outside")
+        for folder in (target, outside):
+            os.mkdir(folder)
+        os.symlink(outside, os.path.join(target, "mail"))
+        self.assert_refused(site.restore("--force", "web1", SUNDAY, target), 1, "'mail' is a directory here or in the")
+        self.assertEqual([], tree(outside))
+
+    def test_the_directory_of_a_user_keeps_its_owner(self):
+        site, kept = self.two_nights("dar")
+        target = self.target(site)
+        os.mkdir(target, 0o751)
+        os.chown(target, 12345, 12345)
+        site.good_restore("web1", SUNDAY, target)
+        self.assertEqual(kept[SUNDAY], manifest(target))
+        status = os.stat(target)
+        self.assertEqual((12345, 12345, 0o751), (status.st_uid, status.st_gid, status.st_mode & 0o7777))
+
     def test_a_daily_whose_full_backup_is_gone_is_not_restored_onto_another(self):
         site = self.site()
         for date, fields in ((SUNDAY, "type=full\nlast-slice=F2026-11-15.web1.1.dar"),

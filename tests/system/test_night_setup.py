@@ -1,11 +1,15 @@
 """quarn2-setup: the test of the storage, and the files that it writes."""
 
 import os
+import signal
+import subprocess
 import unittest
 
 from archives import call
 from local_files import read, write
 from nights import FORMATS, PROGRAMS, SUNDAY, NightTest
+from processes import start
+from waiting import DEADLINE
 
 
 class Setup(NightTest):
@@ -73,6 +77,24 @@ class Setup(NightTest):
         self.assertFalse(os.path.exists(site.config) or os.path.exists(site.token_file))
         os.mkdir(site.root.storage)
         self.assert_good(self.setup(site, "--token-from", site.new_token, "--users", site.users))
+
+    def test_an_interrupted_set_up_leaves_no_token_behind(self):
+        for number in (signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(number=number):
+                site = self.site(str(number.value))
+                pipe = os.path.join(site.root.base, "pipe")
+                os.mkfifo(pipe)
+                environment = dict(site.environment(), PATH=site.tool("dar", f'echo here >"{pipe}"; exec sleep 1000'))
+                process = start([os.path.join(PROGRAMS, "quarn2-setup"), "--config", site.config, "--token-file",
+                                 site.token_file, "--token-from", site.new_token, "--users", site.users], env=environment,
+                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+                with open(pipe, encoding="ascii") as file:
+                    file.read()
+                process.send_signal(number)
+                error = process.communicate(timeout=DEADLINE)[1].decode()
+                self.assertEqual(1, process.returncode, error)
+                self.assertIn("nothing was changed", error)
+                self.assertEqual(([], []), (os.listdir(site.tmp), site.root.stored()))
 
     def test_values_that_cannot_be_used(self):
         site = self.site()
