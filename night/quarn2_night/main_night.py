@@ -97,7 +97,7 @@ def print_plan(night):
         return
     described = subprocess.run([report, "--help"], capture_output=True, text=True, check=False)
     if "--plan" in described.stdout:
-        subprocess.run([report, "--plan", *night.server_arguments()], stdin=subprocess.DEVNULL, check=False)
+        subprocess.run([report, "--plan", *night.limits()], stdin=subprocess.DEVNULL, check=False)
 
 
 def run_night(night, users, problems):

@@ -27,9 +27,12 @@ class Night:
         self.children = Children()
         self.lock = self.server = None
 
-    def server_arguments(self):
+    def limits(self):
         return ["--date", self.date, "--size-limit", str(self.settings.size_limit), "--count-limit",
                 self.settings.count_limit]
+
+    def server_arguments(self):
+        return self.limits() + [word for node in self.settings.nodes for word in ("--node", node)]
 
     # -- The lock --
 

@@ -7,6 +7,7 @@ import stat
 
 from . import settings_file
 from .names import is_path_below, is_user
+from .node import Node
 from .site import TOKEN_FILE, Problem, read_protected
 
 DAYS = ["Monday", "Tuesday", "Wednesday", "Thursday", "Friday", "Saturday", "Sunday"]
@@ -102,6 +103,18 @@ def _names(value):
     return value.text.split()
 
 
+def _nodes(value):
+    nodes = value.text.split()
+    for text in nodes:
+        try:
+            Node(text)
+        except Problem:
+            raise Invalid("host names or addresses, or NAME:DESTINATION:PORT") from None
+    if len(set(nodes)) != len(nodes):
+        raise Invalid("each node once")
+    return nodes
+
+
 def _command(value):
     """A program and its arguments. No shell reads them; quotes join words."""
     try:
@@ -126,6 +139,7 @@ _RULES = {
     ("storage", "token-file"): (_path, TOKEN_FILE),
     ("storage", "size-limit"): (_bytes, 0),
     ("storage", "count-limit"): (_counts, "4:21"),
+    ("storage", "nodes"): (_nodes, ()),
     ("users", "directory"): (_directory, None),
     ("users", "list"): (_user_list, None),
     ("users", "command"): (_command, None),

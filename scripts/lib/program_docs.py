@@ -1,4 +1,4 @@
-"""Generates the man pages and the bash completion:  program_docs.py QUARN2_CP QUARN2_REPORT OUTPUT
+"""Generates the man pages and the completions for bash and zsh:  program_docs.py QUARN2_CP QUARN2_REPORT OUTPUT
 
 The options come from the programs: those of the compiled programs from their --help, which they print from their tree of
 options, those of the Python programs from their argument parsers. The other sections are in share/man/*.in.
@@ -13,7 +13,8 @@ import sys
 TOP = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 # The module of each Python program, below a folder of the sources.
 PYTHON = {
-    "quarn2-night": ("night", "quarn2_night.main_night"), "quarn2-restore": ("night", "quarn2_night.main_restore"),
+    "quarn2-night": ("night", "quarn2_night.main_night"), "quarn2-node": ("night", "quarn2_night.main_node"),
+    "quarn2-restore": ("night", "quarn2_night.main_restore"),
     "quarn2-setup": ("night", "quarn2_night.main_setup"), "quarn2_metrics": ("report", "quarn2_views.main_metrics"),
     "quarn2_page": ("report", "quarn2_views.main_page")}
 _ROW = re.compile(r"^(?P<indent> +?)(?:-(?P<letter>\w), |    )--(?P<name>[\w-]+)(?P<value> VALUE)?  +(?P<help>\S.*)$")
@@ -105,6 +106,32 @@ def completion(programs):
     return "\n".join(lines)
 
 
+# --- Zsh completion ---
+
+def zsh_completion(name, options):
+    """Returns the completion of a program. A suboption is completed after its option only."""
+    function = "_" + name.replace("-", "_")
+    lines = [f"#compdef {name}", f"# zsh completion of {name}. Generated from its options.", "", f"{function}() {{",
+             "    local -a options", "    local word"]
+    lines += zsh_options([option for option in options if not option.parent], "    ")
+    for parent in dict.fromkeys(option.parent for option in options if option.parent):
+        lines += ["    for word in ${words[2,CURRENT-1]}; do", "        case $word in",
+                  f"            {' | '.join(parent.names)})"]
+        lines += zsh_options([option for option in options if option.parent is parent], "                ")
+        lines += ["                ;;", "        esac", "    done"]
+    lines += ["    if [[ $PREFIX == -* ]]; then", "        _describe -o option options", "    else", "        _files",
+              "    fi", "}", "", f"{function} \"$@\"", ""]
+    return "\n".join(lines)
+
+
+def zsh_options(options, indent):
+    lines = []
+    for option in options:
+        text = option.text.replace("\\", "\\\\").replace(":", "\\:").replace("'", "")
+        lines += [f"{indent}options+=('{word}:{text}')" for word in option.names if word.startswith("--")]
+    return lines
+
+
 def main():
     compiled = {"quarn2_cp": sys.argv[1], "quarn2_report": sys.argv[2]}
     output = sys.argv[3]
@@ -119,6 +146,7 @@ def main():
         write(os.path.join(output, "man", "man" + page[-1], page), text)
     for name, options in programs.items():
         write(os.path.join(output, "bash-completion/completions", name), completion({name: options}))
+        write(os.path.join(output, "zsh/vendor-completions", "_" + name), zsh_completion(name, options))
 
 
 def write(path, text):

@@ -13,7 +13,7 @@ import unittest
 
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../.."))
 BUILD = os.environ["QUARN2_CP_BUILD"]
-PROGRAMS = ("quarn2_cp", "quarn2_report", "quarn2-night", "quarn2-restore", "quarn2-setup")
+PROGRAMS = ("quarn2_cp", "quarn2_report", "quarn2-night", "quarn2-node", "quarn2-restore", "quarn2-setup")
 # The packages that apt would install together with this one.
 SYSTEM = "python3,libexpat1,libssl3,dar,zstd"
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"

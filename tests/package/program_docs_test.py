@@ -8,7 +8,8 @@ import unittest
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../.."))
 DOCS = os.path.join(os.environ["QUARN2_CP_BUILD"], "share/docs")
 PROGRAMS = {"quarn2_cp": os.environ["QUARN2_CP_BINARY"], "quarn2_report": os.environ["QUARN2_REPORT"]}
-PROGRAMS.update({name: os.path.join(TOP, "night", name) for name in ("quarn2-night", "quarn2-restore", "quarn2-setup")})
+PROGRAMS.update({name: os.path.join(TOP, "night", name)
+                 for name in ("quarn2-night", "quarn2-node", "quarn2-restore", "quarn2-setup")})
 PROGRAMS.update({name: os.path.join(TOP, "report", name) for name in ("quarn2_metrics", "quarn2_page")})
 SECTIONS = ("NAME", "SYNOPSIS", "DESCRIPTION", "OPTIONS", "EXIT STATUS", "ENVIRONMENT", "FILES", "EXAMPLES", "SEE ALSO")
 
@@ -33,9 +34,10 @@ class ProgramDocs(unittest.TestCase):
                 page = page_of(name).replace("\\-", "-")
                 described = set(re.findall(r"\\fB(--[a-z][\w-]*)\\fR", page))
                 self.assertLessEqual(options, described)
-                with open(os.path.join(DOCS, "bash-completion/completions", name), encoding="utf-8") as file:
-                    completed = set(re.findall(r"--[a-z][\w-]*", file.read()))
-                self.assertLessEqual(options, completed)
+                for path in ("bash-completion/completions/" + name, "zsh/vendor-completions/_" + name):
+                    with open(os.path.join(DOCS, path), encoding="utf-8") as file:
+                        completed = set(re.findall(r"--[a-z][\w-]*", file.read()))
+                    self.assertLessEqual(options, completed)
 
     def test_each_page_has_every_section_and_no_placeholder(self):
         for name in PROGRAMS:

@@ -112,8 +112,8 @@ class Head(Machine):
 class Node(Machine):
     """A machine with its own virtual cable to the head. With `lossy` the cable can have delay and loss."""
 
-    def __init__(self, test, head, number, lossy=False, sshd_options=QUICK_SSHD):
-        super().__init__(test, f"node{number}")
+    def __init__(self, test, head, number, lossy=False, sshd_options=QUICK_SSHD, home=None):
+        super().__init__(test, f"node{number}", home)
         self.head = head
         self.address = f"10.77.{number}.2"
         self.port = 2200 + number

@@ -20,7 +20,7 @@ class Interruptions(NightTest):
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, self.writer = self.start_waiting_night(site, "pipe", {"dar": "dar", "tar.zst": "zstd"}[form])
         # The first slices are on the storage, and the last one waits for the archiver's end.
-        wait_for(lambda: [name for name in site.root.stored() if name.startswith("F")], "a slice on the storage")
+        wait_for(lambda: len([name for name in site.root.stored() if name.startswith("F")]) >= 3, "three slices on the storage")
         return site, process
 
     def start_waiting_night(self, site, name, tool):
@@ -72,7 +72,8 @@ class Interruptions(NightTest):
         process.kill()
         end_of(process)
         old, = self.archivers(site)
-        write(os.path.join(site.user("web1"), "file"), os.urandom(200000))
+        # The new archive has as many slices, so the old archiver's last slice has the name of one that is being written.
+        write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, writer = self.start_waiting_night(site, "second pipe", "dar")
         wait_for(lambda: len(self.archivers(site)) == 2, "the archiver of the second night", 60)
         self.let_go()

@@ -82,6 +82,26 @@ class Nights(NightTest):
         self.assertEqual(before, tree(site.root.base))
 
 
+    def test_a_dry_run_prints_the_evictions(self):
+        site = self.site()
+        # quarn2_report belongs to the install root of its own folder.
+        report = os.path.join(site.root.path, "sbin/quarn2_report")
+        shutil.copy(os.environ["QUARN2_REPORT"], report)
+        os.chmod(report, 0o755)
+        write(os.path.join(site.user("web1"), "file"), "text")
+        site.good_night(SUNDAY)
+        site.good_night(MONDAY)
+        site.configure(storage=f"token-file = {site.token_file}\ncount-limit = 4:1")
+        site.good_night(TUESDAY)
+        site.configure(storage=f"token-file = {site.token_file}\ncount-limit = 1:1")
+        site.good_night("2026-11-22")
+        site.configure(storage=f"token-file = {site.token_file}\ncount-limit = 1:0")
+        before = tree(site.root.base)
+        result = site.good_night("2026-11-23", "--dry-run")
+        self.assertRegex(result.stdout, f"1  web1  {TUESDAY}  daily .* more daily backups than the count limit")
+        self.assertEqual(before, tree(site.root.base))
+
+
 class Failures(NightTest):
     def test_one_users_failure_does_not_stop_the_others(self):
         for form in FORMATS:
@@ -293,6 +313,20 @@ class Configuration(NightTest):
         write(site.config, text)
         result = site.run("quarn2-night", "--check")
         self.assertEqual((0, ""), (result.returncode, result.stderr))
+
+    def test_nodes(self):
+        site = self.site()
+        storage = f"token-file = {site.token_file}\nnodes = "
+        site.configure(storage=storage + "web1 web1")
+        self.assert_refused(site, f"{site.config}:3: nodes = 'web1 web1' cannot be used: expected each node once")
+        for node in ("-oProxyCommand=x", "a:b", "a:b:0"):
+            site.configure(storage=storage + node)
+            self.assert_refused(site, f"{site.config}:3: nodes = '{node}' cannot be used: expected host names or "
+                                      "addresses, or NAME:DESTINATION:PORT")
+        site.configure(storage=storage + "db:127.0.0.1:1")
+        write(os.path.join(site.user("web1"), "file"), "text")
+        site.good_night(SUNDAY)
+        self.assertIn("Session with node 'db:127.0.0.1:1' ended.", read(site.root.file("var/quarn2_cp.log")).decode())
 
     def test_check(self):
         site = self.site()

@@ -1,0 +1,139 @@
+"""quarn2-node: sets up a node over a real sshd, and checks it."""
+
+import os
+import shutil
+import unittest
+
+from archives import call
+from local_files import read, tree, write
+from machines import Node, NodesTest, tool
+from nights import PROGRAMS
+
+
+
+class NodeSetup(NodesTest):
+    """A head without any ssh settings, and a node with a home directory that has only the administrator's key."""
+
+    def setUp(self):
+        super().setUp()
+        head = self.make_head()
+        shutil.rmtree(head.file("etc/.ssh"))
+        for name in ("config", "known_hosts"):
+            os.remove(os.path.join(head.ssh, name))
+        self.home = os.path.join(self.folder, "node home")
+        os.makedirs(os.path.join(self.home, ".ssh"), mode=0o700)
+        self.identity = os.path.join(self.folder, "administrator")
+        tool("ssh-keygen", "-q", "-N", "", "-t", "ed25519", "-f", self.identity)
+        self.authorized = write(os.path.join(self.home, ".ssh/authorized_keys"), read(self.identity + ".pub"))
+        self.node = NewNode(self, head, 1, home=self.home)
+        self.start()
+
+    def start(self):
+        return self.node.start_sshd(f'AuthorizedKeysFile "{self.authorized}"\n')
+
+    def run_node(self, *arguments):
+        environment = self.head.environment(KRO_ROOT="/usr/local/kro5", BACKUP_TOKEN=None)
+        return call(*self.head.inside(os.path.join(PROGRAMS, "quarn2-node"), *arguments),
+                    env=environment)
+
+    def add(self, *arguments):
+        return self.run_node("add", "--host-key", self.fingerprint(), *arguments, self.node.option)
+
+    def fingerprint(self):
+        return tool("ssh-keygen", "-l", "-f", self.node.file("etc/host_key.pub")).split()[1]
+
+    def assert_refused(self, result, text):
+        self.assertEqual(1, result.returncode, result.stdout + result.stderr)
+        self.assertIn(text, result.stdout + result.stderr)
+
+    def good(self, result):
+        self.assertEqual((0, ""), (result.returncode, result.stderr), result.stdout)
+        return result.stdout
+
+    def files(self):
+        paths = (self.head.ssh, self.head.file("etc"), self.home)
+        return [{name: read(os.path.join(path, name)) for name in tree(path)
+                 if os.path.isfile(os.path.join(path, name))} for path in paths]
+
+    def test_a_node_is_set_up_and_served(self):
+        before = self.files()
+        out = self.good(self.add("--dry-run", "--identity", self.identity))
+        self.assertEqual(4, out.count("would add"), out)
+        self.assertEqual(before, self.files())
+        write(os.path.join(self.head.ssh, "config"), "ServerAliveInterval 77\n")
+        out = self.good(self.add("--identity", self.identity))
+        self.assertEqual(4, out.count("added"), out)
+        self.assertIn("restrict,command=", read(self.authorized).decode())
+        self.assertIn("serveraliveinterval 77", self.head.tool("ssh", "-G", "other"))
+        self.assertEqual(0o600, os.stat(self.head.key).st_mode & 0o777)
+        server = self.serve([self.node])
+        out = self.good(self.run_node("check", self.node.option))
+        self.assertRegex(out, "node1: reachable, host key right, version [0-9.]+ as here\nnode1: served now\n")
+        self.assertEqual(0, server.end())
+        self.assertIn("node1: not served now", self.good(self.run_node("check", self.node.option)))
+        before = self.files()
+        out = self.good(self.add())
+        self.assertNotIn("added", out)
+        self.assertEqual(before, self.files())
+
+    def test_the_host_key_must_be_confirmed(self):
+        before = self.files()
+        result = self.run_node("add", self.node.option)
+        self.assert_refused(result, "without a terminal give --host-key FINGERPRINT")
+        self.assertIn(self.fingerprint(), result.stdout)
+        self.assert_refused(self.run_node("add", "--host-key", "SHA256:wrong", self.node.option),
+                            "no host key of the node has the fingerprint SHA256:wrong")
+        # Only the key of this machine was made.
+        self.assertEqual((before[0], before[2]), (self.files()[0], self.files()[2]))
+
+    def test_a_changed_host_key_is_refused(self):
+        self.good(self.add("--identity", self.identity))
+        self.node.kill_sshd()
+        for name in ("etc/host_key", "etc/host_key.pub"):
+            os.remove(self.node.file(name))
+        tool("ssh-keygen", "-q", "-N", "", "-t", "ed25519", "-f", self.node.file("etc/host_key"))
+        os.remove(self.node.file("etc/sshd.log"))
+        self.start()
+        before = self.files()
+        self.assert_refused(self.add("--identity", self.identity), "differs from the one in")
+        self.assert_refused(self.run_node("check", self.node.option), "its host key is not the one in")
+        self.assertEqual(before, self.files())
+
+    def test_without_a_login_the_line_is_added_by_hand_and_add_is_run_again(self):
+        result = self.add()
+        self.assert_refused(result, "add this line to its ~root/.ssh/authorized_keys and run this again: restrict,")
+        line = result.stderr.partition("run this again: ")[2]
+        with open(self.authorized, "a", encoding="ascii") as file:
+            file.write(line)
+        out = self.good(self.add())
+        self.assertIn("the node accepts the key", out)
+        self.assertNotIn("added", out)
+
+    def test_a_node_without_the_program_and_a_node_that_is_away(self):
+        os.rename(self.node.binary, self.node.binary + ".away")
+        self.assert_refused(self.add("--identity", self.identity), "the node has no program /usr/local/kro5/sbin/quarn2_cp")
+        os.rename(self.node.binary + ".away", self.node.binary)
+        self.good(self.add("--identity", self.identity))
+        write(self.node.binary, "#!/bin/sh\necho quarn2_cp 0.0.1\n")
+        self.assert_refused(self.run_node("check", self.node.option), "it has version 0.0.1, this machine ")
+        self.node.kill_sshd()
+        self.assert_refused(self.run_node("check", self.node.option), "does not answer at")
+
+    def test_names_that_cannot_be_used(self):
+        for name in ("-oProxyCommand=touch EVIL", "a b", "name:host", "name:host:0", "name:host:99999", "x;touch EVIL", ""):
+            with self.subTest(name=name):
+                result = self.run_node("check", "--", name)
+                self.assertEqual(2, result.returncode, result.stdout)
+                self.assertIn("cannot be used", result.stderr)
+
+
+class NewNode(Node):
+    """A node that does not know the head yet, and the reverse."""
+
+    def make_keys(self):
+        os.makedirs(self.file("etc"), exist_ok=True)
+        tool("ssh-keygen", "-q", "-N", "", "-t", "ed25519", "-f", self.file("etc/host_key"))
+
+
+if __name__ == "__main__":
+    unittest.main()
