@@ -1,11 +1,12 @@
 """quarn2-night: nights that are killed, told to end, or started twice."""
 
 import os
+import re
 import signal
 import unittest
 
 from archives import manifest
-from local_files import write
+from local_files import tree, write
 from nights import FORMATS, MONDAY, SUNDAY, NightTest, end_of
 from processes import command_line
 from samples import read_info
@@ -41,6 +42,12 @@ class Interruptions(NightTest):
         lines = {pid: command_line(pid) for pid in os.listdir("/proc") if pid.isdigit()}
         return [pid for pid, line in lines.items() if line.startswith("dar_xform") and site.root.base in line]
 
+    @staticmethod
+    def slices_in_work(site):
+        """Returns the largest number of a slice in the work directories."""
+        numbers = re.findall(r"/F[^/]*\.([0-9]+)\.dar", "\n".join(tree(site.root.file("var/night"))))
+        return max(map(int, numbers), default=0)
+
     def test_two_nights_at_once(self):
         site, process = self.waiting_site()
         result = site.night(MONDAY)
@@ -69,13 +76,15 @@ class Interruptions(NightTest):
 
     def test_an_archiver_that_has_outlived_its_night_does_not_write_into_the_next_one(self):
         site, process = self.waiting_site()
+        wait_for(lambda: self.slices_in_work(site) == 4, "the slice that waits for the end of the archiver")
         process.kill()
         end_of(process)
         old, = self.archivers(site)
         # The new archive has as many slices, so the old archiver's last slice has the name of one that is being written.
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, writer = self.start_waiting_night(site, "second pipe", "dar")
-        wait_for(lambda: len(self.archivers(site)) == 2, "the archiver of the second night", 60)
+        # The old archiver writes this slice, or the next one, when it goes on.
+        wait_for(lambda: len(self.archivers(site)) == 2 and self.slices_in_work(site) == 4, "the second archiver", 60)
         self.let_go()
         wait_for(lambda: old not in self.archivers(site), "the end of the old archiver")
         os.write(writer, b"\n")
