@@ -55,6 +55,21 @@ def end(process):
     process.stdout.close()
 
 
+def mirror():
+    """Returns the address of the Debian mirror that this machine's apt uses."""
+    sites = run("apt-get", "indextargets", "--format", "$(SITE)", "Created-By: Packages", "Codename: bookworm",
+                "Component: main").split()
+    if not sites:
+        raise AssertionError("apt knows no packages of Debian 12: run apt-get update")
+    return sites[0]
+
+
+def proxies():
+    """Returns options of mmdebstrap for the proxies that this machine's apt uses."""
+    lines = run("apt-config", "dump", "--no-empty", "Acquire").splitlines()
+    return ["--aptopt=" + line.rstrip(";") for line in lines if "::Proxy" in line]
+
+
 def with_version(package, version, folder):
     """Returns a copy of the package with another version."""
     tree = os.path.join(folder, "tree")
@@ -81,7 +96,7 @@ class Package(unittest.TestCase):
         # Most of the time is waiting for downloads, so the packages are built meanwhile.
         cls.system = subprocess.Popen(
             ["mmdebstrap", "--mode=root", "--variant=essential", "--dpkgopt=force-unsafe-io", "--quiet",
-             '--aptopt=Acquire::Languages "none"', "--include=" + SYSTEM, "bookworm", cls.root],
+             '--aptopt=Acquire::Languages "none"', *proxies(), "--include=" + SYSTEM, "bookworm", cls.root, mirror()],
             stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
         cls.addClassCleanup(end, cls.system)
         cls.built = run(os.path.join(TOP, "scripts/package"), "--from", BUILD, "--compare", cls.folder + "/out")
