@@ -5,6 +5,7 @@ import shutil
 import subprocess
 import tarfile
 
+from .directories import path_of
 from .processes import describe
 from .site import Problem, clean_environment
 
@@ -19,11 +20,12 @@ _PUT_SLICE = '"$JOB_PROGRAM" --put --%c --info-file "$JOB_INFO" "$JOB_ARCHIVE.%n
 
 
 class Job:
-    """What an archiver needs: the names of one backup, its work directory, and the processes."""
+    """What an archiver needs: the names of one backup, its open directory, its work directory, and the processes."""
 
-    def __init__(self, site, children, settings, user, date, source, base, work, messages):
+    def __init__(self, site, children, settings, user, date, directory, base, work, messages):
         self.site, self.children, self.settings = site, children, settings
-        self.user, self.date, self.source, self.base = user, date, source, base
+        self.user, self.date, self.base = user, date, base
+        self.directory, self.source = directory, path_of(directory)
         self.work, self.messages = work, messages
         self.info = os.path.join(work, f"{date}.{user}.info")
         self.archive = os.path.join(work, f"{'I' if base else 'F'}{date}.{user}")
@@ -31,7 +33,7 @@ class Job:
 
     def start(self, command, **options):
         options.setdefault("env", clean_environment())
-        return self.children.start(command, stderr=self.messages.file, **options)
+        return self.children.start(command, stderr=self.messages.file, pass_fds=[self.directory], **options)
 
     def put(self, *arguments):
         status = self.children.run([self.site.program, "--put", *arguments], env=clean_environment(),

@@ -8,6 +8,7 @@ import tempfile
 import time
 
 from .archive import MAKERS, Job
+from .directories import open_directory
 from .info import base_for
 from .processes import Messages, describe
 from .settings import DAYS
@@ -89,18 +90,26 @@ class UserJob:
     def back_up(self, messages):
         if not os.path.isdir(self.source):
             raise Problem(f"there is no directory '{self.source}'")
+        # A link of the user could lead to files of another one, which a restore would then hand out.
+        directory = open_directory(self.source)
+        try:
+            self.back_up_directory(directory, messages)
+        finally:
+            os.close(directory)
+
+    def back_up_directory(self, directory, messages):
         base = self.base()
         self.kind = "daily" if base else "full"
         try:
             self.hook(self.settings.hooks_before_user, messages)
-            self.make(base, messages)
+            self.make(directory, base, messages)
         except BaseException:
             self.hook_after("failed", messages)
             raise
         self.hook_after("done", messages)
 
-    def make(self, base, messages):
-        job = Job(self.site, self.night.children, self.settings, self.user, self.night.date, self.source, base,
+    def make(self, directory, base, messages):
+        job = Job(self.site, self.night.children, self.settings, self.user, self.night.date, directory, base,
                   self.work, messages)
         with open(self.info, "x", encoding="ascii") as file:
             file.write(info_text(base, self.user))

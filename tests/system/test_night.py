@@ -194,6 +194,22 @@ class Failures(NightTest):
         site.configure(users=f"directory = {site.users}\nskip = .snapshots")
         site.good_night(MONDAY)
 
+    def test_a_link_of_a_user_to_another_directory_is_not_backed_up(self):
+        for form in FORMATS:
+            with self.subTest(form=form):
+                site = self.site(form.replace(".", "-"))
+                write(os.path.join(site.user("web2"), "secret"), "of web2")
+                link = os.path.join(site.root.base, "link")
+                os.symlink(site.user("web2"), link)
+                site.configure(users=f"list =\n    web1 {link}\n    web3 {site.user('web2')}",
+                               backup=f"format = {form}\nslice-size = 64K")
+                site.good_night(SUNDAY)  # a link of the administrator
+                os.lchown(link, 12345, 12345)
+                result = site.night(MONDAY)
+                self.assertEqual(1, result.returncode, result.stderr)
+                self.assertIn(f"web1: FAILED: '{link}' leads through the symbolic link 'link' of user 12345", result.stdout)
+                self.assert_nothing_left(site, SUNDAY + ".web1", SUNDAY + ".web3", MONDAY + ".web3")
+
     def test_a_hook_that_hangs_is_ended_with_all_of_its_processes(self):
         site = self.site()
         for user in ("web1", "web2"):
