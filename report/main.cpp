@@ -1,5 +1,5 @@
-// quarn2_report: shows what is stored. Writes nothing and takes no lock. Only --verify asks the
-// storage.
+// quarn2_report: shows what is stored. Takes no lock. Only --verify asks the storage, and writes a
+// file, its result.
 
 #include <unistd.h>
 

@@ -10,6 +10,7 @@
 #include "report_history.h"
 #include "report_modes.h"
 #include "report_text.h"
+#include "report_verification.h"
 
 namespace {
 
@@ -25,6 +26,7 @@ struct Status {
     // When the server begins to evict for the size limit, and when it begins to refuse uploads.
     Forecast evictions;
     Forecast refusals;
+    std::optional<VerificationResult> verification;  // the last one
 };
 
 void ReadHistory(Site& site, Status& status) {
@@ -49,6 +51,14 @@ void LimitToUser(Space& space, const Site& site) {
     for (const LedgerEntry& entry : site.entries) space.unfinished += entry.Bytes();
 }
 
+void ReadVerification(Site& site, Status& status) {
+    try {
+        status.verification = LastVerification(site.options.storage);
+    } catch (const kro_err::Error& error) {
+        site.output.Find(error.what());
+    }
+}
+
 Status ReadStatus(Site& site) {
     Status status;
     ScanSite(site, [&](Backup&& backup) { status.census.Add(backup); });
@@ -60,6 +70,7 @@ Status ReadStatus(Site& site) {
         FreeSpace(status.space, has_limit ? std::optional(status.known.limits.size) : std::nullopt,
                   site.server.reserved);
     ReadHistory(site, status);
+    ReadVerification(site, status);
     status.overdue = FindOverdue(status.census.newest(), ReferenceTime(site.options),
                                  site.options.max_age_hours);
     return status;
@@ -145,6 +156,13 @@ std::string BackupsText(const Census& census) {
     return text;
 }
 
+std::string VerificationText(const Status& status) {
+    if (!status.verification) return "never";
+    const VerificationResult& last = *status.verification;
+    return last.time + ": " + str::Str(last.backups) + " backups, " + str::Str(last.content) +
+           " of them downloaded, " + str::Str(last.problems) + " problems";
+}
+
 void AddHistory(Table& table, const Site& site, const Status& status) {
     table.Add({"evictions begin", ForecastText(status.evictions)});
     table.Add({"refusals begin", ForecastText(status.refusals)});
@@ -175,6 +193,7 @@ void WriteText(const Site& site, const Status& status) {
     table.Add({"backups", BackupsText(status.census)});
     table.Add({"dates", Escaped(DatesText(status.census))});
     table.Add({"overdue users", OverdueText(site, status.overdue)});
+    table.Add({"verified", Escaped(VerificationText(status))});
     AddHistory(table, site, status);
     Output::Text(table.Text(0));
 }
@@ -216,6 +235,14 @@ kro_json::Object ForecastJson(const Forecast& forecast) {
             {"expected_days", OrNull(forecast.expected)},
             {"earliest_days", OrNull(forecast.earliest)},
             {"latest_days", OrNull(forecast.latest)}};
+}
+
+kro_json::Value VerificationJson(const Status& status) {
+    if (!status.verification) return {};
+    const VerificationResult& last = *status.verification;
+    return kro_json::Object{{"time", last.time},       {"storage", last.storage},
+                            {"backups", last.backups}, {"files", last.files},
+                            {"content", last.content}, {"problems", last.problems}};
 }
 
 kro_json::Array EventsJson(const Site& site, const std::vector<Event>& events) {
@@ -276,6 +303,7 @@ void WriteJson(const Site& site, const Status& status) {
                   {"overdue", OverdueJson(site, status)},
                   {"forecast", kro_json::Object{{"evictions", ForecastJson(status.evictions)},
                                                 {"refusals", ForecastJson(status.refusals)}}},
+                  {"verification", VerificationJson(status)},
                   {"deletions", DeletionsJson(status.deletions)},
                   {"last_events", EventsJson(site, status.last_events)}});
 }

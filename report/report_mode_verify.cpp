@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "kro/kro_date.h"
 #include "kro/kro_err.h"
 #include "kro/kro_file.h"
 #include "kro/str.h"
@@ -19,6 +20,7 @@
 #include "report_files.h"
 #include "report_modes.h"
 #include "report_text.h"
+#include "report_verification.h"
 #include "report_verify.h"
 
 namespace {
@@ -56,6 +58,7 @@ class Verification {
         }
         if (options.has_orphans) CheckOrphans();
         Write();
+        Keep();
     }
 
   private:
@@ -180,6 +183,24 @@ class Verification {
         if (site_.options.has_orphans) table.Add({"orphans", str::Str(orphans_)});
         table.Add({"problems", str::Str(problems_)});
         Output::Text(table.Text(0));
+    }
+
+    // The result of one user says nothing about the storage.
+    void Keep() {
+        const Options& options = site_.options;
+        if (!options.user.empty()) return;
+        try {
+            KeepVerification(options.storage,
+                             {.time = kro_date::DateTime::Now().AsDateTime(),
+                              .storage = StorageIdentity(TokenByEnv()),
+                              .backups = static_cast<std::int64_t>(complete_.size()),
+                              .files = files_,
+                              .content = static_cast<std::int64_t>(chosen_.size()),
+                              .problems = problems_});
+        } catch (const kro_err::Error& error) {
+            site_.output.Find("the result of the verification cannot be kept: " +
+                              std::string(error.what()));
+        }
     }
 
     Site& site_;

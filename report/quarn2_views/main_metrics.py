@@ -1,13 +1,12 @@
 """quarn2_metrics: writes the state of the backups as metrics for Prometheus."""
 
 import argparse
-import json
 import os
 import sys
 import time
 
 from .command_line import DONE, FAILED, add_report_options, complain, report_of
-from .metrics import report_metrics, status_metrics, user_metrics, verification_metrics
+from .metrics import report_metrics, status_metrics, user_metrics
 from .replacement import replace_file
 from .source import ReportFailed, reason_of
 
@@ -26,8 +25,6 @@ def options():
     parser.add_argument("file", metavar="FILE", nargs="?", help="file that is replaced; its name must end in .prom")
     add_report_options(parser)
     parser.add_argument("--per-user", action="store_true", help="also write three metrics for each user")
-    parser.add_argument("--verification", metavar="FILE",
-                        help="also write the result in this file, the output of quarn2_report --verify --json")
     return parser
 
 
@@ -38,18 +35,6 @@ def parse(arguments):
     if given.file is not None and not given.file.endswith(".prom"):
         parser.error(f"{given.file!r} does not end in .prom")
     return given
-
-
-def read_verification(path):
-    """Returns the last object and the time of the file. The object is None when the verification did not end."""
-    try:
-        with open(path, encoding="utf-8", errors="replace") as file:
-            lines = file.read().splitlines()
-            last = json.loads(lines[-1]) if lines else {}
-            is_end = isinstance(last, dict) and last.get("problem", "") is None
-            return last if is_end else None, os.fstat(file.fileno()).st_mtime
-    except (OSError, ValueError):
-        return None, None
 
 
 def read_metrics(given):
@@ -96,8 +81,6 @@ def main(arguments):
         complain(PROGRAM, f"{reason_of(error)}; the metrics say only that the report failed")
         is_success = False
     metrics += report_metrics(is_success, time.time())
-    if given.verification:
-        metrics += verification_metrics(*read_verification(given.verification))
     try:
         write(given, text_of(metrics, storage))
     except OSError as error:

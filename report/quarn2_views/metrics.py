@@ -2,7 +2,7 @@
 
 from typing import NamedTuple
 
-from .texts import day_seconds
+from .texts import day_seconds, seconds
 
 _SECONDS_PER_DAY = 24 * 60 * 60
 _SECONDS_PER_HOUR = 60 * 60
@@ -63,6 +63,17 @@ def _forecast(status):
                   ("begin", "bound"))
 
 
+def _verification(status):
+    """A storage that has never been verified has no sample."""
+    last = status["verification"] or {"time": None, "backups": None, "content": None, "problems": None}
+    yield Metric("quarn2_verification_timestamp_seconds", "End of the last verification.", _number(seconds(last["time"])))
+    yield Metric("quarn2_verification_backups", "Backups that the last verification compared with the storage.",
+                 _number(last["backups"]))
+    yield Metric("quarn2_verification_downloaded_backups", "Backups that the last verification downloaded.",
+                 _number(last["content"]))
+    yield Metric("quarn2_verification_problems", "Problems that the last verification found.", _number(last["problems"]))
+
+
 def _deletions(status):
     deletions = status["deletions"]
     yield Metric("quarn2_deletions_total", "Deleted backups since the last rotation of the events.",
@@ -89,7 +100,7 @@ def status_metrics(status, findings):
                [((), max(0, findings - overdue))]),
         Metric("quarn2_server_running", "1 while a size control server is ready, else 0.",
                [((), int(status["server"]["status"] == "runs"))]),
-        _forecast(status), *_deletions(status)]
+        _forecast(status), *_verification(status), *_deletions(status)]
 
 
 def report_metrics(is_success, now):
@@ -97,20 +108,6 @@ def report_metrics(is_success, now):
     return [Metric("quarn2_report_success", "1 if quarn2_report made this report, 0 if it failed.",
                    [((), int(is_success))]),
             Metric("quarn2_report_timestamp_seconds", "Time of this report.", [((), now)])]
-
-
-def verification_metrics(summary, written):
-    """Returns the metrics of a verification. `summary` is its last object, None when the verification did not end."""
-    found = [Metric("quarn2_verification_success", "1 if the last verification reached its end, else 0.",
-                    [((), int(summary is not None))])]
-    if summary is None:
-        return found
-    return found + [
-        Metric("quarn2_verification_timestamp_seconds", "End of the last verification.", [((), written)]),
-        Metric("quarn2_verification_backups", "Backups that the last verification compared with the storage.",
-               _number(summary["backups"])),
-        Metric("quarn2_verification_problems", "Problems that the last verification found.",
-               _number(summary["problems"]))]
 
 
 def user_metrics(backups):

@@ -61,6 +61,13 @@ def forecast_text(forecast):
     return "already" if days == 0 else f"in {count_text(days, 'day')}"
 
 
+def verification_text(last):
+    if last is None:
+        return "never"
+    return (f"{last['time']}: {count_text(last['backups'], 'backup')}, {last['content']} of them downloaded, "
+            f"{count_text(last['problems'], 'problem')}")
+
+
 def figures(status):
     """Returns the rows (name, value) of the table of figures."""
     limits, server, backups = status["limits"], status["server"], status["backups"]
@@ -81,6 +88,7 @@ def figures(status):
         ("Dates", f"{status['oldest']} to {status['newest']}" if status["oldest"] else "none"),
         ("Evictions begin", forecast_text(status["forecast"]["evictions"])),
         ("Refusals of uploads begin", forecast_text(status["forecast"]["refusals"])),
+        ("Verified", verification_text(status["verification"])),
         ("Server", server["status"] + (f", since {server['since']}" if server["since"] else "")),
     ]
     return [(name, escaped(value)) for name, value in found]

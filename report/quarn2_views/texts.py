@@ -38,7 +38,12 @@ def count_text(number, one, many=None):
 
 def day_seconds(date):
     """Returns the local beginning of a day as seconds since 1970, or None for a text that is not a date."""
+    return seconds(date, "%Y-%m-%d")
+
+
+def seconds(text, form="%Y-%m-%d %H:%M:%S"):
+    """Returns a local time as seconds since 1970, or None for a text that is not of this form."""
     try:
-        return datetime.datetime.strptime(date, "%Y-%m-%d").timestamp()
+        return datetime.datetime.strptime(text, form).timestamp()
     except (TypeError, ValueError, OverflowError):
         return None

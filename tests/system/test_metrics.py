@@ -6,6 +6,7 @@ import shutil
 import stat
 import subprocess
 import sys
+import time
 
 from local_files import read, write
 from prometheus_client.parser import text_string_to_metric_families
@@ -25,7 +26,7 @@ STATUS = {
     "server": {"status": "none"}, "limits": {"size": None, "full": None, "daily": None}, "used": 5, "protected": 4,
     "never_evicted": 3, "unfinished": 2, "being_deleted": 1, "reserved": None, "free": None, "users": 6,
     "backups": {"full": 7, "daily": 8}, "oldest": None, "newest": None, "max_age_hours": 26, "overdue": [],
-    "forecast": {"evictions": NOTHING, "refusals": NOTHING}, "deletions": {"asked": {"backups": 9, "bytes": 10}}}
+    "forecast": {"evictions": NOTHING, "refusals": NOTHING}, "verification": None, "deletions": {"asked": {"backups": 9, "bytes": 10}}}
 
 
 def samples(found):
@@ -67,16 +68,14 @@ class Decisions(SystemTest):
                 ({"forecast": {"evictions": late, "refusals": never}},
                  {("quarn2_forecast_seconds", "evictions", "expected"): 3 * 86400,
                   ("quarn2_forecast_seconds", "evictions", "earliest"): 2 * 86400}),
+                ({"verification": {"time": "2026-11-20 03:00:10", "backups": 3, "files": 9, "content": 1, "problems": 0}},
+                 {("quarn2_verification_timestamp_seconds",): metrics.day_seconds("2026-11-20") + 10810,
+                  ("quarn2_verification_backups",): 3, ("quarn2_verification_downloaded_backups",): 1,
+                  ("quarn2_verification_problems",): 0}),
                 ({"oldest": "2026-11-20", "newest": "no date"},
                  {("quarn2_oldest_backup_timestamp_seconds",): metrics.day_seconds("2026-11-20")})):
             with self.subTest(changes=changes):
                 self.assertEqual(expected, self.changed(**changes))
-
-    def test_a_verification_that_did_not_end_has_no_time(self):
-        self.assertEqual({("quarn2_verification_success",): 0}, samples(metrics.verification_metrics(None, None)))
-        self.assertEqual({("quarn2_verification_success",): 1, ("quarn2_verification_timestamp_seconds",): 5,
-                          ("quarn2_verification_backups",): 3, ("quarn2_verification_problems",): 0},
-                         samples(metrics.verification_metrics({"backups": 3, "problems": 0}, 5)))
 
     def test_users_with_the_same_text_are_one_sample(self):
         backups = [{"user": "\ufffd", "date": date, "size": 7, "state": state}
@@ -240,16 +239,13 @@ class Metrics(ReportTest):
 
     def test_the_last_verification(self):
         chain(self.r, "web1", "F")
-        process = start([self.binary, "--verify", "--json"], env=self.r.environment(), stdout=subprocess.PIPE)
-        path = write(os.path.join(self.folder, "verify"), process.communicate(timeout=DEADLINE)[0])
-        os.utime(path, (1000, 1000))
-        found = self.metrics("--verification", path)[1]
-        self.assertEqual((1, 1000, 1, 0), tuple(found["quarn2_verification_" + key,] for key in (
-            "success", "timestamp_seconds", "backups", "problems")))
-        for content in ("", "{", "[]", '{"problem":"missing"}', '{"problem":null}\n{"problem":"missing"}'):
-            write(path, content)
-            found = self.metrics("--verification", path)[1]
-            self.assertEqual([("quarn2_verification_success",)], [key for key in found if "verification" in key[0]])
+        self.assertEqual([], [key for key in self.metrics()[1] if "verification" in key[0]])
+        process = start([self.binary, "--verify"], env=self.r.environment(), stdout=subprocess.PIPE)
+        process.communicate(timeout=DEADLINE)
+        found = self.metrics()[1]
+        self.assertEqual((1, 0, 0), tuple(found["quarn2_verification_" + key,] for key in (
+            "backups", "downloaded_backups", "problems")))
+        self.assertAlmostEqual(time.time(), found["quarn2_verification_timestamp_seconds",], delta=DEADLINE)
 
     def test_the_command_line_and_the_file_are_checked(self):
         self.assertEqual(2, self.metrics("x.txt")[0])

@@ -41,6 +41,44 @@ class Verify(ReportTest):
         one = json.loads(self.verify("--content", "50", "--json")[1])
         self.assertEqual((None, 2, 7, 1, 0), tuple(one[key] for key in ("problem", "backups", "files", "content", "problems")))
 
+    def last(self):
+        return json.loads(self.report("--status", "--json")[1])["verification"]
+
+    def test_the_last_result_is_kept(self):
+        self.make_backups()
+        self.assertIsNone(self.last())
+        self.verify("--content", "50")
+        kept = self.r.file("var/quarn2_cp.verified")
+        self.assertEqual(0o600, os.stat(kept).st_mode & 0o777)
+        last = self.last()
+        self.assertEqual((self.r.token, 2, 7, 1, 0),
+                         tuple(last[key] for key in ("storage", "backups", "files", "content", "problems")))
+        self.assertIn(f"verified         {last['time']}: 2 backups, 1 of them downloaded, 0 problems\n",
+                      self.report("--status")[1])
+        before = read(kept)
+        os.unlink(os.path.join(self.r.storage, f"F{day(-5)}.web1.1.dar"))
+        self.assertEqual(3, self.verify("--user", "web1")[0])
+        self.assertEqual(1, self.verify(token="local:///nowhere")[0])
+        self.assertEqual(before, read(kept))
+        self.assertEqual(3, self.verify()[0])
+        self.assertEqual((0, 1), (self.last()["content"], self.last()["problems"]))
+        self.assertIn("verified         never\n", self.report("--status", "--storage", "own")[1])
+
+    def test_a_result_that_cannot_be_kept_or_read_is_named(self):
+        self.make_backups()
+        kept = write(self.r.file("var/quarn2_cp.verified"), "time=now\nbackups=many")
+        status, out, err = self.report("--status", "--json")
+        self.assertIsNone(json.loads(out)["verification"])
+        self.assertEqual(3, status)
+        self.assertIn("'var/quarn2_cp.verified' is damaged: ", err)
+        self.assertIn(". The next --verify replaces it", err)
+        os.unlink(kept)
+        os.mkdir(kept)
+        status, out, err = self.verify()
+        self.assertEqual(3, status)
+        self.assertIn("problems  0\n", out)
+        self.assertIn("finding: the result of the verification cannot be kept: ", err)
+
     def test_a_missing_file_and_a_shorter_file_are_named(self):
         self.make_backups()
         name = f"F{day(-5)}.web1.1.dar"
