@@ -12,6 +12,7 @@ import tempfile
 
 from . import settings as settings_module
 from .processes import Children
+from .replacement import replace
 from .site import CONFIGURATION, TOKEN_FILE, Problem, Site, complain, read_token, say
 from .storage_test import free_space, test_storage
 
@@ -111,22 +112,6 @@ def configuration(values, token_file):
     return text
 
 
-def write(path, text, mode):
-    """Replaces a file atomically and durably."""
-    os.makedirs(os.path.dirname(path), 0o750, exist_ok=True)
-    descriptor, temporary = tempfile.mkstemp(prefix=".quarn2-setup.", dir=os.path.dirname(path))
-    try:
-        with open(descriptor, "w", encoding="utf-8") as file:
-            os.fchmod(file.fileno(), mode)
-            file.write(text)
-            file.flush()
-            os.fsync(file.fileno())
-        os.replace(temporary, path)
-    except BaseException:
-        os.remove(temporary)
-        raise
-
-
 def enable_timer():
     unit = "quarn2-night.timer"
     if not os.path.isdir("/run/systemd/system") or not os.path.exists(f"/lib/systemd/system/{unit}"):
@@ -156,18 +141,18 @@ class Setup:
         proposals = dict(_DEFAULTS, size_limit=self.given.size_limit or propose_limit(token, self.site))
         self.text = configuration(collect(self.given, self.is_interactive, proposals), token_file)
         proposed = os.path.join(self.work, "night.conf")
-        write(proposed, self.text, 0o600)
+        replace(proposed, self.text, 0o600, 0o750)
         try:
             return settings_module.load(proposed), token
         except Problem as error:
             raise Problem(re.sub(rf"(?m)^{re.escape(proposed)}:\d+: ", "", str(error))) from None
 
     def finish(self, settings, token):
-        write(settings.token_file, token + "\n", 0o600)
+        replace(settings.token_file, token + "\n", 0o600, 0o750)
         if self.text is not None:
             if os.path.exists(self.given.config):
                 shutil.copy2(self.given.config, self.given.config + ".old")
-            write(self.given.config, self.text, 0o640)
+            replace(self.given.config, self.text, 0o640, 0o750)
             say(f"wrote {self.given.config} and {settings.token_file}")
         if self.given.config == CONFIGURATION:
             enable_timer()

@@ -6,8 +6,8 @@ import pwd
 import re
 import shlex
 import subprocess
-import tempfile
 
+from .replacement import replace
 from .site import Problem, clean_environment
 
 CLIENT = "/usr/local/kro5/sbin/quarn2_cp --client"
@@ -190,21 +190,3 @@ def read(path):
             return file.read()
     except FileNotFoundError:
         return ""
-
-
-def replace(path, text):
-    """Replaces a file atomically and durably. A link stays; its target is replaced."""
-    path = os.path.realpath(path)
-    os.makedirs(os.path.dirname(path), 0o700, exist_ok=True)
-    descriptor, temporary = tempfile.mkstemp(prefix=".quarn2-node.", dir=os.path.dirname(path))
-    try:
-        with open(descriptor, "w", encoding="utf-8", errors="surrogateescape") as file:
-            if os.path.exists(path):
-                os.fchmod(file.fileno(), os.stat(path).st_mode & 0o777)
-            file.write(text)
-            file.flush()
-            os.fsync(file.fileno())
-        os.replace(temporary, path)
-    except BaseException:
-        os.remove(temporary)
-        raise
