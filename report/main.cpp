@@ -1,5 +1,5 @@
-// quarn2_report: shows what is stored. Takes no lock. Only --verify asks the storage, and writes a
-// file, its result.
+// quarn2_report: shows what is stored. Takes no lock. Only --verify asks the storage. It also
+// writes its result into a file.
 
 #include <unistd.h>
 

@@ -1,10 +1,10 @@
 #include "report_history.h"
 
 #include <algorithm>
-#include <limits>
 
 #include "kro/kro_err.h"
 #include "quarn2_cp2_event_log.h"
+#include "quarn2_cp2_misc_sizes.h"
 #include "report_site.h"
 
 void EventSummary::Add(const Event& event) {
@@ -33,8 +33,7 @@ void EventSummary::Add(const Event& event) {
 void EventSummary::AddDeletion(const Event& event) {
     DeletionSums& sums = deletions_[event.reason];
     ++sums.backups;
-    const std::int64_t rest = std::numeric_limits<std::int64_t>::max() - sums.bytes;
-    sums.bytes += std::min(event.size.value_or(0), rest);
+    sums.bytes = SumOfSizes(sums.bytes, event.size.value_or(0));
 }
 
 std::vector<Event> EventSummary::LastEvents() const {

@@ -10,6 +10,10 @@ namespace {
 
 constexpr mode_t kMode = 0600;
 
+std::string PathOf(const std::string& storage) {
+    return str::Append("var/quarn2_cp.verified", storage, "#");
+}
+
 // Throws when the line is missing, because a missing count is not 0.
 const std::string& LineOf(const std::map<std::string, std::string>& lines, const std::string& key) {
     const auto found = lines.find(key);
@@ -29,20 +33,16 @@ VerificationResult Parse(const std::map<std::string, std::string>& lines) {
 
 }  // namespace
 
-std::string VerificationPath(const std::string& storage) {
-    return str::Append("var/quarn2_cp.verified", storage, "#");
-}
-
 void KeepVerification(const std::string& storage, const VerificationResult& result) {
     const std::map<std::string, std::string> lines = {
         {"backups", str::Str(result.backups)}, {"content", str::Str(result.content)},
         {"files", str::Str(result.files)},     {"problems", str::Str(result.problems)},
         {"storage", result.storage},           {"time", result.time}};
-    kro_file::Write(VerificationPath(storage), str::Join(lines, "\n"), kMode);
+    kro_file::Write(PathOf(storage), str::Join(lines, "\n"), kMode);
 }
 
 std::optional<VerificationResult> LastVerification(const std::string& storage) {
-    const std::string path = VerificationPath(storage);
+    const std::string path = PathOf(storage);
     std::string text;
     try {
         text = kro_file::ReadOurs(path);

@@ -13,14 +13,10 @@ struct VerificationResult {
     std::int64_t files = 0;
     std::int64_t content = 0;  // the backups whose files were downloaded
     std::int64_t problems = 0;
-
-    bool operator==(const VerificationResult&) const = default;
 };
 
-// `storage`: the value of --storage.
-std::string VerificationPath(const std::string& storage);
-
-// Replaces the file. Throws kro_err::Error when it cannot be written.
+// Replaces the file. `storage`: the value of --storage. Throws kro_err::Error when it cannot be
+// written.
 void KeepVerification(const std::string& storage, const VerificationResult& result);
 
 // Returns nothing when no verification has been kept. Throws kro_err::Error when the file cannot be
