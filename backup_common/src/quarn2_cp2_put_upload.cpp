@@ -147,9 +147,9 @@ void Upload::OpenAgain() {
 
 bool Upload::MayTryAgain(const kro_err::Error& error, const Source& source) {
     failed_ = true;
-    // The file has changed, but the job has already received the old size from the node client.
-    // Another attempt would store content that does not match this size.
-    if (source && source->Compare() != SourceState::kUnchanged) {
+    // The file is gone, or it has changed, but the job has already received the old size from the
+    // node client. Another attempt would find no file, or store content of another size.
+    if (source ? source->Compare() != SourceState::kUnchanged : !kro_file::Exists(local_path_)) {
         LogGivenUp(local_path_, error);
         return false;
     }

@@ -6,6 +6,7 @@ import os
 import shutil
 import signal
 import subprocess
+import threading
 
 from . import settings as settings_module
 from .archive import TOOLS
@@ -112,6 +113,25 @@ def run_night(night, users, problems):
     return night.notify(outcomes, status, summary)
 
 
+def end_on_signals(children):
+    """Lets a thread stop the children when a signal arrives.
+
+    A handler in Python would run only when the main thread goes on. A signal that arrives just before this thread
+    begins to wait does not wake it.
+    """
+    reader, writer = os.pipe()
+    os.set_blocking(writer, False)
+    signal.set_wakeup_fd(writer, warn_on_full_buffer=False)
+    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
+        signal.signal(number, lambda *_: None)
+
+    def wait():
+        os.read(reader, 1)
+        children.stop()
+
+    threading.Thread(target=wait, daemon=True).start()
+
+
 def main(arguments):
     given = parse(arguments)
     os.umask(0o077)
@@ -125,8 +145,7 @@ def main(arguments):
         say(f"{given.config}: no error")
         return ALL_DONE
     night = Night(site, settings, token, given.date or datetime.date.today().isoformat(), given.full)
-    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-        signal.signal(number, lambda *_: night.children.stop())
+    end_on_signals(night.children)
     is_begun = False
     try:
         if not given.dry_run:

@@ -64,18 +64,19 @@ class Night:
         try:
             outcomes += self.back_up(users)
         finally:
-            # No job runs any more, so the server does not change the list while this adds lines to it. The server
-            # reads the list when it ends.
-            try:
-                outcomes += self.note_unfinished()
-            finally:
-                self.server.end()
+            outcomes += self.end()
         return outcomes
 
-    def note_unfinished(self):
-        """Hands the unfinished backups to the server. Without room for the list the next night does it."""
+    def end(self):
+        """Hands the unfinished backups to the server and ends it. Without room for the list the next night does it."""
         try:
-            unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
+            try:
+                # No job runs any more, so the server does not change the list while this adds lines to it. The server
+                # reads the list when it ends.
+                unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
+            finally:
+                self.server.end()
+            # Only now, because an upload that fails writes into the directory of its job.
             unfinished.remove_work(self.work)
             return []
         except (Problem, OSError) as error:

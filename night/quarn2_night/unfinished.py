@@ -8,6 +8,8 @@ import shutil
 from .info import read_info
 from .names import is_date, is_user
 
+_REMOVALS = 10
+
 
 def cleanup_lines(token, user, date, info_paths):
     """Returns the lines of .cleanup for a backup whose job failed. The server removes the files that they name."""
@@ -100,11 +102,16 @@ def left_over(work, backups):
 
 
 def remove_tree(path):
-    """Removes a work directory. An upload that still runs removes its slice at the same time."""
+    """Removes a work directory. An upload or an archiver that still runs may remove or add files at the same time."""
     def ignore_missing(_function, _path, error):
         if not isinstance(error[1], FileNotFoundError):
             raise error[1]
-    shutil.rmtree(path, onerror=ignore_missing)
+    for attempts_left in reversed(range(_REMOVALS)):
+        try:
+            return shutil.rmtree(path, onerror=ignore_missing)
+        except OSError as error:
+            if error.errno != errno.ENOTEMPTY or attempts_left == 0:
+                raise
 
 
 def remove_work(work):

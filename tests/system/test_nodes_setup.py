@@ -8,6 +8,7 @@ from archives import call
 from local_files import read, tree, write
 from machines import Node, NodesTest, tool
 from nights import PROGRAMS
+from waiting import wait_for
 
 
 
@@ -70,7 +71,9 @@ class NodeSetup(NodesTest):
         out = self.good(self.run_node("check", self.node.option))
         self.assertRegex(out, "node1: reachable, host key right, version [0-9.]+ as here\nnode1: served now\n")
         self.assertEqual(0, server.end())
-        self.assertIn("node1: not served now", self.good(self.run_node("check", self.node.option)))
+        # The server does not wait for the end of its ssh process.
+        wait_for(lambda: "node1: not served now" in self.good(self.run_node("check", self.node.option)),
+                 "the end of the connection to the node")
         before = self.files()
         out = self.good(self.add())
         self.assertNotIn("added", out)

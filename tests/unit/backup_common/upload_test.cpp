@@ -1,4 +1,5 @@
 // The upload worker: eviction on request, attempts, and abandoned uploads.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -318,6 +319,20 @@ TEST_F(ChangingSource, OneThatWasRemovedIsStoredAllTheSame) {
     EXPECT_EQ(Serve(kPutlast + " DELETE"), kServed);
     EXPECT_EQ(store_->files().at("F2026-11-15.web1.1.dar"), "12345");
     EXPECT_EQ(UploadLog(Log(4)), Lines());
+}
+
+TEST_F(UploadTest, AFileThatIsRemovedBeforeItsUploadFailsWithoutAnotherAttempt) {
+    MasterServer server("memory:site", [](const std::string& line) {
+        if (line.starts_with("RESERVE")) std::filesystem::remove(kSlice);
+        return MasterServer::Usual(line);
+    });
+    NodeSide node(lock_, server.link());
+    EXPECT_EQ(TextOf<std::runtime_error>([&] { node.Serve(kPutlast + " DELETE"); }),
+              "Failed upload");
+    EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>());
+    EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "RELEASE 5"}));
+    EXPECT_THAT(UploadLog(Log(3)), testing::ElementsAre(testing::StartsWith(
+                                       "3: Upload given up: F2026-11-15.web1.1.dar. What: ")));
 }
 
 TEST_F(ChangingSource, OneThatWasRewrittenFailsAndStays) {
