@@ -236,6 +236,7 @@ class Removals(IncompleteTest):
                 for number in (1, 2, 3):
                     self.assert_success(job.slice(number))
                 if interrupted:
+                    self.wait_uploaded(job, 3)
                     self.die(server)
                     server = self.serve("-C", "9:9")
                 else:
@@ -252,6 +253,7 @@ class Removals(IncompleteTest):
         job = self.night(slices=3, in_info_root=True).begin()
         for number in (1, 2, 3):
             self.assert_success(job.slice(number))
+        self.wait_uploaded(job, 3)
         self.die(server)
         info = read_info(job.info)
         write(job.info, info_text({**info, "last-slice": job.name(1)}))
