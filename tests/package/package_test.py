@@ -10,13 +10,14 @@ import signal
 import stat
 import subprocess
 import tempfile
+import time
 import unittest
 
 TOP = os.path.abspath(os.path.join(os.path.dirname(os.path.abspath(__file__)), "../.."))
 BUILD = os.environ["QUARN2_CP_BUILD"]
 PROGRAMS = ("quarn2_cp", "quarn2_report", "quarn2-night", "quarn2-node", "quarn2-restore", "quarn2-setup")
-# The packages that apt would install together with this one.
-SYSTEM = "python3,libexpat1,libssl3,dar,zstd"
+# The packages that apt would install together with both packages.
+SYSTEM = "python3,libexpat1,libssl3,dar,zstd,python3-jinja2,python3-prometheus-client,python3-pygal"
 PREFIX = "quarn2-cp-package-"
 PATH = "/usr/sbin:/usr/bin:/sbin:/bin"
 
@@ -101,6 +102,7 @@ class Package(unittest.TestCase):
         cls.addClassCleanup(end, cls.system)
         cls.built = run(os.path.join(TOP, "scripts/package"), "--from", BUILD, "--compare", cls.folder + "/out")
         cls.package, = glob.glob(cls.folder + "/out/quarn2-cp_*.deb")
+        cls.report_package, = glob.glob(cls.folder + "/out/quarn2-cp-report_*.deb")
 
     def path(self, name):
         return self.root + name
@@ -145,7 +147,15 @@ class Package(unittest.TestCase):
         finally:
             run("umount", self.path("/proc"))
 
-    def test_3_a_missing_library_is_named(self):
+    def test_3_the_report_package_writes_metrics_and_a_page(self):
+        self.install(self.report_package)
+        self.assertIn('\nquarn2_users{storage=""} 1.0\n', self.inside("quarn2_metrics"))
+        self.inside("quarn2_page", "/page.html")
+        self.assertIn(b"web1", self.content(self.path("/page.html")))
+        self.inside("dpkg", "-P", "quarn2-cp-report")
+        self.assertFalse(os.path.lexists(self.path("/usr/sbin/quarn2_page")))
+
+    def test_4_a_missing_library_is_named(self):
         for scheme, package in (("s3", "libcurl4"), ("sftp", "libssh-4")):
             result = subprocess.run(["chroot", self.root, "/usr/sbin/quarn2_cp", "--get", "/tmp//file"],
                                     env={"PATH": PATH,
@@ -173,7 +183,7 @@ class Package(unittest.TestCase):
                     found[path.removeprefix(self.root)] = (os.lstat(path).st_mode, data)
         return found
 
-    def test_4_an_upgrade_changes_no_state_and_no_rights(self):
+    def test_5_an_upgrade_changes_no_state_and_no_rights(self):
         os.chmod(self.path("/var/lib/kro5/var"), 0o700)
         before = self.state()
         self.install(with_version(self.package, "99.0", self.folder))
@@ -181,7 +191,43 @@ class Package(unittest.TestCase):
         os.chmod(self.path("/var/lib/kro5/var"), 0o750)
         self.check_layout()
 
-    def test_5_a_removal_keeps_the_state(self):
+    def write(self, name, text, mode=0o644):
+        os.makedirs(os.path.dirname(self.path(name)), exist_ok=True)
+        with open(self.path(name), "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(self.path(name), mode)
+
+    def wait_for_file(self, name, process):
+        end = time.monotonic() + 60
+        while not os.path.exists(self.path(name)):
+            if process.poll() is not None or time.monotonic() > end:
+                self.fail(f"there is no {name}: {process.communicate()[0]}")
+            time.sleep(0.05)
+
+    def test_6_an_upgrade_in_the_middle_of_a_night_does_not_disturb_it(self):
+        self.write("/users/web2/file", "content")
+        self.write("/hook", "#!/bin/sh\ntouch /begun\nwhile [ ! -e /upgraded ]; do sleep 0.1; done\n", 0o755)
+        self.write("/night.conf", "[storage]\ntoken-file = /etc/kro5/token\n[users]\ndirectory = /users\n"
+                                  "[hooks]\nbefore-user = /hook\n")
+        run("mount", "-t", "proc", "proc", self.path("/proc"))
+        try:
+            night = subprocess.Popen(["chroot", self.root, "quarn2-night", "--config", "/night.conf"],
+                                     stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                                     text=True, env={"PATH": PATH})
+            self.addCleanup(end, night)
+            self.wait_for_file("/begun", night)
+            self.install(with_version(self.package, "99.1", self.folder))
+            self.write("/upgraded", "")
+            output = night.communicate()[0]
+            self.assertEqual(0, night.returncode, output)
+            self.assertIn("1 backed up", output)
+            date = self.inside("quarn2-restore", "--config", "/night.conf", "--list").split("\t")[1]
+            self.inside("quarn2-restore", "--config", "/night.conf", "web2", date, "/restored")
+        finally:
+            run("umount", self.path("/proc"))
+        self.assertEqual(b"content", self.content(self.path("/restored/file")))
+
+    def test_7_a_removal_keeps_the_state(self):
         before = self.state()
         self.inside("dpkg", "-r", "quarn2-cp")
         self.assertEqual(before, self.state())
@@ -191,7 +237,7 @@ class Package(unittest.TestCase):
         self.check_layout()
         self.assertEqual(before, self.state())
 
-    def test_6_a_purge_keeps_backups_and_the_token(self):
+    def test_8_a_purge_keeps_backups_and_the_token(self):
         before = self.state()
         self.assertIn("/var/lib/kro5 stays", self.inside("dpkg", "-P", "quarn2-cp"))
         gone = {name for name in before if name not in self.state()}
@@ -200,7 +246,7 @@ class Package(unittest.TestCase):
         self.assertLessEqual(gone, {"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log", "/var/lib/kro5/tmp"})
         self.assertFalse(os.path.exists(self.path("/etc/logrotate.d/quarn2-cp")))
 
-    def test_7_a_foreign_link_of_the_administrator_stays(self):
+    def test_9_a_foreign_link_of_the_administrator_stays(self):
         os.symlink("/opt/other", self.path("/usr/local/kro5"))
         self.install(self.package)
         self.assertEqual("/opt/other", os.readlink(self.path("/usr/local/kro5")))
