@@ -86,7 +86,26 @@ class HttpClient::Transfer {
         if (!waits) headers_->Add("Expect:");
         handle_.SetList(CURLOPT_HTTPHEADER, *headers_);
         handle_.Set(CURLOPT_URL, request_.url);
+        handle_.Set(CURLOPT_FRESH_CONNECT, 0);
+        is_repeated_ = false;
         SetMethod();
+    }
+
+    // Returns true when the transfer must be started again on a new connection, because the server
+    // has closed the kept connection before it received the complete request. libcurl itself
+    // repeats a request only when it notices this while it sends the headers or receives the
+    // response, and reports an error when it notices this while it sends the body.
+    bool RepeatsOnNewConnection(CURLcode code) {
+        const bool is_kept_connection = handle_.Info(CURLINFO_NUM_CONNECTS) == 0;
+        if (code != CURLE_SEND_ERROR || !is_kept_connection || answers_ > 0) return false;
+        if (std::exchange(is_repeated_, true)) return false;
+        handle_.Set(CURLOPT_FRESH_CONNECT, 1);
+        return Guarded(
+            [this] {
+                if (request_.body != nullptr) request_.body->Rewind();
+                return true;
+            },
+            false);
     }
 
     HttpResult Result(CURLcode code) {
@@ -274,6 +293,7 @@ class HttpClient::Transfer {
     std::size_t refusal_bytes_ = 0;
     int answers_ = 0;
     bool begun_ = false;
+    bool is_repeated_ = false;
     std::exception_ptr thrown_;
 };
 
@@ -302,9 +322,13 @@ void HttpClient::Start(HttpRequest request, Done done) {
     std::unique_ptr<Transfer> transfer = TakeTransfer();
     transfer->Prepare(std::move(request), std::move(done));
     CURL* const handle = transfer->handle();
+    Add(handle);
+    running_.emplace(handle, std::move(transfer));
+}
+
+void HttpClient::Add(CURL* handle) {
     const CURLMcode code = Curl().multi_add_handle(multi_, handle);
     if (code != CURLM_OK) throw Error(Kind::kFailed, Curl().multi_strerror(code));
-    running_.emplace(handle, std::move(transfer));
 }
 
 // Calls the `done` callbacks of all requests that have ended. Returns true if there was such a
@@ -317,6 +341,10 @@ bool HttpClient::Finish() {
         CURL* const handle = message->easy_handle;
         const CURLcode code = message->data.result;
         Curl().multi_remove_handle(multi_, handle);
+        if (running_.at(handle)->RepeatsOnNewConnection(code)) {
+            Add(handle);
+            continue;
+        }
         auto node = running_.extract(handle);
         Transfer& transfer = *node.mapped();
         HttpResult result = transfer.Result(code);

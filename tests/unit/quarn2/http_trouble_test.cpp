@@ -242,6 +242,45 @@ TEST_F(HttpTroubleTest, StaleConnectionThatTookTheBodyIsReplaced) {
     }
 }
 
+// Waits in its first Read, which libcurl calls between the headers and the body.
+class WaitingBody final : public quarn2::net::HttpBody {
+  public:
+    WaitingBody(Gate& gate, std::string text) : gate_(gate), body_(std::move(text)) {}
+    std::int64_t size() const override { return body_.size(); }
+    std::size_t Read(std::span<std::byte> buffer) override {
+        gate_.Pass();
+        return body_.Read(buffer);
+    }
+    void Rewind() override { body_.Rewind(); }
+
+  private:
+    Gate& gate_;
+    quarn2::net::TextBody body_;
+};
+
+TEST_F(HttpTroubleTest, ConnectionThatTheServerClosesBetweenHeadersAndBodyIsReplacedOnce) {
+    for (const int closed : {1, 2}) {
+        Gate gate;
+        // The server closes this number of connections after the headers of the PUT.
+        Serve([&](HttpExchange& exchange) {
+            if (exchange.method == "GET") return exchange.Answer(200);
+            if (static_cast<int>(exchange.connection) >= closed)
+                return exchange.Answer(201, exchange.Body());
+            exchange.Reset();
+            gate.Open();
+        });
+        client_->Do(Request("GET", "/"));
+        HttpRequest request = Request("PUT", "/");
+        request.body = std::make_unique<WaitingBody>(gate, "text");
+        if (closed == 1) {
+            EXPECT_EQ(client_->Do(std::move(request)).body, "text");
+        } else {
+            ExpectError(Kind::kUnavailable, "", [&] { client_->Do(std::move(request)); });
+        }
+        EXPECT_EQ(server_->connections(), 2);
+    }
+}
+
 // --- Certificates ---
 
 TEST_F(HttpTroubleTest, TrustedCertificateIsTaken) {

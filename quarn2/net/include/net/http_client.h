@@ -100,6 +100,7 @@ class HttpClient {
     using Clock = kro_date::SteadyClock;
 
     std::unique_ptr<Transfer> TakeTransfer();
+    void Add(CURL* handle);
     bool Finish();
     bool Move(int wait_ms);
     void Acknowledge();
