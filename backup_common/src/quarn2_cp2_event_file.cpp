@@ -29,9 +29,9 @@ ResHandle OpenEventFile(const std::string& path, int flags, struct stat& status)
     if (fd < 0 && errno == ELOOP) ThrowUnsafe(path, "is a symbolic link; remove it");
     if (fd < 0) throw kro_err::FromErrno("Failed to open '" + path + "'");
     ResHandle handle(fd);
-    if (::fstat(fd, &status) != 0) throw kro_err::FromErrno("Failed to look at '" + path + "'");
+    if (::fstat(fd, &status) != 0) throw kro_err::FromErrno("Failed to examine '" + path + "'");
     if (!S_ISREG(status.st_mode)) ThrowUnsafe(path, "is not a plain file; remove it");
-    if (status.st_nlink > 1) ThrowUnsafe(path, "has a second name; remove it");
+    if (status.st_nlink > 1) ThrowUnsafe(path, "has another hard link; remove one of the two");
     const bool is_ours = status.st_uid == 0 || status.st_uid == ::geteuid();
     if (!is_ours || (status.st_mode & S_IWOTH) != 0) {
         ThrowUnsafe(path, "could have been written by another user; remove it");

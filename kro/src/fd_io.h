@@ -32,7 +32,7 @@ bool WriteAll(int fd, std::string_view text) noexcept;
 // True when the open file is a plain file.
 bool IsPlainFile(int fd) noexcept;
 
-// The error for a path that is not that of a plain file.
+// The error for a path that is not a regular file.
 kro_err::Error NotPlain(const std::string& path);
 
 }  // namespace kro_file

@@ -106,7 +106,7 @@ Arg& Arg::SetGroup(const std::string& group) {
 }
 
 Arg& Arg::Last() {
-    if (parent_ == nullptr) throw std::logic_error("No level of options is open at --" + name_);
+    if (parent_ == nullptr) throw std::logic_error("There is no parent option of --" + name_);
     return *parent_;
 }
 

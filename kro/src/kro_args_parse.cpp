@@ -133,7 +133,7 @@ class Parser {
         std::vector<std::string> owners;
         Owners(args_.options_, match, owners);
         if (owners.empty()) throw UsageError("unknown option " + shown);
-        throw UsageError(shown + " belongs to " + Listed(owners) + " and must stand after " +
+        throw UsageError(shown + " belongs to " + Listed(owners) + " and must come after " +
                          (owners.size() == 1 ? "it" : "one of them"));
     }
 

@@ -23,7 +23,7 @@ constexpr std::int64_t kWorthAllocating = 4LL * 1024 * 1024;
 
 std::int64_t SizeOf(int fd) {
     struct stat status {};
-    if (::fstat(fd, &status) != 0) throw CopyError("Failed to look at a file to copy", errno);
+    if (::fstat(fd, &status) != 0) throw CopyError("Failed to examine the source file", errno);
     return status.st_size;
 }
 

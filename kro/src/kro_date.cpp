@@ -113,7 +113,7 @@ DateTime::DateTime(std::string_view text) : time_(0) {
     // tm_wday.
     civil->tm_wday = -1;
     time_ = std::mktime(&*civil);
-    if (civil->tm_wday < 0) throw TextError(text, "a time of this system");
+    if (civil->tm_wday < 0) throw TextError(text, "a time that this system can represent");
 }
 
 DateTime DateTime::Now() { return DateTime(SystemNow()); }

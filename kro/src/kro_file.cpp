@@ -21,7 +21,7 @@ using str::Quoted;
 struct stat Status(const std::string& path) {
     struct stat status {};
     if (::stat(path.c_str(), &status) != 0) {
-        throw kro_err::FromErrno("Failed to look at " + Quoted(path));
+        throw kro_err::FromErrno("Failed to examine " + Quoted(path));
     }
     return status;
 }
@@ -234,12 +234,12 @@ bool IsForeignLink(const std::string& path) noexcept {
 void CheckOurDirectory(const std::string& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {
-        throw kro_err::FromErrno("Failed to look at " + Quoted(path));
+        throw kro_err::FromErrno("Failed to examine " + Quoted(path));
     }
     if (S_ISDIR(status.st_mode) && IsWrittenByUsAlone(status)) return;
     throw kro_err::Error(kro_err::Kind::kFailed,
                          Quoted(path) +
-                             " must be a directory that root or this user alone can "
+                             " must be a directory that only root or this user can "
                              "write to; remove it");
 }
 

@@ -62,14 +62,15 @@ bool Lock::Open(const std::string& path, bool create, bool wait) {
         }
     }
     throw kro_err::Error(kro_err::Kind::kFailed, "Failed to lock " + str::Quoted(path) +
-                                                     ": the file is replaced all the time");
+                                                     ": another process keeps replacing the file");
 }
 
 std::string Lock::Read() const { return ReadAll(handle_, path_); }
 
 void Lock::Write(std::string_view text) {
     if (HasAnotherName(handle_))
-        ThrowUnsafe(path_, "has a second name, which would be written as well");
+        ThrowUnsafe(path_,
+                    "has another hard link, whose file would change too; remove one of the two");
     struct stat status {};
     std::string padded(text);
     // Overwrites the rest of a longer old text with line feeds, because readers ignore empty lines.

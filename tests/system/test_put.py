@@ -112,7 +112,7 @@ class Slices(PutTest):
         before = read(info)
         path = os.path.join(self.r.work, "F2026-11-20.no.tgz")
         result = self.r.run("--put", path, "-I", info)
-        self.assert_error(result, f"the node client refused the command: Failed to look at '{path}': "
+        self.assert_error(result, f"the node client refused the command: Failed to examine '{path}': "
                                   "No such file or directory")
         self.assertEqual(before, read(info))
 

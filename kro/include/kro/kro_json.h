@@ -67,9 +67,9 @@ struct Member {
 // The value as a text without line ends. A byte that is not valid UTF-8 becomes U+FFFD.
 std::string Format(const Value& value);
 
-// Parses one JSON text. A number that does not fit in 64 bits with a sign becomes a double. When an
-// object repeats a key, the last value counts. Throws kro_err::Error with kFailed if the text is
-// not JSON, or if it is nested more than 64 levels deep.
+// Parses one JSON text. A number that does not fit in a signed 64-bit integer becomes a double.
+// When an object repeats a key, the last value counts. Throws kro_err::Error with kFailed if the
+// text is not JSON, or if it is nested more than 64 levels deep.
 Value Parse(std::string_view text);
 
 }  // namespace kro_json

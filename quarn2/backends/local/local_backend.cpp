@@ -126,7 +126,7 @@ void LocalBackend::CheckRoot() const {
     struct stat status = {};
     if (stat(root_.c_str(), &status) != 0) {
         if (errno != ENOENT && errno != ENOTDIR) {
-            throw kro_err::FromErrno("Failed to look at storage directory " + Quoted(root_));
+            throw kro_err::FromErrno("Failed to examine storage directory " + Quoted(root_));
         }
         throw Error(Kind::kNotFound, MissingRoot(root_));
     }

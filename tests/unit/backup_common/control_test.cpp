@@ -75,7 +75,7 @@ TEST_F(Control, AFailedCommandGetsNoAnswerAndItsReasonInTheLog) {
     const std::string process = std::to_string(getpid());
     EXPECT_EQ(Log(5),
               (Lines{"5: Client. Backup token = 'memory:site'",
-                     "3: Failed to look at 'b/none.tgz': No such file or directory",
+                     "3: Failed to examine 'b/none.tgz': No such file or directory",
                      "5: The command of process " + process + " was refused: PUT b/none.tgz"}));
     EXPECT_EQ(Ask("STAT"), "OK") << "the node client continues";
 }

@@ -223,7 +223,7 @@ TEST_F(EventFile, IsNothingThatAnotherUserPlaced) {
     const std::vector<std::pair<std::string, std::function<void()>>> planted = {
         {"' is a symbolic link; remove it", [] { ::symlink("../victim", kEventsPath); }},
         {"' is a symbolic link; remove it", [] { ::symlink("../nothing", kEventsPath); }},
-        {"' has a second name; remove it", [] { ::link("victim", kEventsPath); }},
+        {"' has another hard link; remove one of the two", [] { ::link("victim", kEventsPath); }},
         {"' is not a plain file; remove it", [] { ::mkfifo(kEventsPath, 0600); }},
         {"' could have been written by another user; remove it",
          [] {

@@ -319,7 +319,7 @@ TEST_F(Node, PutOfAMissingFileReservesNothing) {
     MasterServer server("memory:site");
     NodeSide node(lock_, server.link());
     EXPECT_EQ(TextOf<kro_err::Error>([&] { node.Serve("PUT b/none.tgz"); }),
-              "Failed to look at 'b/none.tgz': No such file or directory");
+              "Failed to examine 'b/none.tgz': No such file or directory");
     EXPECT_EQ(server.lines(), Lines());
 }
 

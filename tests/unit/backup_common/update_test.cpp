@@ -96,7 +96,7 @@ TEST_F(Update, AStorageWithoutRoomIsAnError) {
 
 TEST_F(Update, AFileThatCannotBeSentRemovesNothing) {
     std::filesystem::remove(kLocal);
-    EXPECT_EQ(Failure(), "Failed to look at 'b/2026-11-20.web1.tgz': No such file or directory");
+    EXPECT_EQ(Failure(), "Failed to examine 'b/2026-11-20.web1.tgz': No such file or directory");
     std::filesystem::create_directory(kLocal);
     EXPECT_EQ(Failure(), "'b/2026-11-20.web1.tgz' is not a plain file");
     EXPECT_EQ(store_->log(), (Lines{}));

@@ -138,14 +138,14 @@ TEST(ArgsParse, RefusesMissingAndUnwantedValues) {
 
 TEST(ArgsParse, RefusesASuboptionWithoutItsCommand) {
     EXPECT_EQ(ErrorOf({"--force", "--delete", "x"}),
-              "--force belongs to --delete and must stand after it");
+              "--force belongs to --delete and must come after it");
     EXPECT_EQ(ErrorOf({"--put", "--force", "x"}),
-              "--force belongs to --delete and must stand after it");
+              "--force belongs to --delete and must come after it");
     EXPECT_EQ(ErrorOf({"-I", "x", "--put", "f"}),
-              "-I belongs to --server and --put and must stand after one of them");
+              "-I belongs to --server and --put and must come after one of them");
     EXPECT_EQ(ErrorOf({"--server", "--operation"}),
-              "--operation belongs to --put and --get and must stand after one of them");
-    EXPECT_EQ(ErrorOf({"-fd"}), "-f belongs to --delete and must stand after it");
+              "--operation belongs to --put and --get and must come after one of them");
+    EXPECT_EQ(ErrorOf({"-fd"}), "-f belongs to --delete and must come after it");
 }
 
 TEST(ArgsParse, StartsAnewEachTime) {

@@ -136,8 +136,9 @@ TEST_F(Planted, LockIsTakenOnPlainFilesOnly) {
         const std::string head = "Failed to lock '" + path_ + "': it ";
         if (what == "second name") {
             lock.DoLock(path_, true);
-            EXPECT_EQ(ErrorOf([&] { lock.Write("text"); }),
-                      head + "has a second name, which would be written as well");
+            EXPECT_EQ(
+                ErrorOf([&] { lock.Write("text"); }),
+                head + "has another hard link, whose file would change too; remove one of the two");
             return;
         }
         for (const bool create : {true, false}) {
@@ -207,7 +208,7 @@ TEST_F(Planted, LinksAreForeignByTheirOwnerNotByTheirTarget) {
 TEST_F(Planted, DirectoryIsOursWhenNobodyElseCanWriteToIt) {
     const std::string directory = dir_ / "dir";
     const std::string refusal = "'" + directory +
-                                "' must be a directory that root or this user alone can write to; "
+                                "' must be a directory that only root or this user can write to; "
                                 "remove it";
     kro_file::MkDir(directory, 0700);
     EXPECT_NO_THROW(kro_file::CheckOurDirectory(directory));

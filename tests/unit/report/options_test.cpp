@@ -57,7 +57,7 @@ TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
         {{"--chain", "", "2026-11-01"}, "--chain needs the name of a user"},
         {{"--chain", "--user", "a", "web1", "2026-11-01"}, "--chain takes the user as an argument"},
         {{"--list", "--max-age", "3"},
-         "--max-age belongs to --status and --check and must stand after one of them"},
+         "--max-age belongs to --status and --check and must come after one of them"},
         {{"--status", "--max-age", "0"},
          "--max-age '0' cannot be used: expected a number of hours above 0"},
         {{"--status", "--date", "today"}, "--date 'today' cannot be used: expected YYYY-MM-DD"},
