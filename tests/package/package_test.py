@@ -5,6 +5,7 @@ The tests run in the order of their names, because each continues with the syste
 
 import glob
 import os
+import re
 import shutil
 import signal
 import stat
@@ -129,6 +130,21 @@ class Package(unittest.TestCase):
         self.assertIn("two builds are identical", self.built)
         changes, = glob.glob(self.folder + "/out/*.changes")
         self.assertEqual("", run("lintian", "--allow-root", "--fail-on", "error,warning", changes))
+
+    def test_1_the_units_are_valid_and_the_documented_exposure_is_true(self):
+        units = []
+        for kind in ("service", "timer"):
+            with open(os.path.join(TOP, f"debian/quarn2-cp.quarn2-night.{kind}"), encoding="utf-8") as file:
+                text = file.read()
+            units.append(os.path.join(self.folder, f"quarn2-night.{kind}"))
+            with open(units[-1], "w", encoding="utf-8") as file:
+                # The check wants a program that exists on this machine.
+                file.write(text.replace("ExecStart=/usr/lib/kro5/sbin/quarn2-night", "ExecStart=/bin/true"))
+        self.assertEqual("", run("systemd-analyze", "verify", "--man=no", *units))
+        table = run("systemd-analyze", "security", "--offline=true", "--no-pager", units[0])
+        exposure, = re.findall(r"Overall exposure level for quarn2-night.service: ([0-9.]+)", table)
+        with open(os.path.join(TOP, "docs/install.md"), encoding="utf-8") as file:
+            self.assertIn(f"exposure level of {exposure} ", file.read())
 
     def test_2_the_installed_programs_back_up_and_restore(self):
         output = self.system.communicate()[0]

@@ -1,4 +1,4 @@
-"""The man pages and the bash completion have every option that the programs show with --help."""
+"""The man pages and the completions have every option that the programs show with --help."""
 
 import os
 import re
@@ -54,6 +54,16 @@ class ProgramDocs(unittest.TestCase):
                               (("--server", "--resc"), ["--rescan"]), (("--serv",), ["--server"])):
             found = subprocess.run(["bash", "-c", script, "bash", file, *words], capture_output=True, text=True, check=True)
             self.assertEqual((wanted, ""), (found.stdout.split(), found.stderr))
+
+    def test_zsh_completes_options_and_suboptions(self):
+        script = os.path.join(os.path.dirname(os.path.abspath(__file__)), "complete.zsh")
+        for line, wanted in (("quarn2_cp --put --no", "quarn2_cp --put --no-delete "), ("quarn2_cp --serv", "quarn2_cp --server "),
+                             ("quarn2_report --anon", "quarn2_report --anonymous "), ("quarn2-night --dr", "quarn2-night --dry-run "),
+                             ("quarn2_report --none", "quarn2_report --none")):
+            with self.subTest(line=line):
+                found = subprocess.run(["zsh", "-f", script, os.path.join(DOCS, "zsh/vendor-completions"), line],
+                                       stdin=subprocess.DEVNULL, capture_output=True, text=True, check=True, timeout=60)
+                self.assertIn(f"<{wanted}>", found.stdout, found.stderr)
 
 
 if __name__ == "__main__":
