@@ -65,7 +65,7 @@ class Rclone(Peer):
     def command(self, *arguments, environment=None):
         options = ["--config", "/dev/null", "--transfers", PARALLEL, "--checkers", PARALLEL]
         if self.site.server == "ftp":
-            # Several streams interrupt large downloads over FTP.
+            # With several streams, large downloads over FTP are interrupted.
             options += ["--multi-thread-streams", "0"]
         return Command(["rclone", *options, *arguments], {**self.environment, **(environment or {})})
 

@@ -1,9 +1,10 @@
 // Deletion of a backup with an arbitrary info file, as a storage may return it. For all names in
-// the file, the deletion removes no local file outside of the backup's own folder, and no info file
-// of another backup that it does not name. After a successful deletion, a slice that the file
-// plainly names is gone from the storage.
+// the file, the deletion removes no local file outside of the backup's own folder. It removes the
+// info file of another backup only if the given info file names that backup's user. If the given
+// info file contains only "last-slice", a successful deletion removes this slice from the storage.
 //
-// The first byte: "p" puts the info file among others in the info root, "d" in a folder of its own.
+// The first byte selects the directory of the info file: "d" the backup's own directory, any other
+// the info root, which also contains other backups.
 #include <fstream>
 #include <sstream>
 
@@ -37,7 +38,7 @@ void PlaceFiles() {
     for (const char* const name : {"2026-11-20.web1.tgz", "2026-11-20.web3.info"}) {
         if (!fs::exists(std::string("info/") + name)) Save(std::string("info/") + name, "index");
     }
-    // A user's folder whose name is the letter of a custom backup's slices.
+    // The folder of a user "C". The file names of custom backups' slices begin with this letter.
     fs::create_directories("info/C");
     const auto store = quarn2::MemoryStore::Named("deletion");
     store->Reset();
@@ -49,8 +50,8 @@ void PlaceFiles() {
     }
 }
 
-// False for expensive inputs: a slice number may make the deletion try up to a hundred thousand
-// names, one after the other.
+// Returns false for expensive inputs: with a large slice number, the deletion may try up to a
+// hundred thousand names, one after the other.
 bool IsCheap(const std::string& info) {
     std::size_t slices = 0;
     for (std::size_t at = info.find("role-"); at != info.npos; at = info.find("role-", at + 1)) {

@@ -43,7 +43,8 @@ class World {
         loop_.Run(0);
     }
 
-    // A worker also calls this; it must not run the loop again.
+    // Workers call Act() from inside the loop, with `may_run` false, so that the loop does not run
+    // again inside itself.
     void Act(bool may_run) {
         const unsigned byte = input_.Byte();
         Place& place = places_.at(byte / 8 % kWorkers);
@@ -102,7 +103,7 @@ class World {
         [[maybe_unused]] const ssize_t written = write(place.pipe.second, "x", 1);
     }
 
-    // Closes the descriptor without the loop's knowledge.
+    // Closes the descriptor without removing its worker from the loop.
     static void Close(Place& place) {
         place.pipe.first.Close();
         place.pipe = {};
@@ -119,7 +120,7 @@ Expect::Result* Worker::operator()(ResHandle handle) {
     char bytes[64];
     const ssize_t count = read(handle, bytes, sizeof bytes);
     Expect::Result* const result = world_.Choose();
-    // The loop would report an ended descriptor again and again.
+    // The loop would report a descriptor at end of file again and again.
     const bool ended = count == 0 || (count < 0 && errno != EAGAIN);
     if (!ended && result != Expect::erClose) return result;
     dropped = true;

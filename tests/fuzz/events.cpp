@@ -1,7 +1,8 @@
-// Lines of the events file. An event that was parsed is written as one line, which is parsed to the
-// same event. A text of any content after a damaged line hides no event that follows.
+// Lines of the events file. A parsed event is written as one line, and parsing this line returns
+// the same event, except that long texts are cut. After any content of the file, the reader still
+// finds an event that the program appends.
 //
-// The first byte: "f" for a file that the reader reads, any other for one line.
+// The first byte: "f" if the rest is the content of an events file, any other if it is one line.
 #include <fstream>
 #include <limits>
 #include <vector>

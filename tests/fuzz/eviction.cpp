@@ -1,5 +1,6 @@
-// Compares eviction with the simple rules. From the same records, both evict the same backups in
-// the same order, and the remaining backups can be restored.
+// Compares the program's eviction with a simple implementation of the same rules, simple_rules.h.
+// From the same records, both implementations evict the same backups in the same order, and the
+// remaining backups can be restored.
 //
 // The input creates users with records, and then selects the operations on them.
 #include <algorithm>
@@ -142,7 +143,7 @@ class World {
         CheckRestorable(user.name, desc);
     }
 
-    // Uses neither implementation, only the records of the start.
+    // Checks against the initial records only, and uses neither implementation.
     void CheckRestorable(const std::string& name, const UserDesc& desc) const {
         const auto newest = newest_.find(name);
         if (newest == newest_.end()) return;

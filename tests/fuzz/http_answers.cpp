@@ -1,6 +1,6 @@
 // Servers that send arbitrary bytes through libcurl, including headers and replies to commands: S3,
 // WebDAV and FTP storages as the program opens them. A download outputs the promised number of
-// bytes or fails, a listing returns only valid names, and no operation waits.
+// bytes or fails, a listing returns only valid names, and no operation waits forever.
 //
 // The first byte selects the storage and the operation. Then follow the bytes that the server sends
 // on each connection, separated by "\n====\n". Further connections are refused.

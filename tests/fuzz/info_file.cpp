@@ -1,6 +1,6 @@
-// Info files. A second, simpler parser gets the same values. A written info file is parsed without
-// a change. No text raises the limit or the free space of a server's account above the configured
-// size limit.
+// Info files. A second, simpler parser returns the same values. Parsing a written info file returns
+// the values that were written. No text raises the limit or the free space of a server's account
+// above the configured size limit.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -55,7 +55,8 @@ InfoMap SimplyRead(const std::string& text) {
     return info;
 }
 
-// True if a value ends with a carriage return, which the reader removes as a part of the line end.
+// Returns true if a value ends with a carriage return. The reader removes it as a part of the line
+// end.
 bool EndsALine(const InfoMap& info) {
     for (const auto& [key, value] : info) {
         if (value.ends_with('\r')) return true;

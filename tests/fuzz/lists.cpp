@@ -1,8 +1,9 @@
-// The lists beside info files. ".cleanup": a removed file has the prefix of a line, and a line that
-// failed stays. ".encrypted_indexes": a removed file is listed, and the other entries stay.
+// The lists beside info files. ".cleanup": the name of each removed file contains the prefix of a
+// line, and a line whose removal failed stays in the list. ".encrypted_indexes": the list contains
+// each removed file, and the other entries stay.
 //
-// The first byte: "e" for ".encrypted_indexes", any other for ".cleanup". The target uses a line's
-// token only if it names the storage in memory.
+// The first byte: "e" for ".encrypted_indexes", any other for ".cleanup". The target skips a
+// ".cleanup" with a valid token that names another storage than the one in memory.
 #include <algorithm>
 #include <array>
 #include <fstream>

@@ -1,8 +1,9 @@
 #!/usr/bin/env python3
 """Writes the seeds of the fuzz targets below corpus/:  tests/fuzz/make_corpus.py
 
-Other files there stay: they are inputs that once broke a promise. A seed is an input that a target accepts, so that
-the fuzzer starts behind the first checks. The comment at the top of each target describes its form.
+The script keeps all other files there: they are inputs for which a check of a target once failed. A seed is an input
+that a target accepts, so that the fuzzer's inputs pass the first checks. The comment at the top of each target
+describes the form of its inputs.
 """
 
 import json
@@ -192,7 +193,7 @@ def encryption_seeds():
     number = lambda value: struct.pack(">H", value)
     seeds = {"bytes": b"\0\7QN2ENC1\n\1\1\1\x0c" + b"s" * 60, "magic_alone": b"\0\7QN2", "plain": b"\0\7never encrypted",
              "there_and_back": b"\1" + number(100) + number(30000) + b"end", "empty": b"\1" + number(0) + number(0)}
-    # The order of the changes in encryption.cpp.
+    # The list has the same order as the changes in encryption.cpp.
     changes = ["flip", "truncate", "append", "repeat_chunk", "foreign_chunk", "erase", "cut_at_chunk", "foreign_begin"]
     for how, change in enumerate(changes):
         for size in (0, 1, 4096, 4097, 9000):

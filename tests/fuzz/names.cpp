@@ -55,7 +55,7 @@ void CheckCuts(const std::string& name) {
     }
 }
 
-// The prefix that every removal of broken backups compares.
+// Checks the prefix by which the removal of incomplete backups selects files.
 void CheckPrefix(const std::string& name) {
     const std::string prefix = GetPrefix(name);
     Require(name.find(prefix) != name.npos && prefix.size() + 1 >= prefix.size(),

@@ -1,10 +1,10 @@
-// A rescan of a storage that lists and returns anything. For all names, nothing changes
-// outside of the info root and of the directory for removed files, and each fetched file has a
-// valid name.
+// A rescan of a storage that returns arbitrary listings and contents. For all names, the rescan
+// changes nothing outside of the info root and of the directory for removed files, and each fetched
+// file has a valid name.
 //
 // The lines of the input are the responses of the storage. Each listing and each fetched file
-// consumes the lines up to the next empty line. The first byte: "p" a user's root, below
-// var/backup, any other a plain root.
+// consumes the lines up to the next empty line. The first byte selects the info root:
+// "p" that of a user below var/backup, any other a plain one.
 #include <fstream>
 #include <memory>
 #include <set>
@@ -44,7 +44,7 @@ class Hostile final : public quarn2::StorageBackend {
     void RemoveDir(const std::string& /*name*/) override {}
     void MakeDir(const std::string& /*name*/) override {}
     std::vector<std::string> List(const std::string& name) override {
-        // "=" means the listed name itself: it is a file.
+        // The listing of a file contains the file's own path. A line "=" stands for this path.
         std::vector<std::string> names;
         for (std::string line = Script()->Line(); !line.empty(); line = Script()->Line()) {
             names.push_back(line == "=" ? name : line);

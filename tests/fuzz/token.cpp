@@ -52,7 +52,8 @@ void CheckValid(const BackupToken& token) {
     const std::string shown = token.Str();
     Require(!Has(shown) || IsPublic(token), "a secret is not displayed");
     const BackupToken again(shown);
-    // A scheme may reject the stars that replace a secret, or the text without them.
+    // A scheme may reject the displayed token, in which stars replace the secret or the secret is
+    // missing.
     if (!again) return;
     Require(again.scheme() == token.scheme() && again.user() == token.user() &&
                 again.host() == token.host() && again.port() == token.port() &&
@@ -72,8 +73,7 @@ void Check(const std::string& text) {
             "an invalid token holds nothing");
 }
 
-// Checks a secret at its proper place in the token: no error before or after it shows it in an
-// error text.
+// Checks that no error text contains the secret when the token has an error before or after it.
 void CheckFault(const std::string& text) {
     const BackupToken token(text);
     Require(!Has(token.fault()), "a secret stands in no error text");
@@ -86,7 +86,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     Require(registered, "the storage in memory is known");
     fuzz::Input input(data, size);
     const std::string text = input.Rest();
-    // An input that already contains the secret may have it anywhere.
+    // Skips an input that already contains the secret, because the display form may then contain
+    // it too.
     if (Has(text)) return 0;
     Check(WithSecret(text));
     fuzz::Input halves(data, size);

@@ -131,8 +131,8 @@ class Player:
             self.go(self.new_run(step), step.get("stop"))
 
     def is_late(self, step):
-        """Returns True when the user has a later complete backup, and the job does not repeat a backup with the same
-        kind. A full backup made by such a job could be dated between an earlier full backup and its dailies."""
+        """Returns True when the user has a later complete backup, unless the job repeats a backup of the same kind. A
+        full backup made by such a job could be dated between an earlier full backup and its dailies."""
         user, date = step["user"], step["date"]
         if step["kind"] == "custom" or not any(
                 key[0] == user and date < key[1] != "custom" for key in self.judge.complete):

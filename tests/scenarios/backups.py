@@ -152,10 +152,10 @@ class Run:
         fields["finished"] = f"{self.date} 01:30:00"
         fields["duration"] = "1800"
         if self.is_foreign:
-            fields["deletion"] = "planned"  # a key of another program
+            fields["deletion"] = "planned"  # an entry that another program has added
         fields["last-slice"] = self.stored_name(self.slices[-1])
         text = ""
-        for _ in range(2):  # the number of digits of the size is part of the size
+        for _ in range(2):  # the size includes this text, whose length depends on the digits of the size
             fields["size"] = str(self.bytes + len(text))
             text = "\n".join(f"{key}={fields[key]}" for key in sorted(fields))
         for path in (os.path.join(storage, self.info_name), self.local_path):

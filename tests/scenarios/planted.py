@@ -20,7 +20,7 @@ WEEK = [SERVE, job("u1", "2026-11-16"), job("u3", "2026-11-16"), job("u2", "2026
 
 
 class Dropped(World):
-    """A put that reports success and has stored nothing."""
+    """A put reports success, but has stored nothing."""
 
     def run(self, *arguments, **options):
         result = super().run(*arguments, **options)
@@ -31,7 +31,7 @@ class Dropped(World):
 
 
 class Deleted(World):
-    """A stored file that is gone a while after its backup was complete."""
+    """A stored file disappears some time after its backup was complete."""
 
     victim = "F2026-11-16.u1.2.dar"
 
@@ -44,7 +44,7 @@ class Deleted(World):
 
 
 class Altered(Deleted):
-    """A stored file that has another content than was put."""
+    """The content of a stored file differs from the content that was put."""
 
     def release_server(self):
         errors = World.release_server(self)
@@ -55,7 +55,7 @@ class Altered(Deleted):
 
 
 class TooMuch(World):
-    """A server that deletes the newest backup of a user."""
+    """A server deletes the newest backup of a user."""
 
     def start_server(self, step):
         ready = super().start_server(step)
@@ -66,7 +66,7 @@ class TooMuch(World):
 
 
 class LostSource(World):
-    """A put that fails, and has removed its file."""
+    """A put fails, but has removed its local file."""
 
     def run(self, *arguments, **options):
         if arguments[-1].endswith("F2026-11-16.u2.tgz.part2"):
@@ -76,7 +76,7 @@ class LostSource(World):
 
 
 class Orphans(World):
-    """Files that the account does not know, although the program made them."""
+    """The program creates stored files that the server's account does not include."""
 
     def run(self, *arguments, **options):
         write(os.path.join(self.storage, "F2026-11-01.u9.1.dar"), "x" * 3000)
@@ -93,7 +93,7 @@ class Refused(World):
 
 
 class Outside(World):
-    """A file appears where the program has nothing to do."""
+    """The program creates a file in a directory that it must not change."""
 
     def start_server(self, step):
         subprocess.run(["touch", os.path.join(self.other, "made")], check=True)

@@ -20,7 +20,7 @@ import tempfile
 import time
 import traceback
 
-from world import RealTime, Violation, World, prepare  # first: it adds ../system to sys.path
+from world import RealTime, Violation, World, prepare  # the first import, because the module adds ../system to sys.path
 from actions import Player
 from generate import generate
 from local_files import write
@@ -59,7 +59,7 @@ def play_seed(arguments):
 
 
 def subject_of(text):
-    """Returns the backup DATE.USER that a report names. Reports about different backups are different losses."""
+    """Returns the backup DATE.USER that a report names. Reports about different backups count as different faults."""
     found = re.search(r"\b(\d{4}-\d\d-\d\d|custom)\.u\d", text)
     return found and found[0]
 

@@ -1,7 +1,7 @@
 """A slow, lossy cable between two network namespaces: lossy_cable.py PID_A ADDRESS_A PID_B ADDRESS_B
 
-Creates two TUN devices and copies every packet from one to the other, after a delay or never. Prints
-"ready" and then reads orders from standard input, one per line, until it closes:
+Creates two TUN devices. Copies each packet from one device to the other after a delay, or drops it. Prints "ready" and
+then reads commands from standard input, one per line, until end of file:
 
     delay MILLISECONDS      one way, in both directions
     loss A_TO_B B_TO_A      percent; 100 cuts that direction
@@ -87,7 +87,7 @@ class Cable:
                 pass  # the device is down, so the packet is lost
 
     def obey(self):
-        """Executes the orders that have arrived on standard input. Returns False at its end."""
+        """Executes the commands that have arrived on standard input. Returns False at end of file."""
         piece = os.read(0, 4096)
         self.orders += piece
         while b"\n" in self.orders:

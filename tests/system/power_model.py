@@ -4,7 +4,8 @@ The program runs with a preloaded recorder (tests/support/write_recorder.cpp). T
 on a model of a disk, which contains the current and the last synced state of every file and directory. At
 each point of the trace the model computes what the disk may contain when the power fails there. Each
 directory entry is in the state of the directory's last sync, or in the state after a later change. Each file has the
-content of its last sync, or a later content. Every combination is possible, so a program cannot rely on any of them.
+content of its last sync, or a later content. Every combination is possible, so a program must be correct for each of
+them.
 """
 
 import os
@@ -23,7 +24,7 @@ IGNORED = ("root/sbin/", "root/var/quarn2_cp.log", "root/var/quarn2_cp.events")
 
 
 class RecordedRoot(Root):
-    """An install root whose program is recorded."""
+    """An install root whose program runs with the recorder."""
 
     def __init__(self, test, name="root", drop=""):
         super().__init__(test, name)
@@ -211,7 +212,7 @@ class Disk:
         self.entry(path, Folder())
 
     def do_U(self, path):
-        if self.node(path) is not None:  # a socket has no node
+        if self.node(path) is not None:  # the model contains no sockets
             self.entry(path, None)
 
     do_X = do_U
@@ -250,12 +251,12 @@ class Disk:
 
 
 class Outcome:
-    """One outcome of a power failure: decides which changes survive that were not synced."""
+    """One outcome of a power failure: decides which unsynced changes survive."""
 
     def __init__(self, name, keeps_change, keeps_data):
         self.name = name
-        self.keeps_change = keeps_change  # (change, path of the folder) -> bool
-        self.pick_data = keeps_data  # (versions since the sync, path) -> index, or None
+        self.keeps_change = keeps_change  # (change, path of the folder) -> whether the change survives
+        self.pick_data = keeps_data  # (contents since the sync, path) -> index of the survivor; None: the synced one
 
     def entries(self, folder, path):
         entries = dict(folder.synced)

@@ -1,4 +1,4 @@
-"""Processes: starting and reaping them, and what /proc shows of them."""
+"""Starts and reaps processes, and reads their state from /proc."""
 
 import ctypes
 import fcntl

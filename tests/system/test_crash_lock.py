@@ -1,4 +1,4 @@
-"""A lock that the system refuses, which the fault library injects into a running server."""
+"""The fault library makes the lock calls of a running server fail."""
 
 import errno
 import os

@@ -1,4 +1,4 @@
-"""quarn2-night: nights that are killed, told to end, or started twice."""
+"""quarn2-night: nights that are killed, terminated by a signal, or started twice."""
 
 import os
 import re
@@ -14,13 +14,13 @@ from waiting import wait_for
 
 
 class Interruptions(NightTest):
-    """A night waits in its before-user hook, or in the archiver after all of its output but the end."""
+    """Nights that wait for their archiver, which has written all of its output but has not ended."""
 
     def waiting_site(self, form="dar"):
         site = self.site(form.replace(".", "-"), backup=f"format = {form}\nslice-size = 64K")
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, self.writer = self.start_waiting_night(site, "pipe", {"dar": "dar", "tar.zst": "zstd"}[form])
-        # The first slices are on the storage, and the last one waits for the archiver's end.
+        # The storage has the first slices. The night puts the last slice only after the archiver has ended.
         wait_for(lambda: len([name for name in site.root.stored() if name.startswith("F")]) >= 3, "three slices on the storage")
         return site, process
 
@@ -28,7 +28,7 @@ class Interruptions(NightTest):
         """Returns the process, and the descriptor to which a line must be written before the archiver ends."""
         pipe = os.path.join(site.root.base, name)
         os.mkfifo(pipe)
-        # The test has the pipe open, so the archiver waits for the line.
+        # The test keeps the pipe open, so the archiver waits until the test writes a line.
         writer = os.open(pipe, os.O_RDWR)
         self.addCleanup(os.close, writer)
         path = site.tool(tool, f'/usr/bin/{tool} "$@"; read line <"{pipe}"')
@@ -80,10 +80,11 @@ class Interruptions(NightTest):
         process.kill()
         end_of(process)
         old, = self.archivers(site)
-        # The new archive has as many slices, so the old archiver's last slice has the name of one that is being written.
+        # Both archives have the same number of slices, so the old archiver's last slice has the same name as a slice
+        # that the new archiver is writing.
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, writer = self.start_waiting_night(site, "second pipe", "dar")
-        # The old archiver writes this slice, or the next one, when it goes on.
+        # When the old archiver continues, it writes this slice or the next one.
         wait_for(lambda: len(self.archivers(site)) == 2 and self.slices_in_work(site) == 4, "the second archiver", 60)
         self.let_go()
         wait_for(lambda: old not in self.archivers(site), "the end of the old archiver")

@@ -1,4 +1,4 @@
-"""The events file: what a night of jobs, a deletion, a rescan and a clear write into it."""
+"""The events file: the events of a night of jobs, a deletion, a rescan and a clear."""
 
 import json
 import os
@@ -116,7 +116,7 @@ class TheFileCannotBeWritten(EventsTest):
     """The events file is on a file system of its own, because the log must remain writable."""
 
     def mount_events(self, *options):
-        """Mounts a full file of events over the events file."""
+        """Mounts an events file on a full file system over the events file of the root."""
         disk = os.path.join(self.r.base, "disk")
         path = self.r.file("var/quarn2_cp.events")
         os.mkdir(disk)

@@ -301,7 +301,7 @@ class Removals(IncompleteTest):
         server = self.serve()
         job = self.night().begin()
         self.assert_success(job.slice(1))
-        # The repeated job writes the same file again, which fails an upload that still reads it.
+        # The repeated job overwrites the file. An upload that still reads it would fail.
         self.wait_uploaded(job, 1)
         self.note(f"{DATE}.web1")
         self.note(f"{DATE}.web2")

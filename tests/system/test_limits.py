@@ -132,7 +132,8 @@ class CountLimits(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
                                         "--count-limit", "9:9")
         self.assertEqual("OK 3", link.ask("RESERVE 0"))
-        # The newest record stands for a missing day. The full backup is locked although it is not the newest record.
+        # The server uses the newest record in place of each missing day. The full backup is locked although it is not
+        # the newest record.
         self.assertEqual("ERR No disk space left on storage. Size limit: 100",
                          link.ask("RESERVE 91"))
         self.assertEqual("OK 3", link.ask("RESERVE 90"))

@@ -44,7 +44,7 @@ JOBS = 4
 MEMORY_TOLERANCE = 0.02
 MEMORY_SLACK = {"server": 256, "client": 1024}  # KiB
 TIMES_SLOWER = 2
-TIME_SLACK = 200  # ms of processor time; smaller differences are noise in a quarter of the short form
+TIME_SLACK = 200  # ms of processor time; in the short form, smaller differences between quarters are noise
 
 
 def memory(pid):
@@ -229,7 +229,8 @@ class ServerLongRun(SystemTest):
     def fill(self):
         """Creates the initial backups, and a limit that leaves room for a few more."""
         records = {}
-        passes = self.days + self.days // 8 + SPARE_PASSES  # more passes than days, because new backups are larger
+        # The server needs more eviction passes than there are days, because new backups are larger.
+        passes = self.days + self.days // 8 + SPARE_PASSES
         for number in range(USERS):
             records[f"user{number:04}"] = [(day(-self.days - back), self.size())
                                            for back in range(passes, 0, -1)]
@@ -276,7 +277,7 @@ class ServerLongRun(SystemTest):
                 if done % (COMPLETIONS // BREAKS) == COMPLETIONS // BREAKS // 2:
                     began = time.monotonic()
                     self.break_session()
-                    curve.began += time.monotonic() - began  # mostly the pause before the new session
+                    curve.began += time.monotonic() - began  # most of this time is the pause before the new session
         curve.check(self)
         print(f"{reservations} reservations, {done} completions, {self.account.evicted} evictions, "
               f"{BREAKS} broken sessions", flush=True)

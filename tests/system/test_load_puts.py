@@ -82,7 +82,8 @@ class ParallelPuts(SystemTest):
         wait_for(lambda: os.path.exists(self.r.file("var/quarn2_cp.events")), "the server's first event")
 
     def idle(self, watch):
-        """Returns the look at the idle processes. The client's first event opens the events file, which stays open."""
+        """Returns a sample of the idle processes. Adds one descriptor to the client: its first event opens the events
+        file, which stays open."""
         look = watch.look()
         memory, descriptors, threads = look["client"]
         return {**look, "client": (memory, descriptors + 1, threads)}

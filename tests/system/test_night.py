@@ -84,7 +84,7 @@ class Nights(NightTest):
 
     def test_a_dry_run_prints_the_evictions(self):
         site = self.site()
-        # quarn2_report belongs to the install root of its own folder.
+        # quarn2_report uses the install root that contains its own directory.
         report = os.path.join(site.root.path, "sbin/quarn2_report")
         shutil.copy(os.environ["QUARN2_REPORT"], report)
         os.chmod(report, 0o755)
@@ -320,7 +320,7 @@ class Configuration(NightTest):
         site = self.site()
         with open(os.path.join(PROGRAMS, "night.conf"), encoding="ascii") as file:
             lines = file.read().splitlines()
-        # Without the '#' of the settings, but only with the first of the three sources of users.
+        # The test uncomments all settings, and keeps only the first of the three alternative sources of users.
         settings = [line.removeprefix("#") for line in lines if not line.startswith("# ")]
         text = "\n".join(settings).replace("list =\ncommand = /usr/local/sbin/list-users\n", "")
         for name in ("before-user", "after-user", "after-night"):

@@ -24,7 +24,7 @@ class Sessions(NodesTest):
                 for number, machine in enumerate([self.head, *nodes])]
         for job in jobs:
             job.check_stored(self.head.storage)
-            # The server's scans and evictions find every backup in its own info root.
+            # The server's scans and evictions find every backup in the info root of the server's own machine.
             self.assertEqual(read(os.path.join(self.head.storage, job.stem + ".info")),
                              read(os.path.join(self.head.info_root, job.stem + ".info")))
         self.assertEqual(0, server.end())

@@ -32,7 +32,7 @@ class BackgroundCall(threading.Thread):
 
 class BrokenLinks(TroubleTest):
     def test_a_link_cut_in_the_middle_of_a_reservation_is_noticed_within_a_minute(self):
-        self.make_head(ssh_options="")  # only the installed settings
+        self.make_head(ssh_options="")  # no ssh settings except those of the installation
         nodes = self.make_nodes(2, lossy=[1], sshd_options="")
         cut, other = nodes
         server = self.serve(nodes, *ARGUMENTS)
@@ -124,7 +124,7 @@ class BrokenLinks(TroubleTest):
         self.finish(server)
 
     def test_delay_and_loss_only_cost_time(self):
-        self.make_head(ssh_options="")  # only the installed settings
+        self.make_head(ssh_options="")  # no ssh settings except those of the installation
         nodes = self.make_nodes(2, lossy=[1], sshd_options="")
         far, near = nodes
         far.cable.order("delay 200")

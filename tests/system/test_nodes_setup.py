@@ -86,7 +86,7 @@ class NodeSetup(NodesTest):
         self.assertIn(self.fingerprint(), result.stdout)
         self.assert_refused(self.run_node("add", "--host-key", "SHA256:wrong", self.node.option),
                             "no host key of the node has the fingerprint SHA256:wrong")
-        # Only the key of this machine was made.
+        # The program has created only the key of this machine.
         self.assertEqual((before[0], before[2]), (self.files()[0], self.files()[2]))
 
     def test_a_changed_host_key_is_refused(self):
@@ -131,7 +131,7 @@ class NodeSetup(NodesTest):
 
 
 class NewNode(Node):
-    """A node that does not know the head yet, and the reverse."""
+    """A node whose host key the head does not know yet, and which does not know the head's key."""
 
     def make_keys(self):
         os.makedirs(self.file("etc"), exist_ok=True)

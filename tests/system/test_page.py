@@ -1,4 +1,4 @@
-"""quarn2_page: one HTML file from what quarn2_report prints."""
+"""quarn2_page: one HTML file from the output of quarn2_report."""
 
 import base64
 import collections
@@ -24,7 +24,7 @@ sys.path.insert(0, VIEWS)
 from quarn2_views import history, page_model, plots  # noqa: E402
 from quarn2_views.history import Life  # noqa: E402
 
-# Elements that need no end tag. The parser of the library does not know which elements another one ends.
+# Elements that need no end tag. The parser of the library does not know which start tags end an open element.
 VOID = {"meta", "input", "!doctype"}
 IMPLIED = {"li", "td", "th", "tr"}
 
@@ -46,7 +46,8 @@ class Page(html.parser.HTMLParser):
             raise AssertionError(f"{tag} has an attribute twice: {names}")
         self.elements.append((tag, dict(attrs)))
         if tag in IMPLIED:
-            # A cell ends the previous cell, and a row or item the previous one and its last cell.
+            # A cell ends the previous cell. A row ends the previous row and its last cell. An item ends the previous
+            # item.
             ends = {"td": ("td", "th"), "th": ("td", "th"), "tr": ("td", "th", "tr"), "li": ("li",)}[tag]
             while self.open and self.open[-1] in ends:
                 self.open.pop()
@@ -225,7 +226,7 @@ class Pages(ReportTest):
         return text, err
 
     def check(self, text):
-        """Checks what holds for every page."""
+        """Checks the conditions that every page must meet."""
         found = Page(text)
         self.assertLessEqual(len(text.encode()), 1_000_000)
         self.assertEqual(0o640, stat.S_IMODE(os.stat(self.file).st_mode))
@@ -278,7 +279,8 @@ class Pages(ReportTest):
         self.assertEqual("", err)
         self.assertEqual(["Space", "Figures", "Overdue users", "Next evictions", "Intake per day", "Deletions by reason",
                           "Users"], found.texts["h2"])
-        # The bar, its four keys, three plots with three and one keys.
+        # The page has the bar with four legend entries, and three plots: space with three entries, intake with none,
+        # deletions with one.
         self.assertEqual(12, len(found.all("svg")))
         for pattern in ("Critical", "<th scope=\"row\">Used<td>7.07 kB", "<th scope=\"row\">Free<td>830 B",
                         f"<th scope=row>web2<td>{day(-2)}<td>1<td>0<td>70 B<td class=bad>overdue",
@@ -341,7 +343,7 @@ class Pages(ReportTest):
         self.assertNotIn("ownstore", self.page("--date", DATE, "--storage", "ownstore", "--anonymous")[0])
 
     def test_ten_thousand_users_are_at_most_a_megabyte(self):
-        """The report is a copy of the output of a small one, because so many info files would take long to write."""
+        """The report is built from the output for few backups, because so many info files would take long to write."""
         chain(self.r, "web1", "FDD")
         modes = {}
         for mode in ("--status", "--check", "--history", "--list", "--plan"):

@@ -1,4 +1,4 @@
-"""quarn2_report: what it shows of real backups, that it disturbs no server, and that it writes nothing."""
+"""quarn2_report: its output for real backups. The report disturbs no server and writes no file."""
 
 import os
 import shutil
@@ -83,7 +83,7 @@ class RealBackups(ReportTest):
         full = [f"F{day(-5)}.web1.1.dar", f"F{day(-5)}.web1.2.dar", f"{day(-5)}.web1.1.dar", f"{day(-5)}.web1.info"]
         self.check_files(day(-5), full)
         files = self.check_files(DATE, full + [f"I{DATE}.web1.1.dar", f"{DATE}.web1.1.dar", f"{DATE}.web1.info"])
-        self.assertEqual(1000, files[4]["size"])  # follows from the size of the backup
+        self.assertEqual(1000, files[4]["size"])  # the report computes it from the size of the backup
         for file in files:
             target = os.path.join(self.r.work, "restored")
             self.assert_success(self.r.run("--get", f"{target}//{file['name']}"))
@@ -172,7 +172,8 @@ class BesideServers(ReportTest):
         self.assertEqual([], server.warnings)
 
     def test_reports_take_no_lock(self):
-        """The start of a server tries each lock once, so a report that held one would be seen only by chance."""
+        """Traces the system calls. A starting server tries each lock only once, so it would rarely collide with a
+        report that holds one."""
         strace = shutil.which("strace")
         if not strace:
             self.skipTest("strace is missing")

@@ -1,4 +1,4 @@
-"""quarn2_report: faults of the state, exit statuses, and names that are data in every output."""
+"""quarn2_report: the faults that it finds, its exit statuses, and the escaping of names in each output format."""
 
 import os
 import subprocess

@@ -1,4 +1,4 @@
-"""quarn2_report --plan, compared with what servers delete."""
+"""quarn2_report --plan, compared with the deletions of servers."""
 
 import os
 
@@ -10,7 +10,7 @@ from server_command import Server
 
 class Plan(ReportTest):
     def deletions(self, *arguments, status=0):
-        """Returns the planned deletions as (reason, user, date), by step."""
+        """Returns {step: [(reason, user, date) of each planned deletion]}."""
         steps = {}
         for one in self.objects("--plan", "--date", DATE, *arguments, status=status):
             steps.setdefault(one["step"], [])

@@ -33,7 +33,7 @@ MADE = [(re.compile(pattern), kind, mode) for pattern, kind, mode in (
     (r"root/tmp/quarn2_cp\.sock", "socket", 0o600),
     (r"root/tmp/(quarn2_cp\.state|\.quarn2_cp\.state\.part~)", "file", 0o600),
     (r"root/var/quarn2_cp\.removed", "directory", 0o700),
-    # A rescan moved these files here with the modes that they had in the info root.
+    # A rescan moved these files to the directory for removed files and kept their modes.
     (r"root/var/quarn2_cp\.removed/\.encrypted_indexes", "file", 0o600),
     (r"root/var/quarn2_cp\.removed/2026-11-15\.web1\.tgz\.aes", "file", 0o640),
     (r"root/var/quarn2_cp\.ledger", "directory", 0o700),

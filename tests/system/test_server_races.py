@@ -92,7 +92,7 @@ class KilledWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # by now the second command has probably found the lock taken; any moment is valid
+        time.sleep(0.2)  # now the second command probably waits for the lock; the test passes for any moment
         held.kill(daemon)
         # The order of the two --server commands is not defined. If the second command starts its server first, both
         # commands share that server. If not, the first command fails.
@@ -138,7 +138,7 @@ class KilledWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # any moment while the second command waits is valid
+        time.sleep(0.2)  # the kill may happen at any moment while the second command waits
         second.process.kill()
         second.process.wait()
         held.let_go()
@@ -249,7 +249,8 @@ class Races(SystemTest):
                 self.assertTrue(between.is_ready(DEADLINE))
                 old.release()
                 wait_gone(old.daemon)
-                # `between` may have joined the old daemon just before its end. The next --server command cannot.
+                # The command `between` may have joined the old daemon just before that daemon ended. The next --server
+                # command cannot join it.
                 server = Server(root, "--date", DATE).wait_ready()
                 between.release()
                 self.assertNotEqual(old.daemon, server.daemon)

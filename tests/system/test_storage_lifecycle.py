@@ -17,7 +17,7 @@ PASSWORD = "correct horse & battery?"
 ENCRYPTED = b"QN2ENC1\n"
 ARCHIVES = (b"\x1f\x8b", b"\x00\x00\x00{")  # the first bytes of archives of gzip and dar
 
-# (form, place) of the plain backups and, if there are any, of the encrypted backups.
+# (archive format, directory layout) of the plain backups and, if there are any, of the encrypted backups.
 FORMS = {
     "S3": (("dar", "dir"), ("part", "flat")),
     "S3Http": (("tgz", "flat"), ("dar", "dir")),

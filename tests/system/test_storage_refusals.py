@@ -14,7 +14,7 @@ from peers import Peer, deserted_port
 from system_test import SystemTest
 
 TIMEOUT = 3
-GRACE = 7  # seconds; more than the program needs, less than an unnecessary wait
+GRACE = 7  # seconds that a command may take in addition to the timeouts of its operations
 NAME = "F2026-11-20.web1.tgz"
 NAME_SERVER = os.path.join(os.path.dirname(os.path.abspath(__file__)), "name_server.py")
 WRONG_SERVERS = {  # the first bytes of servers of other protocols
