@@ -89,8 +89,8 @@ class SecretsTest(SystemTest):
         self.assertEqual(read(index), read(os.path.join(target, made["index"])))
         self.assertEqual(0, server.end())
         rescan(root)
-        # The index has another password than this rescan, so the rescan opens the storage again, without a password, and
-        # downloads the encrypted index.
+        # The index has another password than this rescan. So the rescan opens the storage again, without a password,
+        # and downloads the encrypted index.
         rescan(root, env={"BACKUP_TOKEN": root.token.replace("correct", "another")})
         self.assert_success(root.run("--delete", info))
         self.assert_success(root.run("--clear"))
