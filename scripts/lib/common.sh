@@ -47,3 +47,15 @@ quietly() {
     rm -f "$log"
     return "$status"
 }
+
+# make_debian DIRECTORY OPTION...: installs Debian 12 there, from the mirror that this machine's apt uses. The options are
+# those of mmdebstrap.
+make_debian() {
+    local directory=$1 mirror options=() line
+    shift
+    # shellcheck disable=SC2016 # apt replaces $(SITE)
+    mirror=$(apt-get indextargets --format '$(SITE)' 'Created-By: Packages' 'Codename: bookworm' 'Component: main' | head -n 1)
+    [[ -n $mirror ]] || die 'apt knows no packages of Debian 12; run apt-get update'
+    while IFS= read -r line; do options+=("--aptopt=${line%;}"); done < <(apt-config dump --no-empty Acquire | grep '::Proxy')
+    mmdebstrap --mode=root --variant=apt --quiet "${options[@]}" "$@" bookworm "$directory" "$mirror"
+}
