@@ -1,1 +1,1 @@
-"""The nightly backups and the restore, around quarn2_cp. Only the standard library is used."""
+"""The nightly backups and the restore: programs that run quarn2_cp. Only the standard library is used."""

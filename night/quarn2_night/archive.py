@@ -20,7 +20,7 @@ _PUT_SLICE = '"$JOB_PROGRAM" --put --%c --info-file "$JOB_INFO" "$JOB_ARCHIVE.%n
 
 
 class Job:
-    """What an archiver needs: the names of one backup, its open directory, its work directory, and the processes."""
+    """The inputs of an archiver: names of one backup, open directory of the user, work directory, child processes."""
 
     def __init__(self, site, children, settings, user, date, directory, base, work, messages):
         self.site, self.children, self.settings = site, children, settings
@@ -70,13 +70,13 @@ def make_dar(job):
         xform = job.start(["dar_xform", "-Q", "-s", str(settings.slice_size), "-E", _PUT_SLICE, "-", job.archive],
                           stdin=dar.stdout, stdout=job.messages.file, env=environment)
     finally:
-        # Without a reader dar ends.
+        # Only dar_xform keeps the read end open, so dar ends when dar_xform ends.
         dar.stdout.close()
     job.children.wait(xform)
     # Status 11 only means that a file changed while dar read it.
     job.expect(dar, "dar", (0, 11))
     job.expect(xform, "dar_xform", (0,))
-    # dar_xform does not report a put of the last slice that failed.
+    # dar_xform does not report when the put of the last slice fails.
     if _last_line(done) != "last_slice":
         raise Problem(f"the last slice could not be put{job.messages.last()}")
     return _keep_index(catalogue + ".1.dar", job.index + ".1.dar")
@@ -102,13 +102,13 @@ def _last_line(path):
 
 
 def make_tar(job):
-    """Makes the archive with tar and zstd and puts its slices. Returns the path of the index: tar's snapshot file."""
+    """Makes the archive with tar and zstd and puts its slices. Returns the path of the index."""
     state = os.path.join(job.work, _STATE)
     if job.base:
         _read_state(job.base.index, state)
     command = ["tar", "--create", "--file=-", "--sparse", "--xattrs", "--acls", f"--listed-incremental={state}",
                f"--directory={job.source}"]
-    # Every name in the archive begins with "./", so such a pattern matches only from the user's directory on. The option
+    # Every name in the archive begins with "./", so such a pattern is anchored at the user's directory. The option
     # --anchored is not used, because with it tar omits the directories.
     command += [f"--exclude=./{pattern}" for pattern in job.settings.exclude]
     tar = job.start(command + ["."], stdout=subprocess.PIPE)
@@ -150,7 +150,7 @@ def _put_parts(job, tar, zstd):
 
 
 def _read_state(index, state):
-    """Gets the snapshot file out of the index of the full backup."""
+    """Extracts tar's snapshot file from the index of the full backup."""
     try:
         with tarfile.open(index, "r:gz") as file:
             member = file.getmember(_STATE)

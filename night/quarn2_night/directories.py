@@ -1,4 +1,4 @@
-"""Directories that another user may change at the same time. They are opened once and used by their descriptors."""
+"""Directories that another user may change at the same time. They are opened once and accessed only through descriptors."""
 
 import errno
 import os
@@ -13,9 +13,9 @@ _MAX_LINKS = 40
 
 
 def open_directory(path):
-    """Opens a directory and returns its descriptor. Follows only links of root and of the own user.
+    """Opens a directory and returns its descriptor. Follows only symbolic links that root or the current user owns.
 
-    A user's link in the path could lead to any directory of the system. Raises Problem.
+    A link of another user could lead to any directory of the system. Raises Problem.
     """
     todo = [part for part in reversed(os.path.abspath(path).split("/")) if part]
     parents = [os.open("/", _PATH)]
@@ -47,7 +47,7 @@ def open_directory(path):
 
 
 def _link(path, part, parent):
-    """Returns the target of a link, None for everything else."""
+    """Returns the target of a symbolic link, None for any other entry."""
     status = os.stat(part, dir_fd=parent, follow_symlinks=False)
     if not stat.S_ISLNK(status.st_mode):
         return None
@@ -58,11 +58,11 @@ def _link(path, part, parent):
 
 
 def make_private(parent, prefix):
-    """Makes a directory in an open one, which nobody else can enter. Returns (name, descriptor)."""
+    """Creates a directory with mode 0700 in an open directory. Returns (name, descriptor)."""
     name = os.path.basename(tempfile.mkdtemp(prefix=prefix, dir=path_of(parent)))
     descriptor = os.open(name, _FLAGS, dir_fd=parent)
     status = os.fstat(descriptor)
-    # The owner of the parent can exchange the entries in it.
+    # The owner of the parent can replace its entries at any time, so check the directory that was opened.
     if status.st_uid != os.geteuid() or status.st_mode & 0o077:
         os.close(descriptor)
         raise Problem(f"another user has replaced the directory '{name}' while it was made; restore into a directory that "
@@ -71,7 +71,7 @@ def make_private(parent, prefix):
 
 
 def make_below(parent, name):
-    """Makes a directory in an open one and returns its descriptor."""
+    """Creates a directory in an open directory and returns its descriptor."""
     os.mkdir(name, 0o700, dir_fd=parent)
     return os.open(name, _FLAGS, dir_fd=parent)
 
@@ -84,10 +84,10 @@ def path_of(descriptor):
 # --- Merging a restored tree into a directory with files ---
 
 def merge(source, target):
-    """Moves everything from the directory `source` over `target`. Both are open directories of one file system.
+    """Moves all entries of `source` into `target`. Both are open directories of one file system.
 
-    Files are replaced; files that `source` lacks stay. No link in `target` is followed. Raises Problem where a directory
-    would replace a file or the reverse.
+    Replaces existing files and keeps the files that `source` does not contain. Follows no link in `target`. Raises
+    Problem when a directory would replace a file, or a file a directory.
     """
     for name in sorted(os.listdir(source)):
         place = _mode(name, target)
@@ -113,7 +113,7 @@ def _merge_below(name, source, parent):
 
 
 def _mode(name, directory):
-    """Returns the mode of an entry, None when there is none."""
+    """Returns the mode of an entry, None when the entry does not exist."""
     try:
         return os.stat(name, dir_fd=directory, follow_symlinks=False).st_mode
     except FileNotFoundError:
@@ -121,7 +121,7 @@ def _mode(name, directory):
 
 
 def copy_attributes(source, target):
-    """Copies owner, rights, extended attributes and times of an open directory."""
+    """Copies owner, mode, extended attributes and times of an open directory."""
     status = os.fstat(source)
     if os.geteuid() == 0:
         os.fchown(target, status.st_uid, status.st_gid)
@@ -130,6 +130,6 @@ def copy_attributes(source, target):
         try:
             os.setxattr(target, name, os.getxattr(source, name))
         except OSError as error:
-            if error.errno not in (errno.EPERM, errno.EACCES, errno.ENOTSUP):  # some of them only root can set
+            if error.errno not in (errno.EPERM, errno.EACCES, errno.ENOTSUP):  # only root can set some of them
                 raise
     os.utime(target, ns=(status.st_atime_ns, status.st_mtime_ns))

@@ -1,4 +1,4 @@
-"""Info files: which backups exist, and which of them a daily backup or a restore needs."""
+"""Reads info files: finds the existing backups, and the backups that a daily or a restore needs."""
 
 import datetime
 import os
@@ -10,7 +10,7 @@ MAX_INFO_BYTES = 2**20
 
 
 def read_info(path):
-    """Returns the fields of an info file, {} when there is none."""
+    """Returns the fields of an info file, {} when the file does not exist."""
     try:
         with open(path, "rb") as file:
             data = file.read(MAX_INFO_BYTES + 1)
@@ -25,7 +25,7 @@ def read_info(path):
 
 
 class Backup:
-    """A finished backup. `info_path` is its info file, without ".info" the beginning of its index's path."""
+    """A finished backup. `info_path` is the path of its info file. The index path begins with it, without ".info"."""
 
     def __init__(self, user, date, info_path, fields):
         self.user = user
@@ -51,7 +51,7 @@ class Backup:
 
     @property
     def index(self):
-        """The path of the index, from which a daily is made."""
+        """The path of the index, which a daily is based on."""
         return self.stem + (".1.dar" if self.format == "dar" else ".tgz")
 
     def is_base_of(self, daily):
@@ -61,14 +61,14 @@ class Backup:
 
 
 class Backups:
-    """The backups in an info root. `ledger` is the directory of the unfinished ones, None for a copy of another node."""
+    """The backups in an info root. `ledger` is the directory of the ledger, None if this info root has no ledger."""
 
     def __init__(self, info_root, ledger=None):
         self.info_root = info_root
         self.ledger = ledger
 
     def find(self, user, date):
-        """Returns the finished backup, None when there is none."""
+        """Returns the finished backup, None when it does not exist."""
         name = f"{date}.{user}.info"
         for below in ("", date, os.path.join(user, date)):
             path = os.path.join(self.info_root, below, name)
@@ -132,9 +132,9 @@ def _is_finished(fields):
 
 
 def base_for(backups, date, full_day, archive_format):
-    """Returns the full backup against which a daily of this date is made, None when a full backup is due.
+    """Returns the full backup that a daily of this date is based on, None when a full backup is due.
 
-    `full_day` is 0 for Monday. A full backup older than the last such day is not used, and neither is one whose
+    `full_day` is 0 for Monday. Ignores a full backup that is older than the last such day, and a full backup whose
     index is missing or has another format.
     """
     today = datetime.date.fromisoformat(date)
@@ -163,7 +163,7 @@ def chain_for(backups, date, all_dailies):
     if not all_dailies:
         dailies = dailies[-1:]
     for daily in dailies:
-        # A daily restored over another full backup than its base would mix files of different states.
+        # Restoring a daily over a full backup other than its base would mix files of different states.
         if not full.is_base_of(daily):
             raise Problem(f"the backup of {daily.date} was made on '{daily.fields['base']}', which is not there")
     return [full] + dailies

@@ -19,7 +19,7 @@ DONE, SKIPPED, FAILED = "done", "skipped", "FAILED"
 
 
 class Outcome:
-    """What became of one user: `text` is for the summary."""
+    """The result of one user's backup. `text` is for the summary."""
 
     def __init__(self, user, state, text, messages=()):
         self.user, self.state, self.text, self.messages = user, state, text, messages
@@ -39,7 +39,7 @@ class UserJob:
         self.kind = ""
 
     def base(self):
-        """Returns the full backup on which this night's backup is made, None for a full backup."""
+        """Returns the full backup that this night's backup is based on, None when it is a full backup itself."""
         if self.night.is_full:
             return None
         archive_format = "dar" if self.settings.format == "dar" else "tar"
@@ -68,7 +68,7 @@ class UserJob:
                 messages.close()
 
     def make_work(self):
-        """Makes a directory with a new name, because an archiver that has outlived a killed night may still write."""
+        """Creates a directory with a new name, because an archiver of a killed night may still write to the old directory."""
         self.remove_work()
         os.mkdir(self.top, 0o700)
         self.work = tempfile.mkdtemp(dir=self.top)
@@ -79,7 +79,7 @@ class UserJob:
             remove_tree(self.top)
 
     def free_space(self):
-        """Frees the space of a failed job for the others. The info file stays: it tells what is unfinished."""
+        """Frees the disk space of a failed job for the other jobs. Keeps the info file, which names the uploaded slices."""
         for name in os.listdir(self.work) if self.work else ():
             path = os.path.join(self.work, name)
             if path != self.info:
@@ -90,7 +90,7 @@ class UserJob:
     def back_up(self, messages):
         if not os.path.isdir(self.source):
             raise Problem(f"there is no directory '{self.source}'")
-        # A link of the user could lead to files of another one, which a restore would then hand out.
+        # A link of the user could point to another user's files, and a restore would disclose them.
         directory = open_directory(self.source)
         try:
             self.back_up_directory(directory, messages)
@@ -114,8 +114,8 @@ class UserJob:
         with open(self.info, "x", encoding="ascii") as file:
             file.write(info_text(base, self.user))
         index = MAKERS[self.settings.format](job)
-        # The index is in the info root, so the last put writes the final info file beside it and uploads that too.
-        # The index stays there: the dailies of the week are made on it.
+        # The index is in the info root, so the last put writes the final info file beside it and uploads both.
+        # The index stays there, because the dailies of the week are based on it.
         job.put("--isolated", "--no-delete", "--info-file", self.info, index)
 
     # -- Hooks --
@@ -135,7 +135,7 @@ class UserJob:
             raise Problem(f"the hook {command[0]} {describe(status)}{messages.last()}")
 
     def hook_after(self, result, messages):
-        """A failure of this hook is reported, but the backup counts as what it is."""
+        """A failure of this hook is reported, but does not change the result of the backup."""
         if self.night.children.stopped.is_set():
             return
         try:
@@ -150,7 +150,7 @@ class UserJob:
 
 
 def info_text(base, user):
-    """Returns the info file of a backup that begins now."""
+    """Returns the text of the info file of a backup that begins now."""
     now = datetime.datetime.now().strftime("%Y-%m-%d %H:%M:%S")
     fields = [f"created={now}", f"node={os.uname().nodename}", "type=" + ("incremental" if base else "full")]
     if base:

@@ -46,7 +46,7 @@ def parse(arguments):
 
 
 def check(config):
-    """Returns (site, settings, token). Raises Problem with everything that is wrong."""
+    """Returns (site, settings, token). Raises Problem with all errors."""
     site = Site()
     errors, settings, token = [], None, None
     try:
@@ -66,7 +66,7 @@ def check(config):
 
 
 def choose(users, problems, wanted):
-    """Returns the users and the problems of this call: those of the wanted names, or all."""
+    """Returns the users and the problems, limited to the names in `wanted` if there are any."""
     if not wanted:
         return users, problems
     known = {name for name, _ in users}
@@ -92,7 +92,7 @@ def dry_run(night, users, problems):
 
 
 def print_plan(night):
-    """Prints which backups the server would delete, when quarn2_report can tell."""
+    """Prints the deletions that the server would make, if the installed quarn2_report has the mode --plan."""
     report = night.site.report
     if not os.access(report, os.X_OK):
         return
@@ -114,9 +114,9 @@ def run_night(night, users, problems):
 
 
 def end_on_signals(children):
-    """Lets a thread stop the children when a signal arrives.
+    """Starts a thread that stops the children when a signal arrives.
 
-    A handler in Python would run only when the main thread goes on. A signal that arrives just before this thread
+    A Python signal handler runs only when the main thread resumes. A signal that arrives just before the main thread
     begins to wait does not wake it.
     """
     reader, writer = os.pipe()

@@ -43,7 +43,7 @@ def parse(arguments):
 
 
 class Addition:
-    """The steps of one `add`. Each step changes only what is missing, and says what it changes."""
+    """The steps of one `add`. Each step adds only missing keys and settings, and prints the change."""
 
     def __init__(self, machine, given):
         self.machine, self.node, self.given = machine, machine.node, given
@@ -146,7 +146,7 @@ class Addition:
 
 
 def version_of(machine):
-    """Returns the version of the program on the node, None when the node does not tell it."""
+    """Returns the version of the program on the node, None when the node does not report it."""
     status, output, _ = machine.ask("quarn2_cp --version")
     words = output.split()
     return words[1] if status == 0 and words[:1] == ["quarn2_cp"] and len(words) == 2 else None
@@ -201,7 +201,7 @@ def state_of_program(site, machine):
 
 
 def session_of(machine):
-    """True when a process of a server connects this machine to the node."""
+    """Returns True when a server of this machine runs an ssh session with the node."""
     wanted = ["-p", machine.node.port, machine.node.destination, CLIENT]
     for name in os.listdir("/proc"):
         if name.isdigit():

@@ -18,7 +18,7 @@ from .site import CONFIGURATION, Problem, Site, complain, escaped, read_token, s
 
 PROGRAM = "quarn2-restore"
 DONE, FAILED, USAGE = 0, 1, 2
-# More than any user has, so that the server of a rescan deletes nothing.
+# No size limit, and a count limit that no user reaches. The server that runs for the rescan deletes nothing.
 _NO_LIMITS = ["--size-limit", "0", "--count-limit", "0:1000000"]
 
 
@@ -82,14 +82,14 @@ def token_file_of(given):
 
 
 class Task:
-    """One call of the program."""
+    """One run of the program."""
 
     def __init__(self, site, given, token_file, work):
         self.site, self.given, self.token_file, self.work = site, given, token_file, work
         self.backups = Backups(site.info_root, site.ledger)
 
     def rescan(self):
-        """Reads the info files from the storage into a directory of its own. Nothing of this machine changes."""
+        """Reads the info files from the storage into a temporary directory. Does not change the local info root."""
         info_root = os.path.join(self.work, "info")
         os.mkdir(info_root, 0o700)
         children = Children()
@@ -131,8 +131,8 @@ class Task:
     def restore_beside(self, chain, target, path, has_files):
         """Unpacks into a private directory in `target`, and moves the files when they are complete.
 
-        An archive removes files that were deleted before the backup, so it is never unpacked over other files. And the
-        target may be a directory of the user, who could exchange directories for links while an archive is unpacked.
+        Unpacking an archive removes files that were deleted before the backup, so an archive is never unpacked over
+        other files. The target may also belong to the user, who could replace directories with links meanwhile.
         """
         name, private = make_private(target, ".quarn2-restore.")
         place = os.path.join(path, name, "files")
@@ -152,7 +152,7 @@ class Task:
             os.close(private)
 
     def unpack(self, chain, target, place):
-        """Returns the paths that no backup has."""
+        """Unpacks the backups. Returns the requested paths that no backup contains."""
         paths = [path.removeprefix("./").strip("/") for path in self.given.words[3:]]
         work = os.path.join(self.work, "unpack")
         os.mkdir(work, 0o700)
@@ -164,7 +164,7 @@ class Task:
 
 
 def open_target(path):
-    """Opens the directory for the files, and makes it when it is missing."""
+    """Opens the target directory, and creates it when it is missing."""
     parent = path
     while not os.path.lexists(parent):
         parent = os.path.dirname(parent)
@@ -204,7 +204,7 @@ def main(arguments):
         signal.signal(number, lambda *_: sys.exit(FAILED))
     try:
         site.check()
-        # A list of this machine needs no token.
+        # Listing the local backups needs no token.
         token_file = None if given.list and not given.rescan else token_file_of(given)
         if token_file:
             read_token(token_file)

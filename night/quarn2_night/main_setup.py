@@ -54,7 +54,7 @@ def ask(question, proposal):
 
 
 def get_token(given, is_interactive, path):
-    """Returns the token from the option, the token file or the terminal. Never from an argument."""
+    """Reads the token from the file of --token-from, the token file or the terminal. No argument contains the token."""
     if given.token_from:
         try:
             source = sys.stdin if given.token_from == "-" else open(given.token_from, encoding="utf-8")
@@ -75,7 +75,7 @@ def get_token(given, is_interactive, path):
 
 
 def propose_limit(token, site):
-    """Returns a size limit of nine tenths of the space, 0 where the space is not known."""
+    """Returns nine tenths of the free and used space as the size limit, 0 when the space is not known."""
     space = free_space(token, site.root)
     if space is None:
         say("free space: not known for this storage")
@@ -123,7 +123,7 @@ def enable_timer():
 
 
 class Setup:
-    """One call of the program. `work` is a temporary directory: before the test has succeeded, everything is there."""
+    """One run of the program. Until the test has succeeded, all files stay in the temporary directory `work`."""
 
     def __init__(self, site, given, is_interactive, work):
         self.site, self.given, self.is_interactive, self.work = site, given, is_interactive, work

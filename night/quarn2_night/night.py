@@ -1,4 +1,4 @@
-"""One night: holds the server, backs up every user, reports."""
+"""Runs one night: starts the size control server, backs up every user, ends the server, and reports."""
 
 import concurrent.futures
 import fcntl
@@ -21,7 +21,7 @@ class Night:
     def __init__(self, site, settings, token, date, is_full):
         self.site, self.settings, self.token = site, settings, token
         self.date, self.is_full = date, is_full
-        # A directory of its own, because everything in it is removed.
+        # A separate directory, because the night removes all directories DATE.USER in it.
         self.work = os.path.join(settings.work_directory or site.state, "quarn2-night-work")
         self.backups = Backups(site.info_root, site.ledger)
         self.children = Children()
@@ -37,7 +37,7 @@ class Night:
     # -- The lock --
 
     def take_lock(self):
-        """Raises Problem when another night runs. The lock ends with this process."""
+        """Raises Problem when another night runs. The kernel releases the lock when this process ends."""
         os.makedirs(self.site.state, 0o700, exist_ok=True)
         path = os.path.join(self.site.state, "lock")
         self.lock = open(os.open(path, os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600), "r+",
@@ -68,15 +68,15 @@ class Night:
         return outcomes
 
     def end(self):
-        """Hands the unfinished backups to the server and ends it. Without room for the list the next night does it."""
+        """Adds the unfinished backups to the server's list and ends the server. After a failure the next night adds them."""
         try:
             try:
-                # No job runs any more, so the server does not change the list while this adds lines to it. The server
+                # All jobs have ended, so the server does not change the list while note() adds lines to it. The server
                 # reads the list when it ends.
                 unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
             finally:
                 self.server.end()
-            # Only now, because an upload that fails writes into the directory of its job.
+            # This follows the end of the server, because a failing upload still writes to the directory of its job.
             unfinished.remove_work(self.work)
             return []
         except (Problem, OSError) as error:
@@ -124,7 +124,7 @@ class Night:
                 return Outcome(job.user, FAILED, "interrupted")
             except Problem as error:
                 return Outcome(job.user, FAILED, str(error))
-            except Exception as error:  # an error of one user must not end the night of the others
+            except Exception as error:  # an error of one user must not stop the other backups
                 return Outcome(job.user, FAILED, f"unexpected error: {error!r}")
 
         with concurrent.futures.ThreadPoolExecutor(self.settings.users_at_once) as pool:
@@ -151,7 +151,7 @@ class Night:
         return status
 
     def failure_of_hook(self, command, text, environment):
-        """Runs the hook with the text on its standard input. Returns what failed, None when nothing did."""
+        """Runs the hook with the text on its standard input. Returns the failure as a text, None after a success."""
         children = Children()  # the hook runs after an interrupted night too
         try:
             process = children.start(command, stdin=subprocess.PIPE, env=environment)
@@ -172,7 +172,7 @@ def report(outcome):
 
 
 def summary_of(date, outcomes):
-    """Returns the text for the last lines and for the notification."""
+    """Returns the summary for the end of the output and for the hook after the night."""
     def count(state):
         return sum(outcome.state == state for outcome in outcomes)
     lines = [f"night of {date}: {count(DONE)} backed up, {count(SKIPPED)} skipped, {count(FAILED)} failed"]

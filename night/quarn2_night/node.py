@@ -1,4 +1,4 @@
-"""Another machine that the size control server serves over ssh: what it is reached with, and what is set up for it."""
+"""Another machine that the size control server serves over ssh: its address and keys, and the set-up of ssh for it."""
 
 import ipaddress
 import os
@@ -11,20 +11,20 @@ from .replacement import replace
 from .site import Problem, clean_environment
 
 CLIENT = "/usr/local/kro5/sbin/quarn2_cp --client"
-# The node client that starts without a server at its standard input prints this text.
+# The node client prints this text when no server is connected to its standard input.
 CLIENT_ANSWER = "quarn2_cp: Failed to get answer size from server"
-# The key may start the node client and ask for the version, nothing else. The server asks for CLIENT.
+# The forced command of the key prints the version or starts the node client. The server runs CLIENT.
 _FORCED = ("case $SSH_ORIGINAL_COMMAND in *--version) exec /usr/local/kro5/sbin/quarn2_cp --version ;; "
            f"*) exec {CLIENT} ;; esac")
 _WORD = re.compile(r"[A-Za-z0-9_][A-Za-z0-9_.-]{0,252}")
 _SECONDS = 60
-# What share/ssh_config gives the connections of the server; ssh -G prints the names and values like this.
+# The options that share/ssh_config sets for the connections of the server, as ssh -G prints them.
 _WANTED = {"batchmode": "yes", "stricthostkeychecking": ("true", "yes"), "serveraliveinterval": "10",
            "identitiesonly": "yes"}
 
 
 class Node:
-    """A node as the option --node of quarn2_cp names it: HOST, ADDRESS or NAME:DESTINATION:PORT."""
+    """A node in the syntax of the option --node of quarn2_cp: HOST, ADDRESS or NAME:DESTINATION:PORT."""
 
     def __init__(self, text):
         name, first, rest = text.partition(":")
@@ -68,7 +68,7 @@ class Machine:
         self.node = node
         self.key = os.path.join(site.root, "etc/.ssh/master_id")
         self.settings = os.path.join(site.root, "share/quarn2_cp/ssh_config")
-        # ssh does not use HOME either.
+        # The home directory comes from the user database and not from HOME, as in ssh.
         self.folder = os.path.join(pwd.getpwuid(os.geteuid()).pw_dir, ".ssh")
         self.known_hosts = os.path.join(self.folder, "known_hosts")
         self.config = os.path.join(self.folder, "config")
@@ -145,7 +145,7 @@ class Machine:
                     "StrictHostKeyChecking=yes", "-o", "ConnectTimeout=15", "--", self.node.destination, command])
 
     def login(self, identity, is_interactive):
-        """Returns the words of an ssh command with the administrator's own login."""
+        """Returns the words of an ssh command that uses the administrator's own login."""
         words = ["ssh", "-p", self.node.port, "-o", f"BatchMode={'no' if is_interactive else 'yes'}", "-o",
                  "NumberOfPasswordPrompts=3", "-o", "PreferredAuthentications=publickey,keyboard-interactive,password",
                  "-o", "StrictHostKeyChecking=yes", "-o", "ConnectTimeout=15"]
@@ -184,7 +184,7 @@ echo "added"
 # --- Files ---
 
 def read(path):
-    """Returns the text of a file, "" when there is none."""
+    """Returns the text of a file, "" when the file does not exist."""
     try:
         with open(path, encoding="utf-8", errors="surrogateescape") as file:
             return file.read()

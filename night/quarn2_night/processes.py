@@ -13,11 +13,11 @@ _MESSAGE_BYTES = 4000
 
 
 class Interrupted(Exception):
-    """The program was told to end."""
+    """The program received a termination signal."""
 
 
 class Children:
-    """Starts processes and knows which of them run. stop() ends them, and no other one starts afterwards."""
+    """Starts child processes and tracks the running ones. stop() ends them and prevents further starts."""
 
     def __init__(self):
         # A signal handler may call stop() while the main thread holds the lock.
@@ -44,7 +44,7 @@ class Children:
         return status
 
     def release(self, process):
-        """stop() does not end this process any more."""
+        """Excludes this process from stop()."""
         with self._lock:
             self._running.discard(process)
 
@@ -60,7 +60,7 @@ class Children:
         for process in processes:
             while not _has_ended(process) and time.monotonic() < end:
                 time.sleep(0.02)
-            # The rest of the group too: a program that its leader has started may ignore SIGTERM.
+            # Kill the rest of the process group too, because a child of its leader may ignore SIGTERM.
             self._signal(process, signal.SIGKILL)
             self.wait(process)
 
@@ -89,7 +89,7 @@ class Children:
 
 
 def _has_ended(process):
-    """True when the process has ended. It is not reaped, so its group keeps its id."""
+    """Returns True when the process has ended. Does not reap it, so that its group keeps its id."""
     if process.returncode is not None:
         return True
     try:

@@ -1,4 +1,4 @@
-"""The atomic and durable replacement of a file."""
+"""Replaces a file atomically and durably."""
 
 import os
 import tempfile

@@ -40,7 +40,7 @@ class Restore:
 
     def run(self, backup):
         name = backup.last_slice
-        # The name comes from a file of the storage. It must be of this backup: every other name is refused.
+        # The name comes from the storage, so refuse a name that does not belong to this backup.
         if not is_archive_of(name, backup.user, backup.date):
             raise Problem(f"{backup.info_path} names the archive {name!r}, which is none of a backup of {backup.user} "
                           f"for {backup.date}; if the storage can be trusted, correct the line last-slice")
@@ -72,7 +72,7 @@ class Restore:
         environment = dict(clean_environment(), RESTORE_SELF=self.program, RESTORE_FETCHED=self.fetched,
                            RESTORE_WORK=self.work, RESTORE_BASE=base, RESTORE_TOKEN_FILE=self.token_file,
                            KRO_ROOT=self.site.root)
-        # dar reports on its standard output too.
+        # dar writes messages to its standard output too.
         status = subprocess.run(command, env=environment, stdin=subprocess.DEVNULL, stdout=2, check=False,
                                 pass_fds=[self.target]).returncode
         if status != 0:
@@ -82,7 +82,7 @@ class Restore:
     # -- tar --
 
     def _tar(self, name):
-        """Feeds the parts of the archive to tar, each when it is needed."""
+        """Fetches the parts of the archive one by one, and feeds them to tar."""
         is_zstd = ".tar.zst" in name
         unpack = ["zstd", "-q", "-d", "-c"] if is_zstd else ["gzip", "-d", "-c"]
         errors_path = os.path.join(self.work, "errors")
@@ -124,12 +124,12 @@ class Restore:
                 with open(os.path.join(self.work, each), "rb") as file:
                     shutil.copyfileobj(file, unpacker.stdin, 2**20)
             except BrokenPipeError:
-                return  # the exit statuses tell why
+                return  # the exit statuses show the reason
 
     def _check_tar(self, name, statuses, lines):
         ignored = ["Exiting with failure status due to previous errors"]
         if self.paths:
-            # A daily has only what changed. missing_paths() finds a path that no archive has.
+            # A daily contains only changed files. missing_paths() finds the paths that no archive contains.
             ignored.append("Not found in archive")
         errors = [line for line in lines if not line.endswith(tuple(ignored))]
         failed = [program for program, status in statuses.items() if status not in ((0, 2) if program == "tar" else (0,))]

@@ -1,4 +1,4 @@
-"""Holds the size control server: it runs as long as the standard input of `--server` is open."""
+"""Keeps the size control server running: it runs as long as the standard input of `--server` is open."""
 
 import fcntl
 import os
@@ -16,7 +16,7 @@ _FLOCK = "hhqqi4x"
 
 
 class Server:
-    """A running size control server. start() returns when it is ready; end() when its daemon has ended."""
+    """A running size control server. start() returns when the server is ready, end() when its daemon has ended."""
 
     def __init__(self, site, children, token, arguments, info_root=None):
         self.site = site
@@ -37,7 +37,7 @@ class Server:
         try:
             status = self.children.wait(self.process, 0.2)
         except subprocess.TimeoutExpired:
-            # An interrupted night ends its server in the normal way.
+            # stop() must not end the server, because an interrupted night ends it with end().
             self.children.release(self.process)
             return self
         self.process.stdin.close()
@@ -45,7 +45,7 @@ class Server:
                       f"see {self.site.log}")
 
     def ensure(self):
-        """Starts the server again when its daemon was killed or told to end. Raises Problem when it cannot start."""
+        """Starts the server again when its daemon has ended, for example by a signal. Raises Problem when it cannot start."""
         with self._restart:
             if self._daemon() or self.children.stopped.is_set():
                 return
@@ -76,7 +76,7 @@ class Server:
         try:
             with open(self.site.pid_file, "rb") as file:
                 question = struct.pack(_FLOCK, fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)
-                # A record lock for writing cannot be set on this descriptor, but asked for.
+                # The file is open for reading only: F_SETLK of a write lock would fail, but F_GETLK works.
                 answer = fcntl.fcntl(file, fcntl.F_GETLK, question)
         except OSError:
             return 0

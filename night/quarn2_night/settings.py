@@ -17,7 +17,7 @@ LEVELS = {"gzip": 9, "bzip2": 9, "xz": 9, "zstd": 19}
 
 
 class Invalid(Exception):
-    """A value that cannot be used. The text says what is accepted."""
+    """An invalid value. The text describes the accepted values."""
 
 
 # --- One function for each kind of value ---
@@ -116,7 +116,7 @@ def _nodes(value):
 
 
 def _command(value):
-    """A program and its arguments. No shell reads them; quotes join words."""
+    """Parses a program and its arguments. They are not passed to a shell; quotes group words into one argument."""
     try:
         words = shlex.split(value.text)
     except ValueError:

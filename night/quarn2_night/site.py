@@ -1,4 +1,4 @@
-"""The install root, and what all of the programs need to know about it."""
+"""The paths of the install root, and functions that all of the programs use."""
 
 import os
 import stat
@@ -21,7 +21,7 @@ def _install_root():
 
 
 class Site:
-    """The paths of the install root. The program quarn2_cp uses the same ones."""
+    """The paths of the install root. The program quarn2_cp uses the same paths."""
 
     def __init__(self):
         self.root = _install_root()
@@ -52,9 +52,9 @@ def complain(program, text):
 
 
 def read_protected(path, what, others_may_read):
-    """Returns the text of a file that no user but root and the own user can have written.
+    """Returns the text of a file that only root or the current user can write to.
 
-    Raises Problem for a link, for a file of another user, and for a file with too many rights.
+    Raises Problem for a symbolic link, for a file of another user, and for a mode that gives other users too much access.
     """
     try:
         descriptor = os.open(path, os.O_RDONLY | os.O_NOFOLLOW | os.O_CLOEXEC | os.O_NONBLOCK)

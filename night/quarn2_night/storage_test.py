@@ -1,4 +1,4 @@
-"""Tests a storage: a small backup is made, restored, compared and deleted."""
+"""Tests a storage: makes, restores, compares and deletes a small backup."""
 
 import copy
 import datetime
@@ -21,7 +21,7 @@ _CONTENT = "a file of the test of quarn2-setup\n" * 100
 
 
 class TestNight(Night):
-    """A night with an info root of its own and without limits, so that it knows and deletes no other backup."""
+    """A night with its own info root and without limits, so that it does not see, and cannot delete, other backups."""
 
     def server_arguments(self):
         return ["--date", self.date, "--size-limit", "0", "--count-limit", "0:1000000", "--path", self.site.info_root]
@@ -87,7 +87,7 @@ def delete(night, token):
 
 
 def free_space(token, root):
-    """Returns (free bytes, bytes of the stored files) of a local storage, None of another one."""
+    """Returns (free bytes, bytes of the stored files) of a local storage, None for any other storage."""
     parts = urllib.parse.urlsplit(token)
     if parts.scheme != "local":
         return None
@@ -97,5 +97,5 @@ def free_space(token, root):
         stored = sum(os.lstat(os.path.join(directory, name)).st_size
                      for directory, _, names in os.walk(path) for name in names)
     except OSError:
-        return None  # the test of the storage reports the reason
+        return None  # test_storage() reports the reason
     return status.f_bavail * status.f_frsize, stored

@@ -47,7 +47,7 @@ def _remove_index(site, user, date):
 def note(site, token, jobs):
     """Adds the unfinished backups of `jobs`, tuples (user, date, info_paths), to .cleanup.
 
-    A line without files on the storage could refer to another backup of that day, so those jobs get none.
+    A job that has put no file gets no line, because the line could match another backup of that day.
     """
     text = ""
     for job in jobs:
@@ -60,7 +60,7 @@ def note(site, token, jobs):
     path = os.path.join(site.info_root, ".cleanup")
     descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
     try:
-        # The lines contain the token. A list of another program may have let the group read it.
+        # The lines contain the token. A list that another program created may be readable by the group.
         os.fchmod(descriptor, 0o600)
         size = os.fstat(descriptor).st_size
         if size > 0:
@@ -71,7 +71,7 @@ def note(site, token, jobs):
 
 
 def _append(descriptor, data, size):
-    """Appends all of the data to a file of this size, or nothing: half a line could name another backup."""
+    """Appends all of the data to a file of this size, or nothing, because half a line could match another backup."""
     try:
         if os.write(descriptor, data) != len(data):
             raise OSError(errno.ENOSPC, "No space left for the list of unfinished backups")

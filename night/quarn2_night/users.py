@@ -11,7 +11,7 @@ _COMMAND_SECONDS = 300
 
 
 def find_users(settings, children):
-    """Returns ([(name, directory)], [(name, problem)]). A bad name is a problem of that user alone."""
+    """Returns ([(name, directory)], [(name, problem)]). An invalid name is a problem of that user only."""
     if settings.users_list is not None:
         users, problems = list(settings.users_list), []
     elif settings.users_directory is not None:
@@ -24,7 +24,7 @@ def find_users(settings, children):
 
 def _subdirectories(directory):
     with os.scandir(directory) as entries:
-        # A link is no user: its target may be any directory of the system.
+        # Symbolic links are skipped, because the target may be any directory of the system.
         found = [(entry.name, entry.path) for entry in entries if entry.is_dir(follow_symlinks=False)]
     return sorted(entry for entry in found if entry[0] != "lost+found")
 
