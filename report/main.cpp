@@ -1,5 +1,5 @@
-// quarn2_report: shows what is stored. Takes no lock. Only --verify asks the storage. It also
-// writes its result into a file.
+// quarn2_report: shows what is stored. Takes no lock. Only --verify accesses the storage. It
+// also writes its result to a file.
 
 #include <unistd.h>
 
@@ -51,7 +51,7 @@ int Run(int argc, char** argv) {
     return site.output.Finish();
 }
 
-// The exit status of a command line that cannot be used. A monitoring system takes 2 for a critical
+// The exit status for an invalid command line. A monitoring system interprets 2 as a critical
 // problem of the backups.
 int UsageStatus(int argc, char** argv) {
     constexpr int kUnknown = 3;

@@ -17,7 +17,7 @@ enum class State {
     kMisnamed,      // complete, but its info file is not named DATE.USER.info; never evicted
     kUnfinished,    // its job runs or was interrupted
     kBeingDeleted,  // its deletion was interrupted, or is in progress
-    kLeftover,      // slices that no info file names; an earlier attempt of a complete backup
+    kLeftover,      // slices of an earlier attempt of a complete backup
 };
 
 // The name of the state in the output: "complete", "deletion interrupted", ...
@@ -35,7 +35,7 @@ struct Backup {
     std::string finished;
     std::string node;       // empty when the info file does not name it
     std::string base;       // the value of "base" of a daily
-    std::string info_path;  // empty for a backup that only the ledger knows
+    std::string info_path;  // empty for a backup that is only in the ledger
 };
 
 // Describes the backup of an info file. An invalid size counts as 0.

@@ -45,7 +45,7 @@ std::string Archive(const std::string& stored_name) {
     return quarn2::StripSliceNumber(kro_file::Name(stored_name));
 }
 
-// The dates that can be restored nearest to `date`, as the end of a message.
+// The restorable dates nearest to `date`, formatted for the end of a message.
 std::string NearestDates(const std::vector<Backup>& restorable, const std::string& date) {
     std::string before;
     std::string after;

@@ -1,5 +1,5 @@
-// Chains of backups: a full backup and the dailies that rest on it. The functions only process
-// data.
+// Chains of backups: a full backup and the dailies that depend on it. The functions only
+// process data.
 #pragma once
 
 #include <string>
@@ -19,12 +19,12 @@ struct UserBackups {
     std::vector<Backup> others;  // custom, unfinished, being deleted, ...
 };
 
-// Groups the backups by user, in the order of the names, and by chain. A daily rests on the newest
-// complete full backup before it.
+// Groups the backups by user, in the order of the names, and by chain. A daily depends on the
+// newest complete full backup before it.
 std::vector<UserBackups> GroupByUser(std::vector<Backup> backups);
 
-// The dailies that cannot be restored, because the full backup on which they rest is missing.
-// Leaves out backups that another program has marked as deleted.
+// The dailies that cannot be restored, because their full backup is missing. Leaves out
+// backups that another program has marked as deleted.
 std::vector<Backup> NotRestorable(const UserBackups& user);
 
 // The backups to restore for a day, in order, or the reason why it cannot be restored. A reason

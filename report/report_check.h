@@ -20,7 +20,7 @@ struct CheckFacts {
     std::vector<std::string> unreadable;        // why a part of the state cannot be read
     int max_age_hours = 0;
     int min_days = 0;  // 0: the depth is not checked
-    Forecast depth;    // when the limit keeps fewer than min_days days
+    Forecast depth;    // the time until the limit keeps fewer than min_days days
 
     std::int64_t users = 0;
     std::int64_t backups = 0;
@@ -38,8 +38,8 @@ struct CheckResult {
 // A shortage within this number of days is a warning.
 inline constexpr int kWarningDays = 30;
 
-// Critical problems come before an unreadable state, and that before warnings, because an
-// unreadable state can hide a critical problem.
+// Sorts the problems: critical ones, then an unreadable state, then warnings. An unreadable state
+// can hide a critical problem.
 CheckResult Decide(const CheckFacts& facts);
 
 // The name of the severity in the output, such as "CRITICAL".

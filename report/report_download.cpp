@@ -30,7 +30,7 @@ void RemoveLeftovers() {
     }
 }
 
-// Removes the local copy also when the download or a later step has failed.
+// Removes the local copy, also when the download or a later step fails.
 class LocalCopy {
   public:
     explicit LocalCopy(std::string path) : path_(std::move(path)) {}
@@ -63,7 +63,7 @@ DownloadDirectory::~DownloadDirectory() {
     try {
         kro_file::Remove(path_);
     } catch (const std::exception&) {
-        // The next check removes the directory.
+        // The constructor of the next DownloadDirectory removes the directory.
         return;
     }
 }

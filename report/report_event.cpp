@@ -10,7 +10,8 @@
 
 namespace {
 
-// The detail of an event without a user may name any user, such as in the path of an info file.
+// The detail of an event without a user may contain a user name, for example in the path of an info
+// file.
 std::string DetailOf(const Event& event, const Names& names) {
     if (event.user.empty() && event.kind != EventKind::kRescan) return names.Free(event.detail);
     return names.In(event.detail, event.user);
@@ -37,7 +38,7 @@ std::string ValuesText(const Event& event, const Names& names) {
     return text;
 }
 
-// The name of the event in words, filled with blanks to the length of the longest name.
+// The name of the event in words, padded with blanks to the length of the longest name.
 std::string KindText(EventKind kind) {
     constexpr std::size_t kWidth = std::string_view("deletion failed").size();
     std::string text = NameOf(kind);

@@ -18,10 +18,10 @@ struct Newest {
     std::string created;
     std::string finished;
     bool is_marked_deleted = false;
-    bool has_scheduled = false;  // has any backup but custom ones
+    bool has_scheduled = false;  // has at least one backup that is not custom
 };
 
-// Counts the backups one by one, so that it needs memory only for each user.
+// Counts the backups one by one, so that its memory use grows only with the number of users.
 class Census {
   public:
     void Add(const Backup& backup);
@@ -49,8 +49,8 @@ class Census {
 // Sizes in bytes.
 struct Space {
     std::int64_t used = 0;             // complete backups, custom ones included
-    std::int64_t protected_bytes = 0;  // of `used`: the newest chains, which no eviction deletes
-    std::int64_t kept = 0;             // of `used`: custom and other backups that are never evicted
+    std::int64_t protected_bytes = 0;  // part of `used`: the newest chains, which are never evicted
+    std::int64_t kept = 0;             // part of `used`: custom and other backups, never evicted
     std::int64_t unfinished = 0;       // files of backups that are not complete
     std::int64_t being_deleted = 0;    // backups whose deletion was interrupted
 };

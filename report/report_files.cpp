@@ -10,9 +10,9 @@
 
 namespace {
 
-// True for a name that the backup's job may have given to a slice: in the flat or in the directory
-// form, and the archive of this user and date. Other archives of the backup ("role-...") may have
-// any name.
+// True for a slice name that the backup's job can create, in the flat or in the directory form. The
+// last slice must belong to the archive of this user and date. Other slices can belong to archives
+// with any name ("role-...").
 bool IsOwnSlice(const std::string& name, const std::string& user, const std::string& date,
                 bool is_last_slice) {
     const std::string directory = kro_file::Path(name);
@@ -38,7 +38,7 @@ void CheckSlices(const quarn2::InfoMap& info, const std::string& user, const std
     }
 }
 
-// The text of the info file on the storage has no "node".
+// The info file on the storage does not contain "node".
 std::int64_t StoredInfoSize(quarn2::InfoMap info) {
     info.erase("node");
     return static_cast<std::int64_t>(str::Join(info, "\n").size());

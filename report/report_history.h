@@ -14,7 +14,7 @@ struct Site;
 
 struct DeletionSums {
     std::int64_t backups = 0;
-    std::int64_t bytes = 0;  // of the backups whose size the event has
+    std::int64_t bytes = 0;  // counts only events that contain a size
 
     friend bool operator==(const DeletionSums&, const DeletionSums&) = default;
 };
@@ -53,13 +53,13 @@ class EventSummary {
 };
 
 // Reads the events of the site's storage and user. Records a finding when the file cannot be read.
-// Skips lines that are no events.
+// Skips lines that are not events.
 EventSummary ReadEventSummary(Site& site);
 
-// The deletions since the last rotation of the events file: those of both files, `all`, without
-// those of the rotated file. A rotation sets them back to 0, as it is usual for counters. If they
-// were counted in both files, they would only become smaller, and a monitoring system would take
-// the rest for new deletions.
+// The deletions since the last rotation of the events file: `all`, the deletions in both files,
+// without those in the rotated file. So each rotation resets these counters to 0. If both files
+// were counted, a rotation would only decrease the counters, and a monitoring system would count
+// the remainder as new deletions.
 Deletions DeletionsSinceRotation(const Site& site, const Deletions& all);
 
 // `all` without `earlier`. No sum becomes negative.

@@ -15,7 +15,7 @@ namespace {
 // A backup is identified by its user and date.
 using Key = std::pair<std::string, std::string>;
 
-// The plan and what the output needs besides.
+// The plan and the additional data for the output.
 struct Plan {
     ServerPlan server;
     std::optional<PlannedUpload> upload;
@@ -31,7 +31,7 @@ struct Plan {
         "the server will get them");
 }
 
-// A limit that neither an option nor a running server names is not planned for.
+// Plans without count limits when neither an option nor a running server sets them.
 void SetLimits(GlobalSizeControl& account, const KnownLimits& known) {
     if (known.is_count_known) return;
     account.full_limit = ServerLimits::kNoCount;
@@ -75,7 +75,7 @@ Plan ReadPlan(Site& site) {
     return plan;
 }
 
-// Nothing for the empty record of a missing day, and for the backup that the upload makes.
+// False for the empty record of a missing day, and for the backup that the planned upload creates.
 bool IsShown(const Plan& plan, const Kept& kept) {
     return plan.complete.contains({kept.user, kept.date});
 }

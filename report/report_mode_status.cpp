@@ -44,7 +44,8 @@ void ReadHistory(Site& site, Status& status) {
     status.refusals = RefusalForecast(days, status.space.protected_bytes);
 }
 
-// The account has the ledger's bytes of all users. With --user, counts those of this user.
+// The account contains the ledger's bytes of all users. With --user, replaces them with the bytes
+// of this user.
 void LimitToUser(Space& space, const Site& site) {
     if (site.options.user.empty()) return;
     space.unfinished = 0;
@@ -135,7 +136,7 @@ std::string DatesText(const Census& census) {
     return census.oldest_date() + " to " + census.newest_date();
 }
 
-// Their number and the first names. The findings name all of them.
+// The number of overdue users and the first names. The findings list all of them.
 std::string OverdueText(const Site& site, const std::vector<Overdue>& overdue) {
     constexpr std::size_t kShown = 5;
     std::string names;
@@ -251,8 +252,8 @@ kro_json::Array EventsJson(const Site& site, const std::vector<Event>& events) {
     return array;
 }
 
-// Has every reason, because a counter that a monitoring system sees for the first time with its
-// first deletion shows no increase.
+// Contains every reason. Otherwise a counter would first appear with its first deletion, and a
+// monitoring system would see no increase.
 kro_json::Object DeletionsJson(const Deletions& deletions) {
     kro_json::Object object;
     for (auto reason = static_cast<int>(RemovalReason::kUnknown);

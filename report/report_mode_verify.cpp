@@ -34,7 +34,7 @@ bool IsComplete(const Backup& backup) {
 
 std::string KeyOf(const Backup& backup) { return backup.date + "." + backup.user; }
 
-// An error after which the storage cannot be asked at all.
+// True for an error after which no request to the storage can succeed.
 bool IsDown(const std::exception& error) {
     const auto* const known = dynamic_cast<const kro_err::Error*>(&error);
     return known != nullptr && known->kind() == kro_err::Kind::kUnavailable;
@@ -133,8 +133,8 @@ class Verification {
                  str::Str(backup.size) + "; --update of a file does not change the info file");
     }
 
-    // A file of a backup that a job makes now is no orphan. The ledger and the info files are read
-    // again, because the job may have begun after the first scan.
+    // A file of a backup in progress is not an orphan. Reads the ledger and the info files again,
+    // because the job may have begun after the first scan.
     bool IsInWork(const std::string& name) const {
         const std::string key = LedgerKey(name);
         if (open_.contains(key)) return true;
@@ -185,7 +185,7 @@ class Verification {
         Output::Text(table.Text(0));
     }
 
-    // The result of one user says nothing about the storage.
+    // Does not store the result for a single user, because it does not cover the complete storage.
     void Keep() {
         const Options& options = site_.options;
         if (!options.user.empty()) return;

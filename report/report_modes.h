@@ -10,8 +10,8 @@ void RunHistory(Site& site);
 // Sets the exit status of a monitoring plugin and does not throw for a state that cannot be read.
 void RunCheck(Site& site);
 
-// Asks the storage of BACKUP_TOKEN, and writes only to the install root's tmp. Throws
-// std::exception when the storage cannot be opened or does not answer.
+// Accesses the storage that BACKUP_TOKEN identifies, and writes only to the install root's tmp.
+// Throws std::exception when the storage cannot be opened or does not answer.
 void RunVerify(Site& site);
 
 // Throws std::runtime_error when the limits, or the size of the upload, are unknown.

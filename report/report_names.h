@@ -18,10 +18,10 @@ class Names {
     // text, also a name, so it is replaced by a hash.
     std::string Date(const std::string& date) const;
 
-    // A text that may contain the name of any user. Nothing of it is left.
+    // Replaces the complete text, which may contain the name of any user.
     std::string Free(const std::string& text) const;
 
-    // A path. Only the name of the file is left of it, because a directory can have the user's
+    // Returns only the file name of a path, because the name of a directory can contain the user's
     // name.
     std::string Path(const std::string& path) const;
 

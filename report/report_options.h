@@ -9,7 +9,7 @@
 struct Options {
     static constexpr int kDefaultMaxAgeHours = 26;
 
-    std::string mode;         // the option that chose it, such as "status"
+    std::string mode;         // the name of the mode's option, such as "status"
     std::string path;         // the info root
     std::string storage;      // empty: the common storage
     std::string size_limit;   // empty when the option was not given
@@ -19,14 +19,14 @@ struct Options {
     bool is_json = false;
     bool is_anonymous = false;
     int max_age_hours = kDefaultMaxAgeHours;
-    int min_days = 0;   // the days that --check expects the limit to keep; 0: any number
+    int min_days = 0;   // the minimum number of days that the limit must keep (--check); 0: none
     std::string since;  // the first local day of --history; empty: all days
     std::optional<std::int64_t> bytes;  // the size of the upload of --plan
     std::string for_user;               // the user of the planned backup; empty: none
     bool is_for_full = false;           // the planned backup is a full one
     int content_share = 0;              // per cent of the backups whose content --verify downloads
     bool has_orphans = false;           // --verify looks for files that no info file names
-    std::optional<unsigned> seed;       // of the choice of these backups
+    std::optional<unsigned> seed;       // the seed of the random choice of these backups
     std::string chain_date;             // the day to restore; "custom" for the custom backup
 };
 

@@ -37,8 +37,8 @@ void Execute(GlobalSizeControl& account, const EvictionPlan& plan, PlanStep& ste
     step.victims.insert(step.victims.end(), all.begin(), all.end());
 }
 
-// A starting server first finishes interrupted deletions. It cancels those that have removed
-// nothing, which only the storage knows.
+// A starting server first finishes interrupted deletions. It cancels a deletion that has not
+// removed a file yet. Only the storage shows this, so the plan contains such a deletion.
 Victims InterruptedDeletions(GlobalSizeControl& account) {
     Victims victims;
     for (auto& [key, desc] : account.storages) {
@@ -79,7 +79,7 @@ void Reclaim(GlobalSizeControl& account, std::int64_t bytes, PlanStep& step) {
     }
 }
 
-// The server refuses an upload that does not fit even without all removable backups.
+// The server refuses an upload that would not fit even after the deletion of all removable backups.
 std::int64_t MissingFor(const StorageDesc& desc, const EvictionPlan& plan, std::int64_t bytes) {
     if (desc.NeededFor(bytes, false) != bytes) return plan.missing;
     return std::max(plan.missing, LessSize(bytes, LessSize(desc.limit, desc.reserved)));

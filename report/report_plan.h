@@ -1,5 +1,5 @@
-// The deletions of a server that would start now. The functions use the server's own plans, change
-// only the account that they get, and ask no storage.
+// The deletions that a server started now would make. The functions use the server's own plans,
+// change only the account that they get, and do not access the storage.
 #pragma once
 
 #include <cstdint>
@@ -18,7 +18,7 @@ struct PlannedUpload {
     bool is_full = false;
 };
 
-// One step of the server's life.
+// One step of the plan: the server's start, an upload or the server's end.
 struct PlanStep {
     enum class Kind { kStart, kUpload, kEnd };
 

@@ -31,7 +31,8 @@ std::string ValueOf(const std::map<std::string, std::string>& lines, const std::
 
 ServerStatus StatusOf(const ServerFacts& facts) {
     if (facts.holder && facts.pid_file.pid == str::Str(*facts.holder)) return ServerStatus::kRuns;
-    // A server that a signal ends empties its pid file and keeps its locks until its end.
+    // When a signal terminates the server, it truncates its pid file but keeps its locks until it
+    // exits.
     return facts.holder || facts.is_locked ? ServerStatus::kChanging : ServerStatus::kNone;
 }
 

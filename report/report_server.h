@@ -17,7 +17,7 @@ enum class ServerStatus {
     kRuns,      // a server is ready
 };
 
-// What the files of a server contain, and who locks them.
+// The content of a server's files, and the locks on them.
 struct ServerFacts {
     std::optional<pid_t> holder;  // the process that holds the pid file's record lock
     bool is_locked = false;       // a process holds the pid file's flock
@@ -34,11 +34,10 @@ struct ServerReport {
     std::string since;
     std::string date;
     std::string storage;     // the identity; "" when the state file is not the server's
-    std::string size_limit;  // as the server was started; "" when no server is ready
+    std::string size_limit;  // given at the start of the server; "" when no server is ready
     std::string count_limit;
-    std::optional<std::int64_t> reserved;  // only if the state file has it
-    // Describes a state file that a server left which does not run any more; empty when there is
-    // none.
+    std::optional<std::int64_t> reserved;  // set only if the state file contains it
+    // Describes a state file of a server that no longer runs; empty when there is none.
     std::string stale;
 };
 

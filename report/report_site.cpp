@@ -13,8 +13,8 @@
 
 namespace {
 
-// Records a fault of a file without its path. `reason` may contain the path, which contains the
-// name of the user, so it is replaced by the shown name.
+// Returns the fault of a file for a finding. `reason` may contain the path and so the user's name.
+// The path is replaced by the name that the report shows.
 std::string FaultText(const Site& site, const std::string& path, const std::string& user,
                       std::string reason) {
     const std::string shown = site.names.Path(path);
@@ -29,7 +29,7 @@ class Collector : public ScanObserver {
 
     void Take(const std::string& path, const quarn2::InfoReader& info, ScanResult result) override {
         Backup backup = FromInfo(path, info, result);
-        // The ledger has more about an unfinished backup.
+        // The ledger contains more information about an unfinished backup.
         if (backup.state == State::kUnfinished && IsInLedger(backup)) return;
         take_(std::move(backup));
     }
@@ -62,7 +62,7 @@ void CheckInfoRoot(const Site& site) {
                              "' does not exist: is --path right?");
 }
 
-// Reads one entry again as text, because a server takes every text as an entry.
+// Reads one entry again as text, because the server accepts any text as an entry.
 void CheckEntry(Site& site, const Ledger& ledger, const LedgerEntry& entry) {
     const std::string path = kro_file::ConcatPath(ledger.directory(), entry.name);
     const std::string user = FromEntry(entry).user;

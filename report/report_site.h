@@ -33,13 +33,12 @@ struct Site {
 // Reads the server's files and the ledger. Records a finding for each that cannot be read.
 void ReadServerAndLedger(Site& site);
 
-// Receives one backup: of an info file, or of the ledger.
+// Receives one backup, read from an info file or from the ledger.
 using TakeBackup = std::function<void(Backup&& backup)>;
 
 // Scans the info files once, fills the account and calls `take` for each backup, then for each
-// ledger entry. Records a finding
-// for each info file that cannot be read. Throws kro_err::Error when the info root is missing or
-// cannot be listed.
+// ledger entry. Records a finding for each info file that cannot be read. Throws kro_err::Error
+// when the info root is missing or cannot be listed.
 void ScanSite(Site& site, const TakeBackup& take);
 
 // The limits of the options or, if these are missing, of the running server. `is_known` is false
@@ -52,11 +51,11 @@ struct KnownLimits {
 };
 KnownLimits ChooseLimits(const Options& options, const ServerReport& server);
 
-// The time at which ages are counted: the beginning of the reference date, or now.
+// The time relative to which ages are computed: the beginning of the reference date, or now.
 kro_date::DateTime ReferenceTime(const Options& options);
 
 // Looks for the index beside the info file.
 LocalFiles FindLocalFiles(const std::string& info_path);
 
-// True for an entry file whose text is not that of an entry.
+// True for an entry file whose content is not a valid entry.
 bool IsBroken(const LedgerEntry& entry, const std::string& text);

@@ -6,9 +6,10 @@
 #include <string_view>
 #include <vector>
 
-// Replaces every character that could change the output of a terminal: control characters, the
-// controls of text direction, line separators, and bytes that are not valid UTF-8. A byte becomes
-// "\x1b", another character "\u202e". A backslash is doubled, so that the result is unambiguous.
+// Replaces every character that could change the output of a terminal: control characters,
+// bidirectional control characters, line separators, and bytes that are not valid UTF-8. A byte
+// becomes "\x1b", another character "\u202e". A backslash is doubled, so that the result is
+// unambiguous.
 std::string Escaped(std::string_view text);
 
 // A size in bytes with three significant digits and a decimal unit: "999 B", "1.23 GB".

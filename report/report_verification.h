@@ -20,5 +20,5 @@ struct VerificationResult {
 void KeepVerification(const std::string& storage, const VerificationResult& result);
 
 // Returns nothing when no verification has been kept. Throws kro_err::Error when the file cannot be
-// read, is not one of this user or root, or has not the format.
+// read, is not owned by this user or root, or has an invalid format.
 std::optional<VerificationResult> LastVerification(const std::string& storage);

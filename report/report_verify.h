@@ -9,8 +9,8 @@
 
 #include "quarn2/storage.h"
 
-// The files on the storage, listed directory by directory. Keeps the names of the root and of the
-// directory of the last question. The functions throw kro_err::Error when the storage cannot be
+// The files on the storage, listed directory by directory. Caches the names in the root and in
+// the directory that it listed last. The functions throw kro_err::Error when the storage cannot be
 // listed.
 class StoredFiles {
   public:

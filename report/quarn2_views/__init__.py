@@ -1,1 +1,1 @@
-"""The metrics and the page: views of what quarn2_report prints as JSON."""
+"""The metrics and the page: views of the JSON output of quarn2_report."""

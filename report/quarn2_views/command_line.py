@@ -8,7 +8,7 @@ from .source import Report
 from .texts import escaped
 
 DONE, FAILED, USAGE = 0, 1, 2
-# Of quarn2_report: it gets these options as they are.
+# Options that are passed to quarn2_report unchanged: name, value, help.
 _PASSED = (("path", "DIR", "the info root, as for quarn2_report"),
            ("storage", "NAME", "the name that the server of a user's own storage has"),
            ("size-limit", "BYTES", "the size limit, when no server runs"),

@@ -14,7 +14,7 @@ class _Collector:
             found = family(metric.name, metric.text, labels=["storage", *metric.labels])
             for labels, value in metric.samples:
                 found.add_metric([self._storage, *labels], value)
-            # A metric without samples would only be a comment.
+            # A metric without samples would be written as comments only.
             if metric.samples:
                 yield found
 

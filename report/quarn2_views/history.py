@@ -1,4 +1,4 @@
-"""The past of a storage, day by day, from its events and its backups. The functions only process data."""
+"""The history of a storage by day, computed from its events and its backups. The functions only process data."""
 
 import bisect
 import collections
@@ -7,8 +7,8 @@ import datetime
 # A deletion with this reason removes files that never were a complete backup.
 _NEVER_COMPLETE = "incomplete"
 
-# A complete backup. `begin` and `end` are days (ordinals of datetime.date): it existed at the end of each day from `begin`
-# on, and no longer at the end of `end`, which is None for a backup that exists now.
+# The lifetime of a complete backup. `begin` is the day of its completion and `end` the day of its deletion, both as ordinals
+# of datetime.date. `end` is None for a backup that still exists.
 Life = collections.namedtuple("Life", "user date is_full size begin end")
 
 
@@ -34,10 +34,10 @@ class History:
 
     def __init__(self, first, last):
         self.first, self.last = first, last
-        self.known_from = None  # the day of the first event: nothing is known of the days before
+        self.known_from = None  # the day of the first event; earlier days are unknown
         self.intake = collections.Counter()
         self.deletions = collections.defaultdict(collections.Counter)  # {reason: {day: backups}}
-        self.lives = []  # of the deleted backups
+        self.lives = []  # a Life for each deleted backup
         self._used, self._limit = {}, {}
         self._completed = {}
 
@@ -62,7 +62,7 @@ class History:
             self.lives.append(Life(event["user"], event["date"], event["type"] == "full", event["size"] or 0, begin, day))
 
     def days(self):
-        """Returns the days that are known. There is none without events."""
+        """Returns the days from the first event to `last`. The range is empty without events."""
         return range(self.known_from, self.last + 1) if self.known_from is not None else range(0)
 
     def used(self):
@@ -79,7 +79,7 @@ class History:
 
 
 def _carried(values, days):
-    """Returns the value of each day: that of the last day that has one, None before the first."""
+    """Returns a value for each day. A day without a value gets the previous day's value, or None before the first value."""
     found, last = [], None
     for day in days:
         last = values.get(day, last)
@@ -112,7 +112,7 @@ def protected_sums(lives, days):
 
 
 def _add_changes(changes, lives, days):
-    """Adds the changes of a user's protected size. It changes only on days on which a backup begins or ends."""
+    """Adds the changes of a user's protected size. It changes only on days on which a Life begins or ends."""
     marks = {days.start} | {life.begin for life in lives} | {life.end for life in lives if life.end is not None}
     before = 0
     for day in sorted(mark for mark in marks if days.start <= mark < days.stop):
@@ -134,6 +134,6 @@ def _protected(lives):
 
 
 def usual_intake(history, days=7):
-    """Returns the mean size per day that was completed in the last days with uploads, None without any."""
+    """Returns the mean size of the backups completed per day, over the last `days` days with uploads. None without uploads."""
     sizes = [size for day, size in sorted(history.intake.items()) if size > 0][-days:]
     return sum(sizes) // len(sizes) if sizes else None

@@ -11,7 +11,7 @@ from .replacement import replace_file
 from .source import ReportFailed, reason_of
 
 PROGRAM = "quarn2_metrics"
-# The collector runs as another user. Without --per-user, the file has no names.
+# The collector runs as another user. Without --per-user, the file contains no user names.
 _MODE = 0o644
 
 
@@ -31,7 +31,7 @@ def options():
 def parse(arguments):
     parser = options()
     given = parser.parse_args(arguments)
-    # The collector ignores other names, so the metrics would be missing without an error.
+    # The collector reads only files named *.prom. It would ignore any other file without an error.
     if given.file is not None and not given.file.endswith(".prom"):
         parser.error(f"{given.file!r} does not end in .prom")
     return given
@@ -54,16 +54,16 @@ def write(given, content):
     if given.file is not None:
         replace_file(given.file, content, _MODE)
         return
-    # sys.stdout would keep what it could not write, and fail again at the end of the program.
+    # After a failed write, sys.stdout keeps the data in its buffer and fails again when the program exits.
     while content:
         content = content[os.write(sys.stdout.fileno(), content):]
 
 
 def storage_label(given):
-    """Returns the label of a report that failed. The hash of the name is not known then."""
+    """Returns the label `storage` for a failed report, in which the hash of the name is not known."""
     if given.anonymous and given.storage:
         return "anonymous"
-    # As quarn2_report writes a name that is not valid UTF-8.
+    # Replaces invalid UTF-8 in the same way as quarn2_report.
     return (given.storage or "").encode(errors="surrogateescape").decode(errors="replace")
 
 

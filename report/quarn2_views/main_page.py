@@ -12,7 +12,7 @@ from .source import ReportFailed, reason_of
 from .texts import escaped, size_text
 
 PROGRAM = "quarn2_page"
-# The page has the names of the users. The group is that of the existing file, such as the web server's.
+# The page contains the names of the users. The new file keeps the group of the existing file, such as the web server's.
 _MODE = 0o640
 
 
@@ -46,7 +46,7 @@ def one_object(report, *mode):
 
 
 def read_history(report, given, last):
-    """Reads the events of the storage. Without --storage, quarn2_report shows those of all storages."""
+    """Reads the events of the storage. Without --storage, quarn2_report prints the events of all storages."""
     history = History(last - given.days + 1, last)
     for event in report.objects("--history", "--since", date_text(history.first))[0]:
         if given.storage or event["storage"] is None:
@@ -55,7 +55,7 @@ def read_history(report, given, last):
 
 
 def read_plan(report, night):
-    """Returns the planned evictions and why there is no plan, one of them empty."""
+    """Returns (planned evictions, reason for a missing plan). One of the two is empty."""
     size = [] if night is None else ["--bytes", str(night)]
     try:
         return evictions(report.objects("--plan", *size)[0]), ""

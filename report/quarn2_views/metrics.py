@@ -1,4 +1,4 @@
-"""The decision which value of quarn2_report becomes which metric. The functions only process data."""
+"""Maps the values of quarn2_report to metrics. The functions only process data."""
 
 from typing import NamedTuple
 
@@ -9,7 +9,7 @@ _SECONDS_PER_HOUR = 60 * 60
 
 
 class Metric(NamedTuple):
-    """A metric without the label `storage`, which all metrics have. `samples` is a list of (labels, value)."""
+    """A metric. `samples` is a list of (labels, value), to which text_of() adds the label `storage`."""
     name: str
     text: str
     samples: list
@@ -18,7 +18,7 @@ class Metric(NamedTuple):
 
 
 def _number(value):
-    """Nothing for an unknown value (None) and for "none", a limit that does not exist."""
+    """Returns the samples of a value. An unknown value (None) and a missing limit ("none") have no sample."""
     return [] if value is None or isinstance(value, str) else [((), value)]
 
 
@@ -55,7 +55,7 @@ def _times(status):
 
 
 def _forecast(status):
-    """A forecast without data, and a condition that is not within a year, have no sample."""
+    """Omits the sample when there is no data, or when the forecast time is more than a year away."""
     samples = [((begin, bound), forecast[bound + "_days"] * _SECONDS_PER_DAY)
                for begin, forecast in status["forecast"].items() for bound in ("expected", "earliest", "latest")
                if forecast["has_data"] and forecast[bound + "_days"] is not None]
@@ -64,7 +64,7 @@ def _forecast(status):
 
 
 def _verification(status):
-    """A storage that has never been verified has no sample."""
+    """Yields no samples for a storage that has never been verified."""
     last = status["verification"] or {"time": None, "backups": None, "content": None, "problems": None}
     yield Metric("quarn2_verification_timestamp_seconds", "End of the last verification.", _number(seconds(last["time"])))
     yield Metric("quarn2_verification_backups", "Backups that the last verification compared with the storage.",
@@ -95,7 +95,7 @@ def status_metrics(status, findings):
         Metric("quarn2_overdue_users", "Users whose newest complete backup is too old, or who have none.", [((), overdue)]),
         Metric("quarn2_max_age_seconds", "Age from which a user is overdue.",
                [((), status["max_age_hours"] * _SECONDS_PER_HOUR)]),
-        # Each overdue user is a finding. The others name what could not be read.
+        # Each overdue user is a finding. Each other finding is a part of the state that could not be read.
         Metric("quarn2_unreadable_parts", "Info files and other parts of the state that could not be read.",
                [((), max(0, findings - overdue))]),
         Metric("quarn2_server_running", "1 while a size control server is ready, else 0.",
@@ -104,7 +104,7 @@ def status_metrics(status, findings):
 
 
 def report_metrics(is_success, now):
-    """Returns the metrics that every file has, also after a failure."""
+    """Returns the metrics that every file contains, also after a failure."""
     return [Metric("quarn2_report_success", "1 if quarn2_report made this report, 0 if it failed.",
                    [((), int(is_success))]),
             Metric("quarn2_report_timestamp_seconds", "Time of this report.", [((), now)])]
@@ -114,7 +114,7 @@ def user_metrics(backups):
     """Returns the metrics of each user, from the objects of `--list`.
 
     Names that differ only in bytes that are not valid UTF-8 have the same text, and two samples with the same labels
-    would make the complete file invalid. Such users are added up.
+    would make the complete file invalid. The values of such users are added.
     """
     sizes, counts, newest = {}, {}, {}
     for one in backups:

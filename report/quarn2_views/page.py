@@ -1,4 +1,4 @@
-"""Makes the page from its model, with Jinja2. Every text is escaped, except the style, the script and the plots."""
+"""Generates the page from its model, with Jinja2. Escapes every text except the style, the script and the plots."""
 
 import base64
 import hashlib

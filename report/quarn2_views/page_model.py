@@ -1,11 +1,11 @@
-"""The decision what the page shows. The functions only process data, and return texts that are not escaped for HTML."""
+"""Decides what the page shows. The functions only process data, and return texts that are not escaped for HTML."""
 
 from .history import current_life, date_text, protected_sums
 from .texts import count_text, escaped, size_text
 
-# The tables of overdue users and of evictions end after this number. The page says how many are missing.
+# The maximum number of rows in the tables of overdue users and of evictions. The page shows the number of missing rows.
 MAX_ROWS = 100
-# As in the text output of quarn2_report.
+# The same texts as in the text output of quarn2_report.
 REASONS = {
     "count-daily": "more daily backups than the count limit", "count-full": "more full backups than the count limit",
     "size-start": "more than the size limit at the start of the server", "size-reserve": "space for an upload",
@@ -19,7 +19,7 @@ _VERDICTS = {"OK": ("good", "No problem is known"), "WARNING": ("warning", "Warn
 
 
 class Users:
-    """Adds up the backups of `--list` by user, and keeps the lives of the complete ones."""
+    """Adds up the backups of `--list` by user, and records the lifetimes of the complete backups."""
 
     def __init__(self):
         self.lives = []
@@ -143,7 +143,7 @@ def space_series(history, lives, protected_now):
     """Returns the dates and {name: values} of the plot of the space."""
     days = history.days()
     protected = protected_sums(lives + history.lives, days)
-    # The events of the last day are not complete yet, and quarn2_report knows more than the dates.
+    # The events of the last day are not complete yet, so its value comes from the status of quarn2_report.
     if protected:
         protected[-1] = protected_now
     series = {"used": history.used(), "protected": protected, "limit": history.limit()}
@@ -163,14 +163,14 @@ def table_of(dates, series, form):
 
 
 def span_text(name, dates, values, form):
-    """Describes a line for readers that do not see it."""
+    """Describes a line of a plot for screen readers."""
     known = [(date, value) for date, value in zip(dates, values) if value is not None]
     (first, begin), (last, end) = known[0], known[-1]
     return f"{name}: {form(begin)} on {first}, {form(end)} on {last}"
 
 
 def fitting(rows, budget, size_of):
-    """Returns the rows that fit into a number of bytes: overdue users first, the order stays."""
+    """Returns the rows that fit into `budget` bytes. Selects overdue users first, and keeps the order of the rows."""
     chosen, left = set(), budget
     for place in sorted(range(len(rows)), key=lambda place: not rows[place]["is_overdue"]):
         left -= size_of(rows[place])

@@ -8,17 +8,17 @@ import pygal
 from .texts import size_text
 
 _SVG = "http://www.w3.org/2000/svg"
-# Of what the library draws, only these elements and attributes get into the page. So no plot has a script, a style or a
-# link, whatever the library adds to it.
+# The allowed SVG elements and attributes. All others are removed, so that no script, style or link of the plot library gets
+# into the page.
 _ELEMENTS = {"svg", "g", "rect", "path", "text", "circle"}
 _ATTRIBUTES = {"class", "d", "height", "rx", "ry", "transform", "viewBox", "width", "x", "y", "cx", "cy", "r"}
-# Groups that only the library's script uses, and empty ones.
+# Groups that only the library's script uses, and empty groups.
 _UNUSED_CLASSES = {"overlay", "text-overlay", "tooltip-overlay", "titles"}
 _LONG_NUMBER = re.compile(r"(\d+\.\d)\d+")
 
 
 def _cleaned(element):
-    """Returns a copy with the allowed parts, or None for an element that is not allowed."""
+    """Returns a copy with only the allowed parts, or None for an element that is not allowed."""
     tag = element.tag.removeprefix("{%s}" % _SVG) if isinstance(element.tag, str) else ""
     if tag not in _ELEMENTS or _UNUSED_CLASSES & set(element.get("class", "").split()):
         return None
@@ -54,7 +54,7 @@ def _bytes(value):
 
 def space_plot(dates, series, label):
     """Draws lines of sizes. `series` is {name: values}; a value of None is unknown."""
-    # The line of a single day has no length.
+    # With a single day the line has no length, so the plot shows a dot.
     chart = pygal.Line(show_dots=len(dates) == 1, **_options(dates, _bytes))
     for name, values in series.items():
         chart.add(name, values)

@@ -42,7 +42,7 @@ class Report:
 
     def _run(self, command, out, statuses):
         """Returns the text of standard error."""
-        # No mode that is used here asks the storage, so the token stays away.
+        # None of these modes accesses the storage, so the token is removed from the environment.
         environment = {name: value for name, value in os.environ.items() if name != "BACKUP_TOKEN"}
         try:
             result = subprocess.run(command, stdin=subprocess.DEVNULL, stdout=out, stderr=subprocess.PIPE,

@@ -6,7 +6,7 @@ _UNITS = ("B", "kB", "MB", "GB", "TB", "PB", "EB")
 
 
 def escaped(text):
-    """Replaces the characters that could change how other text is shown, such as controls of the text direction."""
+    """Replaces the characters that could change how other text is shown, such as bidirectional control characters."""
     return "".join(_escaped_letter(letter) for letter in text)
 
 
@@ -42,7 +42,7 @@ def day_seconds(date):
 
 
 def seconds(text, form="%Y-%m-%d %H:%M:%S"):
-    """Returns a local time as seconds since 1970, or None for a text that is not of this form."""
+    """Returns a local time in the format `form` as seconds since 1970, or None for any other text."""
     try:
         return datetime.datetime.strptime(text, form).timestamp()
     except (TypeError, ValueError, OverflowError):
