@@ -62,7 +62,7 @@ def options_of_parser(name):
 # --- Man pages ---
 
 def roff(text):
-    """Returns the text with the characters escaped that roff would interpret."""
+    """Escapes the characters that roff would interpret."""
     text = text.replace("\\", "\\e").replace("-", "\\-")
     return "\\&" + text if text[:1] in ".'" else text
 

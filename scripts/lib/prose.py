@@ -30,9 +30,9 @@ def _clean(lines, markers):
 
 
 def _blocks(lines):
-    """Blocks of consecutive comment lines.
+    """Yields the entries of each block of consecutive comment lines.
 
-    `lines`: (line, column, text, whether the comment is alone on its line). Yields the entries of each block.
+    `lines`: (line, column, text, whether the comment is alone on its line).
     """
     block = []
     for entry in lines:
@@ -49,7 +49,7 @@ def _blocks(lines):
 
 
 def _cpp_code(text):
-    """The text with comments and the content of strings replaced by blanks, and the comments as matches."""
+    """Returns the text with blanks instead of comments and strings, and the comments as matches."""
     comments, pieces, done = [], [], 0
     for match in CPP_TOKEN.finditer(text):
         if match["comment"]:
@@ -87,7 +87,7 @@ def _cpp_name(header):
 
 
 def _header_after(code, offset):
-    """The code from the offset to the end of the next declaration's head."""
+    """Returns the code from the offset to the end of the head of the next declaration."""
     depth = 0
     for end in range(offset, len(code)):
         character = code[end]
@@ -117,7 +117,7 @@ class _CppScopes:
                 self.events.append((at, tuple(scope for scope, _ in stack)))
 
     def at(self, offset):
-        """(the names of the types, the name of the outermost function or variable or "")."""
+        """Returns (names of the enclosing types, name of the outermost function or variable, "" if there is none)."""
         scopes = self.events[bisect.bisect_right(self.events, offset, key=lambda event: event[0]) - 1][1]
         types, function = [], ""
         for kind, name in scopes:
@@ -256,7 +256,7 @@ def shell_comments(text):
 
 
 def cmake_comments(text):
-    """(line, name, comment) of each block of comments; the name is the command behind it and its first argument."""
+    """(line, name, comment) of each block of comments; the name is the next command and its first argument."""
     def name_of(line):
         command = re.match(r"\s*(\w+)\(\s*([\w${}:.]*)", line)
         return f"{command[1]}({command[2]})" if command else ""
