@@ -23,15 +23,17 @@ bool IsOwnSlice(const std::string& name, const std::string& user, const std::str
 
 [[noreturn]] void ThrowForeignSlice(const std::string& date, const std::string& slice) {
     throw std::runtime_error("the info file of the backup for " + date + " names the slice '" +
-                             slice + "', which is none of this backup; correct the info file");
+                             slice +
+                             "', which does not belong to this backup; correct the info file");
 }
 
 void CheckSlices(const quarn2::InfoMap& info, const std::string& user, const std::string& date,
                  const std::vector<std::string>& slices) {
     const std::string last = LastSliceOf(info);
     if (last.empty()) {
-        throw std::runtime_error("the info file of the backup for " + date +
-                                 " names no last slice, so the backup cannot be restored from it");
+        throw std::runtime_error(
+            "the info file of the backup for " + date +
+            " does not name the last slice, so the backup cannot be restored from it");
     }
     for (const std::string& slice : slices) {
         if (!IsOwnSlice(slice, user, date, slice == last)) ThrowForeignSlice(date, slice);

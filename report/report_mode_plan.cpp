@@ -27,8 +27,8 @@ struct Plan {
 
 [[noreturn]] void ThrowUnknownLimits() {
     throw std::runtime_error(
-        "the limits are unknown, because no server runs: give --size-limit and --count-limit as "
-        "the server will get them");
+        "the limits are unknown, because no server runs: give the --size-limit and --count-limit "
+        "with which the server will be started");
 }
 
 // Plans without count limits when neither an option nor a running server sets them.

@@ -94,7 +94,7 @@ class HostileNames(ReportTest):
         self.assertNotIn("\x1b", err)
         status, out, err = self.report("--chain", HOSTILE[1].decode(), DATE)
         self.assertEqual((1, ""), (status, out))
-        self.assertIn("names the slice '../x', which is none of this backup", err)
+        self.assertIn("names the slice '../x', which does not belong to this backup", err)
 
     def test_anonymous_output_has_no_name_and_is_the_same_in_each_run(self):
         write(os.path.join(self.r.info_root, "secret-name.info"), "finished=x\nsize=1")

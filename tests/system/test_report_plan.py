@@ -84,8 +84,8 @@ kept
         self.assertEqual(("keep", DATE, "newest of its user"), (kept["action"], kept["date"], kept["reason"]))
 
     def test_needs_limits_and_all_users(self):
-        self.assertEqual((1, "", "quarn2_report: the limits are unknown, because no server runs: give --size-limit and "
-                                 "--count-limit as the server will get them\n"), self.report("--plan"))
+        self.assertEqual((1, "", "quarn2_report: the limits are unknown, because no server runs: give the --size-limit "
+                                 "and --count-limit with which the server will be started\n"), self.report("--plan"))
         for arguments in (["--user", "a"], ["--for", "a"], ["--for", ":full"], ["--bytes", "1k"], ["--bytes", "-1"]):
             self.assertEqual(2, self.report("--plan", "-S", "1", *arguments)[0], arguments)
 

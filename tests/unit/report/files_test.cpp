@@ -56,20 +56,21 @@ TEST(ReportFiles, SizesOfEncryptedFilesAreUnknown) {
 }
 
 TEST(ReportFiles, ASliceOfAnotherBackupIsRefused) {
-    const std::string begin = "the info file of the backup for 2026-11-15 names ";
-    EXPECT_EQ(Fault({}), begin + "no last slice, so the backup cannot be restored from it");
+    const std::string begin = "the info file of the backup for 2026-11-15 ";
+    EXPECT_EQ(Fault({}),
+              begin + "does not name the last slice, so the backup cannot be restored from it");
     for (const std::string slice :
          {"F2026-11-15.web2.1.dar", "F2026-11-14.web1.1.dar", "../F2026-11-15.web1.1.dar",
           "/etc/F2026-11-15.web1.1.dar", "web2/2026-11-15/F2026-11-15.web1.1.dar", "..",
           "F2026-11-15.web1.1.dar\x1b"}) {
         EXPECT_EQ(Fault({{"last-slice", slice}}),
-                  begin + "the slice '" + slice +
-                      "', which is none of this backup; correct the info file");
+                  begin + "names the slice '" + slice +
+                      "', which does not belong to this backup; correct the info file");
     }
-    EXPECT_EQ(
-        Fault({{"last-slice", "F2026-11-15.web1.1.dar"}, {"role-x", "web2/2026-11-15/f"}}),
-        begin +
-            "the slice 'web2/2026-11-15/f', which is none of this backup; correct the info file");
+    EXPECT_EQ(Fault({{"last-slice", "F2026-11-15.web1.1.dar"}, {"role-x", "web2/2026-11-15/f"}}),
+              begin +
+                  "names the slice 'web2/2026-11-15/f', which does not belong to this backup; "
+                  "correct the info file");
     EXPECT_EQ(Fault({{"last-slice", "F2026-11-15.web1.1.dar"}, {"role-x", "databases.tgz"}}),
               "(none)");
 }
