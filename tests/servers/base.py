@@ -21,11 +21,11 @@ INSTALL = "run 'scripts/install-deps servers' as root"
 
 
 class ServerError(Exception):
-    """Raised when a server cannot run. The text contains what to do."""
+    """Raised when a server cannot run. The message says how to fix the problem."""
 
 
 def mounts_below(folder):
-    """Mount points below a folder, the innermost first."""
+    """Returns the mount points below a folder, the innermost first."""
     prefix = os.path.join(os.path.realpath(folder), "")
     with open("/proc/self/mountinfo", encoding="utf-8", errors="surrogateescape") as mounts:
         points = [line.split()[4].encode("utf-8", "surrogateescape").decode("unicode_escape")
@@ -68,7 +68,7 @@ class Server:
         raise NotImplementedError
 
     def is_ready(self):
-        """True when the server answers requests."""
+        """Returns True if the server answers requests."""
         raise NotImplementedError
 
     def prepare(self):
@@ -101,7 +101,7 @@ class Server:
         self.write(f"run/{name}.id", processes.identity(process.pid) or f"{process.pid} ended")
 
     def pid(self, name):
-        """The id of a process that spawn() has started under this name."""
+        """Returns the id of the process that spawn() has started under this name."""
         with open(self.file("run", name + ".id"), encoding="ascii") as file:
             return int(file.read().split()[0])
 
@@ -120,13 +120,13 @@ class Server:
         return self.file("tls", f"{name}.{part}")
 
     def web_password(self):
-        """The line of a web server's password file. It uses the fastest hash: the server computes it for each
+        """Returns the line of a web server's password file. It uses the fastest hash: the server computes it for each
         request, so a slow hash would dominate the measurements of small files."""
         digest = hashlib.sha1(self.info["password"].encode()).digest()
         return f"{self.info['user']}:{{SHA}}{base64.b64encode(digest).decode()}\n"
 
     def answers(self, port, greeting, request=b""):
-        """True when a server accepts a connection on the port and its reply begins with this greeting."""
+        """Returns True if a server accepts a connection on the port and its reply begins with this greeting."""
         try:
             with socket.create_connection(("127.0.0.1", port), 1) as peer:
                 peer.settimeout(5)
@@ -150,7 +150,7 @@ class Server:
         self.check_reach()
         certificates.make(self.file("tls"))
         self.info = {"name": self.name, "host": "127.0.0.1", "user": "tester",
-                     # Contains the characters that need escaping in a token or in a password file.
+                     # The password contains the characters that need escaping in a token or in a password file.
                      "password": "p@ss/w%rd? #" + secrets.token_hex(4),
                      "ca": self.file("tls", "ca.crt"), "directory": self.path}
         try:
@@ -181,7 +181,7 @@ class Server:
         """Sends a signal to all processes of the server. SIGKILL ends all at once, like a crash of the machine."""
         main = self.processes()
         if number == signal.SIGKILL:
-            processes.send(main, signal.SIGSTOP)  # so that they start no more children
+            processes.send(main, signal.SIGSTOP)  # Stopped processes start no more children.
         family = [each for process in main for each in processes.tree(process)]
         processes.send(family, number)
         if number == signal.SIGKILL:
@@ -215,7 +215,7 @@ class Server:
     # --- Internal ---
 
     def processes(self):
-        """The identities of this directory's running processes, the last started first."""
+        """Returns the identities of this directory's running processes, the last started first."""
         with contextlib.suppress(FileNotFoundError):
             names = [name for name in os.listdir(self.file("run")) if name.endswith(".id")]
             paths = sorted((self.file("run", name) for name in names), key=os.path.getmtime)

@@ -33,8 +33,8 @@ class PureFtpd(Server):
         self.info.update(port=base, tls_port=base, expired_port=last - 1, self_signed_port=last,
                          first_passive_port=base + 1, last_passive_port=last - 10, path="/")
         self.start_daemon("server", base, base + 1, last - 10)
-        # A client that rejects the certificate opens no data connection. But with a range of one port,
-        # pure-ftpd corrupts its memory.
+        # A client that rejects the certificate opens no data connection. Each server still has several data ports,
+        # because pure-ftpd corrupts its memory if the range has only one port.
         self.start_daemon("expired", last - 1, last - 9, last - 6)
         self.start_daemon("self_signed", last, last - 5, last - 2)
 

@@ -72,8 +72,8 @@ class Bounds {
     long before_ = 0;
 };
 
-// Calls `deed` and returns the text of the kro_err::Error that it throws. Fails the test if the
-// text contains the password of the test's token.
+// Calls the function and returns the text of the kro_err::Error that the function throws. Fails the
+// test if the text contains the password of the test's token.
 template <class Deed>
 std::string ErrorOf(const Deed& deed) {
     try {

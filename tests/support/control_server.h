@@ -1,5 +1,5 @@
-// Acts as the node client behind a control socket: answers each command with a function of the
-// test.
+// Acts as the node client behind a control socket. Calls a function that the test supplies to
+// answer each command.
 #pragma once
 
 #include <poll.h>

@@ -3,7 +3,7 @@
 //
 // A pause of ten seconds or more ends as soon as the file tmp/end_pauses exists in the install
 // root, which is the working directory. While the file exists, the steady clock is a day ahead, so
-// every timeout of silence has expired. Everything else is real time.
+// every idle timeout has expired. Everything else is real time.
 #include <time.h>
 #include <unistd.h>
 

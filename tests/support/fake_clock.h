@@ -18,7 +18,8 @@ void Set(std::time_t now);
 // Advances the system time and the steady clock without a sleep.
 void Pass(int milliseconds);
 
-// Sets a hook. Each sleep calls it with its milliseconds before it returns.
+// Sets a hook. Each sleep calls the hook with the length of the sleep in milliseconds, and then
+// returns.
 void OnSleep(std::function<void(int)> hook);
 
 // Returns the lengths of all sleeps since Reset, in milliseconds. A sleep advances the clock and

@@ -52,7 +52,7 @@ enum class Action : std::uint32_t {
     kKillAfter = 2,
     kFail = 3,   // the call fails with Control::error
     kShort = 4,  // the call transfers half of the data
-    kTorn = 5,   // the call transfers about half of the data, in whole pages, then the kill
+    kTorn = 5,   // the call transfers about half of the data, in whole pages; then the process dies
 };
 
 // The header of the shared file. kEntries texts of kEntrySize bytes follow, one for each point:

@@ -196,7 +196,8 @@ bool Relay::IsHolding() const {
     return has_sent_ && std::chrono::steady_clock::now() - sent_at_ < quiet_;
 }
 
-// Returns the maximum time to wait for news: until held answers may pass, or -1 for any time.
+// Returns the timeout of poll(): the maximum time until the relay may forward held answers, or -1
+// for no timeout.
 int Relay::WaitMilliseconds() const { return IsHolding() ? static_cast<int>(quiet_.count()) : -1; }
 
 void Relay::CountRoundTrip() {

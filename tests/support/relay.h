@@ -27,10 +27,10 @@ class Relay {
         kClose,  // all connections end as if both sides had closed them
         kStall,  // all connections stay open, but no data pass
     };
-    // The condition that starts a failure (Harm): `bytes` bytes have passed in the direction `way`,
-    // and at least one more byte is waiting. The failure does not start before `after_up` bytes
-    // have passed from the client to the server. `bytes` does not count the bytes that pass from
-    // the server to the client before that.
+    // The condition that starts a failure (Harm). At least `after_up` bytes must have passed from
+    // the client to the server. Then the failure starts when `bytes` bytes have passed in the
+    // direction `way` and at least one more byte is waiting. For kDown, `bytes` counts only bytes
+    // that pass after the first `after_up` bytes. For kUp, it counts all bytes.
     struct When {
         Way way = Way::kUp;
         std::int64_t bytes = 0;
@@ -66,8 +66,8 @@ class Relay {
     // sent them all by then, however early the server answers the first.
     void HoldAnswers(std::chrono::milliseconds quiet);
     // Returns how often the client had to wait for the server since HoldAnswers(): the changes from
-    // sending to receiving, and the new connections. A client that another process delays in the
-    // middle of its requests is counted once more, so a test takes the minimum of several tries.
+    // sending to receiving, and the new connections. Each delay of the client in the middle of its
+    // requests adds one to the count, so a test uses the minimum of several attempts.
     int RoundTrips();
 
     // Both functions count from the creation of the relay. Passed returns the bytes that the relay
@@ -81,11 +81,12 @@ class Relay {
         ResHandle handle;
         int accepted = 0;
     };
-    // The data of one direction.
+    // The data that the relay has received in one direction and not yet sent, and the state of the
+    // direction.
     struct Flow {
         std::string waiting;
         bool ended = false;   // the sender has closed this direction
-        bool passed = false;  // the relay has closed it towards the receiver
+        bool passed = false;  // the relay has forwarded this end to the receiver
     };
     struct Connection {
         std::array<ResHandle, 2> sides;  // the client, the server

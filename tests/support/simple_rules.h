@@ -65,9 +65,9 @@ class Rules {
     std::int64_t free = 0;
     std::int64_t reserved = 0;
     int max_count = 0;
-    std::vector<User> users;  // by name
+    std::vector<User> users;  // sorted by name
     std::vector<Item> items;
-    std::vector<Eviction> evictions;  // in order
+    std::vector<Eviction> evictions;  // in the order of execution
 
     void Scan() {
         limit = free = size_limit;
@@ -122,8 +122,8 @@ class Rules {
         return false;
     }
 
-    // Does what a server does at its start. Changes nothing and returns false if the backups cannot
-    // fit into the limits.
+    // Applies the limits as a server does when it starts. Changes nothing and returns false if the
+    // backups cannot fit into the limits.
     bool FitIntoLimits() {
         Rules trial = *this;
         trial.DropByCount();

@@ -1,6 +1,6 @@
 // The fixture of the conformance suite, which checks the contract of a storage for every backend.
-// unit/quarn2/storage_conformance.cpp contains the tests and is compiled once. A backend joins with
-// a file that instantiates the suite:
+// unit/quarn2/storage_conformance.cpp contains the tests and is compiled once. Each backend has a
+// source file that instantiates the suite:
 //
 //     INSTANTIATE_TEST_SUITE_P(Local, StorageConformance,
 //                              testing::Values(SiteKind<LocalSite>("local")),

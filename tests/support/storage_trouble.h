@@ -1,6 +1,6 @@
-// The fixture of the suite that checks how a storage behind a network fails when connections
-// break or stall, or the server refuses. unit/quarn2/storage_trouble.cpp contains the tests and is
-// compiled once. A backend joins with a file that instantiates the suite:
+// The fixture of the suite that checks how a storage behind a network fails when connections break
+// or stall, or the server refuses connections. unit/quarn2/storage_trouble.cpp contains the tests
+// and is compiled once. Each backend has a source file that instantiates the suite:
 //
 //     INSTANTIATE_TEST_SUITE_P(Sftp, StorageTrouble,
 //                              testing::Values(TroubledSite<SftpSite>("password")),
@@ -146,8 +146,8 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
         ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << status;
         WaitUntilNothingIsWritten();
     }
-    // Waits until the server has written what it received from broken connections. Until then, the
-    // next upload takes their temporary files for those of running uploads.
+    // Waits until the server has written the data that it received from broken connections. Until
+    // then, the next upload assumes that their temporary files belong to running uploads.
     void WaitUntilNothingIsWritten() const {
         EXPECT_TRUE(SoonTrue([&] { return !site_->IsBeingWritten(); }));
     }

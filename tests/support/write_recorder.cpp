@@ -101,7 +101,7 @@ class Turn {
         for (;;) {
             pid_t other = 0;
             if (TheRecorder().owner->compare_exchange_weak(other, self)) return;
-            // A killed process cannot release the lock, so another process does.
+            // If the owner was killed, this process releases the lock.
             if (other != 0 && kill(other, 0) != 0) {
                 TheRecorder().owner->compare_exchange_strong(other, 0);
             }
@@ -121,8 +121,8 @@ std::string LinkTarget(const std::string& link) {
 
 std::string PathOf(int fd) { return LinkTarget("/proc/self/fd/" + std::to_string(fd)); }
 
-// Returns the absolute path without empty, "." and ".." components. Resolves no symbolic links,
-// because the program has none here.
+// Returns the absolute path without empty, "." and ".." components. Does not resolve symbolic
+// links, because the watched directory contains none.
 std::string PathOf(int directory, const char* name) {
     std::string given = name;
     if (!given.starts_with('/')) {
