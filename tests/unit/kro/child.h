@@ -44,7 +44,7 @@ class Child {
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    // The exit status, or 128 + the signal.
+    // Waits for the end of the child. Returns its exit status, or 128 + the signal.
     int Wait() {
         int status = 0;
         if (::waitpid(pid_, &status, 0) != pid_) throw std::runtime_error("waitpid failed");
@@ -53,8 +53,8 @@ class Child {
     }
     void Kill() const { ::kill(pid_, SIGKILL); }
 
-    // True if the child has not ended after a short pause. The pause is long enough for a child
-    // that does not wait.
+    // Returns true if the child has not ended after a short pause. The pause is long enough for a
+    // child that is not blocked to end.
     bool StillRuns() const {
         kro_proc::Sleep(150);
         siginfo_t info{};

@@ -1,5 +1,5 @@
-// Tests with system calls that fail, are interrupted or do only a part. The linker replaces the
-// real calls with the functions in this file.
+// Tests with system calls that fail, are interrupted or transfer only a part of the data. The
+// linker replaces the real calls with the functions in this file.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <linux/magic.h>
@@ -21,8 +21,8 @@
 
 namespace {
 
-// A fault of a call: it makes `good` real calls, and then fails with `error` for `times` times (-1:
-// forever).
+// A fault of a system call. The first `good` calls are real, and the next `times` calls fail with
+// `error` (-1: all later calls).
 struct Fault {
     int good = 0;
     int times = 0;
@@ -40,7 +40,7 @@ struct Fault {
 struct Faults {
     Fault fsync, rename, pwrite, copy_file_range, ioctl, ftruncate, fchown, flock, getrandom, write,
         syncfs, fallocate;
-    bool remote = true;                   // the file systems copy on the server
+    bool remote = true;                   // the file systems are NFS, which copies on the server
     std::size_t most_at_once = SIZE_MAX;  // maximum bytes per call
     int end_of_range_copy = -1;       // after this many calls copy_file_range returns 0; -1: never
     std::function<void()> meanwhile;  // called before each copy_file_range and flock
@@ -318,7 +318,7 @@ TEST_F(FaultTest, ALockSurvivesInterruptionsAndTellsFailures) {
 
 TEST_F(FaultTest, ALockOnAFileThatIsReplacedAllTheTimeIsGivenUp) {
     faults.meanwhile = [this] {
-        faults.meanwhile = nullptr;  // Write also locks a file.
+        faults.meanwhile = nullptr;  // Write() calls flock too.
         kro_file::Write(dir_ / "lock", "another");
     };
     kro_file::Lock once;

@@ -45,7 +45,8 @@ class Planted : public testing::Test {
         ASSERT_EQ(::bind(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     }
 
-    // Creates one object after another at the path and calls `deed` for each.
+    // Creates objects of several kinds at the path, one after another, and calls the test's
+    // function for each.
     template <class Deed>
     void WithEach(const std::string& path, const Deed& deed) {
         const std::vector<std::pair<const char*, std::function<void()>>> things = {
@@ -119,7 +120,7 @@ TEST_F(Planted, TextIsNotWrittenThroughALink) {
     EXPECT_EQ(kro_file::Read(path_), "text");
     struct stat status {};
     ASSERT_EQ(::lstat(path_.c_str(), &status), 0);
-    // Not the mode and the owner of the link's target.
+    // The new file does not inherit the mode and the owner of the link's target.
     EXPECT_EQ(status.st_mode, S_IFREG | 0640U);
     EXPECT_EQ(status.st_uid, 0U);
 }

@@ -36,7 +36,8 @@ class Usage : public testing::Test {
   protected:
     Usage() : args_("Backup utility") { DeclareTree(args_); }
 
-    // Returns the output for the words, and the status of EarlyExit, or -1.
+    // Parses the words. Returns the printed output and the status of EarlyExit, or -1 if the parser
+    // did not throw EarlyExit.
     std::pair<std::string, int> PrintedBy(const std::vector<std::string>& words) {
         testing::internal::CaptureStdout();
         int status = -1;

@@ -1,4 +1,5 @@
-// Code that reads the time follows the test's clock, and waits for descriptors end without it.
+// Code that reads the time uses the test's clock. A wait for descriptors ends even if this clock
+// does not advance.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

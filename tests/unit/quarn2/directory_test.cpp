@@ -26,7 +26,7 @@ TEST(Directory, GivesEachEntryWithoutTheDots) {
     std::vector<std::string> names;
     while (const dirent* const entry = NextEntry(directory.get())) {
         names.emplace_back(static_cast<const char*>(entry->d_name));
-        errno = EIO;  // an error of the caller does not count
+        errno = EIO;  // NextEntry must ignore this earlier error
     }
     EXPECT_EQ(errno, 0);
     EXPECT_THAT(names, UnorderedElementsAre("a", ".hidden", "..."));

@@ -1,4 +1,5 @@
-// Encrypted files: the stored form, the downloaded content, and the refusal of changed files.
+// Encrypted files: the format on the storage, the downloaded content, and the refusal of changed
+// files.
 #include <gmock/gmock.h>
 
 #include <chrono>
@@ -349,8 +350,8 @@ class PieceBackend final : public quarn2::StorageBackend {
         return source.ReadAt(static_cast<std::int64_t>(at), std::as_writable_bytes(room));
     }
 
-    // Checks that repeated reads return the same bytes, from the end to the beginning and beyond
-    // the end.
+    // Checks that repeated reads return the same bytes. The positions go from the end to the
+    // beginning, and some reads extend beyond the end.
     void CheckAgain(quarn2::ByteSource& source) const {
         for (std::size_t end = file_.size(); end > 0; end -= std::min<std::size_t>(end, 70001)) {
             CheckAgain(source, end - 1);

@@ -1,4 +1,4 @@
-// The kinds of storage failures, and the preparation of servers' texts for a search.
+// The kinds of storage failures, and the normalisation of server messages before a search in them.
 #include "base/failure.h"
 
 #include <gtest/gtest.h>

@@ -141,7 +141,8 @@ TEST_F(FtpServers, RefusalToListAFileDoesNotEndMachineListings) {
 
 // --- Replies that do not belong to the command ---
 
-// After the stray reply to EPSV, the replies to EPSV and PASV are not read any more.
+// The first EPSV gets an additional reply. The first download therefore fails with unread replies
+// to EPSV and PASV, which the second download must not read.
 TEST_F(FtpServers, UnreadRepliesAreNotTakenForThoseOfTheNextOperation) {
     int ports = 0;
     Serve({{"EPSV",

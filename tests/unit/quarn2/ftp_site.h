@@ -60,7 +60,7 @@ class Ftps3Site : public FtpsSite {
     Ftps3Site() : FtpsSite("ftp3") {}
 };
 
-// On vsftpd, without this requirement.
+// On vsftpd, which does not require that data connections reuse the TLS session.
 class Ftps3LenientSite : public Ftps3Site {
   public:
     TokenParts Parts() const override {

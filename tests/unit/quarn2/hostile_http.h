@@ -20,7 +20,7 @@
 #include "temp_dir.h"
 
 struct HttpKind {
-    const char* scheme;  // with TLS
+    const char* scheme;  // the token's scheme for connections with TLS
     const char* path;
     const char* parameters;
     const char* list_head;  // the beginning of a listing
@@ -72,7 +72,7 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
         return quarn2::GetStorage(quarn2::BackupToken(Token(more, tls, timeout)));
     }
 
-    // All operations that receive a response of the server.
+    // All operations that receive a response from the server.
     struct Deed {
         const char* name;
         std::function<void(quarn2::Storage&)> run;

@@ -34,7 +34,7 @@ class LoggingBackend : public testing::Test {
         std::filesystem::current_path("/");
     }
 
-    // Returns the log lines from their level on, with "N" in place of durations.
+    // Returns the log lines without the part before the level, and with "N" in place of durations.
     std::vector<std::string> Lines() const {
         std::vector<std::string> lines;
         std::istringstream log(local_files::Load(directory_ / "var/prog.log"));

@@ -19,8 +19,8 @@ using quarn2::FileDownload;
 using quarn2::FileError;
 using Names = std::vector<std::string>;
 
-// The storage of one test: what its backends do, and what they have seen. Backends are numbered in
-// the order of their first operation.
+// The plan of one test. Every call of a backend calls `operation` and updates the counters.
+// Backends are numbered in the order of their first operation.
 struct Plan {
     std::function<void(int backend, const std::string& name)> operation = [](int, const auto&) {};
     std::atomic<int> backends = 0;
@@ -198,7 +198,7 @@ TEST_F(ManyTasks, RefusedConnectionsLeaveTheWorkToTheOthers) {
             }
             SoonTrue([&] { return refused.load(); });
         };
-        // The first connection is the storage's own.
+        // RemoveFile uses the storage's own connection, which becomes backend 0.
         const auto storage = Open();
         refused = true;
         storage->RemoveFile("first");

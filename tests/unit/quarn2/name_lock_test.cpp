@@ -1,5 +1,5 @@
-// The locks of temporary names: one holder at a time, released when the holder dies, not accessible
-// to other users.
+// The locks of temporary names: a lock has one holder at a time, is released when the holder dies,
+// and is not accessible to other users.
 #include "base/name_lock.h"
 
 #include <fcntl.h>
@@ -28,7 +28,8 @@ constexpr uid_t kNobody = 65534;
 // A separate name for each run, so that parallel runs do not collide.
 std::string Name() { return "quarn2-test-" + str::Str(getpid()); }
 
-// Runs the deed in a child process as another user and returns its exit status.
+// Calls the function in a child process that runs as another user. Returns the exit status of the
+// child.
 int AsNobody(const std::function<int()>& deed) {
     const pid_t child = fork();
     if (child == 0) {

@@ -1,4 +1,4 @@
-// The limit of bytes per second, with a clock that only sleeps and stalls advance.
+// The limit of bytes per second, with a clock that advances only during sleeps and stalls.
 #include "storage/rate_limit.h"
 
 #include <gmock/gmock.h>

@@ -117,7 +117,7 @@ class S3BulkRemoval : public S3BackendTest {
   protected:
     static constexpr std::size_t kMany = 250;
 
-    // Serves with an answer to the request that removes several objects.
+    // Starts a server that sends this answer to the request that removes several objects.
     void ServeDeletes(int status, const std::string& body, int single_status = 204) {
         Serve([=](HttpExchange& exchange) {
             if (AnswerListing(exchange)) return;

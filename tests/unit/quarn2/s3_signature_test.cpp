@@ -72,7 +72,7 @@ TEST(S3Signature, SignsParametersWithAndWithoutValue) {
                 EndsWith("=34b48302e7b5fa45bde8084f4b7868a86f0a534bc59db6670ed5711ef69dc6f7"));
 }
 
-// The examples of the signature's own test suite.
+// Returns the signature of a request from the published test suite of the signature algorithm.
 std::string SuiteSignature(const std::string& method, const Params& query) {
     Signer signer(
         {"AKIDEXAMPLE", "wJalrXUtnFEMI/K7MDENG+bPxRfiCYEXAMPLEKEY", "us-east-1", "service"});

@@ -40,23 +40,27 @@ struct Disk {
     std::uint64_t free_blocks = 1 << 20;
     int requests_left = -1;        // until the connection breaks; -1: never
     std::size_t longest_read = 0;  // maximum bytes per read; 0: as requested
-    bool backwards = false;        // answers to reads come in the opposite order
+    bool backwards = false;        // answers read requests in the opposite order
     std::string growing;           // a file that another client writes to
     int growths_left = -1;         // how often the file still grows; -1: always
     std::uint64_t told_size = 0;   // the reported size of all files; 0: their real size
-    bool needs_truncate = false;  // refuses to create a file without this flag, and with it ignores
-                                  // that the file must not exist
-    bool writes_back = false;     // a file's data appear when it is closed
-    bool late_time = false;       // the modification time is that of the close
-    std::map<std::string, std::string> replaced;  // content of another client, which replaces the
-                                                  // file when the tested client closes it
-    Code write_code = Code::kFailure;             // of refused writes, with write_text
+    // Refuses to create a file without the truncate flag. With this flag, truncates a file that
+    // exists, even if the client requires that it does not exist.
+    bool needs_truncate = false;
+    bool writes_back = false;  // stores a file's data when the client closes the file
+    bool late_time = false;    // sets the modification time when the client closes the file
+    // The content of another client's files. When the tested client closes a file of the same name,
+    // this content replaces the file.
+    std::map<std::string, std::string> replaced;
+    // The status code and the message of refused writes.
+    Code write_code = Code::kFailure;
     std::string write_text = "Failure";
     std::map<std::string, std::string> unwritten;  // data of files that are not closed yet
     std::map<std::string, std::uint32_t> times;
-    int first_handle = -1;    // handles are the lowest free numbers from this one; -1: paths
-    bool opens_late = false;  // requests run in parallel: a file is open only after all requests
-                              // that the client has sent before it waits
+    int first_handle = -1;  // handles are the lowest free numbers from this one; -1: paths
+    // Opens files only when the client waits for an answer, after all requests that the client has
+    // sent before, as if the server executed requests in parallel.
+    bool opens_late = false;
     std::vector<Type> requests;
 };
 

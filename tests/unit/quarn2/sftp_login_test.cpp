@@ -1,4 +1,4 @@
-// Logins at a real server: accepted and refused credentials, and the check of the server's key.
+// Logins to a real server: accepted and refused credentials, and the check of the server's key.
 #include <fcntl.h>
 #include <sys/stat.h>
 

@@ -185,7 +185,7 @@ TEST(SftpSession, EscapesWhatTheServerSays) {
               "the server says 'x\\x1b[2Jy'");
 }
 
-// A stream that contains a greeting of the test.
+// A stream that contains the greeting that the test supplies.
 class Greeter final : public quarn2::sftp::Stream {
   public:
     explicit Greeter(std::string text) : text_(std::move(text)) {}

@@ -61,7 +61,8 @@ int __wrap_rename(const char* from, const char* to) {
 int __wrap_mkdir(const char* path, mode_t mode) {
     return Fails("mkdir") ? -1 : __real_mkdir(path, mode);
 }
-// Always fails: with a clone in the file system, the tested copy calls would not happen.
+// Always fails, because the storage would not make the tested calls if the file system cloned the
+// file.
 int __wrap_ioctl(int, unsigned long, ...) {
     errno = EOPNOTSUPP;
     return -1;

@@ -23,7 +23,7 @@ using Names = std::vector<std::string>;
 
 constexpr std::size_t kSeveralParts = 40 * 1024 * 1024 + 1;
 
-// Counts the bytes that are read, and runs an action of the test in the middle.
+// Counts the bytes that are read. Calls `action` once, before the first read in the second half.
 class WatchedSource final : public TextSource {
   public:
     using TextSource::TextSource;
@@ -41,7 +41,7 @@ class WatchedSource final : public TextSource {
     bool in_order = true;
 };
 
-// Stores all bytes, with a pause that the test sets before each write.
+// Stores all bytes. Sleeps for the duration `nap` before each write.
 struct TextSink final : quarn2::ByteSink {
     void Write(std::span<const std::byte> bytes) override {
         if (nap.count() > 0) std::this_thread::sleep_for(nap);

@@ -162,7 +162,7 @@ const char kNoScheme[] =
 const char kNoDirectory[] =
     "storage token: a local storage needs a directory, as in local:///srv/backups";
 
-// The fault of an unknown scheme, with all schemes that the program has.
+// Returns the error text for an unknown scheme, which lists all known schemes.
 std::string Unknown(const std::string& quoted) {
     return "unknown storage scheme" + quoted + "; known: " + quarn2::KnownSchemes();
 }
@@ -184,7 +184,7 @@ std::string NotANumber(const std::string& name) {
 
 class BadToken : public testing::TestWithParam<Bad> {};
 
-// SECRET is at all places where a secret may be, or where a user may put one by mistake.
+// The tokens contain SECRET wherever a secret belongs, and wherever a user may put one by mistake.
 TEST_P(BadToken, SaysWhyWithoutASecret) {
     const BackupToken token(GetParam().text);
     EXPECT_FALSE(token);

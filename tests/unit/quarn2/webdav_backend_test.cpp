@@ -350,7 +350,7 @@ TEST_F(WebdavBackendTest, LengthOfHeadThatIsNoneIsAskedForAgain) {
     }
 }
 
-// A server that stores nothing of a body if the client waits for "100 Continue".
+// A server that discards the body if the client waits for "100 Continue".
 class DropsInvitedBodies : public WebdavBackendTest, public testing::WithParamInterface<int> {
   protected:
     void ServeBodies() {

@@ -104,7 +104,8 @@ class Client {
         }
         return got;
     }
-    // Why the last Receive ended early.
+    // The reason why the last Receive ended early: silent() is true if no data arrived, and error()
+    // is the errno of recv() or 0.
     bool silent() const { return silent_; }
     int error() const { return error_; }
     void ExpectSilence() { silence_ = 200; }
