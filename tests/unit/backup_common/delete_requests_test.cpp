@@ -11,7 +11,7 @@ constexpr const char* kInfo = "root/2026-11-15.web1.info";
 
 class DeleteRequests : public ProgramSite {
   protected:
-    // Returns the number of requests for the deletion of a backup with so many slices.
+    // Returns the number of requests for the deletion of a backup with `slices` slices.
     static std::size_t RequestsFor(int slices, const std::string& deletion_answer,
                                    std::string* error = nullptr) {
         ScriptedHttpServer server([&](HttpExchange& exchange) {

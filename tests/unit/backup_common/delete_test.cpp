@@ -175,7 +175,7 @@ TEST_F(DeleteTest, ARoleThatSharesNumberedSlicesKeepsTheirName) {
                      "Remove 2026-11-15.web1.info"}));
 }
 
-// For a slice of a custom backup, the storage checks a name with a replaced beginning. This check
+// For a slice of a custom backup, the storage checks a name whose prefix was replaced. This check
 // does not protect local files.
 TEST_F(DeleteTest, ARoleNeverLeadsOutOfTheInfoRoot) {
     Place("outside.tgz", "");
@@ -291,7 +291,7 @@ TEST_F(DeleteTest, ADirectoryGoesOnBothSides) {
     EXPECT_EQ(Log(), Lines());
 }
 
-// Two users' archives that were staged in one directory "work/2026-11-15".
+// The archives of two users were staged in the same directory "work/2026-11-15".
 TEST_F(DeleteTest, ASharedDirectoryKeepsTheOthersFiles) {
     const std::string directory = "work/2026-11-15/";
     for (const std::string user : {"web1", "web2"}) {

@@ -34,8 +34,8 @@ Event EventOf(const std::string& user) {
     return event;
 }
 
-// Limits the size of files that this process writes, like a full disk: a write up to the limit is
-// cut, and a write at the limit fails.
+// Limits the size of files that this process writes, like a full disk: a write that crosses the
+// limit is truncated, and a write that starts at the limit fails.
 class FileSizeLimit {
   public:
     explicit FileSizeLimit(rlim_t size) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
@@ -176,7 +176,8 @@ TEST_F(EventFile, ThatADiskCutWithinALineLosesNoFurtherEvent) {
         log_.Append(EventOf("web3"));
     }
     ASSERT_EQ(std::filesystem::file_size(kEventsPath), size + 20);
-    // A last line without a line end may be in writing.
+    // The reader skips a last line without a line end, because another process may still be writing
+    // it.
     EXPECT_THAT(Users(), ElementsAre("web1"));
     EXPECT_THAT(broken_, IsEmpty());
     log_.Append(EventOf("web4"));

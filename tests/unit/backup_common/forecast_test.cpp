@@ -25,7 +25,7 @@ DaySums DayOf(int number, std::int64_t used, std::int64_t completed) {
     return day;
 }
 
-// `used` and `completed` return the values of the day with the number 0 to count - 1.
+// `used` and `completed` return the values of day i, where i is 0 to count - 1.
 template <class Used, class Completed>
 History HistoryOf(int count, const Used& used, const Completed& completed) {
     History days;
@@ -33,7 +33,8 @@ History HistoryOf(int count, const Used& used, const Completed& completed) {
     return days;
 }
 
-// Each day uses `step` bytes more than the day before and ends with `last`.
+// A history in which each day uses `step` bytes more than the previous day. The last day uses
+// `last` bytes.
 History Growing(int count, std::int64_t step, std::int64_t last, std::int64_t completed = 100) {
     return HistoryOf(
         count, [=](int i) { return last - step * (count - 1 - i); },
@@ -132,7 +133,7 @@ TEST(EvictionForecast, IsNotChangedByGaps) {
     EXPECT_EQ(EvictionForecast(days), In(20));
 }
 
-// Full backups on one day of each week, which use 700 bytes each, and nothing between.
+// One day of each week adds full backups of 700 bytes. The other days add nothing.
 TEST(EvictionForecast, WeeklyFullsAreNoTrendWithinTheWeek) {
     const auto staircase = [](int i) { return 3000 + (i + 3) / 7 * 700; };
     for (int count = 20; count < 40; ++count) {
@@ -141,7 +142,7 @@ TEST(EvictionForecast, WeeklyFullsAreNoTrendWithinTheWeek) {
         while (staircase(begin) < kLimit) ++begin;
         const Forecast forecast = EvictionForecast(days);
         ASSERT_TRUE(forecast.expected) << count;
-        // Not later than it happens, and at most a week earlier.
+        // The forecast is never later than the first eviction, and at most a week earlier.
         EXPECT_LE(*forecast.expected, begin - count + 1) << count;
         EXPECT_GE(*forecast.expected, begin - count + 1 - 7) << count;
     }
@@ -173,7 +174,7 @@ TEST(EvictionForecast, PastEvictionsCountAsGrowth) {
     for (std::size_t i = 20; i < days.size(); ++i) *days[i].used -= 3000;
     days[20].evicted = days[20].deleted = 3000;
     EXPECT_EQ(EvictionForecast(days), In(50));
-    // Deleted by count: this is a step, and no growth.
+    // Deletions because of the count limits are a single step, not growth.
     days[20].evicted = 0;
     const Forecast counted = EvictionForecast(days);
     ASSERT_TRUE(counted.earliest);
@@ -222,8 +223,8 @@ TEST(DepthForecast, FollowsTheSizeOfCompletedBackups) {
         int min_days;
         Forecast forecast;
     };
-    // 10,000 bytes are enough for 10 days of 1000 bytes. The mean of the last week is that of its
-    // middle, three days before its end, but moved along the trend to its end.
+    // 10,000 bytes are enough for 10 days of 1000 bytes. The mean of the last week describes its
+    // middle, three days before its end. The forecast extrapolates it to the last day.
     const std::vector<Case> cases = {
         {"flat and enough", 0, 9, kNever}, {"flat and not enough", 0, 11, In(0)},
         {"growing", 10, 5, In(100)},       {"growing, soon", 10, 8, In(25)},
@@ -235,7 +236,8 @@ TEST(DepthForecast, FollowsTheSizeOfCompletedBackups) {
     EXPECT_EQ(DepthForecast(HistoryOf(9, used, rate(10)), 5), kNoData);
 }
 
-// Full backups of 4000 bytes on one day, dailies of 500 on the others: 1000 bytes per day.
+// Full backups of 4000 bytes on one day of each week and dailies of 500 bytes on the other days, so
+// 1000 bytes per day.
 TEST(DepthForecast, IsNotChangedByTheWeekdayOfTheFulls) {
     const auto used = [](int) { return 5000; };
     for (int weekday = 0; weekday < 7; ++weekday) {
@@ -267,7 +269,8 @@ TEST(RefusalForecast, LetsTheNewestBackupsGrowLikeTheCompletedOnes) {
     const auto used = [](int) { return 5000; };
     const auto completed = [](int i) { return 1000 + 10 * (i - 29); };
     const History days = HistoryOf(30, used, completed);
-    // One per cent per day.
+    // The completed backups grow by 10 of 1000 bytes per day, so the forecast assumes that the
+    // newest backups grow by one per cent per day.
     EXPECT_EQ(RefusalForecast(days, 5000), In(100));
     EXPECT_EQ(RefusalForecast(days, 8000), In(25));
     EXPECT_EQ(RefusalForecast(days, 10'000), In(0));

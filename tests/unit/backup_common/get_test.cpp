@@ -1,4 +1,5 @@
-// The get command: the file that it fetches, the file that it removes before, and its attempts.
+// The get command: the file that it fetches, the previous file that it removes first, and its
+// attempts.
 #include <unistd.h>
 
 #include "kro/kro_args.h"

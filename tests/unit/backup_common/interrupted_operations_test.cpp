@@ -44,8 +44,7 @@ class InterruptedOperations : public ProgramSite {
         EXPECT_EQ(TextOf<kro_err::Error>([&] { Delete(storage_, kInfo, false); }), "trouble");
     }
 
-    // Expects that the info file contains the start of the deletion, and otherwise its unchanged
-    // text.
+    // Expects that the info file records the start of the deletion and is otherwise unchanged.
     static void ExpectMarked() {
         const std::string text = local_files::Load(kInfo);
         EXPECT_EQ(text.substr(0, 11), "deletion=20") << text;

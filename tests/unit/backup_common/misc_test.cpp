@@ -1,4 +1,4 @@
-// Helpers of several roles: the storage from the environment, the command side of the control
+// Helpers that several roles use: the storage from the environment, the command side of the control
 // socket, two workers for event loops.
 #include <fcntl.h>
 #include <poll.h>
@@ -139,7 +139,8 @@ TEST_F(Misc, RefusedCommandThrowsAnEmptyText) {
     EXPECT_EQ(TextOf<std::runtime_error>([] { SendCommand("PUT a"); }), "");
 }
 
-// The server of these tests runs in this process, so its log lines are those of the node client.
+// ControlServer runs in this process. The lines that this function logs are therefore the log lines
+// of the node client.
 void LogRefusal(const std::string& reason, pid_t process) {
     constexpr kro_log::Module kLog("main");
     kLog.Text(3, reason);

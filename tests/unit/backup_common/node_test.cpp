@@ -1,4 +1,5 @@
-// The node client: the master link's exchanges, the accounting key of a file, the control commands.
+// The node client: the exchanges over the master link, the accounting key of a file, the control
+// commands.
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -100,7 +101,7 @@ TEST_F(Node, ATokenThatCannotBeUsedEndsTheStart) {
               "the storage token is empty: set BACKUP_TOKEN, for instance to local:///srv/backups");
 }
 
-// DoCommand and its result for an answer of the server.
+// Calls DoCommand while the server gives the answer that the test supplies, and returns the result.
 class Exchange : public Node {
   protected:
     std::string Do(const std::optional<std::string>& answer, const std::string& command = "X\n") {
@@ -275,8 +276,8 @@ TEST_F(Node, DeleteSuffixIsNoPartOfThePath) {
     EXPECT_EQ(Stored(), (Lines{"F2026-11-15.web1.1.dar", "F2026-11-15.web1.2.dar"}));
 }
 
-// The system would use the path only up to the NUL byte, but the storage would get the name after
-// it.
+// The kernel ends the path at the NUL byte, but the storage would use the name that follows this
+// byte.
 TEST_F(Node, APathWithANulByteIsRefused) {
     const std::string path = std::string(kFirst) + '\0' + "/I2026-11-16.web2.tgz";
     {

@@ -1,5 +1,5 @@
-// Files that other users can place where the roles look: lists of files to remove, directories, the
-// control socket.
+// Files that other users can create at paths that the program uses: lists of files to remove,
+// directories, the control socket.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,6 +1,6 @@
-// Random storages go through scan, count limits, reservations, completions and evictions, with real
-// info files and files on a storage. After every step the server's account is compared with the
-// simple rules, and the files of both sides with the account.
+// Runs scans, count limits, reservations, completions and evictions on random storages, with real
+// info files and files on a storage. After every step it compares the server's account with
+// simple_rules.h, and the local and stored files with the account.
 //
 // QUARN2_CP_SEED=N repeats one seed.
 #include <cstdio>
@@ -81,7 +81,8 @@ class World {
 
     std::string OtherType() { return dice_.OneIn(6) ? "differential" : "incremental"; }
 
-    // Writes the files of one backup in one of its forms, unless the user has one of that date.
+    // Writes the files of one backup in one of its forms, unless the user already has a backup of
+    // that date.
     void Make(const std::string& user, const std::string& date, const std::string& type,
               bool finished, bool deleted) {
         if (Exists(user, date)) return;
@@ -217,7 +218,7 @@ class World {
         const Item item =
             *std::find_if(rules_.items.begin(), rules_.items.end(),
                           [&](const Item& made) { return made.user == user && made.date == date; });
-        // The completion of a custom backup or of another type records nothing.
+        // The completion of a custom backup or of an unknown type creates no record.
         const std::string word = date == "custom" ? "custom" : type;
         const std::string line =
             "COMPLETE " + user + " " + date + " " + word + " " + str::Str(item.size);
@@ -279,7 +280,7 @@ class World {
         return evictions;
     }
 
-    // Checks each deletion against the records at its time.
+    // Checks each deletion against the records that existed just before it.
     static void CheckEvery(const std::vector<Eviction>& evictions, Snapshot& users) {
         for (const Eviction& eviction : evictions) {
             const auto user = std::find_if(users.begin(), users.end(), [&](const User& candidate) {

@@ -1,4 +1,4 @@
-// The rescan with failing storages, hostile listings and interrupted runs, and the lock that it
+// The rescan: failing storages, hostile listings, interrupted runs, and the lock that the rescan
 // hands over.
 #include <sys/file.h>
 #include <sys/wait.h>
@@ -58,7 +58,7 @@ class RescanFault : public RescanSite {
             }
         });
     }
-    // The warning of a rescan that could not read so many files and directories.
+    // The warning of a rescan that could not read `count` files and directories.
     static std::string Missing(int count) {
         return "4: the storage could not be read completely: " + std::to_string(count) +
                " files or directories could not be read, so their backups are not counted. See the "
@@ -395,7 +395,7 @@ bool CanLock(int kind) {
     return flock(file, kind | LOCK_NB) == 0;
 }
 
-// A ready server in another process.
+// Simulates a ready server in another process.
 class Server {
   public:
     Server() {

@@ -1,5 +1,5 @@
-// The execution of evictions. Most cases are tables; backup_letters.h describes their texts. The
-// tests compare the names of the surviving records.
+// The execution of evictions. Most cases are tables; backup_letters.h describes their notation. The
+// tests compare the names of the remaining records.
 #include <gtest/gtest.h>
 
 #include "backup_letters.h"
@@ -253,7 +253,7 @@ class Execution : public Eviction {
         control_.size_limit = 1000;
     }
 
-    // The evictions of the log and their reasons.
+    // Returns the log lines about evictions and their reasons.
     static Lines Logged() {
         Lines lines = Log(7);
         std::erase_if(lines, [](const std::string& line) {

@@ -1,5 +1,5 @@
-// Plans evictions for random models and checks the promises of a plan. The checks execute the plan
-// on a list of the records and use none of the rules that made it.
+// Plans evictions for random models and checks the guarantees of each plan. The checks execute the
+// plan on a list of the records and share no rules with the planner.
 //
 // QUARN2_CP_SEED=N repeats one seed.
 #include <gtest/gtest.h>
@@ -75,7 +75,7 @@ void MakeModel(Dice& dice, Model& model) {
     if (dice.OneIn(3)) model.control.max_count = std::max(0, model.control.max_count - 2);
 }
 
-// The records that are left while a plan is executed.
+// Executes a plan on a list of records and checks each step.
 class Execution {
   public:
     Execution(const Model& model, const EvictionPlan& plan) : model_(model), plan_(plan) {
@@ -147,7 +147,8 @@ class Execution {
         EXPECT_GT(count, is_full ? model_.control.full_limit : model_.control.daily_limit);
     }
 
-    // The user must have a later complete backup, and no daily may follow a full backup.
+    // The user must have a later complete backup. If the victim is a full backup, the next backup
+    // must not be a daily.
     void RemoveInterrupted(const Victim& victim) {
         const std::string user = victim.storage + "/" + victim.user;
         const auto is_later = [&](const auto& record) { return record.first > victim.date; };
@@ -246,7 +247,7 @@ void CheckRoom(Dice& dice, const Model& model) {
     CheckWhyKept(model, plan, model.not_complete);
 }
 
-// A starting server counts no open backups in its model.
+// The model of a starting server contains no open backups.
 void CheckStart(Model& model) {
     model.not_complete = {};
     const EvictionPlan plan = PlanStart(model.control);

@@ -1,6 +1,6 @@
-// The plans of evictions. Most cases are tables; backup_letters.h describes their texts. A plan is
-// written as the user and the letter of each victim, in the order of the deletions: first those for
-// the count limits, then each pass in brackets.
+// The plans of evictions. Most cases are tables; backup_letters.h describes their notation. The
+// text of a plan contains the user and the letter of each victim in the order of the deletions:
+// first the victims of the count limits, then each pass in brackets.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -216,7 +216,7 @@ TEST(PlanRoom, CountsOnlyTheSpaceOfItsStorage) {
     EXPECT_EQ(Text(PlanRoom(control, "n1", 2, {})), "[aAcA][] lacks 1");
 }
 
-// A model in which `missing` bytes are missing for a reservation of another machine.
+// A model in which a reservation of another machine lacks `missing` bytes.
 class Interrupted : public testing::Test {
   protected:
     static constexpr std::int64_t kSize = 1000;

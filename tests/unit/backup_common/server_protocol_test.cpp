@@ -1,5 +1,6 @@
-// The meaning of a node client's lines: the arithmetic of reservation, completion, eviction on
-// request and release. There are no files here, so an evicted backup counts as already removed.
+// How the server handles the lines of a node client: reservations, completions, evictions on
+// request and releases change the account. The tests use no files, so an evicted backup counts as
+// already removed.
 #include <gtest/gtest.h>
 
 #include "program_site.h"
@@ -32,7 +33,7 @@ class Protocol : public ProgramSite {
 
     std::string Ask(const std::string& line) { return link_.Answer(line); }
 
-    // The account as "limit/free_size/reserved".
+    // Returns the account as "limit/free_size/reserved".
     std::string Account() const {
         return std::to_string(storage_.limit) + "/" + std::to_string(storage_.free_size) + "/" +
                std::to_string(storage_.reserved);

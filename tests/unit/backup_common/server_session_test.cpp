@@ -1,4 +1,4 @@
-// A session's transport: lines in, frames out, the start of a client.
+// The transport of a session: it receives lines, sends frames and starts a client.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -122,7 +122,8 @@ TEST_F(Session, AClientThatHasGoneIsClosedWithALine) {
 }
 
 TEST_F(Session, AClientThatGoesWhileItIsReadIsClosedWithTheSameLine) {
-    // Like a pipe that ends between the poll and the read: no hang-up, and no data.
+    // Simulates a client that closes the pipe between poll() and read(): poll() reports no hang-up,
+    // and read() returns no data.
     const ResHandle ended(open("/dev/null", O_RDONLY | O_CLOEXEC));
     EXPECT_EQ(link_.session()->Read(ended), Expect::erClose);
     EXPECT_EQ(Log(), (Lines{kReadTrace, "4: Client disconnected. Close"}));

@@ -25,7 +25,7 @@ class UploadTest : public ProgramSite {
   protected:
     UploadTest() { Place(kSlice, "12345"); }
 
-    // Makes every Put fail, or only the first `times` ones if that is not negative.
+    // Makes the first `times` calls of Put fail, or every call if `times` is negative.
     void FailPuts(kro_err::Kind kind, int times = -1) {
         failures_left_ = times;
         store_->SetHook([this, kind](const std::string& operation, const std::string&) {

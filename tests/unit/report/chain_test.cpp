@@ -1,4 +1,4 @@
-// Chains, the backups that one day needs, and ages.
+// Backup chains, the backups that a restore of one day needs, and the ages of backups.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -35,7 +35,8 @@ std::string Days(const std::vector<Backup>& backups) {
     return text;
 }
 
-// "15F16D" for each chain with a full backup, "(16D)" for one without, "+" before the others.
+// Returns the chains as a text: "15F16D" for a chain with a full backup, "(16D)" for a chain
+// without one. The backups that are in no chain follow after "+".
 std::string Chains(const UserBackups& group) {
     std::string text;
     for (const Chain& chain : group.chains) {

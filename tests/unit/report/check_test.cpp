@@ -102,8 +102,8 @@ TEST(ReportCheck, HasPerformanceData) {
               "overdue=1;;0;0 refused=0;;0;0 failed_deletions=0;;0;0 not_restorable=0;;0;0");
 }
 
-// The backups of one user: "F" full, "D" daily, "X" a daily with another base, small letters are
-// marked as deleted.
+// The backups of one user: "F" is a full backup, "D" a daily, "X" a daily with another base. A
+// lower-case letter is a backup that is marked as deleted.
 std::string Broken(const std::string& kinds) {
     std::vector<Backup> backups;
     for (std::size_t i = 0; i < kinds.size(); ++i) {

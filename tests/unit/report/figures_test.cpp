@@ -84,7 +84,7 @@ TEST(ReportOverdue, DependsOnTheNewestCompleteBackup) {
     struct Case {
         const char* what;
         Newest newest;
-        std::optional<std::int64_t> hours;  // nothing: not overdue
+        std::optional<std::int64_t> hours;  // nullopt: the user is not overdue
     };
     const auto made = [](const std::string& created, const std::string& finished) {
         return Newest{"2026-11-19", created, finished, false, true};

@@ -1,4 +1,4 @@
-// Conclusions from events.
+// The summary of events, and the forecast in words.
 #include <gtest/gtest.h>
 
 #include "report_figures.h"

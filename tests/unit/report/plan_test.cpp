@@ -57,7 +57,7 @@ class ReportPlan : public ProgramSite {
         store_->SetFile(slice, "x");
     }
 
-    // An open ledger entry of a job that was interrupted.
+    // Creates an open ledger entry, as an interrupted job leaves it.
     void Interrupt(const std::string& archive, std::int64_t bytes) {
         Ledger("").Update(archive, [&](LedgerEntry& entry) {
             entry.started = "2026-11-18 01:00:00";
@@ -74,7 +74,8 @@ class ReportPlan : public ProgramSite {
         return plan;
     }
 
-    // Removes the empty records of missing days, for which no server writes an event.
+    // Adds a line for each victim. Skips the empty records of missing days, for which no server
+    // writes an event.
     static void AddLines(const Victims& victims, Lines& lines) {
         for (const Victim& victim : victims) {
             if (victim.size != 0) lines.push_back(LineOf(victim.reason, victim.user, victim.date));
@@ -87,7 +88,7 @@ class ReportPlan : public ProgramSite {
         return lines;
     }
 
-    // A started server for the options. Its account has the backups of `root`.
+    // Starts a server with the test's options. Its account contains the backups below `root`.
     GlobalSizeControl::StorageDesc& Start(GlobalSizeControl& control) {
         const ServerLimits limits = ServerLimits::Parse(options_.count_limit, options_.size_limit);
         control.path = "root";
@@ -102,8 +103,8 @@ class ReportPlan : public ProgramSite {
         return desc;
     }
 
-    // The deletions of a server, from its events. `possible` becomes the number of steps that it
-    // did not refuse.
+    // Runs a server and returns its deletions, which its events contain. Sets `possible` to the
+    // number of steps that the server did not refuse.
     Lines Serve(const std::optional<PlannedUpload>& upload, std::size_t& possible) {
         GlobalSizeControl control;
         GlobalSizeControl::StorageDesc& desc = Start(control);
@@ -121,7 +122,7 @@ class ReportPlan : public ProgramSite {
         return DeletedEvents();
     }
 
-    // A reservation and a completion, as the server executes them.
+    // Reserves and completes an upload as the server does.
     void Upload(GlobalSizeControl& control, GlobalSizeControl::StorageDesc& desc,
                 const PlannedUpload& upload) {
         const std::string archive = (upload.is_full ? "F" : "I") + std::string(kDate) + "." +
@@ -185,7 +186,7 @@ class ReportPlan : public ProgramSite {
         return PlannedUpload{dice.Number(1, 150), dice.OneIn(2) ? "a" : "", dice.OneIn(2)};
     }
 
-    // Compares the plan and the deletions for one random model.
+    // Compares the plan with the deletions for one random model.
     void Compare(unsigned seed, Counts& counts) {
         Dice dice(seed);
         const std::optional<PlannedUpload> upload = MakeModel(dice);
@@ -199,8 +200,8 @@ class ReportPlan : public ProgramSite {
         counts.refusals += is_possible ? 0 : 1;
     }
 
-    // Compares the plan and the deletions of the one pass that a node client requests because the
-    // storage is full. Returns the number of deletions.
+    // Compares the plan with the deletions of the single pass that a node client requests because
+    // the storage is full. Returns the number of deletions.
     std::size_t CompareFullStorage(unsigned seed) {
         Dice dice(seed);
         MakeModel(dice);
@@ -225,7 +226,7 @@ class ReportPlan : public ProgramSite {
     Options options_;
 };
 
-// The models of the fixed seed have deletions and refusals.
+// The models of the fixed seed cause deletions and refusals.
 constexpr unsigned kFixed = 100;
 constexpr unsigned kModels = 16;
 
@@ -247,8 +248,8 @@ TEST_F(ReportPlan, OfRandomModelsIsWhatTheServerDoes) {
     EXPECT_GT(counts.refusals, 0U);
 }
 
-// "deleted" in the info file of 2026-11-01 makes empty records for the days after it, and
-// 2026-11-03 counts as such a day while its repeated job is interrupted.
+// Because of "deleted" in the info file of 2026-11-01, the account has empty records for the
+// missing days after it. 2026-11-03 counts as a missing day while its repeated job is interrupted.
 TEST_F(ReportPlan, TheEmptyRecordOfADayIsNotTheInterruptedBackupOfThatDay) {
     Info("a", "2026-11-01", true, 40, "\ndeleted=1");
     Info("a", "2026-11-03", false, 10);

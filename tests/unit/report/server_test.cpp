@@ -1,4 +1,4 @@
-// Conclusions about the running server.
+// How the report determines the state of the server.
 #include <gtest/gtest.h>
 
 #include "report_server.h"

@@ -21,15 +21,15 @@ TEST(ReportText, CharactersThatCouldChangeATerminalAreEscaped) {
         {"back\\slash", "back\\\\slash"},
         {"\xc3\xa4", "\xc3\xa4"},                  // a letter of two bytes
         {"\xf0\x9f\x98\x80", "\xf0\x9f\x98\x80"},  // a character of four bytes
-        {"\xc2\x9b", "\\u009b"},                   // the control CSI
-        {"\xe2\x80\xae", "\\u202e"},               // reverses the direction
+        {"\xc2\x9b", "\\u009b"},                   // the control character CSI
+        {"\xe2\x80\xae", "\\u202e"},               // reverses the text direction
         {"\xef\xbb\xbf", "\\ufeff"},
         {"\xff", "\\xff"},
         {"\xc3", "\\xc3"},                             // an incomplete character
-        {"\xc0\x80", "\\xc0\\x80"},                    // NUL in two bytes
-        {"\xe0\x80\x80", "\\xe0\\x80\\x80"},           // NUL in three bytes
+        {"\xc0\x80", "\\xc0\\x80"},                    // overlong encoding of NUL, two bytes
+        {"\xe0\x80\x80", "\\xe0\\x80\\x80"},           // overlong encoding of NUL, three bytes
         {"\xed\xa0\x80", "\\xed\\xa0\\x80"},           // a surrogate
-        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // above the last character
+        {"\xf4\x90\x80\x80", "\\xf4\\x90\\x80\\x80"},  // above the largest code point
     };
     for (const Case& one : cases) EXPECT_EQ(Escaped(one.text), one.escaped);
 }

@@ -1,4 +1,4 @@
-// The stored files of --verify, and the choice of backups.
+// The stored files that --verify checks, and its selection of backups.
 #include <gtest/gtest.h>
 
 #include "kro/kro_err.h"
