@@ -37,8 +37,8 @@ constexpr Names<EventKind, 11> kKinds = {{{EventKind::kUnknown, "unknown"},
                                           {EventKind::kServerEnded, "server-ended"},
                                           {EventKind::kRescan, "rescan"}}};
 
-// The names of the text and size members, in the order of the line. `reason` precedes the first of
-// them.
+// The names of the text and size members, in the order in which they are written. `reason`
+// precedes the first of them.
 constexpr std::array<std::pair<const char*, std::string Event::*>, 3> kBackupTexts = {
     {{"user", &Event::user}, {"date", &Event::date}, {"type", &Event::type}}};
 constexpr std::array<std::pair<const char*, std::optional<std::int64_t> Event::*>, 3> kSizes = {
@@ -46,7 +46,8 @@ constexpr std::array<std::pair<const char*, std::optional<std::int64_t> Event::*
 constexpr std::array<std::pair<const char*, std::string Event::*>, 3> kOtherTexts = {
     {{"node", &Event::node}, {"storage", &Event::storage}, {"detail", &Event::detail}}};
 
-// The beginning of each line. Inside of a text, its quotes are escaped.
+// The beginning of each line. It cannot occur within a text, because quotes are escaped
+// there.
 constexpr std::string_view kBegin = R"({"time":")";
 
 constexpr std::int64_t kMsPerSecond = 1000;
@@ -95,7 +96,7 @@ std::int64_t ParseTime(std::string_view text) {
     return time;
 }
 
-// Cuts before a character that would be cut in the middle.
+// Truncates at a character boundary, never within a multi-byte character.
 std::string Shortened(const std::string& text) {
     constexpr std::string_view kDots = "...";
     if (text.size() <= kMaxEventText) return text;

@@ -10,7 +10,7 @@
 
 #include "quarn2_cp2_misc_reason.h"
 
-// kUnknown: an event of a newer version. Its name is not kept.
+// kUnknown: an event kind of a newer version of the program. Its original name is lost.
 enum class EventKind {
     kUnknown,
     kStored,
@@ -28,7 +28,7 @@ enum class EventKind {
 // The name of the kind in the events file, such as "deletion-begun".
 const char* NameOf(EventKind kind) noexcept;
 
-// An empty text and a size without value are absent in the line.
+// Empty texts and unset sizes are omitted from the line.
 struct Event {
     std::int64_t time = 0;  // milliseconds since 1970-01-01 00:00:00 UTC
     EventKind kind = EventKind::kUnknown;
@@ -41,36 +41,35 @@ struct Event {
     std::optional<std::int64_t> limit;  // of the storage, in bytes
     std::string node;                   // the node that made the backup, such as "local"
     std::string storage;                // the value of --storage; empty for the common storage
-    std::string detail;  // such as the text of an error; may contain only what may be logged
+    std::string detail;                 // such as the text of an error; must not contain secrets
 
     friend bool operator==(const Event&, const Event&) = default;
 };
 
-// A longer text of an event is written cut, with "..." at its end.
+// Longer texts of an event are truncated and end with "...".
 inline constexpr std::size_t kMaxEventText = 1000;  // bytes
 
-// The event as one line, without a line end. A time outside of the years 1970 to 9999 becomes the
-// nearest time in them, a negative size becomes 0, and a byte that is not valid UTF-8 becomes
-// U+FFFD.
+// The event as one line, without a line end. Times are clamped to the years 1970 to
+// 9999, and negative sizes to 0. Invalid UTF-8 bytes are replaced by U+FFFD.
 std::string FormatEvent(const Event& event);
 
 // Parses a line, given without its line end. Skips unknown members. Throws kro_err::Error with
 // kFailed, which gives the reason, when the line is not an event.
 Event ParseEvent(std::string_view line);
 
-// An event that was appended to the rest of an interrupted write is not at the beginning of its
-// line. Returns the part of the line from the last beginning of an event, or "" when no event
-// begins after the first byte.
+// After an interrupted write, the next event follows the fragment on the same line. Returns the
+// part of the line from the start of its last event, or "" when no event starts after the first
+// byte.
 std::string_view EventBehindFragment(std::string_view line) noexcept;
 
-// A time in milliseconds as in the events file: in UTC, such as "2026-11-20T12:00:00.123Z". A time
-// outside of the years 1970 to 9999 becomes the nearest time in them.
+// Formats a time in milliseconds as in the events file: in UTC, such as
+// "2026-11-20T12:00:00.123Z". Times are clamped to the years 1970 to 9999.
 std::string EventTimeText(std::int64_t time);
 
 // The local civil day of a time in milliseconds, as days since 1970-01-01.
 int EventDay(std::int64_t time) noexcept;
 
-// Such a day as "YYYY-MM-DD".
+// Formats a day that EventDay returned as "YYYY-MM-DD".
 std::string DateOfDay(int day);
 
 // True for a deletion that made space on the storage.

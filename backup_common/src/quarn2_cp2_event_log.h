@@ -27,7 +27,8 @@ class EventLog {
     void Append(Event event) noexcept;
 
     // Closes the file. The next event opens it again. A process must call this before it closes
-    // descriptors that it does not own, because the file's descriptor could then be another file's.
+    // descriptors that it does not own, because the descriptor's number could be reused for
+    // another file.
     void Close() noexcept;
 
   private:
@@ -57,7 +58,7 @@ struct EventFilter {
 // A line that is not an event.
 struct BrokenLine {
     std::string path;
-    std::int64_t number = 0;  // in this file, from 1; 0: the complete file could not be read
+    std::int64_t number = 0;  // in this file, from 1; 0: the file cannot be read at all
     std::string reason;
 };
 
@@ -68,7 +69,8 @@ using OnBrokenLine = std::function<void(const BrokenLine&)>;
 // PATH.1, if there is one, then PATH. Reads in constant memory. Reports each broken line and skips
 // it. Ignores empty lines, and a last line of PATH without a line end, because a process may be
 // writing it. Reports a rotated file that cannot be read, or could have been written by another
-// user, as a broken line with the number 0. Throws kro_err::Error when that is true of PATH itself,
-// and when `since` is not a date. A missing file has no events.
+// user, as a broken line with the number 0. Throws kro_err::Error when PATH itself cannot be read
+// or could have been written by another user, and when `since` is not a date. A missing file has no
+// events.
 void ReadEvents(const std::string& path, const EventFilter& filter, const OnEvent& on_event,
                 const OnBrokenLine& on_broken);

@@ -21,7 +21,7 @@ struct DaySums {
     friend bool operator==(const DaySums&, const DaySums&) = default;
 };
 
-// Adds up events by day. Sums that are too large become the largest number.
+// Adds up events by day. Sums saturate at the maximum value.
 class DailySums {
   public:
     void Add(const Event& event);
@@ -54,8 +54,8 @@ inline constexpr int kTrendDays = 30;
 inline constexpr std::size_t kMinTrendDays = 10;
 std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
 
-// When a condition begins, in days after the last day of the history; 0 if it already holds. A
-// member without value: not within kForecastDays.
+// The number of days from the last day of the history until a condition begins; 0 if it already
+// holds. A member is empty if the condition does not begin within kForecastDays.
 inline constexpr int kForecastDays = 365;
 struct Forecast {
     bool has_data = false;        // false: not enough data, the other members have no values
@@ -70,16 +70,17 @@ struct Forecast {
 // `days` is a history as of DailySums::Days, without the current day, which is not complete. Days
 // without events may be missing.
 
-// When the server begins to delete backups because of the size limit. Backups that it has already
-// deleted for that reason count as growth.
+// Forecasts when the server begins to delete backups because of the size limit. Backups that it has
+// already deleted for that reason count as growth.
 Forecast EvictionForecast(const std::vector<DaySums>& days);
 
-// When the limit is less than the size of the backups that all users together complete in
-// `min_days` days. From then on the storage keeps fewer than about `min_days` days of backups for
-// each user, even if the count limits allow more.
+// Forecasts when the limit becomes less than the size of the backups that all users together
+// complete in `min_days` days. From then on the storage keeps fewer than about `min_days` days of
+// backups for each user, even if the count limits allow more.
 Forecast DepthForecast(const std::vector<DaySums>& days, int min_days);
 
-// When the newest backups of all users, with the full backups that they need, reach the limit. The
-// server never deletes these backups, so it refuses uploads then. `newest_chains` is their size on
-// the last day. They are assumed to grow like the size of the backups that are completed per day.
+// Forecasts when the newest backups of all users, with the full backups that they need, reach the
+// limit. From then on the server refuses uploads, because it never deletes these backups.
+// `newest_chains` is their size on the last day. They are assumed to grow like the size of the
+// backups that are completed per day.
 Forecast RefusalForecast(const std::vector<DaySums>& days, std::int64_t newest_chains);

@@ -8,7 +8,7 @@
 
 #include "kro/kro_err.h"
 
-// The error after which no other attempt was made.
+// The error of the last attempt.
 struct FailedTransfer {
     kro_err::Kind kind;
     std::string reason;

@@ -33,7 +33,7 @@ struct ControlCommand {
 
     Word word = Word::kUnknown;
     std::string path;
-    bool removes_file = false;  // of PUT and PUTLAST
+    bool removes_file = false;  // set only for PUT and PUTLAST
 
     bool operator==(const ControlCommand&) const = default;
 };

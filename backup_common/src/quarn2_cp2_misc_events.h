@@ -20,14 +20,14 @@ void CloseEvents() noexcept;
 // An event of the backup with this archive, index or info file. Has the user and the date.
 Event EventOfFile(EventKind kind, const std::string& path);
 
-// The same with the type and the size in the backup's info file.
+// Like EventOfFile, and adds the type and the size from the backup's info file.
 Event EventOfBackup(EventKind kind, const std::string& info_path, const quarn2::InfoMap& info);
 
 // The events `deleted` with this reason for the backups whose info files are at or below the path.
 // Skips info files that cannot be read.
 std::vector<Event> DeletedEvents(const std::string& path, RemovalReason reason);
 
-// Why a backup is deleted, and the account after its deletion.
+// The reason of a deletion, and the used space and limit of the storage after it.
 struct DeletionCause {
     RemovalReason reason = RemovalReason::kAsked;
     std::optional<std::int64_t> used = {};   // in bytes
@@ -41,12 +41,12 @@ class DeletionEvents {
     // `info_path`: the path of the backup's info file, or a file name of the backup.
     DeletionEvents(const std::string& info_path, const DeletionCause& cause);
 
-    // Adds the type and the size in the backup's info file to the events.
+    // Adds the type and the size from the backup's info file to the events.
     void SetInfo(const quarn2::InfoMap& info);
 
     void SetSize(std::int64_t size) { event_.size = size; }
 
-    // Call it when the marker of the begun deletion is written.
+    // Call it after the start of the deletion has been recorded.
     void Begun() const;
     // Call it when the last file of the backup is removed.
     void Deleted() const;

@@ -20,7 +20,8 @@ std::string FormatFrame(const std::string& text);
 // Reads one frame and returns its text. Throws std::runtime_error when the frame is incomplete.
 std::string ReadFrame(int fd);
 
-// The commands, with their line feeds. `size` is the text in the info file: the server checks it.
+// Format the commands, including the line feed. `size` is the unparsed text of the info file,
+// because the server validates it.
 std::string FormatReserve(std::int64_t bytes);
 std::string FormatComplete(const std::string& user, const std::string& date,
                            const std::string& type, const std::string& size);
@@ -32,8 +33,8 @@ struct LinkCommand {
 
     Word word = Word::kUnknown;
     std::int64_t bytes = 0;  // never negative; for COMPLETE the size of the backup
-    std::int32_t count = 0;  // of DROPONE
-    std::string user;        // this and the following ones: of COMPLETE
+    std::int32_t count = 0;  // set only for DROPONE
+    std::string user;        // this and the following members are set only for COMPLETE
     std::string date;
     std::string type;
 

@@ -23,7 +23,7 @@ struct NewestCheck {
 // for the last slice and then for the info file by name, and stops at the first file found. It asks
 // for single names and never lists a large directory. Throws the storage's kro_err::Error when the
 // storage does not answer, and kro_err::Error when the info root cannot be listed. Skips info files
-// that cannot be read, and backups with file names that no storage can have.
+// that cannot be read, and backups whose file names are not valid on any storage.
 NewestCheck FindNewestOnStorage(quarn2::Storage& storage, const std::string& info_root);
 
 // The stored files by which one backup is recognised: its last slice, then its info file.
@@ -33,9 +33,9 @@ using BackupFiles = std::vector<std::string>;
 // most eight backups, and none when fewer than three finished backups are known.
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root);
 
-// True when the storage has the last slice or the info file of the backup. False when no storage
-// can have files with such names. Throws the storage's kro_err::Error when the storage does not
-// answer.
+// True when the storage has the last slice or the info file of the backup. False when the
+// file names are not valid on any storage. Throws the storage's kro_err::Error when the storage
+// does not answer.
 bool HasFilesOf(quarn2::Storage& storage, const std::string& last_slice,
                 const std::string& info_path);
 

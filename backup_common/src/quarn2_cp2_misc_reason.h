@@ -5,13 +5,13 @@
 
 enum class RemovalReason {
     kNone,         // no backup is removed, or the reason is not known
-    kUnknown,      // a reason of a newer version
+    kUnknown,      // a reason written by a newer version of the program
     kCountDaily,   // the user has more daily backups than the count limit allows
     kCountFull,    // the user has more full backups than the count limit allows
     kSizeStart,    // at the server's start the backups use more than the size limit
     kSizeReserve,  // an upload needs the space
     kSizeDropOne,  // the storage is full although the server has no size limit
-    kAsked,        // the user has named the backup
+    kAsked,        // the user requested the deletion of this backup
     kDependant,    // the full backup that this backup needs is deleted
     kIncomplete,   // the backup was never completed
     kClear,        // the user deletes all backups
