@@ -120,8 +120,8 @@ class FileSink final : public ByteSink {
         if (observer_ != nullptr) observer_->Advance(bytes);
     }
 
-    // Throws kUnauthorized when the downloaded file begins with the mark of encrypted files. Reads
-    // the first bytes back from the local file, because a backend that writes through the
+    // Throws kUnauthorized when the downloaded file begins with the magic bytes of encrypted files.
+    // Reads the first bytes back from the local file, because a backend that writes through the
     // descriptor does not pass the bytes to Write. Each Advance calls this function, so that the
     // download of a large encrypted file stops early.
     void RefuseEncrypted() {
@@ -302,7 +302,7 @@ void BackendStorage::RunMany(ManyTasks::Next next, TransferObserver* observer, s
     ManyTasks tasks({.own = *backend_,
                      .open = [this, pace] { return open_more_(pace); },
                      .max = ParallelOf(token_),
-                     // The storage's own backend would keep the rate for itself.
+                     // backend_ does not share `pace` with the backends of the other threads.
                      .share_own = pace == nullptr},
                     observer, std::move(next));
     tasks.Run();

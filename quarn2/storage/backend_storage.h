@@ -18,8 +18,8 @@ namespace quarn2 {
 // Implements the functions that all storages share: checks names, reads and writes local files.
 class BackendStorage final : public Storage {
   public:
-    // Opens another backend of the same token, on any thread. With a pace, the transfers of the
-    // backend keep it instead of the token's rate limit.
+    // Opens another backend of the same token, on any thread. If a Pace is given, it limits the
+    // backend's transfers instead of the token's rate limit.
     using OpenMore = std::function<std::unique_ptr<StorageBackend>(std::shared_ptr<Pace>)>;
 
     // `token` is the token of the storage that `backend` accesses. Its arch_password determines the

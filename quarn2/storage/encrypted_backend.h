@@ -22,8 +22,8 @@ std::int64_t SizeEncrypted(const std::string& name, std::int64_t size);
 // The number of bytes at the beginning of a file that IsEncrypted examines.
 constexpr std::size_t kEncryptedMarkSize = 8;
 
-// Returns true when `first_bytes`, the first bytes of a file, begin with the mark of encrypted
-// files.
+// Returns true when `first_bytes`, the first bytes of a file, begin with the magic bytes of
+// encrypted files.
 bool IsEncrypted(std::span<const std::byte> first_bytes);
 
 }  // namespace quarn2

@@ -102,8 +102,8 @@ class KeptBackend final : public StorageBackend {
         try {
             Idle().Keep(token_, std::move(backend_));
         } catch (const std::exception&) {
-            // There is not enough memory to keep the idle backend. Close its connection; the next
-            // TakeBackend opens a new one.
+            // If there is not enough memory to keep the idle backend, close its connection. The
+            // next TakeBackend opens a new one.
             backend_.reset();
         }
     }

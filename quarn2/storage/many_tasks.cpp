@@ -12,8 +12,8 @@ namespace {
 using kro_err::Error;
 using kro_err::Kind;
 
-// Another thread is started for this number of tasks. A new connection costs several round trips,
-// so it must save more than one.
+// The number of tasks per thread. A new connection costs several round trips, so an additional
+// thread saves time only if it performs several tasks.
 constexpr std::size_t kTasksPerThread = 4;
 
 // Performs the task and returns its error.
@@ -26,7 +26,7 @@ FileError Perform(const ManyTask& task, StorageBackend& backend, TransferObserve
     }
 }
 
-// True for the errors with which a server may refuse another connection, because it has too many.
+// Returns true for the errors that a server may report when its connection limit is reached.
 bool MayRefuseConnection(const FileError& error) {
     return error && (error->kind() == Kind::kUnavailable || error->kind() == Kind::kUnauthorized);
 }
@@ -81,7 +81,7 @@ void ManyTasks::Run() {
     }
 }
 
-// Requests tasks until all threads have enough of them.
+// Fetches tasks from next_ until there are enough for all threads.
 void ManyTasks::Fill() {
     const std::size_t capacity = workers_.max == 1 ? 1 : workers_.max * kTasksPerThread;
     while (outstanding_ < capacity) {
@@ -104,7 +104,7 @@ void ManyTasks::StartThreads() {
             const std::lock_guard lock(mutex_);
             ++active_;
         } catch (const std::system_error&) {
-            // The system has no room for another thread. The existing ones do the work.
+            // If the system cannot create another thread, the existing threads perform all tasks.
             no_more_threads_ = true;
         }
     }
@@ -120,7 +120,8 @@ void ManyTasks::RunHere() {
     Collect();
 }
 
-// Waits for the threads and passes their results and their progress on.
+// Waits for results or progress from the threads. Reports results to the tasks and progress to the
+// observer.
 void ManyTasks::Collect() {
     std::vector<Finished> finished;
     Observed observed;
@@ -140,7 +141,7 @@ void ManyTasks::Collect() {
     }
 }
 
-// --- On the threads ---
+// --- The worker threads and their queue ---
 
 void ManyTasks::Work(bool is_first) {
     try {
@@ -166,8 +167,9 @@ void ManyTasks::PerformAll(bool is_first) {
         } catch (const Error& failure) {
             error = failure;
         }
-        // A server that limits the number of connections refuses this one. The other threads
-        // perform the task. The first thread reports all errors, so no task is put back by all.
+        // The server may have refused this thread's connection because it limits their number.
+        // End this thread and let another thread perform the task. The first thread never returns
+        // a task to the queue, so every task is eventually reported.
         if (!is_first && !has_answered && MayRefuseConnection(error)) {
             return PutBack(std::move(*task));
         }
@@ -193,7 +195,8 @@ std::optional<ManyTask> ManyTasks::TakeHere() {
     return task;
 }
 
-// Adds a task to the queue. After an outage, ends it without an attempt. Call with the mutex.
+// Adds a task to the queue. After an outage, reports the task as failed without performing it. The
+// caller must hold mutex_.
 void ManyTasks::Add(ManyTask task) {
     if (outage_.is_certain()) {
         finished_.push_back({std::move(task), outage_.ErrorOfRest()});
@@ -220,7 +223,7 @@ void ManyTasks::PutBack(ManyTask task) {
     Add(std::move(task));
 }
 
-// Ends all threads. Running transfers end with their next piece.
+// Ends all threads. A running transfer is cancelled when it next reports its progress.
 void ManyTasks::Stop() noexcept {
     {
         const std::lock_guard lock(mutex_);

@@ -30,8 +30,8 @@ struct ManyTask {
 };
 
 // The tasks of one call of DownloadMany, RemoveMany or ListMany; storage.h describes how they are
-// performed. Threads are started only for a long list: a short list, or a limit of one request, is
-// performed on the thread of the caller. All threads end before Run returns or throws.
+// performed. Starts threads only for a long list. If the list is short or the limit is one request,
+// performs the tasks on the caller's thread. All threads end before Run returns or throws.
 class ManyTasks {
   public:
     using Next = std::function<std::optional<ManyTask>()>;
@@ -59,7 +59,7 @@ class ManyTasks {
         ManyTask task;
         FileError error;
     };
-    // The calls of the observer that the threads request and the caller makes.
+    // Calls of the observer that the worker threads queue and the caller's thread executes.
     struct Observed {
         std::vector<std::int64_t> begun;
         std::int64_t bytes = 0;

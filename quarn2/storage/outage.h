@@ -1,4 +1,4 @@
-// Recognises during an operation on many names that the storage does not answer any more.
+// Detects that the storage has stopped responding during an operation on many names.
 #pragma once
 
 #include <cstddef>
@@ -11,13 +11,15 @@ namespace quarn2 {
 class Outage {
   public:
     // Counts the result of one operation. `at_once` is the number of operations that run at the
-    // same time. One broken line makes all of these fail, so that many failures prove nothing.
+    // same time. One lost connection can make all of these fail, so `at_once` failures in a row do
+    // not yet count as an outage.
     void Count(const FileError& result, std::size_t at_once);
 
-    // True when so many operations in a row have failed that no other one is worth an attempt.
+    // Returns true when so many operations in a row have failed that the remaining names must not
+    // be attempted.
     bool is_certain() const noexcept { return rest_.has_value(); }
 
-    // The error of the names that are not attempted. Call it only when is_certain().
+    // Returns the error to report for each remaining name. Empty unless is_certain().
     const FileError& ErrorOfRest() const noexcept { return rest_; }
 
   private:

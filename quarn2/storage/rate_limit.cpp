@@ -59,7 +59,7 @@ class SlowSink final : public ByteSink {
 
 class RateLimitedBackend final : public ForwardingBackend {
   public:
-    // Returns the pace of a transfer.
+    // Returns the Pace for a new transfer.
     using PaceOf = std::function<std::shared_ptr<Pace>()>;
 
     RateLimitedBackend(std::unique_ptr<StorageBackend> backend, PaceOf pace_of)
@@ -95,8 +95,9 @@ void Pace::Carried(std::size_t bytes) {
 
 int Pace::Count(std::size_t bytes) {
     constexpr double kMilliseconds = 1000;
-    // Maximum delay, in seconds, that is caught up. A longer delay counts as a stall. After a stall
-    // the transfer must not catch up, because it would send the missed bytes at full speed.
+    // The maximum delay, in seconds, for which a transfer may compensate by a higher rate. A longer
+    // delay counts as a stall. After a stall the count restarts, because the transfer would
+    // otherwise send the missed bytes at full speed.
     constexpr double kMaxArrears = 1;
     const std::lock_guard lock(mutex_);
     carried_ += static_cast<std::int64_t>(bytes);

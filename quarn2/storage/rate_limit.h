@@ -17,10 +17,11 @@ class Pace {
   public:
     explicit Pace(std::int64_t bytes_per_second) : rate_(bytes_per_second) {}
 
-    // Returns the maximum number of bytes to transfer in one step, which is the amount for a tenth
-    // of a second. Small steps avoid bursts.
+    // Returns the maximum number of bytes to transfer in one step: the number that the rate allows
+    // in 0.1 seconds. Small steps avoid bursts.
     std::size_t Piece() const;
 
+    // Counts transferred bytes and sleeps if the transfers are faster than the rate.
     void Carried(std::size_t bytes);
 
   private:
@@ -38,7 +39,8 @@ class Pace {
 std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
                                             std::int64_t bytes_per_second);
 
-// Wraps a backend. All transfers of all backends with the same `pace` have its rate together.
+// Wraps a backend. The rate of `pace` limits the total of all transfers of all backends that share
+// this object.
 std::unique_ptr<StorageBackend> RateLimited(std::unique_ptr<StorageBackend> backend,
                                             std::shared_ptr<Pace> pace);
 

@@ -103,8 +103,8 @@ std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const B
     return backend;
 }
 
-// Opens a backend, or takes an idle one. A backend with a pace of its own is opened and closed for
-// one call.
+// Takes an idle backend of the token or opens a new one. With a `pace`, always opens a new backend,
+// which does not become idle after its use.
 std::unique_ptr<StorageBackend> OpenOrTake(const BackupToken& token, std::shared_ptr<Pace> pace) {
     const BackendScheme& scheme = *FindScheme(token.scheme());
     if (pace || !scheme.keeps_connections) return OpenBackend(scheme, token, std::move(pace));

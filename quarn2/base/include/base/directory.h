@@ -1,4 +1,5 @@
-// Reads local directories with errors that the caller words itself.
+// Reads local directories. The functions report errors in errno, and the caller writes the error
+// text.
 #pragma once
 
 #include <dirent.h>

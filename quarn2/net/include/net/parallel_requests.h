@@ -1,4 +1,4 @@
-// Several HTTP requests in parallel, of which the first failure counts.
+// Sends several HTTP requests in parallel and reports the first error.
 #pragma once
 
 #include <cstddef>
