@@ -87,9 +87,9 @@ class EncryptingSource final : public ByteSource {
         loaded_ = number;
     }
 
-    // Encrypts a chunk each time the backend reads it, with the same result for the same bytes. The
-    // source must not change between two reads, because then two different chunks would be
-    // encrypted with one nonce.
+    // Encrypts a chunk. If the backend reads the chunk again, this function encrypts it again and
+    // writes the same bytes. The source must not change between two reads, because the function
+    // would then encrypt two different chunks with the same nonce.
     void Seal(std::uint64_t number, std::span<std::byte> sealed) {
         const std::size_t count = PlainBytesOf(number);
         const std::span<std::byte> clear = std::span(clear_).first(count);

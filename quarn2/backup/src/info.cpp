@@ -156,7 +156,7 @@ InfoMap GetInfo(const std::string& path) {
     InfoMap info;
     for (const auto& [key, value] : reader.entries()) {
         // The program writes the keys of an info file in sorted order, so the end of the map is the
-        // right hint for nearly every key.
+        // right insertion hint for nearly every key.
         info.insert_or_assign(info.end(), std::string(key), value);
     }
     return info;
@@ -167,8 +167,8 @@ std::vector<std::string> InfoPlaces(const std::string& directory, const std::str
     const std::string name = date + "." + user + std::string(kInfo);
     if (directory.empty()) return {name};
     std::vector<std::string> places = {kro_file::ConcatPath(directory, name)};
-    // A date or user ".." would lead out of `directory`: the file name "x....info" contains the
-    // date "x" and the user "..".
+    // With the date or user "..", a path would leave `directory`, so omit that path. A file name
+    // can contain "..": GetUserName returns the user ".." for "x....info".
     constexpr std::string_view kAbove = "..";
     if (date == kAbove) return places;
     const std::string dated = kro_file::ConcatPath(date, name);

@@ -23,8 +23,8 @@ namespace {
 
 constexpr kro_log::Module kLog("names");
 
-// The extensions of archive files. If an extension ends with another one in this list, it must come
-// first, because the first match counts.
+// The extensions of archive files. ArchiveExtension returns the first match, so an extension that
+// ends with another extension of this list must come before it.
 constexpr std::array<std::string_view, 7> kArchiveExtensions = {
     ".tar.gz", ".tar.bz2", ".tar.xz", ".tar.zst", ".tgz", ".tar", ".zip"};
 constexpr std::string_view kEncrypted = ".aes";
@@ -188,7 +188,7 @@ std::string GetStoredName(const std::string& local) {
         stored = kro_file::ConcatPath(user, kro_file::ConcatPath(date, name));
     }
     CheckStoredName(stored);
-    // The program sends the name as a field of a line, and a space separates the fields.
+    // Refuse a space, because the program sends the name as a field of a space-separated line.
     if (stored.find(' ') != std::string::npos)
         ThrowInvalidStoredName(stored, "it has a space; rename the file");
     return stored;

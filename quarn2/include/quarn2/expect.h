@@ -41,9 +41,10 @@ class Expect {
     void SetEvents(int fd, short events);
 
     // Runs the workers for at most `timeout_ms` milliseconds (-1: no limit) and returns early on
-    // erFinish. When all workers are suspended or removed, Run(-1) returns, because no event could
-    // end the run. Run with a limit still waits for the full time, so that a program that calls Run
-    // in a loop does not spin. Returns false when the time is over, true otherwise.
+    // erFinish. When all workers are suspended or removed, Run(-1) returns at once, because it
+    // would otherwise wait forever. Run with a limit still waits for the full time, so that a
+    // program that calls Run in a loop does not spin. Returns false when the time is over, true
+    // otherwise.
     bool Run(int timeout_ms);
 
   private:

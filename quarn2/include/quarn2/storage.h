@@ -81,8 +81,8 @@ class Storage {
     // operation.
     virtual void SyncRemovals(const std::string& /*directory*/) {}
 
-    // Replaces `names` with the sorted names of all files and directories in a directory ("" is the
-    // root), without temporary files of interrupted uploads. If `directory` is a file, the only
+    // Replaces `names` with the sorted names of all files and directories in `directory` ("" is the
+    // root). Omits the temporary files of interrupted uploads. If `directory` is a file, the only
     // name is `directory` itself. Throws kNotFound for a missing directory. For an empty storage,
     // `names` becomes empty.
     virtual void List(std::vector<std::string>& names, const std::string& directory) = 0;
@@ -93,8 +93,8 @@ class Storage {
 
     // --- Operations on many names ---
     //
-    // Each of these functions performs the operation above for each name of a list and keeps its
-    // promises for each name. An error of one name does not stop the others. The order of the
+    // Each of these functions performs the operation above for each name of a list, with the same
+    // guarantees for each name. An error of one name does not stop the others. The order of the
     // operations is not defined. At most N requests run at the same time, where N is the token's
     // parameter "parallel"; a short list uses fewer. The function returns when all operations and
     // all threads have ended. The memory does not grow with the length of the list.
@@ -112,7 +112,7 @@ class Storage {
     // receives a kUnavailable error for each remaining name of the list.
     //
     // The other settings of the storage apply as usual. `limit_rate` limits all downloads of a call
-    // together. Other exceptions than kro_err::Error end the call.
+    // together. An exception other than kro_err::Error ends the call.
 
     using NextDownload = std::function<std::optional<FileDownload>()>;
     using DownloadDone = std::function<void(const FileDownload&, const FileError&)>;

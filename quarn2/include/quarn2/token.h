@@ -30,7 +30,7 @@ class BackupToken {
     std::string Str() const;
 
     // Returns the hash of the encryption key, or "" if the token has no `arch_password`. The first
-    // call for a password is slow; the process caches the result.
+    // call with a given password is slow; the process caches the key.
     std::string Hash() const;
 
     // Returns true when the storage is a directory of this machine.

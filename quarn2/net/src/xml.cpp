@@ -158,7 +158,9 @@ class XmlReader::Parser {
     std::vector<std::string> texts_;
     std::set<std::string, std::less<>> names_;
     std::size_t fed_ = 0;
-    std::size_t understood_ = 0;  // the value of fed_ when expat reported the last tag
+    // The value of fed_, the number of bytes passed to expat, when expat reported the most recent
+    // tag.
+    std::size_t understood_ = 0;
     std::exception_ptr thrown_;
 };
 

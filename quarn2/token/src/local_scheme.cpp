@@ -28,7 +28,8 @@ std::string Fault(const BackupToken& token) {
 
 }  // namespace
 
-// A local directory has no round trips, so parallel requests would only cost threads.
+// Access to a local directory needs no network round trips, so parallel requests would only start
+// threads without a benefit.
 TokenScheme LocalTokenScheme() { return {"local", {}, {}, Fault, 1}; }
 
 }  // namespace quarn2

@@ -143,9 +143,9 @@ class BackupToken::Parser {
                     "; known: " + KnownSchemes()};
     }
 
-    // Refuses a "@" after the authority ("user:password@host:port"). Such a token contains a "/" or
-    // "?" in the password that is not percent-encoded. The parser would end the authority there and
-    // parse the rest of the password as the path, which is printed.
+    // Refuses a "@" after the authority ("user:password@host:port"). In such a token, the password
+    // probably contains an unencoded "/" or "?". The parser would end the authority there and parse
+    // the rest of the password as the path, which is printed.
     static void CheckStrayAt(std::string_view text, std::size_t authority_end) {
         const std::string_view authority = text.substr(0, authority_end);
         const bool stray = text.find('@', authority_end) != std::string_view::npos;

@@ -17,8 +17,8 @@ enum class Failure {
     kFailed,
 };
 
-// Returns the error kind that a backend throws for a failure. kNoRoom becomes kFailed, because no
-// error kind means a full storage: Put reports a full storage by returning false.
+// Returns the error kind that a backend throws for a failure. kNoRoom becomes kFailed, because
+// kro_err::Kind has no value for a full storage: Put reports a full storage by returning false.
 kro_err::Kind KindOf(Failure failure) noexcept;
 
 // Converts a server's error text for a keyword search: returns it in lowercase, without `path` and

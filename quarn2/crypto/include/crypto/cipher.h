@@ -34,7 +34,7 @@ Key KeyFromPassword(std::string_view password, Bytes salt, KeyCost cost);
 // about the keys for other purposes.
 Key KeyFor(const Key& key, std::string_view purpose, Bytes context);
 
-// Returns the HMAC-SHA-256 of the bytes, which proves that they are authentic.
+// Returns the HMAC-SHA-256 of the bytes under `key`.
 Key Authenticate(const Key& key, Bytes bytes);
 
 // Returns true when both byte strings are equal. The duration does not depend on their content.

@@ -17,9 +17,9 @@ struct ServerSettings {
     enum class Auth { kNone, kBasic, kDigest, kPlain };
 
     std::string what;         // name of the server in error texts: "S3 server localhost:9000"
-    std::string ca;           // file of the trusted certificates; "": those of the system
+    std::string ca;           // file with trusted certificates; "": the system's certificates
     int timeout = 0;          // seconds without progress until a transfer fails
-    Auth auth = Auth::kNone;  // kPlain: the login commands of FTP
+    Auth auth = Auth::kNone;  // kPlain: FTP login with USER and PASS
     std::string user;
     std::string password;
 };
@@ -77,8 +77,8 @@ class CurlHandle {
         Check(Curl().easy_setopt(handle_, option, function), "set up a transfer");
     }
 
-    // Keeps `sockets` up to date: the set contains the open sockets of all connections that
-    // transfers with this handle have opened. The set must outlive the connections.
+    // Registers a set in which the handle records the open sockets of the connections that its
+    // transfers open. The set must outlive the connections.
     void TellSockets(std::set<curl_socket_t>& sockets);
 
     long Info(CURLINFO info) const;

@@ -1,5 +1,5 @@
-// The URL schemes of storage tokens: the data that the parser of tokens needs about each scheme.
-// How the storage of a token is opened is not known here.
+// The URL schemes of storage tokens. This module contains the data that the token parser needs
+// about each scheme. It does not open storages.
 #pragma once
 
 #include <cstddef>
