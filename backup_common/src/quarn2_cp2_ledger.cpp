@@ -142,6 +142,12 @@ void LedgerEntry::LoseSharedFiles() {
     is_unknown = false;
 }
 
+void LedgerEntry::LoseStoredIndexes() {
+    std::erase_if(slices, [](const auto& slice) {
+        return !IsArchive(slice.first) && slice.second.state == SliceState::kStored;
+    });
+}
+
 std::string LedgerEntry::Format() const {
     std::map<std::string, std::string> lines;
     lines["user"] = quarn2::GetUserName(name);
@@ -321,8 +327,8 @@ std::string Ledger::EntryNameOf(const std::string& stored_name) const {
     return latest.name.empty() ? key : latest.name;
 }
 
-std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
-                                           const quarn2::InfoMap& info) const {
+std::vector<std::string> Ledger::Select(const std::string& info_path, const quarn2::InfoMap& info,
+                                        bool later) const {
     const std::string key = LedgerKey(info_path);
     const std::string archive = ArchiveOf(info);
     std::vector<std::string> found;
@@ -332,9 +338,19 @@ std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
         // now.
         const bool is_later_custom =
             str::StartsWith(name, "C") && !archive.empty() && name > archive;
-        if (!is_later_custom) found.push_back(name);
+        if (is_later_custom == later) found.push_back(name);
     }
     return found;
+}
+
+std::vector<std::string> Ledger::EntriesOf(const std::string& info_path,
+                                           const quarn2::InfoMap& info) const {
+    return Select(info_path, info, false);
+}
+
+std::vector<std::string> Ledger::LaterEntriesOf(const std::string& info_path,
+                                                const quarn2::InfoMap& info) const {
+    return Select(info_path, info, true);
 }
 
 std::string OwnStorageName() {

@@ -76,6 +76,10 @@ struct LedgerEntry {
     // have replaced those of this entry, so this entry keeps only its archive's slices.
     void LoseSharedFiles();
 
+    // Removes the records of stored files that are not slices of an archive. Another backup has
+    // replaced these files and includes them in its size.
+    void LoseStoredIndexes();
+
     std::string Format() const;
     // Returns an open entry of this name without slices when the text cannot be parsed.
     static LedgerEntry Parse(const std::string& name, const std::string& text);
@@ -119,6 +123,10 @@ class Ledger {
     std::vector<std::string> EntriesOf(const std::string& info_path,
                                        const quarn2::InfoMap& info) const;
 
+    // The names of the entries that EntriesOf leaves out.
+    std::vector<std::string> LaterEntriesOf(const std::string& info_path,
+                                            const quarn2::InfoMap& info) const;
+
     // Waits for the upload lock of the entry and returns it. A node client holds the lock while it
     // uploads a slice of the entry, so that another node client waits. Returns null when the ledger
     // has no directory or the lock file cannot be locked.
@@ -141,6 +149,10 @@ class Ledger {
     // Checks the name and makes the directory if it is missing, before an entry is written.
     void Prepare(const std::string& name) const;
     std::vector<std::string> Names() const;
+    // The entries with the LedgerKey of the info file: those of archives that are later than the
+    // archive in the info file, if `later`, else all others.
+    std::vector<std::string> Select(const std::string& info_path, const quarn2::InfoMap& info,
+                                    bool later) const;
     void Replace(const LedgerEntry& entry) const;
 
     std::string directory_;

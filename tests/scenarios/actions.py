@@ -4,7 +4,10 @@ A step is a dict. Its key "do" selects a method of Player: the step {"do": "kill
 impossible in the current state does nothing. So steps can be removed from a list, and the rest can still be played.
 """
 
+import functools
 import os
+import threading
+import time
 
 from backups import Run, fields_of, week_of
 from checks import Judge
@@ -21,7 +24,8 @@ class Outcome:
         self.results = []  # (arguments, exit status, standard error) of each command
         self.asked_bytes = 0
         self.put = False  # True after a --put command has succeeded
-        self.completed = None  # the Run whose last --put has succeeded
+        self.completed = []  # the Runs whose last --put has succeeded
+        self.lock = threading.Lock()  # protects asked_bytes
         self.started = False  # True after the step has started a server
 
     @property
@@ -52,7 +56,7 @@ class Player:
 
     def step(self, step):
         self.out = Outcome(self.world)
-        if step["do"] in ("job", "go"):
+        if step["do"] in ("job", "go", "together"):
             self.world.wait_client()
         self.world.arm(step.get("fault"))
         try:
@@ -82,6 +86,35 @@ class Player:
         self.out.started = self.world.start_server(step)
         if token and self.out.started:
             raise Violation("wrong-token", f"a server started with a wrong token: {step}")
+
+    def do_together(self, step):
+        """Plays parts at the same time, each after its pause. A part is a job, the continuation of one, a deletion, or
+        a kill. Jobs and deletions of one step concern different users."""
+        errors = []
+        threads = [threading.Thread(target=self.play_part, args=(part, self.prepare(part), errors))
+                   for part in step["parts"]]
+        for thread in threads:
+            thread.start()
+        for thread in threads:
+            thread.join()
+        if errors:
+            raise errors[0]
+
+    def prepare(self, part):
+        """Returns the function that plays the part. The records in self.judge are changed here, by the main thread."""
+        if part["do"] == "job":
+            return self.prepare_job(part)
+        if part["do"] == "kill":
+            return functools.partial(self.world.kill_only, part["who"])
+        return functools.partial(getattr(self, "do_" + part["do"]), part)
+
+    @staticmethod
+    def play_part(part, play, errors):
+        time.sleep(part.get("pause", 0))
+        try:
+            play()
+        except Exception as error:  # raised again by the main thread
+            errors.append(error)
 
     def do_release(self, _):
         self.world.release_server()
@@ -127,8 +160,13 @@ class Player:
             self.judge.acked[run.key] = run
 
     def do_job(self, step):
-        if not self.is_late(step):
-            self.go(self.new_run(step), step.get("stop"))
+        self.prepare_job(step)()
+
+    def prepare_job(self, step):
+        """Makes the files of the job. Returns the function that runs its commands."""
+        if self.is_late(step):
+            return lambda: None
+        return functools.partial(self.go, self.new_run(step), step.get("stop"))
 
     def is_late(self, step):
         """Returns True when the user has a later complete backup, unless the job repeats a backup of the same kind. A
@@ -173,7 +211,8 @@ class Player:
             if is_last:
                 if not self.make_index(run):
                     return
-            self.out.asked_bytes += (len(read(arguments[-1])) if not is_last else run.bytes) + 1000
+            with self.out.lock:
+                self.out.asked_bytes += (len(read(arguments[-1])) if not is_last else run.bytes) + 1000
             run.note_password(arguments[-1], self.world.uploads_with)
             done = self.command(*arguments)
             run.begun = run.begun or done or self.world.fault_control.injected > 0
@@ -182,7 +221,7 @@ class Player:
             run.done += 1
             self.out.put = self.out.put or done
             if is_last:
-                self.out.completed = run
+                self.out.completed.append(run)
 
     @staticmethod
     def make_index(run):
@@ -320,5 +359,5 @@ class Player:
     def repeat(self, run):
         self.step({"do": "job", "user": run.user, "date": run.date, "kind": run.kind,
                    "sizes": [100] * len(run.slices)})
-        if self.out.completed is None:
+        if not self.out.completed:
             raise Violation("blocked", f"{run}, repeated, fails: {self.out.results[-1:]}")

@@ -75,8 +75,8 @@ class Judge:
         self.find_encrypted()
         complete = self.find_complete()
         self.pending += out.asked_bytes
-        if out.completed:
-            self.take_completed(out.completed, complete)
+        for run in out.completed:
+            self.take_completed(run, step, out, complete)
         self.session |= {key for key in complete if self.complete.get(key) is not complete[key]}
         self.check_acked(step, out, complete)
         self.check_sources()
@@ -84,7 +84,8 @@ class Judge:
         self.check_space(out)
         if out.started and self.has_log:
             self.check_counted(complete)
-        if out.completed or step["do"] == "serve":
+        # A job beside the completed one may still hold a reservation.
+        if out.completed and step["do"] != "together" or step["do"] == "serve":
             self.pending = 0
         if step["do"] in ("serve", "release"):
             self.session = set()
@@ -95,9 +96,11 @@ class Judge:
             earlier = [other for other in self.runs if other.key == run.key and other is not run]
             run.find_encrypted(self.world.main_storage, earlier)
 
-    def take_completed(self, run, complete):
+    def take_completed(self, run, step, out, complete):
         missing = run.missing(self.world.main_storage)
-        if missing:
+        # The other command of the same step may have evicted this backup in the meantime.
+        is_evicted = step["do"] == "together" and self.is_justified(run.key, run, out, complete)
+        if missing and not is_evicted:
             raise Violation("bad-complete", f"{run} was acknowledged without {missing}")
         abandoned = [path for path in run.sources if os.path.exists(path + ".attempts")]
         if abandoned:

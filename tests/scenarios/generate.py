@@ -37,8 +37,8 @@ class Week:
         self.add("serve", **self.server())
         while len(self.steps) < length:
             self.choice.choices([self.job, self.again, self.go, self.note, self.delete, self.serve, self.kill,
-                                 self.outage, self.full, self.mistake, self.clear, self.rescan],
-                                [12, 3, 4, 3, 3, 5, 2, 2, 1, 1, 0.3, 0.7])[0]()
+                                 self.outage, self.full, self.mistake, self.clear, self.rescan, self.pair],
+                                [12, 3, 4, 3, 3, 5, 2, 2, 1, 1, 0.3, 0.7, 3])[0]()
         return self.steps
 
     def past(self, user):
@@ -104,6 +104,11 @@ class Week:
         self.add("go", **self.last_made())
         if self.choice.random() < 0.5:
             self.serve()
+
+    def pair(self):
+        """Adds a job and a step that often runs at the same time."""
+        self.job()
+        self.choice.choices([self.job, self.go, self.delete, self.kill], [5, 1, 2, 2])[0]()
 
     def again(self):
         if self.made:
@@ -193,5 +198,32 @@ def with_rare_steps(steps, choice):
     return steps
 
 
+def may_run_together(first, second):
+    """Returns whether a job and the step after it can be played at the same time."""
+    return (first["do"] == "job" and second["do"] in ("job", "go", "delete", "kill")
+            and first["user"] != second.get("user") and not ("fault" in first and "fault" in second))
+
+
+def together(first, second, choice):
+    """Returns the step that plays both at the same time. It has the fault of either."""
+    parts = [{name: value for name, value in part.items() if name != "fault"} for part in (first, second)]
+    if choice.random() < 0.7:
+        choice.choice(parts)["pause"] = round(choice.uniform(0, 0.05), 3)
+    fault = first.get("fault") or second.get("fault")
+    return {"do": "together", "parts": parts, **({"fault": fault} if fault else {})}
+
+
+def with_steps_at_once(steps, choice):
+    """Joins some pairs of steps, so that two commands run at the same time."""
+    joined = []
+    for step in steps:
+        if joined and may_run_together(joined[-1], step) and choice.random() < 0.8:
+            joined[-1] = together(joined[-1], step, choice)
+        else:
+            joined.append(step)
+    return joined
+
+
 def generate(seed):
-    return with_rare_steps(Week(seed).generate(), random.Random(f"rare {seed}"))
+    steps = with_steps_at_once(Week(seed).generate(), random.Random(f"together {seed}"))
+    return with_rare_steps(steps, random.Random(f"rare {seed}"))

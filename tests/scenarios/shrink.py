@@ -33,7 +33,7 @@ def without_steps(steps, still):
 
 def simpler(step):
     """Yields simpler variants of a step."""
-    for name in ("fault", "stop", "keep", "force", "token", "rescan"):
+    for name in ("fault", "stop", "keep", "force", "token", "rescan", "pause"):
         if name in step:
             yield {key: value for key, value in step.items() if key != name}
     if len(step.get("sizes", ())) > 1:
@@ -41,6 +41,10 @@ def simpler(step):
         yield {**step, "sizes": step["sizes"][:-1]}
     if any(size != 40 for size in step.get("sizes", ())):
         yield {**step, "sizes": [40] * len(step["sizes"])}
+    for number, part in enumerate(step.get("parts", ())):
+        yield part
+        for candidate in simpler(part):
+            yield {**step, "parts": [*step["parts"][:number], candidate, *step["parts"][number + 1:]]}
     if step.get("size"):
         yield {**step, "size": 0}
     if step.get("count", "1000:1000") != "1000:1000":

@@ -207,6 +207,16 @@ class World:
             pass
 
     def kill(self, who):
+        pid = self.kill_only(who)
+        if pid:
+            wait_for(lambda: stat_of(pid) is None or stat_of(pid)[0] in "ZX",
+                     "the end of a killed process", self.patience)
+            if who != "client":
+                has_ended(pid)
+        self.settle()
+
+    def kill_only(self, who):
+        """Sends SIGKILL without waiting. Returns the pid, or None when there is no such process."""
         if who == "daemon":
             pid = self.daemon if self.serves() else None
         elif who == "caller":
@@ -215,11 +225,7 @@ class World:
             pid = self.client()
         if pid:
             self.signal(pid)
-            wait_for(lambda: stat_of(pid) is None or stat_of(pid)[0] in "ZX",
-                     "the end of a killed process", self.patience)
-            if who != "client":
-                has_ended(pid)
-        self.settle()
+        return pid
 
     # --- Waiting ---
 

@@ -353,6 +353,22 @@ class Removals(IncompleteTest):
         self.assertTrue(self.night(kind="custom", date=NIGHTS[1]).run().is_stored())
         self.assertEqual(0, server.end())
 
+    def test_a_later_interrupted_custom_backup_removes_no_complete_one(self):
+        server = self.serve()
+        slow = self.night(kind="custom", date=NIGHTS[0], size=3000).begin()
+        self.assert_success(slow.slice(1))
+        later = self.night(kind="custom", date=NIGHTS[1], size=3000).begin()
+        self.assert_success(later.slice(1))
+        self.wait_uploaded(later, 1)
+        self.assert_success(slow.slice(2))
+        self.assert_success(slow.last())
+        self.assertEqual(0, server.end())
+        server = self.serve("--size-limit", "10000", date=day(5))
+        self.assert_success(self.night(user="web2", date=day(5), size=2500).begin().slice(1))
+        self.assertTrue(slow.is_stored())
+        self.assertNotIn(later.name(1), self.r.stored())
+        self.assertEqual(0, server.end())
+
 
 class Outages(IncompleteTest):
     def half_delete(self, backup):

@@ -297,6 +297,22 @@ TEST_F(LedgerOfPuts, ACustomBackupOfAnEarlierDayBlocksNothing) {
     EXPECT_TRUE(Ledger().Read("C2026-11-14.web1").IsOpen());
 }
 
+TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesItsIndexFromTheEntryOfALaterOne) {
+    Ledger("").Update("C2026-11-16.web1", [](LedgerEntry& entry) {
+        entry.storage = kIdentity;
+        entry.slices["C2026-11-16.web1.1.dar"] = {SliceState::kStored, 5, ""};
+        entry.slices["custom.web1.1.dar"] = {SliceState::kStored, 3, ""};
+    });
+    Place("b/C2026-11-15.web1.tgz", "whole");
+    Place("b/custom.web1.info", "last-slice=C2026-11-15.web1.tgz\nsize=5\ntype=custom\n");
+    NodeSide node(lock_, server_.link());
+    node.Serve("PUT b/C2026-11-15.web1.tgz");
+    EXPECT_NE(PutLast(node, "b/custom.web1.info").find("OK "), std::string::npos);
+    const LedgerEntry later = Ledger("").Read("C2026-11-16.web1");
+    EXPECT_TRUE(later.slices.contains("C2026-11-16.web1.1.dar"));
+    EXPECT_FALSE(later.slices.contains("custom.web1.1.dar"));
+}
+
 TEST_F(LedgerOfPuts, AnotherTypeOfArchiveOfTheSameDayBlocksNothing) {
     Die("I2026-11-15.web1.1.dar");
     NodeSide node(lock_, server_.link());
