@@ -188,6 +188,12 @@ std::vector<std::string> ListBy(StorageBackend& backend, const std::string& dire
     return names;
 }
 
+std::vector<ListedEntry> SortedByName(std::vector<ListedEntry> entries) {
+    std::sort(entries.begin(), entries.end(),
+              [](const ListedEntry& a, const ListedEntry& b) { return a.name < b.name; });
+    return entries;
+}
+
 template <class Action>
 FileError ErrorOf(const Action& action) {
     try {
@@ -240,6 +246,17 @@ void BackendStorage::SyncRemovals(const std::string& directory) {
 
 void BackendStorage::List(std::vector<std::string>& names, const std::string& directory) {
     names = ListBy(*backend_, directory);
+}
+
+std::vector<ListedEntry> BackendStorage::ListSizes(const std::string& directory) {
+    if (!directory.empty()) CheckStoredName(directory);
+    return SortedByName(backend_->ListSizes(directory));
+}
+
+std::optional<std::vector<ListedEntry>> BackendStorage::ListAllFiles() {
+    std::optional<std::vector<ListedEntry>> files = backend_->ListAllFiles();
+    if (files) files = SortedByName(std::move(*files));
+    return files;
 }
 
 void BackendStorage::RemoveDir(const std::string& remote) {

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,8 @@ class BackendStorage final : public Storage {
     void RemoveFile(const std::string& remote) override;
     void SyncRemovals(const std::string& directory) override;
     void List(std::vector<std::string>& names, const std::string& directory) override;
+    std::vector<ListedEntry> ListSizes(const std::string& directory) override;
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override;
     void RemoveDir(const std::string& remote) override;
     using Storage::DownloadMany;
     using Storage::RemoveMany;

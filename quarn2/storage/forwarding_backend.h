@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <utility>
@@ -27,6 +28,12 @@ class ForwardingBackend : public StorageBackend {
     void SyncRemovals(const std::string& name) override { backend_->SyncRemovals(name); }
     void MakeDir(const std::string& name) override { backend_->MakeDir(name); }
     std::vector<std::string> List(const std::string& name) override { return backend_->List(name); }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
+        return backend_->ListSizes(name);
+    }
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override {
+        return backend_->ListAllFiles();
+    }
     void Clear() override { backend_->Clear(); }
 
   protected:

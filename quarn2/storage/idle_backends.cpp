@@ -137,6 +137,12 @@ class KeptBackend final : public StorageBackend {
     std::vector<std::string> List(const std::string& name) override {
         return Watched([&] { return backend_->List(name); });
     }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
+        return Watched([&] { return backend_->ListSizes(name); });
+    }
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override {
+        return Watched([&] { return backend_->ListAllFiles(); });
+    }
     void Clear() override {
         Watched([&] { backend_->Clear(); });
     }

@@ -134,9 +134,27 @@ class LoggedBackend final : public StorageBackend {
         std::vector<std::string> names;
         Operation("List " + Quoted(name)).Run([&] {
             names = backend_->List(name);
-            return str::Str(names.size()) + (names.size() == 1 ? " name" : " names");
+            return Names(names.size());
         });
         return names;
+    }
+
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
+        std::vector<ListedEntry> entries;
+        Operation("List " + Quoted(name) + " with sizes").Run([&] {
+            entries = backend_->ListSizes(name);
+            return Names(entries.size());
+        });
+        return entries;
+    }
+
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override {
+        std::optional<std::vector<ListedEntry>> files;
+        Operation("List all files").Run([&] {
+            files = backend_->ListAllFiles();
+            return files ? Names(files->size()) : "not possible with one listing";
+        });
+        return files;
     }
 
     void Clear() override {
@@ -149,6 +167,10 @@ class LoggedBackend final : public StorageBackend {
   private:
     static std::string Bytes(std::int64_t count) {
         return str::Str(count) + (count == 1 ? " byte" : " bytes");
+    }
+
+    static std::string Names(std::size_t count) {
+        return str::Str(count) + (count == 1 ? " name" : " names");
     }
 
     // Returns the number of errors and the text of the first one.

@@ -61,6 +61,7 @@ void CheckListing(const std::string& text, Listing (*parse)(std::string_view)) {
         Require(!entry.name.empty() && entry.name != "." && entry.name != ".." &&
                     entry.name.find('/') == entry.name.npos && !quarn2::HasControl(entry.name),
                 "a name is that of an entry of the directory");
+        Require(entry.size.value_or(0) >= 0, "a size is not negative");
         Require(text.find(entry.name) != text.npos, "a name stands in its line");
     }
     const auto lines = std::count(text.begin(), text.end(), '\n');

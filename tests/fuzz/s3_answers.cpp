@@ -44,7 +44,8 @@ void CheckListing(const std::string& body) {
     Require(whole->keys == pieces->keys && whole->directories == pieces->directories &&
                 whole->next == pieces->next,
             "pieces mean what the whole means");
-    for (const std::string& key : whole->keys) {
+    for (const auto& [key, size] : whole->keys) {
+        Require(size.value_or(0) >= 0, "a size is not negative");
         const std::optional<std::string> name = NameOf(key);
         Require(!name || KeyOf(*name) == key, "a name goes back to its key");
         Require(!IsXmlText(key) || !quarn2::HasControl(key) || key.find('\x7f') != key.npos,

@@ -15,9 +15,11 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "kro/kro_err.h"
+#include "quarn2/listed_entry.h"
 #include "quarn2/token.h"
 #include "token/scheme.h"
 
@@ -129,6 +131,18 @@ class StorageBackend {
     // missing. Returns an empty list for an empty root.
     virtual std::vector<std::string> List(const std::string& name) = 0;
 
+    // Returns the same names as List, with the stored size of each plain file, and no size for
+    // directories. The default returns no sizes. A backend overrides this function when the
+    // protocol's listing contains the sizes, or when a size costs no request. The size of an
+    // encrypted file is that of the stored bytes. When `name` is a file, its size may be missing.
+    virtual std::vector<ListedEntry> ListSizes(const std::string& name);
+
+    // Returns the complete names and the sizes of all files at any depth, in any order. Omits the
+    // names that List omits. Returns nothing when the protocol lists each directory with a request
+    // of its own, or when there are too many files for one listing. The library then lists each
+    // directory.
+    virtual std::optional<std::vector<ListedEntry>> ListAllFiles() { return std::nullopt; }
+
     // Removes everything below the storage's root, including the temporary files of interrupted
     // Puts. Does not remove the root.
     virtual void Clear() = 0;
@@ -144,6 +158,21 @@ inline StorageBackend::Errors StorageBackend::RemoveMany(std::span<const std::st
         }
     }
     return errors;
+}
+
+inline std::vector<ListedEntry> StorageBackend::ListSizes(const std::string& name) {
+    std::vector<ListedEntry> entries;
+    for (std::string& entry : List(name)) entries.push_back({std::move(entry), std::nullopt});
+    return entries;
+}
+
+// Returns the names of the entries. Backends whose listings always contain sizes implement List
+// with this function.
+inline std::vector<std::string> NamesOf(std::vector<ListedEntry> entries) {
+    std::vector<std::string> names;
+    names.reserve(entries.size());
+    for (ListedEntry& entry : entries) names.push_back(std::move(entry.name));
+    return names;
 }
 
 // One URL scheme of storage tokens and the storages behind it, as registered with RegisterScheme.

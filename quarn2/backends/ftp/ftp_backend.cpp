@@ -54,7 +54,10 @@ class FtpBackend final : public StorageBackend {
     void Remove(const std::string& name) override;
     void RemoveDir(const std::string& name) override;
     void MakeDir(const std::string& name) override;
-    std::vector<std::string> List(const std::string& name) override;
+    std::vector<std::string> List(const std::string& name) override {
+        return NamesOf(ListSizes(name));
+    }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override;
     void Clear() override;
 
   private:
@@ -294,20 +297,21 @@ void FtpBackend::MakeDir(const std::string& name) {
     }
 }
 
-std::vector<std::string> FtpBackend::List(const std::string& name) {
+std::vector<ListedEntry> FtpBackend::ListSizes(const std::string& name) {
     std::vector<ftp::Entry> entries;
     try {
         entries = tree_.Entries(name);
     } catch (const Error& error) {
         const bool maybe_file = error.kind() == Kind::kNotFound && !name.empty();
         if (!maybe_file || tree_.Look(name) != Found::kFile) throw;
-        return {name};
+        return {{name, std::nullopt}};
     }
-    std::vector<std::string> names;
+    std::vector<ListedEntry> listed;
     for (ftp::Entry& entry : entries) {
-        if (!kro_file::IsTemporaryName(entry.name)) names.push_back(std::move(entry.name));
+        if (kro_file::IsTemporaryName(entry.name)) continue;
+        listed.push_back({std::move(entry.name), entry.size});
     }
-    return names;
+    return listed;
 }
 
 void FtpBackend::Clear() {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <utility>
 
 #include "base/listing_limit.h"
@@ -17,6 +18,8 @@ using kro_err::Error;
 using kro_err::Kind;
 using Type = Entry::Type;
 
+constexpr std::string_view kTypeFact = "type=";
+
 // Separates the name of a symbolic link from its target in a LIST line.
 constexpr std::string_view kArrow = " -> ";
 
@@ -30,13 +33,23 @@ bool IsEntryName(std::string_view name) {
     return !name.empty() && name.find('/') == std::string_view::npos && !HasControl(name);
 }
 
-void Add(Listing& listing, std::string_view name, Type type) {
+// Returns nothing when the text is not a size.
+std::optional<std::int64_t> SizeOf(std::string_view text) {
+    std::int64_t size = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, size);
+    const bool good = result.ec == std::errc() && result.ptr == end && size >= 0;
+    return good ? std::optional(size) : std::nullopt;
+}
+
+void Add(Listing& listing, std::string_view name, Type type, std::string_view size) {
     if (name == ".") listing.shows_itself = true;
     if (name == "." || name == ".." || !IsEntryName(name)) return;
     if (listing.entries.size() >= ListingLimit::kMaxEntries) {
         throw Error(Kind::kFailed, "the server's listing has no end");
     }
-    listing.entries.push_back({std::string(name), type});
+    listing.entries.push_back(
+        {std::string(name), type, type == Type::kFile ? SizeOf(size) : std::nullopt});
 }
 
 template <class Action>
@@ -55,14 +68,13 @@ void ForEachLine(std::string_view text, const Action& action) {
 
 // --- MLSD lines ---
 
-// Returns the value of the "type" fact of an MLSD line: "file" for "type=file;size=3;". Returns ""
-// if the facts contain no type.
-std::string TypeFact(std::string_view facts) {
+// Returns the value of a fact of an MLSD line: "file" for "type=" in "type=file;size=3;". Returns
+// "" if the line does not contain the fact.
+std::string Fact(std::string_view facts, std::string_view name) {
     while (!facts.empty()) {
         const std::size_t end = std::min(facts.find(';'), facts.size());
         const std::string fact = str::Lower(facts.substr(0, end));
-        constexpr std::string_view kType = "type=";
-        if (fact.starts_with(kType)) return fact.substr(kType.size());
+        if (fact.starts_with(name)) return fact.substr(name.size());
         facts.remove_prefix(std::min(end + 1, facts.size()));
     }
     return {};
@@ -79,12 +91,12 @@ void AddFacts(Listing& listing, std::string_view line) {
     const std::string_view facts = line.substr(0, blank);
     const bool good = blank != std::string_view::npos && (facts.empty() || facts.ends_with(';'));
     if (!good) ThrowUnknownLine(line);
-    const std::string type = TypeFact(facts);
+    const std::string type = Fact(facts, kTypeFact);
     // Skip the directory itself ("cdir") and its parent ("pdir") by their type, because some
     // servers send a full path instead of the names "." and "..".
     if (type == "cdir") listing.shows_itself = true;
     if (type == "cdir" || type == "pdir") return;
-    Add(listing, line.substr(blank + 1), TypeOf(type));
+    Add(listing, line.substr(blank + 1), TypeOf(type), Fact(facts, "size="));
 }
 
 // --- LIST lines ---
@@ -134,20 +146,26 @@ bool IsIsoDate(std::string_view word) {
            IsPair(word.substr(5), '-');
 }
 
-// Returns the part of a LIST line after "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40". The number
-// of columns before the size differs between servers. A date must directly follow the size, because
-// a group can have the name of a month.
-std::string_view BehindDate(std::string_view line) {
+// The parts of a LIST line: the size, and the part after the date.
+struct SizeAndName {
+    std::string_view size;
+    std::string_view behind_date;
+};
+
+// Parses the size in "SIZE Nov 20 19:40" or "SIZE 2026-11-20 19:40" and the part after the date.
+// The number of columns before the size differs between servers. A date must directly follow the
+// size, because a group can have the name of a month.
+SizeAndName ParseSizeAndName(std::string_view line) {
     Words words(line);
     std::string_view before = words.Next();
     for (std::string_view word = words.Next(); !word.empty(); word = words.Next()) {
         if (str::HasDigitsOnly(before)) {
             Words ahead = words;
             const bool iso = IsIsoDate(word) && IsPair(ahead.Next(), ':');
-            if (iso) return ahead.rest();
+            if (iso) return {before, ahead.rest()};
             ahead = words;
             if (IsMonth(word) && IsDay(ahead.Next()) && IsTimeOrYear(ahead.Next())) {
-                return ahead.rest();
+                return {before, ahead.rest()};
             }
         }
         before = word;
@@ -163,7 +181,7 @@ bool IsUnixLine(std::string_view line) {
 }
 
 void AddUnixLine(Listing& listing, std::string_view line) {
-    std::string_view name = BehindDate(line);
+    auto [size, name] = ParseSizeAndName(line);
     // One blank separates the date from the name. Further blanks belong to the name.
     if (name.size() < 2) ThrowUnknownLine(line);
     name.remove_prefix(1);
@@ -177,7 +195,7 @@ void AddUnixLine(Listing& listing, std::string_view line) {
     Type type = Type::kOther;
     if (line.front() == '-') type = Type::kFile;
     if (line.front() == 'd') type = Type::kDirectory;
-    Add(listing, name, type);
+    Add(listing, name, type, size);
 }
 
 bool IsDosDate(std::string_view word) {
@@ -203,7 +221,7 @@ bool AddDosLine(Listing& listing, std::string_view line) {
     const std::size_t blanks = std::min(name.find_first_not_of(' '), name.size());
     name.remove_prefix(std::min(directory ? kColumns : 1, blanks));
     if (name.empty()) return false;
-    Add(listing, name, directory ? Type::kDirectory : Type::kFile);
+    Add(listing, name, directory ? Type::kDirectory : Type::kFile, size);
     return true;
 }
 
@@ -238,7 +256,7 @@ std::optional<Type> ParseFacts(std::string_view reply) {
         const std::size_t end = std::min(reply.find('\n'), reply.size());
         std::string_view line = reply.substr(0, end);
         line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-        const std::string type = TypeFact(line.substr(0, line.find(' ')));
+        const std::string type = Fact(line.substr(0, line.find(' ')), kTypeFact);
         if (!type.empty()) return TypeOf(type);
         reply.remove_prefix(std::min(end + 1, reply.size()));
     }

@@ -1,6 +1,7 @@
 // Parses the directory listings of FTP servers.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,7 @@ struct Entry {
 
     std::string name;
     Type type = Type::kUntold;
+    std::optional<std::int64_t> size = std::nullopt;  // of a file, if the listing contains it
 
     friend bool operator==(const Entry&, const Entry&) = default;
 };

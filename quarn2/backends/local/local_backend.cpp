@@ -96,7 +96,10 @@ class LocalBackend final : public StorageBackend {
         Translated([&] { MakeSynced(name); });
     }
     std::vector<std::string> List(const std::string& name) override {
-        return Translated([&] { return NamesIn(name); });
+        return Translated([&] { return NamesOf(EntriesIn(name, false)); });
+    }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
+        return Translated([&] { return EntriesIn(name, true); });
     }
     void Clear() override {
         Translated([&] { Empty(); });
@@ -114,7 +117,7 @@ class LocalBackend final : public StorageBackend {
     void RemoveOne(const std::string& name) const;
     void RemoveAll(const std::string& name) const;
     void MakeSynced(const std::string& name) const;
-    std::vector<std::string> NamesIn(const std::string& name) const;
+    std::vector<ListedEntry> EntriesIn(const std::string& name, bool with_sizes) const;
     void Empty() const;
     static void Store(const std::string& path, ByteSource& source);
     static void Commit(kro_file::NewFile& file, const std::string& path);
@@ -348,7 +351,15 @@ std::vector<std::string> ReadNames(DIR* directory, const std::string& path) {
     return names;
 }
 
-std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
+// Returns nothing for an entry that is not a plain file, because Get refuses it, and for a file
+// that another process has just removed.
+std::optional<std::int64_t> SizeAt(int directory, const std::string& name) {
+    struct stat status = {};
+    if (fstatat(directory, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
+    return S_ISREG(status.st_mode) ? std::optional(status.st_size) : std::nullopt;
+}
+
+std::vector<ListedEntry> LocalBackend::EntriesIn(const std::string& name, bool with_sizes) const {
     CheckRoot();
     CheckWay(name);
     const std::string path = PathOf(name);
@@ -356,13 +367,19 @@ std::vector<std::string> LocalBackend::NamesIn(const std::string& name) const {
     if (directory == nullptr) {
         struct stat status = {};
         // ENOTDIR: `path` is a file, or a parent of `path` is a file.
-        if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) return {name};
+        if (errno == ENOTDIR && lstat(path.c_str(), &status) == 0) {
+            return {{name, SizeAt(AT_FDCWD, path)}};
+        }
         if (errno != ENOENT && errno != ENOTDIR) ThrowFailedTo("list", path);
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
-    std::vector<std::string> names = ReadNames(directory.get(), path);
-    std::erase_if(names, [](const std::string& entry) { return kro_file::IsTemporaryName(entry); });
-    return names;
+    std::vector<ListedEntry> entries;
+    for (std::string& entry : ReadNames(directory.get(), path)) {
+        if (kro_file::IsTemporaryName(entry)) continue;
+        const auto size = with_sizes ? SizeAt(dirfd(directory.get()), entry) : std::nullopt;
+        entries.push_back({std::move(entry), size});
+    }
+    return entries;
 }
 
 void LocalBackend::Empty() const {

@@ -42,7 +42,11 @@ class MemoryBackend final : public StorageBackend {
     void Remove(const std::string& name) override;
     void RemoveDir(const std::string& name) override;
     void MakeDir(const std::string& name) override;
-    std::vector<std::string> List(const std::string& name) override;
+    std::vector<std::string> List(const std::string& name) override {
+        return NamesOf(ListSizes(name));
+    }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override;
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override;
     void Clear() override;
 
   private:
@@ -102,15 +106,31 @@ void MemoryBackend::MakeDir(const std::string& name) {
     store_->AddDirs(name);
 }
 
-std::vector<std::string> MemoryBackend::List(const std::string& name) {
+std::vector<ListedEntry> MemoryBackend::ListSizes(const std::string& name) {
     store_->Begin("List", name);
     const std::lock_guard lock(store_->mutex_);
-    if (store_->files_.contains(name)) return {name};
+    if (store_->files_.contains(name)) return {{name, store_->SizeOf(name)}};
     if (!name.empty() && !store_->directories_.contains(name)) {
         throw Error(Kind::kNotFound, "no directory '" + name + "' on the storage");
     }
-    const std::set<std::string> names = store_->Children(name);
-    return {names.begin(), names.end()};
+    std::vector<ListedEntry> entries;
+    for (const std::string& child : store_->Children(name)) {
+        entries.push_back({child, store_->SizeOf(kro_file::ConcatPath(name, child))});
+    }
+    return entries;
+}
+
+std::optional<std::vector<ListedEntry>> MemoryBackend::ListAllFiles() {
+    {
+        const std::lock_guard lock(store_->mutex_);
+        if (!store_->lists_all_files_) return std::nullopt;
+    }
+    store_->Begin("ListAllFiles", "");
+    std::vector<ListedEntry> files;
+    for (const auto& [name, content] : store_->files()) {
+        files.push_back({name, static_cast<std::int64_t>(content.size())});
+    }
+    return files;
 }
 
 void MemoryBackend::Clear() {
@@ -135,6 +155,7 @@ void MemoryStore::Reset() {
     files_.clear();
     directories_.clear();
     capacity_ = -1;
+    lists_all_files_ = false;
     before_ = nullptr;
     log_.clear();
 }
@@ -142,6 +163,11 @@ void MemoryStore::Reset() {
 void MemoryStore::SetCapacity(std::int64_t bytes) {
     const std::lock_guard lock(mutex_);
     capacity_ = bytes;
+}
+
+void MemoryStore::SetListsAllFiles(bool lists) {
+    const std::lock_guard lock(mutex_);
+    lists_all_files_ = lists;
 }
 
 void MemoryStore::SetHook(Hook before) {
@@ -217,6 +243,12 @@ std::int64_t MemoryStore::Used() const {
     std::size_t used = 0;
     for (const auto& [name, content] : files_) used += content.size();
     return static_cast<std::int64_t>(used);
+}
+
+std::optional<std::int64_t> MemoryStore::SizeOf(const std::string& name) const {
+    const auto found = files_.find(name);
+    if (found == files_.end()) return std::nullopt;
+    return static_cast<std::int64_t>(found->second.size());
 }
 
 std::set<std::string> MemoryStore::Children(const std::string& directory) const {

@@ -51,6 +51,17 @@ std::string DecodedKey(const std::string& text) {
     return PercentDecoded(plain).value_or(text);
 }
 
+// Returns nothing when the text is not a size, so that a faulty size does not fail a listing.
+std::optional<std::int64_t> SizeOf(const std::string& text) {
+    if (text.empty()) return std::nullopt;
+    try {
+        const std::int64_t size = str::Int64(text);
+        return size < 0 ? std::nullopt : std::optional(size);
+    } catch (const Error&) {
+        return std::nullopt;
+    }
+}
+
 [[noreturn]] void ThrowInvalidAnswer(const std::string& what, const char* to) {
     throw Error(Kind::kUnavailable, what + ": an answer that is none to " + to);
 }
@@ -90,9 +101,13 @@ void ListingReader::Close(std::string_view /*space*/, std::string_view name,
     if (path_.empty()) return;
     const bool is_key = name == "Key" && path_.back() == "Contents";
     const bool is_directory = name == "Prefix" && path_.back() == "CommonPrefixes";
-    if (is_key || is_directory) {
-        limit_.Count(text.size());
-        (is_key ? listing_.keys : listing_.directories).push_back(DecodedKey(text));
+    if (is_key || is_directory) limit_.Count(text.size());
+    if (is_key) object_.key = DecodedKey(text);
+    if (is_directory) listing_.directories.push_back(DecodedKey(text));
+    if (name == "Size" && path_.back() == "Contents") object_.size = SizeOf(text);
+    if (name == "Contents" && path_.size() == 1) {
+        ListedKey object = std::exchange(object_, {});
+        if (!object.key.empty()) listing_.keys.push_back(std::move(object));
     }
     // Do not decode the continuation token: it is an opaque text that the server expects back
     // unchanged.

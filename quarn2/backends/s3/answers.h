@@ -1,6 +1,8 @@
 // Parses the XML responses of S3 servers.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,8 +17,15 @@ namespace quarn2::s3 {
 // body contains an error. `path` becomes Refusal::path.
 Refusal RefusalOf(const net::HttpReply& reply, std::string path = {});
 
+struct ListedKey {
+    std::string key;
+    std::optional<std::int64_t> size;
+
+    friend bool operator==(const ListedKey&, const ListedKey&) = default;
+};
+
 struct Listing {
-    std::vector<std::string> keys;
+    std::vector<ListedKey> keys;
     std::vector<std::string> directories;  // each name has a trailing slash
     std::string next;                      // the continuation token; "" on the last page
 };
@@ -61,6 +70,7 @@ class ListingReader final : public net::ReplySink, private net::XmlHandler {
     net::XmlReader reader_;
     ListingLimit limit_;
     std::vector<std::string> path_;
+    ListedKey object_;  // the object whose element is being parsed
     Listing listing_;
 };
 

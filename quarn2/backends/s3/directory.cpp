@@ -71,12 +71,26 @@ bool IsName(const std::string& name) {
     }
 }
 
-void AddName(std::vector<std::string>& names, std::string_view key, std::string_view prefix) {
+// A key that ends with a slash is a directory, which has no size.
+void AddEntry(std::vector<ListedEntry>& entries, const ListedKey& listed, std::string_view prefix) {
+    std::string_view key = listed.key;
     if (!str::StartsWith(key, prefix)) return;
     key.remove_prefix(prefix.size());
-    if (str::EndsWith(key, "/")) key.remove_suffix(1);
+    const bool is_directory = str::EndsWith(key, "/");
+    if (is_directory) key.remove_suffix(1);
     const std::optional<std::string> name = NameOf(key);
-    if (name && IsName(*name)) names.push_back(*name);
+    if (name && IsName(*name))
+        entries.push_back({*name, is_directory ? std::nullopt : listed.size});
+}
+
+// S3 allows a file and a directory of the same name. Keeps one entry for each name: the file's.
+void RemoveDuplicates(std::vector<ListedEntry>& entries) {
+    const auto order = [](const ListedEntry& a, const ListedEntry& b) {
+        return a.name != b.name ? a.name < b.name : a.size.has_value() && !b.size.has_value();
+    };
+    const auto same = [](const ListedEntry& a, const ListedEntry& b) { return a.name == b.name; };
+    std::sort(entries.begin(), entries.end(), order);
+    entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
 }
 
 bool FileExists(Service& service, const std::string& name, const std::string& doing) {
@@ -113,9 +127,9 @@ class Sweeper {
     }
 
   private:
-    void StartPage(const std::vector<std::string>& keys) {
+    void StartPage(const std::vector<ListedKey>& keys) {
         std::vector<std::string> batch;
-        for (const std::string& key : keys) {
+        for (const auto& [key, size] : keys) {
             if (!is_supported_ || !IsXmlText(key)) {
                 StartOne(key);
                 continue;
@@ -253,33 +267,48 @@ Call ListingCall(const std::string& prefix, bool only_direct, const std::string&
     return call;
 }
 
-std::vector<std::string> ListDirectory(Service& service, const std::string& name) {
+std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name) {
     const std::string doing = "cannot list " + Quoted(name);
     const std::string prefix = service.KeyOfDirectory(name);
-    std::vector<std::string> names;
+    std::vector<ListedEntry> entries;
     ListingLimit limit(service.what());
     Pages pages(service);
     bool any = false;
     bool more = true;
     while (more) {
         const Listing page = ListPage(service, prefix, true, pages.next(), doing);
-        for (const std::vector<std::string>* const keys : {&page.keys, &page.directories}) {
-            for (const std::string& key : *keys) {
-                limit.Count(key.size());
-                AddName(names, key, prefix);
-            }
-            any = any || !keys->empty();
-        }
+        const auto add = [&](const ListedKey& listed) {
+            limit.Count(listed.key.size());
+            AddEntry(entries, listed, prefix);
+            any = true;
+        };
+        for (const ListedKey& listed : page.keys) add(listed);
+        for (const std::string& key : page.directories) add({key, std::nullopt});
         more = pages.GoOn(page);
     }
     if (!any && !name.empty()) {
-        if (FileExists(service, name, doing)) return {name};
+        if (FileExists(service, name, doing)) return {{name, std::nullopt}};
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
-    // S3 allows a file and a directory of the same name, so remove duplicate names.
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
+    RemoveDuplicates(entries);
+    return entries;
+}
+
+std::optional<std::vector<ListedEntry>> ListAll(Service& service, std::size_t max_pages) {
+    const std::string prefix = service.KeyOfDirectory("");
+    std::vector<ListedEntry> files;
+    ListingLimit limit(service.what());
+    Pages pages(service);
+    for (std::size_t count = 0; count < max_pages; ++count) {
+        const Listing page =
+            ListPage(service, prefix, false, pages.next(), "cannot list all files");
+        for (const ListedKey& listed : page.keys) {
+            limit.Count(listed.key.size());
+            if (!str::EndsWith(listed.key, "/")) AddEntry(files, listed, prefix);
+        }
+        if (!pages.GoOn(page)) return files;
+    }
+    return std::nullopt;
 }
 
 void CheckBucket(Service& service) {

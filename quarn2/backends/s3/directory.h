@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "quarn2/listed_entry.h"
 #include "service.h"
 #include "unfinished.h"
 
@@ -17,10 +18,14 @@ namespace quarn2::s3 {
 // contain another slash after the prefix into directories.
 Call ListingCall(const std::string& prefix, bool only_direct, const std::string& next);
 
-// Returns the names of the files and directories directly in a directory ("" is the root). If
-// `name` is a file, returns only this name. Throws kNotFound if `name` is neither a directory nor a
+// Returns the files and directories directly in a directory ("" is the root). If `name` is a file,
+// returns only this name, without its size. Throws kNotFound if `name` is neither a directory nor a
 // file.
-std::vector<std::string> ListDirectory(Service& service, const std::string& name);
+std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name);
+
+// Returns the complete names of all files. Returns nothing if their listing has more than
+// `max_pages` pages.
+std::optional<std::vector<ListedEntry>> ListAll(Service& service, std::size_t max_pages);
 
 // Returns the common prefixes, each with a trailing slash, that begin with `prefix` and have no
 // other slash after it. Returns nothing if their listing has more than `max_pages` pages.

@@ -29,6 +29,9 @@ using kro_err::Kind;
 // process aborts the upload only once, at the start of its own upload of the same name.
 constexpr int kMaxStarts = 8;
 
+// A listing of all files is in memory at once, so it is limited to about 500,000 files.
+constexpr std::size_t kMaxPagesOfAllFiles = 500;
+
 class S3Backend final : public StorageBackend {
   public:
     explicit S3Backend(const BackupToken& token)
@@ -46,7 +49,13 @@ class S3Backend final : public StorageBackend {
     void RemoveDir(const std::string& name) override { Sweep(service_.KeyOfDirectory(name)); }
     void MakeDir(const std::string& /*name*/) override { CheckBucket(service_); }
     std::vector<std::string> List(const std::string& name) override {
+        return NamesOf(ListDirectory(service_, name));
+    }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
         return ListDirectory(service_, name);
+    }
+    std::optional<std::vector<ListedEntry>> ListAllFiles() override {
+        return ListAll(service_, kMaxPagesOfAllFiles);
     }
     void Clear() override { Sweep(service_.address().prefix); }
 

@@ -80,8 +80,12 @@ class SftpBackend final : public StorageBackend {
     }
 
     std::vector<std::string> List(const std::string& name) override {
+        return NamesOf(ListSizes(name));
+    }
+
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
         return Repeatable(
-            [&](sftp::Session& session) { return sftp::List(session, place_, name); });
+            [&](sftp::Session& session) { return sftp::ListSizes(session, place_, name); });
     }
 
     void Clear() override {

@@ -220,23 +220,36 @@ void RemoveBelow(Session& session, const std::string& top, bool top_too) {
 // Adds the original names of displaced files to a listing. If the replacement of a file is
 // interrupted on a server that cannot rename over an existing file, the old file remains under its
 // displaced name.
-void ShowDisplaced(std::vector<std::string>& names) {
-    const std::size_t count = names.size();
+void ShowDisplaced(std::vector<ListedEntry>& entries) {
+    const std::size_t count = entries.size();
     for (std::size_t i = 0; i < count; ++i) {
-        if (auto target = DisplacedTarget(names[i])) names.push_back(std::move(*target));
+        auto target = DisplacedTarget(entries[i].name);
+        if (target) entries.push_back({std::move(*target), entries[i].size});
     }
 }
 
-std::vector<std::string> NamesToShow(Session& session, const std::vector<Entry>& entries) {
-    std::vector<std::string> names;
+// Returns nothing for an entry that is not a plain file or whose type the server has omitted.
+std::optional<std::int64_t> SizeOf(const Attributes& attributes) {
+    const bool is_file = attributes.mode && attributes.IsFile();
+    if (!is_file || !attributes.size) return std::nullopt;
+    if (!std::in_range<std::int64_t>(*attributes.size)) return std::nullopt;
+    return static_cast<std::int64_t>(*attributes.size);
+}
+
+std::vector<ListedEntry> EntriesToShow(Session& session, const std::vector<Entry>& entries) {
+    std::vector<ListedEntry> shown;
     for (const Entry& entry : entries) {
-        if (!HasControl(entry.name)) names.push_back(entry.name);
+        if (!HasControl(entry.name)) shown.push_back({entry.name, SizeOf(entry.attributes)});
     }
-    if (!session.Offers("posix-rename@openssh.com")) ShowDisplaced(names);
-    std::erase_if(names, [](const std::string& name) { return kro_file::IsTemporaryName(name); });
-    std::sort(names.begin(), names.end());
-    names.erase(std::unique(names.begin(), names.end()), names.end());
-    return names;
+    if (!session.Offers("posix-rename@openssh.com")) ShowDisplaced(shown);
+    std::erase_if(shown,
+                  [](const ListedEntry& one) { return kro_file::IsTemporaryName(one.name); });
+    // Stable: the entry of a file precedes that of its displaced predecessor.
+    std::stable_sort(shown.begin(), shown.end(),
+                     [](const ListedEntry& a, const ListedEntry& b) { return a.name < b.name; });
+    const auto same = [](const ListedEntry& a, const ListedEntry& b) { return a.name == b.name; };
+    shown.erase(std::unique(shown.begin(), shown.end(), same), shown.end());
+    return shown;
 }
 
 }  // namespace
@@ -311,7 +324,7 @@ void MakeDir(Session& session, const Place& place, const std::string& name) {
     sync.Finish();
 }
 
-std::vector<std::string> List(Session& session, const Place& place, const std::string& name) {
+std::vector<ListedEntry> ListSizes(Session& session, const Place& place, const std::string& name) {
     const std::uint32_t root = AskForRoot(session, place);
     const std::string path = place.PathOf(name);
     const std::uint32_t look = SendPath(session, Type::kLstat, path);
@@ -322,10 +335,11 @@ std::vector<std::string> List(Session& session, const Place& place, const std::s
         throw;
     }
     Reply seen = session.Wait(look);
-    const bool other = seen.type == Type::kAttrs && !seen.fields.Attrs().IsDirectory();
+    const auto attributes =
+        seen.type == Type::kAttrs ? std::optional(seen.fields.Attrs()) : std::nullopt;
     std::vector<DirectoryReader> readers = ReadDirectories(session, {&path, 1});
-    if (!readers.empty()) return NamesToShow(session, readers.front().entries());
-    if (other) return {name};
+    if (!readers.empty()) return EntriesToShow(session, readers.front().entries());
+    if (attributes && !attributes->IsDirectory()) return {{name, SizeOf(*attributes)}};
     throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "place.h"
+#include "quarn2/listed_entry.h"
 #include "session.h"
 
 namespace quarn2::sftp {
@@ -34,7 +35,7 @@ MadeDirs MakeDirs(Session& session, const Place& place, const std::string& name)
 
 // The following functions implement the functions of StorageBackend with the same names.
 void MakeDir(Session& session, const Place& place, const std::string& name);
-std::vector<std::string> List(Session& session, const Place& place, const std::string& name);
+std::vector<ListedEntry> ListSizes(Session& session, const Place& place, const std::string& name);
 void Remove(Session& session, const Place& place, const std::string& name);
 void RemoveDir(Session& session, const Place& place, const std::string& name);
 void Clear(Session& session, const Place& place);

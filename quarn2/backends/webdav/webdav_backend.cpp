@@ -91,7 +91,12 @@ class WebdavBackend final : public StorageBackend {
     void Remove(const std::string& name) override;
     void RemoveDir(const std::string& name) override;
     void MakeDir(const std::string& name) override;
-    std::vector<std::string> List(const std::string& name) override;
+    std::vector<std::string> List(const std::string& name) override {
+        return NamesOf(Entries(name, Ask::kType));
+    }
+    std::vector<ListedEntry> ListSizes(const std::string& name) override {
+        return Entries(name, Ask::kLength);
+    }
     void Clear() override;
 
   private:
@@ -109,6 +114,7 @@ class WebdavBackend final : public StorageBackend {
     Stored Rename(const std::string& temporary, const std::string& name);
     bool BrokeOff(const std::string& temporary, std::int64_t size);
     void CleanUp(const std::string& temporary) noexcept;
+    std::vector<ListedEntry> Entries(const std::string& name, Ask ask);
     bool HidesDottedNames();
     void RemakeRoot();
     void GetChecked(const std::string& name, ByteSink& sink);
@@ -413,15 +419,19 @@ void WebdavBackend::MakeDir(const std::string& name) {
     }
 }
 
-std::vector<std::string> WebdavBackend::List(const std::string& name) {
-    std::vector<std::string> names;
+std::vector<ListedEntry> WebdavBackend::Entries(const std::string& name, Ask ask) {
+    std::vector<ListedEntry> entries;
     const Resource::Kind kind =
-        server_.List(name, Ask::kType, [&names](std::string entry, const DavEntry& /*what*/) {
-            if (!webdav::IsTemporaryEntry(entry)) names.push_back(std::move(entry));
+        server_.List(name, ask, [&entries](std::string entry, const DavEntry& what) {
+            if (webdav::IsTemporaryEntry(entry)) return;
+            // Some servers report a length for collections too.
+            const bool has_size = !what.is_collection && what.length >= 0;
+            entries.push_back(
+                {std::move(entry), has_size ? std::optional(what.length) : std::nullopt});
         });
     using enum Resource::Kind;
-    if (kind == kCollection) return names;
-    if (kind == kFile) return {name};
+    if (kind == kCollection) return entries;
+    if (kind == kFile) return {{name, std::nullopt}};
     if (name.empty()) server_.CheckRoot();
     throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
 }

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "kro/kro_err.h"
+#include "quarn2/listed_entry.h"
 
 namespace quarn2 {
 
@@ -86,6 +87,15 @@ class Storage {
     // name is `directory` itself. Throws kNotFound for a missing directory. For an empty storage,
     // `names` becomes empty.
     virtual void List(std::vector<std::string>& names, const std::string& directory) = 0;
+
+    // Returns the same names as List, sorted by name, with the stored size of each plain file when
+    // the storage's listing contains it. Slower than List on a local storage.
+    virtual std::vector<ListedEntry> ListSizes(const std::string& directory) = 0;
+
+    // Returns the complete names and the sizes of all files on the storage, sorted by name. Returns
+    // nothing when the storage can only list directory by directory, or when it has too many files
+    // for one listing.
+    virtual std::optional<std::vector<ListedEntry>> ListAllFiles() = 0;
 
     // Removes a directory and everything below it. Succeeds when the directory does not exist. Does
     // not remove a file of that name. Throws kFailed for "", the root.

@@ -43,8 +43,21 @@ TEST(FtpMachineListing, TellsFilesDirectoriesAndLinks) {
     EXPECT_TRUE(listing.shows_itself);
     EXPECT_THAT(
         listing.entries,
-        ElementsAre(Entry{"F2026-11-20.web1.tgz", Type::kFile}, Entry{"user", Type::kDirectory},
+        ElementsAre(Entry{"F2026-11-20.web1.tgz", Type::kFile, 3}, Entry{"user", Type::kDirectory},
                     Entry{"link", Type::kOther}, Entry{"untold", Type::kUntold}));
+}
+
+TEST(FtpMachineListing, ASizeThatIsNoNumberIsUnknown) {
+    const Listing listing = ParseMachineListing(
+        "type=file;size=; a\r\n"
+        "type=file;size=-1; b\r\n"
+        "size=9223372036854775808;type=file; c\r\n"
+        "Size=9223372036854775807;type=file; d\r\n"
+        "type=dir;size=4096; e\r\n");
+    EXPECT_THAT(
+        listing.entries,
+        ElementsAre(Entry{"a", Type::kFile}, Entry{"b", Type::kFile}, Entry{"c", Type::kFile},
+                    Entry{"d", Type::kFile, 9223372036854775807}, Entry{"e", Type::kDirectory}));
 }
 
 TEST(FtpMachineListing, KeepsEveryByteOfAName) {
@@ -125,11 +138,12 @@ TEST(FtpListing, UnixInItsVariants) {
         "lrwxrwxrwx   1 u        g             4 Nov 20 19:53 which -> a -> b\r\n"
         "crw-rw-rw-   1 root     root     1,   3 Nov 20 19:53 null\r\n");
     EXPECT_TRUE(listing.shows_itself);
-    EXPECT_THAT(listing.entries,
-                ElementsAre(Entry{"a", Type::kFile}, Entry{"last year", Type::kFile},
-                            Entry{"without group", Type::kFile},
-                            Entry{"months for names", Type::kDirectory}, Entry{"iso", Type::kFile},
-                            Entry{"link", Type::kOther}, Entry{"null", Type::kOther}));
+    EXPECT_THAT(
+        listing.entries,
+        ElementsAre(Entry{"a", Type::kFile, 3}, Entry{"last year", Type::kFile, 3},
+                    Entry{"without group", Type::kFile, 3},
+                    Entry{"months for names", Type::kDirectory}, Entry{"iso", Type::kFile, 123},
+                    Entry{"link", Type::kOther}, Entry{"null", Type::kOther}));
 }
 
 TEST(FtpListing, KeepsTheBlanksOfAName) {
@@ -139,10 +153,11 @@ TEST(FtpListing, KeepsTheBlanksOfAName) {
         "-rw-r--r--   1 u g 3 Nov 20 19:41 two  within \r\n"
         "-rw-r--r--   1 u g 3 Nov 20 19:41 5 Nov 20 19:41 x\r\n"
         "-rw-r--r--   1 u g 3 Nov 20 19:41 a -> b\r\n");
-    EXPECT_THAT(listing.entries,
-                ElementsAre(Entry{" one leading", Type::kFile}, Entry{"   ", Type::kFile},
-                            Entry{"two  within ", Type::kFile},
-                            Entry{"5 Nov 20 19:41 x", Type::kFile}, Entry{"a -> b", Type::kFile}));
+    EXPECT_THAT(
+        listing.entries,
+        ElementsAre(Entry{" one leading", Type::kFile, 3}, Entry{"   ", Type::kFile, 3},
+                    Entry{"two  within ", Type::kFile, 3},
+                    Entry{"5 Nov 20 19:41 x", Type::kFile, 3}, Entry{"a -> b", Type::kFile, 3}));
 }
 
 TEST(FtpListing, Dos) {
@@ -151,8 +166,8 @@ TEST(FtpListing, Dos) {
         "11-20-2026  19:40              1234567 F2026-11-20.web1.tgz\r\n"
         "11-20-26  07:40AM                    3  leading\r\n");
     EXPECT_THAT(listing.entries, ElementsAre(Entry{"user one", Type::kDirectory},
-                                             Entry{"F2026-11-20.web1.tgz", Type::kFile},
-                                             Entry{" leading", Type::kFile}));
+                                             Entry{"F2026-11-20.web1.tgz", Type::kFile, 1234567},
+                                             Entry{" leading", Type::kFile, 3}));
 }
 
 TEST(FtpListing, DropsNamesThatLeadElsewhere) {

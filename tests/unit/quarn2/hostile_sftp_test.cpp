@@ -110,14 +110,14 @@ class HostileSftp : public testing::Test {
 TEST_F(HostileSftp, NamesWithoutEnd) {
     for (const std::string& name : {std::string("n"), std::string(200, 'n')}) {
         const auto session = Connect(std::vector<std::string>(100, name), kFile);
-        EXPECT_THAT(ErrorOf([&] { quarn2::sftp::List(*session, place_, ""); }),
+        EXPECT_THAT(ErrorOf([&] { quarn2::sftp::ListSizes(*session, place_, ""); }),
                     HasSubstr("an endless listing"));
     }
 }
 
 TEST_F(HostileSftp, AnswersWithoutNamesAndWithoutEnd) {
     const auto session = Connect({}, kFile);
-    EXPECT_THAT(ErrorOf([&] { quarn2::sftp::List(*session, place_, ""); }),
+    EXPECT_THAT(ErrorOf([&] { quarn2::sftp::ListSizes(*session, place_, ""); }),
                 HasSubstr("an endless listing"));
 }
 

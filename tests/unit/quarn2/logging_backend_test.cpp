@@ -69,6 +69,8 @@ TEST_F(LoggingBackend, EveryOperationLeavesALineWithWhatItDid) {
     backend_->MakeDir("dir");
     EXPECT_EQ(backend_->List("").size(), 2U);
     EXPECT_EQ(backend_->List("user").size(), 1U);
+    EXPECT_EQ(backend_->ListSizes("user").size(), 1U);
+    EXPECT_FALSE(backend_->ListAllFiles());
     backend_->Remove("user/2026-11-20/file");
     backend_->RemoveDir("user");
     backend_->Clear();
@@ -78,6 +80,8 @@ TEST_F(LoggingBackend, EveryOperationLeavesALineWithWhatItDid) {
                     "storage 8: Get 'user/2026-11-20/file': 5 bytes in N ms",
                     "storage 8: Make directory 'dir': there in N ms",
                     "storage 8: List '': 2 names in N ms", "storage 8: List 'user': 1 name in N ms",
+                    "storage 8: List 'user' with sizes: 1 name in N ms",
+                    "storage 8: List all files: not possible with one listing in N ms",
                     "storage 8: Remove 'user/2026-11-20/file': gone in N ms",
                     "storage 8: Remove directory 'user': gone in N ms",
                     "storage 8: Clear: empty in N ms"));

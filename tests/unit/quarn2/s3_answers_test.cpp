@@ -224,9 +224,22 @@ TEST(S3Listing, TakesKeysDirectoriesAndTheToken) {
         "NextContinuationToken><Contents><Key>p/a%2Bb%20c+d%01</Key><Size>1</Size></Contents>"
         "<Contents><Key>p/100%25</Key><Owner><ID>x</ID></Owner></Contents>"
         "<CommonPrefixes><Prefix>p/dir/</Prefix></CommonPrefixes></ListBucketResult>");
-    EXPECT_THAT(listing.keys, ElementsAre("p/a+b c d\x01", "p/100%"));
+    EXPECT_THAT(listing.keys,
+                ElementsAre(ListedKey{"p/a+b c d\x01", 1}, ListedKey{"p/100%", std::nullopt}));
     EXPECT_THAT(listing.directories, ElementsAre("p/dir/"));
     EXPECT_EQ(listing.next, "op+aq%2Fue==");
+}
+
+TEST(S3Listing, ASizeThatIsNoNumberIsUnknown) {
+    for (const char* const size : {"", "-1", "1.5", "9223372036854775808", "x"}) {
+        const Listing listing =
+            ReadListing("<ListBucketResult><Contents><Size>" + std::string(size) +
+                        "</Size><Key>a</Key></Contents><Contents><Key>b</Key><Size>"
+                        "9223372036854775807</Size></Contents></ListBucketResult>");
+        EXPECT_THAT(listing.keys,
+                    ElementsAre(ListedKey{"a", std::nullopt}, ListedKey{"b", 9223372036854775807}))
+            << size;
+    }
 }
 
 TEST(S3Listing, TakesAnEmptyOne) {

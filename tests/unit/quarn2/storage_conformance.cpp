@@ -10,6 +10,7 @@ using kro_err::Kind;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Optional;
+using Entry = quarn2::ListedEntry;
 using Names = std::vector<std::string>;
 
 // Larger than any piece of a transfer.
@@ -235,6 +236,44 @@ TEST_P(StorageConformance, ListsMoreThanAPage) {
     for (std::thread& thread : threads) thread.join();
     EXPECT_EQ(List("many"), expected);
     EXPECT_EQ(List(""), Names{"many"});
+}
+
+// The sizes are those of the stored bytes, so an encrypted file is larger than its content.
+TEST_P(StorageConformance, ListsTheSizesOfFilesButNotOfDirectories) {
+    for (const auto& [name, size] : {std::pair("empty", 0), {"dir/file", 70000}}) {
+        EXPECT_TRUE(Upload(name, local_files::Noise(static_cast<std::size_t>(size))));
+    }
+    EXPECT_TRUE(Upload("dir/2026-11-20.web1.info", "size=1"));
+    EXPECT_TRUE(Upload("dir/2026-11-20/deep", "x"));
+    EXPECT_THAT(storage_->ListSizes(""),
+                ElementsAre(Entry{"dir", std::nullopt}, Entry{"empty", StoredSize(0)}));
+    EXPECT_THAT(storage_->ListSizes("dir"),
+                ElementsAre(Entry{"2026-11-20", std::nullopt}, Entry{"2026-11-20.web1.info", 6},
+                            Entry{"file", StoredSize(70000)}));
+    EXPECT_EQ(storage_->ListSizes("empty").size(), 1U);
+    EXPECT_EQ(storage_->ListSizes("empty").front().name, "empty");
+    EXPECT_THAT(KindOf([&] { storage_->ListSizes("missing"); }), Optional(Kind::kNotFound));
+    EXPECT_THAT(KindOf([&] { storage_->ListSizes("../x"); }), Optional(Kind::kFailed));
+}
+
+// A storage may refuse to list all files at once, but may not omit some of them.
+TEST_P(StorageConformance, AListingOfAllFilesIsComplete) {
+    if (!storage_->ListAllFiles()) GTEST_SKIP() << "the storage lists directory by directory";
+    EXPECT_THAT(storage_->ListAllFiles(), Optional(IsEmpty()));
+    const std::size_t count = site_->NamesPerPage() + 1;
+    std::vector<Entry> expected;
+    for (std::size_t i = 0; i < count; ++i) {
+        expected.push_back({"web1/2026-11-20/" + std::to_string(10000 + i), StoredSize(1)});
+    }
+    const auto backend = OpenBackend();
+    for (const Entry& entry : expected) {
+        TextSource source("x");
+        EXPECT_TRUE(backend->Put(entry.name, source));
+    }
+    EXPECT_TRUE(Upload("a", "12"));
+    site_->LeaveLeftover("b");
+    expected.insert(expected.begin(), Entry{"a", StoredSize(2)});
+    EXPECT_THAT(storage_->ListAllFiles(), Optional(expected));
 }
 
 // --- Removals ---
