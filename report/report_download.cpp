@@ -30,25 +30,6 @@ void RemoveLeftovers() {
     }
 }
 
-// Removes the local copy, also when the download or a later step fails.
-class LocalCopy {
-  public:
-    explicit LocalCopy(std::string path) : path_(std::move(path)) {}
-    ~LocalCopy() {
-        try {
-            kro_file::RemoveFile(path_);
-        } catch (const std::exception&) {
-            // The destructor of DownloadDirectory removes the file.
-            return;
-        }
-    }
-    LocalCopy(const LocalCopy&) = delete;
-    LocalCopy& operator=(const LocalCopy&) = delete;
-
-  private:
-    std::string path_;
-};
-
 }  // namespace
 
 DownloadDirectory::DownloadDirectory()
@@ -68,11 +49,21 @@ DownloadDirectory::~DownloadDirectory() {
     }
 }
 
-std::int64_t DownloadDirectory::Check(quarn2::Storage& storage, const std::string& name,
-                                      bool is_encrypted) const {
-    const std::string local = kro_file::ConcatPath(path_, kro_file::Name(name));
-    const LocalCopy copy(local);
+std::string DownloadDirectory::PathOf(const std::string& local_name) const {
+    return kro_file::ConcatPath(path_, local_name);
+}
+
+void DownloadDirectory::Drop() {
+    if (!local_.empty()) kro_file::RemoveFile(local_);
+    local_.clear();
+}
+
+std::int64_t DownloadDirectory::Fetch(quarn2::Storage& storage, const std::string& name,
+                                      const std::string& local_name, bool is_encrypted) {
+    Drop();
+    const std::string local = PathOf(local_name);
     storage.DeferSync(true);
     storage.Download(name, local);
+    local_ = local;
     return is_encrypted ? storage.Size(local) : kro_file::Size(local);
 }

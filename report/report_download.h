@@ -15,11 +15,21 @@ class DownloadDirectory {
     DownloadDirectory(const DownloadDirectory&) = delete;
     DownloadDirectory& operator=(const DownloadDirectory&) = delete;
 
-    // Downloads and decrypts the file, removes the local copy, and returns the bytes that the file
-    // uses on the storage. `is_encrypted`: the stored file is encrypted, unless it is an info file.
-    // Throws kro_err::Error when the file cannot be read completely.
-    std::int64_t Check(quarn2::Storage& storage, const std::string& name, bool is_encrypted) const;
+    // Removes the previous file, downloads and decrypts the file `name` as `local_name`, and
+    // returns the bytes that it uses on the storage. `is_encrypted`: the stored file is encrypted,
+    // unless `local_name` is that of an info file. Throws kro_err::Error when the file cannot be
+    // read completely.
+    std::int64_t Fetch(quarn2::Storage& storage, const std::string& name,
+                       const std::string& local_name, bool is_encrypted);
+
+    // Removes the file.
+    void Drop();
+
+    // The path of the directory, relative to the install root, and of a file in it.
+    const std::string& path() const noexcept { return path_; }
+    std::string PathOf(const std::string& local_name) const;
 
   private:
     std::string path_;
+    std::string local_;  // the path of the file; empty when there is none
 };

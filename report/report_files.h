@@ -1,6 +1,7 @@
 // The stored files of one backup. The functions only process data.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,6 +21,9 @@ struct LocalFiles {
     std::string index_name;  // the stored name of the index; empty when there is no local copy
     std::int64_t index_size = 0;
 };
+
+// The endings of an index, in place of the ".info" of its info file.
+inline constexpr std::array<const char*, 3> kIndexEndings = {".1.dar", ".tgz", ".tgz.aes"};
 
 // The files of a backup: slices in order, then the index, then the info file. The size of a file is
 // known when it follows from the info file and the local files. Throws std::runtime_error when the

@@ -45,7 +45,8 @@ void DeclareOptions(kro_args::Args& args) {
             .Last()
         .AddOption("verify", kNoLetter, "ask the storage of BACKUP_TOKEN whether it has the files of the backups")
             .SetGroup(mode)
-            .AddSuboption("content", kNoLetter, "download the files of this percentage of the backups").SetParam()
+            .AddSuboption("content", kNoLetter, "download and test this percentage of the backups; 1/DAYS: each backup "
+                                                "on one day of so many days").SetParam()
             .AddOption("seed", kNoLetter, "repeat the choice of an earlier --content").SetParam()
             .AddOption("orphans", kNoLetter, "look for stored files that no info file names")
             .Last()
@@ -130,16 +131,30 @@ void CheckArguments(const Options& options, const kro_args::Result& args) {
                                (expected == 0 ? " takes no arguments" : " needs USER and DATE"));
 }
 
-void TakeVerifyOptions(Options& options, const kro_args::Result& args) {
+// "10" is a percentage, "1/30" is a rotation of 30 days.
+void ParseShare(Options& options, const std::string& text) {
     constexpr int kAll = 100;
-    const char* const expected = "a percentage from 1 to 100";
-    options.has_orphans = args.Has("orphans");
-    if (args.Has("content")) {
-        const std::string share = args.Param("content");
-        options.content_share = ParsePositive("content", share, expected);
-        if (options.content_share > kAll) ThrowInvalid("content", share, expected);
+    constexpr int kMaxDays = 366;
+    constexpr std::string_view kOneOf = "1/";
+    const char* const expected = "a percentage from 1 to 100, or 1/DAYS with 1 to 366 days";
+    const bool is_rotation = str::StartsWith(text, kOneOf);
+    const std::string number = is_rotation ? text.substr(kOneOf.size()) : text;
+    constexpr std::size_t kMaxDigits = 3;
+    const bool is_number = str::HasDigitsOnly(number) && number.size() <= kMaxDigits;
+    const int value = is_number ? str::Int(number) : 0;
+    if (value < 1 || value > (is_rotation ? kMaxDays : kAll)) {
+        ThrowInvalid("content", text, expected);
     }
+    (is_rotation ? options.content_days : options.content_share) = value;
+}
+
+void TakeVerifyOptions(Options& options, const kro_args::Result& args) {
+    options.has_orphans = args.Has("orphans");
+    if (args.Has("content")) ParseShare(options, args.Param("content"));
     if (args.Has("seed")) {
+        if (options.content_days > 0) {
+            throw kro_args::UsageError("--seed has no effect on --content 1/DAYS; leave it out");
+        }
         const int seed = ParsePositive("seed", args.Param("seed"), "a number above 0");
         options.seed = static_cast<unsigned>(seed);
     }

@@ -154,7 +154,7 @@ LocalFiles FindLocalFiles(const std::string& info_path) {
     LocalFiles local;
     local.info_name = quarn2::GetStoredName(info_path);
     const std::string stem = info_path.substr(0, info_path.size() - kInfo.size());
-    for (const char* ending : {".1.dar", ".tgz", ".tgz.aes"}) {
+    for (const char* ending : kIndexEndings) {
         const std::string index = stem + ending;
         if (!kro_file::Exists(index)) continue;
         local.index_name = quarn2::GetStoredName(index);

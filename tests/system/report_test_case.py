@@ -1,6 +1,7 @@
 """The base class of the tests of quarn2_report and of the programs that use it."""
 
 import json
+import glob
 import os
 import shutil
 import subprocess
@@ -50,13 +51,26 @@ class ReportTest(SystemTest):
         return found
 
     def put(self, date, user, kind="full", slices=2, **fields):
-        """Puts a backup as a job does. Returns its stored names."""
+        """Puts a backup as a job does. The slices are no real archives."""
         letter = "F" if kind == "full" else "I"
+        paths = [write(os.path.join(self.r.work, f"{letter}{date}.{user}.{number}.dar"), b"x" * 1000 * number)
+                 for number in range(1, slices + 1)]
+        self.put_slices(date, user, paths, kind, **fields)
+
+    def make_dar(self, date, user, letter="F", size=15_000):
+        """Makes an archive with dar, with slices of 10 KiB. Returns the paths of the slices."""
+        content = write(os.path.join(self.r.work, "content/noise"), os.urandom(size))
+        base = os.path.join(self.r.work, f"{letter}{date}.{user}")
+        subprocess.run(["dar", "-N", "-Q", "-q", "-c", base, "-R", os.path.dirname(content), "-s", "10k"],
+                       check=True, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        return sorted(glob.glob(glob.escape(base) + ".*.dar"))
+
+    def put_slices(self, date, user, paths, kind="full", **fields):
+        """Puts these slices, an index and the info file as a job does."""
         info = write(os.path.join(self.r.work, f"{date}.{user}.info"),
                      info_text({"type": kind, "created": f"{date} 01:00:00", "node": "node7", **fields}))
-        for number in range(1, slices + 1):
-            path = write(os.path.join(self.r.work, f"{letter}{date}.{user}.{number}.dar"), b"x" * 1000 * number)
-            last = ["--last_slice"] if number == slices else []
+        for path in paths:
+            last = ["--last_slice"] if path == paths[-1] else []
             self.assert_success(self.r.run("--put", "--info-file", info, *last, path))
         index = write(os.path.join(self.r.info_root, f"{date}.{user}.1.dar"), b"index")
         self.assert_success(self.r.run("--put", "--info-file", info, "--isolated", "--no-delete", index))

@@ -1,8 +1,11 @@
 """quarn2_report --verify, on storages with and without faults."""
 
+import gzip
+import io
 import json
 import os
 import subprocess
+import zipfile
 
 from local_files import read, write
 from processes import start
@@ -13,20 +16,48 @@ from waiting import DEADLINE, wait_for
 
 
 class Verify(ReportTest):
-    def verify(self, *arguments, token=None):
+    def verify(self, *arguments, token=None, **environment):
         """Returns exit status, standard output and standard error."""
         process = start([self.binary, "--verify", "--date", DATE, *arguments], cwd="/", stdin=subprocess.DEVNULL,
                         stdout=subprocess.PIPE, stderr=subprocess.PIPE,
-                        env=self.r.environment(BACKUP_TOKEN=token or self.r.token))
+                        env=self.r.environment(BACKUP_TOKEN=token or self.r.token, **environment))
         out, err = process.communicate(timeout=DEADLINE)
         self.assertEqual([], [name for name in os.listdir(self.r.file("tmp")) if name.startswith("quarn2_report")])
         return process.returncode, out.decode(), err.decode()
 
     def make_backups(self):
         server = Server(self.r, "--date", DATE, "--count-limit", "9:9").wait_ready()
-        self.put(day(-5), "web1")
-        self.put(DATE, "web1", "incremental", slices=1, base=f"F{day(-5)}.web1.tgz")
+        self.put_slices(day(-5), "web1", self.make_dar(day(-5), "web1"))
+        self.put_slices(DATE, "web1", self.make_dar(DATE, "web1", "I", 100), "incremental",
+                        base=f"F{day(-5)}.web1.tgz")
         self.assertEqual(0, server.end())
+
+    def put_one(self, user, files):
+        """Puts a backup of DATE whose slices have these endings and contents. Returns the stored paths."""
+        paths = [write(os.path.join(self.r.work, f"F{DATE}.{user}{ending}"), content) for ending, content in files]
+        self.put_paths(user, paths)
+        return [os.path.join(self.r.storage, os.path.basename(path)) for path in paths]
+
+    def put_paths(self, user, paths):
+        server = Server(self.r, "--date", DATE, "--count-limit", "9:9").wait_ready()
+        self.put_slices(DATE, user, paths)
+        self.assertEqual(0, server.end())
+
+    def flip(self, path):
+        """Changes one bit in the middle of a file."""
+        content = bytearray(read(path))
+        content[len(content) // 2] ^= 1
+        write(path, bytes(content))
+
+    def assert_test_finds(self, user, program, damaged):
+        """Checks that the program finds no fault, and then the flipped bit in one slice."""
+        self.assertEqual((0, ""), self.verify("--content", "100")[::2])
+        self.flip(damaged)
+        self.assertEqual(0, self.verify()[0], "the size is the same")
+        status, out, err = self.verify("--content", "100")
+        self.assertEqual(3, status, out)
+        self.assertIn(f": 'F{DATE}.{user}' is damaged: the test of {program} ended with status ", err)
+        self.assertEqual(1, err.count("finding"), err)
 
     def finding(self, text):
         return f"quarn2_report: finding: backup {day(-5)}.web1: {text}\n"
@@ -35,7 +66,8 @@ class Verify(ReportTest):
         self.make_backups()
         before = {name: os.stat(os.path.join(self.r.storage, name)).st_mtime_ns for name in self.r.stored()}
         self.assertEqual((0, f"storage   {self.r.token}\nbackups   2, 7 files\n"
-                             "content   2 of them downloaded, seed 7\norphans   0\nproblems  0\n", ""),
+                             "content   2 of them downloaded, seed 7\narchives  2 tested, 0 only downloaded\n"
+                             "orphans   0\nproblems  0\n", ""),
                          self.verify("--content", "100", "--seed", "7", "--orphans"))
         self.assertEqual(before, {name: os.stat(os.path.join(self.r.storage, name)).st_mtime_ns for name in self.r.stored()})
         one = json.loads(self.verify("--content", "50", "--json")[1])
@@ -82,9 +114,9 @@ class Verify(ReportTest):
     def test_a_missing_file_and_a_shorter_file_are_named(self):
         self.make_backups()
         name = f"F{day(-5)}.web1.1.dar"
-        os.truncate(os.path.join(self.r.storage, name), 999)
-        self.assertEqual(0, self.verify()[0])  # without --content, only the names are compared
-        status, _, err = self.verify("--content", "100")
+        os.truncate(os.path.join(self.r.storage, name), self.stored_size(name) - 1)
+        status, _, err = self.verify()
+        self.assertEqual((status, err), self.verify("--content", "100")[::2], "the problem is named once")
         size = sum(self.stored_size(name) for name in self.r.stored() if day(-5) in name)
         self.assertEqual((3, self.finding(f"the files have {size} bytes, the info file says {size + 1}; --update of a file "
                                           "does not change the info file")), (status, err))
@@ -149,3 +181,59 @@ class Verify(ReportTest):
         gone.wait()
         write(self.r.file(f"tmp/quarn2_report.{gone.pid}/slice"), b"x")
         self.assertEqual(0, self.verify("--content", "1")[0])
+
+    def test_dar_finds_a_flipped_bit(self):
+        paths = self.make_dar(DATE, "web1", size=25_000)
+        self.assertEqual(3, len(paths))
+        self.put_paths("web1", paths)
+        self.assert_test_finds("web1", "dar", os.path.join(self.r.storage, f"F{DATE}.web1.2.dar"))
+        _, out, err = self.verify("--content", "100", "--json", "--anonymous")
+        self.assertEqual("damaged", json.loads(out.splitlines()[0])["problem"])
+        self.assertNotIn("noise", out + err)
+
+    def test_dar_tests_encrypted_slices(self):
+        self.r.token += "?arch_password=secret"
+        self.put_paths("web1", self.make_dar(DATE, "web1", size=25_000))
+        status, out, err = self.verify("--content", "100")
+        self.assertEqual((0, ""), (status, err))
+        self.assertIn("archives  1 tested, 0 only downloaded\n", out)
+
+    def test_gzip_finds_a_flipped_bit(self):
+        data = gzip.compress(os.urandom(20_000))
+        stored = self.put_one("web1", [(".tgz.part1", data[:9000]), (".tgz.part2", data[9000:])])
+        self.assert_test_finds("web1", "gzip", stored[1])
+
+    def test_zstd_finds_a_flipped_bit(self):
+        data = subprocess.run(["zstd", "-q", "-c"], input=os.urandom(20_000), stdout=subprocess.PIPE, check=True).stdout
+        self.assert_test_finds("web1", "zstd", self.put_one("web1", [(".tar.zst.part1", data)])[0])
+
+    def test_unzip_finds_a_flipped_bit(self):
+        buffer = io.BytesIO()
+        with zipfile.ZipFile(buffer, "w") as archive:
+            archive.writestr("noise", os.urandom(20_000))
+        self.assert_test_finds("web1", "unzip", self.put_one("web1", [(".zip", buffer.getvalue())])[0])
+
+    def test_no_program_gets_the_name_of_a_user(self):
+        user = "a;$(touch${IFS}pwned)'%n\""
+        self.put_paths(user, self.make_dar(DATE, user))
+        status, out, err = self.verify("--content", "100")
+        self.assertEqual((0, ""), (status, err))
+        self.assertIn("archives  1 tested, 0 only downloaded\n", out)
+        self.assertFalse(os.path.exists(self.r.file("pwned")))
+
+    def test_a_missing_program_is_named_with_its_package(self):
+        self.make_backups()
+        status, out, err = self.verify("--content", "100", PATH="/nowhere")
+        self.assertEqual((3, "quarn2_report: finding: archives '.dar' were downloaded but not tested, because the program "
+                             "'dar' is missing; install the package dar\n"), (status, err))
+        self.assertIn("archives  0 tested, 2 only downloaded\nproblems  1\n", out)
+
+    def test_a_rotation_downloads_each_backup_on_one_day(self):
+        self.make_backups()
+        counts = []
+        for number in (0, 1, 2):
+            _, out, err = self.verify("--content", "1/3", "--date", day(number), "--json")
+            self.assertEqual("", err)
+            counts.append(json.loads(out)["content"])
+        self.assertEqual(2, sum(counts), counts)
+        self.assertRegex(self.verify("--content", "1/30")[1], r"content   \d of them downloaded, day \d+ of 30\n")

@@ -42,6 +42,15 @@ TEST(ReportOptions, AreParsed) {
     EXPECT_EQ(options.user + " " + options.chain_date, "web1 custom");
 }
 
+TEST(ReportOptions, TheContentIsAPercentageOrARotation) {
+    EXPECT_FALSE(Parse({"--verify"}).HasContent());
+    EXPECT_EQ(Parse({"--verify", "--content", "10"}).content_share, 10);
+    const Options options = Parse({"--verify", "--content", "1/30"});
+    EXPECT_EQ(options.content_days, 30);
+    EXPECT_EQ(options.content_share, 0);
+    EXPECT_TRUE(options.HasContent());
+}
+
 TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
     struct Case {
         std::vector<std::string> words;
@@ -63,6 +72,14 @@ TEST(ReportOptions, InvalidCommandLinesAreUsageErrors) {
         {{"--status", "--date", "today"}, "--date 'today' cannot be used: expected YYYY-MM-DD"},
         {{"--status", "--storage", "a/b"},
          "--storage 'a/b' cannot be used: expected a name without slashes"},
+        {{"--verify", "--content", "1/0"},
+         "--content '1/0' cannot be used: expected a percentage from 1 to 100, or 1/DAYS with 1 to "
+         "366 days"},
+        {{"--verify", "--content", "2/30"},
+         "--content '2/30' cannot be used: expected a percentage from 1 to 100, or 1/DAYS with 1 "
+         "to 366 days"},
+        {{"--verify", "--content", "1/30", "--seed", "3"},
+         "--seed has no effect on --content 1/DAYS; leave it out"},
         {{"--status", "--size-limit", "1G"},
          "--size-limit '1G' cannot be used: expected a whole number of bytes (0 sets no limit)"},
     };
