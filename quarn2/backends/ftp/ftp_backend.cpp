@@ -23,7 +23,7 @@ using ftp::Reply;
 using kro_err::Error;
 using kro_err::Kind;
 
-// A source that consists of zeros. The backend uploads such a probe file to find out whether the
+// The content of the probe file: zeros. The backend uploads a probe file to find out whether the
 // storage is full.
 class Zeros final : public ByteSource {
   public:
@@ -142,9 +142,11 @@ void FtpBackend::CheckStored(const Outcome& outcome, ByteSource& source) const {
     const Reply* const reply = session_.transcript().Find("SIZE");
     const bool unknown = reply != nullptr && ftp::IsUnknownCommand(*reply);
     if (outcome.size == source.size() || unknown) return;
-    throw Error(Kind::kUnavailable, session_.what() + " has " + std::to_string(outcome.size) +
-                                        " of " + std::to_string(source.size()) +
-                                        " bytes that were sent");
+    const std::string stored =
+        outcome.size < 0 ? "no size" : "a size of " + std::to_string(outcome.size) + " bytes";
+    throw Error(Kind::kUnavailable, session_.what() + " reports " + stored +
+                                        " after an upload of " + std::to_string(source.size()) +
+                                        " bytes");
 }
 
 // --- Detection of a full storage ---
@@ -171,8 +173,8 @@ bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& tempor
 
 // Returns true if the storage has too little free space for an upload of `size` bytes. Queries the
 // free space with AVBL, which few servers support. On other servers, uploads a small probe file
-// while the unfinished upload still takes its space. If the server has removed the unfinished
-// upload by itself, its reply to ALLO decides.
+// while the unfinished upload still occupies its space. If the server has already removed the
+// unfinished upload, its reply to ALLO decides.
 bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size) {
     const std::vector<Reply> replies = session_.Commands(
         {"TYPE I", "SIZE " + temporary.path(), "AVBL " + kro_file::Path(temporary.path()),
@@ -188,8 +190,8 @@ bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t s
 
 // Finds out whether the storage is full when the server gives no reason for the failure of an
 // upload and of a probe file. Removes the unfinished upload of `partial` bytes and uploads a probe
-// file. If the probe succeeds now, the unfinished upload had taken the last space, and the function
-// returns true. On a broken disk the probe fails again.
+// file. If the probe succeeds now, the unfinished upload had used up the free space, and the
+// function returns true. On a broken disk the probe fails again.
 bool FtpBackend::IsRoomFreedByRemoval(const ftp::TemporaryName& temporary, std::int64_t partial) {
     if (partial == 0) return false;
     if (!session_.Command("DELE " + temporary.path()).IsDone()) return false;
@@ -277,7 +279,7 @@ void FtpBackend::Get(const std::string& name, ByteSink& sink) {
         outcome.code == CURLE_REMOTE_FILE_NOT_FOUND || outcome.code == CURLE_FTP_COULDNT_RETR_FILE;
     if (outcome.thrown || reply == nullptr || !refused) session_.Throw(outcome);
     const Reply refusal = *reply;
-    tree_.ThrowMissing(refusal, name, "hand out " + Quoted(name));
+    tree_.ThrowMissing(refusal, name, "download " + Quoted(name));
 }
 
 void FtpBackend::Remove(const std::string& name) {
@@ -293,7 +295,7 @@ void FtpBackend::RemoveDir(const std::string& name) { tree_.RemoveDirectory(name
 void FtpBackend::MakeDir(const std::string& name) {
     tree_.Forget();
     if (!tree_.MakeDirectories(name)) {
-        throw Error(Kind::kFailed, session_.what() + " has no room for directory " + Quoted(name));
+        throw Error(Kind::kFailed, session_.what() + " has no space for directory " + Quoted(name));
     }
 }
 

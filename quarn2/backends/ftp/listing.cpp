@@ -24,11 +24,12 @@ constexpr std::string_view kTypeFact = "type=";
 constexpr std::string_view kArrow = " -> ";
 
 [[noreturn]] void ThrowUnknownLine(std::string_view line) {
-    throw Error(Kind::kFailed, "a line of the server's listing is not understood: " + Quoted(line));
+    throw Error(Kind::kFailed,
+                "cannot parse a line of the server's directory listing: " + Quoted(line));
 }
 
-// Returns true if the name can be that of a directory entry. A hostile server could use other
-// names, such as "../x", to direct a removal to another directory.
+// Returns true if the name is valid for a directory entry. With an invalid name, such as "../x", a
+// hostile server could make the program remove files in another directory.
 bool IsEntryName(std::string_view name) {
     return !name.empty() && name.find('/') == std::string_view::npos && !HasControl(name);
 }
@@ -46,7 +47,8 @@ void Add(Listing& listing, std::string_view name, Type type, std::string_view si
     if (name == ".") listing.shows_itself = true;
     if (name == "." || name == ".." || !IsEntryName(name)) return;
     if (listing.entries.size() >= ListingLimit::kMaxEntries) {
-        throw Error(Kind::kFailed, "the server's listing has no end");
+        throw Error(Kind::kFailed, "the server's directory listing is too long: more than " +
+                                       str::Str(ListingLimit::kMaxEntries) + " entries");
     }
     listing.entries.push_back(
         {std::string(name), type, type == Type::kFile ? SizeOf(size) : std::nullopt});
@@ -57,7 +59,7 @@ void ForEachLine(std::string_view text, const Action& action) {
     while (!text.empty()) {
         const std::size_t end = text.find('\n');
         if (end == std::string_view::npos) {
-            throw Error(Kind::kUnavailable, "the server's listing ends in the middle of a line");
+            throw Error(Kind::kUnavailable, "the server's directory listing is truncated");
         }
         std::string_view line = text.substr(0, end);
         if (line.ends_with('\r')) line.remove_suffix(1);

@@ -62,7 +62,7 @@ bool SaysFull(std::string_view words) {
     return HasAny(words, kPhrases) || (HasAny(words, kQuota) && HasAny(words, kUsedUp));
 }
 
-// Returns true if the text of a refused login is about too many clients. Some servers send this
+// Returns true if the text of a refused login reports too many clients. Some servers send this
 // refusal with the reply code for a wrong password.
 bool SaysTooMany(std::string_view words) {
     static constexpr std::array<std::string_view, 5> kPhrases = {"too many", "maximum number",

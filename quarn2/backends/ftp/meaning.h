@@ -16,8 +16,9 @@ enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFa
 // refusal without a reason (550, 451) is kFailed or kUnavailable.
 Meaning MeaningOf(const Reply& reply);
 
-// Returns the error kind that the backend throws for a refusal. A full storage has no error kind of
-// its own, because Put() reports it by returning false: the kind is then kUnavailable or kFailed.
+// Returns the error kind that the backend throws for a refusal. There is no error kind for a full
+// storage, because Put() reports a full storage by returning false. KindOf() then returns
+// kUnavailable or kFailed.
 kro_err::Kind KindOf(const Reply& reply);
 
 // Returns true if the reply means that the storage is full.

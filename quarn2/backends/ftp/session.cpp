@@ -32,10 +32,10 @@ ServerSettings Settings(const BackupToken& token) {
     return net::SettingsOf(token, "FTP", ServerSettings::Auth::kPlain);
 }
 
-// True if the server may still send replies to the commands of a transfer that ended with `code`.
-// libcurl keeps the control connection after some of these errors, and the next operation would
-// mistake such a reply for that to its own command. The listed errors are refusals, which libcurl
-// has read completely.
+// Returns true if the server may still send replies to the commands of a transfer that ended with
+// `code`. libcurl keeps the control connection after some of these errors, and the next operation
+// would mistake such a reply for the reply to its own command. The listed errors are refusals,
+// which libcurl has read completely.
 bool MayLeaveReplies(CURLcode code) noexcept {
     switch (code) {
         case CURLE_OK:
@@ -61,7 +61,7 @@ Session::Session(const BackupToken& token, bool tls)
       server_("ftp://" + net::HostAndPort(token) + "/"),
       multi_(net::Curl().multi_init()),
       handle_(Settings(token)) {
-    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot create a transfer handle");
     net::Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, 1L);
     SetProtocol(tls);
     handle_.Set(CURLOPT_SERVER_RESPONSE_TIMEOUT, timeout_);
@@ -126,7 +126,8 @@ void Session::LimitTls(bool limited) {
 
 // Returns true if the server parses the control connection as telnet, where each byte 255 must be
 // doubled. To find out, sends a SIZE command with a name of four bytes 255: such a server returns
-// only two of them. The test is sent once per session, and only if a name contains the byte 255.
+// only two of these bytes. The test is sent once per session, and only if a name contains the byte
+// 255.
 bool Session::FindsTelnet() {
     if (!telnet_) {
         telnet_ = false;
@@ -209,7 +210,8 @@ CURLcode Session::Perform() {
     control_ = CURL_SOCKET_BAD;
     curl.easy_getinfo(handle_.get(), CURLINFO_ACTIVESOCKET, &control_);
     curl.multi_remove_handle(multi_, handle_.get());
-    if (trouble != CURLM_OK) throw Error(Kind::kFailed, curl.multi_strerror(trouble));
+    if (trouble != CURLM_OK)
+        throw Error(Kind::kFailed, what_ + ": " + curl.multi_strerror(trouble));
     return is_stalled_ ? CURLE_OPERATION_TIMEDOUT : result;
 }
 
@@ -323,11 +325,11 @@ Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
     return outcome;
 }
 
-// Queries the size with TLS before the data connection is opened. Otherwise libcurl sends SIZE when
-// the data connection is open, and then does nothing for 200 ms while the server waits for RETR. A
-// refused SIZE must end the transfer: if libcurl continued and the server closed the data
-// connection, libcurl would conclude that it could not be opened and assign later replies to the
-// wrong commands.
+// With TLS, queries the size before the data connection is opened. Otherwise libcurl sends SIZE
+// when the data connection is open, and then does nothing for 200 ms while the server waits for
+// RETR. A refused SIZE must end the transfer: if libcurl continued and the server closed the data
+// connection, libcurl would conclude that the data connection could not be opened, and would assign
+// later replies to the wrong commands.
 Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
     const bool size_first = tls_ && knows_size_;
     Outcome outcome = WithDataConnection([&] { return RetrieveOnce(path, sink, size_first); });
@@ -361,7 +363,7 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
         begin();
         received += static_cast<std::int64_t>(bytes.size());
         if (size >= 0 && received > size) {
-            throw Error(Kind::kUnavailable, what_ + " sends more than the file's size");
+            throw Error(Kind::kUnavailable, what_ + " sent more data than the size of the file");
         }
         sink.Write(bytes);
     };
@@ -378,9 +380,9 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
     return outcome;
 }
 
-// Returns the URL for a listing of `directory`. libcurl sends no CWD if the URL is that of the
-// previous listing, although other commands may have changed the current directory in the meantime.
-// An additional slash in every second URL makes libcurl send the CWD.
+// Returns the URL for a listing of `directory`. libcurl sends no CWD if the URL is the same as for
+// the previous listing, although other commands may have changed the current directory in the
+// meantime. An additional slash in every second URL makes libcurl send the CWD.
 std::string Session::ListingUrl(const std::string& directory, Where where) {
     std::string url = Url(directory.ends_with('/') ? directory : directory + "/");
     if (where == Where::kNamed) return url;
@@ -402,7 +404,8 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     handle_.Set(CURLOPT_CUSTOMREQUEST, command);
     take_ = [this, &text](std::span<const std::byte> bytes) {
         if (text.size() + bytes.size() > kMaxListingBytes) {
-            throw Error(Kind::kFailed, what_ + ": an endless listing");
+            throw Error(Kind::kFailed, what_ + ": the listing is too long: more than " +
+                                           str::Str(kMaxListingBytes >> 20U) + " MiB");
         }
         text.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
     };
@@ -418,7 +421,9 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
     }
     const Reply* const change = transcript_.Find("CWD");
     if (outcome.code == CURLE_OK && within && (change == nullptr || !change->IsDone())) {
-        throw Error(Kind::kUnavailable, what_ + " returned the listing of another directory");
+        throw Error(Kind::kUnavailable, what_ +
+                                            ": the listing was discarded, because the server did "
+                                            "not confirm the change of the directory");
     }
     return outcome;
 }
@@ -428,24 +433,24 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
 void Session::ThrowLogin(const Reply& reply) const {
     const std::string said = net::OneLine(reply.text);
     if (!tls_ && SaysTlsNeeded(reply.words)) {
-        throw Error(Kind::kFailed,
-                    what_ +
-                        " takes no login without encryption; write ftps:// instead of ftp:// (" +
-                        said + ")");
+        throw Error(Kind::kFailed, what_ +
+                                       " requires encryption for the login; use ftps:// instead of "
+                                       "ftp:// in the storage token (" +
+                                       said + ")");
     }
-    throw Error(KindOf(reply), what_ + " refuses the login: " + str::Str(reply.code) + " " + said);
+    throw Error(KindOf(reply), what_ + " refused the login: " + str::Str(reply.code) + " " + said);
 }
 
 void Session::Throw(const Outcome& outcome) const {
     if (outcome.thrown) std::rethrow_exception(outcome.thrown);
     const Reply* const reply = transcript_.Refusal();
     if (outcome.code == CURLE_USE_SSL_FAILED) {
-        throw Error(Kind::kFailed, what_ + " offers no encryption as ftps:// needs it" +
+        throw Error(Kind::kFailed, what_ + " does not offer TLS, which ftps:// requires" +
                                        (reply == nullptr ? "" : ": " + net::OneLine(reply->text)));
     }
     if (is_stalled_) {
         throw Error(Kind::kUnavailable,
-                    what_ + ": no byte has moved for " + str::Str(timeout_) + " seconds");
+                    what_ + ": no data transferred for " + str::Str(timeout_) + " seconds");
     }
     if (reply == nullptr) handle_.Throw(outcome.code);
     if (reply->verb.empty() || reply->verb == "USER" || reply->verb == "PASS") ThrowLogin(*reply);
@@ -454,7 +459,7 @@ void Session::Throw(const Outcome& outcome) const {
 }
 
 void Session::ThrowRefused(const Reply& reply, const std::string& deed) const {
-    throw Error(KindOf(reply), what_ + " does not " + deed + ": " + str::Str(reply.code) + " " +
+    throw Error(KindOf(reply), what_ + ": cannot " + deed + ": " + str::Str(reply.code) + " " +
                                    net::OneLine(reply.text));
 }
 

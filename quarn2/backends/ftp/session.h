@@ -51,8 +51,8 @@ class Session {
     Outcome Retrieve(const std::string& path, ByteSink& sink);
     // Sends a listing command and stores the listing of the directory in `text`. kNamed sends the
     // directory as the argument of the command. kWithin changes into the directory first, and
-    // throws kUnavailable if the server does not confirm the change, because the listing can then
-    // be that of another directory.
+    // throws kUnavailable if the server does not confirm the change, because the server may then
+    // list another directory.
     enum class Where { kNamed, kWithin };
     Outcome List(const std::string& command, const std::string& directory, Where where,
                  std::string& text);
@@ -63,7 +63,7 @@ class Session {
     // Throws the error for the result of a failed transfer.
     [[noreturn]] void Throw(const Outcome& outcome) const;
     // Throws the error for a command that the server refused. `deed` describes the refused
-    // operation for the error text ("store 'name'").
+    // operation for the error text ("remove 'name'").
     [[noreturn]] void ThrowRefused(const Reply& reply, const std::string& deed) const;
 
     // Returns the name of the server for error texts.

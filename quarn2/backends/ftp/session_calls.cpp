@@ -15,8 +15,9 @@ namespace quarn2::ftp {
 
 namespace {
 
-// Sets or clears TCP_CORK of a socket. With TCP_CORK the kernel delays sent bytes for at least 200
-// ms and about three round trips.
+// Sets or clears TCP_CORK of a socket. With TCP_CORK the kernel delays small writes until TCP_CORK
+// is cleared, but at most for the retransmission timeout, which is at least 200 ms and about three
+// round trips.
 void Cork(curl_socket_t socket, bool corked) noexcept {
     const int value = corked ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);

@@ -10,7 +10,7 @@ namespace quarn2::ftp {
 
 // The temporary name of one upload. FTP cannot create a file exclusively, so two uploads with the
 // same temporary name would write into the same file. The temporary name is therefore derived from
-// the target's name, the user, the machine and a number. The number is the smallest one that no
+// the target's name, the user, the machine and a number. The number is the smallest number that no
 // other upload of this target from this machine uses. A lock reserves the number. If the process is
 // killed, the kernel releases the lock, and the next upload or removal of the target gets the same
 // temporary name and removes the remaining file. Uploads from other machines have different
@@ -24,7 +24,7 @@ class TemporaryName {
     // Returns the path of the temporary file. The path is reserved as long as this object exists.
     const std::string& path() const noexcept { return path_; }
 
-    // Returns true if the number is not the first one, because another upload of the same target is
+    // Returns true if the number is greater than 0, because another upload of the same target is
     // running.
     bool is_further() const noexcept { return is_further_; }
 

@@ -36,7 +36,7 @@ std::string Tree::PathOf(const std::string& name) const {
 void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
     constexpr int kLasting = 500;
     if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.words))) return;
-    session_.ThrowRefused(reply, "show " + Quoted(PathOf(name)));
+    session_.ThrowRefused(reply, "access " + Quoted(PathOf(name)));
 }
 
 Reply Tree::TryEnter(const std::string& name) {
@@ -77,7 +77,7 @@ void Tree::CheckRoot() {
     const Reply reply = session_.Command("CWD " + PathOf(""));
     if (reply.IsDone()) return;
     if (reply.code < 500 || SaysDenied(reply.words)) {
-        session_.ThrowRefused(reply, "show directory " + Quoted(PathOf("")));
+        session_.ThrowRefused(reply, "access directory " + Quoted(PathOf("")));
     }
     throw Error(Kind::kNotFound, session_.what() + " has no directory " + Quoted(PathOf("")) +
                                      "; create it or correct the storage token");
@@ -125,7 +125,7 @@ bool Tree::MakeDirectories(const std::string& name) {
         if (IsFull(reply)) return false;
         // If MKD fails, another process may have created the directory at the same time.
         if (!reply.IsDone() && Look(name) != Found::kDirectory) {
-            session_.ThrowRefused(reply, "make directory " + Quoted(name));
+            session_.ThrowRefused(reply, "create directory " + Quoted(name));
         }
     }
     seen_.insert(name);
@@ -207,9 +207,10 @@ Listing Tree::ListAll(const std::string& name) {
 std::vector<Entry> Tree::Entries(const std::string& name) {
     Listing listing = ListAll(name);
     if (listing.is_cut) {
-        throw Error(Kind::kFailed, session_.what() + " shows no more than " +
-                                       str::Str(listing.entries.size()) + " names of directory " +
-                                       Quoted(PathOf(name)) + "; raise its limit for listings");
+        throw Error(Kind::kFailed, session_.what() + " lists at most " +
+                                       str::Str(listing.entries.size()) + " entries of directory " +
+                                       Quoted(PathOf(name)) +
+                                       "; raise the listing limit of the server");
     }
     return std::move(listing.entries);
 }
@@ -233,8 +234,8 @@ void Tree::RemoveDirectory(const std::string& name) {
     const auto [above, last] = kro_file::SplitPath(name);
     for (const Entry& entry : ListOrNothing(above)) {
         if (entry.name != last || entry.type == Entry::Type::kFile) continue;
-        // The name is a directory or a link to one. RemoveBatch removes a link to a directory,
-        // which some servers list as a directory.
+        // The name is a directory or a link to a directory. RemoveBatch removes a link to a
+        // directory, which some servers list as a directory.
         if (Look(name) != Found::kDirectory) continue;
         RemoveBatch(above, {&entry, 1}, 0);
     }
@@ -269,7 +270,9 @@ void Tree::RemoveEmptied(const std::string& name) {
 void Tree::Empty(const std::string& name, int depth) {
     emptied_ = depth == 0 ? 0 : emptied_ + 1;
     if (depth > kMaxDepth || emptied_ > kMaxEmptied) {
-        throw Error(Kind::kFailed, session_.what() + " shows directories without end");
+        throw Error(Kind::kFailed, session_.what() + ": more than " + str::Str(kMaxDepth) +
+                                       " levels of directories or more than " +
+                                       str::Str(kMaxEmptied) + " directories");
     }
     Forget();
     // If the server truncates the listing, remove the listed entries and list the directory again

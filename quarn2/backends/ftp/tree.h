@@ -13,7 +13,7 @@
 
 namespace quarn2::ftp {
 
-// The type of what exists at a path on the server.
+// The type of the object at a path on the server.
 enum class Found { kNothing, kFile, kDirectory };
 
 // Lists, creates and removes files and directories on an FTP server. Names are relative to the
@@ -54,8 +54,8 @@ class Tree {
                                    const std::string& deed);
 
   private:
-    // Throws the error of the reply if it is a refusal that does not show whether the file or
-    // directory `name` exists, such as a denied permission.
+    // Throws the error of the reply if the reply is a refusal that does not show whether the file
+    // or directory `name` exists, such as a denied permission.
     void CheckAnswered(const Reply& reply, const std::string& name) const;
     Reply TryEnter(const std::string& name);
     bool Enter(const std::string& name) { return TryEnter(name).IsDone(); }

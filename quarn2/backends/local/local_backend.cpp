@@ -35,7 +35,7 @@ constexpr std::size_t kBufferSize = 256UL * 1024;
 }
 
 // Syncs a directory. Throws CopyError, which distinguishes a full disk from other errors. Ignores
-// EINVAL, which file systems return that do not need to sync directories.
+// EINVAL, because file systems that do not need to sync directories return this error.
 void SyncDirectory(const std::string& path) {
     const ResHandle handle(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (!handle || (fsync(handle) != 0 && errno != EINVAL)) ThrowFailedTo("sync directory", path);
@@ -145,8 +145,8 @@ void LocalBackend::CheckWay(const std::string& directory) const {
         const std::string path = PathOf(at);
         if (!kro_file::IsForeignLink(path)) continue;
         throw Error(Kind::kFailed, Quoted(path) +
-                                       " on the storage is a symbolic link that another user has "
-                                       "made; remove it");
+                                       " on the storage is a symbolic link that belongs to another "
+                                       "user; remove it");
     }
 }
 
@@ -228,12 +228,12 @@ void LocalBackend::MakeDirs(const std::string& path) const {
     if (exists || errno == ENOTDIR) {
         throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
     }
-    if (errno != ENOENT) ThrowFailedTo("check directory", path);
+    if (errno != ENOENT) ThrowFailedTo("examine directory", path);
     const std::string above = kro_file::Path(path);
     MakeDirs(above);
     // EEXIST: another process has created the directory at the same time.
     if (mkdir(path.c_str(), kDirectoryMode) != 0 && errno != EEXIST) {
-        ThrowFailedTo("make directory", path);
+        ThrowFailedTo("create directory", path);
     }
     SyncDirectory(above);
 }
@@ -322,7 +322,7 @@ void LocalBackend::RemoveAll(const std::string& name) const {
     struct stat status = {};
     if (stat(path.c_str(), &status) != 0) {
         if (errno == ENOENT || errno == ENOTDIR) return;
-        ThrowFailedTo("look at", path);
+        ThrowFailedTo("examine", path);
     }
     if (!S_ISDIR(status.st_mode)) return;
     kro_file::Remove(path);

@@ -272,7 +272,7 @@ void RegisterMemoryScheme() {
     scheme.default_parallel = 1;
     scheme.fault = [](const BackupToken& token) {
         const bool good = token.host().empty() && !token.path().empty();
-        return std::string(good ? "" : "a storage in memory is written memory:NAME");
+        return std::string(good ? "" : "the token of a memory storage has the form memory:NAME");
     };
     scheme.open = [](const BackupToken& token) {
         return std::make_unique<MemoryBackend>(MemoryStore::Named(token.path()));

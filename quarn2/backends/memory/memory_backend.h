@@ -52,7 +52,7 @@ class MemoryStore {
     std::vector<std::string> log() const;
     void ClearLog();
 
-    // Adds a file without a call of the hook, a log entry or a check of the capacity limit.
+    // Adds a file. Does not call the hook, add a log entry or check the capacity limit.
     void SetFile(const std::string& name, const std::string& content);
 
   private:

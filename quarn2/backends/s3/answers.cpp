@@ -63,7 +63,7 @@ std::optional<std::int64_t> SizeOf(const std::string& text) {
 }
 
 [[noreturn]] void ThrowInvalidAnswer(const std::string& what, const char* to) {
-    throw Error(Kind::kUnavailable, what + ": an answer that is none to " + to);
+    throw Error(Kind::kUnavailable, what + ": unexpected response to " + to);
 }
 
 void TakeRefusal(Refusal& refusal, std::string_view name, const std::string& text) {
@@ -92,7 +92,8 @@ Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
 
 void ListingReader::Open(std::string_view /*space*/, std::string_view name) {
     path_.emplace_back(name);
-    if (path_.size() == 1 && name != "ListBucketResult") ThrowInvalidAnswer("S3", "a listing");
+    if (path_.size() == 1 && name != "ListBucketResult")
+        ThrowInvalidAnswer("S3", "a listing request");
 }
 
 void ListingReader::Close(std::string_view /*space*/, std::string_view name,
@@ -130,7 +131,7 @@ Uploads ReadUploads(const std::string& what, const std::string& body) {
         if (name == "IsTruncated") answer.more = text == "true";
         if (name == "ListMultipartUploadsResult") whole = true;
     });
-    if (!whole) ThrowInvalidAnswer(what, "a listing of unfinished uploads");
+    if (!whole) ThrowInvalidAnswer(what, "a request for the list of unfinished uploads");
     return answer;
 }
 
@@ -146,7 +147,7 @@ UploadAnswer ReadUploadAnswer(const std::string& what, const std::string& body) 
 
 std::vector<DeleteAnswer> ReadDeleteAnswer(const std::string& what, const std::string& body) {
     constexpr int kOk = 200;
-    constexpr std::size_t kMaxKeys = 1000;  // of a request
+    constexpr std::size_t kMaxKeys = 1000;  // the maximum number of keys in a request
     std::vector<DeleteAnswer> answers;
     DeleteAnswer one;
     bool whole = false;
@@ -156,12 +157,12 @@ std::vector<DeleteAnswer> ReadDeleteAnswer(const std::string& what, const std::s
         if (name == "Error") {
             one.refusal.status = kOk;
             if (one.refusal.code != "NoSuchKey") answers.push_back(std::move(one));
-            if (answers.size() > kMaxKeys) ThrowInvalidAnswer(what, "a removal");
+            if (answers.size() > kMaxKeys) ThrowInvalidAnswer(what, "a removal request");
             one = {};
         }
         if (name == "DeleteResult") whole = true;
     });
-    if (!whole) ThrowInvalidAnswer(what, "a removal");
+    if (!whole) ThrowInvalidAnswer(what, "a removal request");
     return answers;
 }
 

@@ -48,7 +48,7 @@ struct UploadAnswer {
     std::string etag;
 };
 
-// A key that a removal of several keys has not removed, and the reason.
+// A key that a request for several keys did not remove, and the reason.
 struct DeleteAnswer {
     std::string key;
     Refusal refusal;

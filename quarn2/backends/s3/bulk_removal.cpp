@@ -20,15 +20,16 @@ using kro_err::Kind;
 
 constexpr const char* kDoing = "cannot remove files";
 
-// A directory with few of the names is not listed, because its listing may be long.
+// If a directory contains at most this number of the names, each name is checked with a separate
+// request. Otherwise the directory is listed.
 constexpr std::size_t kFewNames = 3;
-// A listing of a directory may have one page for this number of names. A longer listing costs more
-// than a request for each name.
+// The minimum number of names per page of a directory listing. If the listing has more pages, one
+// request per name is cheaper.
 constexpr std::size_t kNamesPerPage = 10;
-// The minimum number of keys of a request, if several requests could remove fewer keys each.
+// The minimum number of keys per request. Fewer keys do not justify another parallel request.
 constexpr std::size_t kMinKeysOfRequest = 100;
 
-// Returns the beginning that all keys share. Both arguments are UTF-8, and so is the result.
+// Returns the common prefix of the keys. Shortens the prefix if it ends inside a UTF-8 character.
 std::string CommonPrefix(const std::vector<std::string>& sorted) {
     const std::string& first = sorted.front();
     const std::string& last = sorted.back();
@@ -175,7 +176,8 @@ void BulkRemoval::RemoveObjects() {
     Keys refused = RemoveTogether(together);
     std::move(refused.begin(), refused.end(), std::back_inserter(single));
     if (single.empty()) return;
-    // A server that does not answer, or that refuses this request too, is not asked for the rest.
+    // Remove one key first. If the server does not respond or refuses access, the other requests
+    // would fail too, so do not send them.
     RemoveOneByOne({single.front()});
     const std::optional<Error> first = errors_[positions_.find(single.front())->second];
     if (first && first->kind() != Kind::kFailed) {
@@ -185,7 +187,8 @@ void BulkRemoval::RemoveObjects() {
     RemoveOneByOne({single.begin() + 1, single.end()});
 }
 
-// Returns the keys that need requests of their own.
+// Returns the keys that must be removed one by one, because the server does not support requests
+// for several keys.
 BulkRemoval::Keys BulkRemoval::RemoveTogether(const Keys& keys) {
     const std::size_t share = (keys.size() + at_once_ - 1) / at_once_;
     const std::size_t size = std::clamp(share, kMinKeysOfRequest, kMaxKeysOfDelete);
@@ -205,8 +208,8 @@ BulkRemoval::Keys BulkRemoval::RemoveTogether(const Keys& keys) {
     return refused;
 }
 
-// Takes the result of a request for several keys. Returns false if the server does not know such a
-// request.
+// Records the errors in the response to a request for several keys. Returns false if the server
+// does not support such requests.
 bool BulkRemoval::CheckTogether(const Keys& keys, const net::HttpResult& result) {
     if (!result.error && !result.reply.IsSuccess() && IsUnknownRequest(result.reply)) {
         is_supported_ = false;
@@ -218,7 +221,8 @@ bool BulkRemoval::CheckTogether(const Keys& keys, const net::HttpResult& result)
         for (const DeleteAnswer& left : ReadDeleteAnswer(service_.what(), result.reply.body)) {
             const Error error(left.refusal.kind(), service_.what() + ": " + Doing(left.key) + ": " +
                                                        left.refusal.Text());
-            // An error without one of the keys may be of any of them.
+            // If the error contains none of the requested keys, it can refer to any of them, so all
+            // of them fail.
             if (!positions_.contains(left.key)) throw error;
             Fail(left.key, error);
         }

@@ -17,13 +17,13 @@
 namespace quarn2::s3 {
 
 // Removes files like RemoveOne, with a result for each name. The steps are: find names that are
-// directories, abort the unfinished uploads, remove the objects. A name whose step fails keeps its
-// object, so that its removal can be repeated.
+// directories, abort the unfinished uploads, remove the objects. If a step fails for a name, its
+// object remains, so that the removal can be repeated.
 class BulkRemoval {
   public:
     // At most `at_once` requests run at the same time. `is_supported` is set to false when the
-    // server does not know the request that removes several objects; each object is then removed by
-    // a request of its own.
+    // server does not support requests that remove several objects; each object is then removed by
+    // a separate request.
     BulkRemoval(Service& service, Unfinished& unfinished, std::size_t at_once, bool& is_supported)
         : service_(service),
           unfinished_(unfinished),
@@ -48,14 +48,14 @@ class BulkRemoval {
     Keys Pending() const;
     std::string Doing(const std::string& key) const;
     void Fail(const std::string& key, const kro_err::Error& error);
-    // Runs one step for these keys. If it throws kro_err::Error, all of them fail.
+    // Runs `step`. If it throws kro_err::Error, records this error for all `keys`.
     void Step(const Keys& keys, const std::function<void()>& step);
 
     Service& service_;
     Unfinished& unfinished_;
     std::size_t at_once_;
     bool& is_supported_;
-    std::multimap<std::string, std::size_t> positions_;  // by key: the positions of its name
+    std::multimap<std::string, std::size_t> positions_;  // the positions of each key in names_
     std::span<const std::string> names_;
     StorageBackend::Errors errors_;
 };

@@ -24,8 +24,8 @@ void CheckGone(const Service& service, const net::HttpReply& reply, const std::s
 // (IsXmlText).
 Call DeleteObjectsCall(std::span<const std::string> keys);
 
-// Returns true for the response of a server that does not know a DeleteObjectsCall, or whose access
-// rules allow only a DeleteCall.
+// Returns true if the response shows that the server does not support a DeleteObjectsCall, or that
+// its access rules allow only a DeleteCall.
 bool IsUnknownRequest(const net::HttpReply& reply);
 
 }  // namespace quarn2::s3

@@ -30,7 +30,7 @@ Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
     return reader.Finish();
 }
 
-// Keeps the position in a listing of several pages. Throws kFailed if the server repeats a page or
+// Tracks the position in a listing of several pages. Throws kFailed if the server repeats a page or
 // the listing has more than kMaxPages pages.
 class Pages {
   public:
@@ -42,9 +42,11 @@ class Pages {
     bool GoOn(const Listing& page) {
         if (page.next.empty()) return false;
         if (page.next == next_ || ++count_ > kMaxPages) {
-            throw Error(Kind::kFailed,
-                        what_ + ": an endless listing: " +
-                            (page.next == next_ ? "the same page repeats" : "too many pages"));
+            throw Error(
+                Kind::kFailed,
+                what_ + (page.next == next_ ? ": invalid listing: the server repeated a page"
+                                            : ": the listing is too long: more than " +
+                                                  str::Str(kMaxPages) + " pages"));
         }
         next_ = page.next;
         return true;
@@ -140,8 +142,8 @@ class Sweeper {
         if (!batch.empty()) StartBatch(std::move(batch));
     }
 
-    // Removes the keys of the batches that the server did not know. A server that refuses the first
-    // request for a single key too is not asked for the rest.
+    // Removes the keys of the refused batches one by one. Waits for the first response before the
+    // other requests are sent, because they would fail too if the server refuses the first request.
     void RemoveRefused() {
         for (const std::string& key : refused_) {
             StartOne(key);
@@ -150,8 +152,8 @@ class Sweeper {
         requests_.Finish();
     }
 
-    // Removes a key with a DELETE request of its own. This is necessary if XML, the format of batch
-    // requests, cannot represent the key, or if the server does not know batch requests.
+    // Removes a key with a separate DELETE request. This is necessary if XML, the format of batch
+    // requests, cannot represent the key, or if the server does not support batch requests.
     void StartOne(const std::string& key) {
         StartCall(DeleteCall(key),
                   [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
@@ -188,7 +190,7 @@ class Sweeper {
     std::string prefix_;
     std::string doing_;
     bool& is_supported_;
-    std::vector<std::string> refused_;  // keys of batches that the server did not know
+    std::vector<std::string> refused_;  // keys of batches that the server refused
     net::ParallelRequests requests_;
 };
 

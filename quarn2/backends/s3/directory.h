@@ -28,7 +28,7 @@ std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name
 std::optional<std::vector<ListedEntry>> ListAll(Service& service, std::size_t max_pages);
 
 // Returns the common prefixes, each with a trailing slash, that begin with `prefix` and have no
-// other slash after it. Returns nothing if their listing has more than `max_pages` pages.
+// other slash after it. Returns nullopt if the listing has more than `max_pages` pages.
 std::optional<std::set<std::string>> DirectoriesOf(Service& service, const std::string& prefix,
                                                    std::size_t max_pages);
 
@@ -40,8 +40,8 @@ void CheckBucket(Service& service);
 void RemoveOne(Service& service, Unfinished& unfinished, const std::string& name);
 
 // Removes every object whose key begins with `prefix`. At most `at_once` requests run at the same
-// time. `is_supported` is set to false when the server does not know the request that removes
-// several objects; each object is then removed by a request of its own.
+// time. `is_supported` is set to false when the server does not support requests that remove
+// several objects; each object is then removed by a separate request.
 void RemoveBelow(Service& service, const std::string& prefix, std::size_t at_once,
                  bool& is_supported);
 

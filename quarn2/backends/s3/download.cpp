@@ -134,7 +134,7 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
         reply.status == kPartialContent ? ParseRange(reply.Header("content-range")) : std::nullopt;
     if (size_) {
         if (!range || range->offset != piece.offset || range->size != *size_) {
-            ThrowCannotFetch("the server sends another range than it was asked for");
+            ThrowCannotFetch("the server sent a range that was not requested");
         }
         return;
     }
@@ -143,7 +143,7 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
     const std::optional<std::int64_t> size =
         range ? range->size : Number(reply.Header("content-length"));
     if (!size || (range && range->offset != 0))
-        ThrowCannotFetch("the server does not tell the size");
+        ThrowCannotFetch("the server did not report the size of the file");
     size_ = size;
     piece.length = range ? std::min(piece.length, *size) : *size;
     next_ = piece.length;
@@ -155,8 +155,7 @@ void Download::Begin(Piece& piece, const net::HttpReply& reply) {
 
 void Download::Take(Piece& piece, std::span<const std::byte> bytes) {
     piece.received += static_cast<std::int64_t>(bytes.size());
-    if (piece.received > piece.length)
-        ThrowCannotFetch("the server sends more than it was asked for");
+    if (piece.received > piece.length) ThrowCannotFetch("the server sent more data than requested");
     if (&piece == pieces_.front().get()) {
         Deliver(bytes);
     } else {
@@ -205,7 +204,7 @@ void Download::TakeTurns() {
 void Download::CheckWhole() {
     if (!size_ || delivered_ != *size_) ThrowCannotFetch("the transfer ended early");
     if (digest_ && Hex(digest_->Finish()) != checksum_) {
-        ThrowCannotFetch("what arrived is not what was stored: its checksum differs");
+        ThrowCannotFetch("the checksum of the downloaded data differs from the stored checksum");
     }
 }
 

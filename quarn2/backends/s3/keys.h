@@ -12,7 +12,7 @@ namespace quarn2::s3 {
 // like the beginning of such an escape by "%25". All other characters are unchanged.
 std::string KeyOf(std::string_view name);
 
-// Returns the file name for an object key, or nullopt if KeyOf() returns this key for no name.
+// Returns the file name for an object key, or nullopt if no file name has this key.
 std::optional<std::string> NameOf(std::string_view key);
 
 // Returns true if an XML document can represent the text after XmlEscaped() has escaped the five

@@ -112,8 +112,8 @@ std::string PartsUpload::BeginUpload() {
     if (!reply.IsSuccess()) ThrowStopped(service_.RefusalOfKey(reply, key_));
     std::string id = ReadUploadAnswer(service_.what(), reply.body).id;
     if (id.empty()) {
-        throw Error(Kind::kUnavailable,
-                    service_.what() + ": " + doing_ + ": the server began no upload in parts");
+        throw Error(Kind::kUnavailable, service_.what() + ": " + doing_ +
+                                            ": the server returned no ID for the multipart upload");
     }
     return id;
 }
@@ -323,7 +323,7 @@ void PartsUpload::CheckSize() {
     if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
     if (reply.Header("content-length") == str::Str(source_->size())) return;
     throw Error(Kind::kUnavailable, service_.what() + ": " + doing_ +
-                                        ": the server has stored another number of bytes");
+                                        ": the stored file does not have the size of the source");
 }
 
 }  // namespace quarn2::s3

@@ -23,7 +23,7 @@ std::int64_t DividedUp(std::int64_t number, std::int64_t by) { return (number + 
 Plan PlanParts(std::int64_t size, std::int64_t part_size) {
     if (size > kMaxObjectSize) {
         throw kro_err::Error(kro_err::Kind::kFailed,
-                             "the file is larger than 5 TiB, which is all that S3 can hold in one");
+                             "the file is larger than 5 TiB, the maximum size of an S3 object");
     }
     Plan plan;
     const std::int64_t needed = DividedUp(DividedUp(size, kMaxParts), kMiB) * kMiB;

@@ -94,14 +94,14 @@ constexpr StatusRow kStatuses[] = {
 
 const std::map<std::string_view, std::string>& Advice() {
     static const std::map<std::string_view, std::string> advice = {
-        {"AccessDenied", "give the access key the rights that the storage needs"},
-        {"AccountProblem", "ask the storage's provider about the account"},
-        {"InvalidAccessKeyId", "the server does not know the access key"},
-        {"InvalidObjectState", "the file lies in an archive class and must be restored first"},
+        {"AccessDenied", "grant the access key the permissions that the storage needs"},
+        {"AccountProblem", "ask the storage provider about the account"},
+        {"InvalidAccessKeyId", "the access key does not exist on the server"},
+        {"InvalidObjectState", "the file is in an archive storage class; restore it first"},
         {kNoBucket, "the bucket does not exist; create it or correct the token"},
-        {"RequestTimeTooSkewed", "this machine's clock is off; set it"},
+        {"RequestTimeTooSkewed", "the clock of this machine is wrong; set it"},
         {"SignatureDoesNotMatch", "the secret key is wrong"},
-        {"UserSuspended", "ask the storage's provider about the account"},
+        {"UserSuspended", "ask the storage provider about the account"},
     };
     return advice;
 }

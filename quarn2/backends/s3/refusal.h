@@ -17,8 +17,8 @@ struct Refusal {
     std::string region;  // the region of the bucket; empty if the response does not contain it
     std::string path;    // bucket and key of the request; not searched for keywords
 
-    // Returns the failure class of the error code, which it looks up in kCodes, the only table of
-    // S3's error codes. For an unknown code, the status determines the class.
+    // Returns the failure class of the error code from kCodes, the only table of S3 error codes.
+    // For an unknown code, the status determines the class.
     Failure failure() const;
     kro_err::Kind kind() const { return KindOf(failure()); }
     bool IsNoRoom() const { return failure() == Failure::kNoRoom; }

@@ -138,8 +138,8 @@ bool S3Backend::PutParts(const std::string& name, ByteSource& source) {
             return outcome == PartsUpload::Outcome::kStored;
         }
     }
-    throw Error(Kind::kUnavailable,
-                service_.what() + ": " + Doing(name) + ": others abort its upload all the time");
+    throw Error(Kind::kUnavailable, service_.what() + ": " + Doing(name) +
+                                        ": other processes aborted the upload repeatedly");
 }
 
 BackendScheme Scheme(const char* name) {

@@ -32,8 +32,9 @@ Service::Service(const BackupToken& token)
 std::string Service::KeyOf(const std::string& name) const {
     std::string key = s3::KeyOf(address_.prefix + name);
     if (key.size() > kMaxKeyLength) {
-        throw Error(Kind::kFailed, "bad name on a storage " + Quoted(name) +
-                                       ": with the prefix its key is longer than 1024 bytes");
+        throw Error(Kind::kFailed, "name " + Quoted(name) +
+                                       " is not allowed on the storage: its key, with the prefix, "
+                                       "is longer than 1024 bytes");
     }
     return key;
 }

@@ -33,7 +33,7 @@ struct Unsigned {
 // Formats the time for the x-amz-date header: "20261120T193331Z" (UTC).
 std::string AmzDate(std::time_t now);
 
-// Returns the canonical form of a request, whose hash is signed.
+// Returns the canonical form of a request. The hash of this text is signed.
 std::string CanonicalRequest(const Unsigned& request);
 
 // Signs requests. Caches the signing key, which changes every day.

@@ -150,7 +150,7 @@ std::vector<UnfinishedUpload> Unfinished::List(const std::string& prefix) const 
         const UnfinishedUpload& end = page.uploads.back();
         if (end.key == last.key && end.id == last.id) {
             throw Error(kro_err::Kind::kFailed,
-                        service_.what() + ": an endless listing: the same page repeats");
+                        service_.what() + ": invalid listing: the server repeated a page");
         }
         last = end;
     }

@@ -51,7 +51,7 @@ std::string Reason(ssh_session session) {
 template <class T>
 void SetOption(ssh_session session, ssh_options_e option, const T& value) {
     if (Ssh().options_set(session, option, value) != SSH_OK) {
-        throw Error(Kind::kFailed, "the SSH library refuses an option: " + Reason(session));
+        throw Error(Kind::kFailed, "libssh rejected an option: " + Reason(session));
     }
 }
 
@@ -144,18 +144,19 @@ class Login {
         if (Ssh().connect(session_.get()) == SSH_OK) return;
         const std::string text = Ssh().get_error(session_.get());
         const bool mismatch = text.find("no match for method") != std::string::npos;
-        throw Error(mismatch ? Kind::kFailed : Kind::kUnavailable,
-                    "no SSH session with " + At(account_) + ": " + Reason(session_.get()));
+        throw Error(
+            mismatch ? Kind::kFailed : Kind::kUnavailable,
+            "cannot open an SSH session with " + At(account_) + ": " + Reason(session_.get()));
     }
 
     void CheckHostKey() {
         ssh_key raw = nullptr;
         if (Ssh().get_server_publickey(session_.get(), &raw) != SSH_OK)
-            ThrowNotReceived("the host key");
+            ThrowNotReceived("no host key");
         const SshKey key(raw);
         char* text = nullptr;
         if (Ssh().pki_export_pubkey_base64(key.get(), &text) != SSH_OK)
-            ThrowNotReceived("the host key");
+            ThrowNotReceived("no host key");
         const SshText encoded(text);
         const std::string type = Ssh().key_type_to_char(Ssh().key_type(key.get()));
         const Trust trust = known_.Check(type, encoded.get());
@@ -168,11 +169,11 @@ class Login {
         unsigned char* hash = nullptr;
         std::size_t size = 0;
         if (Ssh().get_publickey_hash(key, SSH_PUBLICKEY_HASH_SHA256, &hash, &size) != SSH_OK) {
-            return "of unknown fingerprint";
+            return "with unknown fingerprint";
         }
         const SshText text(Ssh().get_fingerprint_hash(SSH_PUBLICKEY_HASH_SHA256, hash, size));
         Ssh().clean_pubkey_hash(&hash);
-        return text == nullptr ? "of unknown fingerprint" : std::string(text.get());
+        return text == nullptr ? "with unknown fingerprint" : std::string(text.get());
     }
 
     std::string Distrust(Trust trust, const std::string& shown) const {
@@ -182,14 +183,15 @@ class Login {
         const std::string key = "the host key of " + Quoted(known_.host()) + " (" + shown + ") ";
         if (trust == Trust::kRevoked) return key + "is marked as revoked in " + where;
         if (trust == Trust::kChanged) {
-            return key + "is not the one in " + where +
-                   ": somebody may stand in between. If the server was set up anew, remove the old "
+            return key + "differs from the key in " + where +
+                   ": another host may impersonate the server. If the server was reinstalled, "
+                   "remove the old "
                    "key (ssh-keygen -R " +
                    Quoted(known_.host()) + (files.size() == 1 ? " -f " + where : "") +
                    ") and add the new one";
         }
         return key + "is unknown: it is not in " + where +
-               ". Compare it with the server's own, then add it: ssh-keyscan -p " +
+               ". Compare it with the key on the server, then add it: ssh-keyscan -p " +
                std::to_string(account_.port) + " " + account_.host + " >> " + files.front();
     }
 
@@ -197,7 +199,7 @@ class Login {
         std::vector<std::string> refused;
         if (key_ != nullptr) {
             if (Accepted(Ssh().userauth_publickey(session_.get(), nullptr, key_.get()))) return;
-            refused.push_back("the key " + Quoted(account_.key_file));
+            refused.push_back("key file " + Quoted(account_.key_file));
         }
         if (!account_.password.empty()) {
             if (Accepted(
@@ -207,13 +209,14 @@ class Login {
             if (Accepted(AnswerQuestions())) return;
             refused.emplace_back("the password");
         }
-        throw Error(Kind::kUnauthorized, At(account_) + " refuses user " + Quoted(account_.user) +
-                                             " with " + str::Join(refused, " and "));
+        throw Error(Kind::kUnauthorized, At(account_) + " refused the login of user " +
+                                             Quoted(account_.user) + " with " +
+                                             str::Join(refused, " and "));
     }
 
     bool Accepted(int result) {
-        if (result == SSH_AUTH_AGAIN) ThrowNotReceived("an answer to the login");
-        if (result == SSH_AUTH_ERROR) ThrowNotReceived("the login");
+        if (result == SSH_AUTH_AGAIN) ThrowNotReceived("no response to the login");
+        if (result == SSH_AUTH_ERROR) ThrowNotReceived("no valid response to the login");
         return result == SSH_AUTH_SUCCESS;
     }
 
@@ -236,8 +239,8 @@ class Login {
     }
 
     [[noreturn]] void ThrowNotReceived(const std::string& what) const {
-        throw Error(Kind::kUnavailable, "did not get " + what + " from " + At(account_) + ": " +
-                                            Reason(session_.get()));
+        throw Error(Kind::kUnavailable,
+                    "received " + what + " from " + At(account_) + ": " + Reason(session_.get()));
     }
 
     const Account& account_;
@@ -255,10 +258,11 @@ class Connection final : public Stream {
         : session_(std::move(session)), timeout_(account.timeout), where_(At(account)) {
         channel_ = Ssh().channel_new(session_.get());
         if (channel_ == nullptr) throw std::bad_alloc();
-        if (Ssh().channel_open_session(channel_) != SSH_OK) ThrowFailed("no SSH channel to ");
+        if (Ssh().channel_open_session(channel_) != SSH_OK)
+            ThrowFailed("cannot open an SSH channel to ");
         if (Ssh().channel_request_subsystem(channel_, "sftp") == SSH_OK) return;
         throw Error(Kind::kFailed,
-                    "no SFTP service for the user on " + where_ + ": " + Reason(session_.get()));
+                    "cannot start the SFTP subsystem on " + where_ + ": " + Reason(session_.get()));
     }
 
     // Closes a broken connection without sending a disconnect message, because sending could block.
@@ -311,11 +315,12 @@ class Connection final : public Stream {
     [[noreturn]] void ThrowFailed(const std::string& what) {
         ThrowUnavailable(what + where_ + ": " + Reason(session_.get()));
     }
-    [[noreturn]] void ThrowClosed() { ThrowUnavailable(where_ + " has closed the connection"); }
+    [[noreturn]] void ThrowClosed() { ThrowUnavailable(where_ + " closed the connection"); }
     [[noreturn]] void ThrowStalled(int seconds) {
         if (Ssh().channel_is_eof(channel_) != 0 || Ssh().is_connected(session_.get()) == 0)
             ThrowClosed();
-        ThrowUnavailable("no progress with " + where_ + " for " + std::to_string(seconds) + " s");
+        ThrowUnavailable("no progress in the connection to " + where_ + " for " +
+                         std::to_string(seconds) + " seconds");
     }
 
     SshSession session_;

@@ -74,8 +74,9 @@ Resolved ResolveWithin(const std::string& host, std::uint16_t port, int seconds)
         throw Error(Kind::kUnavailable, std::string("Failed to start a thread: ") + error.what());
     }
     if (future.wait_for(std::chrono::seconds(seconds)) != std::future_status::ready) {
-        throw Error(Kind::kUnavailable, "no name server returned the address of " + Quoted(host) +
-                                            " within " + std::to_string(seconds) + " s");
+        throw Error(Kind::kUnavailable, "cannot resolve host " + Quoted(host) +
+                                            ": no response from a name server for " +
+                                            std::to_string(seconds) + " seconds");
     }
     return future.get();
 }
@@ -87,7 +88,7 @@ std::vector<Address> AddressesOf(const std::string& host, std::uint16_t port, in
         const std::string reason = resolved.error == EAI_SYSTEM
                                        ? std::generic_category().message(resolved.error_number)
                                        : gai_strerror(resolved.error);
-        throw Error(Kind::kUnavailable, "no address of host " + Quoted(host) + ": " + reason);
+        throw Error(Kind::kUnavailable, "cannot resolve host " + Quoted(host) + ": " + reason);
     }
     return std::move(resolved.addresses);
 }
@@ -111,8 +112,8 @@ void Tune(int fd, int seconds) {
     SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, patience);
 }
 
-// Waits up to `seconds` for the result of a connection attempt. Returns 0 if it succeeded, else the
-// errno.
+// Waits up to `seconds` for the result of a connection attempt. Returns 0 if the attempt succeeded,
+// else the errno value.
 int Finish(int fd, int seconds) {
     const auto end = kro_date::SteadyClock::now() + std::chrono::seconds(seconds);
     for (;;) {
@@ -161,7 +162,7 @@ Socket Dial(const std::string& host, std::uint16_t port, int seconds) {
         Tune(socket.fd(), seconds);
         return socket;
     }
-    throw Error(Kind::kUnavailable, "no connection to host " + Quoted(host) + ", port " +
+    throw Error(Kind::kUnavailable, "cannot connect to host " + Quoted(host) + ", port " +
                                         std::to_string(port) + ": " +
                                         std::generic_category().message(error));
 }

@@ -99,7 +99,7 @@ class Reads {
         if (reply.type != Type::kData) ThrowReadFailed(reply.AsStatus());
         const std::span<const std::byte> data = reply.fields.Bytes();
         if (data.empty() || data.size() > piece->size)
-            ThrowInvalidReply("more or less data than asked for");
+            ThrowInvalidReply("more or less data than requested");
         if (data.size() < piece->size) AskForRest(piece, data.size());
         // AskForRest() may have invalidated `piece`, so search for the element again.
         Piece& taken = *std::find_if(pieces_.begin(), pieces_.end(),
@@ -119,7 +119,8 @@ class Reads {
         const std::uint64_t offset = piece->offset + got;
         const std::size_t size = piece->size - got;
         piece->size = got;
-        if (pieces_.size() >= kMaxPieces) ThrowInvalidReply("data in ever smaller pieces");
+        if (pieces_.size() >= kMaxPieces)
+            ThrowInvalidReply("too many short replies to read requests");
         pieces_.insert(piece + 1, {SendRead(offset, size), offset, size, false, {}});
     }
 
@@ -153,7 +154,7 @@ class Downloader {
             return;
         }
         throw Error(Kind::kUnavailable,
-                    Quoted(path_) + " was replaced again and again while it was opened");
+                    Quoted(path_) + " was replaced repeatedly while it was opened");
     }
 
   private:
@@ -172,12 +173,12 @@ class Downloader {
         if (good) handle_ = opened.fields.Text();
         if (attributes.size.value_or(0) > kMaxFileSize) {
             if (good) Close();
-            ThrowInvalidReply("a size that no file has");
+            ThrowInvalidReply("an impossible file size");
         }
         if (good && there && attributes.IsFile() && attributes.size) return attributes.size;
         const Status unopened = good ? Status() : opened.AsStatus();
         if (good) Close();
-        if (!there && unseen.code != Code::kNoSuchFile) ThrowRefused("look at", path_, unseen);
+        if (!there && unseen.code != Code::kNoSuchFile) ThrowRefused("examine", path_, unseen);
         if (there && attributes.IsFile() && !good && unopened.code != Code::kNoSuchFile) {
             ThrowRefused("open", path_, unopened);
         }

@@ -7,10 +7,10 @@
 
 namespace quarn2::sftp {
 
-// Many servers assign the lowest free handle, so that each upload of a session gets the same one.
-// If the last two uploads got the same handle, the next upload sends its data with this handle
-// before the server has replied to the request that opens the file. That saves a round trip. A
-// wrong guess damages nothing: no other file is open for writing in the session, so the server
+// Many servers assign the lowest free handle, so that each upload of a session gets the same
+// handle. If the last two uploads got the same handle, the next upload sends its data with this
+// handle before the server has replied to the request that opens the file. This saves a round trip.
+// A wrong guess does no harm: no other file is open for writing in the session, so the server
 // refuses the data.
 class HandleGuess {
   public:
@@ -28,9 +28,9 @@ class HandleGuess {
     // Records that `directory` may no longer exist.
     void Forget(const std::string& directory) { directories_.erase(directory); }
 
-    // Returns the expected handle of a new file in `directory`. Returns nullopt if there is none,
-    // or if no upload has used the directory before: the server may then refuse to open the file,
-    // and the data would be sent for nothing.
+    // Returns the predicted handle of a new file in `directory`. Returns nullopt if no handle can
+    // be predicted, or if no upload has used the directory before: the server may then refuse to
+    // open the file, and the data would be sent in vain.
     std::optional<std::string> For(const std::string& directory) const {
         const bool is_known = repeats_ && !is_refuted_ && directories_.contains(directory);
         return is_known ? std::optional(last_) : std::nullopt;

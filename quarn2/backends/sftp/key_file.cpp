@@ -44,8 +44,7 @@ void Read(const std::string& path, std::string& text) {
     }
     if (!S_ISREG(status.st_mode)) ThrowInvalidKey(path, "is not a plain file");
     if ((status.st_mode & kOthers) != 0) {
-        ThrowInvalidKey(
-            path, "can be read or changed by others than its owner; make it private: chmod 600");
+        ThrowInvalidKey(path, "can be read or changed by other users; make it private: chmod 600");
     }
     std::size_t size = 0;
     for (;;) {
@@ -54,7 +53,7 @@ void Read(const std::string& path, std::string& text) {
         if (got < 0) ThrowInvalidKey(path, "cannot be read: " + Reason(errno));
         if (got == 0) break;
         size += static_cast<std::size_t>(got);
-        if (size > kMaxKeyBytes) ThrowInvalidKey(path, "is too long for a private key");
+        if (size > kMaxKeyBytes) ThrowInvalidKey(path, "is too large for a private key");
     }
     text[size] = '\0';
 }
@@ -79,9 +78,9 @@ SshKey LoadKey(const std::string& path) {
     SshKey owned(key);
     if (asked) {
         ThrowInvalidKey(
-            path, "is locked with a passphrase; give the storage a key of its own without one");
+            path, "has a passphrase; use a separate key without a passphrase for the storage");
     }
-    if (result != SSH_OK) ThrowInvalidKey(path, "holds no private key that can be understood");
+    if (result != SSH_OK) ThrowInvalidKey(path, "does not contain a supported private key");
     return owned;
 }
 

@@ -63,7 +63,7 @@ std::span<const std::byte> Request::Finish(std::uint32_t id, std::size_t more) {
 }
 
 std::span<const std::byte> Fields::Take(std::size_t count) {
-    if (count > bytes_.size()) ThrowInvalidReply("a reply ends too early");
+    if (count > bytes_.size()) ThrowInvalidReply("a truncated reply");
     const auto taken = bytes_.first(count);
     bytes_ = bytes_.subspan(count);
     return taken;
@@ -113,8 +113,7 @@ std::uint32_t LoadU32(std::span<const std::byte, 4> bytes) noexcept {
 }
 
 void ThrowInvalidReply(const std::string& what) {
-    throw kro_err::Error(kro_err::Kind::kFailed,
-                         "the SFTP server does not keep to the protocol: " + what);
+    throw kro_err::Error(kro_err::Kind::kFailed, "the SFTP server violated the protocol: " + what);
 }
 
 }  // namespace quarn2::sftp

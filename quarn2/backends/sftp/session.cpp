@@ -15,7 +15,7 @@ using kro_err::Kind;
 
 constexpr std::uint32_t kVersion = 3;
 // The number of data bytes that every server must accept in one packet, and the number above which
-// larger packets are not faster.
+// larger packets do not increase the speed.
 constexpr std::size_t kSmallPiece = 32UL * 1024;
 constexpr std::size_t kLargePiece = 255UL * 1024;
 // The maximum length of a reply. The largest data reply that the program requests is shorter. A
@@ -42,7 +42,7 @@ Status Reply::AsStatus() {
 
 void Reply::Require(Type expected) const {
     if (type != expected)
-        ThrowInvalidReply("a reply of type " + std::to_string(static_cast<int>(type)));
+        ThrowInvalidReply("an unexpected reply of type " + std::to_string(static_cast<int>(type)));
 }
 
 // Marks the session as broken if the scope is left without a call of Done(), for example by an
@@ -76,9 +76,10 @@ void Session::Greet() {
     Breaker breaker(*this);
     stream_->Write(Request(Type::kInit).FinishInit(kVersion));
     Fields fields(NextFrame(0));
-    if (static_cast<Type>(fields.U8()) != Type::kVersion) ThrowInvalidReply("it does not greet");
+    if (static_cast<Type>(fields.U8()) != Type::kVersion) ThrowInvalidReply("no valid greeting");
     const std::uint32_t version = fields.U32();
-    if (version != kVersion) ThrowInvalidReply("it speaks version " + std::to_string(version));
+    if (version != kVersion)
+        ThrowInvalidReply("unsupported protocol version " + std::to_string(version));
     while (!fields.empty()) {
         extensions_.insert(fields.Text());
         fields.Bytes();
@@ -120,7 +121,7 @@ std::uint32_t Session::SendWithData(Request request, std::span<std::byte> room_a
     const std::size_t size = room_and_data.size() - kHeadroom;
     const std::uint32_t id = Register();
     const auto head = request.U32(static_cast<std::uint32_t>(size)).Finish(id, size);
-    if (head.size() > kHeadroom) ThrowInvalidReply("a handle is too long");
+    if (head.size() > kHeadroom) ThrowInvalidReply("a file handle is too long");
     const auto packet = room_and_data.subspan(kHeadroom - head.size());
     std::memcpy(packet.data(), head.data(), head.size());
     stream_->Write(packet);
@@ -157,7 +158,7 @@ std::span<const std::byte> Session::NextFrame(int patience) {
     if (size == 0 || size > kMaxFrameBytes) {
         ThrowInvalidReply(
             "a reply of " + std::to_string(size) +
-            " bytes; if the user's login prints a text on the server, let it be silent");
+            " bytes; if the login shell of the user prints text, disable this output");
     }
     Fill(kLengthSize + size, patience);
     const std::span<const std::byte> frame(buffer_.get() + begin_ + kLengthSize, size);
@@ -176,7 +177,7 @@ Reply Session::Next() {
     Breaker breaker(*this);
     for (;;) {
         const Reply reply = Parse(NextFrame(0));
-        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply that nobody asked for");
+        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply without a request");
         if (forgotten_.erase(reply.id) > 0) continue;
         breaker.Done();
         return reply;
@@ -194,7 +195,7 @@ Reply Session::Wait(std::uint32_t id, int patience) {
         }
         const std::span<const std::byte> frame = NextFrame(patience);
         const Reply reply = Parse(frame);
-        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply that nobody asked for");
+        if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply without a request");
         if (forgotten_.erase(reply.id) > 0) continue;
         if (reply.id == id) {
             breaker.Done();

@@ -72,7 +72,8 @@ class Session {
     bool HasNext() const noexcept;
     // Discards the reply to this request when it arrives.
     void Forget(std::uint32_t id);
-    // Waits for the reply to this request and discards it. Does nothing if it has been taken.
+    // Waits for the reply to this request and discards it. Does nothing if Wait() or Next() has
+    // already returned the reply.
     void Settle(std::uint32_t id);
 
     // Throws kUnavailable if the server has closed the connection. Does not wait for the network.

@@ -8,7 +8,8 @@
 
 namespace quarn2::sftp {
 
-// The functions that the program uses: the name of the member of SshLibrary, and of the function.
+// The functions that the program uses. Each entry consists of the name of the member of SshLibrary
+// and the name of the libssh function.
 #define QUARN2_SSH_FUNCTIONS(F)                                     \
     F(channel_is_eof, ssh_channel_is_eof)                           \
     F(channel_new, ssh_channel_new)                                 \

@@ -77,34 +77,34 @@ std::string Describe(const Status& status) {
         case Code::kPermissionDenied:
             return "permission denied";
         case Code::kBadMessage:
-            return "the server does not take the name; it may be too long";
+            return "the server rejected the request; the name may be too long";
         case Code::kNoConnection:
         case Code::kConnectionLost:
-            return "the server lost its connection";
+            return "the server reported a lost connection";
         case Code::kUnsupported:
-            return "the server cannot do this";
+            return "the server does not support this operation";
         case Code::kInvalidHandle:
-            return "the server does not know the open file any more";
+            return "the file handle is no longer valid on the server";
         case Code::kNoSuchPath:
             return "no such directory";
         case Code::kFileAlreadyExists:
-            return "it exists";
+            return "a file or directory of this name already exists";
         case Code::kWriteProtected:
             return "the file system is read-only";
         case Code::kNoMedia:
-            return "the disk is not there";
+            return "the disk is missing";
         case Code::kNoSpace:
             return "no space left";
         case Code::kQuotaExceeded:
-            return "the quota is used up";
+            return "the quota is exceeded";
         case Code::kLockConflict:
-            return "it is locked";
+            return "the file is locked";
         case Code::kFailure:
             break;
     }
     const bool telling = !status.text.empty() && status.text != "Failure";
-    return telling ? "the server says " + Quoted(status.text)
-                   : "the server gives no reason (code " +
+    return telling ? "the server reported " + Quoted(status.text)
+                   : "the server gave no reason (code " +
                          std::to_string(static_cast<std::uint32_t>(status.code)) + ")";
 }
 

@@ -258,7 +258,7 @@ std::optional<Attributes> LookAt(Session& session, const std::string& path) {
     Reply reply = session.Wait(SendPath(session, Type::kLstat, path));
     if (reply.type == Type::kAttrs) return reply.fields.Attrs();
     const Status status = reply.AsStatus();
-    if (status.code != Code::kNoSuchFile) ThrowRefused("look at", path, status);
+    if (status.code != Code::kNoSuchFile) ThrowRefused("examine", path, status);
     return std::nullopt;
 }
 
@@ -270,7 +270,7 @@ void CheckRoot(const Place& place, Reply answer) {
     if (answer.type != Type::kAttrs) {
         const Status status = answer.AsStatus();
         if (status.code != Code::kNoSuchFile) {
-            ThrowRefused("look at storage directory", place.root(), status);
+            ThrowRefused("examine storage directory", place.root(), status);
         }
         throw Error(Kind::kNotFound, "storage directory " + Quoted(place.root()) +
                                          " does not exist on the server; create it or mount its "
@@ -313,7 +313,7 @@ void MakeDir(Session& session, const Place& place, const std::string& name) {
     const MadeDirs made = MakeDirs(session, place, name);
     const std::string path = place.PathOf(name);
     Reply reply = session.Wait(SendPath(session, Type::kStat, path));
-    if (reply.type != Type::kAttrs) ThrowRefused("make directory", path, made.refusal);
+    if (reply.type != Type::kAttrs) ThrowRefused("create directory", path, made.refusal);
     if (!reply.fields.Attrs().IsDirectory()) {
         throw Error(Kind::kFailed, Quoted(path) + " on the storage is not a directory");
     }

@@ -29,15 +29,16 @@ constexpr std::size_t kBlock = 1024UL * 1024;
 // Maximum number of bytes that are sent and not yet confirmed. This is more than the window of any
 // server allows, so the limit does not slow down uploads. Unconfirmed bytes are not kept in memory.
 constexpr std::size_t kMaxInFlight = 8UL * 1024 * 1024;
-// The maximum size of a file whose data are sent before the server has opened the temporary file.
-// The round trip that this saves matters only for small files, and a refused file costs only this
-// amount of data.
+// The maximum size of a file that is sent before the server has opened the temporary file. The
+// saved round trip matters only for small files. If the server refuses the data, at most this
+// number of bytes was sent in vain.
 constexpr std::int64_t kMaxEarly = 256L * 1024;
 // The time that an existing temporary file is watched. A running upload writes several times a
 // second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
-// How often a file that changes is watched. After a connection breaks, the server still writes what
-// it had received, so a file that changes at first may nevertheless be left by that upload.
+// Maximum number of times that a changing file is watched. After a connection is lost, the server
+// still writes the data that it has received, so the file of an interrupted upload can change at
+// first.
 constexpr int kMaxWatches = 3;
 // In bytes per second. The timeout of a sync assumes that the server's disk is at least this fast.
 constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;
@@ -119,7 +120,7 @@ class Uploader {
             if (TryOpen(path, opened)) return;
         }
         CheckRootOnce(root, 0);
-        throw Error(Kind::kUnavailable, "too many uploads of " + Quoted(path_) + " are under way");
+        throw Error(Kind::kUnavailable, "too many concurrent uploads of " + Quoted(path_));
     }
 
     void CheckRootOnce(std::uint32_t root, std::uint32_t opened) {
@@ -165,7 +166,7 @@ class Uploader {
             } else if (++failures == kOpenAttempts || status.code != Code::kFailure) {
                 // Retry after the first kFailure replies, because another upload may have renamed
                 // its temporary file in the meantime.
-                ThrowFailed("make a file for", status);
+                ThrowFailed("create a temporary file for", status);
             }
         }
     }
@@ -195,7 +196,7 @@ class Uploader {
         if (made.parents.empty() && made.refusal.code != Code::kOk) {
             const std::string directory = kro_file::Path(path_);
             const auto there = LookAt(session_, directory);
-            if (!there) ThrowFailed("make the directory of", made.refusal);
+            if (!there) ThrowFailed("create the directory of", made.refusal);
             if (there->IsFile()) {
                 throw Error(Kind::kFailed,
                             Quoted(directory) + " on the storage is not a directory");
@@ -204,10 +205,10 @@ class Uploader {
         directories_.insert(directories_.end(), made.parents.begin(), made.parents.end());
     }
 
-    // --- Data that are sent before the file is open ---
+    // --- Data sent before the file is open ---
 
     // Reads a small file before the upload begins, if the handle of its temporary file is
-    // predictable. Then no error of the source can occur while the server opens the file.
+    // predictable. No read error can then occur while the server opens the file.
     void ReadEarly() {
         if (source_.size() > kMaxEarly || !session_.handle_guess().For(directory_)) return;
         const auto size = static_cast<std::size_t>(source_.size());
@@ -218,7 +219,7 @@ class Uploader {
     }
 
     // Sends all requests of the upload except for the rename, with the predicted handle. The rename
-    // has to wait for the replies: a file whose data the server has refused must not appear.
+    // must wait for the replies, because the server may have refused the data.
     void SendEarly(const std::string& path) {
         if (!guess_) return;
         handle_ = *std::exchange(guess_, std::nullopt);
@@ -250,8 +251,8 @@ class Uploader {
     }
 
     // Removes the temporary file after the server has opened it with the predicted handle and has
-    // refused to write to it. A server that runs requests in parallel does that if it has not
-    // opened the file yet. If the storage is full, the second attempt finds it out.
+    // refused to write to it. A server that executes requests in parallel refuses a write if it has
+    // not opened the file yet. If the storage is full, the second attempt detects this.
     void TakeBackEarly() {
         session_.handle_guess().Refuted();
         DropEarly();
@@ -264,7 +265,7 @@ class Uploader {
     // --- Transfer of the data ---
 
     [[noreturn]] static void ThrowEndedEarly() {
-        throw Error(Kind::kFailed, "the source ended early");
+        throw Error(Kind::kFailed, "the source became shorter while it was uploaded");
     }
 
     void SendAll() {
@@ -278,7 +279,7 @@ class Uploader {
         }
     }
 
-    // Sends the data, and takes replies to earlier requests in between.
+    // Sends the data, and processes replies to earlier requests in between.
     void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
         while (room_and_data.size() > Session::kHeadroom) {
             while ((writes_.size() + 1) * session_.write_size() > kMaxInFlight) TakeAnswer();
@@ -287,9 +288,9 @@ class Uploader {
         }
     }
 
-    // Sends the first of the data in a write request of at most write_size() bytes, removes them
-    // from `room_and_data` and returns their number. The header of the next request overwrites
-    // their end.
+    // Sends up to write_size() bytes from the front of the data in one write request, removes these
+    // bytes from `room_and_data` and returns their number. The header of the next request
+    // overwrites the last of these bytes.
     std::size_t SendWrite(std::span<std::byte>& room_and_data, std::int64_t offset) {
         const std::size_t size =
             std::min(room_and_data.size() - Session::kHeadroom, session_.write_size());
@@ -358,8 +359,9 @@ class Uploader {
         return reply.type == Type::kAttrs ? reply.fields.Attrs() : Attributes();
     }
 
-    // Returns the attributes of the file at the temporary path. A server that runs requests in
-    // parallel can read them before it has written early data, so they are then queried again.
+    // Returns the attributes of the file at the temporary path. A server that executes requests in
+    // parallel may read the attributes before it has written early data, so they are then queried
+    // again.
     Attributes Named() {
         Attributes named = AttributesIn(session_.Wait(seen_));
         if (!is_early_ || named.size == static_cast<std::uint64_t>(source_.size())) return named;
@@ -374,13 +376,13 @@ class Uploader {
         const auto expected = static_cast<std::uint64_t>(source_.size());
         if (named.size == expected && named.IsFile()) return;
         if (own.size != expected && named.size) {
-            throw Error(Kind::kFailed,
-                        Quoted(path_) + " has another size on the storage than sent");
+            throw Error(Kind::kFailed, "the size of " + Quoted(path_) +
+                                           " on the storage differs from the size of the source");
         }
         state_.temporary.clear();
         throw Error(Kind::kUnavailable,
                     "the temporary file of " + Quoted(path_) +
-                        " was taken away while it was written, as if it were abandoned");
+                        " was removed or replaced during the upload, probably by another machine");
     }
 
     void Rename() {
@@ -393,7 +395,7 @@ class Uploader {
         request.Text(kPosixRename).Text(state_.temporary).Text(path_);
         const std::uint32_t renamed = session_.Send(std::move(request));
         sync_.Sync();
-        CheckDone("rename a file to", session_.WaitStatus(renamed));
+        CheckDone("rename the temporary file to", session_.WaitStatus(renamed));
     }
 
     Status PlainRename(const std::string& from, const std::string& to) {
@@ -420,7 +422,7 @@ class Uploader {
             PlainRename(path_, aside);
         }
         PlainRename(aside, path_);
-        ThrowFailed("rename a file to", status);
+        ThrowFailed("rename the temporary file to", status);
     }
 
     // --- Errors ---
@@ -438,9 +440,10 @@ class Uploader {
     // Throws kUnavailable because another process has removed the temporary file or its directory.
     // The next attempt creates both again.
     [[noreturn]] void ThrowRemoved(const std::string& what, const Status& status) const {
-        throw Error(Kind::kUnavailable, "Failed to " + what + " " + Quoted(path_) +
-                                            " on the storage: " + Describe(status) +
-                                            "; the temporary file was removed during the upload");
+        throw Error(Kind::kUnavailable,
+                    "Failed to " + what + " " + Quoted(path_) +
+                        " on the storage: " + Describe(status) +
+                        "; the temporary file or its directory was removed during the upload");
     }
 
     // Removes the temporary file of a failed upload. Ignores errors, because the next upload of the
@@ -467,7 +470,9 @@ class Uploader {
     std::vector<std::string> directories_;  // the directories to sync after the rename
     ByteSource& source_;
     UploadState& state_;
-    std::string handle_;     // of the open temporary file; empty: none, or its close has been sent
+    // The handle of the open temporary file. Empty if no file is open or its close request was
+    // sent.
+    std::string handle_;
     std::string opened_as_;  // the handle that the server has assigned
     std::vector<std::byte> early_data_;
     std::optional<std::string> guess_;  // the predicted handle, until it is used

@@ -11,8 +11,8 @@
 
 namespace quarn2::sftp {
 
-// The progress of an upload. After an error, SftpBackend decides by it whether to retry the upload
-// or to remove the temporary file.
+// The progress of an upload. After an error, SftpBackend uses it to decide whether to retry the
+// upload or to remove the temporary file.
 struct UploadState {
     bool started = false;   // the upload has begun to read the source
     std::string temporary;  // path of the temporary file on the server; empty: none

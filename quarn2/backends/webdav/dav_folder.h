@@ -14,8 +14,8 @@
 namespace quarn2::webdav {
 
 // A cached listing of one directory: the temporary files of interrupted uploads, and the names that
-// are known to be files. DELETE and MOVE also remove or replace a directory with all its contents,
-// so the program must check that a name is a file before it sends such a request.
+// the listing showed as files. DELETE and MOVE also remove or replace a directory with all its
+// contents, so the program must check that a name is a file before it sends such a request.
 struct Folder {
     std::vector<std::string> temporaries;
     std::unordered_set<std::string> files;

@@ -35,8 +35,8 @@ class DavAddress {
 // and many servers are configured not to serve names that begin with ".ht".
 std::string NewTemporaryName(const std::string& name);
 
-// Returns true if the name of a directory entry is that of a temporary file, or of a server's
-// incomplete copy of a temporary file.
+// Returns true if `entry` is the name of a temporary file, or of a server's incomplete copy of a
+// temporary file.
 bool IsTemporaryEntry(std::string_view entry) noexcept;
 // Returns true if `entry` is the name of a temporary file for `file` in the same directory, or of a
 // server's incomplete copy of such a file.

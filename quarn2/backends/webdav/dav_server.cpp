@@ -42,7 +42,7 @@ struct DavServer::Deletion {
           }) {}
 
     Target victim;
-    int failed = 0;  // the status of the first file below that could not be removed
+    int failed = 0;  // the status of the first file that could not be removed
     MultistatusSink sink;
 };
 
@@ -88,7 +88,7 @@ HttpReply DavServer::Propfind(const std::string& url, int depth, Ask ask,
 void DavServer::ThrowRefused(const std::string& method, const std::string& name,
                              const HttpReply& reply) const {
     throw Error(KindOf(FailureOf(reply.status, accepted_)),
-                what() + ": " + method + " of " + Quoted(name) + " was answered with " +
+                what() + ": " + method + " of " + Quoted(name) + " failed with status " +
                     str::Str(reply.status) + Hint(method, reply.status));
 }
 
@@ -148,7 +148,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
 
 void DavServer::CheckRoot() {
     if (!Look("").IsNothing()) return;
-    throw Error(Kind::kNotFound, what() + ": the storage's directory does not exist; create it");
+    throw Error(Kind::kNotFound, what() + ": the storage directory does not exist; create it");
 }
 
 // --- Removing ---
@@ -170,9 +170,8 @@ void DavServer::CheckDeleted(const Deletion& deletion, const HttpReply& reply) {
     const bool partly = deletion.victim.is_collection &&
                         (deletion.failed != 0 || status == kLocked || status == kFailedDependency);
     if (!partly) ThrowRefused("DELETE", name, reply);
-    throw Error(Kind::kFailed, what() + ": not everything below " + Quoted(name) +
-                                   " could be removed: " + str::Str(status) +
-                                   Hint("DELETE", status));
+    throw Error(Kind::kFailed, what() + ": cannot remove everything below " + Quoted(name) +
+                                   ": status " + str::Str(status) + Hint("DELETE", status));
 }
 
 void DavServer::Delete(const std::string& name, bool is_collection) {

@@ -15,7 +15,7 @@
 
 namespace quarn2::webdav {
 
-// The properties of the file or collection with a name.
+// The properties of a file or collection.
 struct Resource {
     enum class Kind { kNothing, kFile, kCollection };
 

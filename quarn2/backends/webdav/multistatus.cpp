@@ -49,7 +49,7 @@ void MultistatusSink::Write(std::span<const std::byte> bytes) {
     if (reader_ != nullptr) return reader_->Feed(bytes);
     ignored_ += bytes.size();
     if (ignored_ > kMaxIgnoredBytes) {
-        throw kro_err::Error(kro_err::Kind::kUnavailable, what_ + ": an endless answer");
+        throw kro_err::Error(kro_err::Kind::kUnavailable, what_ + ": the response is too long");
     }
 }
 

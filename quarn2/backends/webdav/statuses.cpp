@@ -44,23 +44,24 @@ Failure FailureOf(int status, bool accepted) noexcept {
 std::string Hint(const std::string& method, int status) {
     switch (status) {
         case kUnauthorizedStatus:
-            return " (user or password refused, or another 'auth' wanted)";
+            return " (wrong user name or password, or the server requires another 'auth' "
+                   "parameter)";
         case kForbidden:
-            return " (the server's user has no right to do this)";
+            return " (the server or a proxy denies permission)";
         case kNotAllowed:
         case 501:
-            return " (is WebDAV switched on for this directory?)";
+            return " (check that WebDAV is enabled for this directory)";
         case kTooLarge:
-            return " (larger than the server takes; raise its limit of a request's body)";
+            return " (the file is too large; raise the server's size limit for request bodies)";
         case 502:
-            return method == "MOVE" ? " (a proxy in front that changes the scheme or host must "
-                                      "change the Destination header too)"
+            return method == "MOVE" ? " (a reverse proxy that changes the scheme or host must "
+                                      "also change the Destination header)"
                                     : "";
         case kLocked:
-            return " (locked by somebody)";
+            return " (locked by another client)";
         default:
             return status >= 300 && status < 400
-                       ? " (a redirection; give the storage's own address)"
+                       ? " (a redirection; use the final address in the storage token)"
                        : "";
     }
 }

@@ -36,8 +36,8 @@ constexpr int kAttempts = 4;
 constexpr int kLooks = 10;
 constexpr int kLookAgainMs = 20;
 // The cleanup after a failed upload gets 1/kCleanupShare of the storage's timeout, at most
-// kMaxCleanup seconds. This time is short, because the failed upload has already taken long, and
-// the next upload of the same name removes a remaining temporary file.
+// kMaxCleanup seconds. This time is short, because the failed upload has already taken a long time,
+// and the next upload of the same name removes a remaining temporary file.
 constexpr int kMaxCleanup = 5;
 constexpr int kCleanupShare = 4;
 
@@ -70,8 +70,9 @@ void CheckForm(std::string_view name) {
     while (!name.empty()) {
         const std::string_view component = name.substr(0, name.find('/'));
         if (webdav::IsTemporaryEntry(component)) {
-            throw Error(Kind::kFailed, "bad name on a WebDAV storage " + Quoted(component) +
-                                           ": the form of temporary names is reserved");
+            throw Error(Kind::kFailed, "name " + Quoted(component) +
+                                           " is not allowed on a WebDAV storage: it has the "
+                                           "reserved form of a temporary name");
         }
         name.remove_prefix(std::min(component.size() + 1, name.size()));
     }
@@ -142,7 +143,7 @@ bool WebdavBackend::Put(const std::string& name, ByteSource& source) {
         folders_.Forget(directory);
     }
     throw Error(Kind::kUnavailable, server_.what() + ": the temporary file of " + Quoted(name) +
-                                        " is taken away again and again");
+                                        " was removed repeatedly during the upload");
 }
 
 WebdavBackend::Stored WebdavBackend::Store(const std::string& name, ByteSource& source) {
@@ -180,7 +181,7 @@ WebdavBackend::Stored WebdavBackend::SendChecked(const std::string& temporary, B
     if (!length) return Stored::kLost;
     if (*length >= 0 && *length != size) {
         throw Error(Kind::kUnavailable, server_.what() + ": stored " + str::Str(*length) +
-                                            " bytes of " + str::Str(size) + " of " +
+                                            " instead of " + str::Str(size) + " bytes in " +
                                             Quoted(temporary));
     }
     return Stored::kYes;
@@ -305,7 +306,7 @@ class BodySink final : public net::ReplySink {
         const bool made_up = reply.Header("last-modified").empty() && reply.Header("etag").empty();
         doubtful_ = !known_ && (made_up || told < 0);
         if (doubtful_ || reply.status != webdav::kOk) {
-            throw Error(Kind::kUnavailable, "an answer that is no file");
+            throw Error(Kind::kUnavailable, "the response does not contain a file");
         }
         if (told >= 0) length_ = told;
         chunked_ = reply.Header("transfer-encoding") == "chunked";
@@ -315,7 +316,7 @@ class BodySink final : public net::ReplySink {
     void Write(std::span<const std::byte> bytes) override {
         done_ += static_cast<std::int64_t>(bytes.size());
         if (length_ >= 0 && done_ > length_) {
-            throw Error(Kind::kUnavailable, "the server sends more than the file's length");
+            throw Error(Kind::kUnavailable, "the server sent more data than the size of the file");
         }
         sink_.Write(bytes);
     }
@@ -339,7 +340,7 @@ HttpReply Fetch(DavServer& server, const std::string& name, BodySink& file) {
     HttpReply reply = server.Do(std::move(request));
     if (reply.IsSuccess() && !file.IsWhole()) {
         throw Error(Kind::kUnavailable,
-                    server.what() + ": " + Quoted(name) + " ended before its length");
+                    server.what() + ": " + "the download of " + Quoted(name) + " ended early");
     }
     return reply;
 }
@@ -415,7 +416,7 @@ void WebdavBackend::MakeDir(const std::string& name) {
     try {
         folders_.Make(name);
     } catch (const webdav::NoRoomForDirectory&) {
-        throw Error(Kind::kFailed, server_.what() + ": no room for directory " + Quoted(name));
+        throw Error(Kind::kFailed, server_.what() + ": no space for directory " + Quoted(name));
     }
 }
 

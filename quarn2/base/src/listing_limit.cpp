@@ -13,11 +13,12 @@ void ListingLimit::Count(std::size_t bytes) {
 
 void ListingLimit::CheckDepth(std::size_t depth) const {
     if (depth <= kMaxDepth) return;
-    throw kro_err::Error(kro_err::Kind::kFailed, what_ + " shows directories without end");
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         what_ + ": more than " + str::Str(kMaxDepth) + " levels of directories");
 }
 
 void ListingLimit::ThrowTooLong() const {
-    throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": an endless listing, of more than " +
+    throw kro_err::Error(kro_err::Kind::kFailed, what_ + ": the listing is too long: more than " +
                                                      str::Str(kMaxEntries) + " names or " +
                                                      str::Str(kMaxBytes >> 20U) + " MiB");
 }

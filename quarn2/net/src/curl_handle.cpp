@@ -20,7 +20,7 @@ using kro_err::Kind;
 
 // Sizes of the transfer buffers in bytes. They are larger than libcurl's defaults, because a
 // transfer of a large file then needs fewer system calls. libcurl allocates and frees the buffers
-// for each request, so larger ones make small requests expensive under a sanitizer.
+// for each request, so larger buffers would make small requests expensive under a sanitizer.
 constexpr long kSendBuffer = 512L * 1024;
 constexpr long kReceiveBuffer = 128L * 1024;
 constexpr std::size_t kMaxReasonBytes = 300;
@@ -117,7 +117,7 @@ void CurlList::Add(const std::string& text) {
 
 CurlHandle::CurlHandle(const ServerSettings& settings)
     : handle_(Curl().easy_init()), what_(settings.what) {
-    if (handle_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
+    if (handle_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot create a transfer handle");
     SetPointer(CURLOPT_ERRORBUFFER, reason_.data());
     Set(CURLOPT_NOSIGNAL, 1);
     SetFunction(CURLOPT_OPENSOCKETFUNCTION, OpenSocket);
@@ -177,7 +177,7 @@ void CurlHandle::Check(CURLcode code, const char* what) const {
 
 long CurlHandle::Info(CURLINFO info) const {
     long value = 0;
-    Check(Curl().easy_getinfo(handle_, info, &value), "ask about a transfer");
+    Check(Curl().easy_getinfo(handle_, info, &value), "query a transfer");
     return value;
 }
 

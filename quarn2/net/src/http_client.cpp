@@ -114,7 +114,7 @@ class HttpClient::Transfer {
             if (thrown_) std::rethrow_exception(thrown_);
             if (is_stalled_) {
                 throw Error(Kind::kUnavailable,
-                            what_ + ": nothing has moved for " + str::Str(timeout_) + " seconds");
+                            what_ + ": no data transferred for " + str::Str(timeout_) + " seconds");
             }
             if (code != CURLE_OK) handle_.Throw(code);
             reply_.status = Status();
@@ -238,11 +238,11 @@ class HttpClient::Transfer {
         }
         const bool success = reply_.IsSuccess();
         if (success && reply_.body.size() + bytes.size() > kMaxAnswerBytes) {
-            throw Error(Kind::kUnavailable, what_ + ": an endless answer");
+            throw Error(Kind::kUnavailable, what_ + ": the response is too long");
         }
         if (!success) refusal_bytes_ += bytes.size();
         if (refusal_bytes_ > kMaxAnswerBytes) {
-            throw Error(Kind::kUnavailable, what_ + ": a refusal without end");
+            throw Error(Kind::kUnavailable, what_ + ": the error response is too long");
         }
         const std::size_t room =
             success ? bytes.size()
@@ -257,7 +257,7 @@ class HttpClient::Transfer {
         moved_at_ = waited_;
         if (str::StartsWith(line, "HTTP/")) {
             if (++answers_ > kMaxAnswers) {
-                throw Error(Kind::kUnavailable, what_ + ": answers to one request without end");
+                throw Error(Kind::kUnavailable, what_ + ": too many responses to one request");
             }
             reply_.headers.clear();
             reply_.body.clear();
@@ -266,7 +266,7 @@ class HttpClient::Transfer {
         }
         header_bytes_ += line.size();
         if (header_bytes_ > kMaxHeaderBytes) {
-            throw Error(Kind::kUnavailable, what_ + ": headers without end");
+            throw Error(Kind::kUnavailable, what_ + ": the response headers are too long");
         }
         if (line == "\r\n") headers_came_ = true;
         const std::size_t colon = line.find(':');
@@ -299,7 +299,7 @@ class HttpClient::Transfer {
 
 HttpClient::HttpClient(ServerSettings settings)
     : settings_(std::move(settings)), multi_(Curl().multi_init()) {
-    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot make a transfer handle");
+    if (multi_ == nullptr) throw Error(Kind::kFailed, "libcurl cannot create a transfer handle");
     Curl().multi_setopt(multi_, CURLMOPT_MAXCONNECTS, kKeptConnections);
 }
 
@@ -328,11 +328,11 @@ void HttpClient::Start(HttpRequest request, Done done) {
 
 void HttpClient::Add(CURL* handle) {
     const CURLMcode code = Curl().multi_add_handle(multi_, handle);
-    if (code != CURLM_OK) throw Error(Kind::kFailed, Curl().multi_strerror(code));
+    if (code != CURLM_OK) throw Error(Kind::kFailed, what() + ": " + Curl().multi_strerror(code));
 }
 
-// Calls the `done` callbacks of all requests that have ended. Returns true if there was such a
-// request. A callback may start new requests.
+// Calls the `done` callbacks of all requests that have ended. Returns true if at least one request
+// has ended. A callback may start new requests.
 bool HttpClient::Finish() {
     int left = 0;
     bool any = false;
@@ -378,7 +378,7 @@ bool HttpClient::Move(int wait_ms) {
         code = Curl().multi_poll(multi_, nullptr, 0, wait_ms, nullptr);
         waited_ += Clock::now() - start;
     }
-    if (code != CURLM_OK) throw Error(Kind::kFailed, Curl().multi_strerror(code));
+    if (code != CURLM_OK) throw Error(Kind::kFailed, what() + ": " + Curl().multi_strerror(code));
     return false;
 }
 

@@ -68,14 +68,14 @@ class XmlReader::Parser {
     void ParsePiece(std::span<const std::byte> piece, bool is_final) {
         fed_ += piece.size();
         if (fed_ - understood_ > kMaxTokenBytes + piece.size())
-            ThrowInvalid("with a piece without end");
-        if (fed_ > kMaxAnswerBytes) ThrowInvalid("without end");
+            ThrowInvalid("a tag or comment is too long");
+        if (fed_ > kMaxAnswerBytes) ThrowInvalid("the document is too long");
         const XML_Status status =
             XML_Parse(parser_, reinterpret_cast<const char*>(piece.data()),
                       static_cast<int>(piece.size()), is_final ? XML_TRUE : XML_FALSE);
         if (thrown_) std::rethrow_exception(std::exchange(thrown_, nullptr));
         if (status == XML_STATUS_OK) return;
-        throw Error(Kind::kUnavailable, what_ + ": an answer that is no good XML: " +
+        throw Error(Kind::kUnavailable, what_ + ": invalid XML response: " +
                                             XML_ErrorString(XML_GetErrorCode(parser_)));
     }
 
@@ -93,12 +93,12 @@ class XmlReader::Parser {
     }
 
     void ThrowInvalid(const char* why) const {
-        throw Error(Kind::kUnavailable, what_ + ": an XML answer " + why);
+        throw Error(Kind::kUnavailable, what_ + ": invalid XML response: " + why);
     }
 
     void Meet(const char* name) {
         if (names_.contains(name)) return;
-        if (names_.size() >= kMaxNames) ThrowInvalid("with names without end");
+        if (names_.size() >= kMaxNames) ThrowInvalid("too many different names");
         names_.emplace(name);
     }
 
@@ -109,7 +109,8 @@ class XmlReader::Parser {
             self->Meet(name);
             // `attributes` contains the names and the values alternately.
             for (const char** at = attributes; *at != nullptr; at += 2) self->Meet(*at);
-            if (self->texts_.size() >= kMaxDepth) self->ThrowInvalid("that nests without end");
+            if (self->texts_.size() >= kMaxDepth)
+                self->ThrowInvalid("the elements are nested too deeply");
             self->texts_.emplace_back();
             const auto parts = SpaceAndName(name);
             self->handler_.Open(parts.first, parts.second);
@@ -141,15 +142,14 @@ class XmlReader::Parser {
             if (self->texts_.empty()) return;
             std::string& all = self->texts_.back();
             all.append(text, static_cast<std::size_t>(length));
-            if (all.size() > kMaxTextBytes) self->ThrowInvalid("with a text without end");
+            if (all.size() > kMaxTextBytes) self->ThrowInvalid("a text is too long");
         });
     }
 
     static void OnDoctype(void* data, const char* /*name*/, const char* /*system*/,
                           const char* /*public*/, int /*internal*/) {
         auto* const self = static_cast<Parser*>(data);
-        self->Guarded(
-            [self] { self->ThrowInvalid("with a document type, which no storage sends"); });
+        self->Guarded([self] { self->ThrowInvalid("a document type declaration is not allowed"); });
     }
 
     std::string what_;

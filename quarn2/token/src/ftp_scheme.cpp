@@ -14,10 +14,10 @@ std::string Fault(const BackupToken& token) {
     }
     if (token.path().empty()) {
         return "an FTP storage needs a directory" + form +
-               "; a single '/' is all that the account sees";
+               "; use '/' for the root directory of the account";
     }
     if (HasComponent(token.path(), "..")) {
-        return "the directory of an FTP storage must not have '..' in it";
+        return "the directory of an FTP storage must not contain '..'";
     }
     return {};
 }

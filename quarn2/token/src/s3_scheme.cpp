@@ -38,14 +38,14 @@ std::string BucketFault(const std::string& bucket, bool is_virtual) {
             [](char c) { return IsLetterOrDigit(c) || c == '-' || c == '.' || c == '_'; }) &&
         bucket.front() != '.' && bucket.front() != '-' && bucket.find("..") == std::string::npos;
     if (!good) {
-        return "what stands in the bucket's place is no bucket's name: 3 to 255 letters, digits, "
+        return "invalid bucket name; use 3 to 255 letters, digits, "
                "'-', '.' and '_'";
     }
     const bool is_label =
         bucket.size() <= kMaxHostLabelLength &&
         std::none_of(bucket.begin(), bucket.end(), [](char c) { return IsUpper(c) || c == '_'; });
     if (is_virtual && !is_label) {
-        return "this bucket's name cannot be a part of a host name: use style=path";
+        return "this bucket name cannot be part of a host name; use style=path";
     }
     return {};
 }
@@ -70,7 +70,7 @@ std::string StyleFault(const BackupToken& token) {
     const std::string& host = token.host();
     const bool is_address = host.find(':') != std::string::npos ||
                             host.find_first_not_of("0123456789.") == std::string::npos;
-    if (is_address) return "style=virtual needs a host name, not an address";
+    if (is_address) return "style=virtual needs a host name, not an IP address";
     return {};
 }
 
@@ -86,13 +86,13 @@ std::string PartSizeFault(const std::string& text) {
 
 std::string ParamFault(const BackupToken& token) {
     if (IsPlain(token) && !token.Param("ca").empty()) {
-        return "s3+http has no TLS, and no use for parameter 'ca'";
+        return "s3+http does not use TLS and does not support parameter 'ca'";
     }
     if (!IsWord(token.Param("region"), "-_")) {
-        return "parameter 'region' is no region's name, as in us-east-1";
+        return "parameter 'region' must be the name of a region, such as us-east-1";
     }
     if (!IsWord(token.Param("storage_class"), "-_")) {
-        return "parameter 'storage_class' is no storage class, as in STANDARD_IA";
+        return "parameter 'storage_class' must be a storage class, such as STANDARD_IA";
     }
     return PartSizeFault(token.Param("part_size"));
 }

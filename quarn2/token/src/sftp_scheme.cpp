@@ -21,11 +21,11 @@ std::string RootFault(const BackupToken& token) {
     const std::string root = SftpRootOf(token);
     if (root == "/") return "the server's root directory cannot be a storage";
     if (root.empty() || path == "/~") {
-        return "the directory of the login cannot be a storage; name one below it, as in "
+        return "the login directory cannot be a storage; use a directory below it, as in "
                "sftp://user@host/~/backups";
     }
     if (root == ".." || str::StartsWith(root, "../")) {
-        return "a storage directory behind /~/ must lie below the directory of the login";
+        return "a storage directory after /~/ must be below the login directory";
     }
     return {};
 }
@@ -45,7 +45,7 @@ std::string Fault(const BackupToken& token) {
         return "an sftp storage needs a user, as in sftp://user@host/srv/backups";
     }
     if (!token.Param("ca").empty()) {
-        return "an sftp storage has no use for parameter 'ca'; host keys are checked with "
+        return "an sftp storage does not support parameter 'ca'; host keys are checked with "
                "'known_hosts'";
     }
     if (token.password().empty() && token.Param("key").empty()) {

@@ -54,8 +54,7 @@ bool IsWord(std::string_view text, std::string_view marks) {
 std::string Decode(std::string_view text, const std::string& what) {
     std::optional<std::string> decoded = PercentDecoded(text);
     if (!decoded) {
-        throw Fault{"storage token: bad percent-encoding in " + what +
-                    "; write a '%' itself as %25"};
+        throw Fault{"storage token: invalid percent-encoding in " + what + "; write '%' as %25"};
     }
     if (HasControl(*decoded)) throw Fault{"storage token: a control character in " + what};
     return std::move(*decoded);
@@ -117,8 +116,7 @@ class BackupToken::Parser {
                 "local:///srv/backups"};
         if (HasControl(text) || text.find(' ') != std::string_view::npos) {
             throw Fault{
-                "storage token: it has a blank, a line end or another control character; "
-                "write a blank as %20"};
+                "storage token: it contains a space or a control character; write a space as %20"};
         }
         if (text.find('#') != std::string_view::npos) {
             throw Fault{"storage token: write a '#' as %23"};
@@ -151,7 +149,7 @@ class BackupToken::Parser {
         const bool stray = text.find('@', authority_end) != std::string_view::npos;
         if (!authority.empty() && stray) {
             throw Fault{
-                "storage token: a '@' behind the host; write it as %40, and '/', '?' and ':' "
+                "storage token: a '@' after the host; write it as %40, and '/', '?' and ':' "
                 "in a user name or password as %2F, %3F and %3A"};
         }
     }
@@ -204,14 +202,14 @@ class BackupToken::Parser {
     // The error text does not quote the host, because it can be the first part of a password that
     // contains a "/".
     [[noreturn]] static void ThrowInvalidHost() {
-        throw Fault{"storage token: what stands in the host's place is no host name or address"};
+        throw Fault{"storage token: invalid host name or address"};
     }
 
     void ParsePort(std::string_view text) {
         const char* const end = text.data() + text.size();
         const auto result = std::from_chars(text.data(), end, token_.port_);
         if (result.ec != std::errc() || result.ptr != end || token_.port_ == 0) {
-            throw Fault{"storage token: the port is no number from 1 to 65535"};
+            throw Fault{"storage token: the port must be a number from 1 to 65535"};
         }
     }
 
@@ -245,8 +243,8 @@ class BackupToken::Parser {
         if (known.contains(name)) return name;
         if (after_secret_) {
             throw Fault{
-                "storage token: unknown parameter behind a secret one; "
-                "write a '&' in a value as %26"};
+                "storage token: unknown parameter after a secret parameter; "
+                "write '&' in a value as %26"};
         }
         const std::string quoted = has_value && IsWord(text, "_-") ? " '" + name + "'" : "";
         throw Fault{"storage token: unknown parameter" + quoted +

@@ -102,8 +102,8 @@ TEST(FtpMachineListing, RefusesWhatIsNone) {
         const auto [kind, text] =
             ErrorOf([line] { ParseMachineListing(std::string(line) + "\r\n"); });
         EXPECT_EQ(kind, Kind::kFailed) << line;
-        EXPECT_EQ(text,
-                  "a line of the server's listing is not understood: '" + std::string(line) + "'");
+        EXPECT_EQ(text, "cannot parse a line of the server's directory listing: '" +
+                            std::string(line) + "'");
     }
 }
 
@@ -111,7 +111,7 @@ TEST(FtpMachineListing, CutLineIsNoName) {
     const auto [kind, text] =
         ErrorOf([] { ParseMachineListing("type=file; whole\r\ntype=file; slice.1"); });
     EXPECT_EQ(kind, Kind::kUnavailable);
-    EXPECT_EQ(text, "the server's listing ends in the middle of a line");
+    EXPECT_EQ(text, "the server's directory listing is truncated");
 }
 
 TEST(FtpMachineListing, TypeOfOneFile) {
@@ -189,8 +189,8 @@ TEST(FtpListing, LosesNoLineInSilence) {
           "ls: cannot open directory '.': Permission denied"}) {
         const auto [kind, text] = ErrorOf([line] { ParseListing(std::string(line) + "\r\n"); });
         EXPECT_EQ(kind, Kind::kFailed) << line;
-        EXPECT_EQ(text,
-                  "a line of the server's listing is not understood: '" + std::string(line) + "'");
+        EXPECT_EQ(text, "cannot parse a line of the server's directory listing: '" +
+                            std::string(line) + "'");
     }
 }
 

@@ -157,7 +157,7 @@ TEST_P(HostileSuccess, OfADownloadOfOtherBytes) {
     });
     const auto storage = Open();
     EXPECT_THAT(ErrorOf([&] { storage->Download("file", target_); }),
-                HasSubstr("its checksum differs"));
+                HasSubstr("the checksum of the downloaded data differs"));
 }
 
 TEST_P(HostileSuccess, OfARangeThatWasNotAskedFor) {

@@ -209,7 +209,7 @@ TEST_F(LocalBackendOfOthers, LinksToDirectoriesAreNotFollowed) {
                 EXPECT_EQ(error.kind(), Kind::kFailed);
                 EXPECT_EQ(std::string(error.what()),
                           "'" + (root_ / link) +
-                              "' on the storage is a symbolic link that another user has made; "
+                              "' on the storage is a symbolic link that belongs to another user; "
                               "remove it");
             }
         }

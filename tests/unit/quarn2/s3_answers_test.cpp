@@ -202,7 +202,7 @@ TEST(S3Refusal, NamesTheRegionToSet) {
 
 TEST(S3Refusal, SaysThatTheClockIsOff) {
     EXPECT_EQ(Refused(403, "RequestTimeTooSkewed", "").Text(),
-              "RequestTimeTooSkewed (HTTP 403): this machine's clock is off; set it");
+              "RequestTimeTooSkewed (HTTP 403): the clock of this machine is wrong; set it");
 }
 
 // --- Listings ---

@@ -63,7 +63,7 @@ TEST_F(SftpLogin, WrongPasswordIsUnauthorizedAndNotShown) {
     parts.password = "a-wrong-one";
     const Outcome outcome = ListWith(parts);
     EXPECT_THAT(outcome.kind, Optional(Kind::kUnauthorized));
-    EXPECT_THAT(outcome.text, HasSubstr("refuses user"));
+    EXPECT_THAT(outcome.text, HasSubstr("refused the login of user"));
     EXPECT_THAT(outcome.text, Not(HasSubstr("a-wrong-one")));
 }
 
@@ -82,9 +82,10 @@ TEST_F(SftpLogin, SaysWhatIsWrongWithAKeyFile) {
     EXPECT_THAT(text_of(local_.path()), HasSubstr("is not a plain file"));
     EXPECT_THAT(text_of(KeyFile(GoodKey(), 0640)), HasSubstr("chmod 600"));
     EXPECT_THAT(text_of(KeyFile(GoodKey(), 0604)), HasSubstr("chmod 600"));
-    EXPECT_THAT(text_of(KeyFile("no key at all")), HasSubstr("holds no private key"));
-    EXPECT_THAT(text_of(KeyFile("")), HasSubstr("holds no private key"));
-    EXPECT_THAT(text_of(KeyFile(std::string(70000, 'x'))), HasSubstr("too long"));
+    EXPECT_THAT(text_of(KeyFile("no key at all")),
+                HasSubstr("does not contain a supported private key"));
+    EXPECT_THAT(text_of(KeyFile("")), HasSubstr("does not contain a supported private key"));
+    EXPECT_THAT(text_of(KeyFile(std::string(70000, 'x'))), HasSubstr("too large"));
     ASSERT_EQ(std::system(("ssh-keygen -q -t ed25519 -N secret -f " + (local_ / "locked")).c_str()),
               0);
     EXPECT_THAT(text_of(local_ / "locked"), HasSubstr("passphrase"));
@@ -109,7 +110,7 @@ TEST_F(SftpLogin, ChangedHostKeyIsUnauthorized) {
     parts.params["known_hosts"] = local_ / "hosts";
     const Outcome outcome = ListWith(parts);
     EXPECT_THAT(outcome.kind, Optional(Kind::kUnauthorized));
-    EXPECT_THAT(outcome.text, HasSubstr("is not the one in '" + (local_ / "hosts") + "'"));
+    EXPECT_THAT(outcome.text, HasSubstr("differs from the key in '" + (local_ / "hosts") + "'"));
 }
 
 TEST_F(SftpLogin, TakesAHashedHost) {

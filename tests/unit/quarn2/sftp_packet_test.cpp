@@ -134,7 +134,7 @@ TEST(SftpSession, RefusesAnAnswerThatNobodyAskedFor) {
     const Talk talk;
     talk.server->Say(Text(Request(Type::kStatus).U32(0).Finish(77)));
     EXPECT_THAT(TextOf([&] { talk.session->Wait(talk.Look("/root")); }),
-                HasSubstr("a reply that nobody asked for"));
+                HasSubstr("a reply without a request"));
     EXPECT_TRUE(talk.session->broken());
 }
 
@@ -153,7 +153,7 @@ TEST(SftpSession, RefusesAPacketThatIsTooLongOrEmpty) {
         const Talk talk;
         talk.server->Say(bytes);
         EXPECT_THAT(TextOf([&] { talk.session->Wait(talk.Look("/root")); }),
-                    HasSubstr("does not keep to the protocol"));
+                    HasSubstr("violated the protocol"));
         EXPECT_TRUE(talk.session->broken());
     }
 }
@@ -168,7 +168,7 @@ TEST(SftpSession, RefusesAnAnswerWithoutAnId) {
 TEST(SftpSession, RefusesAnAnswerOfAnotherKind) {
     const Talk talk;
     EXPECT_THAT(TextOf([&] { talk.session->WaitStatus(talk.Look("/root")); }),
-                HasSubstr("a reply of type 105"));
+                HasSubstr("an unexpected reply of type 105"));
 }
 
 TEST(SftpSession, IsBrokenWhenTheConnectionIs) {
@@ -182,7 +182,7 @@ TEST(SftpSession, IsBrokenWhenTheConnectionIs) {
 
 TEST(SftpSession, EscapesWhatTheServerSays) {
     EXPECT_EQ(quarn2::sftp::Describe({Code::kFailure, "x\x1b[2Jy"}),
-              "the server says 'x\\x1b[2Jy'");
+              "the server reported 'x\\x1b[2Jy'");
 }
 
 // A stream that contains the greeting that the test supplies.

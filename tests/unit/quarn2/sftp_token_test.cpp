@@ -60,15 +60,15 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"sftp://u:SECRET@h//", "the server's root directory"},
         Bad{"sftp://u:SECRET@h/srv/..", "the server's root directory"},
         Bad{"sftp://u:SECRET@h/../..", "the server's root directory"},
-        Bad{"sftp://u:SECRET@h/~", "the directory of the login"},
-        Bad{"sftp://u:SECRET@h/~/", "the directory of the login"},
-        Bad{"sftp://u:SECRET@h/~/a/..", "the directory of the login"},
-        Bad{"sftp://u:SECRET@h/~/../other", "below the directory of the login"},
-        Bad{"sftp://u:SECRET@h/~/a/../..", "below the directory of the login"},
+        Bad{"sftp://u:SECRET@h/~", "the login directory"},
+        Bad{"sftp://u:SECRET@h/~/", "the login directory"},
+        Bad{"sftp://u:SECRET@h/~/a/..", "the login directory"},
+        Bad{"sftp://u:SECRET@h/~/../other", "below the login directory"},
+        Bad{"sftp://u:SECRET@h/~/a/../..", "below the login directory"},
         Bad{"sftp://u:SECRET@h:0/srv", "the port"}, Bad{"sftp://u:SECRET@h:65536/srv", "the port"},
         Bad{"sftp://u:SECRET@h:ssh/srv", "the port"}, Bad{"sftp://u:SECRET@h:/srv", "the port"},
-        Bad{"sftp://u:SECRET@h h/srv", "a blank"}, Bad{"sftp://u:SEC/RET@h/srv", "behind the host"},
-        Bad{"sftp://u:SECRET@a@h/srv", "as %40"}, Bad{"sftp://u:SECRET@[::1/srv", "host's place"},
+        Bad{"sftp://u:SECRET@h h/srv", "a space"}, Bad{"sftp://u:SEC/RET@h/srv", "after the host"},
+        Bad{"sftp://u:SECRET@a@h/srv", "as %40"}, Bad{"sftp://u:SECRET@[::1/srv", "invalid host"},
         Bad{"sftp://u:SECRET@h/sr%2", "percent-encoding in the path"},
         Bad{"sftp://u:SECRET@h/sr%0a", "a control character in the path"}));
 
@@ -83,7 +83,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 INSTANTIATE_TEST_SUITE_P(
     Parameters, BadSftpToken,
-    testing::Values(Bad{"sftp://u:SECRET@h/srv?ca=/ca.pem", "no use for parameter 'ca'"},
+    testing::Values(Bad{"sftp://u:SECRET@h/srv?ca=/ca.pem", "does not support parameter 'ca'"},
                     Bad{"sftp://u:SECRET@h/srv?timeout=0", "'timeout' must be from 1 to 86400"},
                     Bad{"sftp://u:SECRET@h/srv?timeout=86401", "'timeout' must be from 1 to 86400"},
                     Bad{"sftp://u:SECRET@h/srv?timeout=999999999999999999",
@@ -94,6 +94,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Bad{"sftp://u:SECRET@h/srv?region=x", "unknown parameter 'region'"},
                     Bad{"sftp://u:SECRET@h/srv?password=SECRET", "unknown parameter 'password'"},
                     Bad{"sftp://u:SECRET@h/srv?arch_password=a&b=SECRET",
-                        "unknown parameter behind a secret one"}));
+                        "unknown parameter after a secret parameter"}));
 
 }  // namespace

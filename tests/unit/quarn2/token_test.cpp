@@ -147,16 +147,16 @@ struct Bad {
 };
 
 const char kBlank[] =
-    "storage token: it has a blank, a line end or another control character; write a blank as %20";
+    "storage token: it contains a space or a control character; write a space as %20";
 const char kNoHost[] =
-    "storage token: a local storage has no host; an absolute directory is written with three "
-    "slashes, local:///srv/backups, one below the install root without any, "
-    "local:var/backup/storage";
+    "storage token: a local storage has no host; write an absolute directory with three "
+    "slashes, local:///srv/backups, and a directory below the install root without a leading "
+    "slash, local:var/backup/storage";
 const char kStray[] =
-    "storage token: a '@' behind the host; write it as %40, and '/', '?' and ':' in a user name or "
+    "storage token: a '@' after the host; write it as %40, and '/', '?' and ':' in a user name or "
     "password as %2F, %3F and %3A";
-const char kPort[] = "storage token: the port is no number from 1 to 65535";
-const char kHost[] = "storage token: what stands in the host's place is no host name or address";
+const char kPort[] = "storage token: the port must be a number from 1 to 65535";
+const char kHost[] = "storage token: invalid host name or address";
 const char kNoScheme[] =
     "storage token: it does not begin with a scheme, as in local:///srv/backups";
 const char kNoDirectory[] =
@@ -168,7 +168,7 @@ std::string Unknown(const std::string& quoted) {
 }
 
 std::string Encoding(const std::string& what) {
-    return "storage token: bad percent-encoding in " + what + "; write a '%' itself as %25";
+    return "storage token: invalid percent-encoding in " + what + "; write '%' as %25";
 }
 
 std::string Control(const std::string& what) {
@@ -252,9 +252,11 @@ INSTANTIATE_TEST_SUITE_P(
             "storage token: unknown parameter; known: arch_password, ca, key, limit_rate, "
             "parallel, region, timeout"},
         Bad{"net://h/x?key=SEC&SECRET",
-            "storage token: unknown parameter behind a secret one; write a '&' in a value as %26"},
+            "storage token: unknown parameter after a secret parameter; write '&' in a value as "
+            "%26"},
         Bad{"net://h/x?arch_password=SEC&SECRET=1",
-            "storage token: unknown parameter behind a secret one; write a '&' in a value as %26"},
+            "storage token: unknown parameter after a secret parameter; write '&' in a value as "
+            "%26"},
         Bad{"net://h/x?key=SECRET&key=SECRET", "storage token: repeated parameter 'key'"},
         Bad{"net://h/x?region=a&region=a", "storage token: repeated parameter 'region'"},
         Bad{"net://h/x?key", "storage token: parameter 'key' has no value"},
@@ -285,12 +287,12 @@ INSTANTIATE_TEST_SUITE_P(
         Bad{"local:///", "storage token: the root directory cannot be a storage"},
         Bad{"local:////..//", "storage token: the root directory cannot be a storage"},
         Bad{"local:../x",
-            "storage token: a relative storage directory must lie below the install root"},
+            "storage token: a relative storage directory must be below the install root"},
         Bad{"local:///a%0Ab", Control("the path")}, Bad{"local:///a%00b", Control("the path")},
         Bad{"local:///a%", Encoding("the path")}, Bad{"local:///a%2", Encoding("the path")},
-        Bad{"local:///x?ca=/y", "storage token: a local storage has no use for parameter 'ca'"},
+        Bad{"local:///x?ca=/y", "storage token: a local storage does not support parameter 'ca'"},
         Bad{"local:///x?timeout=5",
-            "storage token: a local storage has no use for parameter 'timeout'"},
+            "storage token: a local storage does not support parameter 'timeout'"},
         Bad{"local:///x?region=eu",
             "storage token: unknown parameter 'region'; known: arch_password, ca, limit_rate, "
             "parallel, timeout"}));

@@ -77,8 +77,8 @@ class CurlHandle {
         Check(Curl().easy_setopt(handle_, option, function), "set up a transfer");
     }
 
-    // Registers a set in which the handle records the open sockets of the connections that its
-    // transfers open. The set must outlive the connections.
+    // Registers a set in which the handle records the sockets of its open connections. The set must
+    // outlive the connections.
     void TellSockets(std::set<curl_socket_t>& sockets);
 
     long Info(CURLINFO info) const;

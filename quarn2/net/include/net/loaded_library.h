@@ -1,8 +1,8 @@
 // A shared library that is loaded when it is first needed.
 //
-// The libraries of the network storages depend on dozens of others. Loading these libraries takes
-// longer than a complete short command of a backup job, and a node client with a local storage does
-// not need them. The program is therefore not linked with these libraries.
+// The libraries of the network storages depend on dozens of other libraries. Loading these
+// libraries takes longer than a complete short command of a backup job, and a node client with a
+// local storage does not need them. The program is therefore not linked with these libraries.
 #pragma once
 
 #include <string>

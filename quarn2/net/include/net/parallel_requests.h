@@ -9,10 +9,10 @@
 
 namespace quarn2::net {
 
-// Sends requests in parallel. After the failure of a request it starts no other one, but waits for
-// the running requests, because the server may execute them in any case. The destructor cancels the
-// requests that still run. While the object exists, the only other requests of the client are those
-// of HttpClient::Do.
+// Sends requests in parallel. After a request has failed, starts no further requests, but waits for
+// the running requests, because the server may execute them anyway. The destructor cancels the
+// requests that are still running. While the object exists, other code may use the client only with
+// HttpClient::Do.
 class ParallelRequests {
   public:
     // Checks the result of a request. Throws if the request has failed.
