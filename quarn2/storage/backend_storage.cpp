@@ -93,7 +93,7 @@ class FileSource final : public ByteSource {
     }
 
     [[noreturn]] void ThrowChanged() const {
-        throw Error(Kind::kFailed, Quoted(path_) + " changed its length while it was uploaded");
+        throw Error(Kind::kFailed, Quoted(path_) + " changed its size while it was uploaded");
     }
 
     std::string path_;
@@ -131,10 +131,11 @@ class FileSink final : public ByteSink {
         if (count < 0) throw kro_err::FromErrno("Failed to read " + Quoted(path_));
         if (static_cast<std::size_t>(count) < first.size()) return;
         if (IsEncrypted(first)) {
-            throw Error(Kind::kUnauthorized,
-                        "the file is encrypted and the storage token has no arch_password: add the "
-                        "password that it was stored with; " +
-                            Quoted(path_) + " was not written");
+            throw Error(
+                Kind::kUnauthorized,
+                "the file is encrypted, but the storage token has no arch_password; add the "
+                "password that the file was encrypted with; " +
+                    Quoted(path_) + " was not written");
         }
         refuse_encrypted_ = false;
     }
@@ -340,7 +341,8 @@ void BackendStorage::RemoveInBatches(const NextName& next, const RemovalDone& do
         StorageBackend::Errors errors(names.size(), outage.ErrorOfRest());
         if (!outage.is_certain()) {
             errors = RemoveBatch(names);
-            // One failed request makes all names of the batch fail.
+            // If the server does not respond, all names of the batch fail. Such a batch counts as
+            // one failed operation.
             const bool any_good = std::any_of(errors.begin(), errors.end(), HasAnswered);
             outage.Count(any_good ? FileError() : errors.front(), 1);
         }

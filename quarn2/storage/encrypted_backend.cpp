@@ -21,7 +21,7 @@ using kro_err::Kind;
 
 [[noreturn]] void ThrowCorrupt() {
     throw Error(Kind::kFailed,
-                "the encrypted file is damaged: it was changed, cut off or put together wrongly");
+                "the encrypted file is damaged: its content was changed, truncated or reordered");
 }
 
 bool StaysPlain(const std::string& name) { return str::EndsWith(name, ".info"); }
@@ -187,7 +187,7 @@ class DecryptingSink final : public ByteSink {
     }
 
     // Decrypts complete chunks directly from `bytes` and returns the remaining bytes. Does not
-    // decrypt a chunk that can be the last one, because only Finish knows the end of the file.
+    // decrypt a chunk that can be the last one. Finish decrypts the last chunk.
     Bytes OpenWholeChunks(Bytes bytes) {
         while (cipher_ && held_.empty() && bytes.size() > Wanted()) {
             OpenChunk(bytes.first(Wanted()), false);

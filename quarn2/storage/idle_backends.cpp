@@ -21,7 +21,7 @@ using Clock = kro_date::SteadyClock;
 // closed.
 constexpr std::size_t kMaxIdle = 5;
 // The time after which an idle backend is closed. Servers limit the number of connections and close
-// idle ones themselves.
+// idle connections themselves.
 constexpr std::chrono::seconds kMaxIdleTime(30);
 
 class IdleBackends {

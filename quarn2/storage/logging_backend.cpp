@@ -82,7 +82,7 @@ class LoggedBackend final : public StorageBackend {
         bool stored = false;
         Operation("Put " + Quoted(name) + ", " + Bytes(source.size())).Run([&] {
             stored = backend_->Put(name, source);
-            return stored ? "stored" : "no room";
+            return stored ? "stored" : "storage full";
         });
         return stored;
     }
@@ -98,7 +98,7 @@ class LoggedBackend final : public StorageBackend {
     void Remove(const std::string& name) override {
         Operation("Remove " + Quoted(name)).Run([&] {
             backend_->Remove(name);
-            return "gone";
+            return "done";
         });
     }
 
@@ -117,16 +117,16 @@ class LoggedBackend final : public StorageBackend {
     void RemoveDir(const std::string& name) override {
         Operation("Remove directory " + Quoted(name)).Run([&] {
             backend_->RemoveDir(name);
-            return "gone";
+            return "done";
         });
     }
 
     void SyncRemovals(const std::string& name) override { backend_->SyncRemovals(name); }
 
     void MakeDir(const std::string& name) override {
-        Operation("Make directory " + Quoted(name)).Run([&] {
+        Operation("Create directory " + Quoted(name)).Run([&] {
             backend_->MakeDir(name);
-            return "there";
+            return "done";
         });
     }
 
@@ -160,7 +160,7 @@ class LoggedBackend final : public StorageBackend {
     void Clear() override {
         Operation("Clear").Run([&] {
             backend_->Clear();
-            return "empty";
+            return "done";
         });
     }
 
@@ -173,13 +173,13 @@ class LoggedBackend final : public StorageBackend {
         return str::Str(count) + (count == 1 ? " name" : " names");
     }
 
-    // Returns the number of errors and the text of the first one.
+    // Returns the number of errors and the text of the first error.
     static std::string ResultOf(const Errors& errors) {
         const auto is_error = [](const std::optional<kro_err::Error>& error) {
             return error.has_value();
         };
         const auto first = std::find_if(errors.begin(), errors.end(), is_error);
-        if (first == errors.end()) return "gone";
+        if (first == errors.end()) return "done";
         const auto count = std::count_if(first, errors.end(), is_error);
         return str::Str(count) + " failed, first: " + (*first)->what();
     }

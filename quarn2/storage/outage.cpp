@@ -11,10 +11,10 @@ void Outage::Count(const FileError& result, std::size_t at_once) {
         return;
     }
     if (++in_row_ < at_once + kMoreThanAtOnce || rest_) return;
-    rest_ = kro_err::Error(kro_err::Kind::kUnavailable,
-                           std::string("not attempted after several failures in a row; the last "
-                                       "one: ") +
-                               result->what());
+    rest_ =
+        kro_err::Error(kro_err::Kind::kUnavailable,
+                       std::string("not attempted after several failures in a row; last error: ") +
+                           result->what());
 }
 
 }  // namespace quarn2

@@ -11,8 +11,8 @@ namespace quarn2 {
 class Outage {
   public:
     // Counts the result of one operation. `at_once` is the number of operations that run at the
-    // same time. One lost connection can make all of these fail, so `at_once` failures in a row do
-    // not yet count as an outage.
+    // same time. A short network failure can make all of these operations fail, so an outage is
+    // `at_once` + 2 failures in a row.
     void Count(const FileError& result, std::size_t at_once);
 
     // Returns true when so many operations in a row have failed that the remaining names must not

@@ -90,8 +90,8 @@ class Encrypted(GetTest):
         server.end()
         place = os.path.join(root.base, "back")
         refused = root.run("--get", f"{place}//{name}", env={"BACKUP_TOKEN": plain})
-        self.assert_error(refused, "the file is encrypted and the storage token has no "
-                                   "arch_password: add the password that it was stored with; "
+        self.assert_error(refused, "the file is encrypted, but the storage token has no "
+                                   "arch_password; add the password that the file was encrypted with; "
                                    f"'{place}/{name}' was not written")
         self.assertEqual([], tree(place))
         self.assert_success(root.run("--get", f"{place}//{name}"))
@@ -108,7 +108,7 @@ class BadInput(GetTest):
 
     def test_an_unusable_info_file(self):
         for what, text, words in (("empty", b"", "names no last slice"),
-                                  ("binary", b"\0\xff\n" * 99, "is no info file"),
+                                  ("binary", b"\0\xff\n" * 99, "is not an info file"),
                                   ("without last-slice", b"type=full", "names no last slice"),
                                   ("last-slice empty", b"last-slice=\ntype=full",
                                    "names no last slice")):

@@ -40,7 +40,7 @@ class Findings(ReportTest):
         self.assertEqual(3, err.count("quarn2_report: finding: "), err)
         self.assertIn(f"ledger entry 'var/quarn2_cp.ledger/F{DATE}.web4': the text is not that of an entry", err)
         self.assertIn(f"info file 'var/backup/tovarn/{DATE}.web2.info': 'many' is not a whole decimal number", err)
-        self.assertIn(f"{DATE}.web3.info' is no info file: it has a NUL byte", err)
+        self.assertIn(f"{DATE}.web3.info' is not an info file: it contains a NUL byte", err)
         self.assertIn(DATE, out)
         self.assertEqual(2, self.status("--date", DATE, status=3)["backups"]["full"] +
                          self.status("--date", DATE, status=3)["backups"]["daily"])

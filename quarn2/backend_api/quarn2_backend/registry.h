@@ -1,4 +1,4 @@
-// The storages that the program can open.
+// The registry of the schemes whose storages the program can open.
 #pragma once
 
 #include <string>

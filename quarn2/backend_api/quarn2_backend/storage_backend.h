@@ -45,7 +45,7 @@ class ByteSource {
     virtual int Descriptor() const { return -1; }
 
     // A backend that reads through Descriptor() calls this with the number of bytes read since its
-    // previous call, so that the progress is known.
+    // previous call, so that the library can report the progress.
     virtual void Advance(std::int64_t /*bytes*/) {}
 
     // The backend calls this after it has read the complete source and before it makes the stored
@@ -72,7 +72,7 @@ class ByteSink {
     virtual int Descriptor() const { return -1; }
 
     // A backend that writes through Descriptor() calls this with the number of bytes written since
-    // its previous call, so that the progress is known.
+    // its previous call, so that the library can report the progress.
     virtual void Advance(std::int64_t /*bytes*/) {}
 };
 
@@ -101,12 +101,13 @@ class StorageBackend {
     // file does not exist. Throws kFailed when `name` is a directory.
     virtual void Remove(const std::string& name) = 0;
 
-    // The errors of an operation on several names, in their order; nothing for a success.
+    // The results of an operation on several names, in the order of the names: an error, or nullopt
+    // after success.
     using Errors = std::vector<std::optional<kro_err::Error>>;
 
-    // Removes the files with these names, each with the promises of Remove, and returns an error or
-    // nothing for each name. The default calls Remove for each name. A backend overrides this
-    // function and RemovalBatch when its protocol removes several files with one request.
+    // Removes the files with these names, each with the guarantees of Remove. The default calls
+    // Remove for each name. A backend overrides this function and RemovalBatch when its protocol
+    // removes several files with one request.
     virtual Errors RemoveMany(std::span<const std::string> names);
 
     // Returns the maximum number of names for one call of RemoveMany. The library calls Remove for
@@ -175,7 +176,8 @@ inline std::vector<std::string> NamesOf(std::vector<ListedEntry> entries) {
     return names;
 }
 
-// One URL scheme of storage tokens and the storages behind it, as registered with RegisterScheme.
+// A URL scheme of storage tokens and the function that opens its storages. RegisterScheme registers
+// it.
 struct BackendScheme : TokenScheme {
     // Returns a new backend for the storage of the token. The backend may delay the connection
     // until its first operation.

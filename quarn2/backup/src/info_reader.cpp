@@ -14,8 +14,8 @@ namespace quarn2 {
 
 namespace {
 
-// The maximum size of an info file. Info files have a few hundred bytes. The limit prevents that
-// the reader loads a misnamed archive into memory.
+// The maximum size of an info file. Info files have a few hundred bytes. The limit prevents the
+// reader from loading a misnamed archive into memory.
 constexpr std::size_t kMaxInfoBytes = 1024UL * 1024;
 // The initial size of the read buffer. Nearly every info file fits, so two read calls suffice: the
 // first returns the content, the second detects the end of the file.
@@ -77,7 +77,7 @@ void InfoReader::Read(const std::string& path) {
     std::string_view text = std::string_view(text_).substr(0, size_);
     if (text.find('\0') != std::string_view::npos) {
         throw kro_err::Error(kro_err::Kind::kFailed,
-                             Quoted(path) + " is no info file: it has a NUL byte");
+                             Quoted(path) + " is not an info file: it contains a NUL byte");
     }
     while (!text.empty()) {
         const std::size_t end = std::min(text.find('\n'), text.size());

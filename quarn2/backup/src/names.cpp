@@ -109,7 +109,7 @@ Backup BackupOf(const std::string& path) {
 void CheckSafe(const std::string& name) {
     if (IsSafeName(name)) return;
     throw kro_err::Error(kro_err::Kind::kFailed,
-                         Quoted(name) + " cannot be the name of a local directory");
+                         Quoted(name) + " is not a valid name for a local directory");
 }
 
 bool ListsIndex(const std::string& list, const std::string& index) {
@@ -120,8 +120,8 @@ bool ListsIndex(const std::string& list, const std::string& index) {
 }
 
 void AppendLine(const std::string& path, const std::string& line) {
-    // Refuse a link or a named pipe, because another user may be able to write to the directory and
-    // could create one at this path.
+    // Refuse a link or a named pipe, because another user who can write to the directory could
+    // create a link or a pipe at this path.
     constexpr int kFlags =
         O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY;
     const ResHandle handle(open(path.c_str(), kFlags, 0640));
@@ -190,7 +190,7 @@ std::string GetStoredName(const std::string& local) {
     CheckStoredName(stored);
     // Refuse a space, because the program sends the name as a field of a space-separated line.
     if (stored.find(' ') != std::string::npos)
-        ThrowInvalidStoredName(stored, "it has a space; rename the file");
+        ThrowInvalidStoredName(stored, "it contains a space; rename the file");
     return stored;
 }
 
@@ -218,8 +218,9 @@ std::string MkLocalDir(const std::string& root, const std::string& user, const s
     std::string directory = kro_file::ConcatPath(above, date);
     for (const std::string& path : {above, directory}) {
         if (kro_file::IsForeignLink(path)) {
-            throw kro_err::Error(kro_err::Kind::kFailed,
-                                 Quoted(path) + " is a symbolic link of another user; remove it");
+            throw kro_err::Error(
+                kro_err::Kind::kFailed,
+                Quoted(path) + " is a symbolic link that belongs to another user; remove it");
         }
     }
     kro_file::MkDir(directory);

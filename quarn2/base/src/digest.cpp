@@ -15,7 +15,7 @@ namespace {
 
 void Check(bool good) {
     if (good) return;
-    throw kro_err::Error(kro_err::Kind::kFailed, "the cryptographic library refuses to hash");
+    throw kro_err::Error(kro_err::Kind::kFailed, "the cryptographic library cannot compute a hash");
 }
 
 std::string HashOf(Digest::Algorithm algorithm, std::string_view text) {

@@ -16,13 +16,13 @@ namespace {
 constexpr std::size_t kQuotedLimit = 300;
 
 void CheckComponent(std::string_view name, std::string_view component) {
-    if (component.empty()) ThrowInvalidStoredName(name, "a component is empty");
+    if (component.empty()) ThrowInvalidStoredName(name, "it has an empty component");
     if (component == "." || component == "..")
-        ThrowInvalidStoredName(name, "'.' and '..' are not followed");
+        ThrowInvalidStoredName(name, "it has a '.' or '..' component");
     // Refuse a file with a temporary name: listings would omit the file, and a later cleanup would
     // remove it.
     if (kro_file::IsTemporaryName(component))
-        ThrowInvalidStoredName(name, "the form of temporary names is reserved");
+        ThrowInvalidStoredName(name, "it has the reserved form of a temporary name");
     // The upload first writes a file with a temporary name, which is longer than the final name and
     // must not exceed NAME_MAX either.
     if (kro_file::TemporaryName(component).size() > NAME_MAX)
@@ -63,13 +63,14 @@ std::string Quoted(std::string_view name) {
 }
 
 void ThrowInvalidStoredName(std::string_view name, std::string_view reason) {
-    throw kro_err::Error(kro_err::Kind::kFailed,
-                         "bad name on a storage " + Quoted(name) + ": " + std::string(reason));
+    throw kro_err::Error(
+        kro_err::Kind::kFailed,
+        "name " + Quoted(name) + " is not allowed on a storage: " + std::string(reason));
 }
 
 void CheckStoredName(const std::string& name) {
     if (name.empty()) ThrowInvalidStoredName(name, "it is empty");
-    if (HasControl(name)) ThrowInvalidStoredName(name, "it has a control character");
+    if (HasControl(name)) ThrowInvalidStoredName(name, "it contains a control character");
     std::string_view rest = name;
     for (;;) {
         const std::size_t slash = rest.find('/');

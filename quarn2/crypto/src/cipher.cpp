@@ -22,7 +22,8 @@ constexpr std::size_t kNonceSize = 12;
 
 void Check(bool good, const char* what) {
     if (good) return;
-    throw kro_err::Error(kro_err::Kind::kFailed, std::string("cryptography failed: ") + what);
+    throw kro_err::Error(kro_err::Kind::kFailed,
+                         std::string("cryptographic operation failed: ") + what);
 }
 
 const unsigned char* In(Bytes bytes) {
@@ -122,7 +123,8 @@ ChunkCipher::ChunkCipher(const Key& key, Use use) : context_(std::make_unique<Co
 ChunkCipher::~ChunkCipher() = default;
 
 void ChunkCipher::Seal(std::uint64_t number, bool last, Bytes plain, std::span<std::byte> sealed) {
-    Check(sealed.size() >= plain.size() + kTagSize, "no room for a sealed chunk");
+    Check(sealed.size() >= plain.size() + kTagSize,
+          "the buffer is too small for an encrypted chunk");
     EVP_CIPHER_CTX* const state = context_->state;
     const auto nonce = Nonce(number, last);
     int written = 0;
@@ -132,14 +134,14 @@ void ChunkCipher::Seal(std::uint64_t number, bool last, Bytes plain, std::span<s
             EVP_EncryptFinal_ex(state, Out(sealed) + written, &written) == 1 &&
             EVP_CIPHER_CTX_ctrl(state, EVP_CTRL_GCM_GET_TAG, Length(kTagSize),
                                 Out(sealed) + plain.size()) == 1,
-        "sealing a chunk");
+        "encrypting a chunk");
 }
 
 bool ChunkCipher::Open(std::uint64_t number, bool last, Bytes sealed, std::span<std::byte> plain) {
     if (sealed.size() < kTagSize) return false;
     EVP_CIPHER_CTX* const state = context_->state;
     const std::size_t size = sealed.size() - kTagSize;
-    Check(plain.size() >= size, "no room for an opened chunk");
+    Check(plain.size() >= size, "the buffer is too small for a decrypted chunk");
     const auto nonce = Nonce(number, last);
     std::array<unsigned char, kTagSize> tag{};
     std::copy_n(In(sealed) + size, kTagSize, tag.begin());
@@ -147,7 +149,7 @@ bool ChunkCipher::Open(std::uint64_t number, bool last, Bytes sealed, std::span<
     Check(EVP_DecryptInit_ex(state, nullptr, nullptr, nullptr, nonce.data()) == 1 &&
               EVP_CIPHER_CTX_ctrl(state, EVP_CTRL_GCM_SET_TAG, Length(kTagSize), tag.data()) == 1 &&
               EVP_DecryptUpdate(state, Out(plain), &written, In(sealed), Length(size)) == 1,
-          "opening a chunk");
+          "decrypting a chunk");
     return EVP_DecryptFinal_ex(state, Out(plain) + written, &written) == 1;
 }
 

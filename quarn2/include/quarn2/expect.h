@@ -43,8 +43,8 @@ class Expect {
     // Runs the workers for at most `timeout_ms` milliseconds (-1: no limit) and returns early on
     // erFinish. When all workers are suspended or removed, Run(-1) returns at once, because it
     // would otherwise wait forever. Run with a limit still waits for the full time, so that a
-    // program that calls Run in a loop does not spin. Returns false when the time is over, true
-    // otherwise.
+    // program that calls Run in a loop does not spin. Returns false when the time limit has
+    // expired, true otherwise.
     bool Run(int timeout_ms);
 
   private:

@@ -23,7 +23,7 @@ std::string GetInfoFile(const std::string& directory, const std::string& user,
 // Replaces `list` with the sorted paths of the info files in `directory`, in its DATE and in its
 // USER/DATE directories. USER may be a symbolic link to a directory, unless another user made the
 // link. With `deep`, searches all directories below `directory`, but follows no links. `user` and
-// `date` filter the list when they are not empty. A missing directory gives an empty list.
+// `date` filter the list when they are not empty. If `directory` is missing, `list` is empty.
 void GetInfoFiles(std::list<std::string>& list, const std::string& directory, bool deep,
                   const std::string& user, const std::string& date);
 

@@ -17,8 +17,9 @@ namespace quarn2 {
 std::string StripSliceNumber(const std::string& path);
 
 // Returns the extension of a backup's archive files. `info` contains the entries of the backup's
-// info file; the extension is that of its "last-slice" value, without ".partN". Returns ".tgz" for
-// numbered slices (".N.dar"), and when the value is missing or has an unknown extension.
+// info file. The function parses the value of "last-slice" and ignores a ".partN" at its end.
+// Returns ".tgz" for numbered slices (".N.dar"), and when the value is missing or has an unknown
+// extension.
 std::string GetExtByInfo(const std::map<std::string, std::string>& info);
 
 // GetDate returns the date ("custom" for a custom backup) and GetUserName the user in the name of

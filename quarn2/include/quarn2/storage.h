@@ -29,13 +29,13 @@ class BackupToken;
 class TransferObserver {
   public:
     virtual ~TransferObserver() = default;
-    // The storage calls this when a transfer of `size` bytes begins (-1: size not known).
+    // The storage calls this when a transfer of `size` bytes begins (-1: unknown size).
     virtual void Begin(std::int64_t size) = 0;
     // The storage calls this when it has transferred another `bytes` bytes.
     virtual void Advance(std::int64_t bytes) = 0;
 };
 
-// The result for one name of an operation on many names: the error, or nothing after success.
+// The result for one name of an operation on many names: the error, or nullopt after success.
 using FileError = std::optional<kro_err::Error>;
 
 // A file to download: its name on the storage and its local path.
@@ -110,16 +110,18 @@ class Storage {
     // all threads have ended. The memory does not grow with the length of the list.
     //
     // The storage requests the list with `next`, which returns nothing when there is no further
-    // name at the moment. The storage then calls `next` again after each `done`, so `done` can
-    // extend the list. The list ends when `next` returns nothing and no operation is running. The
-    // storage calls `done` once for each name, in any order, with its result. It calls `next`,
-    // `done` and the observer on the thread of the caller; none of them may call functions of this
-    // object. An exception of one of them cancels the running operations. The function then throws
-    // the exception when these have ended.
+    // name at the moment. The storage calls `next` again after it has reported more results with
+    // `done`, so `done` can extend the list. The list ends when `next` returns nothing and no
+    // operation is running. The storage calls `done` once for each name, in any order, with its
+    // result. It calls `next`, `done` and the observer on the thread of the caller; none of them
+    // may call functions of this object. If one of them throws, the storage cancels the running
+    // operations. The function rethrows the exception when these operations have ended.
     //
-    // If operations fail with kUnavailable three times in a row (with several requests at the same
-    // time, two more times than there are requests), the storage attempts no other name: `done`
-    // receives a kUnavailable error for each remaining name of the list.
+    // If R + 2 operations in a row fail with kUnavailable, where R is the number of operations that
+    // run at the same time, the storage attempts no other name: `done` receives a kUnavailable
+    // error for each remaining name. If the storage can remove several files with one request,
+    // RemoveMany processes the names in batches, one batch after the other. A batch then counts as
+    // one operation, and it counts as failed only if all of its names fail with kUnavailable.
     //
     // The other settings of the storage apply as usual. `limit_rate` limits all downloads of a call
     // together. An exception other than kro_err::Error ends the call.

@@ -160,7 +160,7 @@ TEST_F(Depends, AnInfoFileWithoutANameIsRefused) {
 TEST_F(Depends, ADependantThatCannotBeReadStopsTheDeletion) {
     Trap("root/2026-11-17.web1.info");
     EXPECT_EQ(TextOf<kro_err::Error>([&] { Run(kFull, true); }),
-              "'root/2026-11-17.web1.info' is no info file: it has a NUL byte");
+              "'root/2026-11-17.web1.info' is not an info file: it contains a NUL byte");
     EXPECT_EQ(store_->log(), Lines());
 }
 

@@ -109,7 +109,7 @@ TEST_F(GetCommand, ALocalDirectoryThatCannotBeMadeIsAnError) {
 
 TEST_F(GetCommand, APlaceAboveTheStorageIsRefused) {
     EXPECT_EQ(Failure<kro_err::Error>({"r//../x.tgz"}),
-              "bad name on a storage '../x.tgz': '.' and '..' are not followed");
+              "name '../x.tgz' is not allowed on a storage: it has a '.' or '..' component");
     EXPECT_EQ(store_->log(), (Lines{"List"}));
 }
 
@@ -230,7 +230,7 @@ TEST_F(GetCommand, AnInfoFileWithoutALastSliceIsAnErrorAndLosesNothing) {
         {std::string("\x7f"
                      "ELF\0\0\1",
                      7),
-         "'" + info + "' is no info file: it has a NUL byte"}};
+         "'" + info + "' is not an info file: it contains a NUL byte"}};
     for (const auto& [content, text] : cases) {
         Place(info, content);
         Place("r/before", "the slice before");

@@ -171,8 +171,8 @@ TEST_F(InfoDownload, ABinaryInfoFileIsLoggedAndStays) {
     Store(std::string("a\0b", 3), ".tgz");
     Download();
     EXPECT_EQ(Log(4),
-              (Lines{"4: Cant download file: ''info/2026-11-20.web1.info' is no info file: it "
-                     "has a NUL byte'"}));
+              (Lines{"4: Cant download file: ''info/2026-11-20.web1.info' is not an info file: it "
+                     "contains a NUL byte'"}));
     EXPECT_EQ(Below("info"), (Lines{kInfo}));
 }
 
@@ -192,14 +192,16 @@ TEST_F(InfoDownload, ANameOutsideTheDirectoryIsRefused) {
     for (const char* const name : {"../x.info", "/x.info", "a//x.info", "bad\nname.info"}) {
         Download(name);
     }
-    EXPECT_EQ(
-        Log(4),
-        (Lines{"4: Cant download file: 'bad name on a storage '../x.info': '.' and '..' are not "
-               "followed'",
-               "4: Cant download file: 'bad name on a storage '/x.info': a component is empty'",
-               "4: Cant download file: 'bad name on a storage 'a//x.info': a component is empty'",
-               "4: Cant download file: 'bad name on a storage 'bad\\x0aname.info': it has a "
-               "control character'"}));
+    EXPECT_EQ(Log(4), (Lines{"4: Cant download file: 'name '../x.info' is not allowed on a "
+                             "storage: it has a '.' or '..' "
+                             "component'",
+                             "4: Cant download file: 'name '/x.info' is not allowed on a storage: "
+                             "it has an empty component'",
+                             "4: Cant download file: 'name 'a//x.info' is not allowed on a "
+                             "storage: it has an empty component'",
+                             "4: Cant download file: 'name 'bad\\x0aname.info' is not allowed on a "
+                             "storage: it contains a "
+                             "control character'"}));
     EXPECT_EQ(Below("info"), (Lines{}));
     EXPECT_EQ(store_->log(), (Lines{}));
 }

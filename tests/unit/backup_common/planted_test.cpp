@@ -92,8 +92,9 @@ TEST_F(PlantedForRoles, RescanNeitherRemovesNorWritesWhereALinkLeads) {
 
 TEST_F(PlantedForRoles, LocalDirectoryOfABackupIsNoLinkOfOthers) {
     Link(InfoRoot("web1"));
-    EXPECT_EQ(TextOf<kro_err::Error>([] { quarn2::MkLocalDir(kRoot, "web1", "2026-11-15"); }),
-              "'" + InfoRoot("web1") + "' is a symbolic link of another user; remove it");
+    EXPECT_EQ(
+        TextOf<kro_err::Error>([] { quarn2::MkLocalDir(kRoot, "web1", "2026-11-15"); }),
+        "'" + InfoRoot("web1") + "' is a symbolic link that belongs to another user; remove it");
 }
 
 TEST_F(PlantedForRoles, TheLedgerIsOurOwnDirectoryAlone) {

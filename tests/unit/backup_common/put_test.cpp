@@ -275,8 +275,9 @@ TEST_F(Put, TheLedgerHasTheInfoFileBeforeItMaySayFinished) {
 }
 
 TEST_F(Put, ANameThatCouldBeTakenForAnotherFilesIsRefusedBeforeAnythingIsSent) {
-    EXPECT_EQ(TextOf<kro_err::Error>([] { CommandPut(Arguments({"b/a.tgz DELETE"})); }),
-              "bad name on a storage 'a.tgz DELETE': it has a space; rename the file");
+    EXPECT_EQ(
+        TextOf<kro_err::Error>([] { CommandPut(Arguments({"b/a.tgz DELETE"})); }),
+        "name 'a.tgz DELETE' is not allowed on a storage: it contains a space; rename the file");
 }
 
 }  // namespace

@@ -160,7 +160,8 @@ TEST_F(Protocol, ReserveWhoseEvictionFailsAnswersWithTheReason) {
     storage_.free_size = 0;
     Place("2026-11-01.web1.info", std::string("size\0=1", 7));
     EXPECT_EQ(Ask("RESERVE 10"),
-              "ERR '" + root_.path() + "/2026-11-01.web1.info' is no info file: it has a NUL byte");
+              "ERR '" + root_.path() +
+                  "/2026-11-01.web1.info' is not an info file: it contains a NUL byte");
     EXPECT_EQ(Account(), "200/0/0");
     EXPECT_EQ(control_.max_count, 2);
     EXPECT_EQ(storage_.users.at("web1").backups.size(), 2U);

@@ -112,7 +112,7 @@ TEST_F(Update, AnInfoFileOfNoUseRemovesNothing) {
         EXPECT_EQ(Failure(), no_slice);
     }
     Place(info, std::string("a\0b", 3));
-    EXPECT_EQ(Failure(), "'b/2026-11-20.web1.info' is no info file: it has a NUL byte");
+    EXPECT_EQ(Failure(), "'b/2026-11-20.web1.info' is not an info file: it contains a NUL byte");
     std::filesystem::remove(info);
     EXPECT_EQ(Failure(),
               "Failed to open info file 'b/2026-11-20.web1.info': No such file or directory");
@@ -122,7 +122,8 @@ TEST_F(Update, AnInfoFileOfNoUseRemovesNothing) {
 TEST_F(Update, ALastSliceOutsideTheStorageIsRefused) {
     Place("b/2026-11-20.web1.info", "last-slice=../../x/F2026-11-20.web1.tgz\n");
     EXPECT_EQ(Failure(),
-              "bad name on a storage '../../x/2026-11-20.web1.tgz': '.' and '..' are not followed");
+              "name '../../x/2026-11-20.web1.tgz' is not allowed on a storage: it has a '.' or "
+              "'..' component");
     EXPECT_EQ(store_->log(), (Lines{}));
 }
 

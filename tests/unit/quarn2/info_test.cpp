@@ -94,7 +94,7 @@ TEST(GetInfo, FailuresNameThePath) {
     local_files::Save(dir / "nul.info", std::string("a=1\0\n", 5));
     ASSERT_TRUE(FailureOf(dir / "nul.info"));
     EXPECT_EQ(FailureOf(dir / "nul.info")->text,
-              "'" + (dir / "nul.info") + "' is no info file: it has a NUL byte");
+              "'" + (dir / "nul.info") + "' is not an info file: it contains a NUL byte");
 
     local_files::Save(dir / "large.info", std::string(1024 * 1024 + 1, 'x'));
     ASSERT_TRUE(FailureOf(dir / "large.info"));

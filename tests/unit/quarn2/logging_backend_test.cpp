@@ -78,20 +78,20 @@ TEST_F(LoggingBackend, EveryOperationLeavesALineWithWhatItDid) {
         Lines(),
         ElementsAre("storage 8: Put 'user/2026-11-20/file', 5 bytes: stored in N ms",
                     "storage 8: Get 'user/2026-11-20/file': 5 bytes in N ms",
-                    "storage 8: Make directory 'dir': there in N ms",
+                    "storage 8: Create directory 'dir': done in N ms",
                     "storage 8: List '': 2 names in N ms", "storage 8: List 'user': 1 name in N ms",
                     "storage 8: List 'user' with sizes: 1 name in N ms",
                     "storage 8: List all files: not possible with one listing in N ms",
-                    "storage 8: Remove 'user/2026-11-20/file': gone in N ms",
-                    "storage 8: Remove directory 'user': gone in N ms",
-                    "storage 8: Clear: empty in N ms"));
+                    "storage 8: Remove 'user/2026-11-20/file': done in N ms",
+                    "storage 8: Remove directory 'user': done in N ms",
+                    "storage 8: Clear: done in N ms"));
 }
 
 TEST_F(LoggingBackend, AFullStorageIsToldApartFromAFailure) {
     TextSource source("1");
     store_->SetCapacity(0);
     EXPECT_FALSE(backend_->Put("file", source));
-    EXPECT_THAT(Lines(), ElementsAre("storage 8: Put 'file', 1 byte: no room in N ms"));
+    EXPECT_THAT(Lines(), ElementsAre("storage 8: Put 'file', 1 byte: storage full in N ms"));
 }
 
 TEST_F(LoggingBackend, AFailureIsToldWithItsKindAndThrownOn) {
@@ -108,7 +108,7 @@ TEST_F(LoggingBackend, AFailureIsToldWithItsKindAndThrownOn) {
 TEST_F(LoggingBackend, AStorageIsLoggedOnlyWhereSomebodyReadsThatLevel) {
     const auto storage = quarn2::GetStorage(quarn2::BackupToken("memory:logged"));
     storage->MkDir("seen");
-    EXPECT_THAT(Lines(), ElementsAre("storage 8: Make directory 'seen': there in N ms"));
+    EXPECT_THAT(Lines(), ElementsAre("storage 8: Create directory 'seen': done in N ms"));
     kro_log::Close();
     kro_log::Init("quiet", 7);
     quarn2::GetStorage(quarn2::BackupToken("memory:logged"))->MkDir("unseen");

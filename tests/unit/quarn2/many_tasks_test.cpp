@@ -160,7 +160,7 @@ TEST_F(ManyTasks, OutageEndsTheListQuickly) {
         EXPECT_LE(plan_.calls, calls) << parallel;
         EXPECT_EQ(errors.back()->kind(), Kind::kUnavailable);
         EXPECT_STREQ(errors.back()->what(),
-                     "not attempted after several failures in a row; the last one: no route");
+                     "not attempted after several failures in a row; last error: no route");
     }
 }
 

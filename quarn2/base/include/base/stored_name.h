@@ -22,8 +22,8 @@ std::string Quoted(std::string_view name);
 // storage.
 void CheckStoredName(const std::string& name);
 
-// Throws the kro_err::Error (kFailed) of a name that is not allowed on a storage. `reason` is the
-// end of the error text.
+// Throws kro_err::Error (kFailed) for a name that is not allowed on a storage. `reason` is the end
+// of the error text.
 [[noreturn]] void ThrowInvalidStoredName(std::string_view name, std::string_view reason);
 
 }  // namespace quarn2

@@ -10,7 +10,7 @@
 //   52      12     authentication code of all of the above and of the file's name
 //
 // The encrypted chunks follow the header, each with its authentication tag. Every chunk except the
-// last is full. The nonce of the last chunk differs from that of the others, which detects a
+// last is full. The nonce of the last chunk contains a flag, so that decryption detects a
 // truncated file. An empty file has one empty chunk.
 #pragma once
 
