@@ -63,7 +63,7 @@ void DeclareOptions(kro_args::Args& args) {
     // clang-format on
 }
 
-// Runs a command that takes one file. Does nothing when no command was given.
+// Runs a command that has one file argument. Does nothing when no command was given.
 void RunFileCommand(const std::string& command, const kro_args::ResultPtr& result) {
     if (command == "put") {
         CommandPut(result);

@@ -14,8 +14,8 @@ std::string Read(ResHandle handle);
 
 // Sends one command to the node client of the storage that BACKUP_STORAGE names and returns its
 // answer without the leading "OK". Throws std::runtime_error when the command cannot be sent or is
-// refused. The text of the error for a refused command contains the node client's reason from the
-// log, or is empty when the log has none.
+// refused. The error text for a refused command contains the node client's reason from the log. It
+// is empty when the log contains no reason.
 std::string SendCommand(const std::string& command);
 
 // Ends an event loop when a descriptor becomes readable or is closed by its peer. Checks the

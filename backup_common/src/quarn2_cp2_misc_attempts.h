@@ -15,11 +15,11 @@ struct FailedTransfer {
     std::exception_ptr error;  // a kro_err::Error
 };
 
-// Calls `transfer` in up to three attempts, one minute apart. Calls `may_retry` after each attempt
-// that ended with a kro_err::Error, except "unauthorized", and then logs the failure: `failure`,
-// the reason and the number of the attempt. Makes no other attempt after "unauthorized", and when
-// `may_retry` returns false; then the failure is not logged. Returns nothing after a successful
-// attempt. Does not catch other exceptions of `transfer` and exceptions of `may_retry`.
+// Calls `transfer` up to three times, and waits one minute between two attempts. After a
+// kro_err::Error, makes no further attempt when the error is "unauthorized" or `may_retry` returns
+// false. Otherwise logs `failure`, the reason and the number of the attempt. Returns nothing after
+// a successful attempt. Does not catch other exceptions of `transfer`, or exceptions of
+// `may_retry`.
 std::optional<FailedTransfer> RunAttempts(
     const std::string& failure, const std::function<void()>& transfer,
     const std::function<bool(const kro_err::Error&)>& may_retry);

@@ -97,7 +97,7 @@ bool IsPrefixOf(const std::string& prefix, const std::string& backup) {
 std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::string& dir,
                                           const std::string& prefix) {
     std::vector<std::string> archives;
-    // The system ends a path at a NUL byte, so the path below would be that of another file.
+    // The system ends a path at a NUL byte, so the path below would refer to another file.
     if (prefix.find('\0') != std::string::npos) return archives;
     const std::string backup = quarn2::StripSliceNumber(prefix);
     for (const std::string& date : {quarn2::GetDate(backup), std::string(kCustom)}) {
@@ -137,8 +137,8 @@ class IncompleteBackups {
     const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
 
     // True for a file of the unfinished backups. If the ledger has no entry for them, an older
-    // version or another machine has made them. Then these are all files with the prefix that
-    // belong to no complete backup.
+    // version or another machine has made them. Then true for every file that does not belong to a
+    // complete backup. The caller checks the prefix.
     bool Has(const std::string& name) const {
         const std::string stem = quarn2::StripSliceNumber(name);
         const bool is_archive = IsArchive(stem);
@@ -165,8 +165,8 @@ class IncompleteBackups {
         });
     }
 
-    // True when the ledger has an entry for this archive or for its index, because a job makes them
-    // again.
+    // True when the ledger has an entry for this archive or for its index. Then a job is making the
+    // archive again.
     bool IsInWork(const std::string& archive) const {
         return std::any_of(entries_.begin(), entries_.end(), [&](const LedgerEntry& entry) {
             return entry.name == archive || entry.name == LedgerKey(archive);
@@ -207,7 +207,7 @@ void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::
 // entries. The caller must first remove the line and then the entries, because a line without
 // entries refers to every file with the prefix.
 std::vector<std::string> RemoveIncomplete(const std::string& dir, const Line& line) {
-    // Files that belong to no incomplete backup could match an empty prefix.
+    // An empty prefix could match files of complete backups.
     if (line.prefix.empty()) throw std::runtime_error("a line of .cleanup has no prefix");
     const std::shared_ptr<quarn2::Storage> storage = OpenStorage(line.token, dir);
     const Ledger ledger = OwnLedger();
@@ -296,8 +296,8 @@ void CleanUp(const std::string& dir) {
         done.erase(found);
         return true;
     });
-    // While a line remains in the list, the entries stay, because they distinguish the backups with
-    // the same prefix.
+    // Keeps the entries while a line remains in the list, because they distinguish backups with the
+    // same prefix.
     if (is_any_left) return;
     for (const std::string& name : ended) OwnLedger().End(name);
 }

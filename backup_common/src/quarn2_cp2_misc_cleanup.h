@@ -9,6 +9,6 @@
 // could not be removed.
 void CleanUp(const std::string& dir);
 
-// Removes the lines of a backup from the list, because its interrupted job was repeated and the
-// backup is complete now. `date` is "custom" for a custom backup. Failures are only logged.
+// Removes the lines of a backup from the list. Must be called when the interrupted job was repeated
+// and has completed the backup. `date` is "custom" for a custom backup. Failures are only logged.
 void ForgetIncomplete(const std::string& dir, const std::string& user, const std::string& date);

@@ -50,7 +50,7 @@ void WriteClear(EventKind kind, const char* detail = "") {
     WriteEvent(std::move(event));
 }
 
-// The events for the backups that the info roots know.
+// The events for the backups in the info roots.
 std::vector<Event> KnownBackups() {
     std::vector<Event> events = DeletedEvents(kInfoRoot, RemovalReason::kClear);
     for (Event& event : DeletedEvents(kPrivateInfoRoot, RemovalReason::kClear)) {
@@ -99,7 +99,7 @@ void ForgetUnfinished(const std::string& identity) {
 
 void ClearStorage(quarn2::Storage& storage, bool has_info_root) {
     // An administrator may have moved the info root and left a symbolic link. The check follows
-    // such a link, but not a link of another user.
+    // such a link, but not a link that belongs to another user.
     const std::string identity = StorageIdentity(TokenByEnv());
     if (!kro_file::IsForeignLink(kInfoRoot)) CheckIsOurStorage(storage, identity);
     // The marker file prevents servers from starting until another --clear has succeeded. So it is
@@ -131,8 +131,8 @@ void CommandClear() {
     const bool has_token = !kro_env::GetEnv("BACKUP_TOKEN").empty();
     const std::shared_ptr<quarn2::Storage> storage = has_token ? GetStorageByEnv() : nullptr;
     // When the info root is a symbolic link, only the link is removed. An info root that the system
-    // refuses to examine counts as a directory, so that its marker file cannot be written and
-    // nothing is removed.
+    // refuses to examine counts as a directory, so that writing the marker file fails and nothing
+    // is removed.
     const kro_file::FileType type = kro_file::TypeOf(kInfoRoot);
     const bool has_info_root =
         type == kro_file::FileType::kDirectory || type == kro_file::FileType::kUnknown;

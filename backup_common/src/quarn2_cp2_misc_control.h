@@ -1,14 +1,15 @@
 // The protocol of the control socket. The commands of a backup job send requests over this socket
 // to the node client of their machine.
 //
-// A connection carries one command and its answer. Each of them ends with the end of its direction
-// of the stream. A command is a word and a path:
+// A connection carries one command and its answer. After its text, each side shuts down its
+// direction of the connection. A command is a word and a path:
 //   PUT PATH [DELETE]      uploads a file in the background; DELETE: removes the file afterwards
 //   PUTLAST PATH [DELETE]  uploads the last file of a backup
 //   DELETE PATH            deletes the backup of an info file
-//   DELETEALL PATH         deletes the backups that depend on it too
-// The answer is "OK", and for PUT and PUTLAST "OK INFO" (see Storage::GetFileInfo). An unknown word
-// gets "OK". A failed command gets no answer.
+//   DELETEALL PATH         deletes that backup and the backups that depend on it
+// The answer is "OK", and for PUT and PUTLAST "OK INFO" (see Storage::GetFileInfo). The
+// answer to an unknown word is "OK". After a failed command, the node client closes the connection
+// without an answer.
 #pragma once
 
 #include <sys/un.h>
@@ -21,11 +22,12 @@ std::string ControlSocketPath(const std::string& storage);
 // True when a socket's address has room for the path and a terminating NUL byte.
 bool FitsControlAddress(const std::string& path) noexcept;
 
-// The address for the node client. Throws std::runtime_error when the path does not fit.
+// The address at which the node client listens. Throws std::runtime_error when the path does not
+// fit.
 sockaddr_un AddressToListen(const std::string& path);
 
-// The address for a command. It contains at most the first 108 bytes of the path. No node client
-// listens at a longer path.
+// The address to which a command connects. It contains at most the first 108 bytes of the path. No
+// node client listens at a longer path.
 sockaddr_un AddressToConnect(const std::string& path) noexcept;
 
 struct ControlCommand {

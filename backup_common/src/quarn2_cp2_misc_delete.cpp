@@ -53,8 +53,8 @@ int CountOf(const std::string& number) {
     }
 }
 
-// Removes only the slices that the storage lists. When the info file names an impossibly high slice
-// number, one request for each possible slice would take hours.
+// Removes only the slices that the storage lists. If the info file contains an impossibly high
+// slice number, one request for each possible slice would take hours.
 void RemoveListed(Removal& storage, const std::string& stem, int count, const std::string& ending) {
     std::vector<std::string> names;
     storage.storage()->List(names, "");
@@ -68,8 +68,8 @@ void RemoveListed(Removal& storage, const std::string& stem, int count, const st
 }
 
 // Removes the numbered slices, several at the same time. An interrupted deletion can leave any of
-// them. The info file, which is removed later, still names the last one, so that the deletion can
-// be repeated.
+// them. The info file is removed later and contains the name of the last slice until then, so the
+// deletion can be repeated.
 void RemoveNumbered(Removal& storage, const std::string& stem, int count,
                     const std::string& ending) {
     if (count > kMaxSlices) {
@@ -103,8 +103,8 @@ std::string RemovePieces(const PlainBackup& backup, std::string slice) {
     return slice;
 }
 
-// Inserts the role into the slice name. Needed for a role whose value in the info file is the
-// archive's slice name, because the names of such a role's files contain the role.
+// Inserts the role into the slice name. If the value of a role in the info file is the archive's
+// slice name, the names of the role's files contain the role.
 std::string InsertRole(const PlainBackup& backup, std::string slice, const std::string& role) {
     const std::size_t place = slice.find(backup.extension);
     if (place != std::string::npos) slice.insert(place, role);
@@ -129,8 +129,8 @@ void RemoveCompanions(const PlainBackup& backup, const std::string& slice) {
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".tgz"));
     DeleteEncryptedIndex(kro_file::ConcatPath(backup.directory, stem + ".tgz.aes"));
     backup.storage.RemoveFile(stem + ".info");
-    // The removals on the storage must be durable before the local info file is removed. If stored
-    // files reappear after a crash, only the local info file refers to them.
+    // The removals on the storage must be durable before the local info file is removed. Stored
+    // files may reappear after a crash, and only the local info file refers to them.
     backup.storage.storage()->SyncRemovals("");
     kro_file::RemoveFile(kro_file::ConcatPath(backup.directory, stem + ".info"));
 }
@@ -154,7 +154,7 @@ void RemoveLocalFiles(const std::string& info_path) {
     const std::string directory = kro_file::Path(info_path);
     std::string name = kro_file::Name(info_path);
     str::RGetWord(name, ".info");
-    // `name` may be empty. Without an ending, the path would then be that of the directory.
+    // `name` may be empty. Without an ending, the path would then be the directory itself.
     const auto local = [&](const char* ending) {
         return kro_file::ConcatPath(directory, name + ending);
     };
@@ -179,8 +179,8 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
         if (slice.empty() || kro_file::Path(slice) != directory) continue;
         std::string name = kro_file::Name(slice);
         names.stems.insert(quarn2::StripSliceNumber(name));
-        // A role whose value is the archive's slice name has files of its own in the same
-        // directory.
+        // If the value of a role is the archive's slice name, the role has its own files in the
+        // same directory.
         const std::size_t ending = name.find(quarn2::GetExtByInfo(info));
         if (key == "last-slice" || ending == std::string::npos) continue;
         name.insert(ending, key.substr(std::string_view("role-").size()));
@@ -254,7 +254,7 @@ void RemoveLocalDirectory(const std::string& info_path) {
 }
 
 // Removes the stored index of an archive with another extension than .tgz. An index always has the
-// extension .tgz, but RemoveCompanions expects that of the archive.
+// extension .tgz, but RemoveCompanions uses the extension of the archive.
 void RemoveStoredIndex(const PlainBackup& backup, const std::string& info_path) {
     if (backup.extension == ".tgz") return;
     std::string name = kro_file::Name(info_path);
@@ -262,7 +262,7 @@ void RemoveStoredIndex(const PlainBackup& backup, const std::string& info_path) 
 }
 
 // Removes the info file from the storage root, independent of the names of the slices, so that a
-// rescan does not restore the backup.
+// rescan does not download it again.
 void RemoveStoredInfo(Removal& storage, const std::string& info_path) {
     storage.RemoveFile(kro_file::Name(info_path));
     storage.storage()->SyncRemovals("");
@@ -310,7 +310,7 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
 
 void DeleteBackup(const std::shared_ptr<quarn2::Storage>& storage, const std::string& info_path,
                   const quarn2::InfoMap& info, const DeletionEvents& events) {
-    // Checks that the storage answers. Throws before any change otherwise.
+    // Throws before any change when the storage does not answer.
     ListOrNothing(*storage, kro_file::Name(info_path));
     const LedgerDeletion ledger(info_path, info);
     Removal removal(storage, info_path, info);
@@ -339,7 +339,7 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
         events.SetInfo(info);
         DeleteBackup(storage, info_path, info, events);
     } catch (const std::exception& error) {
-        // Without the info file, another process has deleted the backup.
+        // When the info file does not exist, another process has deleted the backup.
         if (kro_file::Exists(info_path)) events.Failed(error.what());
         throw;
     }
@@ -353,15 +353,16 @@ void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_pa
 
 namespace {
 
-// The data for the search of the backups that depend on a full backup and are of the same week.
+// Identifies a full backup, to find the backups of the same week that depend on it.
 struct Week {
     std::string user_dir;
     std::string user;
     std::string date;
-    std::string identity;  // name of the full backup in the "base" key of its dailies
+    std::string identity;  // value of "base" in the info files of the dependent backups
 };
 
-// The directory of the local info files, which have the same directories below it as the archives.
+// The root directory of the local info files. They are in the same subdirectories below it as the
+// archives on the storage.
 std::string InfoRootOf(const std::string& info_path, const std::string& archive_dir) {
     std::string local_dir = kro_file::Path(info_path);
     return kro_file::GoodPath(str::GetWord(local_dir, archive_dir));
@@ -398,7 +399,7 @@ std::vector<std::string> FindDependants(const Week& week) {
 
 // Throws when the storage has neither a file of this backup nor one of the newest backups. On a
 // storage that is not mounted, the deletion would find no files and remove only the info file, and
-// the backup's files would stay on the storage uncounted.
+// the backup's files would stay on the storage without being counted.
 void CheckIsOurStorage(quarn2::Storage& storage, const quarn2::InfoMap& info,
                        const std::string& info_path) {
     const auto found = info.find("last-slice");

@@ -13,8 +13,8 @@ void CommandDelete(kro_args::ResultPtr result);
 
 // Deletes exactly one backup: slices, companion files and info file on the storage, index copies
 // and info file on this machine. With `skip_full`, does nothing for a full backup. Throws at the
-// error. The call can then be repeated to delete the remaining files. Writes the events of the
-// deletion with their cause.
+// first error. The call can then be repeated to delete the remaining files. Writes the events of
+// the deletion with this cause.
 void Delete(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path, bool skip_full,
             const DeletionCause& cause = {});
 

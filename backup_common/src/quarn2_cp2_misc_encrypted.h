@@ -1,6 +1,6 @@
 // The list of encrypted indexes: the file ".encrypted_indexes" in the directory of the indexes.
-// Each line is "NAME=HASH": the name of an index file, and the hash of the token's key when a
-// rescan fetched the index. Every read and every write of the list happens under a lock on this
+// Each line is "NAME=HASH": the name of an index file, and the hash that the token's key had when a
+// rescan downloaded the index. Every read and every write of the list happens under a lock on this
 // file.
 #pragma once
 

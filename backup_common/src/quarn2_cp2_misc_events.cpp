@@ -28,7 +28,7 @@ std::string ValueOf(const quarn2::InfoMap& info, const char* key) {
     return found == info.end() ? "" : found->second;
 }
 
-// Nothing for a missing or malformed size: the event is then written without it.
+// Returns nothing for a missing or malformed size. The event is then written without a size.
 std::optional<std::int64_t> SizeOf(const quarn2::InfoMap& info) {
     const std::string size = ValueOf(info, "size");
     try {
@@ -112,7 +112,7 @@ void DeletionEvents::Write(EventKind kind, std::string_view detail) const {
     Event event = event_;
     event.kind = kind;
     event.detail = detail;
-    // Only the removal of the last file changes the account.
+    // The used space changes only with the removal of the last file.
     if (kind == EventKind::kDeleted) event.used = cause_.used;
     if (kind == EventKind::kDeleted) event.limit = cause_.limit;
     WriteEvent(std::move(event));

@@ -11,13 +11,14 @@
 #include "quarn2_cp2_event.h"
 
 // Appends the event, with the current time and the storage that this process works for. An event
-// that cannot be written is lost. Any thread may call it.
+// that cannot be written is lost. Any thread may call this function.
 void WriteEvent(Event event) noexcept;
 
 // Closes the events file. Must be called before the process closes all of its descriptors.
 void CloseEvents() noexcept;
 
-// An event of the backup with this archive, index or info file. Has the user and the date.
+// An event with the user and the date of the backup to which this archive, index or info file
+// belongs.
 Event EventOfFile(EventKind kind, const std::string& path);
 
 // Like EventOfFile, and adds the type and the size from the backup's info file.

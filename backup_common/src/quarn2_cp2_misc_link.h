@@ -7,7 +7,7 @@
 // The node client sends commands, one line each:
 //   RESERVE BYTES                 reserves space; the answer's number is the number of evictions
 //                                 that uploads may request
-//   COMPLETE USER DATE TYPE SIZE  the backup is complete; the answer is that of RESERVE
+//   COMPLETE USER DATE TYPE SIZE  the backup is complete; the answer is the same as to RESERVE
 //   DROPONE NUMBER                evicts backups of users that have more than NUMBER backups
 //   RELEASE BYTES                 releases reserved space
 #pragma once

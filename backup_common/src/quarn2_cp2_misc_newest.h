@@ -1,5 +1,5 @@
-// Checks whether a storage is the one that the local info files belong to. On a wrong storage,
-// evictions and --clear would remove the info files of backups that still exist.
+// Checks whether the local info files belong to a storage. On a wrong storage, evictions and
+// --clear would remove the info files of backups that still exist.
 #pragma once
 
 #include <cstddef>

@@ -13,7 +13,7 @@ bool BelongsTo(const std::string& name, const BackupNames& backup) {
 
 bool OwnsDirectory(const std::string& directory, const std::vector<std::string>& names,
                    const BackupNames& backup) {
-    // With an empty user or date, or with "..", the path would be that of another directory.
+    // With an empty user or date, or with "..", the path would refer to another directory.
     if (!quarn2::IsSafeName(backup.user) || !quarn2::IsSafeName(backup.date)) return false;
     if (directory != kro_file::ConcatPath(backup.user, backup.date)) return false;
     return std::none_of(names.begin(), names.end(), [&backup](const std::string& name) {

@@ -1,4 +1,4 @@
-// Deletes the files of backups whose names are known only by their common prefix.
+// Deletes the files of a backup by their common prefix, without knowing their complete names.
 #pragma once
 
 #include <functional>

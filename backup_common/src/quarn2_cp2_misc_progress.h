@@ -7,7 +7,7 @@
 
 #include "quarn2/storage.h"
 
-// The work that is done and the total work. A value of -1 is unknown.
+// The completed work and the total work. -1 is an unknown value.
 struct Progress {
     std::int64_t files = 0;
     std::int64_t all_files = 1;

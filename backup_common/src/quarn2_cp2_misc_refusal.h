@@ -13,5 +13,5 @@
 std::string RefusalLine(pid_t process);
 
 // Searches the log after `begin` for the reason why the node client has refused this process's
-// command. Returns "" when there is no reason.
+// command. Returns "" when the log contains none.
 std::string FindRefusal(const kro_log::Bookmark& begin, pid_t node_client);

@@ -45,7 +45,8 @@ Removal::Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& in
 }
 
 void Removal::Mark() {
-    // A missing info file is no error, because another process may have deleted the same backup.
+    // A missing info file is not an error, because another process may have deleted the same
+    // backup.
     if (marked_ || !kro_file::Exists(info_path_)) return;
     const std::string old_text = kro_file::Read(info_path_);
     const auto finished = info_.find(kFinished);
@@ -90,7 +91,7 @@ void Removal::RemoveFiles(const std::vector<std::string>& names) {
     if (first) throw kro_err::Error(*first);
 }
 
-// After an error that does not exclude it, the storage may have removed the file.
+// After any other error than those of HasRemovedNothing, the storage may have removed the file.
 void Removal::NoteFailed(const kro_err::Error& error) noexcept {
     touched_ = touched_ || !HasRemovedNothing(error);
 }
@@ -155,8 +156,8 @@ std::vector<std::string> LocalIndexes(const std::string& info_path, const std::s
     return names;
 }
 
-// Returns true if a "role-..." key has the same value as "last-slice". Such a role has files of its
-// own on the storage, whose names the info file does not contain.
+// Returns true if a "role-..." key has the same value as "last-slice". Such a role has its own
+// files on the storage, but the info file does not contain their names.
 bool HasSharedRole(const quarn2::InfoMap& info) {
     const auto last = info.find("last-slice");
     return std::any_of(info.begin(), info.end(), [&](const auto& entry) {
@@ -179,8 +180,9 @@ bool HasSlicesAndInfo(quarn2::Storage& storage, const std::string& info_path,
     return AreOnStorage(storage, names);
 }
 
-// The deletion of a backup in a directory of its own removes the files in any order. So the storage
-// must also have the backup's index, whose name is only known from the local copy.
+// When a backup has its own directory, a deletion removes the files of this directory in any order.
+// So the storage must also have the backup's index. Only the local copy shows the name of the
+// index.
 bool HasEveryFile(quarn2::Storage& storage, const std::string& info_path,
                   const quarn2::InfoMap& info) {
     const std::string directory = kro_file::Path(LastSliceOf(info));
@@ -200,7 +202,7 @@ bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
 bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
     const auto finished = info.find(kWasFinished);
-    // A deletion of a backup that was not finished is not cancelled.
+    // The deletion of an unfinished backup is not cancelled.
     if (!IsBegun(info) || finished == info.end()) return false;
     if (!HasEveryFile(storage, info_path, info)) return false;
     info[kFinished] = finished->second;

@@ -20,9 +20,9 @@ bool HasRemovedNothing(const kro_err::Error& error) noexcept;
 class Removal {
   public:
     // Records in the info file that the backup is being deleted: adds "deletion" with the time and
-    // renames "finished" to "deletion-finished". When the disk is full, an empty ledger entry
-    // records that the backup is not complete, and RemoveFile changes the info file after the first
-    // removal, which may have freed space.
+    // renames "finished" to "deletion-finished". When the disk is full, records in an empty ledger
+    // entry that the backup is not complete. The info file is then changed after the first removal,
+    // because that removal may have freed space.
     Removal(std::shared_ptr<quarn2::Storage> storage, const std::string& info_path,
             quarn2::InfoMap info);
 

@@ -70,7 +70,7 @@ std::vector<std::string> NamedSlices(const quarn2::InfoMap& info) {
     std::vector<std::string> names;
     const auto last = info.find("last-slice");
     for (const auto& [key, value] : info) {
-        // A role with the same value as "last-slice" has no slices of its own.
+        // A role with the same value as "last-slice" adds no slices.
         const bool is_shared = key != "last-slice" && last != info.end() && value == last->second;
         if (!NamesSlice(key) || is_shared) continue;
         std::string rest = value;

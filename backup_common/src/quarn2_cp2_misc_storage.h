@@ -17,8 +17,8 @@ inline constexpr const char* kPrivateInfoRoot = "var/backup/tovarn.private";
 // The token in BACKUP_TOKEN. The result converts to false when the variable is unset or malformed.
 quarn2::BackupToken TokenByEnv();
 
-// The directory that a local token names, with symbolic links resolved, as the local storage opens
-// it.
+// The directory in a local token, with symbolic links resolved. The local storage uses this
+// directory.
 std::filesystem::path StorageDirectory(const quarn2::BackupToken& token);
 
 // Like Storage::List, but returns no names for a missing path.
@@ -28,7 +28,7 @@ std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::stri
 // storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
     std::vector<std::filesystem::path> outside;  // may contain a storage: the install root and var
-    std::vector<std::filesystem::path> closed;   // never below these: sbin, etc, tmp, info roots
+    std::vector<std::filesystem::path> closed;   // must not contain it: sbin, etc, tmp, info roots
 };
 
 enum class Overlap { kIs, kContains, kIsInside };
@@ -38,15 +38,15 @@ struct StorageConflict {
     std::filesystem::path directory;  // the protected directory
 };
 
-// Returns the first protected directory that forbids this storage directory, or nothing when the
-// storage directory may be used.
+// Returns the first conflict of the storage directory with a protected directory, or nothing when
+// the storage directory may be used.
 std::optional<StorageConflict> FindConflict(const ProtectedDirectories& protected_directories,
                                             const std::filesystem::path& storage);
 
-// Throws std::runtime_error when the token names a local directory that is, or contains, the
-// install root, one of its sbin, etc, var and tmp, or an info root; and when the directory is
-// inside of sbin, etc, tmp or an info root. The info roots are `info_root` and the default ones.
-// Does nothing for a malformed token and for a token that is not local.
+// Throws std::runtime_error when the token's local directory is or contains the install root, its
+// sbin, etc, var or tmp, or an info root. Also throws when the directory is inside sbin, etc, tmp
+// or an info root. The info roots are `info_root` and the default ones. Does nothing for a
+// malformed token and for a token that is not local.
 void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& info_root);
 
 // Calls CheckStorageDirectory and opens the storage. Throws kro_err::Error for a malformed token.

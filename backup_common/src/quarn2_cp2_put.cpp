@@ -28,7 +28,7 @@ constexpr kro_log::Module kLog("main");
 constexpr mode_t kInfoMode = 0640;
 
 // Throws for a name with a blank. The node client parses a trailing " DELETE" as an option of the
-// command, so such a name could be mistaken for that of another file.
+// command, so the command could refer to another file.
 void CheckFileName(const std::string& file) { quarn2::GetStoredName(file); }
 
 kro_date::DateTime Created(const quarn2::InfoMap& info, const std::string& info_path) {
@@ -75,9 +75,9 @@ std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     }
 }
 
-// Records in the ledger that the info file is being put. The local info file has "finished" before
-// the storage has the file, so the entry shows that the backup is not complete yet. The node client
-// ends the entry when the backup is complete.
+// Records in the ledger that the info file is being uploaded. The local info file has "finished"
+// before the storage has the file, so the entry shows that the backup is not complete yet. The node
+// client ends the entry when the backup is complete.
 void RecordInfo(const std::string& file, const std::string& local_info, const std::string& text,
                 const quarn2::InfoMap& info) {
     const Ledger ledger = OwnLedger();
@@ -89,8 +89,8 @@ void RecordInfo(const std::string& file, const std::string& local_info, const st
     });
 }
 
-// Puts the info file after the last file of a backup. The stored info file has no "node", because
-// the node's name concerns only this machine.
+// Uploads the info file after the last file of a backup. The stored info file has no "node",
+// because the node's name concerns only this machine.
 void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     const std::string node = info["node"];
     info.erase("node");
@@ -105,8 +105,8 @@ void FinishBackup(quarn2::InfoMap& info, const std::string& file) {
     }
 }
 
-// Throws when BACKUP_TOKEN has a key other than the backup's slices, because the file could not be
-// restored together with the slices.
+// Throws when the key of BACKUP_TOKEN differs from the key of the backup's slices, because the file
+// could not be restored together with the slices.
 void CheckKey(const std::string& path) {
     if (str::EndsWith(path, ".info")) return;
     const quarn2::InfoMap info = quarn2::GetInfo(quarn2::GetInfoFile(
@@ -124,8 +124,8 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
     const std::string file = GetArgPath(args->Args(0));
     KRO_LOG(kLog, 5, "Put %s", file.c_str());
     CheckFileName(file);
-    // The upload uses the node client's token. This job's own token is checked as well, because the
-    // job's next command may use its own token.
+    // The upload uses the node client's token. BACKUP_TOKEN is checked as well, because the next
+    // command of this job may use it.
     CheckStorageDirectory(TokenByEnv(), kDefaultInfoRoot);
     const Taken taken = ParseAnswer(SendCommand(
         FormatControlCommand({ControlCommand::Word::kPut, file, !args->Has("no-delete")})));

@@ -21,8 +21,9 @@ constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kMaxSilence{10};
 // A command is one word and one path.
 constexpr std::size_t kMaxCommandBytes = 64UL * 1024;
-// The maximum number of connections at a time: each needs a descriptor, and the process has few. A
-// connection is short, because a command is executed as soon as it has arrived completely.
+// The maximum number of connections at a time: each connection needs a descriptor, and a process
+// has a limited number of them. A connection is short, because a command is executed as soon as it
+// has arrived completely.
 constexpr std::size_t kMaxPeers = 64;
 
 // The process id of the peer; 0 when the system does not report it.

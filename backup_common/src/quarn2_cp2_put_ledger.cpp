@@ -59,9 +59,9 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
 }
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
-// complete the backup before it has put all of these slices again. The slices of another archive of
-// the same day, such as a daily that becomes a full backup, stay on the storage after the job is
-// complete.
+// complete the backup before it has uploaded all of these slices again. Slices of another archive
+// of the same day, for example when a full backup replaces a daily, are not recorded. They stay on
+// the storage after the job is complete.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));
@@ -127,8 +127,8 @@ void SliceRecord::Refused() {
     End(is_untouched ? SliceState::kRefused : SliceState::kAbandoned);
 }
 
-// Ends the record of an upload that has not stored the file. The size from before the upload stays
-// in the record.
+// Ends the record of an upload that has not stored the file. Keeps the size that was recorded
+// before the upload.
 void SliceRecord::End(SliceState state) {
     ended_ = true;
     slice_.state = state;
@@ -220,8 +220,8 @@ void PutLedger::WaitForOthers(const std::vector<std::string>& entries) const {
     }
 }
 
-// The entries whose failed uploads concern this info file. Entries of another archive of the same
-// backup are left out, because an earlier job of another backup type made that archive.
+// The ledger entries that belong to the archive of this info file. Entries of another archive of
+// the same backup are left out, because an earlier job of another backup type made that archive.
 std::vector<LedgerEntry> PutLedger::OwnEntries(const std::string& info_path,
                                                const quarn2::InfoMap& info) const {
     const std::string archive = ArchiveOf(info);

@@ -58,23 +58,24 @@ class PutLedger {
     std::unique_ptr<SliceRecord> Begin(const std::string& name, std::int64_t bytes,
                                        const std::string& key_hash);
 
-    // Throws std::runtime_error, which names the slice, when a slice that the info file names is
-    // not complete on the storage, or when an upload of the backup has failed. First waits for the
+    // Throws std::runtime_error with the name of the slice when a slice in the info file is not
+    // complete on the storage, or when an upload of the backup has failed. First waits for the
     // uploads of other node clients. Queries the storage for the last slice and for slices that are
     // not in the ledger.
     void CheckComplete(const std::string& info_path, const quarn2::InfoMap& info,
                        quarn2::Storage& storage);
 
     // Records that the backup is complete. Called after the server has acknowledged the completion.
-    // Only archive files that the info file does not name stay in the ledger.
+    // The ledger then contains only those archive files of the backup that are not in the info
+    // file.
     void Complete(const std::string& info_path, const quarn2::InfoMap& info);
 
   private:
     friend class SliceRecord;
 
-    // Writes the record of one slice into the ledger entry `entry`. `before`, if set, changes the
-    // entry first. When the entry cannot be written, keeps the state of the slice in memory until
-    // the process ends, and returns false.
+    // Writes the record of one slice into the ledger entry `entry`. Calls `before`, if set, with
+    // the entry first. When the entry cannot be written, keeps the state of the slice in memory
+    // until the process ends, and returns false.
     bool Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
              const Ledger::Change& before = {});
     void BeginUpload(const std::string& entry, const std::string& name, const LedgerSlice& slice);

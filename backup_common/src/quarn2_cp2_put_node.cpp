@@ -35,7 +35,7 @@ ResHandle OpenControlSocket(const std::string& path) {
     if (!listening) throw std::runtime_error("Failed to open socket");
     const sockaddr_un address = AddressToListen(path);
     kro_file::RemoveFile(path);
-    // bind() creates the socket file with this mode less the umask, so that no other user can
+    // bind() creates the socket file with this mode minus the umask, so that no other user can
     // connect before the chmod() below.
     fchmod(listening, kSocketMode);
     if (bind(listening, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {

@@ -23,7 +23,7 @@ void LogGivenUp(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(path).c_str(), error.what());
 }
 
-// The storage's name of the file, followed by the reason if there is one, is the event's detail.
+// The event's detail is the stored name of the file, followed by the reason if there is one.
 void WriteUploadEvent(EventKind kind, const std::string& name, std::int64_t size,
                       const std::string& reason = "") {
     Event event = EventOfFile(kind, name);
@@ -147,8 +147,8 @@ void Upload::OpenAgain() {
 
 bool Upload::MayTryAgain(const kro_err::Error& error, const Source& source) {
     failed_ = true;
-    // The file is gone, or it has changed, but the job has already received the old size from the
-    // node client. Another attempt would find no file, or store content of another size.
+    // The file was removed or changed. Another attempt would fail, or would store content of
+    // another size than the node client has reported to the job.
     if (source ? source->Compare() != SourceState::kUnchanged : !kro_file::Exists(local_path_)) {
         LogGivenUp(local_path_, error);
         return false;
@@ -172,7 +172,7 @@ void Upload::Release(const std::string& reason, const Source& source) {
     quarn2::CreateAttemptsFile(local_path_, reason);
     RemoveSource(source);
     WriteUploadEvent(EventKind::kAbandoned, remote_name_, size_, reason);
-    // Releases the size of the file in the node client's latest put, which may be another file. The
-    // difference does not last, because the server's next completion resets all reservations.
+    // Releases the size of the file in the node client's latest PUT, which may be another file. The
+    // server's next completion corrects the difference, because it resets all reservations.
     node_->DoCommand(FormatRelease(node_->size()));
 }

@@ -14,13 +14,13 @@
 
 class NodeSide;
 
-// Run starts the upload in a thread of its own, PutLast uploads in the calling thread. The object
+// Run starts the upload in a separate thread, PutLast uploads in the calling thread. The object
 // must not be moved while its thread runs.
 class Upload {
   public:
     Upload() = default;
-    // Opens the storage for this upload alone and creates the file's directory on the storage.
-    // Throws the storage's error when one of these fails.
+    // Opens a separate connection to the storage and creates the file's directory there. Throws the
+    // storage's error when this fails.
     Upload(NodeSide* node, const std::string& remote_name, const std::string& local_path);
 
     using Record = std::unique_ptr<SliceRecord>;
@@ -45,8 +45,8 @@ class Upload {
     // The thread's body: calls Put and ends the record.
     void operator()();
 
-    // True when the storage has the file. False when the server has refused to free space, although
-    // the upload then ends without an error.
+    // True when the storage has the file. False after the server has refused to free space, even
+    // though the upload then ends without an error.
     bool stored() const noexcept { return stored_; }
 
   private:

@@ -1,6 +1,6 @@
 // The program's entry point.
 #pragma once
 
-// Runs the command that the command line names. Returns 0 when the command has finished. Exceptions
-// of the command are not caught.
+// Runs the command that the command line names. Returns 0 when the command has finished. Does not
+// catch the command's exceptions.
 int tovmain(int argc, char** argv);
