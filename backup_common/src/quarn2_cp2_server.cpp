@@ -27,7 +27,7 @@ bool IsPort(const std::string& text) {
            str::Int(text) <= kMaxPort;
 }
 
-// True when `text` can be the host argument of ssh: ssh must not parse it as an option.
+// True when `text` can be the host argument of ssh. ssh must not parse it as an option.
 bool IsDestination(const std::string& text) {
     return !text.empty() && text.front() != '-' && text.find_first_of(" \t\n") == std::string::npos;
 }

@@ -30,8 +30,8 @@ Iterator FindOldestRemovable(Iterator begin, Iterator end) {
     return end;
 }
 
-// Takes up to `excess` backups for which `is_excess` returns true. The parameters of `is_excess`
-// are the backup and its successor in the original chain.
+// Removes up to `excess` backups for which `is_excess` returns true from the chain and returns
+// them. The parameters of `is_excess` are the backup and its successor in the original chain.
 template <class IsExcess>
 Chain Take(Chain& chain, std::int64_t excess, IsExcess is_excess) {
     Chain taken;

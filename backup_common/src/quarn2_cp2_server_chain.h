@@ -24,18 +24,18 @@ Chain ChainOf(const Backups& backups, const Dates& without);
 Backups::const_iterator OldestRemovable(const Backups& backups);
 Chain::const_iterator OldestRemovable(const Chain& chain);
 
-// Takes the oldest dailies that exceed the number `leave` out of the chain and returns them, oldest
-// first. Never takes the user's newest backup.
+// Removes the oldest dailies beyond the number `leave` from the chain and returns them, oldest
+// first. Never removes the user's newest backup.
 Chain TakeExcessDailies(Chain& chain, int leave);
 
-// Takes the oldest full backups that exceed the number `leave` out of the chain and returns them,
-// oldest first. Takes only full backups that are followed by another full backup.
+// Removes the oldest full backups beyond the number `leave` from the chain and returns them, oldest
+// first. Removes only full backups that are followed by another full backup.
 Chain TakeExcessFulls(Chain& chain, int leave);
 
-// True when a backup whose job was repeated and then interrupted may be evicted. It may still be
-// restorable, so the rules of complete backups hold: a later complete backup must exist, and a full
-// backup must be followed by another full backup. `complete`: the user's complete backups.
-// `others`: the user's other backups, which count as followers, but not as complete.
+// True when a backup whose job was repeated and then interrupted may be evicted. The backup may
+// still be restorable, so the rules for complete backups apply: a later complete backup must exist,
+// and a full backup must be followed by another full backup. `complete`: the user's complete
+// backups. `others`: the user's other backups, which count as followers, but not as complete.
 bool IsInterruptedRemovable(const Backups::value_type& backup, const Chain& complete,
                             const Chain& others);
 
@@ -45,11 +45,11 @@ enum class KeepReason {
     kLocked,         // it is locked
     kNeededByDaily,  // it is a full backup, and a daily follows it
     kBeingMade,      // a job is making it again, or was interrupted while it did so
-    kNotNeeded,      // it may be evicted, but the aim is reached without that
+    kNotNeeded,      // it may be evicted, but the limits do not require that
 };
 
-// A text for reports, such as "a daily rests on it".
+// A text for reports, such as "a daily depends on it".
 const char* TextOf(KeepReason reason) noexcept;
 
-// Why this backup of the chain stays.
+// Returns why this backup of the chain is not evicted.
 KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup);

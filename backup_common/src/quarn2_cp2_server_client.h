@@ -67,8 +67,8 @@ class ClientProcess {
     // never ran.
     bool HasEnded(std::chrono::milliseconds wait = {});
 
-    // Sends SIGTERM or SIGKILL to the client when the time that `patience` allows, counted from
-    // `since`, is over. Sends each signal once.
+    // Sends SIGTERM or SIGKILL to the client when the time in `patience`, counted from `since`, has
+    // passed. Sends each signal once.
     void Press(Clock::time_point since, Clock::time_point now, Patience patience);
 
     // Waits at most `wait` for the end of a client whose input was closed at `since`. Returns true

@@ -57,7 +57,7 @@ StateFigures FiguresOf(const GlobalSizeControl& control) {
     return figures;
 }
 
-// The event of a server that an error has ended.
+// Writes the event of a server that ended because of an error.
 void WriteFailedServer(const char* error) {
     Event event;
     event.kind = EventKind::kServerEnded;
@@ -125,8 +125,8 @@ class Daemon {
 
     void WritePidFile() { pid_lock_.Write(Myself().Text()); }
 
-    // Writes the state file if it is not written or the account has changed. When this fails on a
-    // full disk, the next call tries again, because space may become free.
+    // Writes the state file if the figures have changed or the last write has failed. After a
+    // failure, for example on a full disk, the next call tries again.
     void WriteState(const GlobalSizeControl& control) {
         if (identity_.empty()) identity_ = StorageIdentity(TokenByEnv());
         state_file_.Update(Myself(), identity_, FiguresOf(control));

@@ -1,4 +1,4 @@
-// Executes the plans of evictions.
+// Executes eviction plans.
 
 #include <algorithm>
 #include <functional>
@@ -26,8 +26,8 @@ using StorageDesc = GlobalSizeControl::StorageDesc;
 
 long long ForLog(std::int64_t number) { return static_cast<long long>(number); }
 
-// Throws when the info root is missing or empty. A missing info file then does not show that its
-// backup was deleted, because all info files are missing.
+// Throws when the info root is missing or empty. In this case, a missing info file does not show
+// that its backup was deleted.
 void CheckInfoRoot(const std::string& path) {
     if (kro_file::Dir(path, 2).Read()) return;
     throw std::runtime_error("The info root '" + path + "' is missing or empty");
@@ -41,16 +41,16 @@ DeletionCause CauseOf(const GlobalSizeControl& control, const Victim& victim) {
     return cause;
 }
 
-// The empty record of a missing day has no files. But a job of that date may have been interrupted,
-// and then the files with the record's name are that job's.
+// A record of size 0 represents a day without a backup and has no files. If a job of that date was
+// interrupted, the files with this user and date belong to that job.
 bool IsRecordOnly(const GlobalSizeControl& control, const Victim& victim) {
     return victim.size == 0 &&
            control.unfinished.OpenKeys().contains(victim.date + "." + victim.user);
 }
 
 // Deletes a backup. If the backup has no local info file, a job has deleted the backup, or the info
-// file is on another machine or in a job's own directory. Then the storage is queried. A record of
-// size 0 stands for a missing day. Such a record needs no query, because it has no files.
+// file is on another machine or in a job's own directory. Then the storage is queried, except for a
+// record of size 0, which represents a day without a backup and has no files.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
     const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);
@@ -78,8 +78,8 @@ void DeleteInterrupted(GlobalSizeControl& control, const Victim& victim) {
     control.RefreshUnfinished();
 }
 
-// Deletes the backups one after another. An exception keeps the record of the backup whose deletion
-// has failed, and the backups after it.
+// Deletes the backups one after another. When a deletion fails, the records of that backup and of
+// the backups after it are kept.
 void DeleteAll(GlobalSizeControl& control, const Victims& victims) {
     if (victims.empty()) return;
     control.CheckStorage();
@@ -142,7 +142,7 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// The storage and the name of each user in `victims`.
+// The storage key and the name of each user.
 using UserKeys = std::set<std::pair<std::string, std::string>>;
 
 UserKeys UsersOf(const Victims& victims) {
@@ -221,14 +221,15 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     return found->first;
 }
 
-// True when an interrupted deletion is not finished yet. The remaining files of that deletion use
-// space, for which a plan would delete other backups.
+// True when an interrupted deletion is not finished yet. The remaining files use space, and a plan
+// would delete other backups to free that space.
 bool HasBegunDeletion(const GlobalSizeControl& control) {
     return std::any_of(control.storages.begin(), control.storages.end(),
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// Refuses a reservation without a deletion. The passes before the first victim count as done.
+// Refuses a reservation without deleting anything. The passes before the first victim count as
+// done.
 [[noreturn]] void RefuseRoom(GlobalSizeControl& control, const EvictionPlan& plan,
                              std::int64_t size) {
     const auto first = std::find_if(plan.passes.begin(), plan.passes.end(),

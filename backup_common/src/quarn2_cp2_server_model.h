@@ -97,9 +97,9 @@ struct GlobalSizeControl {
     void Init(const std::string& reference_date);
 
     // Clears all backup records and reads them again from the info files under `path`. A backup
-    // with a date after `current_date` counts as used space and is never evicted. A read error is
-    // thrown and leaves the records incomplete. With an observer, the scan continues after a read
-    // error. With a user, the scan reads only the info files of this user.
+    // with a date after `current_date` counts as used space and is never evicted. Without an
+    // observer, throws the first read error and leaves the records incomplete. With an observer,
+    // continues after a read error. With a user, the scan reads only the info files of this user.
     void Scan(const std::string& current_date, ScanObserver* observer = nullptr,
               const std::string& user = "");
 
@@ -108,8 +108,9 @@ struct GlobalSizeControl {
     void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date,
                        ScanObserver* observer = nullptr);
 
-    // Throws kro_err::Error while the storage does not answer, and std::runtime_error when it has
-    // none of the newest backups that this server knows. After the first success, does nothing.
+    // Throws kro_err::Error while the storage does not answer, and std::runtime_error when the
+    // storage has none of the newest backups of the info root. After the first success, does
+    // nothing.
     void CheckStorage();
 
     // Handles the interrupted deletions that the scan has found. Cancels a deletion that has
@@ -171,8 +172,8 @@ struct GlobalSizeControl {
     bool common_storage = false;
     std::int32_t max_count = 0;  // largest backup count of a user; each eviction pass decrements it
     std::string date;
-    // False while it is unknown whether the storage has the backups that this server knows, because
-    // the storage has not answered yet. No backup is deleted while it is false.
+    // False while it is unknown whether the storage has the backups of the info root, because the
+    // storage has not answered yet. No backup is deleted while it is false.
     bool is_storage_checked = true;
     UnfinishedBackups unfinished;  // backups that the scan does not count
     std::map<std::string, StorageDesc> storages;

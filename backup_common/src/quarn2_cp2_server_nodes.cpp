@@ -17,8 +17,8 @@ constexpr std::chrono::seconds kMaxPause = 60s;
 constexpr auto kLongSession = 60s;
 constexpr auto kLookAtSession = 1000ms;
 constexpr std::chrono::milliseconds kLookAtEnding = 100ms;
-// A client whose link to the server has ended is terminated after this time, because no process
-// waits for its remaining work.
+// After the end of its link to the server, a client is terminated after this time, because no
+// process waits for its remaining work.
 constexpr ClientProcess::Patience kPatience{10s, 20s};
 
 std::string Description(const std::string& node) {

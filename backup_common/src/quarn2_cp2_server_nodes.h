@@ -27,8 +27,8 @@ class RestartPause {
     std::chrono::seconds next_{1};
 };
 
-// One node of the server. The node has an open session, or its last client is still ending, or its
-// next session is due later.
+// One node of the server. The node has an open session, or its last client has not ended yet, or it
+// waits for the time of its next session.
 class SupervisedNode {
   public:
     using Clock = kro_date::SteadyClock;
@@ -46,7 +46,7 @@ class SupervisedNode {
     void TryToStart(Clock::time_point now);
 
     // Reads the client's error output, closes an ended session, waits for its client, or starts the
-    // next session. Returns the time by which Attend must be called again.
+    // next session. Returns the time at which Attend must be called again.
     Clock::time_point Attend(Clock::time_point now);
 
     // Closes the open session, if any. The client process of the session may still run.

@@ -9,15 +9,15 @@
 void Warn(const std::string& text);
 
 // The warning that a server with this --count-limit deletes every daily backup that is not its
-// user's newest backup; "" when the value names the number of daily backups.
+// user's newest backup; "" when the value contains the number of daily backups.
 std::string CountLimitWarning(const std::string& count_limit);
 
 // Warns on standard error and in the log when the server will delete daily backups only because
 // --count-limit does not contain their number.
 void WarnOfCountLimit(const kro_args::Result& args);
 
-// Warns when standard input is already at its end, because this --server command then ends at once
-// and does not keep the server alive.
+// Warns when standard input is already at its end, because this --server command then ends
+// immediately and does not keep the server alive.
 void WarnOfEndedInput();
 
 // Prints the reason why this process waits. Only the first call of a process prints.

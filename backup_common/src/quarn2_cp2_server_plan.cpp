@@ -31,9 +31,8 @@ void Add(Victims& victims, const UserRef& user, const Chain& taken, RemovalReaso
     for (const Record* record : taken) victims.push_back(VictimOf(user, *record, reason));
 }
 
-// Takes the excess backups of a user out of the chain. The deletion of dailies may make a full
-// backup removable, so the full backups are chosen from the backups that remain without these
-// dailies.
+// Moves the excess backups of a user from the chain to `victims`. The deletion of dailies may make
+// a full backup removable, so the full backups are chosen after the dailies are removed.
 void TakeExcess(Victims& victims, const UserRef& user, Chain& chain, int leave_full,
                 int leave_daily) {
     Add(victims, user, TakeExcessDailies(chain, leave_daily), RemovalReason::kCountDaily);
@@ -68,7 +67,7 @@ class SimulatedUser {
         return victims;
     }
 
-    // Adds the user's victim of a pass.
+    // Adds the backup of this user that a pass deletes, if any.
     void Pass(Victims& victims, int keep, RemovalReason reason, bool with_interrupted) {
         if (with_interrupted && !interrupted_.empty() &&
             Exceeds(count_ + interrupted_.size(), keep) && TakeInterrupted(victims, reason)) {
@@ -179,7 +178,7 @@ class Simulation {
         return victims;
     }
 
-    // A pass over the interrupted backups alone.
+    // A pass over the interrupted backups only.
     Victims PassInterrupted(RemovalReason reason) {
         Victims victims;
         for (SimulatedUser& user : users_) user.TakeInterrupted(victims, reason);
@@ -227,7 +226,7 @@ std::int64_t MissingFor(std::int64_t size, std::int64_t free, std::int64_t reser
     return std::max<std::int64_t>(LessSize(size, LessSize(free, reserved)), 0);
 }
 
-// The bytes that the fullest storage uses beyond the limit.
+// The largest number of bytes that a storage uses beyond the limit.
 std::int64_t Excess(const Simulation& simulation, std::int64_t limit) {
     std::int64_t excess = 0;
     for (const auto& [key, free] : simulation.free()) {
@@ -343,7 +342,8 @@ Chosen ChosenBy(const EvictionPlan& plan) {
     return chosen;
 }
 
-// The reason for one backup. `chain`: the user's backups that stay, without those of `open`.
+// The reason for one backup. `chain`: the user's backups that the plan keeps, without those of
+// `open`.
 KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& open) {
     if (open.contains(date)) return KeepReason::kBeingMade;
     const auto record = std::find_if(chain.begin(), chain.end(), [&date](const Record* candidate) {

@@ -14,15 +14,14 @@
 
 using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
 
-// The backups of a storage that are not complete although they are in the model or were complete
-// before.
+// The backups of a storage that are not complete, but are in the model or were complete before.
 struct NotComplete {
     // The dates of the backups that a job is making again, by user. They are not deleted and do not
     // protect older backups. Their space still counts as used.
     std::map<std::string, Dates> open;
     // The backups whose repeated job was interrupted and does not continue, by user. They are not
     // in the model. Each of them is evicted when it is its user's oldest removable backup. Their
-    // sizes are parts of `unfinished` of the storage "".
+    // sizes are included in `unfinished` of the storage "".
     std::map<std::string, Backups> interrupted;
 };
 
@@ -36,7 +35,7 @@ struct Victim {
     std::string user;
     std::string date;
     std::int64_t size = 0;
-    std::int32_t type = 1;  // as in BackupInfo
+    std::int32_t type = 1;  // see BackupInfo
     RemovalReason reason = RemovalReason::kSizeDropOne;
     bool is_interrupted = false;  // a backup of NotComplete::interrupted
 
@@ -48,8 +47,8 @@ using Victims = std::vector<Victim>;
 struct EvictionPlan {
     Victims by_count;             // backups beyond the count limits; deleted first
     std::vector<Victims> passes;  // each pass decrements max_count; some are empty
-    Victims after_passes;         // interrupted backups that are left when max_count is 0
-    // The bytes that are still missing after all deletions; 0 when the plan reaches its aim.
+    Victims after_passes;         // interrupted backups that remain when max_count is 0
+    // The bytes that are still missing after all deletions; 0 when the plan frees enough space.
     std::int64_t missing = 0;
 
     bool IsPossible() const noexcept { return missing == 0; }
@@ -84,7 +83,7 @@ EvictionPlan PlanStart(const GlobalSizeControl& control);
 EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep,
                          const NotComplete& not_complete);
 
-// A backup that stays when a plan is executed.
+// A backup that a plan does not delete.
 struct Kept {
     std::string storage;
     std::string user;
@@ -95,8 +94,8 @@ struct Kept {
 };
 
 // The reason for each backup of the model that is not a victim of the plan, in the order of
-// storages, users and dates. Contains the records of size 0 of missing days too, because they are
-// backups for the rules.
+// storages, users and dates. Includes the records of size 0 of days without a backup, because the
+// rules treat them as backups.
 std::vector<Kept> WhyKept(const Storages& storages, const EvictionPlan& plan,
                           const NotComplete& not_complete);
 

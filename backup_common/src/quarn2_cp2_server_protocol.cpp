@@ -75,7 +75,7 @@ void MasterSide::ProcessCommand(const std::string& line) {
     if (is_complete && ParseLinkAnswer(answer).is_ok) WriteCompleted(command, storage_, node_);
 }
 
-// Returns "" for an unknown command, which gets no answer.
+// Returns "" for an unknown command. The server sends no answer to it.
 std::string MasterSide::Answer(const LinkCommand& command) {
     switch (command.word) {
         case LinkCommand::Word::kReserve:
@@ -122,8 +122,8 @@ std::string MasterSide::Complete(const LinkCommand& completed) {
     const std::string& type = completed.type;
     UserDesc& user = storage_.users[completed.user];
     const std::int64_t locked_before = LockedSize(user);
-    // A custom backup gets no record, because no daily depends on it and the record would count as
-    // the user's newest backup.
+    // A custom backup is not recorded. No daily depends on it, and the record would count as the
+    // user's newest backup.
     const bool counted = completed.date != "custom" && (type == "full" || type == "incremental");
     if (counted) {
         UserDesc::BackupInfo& backup = user.backups[completed.date];
@@ -157,8 +157,8 @@ void MasterSide::KeepInfoFile(const std::string& user, const std::string& date) 
 std::string MasterSide::DropOne(std::int32_t count) {
     GlobalSizeControl& control = *storage_.owner;
     // With a size limit, the server has reserved the space according to its accounting. If the
-    // storage is full nevertheless, the cause is outside of the accounting, and the deletion of
-    // backups would not remove it.
+    // storage is full nevertheless, other data uses the space, and deleting backups would not solve
+    // the problem.
     if (control.size_limit != ServerLimits::kNoSize) {
         return FormatRefusal("Upload failed and limit is set");
     }

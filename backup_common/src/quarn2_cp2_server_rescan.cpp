@@ -51,7 +51,7 @@ bool IsKept(const std::string& directory, const std::string& name) {
 }
 
 // Removes unsafe names from a sorted listing of the storage, because the names become parts of
-// local paths. Removes repeated names, because the results of their listings would be confused.
+// local paths. Removes duplicate names, because the listings are identified by name.
 void DropUnsafe(Names& names) {
     names.erase(std::unique(names.begin(), names.end()), names.end());
     std::erase_if(names, [](const std::string& name) {
@@ -62,8 +62,8 @@ void DropUnsafe(Names& names) {
 }
 
 // Moves the file at a directory's path to `removed` when it is not a directory or is another user's
-// symbolic link. Such a file is not a copy of the storage's directory, and a rescan must not remove
-// files from the target of another user's link.
+// symbolic link. Such a file is not a copy of the directory on the storage. A rescan must not
+// remove files from the target of another user's link.
 void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
     const bool other = kro_file::Exists(path) && !kro_file::IsDirectory(path);
     if (other || kro_file::IsForeignLink(path)) removed.Take({path});
@@ -156,7 +156,7 @@ struct FailedReads {
     }
 };
 
-// Logs the progress of a long rescan: the number of files that were fetched, and their rate.
+// Logs the progress of a long rescan: the number of downloaded files and their rate.
 class ProgressLog {
   public:
     void FileFetched() {
@@ -176,7 +176,7 @@ class ProgressLog {
     std::int64_t files_ = 0;
 };
 
-// Limits the memory for listings that are held until their files are fetched.
+// Limits the memory for listings that are kept until their files are downloaded.
 constexpr std::size_t kMaxHeldListings = 256;
 constexpr std::size_t kMaxHeldNames = 100'000;
 
@@ -228,8 +228,8 @@ class Rescanner {
         quarn2::FileError error;
     };
 
-    // Lists paths from `next` on, until the listings need much memory. Returns the listings in the
-    // order of the paths and moves `next` behind the last one.
+    // Lists paths, beginning at index `next`, until the listings reach the memory limits. Returns
+    // the listings in the order of the paths and sets `next` to the first path that was not listed.
     std::vector<Listing> ListSome(const Names& paths, std::size_t& next) {
         std::vector<Listing> listings;
         std::map<std::string, std::size_t> positions;
@@ -251,8 +251,8 @@ class Rescanner {
         return listings;
     }
 
-    // True when the storage gave none of several listings. It is then assumed to be down, and the
-    // other paths are read later.
+    // True when several listings were requested and all failed because the storage is unavailable.
+    // The storage is then assumed to be down, and the other paths are read later.
     static bool AreAllUnavailable(const std::vector<Listing>& listings) {
         return listings.size() > 1 &&
                std::all_of(listings.begin(), listings.end(), [](const Listing& listing) {
@@ -286,7 +286,7 @@ class Rescanner {
     struct Found {
         std::vector<InfoFile> infos;
         // Names that cannot be listed and may be info files. If the storage was unavailable, such a
-        // name is listed again later, whatever the result of its download is.
+        // name is listed again later, even after a successful download.
         std::vector<InfoFile> unlisted;
         std::vector<std::pair<std::string, std::string>> dates;  // user and date
         std::size_t users = 0;
@@ -305,7 +305,7 @@ class Rescanner {
         } else if (filter_.empty() || filter_ == entry) {
             TakeUser(entry, listing.names, found.dates);
         }
-        // An info file is done after its download, a user after those of all dates.
+        // An info file is done after its download, a user after the downloads of all dates.
         const bool has_more = !listing.error && (!is_file || IsInfoFileName(entry));
         if (!has_more) EntryDone();
         if (has_more && !is_file) ++found.users;
@@ -334,7 +334,7 @@ class Rescanner {
         });
     }
 
-    // Reads again what could not be read. Ends after kMaxRounds rounds, because the storage is then
+    // Reads the failed entries again. Stops after kMaxRounds rounds, because the storage is then
     // assumed to be down.
     void RepeatFailed() {
         constexpr int kMaxRounds = 3;
@@ -347,7 +347,7 @@ class Rescanner {
     }
 
     // Removes names from the storage's listing that are reserved for local files and directories of
-    // this program, because the rescan would replace these.
+    // this program, because the rescan would replace the local ones.
     void DropReserved(Names& top) const {
         const bool beside_admin = !quarn2::IsAdminData(local_root_);
         std::erase_if(top, [beside_admin](const std::string& name) {
@@ -448,7 +448,7 @@ class Rescanner {
     std::string filter_;
     Names top_;  // names at the storage root
     // Always empty, because no node has a part of the info root. For a node, the rescan would not
-    // remove local entries, because the node would remove them itself.
+    // remove local entries. The node would remove them itself.
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;
@@ -459,7 +459,8 @@ class Rescanner {
     ProgressLog log_;
 };
 
-// Writes the number of the backups that the info root knows after a rescan, and their size.
+// Writes an event with the number and the total size of the backups in the info root after a
+// rescan.
 void WriteRescanned(const std::string& local_root) {
     Event event;
     event.kind = EventKind::kRescan;

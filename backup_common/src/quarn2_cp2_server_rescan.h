@@ -8,9 +8,9 @@
 #include "kro/res_handle.h"
 
 // Updates the local info files and indexes so that they match the files on the storage. Before the
-// first change, takes the exclusive lock on the server's lock file and returns this lock. First
-// finishes interrupted deletions. When the storage root cannot be listed, throws without any
-// further change.
+// first change, takes the exclusive lock on the server's lock file and returns this lock. Finishes
+// interrupted deletions first. When the storage root cannot be listed, throws without any further
+// change.
 ResHandle Rescan(const kro_args::Result& args);
 
 // Throws std::runtime_error when the last rescan into the info root was interrupted. With an

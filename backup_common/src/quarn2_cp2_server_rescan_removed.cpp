@@ -97,7 +97,7 @@ void RemovedEntries::Take(std::vector<std::string> paths) {
         const std::string target = FindFreeTarget(path);
         KRO_LOG(kLog, 6, "Move '%s' to '%s': the storage does not have it", path.c_str(),
                 target.c_str());
-        // The moved files stay at the target, so their info files can be read after the move.
+        // The info files can be read at the target after the move.
         if (Rename(path, target)) {
             WriteMoved(target);
             continue;

@@ -1,6 +1,6 @@
-// Keeps the files and directories that a rescan removes from the info root. The storage's listing
-// may be wrong, for example because the token belongs to another storage, a mount is missing, or a
-// remote server has a fault.
+// Keeps the files and directories that a rescan removes from the info root. The listing of the
+// storage may be wrong, for example because the token belongs to another storage, a mount is
+// missing, or a remote server is faulty.
 #pragma once
 
 #include <string>
@@ -13,7 +13,7 @@ class RemovedEntries {
     // The constructor changes nothing on disk.
     RemovedEntries(const std::string& storage_name, std::string directory, bool continues);
 
-    // Moves files and complete directories from the rescan's directory to
+    // Moves files and directories with their content from the directory of the rescan to
     // var/quarn2_cp.removed[#STORAGE]/, where they keep their relative paths. Unless `continues` is
     // true, the first call deletes the entries that earlier rescans moved there. Skips missing
     // entries. Deletes temporary files. Throws std::runtime_error when an entry cannot be moved;

@@ -82,8 +82,8 @@ void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem:
     }
 }
 
-// Throws when the directory is outside of var/backup and contains files other than those of
-// backups. No storage has such files, so they could not be restored.
+// Throws when the directory is outside of var/backup and contains files that do not belong to
+// backups. Storages do not have such files, so they could not be restored.
 void CheckHoldsNothingElse(const std::string& local_root) {
     const std::filesystem::path data = ResolvePath(kData);
     const bool in_data = str::StartsWith(local_root, std::string(kData) + "/") ||
@@ -124,8 +124,8 @@ std::string FindStrayEntry(const std::string& directory) {
 }
 
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name) {
-    // With the directory of all info roots, the rescan would work on its parent directory var,
-    // which contains the server's own files.
+    // For the directory of all info roots, the rescan would change files in its parent directory
+    // var, which contains the server's own files.
     if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
         ThrowCannotRescan(local_root, "name the info root in it, such as '" +
                                           kro_file::ConcatPath(local_root, "tovarn") + "'");

@@ -1,18 +1,17 @@
-// Decides which directories a rescan may work on. A rescan removes files from its directory when
-// the storage does not have them, so the directory must contain only files of backups.
+// Decides which directories may be rescanned. A rescan removes files from its directory when the
+// storage does not have them, so the directory must contain only files of backups.
 #pragma once
 
 #include <string>
 
-// The directory that a rescan works on: `local_root`, or the parent directory of `local_root` when
-// that is a user's info root.
+// The directory in which a rescan changes files: `local_root`, or the parent directory of
+// `local_root` when that is a user's info root.
 std::string RescanDirectory(const std::string& local_root);
 
-// Throws std::runtime_error when the rescan must not work on this --path. Forbidden are the
-// directory of all info roots; a directory that contains the install root; a directory that
-// contains the storage or is inside it; an info root of a user other than `storage_name`, the value
-// of --storage; and a directory outside of var/backup that contains other files than those of
-// backups.
+// Throws std::runtime_error when this --path must not be rescanned. Forbidden are the directory of
+// all info roots; a directory that contains the install root; a directory that contains the storage
+// or is inside it; an info root of a user other than `storage_name`, the value of --storage; and a
+// directory outside of var/backup that contains files that do not belong to backups.
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name);
 
 // The user whose info root is or contains `path`; empty when there is none. `data` is var/backup.

@@ -1,5 +1,5 @@
-// Finds the running server of a storage. Nothing here takes a lock, so a query never delays a job.
-// --server commands and quarn2_report use it.
+// Finds the running server of a storage. These functions take no lock, so they never delay a job.
+// Used by --server commands and quarn2_report.
 #pragma once
 
 #include <sys/types.h>

@@ -53,8 +53,8 @@ class Scanner {
         return std::string(info_.Find(key).value_or(std::string_view()));
     }
 
-    // Records a backup whose deletion was interrupted. The rest of its files will be removed, so a
-    // size that cannot be parsed must not prevent the server's start.
+    // Records a backup whose deletion was interrupted. Its remaining files will be removed, so an
+    // invalid size must not prevent the start of the server.
     void NoteHalfDeleted(StorageDesc& desc, const std::string& path) const {
         std::int64_t& size = desc.half_deleted[path];
         try {
@@ -127,7 +127,7 @@ class Scanner {
 
     void Enter(const StorageDesc& desc, UserDesc& user, const std::string& date,
                const Found& found) const {
-        // The end is the hint for the insertion, because the info files are sorted by date.
+        // Uses the end as the insertion hint, because the info files are sorted by date.
         user.backups.insert_or_assign(user.backups.end(), date,
                                       BackupInfo{found.size, found.type == "full" ? 0 : 1, false});
         KRO_LOG(kLog, 7, "%p Add %s backup %s. new used = %lld, new free_size = %lld",
@@ -135,8 +135,9 @@ class Scanner {
                 ForLog(LessSize(control_.size_limit, desc.free_size)), ForLog(desc.free_size));
     }
 
-    // Adds an empty record for each day without a backup, from a backup that is marked deleted up
-    // to the current date. The records of Sundays are full backups, the others are dailies.
+    // Adds a record of size 0 for each day without a backup, from the date of a backup with the key
+    // "deleted" to the current date. The records of Sundays are full backups, the others are
+    // dailies.
     void FillDays(UserDesc& user, const std::string& first) const {
         if (first >= current_date_) return;
         constexpr int kSunday = 0;
@@ -199,7 +200,7 @@ void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
                 observer->Fail(info_path, error.what());
                 continue;
             }
-            // The error's own text names only a number or date, not the info file.
+            // The error text contains only a number or date, not the name of the info file.
             throw std::runtime_error(info_path + ": " + error.what());
         }
     }

@@ -1,5 +1,5 @@
-// Follows the scan of the info files. The server needs only the account that the scan makes;
-// quarn2_report describes each backup.
+// Observes the scan of the info files. The server needs only the totals of the scan. quarn2_report
+// uses an observer to describe each backup.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ enum class ScanResult {
     kUnfinished,    // the ledger has an open entry for the backup
     kNotFinished,   // the info file has no "finished"
     kBeingDeleted,  // the deletion of the backup was interrupted, or is in progress
-    kOtherNode,     // the account does not contain the backup's storage
+    kOtherNode,     // the server does not manage the storage of the backup
 };
 
 class ScanObserver {
@@ -24,6 +24,7 @@ class ScanObserver {
     // The scan has read an info file. The entries of `info` are valid during the call.
     virtual void Take(const std::string& path, const quarn2::InfoReader& info,
                       ScanResult result) = 0;
-    // The scan could not read or count an info file. `reason` does not name the file in all cases.
+    // The scan could not read or count an info file. `reason` does not always contain the file
+    // name.
     virtual void Fail(const std::string& path, const std::string& reason) = 0;
 };

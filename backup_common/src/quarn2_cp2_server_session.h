@@ -15,8 +15,8 @@
 #include "quarn2_cp2_server_model.h"
 
 // The bytes that one session has reserved on its storage since the last COMPLETE command, which
-// resets all reservations of the storage. The session's end releases these bytes, because a client
-// that has ended uploads nothing.
+// resets all reservations of the storage. These bytes are released at the end of the session,
+// because a client that has ended uploads nothing.
 class OwnReserved {
   public:
     OwnReserved(GlobalSizeControl::StorageDesc& storage, bool is_remote)
@@ -38,7 +38,7 @@ class OwnReserved {
 };
 
 // The server's side of the session with one node client. Must be used only on the thread of the
-// event loop. The loop's workers own the object.
+// event loop. The workers of the event loop own the object.
 class MasterSide {
   public:
     // Starts the node client and registers its session with the loop. `first`, the name of the
@@ -58,7 +58,7 @@ class MasterSide {
     // Starts the client with two new pipes.
     void Start();
 
-    // Takes over the server's ends of the pipes.
+    // Sets the server's ends of the pipes.
     void Attach(ResHandle read, ResHandle write);
 
     // Queues one message for the client.

@@ -1,6 +1,6 @@
-// Starts the size control server of a storage, or uses the running one. This is the code of the
-// --server command, in this file named the caller. The server itself is a daemon process. The
-// caller and the daemon share the files that are declared here.
+// Starts the size control server of a storage, or uses the running one. The --server command uses
+// this code. The server itself is a daemon process, which shares the files below with the --server
+// commands.
 #pragma once
 
 #include <set>
@@ -15,7 +15,7 @@
 struct ServerFiles {
     explicit ServerFiles(const std::string& storage);
 
-    std::string pid;   // locked while there is a server
+    std::string pid;   // locked while a server runs
     std::string lock;  // --server commands lock it to keep the server alive
 };
 

@@ -22,7 +22,8 @@ constexpr mode_t kMode = 0600;
 StateFile::StateFile(const std::string& storage)
     : path_(str::Append("tmp/quarn2_cp.state", storage, "#")) {}
 
-// The file describes a running process, so a power failure may lose it, and a write needs no sync.
+// The file describes a running process and is useless after a power failure, so a write needs no
+// sync.
 void StateFile::Replace(const std::string& text) const {
     kro_file::NewFile file(path_, kMode);
     ssize_t written = ::write(file.fd(), text.data(), text.size());

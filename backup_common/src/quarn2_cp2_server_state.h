@@ -1,7 +1,7 @@
 // The state file of a running server, tmp/quarn2_cp.state[#STORAGE]: KEY=VALUE lines, readable by
-// its user only. The file contains data for which the pid file has no line. A server that crashed
-// may leave its state file. IdentityOf ignores such a file because its process id and key differ
-// from those in the pid file.
+// its user only. The file contains data that the pid file does not have. A server that crashed may
+// leave its state file. IdentityOf ignores such a file because its process id and key differ from
+// those in the pid file.
 #pragma once
 
 #include <chrono>
@@ -13,7 +13,7 @@
 #include "kro/kro_clock.h"
 #include "quarn2_cp2_server_start.h"
 
-// The account of the server, in bytes.
+// The sizes in the accounting of the server, in bytes.
 struct StateFigures {
     std::optional<std::int64_t> limit;  // nothing without a size limit
     std::int64_t used = 0;
@@ -26,22 +26,22 @@ struct StateFigures {
 
 class StateFile {
   public:
-    // The time between two writes of a changed account.
+    // The minimum time between two writes of changed figures.
     static constexpr std::chrono::seconds kPause{1};
 
     // `storage`: the value of --storage.
     explicit StateFile(const std::string& storage);
 
-    // Writes pid, key, date, the storage's identity and the account. When the file cannot be
+    // Writes pid, key, date, the storage's identity and the figures. When the file cannot be
     // written, returns false. Logs the reason of the first failure.
     bool Write(const PidFile& server, const std::string& identity, const StateFigures& figures);
 
-    // Calls Write if the last one has failed, or if the account has changed since the last one and
-    // kPause has passed.
+    // Calls Write if the last write has failed, or if the figures have changed since the last write
+    // and kPause has passed.
     void Update(const PidFile& server, const std::string& identity, const StateFigures& figures);
 
-    // The lines of the file, which may be those of an earlier server. Throws kro_err::Error when
-    // the file is missing, or is not one of this user or root.
+    // The lines of the file, which an earlier server may have written. Throws kro_err::Error when
+    // the file is missing or belongs neither to this user nor to root.
     std::map<std::string, std::string> Read() const;
 
     // The identity of the storage that this server serves; "" when the file is missing, cannot be

@@ -27,7 +27,7 @@ quarn2::InfoMap StoredInfo(quarn2::Storage& storage, const std::string& info_pat
     return info;
 }
 
-// The keys without "node", which is not uploaded.
+// Removes the key "node", because it is not uploaded.
 quarn2::InfoMap WithoutNode(quarn2::InfoMap info) {
     info.erase("node");
     return info;
@@ -55,7 +55,7 @@ bool MayHaveInfo(quarn2::Storage& storage, const std::string& info_path) {
     }
 }
 
-// The slices that the info file on the storage names; none when it cannot be read.
+// The slices in the info file on the storage; none when that file cannot be read.
 std::vector<std::string> StoredSlices(quarn2::Storage& storage, const std::string& info_path) {
     try {
         return NamedSlices(StoredInfo(storage, info_path));
@@ -120,9 +120,9 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::optional<std::string> i
     }
 }
 
-// Returns the name of the entry of the backup's archive, or the entry of a job that makes another
-// archive of the same day, such as a full backup after a daily, and may have replaced files that
-// both archives use. Returns "" when there is no such entry.
+// Returns the name of the entry for the archive of the backup. Without such an entry, returns the
+// name of the entry of another archive of the same day, for example of a full backup after a daily,
+// if its job may have replaced files that both archives use. Returns "" when there is neither.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -213,16 +213,17 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
         throw;
     }
     events.Deleted();
-    // A local info file may have "finished" for this backup. The entry stays, because without it
-    // the backup would count as complete.
+    // If a local info file has "finished" for this backup, the entry stays. Without the entry, the
+    // backup would count as complete.
     if (!noted_.contains(entry.name)) return ledger_.End(entry.name);
     ledger_.Update(entry.name, [](LedgerEntry& changed) {
         for (auto& [name, slice] : changed.slices) slice.bytes = 0;
     });
 }
 
-// A custom backup is never evicted. If slices are unknown or the info file on the storage could not
-// be read, slices that no ledger entry and no info file names would stay on the storage.
+// A custom backup is never evicted. A backup is not evicted either if its slices are not known or
+// its info file on the storage could not be read. Otherwise some of its slices would stay on the
+// storage unnoticed.
 bool UnfinishedBackups::IsInterrupted(const LedgerEntry& entry, const std::string& date) const {
     const auto noted = noted_.find(entry.name);
     return noted != noted_.end() && noted->second.was_complete && !noted->second.stored.empty() &&
@@ -265,8 +266,8 @@ void UnfinishedBackups::RemoveFiles(const std::string& entry_name, const Noted& 
     }
     RemoveStoredFiles(storage, slices);
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
-    // Delete finds the directory of the stored info file only by a slice in the local info file,
-    // which may be that of the interrupted job and name no slice.
+    // Delete derives the directory of the stored info file from a slice in the local info file. The
+    // interrupted job may have written a local info file without a slice.
     storage.RemoveFile(quarn2::GetStoredName(noted.info_path));
 }
 
@@ -298,8 +299,8 @@ std::set<std::string> UnfinishedBackups::OpenKeys() const {
     return keys;
 }
 
-// The space of the entry's backup on the storage. This is an upper bound, because old slices that
-// were replaced count twice.
+// The space of the entry's backup on the storage. This is an upper bound, because replaced slices
+// count twice.
 std::int64_t UnfinishedBackups::BytesOf(const LedgerEntry& entry) const {
     const auto noted = noted_.find(entry.name);
     if (noted == noted_.end() || !entry.IsOpen()) return entry.Bytes();

@@ -14,8 +14,8 @@
 #include "quarn2_cp2_ledger.h"
 #include "quarn2_cp2_misc_events.h"
 
-// A backup of DATE.USER.info that was complete before its job was repeated, and whose repeated job
-// was interrupted.
+// A backup with the info file DATE.USER.info. The backup was complete before its job was repeated,
+// and the repeated job was interrupted.
 struct InterruptedBackup {
     std::string user;
     std::string date;
@@ -33,9 +33,9 @@ class UnfinishedBackups {
     // and only its last command was interrupted. The constructor then marks the entry as completed.
     UnfinishedBackups(Ledger ledger, std::string identity, quarn2::Storage& storage);
 
-    // Reads the open ledger entries for quarn2_report and asks no storage, so a backup whose last
-    // command was interrupted stays unfinished. Without an identity, reads the entries of all
-    // storages.
+    // Reads the open ledger entries for quarn2_report and does not query the storage. A backup
+    // whose last command was interrupted is therefore reported as unfinished. Without an identity,
+    // reads the entries of all storages.
     UnfinishedBackups(Ledger ledger, std::optional<std::string> identity);
 
     // True when the info file belongs to a backup that is not complete. `last_slice`: the value of
@@ -50,15 +50,15 @@ class UnfinishedBackups {
     };
     // Keeps the data of the info file of an unfinished backup. If the storage has the info file,
     // the backup was complete before its job was repeated. The storage may then have the backup's
-    // old files as well as the new ones. Without a storage (null), assumes that it has the
-    // info file, and that this file names the slices of the local one.
+    // old files as well as the new ones. Without a storage (null), assumes that the storage has the
+    // same info file as this machine.
     void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
 
     // The entries whose slices may be removed when space is needed, oldest first. These are entries
-    // of complete backups, whose slices no info file names, and entries of archives older than
-    // `date` that no job has changed since the server started. Excludes a backup that was complete
-    // before its job was repeated, because the storage may still have it, and entries whose slices
-    // a node client uploads now.
+    // of complete backups, with slices that no info file contains, and entries of archives older
+    // than `date` that no job has changed since the server started. Excludes a backup that was
+    // complete before its job was repeated, because the storage may still have it, and entries
+    // whose slices a node client uploads now.
     std::vector<LedgerEntry> Reclaimable(const std::string& date) const;
 
     // Removes the entry's slices from the storage. Then removes the entry, unless a local info file
@@ -73,7 +73,7 @@ class UnfinishedBackups {
 
     // Removes an interrupted backup: the slices of the interrupted job, the slices of the complete
     // backup, its info files and its ledger entries. If that fails, the entries stay open and the
-    // removal can be repeated. Writes the events of the deletion with their cause.
+    // removal can be repeated. Writes the events of the deletion with this cause.
     void RemoveInterrupted(const std::string& user, const std::string& date,
                            std::shared_ptr<quarn2::Storage> storage,
                            const DeletionCause& cause = {}) const;
@@ -84,8 +84,8 @@ class UnfinishedBackups {
     // The part of Bytes() that belongs to the entry.
     std::int64_t BytesOf(const LedgerEntry& entry) const;
 
-    // The bytes on the storage that belong to no complete backup. Reads the ledger, which changes
-    // with every upload.
+    // The bytes on the storage that belong to no complete backup. Reads the ledger in each call,
+    // because every upload changes it.
     std::int64_t Bytes() const;
 
   private:
@@ -105,7 +105,7 @@ class UnfinishedBackups {
         std::int64_t size = 0;
         std::string info_path;
         bool is_full = true;
-        // The slices that the info file on the storage names; empty when it could not be read.
+        // The slices in the info file on the storage; empty when that file could not be read.
         std::vector<std::string> stored;
     };
     void RemoveFiles(const std::string& entry_name, const Noted& noted,
