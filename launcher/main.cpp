@@ -1,4 +1,4 @@
-// Starts the program: finds and enters the install root, runs the command and reports its errors.
+// The main program. Finds and enters the install root, runs the command and reports its errors.
 
 #include <unistd.h>
 
@@ -48,7 +48,8 @@ void SetSignals() {
 
 int Run(int argc, char** argv) {
     kro_launch::DisableCoreDumps();
-    // Otherwise the node client could write its protocol messages into a file that it opened.
+    // With a missing stream, a file opened later could get the descriptor of standard output, and
+    // the node client would write its protocol messages into that file.
     kro_launch::OpenMissingStandardStreams();
     SetSignals();
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);

@@ -74,7 +74,7 @@ class Link {
         for (int i = 0; i < 24; ++i) said += Frame(kAnswers[how % std::size(kAnswers)]);
         Require(
             write(answers_.second, said.data(), said.size()) == static_cast<ssize_t>(said.size()),
-            "a pipe takes what the server says");
+            "the pipe accepts the server's answers");
         answers_.second.Close();
     }
     MasterLink ends() const { return {answers_.first, commands_.second}; }
@@ -85,12 +85,12 @@ class Link {
 };
 
 void CheckAnswer(const std::string& word, std::string answer) {
-    Require(str::GetWord(answer) == "OK", "what is not refused is answered with OK");
+    Require(str::GetWord(answer) == "OK", "an accepted command is answered with OK");
     if (word != "PUT" && word != "PUTLAST") return;
     const Taken taken = ParseAnswer(answer);
     Require(fuzz::Accepts([&] { quarn2::CheckStoredName(taken.name); }),
-            "the put command is told a stored name");
-    Require(taken.bytes >= 0, "and a size");
+            "the answer to a put contains a valid stored name");
+    Require(taken.bytes >= 0, "the answer to a put contains a valid size");
 }
 
 // Checks that each missing local file was put: its content is on the storage.
@@ -103,7 +103,7 @@ void CheckFiles(const std::string& word, const quarn2::MemoryStore& store) {
         const auto found =
             stored.find(path.find('/') == path.npos ? name : "web2/2026-11-20/" + name);
         Require(found != stored.end() && found->second == content,
-                "a local file goes when the storage has it");
+                "a local file is removed only after it is stored");
     }
 }
 
@@ -128,9 +128,10 @@ void CheckCommand(unsigned how, const std::string& command) {
 void CheckParsed(const std::string& answer) {
     Taken taken;
     if (!fuzz::Accepts([&] { taken = ParseAnswer(answer); })) return;
-    Require(!taken.name.empty() && taken.name.find(' ') == taken.name.npos, "a name is a word");
+    Require(!taken.name.empty() && taken.name.find(' ') == taken.name.npos,
+            "a stored name is one word");
     Require(answer.starts_with(taken.name) && answer.ends_with(taken.key_hash),
-            "both are pieces of the answer");
+            "the name and the key hash are parts of the answer");
 }
 
 }  // namespace
@@ -141,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         quarn2::RegisterMemoryScheme();
         return true;
     }();
-    Require(ready, "the storage in memory is known");
+    Require(ready, "the memory storage is registered");
     fuzz::Input input(data, size);
     const unsigned how = input.Byte();
     if (how == '?') {

@@ -73,7 +73,7 @@ void CheckSlice(const std::string& info) {
     const auto named = entries.find("last-slice");
     if (entries.size() != 1 || named == entries.end() || !named->second.ends_with(".tgz")) return;
     Require(!quarn2::MemoryStore::Named("deletion")->files().contains(named->second),
-            "a backup is not forgotten before its slice is gone");
+            "a deleted backup has no slice on the storage");
 }
 
 void Check(const std::string& path, const std::string& info) {
@@ -82,10 +82,10 @@ void Check(const std::string& path, const std::string& info) {
     const auto storage = quarn2::GetStorage(quarn2::BackupToken("memory:deletion"));
     const bool deleted = fuzz::Accepts([&] { Delete(storage, path, false); });
     for (const char* const other : kOutside) {
-        Require(fs::exists(other), "no file outside of the backup's folder goes");
+        Require(fs::exists(other), "no file outside of the backup's directory is removed");
     }
     Require(fs::exists("info/2026-11-20.web3.info") || info.find("web3") != info.npos,
-            "no other backup's info file goes that is not named");
+            "the info file of another backup is removed only if the deleted one names it");
     if (deleted) CheckSlice(info);
 }
 
@@ -93,7 +93,7 @@ void Check(const std::string& path, const std::string& info) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool registered = (quarn2::RegisterMemoryScheme(), true);
-    Require(registered, "the storage in memory is known");
+    Require(registered, "the memory storage is registered");
     fuzz::Input input(data, size);
     const bool own_folder = input.Byte() == 'd';
     const std::string info = input.Rest();

@@ -207,13 +207,13 @@ void CheckDownload(const std::string& plain, const std::string& sealed) {
     Taken taken;
     const bool accepted = fuzz::Accepts([&] { storage.backend->Get(kName, taken); });
     if (!BeginsAsEncrypted(stored)) {
-        Require(accepted && taken.text == stored, "what was never encrypted comes as it is");
+        Require(accepted && taken.text == stored, "unencrypted content is returned unchanged");
         return;
     }
-    Require(accepted == (stored == sealed), "what was stored is accepted, nothing else is");
-    Require(plain.starts_with(taken.text), "nothing is handed on that was not stored");
-    Require(!accepted || taken.text == plain, "what was stored comes back");
-    Require(!taken.expected || *taken.expected >= 0, "no file has less than nothing");
+    Require(accepted == (stored == sealed), "only unmodified encrypted content is accepted");
+    Require(plain.starts_with(taken.text), "only stored content is passed on");
+    Require(!accepted || taken.text == plain, "the decrypted content equals the original");
+    Require(!taken.expected || *taken.expected >= 0, "a file size is not negative");
 }
 
 void CheckMutation(fuzz::Input& input) {
@@ -257,14 +257,15 @@ void CheckRoundTrip(fuzz::Input& input) {
     std::string plain(input.Number() * 3, 'p');
     plain += input.Rest();
     Plain source(plain);
-    Require(TheStorage().backend->Put(kName, source), "a file is stored");
+    Require(TheStorage().backend->Put(kName, source), "the upload of a file succeeds");
     Require(static_cast<std::int64_t>(file.stored_.size()) ==
                 quarn2::SizeEncrypted(kName, source.size()),
-            "a file occupies what was foretold");
+            "the stored size equals the size computed before the upload");
     file.told_ = static_cast<std::int64_t>(file.stored_.size());
     Taken taken;
     TheStorage().backend->Get(kName, taken);
-    Require(taken.text == plain && taken.expected == source.size(), "what was stored comes back");
+    Require(taken.text == plain && taken.expected == source.size(),
+            "the decrypted content equals the original");
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ class World {
 };
 
 Expect::Result* Worker::operator()(ResHandle handle) {
-    Require(!dropped, "a worker that was dropped is not called");
+    Require(!dropped, "a removed worker is not called");
     Require(int(handle) == fd_, "a worker is called with its own descriptor");
     char bytes[64];
     const ssize_t count = read(handle, bytes, sizeof bytes);
@@ -131,7 +131,7 @@ Expect::Result* Worker::operator()(ResHandle handle) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto ignored = signal(SIGPIPE, SIG_IGN);
-    Require(ignored != SIG_ERR, "a broken pipe is an error like others");
+    Require(ignored != SIG_ERR, "SIGPIPE is ignored");
     fuzz::Input input(data, size);
     World world(input);
     world.Run();

@@ -34,18 +34,20 @@ void CheckLine(const std::string& line) {
     }
     const std::string written = FormatEvent(event);
     Require(written.find('\n') == written.npos, "an event is one line");
-    Require(written.size() < 32UL * 1024, "a line has a limit");
-    Require(EventBehindFragment(written).empty(), "no text looks like the beginning of an event");
+    Require(written.size() < 32UL * 1024, "the length of a line is limited");
+    Require(EventBehindFragment(written).empty(),
+            "no text in an event looks like the beginning of an event");
     const Event again = ParseEvent(written);
-    Require(HasShortTexts(again), "a long text is cut");
-    Require(again == event || !HasShortTexts(event), "a written event is parsed to the same event");
+    Require(HasShortTexts(again), "a long text is truncated");
+    Require(again == event || !HasShortTexts(event),
+            "parsing a written event returns the same event");
     Require(FormatEvent(again) == written, "a parsed event is written as the same line");
 }
 
 void Check(const Forecast& forecast) {
     for (const auto& days : {forecast.expected, forecast.earliest, forecast.latest}) {
         Require(!days || (*days >= 0 && *days <= kForecastDays), "a forecast is within a year");
-        Require(!days || forecast.has_data, "a forecast has data");
+        Require(!days || forecast.has_data, "a forecast with days has data");
     }
     Require(!forecast.expected || (forecast.earliest && *forecast.earliest <= *forecast.expected),
             "the expected day is not before the earliest");
@@ -68,7 +70,8 @@ void CheckFile(const std::string& text) {
         sums.Add(event);
     };
     ReadEvents(kPath, {}, add, [&](const BrokenLine& line) {
-        Require(line.number > broken && !line.reason.empty(), "a broken line has its number");
+        Require(line.number > broken && !line.reason.empty(),
+                "an invalid line is reported with its number and a reason");
         broken = line.number;
     });
     Require(!events.empty() && events.back().user == last.user, "the next event is never lost");

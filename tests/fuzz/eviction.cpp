@@ -53,10 +53,11 @@ class World {
     }
 
     void Compare() const {
-        Require(evicted_ == rules_.evictions, "the same backups go, in the same order");
-        Require(storage_.free_size == rules_.free, "the same space is free");
-        Require(control_.max_count == rules_.max_count, "the same passes are left");
-        Require(Survivors() == rules_.users.size(), "the same users stay");
+        Require(evicted_ == rules_.evictions, "the same backups are evicted in the same order");
+        Require(storage_.free_size == rules_.free, "the free space is the same");
+        Require(control_.max_count == rules_.max_count,
+                "the number of remaining passes is the same");
+        Require(Survivors() == rules_.users.size(), "the same users remain");
         for (const User& user : rules_.users) CompareUser(user, storage_.users.at(user.name));
     }
 
@@ -110,12 +111,14 @@ class World {
     }
 
     void DropOldest(int keep) {
-        Require(ProductDropsOldest(keep) == rules_.DropOldest(keep), "both end, or neither");
+        Require(ProductDropsOldest(keep) == rules_.DropOldest(keep),
+                "both implementations fail, or neither does");
     }
 
     void MakeRoom(std::int64_t wanted) {
         const EvictionPlan plan = PlanRoom(control_, "", wanted, {});
-        Require(plan.IsPossible() == rules_.MakeRoom(wanted), "both find room, or neither");
+        Require(plan.IsPossible() == rules_.MakeRoom(wanted),
+                "both implementations find enough space, or neither does");
         for (const Victims& pass : plan.passes) {
             if (!plan.IsPossible() && !pass.empty()) return;
             Evict(pass);
@@ -133,12 +136,13 @@ class World {
     std::size_t Survivors() const { return storage_.users.size(); }
 
     void CompareUser(const User& user, const UserDesc& desc) const {
-        Require(desc.backups.size() == user.records.size(), "as many records stay");
+        Require(desc.backups.size() == user.records.size(),
+                "the number of remaining records is the same");
         for (const Record& record : user.records) {
             const auto kept = desc.backups.find(record.date);
-            Require(kept != desc.backups.end(), "the same records stay");
+            Require(kept != desc.backups.end(), "the same records remain");
             Require(kept->second.size == record.size && (kept->second.type == 0) == record.full,
-                    "they stay as they were");
+                    "the remaining records are unchanged");
         }
         CheckRestorable(user.name, desc);
     }
@@ -147,13 +151,13 @@ class World {
     void CheckRestorable(const std::string& name, const UserDesc& desc) const {
         const auto newest = newest_.find(name);
         if (newest == newest_.end()) return;
-        Require(desc.backups.contains(newest->second), "the newest backup stays");
+        Require(desc.backups.contains(newest->second), "the newest backup is not evicted");
         const auto bases = bases_.find(name);
         if (bases == bases_.end()) return;
         for (const auto& [date, backup] : desc.backups) {
             const auto base = bases->second.find(date);
             Require(base == bases->second.end() || desc.backups.contains(base->second),
-                    "what a daily rests on stays as long as the daily");
+                    "a full backup is not evicted before the dailies that depend on it");
         }
     }
 

@@ -20,14 +20,14 @@ using namespace quarn2::ftp;
 constexpr std::size_t kMaxText = 20UL * 1024;
 
 void CheckReply(const Reply& reply) {
-    Require(reply.code >= 0 && reply.code <= 999, "a code has three digits");
-    Require(reply.text.size() < kMaxText, "a text has an end");
-    Require(reply.verb.find(' ') == reply.verb.npos, "no argument of a command is kept");
+    Require(reply.code >= 0 && reply.code <= 999, "a reply code has at most three digits");
+    Require(reply.text.size() < kMaxText, "the length of a reply text is limited");
+    Require(reply.verb.find(' ') == reply.verb.npos, "the recorded command has no arguments");
     SaysMissing(reply.words);
     SaysDenied(reply.words);
     SaysTlsNeeded(reply.words);
     SaysTruncated(reply.text);
-    Require(!IsFull(reply) || reply.IsRefusal(), "a storage is full when it refuses");
+    Require(!IsFull(reply) || reply.IsRefusal(), "only a refusal reports a full storage");
     IsUnknownCommand(reply);
     KindOf(reply);
 }
@@ -46,26 +46,27 @@ void CheckTranscript(fuzz::Input& input) {
     for (const Reply& reply : transcript.replies()) {
         CheckReply(reply);
         const Reply* const found = transcript.Find(reply.verb);
-        Require(reply.code == 0 || found != nullptr, "a reply is found by its command");
+        Require(reply.code == 0 || found != nullptr, "the reply to a command is found");
     }
     const Reply* const refusal = transcript.Refusal();
     Require(refusal == nullptr || refusal == &transcript.replies().back(),
-            "a refusal answers what was sent last");
+            "a refusal is the last reply");
 }
 
 void CheckListing(const std::string& text, Listing (*parse)(std::string_view)) {
     Listing listing;
     if (!fuzz::Accepts([&] { listing = parse(text); })) return;
-    Require(text.empty() || text.ends_with('\n'), "a listing that is cut off is refused");
+    Require(text.empty() || text.ends_with('\n'), "a truncated listing is rejected");
     for (const Entry& entry : listing.entries) {
         Require(!entry.name.empty() && entry.name != "." && entry.name != ".." &&
                     entry.name.find('/') == entry.name.npos && !quarn2::HasControl(entry.name),
-                "a name is that of an entry of the directory");
+                "a listed name is a valid file name");
         Require(entry.size.value_or(0) >= 0, "a size is not negative");
-        Require(text.find(entry.name) != text.npos, "a name stands in its line");
+        Require(text.find(entry.name) != text.npos, "a listed name is part of the listing");
     }
     const auto lines = std::count(text.begin(), text.end(), '\n');
-    Require(listing.entries.size() <= static_cast<std::size_t>(lines), "a line has one name");
+    Require(listing.entries.size() <= static_cast<std::size_t>(lines),
+            "a line has at most one name");
 }
 
 }  // namespace

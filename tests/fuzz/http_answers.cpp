@@ -68,7 +68,8 @@ extern "C" int connect(int fd, const sockaddr* address, socklen_t size) {
     }
     const std::string& script = TheNetwork().scripts.front();
     const ssize_t sent = send(found->second, script.data(), script.size(), MSG_NOSIGNAL);
-    Require(sent == static_cast<ssize_t>(script.size()), "a socket takes what the server says");
+    Require(sent == static_cast<ssize_t>(script.size()),
+            "the socket accepts the server's response");
     TheNetwork().scripts.pop_front();
     shutdown(found->second, SHUT_WR);
     return 0;
@@ -92,7 +93,7 @@ namespace {
 class Taken final : public quarn2::ByteSink {
   public:
     void Expect(std::int64_t size) override {
-        Require(size >= 0, "no file has less than nothing");
+        Require(size >= 0, "a file size is not negative");
         expected = size;
     }
     void Write(std::span<const std::byte> bytes) override {
@@ -122,13 +123,13 @@ void CheckDownload(quarn2::StorageBackend& storage) {
     Taken taken;
     storage.Get("a/file", taken);
     Require(taken.expected < 0 || taken.received == taken.expected,
-            "a download is whole or an error");
+            "an incomplete download is an error");
 }
 
 void CheckList(quarn2::StorageBackend& storage, const std::string& directory) {
     for (const std::string& name : storage.List(directory)) {
         Require(name == directory || fuzz::Accepts([&name] { quarn2::CheckStoredName(name); }),
-                "a listing shows names");
+                "a listing contains only valid names");
     }
 }
 
@@ -165,14 +166,14 @@ const std::vector<quarn2::BackupToken>& Tokens() {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const auto ignored = std::signal(SIGPIPE, SIG_IGN);
-    Require(ignored != SIG_ERR, "a broken pipe is an error like others");
+    Require(ignored != SIG_ERR, "SIGPIPE is ignored");
     fuzz::Input input(data, size);
     const unsigned what = input.Byte();
     Network& network = TheNetwork();
     network.scripts.clear();
     while (!input.empty()) network.scripts.push_back(input.Until("\n====\n"));
     const quarn2::BackupToken& token = Tokens().at(what / 6 % Tokens().size());
-    Require(static_cast<bool>(token), "the storages' tokens are good");
+    Require(static_cast<bool>(token), "the token of each storage is valid");
     fuzz::Accepts([&] {
         const auto storage = quarn2::FindScheme(token.scheme())->open(token);
         Do(what, *storage);

@@ -24,7 +24,7 @@ class TextFile {
         const auto size = static_cast<ssize_t>(text.size());
         const bool saved =
             ftruncate(fd_, 0) == 0 && pwrite(fd_, text.data(), text.size(), 0) == size;
-        Require(saved, "a file in memory can be written");
+        Require(saved, "the memory file can be written");
     }
     const std::string& path() const { return path_; }
 
@@ -67,7 +67,8 @@ bool EndsALine(const InfoMap& info) {
 void CheckWhatIsWritten(const TextFile& file, const InfoMap& info) {
     if (EndsALine(info)) return;
     file.Save(str::Join(info, "\n"));
-    Require(quarn2::GetInfo(file.path()) == info, "what is written is read again");
+    Require(quarn2::GetInfo(file.path()) == info,
+            "reading a written info file returns the same keys");
 }
 
 void CheckAccount(const std::string& text) {
@@ -78,7 +79,7 @@ void CheckAccount(const std::string& text) {
     }();
     static const std::string name = directory + "/2026-11-19.web1.info";
     std::FILE* const file = std::fopen(name.c_str(), "w");
-    Require(file != nullptr, "a file can be written");
+    Require(file != nullptr, "the file can be written");
     std::fwrite(text.data(), 1, text.size(), file);
     std::fclose(file);
     GlobalSizeControl control;
@@ -87,9 +88,9 @@ void CheckAccount(const std::string& text) {
     const GlobalSizeControl::StorageDesc& storage = control.AddStorage(nullptr);
     if (!fuzz::Accepts([&] { control.Init("2026-11-20"); })) return;
     Require(storage.free_size <= control.size_limit && storage.limit <= control.size_limit,
-            "an info file makes no room");
-    Require(storage.free_size <= storage.limit, "what is free could be free");
-    Require(control.max_count >= 0 && control.max_count <= 2, "one backup is counted once");
+            "an info file does not increase the free space");
+    Require(storage.free_size <= storage.limit, "the free space is not larger than the limit");
+    Require(control.max_count >= 0 && control.max_count <= 2, "a backup is not counted twice");
 }
 
 }  // namespace
@@ -100,15 +101,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     file.Save(text);
     InfoMap info;
     const bool accepted = fuzz::Accepts([&] { info = quarn2::GetInfo(file.path()); });
-    Require(accepted == (text.find('\0') == text.npos), "only a NUL byte makes it no info file");
+    Require(accepted == (text.find('\0') == text.npos),
+            "an info file is rejected only because of a NUL byte");
     CheckAccount(text);
     if (!accepted) return 0;
-    Require(info == SimplyRead(text), "both readers read the same");
-    Require(info == str::Split(text, "\n"), "so does the reader of lists");
+    Require(info == SimplyRead(text), "both parsers return the same keys");
+    Require(info == str::Split(text, "\n"), "the list parser returns the same keys");
     quarn2::InfoReader reader;
     reader.Read(file.path());
     for (const auto& [key, value] : info) {
-        Require(reader.Find(key) == value, "the reader of many files finds the same");
+        Require(reader.Find(key) == value, "InfoReader finds the same values");
     }
     quarn2::GetExtByInfo(info);
     CheckWhatIsWritten(file, info);

@@ -43,20 +43,20 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const std::uint16_t port : {std::uint16_t{22}, std::uint16_t{2222}}) {
         const KnownHosts hosts = Read(text, port);
         Require(hosts.Check(kType, kKey) != Trust::kTrusted || HasLineOf(text),
-                "a key is trusted when a line has it");
+                "a key is trusted only if a line contains it");
         const auto types = hosts.Types();
         Require(hosts.Check(kType, kKey) != Trust::kTrusted ||
                     std::find(types.begin(), types.end(), kType) != types.end(),
-                "the type of a trusted key is asked for");
+                "the list of key types contains the type of a trusted key");
         Require(Read(text + "\n@revoked * " + kType + " " + kKey + "\n", port).Check(kType, kKey) ==
                     Trust::kRevoked,
                 "a revoked key is never trusted");
         Require(Read(text + "\n* " + kType + " " + kKey + "\n", port).Check(kType, kKey) !=
                     Trust::kUnknown,
-                "a line counts whatever stands before it");
+                "a valid line counts regardless of the lines before it");
     }
     const KnownHosts vouched = Read(OnlyAuthorities(text));
     Require(vouched.Check(kType, kKey) == Trust::kUnknown && vouched.Types().empty(),
-            "a certificate authority makes no key trusted");
+            "a certificate authority line does not make a key trusted");
     return 0;
 }

@@ -68,7 +68,7 @@ class Server {
 void CheckFrames(const std::string& answers) {
     for (const std::string& answer : SessionLink::Cut(answers)) {
         Require(answer.starts_with("OK") || answer.starts_with("ERR "),
-                "every answer is a whole frame");
+                "every answer is a complete frame");
     }
 }
 
@@ -76,15 +76,16 @@ void CheckNames(const Server& server) {
     for (const auto& [name, user] : server.storage().users) {
         for (const auto& [date, backup] : user.backups) {
             Require(name.find('/') == name.npos && date.find('/') == date.npos,
-                    "no user and no date is a path");
-            Require(backup.size >= 0, "no backup has less than nothing");
+                    "users and dates contain no slash");
+            Require(backup.size >= 0, "the size of a backup is not negative");
         }
     }
 }
 
 void CheckAccount(const Server& server) {
     if (server.control().size_limit != kLimit) return;
-    Require(server.storage().free_size <= kLimit, "no line makes room that is not there");
+    Require(server.storage().free_size <= kLimit,
+            "no command increases the free space beyond the limit");
 }
 
 void CheckSession(bool remote, fuzz::Input& input) {
@@ -104,10 +105,11 @@ void CheckSession(bool remote, fuzz::Input& input) {
     fuzz::InPieces(lines, [&pieces](std::string_view piece) {
         if (pieces.open()) pieces.Feed(piece);
     });
-    Require(pieces.answers() == whole.answers(), "lines in pieces mean the same");
+    Require(pieces.answers() == whole.answers(),
+            "the answers do not depend on how the input is split");
     Require(pieces.storage().free_size == whole.storage().free_size &&
                 pieces.storage().reserved == whole.storage().reserved,
-            "the account is the same too");
+            "the accounting does not depend on how the input is split");
 }
 
 // Returns the complete frames before the first truncated frame, as a simple reader finds them.
@@ -128,13 +130,13 @@ void CheckNodeSide(fuzz::Input& input) {
     const std::string bytes = input.Take(kPiece);
     auto pipe = kro_proc::Pipe();
     Require(write(pipe.second, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
-            "a pipe takes the bytes");
+            "the pipe accepts the bytes");
     pipe.second.Close();
     for (const std::string& frame : FramesIn(bytes)) {
-        Require(NodeSide::GetResult(pipe.first) == frame, "a whole frame is taken exactly");
+        Require(NodeSide::GetResult(pipe.first) == frame, "a complete frame is read exactly");
     }
     Require(!fuzz::Accepts([&pipe] { NodeSide::GetResult(pipe.first); }),
-            "a frame that is cut off is none");
+            "a truncated frame is rejected");
 }
 
 // Checks how the node client interprets the same frames as answers.
@@ -146,7 +148,7 @@ void CheckExchange(const std::string& bytes) {
     auto answers = kro_proc::Pipe();
     const auto commands = kro_proc::Pipe();
     Require(write(answers.second, said.data(), said.size()) == static_cast<ssize_t>(said.size()),
-            "a pipe takes the bytes");
+            "the pipe accepts the bytes");
     answers.second.Close();
     kro_thread::SafeLock lock;
     NodeSide node(lock, {answers.first, commands.second});
@@ -154,9 +156,9 @@ void CheckExchange(const std::string& bytes) {
         std::string answer;
         const bool granted = fuzz::Accepts([&] { answer = node.DoCommand("RELEASE 1\n"); });
         Require(granted == (frame == "OK" || frame.starts_with("OK ")),
-                "what is granted begins with OK, and nothing else does");
+                "a command succeeds exactly if its answer begins with OK");
         Require(!granted || answer == frame.substr(std::min<std::size_t>(3, frame.size())),
-                "its text is what stands behind");
+                "the returned text is the text after OK");
     }
 }
 
@@ -169,7 +171,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         quarn2::RegisterMemoryScheme();
         return true;
     }();
-    Require(ready, "the storage in memory is known");
+    Require(ready, "the memory storage is registered");
     fuzz::Input input(data, size);
     const unsigned what = input.Byte() % 3;
     if (what == 2) {

@@ -108,7 +108,7 @@ void CheckGone(const Names& left, const std::vector<Line>& lines) {
         const bool meant = std::any_of(lines.begin(), lines.end(), [&name](const Line& line) {
             return line.token && !line.prefix.empty() && name.find(line.prefix) != name.npos;
         });
-        Require(meant, "what goes has the prefix of a line");
+        Require(meant, "only files with the prefix of a line are removed");
     }
 }
 
@@ -127,10 +127,10 @@ void CheckCleanUp(const std::string& list) {
     for (const Line& line : lines) {
         const bool failed = !line.token || line.prefix.empty();
         if (failed) expected += line.text + "\n";
-        Require(!failed || rest.find(line.text) != rest.npos, "a line that failed stays");
+        Require(!failed || rest.find(line.text) != rest.npos, "a line that failed is kept");
     }
-    Require(rest == expected, "no other line stays");
-    Require(fs::exists("info/.cleanup") == !expected.empty(), "a list without lines goes");
+    Require(rest == expected, "no other line is kept");
+    Require(fs::exists("info/.cleanup") == !expected.empty(), "an empty list is removed");
 }
 
 void CheckIndexes(const std::string& list) {
@@ -140,7 +140,7 @@ void CheckIndexes(const std::string& list) {
     const std::array<std::string, 2> indexes = {"2026-11-20.web1.tgz.aes", "other.tgz"};
     Require(quarn2::IsEncrypted("info/2026-11-19.web1.info") ==
                 before.contains("2026-11-19.web1.tgz.aes"),
-            "an index that is listed is known for encrypted");
+            "exactly the listed indexes count as encrypted");
     for (const std::string& index : indexes) DeleteEncryptedIndex("info/" + index);
     Names expected = AllNames();
     auto entries = before;
@@ -148,23 +148,24 @@ void CheckIndexes(const std::string& list) {
         if (before.contains(index)) expected.erase(index);
         entries.erase(index);
     }
-    Require(Local() == expected, "what is listed goes, nothing else does");
+    Require(Local() == expected, "exactly the listed files are removed");
     // A value that ends with a carriage return loses it.
     if (list.find('\r') != list.npos) return;
-    Require(str::Split(Load("info/.encrypted_indexes"), "\n") == entries, "other entries stay");
+    Require(str::Split(Load("info/.encrypted_indexes"), "\n") == entries, "other entries are kept");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool registered = (quarn2::RegisterMemoryScheme(), true);
-    Require(registered, "the storage in memory is known");
+    Require(registered, "the memory storage is registered");
     fuzz::Input input(data, size);
     if (input.Byte() == 'e') {
         CheckIndexes(input.Rest());
     } else {
         CheckCleanUp(input.Rest());
     }
-    Require(fs::exists("outside") || !fs::exists("info"), "nothing outside of the folder goes");
+    Require(fs::exists("outside") || !fs::exists("info"),
+            "no file outside of the directory is removed");
     return 0;
 }

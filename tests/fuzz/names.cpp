@@ -35,23 +35,24 @@ bool IsStoredName(const std::string& name) {
 
 void CheckCuts(const std::string& name) {
     const std::string stem = quarn2::StripSliceNumber(name);
-    Require(name.starts_with(stem), "a stem is the beginning of its name");
-    Require(stem.size() >= name.rfind('/') + 1, "a slice number is not cut out of a directory");
+    Require(name.starts_with(stem), "a stem is a prefix of its name");
+    Require(stem.size() >= name.rfind('/') + 1,
+            "no part of a directory is removed as a slice number");
     const std::string extension = quarn2::GetExtByInfo({{"last-slice", name}});
     Require(extension.starts_with('.') && extension.find('/') == extension.npos,
-            "an extension is no path");
-    Require(name.find(quarn2::GetUserName(name)) != name.npos, "a user is a piece of the name");
+            "an extension contains no slash");
+    Require(name.find(quarn2::GetUserName(name)) != name.npos, "the user is part of the name");
     const std::string date = quarn2::GetDate(name);
-    Require(date == "custom" || name.find(date) != name.npos, "a date is a piece of the name");
+    Require(date == "custom" || name.find(date) != name.npos, "the date is part of the name");
     Require(date.find('/') == date.npos && quarn2::GetUserName(name).find('/') == date.npos,
-            "neither is a path");
-    Require(NodeSide::Key(name).find('/') == name.npos, "a key of uploads is no path");
+            "user and date contain no slash");
+    Require(NodeSide::Key(name).find('/') == name.npos, "an upload key contains no slash");
     Require(!quarn2::GetPath(name).starts_with('/'), "a storage path is relative");
     Require(kro_file::GoodPath(kro_file::GoodPath(name)) == kro_file::GoodPath(name),
-            "a normalised path is normalised");
+            "normalising a normalised path does not change it");
     quarn2::IsAdminData(name);
     if (kro_date::IsDate(name)) {
-        Require(kro_date::Date(name).AsDate() == name, "a date is written as it is read");
+        Require(kro_date::Date(name).AsDate() == name, "a formatted date equals the parsed text");
     }
 }
 
@@ -59,14 +60,15 @@ void CheckCuts(const std::string& name) {
 void CheckPrefix(const std::string& name) {
     const std::string prefix = GetPrefix(name);
     Require(name.find(prefix) != name.npos && prefix.size() + 1 >= prefix.size(),
-            "a prefix is a piece of the name");
+            "a prefix is part of the name");
 }
 
 // A rescan creates local files and directories with the names that a storage lists.
 void CheckListed(const std::string& name) {
     if (quarn2::IsSafeName(name)) {
         const std::string path = kro_file::ConcatPath(kRoot, name);
-        Require(IsBelow(path) && kro_file::Path(path) == kRoot, "a safe name stays in its place");
+        Require(IsBelow(path) && kro_file::Path(path) == kRoot,
+                "a safe name refers to an entry of the directory");
     }
     if (IsStoredName(name)) {
         Require(IsBelow(kro_file::ConcatPath(kRoot, name)), "a stored name stays below the root");
@@ -77,10 +79,10 @@ void CheckListed(const std::string& name) {
 void CheckOwnFile(const std::string& local) {
     std::string stored;
     if (!fuzz::Accepts([&] { stored = quarn2::GetStoredName(local); })) return;
-    Require(IsStoredName(stored), "the stored name of a local file is one");
-    Require(stored.find(' ') == stored.npos, "a stored name ends with its word");
+    Require(IsStoredName(stored), "the stored name of a local file is valid");
+    Require(stored.find(' ') == stored.npos, "a stored name contains no blank");
     Require(kro_file::Name(stored) == kro_file::Name(kro_file::GoodPath(local)),
-            "a file keeps its name");
+            "the stored name has the file name of the local file");
 }
 
 // Checks the paths where an info file is searched, for any source of the name.
@@ -88,23 +90,23 @@ void CheckInfoPlaces(const std::string& name) {
     if (!quarn2::IsSafeName(name)) return;
     for (const std::string& place :
          quarn2::InfoPlaces(kRoot, quarn2::GetUserName(name), quarn2::GetDate(name))) {
-        Require(IsBelow(place), "an info file is looked for below its root alone");
+        Require(IsBelow(place), "the path of an info file is below the info root");
     }
 }
 
 void CheckRemote(const std::string& name) {
-    Require(quarn2::s3::NameOf(quarn2::s3::KeyOf(name)) == name, "a key stands for one name");
+    Require(quarn2::s3::NameOf(quarn2::s3::KeyOf(name)) == name, "a key converts back to its name");
     static const quarn2::BackupToken token("webdav://u:p@host/a/b%20c");
     static const quarn2::webdav::DavAddress address(token);
     const std::optional<std::string> behind = address.NameOf(name);
     Require(!behind || behind->empty() || IsBelow(kro_file::ConcatPath(kRoot, *behind)),
-            "an href stands for a name below the root, or for none");
+            "the name of an href is below the root");
     if (!IsStoredName(name)) return;
-    Require(address.NameOf(address.File(name)) == name, "a URL stands for one name");
+    Require(address.NameOf(address.File(name)) == name, "a URL converts back to its name");
     const std::string temporary = kro_file::Name(quarn2::webdav::NewTemporaryName(name));
-    Require(quarn2::webdav::IsTemporaryEntry(temporary), "a temporary name is known again");
+    Require(quarn2::webdav::IsTemporaryEntry(temporary), "a temporary name is recognised");
     Require(quarn2::webdav::IsTemporaryOf(temporary, kro_file::Name(name)),
-            "a temporary name is known for its file's");
+            "a temporary name is recognised as that of its file");
 }
 
 }  // namespace
@@ -120,7 +122,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         CheckInfoPlaces(name);
         CheckRemote(name);
         Require(kro_file::IsTemporaryName(kro_file::TemporaryName(name + "x")),
-                "a local temporary name is known again");
+                "a local temporary name is recognised");
     }
     return 0;
 }

@@ -106,8 +106,8 @@ Names WithoutOwn(Names names, const std::string& mark) {
 
 void CheckFetched(const std::string& root) {
     for (const auto& entry : fs::recursive_directory_iterator(root)) {
-        Require(quarn2::IsSafeName(entry.path().filename()), "what is fetched has a name");
-        Require(!entry.is_symlink(), "and is no link");
+        Require(quarn2::IsSafeName(entry.path().filename()), "a downloaded file has a safe name");
+        Require(!entry.is_symlink(), "a downloaded file is not a symbolic link");
     }
 }
 
@@ -115,7 +115,7 @@ void CheckFetched(const std::string& root) {
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool registered = (Register(), true);
-    Require(registered && !Folder().empty(), "the storage is known");
+    Require(registered && !Folder().empty(), "the storage is registered");
     fuzz::Input input(data, size);
     const bool user_data = input.Byte() == 'p';
     Script() = &input;
@@ -132,7 +132,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const std::string mark = user_data ? "#u" : "";
     Require(WithoutOwn(Below(".", cleaned), mark) == WithoutOwn(before, mark),
             "nothing changes outside of the info root");
-    Require(fs::exists("var/backup/tovarn"), "an administrator's info root stays");
+    Require(fs::exists("var/backup/tovarn"), "an administrator's info root is kept");
     CheckFetched(cleaned);
     fs::remove_all(cleaned);
     fs::remove_all("var/quarn2_cp.removed" + mark);

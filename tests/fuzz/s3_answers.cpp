@@ -39,23 +39,25 @@ std::optional<Listing> Read(const std::string& body, bool in_pieces) {
 void CheckListing(const std::string& body) {
     const std::optional<Listing> whole = Read(body, false);
     const std::optional<Listing> pieces = Read(body, true);
-    Require(whole.has_value() == pieces.has_value(), "pieces are refused as the whole is");
+    Require(whole.has_value() == pieces.has_value(),
+            "splitting the input does not change whether it is rejected");
     if (!whole) return;
     Require(whole->keys == pieces->keys && whole->directories == pieces->directories &&
                 whole->next == pieces->next,
-            "pieces mean what the whole means");
+            "splitting the input does not change the result");
     for (const auto& [key, size] : whole->keys) {
         Require(size.value_or(0) >= 0, "a size is not negative");
         const std::optional<std::string> name = NameOf(key);
-        Require(!name || KeyOf(*name) == key, "a name goes back to its key");
+        Require(!name || KeyOf(*name) == key, "a name converts back to its key");
         Require(!IsXmlText(key) || !quarn2::HasControl(key) || key.find('\x7f') != key.npos,
-                "a text for XML has no control character");
-        Require(XmlEscaped(key).find('<') == key.npos, "an escaped key opens no element");
+                "an XML text contains no control characters");
+        Require(XmlEscaped(key).find('<') == key.npos, "an escaped key contains no markup");
     }
 }
 
 void CheckRefusal(const Refusal& refusal) {
-    Require(!quarn2::HasControl(refusal.Text()), "a refusal's text is one line");
+    Require(!quarn2::HasControl(refusal.Text()),
+            "the text of an error response has no control characters");
     refusal.IsNoRoom();
     refusal.kind();
 }
@@ -85,7 +87,7 @@ void CheckQuery(fuzz::Input& input) {
     }
     std::sort(read.begin(), read.end());
     std::sort(params.begin(), params.end());
-    Require(read == params, "a query says what was to be asked");
+    Require(read == params, "parsing a query returns its parameters");
     Unsigned request{"GET", "/", query, params, "hash"};
     for (auto& header : request.headers) {
         for (char& c : header.second) c = c == '\n' ? ' ' : c;
@@ -94,7 +96,7 @@ void CheckQuery(fuzz::Input& input) {
     Signer signer({"access", "secret", "region"});
     const std::string header = signer.Authorization(request, 1795176000);
     Require(header.find("secret") == header.npos || query.find("secret") != header.npos,
-            "the secret key is no part of a signature");
+            "a signature does not contain the secret key");
 }
 
 }  // namespace

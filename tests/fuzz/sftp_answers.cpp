@@ -84,12 +84,12 @@ class Scripted final : public Stream {
 class Taken final : public quarn2::ByteSink {
   public:
     void Expect(std::int64_t size) override {
-        Require(size >= 0, "no file has less than nothing");
+        Require(size >= 0, "a file size is not negative");
         expected = size;
     }
     void Write(std::span<const std::byte> bytes) override {
         received += static_cast<std::int64_t>(bytes.size());
-        Require(received <= expected, "no more is handed on than was promised");
+        Require(received <= expected, "a download is not longer than the announced size");
     }
 
     std::int64_t expected = -1;
@@ -100,7 +100,7 @@ void CheckList(Session& session, const Place& place, const std::string& name) {
     for (const std::string& shown : List(session, place, name)) {
         Require(shown == name || (!shown.empty() && shown != "." && shown != ".." &&
                                   shown.find('/') == shown.npos && !quarn2::HasControl(shown)),
-                "a listing shows names of entries alone");
+                "a listing contains only names of entries");
     }
 }
 
@@ -108,7 +108,7 @@ void CheckDownload(Session& session, const Place& place) {
     Taken taken;
     bool started = false;
     Download(session, place, "file", taken, started);
-    Require(started && taken.received == taken.expected, "a download is whole or an error");
+    Require(started && taken.received == taken.expected, "an incomplete download is an error");
 }
 
 void Do(unsigned what, Session& session, const Place& place) {

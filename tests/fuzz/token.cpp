@@ -58,11 +58,11 @@ void CheckValid(const BackupToken& token) {
     Require(again.scheme() == token.scheme() && again.user() == token.user() &&
                 again.host() == token.host() && again.port() == token.port() &&
                 again.path() == token.path(),
-            "what is displayed is what was read");
+            "the displayed token has the same parts");
     for (const std::string& name : ParamsOf(token)) {
-        Require(again.Param(name) == token.Param(name), "a parameter is displayed as it was read");
+        Require(again.Param(name) == token.Param(name), "a displayed parameter has the same value");
     }
-    Require(again.Str() == shown, "a displayed token is displayed alike");
+    Require(again.Str() == shown, "displaying a displayed token does not change it");
 }
 
 void Check(const std::string& text) {
@@ -70,20 +70,20 @@ void Check(const std::string& text) {
     if (token) return CheckValid(token);
     Require(token.Str() == "***", "an invalid token is not displayed");
     Require(token.scheme().empty() && token.password().empty() && token.path().empty(),
-            "an invalid token holds nothing");
+            "an invalid token has no parts");
 }
 
 // Checks that no error text contains the secret when the token has an error before or after it.
 void CheckFault(const std::string& text) {
     const BackupToken token(text);
-    Require(!Has(token.fault()), "a secret stands in no error text");
+    Require(!Has(token.fault()), "an error text contains no secret");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     static const bool registered = (quarn2::RegisterMemoryScheme(), true);
-    Require(registered, "the storage in memory is known");
+    Require(registered, "the memory storage is registered");
     fuzz::Input input(data, size);
     const std::string text = input.Rest();
     // Skips an input that already contains the secret, because the display form may then contain
