@@ -70,7 +70,7 @@ void CheckEntry(Site& site, const Ledger& ledger, const LedgerEntry& entry) {
     try {
         if (!IsBroken(entry, kro_file::Read(path))) return;
         reason =
-            "the text is not that of an entry; the backup counts as unfinished. Repeat its "
+            "the file does not contain a valid entry; the backup counts as unfinished. Repeat its "
             "job, or delete the backup";
     } catch (const kro_err::Error& error) {
         // A backup may have become complete since the directory was listed.

@@ -78,8 +78,9 @@ std::string ResolveZeroSlice(const Target& target) {
     if (!kro_file::Exists(info)) Get(target.storage, target.Remote(info_name), info);
     const std::string last = kro_file::Name(quarn2::GetLastSliceLocalPath(info));
     if (last.empty()) {
-        throw std::runtime_error("info file '" + info +
-                                 "' names no last slice: this backup cannot be restored from it");
+        throw std::runtime_error(
+            "info file '" + info +
+            "' does not contain the name of the last slice: this backup cannot be restored");
     }
     return kro_file::ConcatPath(target.local_dir(), last);
 }

@@ -28,12 +28,11 @@ pid_t CheckPeer(int connection) {
     ucred peer{};
     socklen_t size = sizeof peer;
     if (getsockopt(connection, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
-        throw kro_err::FromErrno(
-            "Failed to find out which user's process holds the control socket");
+        throw kro_err::FromErrno("Failed to determine which user owns the control socket");
     }
     if (peer.uid == 0 || peer.uid == geteuid()) return peer.pid;
-    throw std::runtime_error("the control socket is held by another user, of id " +
-                             str::Str(peer.uid) + "; nothing was sent");
+    throw std::runtime_error("the control socket belongs to another user (uid " +
+                             str::Str(peer.uid) + "); nothing was sent");
 }
 
 std::string HowToStartServer() {

@@ -49,7 +49,7 @@ std::optional<std::string> ReadList(const std::string& path) {
         return kro_file::ReadOurs(path);
     } catch (const kro_err::Error& error) {
         if (error.kind() != kro_err::Kind::kNotFound) {
-            KRO_LOG(kLog, 3, "List of incomplete backups is left alone: %s", error.what());
+            KRO_LOG(kLog, 3, "List of incomplete backups is ignored: %s", error.what());
         }
         return std::nullopt;
     }
@@ -258,7 +258,7 @@ void ForgetIncomplete(const std::string& dir, const std::string& user, const std
             return line.token && is_of_backup && StorageIdentity(line.token) == identity;
         });
     } catch (const std::exception& error) {
-        KRO_LOG(kLog, 4, "Cant take '%s.%s' out of the list of incomplete backups. What: %s",
+        KRO_LOG(kLog, 4, "Cant remove '%s.%s' from the list of incomplete backups. What: %s",
                 date.c_str(), user.c_str(), error.what());
     }
 }

@@ -67,8 +67,9 @@ void CheckIsMarkedStorage(const std::string& mark, const std::string& identity) 
     str::GetWord(begun, kStorageLine);
     if (begun.empty() || begun == identity) return;
     throw std::runtime_error(
-        "the interrupted --clear was of '" + begun + "', and BACKUP_TOKEN is of '" + identity +
-        "'. Nothing was removed. Run --clear with that storage's token; if both are the same "
+        "the interrupted --clear was for storage '" + begun + "', but BACKUP_TOKEN refers to '" +
+        identity +
+        "'. Nothing was removed. Run --clear with the token of that storage; if both are the same "
         "storage, remove " +
         mark + " first");
 }
@@ -81,10 +82,10 @@ void CheckIsOurStorage(quarn2::Storage& storage, const std::string& identity) {
     const NewestCheck check = FindNewestOnStorage(storage, kInfoRoot);
     if (check.result != NewestOnStorage::kNoneFound) return;
     throw std::runtime_error(
-        "none of the " + str::Str(check.asked) + " newest backups known in " + kInfoRoot +
-        " is on " + TokenByEnv().Str() +
-        ": is it mounted, is the token right? Nothing was removed. If that storage was emptied on "
-        "purpose, run --server --rescan, and --clear again");
+        "the storage " + TokenByEnv().Str() + " has none of the " + str::Str(check.asked) +
+        " newest backups in " + kInfoRoot +
+        "; nothing was removed. Check that the storage is mounted and that the token is correct. "
+        "If the storage was emptied on purpose, run --server --rescan and then --clear again");
 }
 
 // Removes the ledger entries of this storage. A running job then queries the storage instead of the
@@ -158,6 +159,6 @@ void CommandClear() {
 void CheckNoBrokenClear(const std::string& info_root) {
     const std::string mark = ClearMark(info_root);
     if (!kro_file::Exists(mark)) return;
-    throw std::runtime_error("the last --clear was broken off (" + mark +
-                             " is there), so backups may be half removed: run --clear again");
+    throw std::runtime_error("the last --clear was interrupted (" + mark +
+                             " exists), so backups may be partly removed: run --clear again");
 }

@@ -215,8 +215,10 @@ void RemoveStoredDirectory(Removal& storage, const std::string& directory,
         storage.RemoveDir(directory);
         return;
     }
-    KRO_LOG(kLog, 5, "Directory '%s' is not of '%s' alone: only that backup's files are removed",
-            directory.c_str(), info_path.c_str());
+    KRO_LOG(
+        kLog, 5,
+        "Directory '%s' does not belong to '%s' alone: only the files of that backup are removed",
+        directory.c_str(), info_path.c_str());
     RemoveOwnFiles(storage, directory, names, backup);
 }
 
@@ -409,11 +411,11 @@ void CheckIsOurStorage(quarn2::Storage& storage, const quarn2::InfoMap& info,
     const NewestCheck check =
         FindNewestOnStorage(storage, InfoRootOf(info_path, kro_file::Path(last_slice)));
     if (check.result != NewestOnStorage::kNoneFound) return;
-    throw std::runtime_error("neither the backup of '" + info_path + "' nor one of the " +
-                             str::Str(check.asked) +
-                             " newest backups known here is on the storage: is it mounted, is the "
-                             "token right? Nothing was removed. If the storage was emptied on "
-                             "purpose, run --server --rescan");
+    throw std::runtime_error("the storage has neither the backup of '" + info_path +
+                             "' nor one of the " + str::Str(check.asked) +
+                             " newest backups of the info root; nothing was removed. Check that "
+                             "the storage is mounted and that the token is correct. If the "
+                             "storage was emptied on purpose, run --server --rescan");
 }
 
 }  // namespace

@@ -34,7 +34,7 @@ std::int64_t ParseSize(const std::string& text) {
 void CheckBackupName(const std::string& user, const std::string& date) {
     const std::string name = date + "." + user;
     if (!quarn2::IsSafeName(name)) {
-        throw std::runtime_error(str::Quoted(name) + " is not a backup's name");
+        throw std::runtime_error(str::Quoted(name) + " is not a valid backup name");
     }
 }
 

@@ -209,7 +209,9 @@ bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
     info.erase(kWasFinished);
     info.erase(kKey);
     kro_file::Write(info_path, str::Join(info, "\n"));
-    KRO_LOG(kLog, 4, "The deletion of '%s' had removed nothing and is taken back. Delete it again",
+    KRO_LOG(kLog, 4,
+            "The interrupted deletion of '%s' had removed nothing and was cancelled. Repeat it if "
+            "it is still needed",
             info_path.c_str());
     return true;
 }

@@ -42,8 +42,9 @@ void AddSlices(std::vector<std::string>& names, const std::string& slice) {
         return;
     }
     if (numbered->last > kMaxSlices) {
-        throw std::runtime_error("the info file names '" + slice + "', more than " +
-                                 str::Str(kMaxSlices) + " slices; correct the info file");
+        throw std::runtime_error("the info file contains slice '" + slice +
+                                 "', but an archive has at most " + str::Str(kMaxSlices) +
+                                 " slices; correct the info file");
     }
     for (int i = 1; i <= numbered->last; ++i) {
         names.push_back(numbered->head + str::Str(i) + numbered->tail);

@@ -63,8 +63,9 @@ std::vector<fs::path> DirectoriesOf(const fs::path& storage, const std::string& 
 }
 
 [[noreturn]] void ThrowInvalidSource(const std::string& source, const std::string& reason) {
-    throw std::runtime_error("'" + source + "' cannot be uploaded: " + reason +
-                             "; nothing was changed. Put archives that are outside of the storage");
+    throw std::runtime_error(
+        "'" + source + "' cannot be uploaded: " + reason +
+        "; nothing was changed. Upload only files that are outside of the storage");
 }
 
 }  // namespace
@@ -105,8 +106,8 @@ void CheckStorageDirectory(const quarn2::BackupToken& token, const std::string& 
     throw std::runtime_error("storage directory '" + kro_file::GoodPath(token.path()) +
                              "' cannot be used: it " + Relation(conflict->overlap) + " '" +
                              conflict->directory.string() +
-                             "', which this program needs; nothing was changed. Name a directory "
-                             "for backups alone in BACKUP_TOKEN");
+                             "', which this program needs; nothing was changed. Use a directory "
+                             "that contains only backups in BACKUP_TOKEN");
 }
 
 std::shared_ptr<quarn2::Storage> OpenStorage(const quarn2::BackupToken& token,

@@ -113,9 +113,10 @@ void CheckKey(const std::string& path) {
         kro_file::Path(path), quarn2::GetUserName(path), quarn2::GetDate(path)));
     const auto key_hash = info.find("key_hash");
     if (key_hash == info.end() || key_hash->second == TokenByEnv().Hash()) return;
-    throw std::runtime_error("the backup of '" + path +
-                             "' is encrypted with another password than the arch_password of "
-                             "BACKUP_TOKEN; nothing was changed. Give the backup's own");
+    throw std::runtime_error(
+        "the backup of '" + path +
+        "' is encrypted with another password than the arch_password of "
+        "BACKUP_TOKEN; nothing was changed. Use a token with the password of the backup");
 }
 
 }  // namespace
@@ -144,8 +145,9 @@ void CommandPut(std::shared_ptr<kro_args::Result> args) {
 void CommandUpdate(const std::string& path) {
     const std::string last = quarn2::GetLastSliceLocalPath(path);
     if (last.empty()) {
-        throw std::runtime_error("the info file of '" + path +
-                                 "' names no last slice; nothing was changed");
+        throw std::runtime_error(
+            "the info file of '" + path +
+            "' does not contain the name of the last slice; nothing was changed");
     }
     const std::string remote = kro_file::ConcatPath(kro_file::Path(last), kro_file::Name(path));
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv();
@@ -162,8 +164,9 @@ void CommandUpdate(const std::string& path) {
     storage->RemoveFile(remote);
     if (!storage->Upload(remote, path)) {
         WriteEvent(std::move(event));
-        throw std::runtime_error("the storage has no room for '" + remote +
-                                 "', and its old content is gone: make room and update it again");
+        throw std::runtime_error(
+            "the storage has no space for '" + remote +
+            "', and its previous content was already removed: free space and run --update again");
     }
     event.kind = EventKind::kStored;
     WriteEvent(std::move(event));

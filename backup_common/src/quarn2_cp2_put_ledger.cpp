@@ -28,7 +28,7 @@ const char* Reason(SliceState state) {
         case SliceState::kRefused:
             return "its upload was refused";
         case SliceState::kRemoved:
-            return "it was removed, or is of an earlier run of the job";
+            return "it was removed or belongs to an earlier run of the job";
         case SliceState::kStored:
             break;
     }

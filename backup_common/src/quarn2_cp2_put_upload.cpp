@@ -35,7 +35,7 @@ void WriteUploadEvent(EventKind kind, const std::string& name, std::int64_t size
 [[noreturn]] void ThrowChanged(const std::string& path) {
     throw kro_err::Error(
         kro_err::Kind::kFailed,
-        str::Quoted(path) + " was rewritten or replaced while it was uploaded; put it again");
+        str::Quoted(path) + " was rewritten or replaced while it was uploaded; upload it again");
 }
 
 }  // namespace
@@ -117,7 +117,7 @@ void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();
         if (left < 0) {
-            WriteUploadEvent(EventKind::kRefused, remote_name_, size_, "the storage has no room");
+            WriteUploadEvent(EventKind::kRefused, remote_name_, size_, "the storage is full");
             throw std::runtime_error("Upload failed");
         }
         node_->DoCommand(FormatDropOne(left));
@@ -163,7 +163,7 @@ void Upload::RemoveSource(const Source& source) const {
     if (source->Compare() == SourceState::kUnchanged) {
         kro_file::RemoveFile(local_path_);
     } else if (kro_file::Exists(local_path_)) {
-        KRO_LOG(kLog, 4, "'%s' stays: it is not the file whose upload was begun",
+        KRO_LOG(kLog, 4, "'%s' is not removed: it is not the file that was uploaded",
                 local_path_.c_str());
     }
 }

@@ -96,15 +96,15 @@ bool IsInterruptedRemovable(const Record& backup, const Chain& complete, const C
 const char* TextOf(KeepReason reason) noexcept {
     switch (reason) {
         case KeepReason::kNewest:
-            return "newest of its user";
+            return "newest backup of its user";
         case KeepReason::kLocked:
             return "locked";
         case KeepReason::kNeededByDaily:
-            return "a daily rests on it";
+            return "a daily depends on it";
         case KeepReason::kBeingMade:
             return "its job is being repeated";
         case KeepReason::kNotNeeded:
-            return "the limits are kept without its removal";
+            return "the limits do not require its deletion";
     }
     return "";
 }

@@ -19,10 +19,11 @@ std::string StorageName() { return TokenByEnv().Str(); }
 void CheckRightStorage(quarn2::Storage& storage, const std::string& info_root) {
     const NewestCheck check = FindNewestOnStorage(storage, info_root);
     if (check.result != NewestOnStorage::kNoneFound) return;
-    throw std::runtime_error("none of the " + str::Str(check.asked) +
-                             " newest backups known here is on " + StorageName() +
-                             ": is it mounted, is the token right? If it was emptied on purpose, "
-                             "run --rescan");
+    throw std::runtime_error("the storage " + StorageName() + " has none of the " +
+                             str::Str(check.asked) +
+                             " newest backups of the info root. Check that the storage is mounted "
+                             "and that the token is correct. If the storage was emptied on "
+                             "purpose, run --server --rescan");
 }
 
 bool IsRightStorageAtStart(const std::string& info_root) {
@@ -31,9 +32,8 @@ bool IsRightStorageAtStart(const std::string& info_root) {
         return true;
     } catch (const kro_err::Error& error) {
         Warn("cannot check whether " + StorageName() +
-             " is the storage of the backups known here: " + error.what() +
-             ". The server starts, and deletes nothing before this check "
-             "has succeeded");
+             " is the storage of the backups in the info root: " + error.what() +
+             ". The server starts, but deletes nothing until this check succeeds");
         return false;
     }
 }

@@ -160,8 +160,8 @@ class Daemon {
     void LogUnknownCallers(int error) const {
         const std::string reason = kro_err::FromErrno("cannot lock " + files_.lock, error).what();
         KRO_LOG(kLog, 3,
-                "Size control server error: %s. The server cannot learn whether a job still needs "
-                "it, and ends. Start it again for the jobs that run",
+                "Size control server error: %s. The server cannot determine whether a job still "
+                "needs it, so it ends. Start it again for the running jobs",
                 reason.c_str());
     }
 

@@ -69,8 +69,8 @@ void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
 }
 
 void DeleteInterrupted(GlobalSizeControl& control, const Victim& victim) {
-    KRO_LOG(kLog, 5, "Evict backup '%s.%s', whose repeated job was interrupted, size: %lld",
-            victim.date.c_str(), victim.user.c_str(), ForLog(victim.size));
+    KRO_LOG(kLog, 5, "Evict backup '%s.%s' of an interrupted job, size: %lld", victim.date.c_str(),
+            victim.user.c_str(), ForLog(victim.size));
     KRO_LOG(kLog, 7, "The reason for this eviction is '%s'", NameOf(victim.reason));
     control.unfinished.RemoveInterrupted(victim.user, victim.date,
                                          control.storages.at(victim.storage).storage,
@@ -126,7 +126,7 @@ bool IsGone(const GlobalSizeControl& control, const Victim& backup) {
 }
 
 void ForgetGone(GlobalSizeControl& control, const Victim& backup) {
-    KRO_LOG(kLog, 5, "Backup '%s.%s' was deleted by another process and counts no more",
+    KRO_LOG(kLog, 5, "Backup '%s.%s' was deleted by another process and is no longer counted",
             backup.date.c_str(), backup.user.c_str());
     StorageDesc& desc = control.storages.at(backup.storage);
     const StorageDesc::UserDesc& user = desc.users.at(backup.user);
@@ -203,7 +203,8 @@ void Execute(
 // wrong and that no backup was deleted.
 void LogImpossible(const EvictionPlan& plan, std::int64_t wanted, const char* unit) {
     KRO_LOG(kLog, 4,
-            "Evictions cannot make room: %lld %s, and all evictions together would free %lld "
+            "Evictions cannot free enough space: %lld %s, but all evictions together would free "
+            "only %lld "
             "bytes. Nothing was deleted. Check --size-limit and the sizes in the info files",
             ForLog(wanted), unit, ForLog(plan.FreedSize()));
 }
@@ -235,7 +236,7 @@ bool HasBegunDeletion(const GlobalSizeControl& control) {
     const auto first = std::find_if(plan.passes.begin(), plan.passes.end(),
                                     [](const Victims& pass) { return !pass.empty(); });
     control.max_count -= static_cast<std::int32_t>(first - plan.passes.begin());
-    if (plan.HasVictims()) LogImpossible(plan, size, "bytes are asked for");
+    if (plan.HasVictims()) LogImpossible(plan, size, "bytes are requested");
     ThrowAllLocked();
 }
 
@@ -257,7 +258,7 @@ void GlobalSizeControl::CheckStorage() {
     if (is_storage_checked) return;
     for (const auto& [key, desc] : storages) CheckRightStorage(*desc.storage, path);
     is_storage_checked = true;
-    KRO_LOG(kLog, 5, "The storage has backups that this server knows: deletions are allowed again");
+    KRO_LOG(kLog, 5, "The storage has backups of the info root: deletions are allowed again");
 }
 
 void GlobalSizeControl::DropOldest(int keep) {

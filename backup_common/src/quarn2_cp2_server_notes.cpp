@@ -28,8 +28,9 @@ std::string CountLimitWarning(const std::string& count_limit) {
     std::string daily = count_limit;
     str::GetWord(daily, ":");
     if (!daily.empty()) return "";
-    return "--count-limit names no number of daily backups: this server deletes every daily backup "
-           "that is not the newest backup of its user, when it starts and when it ends; give "
+    return "--count-limit does not contain the number of daily backups: this server deletes every "
+           "daily backup "
+           "that is not the newest backup of its user, when it starts and when it ends; use "
            "--count-limit FULL:DAILY to keep them";
 }
 
@@ -42,8 +43,9 @@ void WarnOfEndedInput() {
     pollfd input{STDIN_FILENO, POLLIN, 0};
     if (poll(&input, 1, 0) <= 0) return;
     Print(
-        "standard input is closed, /dev/null or at its end: this call ends at once and does not "
-        "keep the server. To hold it, keep standard input open: mkfifo /run/hold; quarn2_cp "
+        "standard input is closed, /dev/null or at its end: this command ends immediately and does "
+        "not keep the server running. To keep it running, keep standard input open: mkfifo "
+        "/run/hold; quarn2_cp "
         "--server ... </run/hold & exec 3>/run/hold");
 }
 

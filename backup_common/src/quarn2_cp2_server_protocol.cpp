@@ -103,7 +103,7 @@ std::string MasterSide::Reserve(std::int64_t size) {
     control.ReclaimUnfinished(storage_, size, is_remote_);
     const std::int64_t needed = storage_.NeededFor(size, is_remote_);
     if (needed != size) {
-        KRO_LOG(kLog, 8, "Unfinished backups use %lld bytes, needed are %lld",
+        KRO_LOG(kLog, 8, "Unfinished backups use %lld bytes, %lld bytes are needed",
                 ForLog(storage_.unfinished), ForLog(needed));
     }
     // The limit does not contain the space of backups that are not complete. MakeRoom may remove

@@ -89,7 +89,7 @@ class Marker {
         : local_dir_(local_dir), path_(PathOf(local_dir, storage)) {
         kro_file::MkDirSynced(local_dir);
         was_there_ = kro_file::Exists(path_);
-        kro_file::Write(path_, "A rescan is under way, or was broken off.\n");
+        kro_file::Write(path_, "A rescan is in progress or was interrupted.\n");
     }
 
     static std::string PathOf(const std::string& local_dir, const std::string& storage) {
@@ -490,9 +490,9 @@ void RemoveMissedDirs(const std::vector<std::string>& names, const std::string& 
 void CheckNoBrokenRescan(const std::string& local_root, const std::string& storage) {
     const std::string marker = Marker::PathOf(RescanDirectory(local_root), storage);
     if (!kro_file::Exists(marker)) return;
-    throw std::runtime_error(
-        "the last rescan into '" + local_root + "' was broken off (" + marker +
-        " is there), so not every backup is known: run --server --rescan again");
+    throw std::runtime_error("the last rescan into '" + local_root + "' was interrupted (" +
+                             marker +
+                             " exists), so not every backup is known: run --server --rescan again");
 }
 
 ResHandle Rescan(const kro_args::Result& args) {

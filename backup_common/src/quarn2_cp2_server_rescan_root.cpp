@@ -62,8 +62,8 @@ std::string FindStray(const std::string& directory, Level level) {
 void CheckIsNoOtherUsers(const std::string& local_root, const std::string& storage_name) {
     const auto check = [&](const std::string& user) {
         if (user.empty() || user == storage_name) return;
-        ThrowCannotRescan(local_root, "it belongs to user '" + user + "'; give --storage " + user +
-                                          " with it and that storage's token");
+        ThrowCannotRescan(local_root, "it belongs to user '" + user + "'; use --storage " + user +
+                                          " and the token of that storage");
     };
     check(UserOfInfoRoot(local_root, kData));
     check(UserOfInfoRoot(ResolvePath(local_root), ResolvePath(kData)));
@@ -78,7 +78,8 @@ void CheckTouchesNoStorage(const std::string& local_root, const std::filesystem:
     const std::filesystem::path storage = StorageDirectory(token);
     if (IsSameOrBelow(cleaned, storage) || IsSameOrBelow(storage, cleaned)) {
         ThrowCannotRescan(local_root,
-                          "the storage lies there; name a directory for info files alone");
+                          "it overlaps with the storage directory; use a directory that contains "
+                          "only info files");
     }
 }
 
@@ -93,9 +94,9 @@ void CheckHoldsNothingElse(const std::string& local_root) {
     const std::string stray = FindStrayEntry(RescanDirectory(local_root));
     if (stray.empty()) return;
     ThrowCannotRescan(local_root,
-                      "'" + stray +
-                          "' in it is no file of a backup, and the rescan would take it away; "
-                          "name a directory for info files alone");
+                      "it contains '" + stray +
+                          "', which does not belong to a backup and which the rescan would "
+                          "remove; use a directory that contains only info files");
 }
 
 }  // namespace
@@ -127,13 +128,14 @@ void CheckRescanRoot(const std::string& local_root, const std::string& storage_n
     // For the directory of all info roots, the rescan would change files in its parent directory
     // var, which contains the server's own files.
     if (local_root == kData || str::EndsWith(local_root, std::string("/") + kData)) {
-        ThrowCannotRescan(local_root, "name the info root in it, such as '" +
+        ThrowCannotRescan(local_root, "use the info root in it, such as '" +
                                           kro_file::ConcatPath(local_root, "tovarn") + "'");
     }
     const std::filesystem::path cleaned = ResolvePath(RescanDirectory(local_root));
     if (IsSameOrBelow(cleaned, ResolvePath("")) || IsSameOrBelow(cleaned, ResolvePath("var"))) {
-        ThrowCannotRescan(
-            local_root, "the install root is below it; name a directory that has only info files");
+        ThrowCannotRescan(local_root,
+                          "it contains the install root or its var directory; use a directory that "
+                          "contains only info files");
     }
     CheckTouchesNoStorage(local_root, cleaned);
     CheckIsNoOtherUsers(local_root, storage_name);

@@ -60,7 +60,7 @@ class Scanner {
         try {
             size = str::Int64(ValueOf("size"));
         } catch (const kro_err::Error& error) {
-            KRO_LOG(kLog, 4, "Half-deleted backup '%s' counts as empty. What: %s", path.c_str(),
+            KRO_LOG(kLog, 4, "Partly deleted backup '%s' counts as empty. What: %s", path.c_str(),
                     error.what());
         }
     }

@@ -108,7 +108,7 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
         return Closed();
     }
     if (write_buffer_.size() > kMaxUnreadBytes) {
-        KRO_LOG(kLog, 4, "Client leaves more than %zu bytes of answers unread. Close",
+        KRO_LOG(kLog, 4, "Client has not read more than %zu bytes of answers. Close",
                 kMaxUnreadBytes);
         return Closed();
     }

@@ -45,8 +45,8 @@ bool LockSayingSo(int fd, const std::string& path, int operation) {
     if (FlockWaiting(fd, operation | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK) return false;
     SayWaiting(path + (operation == LOCK_EX
-                           ? " is held by another caller or server"
-                           : " is held by a rescan or by a server that is ending"));
+                           ? " is locked by another --server command or a server"
+                           : " is locked by a rescan or by a server that is ending"));
     return FlockWaiting(fd, operation) == 0;
 }
 
@@ -163,7 +163,7 @@ class Starter {
                 server.date.c_str());
         SayWaiting("process " + str::Str(holder) +
                    " is the server of this storage and was started with another date, other limits "
-                   "or other nodes; this call waits until that server ends");
+                   "or other nodes; this command waits until that server ends");
         handle_.Close();
         handle_.Reset();
         kro_proc::Sleep(kOtherServerPause);
@@ -177,14 +177,14 @@ class Starter {
         const std::string running = state.IdentityOf(server);
         const std::string asked = StorageIdentity(TokenByEnv());
         if (running.empty()) {
-            KRO_LOG(kLog, 4, "Cant learn from '%s' which storage the running server serves",
+            KRO_LOG(kLog, 4, "Cant determine from '%s' which storage the running server uses",
                     state.path().c_str());
         } else if (running != asked) {
             throw std::runtime_error("the running size control server (process " + server.pid +
-                                     ") serves the storage " + running +
-                                     ", and BACKUP_TOKEN is of " + asked +
-                                     ": wait until that server has ended, or use --storage NAME "
-                                     "for a server of its own");
+                                     ") uses the storage " + running +
+                                     ", but BACKUP_TOKEN refers to " + asked +
+                                     ": wait until that server has ended, or start a separate "
+                                     "server with --storage NAME");
         }
     }
 

@@ -55,7 +55,7 @@ bool StateFile::Write(const PidFile& server, const std::string& identity,
     } catch (const std::exception& error) {
         if (!has_failed_) {
             KRO_LOG(kLog, 4,
-                    "Cant write '%s', so jobs with another storage's token are not refused. "
+                    "Cant write '%s', so jobs with the token of another storage are not refused. "
                     "What: %s",
                     path_.c_str(), error.what());
         }

@@ -200,7 +200,7 @@ void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& 
 }
 
 void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storage) const {
-    KRO_LOG(kLog, 5, "Remove the slices of '%s', which is not complete, to make room: %lld bytes",
+    KRO_LOG(kLog, 5, "Remove the slices of incomplete backup '%s' to free %lld bytes",
             entry.name.c_str(), static_cast<long long>(entry.Bytes()));
     DeletionEvents events(entry.name, {.reason = RemovalReason::kIncomplete});
     events.SetSize(entry.Bytes());

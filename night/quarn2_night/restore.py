@@ -42,8 +42,9 @@ class Restore:
         name = backup.last_slice
         # The name comes from the storage, so refuse a name that does not belong to this backup.
         if not is_archive_of(name, backup.user, backup.date):
-            raise Problem(f"{backup.info_path} names the archive {name!r}, which is none of a backup of {backup.user} "
-                          f"for {backup.date}; if the storage can be trusted, correct the line last-slice")
+            raise Problem(f"{backup.info_path} contains the archive name {name!r}, which does not belong to the "
+                          f"backup of {backup.user} for {backup.date}; if the storage can be trusted, correct the line "
+                          "last-slice")
         if name.endswith(".dar"):
             self._dar(backup, name)
         else:

@@ -21,7 +21,8 @@ class RefusedLock(SystemTest):
         self.assertEqual(0, wait_gone(server.daemon))
         (error,) = root.log_texts(3, server.daemon)
         self.assertEqual("Size control server error: cannot lock var/quarn2_cp.lock: No locks available. The server "
-                         "cannot learn whether a job still needs it, and ends. Start it again for the jobs that run",
+                         "cannot determine whether a job still needs it, so it ends. "
+                         "Start it again for the running jobs",
                          error)
         self.assertFalse(os.path.exists(server.pid_file))
         self.assertFalse(os.path.exists(server.lock_file))

@@ -132,7 +132,7 @@ class OneBackup(DeleteTest):
         for backup in backups:
             result = self.r.run("--delete", backup.info_path, env={"BACKUP_TOKEN": "local://" + empty})
             self.assertEqual(1, result.returncode)
-            self.assertIn("is it mounted, is the token right? Nothing was removed", result.stderr)
+            self.assertIn("nothing was removed. Check that the storage is mounted", result.stderr)
             self.assertTrue(backup.is_whole())
 
     def test_a_backup_whose_files_are_all_missing_is_deleted_where_others_are(self):

@@ -107,11 +107,11 @@ class BadInput(GetTest):
         self.assertEqual(b"a file", read(obstacle))
 
     def test_an_unusable_info_file(self):
-        for what, text, words in (("empty", b"", "names no last slice"),
+        for what, text, words in (("empty", b"", "does not contain the name of the last slice"),
                                   ("binary", b"\0\xff\n" * 99, "is not an info file"),
-                                  ("without last-slice", b"type=full", "names no last slice"),
+                                  ("without last-slice", b"type=full", "does not contain the name of the last slice"),
                                   ("last-slice empty", b"last-slice=\ntype=full",
-                                   "names no last slice")):
+                                   "does not contain the name of the last slice")):
             for side in ("here", "on the storage"):
                 with self.subTest(what=what, side=side):
                     root = self.site()

@@ -185,7 +185,7 @@ class IncompleteJobs(IncompleteTest):
                     self.night(user=user, slices=count).run()
                 job = self.night(user=user).begin()
                 self.assert_success(job.slice(2))
-                self.assert_fails(job.last(), job.name(1), "is of an earlier run of the job")
+                self.assert_fails(job.last(), job.name(1), "belongs to an earlier run of the job")
                 self.assertTrue(job.run().is_stored())
         self.assertEqual(0, server.end())
 

@@ -170,9 +170,9 @@ class SizeLimit(LimitTest):
         self.assertEqual(1, status)
         self.assertIn("quarn2_cp: Failed to start size control server\n", errors)
         self.assertEqual(50, sum(len(left(user)) for user in users))
-        self.assertIn("Evictions cannot make room: 50000 bytes are used, and all evictions "
-                      "together would free 45000 bytes. Nothing was deleted. Check --size-limit "
-                      "and the sizes in the info files", self.r.log_texts(4))
+        self.assertIn("Evictions cannot free enough space: 50000 bytes are used, but all evictions together would free "
+                      "only 45000 bytes. Nothing was deleted. Check --size-limit and the sizes in the info files",
+                      self.r.log_texts(4))
         self.assert_both_sides_agree()
         self.start("--size-limit", "500000", "--count-limit", "9:9")
         self.assertEqual(50, sum(len(left(user)) for user in users))
@@ -248,8 +248,9 @@ class SizeLimit(LimitTest):
 
 class StorageIdentity(LimitTest):
     def refused(self, shown, count=3):
-        return (f"quarn2_cp: none of the {count} newest backups known here is on {shown}: is it "
-                "mounted, is the token right? If it was emptied on purpose, run --rescan\n")
+        return (f"quarn2_cp: the storage {shown} has none of the {count} newest backups of the info root. "
+                "Check that the storage is mounted and that the token is correct. If the storage was emptied "
+                "on purpose, run --server --rescan\n")
 
     def assert_start_refused(self, errors, *arguments, env=None):
         local = self.r.local()
@@ -303,8 +304,8 @@ class StorageIdentity(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--count-limit", "9:9",
                                         "--size-limit", "250")
         (warning,) = [text for text in self.r.log_texts(4)
-                      if text.startswith(f"cannot check whether {shown} is the storage of the "
-                                         "backups known here: ")]
+                      if text.startswith(f"cannot check whether {shown} is the storage of the backups "
+                                         "in the info root: ")]
         self.assertRegex(link.ask("RESERVE 1"), r"\AERR .*127\.0\.0\.1")
         self.assertIn("Backups beyond the limits are kept for now. What: ",
                       "\n".join(self.r.log_texts(4)))

@@ -25,7 +25,7 @@ OLD = 2 * BACKUPS  # initial backups of each user
 SLICES = 6
 SIZE = 3000
 LINE = re.compile(r"ProcessCommand line = '(?P<command>.*)'")
-NEEDED = re.compile(r"Unfinished backups use \d+ bytes, needed are (?P<bytes>\d+)")
+NEEDED = re.compile(r"Unfinished backups use \d+ bytes, (?P<bytes>\d+) bytes are needed")
 ANSWER = re.compile(r"SaveResult result = '(?P<answer>.*)'")
 
 

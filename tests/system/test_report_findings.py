@@ -38,7 +38,7 @@ class Findings(ReportTest):
         status, out, err = self.report("--list", "--date", DATE)
         self.assertEqual(3, status)
         self.assertEqual(3, err.count("quarn2_report: finding: "), err)
-        self.assertIn(f"ledger entry 'var/quarn2_cp.ledger/F{DATE}.web4': the text is not that of an entry", err)
+        self.assertIn(f"ledger entry 'var/quarn2_cp.ledger/F{DATE}.web4': the file does not contain a valid entry", err)
         self.assertIn(f"info file 'var/backup/tovarn/{DATE}.web2.info': 'many' is not a whole decimal number", err)
         self.assertIn(f"{DATE}.web3.info' is not an info file: it contains a NUL byte", err)
         self.assertIn(DATE, out)

@@ -57,9 +57,9 @@ for an upload of 1.50 kB
 at the end of the server
   nothing is deleted
 kept
-  web1  {day(-1)}  full   2.00 kB  a daily rests on it
-  web1  {DATE}  daily  2.00 kB  newest of its user
-  web2  {DATE}  full      70 B  newest of its user
+  web1  {day(-1)}  full   2.00 kB  a daily depends on it
+  web1  {DATE}  daily  2.00 kB  newest backup of its user
+  web2  {DATE}  full      70 B  newest backup of its user
   web3  {day(3)}  full       5 B  its date is in the future
 """.replace("7.07", "7.08"), self.fine("--plan", "--date", DATE, "-S", "7075", "-C", "0:1", "--bytes", "1500"))
 
@@ -81,7 +81,7 @@ kept
         self.assertNotIn("at the end", out)
         start, kept = self.objects("--plan", "--date", DATE, "--size-limit", "1999", status=3)
         self.assertEqual({"step": "start", "action": "impossible", "bytes": None, "missing": 1}, start)
-        self.assertEqual(("keep", DATE, "newest of its user"), (kept["action"], kept["date"], kept["reason"]))
+        self.assertEqual(("keep", DATE, "newest backup of its user"), (kept["action"], kept["date"], kept["reason"]))
 
     def test_needs_limits_and_all_users(self):
         self.assertEqual((1, "", "quarn2_report: the limits are unknown, because no server runs: give the --size-limit "

@@ -248,9 +248,9 @@ class OtherServer(SystemTest):
         second = Server(root, "--date", DATE, env={"BACKUP_TOKEN": token})
         status, errors = second.wait_end()
         self.assertEqual((1, f"quarn2_cp: the running size control server (process {first.daemon}) "
-                             f"serves the storage {root.token}, and BACKUP_TOKEN is of "
+                             f"uses the storage {root.token}, but BACKUP_TOKEN refers to "
                              "sftp://203.0.113.7/srv/backups: wait until that server has ended, or "
-                             "use --storage NAME for a server of its own\n"), (status, errors))
+                             "start a separate server with --storage NAME\n"), (status, errors))
         for text in ("very-secret", "hidden"):
             self.assertNotIn(text, read(state).decode() + repr(root.log()))
         third = Server(root, "--date", DATE,
@@ -425,9 +425,9 @@ class CleanUpAtStart(SystemTest):
 
 
 class Warnings(SystemTest):
-    NO_DAILIES = ("--count-limit names no number of daily backups: this server deletes every daily "
+    NO_DAILIES = ("--count-limit does not contain the number of daily backups: this server deletes every daily "
                   "backup that is not the newest backup of its user, when it starts and when it ends; "
-                  "give --count-limit FULL:DAILY to keep them")
+                  "use --count-limit FULL:DAILY to keep them")
 
     def test_a_call_that_holds_no_server_warns(self):
         # Each call has its own root, because the server of the first call may still be ending during the second.
@@ -436,10 +436,10 @@ class Warnings(SystemTest):
                                  wrapper=("sh", "-c", 'exec "$0" "$@" <&-'))
         for result in (ended, closed):
             self.assert_success(result)
-            self.assertEqual(["standard input is closed, /dev/null or at its end: this call ends at "
-                              "once and does not keep the server. To hold it, keep standard input "
-                              "open: mkfifo /run/hold; quarn2_cp --server ... </run/hold & "
-                              "exec 3>/run/hold"], result.warnings)
+            self.assertEqual(["standard input is closed, /dev/null or at its end: this command ends "
+                              "immediately and does not keep the server running. To keep it running, keep standard "
+                              "input open: mkfifo /run/hold; quarn2_cp --server ... </run/hold & exec 3>/run/hold"],
+                             result.warnings)
 
     def test_missing_daily_limits_are_reported_on_standard_error_and_in_the_log(self):
         for arguments, warnings in (((), [self.NO_DAILIES]), (("-C", "4"), [self.NO_DAILIES]),
@@ -459,16 +459,16 @@ class Warnings(SystemTest):
         waiting.wait_ready()
         waiting.release()
         self.assertEqual([f"waiting: process {first.daemon} is the server of this storage and was "
-                          "started with another date, other limits or other nodes; this call waits "
-                          "until that server ends"], waiting.warnings)
+                          "started with another date, other limits or other nodes; this command "
+                          "waits until that server ends"], waiting.warnings)
 
     def test_a_rescan_that_waits_for_other_callers_warns(self):
         root = self.root()
         holder = Server(root, "--count-limit", "0:9").wait_ready()
         rescan = Server(root, "--rescan", "--count-limit", "0:9")
         said = read_available(rescan.process.stderr.fileno(), DEADLINE).decode()
-        self.assertEqual("quarn2_cp: warning: waiting: var/quarn2_cp.lock is held by another caller "
-                         "or server\n", said)
+        self.assertEqual("quarn2_cp: warning: waiting: var/quarn2_cp.lock is locked by another --server "
+                         "command or a server\n", said)
         holder.release()
         rescan.wait_ready()
         self.assertEqual((0, ""), rescan.release())

@@ -314,10 +314,11 @@ class ClearAnother : public Clear {
 TEST_F(ClearAnother, OfAStorageWithoutTheNewestBackupsIsRefused) {
     Know(3);
     const Lines before = Below("var/backup");
-    EXPECT_EQ(TextOf<std::runtime_error>([] { CommandClear(); }),
-              "none of the 3 newest backups known in var/backup/tovarn is on memory:site: is it "
-              "mounted, is the token right? Nothing was removed. If that storage was emptied on "
-              "purpose, run --server --rescan, and --clear again");
+    EXPECT_EQ(
+        TextOf<std::runtime_error>([] { CommandClear(); }),
+        "the storage memory:site has none of the 3 newest backups in var/backup/tovarn; nothing "
+        "was removed. Check that the storage is mounted and that the token is correct. If the "
+        "storage was emptied on purpose, run --server --rescan and then --clear again");
     EXPECT_EQ(Below("var/backup"), before);
     EXPECT_EQ(Stored(), (Lines{"a/b"}));
 }

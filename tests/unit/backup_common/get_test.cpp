@@ -222,7 +222,8 @@ TEST_F(GetCommand, AnInfoFileThatTheStorageLacksIsAnErrorAndLosesNothing) {
 TEST_F(GetCommand, AnInfoFileWithoutALastSliceIsAnErrorAndLosesNothing) {
     const std::string info = std::string("r/") + kInfoName;
     const std::string no_slice =
-        "info file '" + info + "' names no last slice: this backup cannot be restored from it";
+        "info file '" + info +
+        "' does not contain the name of the last slice: this backup cannot be restored";
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", no_slice},
         {"size=1\ntype=full\n", no_slice},

@@ -89,7 +89,7 @@ TEST_F(InterruptedOperations, AHalfDeletedBackupIsNotCounted) {
 TEST_F(InterruptedOperations, ADeletionOfABackupWithoutAReadableSizeIsCompletedToo) {
     Place(kInfo, "deletion=x\nlast-slice=F2026-11-15.web1.2.dar\nsize=10G\ntype=full");
     control_.Init("2026-11-20");
-    EXPECT_EQ(Log(4), (Lines{std::string("4: Half-deleted backup '") + kInfo +
+    EXPECT_EQ(Log(4), (Lines{std::string("4: Partly deleted backup '") + kInfo +
                              "' counts as empty. What: '10G' is not a whole decimal number"}));
     control_.FinishDeletions();
     EXPECT_FALSE(local_files::Has(kInfo));
@@ -453,8 +453,8 @@ TEST_F(InterruptedOperations, AnInterruptedClearStopsServers) {
     });
     EXPECT_EQ(TextOf<kro_err::Error>([] { CommandClear(); }), "down");
     EXPECT_EQ(TextOf<std::runtime_error>([] { CheckNoBrokenClear("var/backup/tovarn"); }),
-              "the last --clear was broken off (var/backup/tovarn/.clear is there), so backups may "
-              "be half removed: run --clear again");
+              "the last --clear was interrupted (var/backup/tovarn/.clear exists), so backups may "
+              "be partly removed: run --clear again");
     CheckNoBrokenClear("root");
     store_->SetHook({});
     CommandClear();
@@ -466,9 +466,9 @@ TEST_F(InterruptedOperations, AnInterruptedClearIsNotCompletedWithAnotherStorage
     Place("var/backup/tovarn/a.info", "x");
     Place("var/backup/tovarn/.clear", "The backups are being removed.\nstorage=sftp://host/srv");
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandClear(); }),
-              "the interrupted --clear was of 'sftp://host/srv', and BACKUP_TOKEN is of "
-              "'memory:///site'. Nothing was removed. Run --clear with that storage's token; if "
-              "both are the same storage, remove var/backup/tovarn/.clear first");
+              "the interrupted --clear was for storage 'sftp://host/srv', but BACKUP_TOKEN refers "
+              "to 'memory:///site'. Nothing was removed. Run --clear with the token of that "
+              "storage; if both are the same storage, remove var/backup/tovarn/.clear first");
     EXPECT_EQ(Below("var/backup/tovarn"), (Lines{".clear", "a.info"}));
     Place("var/backup/tovarn/.clear", "The backups are being removed.\n");
     CommandClear();

@@ -126,7 +126,7 @@ TEST(LinkCommands, BrokenArgumentsAreErrors) {
         {"DROPONE 2147483648", "'2147483648' is out of range"},
         {"COMPLETE web1 2026-11-20 full -1", "'-1' is not a size"},
         {"COMPLETE web1 2026-11-20 full big", "'big' is not a whole decimal number"},
-        {"COMPLETE a/b 2026-11-20 full 1", "'2026-11-20.a/b' is not a backup's name"}};
+        {"COMPLETE a/b 2026-11-20 full 1", "'2026-11-20.a/b' is not a valid backup name"}};
     for (const auto& [line, text] : cases) {
         EXPECT_EQ(TextOf([&, line = line] { ParseLinkCommand(line); }), text) << line;
     }

@@ -46,7 +46,7 @@ TEST_F(PlantedForRoles, AnothersListOfIncompleteBackupsRemovesNothing) {
     Place(list, "local://" + Absolute("elsewhere") + "\trecious\n");
     GiveAway(list);
     CleanUp(kRoot);
-    EXPECT_EQ(Log(3), (Lines{"3: List of incomplete backups is left alone: '" + list +
+    EXPECT_EQ(Log(3), (Lines{"3: List of incomplete backups is ignored: '" + list +
                              "' could have been written by another user"}));
     EXPECT_TRUE(local_files::Has(list));
     ASSERT_EQ(chown(list.c_str(), 0, 0), 0);
@@ -140,7 +140,7 @@ TEST_F(PlantedForRoles, ControlSocketOfAnotherUserIsToldNothing) {
     char byte = 0;
     ASSERT_EQ(read(ready, &byte, 1), 1);
     EXPECT_EQ(TextOf<std::runtime_error>([] { SendCommand("PUT slice DELETE"); }),
-              "the control socket is held by another user, of id 65534; nothing was sent");
+              "the control socket belongs to another user (uid 65534); nothing was sent");
     int status = 0;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);

@@ -229,7 +229,7 @@ TEST_F(LedgerOfPuts, ACompleteBackupThatIsMadeAgainNeedsEverySliceAgain) {
     NodeSide node(lock_, server_.link());
     node.Serve(std::string("PUT ") + kFirst);
     EXPECT_EQ(PutLast(node),
-              Missing(kSecondName, "it was removed, or is of an earlier run of the job"));
+              Missing(kSecondName, "it was removed or belongs to an earlier run of the job"));
     node.Serve(std::string("PUT ") + kSecond);
     EXPECT_EQ(PutLast(node), kDone);
     const LedgerEntry left = Ledger().Read(kEntry);
@@ -365,7 +365,7 @@ TEST_F(LedgerOfPuts, ASliceThatWasRemovedMeanwhileIsMissing) {
     Ledger().Update(
         kEntry, [](LedgerEntry& entry) { entry.slices[kFirstName].state = SliceState::kRemoved; });
     EXPECT_EQ(PutLast(node),
-              Missing(kFirstName, "it was removed, or is of an earlier run of the job"));
+              Missing(kFirstName, "it was removed or belongs to an earlier run of the job"));
 }
 
 // --- Keys ---

@@ -95,8 +95,7 @@ TEST_F(InterruptedJob, IsEvictedForAReservation) {
     ExpectGone();
     const Lines log = Log(7);
     EXPECT_EQ(std::count(log.begin(), log.end(),
-                         "5: Evict backup '2026-11-15.web1', whose repeated job was interrupted, "
-                         "size: 830"),
+                         "5: Evict backup '2026-11-15.web1' of an interrupted job, size: 830"),
               1);
     EXPECT_EQ(
         std::count(log.begin(), log.end(), "7: The reason for this eviction is 'size-reserve'"), 1);
@@ -155,7 +154,7 @@ TEST_F(InterruptedJob, StaysBeforeADaily) {
     RemoveBackup(18);
     Backup(16, "incremental", 1, 1);
     Start();
-    ExpectKept("a daily rests on it");
+    ExpectKept("a daily depends on it");
 }
 
 TEST_F(InterruptedJob, GoesAfterItsDaily) {
@@ -166,9 +165,9 @@ TEST_F(InterruptedJob, GoesAfterItsDaily) {
     std::erase_if(evicted, [](const std::string& line) {
         return line.find("Evict backup") == std::string::npos;
     });
-    EXPECT_EQ(evicted, (Lines{"5: Evict backup 'root/2026-11-16.web1.info', size: 1",
-                              "5: Evict backup '2026-11-15.web1', whose repeated job was "
-                              "interrupted, size: 830"}));
+    EXPECT_EQ(evicted,
+              (Lines{"5: Evict backup 'root/2026-11-16.web1.info', size: 1",
+                     "5: Evict backup '2026-11-15.web1' of an interrupted job, size: 830"}));
     ExpectGone();
 }
 

@@ -290,8 +290,8 @@ class BrokenRescan : public RescanFault {
         return TextOf<std::runtime_error>([&] { CheckNoBrokenRescan(kRoot, storage); });
     }
     static constexpr const char* kBroken =
-        "the last rescan into 'var/backup/tovarn' was broken off (var/backup/tovarn/.rescan is "
-        "there), so not every backup is known: run --server --rescan again";
+        "the last rescan into 'var/backup/tovarn' was interrupted (var/backup/tovarn/.rescan "
+        "exists), so not every backup is known: run --server --rescan again";
     const Lines all_ = {
         "web1/2026-11-20/2026-11-20.web1.info", "web1/2026-11-20/2026-11-20.web1.tgz",
         "web1/2026-11-21/2026-11-21.web1.info", "web1/2026-11-21/2026-11-21.web1.tgz"};
@@ -299,7 +299,7 @@ class BrokenRescan : public RescanFault {
 
 TEST_F(BrokenRescan, LeavesAMarkThatKeepsTheServerFromStarting) {
     BreakOff("Get", "web1/2026-11-21/2026-11-21.web1.info");
-    EXPECT_EQ(Local(".rescan"), "A rescan is under way, or was broken off.\n");
+    EXPECT_EQ(Local(".rescan"), "A rescan is in progress or was interrupted.\n");
     EXPECT_EQ(Check(), kBroken);
     EXPECT_EQ(TextOf<std::runtime_error>([] { CommandServer(0, nullptr, Arguments({})); }),
               kBroken);
@@ -376,11 +376,10 @@ TEST_F(BrokenRescan, OfOneUsersStorageConcernsThatOneOnly) {
     EXPECT_THROW(Run({"--storage", "web1"}), int);
     EXPECT_EQ(InfoRoot(), (Lines{".rescan#web1"}));
     EXPECT_EQ(Check(), "(no exception)");
-    EXPECT_EQ(
-        Check("web1"),
-        "the last rescan into 'var/backup/tovarn' was broken off "
-        "(var/backup/tovarn/.rescan#web1 is there), so not every backup is known: run --server "
-        "--rescan again");
+    EXPECT_EQ(Check("web1"),
+              "the last rescan into 'var/backup/tovarn' was interrupted "
+              "(var/backup/tovarn/.rescan#web1 exists), so not every backup is known: run --server "
+              "--rescan again");
     store_->SetHook(nullptr);
     Run();
     EXPECT_NE(Check("web1"), "(no exception)") << "a rescan of all does not answer for it";

@@ -37,8 +37,8 @@ TEST_F(RescanRoot, AUsersInfoRootNeedsThatUsersStorage) {
     std::filesystem::create_directories("var/backup/web1");
     std::filesystem::create_directory_symlink("var/backup/web1", "way");
     const std::string expected =
-        "' cannot be rescanned: it belongs to user 'web1'; give --storage web1 with it and that "
-        "storage's token";
+        "' cannot be rescanned: it belongs to user 'web1'; use --storage web1 and the token of "
+        "that storage";
     for (const std::string& path :
          {std::string("var/backup/web1"), root_.path() + "/var/backup/web1",
           std::string("var/backup/web1/2026-11-20"), std::string("way"),
@@ -112,8 +112,9 @@ TEST_F(RescanRoot, ElsewhereADirectoryOfOtherThingsIsRefused) {
     EXPECT_EQ(TextOf<std::runtime_error>([] {
                   Run({"--path", "srv/data"});
               }),
-              "--path 'srv/data' cannot be rescanned: 'thesis.txt' in it is no file of a backup, "
-              "and the rescan would take it away; name a directory for info files alone");
+              "--path 'srv/data' cannot be rescanned: it contains 'thesis.txt', which does not "
+              "belong to a backup and which the rescan would remove; use a directory that contains "
+              "only info files");
     EXPECT_EQ(Below("srv/data"), (Lines{"2026-11-20.web1.info", "thesis.txt"}));
     EXPECT_EQ(store_->log(), Lines());
 }

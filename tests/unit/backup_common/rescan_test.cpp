@@ -225,7 +225,7 @@ TEST_F(RescanCommand, ADirectoryThatHoldsTheInstallRootIsRefused) {
     Place("sbin/kept", "x");
     for (const std::string path : {"", ".", "/", "..", "var"}) {
         const std::string text = TextOf<std::runtime_error>([&] { Run({"--path=" + path}); });
-        EXPECT_NE(text.find("the install root is below it"), std::string::npos)
+        EXPECT_NE(text.find("it contains the install root or its var directory"), std::string::npos)
             << path << ": " << text;
         EXPECT_TRUE(local_files::Has("sbin/kept"));
     }
@@ -245,8 +245,8 @@ TEST_F(RescanCommand, ADirectoryThatTouchesTheStorageIsRefused) {
         setenv("BACKUP_TOKEN", ("local:" + item.first).c_str(), 1);
         const std::string text = TextOf<std::runtime_error>([&] { Run({"--path", path}); });
         EXPECT_EQ(text, "--path '" + path +
-                            "' cannot be rescanned: the storage lies there; name a directory for "
-                            "info files alone");
+                            "' cannot be rescanned: it overlaps with the storage directory; use a "
+                            "directory that contains only info files");
     }
     EXPECT_TRUE(local_files::Has("srv/backups/F2026-11-15.web1.tgz"));
     EXPECT_TRUE(local_files::Has("srv/other"));
@@ -267,7 +267,7 @@ TEST_F(RescanCommand, TheDirectoryOfAllInfoRootsIsRefused) {
         EXPECT_EQ(TextOf<std::runtime_error>([&] {
                       Run({"--path", path});
                   }),
-                  "--path '" + good + "' cannot be rescanned: name the info root in it, such as '" +
+                  "--path '" + good + "' cannot be rescanned: use the info root in it, such as '" +
                       good + "/tovarn'");
     }
     EXPECT_EQ(local_files::Load("var/other"), "kept");

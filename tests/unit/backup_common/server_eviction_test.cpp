@@ -128,9 +128,8 @@ TEST_F(Eviction, BackupsThatAreGoneAreNotCounted) {
     Files("web1", 2);
     control_.DropByCount(2, 0);
     EXPECT_EQ(Survivors("web1"), "AC");
-    EXPECT_EQ(Log(5),
-              (Lines{"5: Backup '2026-11-11.web1' was deleted by another process and counts "
-                     "no more"}));
+    EXPECT_EQ(Log(5), (Lines{"5: Backup '2026-11-11.web1' was deleted by another process and is no "
+                             "longer counted"}));
 }
 
 TEST_F(Eviction, LargestCountsAreNoLimits) {
@@ -230,11 +229,12 @@ TEST_F(Eviction, AnImpossibleStartDeletesNothing) {
     EXPECT_EQ(Survivors("a"), "ABCDEF");
     EXPECT_EQ(Stored(), stored);
     EXPECT_EQ(control_.max_count, 6);
-    EXPECT_EQ(Log(6),
-              (Lines{"6: Backup size: 124, limit: 100",
-                     "4: Evictions cannot make room: 124 bytes are used, and all evictions "
-                     "together would free 23 bytes. Nothing was deleted. Check --size-limit and "
-                     "the sizes in the info files"}));
+    EXPECT_EQ(
+        Log(6),
+        (Lines{"6: Backup size: 124, limit: 100",
+               "4: Evictions cannot free enough space: 124 bytes are used, but all evictions "
+               "together would free only 23 bytes. Nothing was deleted. Check --size-limit and "
+               "the sizes in the info files"}));
     desc_->free_size = -23;
     control_.FitIntoLimits();
     EXPECT_EQ(Survivors("a"), "DF");
@@ -461,8 +461,9 @@ TEST_F(UncheckedStorage, OneThatCannotBeAskedLosesNothing) {
 TEST_F(UncheckedStorage, OneThatHasNoneOfTheBackupsLosesNothing) {
     store_->Reset();
     const std::string text =
-        "none of the 3 newest backups known here is on memory:site: is it mounted, is the token "
-        "right? If it was emptied on purpose, run --rescan";
+        "the storage memory:site has none of the 3 newest backups of the info root. Check that the "
+        "storage is mounted and that the token is correct. If the storage was emptied on purpose, "
+        "run --server --rescan";
     EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(2); }), text);
     control_.DropByCount(1, 0);
     ExpectNothingDeleted();

@@ -433,16 +433,17 @@ TEST(WhyKept, NamesAReasonForEachBackupThatStays) {
     Fill(control, "FDfDDF", "FDF");
     const NotComplete open = OpenOf("b", "C");
     EXPECT_EQ(WhyText(WhyKept(control.storages, PlanRoom(control, "", 2, open), open)),
-              "aA: the limits are kept without its removal\naC: locked\n"
-              "aD: the limits are kept without its removal\n"
-              "aE: the limits are kept without its removal\naF: newest of its user\n"
-              "bA: a daily rests on it\nbB: newest of its user\nbC: its job is being repeated\n");
+              "aA: the limits do not require its deletion\naC: locked\n"
+              "aD: the limits do not require its deletion\n"
+              "aE: the limits do not require its deletion\naF: newest backup of its user\n"
+              "bA: a daily depends on it\nbB: newest backup of its user\nbC: its job is being "
+              "repeated\n");
     EXPECT_EQ(WhyText(WhyKept(control.storages, {}, {})),
-              "aA: a daily rests on it\naB: the limits are kept without its removal\naC: locked\n"
-              "aD: the limits are kept without its removal\n"
-              "aE: the limits are kept without its removal\naF: newest of its user\n"
-              "bA: a daily rests on it\nbB: the limits are kept without its removal\n"
-              "bC: newest of its user\n");
+              "aA: a daily depends on it\naB: the limits do not require its deletion\naC: locked\n"
+              "aD: the limits do not require its deletion\n"
+              "aE: the limits do not require its deletion\naF: newest backup of its user\n"
+              "bA: a daily depends on it\nbB: the limits do not require its deletion\n"
+              "bC: newest backup of its user\n");
 }
 
 }  // namespace

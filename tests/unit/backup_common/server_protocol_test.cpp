@@ -131,10 +131,11 @@ TEST_F(Protocol, ReserveThatEvictionsCannotMeetDeletesNothing) {
     EXPECT_EQ(Account(), "200/0/0");
     EXPECT_EQ(control_.max_count, 4);
     EXPECT_EQ(storage_.users.at("web1").backups.size(), 4U);
-    EXPECT_EQ(Log(4),
-              (Lines{"4: Evictions cannot make room: 61 bytes are asked for, and all evictions "
-                     "together would free 60 bytes. Nothing was deleted. Check --size-limit and "
-                     "the sizes in the info files"}));
+    EXPECT_EQ(
+        Log(4),
+        (Lines{"4: Evictions cannot free enough space: 61 bytes are requested, but all evictions "
+               "together would free only 60 bytes. Nothing was deleted. Check --size-limit and "
+               "the sizes in the info files"}));
     EXPECT_EQ(Ask("RESERVE 60"), "OK 1");
     EXPECT_EQ(storage_.users.at("web1").backups.size(), 1U);
 }
@@ -281,14 +282,14 @@ TEST_F(Protocol, HostileNamesAreRefused) {
     const std::string dots(300, 'x');
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"COMPLETE ../../etc/passwd 2026-11-15 full 1",
-         "ERR '2026-11-15.../../etc/passwd' is not a backup's name"},
-        {"COMPLETE web1 ../x full 1", "ERR '../x.web1' is not a backup's name"},
-        {"COMPLETE /a 2026-11-15 full 1", "ERR '2026-11-15./a' is not a backup's name"},
-        {"COMPLETE we\tb 2026-11-15 full 1", "ERR '2026-11-15.we\tb' is not a backup's name"},
-        {"COMPLETE", "ERR '.' is not a backup's name"},
-        {"COMPLETE  . full 1", "ERR '..' is not a backup's name"},
+         "ERR '2026-11-15.../../etc/passwd' is not a valid backup name"},
+        {"COMPLETE web1 ../x full 1", "ERR '../x.web1' is not a valid backup name"},
+        {"COMPLETE /a 2026-11-15 full 1", "ERR '2026-11-15./a' is not a valid backup name"},
+        {"COMPLETE we\tb 2026-11-15 full 1", "ERR '2026-11-15.we\tb' is not a valid backup name"},
+        {"COMPLETE", "ERR '.' is not a valid backup name"},
+        {"COMPLETE  . full 1", "ERR '..' is not a valid backup name"},
         {"COMPLETE " + dots + " 2026-11-15 full 1",
-         "ERR '2026-11-15." + dots + "' is not a backup's name"}};
+         "ERR '2026-11-15." + dots + "' is not a valid backup name"}};
     for (const auto& [line, answer] : cases) EXPECT_EQ(Ask(line), answer);
     EXPECT_TRUE(storage_.users.empty());
     EXPECT_EQ(Account(), "200/200/0");

@@ -188,7 +188,7 @@ TEST_F(Session, AnswersThatNobodyReadsDoNotFillTheMemory) {
     EXPECT_EQ(result, Expect::erClose);
     EXPECT_GT(rounds, 2);
     EXPECT_FALSE(link_.session()->is_open());
-    EXPECT_EQ(Log(), (Lines{"4: Client leaves more than 1048576 bytes of answers unread. Close"}));
+    EXPECT_EQ(Log(), (Lines{"4: Client has not read more than 1048576 bytes of answers. Close"}));
 }
 
 // --- Writing ---

@@ -308,9 +308,9 @@ TEST_F(Start, AServerOfAnotherStorageIsNotJoined) {
     const std::string text =
         TextOf<std::runtime_error>([] { SizeControlServerStart(Arguments({}), ResHandle()); });
     EXPECT_EQ(text, "the running size control server (process " + std::to_string(server.process()) +
-                        ") serves the storage sftp://host/srv/backups, and BACKUP_TOKEN is of "
-                        "memory:///site: wait until that server has ended, or use --storage NAME "
-                        "for a server of its own");
+                        ") uses the storage sftp://host/srv/backups, but BACKUP_TOKEN refers to "
+                        "memory:///site: wait until that server has ended, or start a separate "
+                        "server with --storage NAME");
     EXPECT_FALSE(IsFlocked(kLock));
 }
 
@@ -329,8 +329,8 @@ TEST_F(Start, AServerWhoseStateIsMissingOrOfAnotherStartIsJoinedWithALine) {
         state();
         ClearLog();
         SizeControlServerStart(Arguments({}), ResHandle());
-        EXPECT_EQ(Log(5), (Lines{"4: Cant learn from 'tmp/quarn2_cp.state' which storage the "
-                                 "running server serves",
+        EXPECT_EQ(Log(5), (Lines{"4: Cant determine from 'tmp/quarn2_cp.state' which storage the "
+                                 "running server uses",
                                  "5: Size control server is ready. Date: "}));
     }
 }
@@ -517,9 +517,10 @@ TEST(Notes, AServerWithoutANumberOfDailiesWarns) {
     for (const char* given : {"4:21", "0:0", ":7", "4:0"}) EXPECT_EQ(CountLimitWarning(given), "");
     for (const char* given : {"", "0", "4", "4:"}) {
         EXPECT_EQ(CountLimitWarning(given),
-                  "--count-limit names no number of daily backups: this server deletes every daily "
+                  "--count-limit does not contain the number of daily backups: this server deletes "
+                  "every daily "
                   "backup that is not the newest backup of its user, when it starts and when it "
-                  "ends; give --count-limit FULL:DAILY to keep them")
+                  "ends; use --count-limit FULL:DAILY to keep them")
             << given;
     }
 }

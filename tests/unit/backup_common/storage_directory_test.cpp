@@ -98,11 +98,10 @@ TEST_F(StorageDirectorySite, TheInfoRootInUseIsProtectedAndSoIsTheDefaultOne) {
 }
 
 TEST_F(StorageDirectorySite, TheErrorNamesBothDirectories) {
-    EXPECT_EQ(Check("etc/x"),
-              "storage directory 'etc/x' cannot be used: it is inside of '" +
-                  ResolvePath("etc").string() +
-                  "', which this program needs; nothing was changed. Name a directory for backups "
-                  "alone in BACKUP_TOKEN");
+    EXPECT_EQ(Check("etc/x"), "storage directory 'etc/x' cannot be used: it is inside of '" +
+                                  ResolvePath("etc").string() +
+                                  "', which this program needs; nothing was changed. Use a "
+                                  "directory that contains only backups in BACKUP_TOKEN");
 }
 
 TEST_F(StorageDirectorySite, TokensOfOtherKindsPass) {
@@ -134,7 +133,7 @@ class Source : public StorageDirectorySite {
 TEST_F(Source, TheStoredFileItselfIsRefused) {
     const std::string expected =
         "'srv/F2026-11-20.web1.tgz' cannot be uploaded: it is the stored file itself; nothing was "
-        "changed. Put archives that are outside of the storage";
+        "changed. Upload only files that are outside of the storage";
     EXPECT_EQ(Refusal("srv/F2026-11-20.web1.tgz"), expected);
     std::filesystem::create_hard_link("srv/F2026-11-20.web1.tgz", "hard");
     EXPECT_NE(Refusal("hard"), kAllowed);

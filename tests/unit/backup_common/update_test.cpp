@@ -55,7 +55,8 @@ TEST_F(Update, AFileWithAnotherKeyThanItsBackupIsRefused) {
           "key_hash=k1\nlast-slice=web1/2026-11-20/F2026-11-20.web1.2.dar 5\n");
     EXPECT_EQ(Failure(),
               "the backup of 'b/2026-11-20.web1.tgz' is encrypted with another password than the "
-              "arch_password of BACKUP_TOKEN; nothing was changed. Give the backup's own");
+              "arch_password of BACKUP_TOKEN; nothing was changed. Use a token with the password "
+              "of the backup");
     EXPECT_EQ(store_->files().at(kRemote), "old");
     const std::string token = "memory:site?arch_password=p";
     setenv("BACKUP_TOKEN", token.c_str(), 1);
@@ -87,10 +88,9 @@ TEST_F(Update, AFailedUploadPassesOutAndIsNotRepeated) {
 
 TEST_F(Update, AStorageWithoutRoomIsAnError) {
     store_->SetCapacity(0);
-    EXPECT_EQ(
-        Failure(),
-        "the storage has no room for 'web1/2026-11-20/2026-11-20.web1.tgz', and its old content "
-        "is gone: make room and update it again");
+    EXPECT_EQ(Failure(),
+              "the storage has no space for 'web1/2026-11-20/2026-11-20.web1.tgz', and its "
+              "previous content was already removed: free space and run --update again");
     EXPECT_EQ(local_files::Load(kLocal), "new");
 }
 
@@ -106,7 +106,8 @@ TEST_F(Update, AFileThatCannotBeSentRemovesNothing) {
 TEST_F(Update, AnInfoFileOfNoUseRemovesNothing) {
     const std::string info = "b/2026-11-20.web1.info";
     const std::string no_slice =
-        "the info file of 'b/2026-11-20.web1.tgz' names no last slice; nothing was changed";
+        "the info file of 'b/2026-11-20.web1.tgz' does not contain the name of the last slice; "
+        "nothing was changed";
     for (const char* const content : {"", "type=full\n", "last-slice=\n"}) {
         Place(info, content);
         EXPECT_EQ(Failure(), no_slice);

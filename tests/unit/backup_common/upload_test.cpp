@@ -310,8 +310,10 @@ TEST_F(ChangingSource, AFileThatReplacedItStays) {
     EXPECT_EQ(Serve(kPutlast + " DELETE"), kServed);
     EXPECT_EQ(store_->files().at("F2026-11-15.web1.1.dar"), "12345");
     EXPECT_EQ(local_files::Load(kSlice), "newer");
-    EXPECT_EQ(UploadLog(Log(4)), (Lines{"4: 'b/F2026-11-15.web1.1.dar' stays: it is not the file "
-                                        "whose upload was begun"}));
+    EXPECT_EQ(
+        UploadLog(Log(4)),
+        (Lines{
+            "4: 'b/F2026-11-15.web1.1.dar' is not removed: it is not the file that was uploaded"}));
 }
 
 TEST_F(ChangingSource, OneThatWasRemovedIsStoredAllTheSame) {
