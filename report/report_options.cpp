@@ -25,30 +25,30 @@ void DeclareOptions(kro_args::Args& args) {
                 .SetDefault(str::Str(Options::kDefaultMaxAgeHours))
             .Last()
         .AddOption("list", kNoLetter, "every backup, by user and chain").SetGroup(mode)
-        .AddOption("chain", kNoLetter, "the files to restore one day, in order. Needs two arguments: USER DATE")
+        .AddOption("chain", kNoLetter, "the files to restore a day, in order. Needs two arguments: USER DATE")
             .SetGroup(mode)
         .AddOption("history", kNoLetter, "the events: what was stored, completed, refused and deleted, and why")
             .SetGroup(mode)
             .AddSuboption("since", kNoLetter, "only the events from this day on").SetParam()
             .Last()
-        .AddOption("plan", kNoLetter, "which backups a server would delete, in order, and why the others stay")
+        .AddOption("plan", kNoLetter, "which backups a server would delete, in order, and why it would keep the others")
             .SetGroup(mode)
             .AddSuboption("bytes", kNoLetter, "size of an upload for which the server makes room").SetParam()
-            .AddOption("for", kNoLetter, "USER:full or USER:daily: the next backup of this user, of its usual size or "
-                                         "of --bytes").SetParam()
+            .AddOption("for", kNoLetter, "USER:full or USER:daily: the next backup of this user, with the usual size "
+                                         "or that of --bytes").SetParam()
             .Last()
         .AddOption("check", kNoLetter, "one line and the exit status of a monitoring plugin")
             .SetGroup(mode)
             .AddSuboption("max-age", kNoLetter, "hours after which a user without a new backup is overdue")
                 .SetDefault(str::Str(Options::kDefaultMaxAgeHours))
-            .AddOption("min-days", kNoLetter, "days of backups that the size limit must keep").SetParam()
+            .AddOption("min-days", kNoLetter, "number of days whose backups must fit into the size limit").SetParam()
             .Last()
-        .AddOption("verify", kNoLetter, "ask the storage of BACKUP_TOKEN whether it has the files of the backups")
+        .AddOption("verify", kNoLetter, "check that the storage of BACKUP_TOKEN has the files of the backups")
             .SetGroup(mode)
             .AddSuboption("content", kNoLetter, "download and test this percentage of the backups; 1/DAYS: each backup "
                                                 "on one day of so many days").SetParam()
-            .AddOption("seed", kNoLetter, "repeat the choice of an earlier --content").SetParam()
-            .AddOption("orphans", kNoLetter, "look for stored files that no info file names")
+            .AddOption("seed", kNoLetter, "repeat the random selection of an earlier --content").SetParam()
+            .AddOption("orphans", kNoLetter, "search for stored files that belong to no backup")
             .Last()
         .AddOption("path", 'P', "local storage path").SetDefault(kDefaultInfoRoot)
         .AddOption("storage", 'U', "user individual storage").SetParam()
@@ -182,10 +182,10 @@ Options ParseOptions(int argc, char** argv) {
     }
     kro_args::Args args(
         "Tovarn backup storage report\n"
-        "Shows what the info files, the ledger and the events say about the stored backups. Writes "
-        "nothing. Only --verify asks the storage and needs the token.\n"
-        "Exit status: 0 fine, 1 failed, 2 usage, 3 findings (named on standard error). With "
-        "--check: 0 ok, 1 warning, 2 critical, 3 unknown");
+        "Reports on the stored backups from the info files, the ledger and the events. Only "
+        "--verify sends requests to the storage and needs the token; it also saves its result.\n"
+        "Exit status: 0 no findings, 1 error, 2 invalid command line, 3 findings (listed on "
+        "standard error). With --check: 0 ok, 1 warning, 2 critical, 3 unknown");
     DeclareOptions(args);
     args.Parse(argc, words.data());
     Options options;

@@ -23,14 +23,15 @@ UNUSABLE, NOT_STARTED = 2, 3
 
 def options():
     parser = argparse.ArgumentParser(prog=PROGRAM, description="Makes the nightly backups of all users.", epilog=(
-        "Exit status: 0 every user has a backup, 1 a user or a hook failed, 2 the command line or the configuration "
-        "cannot be used, 3 no backup was begun."))
+        "Exit status: 0 every user has a backup, 1 the backup of a user or a hook failed, 2 the command line or the "
+        "configuration is invalid, 3 no backup was started."))
     parser.add_argument("--config", metavar="FILE", default=CONFIGURATION, help="configuration (default: %(default)s)")
     parser.add_argument("--date", metavar="DATE", help="date of the backups instead of today, YYYY-MM-DD")
-    parser.add_argument("--user", metavar="NAME", action="append", help="only this user; can be given several times")
-    parser.add_argument("--full", action="store_true", help="make full backups on any day")
+    parser.add_argument("--user", metavar="NAME", action="append",
+                        help="back up only this user; can be given several times")
+    parser.add_argument("--full", action="store_true", help="make full backups, whatever the day of the week")
     parser.add_argument("--check", action="store_true", help="only check the configuration")
-    parser.add_argument("--dry-run", action="store_true", help="print what would be done, and do nothing")
+    parser.add_argument("--dry-run", action="store_true", help="print which backups would be made, and change nothing")
     return parser
 
 

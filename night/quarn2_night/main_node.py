@@ -18,16 +18,16 @@ def options():
         prog=PROGRAM, usage="%(prog)s [options] add NODE\n       %(prog)s [options] check [NODE ...]",
         description="Sets up the connection of the size control server to another machine, and checks it.",
         epilog="NODE is a host name or address, or NAME:DESTINATION:PORT. add can be run again after an error. "
-               "Exit status: 0 the node can be used, 1 it cannot, 2 the command line cannot be used.")
+               "Exit status: 0 the node can be used, 1 it cannot, 2 the command line is invalid.")
     parser.add_argument("command", metavar="add|check", choices=("add", "check"))
     parser.add_argument("nodes", metavar="NODE", nargs="*")
     parser.add_argument("--config", metavar="FILE", default=CONFIGURATION,
-                        help="configuration whose nodes check uses (default: %(default)s)")
+                        help="configuration with the nodes for the command check (default: %(default)s)")
     parser.add_argument("--host-key", metavar="FINGERPRINT",
-                        help="the fingerprint of the node's host key, SHA256:..., instead of a question")
-    parser.add_argument("--identity", metavar="FILE", help="the private key of your own login on the node, as root")
+                        help="fingerprint of the node's host key, SHA256:..., instead of a confirmation by hand")
+    parser.add_argument("--identity", metavar="FILE", help="the private key of your own login as root on the node")
     parser.add_argument("--from", metavar="ADDRESS", dest="address",
-                        help="accept the key only from this address of the server's machine")
+                        help="address of the server's machine; the node accepts the key only from this address")
     parser.add_argument("--dry-run", action="store_true", help="print what add would change, and change nothing")
     return parser
 

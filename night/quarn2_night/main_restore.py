@@ -25,20 +25,20 @@ _NO_LIMITS = ["--size-limit", "0", "--count-limit", "0:1000000"]
 def options():
     parser = argparse.ArgumentParser(
         prog=PROGRAM, usage="%(prog)s [options] USER DATE DIRECTORY [PATH ...]\n       %(prog)s [options] --list [USER]",
-        description="Restores the files of a user from the backup of DATE, or from the last one before it.",
+        description="Restores the files of a user from the backup of DATE, or from the last backup before DATE.",
         epilog="DATE is YYYY-MM-DD, or custom. Each PATH is relative to the directory that was backed up. "
-               "Exit status: 0 restored, 1 failed, 2 the command line or the configuration cannot be used.")
+               "Exit status: 0 restored, 1 failed, 2 the command line or the configuration is invalid.")
     parser.add_argument("words", metavar="USER DATE DIRECTORY [PATH ...]", nargs="*")
     parser.add_argument("--config", metavar="FILE", default=CONFIGURATION, help="configuration (default: %(default)s)")
     parser.add_argument("--token-file", metavar="FILE", help="file with the storage token, instead of the configuration")
     parser.add_argument("--list", action="store_true", help="list the backups of a user, or of all users")
     parser.add_argument("--force", action="store_true",
-                        help="restore into a directory with files: files of the same names are overwritten")
+                        help="restore into a directory that has files, and overwrite files of the same names")
     parser.add_argument("--rescan", action="store_true",
-                        help="read the list of backups from the storage: for a machine that does not have it")
+                        help="read the list of backups from the storage, for a machine without the list")
     parser.add_argument("--dailies", choices=("last", "all"), default="last",
-                        help="restore the last daily on the full backup, or all of them in order: only for backups of "
-                             "other programs, whose dailies rest on each other (default: last)")
+                        help="restore only the last daily, or all dailies in order. Use all for backups of other "
+                             "programs in which each daily depends on the previous one (default: last)")
     return parser
 
 

@@ -33,18 +33,19 @@ _DEFAULTS = {"users": "/home", "count_limit": "4:21", "format": "dar", "full_day
 def options():
     parser = argparse.ArgumentParser(
         prog=PROGRAM, description="Sets up the nightly backups: tests the storage and writes the configuration.",
-        epilog="Exit status: 0 set up, 1 the storage or the test failed, 2 an option or an answer cannot be used.")
+        epilog="Exit status: 0 set up, 1 the storage or the test failed, 2 an option or an answer is invalid.")
     parser.add_argument("--config", metavar="FILE", default=CONFIGURATION, help="configuration (default: %(default)s)")
     parser.add_argument("--token-file", metavar="FILE", default=TOKEN_FILE,
-                        help="where to keep the storage token (default: %(default)s)")
-    parser.add_argument("--token-from", metavar="FILE", help="file that has the storage token; '-' for standard input")
-    parser.add_argument("--users", metavar="DIRECTORY", help="directory whose subdirectories are the users")
-    parser.add_argument("--size-limit", metavar="BYTES", help="bytes that the storage may hold; 0 for no limit")
+                        help="file in which to store the token (default: %(default)s)")
+    parser.add_argument("--token-from", metavar="FILE",
+                        help="file from which to read the storage token; '-' for standard input")
+    parser.add_argument("--users", metavar="DIRECTORY", help="directory with a subdirectory for each user")
+    parser.add_argument("--size-limit", metavar="BYTES", help="maximum number of bytes on the storage; 0 for no limit")
     parser.add_argument("--count-limit", metavar="FULL:DAILY", help="backups to keep for each user")
     parser.add_argument("--format", metavar="FORMAT", help="dar or tar.zst")
     parser.add_argument("--full-day", metavar="DAY", help="day of the week of the full backups")
-    parser.add_argument("--defaults", action="store_true", help="ask nothing, also on a terminal")
-    parser.add_argument("--overwrite", action="store_true", help="replace a configuration that exists")
+    parser.add_argument("--defaults", action="store_true", help="ask no questions, even on a terminal")
+    parser.add_argument("--overwrite", action="store_true", help="replace an existing configuration")
     return parser
 
 

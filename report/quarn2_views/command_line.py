@@ -10,21 +10,21 @@ from .texts import escaped
 DONE, FAILED, USAGE = 0, 1, 2
 # Options that are passed to quarn2_report unchanged: name, value, help.
 _PASSED = (("path", "DIR", "the info root, as for quarn2_report"),
-           ("storage", "NAME", "the name that the server of a user's own storage has"),
-           ("size-limit", "BYTES", "the size limit, when no server runs"),
-           ("count-limit", "FULL:DAILY", "the count limit, when no server runs"),
+           ("storage", "NAME", "the name of a user's own storage"),
+           ("size-limit", "BYTES", "the size limit; by default that of the running server"),
+           ("count-limit", "FULL:DAILY", "the count limit; by default that of the running server"),
            ("date", "DATE", "the reference date instead of today"))
 
 
 def add_report_options(parser):
     for name, value, text in _PASSED:
         parser.add_argument("--" + name, metavar=value, help=text)
-    parser.add_argument("--max-age", metavar="HOURS", help="the age from which a user is overdue")
+    parser.add_argument("--max-age", metavar="HOURS", help="the age of the newest backup from which a user is overdue")
     parser.add_argument("--anonymous", action="store_true", help="write hashes instead of the names of users")
     parser.add_argument("--report", metavar="PROGRAM", default=_default_program(),
-                        help="the program quarn2_report; by default the one in the directory of this program")
+                        help="the path of quarn2_report; by default it is in the directory of this program")
     parser.add_argument("--timeout", metavar="SECONDS", type=_seconds, default=300,
-                        help="end quarn2_report after this time and count it as failed (default: %(default)s)")
+                        help="terminate quarn2_report after this time and treat it as failed (default: %(default)s)")
 
 
 def _default_program():

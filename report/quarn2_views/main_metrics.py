@@ -20,9 +20,9 @@ def options():
         prog=PROGRAM, usage="%(prog)s [options] [FILE]",
         description="Runs quarn2_report and writes its figures in the text format of Prometheus to FILE, for the textfile "
                     "collector of node_exporter, or to standard output.",
-        epilog="Exit status: 0 written, 1 quarn2_report failed (then the file says so) or the file cannot be written, "
-               "2 the command line is wrong.")
-    parser.add_argument("file", metavar="FILE", nargs="?", help="file that is replaced; its name must end in .prom")
+        epilog="Exit status: 0 written, 1 quarn2_report failed (the file then reports that) or the file cannot be "
+               "written, 2 the command line is invalid.")
+    parser.add_argument("file", metavar="FILE", nargs="?", help="the file to replace; its name must end in .prom")
     add_report_options(parser)
     parser.add_argument("--per-user", action="store_true", help="also write three metrics for each user")
     return parser

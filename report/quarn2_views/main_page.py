@@ -26,13 +26,13 @@ def _days(text):
 def options():
     parser = argparse.ArgumentParser(
         prog=PROGRAM, usage="%(prog)s [options] FILE",
-        description="Runs quarn2_report and writes what it shows to FILE, an HTML page that needs no other file.",
-        epilog="Exit status: 0 written, 1 quarn2_report failed (then the page says so) or the file cannot be written, "
-               "2 the command line is wrong.")
-    parser.add_argument("file", metavar="FILE", help="the page; an existing one is replaced in one step")
+        description="Runs quarn2_report and writes its results to FILE, an HTML page that needs no other file.",
+        epilog="Exit status: 0 written, 1 quarn2_report failed (the page then shows the error) or the file cannot be "
+               "written, 2 the command line is invalid.")
+    parser.add_argument("file", metavar="FILE", help="the page; an existing file is replaced atomically")
     add_report_options(parser)
     parser.add_argument("--days", metavar="DAYS", type=_days, default=60,
-                        help="the days of the plots (default: %(default)s)")
+                        help="the number of days in the plots (default: %(default)s)")
     return parser
 
 

@@ -74,7 +74,7 @@ class RestoreJob(SystemTest):
             with self.subTest(user=user):
                 result = backup(root, SUNDAY, user, files)
                 self.assertEqual(1, result.returncode)
-                self.assertRegex(result.stderr, r"\Abackup-job: a user name here has letters")
+                self.assertRegex(result.stderr, r"\Abackup-job: invalid user name ")
                 self.assert_no_command_ran(root)
                 self.assertEqual([], root.stored())
 
