@@ -163,4 +163,10 @@ def _read_state(index, state):
 
 
 MAKERS = {"dar": make_dar, "tar.zst": make_tar}
-TOOLS = {"dar": ("dar", "dar_xform"), "tar.zst": ("tar", "zstd")}
+_TOOLS = {"dar": ("dar", "dar_xform"), "tar.zst": ("tar", "zstd")}
+
+
+def missing_tools(archive_format):
+    """Returns an error text for each missing program that this format needs."""
+    return [f"there is no program {tool}; install the Debian package {tool.removesuffix('_xform')}"
+            for tool in _TOOLS[archive_format] if not shutil.which(tool)]

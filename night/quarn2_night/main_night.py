@@ -3,13 +3,12 @@
 import argparse
 import datetime
 import os
-import shutil
 import signal
 import subprocess
 import threading
 
 from . import settings as settings_module
-from .archive import TOOLS
+from .archive import missing_tools
 from .job import FAILED, SKIPPED, UserJob
 from .names import is_date, is_user
 from .night import ALL_DONE, SOME_FAILED, Night, summary_of
@@ -57,8 +56,7 @@ def check(config):
     try:
         settings = settings_module.load(config)
         token = read_token(settings.token_file)
-        errors += [f"there is no program {tool}; install the Debian package {tool.removesuffix('_xform')}"
-                   for tool in TOOLS[settings.format] if not shutil.which(tool)]
+        errors += missing_tools(settings.format)
     except Problem as error:
         errors.append(str(error))
     if errors:

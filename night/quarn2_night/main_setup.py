@@ -1,7 +1,7 @@
 """quarn2-setup: tests a storage and writes the configuration of the nightly backups."""
 
 import argparse
-import getpass
+import contextlib
 import os
 import re
 import shutil
@@ -12,67 +12,40 @@ import tempfile
 
 from . import settings as settings_module
 from .processes import Children
+from .questions import CONFIG, FORMAT, LATER, SIZE_LIMIT, TOKEN, TOKEN_PATH, ask
 from .replacement import replace
-from .site import CONFIGURATION, TOKEN_FILE, Problem, Site, complain, read_token, say
+from .site import CONFIGURATION, Problem, Site, complain, read_token, say
 from .storage_test import free_space, test_storage
 
 PROGRAM = "quarn2-setup"
 DONE, FAILED, USAGE = 0, 1, 2
+_SIGNALS = (signal.SIGTERM, signal.SIGINT, signal.SIGHUP)
 _TEMPLATE = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "night.conf")
-# option, name in the configuration, question
-_QUESTIONS = (
-    ("users", "directory", "Directory whose subdirectories are the users"),
-    ("size_limit", "size-limit", "Bytes that the storage may hold (0: no limit; K, M, G, T)"),
-    ("count_limit", "count-limit", "Full and daily backups to keep for each user, FULL:DAILY"),
-    ("format", "format", "Format of the archives, dar or tar.zst"),
-    ("full_day", "full-day", "Day of the full backups"),
-)
-_DEFAULTS = {"users": "/home", "count_limit": "4:21", "format": "dar", "full_day": "Sunday"}
 
 
 def options():
     parser = argparse.ArgumentParser(
-        prog=PROGRAM, description="Sets up the nightly backups: tests the storage and writes the configuration.",
-        epilog="Exit status: 0 set up, 1 the storage or the test failed, 2 an option or an answer is invalid.")
-    parser.add_argument("--config", metavar="FILE", default=CONFIGURATION, help="configuration (default: %(default)s)")
-    parser.add_argument("--token-file", metavar="FILE", default=TOKEN_FILE,
-                        help="file in which to store the token (default: %(default)s)")
-    parser.add_argument("--token-from", metavar="FILE",
-                        help="file from which to read the storage token; '-' for standard input")
-    parser.add_argument("--users", metavar="DIRECTORY", help="directory with a subdirectory for each user")
-    parser.add_argument("--size-limit", metavar="BYTES", help="maximum number of bytes on the storage; 0 for no limit")
-    parser.add_argument("--count-limit", metavar="FULL:DAILY", help="backups to keep for each user")
-    parser.add_argument("--format", metavar="FORMAT", help="dar or tar.zst")
-    parser.add_argument("--full-day", metavar="DAY", help="day of the week of the full backups")
-    parser.add_argument("--defaults", action="store_true", help="ask no questions, even on a terminal")
-    parser.add_argument("--overwrite", action="store_true", help="replace an existing configuration")
+        prog=PROGRAM, description="Sets up the nightly backups: tests the storage and writes the configuration. On a "
+        "terminal it asks for each value that no option gives.",
+        epilog="Exit status: 0 set up, 1 the test failed or the set-up was interrupted, 2 an option cannot be used.")
+    for value in (CONFIG, TOKEN_PATH, TOKEN, FORMAT, *LATER):
+        value.add_to(parser)
+    parser.add_argument("--defaults", action="store_true", help="ask nothing, also on a terminal")
+    parser.add_argument("--overwrite", action="store_true", help="replace a configuration that exists")
     return parser
 
 
-def ask(question, proposal):
-    answer = input(f"{question} [{proposal}]: ").strip()
-    return answer or proposal
-
-
-def get_token(given, is_interactive, path):
-    """Reads the token from the file of --token-from, the token file or the terminal. No argument contains the token."""
-    if given.token_from:
-        try:
-            source = sys.stdin if given.token_from == "-" else open(given.token_from, encoding="utf-8")
-            with source:
-                token = source.read().strip()
-        except (OSError, UnicodeDecodeError) as error:
-            raise Problem(f"--token-from '{given.token_from}' cannot be read: {error}") from None
-    elif os.path.exists(path):
-        say(f"uses the token in {path}")
-        return read_token(path)
-    elif is_interactive:
-        token = getpass.getpass("Storage token, for example local:///srv/backups (not shown): ").strip()
-    else:
-        raise Problem(f"there is no token file '{path}'; give --token-from FILE")
-    if not token or not token.isprintable():
-        raise Problem("the storage token must be one line, for example local:///srv/backups")
-    return token
+def read_given_token(path):
+    """Returns the token of the option --token-from."""
+    if path == "-" and sys.stdin.isatty():
+        raise Problem("--token-from '-' cannot be used: expected a file or a pipe as standard input; without this option "
+                      "quarn2-setup asks for the token and does not show it")
+    try:
+        with open(sys.stdin.fileno() if path == "-" else path, encoding="utf-8", closefd=path != "-") as source:
+            text = source.read()
+    except (OSError, UnicodeDecodeError) as error:
+        raise Problem(f"--token-from '{path}' cannot be read: {error}") from None
+    return TOKEN.accept(text, f"--token-from '{path}': ")
 
 
 def propose_limit(token, site):
@@ -86,26 +59,11 @@ def propose_limit(token, site):
     return f"{(free + stored) * 9 // 10 // 2**20}M"
 
 
-def collect(given, is_interactive, proposals):
-    """Returns the values for the configuration: {name: text}."""
-    values = {}
-    for option, name, question in _QUESTIONS:
-        value = getattr(given, option)
-        if value is None:
-            value = proposals[option]
-            if is_interactive:
-                value = ask(question, value)
-        if not value.isprintable():
-            raise Problem(f"{name} {value!r} cannot be used")
-        values[name] = value
-    return values
-
-
-def configuration(values, token_file):
-    """Returns the text of the sample configuration with these values."""
+def configuration(values):
+    """Returns the text of the sample configuration with these values: {setting: text}."""
     with open(_TEMPLATE, encoding="utf-8") as file:
         text = file.read()
-    for name, value in dict(values, **{"token-file": token_file}).items():
+    for (_, name), value in values.items():
         line = f"{name} = {value}"
         text, count = re.subn(rf"(?m)^#?{re.escape(name)} = .*$", lambda _, line=line: line, text, count=1)
         if count != 1:
@@ -126,70 +84,169 @@ def enable_timer():
 class Setup:
     """One run of the program. Until the test has succeeded, all files stay in the temporary directory `work`."""
 
-    def __init__(self, site, given, is_interactive, work):
-        self.site, self.given, self.is_interactive, self.work = site, given, is_interactive, work
-        self.keeps = os.path.exists(given.config) and not given.overwrite
-        self.text = None
+    def __init__(self, site, children, given, work):
+        self.site, self.children, self.given, self.work = site, children, given, work
+        self.is_interactive = sys.stdin.isatty() and not given.defaults
+        self.config = given.config or CONFIG.default
+        self.keeps = os.path.exists(self.config) and not given.overwrite
+        # The settings of a configuration that is kept, the values for a new one: {setting: text}, and the new files.
+        self.settings, self.values, self.written = None, {}, []
+        self.token = None
 
-    def prepare(self):
-        """Returns (settings, token)."""
-        token_file = self.given.token_file
+    # -- The options --
+
+    def check_options(self):
+        """Takes the values of the options. Raises Problem with all errors."""
+        errors = []
+        steps = [self.site.check, self.load_kept, self.take_token]
+        steps += [lambda value=value: self.take(value) for value in (CONFIG, TOKEN_PATH, FORMAT, *LATER)]
+        for step in steps:
+            try:
+                step()
+            except Problem as error:
+                errors.append(str(error))
+        if errors:
+            raise Problem("\n".join(errors))
+
+    def load_kept(self):
+        if self.keeps and not os.path.isdir(self.config):
+            self.settings = settings_module.load(self.config)
+
+    def take(self, value):
+        """Takes a value from its option, or its default if the program does not ask for it."""
+        text = getattr(self.given, value.attribute)
+        is_asked = self.is_interactive and value not in (CONFIG, TOKEN_PATH)
+        if text is None and not is_asked and not self.keeps:
+            text = value.default
+        if text is not None:
+            self.values[value.setting] = value.accept(text, value.option + " ")
+
+    def take_token(self):
+        if self.given.token_from:
+            self.token = read_given_token(self.given.token_from)
+        elif self.keeps and self.settings is None:
+            return  # the path of the token file is not known
+        elif os.path.exists(self.token_file()):
+            self.token = read_token(self.token_file())
+            say(f"uses the token in {self.token_file()}; --token-from replaces it")
+        elif not self.is_interactive:
+            raise Problem(f"there is no token file '{self.token_file()}'; give --token-from FILE")
+
+    def token_file(self):
+        return self.settings.token_file if self.keeps else self.given.token_file or TOKEN_PATH.default
+
+    # -- The questions and the test --
+
+    def run(self):
         if self.keeps:
-            say(f"keeps {self.given.config}; --overwrite replaces it")
-            settings = settings_module.load(self.given.config)
-            return settings, get_token(self.given, self.is_interactive, settings.token_file)
-        token = get_token(self.given, self.is_interactive, token_file)
-        proposals = dict(_DEFAULTS, size_limit=self.given.size_limit or propose_limit(token, self.site))
-        self.text = configuration(collect(self.given, self.is_interactive, proposals), token_file)
-        proposed = os.path.join(self.work, "night.conf")
-        replace(proposed, self.text, 0o600, 0o750)
-        try:
-            return settings_module.load(proposed), token
-        except Problem as error:
-            raise Problem(re.sub(rf"(?m)^{re.escape(proposed)}:\d+: ", "", str(error))) from None
+            say(f"keeps {self.config}; --overwrite replaces it")
+            self.test(self.settings)
+            return
+        self.ask(FORMAT, FORMAT.default)
+        settings = settings_module.defaults()
+        settings.format = self.values[FORMAT.setting]
+        self.test(settings)
+        for value in LATER:
+            if value.setting not in self.values:
+                self.ask(value, propose_limit(self.token, self.site) if value is SIZE_LIMIT else value.default)
 
-    def finish(self, settings, token):
-        replace(settings.token_file, token + "\n", 0o600, 0o750)
-        if self.text is not None:
-            if os.path.exists(self.given.config):
-                shutil.copy2(self.given.config, self.given.config + ".old")
-            replace(self.given.config, self.text, 0o640, 0o750)
-            say(f"wrote {self.given.config} and {settings.token_file}")
-        if self.given.config == CONFIGURATION:
+    def ask(self, value, proposal):
+        if value.setting in self.values:
+            return
+        self.values[value.setting] = ask(value, proposal) if self.is_interactive else value.accept(proposal)
+
+    def test(self, settings):
+        """Tests the storage of the token. Asks for the token until its test succeeds, unless an option or a file gave it."""
+        if self.token is not None:
+            self.test_token(settings, self.token)
+        else:
+            self.token = ask(TOKEN, then=lambda token: self.test_token(settings, token))
+
+    def test_token(self, settings, token):
+        # A failed test may leave files in its directory, so each test has its own.
+        test_storage(self.site, self.children, settings, token, tempfile.mkdtemp(dir=self.work))
+
+    # -- The files --
+
+    def finish(self):
+        text = None if self.keeps else self.new_configuration()
+        with uninterrupted():
+            self.write(self.token_file(), self.token + "\n", 0o600)
+            if text is not None:
+                self.keep_previous()
+                self.write(self.config, text, 0o640)
+        say("wrote " + " and ".join(self.written))
+        if self.config == CONFIGURATION:
             enable_timer()
         say("done; quarn2-night --dry-run shows what the next night will do")
+
+    def new_configuration(self):
+        """Returns the text of the configuration. Raises Problem when quarn2-night could not use it."""
+        text = configuration({setting: value for setting, value in self.values.items() if setting})
+        proposed = os.path.join(self.work, "night.conf")
+        replace(proposed, text, 0o600)
+        settings_module.load(proposed)
+        return text
+
+    def keep_previous(self):
+        if os.path.exists(self.config):
+            with open(self.config, encoding="utf-8", errors="surrogateescape") as file:
+                self.write(self.config + ".old", file.read(), os.stat(self.config).st_mode & 0o777)
+
+    def write(self, path, text, mode):
+        replace(path, text, mode, 0o750)
+        self.written.append(path)
+
+    def outcome(self):
+        """Describes the changes of a set-up that failed."""
+        return f"it has written {' and '.join(self.written)}" if self.written else "nothing was changed"
+
+
+@contextlib.contextmanager
+def uninterrupted():
+    """Delays the signals that end the program until the block has ended."""
+    signal.pthread_sigmask(signal.SIG_BLOCK, _SIGNALS)
+    try:
+        yield
+    finally:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, _SIGNALS)
+
+
+def end_on_signals(children):
+    def interrupt(*_):
+        children.stop()
+        raise KeyboardInterrupt
+
+    for number in _SIGNALS:
+        signal.signal(number, interrupt)
 
 
 def main(arguments):
     given = options().parse_args(arguments)
     os.umask(0o077)
-    site = Site()
     children = Children()
-
-    def interrupt(*_):
-        children.stop()
-        raise KeyboardInterrupt
-
-    for number in (signal.SIGTERM, signal.SIGINT, signal.SIGHUP):
-        signal.signal(number, interrupt)
-    is_interactive = sys.stdin.isatty() and not given.defaults
+    end_on_signals(children)
     status = USAGE
     work = tempfile.mkdtemp(prefix="quarn2-setup.", dir=os.environ.get("TMPDIR") or "/var/tmp")
+    setup = Setup(Site(), children, given, work)
     try:
-        site.check()
-        setup = Setup(site, given, is_interactive, work)
-        settings, token = setup.prepare()
+        setup.check_options()
         status = FAILED
-        test_storage(site, children, settings, token, work)
-        setup.finish(settings, token)
+        setup.run()
+        setup.finish()
         return DONE
     except (Problem, OSError) as error:
         for line in str(error).split("\n"):
             complain(PROGRAM, line)
-        complain(PROGRAM, "nothing was changed; correct this and run quarn2-setup again")
+        complain(PROGRAM, f"{setup.outcome()}; correct this and run {PROGRAM} again")
         return status
-    except (KeyboardInterrupt, EOFError):
-        complain(PROGRAM, "interrupted; nothing was changed")
-        return status
+    except (KeyboardInterrupt, EOFError) as error:
+        if setup.is_interactive:
+            print(flush=True)  # ends the line of the question
+        reason = "the input has ended" if isinstance(error, EOFError) else "interrupted"
+        complain(PROGRAM, f"{reason}; {setup.outcome()}; run {PROGRAM} again")
+        return FAILED
     finally:
+        for number in _SIGNALS:
+            signal.signal(number, signal.SIG_IGN)
         shutil.rmtree(work)

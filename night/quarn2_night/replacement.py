@@ -1,5 +1,6 @@
 """Replaces a file atomically and durably."""
 
+import contextlib
 import os
 import tempfile
 
@@ -23,7 +24,9 @@ def replace(path, text, mode=None, directory_mode=0o700):
             os.fsync(file.fileno())
         os.replace(temporary, path)
     except BaseException:
-        os.remove(temporary)
+        # The file has its final name when an interruption follows the rename.
+        with contextlib.suppress(FileNotFoundError):
+            os.remove(temporary)
         raise
     _sync_directory(directory)
 

@@ -180,6 +180,16 @@ def _check_together(values, given, path):
         yield f"{place}: format tar.zst needs a compression of zstd:1 to zstd:19"
 
 
+def parse_value(section, name, text):
+    """Returns the value of one setting. Raises Invalid."""
+    return _RULES[section, name][0](settings_file.Value(text, name))
+
+
+def defaults():
+    """Returns the Settings without a configuration file. They name no users."""
+    return Settings({key: default for key, (_, default) in _RULES.items()})
+
+
 def load(path):
     """Returns the Settings of a configuration file. Raises Problem with all errors of the file, one per line."""
     given, errors = settings_file.parse(read_protected(path, "configuration", True), path)

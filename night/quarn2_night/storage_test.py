@@ -3,12 +3,11 @@
 import copy
 import datetime
 import os
-import shutil
 import subprocess
 import sys
 import urllib.parse
 
-from .archive import TOOLS
+from .archive import missing_tools
 from .directories import open_directory
 from .job import DONE
 from .night import Night
@@ -33,7 +32,9 @@ def test_storage(site, children, settings, token, work):
     site.info_root, site.state = os.path.join(work, "info"), os.path.join(work, "state")
     settings.work_directory, settings.retries = None, 0
     settings.hooks_before_user = settings.hooks_after_user = settings.hooks_after_night = None
-    check_tools(settings)
+    missing = missing_tools(settings.format)
+    if missing:
+        raise Problem("\n".join(missing))
     source = os.path.join(work, "source")
     os.makedirs(source)
     with open(os.path.join(source, "file"), "w", encoding="ascii") as file:
@@ -51,12 +52,6 @@ def test_storage(site, children, settings, token, work):
         restore(night, token_file, work)
     finally:
         delete(night, token)
-
-
-def check_tools(settings):
-    for tool in TOOLS[settings.format]:
-        if not shutil.which(tool):
-            raise Problem(f"there is no program {tool}; install the Debian package {tool.removesuffix('_xform')}")
 
 
 def restore(night, token_file, work):
