@@ -92,7 +92,7 @@ class Slices(PutTest):
                 result = self.r.run("--put", path, "--info-file", info, "--last_slice")
                 self.assertEqual(1, result.returncode)
                 self.assertRegex(result.stderr,
-                                 r"\Aquarn2_cp: .*: it has a (space|control character)[^\n]*\n\Z")
+                                 r"\Aquarn2_cp: .*: it contains a (space|control character)[^\n]*\n\Z")
                 self.assertTrue(os.path.exists(path))
                 self.assertEqual(before, read(info))
         self.assertEqual([], self.r.stored())
