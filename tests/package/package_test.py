@@ -255,7 +255,7 @@ class Package(unittest.TestCase):
 
     def test_8_a_purge_keeps_backups_and_the_token(self):
         before = self.state()
-        self.assertIn("/var/lib/kro5 stays", self.inside("dpkg", "-P", "quarn2-cp"))
+        self.assertIn("/var/lib/kro5 is kept", self.inside("dpkg", "-P", "quarn2-cp"))
         gone = {name for name in before if name not in self.state()}
         # The directory of the control socket is empty after the end of the server.
         self.assertLessEqual({"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log"}, gone)

@@ -71,7 +71,7 @@ EVERYWHERE = (
     ("{s}://user:SEC%00RET@host/dir", "control character in the password"),
     ("{s}://user:SEC RET@host/dir", "contains a space"),
     ("{s}://user:SEC\tRET@host/dir", "contains a space"),
-    ("{s}://user:SEC\nRET@host/dir", "line end"),
+    ("{s}://user:SEC\nRET@host/dir", "control character"),
     ("{s}://us%er:SECRET@host/dir", "percent-encoding in the user"),
     ("{s}://us%0Aer:SECRET@host/dir", "control character in the user"),
     ("{s}://us%00er:SECRET@host/dir", "control character in the user"),
@@ -82,7 +82,7 @@ EVERYWHERE = (
     ("{at}host/di%0Ar", "control character in the path"),
     ("{at}host/di%00r", "control character in the path"),
     ("{at}host/di r", "contains a space"),
-    ("{at}host/dir\n", "line end"),
+    ("{at}host/dir\n", "control character"),
     ("{at}host/dir#top", "%23"),
     ("{at}host/dir@home", "%40"),
     # Parameters
