@@ -142,10 +142,12 @@ void LedgerEntry::LoseSharedFiles() {
     is_unknown = false;
 }
 
-void LedgerEntry::LoseStoredIndexes() {
+void LedgerEntry::LoseStoredSharedFiles() {
     std::erase_if(slices, [](const auto& slice) {
         return !IsArchive(slice.first) && slice.second.state == SliceState::kStored;
     });
+    info.clear();
+    info_bytes = 0;
 }
 
 std::string LedgerEntry::Format() const {

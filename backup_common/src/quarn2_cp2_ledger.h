@@ -76,9 +76,10 @@ struct LedgerEntry {
     // have replaced those of this entry, so this entry keeps only its archive's slices.
     void LoseSharedFiles();
 
-    // Removes the records of stored files that are not slices of an archive. Another backup has
-    // replaced these files and includes them in its size.
-    void LoseStoredIndexes();
+    // Records that an earlier custom backup of the same user is complete. Its index and info file
+    // have the same names and have replaced those of this entry. An index that this entry's job is
+    // uploading stays in the entry.
+    void LoseStoredSharedFiles();
 
     std::string Format() const;
     // Returns an open entry of this name without slices when the text cannot be parsed.

@@ -306,10 +306,11 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
         });
     }
     // The index of this backup is recorded in the latest entry (see EntryNameOf), which can be that
-    // of a later custom backup. If it stayed there, this backup would not count as complete.
+    // of a later custom backup. That backup may also have recorded its own info file before its
+    // last put was refused. If these records stayed there, this backup would not count as complete.
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
         ledger_.Update(name, [this](LedgerEntry& entry) {
-            if (IsCurrent(entry)) entry.LoseStoredIndexes();
+            if (IsCurrent(entry)) entry.LoseStoredSharedFiles();
         });
     }
 }

@@ -8,7 +8,7 @@ import struct
 import termios
 import time
 
-from processes import start
+from processes import start, stat_of
 from waiting import DEADLINE
 
 
@@ -63,6 +63,16 @@ class Terminal:
 
     def type(self, data):
         os.write(self.master, data)
+
+    def press_ctrl_c(self):
+        """Waits until the program sleeps, and interrupts it. A signal just before a blocking call of the program takes
+        effect only after that call."""
+        asleep, end = 0, time.monotonic() + DEADLINE
+        while asleep < 5:
+            self.test.assertLess(time.monotonic(), end, "the program does not wait for input")
+            asleep = asleep + 1 if stat_of(self.process.pid)[0] == "S" else 0
+            time.sleep(0.02)
+        self.type(b"\x03")
 
     def end(self):
         """Waits for the end of the program and returns its exit status."""

@@ -369,6 +369,18 @@ class Removals(IncompleteTest):
         self.assertNotIn(later.name(1), self.r.stored())
         self.assertEqual(0, server.end())
 
+    def test_a_repeated_custom_backup_counts_after_the_last_put_of_a_later_one_was_refused(self):
+        server = self.serve()
+        later = self.night(kind="custom", date=NIGHTS[1]).begin()
+        self.assert_success(later.slice(2))
+        self.assert_fails(later.last(), later.name(1), "the storage does not have it")
+        earlier = self.night(kind="custom", date=NIGHTS[0]).run()
+        self.assertEqual(0, server.end())
+        server = self.serve(date=NIGHTS[1])
+        self.assertNotIn("Skip backup 'custom.web1.info': it is not complete", self.r.log_texts(4, server.daemon))
+        self.assertTrue(earlier.is_stored())
+        self.assertEqual(0, server.end())
+
 
 class Outages(IncompleteTest):
     def half_delete(self, backup):

@@ -239,7 +239,10 @@ class Dialogue(SetupTest):
                 terminal.expect(answers[number][0])
                 terminal.expect(answers[number][1])
                 is_end = number % 2
-                terminal.type(b"\x04" if is_end else b"\x03")
+                if is_end:
+                    terminal.type(b"\x04")
+                else:
+                    terminal.press_ctrl_c()
                 self.assert_interrupted(site, terminal, "the input has ended" if is_end else "interrupted")
         terminal = self.open(site)
         for answer in answers:
@@ -256,7 +259,7 @@ class Dialogue(SetupTest):
         terminal = self.open(site, "--token-from", site.new_token, "--format", "dar",
                              PATH=site.tool("dar", f'echo here >"{pipe}"; exec sleep 1000'))
         read(pipe)
-        terminal.type(b"\x03")
+        terminal.press_ctrl_c()
         self.assert_interrupted(site, terminal)
 
     def test_options_are_not_asked_for(self):

@@ -297,11 +297,13 @@ TEST_F(LedgerOfPuts, ACustomBackupOfAnEarlierDayBlocksNothing) {
     EXPECT_TRUE(Ledger().Read("C2026-11-14.web1").IsOpen());
 }
 
-TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesItsIndexFromTheEntryOfALaterOne) {
+TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesTheSharedFilesFromTheEntryOfALaterOne) {
     Ledger("").Update("C2026-11-16.web1", [](LedgerEntry& entry) {
         entry.storage = kIdentity;
         entry.slices["C2026-11-16.web1.1.dar"] = {SliceState::kStored, 5, ""};
         entry.slices["custom.web1.1.dar"] = {SliceState::kStored, 3, ""};
+        entry.info = "b/custom.web1.info";
+        entry.info_bytes = 7;
     });
     Place("b/C2026-11-15.web1.tgz", "whole");
     Place("b/custom.web1.info", "last-slice=C2026-11-15.web1.tgz\nsize=5\ntype=custom\n");
@@ -311,6 +313,8 @@ TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesItsIndexFromTheEntryOfALaterOne) 
     const LedgerEntry later = Ledger("").Read("C2026-11-16.web1");
     EXPECT_TRUE(later.slices.contains("C2026-11-16.web1.1.dar"));
     EXPECT_FALSE(later.slices.contains("custom.web1.1.dar"));
+    EXPECT_EQ(later.info, "");
+    EXPECT_EQ(later.info_bytes, 0);
 }
 
 TEST_F(LedgerOfPuts, AnotherTypeOfArchiveOfTheSameDayBlocksNothing) {
