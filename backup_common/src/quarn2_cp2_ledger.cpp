@@ -150,6 +150,20 @@ void LedgerEntry::LoseStoredSharedFiles() {
     info_bytes = 0;
 }
 
+void LedgerEntry::LoseSlices(const std::vector<std::string>& named, std::int64_t bytes) {
+    for (const std::string& lost : named) {
+        const auto slice = slices.find(lost);
+        if (slice == slices.end()) continue;
+        if (!completed.empty()) {
+            slices.erase(slice);
+        } else {
+            // The job of this entry still replaces the other backup, as in a job that begins now.
+            slice->second = {SliceState::kRemoved, 0, ""};
+            earlier_bytes = bytes;
+        }
+    }
+}
+
 std::string LedgerEntry::Format() const {
     std::map<std::string, std::string> lines;
     lines["user"] = quarn2::GetUserName(name);

@@ -81,6 +81,10 @@ struct LedgerEntry {
     // uploading stays in the entry.
     void LoseStoredSharedFiles();
 
+    // Records that the slices `named` belong to another backup, of `bytes` bytes, that is complete
+    // again. So they are not left over from an earlier backup that this entry's job has replaced.
+    void LoseSlices(const std::vector<std::string>& named, std::int64_t bytes);
+
     std::string Format() const;
     // Returns an open entry of this name without slices when the text cannot be parsed.
     static LedgerEntry Parse(const std::string& name, const std::string& text);

@@ -55,7 +55,7 @@ void BeginAgain(LedgerEntry& entry) {
 
 std::int64_t BytesOf(const quarn2::InfoMap& info) {
     const auto size = info.find("size");
-    return size == info.end() ? 0 : str::Int64(size->second);
+    return size == info.end() ? 0 : std::max<std::int64_t>(str::Int64(size->second), 0);
 }
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
@@ -74,7 +74,7 @@ void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
             if (quarn2::StripSliceNumber(slice) != archive) continue;
             entry.slices.try_emplace(slice, LedgerSlice{SliceState::kRemoved, 0, ""});
         }
-        entry.earlier_bytes = std::max<std::int64_t>(BytesOf(info), 0);
+        entry.earlier_bytes = BytesOf(info);
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
     }
@@ -300,17 +300,22 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
             for (const std::string& slice : named) entry.slices.erase(slice);
         });
     }
+    const std::int64_t bytes = BytesOf(info);
     for (const std::string& name : others) {
-        ledger_.Update(name, [this](LedgerEntry& entry) {
-            if (IsCurrent(entry)) entry.LoseSharedFiles();
+        ledger_.Update(name, [&](LedgerEntry& entry) {
+            if (!IsCurrent(entry)) return;
+            entry.LoseSharedFiles();
+            entry.LoseSlices(named, bytes);
         });
     }
     // The index of this backup is recorded in the latest entry (see EntryNameOf), which can be that
     // of a later custom backup. That backup may also have recorded its own info file before its
     // last put was refused. If these records stayed there, this backup would not count as complete.
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
-        ledger_.Update(name, [this](LedgerEntry& entry) {
-            if (IsCurrent(entry)) entry.LoseStoredSharedFiles();
+        ledger_.Update(name, [&](LedgerEntry& entry) {
+            if (!IsCurrent(entry)) return;
+            entry.LoseStoredSharedFiles();
+            entry.LoseSlices(named, bytes);
         });
     }
 }

@@ -33,12 +33,14 @@ quarn2::InfoMap WithoutNode(quarn2::InfoMap info) {
     return info;
 }
 
-// True when the storage has this info file. The content is compared, because the storage may have
-// the info file of an earlier backup with the same name.
-bool IsInfoStored(quarn2::Storage& storage, const std::string& info_path) {
+// True when the storage has the info file of the entry. The content is compared, because the
+// storage may have the info file of an earlier backup with the same name. The local file may be
+// that of another custom backup, because those of all dates have the same path.
+bool IsInfoStored(quarn2::Storage& storage, const LedgerEntry& entry) {
     try {
-        return WithoutNode(StoredInfo(storage, info_path)) ==
-               WithoutNode(quarn2::GetInfo(info_path));
+        const quarn2::InfoMap info = quarn2::GetInfo(entry.info);
+        if (IsArchive(entry.name) && ArchiveOf(info) != entry.name) return false;
+        return WithoutNode(StoredInfo(storage, entry.info)) == WithoutNode(info);
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return false;
@@ -70,7 +72,7 @@ bool IsComplete(quarn2::Storage& storage, const LedgerEntry& entry) {
         std::all_of(entry.slices.begin(), entry.slices.end(),
                     [](const auto& slice) { return slice.second.state == SliceState::kStored; });
     return are_stored && !entry.info.empty() && kro_file::Exists(entry.info) &&
-           IsInfoStored(storage, entry.info);
+           IsInfoStored(storage, entry);
 }
 
 // True when the job of this entry may have replaced the index or the info file of another archive
@@ -186,14 +188,24 @@ void UnfinishedBackups::RecordRemoval(const LedgerEntry& entry) const {
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
 }
 
-void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) {
+// True when the entry of another archive records the slice as its own. This happens when the job of
+// an earlier backup, which this entry's job has replaced, runs again.
+bool UnfinishedBackups::IsOfOtherJob(const LedgerEntry& entry, const std::string& name) const {
+    const std::string archive = quarn2::StripSliceNumber(kro_file::Name(name));
+    if (!IsArchive(archive) || archive == entry.name) return false;
+    const LedgerEntry other = ledger_.Read(archive);
+    const auto slice = other.slices.find(name);
+    return slice != other.slices.end() && slice->second.state != SliceState::kRemoved;
+}
+
+void UnfinishedBackups::RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const {
     std::vector<std::string> names;
     std::set<std::string> directories;
     for (const auto& [name, slice] : entry.slices) {
         directories.insert(kro_file::Path(name));
-        if (LedgerKey(name) == LedgerKey(entry.name) && !IsOfReplacedBackup(entry, name, slice)) {
-            names.push_back(name);
-        }
+        if (LedgerKey(name) != LedgerKey(entry.name)) continue;
+        if (IsOfReplacedBackup(entry, name, slice) || IsOfOtherJob(entry, name)) continue;
+        names.push_back(name);
     }
     RemoveStoredFiles(storage, names);
     for (const std::string& directory : directories) storage.SyncRemovals(directory);

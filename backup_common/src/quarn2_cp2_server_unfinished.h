@@ -94,7 +94,8 @@ class UnfinishedBackups {
     bool WasComplete(const LedgerEntry& entry) const;
     bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
     void RecordRemoval(const LedgerEntry& entry) const;
-    static void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage);
+    bool IsOfOtherJob(const LedgerEntry& entry, const std::string& name) const;
+    void RemoveSlices(const LedgerEntry& entry, quarn2::Storage& storage) const;
     std::string EntryOf(const std::string& info_path, std::string_view last_slice) const;
 
     Ledger ledger_;

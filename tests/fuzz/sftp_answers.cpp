@@ -97,7 +97,8 @@ class Taken final : public quarn2::ByteSink {
 };
 
 void CheckList(Session& session, const Place& place, const std::string& name) {
-    for (const std::string& shown : List(session, place, name)) {
+    for (const quarn2::ListedEntry& entry : ListSizes(session, place, name)) {
+        const std::string& shown = entry.name;
         Require(shown == name || (!shown.empty() && shown != "." && shown != ".." &&
                                   shown.find('/') == shown.npos && !quarn2::HasControl(shown)),
                 "a listing contains only names of entries");

@@ -371,15 +371,56 @@ class Removals(IncompleteTest):
 
     def test_a_repeated_custom_backup_counts_after_the_last_put_of_a_later_one_was_refused(self):
         server = self.serve()
+        earlier = self.night(kind="custom", date=NIGHTS[0]).run()
         later = self.night(kind="custom", date=NIGHTS[1]).begin()
         self.assert_success(later.slice(2))
         self.assert_fails(later.last(), later.name(1), "the storage does not have it")
-        earlier = self.night(kind="custom", date=NIGHTS[0]).run()
+        earlier.run()
         self.assertEqual(0, server.end())
         server = self.serve(date=NIGHTS[1])
-        self.assertNotIn("Skip backup 'custom.web1.info': it is not complete", self.r.log_texts(4, server.daemon))
+        texts = self.r.log_texts(4, server.daemon)
+        self.assertEqual(1, sum(text.startswith(f"Backup '{later.name(1)[:-6]}' is not complete.") for text in texts), texts)
+        self.assertNotIn("Skip backup 'custom.web1.info': it is not complete", texts)
         self.assertTrue(earlier.is_stored())
         self.assertEqual(0, server.end())
+
+    def replaced_and_run_again(self, kinds):
+        """Returns two complete backups, the second of which has replaced the first; no size limit."""
+        self.r, self.servers = self.root(), 0
+        self.r.test = self
+        dates = NIGHTS[:2] if kinds[0] == kinds[1] else [DATE, DATE]
+        backups = [self.night(kind=kind, date=date) for kind, date in zip(kinds, dates)]
+        server = self.serve()
+        for backup in backups:
+            backup.run()
+        return server, backups
+
+    def test_a_backup_that_is_complete_again_is_not_left_over_from_an_earlier_run(self):
+        for kinds in (("custom", "custom"), ("incremental", "full"), ("full", "incremental")):
+            with self.subTest(kinds=kinds):
+                server, (first, second) = self.replaced_and_run_again(kinds)
+                first.run()
+                self.assertEqual(0, server.end())
+                server = self.serve("--size-limit", "6000", date=day(5))
+                self.assert_success(self.night(user="web9", date=day(5), size=2500).begin().slice(1))
+                self.assertTrue(first.is_stored(), self.r.stored())
+                self.assertNotIn(second.name(1), self.r.stored())
+                self.assertEqual(0, server.end())
+
+    def test_slices_of_a_job_that_runs_again_are_not_left_over_from_an_earlier_run(self):
+        for kinds in (("custom", "custom"), ("incremental", "full")):
+            with self.subTest(kinds=kinds):
+                server, (first, _) = self.replaced_and_run_again(kinds)
+                self.assert_success(first.begin().slice(1))
+                self.wait_uploaded(first, 1)
+                self.assertEqual(0, server.end())
+                server = self.serve("--size-limit", "7000")
+                self.night(user="web9", size=2500).begin().slice(1)
+                self.assertIn(first.name(1), self.r.stored())
+                self.assert_success(first.slice(2))
+                self.assert_success(first.last())
+                self.assertTrue(first.is_stored(), self.r.stored())
+                self.assertEqual(0, server.end())
 
 
 class Outages(IncompleteTest):

@@ -317,6 +317,21 @@ TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesTheSharedFilesFromTheEntryOfALate
     EXPECT_EQ(later.info_bytes, 0);
 }
 
+TEST_F(LedgerOfPuts, ACompleteBackupOwnsItsSlicesInOtherEntries) {
+    LedgerEntry open;
+    open.slices["I2026-11-15.web1.1.dar"] = {SliceState::kStored, 3, ""};
+    open.slices[kFirstName] = {SliceState::kRemoved, 7, ""};
+    LedgerEntry completed = open;
+    completed.completed = "2026-11-15 01:00:00";
+    for (LedgerEntry* entry : {&open, &completed}) entry->LoseSlices({kFirstName, kSecondName}, 9);
+    EXPECT_EQ(open.Bytes(), 3);
+    EXPECT_EQ(open.earlier_bytes, 9);
+    EXPECT_EQ(open.slices.at(kFirstName), (LedgerSlice{SliceState::kRemoved, 0, ""}));
+    EXPECT_EQ(completed.earlier_bytes, 0);
+    EXPECT_EQ(completed.slices.size(), 1U);
+    EXPECT_TRUE(completed.slices.contains("I2026-11-15.web1.1.dar"));
+}
+
 TEST_F(LedgerOfPuts, AnotherTypeOfArchiveOfTheSameDayBlocksNothing) {
     Die("I2026-11-15.web1.1.dar");
     NodeSide node(lock_, server_.link());
