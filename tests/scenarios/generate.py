@@ -198,6 +198,29 @@ def with_rare_steps(steps, choice):
     return steps
 
 
+def with_repeated_jobs(steps, choice):
+    """Inserts into some weeks three jobs of one user: two that replace each other's backup, and the first one again.
+    Then a server with a small limit needs the space of the replaced backup."""
+    if choice.random() >= 0.1:
+        return steps
+    servers = [number for number, step in enumerate(steps) if step["do"] == "serve" and "token" not in step]
+    place = choice.choice(servers)
+    server = {name: steps[place][name] for name in ("date", "count")}
+    earlier = (datetime.date.fromisoformat(server["date"]) - datetime.timedelta(1)).isoformat()
+    first, second = choice.choice([(("custom", earlier), ("custom", server["date"])),
+                                   (("full", server["date"]), ("incremental", server["date"])),
+                                   (("incremental", server["date"]), ("full", server["date"]))])
+    user, other = choice.sample(USERS, 2)
+    jobs = [{"do": "job", "user": user, "date": date, "kind": kind, "sizes": [700] * choice.randint(1, 2)}
+            for kind, date in (first, second, first)]
+    if choice.random() < 0.3:
+        jobs[2]["stop"] = choice.randint(1, 2)
+    limited = [{"do": "serve", **server, "size": choice.choice([2500, 4000, 6000])},
+               {"do": "job", "user": other, "date": server["date"], "kind": "full", "sizes": [700]},
+               {"do": "go", "user": user, "date": "custom" if first[0] == "custom" else first[1]}]
+    return [*steps[:place], {"do": "serve", **server, "size": 0}, *jobs, *limited, *steps[place:]]
+
+
 def may_run_together(first, second):
     """Returns whether a job and the step after it can be played at the same time."""
     return (first["do"] == "job" and second["do"] in ("job", "go", "delete", "kill")
@@ -226,4 +249,5 @@ def with_steps_at_once(steps, choice):
 
 def generate(seed):
     steps = with_steps_at_once(Week(seed).generate(), random.Random(f"together {seed}"))
-    return with_rare_steps(steps, random.Random(f"rare {seed}"))
+    steps = with_rare_steps(steps, random.Random(f"rare {seed}"))
+    return with_repeated_jobs(steps, random.Random(f"repeated {seed}"))
