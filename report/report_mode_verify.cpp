@@ -75,7 +75,8 @@ class Verification {
         ++problems_;
         const std::string& name = problem.name;
         const std::string shown = site_.names.In(name, backup.user);
-        // The message of a program can contain names of the user's files.
+        // The error message of an archiver can contain names of the user's files, so --anonymous
+        // replaces it.
         const bool has_message = problem.kind == "damaged" && site_.options.is_anonymous;
         const std::string detail = has_message ? "is damaged" : problem.detail;
         const std::string reason = site_.names.In(detail, backup.user);

@@ -45,8 +45,8 @@ std::vector<double> WeeklySlopes(const std::vector<DayValue>& values) {
 
 int WeekdayOf(int day) noexcept { return (day % kWeek + kWeek) % kWeek; }
 
-// The usual value of each weekday at the time of the last day: the median of the values of that
-// weekday, moved along the trend. Nothing for a weekday without values.
+// The usual value of each weekday: the median of the values of that weekday, each projected along
+// the trend to the last day. Empty for a weekday that has no values.
 using WeekLevels = std::array<std::optional<double>, kWeek>;
 WeekLevels LevelsOf(const std::vector<DayValue>& values, double slope) {
     std::array<std::vector<double>, kWeek> moved;

@@ -28,7 +28,8 @@ std::vector<std::string> ListOrNothing(quarn2::Storage& storage, const std::stri
 // storage and evictions delete files in it. All paths are resolved.
 struct ProtectedDirectories {
     std::vector<std::filesystem::path> outside;  // may contain a storage: the install root and var
-    std::vector<std::filesystem::path> closed;   // must not contain it: sbin, etc, tmp, info roots
+    // must not contain a storage: sbin, etc, tmp, info roots
+    std::vector<std::filesystem::path> closed;
 };
 
 enum class Overlap { kIs, kContains, kIsInside };

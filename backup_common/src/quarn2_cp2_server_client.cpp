@@ -20,9 +20,9 @@ constexpr const char* kSsh = "ssh";
 constexpr std::size_t kPipeSize = 65536;
 constexpr auto kListenEvery = 200ms;  // the client's error pipe must not stay full
 constexpr ClientProcess::Patience kRemotePatience{60s, 65s};
-// On SIGTERM, a client of this machine finishes its uploads and ends, as it does after the end of
-// its input. When the server ends, it does not kill this client, because that would interrupt the
-// uploads.
+// The server sends SIGTERM to a client on this machine that has not ended after 10 seconds. It
+// never kills the client, because that would interrupt the client's uploads. On SIGTERM and at the
+// end of its input, the client finishes its uploads and exits.
 constexpr ClientProcess::Patience kLocalPatience{10s, std::chrono::seconds::max()};
 
 }  // namespace

@@ -218,7 +218,8 @@ std::string KeyOf(const GlobalSizeControl& control, const StorageDesc& storage) 
     const auto found =
         std::find_if(control.storages.begin(), control.storages.end(),
                      [&storage](const auto& entry) { return &entry.second == &storage; });
-    if (found == control.storages.end()) throw std::logic_error("a storage of another model");
+    if (found == control.storages.end())
+        throw std::logic_error("internal error: the account does not contain this storage");
     return found->first;
 }
 
@@ -258,7 +259,8 @@ void GlobalSizeControl::CheckStorage() {
     if (is_storage_checked) return;
     for (const auto& [key, desc] : storages) CheckRightStorage(*desc.storage, path);
     is_storage_checked = true;
-    KRO_LOG(kLog, 5, "The storage has backups of the info root: deletions are allowed again");
+    KRO_LOG(kLog, 5,
+            "The storage contains backups that are in the info root: deletions are allowed again");
 }
 
 void GlobalSizeControl::DropOldest(int keep) {

@@ -28,7 +28,7 @@ class Option:
 
 
 def options_of_program(program):
-    """Returns the options of a compiled program, in the order of its tree."""
+    """Returns the options of a compiled program, in the order of its option tree."""
     text = subprocess.run([program, "--help"], capture_output=True, text=True, check=True).stdout
     options, parent = [], None
     for line in text.split("\n\n", 1)[1].splitlines():

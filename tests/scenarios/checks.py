@@ -35,7 +35,7 @@ class Judge:
         self.runs.append(run)
 
     def release(self, key):
-        """Cancels the promises for this backup, because the user or a rule has removed it."""
+        """Stops expecting this backup on the storage, because the user or a rule has removed it."""
         self.acked.pop(key, None)
 
     def base_for(self, user, date):

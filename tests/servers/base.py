@@ -120,8 +120,8 @@ class Server:
         return self.file("tls", f"{name}.{part}")
 
     def web_password(self):
-        """Returns the line of a web server's password file. It uses the fastest hash: the server computes it for each
-        request, so a slow hash would dominate the measurements of small files."""
+        """Returns the line for the user in the password file of a web server. The hash is the fastest one, because the
+        server computes it for each request, and a slow hash would dominate the measurements of small files."""
         digest = hashlib.sha1(self.info["password"].encode()).digest()
         return f"{self.info['user']}:{{SHA}}{base64.b64encode(digest).decode()}\n"
 

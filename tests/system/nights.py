@@ -20,7 +20,7 @@ class NightRoot:
     """An install root with a configuration of the nightly backups. `users` is the directory of the users."""
 
     def __init__(self, root, **lines):
-        """`lines`: section=lines of the configuration; they replace the section."""
+        """The name of each keyword argument is a section of the configuration, its value the lines of that section."""
         self.root = root
         self.users = os.path.join(root.base, "users")
         self.tmp = os.path.join(root.base, "tmp")

@@ -1,4 +1,5 @@
-// The kinds of storage failures, and the normalisation of server messages before a search in them.
+// Tests how storage failures are classified, and how server messages are normalised before the
+// search for known words.
 #include "base/failure.h"
 
 #include <gtest/gtest.h>

@@ -14,7 +14,8 @@ using Names = std::vector<std::string>;
 
 namespace {
 
-// More than the four requests of OpenParallel, and more than one for each of its threads.
+// The number of files. OpenParallel allows four requests at the same time, so each of its threads
+// handles several files.
 constexpr int kMany = 30;
 
 std::vector<std::optional<Kind>> KindsOf(const std::vector<FileError>& errors) {

@@ -1,4 +1,4 @@
-// The conformance suite over FTP: ProFTPD.
+// Runs the conformance suite over FTP, against ProFTPD.
 #include "ftp_site.h"
 #include "storage_conformance.h"
 

@@ -1,4 +1,4 @@
-// The conformance suite over FTP: vsftpd.
+// Runs the conformance suite over FTP, against vsftpd.
 #include "ftp_site.h"
 #include "storage_conformance.h"
 

@@ -1,4 +1,4 @@
-// The conformance suite over FTP: pure-ftpd.
+// Runs the conformance suite over FTP, against pure-ftpd.
 #include "ftp_site.h"
 #include "storage_conformance.h"
 

@@ -1,4 +1,4 @@
-// The conformance suite over the local storage with encryption.
+// Runs the conformance suite over the local storage with encryption.
 #include "local_site.h"
 #include "storage_conformance.h"
 

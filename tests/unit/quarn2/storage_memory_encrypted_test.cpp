@@ -1,4 +1,4 @@
-// The conformance suite over the storage in memory with encryption.
+// Runs the conformance suite over the storage in memory with encryption.
 #include "memory_site.h"
 #include "storage_conformance.h"
 

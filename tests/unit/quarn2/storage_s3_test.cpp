@@ -1,4 +1,4 @@
-// The conformance suite over S3: Ceph's object gateway.
+// Runs the conformance suite over S3, against Ceph's object gateway.
 #include "s3_site.h"
 #include "storage_conformance.h"
 

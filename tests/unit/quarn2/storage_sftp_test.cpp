@@ -1,4 +1,4 @@
-// The conformance suite over SFTP: OpenSSH's server.
+// Runs the conformance suite over SFTP, against OpenSSH's server.
 #include "sftp_site.h"
 #include "storage_conformance.h"
 

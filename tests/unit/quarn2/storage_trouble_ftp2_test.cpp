@@ -1,4 +1,4 @@
-// The suite of network failures over FTP: ProFTPD.
+// Runs the network failure suite over FTP, against ProFTPD.
 #include "ftp_site.h"
 #include "storage_trouble.h"
 

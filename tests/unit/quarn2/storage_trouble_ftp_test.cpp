@@ -1,4 +1,4 @@
-// The suite of network failures over FTP: pure-ftpd.
+// Runs the network failure suite over FTP, against pure-ftpd.
 #include "ftp_site.h"
 #include "storage_trouble.h"
 

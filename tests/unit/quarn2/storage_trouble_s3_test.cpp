@@ -1,4 +1,4 @@
-// The suite of network failures over S3: Ceph's object gateway.
+// Runs the network failure suite over S3, against Ceph's object gateway.
 #include "s3_site.h"
 #include "storage_trouble.h"
 

@@ -1,4 +1,4 @@
-// The suite of network failures over SFTP: OpenSSH's server.
+// Runs the network failure suite over SFTP, against OpenSSH's server.
 #include "sftp_site.h"
 #include "storage_trouble.h"
 

@@ -1,4 +1,4 @@
-// The suite of network failures over WebDAV: nginx.
+// Runs the network failure suite over WebDAV, against nginx.
 #include "storage_trouble.h"
 #include "webdav_site.h"
 

@@ -1,4 +1,4 @@
-// The conformance suite over WebDAV: nginx.
+// Runs the conformance suite over WebDAV, against nginx.
 #include "storage_conformance.h"
 #include "webdav_site.h"
 

@@ -1,4 +1,4 @@
-// The conformance suite over WebDAV: Apache.
+// Runs the conformance suite over WebDAV, against Apache.
 #include "storage_conformance.h"
 #include "webdav_site.h"
 
