@@ -96,10 +96,11 @@ class IncompleteTest(SystemTest):
         return BackupJob(self.r, *arguments, **more)
 
     def wait_uploaded(self, job, number):
-        """Waits for the end of an upload: a file can be on the storage a moment before."""
+        """Waits until the slice is uploaded and its local file is removed. The ledger has the slice before that."""
         name = job.name(number)
         entry = self.r.file(f"var/quarn2_cp.ledger/{name.split('.')[0]}.{job.user}")
         wait_for(lambda: f"stored {job.size} {name}" in read(entry).decode(), f"the upload of {name}")
+        wait_for(lambda: not os.path.exists(os.path.join(job.folder, name)), f"the removal of the local {name}")
 
     def assert_fails(self, result, *texts):
         self.assertEqual(1, result.returncode, result)
