@@ -6,7 +6,7 @@ import shutil
 import stat
 import subprocess
 
-from local_files import read, tree, write
+from local_files import copy_executable, read, tree, write
 from processes import start, wait_gone
 from server_command import Server
 from waiting import DEADLINE
@@ -179,6 +179,8 @@ def run_sample(root, program, *arguments, **changes):
 
 
 def restore(root, user, date, target, **changes):
+    # The sample runs the report of the install root, and the report uses the install root of its own directory.
+    copy_executable(os.environ["QUARN2_REPORT"], root.file("sbin/quarn2_report"))
     return run_sample(root, "restore-job", user, date, target, **changes)
 
 

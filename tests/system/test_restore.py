@@ -5,7 +5,7 @@ import shutil
 import unittest
 import urllib.parse
 
-from archives import Maker, backup, first_day, hold, manifest, restore
+from archives import Maker, backup, first_day, hold, manifest, restore, run_sample
 from local_files import write, write_executable
 from samples import day
 from system_test import SystemTest
@@ -25,7 +25,7 @@ HOSTILE_ARCHIVES = ["x';touch${IFS}EVIL;'/F2026-11-15.web1.2.dar", "F2026-11-15.
 class RestoreJob(SystemTest):
     def assert_refused(self, result, *words):
         self.assertEqual(1, result.returncode)
-        self.assertRegex(result.stderr, r"\Arestore-job: ")
+        self.assertRegex(result.stderr, r"\A(quarn2_report: .*\n)?restore-job: .*\n\Z")
         for word in words:
             self.assertIn(word, result.stderr)
 
@@ -33,11 +33,31 @@ class RestoreJob(SystemTest):
         root = self.root()
         target = os.path.join(root.base, "restored")
         self.assert_refused(restore(root, "web1", "yesterday", target), "yesterday", "custom")
-        self.assert_refused(restore(root, "web1", SUNDAY, target), "no full backup", "web1")
-        self.assert_refused(restore(root, "web1", "custom", target), "no backup", "custom", "web1")
+        self.assert_refused(restore(root, "web1", SUNDAY, target), "no backup", "web1")
+        self.assert_refused(restore(root, "web1", "custom", target), "no backup", "web1")
         write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
               "finished=2026-11-15 01:00:00\ntype=full")
-        self.assert_refused(restore(root, "web1", SUNDAY, target), SUNDAY + ".web1.info")
+        self.assert_refused(restore(root, "web1", SUNDAY, target), SUNDAY, "does not name the last slice")
+
+    def test_an_earlier_day_without_a_chain_is_refused(self):
+        """A daily is refused when its full backup is missing; a restore never begins with a daily alone."""
+        root = self.root()
+        target = os.path.join(root.base, "restored")
+        write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
+              "finished=2026-11-15 01:00:00\nlast-slice=I2026-11-15.web1.1.dar\ntype=incremental")
+        for date in (SUNDAY, day(3, SUNDAY)):
+            for dailies in ("last", "all"):
+                self.assert_refused(restore(root, "web1", date, target, DAILIES=dailies), SUNDAY, "no full backup",
+                                    "web1")
+
+    def test_a_missing_report_program_is_reported(self):
+        root = self.root()
+        write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
+              "finished=2026-11-15 01:00:00\nlast-slice=F2026-11-15.web1.1.dar\ntype=full")
+        result = run_sample(root, "restore-job", "web1", SUNDAY, os.path.join(root.base, "restored"))
+        self.assertEqual(1, result.returncode)
+        self.assertIn("sbin/quarn2_report: No such file", result.stderr)
+        self.assertTrue(result.stderr.endswith(f"restore-job: cannot determine the backups to restore for web1\n"))
 
     def test_a_user_name_is_never_run_as_a_command(self):
         root = self.root()
@@ -53,7 +73,7 @@ class RestoreJob(SystemTest):
             with self.subTest(name=name):
                 write(os.path.join(root.info_root, SUNDAY + ".web1.info"),
                       f"finished=2026-11-15 01:00:00\nlast-slice={name}\ntype=full")
-                self.assert_refused(restore(root, "web1", SUNDAY, target), "last-slice")
+                self.assert_refused(restore(root, "web1", SUNDAY, target), "correct the info file", SUNDAY)
                 self.assert_no_command_ran(root)
                 self.assertEqual([], os.listdir(target))
 
@@ -63,7 +83,8 @@ class RestoreJob(SystemTest):
             with self.subTest(name=name):
                 write(os.path.join(root.info_root, "custom.web1.info"),
                       f"finished=2026-11-20 01:00:00\nlast-slice={name}\ntype=full")
-                self.assert_refused(restore(root, "web1", "custom", os.path.join(root.base, "restored")), "last-slice")
+                self.assert_refused(restore(root, "web1", "custom", os.path.join(root.base, "restored")),
+                                    "correct the info file", "custom")
                 self.assert_no_command_ran(root)
 
     def test_the_backup_job_refuses_commands_as_names(self):
