@@ -4,6 +4,7 @@ import argparse
 import os
 import subprocess
 import sys
+import time
 
 from . import settings as settings_module
 from .node import CLIENT, CLIENT_ANSWER, Machine, Node, authorize_script, authorized_line, run
@@ -11,6 +12,7 @@ from .site import CONFIGURATION, Problem, Site, clean_environment, complain, say
 
 PROGRAM = "quarn2-node"
 DONE, FAILED, USAGE = 0, 1, 2
+_ATTEMPTS, _PAUSE_SECONDS = 10, 0.5
 
 
 def options():
@@ -45,8 +47,8 @@ def parse(arguments):
 class Addition:
     """The steps of one `add`. Each step adds only missing keys and settings, and prints the change."""
 
-    def __init__(self, machine, given):
-        self.machine, self.node, self.given = machine, machine.node, given
+    def __init__(self, site, machine, given):
+        self.site, self.machine, self.node, self.given = site, machine, machine.node, given
         self.is_interactive = sys.stdin.isatty()
 
     def run(self):
@@ -57,7 +59,8 @@ class Addition:
         if self.given.dry_run and not os.path.exists(self.machine.key):
             say("would add the key to authorized_keys of the node")
             return
-        if self.works():
+        # With --identity, the script on the node also checks the settings of its ssh server.
+        if self.works() and not self.given.identity:
             say("the node accepts the key")
         else:
             self.authorize()
@@ -115,10 +118,19 @@ class Addition:
     def version(self):
         return version_of(self.machine)
 
+    def answers(self):
+        """Returns True when the node client answers. An sshd that reads its settings again refuses connections."""
+        for _ in range(_ATTEMPTS):
+            if self.is_client():
+                return True
+            time.sleep(_PAUSE_SECONDS)
+        return self.is_client()
+
     def authorize(self):
         line = authorized_line(*self.machine.public_key(), self.given.address)
         if self.given.dry_run:
             say(f"would add this line to authorized_keys of root on the node: {line}")
+            say("would check the settings of the ssh server on the node")
             return
         # The script is on the standard input; ssh asks for a password at the terminal.
         command = self.machine.login(self.given.identity, self.is_interactive)
@@ -136,13 +148,28 @@ class Addition:
                           f"~root/.ssh/authorized_keys and run this again: {line}")
         say("added the key to authorized_keys of root on the node" if "added" in words
             else "unchanged: the key in authorized_keys of root on the node")
+        say_sshd(words)
 
     def result(self):
         if self.given.dry_run:
             return
-        if not self.is_client():
+        if not self.answers():
             raise Problem("the node client did not answer: " + reason_of(self.machine))
+        errors = errors_of_program(self.site, self.machine)
+        if errors:
+            raise Problem("the node: " + "; ".join(errors))
         say(f"the node client answers; add {self.node.text} to the line nodes in {CONFIGURATION}")
+
+
+def say_sshd(words):
+    """Prints what the script on the node reported about the ssh server there."""
+    if "sshd-added" in words:
+        say("added the settings of the ssh server on the node: /etc/ssh/sshd_config.d/quarn2_cp.conf")
+    elif "sshd-unchanged" in words:
+        say("unchanged: the settings of the ssh server on the node")
+    else:
+        say("warning: the ssh server on the node does not end dead sessions within a minute. In its configuration, set "
+            "ClientAliveInterval 10 and ClientAliveCountMax 3, and reload it")
 
 
 def version_of(machine):
@@ -239,7 +266,7 @@ def main(arguments):
     try:
         if given.command == "check":
             return DONE if all([check_node(site, machine) for machine in machines]) else FAILED
-        Addition(machines[0], given).run()
+        Addition(site, machines[0], given).run()
         return DONE
     except (Problem, OSError) as error:
         complain(PROGRAM, str(error))

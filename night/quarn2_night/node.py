@@ -165,20 +165,49 @@ def authorized_line(kind, key, address):
     return f'restrict,{limit}command="{_FORCED}" {kind} {key} quarn2_cp'
 
 
+# sshd reads the file again after SIGHUP. A node whose sshd runs only on demand has no pid file and needs no signal.
+_SSHD_SCRIPT = """
+sshd=$(command -v sshd || echo /usr/sbin/sshd)
+target=/etc/ssh/sshd_config.d/quarn2_cp.conf
+ends_dead_sessions() {
+    "$sshd" -T 2>/dev/null | awk '$1 == "clientaliveinterval" { seconds = $2 }
+        $1 == "clientalivecountmax" { count = $2 }
+        END { exit !(seconds > 0 && count > 0 && seconds * count <= 60) }'
+}
+if ends_dead_sessions; then
+    echo "sshd-unchanged"
+elif test -e "$target" || ! cp /usr/local/kro5/share/quarn2_cp/sshd_config "$target"; then
+    echo "sshd-other"
+elif "$sshd" -t && ends_dead_sessions; then
+    pid_file=$("$sshd" -T | sed -n 's/^pidfile //p')
+    if test -s "$pid_file"; then kill -HUP "$(cat "$pid_file")"; fi
+    echo "sshd-added"
+else
+    rm -f "$target"
+    echo "sshd-other"
+fi
+"""
+
+
 def authorize_script(line, key):
-    """Returns the shell script that adds the line on the node. It prints what it has changed."""
+    """Returns the shell script that adds the line and the settings of sshd on the node. It prints its changes."""
     return f"""set -e
 umask 077
 file=$HOME/.ssh/authorized_keys
 line={shlex.quote(line)}
 test -x /usr/local/kro5/sbin/quarn2_cp || echo "missing"
-if test -f "$file" && grep -qxF -e "$line" "$file"; then exit 0; fi
-if test -f "$file" && grep -qF -e {shlex.quote(key)} "$file"; then echo "other"; exit 0; fi
-mkdir -p "$HOME/.ssh"
-if test -s "$file" && test -n "$(tail -c 1 "$file")"; then echo >>"$file"; fi
-printf '%s\\n' "$line" >>"$file"
-echo "added"
-"""
+if test -f "$file" && grep -qxF -e "$line" "$file"; then
+    :
+elif test -f "$file" && grep -qF -e {shlex.quote(key)} "$file"; then
+    echo "other"
+    exit 0
+else
+    mkdir -p "$HOME/.ssh"
+    if test -s "$file" && test -n "$(tail -c 1 "$file")"; then echo >>"$file"; fi
+    printf '%s\\n' "$line" >>"$file"
+    echo "added"
+fi
+{_SSHD_SCRIPT}"""
 
 
 # --- Files ---

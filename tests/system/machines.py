@@ -161,15 +161,16 @@ class Node(Machine):
     def text(path):
         return read(path).decode()
 
-    def start_sshd(self, options=""):
+    def start_sshd(self, options="", own=None, path=None):
+        """`own` replaces the settings of docs/operations.md. `path` is the configuration file in the namespace."""
         os.makedirs("/run/sshd", exist_ok=True)  # sshd's privilege separation directory; its path is compiled in
-        config = write(self.file("etc/sshd_config"), f"""{options}{self.sshd_options}
-Include {self.file('share/quarn2_cp/sshd_config')}
+        if own is None:
+            own = f"{self.sshd_options}\nInclude {self.file('share/quarn2_cp/sshd_config')}\nPidFile none"
+        config = write(self.file("etc/sshd_config"), f"""{options}{own}
 ListenAddress {self.address}
 Port {self.port}
 HostKey {self.file('etc/host_key')}
 AuthorizedKeysFile {self.file('etc/authorized_keys')}
-PidFile none
 StrictModes no
 UsePAM no
 UseDNS no
@@ -177,6 +178,9 @@ PasswordAuthentication no
 KbdInteractiveAuthentication no
 PermitRootLogin prohibit-password
 """)
+        if path:
+            self.tool("cp", config, path)
+            config = path
         with open(self.file("etc/sshd.log"), "ab") as log:
             self.sshd = start(self.inside(SSHD, "-D", "-e", "-f", config),
                               stdin=subprocess.DEVNULL, stdout=log, stderr=log)

@@ -27,10 +27,17 @@ class NodeSetup(NodesTest):
         tool("ssh-keygen", "-q", "-N", "", "-t", "ed25519", "-f", self.identity)
         self.authorized = write(os.path.join(self.home, ".ssh/authorized_keys"), read(self.identity + ".pub"))
         self.node = NewNode(self, head, 1, home=self.home)
+        settings = os.path.join(self.node.base, "etc ssh")
+        os.makedirs(os.path.join(settings, "sshd_config.d"))
+        self.sshd_settings = os.path.join(settings, "sshd_config.d/quarn2_cp.conf")
+        self.node.tool("mount", "--bind", settings, "/etc/ssh")
         self.start()
 
-    def start(self):
-        return self.node.start_sshd(f'AuthorizedKeysFile "{self.authorized}"\n')
+    def start(self, *lines):
+        """Starts sshd with a configuration in /etc/ssh of the node's namespace."""
+        return self.node.start_sshd(f'AuthorizedKeysFile "{self.authorized}"\n', "\n".join((
+            *lines, "Include /etc/ssh/sshd_config.d/*.conf", f"PidFile {self.node.file('etc/sshd.pid')}")),
+            "/etc/ssh/sshd_config")
 
     def run_node(self, *arguments):
         environment = self.head.environment(KRO_ROOT="/usr/local/kro5", BACKUP_TOKEN=None)
@@ -63,7 +70,7 @@ class NodeSetup(NodesTest):
         self.assertEqual(before, self.files())
         write(os.path.join(self.head.ssh, "config"), "ServerAliveInterval 77\n")
         out = self.good(self.add("--identity", self.identity))
-        self.assertEqual(4, out.count("added"), out)
+        self.assertEqual(5, out.count("added"), out)
         self.assertIn("restrict,command=", read(self.authorized).decode())
         self.assertIn("serveraliveinterval 77", self.head.tool("ssh", "-G", "other"))
         self.assertEqual(0o600, os.stat(self.head.key).st_mode & 0o777)
@@ -78,6 +85,27 @@ class NodeSetup(NodesTest):
         out = self.good(self.add())
         self.assertNotIn("added", out)
         self.assertEqual(before, self.files())
+
+    def test_the_settings_of_the_ssh_server_are_added(self):
+        out = self.good(self.add("--identity", self.identity))
+        self.assertIn("added the settings of the ssh server on the node: /etc/ssh/sshd_config.d/quarn2_cp.conf\n", out)
+        self.assertEqual(read(self.node.file("share/quarn2_cp/sshd_config")), read(self.sshd_settings))
+        wait_for(lambda: "Received SIGHUP; restarting." in self.node.text(self.node.sshd_log), "the reload of sshd")
+        wait_for(lambda: self.node.text(self.node.sshd_log).count("Server listening on") >= 2, "the new sshd")
+        out = self.good(self.add("--identity", self.identity))
+        self.assertIn("unchanged: the settings of the ssh server on the node\n", out)
+
+    def test_settings_that_an_administrator_chose_are_kept(self):
+        # The first value of a setting counts, so the added file could not change it.
+        self.node.kill_sshd()
+        self.start("ClientAliveInterval 600")
+        out = self.good(self.add("--identity", self.identity))
+        self.assertIn("warning: the ssh server on the node does not end dead sessions within a minute.", out)
+        self.assertFalse(os.path.exists(self.sshd_settings))
+        self.assertNotIn("SIGHUP", self.node.text(self.node.sshd_log))
+        write(self.sshd_settings, "# empty\n")
+        self.assertIn("warning: the ssh server", self.good(self.add("--identity", self.identity)))
+        self.assertEqual(b"# empty\n", read(self.sshd_settings))
 
     def test_the_host_key_must_be_confirmed(self):
         before = self.files()
@@ -117,7 +145,13 @@ class NodeSetup(NodesTest):
         self.assert_refused(self.add("--identity", self.identity), "the node has no program /usr/local/kro5/sbin/quarn2_cp")
         os.rename(self.node.binary + ".away", self.node.binary)
         self.good(self.add("--identity", self.identity))
-        write(self.node.binary, "#!/bin/sh\necho quarn2_cp 0.0.1\n")
+        program = read(self.node.binary)
+        write(self.node.binary, '#!/bin/sh\n[ "$1" != --version ] || exec echo quarn2_cp 0.0.1\n'
+                                f"exec {self.node.binary}.away \"$@\"\n")
+        with open(self.node.binary + ".away", "wb") as file:
+            file.write(program)
+        os.chmod(self.node.binary + ".away", 0o755)
+        self.assert_refused(self.add(), "it has version 0.0.1, this machine ")
         self.assert_refused(self.run_node("check", self.node.option), "it has version 0.0.1, this machine ")
         self.node.kill_sshd()
         self.assert_refused(self.run_node("check", self.node.option), "does not answer at")
