@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Writes the seeds of the fuzz targets below corpus/:  tests/fuzz/make_corpus.py
 
-The script keeps all other files there: they are inputs for which a check of a target once failed. A seed is an input
-that a target accepts, so that the fuzzer's inputs pass the first checks. The comment at the top of each target
-describes the form of its inputs.
+The script keeps all other files there: inputs for which a check of a target once failed, and as found_NN inputs of
+the fuzzer, each of which reaches code that no other file of the corpus reaches. A seed is an input that a target
+accepts, so that the fuzzer's inputs pass the first checks. The comment at the top of each target describes the form of
+its inputs.
 """
 
 import json
@@ -240,12 +241,28 @@ def deletion_seeds():
 
 def rescan_seeds():
     info = "last-slice=F2026-11-20.web1.1.dar\nsize=3\n\n"
-    top = "2026-11-20.web1.info\nweb2\n\n=\n\n" + info + "slice\n\n"
+    flat = "2026-11-20.web1.info\nweb2\n\n=\n\n"
     below = "2026-11-19\ncustom\n\n2026-11-19.web2.info\n2026-11-19.web2.tgz\n\nlast-slice=x.tgz\n\nindex\n\n"
     hostile = "..\n../x\n/etc\na/b\n.cleanup\n.rescan\ntovarn\n..info\nx....info\n\n=\n\na=b\n\n"
-    seeds = {"tree": top + below, "names": hostile, "below": "web2\n\n..\n.\n../..\ntovarn\n\n.encrypted_indexes\n../y.info\n\n",
-             "file_and_folder": "web2\nweb2.info\n\n2026-11-19\n\n2026-11-19\n\n", "key": "x.info\n\n=\n\nkey_hash=0\n\nindex\n\n"}
-    return {kind + name: kind.encode() + text.encode() for name, text in seeds.items() for kind in "pd"}
+    seeds = {
+        "tree": flat + info + "slice\n\n" + below, "names": hostile, "nothing": "", "one_name": "w",
+        "below": "web2\n\n..\n.\n../..\ntovarn\n\n.encrypted_indexes\n../y.info\n\n",
+        "file_and_folder": "web2\nweb2.info\n\n2026-11-19\n\n2026-11-19\n\n",
+        "folder_named_like_dates": "web2\nweb2.info\n\n202\n\n20269\n\n2026-11-19\n\n",
+        "key": "x.info\n\n=\n\nkey_hash=0\n\nindex\n\n", "key_without_value": "x.info\n\n=\n\nkey_hash=\n\n",
+        "key_with_more": "x.info\n\n=\n\nkey_hash=0\nend\n\nindex\n\n", "no_key": "x.info\n\n=\n\nkeyish=0\n\nindex\n\n",
+        "info_with_nul": "x.info\n\n=\n\nkey_hash=0\0\xf6", "info_is_missing": "x.info\n\n=\n\n\n",
+        "info_is_a_folder": "x.info\n\nx.info/a\nx.info/b\n\n", "info_is_not_listed": "x.info\n\ny.info\n\na=b\n\n",
+        "slice_of_another_day": flat + "last-slice=F2025-11-20.web1.1.dar\nsize=3\n\nslice\n\n" + below,
+        "slice_below_a_file": flat + "last-slice=F2026-11-20.web1.1.dar/etc\n\nslice\n\n" + below,
+        "slice_without_a_date": flat + "last-slice=F;026-11-\n\nslice\n\n", "no_slice": flat + "size=3\n\n" + below,
+        "empty_slice": flat + "last-slice=\n\n", "index_is_missing": flat + info, "two_infos": "x.info\ny.info\n\n=\n\na=b\n\n=\n\na=b\n\n",
+        "same_name_twice": "x.info\nx.info\n\n=\n\na=b\n\n", "dot_names": "...\n....info\n.info\n..a.info\n\n=\n\na=b\n\n",
+        "bytes": "\x7f.\n\xff\n\x16\x16\nx\xee.info\n\n=\n\na=b\n\n", "long_name": "x" * 300 + ".info\n\n=\n\na=b\n\n",
+        "own_files": ".rescan\n2026-.rescan11-20.web1.info\n.cleanup\n\n=\n\na=b\n\n",
+        "customs": "custom.web1.info\nweb1\n\n=\n\nlast-slice=C2026-11-20.web1.1.dar\n\nslice\n\ncustom\n\ncustom.web1.info\n\na=b\n\n",
+    }
+    return {kind + name: kind.encode() + text.encode("latin-1") for name, text in seeds.items() for kind in "pd"}
 
 
 def all_seeds():
