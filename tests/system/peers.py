@@ -1,6 +1,7 @@
 """Simulated network peers on loopback: a port without a server, a silent server, a wrong server, a forwarder."""
 
 import contextlib
+import re
 import socket
 import threading
 
@@ -12,6 +13,7 @@ class Peer:
         self.greeting = greeting
         self.to = to
         self.open = []
+        self.requests = []  # the request lines of forwarded HTTP connections
         self.listener = socket.create_server((address, 0), backlog=100)
         self.host, self.port = self.listener.getsockname()
         self.thread = threading.Thread(target=self.serve)
@@ -26,15 +28,16 @@ class Peer:
                 if self.to:
                     server = socket.create_connection(self.to)
                     self.open.append(server)
-                    for pair in ((client, server), (server, client)):
+                    for pair in ((client, server, self.requests), (server, client, [])):
                         threading.Thread(target=self.carry, args=pair, daemon=True).start()
                 elif self.greeting:
                     client.sendall(self.greeting)
 
     @staticmethod
-    def carry(source, target):
+    def carry(source, target, requests):
         with contextlib.suppress(OSError):
             while piece := source.recv(65536):
+                requests += re.findall(rb"(?m)^(?:GET|HEAD|PUT|POST|DELETE) .* HTTP/1\.1\r$", piece)
                 target.sendall(piece)
         for end in (source, target):
             with contextlib.suppress(OSError):
