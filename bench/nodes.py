@@ -40,7 +40,7 @@ kill $!
 
 
 class Site:
-    """Replaces the test case that the machines need: has a folder and runs their clean-up functions."""
+    """Stands in for a test case: provides a directory, and runs the clean-up functions of the machines."""
 
     def __init__(self, stack):
         self.folder = stack.enter_context(tempfile.TemporaryDirectory(prefix="quarn2-cp-bench-"))
@@ -65,7 +65,7 @@ def put_times(machine):
 
 
 def round_trip(node):
-    """Measures the round trip over the cable in seconds: the time until a connection is refused."""
+    """Measures the round trip time of the network link in seconds: the time until a connection is refused."""
     script = """
 import socket, time
 begin = time.perf_counter()

@@ -52,7 +52,7 @@ class SimulatedUser {
   public:
     SimulatedUser(const UserRef& ref, const NotComplete& not_complete)
         : ref_(ref), open_(&ValueOf(not_complete.open, *ref.name)), count_(ref.backups->size()) {
-        // Interrupted backups are on the storage that the server registers.
+        // The model of the storage "" contains no interrupted backups, so the simulation adds them.
         if (ref.storage->empty()) {
             interrupted_ = ChainOf(ValueOf(not_complete.interrupted, *ref.name), {});
         }
@@ -67,7 +67,7 @@ class SimulatedUser {
         return victims;
     }
 
-    // Adds the backup of this user that a pass deletes, if any.
+    // Appends the backup of this user that one pass deletes to `victims`, if there is one.
     void Pass(Victims& victims, int keep, RemovalReason reason, bool with_interrupted) {
         if (with_interrupted && !interrupted_.empty() &&
             Exceeds(count_ + interrupted_.size(), keep) && TakeInterrupted(victims, reason)) {
@@ -141,7 +141,7 @@ class SimulatedUser {
     UserRef ref_;
     const Dates* open_;
     std::size_t count_;
-    Chain chain_;  // the complete backups, after is_loaded_
+    Chain chain_;  // the complete backups; filled when is_loaded_ is true
     Chain interrupted_;
     const Record* removed_ = nullptr;  // the backup that was removed before chain_ was filled
     bool is_loaded_ = false;
@@ -207,8 +207,8 @@ class Simulation {
 
 using Missing = std::function<std::int64_t()>;
 
-// Adds passes until no bytes are missing or max_count passes are planned. A backup that is not
-// complete is removed only while `helps` returns true.
+// Adds passes to the plan until `missing` returns 0 or max_count passes are planned. A pass removes
+// an interrupted backup only while `helps` returns true.
 void AddPasses(EvictionPlan& plan, Simulation& simulation, int max_count, RemovalReason reason,
                const Missing& missing, const std::function<bool()>& helps) {
     for (int keep = max_count - 1; keep >= 0 && missing() > 0; --keep) {
@@ -263,8 +263,8 @@ std::int64_t EvictionPlan::FreedSize() const noexcept {
 
 namespace {
 
-// The pass of a storage without incomplete backups. It needs no simulation, which takes twice as
-// long.
+// Plans one pass when every backup of the storage is complete. Does not use a simulation, because a
+// simulation takes twice as long.
 Victims PassOfComplete(const Storages& storages, int keep, RemovalReason reason) {
     Victims victims;
     ForEachUser(storages, [&](const UserRef& user) {
@@ -342,8 +342,8 @@ Chosen ChosenBy(const EvictionPlan& plan) {
     return chosen;
 }
 
-// The reason for one backup. `chain`: the user's backups that the plan keeps, without those of
-// `open`.
+// The reason why the plan keeps one backup. `chain`: the other backups of the user that the plan
+// keeps. `open`: the dates of the backups that a job is making again.
 KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& open) {
     if (open.contains(date)) return KeepReason::kBeingMade;
     const auto record = std::find_if(chain.begin(), chain.end(), [&date](const Record* candidate) {

@@ -14,14 +14,14 @@
 
 using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
 
-// The backups of a storage that are not complete, but are in the model or were complete before.
+// The backups that are incomplete now. They were complete before their jobs began to repeat them.
 struct NotComplete {
     // The dates of the backups that a job is making again, by user. They are not deleted and do not
     // protect older backups. Their space still counts as used.
     std::map<std::string, Dates> open;
     // The backups whose repeated job was interrupted and does not continue, by user. They are not
-    // in the model. Each of them is evicted when it is its user's oldest removable backup. Their
-    // sizes are included in `unfinished` of the storage "".
+    // in the model. The plan evicts each of them when it is its user's oldest removable backup.
+    // StorageDesc::unfinished of the storage "" includes their sizes.
     std::map<std::string, Backups> interrupted;
 };
 
@@ -46,7 +46,7 @@ using Victims = std::vector<Victim>;
 
 struct EvictionPlan {
     Victims by_count;             // backups beyond the count limits; deleted first
-    std::vector<Victims> passes;  // each pass decrements max_count; some are empty
+    std::vector<Victims> passes;  // one for each decrement of max_count; may be empty
     Victims after_passes;         // interrupted backups that remain when max_count is 0
     // The bytes that are still missing after all deletions; 0 when the plan frees enough space.
     std::int64_t missing = 0;

@@ -51,7 +51,7 @@ bool IsKept(const std::string& directory, const std::string& name) {
 }
 
 // Removes unsafe names from a sorted listing of the storage, because the names become parts of
-// local paths. Removes duplicate names, because the listings are identified by name.
+// local paths. Removes duplicate names, because the rescan keeps one listing for each name.
 void DropUnsafe(Names& names) {
     names.erase(std::unique(names.begin(), names.end()), names.end());
     std::erase_if(names, [](const std::string& name) {
@@ -285,8 +285,9 @@ class Rescanner {
 
     struct Found {
         std::vector<InfoFile> infos;
-        // Names that cannot be listed and may be info files. If the storage was unavailable, such a
-        // name is listed again later, even after a successful download.
+        // Names whose listing failed, so that they may be info files. If the storage was
+        // unavailable, the rescan lists such a name again later, even if it has downloaded a file
+        // of this name.
         std::vector<InfoFile> unlisted;
         std::vector<std::pair<std::string, std::string>> dates;  // user and date
         std::size_t users = 0;
@@ -305,7 +306,8 @@ class Rescanner {
         } else if (filter_.empty() || filter_ == entry) {
             TakeUser(entry, listing.names, found.dates);
         }
-        // An info file is done after its download, a user after the downloads of all dates.
+        // Counts finished entries for the progress report. An info file is finished after its
+        // download, and a user after the downloads of all dates.
         const bool has_more = !listing.error && (!is_file || IsInfoFileName(entry));
         if (!has_more) EntryDone();
         if (has_more && !is_file) ++found.users;
@@ -447,8 +449,8 @@ class Rescanner {
     std::string local_dir_;
     std::string filter_;
     Names top_;  // names at the storage root
-    // Always empty, because no node has a part of the info root. For a node, the rescan would not
-    // remove local entries. The node would remove them itself.
+    // The name of the node whose files the rescan handles. Always empty, because only this
+    // machine's files are in the info root.
     const std::string node_;
     const bool skip_local_;
     bool trust_local_ = true;

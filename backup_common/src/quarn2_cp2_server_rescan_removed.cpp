@@ -97,7 +97,8 @@ void RemovedEntries::Take(std::vector<std::string> paths) {
         const std::string target = FindFreeTarget(path);
         KRO_LOG(kLog, 6, "Move '%s' to '%s': the storage does not have it", path.c_str(),
                 target.c_str());
-        // The info files can be read at the target after the move.
+        // Reads the events' data at the target, because the rename has already moved the info
+        // files.
         if (Rename(path, target)) {
             WriteMoved(target);
             continue;

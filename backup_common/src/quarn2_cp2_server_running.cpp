@@ -25,7 +25,7 @@ std::optional<pid_t> FindServer(const std::string& pid_file) {
 bool IsPidFileLocked(const std::string& pid_file) {
     struct stat status {};
     if (stat(pid_file.c_str(), &status) != 0) return false;
-    // A line of the list: "1: FLOCK  ADVISORY  WRITE 1234 08:01:131 0 EOF".
+    // Example of a line of /proc/locks: "1: FLOCK  ADVISORY  WRITE 1234 08:01:131 0 EOF".
     char place[64];
     std::snprintf(place, sizeof place, " %02x:%02x:%llu ", major(status.st_dev),
                   minor(status.st_dev), static_cast<unsigned long long>(status.st_ino));

@@ -96,7 +96,8 @@ class Scanner {
         }
         const std::string user_name = quarn2::GetUserName(name);
         const std::string date = quarn2::GetDate(name);
-        // If the name has a type letter or no user, its length differs from that of DATE.USER.info.
+        // A name with a type letter or without a user is longer or shorter than DATE.USER.info, and
+        // the eviction cannot build it.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
             // An eviction could not find this info file by user and date, so the size of the backup
             // can never be freed.
@@ -136,8 +137,8 @@ class Scanner {
     }
 
     // Adds a record of size 0 for each day without a backup, from the date of a backup with the key
-    // "deleted" to the current date. The records of Sundays are full backups, the others are
-    // dailies.
+    // "deleted" to the current date. Another program has deleted these backups, and the count
+    // limits still count them. The records of Sundays are full backups, the others are dailies.
     void FillDays(UserDesc& user, const std::string& first) const {
         if (first >= current_date_) return;
         constexpr int kSunday = 0;
@@ -200,7 +201,8 @@ void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
                 observer->Fail(info_path, error.what());
                 continue;
             }
-            // The error text contains only a number or date, not the name of the info file.
+            // Adds the path of the info file, because the error text contains only a number or a
+            // date.
             throw std::runtime_error(info_path + ": " + error.what());
         }
     }

@@ -15,7 +15,7 @@
 
 // The sizes in the accounting of the server, in bytes.
 struct StateFigures {
-    std::optional<std::int64_t> limit;  // nothing without a size limit
+    std::optional<std::int64_t> limit;  // std::nullopt without a size limit
     std::int64_t used = 0;
     std::int64_t reserved = 0;
     std::int64_t unfinished = 0;
@@ -57,6 +57,6 @@ class StateFile {
 
     std::string path_;
     bool has_failed_ = false;
-    std::optional<StateFigures> written_;  // nothing when the last write has failed
+    std::optional<StateFigures> written_;  // std::nullopt if the last write failed
     kro_date::SteadyClock::time_point last_write_;
 };

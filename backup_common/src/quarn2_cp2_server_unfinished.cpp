@@ -34,8 +34,8 @@ quarn2::InfoMap WithoutNode(quarn2::InfoMap info) {
 }
 
 // True when the storage has the info file of the entry. The content is compared, because the
-// storage may have the info file of an earlier backup with the same name. The local file may be
-// that of another custom backup, because those of all dates have the same path.
+// storage may have the info file of an earlier backup with the same name. The local file may
+// describe another custom backup, because the custom backups of all dates use the same path.
 bool IsInfoStored(quarn2::Storage& storage, const LedgerEntry& entry) {
     try {
         const quarn2::InfoMap info = quarn2::GetInfo(entry.info);
@@ -84,8 +84,9 @@ bool MayHaveReplacedSharedFiles(const LedgerEntry& entry) {
     });
 }
 
-// True for a slice of another archive of the same day, which the job of this entry replaces. The
-// entry records 0 bytes for such a slice as long as the other backup is complete.
+// True for a slice of a backup that the job of this entry replaces: another archive of the same
+// day. The entry records 0 bytes for such a slice while that backup is complete, because its info
+// file already counts them.
 bool IsOfReplacedBackup(const LedgerEntry& entry, const std::string& name,
                         const LedgerSlice& slice) {
     return slice.bytes == 0 && IsArchive(name) &&
@@ -122,9 +123,10 @@ UnfinishedBackups::UnfinishedBackups(Ledger ledger, std::optional<std::string> i
     }
 }
 
-// Returns the name of the entry for the archive of the backup. Without such an entry, returns the
-// name of the entry of another archive of the same day, for example of a full backup after a daily,
-// if its job may have replaced files that both archives use. Returns "" when there is neither.
+// Returns the name of the ledger entry that keeps this backup from counting as complete. That is
+// the entry of its own archive. Otherwise it is the entry of another archive of the same day, if
+// the job of that archive may have replaced the index or the info file, which both archives share.
+// Returns "" when there is neither.
 std::string UnfinishedBackups::EntryOf(const std::string& info_path,
                                        std::string_view last_slice) const {
     std::string rest(last_slice);
@@ -188,8 +190,8 @@ void UnfinishedBackups::RecordRemoval(const LedgerEntry& entry) const {
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
 }
 
-// True when the entry of another archive records the slice as its own. This happens when the job of
-// an earlier backup, which this entry's job has replaced, runs again.
+// True when the ledger entry of another archive records the slice as its own. Then the job that
+// made this archive runs again, after the job of `entry` had replaced the archive.
 bool UnfinishedBackups::IsOfOtherJob(const LedgerEntry& entry, const std::string& name) const {
     const std::string archive = quarn2::StripSliceNumber(kro_file::Name(name));
     if (!IsArchive(archive) || archive == entry.name) return false;
@@ -256,7 +258,7 @@ std::vector<InterruptedBackup> UnfinishedBackups::Interrupted(const std::string&
         found.push_back(
             {quarn2::GetUserName(name), quarn2::GetDate(name), BytesOf(entry), noted.is_full});
     }
-    // Another job of the same day may still be running.
+    // Excludes days with two open entries: the other job may still be running.
     std::erase_if(found, [&jobs](const InterruptedBackup& backup) {
         return jobs[backup.date + "." + backup.user] != 1;
     });
@@ -278,8 +280,9 @@ void UnfinishedBackups::RemoveFiles(const std::string& entry_name, const Noted& 
     }
     RemoveStoredFiles(storage, slices);
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
-    // Delete derives the directory of the stored info file from a slice in the local info file. The
-    // interrupted job may have written a local info file without a slice.
+    // Removes the info file here, because Delete cannot: it finds the directory on the storage from
+    // a slice in the local info file, and the interrupted job may have written an info file without
+    // a slice.
     storage.RemoveFile(quarn2::GetStoredName(noted.info_path));
 }
 
@@ -317,7 +320,7 @@ std::int64_t UnfinishedBackups::BytesOf(const LedgerEntry& entry) const {
     const auto noted = noted_.find(entry.name);
     if (noted == noted_.end() || !entry.IsOpen()) return entry.Bytes();
     if (noted->second.was_complete) return SumOfSizes(entry.Bytes(), noted->second.size);
-    // The slices of this backup were removed to free space.
+    // The entry has no bytes when the server has removed the backup's slices to free space.
     if (entry.Bytes() == 0) return 0;
     return std::max(entry.Bytes(), noted->second.size);
 }

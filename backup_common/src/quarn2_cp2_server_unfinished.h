@@ -54,11 +54,11 @@ class UnfinishedBackups {
     // same info file as this machine.
     void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
 
-    // The entries whose slices may be removed when space is needed, oldest first. These are entries
-    // of complete backups, with slices that no info file contains, and entries of archives older
-    // than `date` that no job has changed since the server started. Excludes a backup that was
-    // complete before its job was repeated, because the storage may still have it, and entries
-    // whose slices a node client uploads now.
+    // The entries whose slices the server may remove when it needs space, oldest first. An entry of
+    // a complete backup is included if it has slices that no info file contains. An entry of an
+    // incomplete backup is included if it is older than `date` and no job has changed it since the
+    // server started. Excludes backups that were complete before their jobs were repeated, because
+    // the storage may still have them. Excludes entries whose slices a node client uploads now.
     std::vector<LedgerEntry> Reclaimable(const std::string& date) const;
 
     // Removes the entry's slices from the storage. Then removes the entry, unless a local info file

@@ -93,7 +93,7 @@ class Program(Ours):
         shutil.copy2(os.path.join(build, "launcher/quarn2_cp"), self.program)
 
     def up(self, local, name, password=None):
-        # --update reads the file's name on the storage from the info file in the same directory.
+        # Writes an info file beside the local file, because --update reads the name on the storage from it.
         with open(os.path.join(os.path.dirname(local), f"{DATE}.{USER}.info"), "w",
                   encoding="ascii") as info:
             info.write(f"last-slice={name}\ntype=full\ncreated={DATE} 01:00:00")
@@ -152,7 +152,7 @@ class Program(Ours):
             stdout=subprocess.PIPE, start_new_session=True)
         pid_file = os.path.join(self.root, "var/quarn2_cp.pid")
         try:
-            server.stdout.read()  # ends when the server is ready
+            server.stdout.read()  # the server closes its standard output when it is ready
             with open(pid_file, encoding="ascii") as file:
                 daemon = int(file.readline())
             both = [daemon, *cost.children(daemon)]

@@ -37,7 +37,7 @@ class Peer:
         """Downloads all files of the storage."""
 
     def rescan(self, names, folder):
-        """Downloads the info files and the indexes of many backups, which is all that the storage has."""
+        """Downloads the info files and the indexes of many backups. The storage contains no other files."""
         return self.down_many(names, folder)
 
     def list(self):
@@ -65,7 +65,7 @@ class Rclone(Peer):
     def command(self, *arguments, environment=None):
         options = ["--config", "/dev/null", "--transfers", PARALLEL, "--checkers", PARALLEL]
         if self.site.server == "ftp":
-            # With several streams, large downloads over FTP are interrupted.
+            # Uses one stream for each file, because downloads of large files over FTP are interrupted with several.
             options += ["--multi-thread-streams", "0"]
         return Command(["rclone", *options, *arguments], {**self.environment, **(environment or {})})
 

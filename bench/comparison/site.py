@@ -42,7 +42,7 @@ class Site:
 
     def serve(self, *arguments):
         cost.run([*self.near, sys.executable, "-B", "-m", "servers", *arguments],
-                 # The caller's environment contains the path of the unpacked servers.
+                 # Passes these variables on, because they contain the path of the unpacked servers.
                  {name: value for name, value in os.environ.items() if name.startswith("QUARN2_")},
                  cwd=TESTS)
 
@@ -138,7 +138,7 @@ class Served(Site):
                 os.fchown(file.fileno(), *self.owner)
 
     def count(self):
-        # Some tools remove the directory too.
+        # A missing directory counts as empty, because some tools remove it with the last file.
         return len(os.listdir(self.data)) if os.path.isdir(self.data) else 0
 
     def check_file(self, name, local):

@@ -132,7 +132,7 @@ class Bench:
         command = tool.sealed_up(source, os.path.basename(source))
         if command:
             spent = self.meter.measure(command)
-            # The stored file is encrypted, so the correct download is the check of the upload.
+            # The stored file is encrypted and cannot be compared, so the download verifies the upload.
             fetched = list(self.fetch(tool, tool.sealed_down, source))
             yield 0, spent
             yield from fetched
