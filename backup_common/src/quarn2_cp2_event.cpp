@@ -86,7 +86,7 @@ std::int64_t ParseTime(std::string_view text) {
     const int minutes = Number(text, 14, 2);
     const int seconds = Number(text, 17, 2);
     if (!date.ok() || hours > 23 || minutes > 59 || seconds > 59) {
-        ThrowNoEvent("there is no such time");
+        ThrowNoEvent("this date or time does not exist");
     }
     const std::int64_t days_since_1970 = sys_days(date).time_since_epoch().count();
     const std::int64_t of_day = (hours * 60LL + minutes) * 60 + seconds;
@@ -118,7 +118,7 @@ std::string ParseText(const kro_json::Value& object, const char* name) {
     const kro_json::Value* value = FindMember(object, name);
     if (value == nullptr) return {};
     const std::string* text = value->AsText();
-    if (text == nullptr) ThrowNoEvent(std::string("the member '") + name + "' is not a text");
+    if (text == nullptr) ThrowNoEvent(std::string("the member '") + name + "' is not a string");
     return *text;
 }
 

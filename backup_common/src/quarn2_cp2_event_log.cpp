@@ -15,8 +15,8 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
-// True when the last write before this one was cut, so that the file ends within a line. False when
-// the last byte cannot be read: then the next line is appended as it is.
+// True when the previous write was interrupted, so that the file ends within a line. False when the
+// last byte cannot be read. Then the next line is appended without a line end before it.
 bool EndsWithinLine(int fd, off_t size) noexcept {
     char last = '\n';
     return size > 0 && ::pread(fd, &last, 1, size - 1) == 1 && last != '\n';

@@ -48,7 +48,7 @@ class EventLog {
     std::atomic<bool> has_failed_{false};
 };
 
-// Selects events. An empty text or no value selects all.
+// Selects events. An empty `since` or `user`, and a `storage` without a value, select all.
 struct EventFilter {
     std::string since;  // YYYY-MM-DD: the first local day
     std::string user;

@@ -11,7 +11,7 @@ namespace {
 
 constexpr int kWeek = 7;
 
-// `values` must not be empty. Between two values, interpolates.
+// `values` must not be empty. Interpolates linearly between neighbouring values.
 double Quantile(std::vector<double> values, double part) {
     std::sort(values.begin(), values.end());
     const double at = part * static_cast<double>(values.size() - 1);

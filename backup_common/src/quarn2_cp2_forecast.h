@@ -46,13 +46,13 @@ struct DayValue {
     double value = 0;
 };
 
-// A trend is computed from the last 30 days, from pairs of days that are whole weeks apart, so that
-// full backups on one day of each week are no trend. It is the median slope of these pairs, so that
-// a few unusual days do not change it. `values` are sorted by day. Returns nothing for fewer than
-// 10 days with values: among ten days there are at least three such pairs.
+// Computes a trend from the last kTrendDays days: the median slope of all pairs of days that are
+// whole weeks apart. So weekly full backups do not appear as a trend, and a few unusual days do not
+// change it. `values` are sorted by day. Returns std::nullopt for fewer than kMinTrendDays days
+// with values: ten days contain at least three such pairs.
+std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
 inline constexpr int kTrendDays = 30;
 inline constexpr std::size_t kMinTrendDays = 10;
-std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
 
 // The number of days from the last day of the history until a condition begins; 0 if it already
 // holds. A member is empty if the condition does not begin within kForecastDays.
@@ -66,9 +66,9 @@ struct Forecast {
     friend bool operator==(const Forecast&, const Forecast&) = default;
 };
 
-// All three use the limit of the last day that has one. Without a limit, no condition ever holds.
-// `days` is a history as of DailySums::Days, without the current day, which is not complete. Days
-// without events may be missing.
+// The three functions below use the limit of the last day that has one. Without a limit, no
+// condition ever holds. `days` is a history as of DailySums::Days, without the current day, which
+// is not complete. Days without events may be missing.
 
 // Forecasts when the server begins to delete backups because of the size limit. Backups that it has
 // already deleted for that reason count as growth.

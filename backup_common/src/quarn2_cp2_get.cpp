@@ -94,7 +94,7 @@ std::string PreviousIn(const std::string& tmp_file) {
         if (error.kind() == kro_err::Kind::kNotFound) return {};
         throw std::runtime_error(
             std::string("--tmp-file: ") + error.what() +
-            "; nothing was removed or fetched. Name a file where nobody else can write");
+            "; nothing was removed or fetched. Name a file that no other user can change");
     }
 }
 
@@ -107,15 +107,15 @@ void RemovePrevious(const std::string& tmp_file, const std::string& local) {
     // Refuses a NUL byte in the path: the system would end the path there and remove another file.
     if (previous.find('\0') != std::string::npos) {
         throw std::runtime_error("--tmp-file '" + tmp_file +
-                                 "' holds no path: it has a NUL byte; nothing was removed or "
+                                 "' contains a NUL byte instead of a path; nothing was removed or "
                                  "fetched. Name another file");
     }
     if (previous.empty() || previous == local || !kro_file::Exists(previous)) return;
     if (kro_file::TypeOf(previous) != kro_file::FileType::kPlain) {
         throw std::runtime_error(
             "--tmp-file '" + tmp_file + "' names '" + previous +
-            "', which is no plain file; nothing was removed or fetched. Remove "
-            "the tmp-file to start anew");
+            "', which is not a regular file; nothing was removed or fetched. Remove "
+            "the tmp-file to start again");
     }
     kro_file::RemoveFile(previous);
 }
@@ -141,7 +141,7 @@ void CommandGet(kro_args::ResultPtr result) {
     KRO_LOG(kLog, 5, "Get '%s'", target.local.c_str());
     if (kro_file::Exists(target.local)) return;
     target.remote_dir = RemoteDirectory(result->Args(0));
-    // A path without a directory refers to the install root, which exists.
+    // A path without a directory refers to the install root, so no directory is created.
     if (!target.local_dir().empty()) kro_file::MkDirSynced(target.local_dir());
     ProgressLine progress(1);
     target.storage->SetObserver(&progress);

@@ -38,7 +38,7 @@ Companion CompanionOf(const std::string& local_dir, const std::string& name,
         const std::string catalogue = stem + ".1.dar";
         return {{catalogue, kro_file::ConcatPath(local_dir, catalogue)}, {}};
     }
-    // `stem` may be empty. Without an ending, the path would then be that of the directory.
+    // `stem` may be empty. If the ending were empty too, the path would be that of the directory.
     const std::string local_index = kro_file::ConcatPath(local_dir, stem + ".tgz");
     const std::string remote = stem + quarn2::GetExtByInfo(info);
     const auto key_hash = info.find("key_hash");

@@ -57,7 +57,8 @@ void ParseSlice(LedgerEntry& entry, std::string value) {
     if (!name.empty()) entry.slices[name] = std::move(slice);
 }
 
-// The date in the name of an archive, including a custom one, or of another entry.
+// The date in the name of a ledger entry. The name is that of an archive (F, I or C and the date),
+// or DATE.USER.
 std::string DateIn(const std::string& name) {
     constexpr std::size_t kDateSize = std::string_view("YYYY-MM-DD").size();
     return IsArchive(name) ? name.substr(1, kDateSize) : quarn2::GetDate(name);
@@ -157,7 +158,8 @@ void LedgerEntry::LoseSlices(const std::vector<std::string>& named, std::int64_t
         if (!completed.empty()) {
             slices.erase(slice);
         } else {
-            // The job of this entry still replaces the other backup, as in a job that begins now.
+            // This entry's job still replaces the other backup, so the entry gets the state in
+            // which such a job begins: the slices have 0 bytes, and `earlier_bytes` counts them.
             slice->second = {SliceState::kRemoved, 0, ""};
             earlier_bytes = bytes;
         }

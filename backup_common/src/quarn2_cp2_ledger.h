@@ -33,8 +33,8 @@ enum class SliceState {
     kUploading,  // the slice is being uploaded, or its upload was interrupted
     kStored,     // complete and durable on the storage
     kAbandoned,  // the upload was abandoned after its last attempt
-    kRefused,    // not uploaded: the server granted no space, or the key differs
-    kRemoved,    // removed after its put, or stored by an earlier run of the job
+    kRefused,    // not uploaded: no space, or another key than that of the earlier slices
+    kRemoved,    // not of this run: removed after its put, or stored by an earlier run
 };
 
 struct LedgerSlice {
@@ -81,8 +81,9 @@ struct LedgerEntry {
     // uploading stays in the entry.
     void LoseStoredSharedFiles();
 
-    // Records that the slices `named` belong to another backup, of `bytes` bytes, that is complete
-    // again. So they are not left over from an earlier backup that this entry's job has replaced.
+    // Records that the slices `named` belong to another backup of `bytes` bytes. This entry's job
+    // had replaced that backup, and a later job has completed it again. So the slices are no
+    // leftovers.
     void LoseSlices(const std::vector<std::string>& named, std::int64_t bytes);
 
     std::string Format() const;

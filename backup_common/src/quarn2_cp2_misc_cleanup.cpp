@@ -137,8 +137,8 @@ class IncompleteBackups {
     const std::vector<LedgerEntry>& entries() const noexcept { return entries_; }
 
     // True for a file of the unfinished backups. If the ledger has no entry for them, an older
-    // version or another machine has made them. Then true for every file that does not belong to a
-    // complete backup. The caller checks the prefix.
+    // version or another machine has made them. In this case, returns true for every file that does
+    // not belong to a complete backup. The caller checks the prefix.
     bool Has(const std::string& name) const {
         const std::string stem = quarn2::StripSliceNumber(name);
         const bool is_archive = IsArchive(stem);
@@ -191,8 +191,9 @@ void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
 }
 
-// Deletes an info file that an earlier run of the job left with another prefix or in a directory.
-// Without the ledger entry, this info file would count as a complete backup.
+// Deletes an info file of this archive that an earlier run of the job wrote under another name or
+// in another directory than the usual ones. Without the ledger entry, this info file would count as
+// a complete backup.
 void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::string& dir,
                     const LedgerEntry& entry) {
     const std::string info_path =

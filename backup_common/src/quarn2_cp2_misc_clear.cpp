@@ -41,7 +41,7 @@ void MarkInfoRoot(const std::string& identity) {
     }
 }
 
-// An event of the deletion of all backups. It has no user and no date.
+// Writes the event for the deletion of all backups. The event has no user and no date.
 void WriteClear(EventKind kind, const char* detail = "") {
     Event event;
     event.kind = kind;

@@ -103,8 +103,9 @@ std::string RemovePieces(const PlainBackup& backup, std::string slice) {
     return slice;
 }
 
-// Inserts the role into the slice name. If the value of a role in the info file is the archive's
-// slice name, the names of the role's files contain the role.
+// The name of the first slice of a further archive, which a key role-X of the info file describes.
+// If the value of role-X is the slice name of the main archive, the slices of the further archive
+// have X in their names.
 std::string InsertRole(const PlainBackup& backup, std::string slice, const std::string& role) {
     const std::size_t place = slice.find(backup.extension);
     if (place != std::string::npos) slice.insert(place, role);
@@ -154,7 +155,7 @@ void RemoveLocalFiles(const std::string& info_path) {
     const std::string directory = kro_file::Path(info_path);
     std::string name = kro_file::Name(info_path);
     str::RGetWord(name, ".info");
-    // `name` may be empty. Without an ending, the path would then be the directory itself.
+    // `name` may be empty. If the ending were empty too, the path would be that of the directory.
     const auto local = [&](const char* ending) {
         return kro_file::ConcatPath(directory, name + ending);
     };
@@ -179,8 +180,8 @@ BackupNames NamesOf(const std::string& info_path, const quarn2::InfoMap& info,
         if (slice.empty() || kro_file::Path(slice) != directory) continue;
         std::string name = kro_file::Name(slice);
         names.stems.insert(quarn2::StripSliceNumber(name));
-        // If the value of a role is the archive's slice name, the role has its own files in the
-        // same directory.
+        // The value of a key role-X can be the slice name of the main archive. Then the further
+        // archive has its own files in the same directory, with X in their names.
         const std::size_t ending = name.find(quarn2::GetExtByInfo(info));
         if (key == "last-slice" || ending == std::string::npos) continue;
         name.insert(ending, key.substr(std::string_view("role-").size()));
@@ -231,9 +232,8 @@ bool HoldsOtherBackups(const std::string& directory, const std::string& info_nam
     });
 }
 
-// True when the info file's directory is USER/DATE and belongs to the backup. An info file in
-// directory form can also be elsewhere, such as in the info root or where a job stages archives.
-// Then only the backup's own files may be removed.
+// True when the info file's directory is USER/DATE and belongs to the backup. If the directory has
+// another name, for example that of the info root, only the backup's own files may be removed.
 bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
     return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
            kro_file::Name(kro_file::Path(directory)) == quarn2::GetUserName(info_name) &&
@@ -255,7 +255,7 @@ void RemoveLocalDirectory(const std::string& info_path) {
     kro_file::SyncDir(parent);
 }
 
-// Removes the stored index of an archive with another extension than .tgz. An index always has the
+// Removes the stored index of an archive whose extension is not .tgz. An index always has the
 // extension .tgz, but RemoveCompanions uses the extension of the archive.
 void RemoveStoredIndex(const PlainBackup& backup, const std::string& info_path) {
     if (backup.extension == ".tgz") return;
@@ -384,8 +384,8 @@ Week FindWeek(quarn2::InfoMap& info, const std::string& info_path) {
     return week;
 }
 
-// The info files of the backups that depend on a full backup, the newest first. Deleted in this
-// order, the backups that remain after an interruption can still be restored.
+// The info files of the backups that depend on a full backup, the newest first. In this order, an
+// interrupted deletion leaves only backups that can be restored.
 std::vector<std::string> FindDependants(const Week& week) {
     constexpr int kLastWeekday = 6;
     std::vector<std::string> found;

@@ -20,8 +20,8 @@ std::string FormatFrame(const std::string& text);
 // Reads one frame and returns its text. Throws std::runtime_error when the frame is incomplete.
 std::string ReadFrame(int fd);
 
-// Format the commands, including the line feed. `size` is the unparsed text of the info file,
-// because the server validates it.
+// Format the commands, including the line feed. `size` is the text of the size in the info file.
+// The server parses and validates it.
 std::string FormatReserve(std::int64_t bytes);
 std::string FormatComplete(const std::string& user, const std::string& date,
                            const std::string& type, const std::string& size);

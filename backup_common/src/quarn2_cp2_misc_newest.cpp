@@ -94,7 +94,7 @@ std::vector<FinishedBackup> FindFinished(const std::string& info_root) {
 std::vector<BackupFiles> FilesOfNewest(const std::string& info_root) {
     std::vector<FinishedBackup> backups = FindFinished(info_root);
     if (backups.size() < kMinKnown) return {};
-    // The format of the times sorts as text.
+    // The text order of these times is their chronological order.
     std::stable_sort(
         backups.begin(), backups.end(),
         [](const FinishedBackup& a, const FinishedBackup& b) { return a.finished > b.finished; });

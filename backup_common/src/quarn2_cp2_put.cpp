@@ -36,7 +36,8 @@ kro_date::DateTime Created(const quarn2::InfoMap& info, const std::string& info_
     try {
         return kro_date::DateTime(created == info.end() ? "" : created->second);
     } catch (const kro_err::Error& error) {
-        throw std::runtime_error("info file '" + info_path + "': created: " + error.what());
+        throw std::runtime_error("info file '" + info_path +
+                                 "': the line created= is invalid: " + error.what());
     }
 }
 

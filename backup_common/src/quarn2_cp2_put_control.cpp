@@ -19,7 +19,7 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 constexpr std::chrono::seconds kMaxSilence{10};
-// A command is one word and one path.
+// A command is one word and one path, so a longer line is not a command.
 constexpr std::size_t kMaxCommandBytes = 64UL * 1024;
 // The maximum number of connections at a time: each connection needs a descriptor, and a process
 // has a limited number of them. A connection is short, because a command is executed as soon as it

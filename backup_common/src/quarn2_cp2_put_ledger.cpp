@@ -308,9 +308,10 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
             entry.LoseSlices(named, bytes);
         });
     }
-    // The index of this backup is recorded in the latest entry (see EntryNameOf), which can be that
-    // of a later custom backup. That backup may also have recorded its own info file before its
-    // last put was refused. If these records stayed there, this backup would not count as complete.
+    // The index of this backup is recorded in the latest entry of the user (see EntryNameOf). That
+    // entry can belong to a later custom backup, which may also have recorded its info file before
+    // its last put was refused. As long as the later entry has these records, the completed backup
+    // does not count as complete.
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
         ledger_.Update(name, [&](LedgerEntry& entry) {
             if (!IsCurrent(entry)) return;

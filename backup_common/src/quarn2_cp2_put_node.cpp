@@ -82,8 +82,8 @@ NodeSide::~NodeSide() {
     try {
         for (auto& [key, upload] : uploads_) upload.Join();
     } catch (const std::exception&) {
-        // A job that waited for the upload has received this error. The destructors of the thread
-        // handles wait for the remaining uploads.
+        // Ignores the error, because the upload has already reported it to the job that waited for
+        // it. The destructors of the thread handles wait for the remaining uploads.
     }
 }
 

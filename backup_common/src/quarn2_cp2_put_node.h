@@ -96,7 +96,8 @@ class NodeSide {
     MasterLink link_;
     quarn2::BackupToken token_;
     std::shared_ptr<quarn2::Storage> storage_;
-    // Upload threads read `max_count_` and `size_` while the thread of the event loop sets them.
+    // `max_count_` and `size_` are atomic, because upload threads read them while the thread of the
+    // event loop sets them.
     std::atomic<std::int32_t> max_count_{0};
     std::atomic<std::int64_t> size_{0};  // size of the file in the latest PUT or PUTLAST
     bool delete_after_ = false;

@@ -111,8 +111,8 @@ void Upload::Put() {
     if (delete_after_) RemoveSource(source);
 }
 
-// Repeats the transfer until the storage has the file. When the storage is full, requests an
-// eviction from the server before each repetition.
+// Transfers the file. As long as the storage is full, requests an eviction from the server and
+// transfers the file again. Throws when no eviction is left.
 void Upload::Store(Source& source) {
     while (!Send(source)) {
         const std::int32_t left = node_->TakeOneEviction();

@@ -99,7 +99,8 @@ class Daemon {
         WriteEvent(ServerEvent(EventKind::kServerStarted, *control));
         Serve(*loop, *nodes, *control);
         // Empties the pid file, so that new --server commands wait for the end of this server
-        // instead of using it. With the exclusive lock there are no such commands.
+        // instead of using it. If this server holds the exclusive lock on the lock file, no such
+        // command is waiting.
         if (!is_alone_) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
@@ -165,10 +166,10 @@ class Daemon {
                 reason.c_str());
     }
 
-    // With the exclusive lock on the lock file, new --server commands wait for that lock, so the
-    // pid file is removed first. Without it, --server commands may still have shared locks. Then
-    // the pid file must exist until the lock file is removed. Otherwise a new server could start,
-    // and this process would remove the new server's lock file.
+    // If this process holds the exclusive lock, new --server commands wait for the lock file, so it
+    // is removed last. Without the exclusive lock, --server commands may still have shared locks.
+    // Then the pid file is removed last. Otherwise a new server could start before that, and this
+    // process would remove the new server's lock file.
     void RemoveFiles() {
         kro_log::Close();
         state_file_.Remove();

@@ -142,7 +142,7 @@ bool ForgetIfGone(GlobalSizeControl& control, const Victim& backup) {
     return true;
 }
 
-// The storage key and the name of each user.
+// The keys of users in the model: the name of the storage and the name of the user.
 using UserKeys = std::set<std::pair<std::string, std::string>>;
 
 UserKeys UsersOf(const Victims& victims) {
@@ -165,9 +165,9 @@ bool ForgetNewestThatIsGone(GlobalSizeControl& control, const UserKeys& users) {
     return any;
 }
 
-// Forgets all backups of the users that another process has deleted. With count limits, each
-// deleted backup that is still counted would cause the deletion of an existing one. Returns true
-// when a backup was forgotten.
+// For each of these users, forgets the backups that another process has deleted. With count limits,
+// each deleted backup that is still counted would cause the deletion of an existing one. Returns
+// true when a backup was forgotten.
 bool ForgetAllThatAreGone(GlobalSizeControl& control, const UserKeys& users) {
     bool any = false;
     for (const auto& [storage, user] : users) {
@@ -230,8 +230,8 @@ bool HasBegunDeletion(const GlobalSizeControl& control) {
                        [](const auto& entry) { return !entry.second.half_deleted.empty(); });
 }
 
-// Refuses a reservation without deleting anything. The passes before the first victim count as
-// done.
+// Refuses a reservation without deleting anything. Counts the passes without a victim before the
+// first victim as executed, because they would delete nothing.
 [[noreturn]] void RefuseRoom(GlobalSizeControl& control, const EvictionPlan& plan,
                              std::int64_t size) {
     const auto first = std::find_if(plan.passes.begin(), plan.passes.end(),

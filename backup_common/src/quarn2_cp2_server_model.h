@@ -18,7 +18,7 @@
 #include "quarn2_cp2_server_unfinished.h"
 
 // The limits of the command line. A missing value or 0 means no limit, except for daily backups.
-// There it means that a daily is kept only while it is the newest backup of its user.
+// For daily backups, it means that a daily is kept only while it is the newest backup of its user.
 struct ServerLimits {
     static constexpr std::int32_t kNoCount = std::numeric_limits<std::int32_t>::max();
     static constexpr std::int64_t kNoSize = std::numeric_limits<std::int64_t>::max();
@@ -69,10 +69,10 @@ struct GlobalSizeControl {
         void ResetReserved() noexcept;
         // The bytes that must be free beyond `reserved` before `size` bytes can be reserved; at
         // least `size`. A completion resets all reservations, including those of uploads in
-        // progress. After that, `unfinished` may be larger than `reserved`, and the result is at
-        // least their difference. For a node client of this machine, `unfinished` already contains
-        // the file for which the space is reserved. `freed`: the part of `unfinished` that will be
-        // removed before.
+        // progress. After that, `unfinished` may be larger than `reserved`. Then the incomplete
+        // backups need the difference, so the result is not smaller. For a node client of this
+        // machine, `unfinished` already contains the file for which the space is reserved. `freed`:
+        // the part of `unfinished` that will be removed before.
         std::int64_t NeededFor(std::int64_t size, bool is_remote,
                                std::int64_t freed = 0) const noexcept;
 

@@ -127,7 +127,7 @@ TEST(Event, OfABrokenLineIsAnErrorWithItsReason) {
     for (const char* time :
          {"2026-02-29T12:00:00.123Z", "2026-11-20T24:00:00.000Z", "2026-11-20T12:60:00.000Z",
           "2026-11-20T12:00:60.000Z", "2026-00-01T12:00:00.000Z"}) {
-        EXPECT_EQ(with_time(time), "there is no such time") << time;
+        EXPECT_EQ(with_time(time), "this date or time does not exist") << time;
     }
     EXPECT_EQ(with_time("1969-12-31T23:59:59.999Z"), "the time is before 1970");
     for (const char* line :
@@ -137,8 +137,9 @@ TEST(Event, OfABrokenLineIsAnErrorWithItsReason) {
     EXPECT_EQ(ErrorOf("[]"), "this is not a JSON object");
     const std::string begin = R"({"time":"2026-11-20T12:00:00.123Z",)";
     EXPECT_EQ(ErrorOf(begin + R"("user":"a"})"), "the member 'event' is missing");
-    EXPECT_EQ(ErrorOf(begin + R"("event":5})"), "the member 'event' is not a text");
-    EXPECT_EQ(ErrorOf(begin + R"("event":"stored","user":5})"), "the member 'user' is not a text");
+    EXPECT_EQ(ErrorOf(begin + R"("event":5})"), "the member 'event' is not a string");
+    EXPECT_EQ(ErrorOf(begin + R"("event":"stored","user":5})"),
+              "the member 'user' is not a string");
     for (const char* size : {"-1", "1.5", "\"5\"", "9223372036854775808", "true"}) {
         EXPECT_EQ(ErrorOf(begin + R"("event":"stored","used":)" + size + "}"),
                   "the member 'used' is not a size in bytes")

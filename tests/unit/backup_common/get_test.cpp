@@ -308,9 +308,8 @@ TEST_F(GetCommand, WithoutAnythingToRemoveTheTargetIsStillNoted) {
 
 std::string NoPlainFile(const std::string& named) {
     return "--tmp-file 'tmp-file' names '" + named +
-           "', which is no plain file; nothing was removed or fetched. Remove the tmp-file to "
-           "start "
-           "anew";
+           "', which is not a regular file; nothing was removed or fetched. Remove the tmp-file to "
+           "start again";
 }
 
 TEST_F(GetCommand, ATmpFileThatNamesADirectoryOrALinkRemovesNothing) {
@@ -332,10 +331,10 @@ TEST_F(GetCommand, ATmpFileWithANulRemovesNothing) {
     Place("victim", "kept");
     const std::string content("victim\0and more", 15);
     Place("tmp-file", content);
-    EXPECT_EQ(
-        Failure({"r//x.tgz", "--tmp-file", "tmp-file"}),
-        "--tmp-file 'tmp-file' holds no path: it has a NUL byte; nothing was removed or fetched. "
-        "Name another file");
+    EXPECT_EQ(Failure({"r//x.tgz", "--tmp-file", "tmp-file"}),
+              "--tmp-file 'tmp-file' contains a NUL byte instead of a path; nothing was removed or "
+              "fetched. "
+              "Name another file");
     EXPECT_EQ(Local("victim"), "kept");
     EXPECT_EQ(Local("tmp-file"), content);
     EXPECT_EQ(store_->log(), (Lines{}));

@@ -70,7 +70,7 @@ TEST_F(PlantedForRoles, AnothersTmpFileRemovesNothing) {
     };
     EXPECT_EQ(TextOf<std::runtime_error>(get),
               "--tmp-file: 'tmp-file' could have been written by another user; nothing was removed "
-              "or fetched. Name a file where nobody else can write");
+              "or fetched. Name a file that no other user can change");
     EXPECT_FALSE(local_files::Has("r/F2026-11-20.web1.1.dar"));
     ASSERT_EQ(chown("tmp-file", 0, 0), 0);
     local_files::Save("tmp-file", "");

@@ -129,8 +129,8 @@ TEST_F(Put, AStartTimeThatCannotBeReadIsToldWithItsFileAndLeavesThatAlone) {
         EXPECT_EQ(TextOf<std::runtime_error>([&] {
                       Run({"--info-file", kInfo}, "OK name 1");
                   }),
-                  std::string("info file '") + kInfo + "': created: '" + value +
-                      "' is not a date and time (YYYY-MM-DD HH:MM:SS)");
+                  std::string("info file '") + kInfo + "': the line created= is invalid: '" +
+                      value + "' is not a date and time (YYYY-MM-DD HH:MM:SS)");
         EXPECT_EQ(Info(), "size=1\n" + line);
     }
 }
