@@ -1,5 +1,5 @@
-// quarn2_report: shows what is stored. Takes no lock. Only --verify accesses the storage. It
-// also writes its result to a file.
+// quarn2_report: shows what is stored. Takes no lock. Only --verify accesses the storage and writes
+// a file, which contains its result.
 
 #include <unistd.h>
 
@@ -32,7 +32,8 @@ void EnterInstallRoot() {
 }
 
 int Run(int argc, char** argv) {
-    // The environment of a job may contain the storage token.
+    // A core dump would contain the environment, and the environment of a job may contain the
+    // storage token.
     kro_launch::DisableCoreDumps();
     kro_launch::OpenMissingStandardStreams();
     kro_args::SetProgram(kProgram, QUARN2_CP_VERSION);
@@ -51,8 +52,8 @@ int Run(int argc, char** argv) {
     return site.output.Finish();
 }
 
-// The exit status for an invalid command line. A monitoring system interprets 2 as a critical
-// problem of the backups.
+// The exit status for an invalid command line. With --check it is 3, because a monitoring system
+// interprets 2 as a critical problem of the backups.
 int UsageStatus(int argc, char** argv) {
     constexpr int kUnknown = 3;
     const auto is_check = [](const char* word) { return std::string_view(word) == "--check"; };

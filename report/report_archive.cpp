@@ -63,7 +63,8 @@ std::vector<Archive> ArchivesOf(const std::vector<StoredFile>& files) {
         if (is_new) archives.push_back({std::move(name), {}, tester});
         archives.back().slices.push_back(file.name);
     }
-    // A program that needs a single file would need all slices at once.
+    // A program with Input::kFile would need all slices at once, so it does not test an archive of
+    // several slices.
     for (Archive& archive : archives) {
         const bool is_file = archive.tester != nullptr && archive.tester->input == Input::kFile;
         if (is_file && archive.slices.size() > 1) archive.tester = nullptr;

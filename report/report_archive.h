@@ -30,7 +30,7 @@ struct Archive {
     const Tester* tester = nullptr;  // null when no program can test the archive slice by slice
 };
 
-// The archives of the files of FilesOf.
+// The archives to which the files belong. `files` is the result of FilesOf.
 std::vector<Archive> ArchivesOf(const std::vector<StoredFile>& files);
 
 // The absolute path of a program in the directories of PATH, or "" when there is none. Ignores

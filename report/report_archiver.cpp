@@ -68,7 +68,8 @@ Archiver::~Archiver() {
         if (!program_.Wait(0)) Kill();
         program_.Result();
     } catch (const std::exception&) {
-        // The program has been killed. Init waits for it when this process ends.
+        // The program has been killed. The destructor does not wait for it; the init process does
+        // when this process has ended.
         return;
     }
 }
@@ -100,7 +101,8 @@ Archiver::Event Archiver::WaitFor(int fd, short events) {
         std::array<pollfd, 2> states = {pollfd{messages_, POLLIN, 0}, pollfd{fd, events, 0}};
         const int wait = std::max(0, static_cast<int>(left.count()));
         const int count = poll(states.data(), states.size(), wait);
-        if (count < 0 && errno != EINTR) throw kro_err::FromErrno("Failed to wait for a program");
+        if (count < 0 && errno != EINTR)
+            throw kro_err::FromErrno("Failed to wait for the program that tests the archive");
         if (count == 0) return KillHung();
         if (count < 0) continue;
         if (states[0].revents != 0) ReadMessages();
@@ -117,7 +119,8 @@ bool Archiver::Write(std::string_view bytes) {
         const ssize_t done = write(input_, bytes.data(), bytes.size());
         if (done < 0 && (errno == EAGAIN || errno == EINTR)) continue;
         if (done < 0 && errno == EPIPE) return false;
-        if (done < 0) throw kro_err::FromErrno("Failed to write to a program");
+        if (done < 0)
+            throw kro_err::FromErrno("Failed to write to the program that tests the archive");
         bytes.remove_prefix(static_cast<std::size_t>(done));
     }
     return true;
@@ -127,7 +130,7 @@ bool Archiver::Feed(const std::string& path) {
     const ResHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) throw kro_err::FromErrno("Failed to open '" + path + "'");
     std::vector<char> buffer(kBufferSize);
-    // The download of the slice may have taken longer than the patience with the program.
+    // The time of a download does not count as time without progress of the program.
     NoteProgress();
     for (;;) {
         const ssize_t count = read(file, buffer.data(), buffer.size());
@@ -158,9 +161,9 @@ std::optional<std::string> Archiver::NextLine(int requests) {
 Archiver::Result Archiver::Finish() {
     input_.Close();
     NoteProgress();
-    constexpr int kNoDescriptor = -1;  // poll ignores it
+    constexpr int kNoDescriptor = -1;  // poll ignores a negative descriptor
     WaitFor(kNoDescriptor, 0);
-    // The program has closed its messages or was killed, so it ends now.
+    // The program has closed its output or was killed, so it will end soon.
     if (!was_hung_ && !program_.Wait(static_cast<int>(patience_.count()))) KillHung();
     const int status = program_.Result();
     return {status, was_hung_, LastLine(text_)};

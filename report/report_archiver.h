@@ -18,7 +18,8 @@
 // runs.
 class Archiver {
   public:
-    // A program that runs longer without progress hangs. A slice of 100 GB is tested in this time.
+    // A program without progress for this time is considered hung. The time is sufficient to test a
+    // slice of 100 GB, which can be one step of progress.
     static constexpr std::chrono::minutes kPatience{30};
 
     struct Settings {

@@ -78,8 +78,8 @@ Backup FromInfo(const std::string& path, const quarn2::InfoReader& info, ScanRes
 Backup FromEntry(const LedgerEntry& entry) {
     const std::string key = LedgerKey(entry.name);
     Backup backup;
-    // The key is DATE.USER. With ".info", the name functions do not parse the end of a user name as
-    // the suffix of an archive.
+    // The key is DATE.USER. Append ".info", so that the functions of names.h do not mistake the end
+    // of a user name for the suffix of an archive.
     backup.user = quarn2::GetUserName(key + ".info");
     backup.date = quarn2::GetDate(key + ".info");
     backup.archive = entry.name;

@@ -107,7 +107,7 @@ std::string CheckLine(const CheckResult& result, const CheckFacts& facts) {
     const std::string text =
         result.problems.empty() ? Summary(facts) : str::Join(result.problems, "; ");
     std::string line = Escaped(std::string(NameOf(result.severity)) + ": " + text);
-    // This character separates the performance data.
+    // Monitoring systems use "|" to separate the text from the performance data.
     std::replace(line.begin(), line.end(), '|', '!');
     return line + " |" + Figures(facts);
 }

@@ -11,7 +11,8 @@
 // The exit statuses of monitoring plugins.
 enum class Severity { kOk = 0, kWarning = 1, kCritical = 2, kUnknown = 3 };
 
-// The facts for the decision. Users and backups are names for the output. Sizes are in bytes.
+// The facts for the decision. Users and backups have the names that the output shows. Sizes are in
+// bytes.
 struct CheckFacts {
     std::vector<std::string> overdue;           // users without a complete backup in max_age_hours
     std::vector<std::string> refused;           // users whose last upload was refused or abandoned
@@ -20,7 +21,7 @@ struct CheckFacts {
     std::vector<std::string> unreadable;        // why a part of the state cannot be read
     int max_age_hours = 0;
     int min_days = 0;  // 0: the depth is not checked
-    Forecast depth;    // the time until the limit keeps fewer than min_days days
+    Forecast depth;    // the time until the backups of min_days days exceed the size limit
 
     std::int64_t users = 0;
     std::int64_t backups = 0;

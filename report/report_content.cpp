@@ -28,12 +28,13 @@ std::string LocalSlice(const std::string& number) {
     return std::string(kLocal) + "." + number + ".dar";
 }
 
-// A file that cannot be read. The check of the backup ends.
+// Thrown when a file cannot be read. It ends the check of the backup.
 struct Unreadable {
     Problem problem;
 };
 
-// A named pipe. It stays open for reading and writing, so that no open and no write of it blocks.
+// A named pipe. The object keeps it open for reading and writing, so that a process that opens the
+// pipe or writes to it does not block.
 class NamedPipe {
   public:
     explicit NamedPipe(std::string path) : path_(std::move(path)) {
@@ -58,7 +59,8 @@ class NamedPipe {
 void Answer(int answers, bool is_good) {
     const std::string_view text = is_good ? "ok\n" : "no\n";
     if (write(answers, text.data(), text.size()) < 0) {
-        throw kro_err::FromErrno("Failed to answer a program");
+        throw kro_err::FromErrno(
+            "Failed to answer the request of the program that tests the archive");
     }
 }
 
@@ -92,7 +94,8 @@ ContentCheck::Result ContentCheck::Check(const std::vector<StoredFile>& files, b
         for (const Archive& archive : ArchivesOf(files)) CheckArchive(archive);
         for (const StoredFile& file : files) {
             if (fetched_.contains(file.name)) continue;
-            // Only info files are not encrypted, which is recognised by their name.
+            // In an encrypted backup, every file except the info file is encrypted. Fetch
+            // recognises the info file by its local name.
             Fetch(file.name, std::string(kLocal) + (file.kind == "info" ? ".info" : ""));
         }
     } catch (const Unreadable& error) {

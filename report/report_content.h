@@ -57,7 +57,7 @@ class ContentCheck {
     std::set<const Tester*> missing_;
     std::int64_t tested_ = 0;
     std::int64_t untested_ = 0;
-    // Of the backup that is being checked:
+    // The following members describe the backup that is being checked.
     bool is_encrypted_ = false;
     std::set<std::string> fetched_;
     std::int64_t bytes_ = 0;

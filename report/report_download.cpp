@@ -44,7 +44,8 @@ DownloadDirectory::~DownloadDirectory() {
     try {
         kro_file::Remove(path_);
     } catch (const std::exception&) {
-        // The constructor of the next DownloadDirectory removes the directory.
+        // The error can be ignored, because the constructor of the next DownloadDirectory removes
+        // the directory.
         return;
     }
 }

@@ -16,9 +16,9 @@ class DownloadDirectory {
     DownloadDirectory& operator=(const DownloadDirectory&) = delete;
 
     // Removes the previous file, downloads and decrypts the file `name` as `local_name`, and
-    // returns the bytes that it uses on the storage. `is_encrypted`: the stored file is encrypted,
-    // unless `local_name` is that of an info file. Throws kro_err::Error when the file cannot be
-    // read completely.
+    // returns the bytes that it uses on the storage. `is_encrypted` is true for an encrypted
+    // backup; it has no effect on an info file. Throws kro_err::Error when the file cannot be read
+    // completely.
     std::int64_t Fetch(quarn2::Storage& storage, const std::string& name,
                        const std::string& local_name, bool is_encrypted);
 

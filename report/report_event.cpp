@@ -10,8 +10,8 @@
 
 namespace {
 
-// The detail of an event without a user may contain a user name, for example in the path of an info
-// file.
+// Hides the complete detail of an event without a user, because the detail may contain a user name,
+// for example in the path of an info file.
 std::string DetailOf(const Event& event, const Names& names) {
     if (event.user.empty() && event.kind != EventKind::kRescan) return names.Free(event.detail);
     return names.In(event.detail, event.user);

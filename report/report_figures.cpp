@@ -28,7 +28,7 @@ std::optional<kro_date::DateTime> TimeOf(const Newest& newest) {
 
 void Census::Add(const Backup& backup) {
     ++counts_[backup.state];
-    // The name of a misnamed info file contains no user.
+    // A misnamed info file does not count for a user, because its name contains none.
     if (backup.state == State::kMisnamed || backup.user.empty()) return;
     Newest& newest = newest_[backup.user];
     if (backup.state != State::kCustom && backup.date != "custom") newest.has_scheduled = true;

@@ -10,9 +10,9 @@
 
 namespace {
 
-// True for a slice name that the backup's job can create, in the flat or in the directory form. The
-// last slice must belong to the archive of this user and date. Other slices can belong to archives
-// with any name ("role-...").
+// True for a slice name that the backup's job can create: NAME or USER/DATE/NAME. The last slice
+// must belong to the archive of this user and date. Other slices can belong to archives with any
+// name ("role-...").
 bool IsOwnSlice(const std::string& name, const std::string& user, const std::string& date,
                 bool is_last_slice) {
     const std::string directory = kro_file::Path(name);
@@ -40,7 +40,7 @@ void CheckSlices(const quarn2::InfoMap& info, const std::string& user, const std
     }
 }
 
-// The info file on the storage does not contain "node".
+// The info file on the storage is smaller than the local one, because it does not contain "node".
 std::int64_t StoredInfoSize(quarn2::InfoMap info) {
     info.erase("node");
     return static_cast<std::int64_t>(str::Join(info, "\n").size());
@@ -62,7 +62,7 @@ std::vector<StoredFile> FilesOf(const quarn2::InfoMap& info, const std::string& 
                                 const std::string& date, const LocalFiles& local) {
     const std::vector<std::string> slices = NamedSlices(info);
     CheckSlices(info, user, date, slices);
-    // Encrypted files are larger than their local copies.
+    // Only plain files have the size of their local copies; encrypted files are larger.
     const bool is_plain = !info.contains("key_hash");
     const std::int64_t info_size = StoredInfoSize(info);
     const std::optional<std::int64_t> total = TotalSize(info);

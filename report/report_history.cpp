@@ -85,7 +85,8 @@ Deletions DeletionsSinceRotation(const Site& site, const Deletions& all) {
             [&rotated](const Event& event) { rotated.Add(event); },
             [](const BrokenLine& /*line*/) {});
     } catch (const kro_err::Error&) {
-        // ReadEventSummary has recorded the finding, and `all` has no event of this file.
+        // ReadEventSummary could not read the rotated file either. It has reported that, and `all`
+        // contains no events of this file.
         return all;
     }
     return Without(all, rotated.deletions());

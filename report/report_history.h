@@ -56,11 +56,11 @@ class EventSummary {
 // Skips lines that are not events.
 EventSummary ReadEventSummary(Site& site);
 
-// The deletions since the last rotation of the events file: `all`, the deletions in both files,
-// without those in the rotated file. So each rotation resets these counters to 0. If both files
-// were counted, a rotation would only decrease the counters, and a monitoring system would count
-// the remainder as new deletions.
+// The deletions since the last rotation of the events file. These are the deletions in both files
+// (`all`) minus those in the rotated file. So each rotation resets these counters to 0. If both
+// files were counted, a rotation would only decrease the counters, and a monitoring system would
+// count the remainder as new deletions.
 Deletions DeletionsSinceRotation(const Site& site, const Deletions& all);
 
-// `all` without `earlier`. No sum becomes negative.
+// Subtracts `earlier` from `all`. A sum that would be negative becomes 0.
 Deletions Without(Deletions all, const Deletions& earlier);

@@ -69,8 +69,8 @@ kro_json::Value OrNull(const std::string& text) {
     return text.empty() ? kro_json::Value() : kro_json::Value(text);
 }
 
-// The info file can name an archive of any name. Only an archive of the backup is shown with its
-// date.
+// The info file can contain the name of any archive. The report shows only the file name of an
+// archive that does not belong to the backup, because its directory can have the name of a user.
 std::string ArchiveText(const Site& site, const Backup& backup) {
     const bool is_own = !backup.user.empty() &&
                         LedgerKey(backup.archive + ".info") == backup.date + "." + backup.user;

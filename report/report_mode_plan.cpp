@@ -75,7 +75,8 @@ Plan ReadPlan(Site& site) {
     return plan;
 }
 
-// False for the empty record of a missing day, and for the backup that the planned upload creates.
+// False for a record of size 0, which stands for a day without a backup, and for the backup that
+// the planned upload creates.
 bool IsShown(const Plan& plan, const Kept& kept) {
     return plan.complete.contains({kept.user, kept.date});
 }

@@ -1,4 +1,4 @@
-// --status: the account, the counts, overdue users and the server.
+// --status: the used space, the numbers of backups, overdue users and the server.
 
 #include <algorithm>
 #include <utility>
@@ -38,7 +38,7 @@ void ReadHistory(Site& site, Status& status) {
     constexpr std::int64_t kMsPerSecond = 1000;
     const std::vector<DaySums> days =
         summary.DaysBefore(EventDay(kro_date::SystemNow() * kMsPerSecond));
-    // The events of one user do not show the growth of the storage.
+    // No forecast with --user: the events of one user do not show the growth of the storage.
     if (!site.options.user.empty()) return;
     status.evictions = EvictionForecast(days);
     status.refusals = RefusalForecast(days, status.space.protected_bytes);

@@ -180,7 +180,8 @@ class Verification {
         } else {
             chosen = Choose(complete_.size(), options.content_share, seed_);
         }
-        // The size or a file of a faulty backup differs from the info file without a download.
+        // Does not download a backup that is known to be faulty without its content, because a file
+        // is missing or has another size.
         for (const std::size_t i : faulty_) chosen.erase(i);
         return {chosen.begin(), chosen.end()};
     }
@@ -329,7 +330,7 @@ class Verification {
     std::set<std::string> open_;    // the names DATE.USER of backups that are not complete
     std::set<std::string> known_;   // the names DATE.USER of complete backups
     std::set<std::string> named_;   // the stored files of complete backups
-    std::set<std::size_t> faulty_;  // the backups with a problem, except their content
+    std::set<std::size_t> faulty_;  // the backups with a problem other than damaged content
     unsigned seed_;
     std::int64_t files_ = 0;
     std::int64_t unsized_ = 0;   // the backups whose sizes could not be compared
@@ -345,7 +346,8 @@ class Verification {
 void RunVerify(Site& site) {
     const std::shared_ptr<quarn2::Storage> storage = GetStorageByEnv(site.options.path);
     ReadServerAndLedger(site);
-    // A program that tests an archive may end before it has read its input.
+    // A program that tests an archive may end before it has read its input. Without SIGPIPE, the
+    // write fails with EPIPE.
     signal(SIGPIPE, SIG_IGN);
     try {
         Verification(site, *storage).Run();

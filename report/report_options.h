@@ -25,10 +25,10 @@ struct Options {
     std::string for_user;               // the user of the planned backup; empty: none
     bool is_for_full = false;           // the planned backup is a full one
     int content_share = 0;              // per cent of the backups whose content --verify downloads
-    int content_days = 0;               // the content of each backup on one of so many days; 0: no
-    bool has_orphans = false;           // --verify looks for files that no info file names
-    std::optional<unsigned> seed;       // the seed of the random choice of these backups
-    std::string chain_date;             // the day to restore; "custom" for the custom backup
+    int content_days = 0;  // --verify downloads each backup once in this number of days; 0: never
+    bool has_orphans = false;      // --verify looks for files that no info file names
+    std::optional<unsigned> seed;  // the seed of the random choice for content_share
+    std::string chain_date;        // the day to restore; "custom" for the custom backup
 
     // True when --verify checks the content of backups.
     bool HasContent() const noexcept { return content_share > 0 || content_days > 0; }

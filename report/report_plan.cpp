@@ -38,7 +38,8 @@ void Execute(GlobalSizeControl& account, const EvictionPlan& plan, PlanStep& ste
 }
 
 // A starting server first finishes interrupted deletions. It cancels a deletion that has not
-// removed a file yet. Only the storage shows this, so the plan contains such a deletion.
+// removed a file yet. The plan contains this deletion nevertheless, because only a request to the
+// storage could show that no file is removed.
 Victims InterruptedDeletions(GlobalSizeControl& account) {
     Victims victims;
     for (auto& [key, desc] : account.storages) {

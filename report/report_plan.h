@@ -37,9 +37,9 @@ struct ServerPlan {
 };
 
 // Plans the server's start, then an upload if there is one, then the server's end. Leaves the
-// account as it is after these steps. Reads the ledger of `account.unfinished`.
+// account as it is after these steps. Reads the ledger through `account.unfinished`.
 ServerPlan PlanServer(GlobalSizeControl& account, const std::optional<PlannedUpload>& upload);
 
-// The size of a usual backup: the median of the user's backups of this type. Nothing when there are
-// none. Does not count the empty records of missing days.
+// The size of a usual backup: the median of the user's backups of this type. std::nullopt when
+// there are none. Ignores the records of size 0, which stand for days without a backup.
 std::optional<std::int64_t> TypicalSize(const Backups& backups, bool is_full);

@@ -29,7 +29,8 @@ class Collector : public ScanObserver {
 
     void Take(const std::string& path, const quarn2::InfoReader& info, ScanResult result) override {
         Backup backup = FromInfo(path, info, result);
-        // The ledger contains more information about an unfinished backup.
+        // Skips an unfinished backup that the ledger contains too, because the ledger contains more
+        // information about it.
         if (backup.state == State::kUnfinished && IsInLedger(backup)) return;
         take_(std::move(backup));
     }
@@ -62,7 +63,8 @@ void CheckInfoRoot(const Site& site) {
                              "' does not exist: is --path right?");
 }
 
-// Reads one entry again as text, because the server accepts any text as an entry.
+// Reports a ledger entry whose text is not valid. The server reads such a text as an entry of an
+// unfinished backup.
 void CheckEntry(Site& site, const Ledger& ledger, const LedgerEntry& entry) {
     const std::string path = kro_file::ConcatPath(ledger.directory(), entry.name);
     const std::string user = FromEntry(entry).user;

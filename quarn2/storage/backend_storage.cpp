@@ -37,7 +37,7 @@ struct stat Status(int fd, const std::string& path) {
 class FileSource final : public ByteSource {
   public:
     FileSource(const std::string& path, TransferObserver* observer)
-        // O_NONBLOCK because opening a named pipe would otherwise block until a writer opens it.
+        // Without O_NONBLOCK, opening a named pipe would block until a writer opens it.
         : path_(path),
           observer_(observer),
           handle_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)) {
@@ -320,7 +320,7 @@ void BackendStorage::RunMany(ManyTasks::Next next, TransferObserver* observer, s
     ManyTasks tasks({.own = *backend_,
                      .open = [this, pace] { return open_more_(pace); },
                      .max = ParallelOf(token_),
-                     // backend_ does not share `pace` with the backends of the other threads.
+                     // backend_ was opened without `pace`, so it would exceed the limit.
                      .share_own = pace == nullptr},
                     observer, std::move(next));
     tasks.Run();

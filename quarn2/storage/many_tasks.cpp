@@ -167,9 +167,9 @@ void ManyTasks::PerformAll(bool is_first) {
         } catch (const Error& failure) {
             error = failure;
         }
-        // The server may have refused this thread's connection because it limits their number.
-        // End this thread and let another thread perform the task. The first thread never returns
-        // a task to the queue, so every task is eventually reported.
+        // The server may have refused this thread's connection because of a limit on the number of
+        // connections. End this thread and let another thread perform the task. The first thread
+        // never returns a task to the queue, so every task is eventually reported.
         if (!is_first && !has_answered && MayRefuseConnection(error)) {
             return PutBack(std::move(*task));
         }

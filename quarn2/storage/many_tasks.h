@@ -23,7 +23,7 @@ namespace quarn2 {
 
 struct ManyTask {
     // Performs the operation with this backend, on any thread. Throws kro_err::Error when the
-    // operation fails. The observer is null when there is nothing to observe.
+    // operation fails. The observer is null when nobody watches the progress.
     std::function<void(StorageBackend&, TransferObserver*)> run;
     // Receives the result on the thread of the caller.
     std::function<void(const FileError&)> report;

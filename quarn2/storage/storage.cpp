@@ -33,8 +33,8 @@ std::int64_t Storage::Size(const std::string& local) {
 
 namespace {
 
-// Assigns the results of a list, which arrive in any order, to the positions in the list. Equal
-// keys get the results of equal operations, so their order does not matter.
+// Assigns the results of a list, which arrive in any order, to the positions in the list. If the
+// list contains a key twice, both operations are the same, so each may get the result of the other.
 class Results {
   public:
     void Expect(std::string key) {

@@ -1,4 +1,4 @@
-"""Writes metrics in the text format of Prometheus, with its library."""
+"""Writes metrics in the text format of Prometheus. The Python library of Prometheus does the formatting."""
 
 from prometheus_client import CollectorRegistry, generate_latest
 from prometheus_client.core import CounterMetricFamily, GaugeMetricFamily
@@ -14,7 +14,7 @@ class _Collector:
             found = family(metric.name, metric.text, labels=["storage", *metric.labels])
             for labels, value in metric.samples:
                 found.add_metric([self._storage, *labels], value)
-            # A metric without samples would be written as comments only.
+            # The library would write only comments for a metric without samples, so omit it.
             if metric.samples:
                 yield found
 

@@ -11,7 +11,8 @@ from .replacement import replace_file
 from .source import ReportFailed, reason_of
 
 PROGRAM = "quarn2_metrics"
-# The collector runs as another user. Without --per-user, the file contains no user names.
+# Every user may read the file, because the collector runs as another user. It contains names of users only with
+# --per-user.
 _MODE = 0o644
 
 
@@ -54,7 +55,8 @@ def write(given, content):
     if given.file is not None:
         replace_file(given.file, content, _MODE)
         return
-    # After a failed write, sys.stdout keeps the data in its buffer and fails again when the program exits.
+    # Does not use sys.stdout: after a failed write, it keeps the data in its buffer, and fails again when the program
+    # exits.
     while content:
         content = content[os.write(sys.stdout.fileno(), content):]
 
@@ -77,7 +79,7 @@ def main(arguments):
     is_success, metrics, storage = True, [], storage_label(given)
     try:
         metrics, storage = read_metrics(given)
-    except Exception as error:  # After any error, the old figures must be replaced.
+    except Exception as error:  # After any error, replace the old figures, which would look current.
         complain(PROGRAM, f"{reason_of(error)}; the metrics say only that the report failed")
         is_success = False
     metrics += report_metrics(is_success, time.time())

@@ -12,7 +12,8 @@ from .source import ReportFailed, reason_of
 from .texts import escaped, size_text
 
 PROGRAM = "quarn2_page"
-# The page contains the names of the users. The new file keeps the group of the existing file, such as the web server's.
+# Only the owner and the group may read the page, because it contains the names of the users. The new file keeps the
+# group of the existing file, such as the web server's.
 _MODE = 0o640
 
 
@@ -101,7 +102,7 @@ def main(arguments):
     now = time.time()
     try:
         model = read_model(report_of(given), given)
-    except Exception as error:  # After any error, the old page must be replaced.
+    except Exception as error:  # After any error, replace the old page, which would look current.
         complain(PROGRAM, f"{reason_of(error)}; the page says only that there is no report")
         model = {"failure": escaped(reason_of(error))}
     made = datetime.datetime.fromtimestamp(now).strftime("%Y-%m-%d %H:%M")

@@ -12,7 +12,8 @@ from .plots import deletions_plot, intake_plot, space_plot
 from .texts import count_text, size_text
 
 MAX_BYTES = 1_000_000
-# The bytes of a row of the table of users: the elements around its values, and the texts of the last column.
+# The sizes in bytes of the fixed parts of a row in the table of users: the HTML elements around the values, and the
+# texts of the last column.
 _ROW_BYTES, _OVERDUE_BYTES, _OTHER_BYTES = 45, 20, 30
 _HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -67,7 +68,7 @@ def plots(history, lives, protected_now):
 
 
 def page_of(model):
-    """Returns the bytes of the page. `model` has the values of the template; `users` are shortened to fit."""
+    """Returns the page as bytes. `model` contains the values of the template. If the page would be larger than MAX_BYTES, it shows only the first rows of `users`."""
     template, constants = _template(), _constants()
     users = model.get("users", [])
     for row in users:

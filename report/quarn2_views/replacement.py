@@ -30,7 +30,7 @@ def replace_file(path, content, mode):
     path = os.path.realpath(path)
     _check_target(path)
     directory, name = os.path.split(path)
-    # Collectors read every file *.prom of the directory.
+    # The temporary name does not end with .prom, because collectors read every file *.prom in the directory.
     temporary = os.path.join(directory, f".{name}.new")
     folder = os.open(directory, os.O_RDONLY | os.O_DIRECTORY | os.O_CLOEXEC)
     try:

@@ -1,9 +1,12 @@
 """quarn2_report --verify, on storages with and without faults."""
 
+import contextlib
 import gzip
 import io
 import json
 import os
+import pty
+import re
 import subprocess
 import zipfile
 
@@ -75,6 +78,25 @@ class Verify(ReportTest):
 
     def last(self):
         return json.loads(self.report("--status", "--json")[1])["verification"]
+
+    def test_a_download_shows_its_progress_on_a_terminal(self):
+        self.put_paths("web1", self.make_dar(DATE, "web1", size=30_000))
+        terminal, other = pty.openpty()
+        self.addCleanup(os.close, terminal)
+        process = start([self.binary, "--verify", "--date", DATE, "--content", "100"], cwd="/",
+                        stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=other,
+                        env=self.r.environment(BACKUP_TOKEN=self.r.token + "?limit_rate=15000"))
+        os.close(other)
+        shown = b""
+        with contextlib.suppress(OSError):  # the program has closed the terminal
+            while data := os.read(terminal, 65536):
+                shown += data
+        self.assertEqual(0, process.wait(DEADLINE))
+        lines = re.findall(r"\r([^\r\n]+)\x1b\[K", shown.decode())
+        self.assertTrue(lines, shown)
+        for line in lines:
+            self.assertRegex(line, r"\A[0-5] of 5 files, \d+(\.\d)? [KM]?i?B, \d+(\.\d)? [KM]?i?B/s")
+        self.assertEqual(sorted(lines, key=lambda line: int(line[0])), lines)
 
     def test_the_last_result_is_kept(self):
         self.make_backups()

@@ -363,7 +363,7 @@ Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size
         begin();
         received += static_cast<std::int64_t>(bytes.size());
         if (size >= 0 && received > size) {
-            throw Error(Kind::kUnavailable, what_ + " sent more data than the size of the file");
+            throw Error(Kind::kUnavailable, what_ + " sent more bytes than the file contains");
         }
         sink.Write(bytes);
     };

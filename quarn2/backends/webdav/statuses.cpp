@@ -13,14 +13,16 @@ struct Row {
 };
 
 constexpr Row kRows[] = {
-    // A temporary redirection comes from a proxy, for example to a login or maintenance page.
+    // A proxy sends a temporary redirection, for example to a login or maintenance page, so a later
+    // attempt may succeed.
     {302, Failure::kUnavailable},
     {303, Failure::kUnavailable},
     {307, Failure::kUnavailable},
     {kUnauthorizedStatus, Failure::kUnauthorized},
     {kForbidden, Failure::kUnavailable},
     {kNotFoundStatus, Failure::kNotFound},
-    // A proxy requires credentials. The credentials of the token are only for the WebDAV server.
+    // A proxy requires credentials. The program has none for it: those of the token are for the
+    // WebDAV server.
     {407, Failure::kUnavailable},
     {408, Failure::kUnavailable},
     {kGone, Failure::kNotFound},

@@ -316,7 +316,7 @@ class BodySink final : public net::ReplySink {
     void Write(std::span<const std::byte> bytes) override {
         done_ += static_cast<std::int64_t>(bytes.size());
         if (length_ >= 0 && done_ > length_) {
-            throw Error(Kind::kUnavailable, "the server sent more data than the size of the file");
+            throw Error(Kind::kUnavailable, "the server sent more bytes than the file contains");
         }
         sink_.Write(bytes);
     }
@@ -425,7 +425,7 @@ std::vector<ListedEntry> WebdavBackend::Entries(const std::string& name, Ask ask
     const Resource::Kind kind =
         server_.List(name, ask, [&entries](std::string entry, const DavEntry& what) {
             if (webdav::IsTemporaryEntry(entry)) return;
-            // Some servers report a length for collections too.
+            // Ignores the length that some servers report for a collection.
             const bool has_size = !what.is_collection && what.length >= 0;
             entries.push_back(
                 {std::move(entry), has_size ? std::optional(what.length) : std::nullopt});

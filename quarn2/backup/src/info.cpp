@@ -43,8 +43,8 @@ class Finder {
                 Search(path, 0);
                 continue;
             }
-            // Search a directory with a date name as a user directory, too, because a user's name
-            // can have the form of a date, such as "custom".
+            // Search a directory that is named like a date also as the directory of a user, because
+            // a user can be named like a date, or "custom".
             if (IsDateName(name)) ReadDirectory(path);
             if (depth > 0) SearchUser(path);
         }
@@ -167,8 +167,8 @@ std::vector<std::string> InfoPlaces(const std::string& directory, const std::str
     const std::string name = date + "." + user + std::string(kInfo);
     if (directory.empty()) return {name};
     std::vector<std::string> places = {kro_file::ConcatPath(directory, name)};
-    // With the date or user "..", a path would leave `directory`, so omit that path. A file name
-    // can contain "..": GetUserName returns the user ".." for "x....info".
+    // A path with the date or the user ".." would be outside of `directory`, so omit it. Such a
+    // user can occur: for the file name "x....info", GetUserName returns "..".
     constexpr std::string_view kAbove = "..";
     if (date == kAbove) return places;
     const std::string dated = kro_file::ConcatPath(date, name);

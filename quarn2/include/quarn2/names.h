@@ -39,19 +39,18 @@ std::string GetPath(const std::string& name);
 // kro_err::Error when storages do not allow the name, or when the name contains a space.
 std::string GetStoredName(const std::string& local);
 
-// Returns false for ".../var/backup" and for its children, because these directories contain the
-// data of one user. Returns true for the children "tovarn" and "tovarn.private" and for every other
-// path.
+// True for a path that contains the backups of all users. The directory ".../var/backup" and its
+// children contain the backups of one user, except for the children "tovarn" and "tovarn.private".
 bool IsAdminData(const std::string& directory);
 
 // Returns true for a name that is safe as the name of a local file: one component of at most
 // NAME_MAX bytes, not empty, not "." or "..", without control characters.
 bool IsSafeName(const std::string& name);
 
-// Creates the local directory for the backups of a user and a date and returns its path. The path
-// is root/USER/DATE, or PARENT/USER/DATE in the parent directory of `root` when IsAdminData(root)
-// is false. Throws kro_err::Error when `user` or `date` is not a safe name, and when USER or
-// USER/DATE is a symbolic link that another user made.
+// Creates the local directory for the backups of a user and a date and returns its path. If
+// IsAdminData(root) is true, the path is USER/DATE in `root`, otherwise USER/DATE in the parent
+// directory of `root`. Throws kro_err::Error when `user` or `date` is not a safe name, and when
+// USER or USER/DATE is a symbolic link that another user made.
 std::string MkLocalDir(const std::string& root, const std::string& user, const std::string& date);
 
 // Returns true when the backup of the file `path` is encrypted: its directory contains an index

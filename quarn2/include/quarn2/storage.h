@@ -53,9 +53,10 @@ class Storage {
 
     // Downloads `remote` to the local file `local` and replaces an existing file. The local file
     // appears under its name only when it is complete and synced. If the download fails, an
-    // existing local file stays unchanged, unless only the sync of its directory failed. Throws
-    // kNotFound when the storage has no such file, and kUnauthorized when the file is encrypted and
-    // the token's arch_password is missing or wrong.
+    // existing local file stays unchanged. There is one exception: if only the sync of the
+    // directory fails, the new file has already replaced it. Throws kNotFound when the storage has
+    // no such file, and kUnauthorized when the file is encrypted and the token's arch_password is
+    // missing or wrong.
     virtual void Download(const std::string& remote, const std::string& local) = 0;
 
     // Stores the local file as `remote` and replaces an existing file. Creates the directories of

@@ -93,8 +93,9 @@ class HttpClient::Transfer {
 
     // Returns true when the transfer must be started again on a new connection, because the server
     // has closed the kept connection before it received the complete request. libcurl itself
-    // repeats a request only when it notices this while it sends the headers or receives the
-    // response, and reports an error when it notices this while it sends the body.
+    // repeats the request if it detects the closed connection while it sends the headers or
+    // receives the response. If it detects the closed connection while it sends the body, it
+    // reports an error.
     bool RepeatsOnNewConnection(CURLcode code) {
         const bool is_kept_connection = handle_.Info(CURLINFO_NUM_CONNECTS) == 0;
         if (code != CURLE_SEND_ERROR || !is_kept_connection || answers_ > 0) return false;

@@ -172,7 +172,7 @@ TEST_F(HostileFtps, EncryptedFileWithoutEnd) {
            {"RETR", Sending("", "bytes")}});
     EXPECT_THAT(
         ErrorOf([&] { Open("ftps", "&ca=" + (folder_ / "ca.pem"))->Download("file", target_); }),
-        HasSubstr("sent more data than the size of the file"));
+        HasSubstr("sent more bytes than the file contains"));
 }
 
 // The server accepts the protection of the data channel, but sends plain data. The client must

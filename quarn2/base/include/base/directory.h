@@ -19,8 +19,9 @@ using Directory = std::unique_ptr<DIR, CloseDirectory>;
 // Opens a directory. Returns null and sets errno when that fails.
 Directory OpenDirectory(const std::string& path);
 
-// Returns the next entry other than "." and "..", valid until the next call. Returns null at the
-// end of the directory, with errno 0, and when the directory cannot be read, with another errno.
+// Returns the next entry other than "." and "..", valid until the next call. At the end of the
+// directory, returns null and sets errno to 0. After an error, returns null and sets errno to the
+// error.
 const dirent* NextEntry(DIR* directory) noexcept;
 
 }  // namespace quarn2

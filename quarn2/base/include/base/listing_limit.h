@@ -10,8 +10,8 @@ namespace quarn2 {
 // listing. A faulty or hostile server must not exhaust the memory.
 class ListingLimit {
   public:
-    // The maximum number of listed names. A storage with ten thousand backups has a tenth of this
-    // number.
+    // The maximum number of listed names. A storage with ten thousand backups has about a tenth of
+    // this number of names.
     static constexpr std::size_t kMaxEntries = 1'000'000;
     static constexpr std::size_t kMaxBytes = 128UL * 1024 * 1024;
     // The maximum depth of nested directories. No backup is nested this deep, but a faulty server
