@@ -44,7 +44,7 @@ void Allocate(int fd, std::int64_t size) {
     if (size < kWorthAllocating) return;
     const int result = NoEintr([&]() noexcept { return ::fallocate(fd, 0, 0, size); });
     if (result == 0 || (errno != ENOSPC && errno != EDQUOT)) return;
-    throw CopyError("Failed to make room for a copy", errno);
+    throw CopyError("Failed to allocate space for a copy", errno);
 }
 
 // True for file systems whose server may copy the data itself, so that copy_file_range can avoid a
@@ -134,7 +134,7 @@ class Copy {
             buffer_size_ = size;
         }
         const ssize_t got = NoEintr([&] { return ::pread(from_, buffer_.get(), size, offset_); });
-        if (got < 0) throw CopyError("Failed to read a file to copy", errno);
+        if (got < 0) throw CopyError("Failed to read the source of a copy", errno);
         for (ssize_t done = 0; done < got;) {
             const ssize_t put = NoEintr([&] {
                 return ::pwrite(to_, buffer_.get() + done, static_cast<std::size_t>(got - done),

@@ -69,8 +69,9 @@ std::string Lock::Read() const { return ReadAll(handle_, path_); }
 
 void Lock::Write(std::string_view text) {
     if (HasAnotherName(handle_))
-        ThrowUnsafe(path_,
-                    "has another hard link, whose file would change too; remove one of the two");
+        ThrowUnsafe(
+            path_,
+            "has a second hard link, so a write would change that file too; remove one of the two");
     struct stat status {};
     std::string padded(text);
     // Overwrites the rest of a longer old text with line feeds, because readers ignore empty lines.

@@ -108,8 +108,8 @@ def make_tar(job):
         _read_state(job.base.index, state)
     command = ["tar", "--create", "--file=-", "--sparse", "--xattrs", "--acls", f"--listed-incremental={state}",
                f"--directory={job.source}"]
-    # Every name in the archive begins with "./", so such a pattern is anchored at the user's directory. The option
-    # --anchored is not used, because with it tar omits the directories.
+    # Every name in the archive begins with "./", so a pattern with this prefix matches only from the user's directory
+    # on. Does not use --anchored, because with it tar omits the directories.
     command += [f"--exclude=./{pattern}" for pattern in job.settings.exclude]
     tar = job.start(command + ["."], stdout=subprocess.PIPE)
     running = [tar]

@@ -68,7 +68,8 @@ class UserJob:
                 messages.close()
 
     def make_work(self):
-        """Creates a directory with a new name, because an archiver of a killed night may still write to the old directory."""
+        """Creates a directory with a new name, because an archiver of a killed nightly run may still write to the
+        old directory."""
         self.remove_work()
         os.mkdir(self.top, 0o700)
         self.work = tempfile.mkdtemp(dir=self.top)
@@ -79,7 +80,8 @@ class UserJob:
             remove_tree(self.top)
 
     def free_space(self):
-        """Frees the disk space of a failed job for the other jobs. Keeps the info file, which names the uploaded slices."""
+        """Frees the disk space of a failed job for the other jobs. Keeps the info file, which names the uploaded
+        slices."""
         for name in os.listdir(self.work) if self.work else ():
             path = os.path.join(self.work, name)
             if path != self.info:

@@ -89,7 +89,8 @@ class Setup:
         self.is_interactive = sys.stdin.isatty() and not given.defaults
         self.config = given.config or CONFIG.default
         self.keeps = os.path.exists(self.config) and not given.overwrite
-        # The settings of a configuration that is kept, the values for a new one: {setting: text}, and the new files.
+        # `settings`: those of an existing configuration that is kept. `values`: those for a new configuration,
+        # {setting: text}. `written`: the paths of the new files.
         self.settings, self.values, self.written = None, {}, []
         self.token = None
 
@@ -125,7 +126,7 @@ class Setup:
         if self.given.token_from:
             self.token = read_given_token(self.given.token_from)
         elif self.keeps and self.settings is None:
-            return  # the path of the token file is not known
+            return  # without the settings, the path of the token file is not known
         elif os.path.exists(self.token_file()):
             self.token = read_token(self.token_file())
             say(f"uses the token in {self.token_file()}; --token-from replaces it")
@@ -156,7 +157,8 @@ class Setup:
         self.values[value.setting] = ask(value, proposal) if self.is_interactive else value.accept(proposal)
 
     def test(self, settings):
-        """Tests the storage of the token. Asks for the token until its test succeeds, unless an option or a file gave it."""
+        """Tests the storage of the token. If the token is from an option or a file, tests it once. Otherwise asks
+        for a token until its test succeeds."""
         if self.token is not None:
             self.test_token(settings, self.token)
         else:

@@ -21,7 +21,7 @@ class Night:
     def __init__(self, site, settings, token, date, is_full):
         self.site, self.settings, self.token = site, settings, token
         self.date, self.is_full = date, is_full
-        # A separate directory, because the night removes all directories DATE.USER in it.
+        # Uses a separate directory, because each nightly run removes all directories DATE.USER in it.
         self.work = os.path.join(settings.work_directory or site.state, "quarn2-night-work")
         self.backups = Backups(site.info_root, site.ledger)
         self.children = Children()
@@ -37,7 +37,8 @@ class Night:
     # -- The lock --
 
     def take_lock(self):
-        """Raises Problem when another night runs. The kernel releases the lock when this process ends."""
+        """Raises Problem when another nightly run has not ended. The kernel releases the lock when this process
+        ends."""
         os.makedirs(self.site.state, 0o700, exist_ok=True)
         path = os.path.join(self.site.state, "lock")
         self.lock = open(os.open(path, os.O_RDWR | os.O_CREAT | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600), "r+",
@@ -68,7 +69,8 @@ class Night:
         return outcomes
 
     def end(self):
-        """Adds the unfinished backups to the server's list and ends the server. After a failure the next night adds them."""
+        """Adds the unfinished backups to the server's list and ends the server. If this fails, the next nightly run
+        adds them."""
         try:
             try:
                 # All jobs have ended, so the server does not change the list while note() adds lines to it. The server
@@ -76,7 +78,7 @@ class Night:
                 unfinished.note(self.site, self.token, unfinished.left_over(self.work, self.backups))
             finally:
                 self.server.end()
-            # This follows the end of the server, because a failing upload still writes to the directory of its job.
+            # The server must have ended, because a failing upload still writes to the directory of its job.
             unfinished.remove_work(self.work)
             return []
         except (Problem, OSError) as error:

@@ -13,7 +13,8 @@ from .site import Problem, clean_environment
 CLIENT = "/usr/local/kro5/sbin/quarn2_cp --client"
 # The node client prints this text when no server is connected to its standard input.
 CLIENT_ANSWER = "quarn2_cp: Failed to get answer size from server"
-# The forced command of the key prints the version or starts the node client. The server runs CLIENT.
+# The forced command of the key. It prints the version if quarn2-node requests that; otherwise it starts the node client
+# for the server.
 _FORCED = ("case $SSH_ORIGINAL_COMMAND in *--version) exec /usr/local/kro5/sbin/quarn2_cp --version ;; "
            f"*) exec {CLIENT} ;; esac")
 _WORD = re.compile(r"[A-Za-z0-9_][A-Za-z0-9_.-]{0,252}")

@@ -20,7 +20,7 @@ class Children:
     """Starts child processes and tracks the running ones. stop() ends them and prevents further starts."""
 
     def __init__(self):
-        # A signal handler may call stop() while the main thread holds the lock.
+        # The lock is reentrant, because a signal handler may call stop() while the main thread holds it.
         self._lock = threading.RLock()
         self._running = set()
         self.stopped = threading.Event()

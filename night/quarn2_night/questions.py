@@ -37,7 +37,8 @@ def _format(text):
 
 
 class Value:
-    """`setting` is the (section, name) in the configuration, whose rule applies when there is no `rule`."""
+    """`setting` is the (section, name) in the configuration. Without a `rule`, the rule of this setting checks the
+    value."""
 
     def __init__(self, option, metavar, question, setting=None, rule=None, default=None):
         self.option, self.metavar, self.question, self.setting = option, metavar, question, setting
@@ -58,7 +59,8 @@ class Value:
         parser.add_argument(self.option, metavar=self.metavar, help=self.help)
 
     def accept(self, text, name=""):
-        """Returns the text without blanks around it. Raises Problem with the accepted values; `name` begins its text."""
+        """Returns the text without blanks around it. For an invalid text, raises Problem with `name` and the
+        accepted values."""
         text = text.strip()
         try:
             self.rule(text)
@@ -75,7 +77,7 @@ class Value:
 
 
 class Secret(Value):
-    """A value that is never printed. Its option is a file that has the value."""
+    """A value that is never printed. Its option is the path of a file that contains the value."""
 
     @property
     def help(self):

@@ -24,7 +24,7 @@ def replace(path, text, mode=None, directory_mode=0o700):
             os.fsync(file.fileno())
         os.replace(temporary, path)
     except BaseException:
-        # The file has its final name when an interruption follows the rename.
+        # After the rename, the temporary name does not exist.
         with contextlib.suppress(FileNotFoundError):
             os.remove(temporary)
         raise

@@ -105,7 +105,8 @@ class Restore:
                    "--xattrs-include=*", "--acls", "--listed-incremental=/dev/null", f"--directory={path_of(self.target)}"]
         if not self.paths:
             return command
-        # tar removes deleted files when it extracts their directory, so it also gets each directory above the paths.
+        # tar removes deleted files when it extracts their directory, so its command line also contains each directory
+        # above the paths.
         parents = {"./"}
         for path in self.paths:
             parts = path.split("/")
@@ -125,7 +126,7 @@ class Restore:
                 with open(os.path.join(self.work, each), "rb") as file:
                     shutil.copyfileobj(file, unpacker.stdin, 2**20)
             except BrokenPipeError:
-                return  # the exit statuses show the reason
+                return  # the archiver has ended early; its exit status shows the reason
 
     def _check_tar(self, name, statuses, lines):
         ignored = ["Exiting with failure status due to previous errors"]

@@ -71,8 +71,8 @@ def has_ended(pid):
         return own.poll() is not None
     stat = stat_of(pid)
     ended = stat is None or stat[0] in "ZX"
-    # Reap after the state was read: a process that ends between an earlier reap and the read would be missed. A
-    # process whose main thread has ended looks like a zombie while its other threads run. It cannot be reaped yet.
+    # Reads the state first and reaps afterwards. The other order would miss a process that ends between the two steps.
+    # A process whose main thread has ended looks like a zombie while its other threads run. It cannot be reaped yet.
     return ended and reap(pid)
 
 
@@ -97,7 +97,7 @@ def own_children():
             with open(f"/proc/self/task/{task}/children", encoding="ascii") as listed:
                 pids += map(int, listed.read().split())
         return pids
-    except FileNotFoundError:  # a thread has ended, or the kernel has no such list
+    except FileNotFoundError:  # a thread has ended, or the kernel provides no list of children
         return children_by_scan(os.getpid())
 
 

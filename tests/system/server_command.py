@@ -75,7 +75,7 @@ class Server:
         """Waits for the node client's control socket, which opens a little after the server is ready. Does not
         fail after the timeout, because in some tests the client cannot open it."""
         if self.root.binary.endswith(".real"):
-            return  # a test script replaces the node client
+            return  # a test script replaces the node client, so there is no socket
         end = time.monotonic() + timeout
         # The socket file alone proves nothing, because an earlier client may have left it.
         while time.monotonic() < end and not any(map(is_listening, children(self.daemon))):

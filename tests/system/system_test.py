@@ -26,7 +26,7 @@ class SystemTest(unittest.TestCase):
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="quarn2-cp-")
         self.addCleanup(shutil.rmtree, self.folder)
-        # A server that the whole class shares has children that existed before the test.
+        # Ignores processes that existed before the test: a server that the whole class shares may have children.
         self.children_before = set(children())
         self.addCleanup(self.check_no_process_left)
 

@@ -26,7 +26,7 @@ class Terminal:
         os.close(slave)
 
     def _read(self, end):
-        """Adds the next output. Returns False at the end of the output."""
+        """Appends the next output to `output`. Returns False at the end of the output."""
         ready, _, _ = select.select([self.master], [], [], max(0, end - time.monotonic()))
         if not ready:
             self.process.terminate()
@@ -52,7 +52,7 @@ class Terminal:
                 self.test.fail(f"no {text!r} on the terminal: {self.output}")
 
     def _skip(self, words, shown):
-        """Moves behind the first place of the words."""
+        """Lets the next search begin after the first occurrence of the words."""
         length = next(n for n in range(len(shown) + 1) if words in " ".join(shown[:n].split()))
         self._seen += length
 

@@ -29,7 +29,8 @@ FAULTS = {
     "interrupted": Fault("fail", error=errno.EINTR,
                           kinds=("open", "write", "sync", "lock", "read", "send", "receive")),
     "no descriptors": Fault("fail", error=errno.EMFILE, kinds=("open", "descriptor")),
-    # Not "send": messages through pipes and sockets are small, and the kernel never sends only a part of them.
+    # The list does not contain "send": messages through pipes and sockets are small, and the kernel never sends only a
+    # part of them.
     "short": Fault("short", kinds=("write", "read", "receive")),
     "no process": Fault("fail", error=errno.EAGAIN, kinds=("fork",)),
 }
@@ -51,8 +52,8 @@ class FailingCalls(CrashTest):
         if not done:
             self.check_told(scene)
         elif not any(entry.level <= 4 for entry in scene.log()):
-            # A full disk has no room for the log entry either. The next server ends the ledger entry of a complete
-            # backup that the node client could not end.
+            # On a full disk the node client can write no log entry, and it may have left the ledger entry of a complete
+            # backup. Then the next server must count the backup.
             if scene.fault.lasting:
                 scene.check_counted()
             scene.check_done()

@@ -96,7 +96,8 @@ class IncompleteTest(SystemTest):
         return BackupJob(self.r, *arguments, **more)
 
     def wait_uploaded(self, job, number):
-        """Waits until the slice is uploaded and its local file is removed. The ledger has the slice before that."""
+        """Waits until the slice is uploaded and its local file is removed. The ledger entry contains the slice
+        earlier, so the ledger is not enough."""
         name = job.name(number)
         entry = self.r.file(f"var/quarn2_cp.ledger/{name.split('.')[0]}.{job.user}")
         wait_for(lambda: f"stored {job.size} {name}" in read(entry).decode(), f"the upload of {name}")
@@ -302,7 +303,7 @@ class Removals(IncompleteTest):
         server = self.serve()
         job = self.night().begin()
         self.assert_success(job.slice(1))
-        # The repeated job overwrites the file. An upload that still reads it would fail.
+        # Waits, because the repeated job overwrites the file, and an upload that still reads it would fail.
         self.wait_uploaded(job, 1)
         self.note(f"{DATE}.web1")
         self.note(f"{DATE}.web2")
@@ -386,7 +387,7 @@ class Removals(IncompleteTest):
         self.assertEqual(0, server.end())
 
     def replaced_and_run_again(self, kinds):
-        """Returns two complete backups, the second of which has replaced the first; no size limit."""
+        """Makes two complete backups without a size limit and returns them. The second one has replaced the first."""
         self.r, self.servers = self.root(), 0
         self.r.test = self
         dates = NIGHTS[:2] if kinds[0] == kinds[1] else [DATE, DATE]

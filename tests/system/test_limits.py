@@ -120,7 +120,7 @@ class CountLimits(LimitTest):
         texts = self.r.log_texts(7, server.daemon)
         self.assertIn("Custom backup custom.web1.info size 70", texts)
         added = [text.split(" ", 1)[1] for text in texts if text.startswith("0x")]
-        # The server logs its list of backups before it computes the used and free bytes.
+        # The server logs these lines before it computes the used and free bytes, so they show the initial values.
         self.assertEqual([f"Skip incomplete backup {day(-5)}.web1.info",
                           f"Add full backup {day(-1)}.web1.info. new used = 0, "
                           "new free_size = 1000",
@@ -132,8 +132,8 @@ class CountLimits(LimitTest):
         server, link = scripted_session(self.r, "--date", DATE, "--size-limit", "100",
                                         "--count-limit", "9:9")
         self.assertEqual("OK 3", link.ask("RESERVE 0"))
-        # The server uses the newest record in place of each missing day. The full backup is locked although it is not
-        # the newest record.
+        # The server fills each missing day with a record of size 0. It must not evict the full backup, although the
+        # newest record is such a day.
         self.assertEqual("ERR No disk space left on storage. Size limit: 100",
                          link.ask("RESERVE 91"))
         self.assertEqual("OK 3", link.ask("RESERVE 90"))
@@ -359,7 +359,7 @@ class ManyBackups(LimitTest):
             for offset in range(400):
                 write_info(self.r.info_root, f"user{user}", day(-offset), size=10,
                            type="incremental" if offset % 7 else "full")
-        # A starting server checks that the storage has the newest backups.
+        # Puts the newest backup on the storage too, because a starting server checks that.
         for folder in (self.r.info_root, self.r.storage):
             write_info(folder, "user0", DATE, size=10, finished=f"{DATE} 02:00:00")
         server, link = scripted_session(self.r, "--date", DATE, "--count-limit", "1000:1000",

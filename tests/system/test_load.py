@@ -7,7 +7,7 @@ command
 
     QUARN2_CP_LOAD=full TMPDIR=/dev/shm python3 -B -m unittest -v test_load
 
-plays 100,000 backups on the link to the server, and puts 10,000 backups (about 2 GB of small files).
+sends the commands of 100,000 backups to the server, and puts 10,000 backups (about 2 GB of small files).
 """
 
 import os
@@ -30,8 +30,8 @@ from system_test import SystemTest
 FULL = os.environ.get("QUARN2_CP_LOAD") == "full"
 SEED = int(os.environ.get("QUARN2_CP_SEED", random.SystemRandom().randrange(10**9)))
 
-# An eviction pass removes one backup of each user. The number of passes of a server is the maximum number of
-# backups of one user at its start. So each test starts with about as many backups as there will be evictions.
+# An eviction pass removes one backup of each user. A server has as many passes as the user with the most backups has
+# backups when the server starts. So each test starts with about as many backups as there will be evictions.
 USERS, COMPLETIONS, BREAKS = (1000, 100_000, 50) if FULL else (60, 2400, 2)
 PUT_USERS, PUT_ROUNDS = (500, 20) if FULL else (30, 10)
 SPARE_PASSES = 3
@@ -134,8 +134,8 @@ class ResourceCurveTest(unittest.TestCase):
 
 
 class Account:
-    """A model of the server's accounting of used space, by the rules of the master link. All backups are full
-    backups."""
+    """A second implementation of the server's accounting of used space. It follows the rules for the commands of a
+    node client. All backups are full backups."""
 
     def __init__(self, limit):
         self.limit = limit
@@ -229,7 +229,8 @@ class ServerLongRun(SystemTest):
     def fill(self):
         """Creates the initial backups, and a limit that leaves room for a few more."""
         records = {}
-        # The server needs more eviction passes than there are days, because new backups are larger.
+        # Creates more backups than days, because each of them allows one eviction pass, and larger new backups need
+        # more than one pass per day.
         passes = self.days + self.days // 8 + SPARE_PASSES
         for number in range(USERS):
             records[f"user{number:04}"] = [(day(-self.days - back), self.size())
@@ -349,7 +350,7 @@ class NodeClientLongRun(SystemTest):
         self.check_account()
         self.assertEqual(0, self.server.end())
         self.assertEqual([], self.root.log_texts(3) + self.root.log_texts(4))
-        # The two slices that measured the free space belong to no complete backup.
+        # The two slices with which the test has measured the free space belong to no complete backup.
         self.assertEqual([f"F{DATE}.exact", f"F{DATE}.more"], self.root.unfinished())
 
     def fill(self):

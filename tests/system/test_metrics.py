@@ -146,7 +146,7 @@ class Metrics(ReportTest):
     storage = ""
 
     def check_with_promtool(self, text):
-        """The library's own parser does not know the rules for names and for texts that are not UTF-8."""
+        """Uses promtool, because the parser of the Python library does not check names and texts that are not UTF-8."""
         tool = shutil.which("promtool")
         if tool and text:
             result = subprocess.run([tool, "check", "metrics"], input=text.encode(), capture_output=True, check=False)

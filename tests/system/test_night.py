@@ -25,7 +25,7 @@ class Nights(NightTest):
                     for user in ("web1", "web.2@example"):
                         next_day(site.user(user), number) if number else first_day(site.user(user))
                         shutil.rmtree(os.path.join(site.user(user), "cache"), ignore_errors=True)
-                        # Only the directory at the top is excluded.
+                        # The setting excludes only the directory "cache" at the top, so this file is in the backup.
                         write(os.path.join(site.user(user), "mail/cache"), "in the backup")
                         kept[date, user] = manifest(site.user(user))
                         write(os.path.join(site.user(user), "cache/file"), "not in the backup")
@@ -84,7 +84,8 @@ class Nights(NightTest):
 
     def test_a_dry_run_prints_the_evictions(self):
         site = self.site()
-        # quarn2_report uses the install root that contains its own directory.
+        # Copies quarn2_report into the install root of the test, because the program works on the install root that
+        # contains it.
         report = os.path.join(site.root.path, "sbin/quarn2_report")
         shutil.copy(os.environ["QUARN2_REPORT"], report)
         os.chmod(report, 0o755)
@@ -203,7 +204,7 @@ class Failures(NightTest):
                 os.symlink(site.user("web2"), link)
                 site.configure(users=f"list =\n    web1 {link}\n    web3 {site.user('web2')}",
                                backup=f"format = {form}\nslice-size = 64K")
-                site.good_night(SUNDAY)  # a link of the administrator
+                site.good_night(SUNDAY)  # a link of the administrator is accepted
                 os.lchown(link, 12345, 12345)
                 result = site.night(MONDAY)
                 self.assertEqual(1, result.returncode, result.stderr)

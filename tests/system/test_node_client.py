@@ -49,7 +49,7 @@ class Start(ClientTest):
         self.assertGreater(len(token), 32)
         for piece in pieces:
             server.send(piece)
-            time.sleep(0.05)  # so that the pieces arrive one by one
+            time.sleep(0.05)  # the pause lets the parts arrive one by one
         server.wait_serving()
         self.assertEqual("OK", control(root, "STAT", "alice"))
         self.assertEqual((0, ""), server.end())
@@ -293,7 +293,7 @@ class Put(ClientTest):
         for piece in [struct.pack("<I", len(data))] + [data[at:at + 32]
                                                        for at in range(0, len(data), 32)]:
             server.send(piece)
-            time.sleep(0.02)  # so that the pieces arrive one by one
+            time.sleep(0.02)  # the pause lets the parts arrive one by one
         self.assertEqual("", call.answer())
         self.assertEqual([text], root.log_texts(3, server.pid))
 

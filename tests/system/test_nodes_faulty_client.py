@@ -68,7 +68,7 @@ class FaultyClients(NodesTest):
 
     def check_others(self, server, *machines):
         for number, machine in enumerate(machines):
-            # This node's client may start after the other node has failed.
+            # Waits, because this node's client may start after the other node has failed.
             wait_for(lambda node=machine: self.takes_connections(node), "the node client's socket")
             Job(machine, f"other{number}", DATE).run().check_stored(self.head.storage)
         self.assertEqual(0, server.end())

@@ -13,7 +13,8 @@ from waiting import wait_for
 
 
 class NodeSetup(NodesTest):
-    """A head without any ssh settings, and a node with a home directory that has only the administrator's key."""
+    """A machine of the server (head) without any ssh settings, and a node with a home directory that contains only
+    the administrator's key."""
 
     def setUp(self):
         super().setUp()
@@ -78,7 +79,7 @@ class NodeSetup(NodesTest):
         out = self.good(self.run_node("check", self.node.option))
         self.assertRegex(out, "node1: reachable, host key right, version [0-9.]+ as here\nnode1: served now\n")
         self.assertEqual(0, server.end())
-        # The server does not wait for the end of its ssh process.
+        # The test waits, because the server does not wait for the end of its ssh process.
         wait_for(lambda: "node1: not served now" in self.good(self.run_node("check", self.node.option)),
                  "the end of the connection to the node")
         before = self.files()
@@ -165,7 +166,8 @@ class NodeSetup(NodesTest):
 
 
 class NewNode(Node):
-    """A node whose host key the head does not know yet, and which does not know the head's key."""
+    """A node that is not set up: the machine of the server does not know its host key, and the node does not accept
+    the server's key."""
 
     def make_keys(self):
         os.makedirs(self.file("etc"), exist_ok=True)

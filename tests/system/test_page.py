@@ -369,7 +369,7 @@ class Pages(ReportTest):
         for program in ("quarn2_page", "quarn2_metrics"):
             for folder in ("", "linked"):
                 path = self.r.file("sbin/" + program)
-                if folder:  # A package has links to the programs.
+                if folder:  # A package installs links to the programs, which must work too.
                     os.makedirs(self.r.file(folder), exist_ok=True)
                     os.symlink(path, self.r.file(f"{folder}/{program}"))
                     path = self.r.file(f"{folder}/{program}")

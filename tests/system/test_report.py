@@ -83,7 +83,8 @@ class RealBackups(ReportTest):
         full = [f"F{day(-5)}.web1.1.dar", f"F{day(-5)}.web1.2.dar", f"{day(-5)}.web1.1.dar", f"{day(-5)}.web1.info"]
         self.check_files(day(-5), full)
         files = self.check_files(DATE, full + [f"I{DATE}.web1.1.dar", f"{DATE}.web1.1.dar", f"{DATE}.web1.info"])
-        self.assertEqual(1000, files[4]["size"])  # the report computes it from the size of the backup
+        # The report computes the size of a single slice from the size of the backup
+        self.assertEqual(1000, files[4]["size"])
         for file in files:
             target = os.path.join(self.r.work, "restored")
             self.assert_success(self.r.run("--get", f"{target}//{file['name']}"))

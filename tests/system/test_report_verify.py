@@ -53,7 +53,8 @@ class Verify(ReportTest):
         write(path, bytes(content))
 
     def assert_test_finds(self, user, program, damaged):
-        """Checks that the program finds no fault, and then the flipped bit in one slice."""
+        """Checks that the program finds no fault. Then flips one bit of a slice, and checks that the program finds
+        that."""
         self.assertEqual((0, ""), self.verify("--content", "100")[::2])
         self.flip(damaged)
         self.assertEqual(0, self.verify()[0], "the size is the same")

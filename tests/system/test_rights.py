@@ -142,13 +142,13 @@ class FileModes(RightsTest):
         self.assertNotEqual(0, root.run("--get", f"{target}/deep//no/2026-11-15/file").returncode)
         self.assertEqual(0, server.end())
         root.token = storage
-        # The rescan fetches all files again. With another password the indexes stay encrypted.
+        # The first rescan fetches all files again. The others use another password, so that the indexes stay encrypted.
         shutil.rmtree(root.info_root)
         rescan(root)
         rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
         os.remove(os.path.join(root.info_root, flat["info"]))
         rescan(root, env={"BACKUP_TOKEN": root.token.replace(SECRET, "another")})
-        # A rewritten list keeps its mode.
+        # A rescan rewrites `.cleanup`, and the file must keep its mode.
         write(os.path.join(root.info_root, ".cleanup"), "local:///no/such/storage\t2026-11-14.web1\n")
         os.chmod(os.path.join(root.info_root, ".cleanup"), 0o600)
         rescan(root)
@@ -252,7 +252,7 @@ class CoreDumps(RightsTest):
     def hold(self):
         root = self.root()
         root.token += ARCH
-        # The program lowers an inherited limit too.
+        # Sets a limit that allows core dumps, because the program must lower an inherited limit.
         self.addCleanup(resource.setrlimit, resource.RLIMIT_CORE,
                         resource.getrlimit(resource.RLIMIT_CORE))
         resource.setrlimit(resource.RLIMIT_CORE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))

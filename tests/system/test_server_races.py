@@ -92,7 +92,7 @@ class KilledWhileStarting(SystemTest):
         first = Server(root, "--date", DATE)
         daemon = held.wait_held()
         second = Server(root, "--date", DATE)
-        time.sleep(0.2)  # now the second command probably waits for the lock; the test passes for any moment
+        time.sleep(0.2)  # now the second command probably waits for the lock, but the test passes at any time
         held.kill(daemon)
         # The order of the two --server commands is not defined. If the second command starts its server first, both
         # commands share that server. If not, the first command fails.
@@ -207,7 +207,8 @@ class Races(SystemTest):
                                          if entry.text == "Size control started"
                                          and entry.pid in callers]))
                 seen |= daemons | callers
-                # A kill ends the daemon at once. A release takes effect only at its next poll, up to a second later.
+                # A kill ends the daemon at once. After a release it ends only at the next check of its lock, up to a
+                # second later.
                 self.kill_all(servers, daemons.pop())
             self.assertEqual([], [entry for entry in root.log(3) if entry.pid in seen])
         self.in_roots(work)

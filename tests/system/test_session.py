@@ -124,7 +124,8 @@ class Transport(SystemTest):
         server, link = scripted_session(root)
         link.send("RESERVE 0\n" * 20000)
         link.close()
-        # The server notices the death by a read, which it logs, or by a write, which it does not log.
+        # The server detects the end of the client by a failed read, which it logs, or by a failed write, which it does
+        # not log.
         root.wait_log("Session with node 'local' ended. Exit status: 0", level=4, pid=server.daemon)
         self.assertEqual(0, server.end())
         self.assertEqual([], root.log(3))

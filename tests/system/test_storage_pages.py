@@ -19,7 +19,7 @@ PLACE = f"web1/{DATE}/"
 class ManyListingPages(SystemTest):
     def test_a_rescan_finds_files_on_later_pages(self):
         storage = storages.shared(self, "S3Http")
-        # More names than one page lists come before the info files of the directory.
+        # In the listing, the names before the info files of the directory fill more than one page.
         others = {f"{PLACE}0{number}.dar": "x" for number in range(PAGE + 5)}
         infos = {f"{PLACE}{DATE}.web1-{number}.info": info_text({"type": "full", "number": number})
                  for number in range(40)}

@@ -97,8 +97,9 @@ class PasswordTest(SystemTest):
         self.check_delete(place)
 
     def check_delete(self, place):
-        """Checks that a deletion removes the local copy of an encrypted index too. It updates the list only in the
-        flat layout, because a list is for one directory."""
+        """Checks that a deletion removes the local copy of an encrypted index too. The deletion removes the line of
+        the list of encrypted indexes only in the flat layout, because the list is in the directory of the info
+        file."""
         self.use(NEW)
         rescan(self.r)
         self.assert_success(self.r.run("--delete", self.path(self.made[OLD_DAY]["info"])))

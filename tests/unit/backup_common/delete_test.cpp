@@ -175,8 +175,8 @@ TEST_F(DeleteTest, ARoleThatSharesNumberedSlicesKeepsTheirName) {
                      "Remove 2026-11-15.web1.info"}));
 }
 
-// For a slice of a custom backup, the storage checks a name whose prefix was replaced. This check
-// does not protect local files.
+// For a custom backup, the storage checks the stored name, which differs from the slice name in its
+// prefix. So this check does not protect the local files.
 TEST_F(DeleteTest, ARoleNeverLeadsOutOfTheInfoRoot) {
     Place("outside.tgz", "");
     Place("root/C/file", "");

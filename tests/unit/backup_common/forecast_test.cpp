@@ -223,8 +223,9 @@ TEST(DepthForecast, FollowsTheSizeOfCompletedBackups) {
         int min_days;
         Forecast forecast;
     };
-    // 10,000 bytes are enough for 10 days of 1000 bytes. The mean of the last week describes its
-    // middle, three days before its end. The forecast extrapolates it to the last day.
+    // 10,000 bytes are enough for 10 days of 1000 bytes. The mean of the last week is the value of
+    // its middle day, three days before the last one. The forecast extrapolates this value to the
+    // last day.
     const std::vector<Case> cases = {
         {"flat and enough", 0, 9, kNever}, {"flat and not enough", 0, 11, In(0)},
         {"growing", 10, 5, In(100)},       {"growing, soon", 10, 8, In(25)},

@@ -213,7 +213,7 @@ class World {
         if (dice_.OneIn(3)) date = "2026-11-" + str::Str(dice_.Number(10, 22));
         std::string type = dice_.OneIn(3) ? "full" : "incremental";
         if (dice_.OneIn(6)) type = "differential";
-        // A backup that exists is reported again.
+        // If the backup exists already, this completes it a second time.
         Make(user, date, type, true, false);
         const Item item =
             *std::find_if(rules_.items.begin(), rules_.items.end(),

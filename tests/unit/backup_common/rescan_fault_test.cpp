@@ -219,7 +219,7 @@ TEST_F(RescanFault, HostileNamesTouchNothingOutsideTheInfoRoot) {
                            std::string(300, 'n') + ".info"};
     Lines sorted = hostile;
     std::sort(sorted.begin(), sorted.end());
-    // In the root, in a user's directory and in the directory of a date.
+    // The hostile names are in the root, in a user's directory and in the directory of a date.
     for (const char* const directory : {"", "web1", "web1/2026-11-20"}) {
         store.lists[directory] = hostile;
     }

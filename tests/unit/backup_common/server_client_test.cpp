@@ -92,7 +92,7 @@ TEST_F(NodeClientProcess, SaysMoreThanAPipeHoldsAndIsNotHeldUp) {
 }
 
 TEST_F(NodeClientProcess, IsLeftAloneThenAskedThenMadeToEnd) {
-    // Reports the SIGTERM and does not end.
+    // This script reports the SIGTERM and does not end.
     ClientProcess client(
         {"/bin/sh", "-c", "trap 'echo asked >&2' TERM; echo up; while :; do sleep 0.01; done"});
     const ClientProcess::Pipes pipes = client.Start();

@@ -19,13 +19,14 @@ class Eviction : public ProgramSite {
     Eviction() {
         control_.path = "root";
         desc_->storage = quarn2::GetStorage(quarn2::BackupToken("memory:site"));
-        // An info root without any entry counts as missing.
+        // Creates an entry, because an info root without any entry counts as missing.
         Place("root/.keep", "");
     }
 
     void User(const std::string& name, const std::string& letters) {
         desc_->users[name].backups = Of(letters);
-        // The server checks that the newest backup exists before it evicts an older one.
+        // Creates the newest info file, because the server checks that it exists before it evicts
+        // an older backup.
         if (!letters.empty())
             Place("root/" + DateOf(letters.size() - 1) + "." + name + ".info", "");
         control_.max_count = std::max(control_.max_count, static_cast<int>(letters.size()));
@@ -62,7 +63,8 @@ TEST_F(Eviction, AnInfoRootThatIsGoneStopsIt) {
     std::filesystem::remove_all("root");
     const std::string text = "The info root 'root' is missing or empty";
     EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
-    std::filesystem::create_directory("root");  // The mount point of a missing disk.
+    std::filesystem::create_directory(
+        "root");  // An empty directory looks like the mount point of a missing disk.
     EXPECT_EQ(TextOf<std::runtime_error>([&] { control_.DropOldest(1); }), text);
     EXPECT_EQ(Survivors("web1").size(), 2U);
     EXPECT_EQ(control_.max_count, 2);

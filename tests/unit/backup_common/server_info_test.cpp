@@ -63,7 +63,7 @@ class Remote : public InfoFile {
         desc_.owner = &control_;
         desc_.storage = storage_;
         desc_.limit = desc_.free_size = 100;
-        // An info root without any entry counts as missing.
+        // Creates an entry, because an info root without any entry counts as missing.
         Place("root/.keep", "");
     }
 

@@ -27,7 +27,8 @@ class Protocol : public ProgramSite {
 
     void Add(const std::string& user, const std::string& date, std::int64_t size, int type) {
         storage_.users[user].backups[date] = BackupInfo{size, type, false};
-        // The server checks that the newest backup exists before it evicts an older one.
+        // Creates the newest info file, because the server checks that it exists before it evicts
+        // an older backup.
         store_->SetFile(date + "." + user + ".info", "");
     }
 

@@ -22,7 +22,8 @@ class Scan : public ProgramSite {
         desc_ = &control_.storages[""];
     }
 
-    // Places the info file of a finished backup, unless `more` replaces the finish time.
+    // Places the info file of a backup. The backup is finished unless `more` contains another
+    // "finished".
     static void Info(const std::string& name, const std::string& type, const std::string& size,
                      const std::string& more = "finished=2026-11-01 00:00:00") {
         Place("root/" + name + ".info", "type=" + type + "\nsize=" + size + "\n" + more);

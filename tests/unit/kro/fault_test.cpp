@@ -177,7 +177,7 @@ class FaultTest : public testing::Test {
         const ResHandle from(::open((dir / "from").c_str(), O_RDONLY | O_CLOEXEC));
         const ResHandle to(
             ::open((dir / "to").c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-        // Set after the source was written: only the copy must fail.
+        // Sets the fault after the source was written, because only the copy must fail.
         faults.ioctl = Fault{0, -1, EOPNOTSUPP, 0};
         arm();
         return kro_file::CopyData(from, to, static_cast<std::int64_t>(text.size()));
@@ -318,7 +318,7 @@ TEST_F(FaultTest, ALockSurvivesInterruptionsAndTellsFailures) {
 
 TEST_F(FaultTest, ALockOnAFileThatIsReplacedAllTheTimeIsGivenUp) {
     faults.meanwhile = [this] {
-        faults.meanwhile = nullptr;  // Write() calls flock too.
+        faults.meanwhile = nullptr;  // prevents a recursion, because Write() calls flock too
         kro_file::Write(dir_ / "lock", "another");
     };
     kro_file::Lock once;

@@ -137,9 +137,10 @@ TEST_F(Planted, LockIsTakenOnPlainFilesOnly) {
         const std::string head = "Failed to lock '" + path_ + "': it ";
         if (what == "second name") {
             lock.DoLock(path_, true);
-            EXPECT_EQ(
-                ErrorOf([&] { lock.Write("text"); }),
-                head + "has another hard link, whose file would change too; remove one of the two");
+            EXPECT_EQ(ErrorOf([&] { lock.Write("text"); }),
+                      head +
+                          "has a second hard link, so a write would change that file too; remove "
+                          "one of the two");
             return;
         }
         for (const bool create : {true, false}) {

@@ -143,7 +143,7 @@ TEST(Execute, WaitsNoLongerThanItIsTold) {
     EXPECT_TRUE(program.Wait(60000));
     EXPECT_TRUE(program.Wait(0));
     EXPECT_EQ(program.Result(), 128 + SIGTERM);
-    program.Signal(SIGTERM);  // sends nothing, because another process may have the PID by now
+    program.Signal(SIGTERM);  // sends no signal, because another process may have the PID by now
 }
 
 TEST(Execute, LeavesTheTerminalWhenItIsToldTo) {

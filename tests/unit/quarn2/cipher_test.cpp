@@ -33,7 +33,7 @@ std::string Unhex(std::string_view hex) {
     return bytes;
 }
 
-// HMAC pads a shorter key with zeros.
+// Pads a shorter key with zeros, as HMAC does.
 Key KeyOf(std::string_view bytes) {
     Key key{};
     std::transform(bytes.begin(), bytes.end(), key.begin(),

@@ -318,7 +318,7 @@ TEST_F(Encryption, TheHashIsDerivedOncePerPassword) {
 
 // --- Pieces ---
 
-// A backend that stores one file and transfers it in pieces of one size.
+// A backend that stores one file and transfers it in blocks of one size.
 class PieceBackend final : public quarn2::StorageBackend {
   public:
     PieceBackend(std::string& file, std::size_t piece) : file_(file), piece_(piece) {}
@@ -411,7 +411,7 @@ TEST(EncryptionInPieces, APlainFileIsTheSameWhateverTheirSize) {
     }
 }
 
-// No byte of a bad chunk reaches the sink, for all sizes of the pieces.
+// With every block size, no byte of a bad chunk reaches the sink.
 TEST(EncryptionInPieces, NothingOfABadChunkIsHandedOn) {
     for (const std::size_t piece : kPieces) {
         std::string file;

@@ -249,7 +249,7 @@ TEST(Expect, WorkerThatReplacesItselfRunsToItsEnd) {
     struct Replaced {
         Expect::Result* operator()(ResHandle handle) {
             loop.Add(std::move(handle), POLLIN, successor);
-            // This is freed memory if the loop does not keep the worker alive.
+            // `marks` is freed memory if the loop does not keep this worker alive.
             marks += "still here";
             return Expect::erOk;
         }

@@ -311,7 +311,8 @@ TEST_F(FtpWithLittleRoom, NameOfAFileIsNoReason) {
 
 // --- Logins that are refused ---
 
-// Callers drop an upload when the credentials are refused.
+// Callers abandon an upload when the credentials are refused, so no other error may look like
+// refused credentials.
 TEST_F(FtpServers, OnlyARefusedPasswordIsUnauthorized) {
     const std::pair<std::string, std::string> cases[] = {
         {"530 Login incorrect.", "unauthorized"},

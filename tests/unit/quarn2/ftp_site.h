@@ -4,7 +4,7 @@
 #include "backends/ftp/temporary.h"
 #include "served_directory_site.h"
 
-// Over explicit TLS, on pure-ftpd or another server.
+// An FTP storage with explicit TLS, on pure-ftpd or another server.
 class FtpsSite : public ServedDirectorySite {
   public:
     explicit FtpsSite(const std::string& server = "ftp") : ServedDirectorySite(server) {}
@@ -38,7 +38,7 @@ class FtpsSite : public ServedDirectorySite {
     }
 };
 
-// Without encryption.
+// An FTP storage without encryption.
 class FtpSite : public FtpsSite {
   public:
     TokenParts Parts() const override {
@@ -48,19 +48,19 @@ class FtpSite : public FtpsSite {
     }
 };
 
-// On ProFTPD.
+// An FTPS storage on ProFTPD.
 class Ftps2Site : public FtpsSite {
   public:
     Ftps2Site() : FtpsSite("ftp2") {}
 };
 
-// On vsftpd, which requires that data connections reuse the TLS session.
+// An FTPS storage on vsftpd, which requires that data connections reuse the TLS session.
 class Ftps3Site : public FtpsSite {
   public:
     Ftps3Site() : FtpsSite("ftp3") {}
 };
 
-// On vsftpd, which does not require that data connections reuse the TLS session.
+// An FTPS storage on vsftpd, which does not require that data connections reuse the TLS session.
 class Ftps3LenientSite : public Ftps3Site {
   public:
     TokenParts Parts() const override {

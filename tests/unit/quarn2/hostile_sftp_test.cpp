@@ -121,7 +121,8 @@ TEST_F(HostileSftp, AnswersWithoutNamesAndWithoutEnd) {
                 HasSubstr("the listing is too long: more than 1000000 names or 128 MiB"));
 }
 
-// Each piece needs a request and an entry in the queue, where all wait for the first piece.
+// Each small read needs a request and an entry in the queue, where all reads wait for the first
+// one.
 TEST_F(HostileSftp, FileInEverSmallerPieces) {
     struct Nowhere final : quarn2::ByteSink {
         void Write(std::span<const std::byte> /*bytes*/) override {}

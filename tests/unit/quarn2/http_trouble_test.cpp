@@ -174,7 +174,7 @@ TEST_F(HttpTroubleTest, StallInTheMiddleOfABodyIsGivenUp) {
         });
     });
     end.Open();
-    // The server's thread may still use the gate.
+    // Ends the server's thread before `end` is destroyed, because the thread may still use it.
     server_.reset();
     EXPECT_LT(seconds, kWellBelowTheDefault);
 }

@@ -171,7 +171,7 @@ TEST_F(GetInfoFilesTest, FindsBothForms) {
     for (const char* const name :
          {"2026-11-20.web2.info", "custom.web1.info", "2026-11-19/2026-11-19.web1.info",
           "web1/2026-11-18/2026-11-18.web1.info", "web1/custom/custom.web1.info",
-          // Not at a path of a backup, or not an info file.
+          // The following files are not at a path of a backup, or are no info files.
           "web1/2026-11-17.web1.info", "web1/other/2026-11-17.web1.info",
           "2026-11-19/deeper/x.info", "web1/2026-11-18/deeper/x.info", "2026-11-20.web2.tgz",
           "2026-11-20.web2.info.attempts", ".2026-11-20.web2.info.part~", "info"}) {

@@ -185,7 +185,7 @@ TEST_F(ManyTasks, OtherErrorsAreNoOutage) {
     }
 }
 
-// A server may allow fewer connections than the token.
+// A server may allow fewer connections than the token requests.
 TEST_F(ManyTasks, RefusedConnectionsLeaveTheWorkToTheOthers) {
     std::atomic<bool> refused = false;
     for (const Kind kind : {Kind::kUnavailable, Kind::kUnauthorized}) {

@@ -72,7 +72,7 @@ class ScriptedFtp : public testing::Test {
     std::unique_ptr<ScriptedFtpServer> server_;
 };
 
-// The same with TLS and a certificate.
+// Adds TLS and a certificate to the fixture `Plain`.
 template <class Plain>
 class EncryptedFtp : public Plain {
   protected:

@@ -3,7 +3,7 @@
 
 #include "served_directory_site.h"
 
-// With a password.
+// An SFTP storage with a login by password.
 class SftpSite : public ServedDirectorySite {
   public:
     SftpSite() : ServedDirectorySite("sftp") {}
@@ -28,7 +28,7 @@ class SftpSite : public ServedDirectorySite {
     }
 };
 
-// With a key.
+// An SFTP storage with a login by key.
 class SftpKeySite : public SftpSite {
   public:
     TokenParts Parts() const override {

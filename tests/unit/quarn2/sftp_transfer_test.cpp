@@ -207,7 +207,7 @@ TEST_F(SftpTransfer, NeverLosesTheOldFileWithoutTheExtension) {
     int breaks = 0;
     for (int requests = 0;; ++requests) {
         disk_.files = {{kPath, "old"}};
-        disk_.requests_left = requests + 1;  // plus the greeting
+        disk_.requests_left = requests + 1;  // the greeting is one more request
         const auto kind = KindOf([this] { Put("file", "new"); });
         disk_.requests_left = -1;
         const std::string got = Get("file");

@@ -4,7 +4,7 @@
 #include "backends/webdav/dav_names.h"
 #include "served_directory_site.h"
 
-// Over https with basic authentication, on Apache or another server.
+// A WebDAV storage over https with basic authentication, on Apache or another server.
 class WebdavSite : public ServedDirectorySite {
   public:
     explicit WebdavSite(const std::string& server = "webdav") : ServedDirectorySite(server) {}
@@ -28,7 +28,7 @@ class WebdavSite : public ServedDirectorySite {
     }
 };
 
-// Over http with digest authentication.
+// A WebDAV storage over http with digest authentication.
 class WebdavDigestSite : public WebdavSite {
   public:
     TokenParts Parts() const override {
@@ -39,7 +39,7 @@ class WebdavDigestSite : public WebdavSite {
     }
 };
 
-// On nginx.
+// A WebDAV storage on nginx.
 class Webdav2Site : public WebdavSite {
   public:
     Webdav2Site() : WebdavSite("webdav2") {}

@@ -226,7 +226,7 @@ class ReportPlan : public ProgramSite {
     Options options_;
 };
 
-// The models of the fixed seed cause deletions and refusals.
+// The models of this seed always run, because they cause deletions and refusals.
 constexpr unsigned kFixed = 100;
 constexpr unsigned kModels = 16;
 
