@@ -49,7 +49,7 @@ struct DayValue {
 // Computes a trend from the last kTrendDays days: the median slope of all pairs of days that are
 // whole weeks apart. So weekly full backups do not appear as a trend, and a few unusual days do not
 // change it. `values` are sorted by day. Returns std::nullopt for fewer than kMinTrendDays days
-// with values: ten days contain at least three such pairs.
+// with values. With kMinTrendDays days there are always at least three such pairs.
 std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
 inline constexpr int kTrendDays = 30;
 inline constexpr std::size_t kMinTrendDays = 10;

@@ -33,9 +33,9 @@ struct InfoFile {
 
 // Downloads many info files like DownloadInfoFile, several at the same time. Calls `done` once for
 // each file, in any order, on the thread of the caller. `is_read` is false when the storage was
-// unavailable, so that another attempt may succeed. `storage` makes the files durable. Indexes that
-// are encrypted with another key than that of BACKUP_TOKEN are an exception: to make them durable,
-// the caller must call kro_file::SyncFileSystem.
+// unavailable, so that another attempt may succeed. Syncs the files, unless `storage` defers this
+// (see Storage::DeferSync). Never syncs indexes that are encrypted with another key than that of
+// BACKUP_TOKEN, so the caller must call kro_file::SyncFileSystem to make them durable.
 using InfoFileDone = std::function<void(std::size_t position, bool is_read)>;
 void DownloadInfoFiles(quarn2::Storage& storage, const std::vector<InfoFile>& files,
                        std::string& encrypted_lines, const InfoFileDone& done);

@@ -158,8 +158,9 @@ void LedgerEntry::LoseSlices(const std::vector<std::string>& named, std::int64_t
         if (!completed.empty()) {
             slices.erase(slice);
         } else {
-            // This entry's job still replaces the other backup, so the entry gets the state in
-            // which such a job begins: the slices have 0 bytes, and `earlier_bytes` counts them.
+            // This entry's job is not complete and still replaces the other backup. So the entry
+            // gets the state in which such a job begins: the slices have 0 bytes, and
+            // `earlier_bytes` counts them.
             slice->second = {SliceState::kRemoved, 0, ""};
             earlier_bytes = bytes;
         }

@@ -34,7 +34,7 @@ enum class SliceState {
     kStored,     // complete and durable on the storage
     kAbandoned,  // the upload was abandoned after its last attempt
     kRefused,    // not uploaded: no space, or another key than that of the earlier slices
-    kRemoved,    // not of this run: removed after its put, or stored by an earlier run
+    kRemoved,    // removed after it was stored, or stored only by an earlier run of the job
 };
 
 struct LedgerSlice {
@@ -81,9 +81,10 @@ struct LedgerEntry {
     // uploading stays in the entry.
     void LoseStoredSharedFiles();
 
-    // Records that the slices `named` belong to another backup of `bytes` bytes. This entry's job
-    // had replaced that backup, and a later job has completed it again. So the slices are no
-    // leftovers.
+    // Records that the slices `named` belong to another backup of `bytes` bytes, which a later job
+    // has completed. This entry has such slices if its job replaced an earlier run of that backup.
+    // A completed entry drops the slices, because they are in use again. An open entry keeps them
+    // as slices that its job is about to replace.
     void LoseSlices(const std::vector<std::string>& named, std::int64_t bytes);
 
     std::string Format() const;

@@ -30,8 +30,9 @@ LedgerDeletion::LedgerDeletion(const std::string& info_path, const quarn2::InfoM
     for (const std::string& name : entries_) {
         const bool written =
             ledger_.Update(name, [](LedgerEntry& entry) { entry.RecordRemoval(); });
-        // After a failed write the entry would still record the slices as stored. Without the
-        // entry, a job that completes the same backup must query the storage for the slices.
+        // If the entry cannot be written, it still records the slices as stored, so it is removed.
+        // Without the entry, a job that completes the same backup must query the storage for the
+        // slices.
         if (!written) ledger_.End(name);
     }
 }

@@ -191,9 +191,9 @@ void RemoveKnownSlices(quarn2::Storage& storage, const LedgerEntry& entry,
     for (const std::string& directory : directories) storage.SyncRemovals(directory);
 }
 
-// Deletes an info file of this archive that an earlier run of the job wrote under another name or
-// in another directory than the usual ones. Without the ledger entry, this info file would count as
-// a complete backup.
+// Deletes the info file of this archive that an earlier run of the job left. The deletion by prefix
+// does not find an info file that has another prefix or is in a DATE or USER/DATE directory.
+// Without the ledger entry, this info file would count as a complete backup.
 void RemoveInfoFile(const std::shared_ptr<quarn2::Storage>& storage, const std::string& dir,
                     const LedgerEntry& entry) {
     const std::string info_path =

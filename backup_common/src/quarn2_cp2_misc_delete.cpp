@@ -232,8 +232,8 @@ bool HoldsOtherBackups(const std::string& directory, const std::string& info_nam
     });
 }
 
-// True when the info file's directory is USER/DATE and belongs to the backup. If the directory has
-// another name, for example that of the info root, only the backup's own files may be removed.
+// True when the info file's directory is USER/DATE and has no files of other backups. In all other
+// directories, for example the info root, only the backup's own files may be removed.
 bool IsOwnDirectory(const std::string& directory, const std::string& info_name) {
     return kro_file::Name(directory) == quarn2::GetDate(info_name) &&
            kro_file::Name(kro_file::Path(directory)) == quarn2::GetUserName(info_name) &&

@@ -10,7 +10,7 @@ enum class RemovalReason {
     kCountFull,    // the user has more full backups than the count limit allows
     kSizeStart,    // at the server's start the backups use more than the size limit
     kSizeReserve,  // an upload needs the space
-    kSizeDropOne,  // the storage reported that it is full to a server without a size limit
+    kSizeDropOne,  // an upload found the storage full, and the server has no size limit
     kAsked,        // the user requested the deletion of this backup
     kDependant,    // the full backup that this backup needs is deleted
     kIncomplete,   // the backup was never completed

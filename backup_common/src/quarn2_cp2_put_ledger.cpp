@@ -60,8 +60,8 @@ std::int64_t BytesOf(const quarn2::InfoMap& info) {
 
 // Records each slice of the complete backup that the job replaces as removed. So the job cannot
 // complete the backup before it has uploaded all of these slices again. Slices of another archive
-// of the same day, for example when a full backup replaces a daily, are not recorded. They stay on
-// the storage after the job is complete.
+// of the same day do not prevent the completion. For example, when a full backup replaces a daily,
+// the slices of the daily stay on the storage and in the entry after the job is complete.
 void RecordEarlierRun(LedgerEntry& entry, const std::string& name) {
     const std::string info_path =
         quarn2::GetInfoFile(kDefaultInfoRoot, quarn2::GetUserName(name), quarn2::GetDate(name));

@@ -32,7 +32,8 @@ class SliceRecord {
 
     // Records that the slice is complete and durable on the storage.
     void Stored();
-    // Records that the slice is not uploaded: the server granted no space, or the key differs.
+    // Records that the slice is not uploaded: the server granted no space, or the slice has another
+    // key than the earlier slices of its backup.
     void Refused();
 
   private:

@@ -82,8 +82,8 @@ NodeSide::~NodeSide() {
     try {
         for (auto& [key, upload] : uploads_) upload.Join();
     } catch (const std::exception&) {
-        // Ignores the error, because the upload has already reported it to the job that waited for
-        // it. The destructors of the thread handles wait for the remaining uploads.
+        // Ignores the error of an upload, because no job waits for the upload any more. The
+        // destructors of the thread handles wait for the remaining uploads.
     }
 }
 

@@ -99,8 +99,8 @@ class Daemon {
         WriteEvent(ServerEvent(EventKind::kServerStarted, *control));
         Serve(*loop, *nodes, *control);
         // Empties the pid file, so that new --server commands wait for the end of this server
-        // instead of using it. If this server holds the exclusive lock on the lock file, no such
-        // command is waiting.
+        // instead of using it. If this server holds the exclusive lock on the lock file, new
+        // --server commands already wait for that lock.
         if (!is_alone_) pid_lock_.Write("");
         control->DropByCount(control->full_limit, control->daily_limit);
         const bool may_delete = control->is_storage_checked;
@@ -166,10 +166,11 @@ class Daemon {
                 reason.c_str());
     }
 
-    // If this process holds the exclusive lock, new --server commands wait for the lock file, so it
-    // is removed last. Without the exclusive lock, --server commands may still have shared locks.
-    // Then the pid file is removed last. Otherwise a new server could start before that, and this
-    // process would remove the new server's lock file.
+    // If this process holds the exclusive lock on the lock file, new --server commands wait for
+    // that lock, so the lock file is removed last. Without the exclusive lock, new --server
+    // commands get a shared lock at once, so the pid file is removed last. A new server can start
+    // as soon as the pid file is removed, and this process must not remove the new server's lock
+    // file.
     void RemoveFiles() {
         kro_log::Close();
         state_file_.Remove();

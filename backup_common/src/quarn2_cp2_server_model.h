@@ -70,9 +70,9 @@ struct GlobalSizeControl {
         // The bytes that must be free beyond `reserved` before `size` bytes can be reserved; at
         // least `size`. A completion resets all reservations, including those of uploads in
         // progress. After that, `unfinished` may be larger than `reserved`. Then the incomplete
-        // backups need the difference, so the result is not smaller. For a node client of this
-        // machine, `unfinished` already contains the file for which the space is reserved. `freed`:
-        // the part of `unfinished` that will be removed before.
+        // backups need the difference, so the result is at least the difference. For a node client
+        // of this machine, `unfinished` already contains the file for which the space is reserved.
+        // `freed`: the part of `unfinished` that will be removed before the reservation.
         std::int64_t NeededFor(std::int64_t size, bool is_remote,
                                std::int64_t freed = 0) const noexcept;
 
