@@ -20,7 +20,7 @@ namespace {
 constexpr kro_log::Module kLog("main");
 
 void LogGivenUp(const std::string& path, const std::exception& error) {
-    KRO_LOG(kLog, 3, "Upload given up: %s. What: %s", kro_file::Name(path).c_str(), error.what());
+    KRO_LOG(kLog, 3, "Upload abandoned: %s. What: %s", kro_file::Name(path).c_str(), error.what());
 }
 
 // The event's detail is the stored name of the file, followed by the reason if there is one.

@@ -106,7 +106,7 @@ class Put(Scene):
         for path in (self.stored(self.stem + ".info"), self.local(self.stem + ".info")):
             self.check_info(path)
         require(not any(os.path.exists(self.source(name)) for name in self.slices), "a source is left")
-        require(not self.given_up(), "an upload was given up")
+        require(not self.given_up(), "an upload was abandoned")
         require(not self.r.unfinished(), "the ledger has an entry of a complete backup")
         self.check_no_leftovers()
 

@@ -74,7 +74,7 @@ TEST_F(UploadTest, ARefusedFileAsksForEvictionsUntilNoneIsLeft) {
               "Upload failed");
     EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "DROPONE 1", "DROPONE 0"}));
     EXPECT_EQ(Puts().size(), 3U);
-    EXPECT_TRUE(local_files::Has(kSlice)) << "nothing is given up, the job may try again";
+    EXPECT_TRUE(local_files::Has(kSlice)) << "the upload is not abandoned, the job may try again";
     EXPECT_FALSE(local_files::Has(kAttempts));
     EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>());
 }
@@ -102,7 +102,7 @@ TEST_F(UploadTest, ARefusedEvictionReleasesAndIsNoFailedUpload) {
     EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "DROPONE 1", "RELEASE 5"}));
     EXPECT_FALSE(local_files::Has(kSlice));
     EXPECT_EQ(local_files::Load(kAttempts), "2026-11-20 12:00:00 Upload failed and limit is set\n");
-    EXPECT_EQ(UploadLog(Log(7)), (Lines{"3: Upload given up: F2026-11-15.web1.1.dar. What: "
+    EXPECT_EQ(UploadLog(Log(7)), (Lines{"3: Upload abandoned: F2026-11-15.web1.1.dar. What: "
                                         "Upload failed and limit is set"}));
     EXPECT_EQ(Stored(), Lines());
 }
@@ -334,7 +334,7 @@ TEST_F(UploadTest, AFileThatIsRemovedBeforeItsUploadFailsWithoutAnotherAttempt) 
     EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>());
     EXPECT_EQ(server.lines(), (Lines{"RESERVE 5", "RELEASE 5"}));
     EXPECT_THAT(UploadLog(Log(3)), testing::ElementsAre(testing::StartsWith(
-                                       "3: Upload given up: F2026-11-15.web1.1.dar. What: ")));
+                                       "3: Upload abandoned: F2026-11-15.web1.1.dar. What: ")));
 }
 
 TEST_F(ChangingSource, OneThatWasRewrittenFailsAndStays) {
@@ -345,7 +345,7 @@ TEST_F(ChangingSource, OneThatWasRewrittenFailsAndStays) {
     EXPECT_EQ(fake_clock::Sleeps(), std::vector<int>()) << "its size was promised to the job";
     EXPECT_EQ(server_.lines(), (Lines{"RESERVE 5", "RELEASE 5"}));
     EXPECT_EQ(UploadLog(Log(4)).front(),
-              "3: Upload given up: F2026-11-15.web1.1.dar. What: 'b/F2026-11-15.web1.1.dar' was "
+              "3: Upload abandoned: F2026-11-15.web1.1.dar. What: 'b/F2026-11-15.web1.1.dar' was "
               "rewritten while it was uploaded");
 }
 
