@@ -47,7 +47,7 @@ struct KnownLimits {
     ServerLimits limits;
     bool is_size_known = false;
     bool is_count_known = false;
-    const char* source = "";  // of the size limit: "options" or "server"
+    const char* source = "";  // the origin of the size limit: "options" or "server"
 };
 KnownLimits ChooseLimits(const Options& options, const ServerReport& server);
 

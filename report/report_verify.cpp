@@ -84,13 +84,13 @@ void StoredFiles::AddOthers(const Entries& entries, const std::set<std::string>&
                             std::vector<std::string>& others) {
     for (const ListedEntry& entry : entries) {
         if (named.contains(entry.name)) continue;
-        // A directory has no size.
+        // An entry with a size is a file, because a directory has no size.
         if (has_all_ || entry.size) {
             others.push_back(entry.name);
             continue;
         }
         Entries below = ListEntry(storage_, entry.name);
-        // The listing of a file contains only the file itself.
+        // The entry is a file if its listing contains only the entry itself.
         if (below.size() == 1 && below.front().name == entry.name) {
             others.push_back(entry.name);
             continue;

@@ -41,7 +41,7 @@ class StoredFiles {
     Entries root_;          // sorted by name, like every listing
     bool has_all_ = false;  // root_ contains the files of all directories
     std::string directory_;
-    Entries entries_;  // of directory_
+    Entries entries_;  // the entries of directory_
 };
 
 // A difference between a backup and the storage. `kind` is the value of "problem" in the JSON

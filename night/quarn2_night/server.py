@@ -31,7 +31,7 @@ class Server:
     def start(self):
         self.process = self.children.start(self.command, env=self.environment, stdin=subprocess.PIPE,
                                            stdout=subprocess.PIPE)
-        # The command closes its standard output when the server is ready or has failed.
+        # Waits for the end of the output, because the command closes it when the server is ready or has failed.
         self.process.stdout.read()
         self.process.stdout.close()
         try:
@@ -45,7 +45,8 @@ class Server:
                       f"see {self.site.log}")
 
     def ensure(self):
-        """Starts the server again when its daemon has ended, for example by a signal. Raises Problem when it cannot start."""
+        """Starts the server again when its daemon has ended, for example by a signal. Raises Problem when it cannot
+        start."""
         with self._restart:
             if self._daemon() or self.children.stopped.is_set():
                 return
@@ -72,7 +73,8 @@ class Server:
             time.sleep(0.05)
 
     def _daemon(self):
-        """Returns the process that has the record lock of the pid file, 0 when no daemon runs, -1 for an unknown one."""
+        """Returns the process that has the record lock of the pid file, 0 when no daemon runs, -1 for an unknown
+        one."""
         try:
             with open(self.site.pid_file, "rb") as file:
                 question = struct.pack(_FLOCK, fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)

@@ -20,7 +20,8 @@ _CONTENT = "a file of the test of quarn2-setup\n" * 100
 
 
 class TestNight(Night):
-    """A night with its own info root and without limits, so that it does not see, and cannot delete, other backups."""
+    """A nightly run with its own info root and without limits, so that it does not see, and cannot delete, other
+    backups."""
 
     def server_arguments(self):
         return ["--date", self.date, "--size-limit", "0", "--count-limit", "0:1000000", "--path", self.site.info_root]
@@ -92,5 +93,5 @@ def free_space(token, root):
         stored = sum(os.lstat(os.path.join(directory, name)).st_size
                      for directory, _, names in os.walk(path) for name in names)
     except OSError:
-        return None  # test_storage() reports the reason
+        return None  # the free space is not known; test_storage() reports the reason
     return status.f_bavail * status.f_frsize, stored

@@ -16,7 +16,7 @@ def cleanup_lines(token, user, date, info_paths):
     name = f"{date}.{user}"
     count = max((_slices(path) for path in info_paths), default=0)
     prefixes = [name]
-    # A slice may be on the storage although the info file does not name it yet.
+    # Adds a line for one more slice, because a slice may be on the storage although the info file does not name it yet.
     for number in range(1, count + 2):
         prefixes += [f"{name}.{number}.dar", f"{name}.tar.zst.part{number}"]
     escaped = token.replace("\\", "\\\\").replace("\t", "\\t")
@@ -60,7 +60,8 @@ def note(site, token, jobs):
     path = os.path.join(site.info_root, ".cleanup")
     descriptor = os.open(path, os.O_WRONLY | os.O_CREAT | os.O_APPEND | os.O_NOFOLLOW | os.O_CLOEXEC, 0o600)
     try:
-        # The lines contain the token. A list that another program created may be readable by the group.
+        # Removes the rights of the group, because the lines contain the token, and another program may have created the
+        # list with these rights.
         os.fchmod(descriptor, 0o600)
         size = os.fstat(descriptor).st_size
         if size > 0:
@@ -92,7 +93,7 @@ def _info_paths(top):
 
 
 def left_over(work, backups):
-    """Returns the jobs (user, date, info_paths) whose work directories an interrupted night has left."""
+    """Returns the jobs (user, date, info_paths) whose work directories an interrupted nightly run has left."""
     found = []
     for name in sorted(os.listdir(work)):
         date, _, user = name.partition(".")
@@ -115,7 +116,7 @@ def remove_tree(path):
 
 
 def remove_work(work):
-    """Removes the work directories of an interrupted night."""
+    """Removes the work directories of an interrupted nightly run."""
     for name in os.listdir(work):
         date, _, user = name.partition(".")
         if is_date(date) and is_user(user):

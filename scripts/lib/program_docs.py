@@ -51,7 +51,7 @@ def options_of_parser(name):
     sys.path.insert(0, os.path.join(TOP, folder))
     parser = importlib.import_module(module).options()
     found = []
-    for action in parser._actions:  # argparse has no public list of its options
+    for action in parser._actions:  # a private member, because argparse has no public list of its options
         if action.option_strings:
             value = "" if action.nargs == 0 else (action.metavar or "|".join(action.choices or ["VALUE"]))
             text = (action.help or "") % {"default": action.default}

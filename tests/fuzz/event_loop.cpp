@@ -120,7 +120,7 @@ Expect::Result* Worker::operator()(ResHandle handle) {
     char bytes[64];
     const ssize_t count = read(handle, bytes, sizeof bytes);
     Expect::Result* const result = world_.Choose();
-    // The loop would report a descriptor at end of file again and again.
+    // Closes a descriptor at end of file, because the loop would report it again and again.
     const bool ended = count == 0 || (count < 0 && errno != EAGAIN);
     if (!ended && result != Expect::erClose) return result;
     dropped = true;

@@ -35,7 +35,7 @@ constexpr std::uint16_t kPort = 9;
 // Replaces the network.
 struct Network {
     std::deque<std::string> scripts;
-    std::map<int, ResHandle> peers;  // by the descriptor that libcurl uses
+    std::map<int, ResHandle> peers;  // the key is the descriptor that libcurl uses
 };
 
 Network& TheNetwork() {

@@ -149,7 +149,8 @@ void CheckIndexes(const std::string& list) {
         entries.erase(index);
     }
     Require(Local() == expected, "exactly the listed files are removed");
-    // A value that ends with a carriage return loses it.
+    // Skips the next check if the list contains a carriage return, because the program removes it
+    // at the end of a value.
     if (list.find('\r') != list.npos) return;
     Require(str::Split(Load("info/.encrypted_indexes"), "\n") == entries, "other entries are kept");
 }

@@ -58,7 +58,7 @@ class Hostile final : public quarn2::StorageBackend {
 void Register() {
     quarn2::BackendScheme scheme;
     scheme.scheme = "hostile";
-    // All requests read the same script.
+    // Sends one request at a time, because all requests read the same script.
     scheme.default_parallel = 1;
     scheme.fault = [](const quarn2::BackupToken&) { return std::string(); };
     scheme.open = [](const quarn2::BackupToken&) { return std::make_unique<Hostile>(); };

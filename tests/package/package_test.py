@@ -138,7 +138,7 @@ class Package(unittest.TestCase):
                 text = file.read()
             units.append(os.path.join(self.folder, f"quarn2-night.{kind}"))
             with open(units[-1], "w", encoding="utf-8") as file:
-                # The check wants a program that exists on this machine.
+                # Replaces the program, because systemd-analyze checks that it exists on this machine.
                 file.write(text.replace("ExecStart=/usr/lib/kro5/sbin/quarn2-night", "ExecStart=/bin/true"))
         self.assertEqual("", run("systemd-analyze", "verify", "--man=no", *units))
         table = run("systemd-analyze", "security", "--offline=true", "--no-pager", units[0])
@@ -257,7 +257,7 @@ class Package(unittest.TestCase):
         before = self.state()
         self.assertIn("/var/lib/kro5 is kept", self.inside("dpkg", "-P", "quarn2-cp"))
         gone = {name for name in before if name not in self.state()}
-        # The directory of the control socket is empty after the end of the server.
+        # The purge may also remove the directory of the control socket, which is empty after the end of the server.
         self.assertLessEqual({"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log"}, gone)
         self.assertLessEqual(gone, {"/etc/kro5/night.conf", "/var/lib/kro5/var/quarn2_cp.log", "/var/lib/kro5/tmp"})
         self.assertFalse(os.path.exists(self.path("/etc/logrotate.d/quarn2-cp")))

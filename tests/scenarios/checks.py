@@ -84,7 +84,7 @@ class Judge:
         self.check_space(out)
         if out.started and self.has_log:
             self.check_counted(complete)
-        # A job beside the completed one may still hold a reservation.
+        # A completion ends all reservations, but a job that runs at the same time may have a new one.
         if out.completed and step["do"] != "together" or step["do"] == "serve":
             self.pending = 0
         if step["do"] in ("serve", "release"):

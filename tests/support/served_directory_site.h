@@ -40,7 +40,7 @@ class ServedDirectorySite : public RemoteSite {
 
     bool IsBeingWritten() const override {
         namespace fs = std::filesystem;
-        std::error_code gone;  // ignored: a process may end meanwhile
+        std::error_code gone;  // errors are ignored, because a process may end meanwhile
         for (const auto& process : fs::directory_iterator("/proc", gone)) {
             for (const auto& open : fs::directory_iterator(process.path() / "fd", gone)) {
                 const std::string file = fs::read_symlink(open.path(), gone).string();

@@ -56,4 +56,4 @@ def main(manner, *command):
 if __name__ == "__main__":
     STATUS = main(*sys.argv[1:])
     sys.stdout.flush()
-    os._exit(STATUS)  # does not wait for the thread that runs deny()
+    os._exit(STATUS)  # os._exit does not wait for the thread that runs deny()

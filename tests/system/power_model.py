@@ -74,7 +74,7 @@ class RecordedRoot(Root):
         """Returns the changes below the root's folder, with relative paths, and the marks."""
         lines = read(os.path.join(self.record, "trace")).decode().splitlines()
         found = []
-        ignored = set()  # inodes
+        ignored = set()  # the inodes of ignored files
         for line in lines:
             _, operation, *arguments = line.split("\t")
             if operation in "CJMXUDR":

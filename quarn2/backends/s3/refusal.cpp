@@ -50,7 +50,7 @@ constexpr CodeRow kCodes[] = {
     {"AllAccessDisabled", Failure::kUnavailable},
     {"RequestTimeTooSkewed", Failure::kUnavailable},
     {"UserSuspended", Failure::kUnavailable},
-    // The server received other bytes than the program sent.
+    // The server received other bytes than the program sent, so another attempt may succeed.
     {"BadDigest", Failure::kUnavailable},
     {"IncompleteBody", Failure::kUnavailable},
     {"XAmzContentSHA256Mismatch", Failure::kUnavailable},

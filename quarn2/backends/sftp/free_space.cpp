@@ -30,7 +30,8 @@ bool IsFull(Session& session, const Place& place) {
     const std::uint64_t all_inodes = fields.U64();
     fields.U64();  // skips the free inodes, including the inodes reserved for root
     const std::uint64_t inodes = fields.U64();
-    // File systems without a fixed number of inodes report 0 free inodes and 0 inodes in total.
+    // Checks the total too, because file systems without a fixed number of inodes report 0 free
+    // inodes and 0 inodes in total.
     return blocks < kNoRoomBelow / std::max<std::uint64_t>(block, 1) + 1 ||
            (inodes == 0 && all_inodes > 0);
 }

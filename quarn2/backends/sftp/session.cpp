@@ -35,7 +35,7 @@ Status Reply::AsStatus() {
     Require(Type::kStatus);
     Status status;
     status.code = static_cast<Code>(fields.U32());
-    // Old servers omit the text of the status.
+    // The text is optional, because old servers omit it.
     if (!fields.empty()) status.text = fields.Text();
     return status;
 }

@@ -244,7 +244,7 @@ std::vector<ListedEntry> EntriesToShow(Session& session, const std::vector<Entry
     if (!session.Offers("posix-rename@openssh.com")) ShowDisplaced(shown);
     std::erase_if(shown,
                   [](const ListedEntry& one) { return kro_file::IsTemporaryName(one.name); });
-    // Stable: the entry of a file precedes that of its displaced predecessor.
+    // A stable sort keeps the entry of a file before the entry of its displaced predecessor.
     std::stable_sort(shown.begin(), shown.end(),
                      [](const ListedEntry& a, const ListedEntry& b) { return a.name < b.name; });
     const auto same = [](const ListedEntry& a, const ListedEntry& b) { return a.name == b.name; };
