@@ -84,7 +84,7 @@ const char* TextOf(RemovalReason reason) noexcept {
         case RemovalReason::kRescan:
             return "the rescan did not find it on the storage";
         case RemovalReason::kResumed:
-            return "the end of an interrupted deletion";
+            return "completion of an interrupted deletion";
     }
     return "";
 }

@@ -15,8 +15,8 @@ struct DaySums {
     std::int64_t completed = 0;         // size of the backups that were completed
     std::int64_t deleted = 0;           // size of the backups that were deleted
     std::int64_t evicted = 0;           // the part of `deleted` that was deleted to make space
-    std::optional<std::int64_t> used;   // of the storage, after the last event of the day
-    std::optional<std::int64_t> limit;  // of the storage, after the last event of the day
+    std::optional<std::int64_t> used;   // the used space after the last event of the day
+    std::optional<std::int64_t> limit;  // the size limit after the last event of the day
 
     friend bool operator==(const DaySums&, const DaySums&) = default;
 };

@@ -143,8 +143,8 @@ class Daemon {
         }
     }
 
-    // Serves until no --server command locks the lock file, until a termination signal arrives, or
-    // until the system cannot lock the file.
+    // Serves until no --server command holds a lock on the lock file. Also returns when a
+    // termination signal arrives, or when the attempt to lock the file fails with an error.
     void Serve(quarn2::Expect& loop, NodeSessions& nodes, const GlobalSizeControl& control) {
         lock_file_ = OpenLockFile(files_.lock);
         if (!lock_file_) throw kro_err::FromErrno("cannot open " + files_.lock);

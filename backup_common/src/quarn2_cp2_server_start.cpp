@@ -247,7 +247,7 @@ ResHandle LockWithoutServer(const ServerFiles& files) {
     for (bool is_first = true;; is_first = false) {
         ResHandle handle = Quarn2Lock(files.lock, true);
         if (!HasServer(files.pid)) return handle;
-        if (is_first) KRO_LOG(kLog, 5, "Wait for the end of the size control server");
+        if (is_first) KRO_LOG(kLog, 5, "Waiting for the end of the size control server");
         // The server tries to get this lock once a second, and ends when it has the lock.
         handle.Close();
         kro_proc::Sleep(kStartingPause);

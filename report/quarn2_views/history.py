@@ -88,7 +88,7 @@ def _carried(values, days):
 
 
 def current_life(backup):
-    """Returns the Life of a complete backup of `--list`, or None for another object."""
+    """Returns the Life of an object of `--list`, or None when the object is no complete backup."""
     if backup["state"] != "complete" or ordinal(backup["date"]) is None:
         return None
     begin = ordinal(backup["finished"]) or ordinal(backup["date"])

@@ -11,7 +11,7 @@ REASONS = {
     "size-start": "more than the size limit at the start of the server", "size-reserve": "space for an upload",
     "size-dropone": "the storage was full", "asked": "named by --delete",
     "dependant": "the full backup that it needs is deleted", "incomplete": "never completed", "clear": "--clear",
-    "rescan": "the rescan did not find it on the storage", "resumed": "the end of an interrupted deletion",
+    "rescan": "the rescan did not find it on the storage", "resumed": "completion of an interrupted deletion",
     "unknown": "a reason that this version does not know"}
 _STEPS = {"start": "at the next start of a server", "upload": "for the uploads of a usual night", "end": "after that night"}
 _VERDICTS = {"OK": ("good", "No problem is known"), "WARNING": ("warning", "Warning"),

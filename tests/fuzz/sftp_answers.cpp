@@ -59,7 +59,8 @@ class Scripted final : public Stream {
         throw kro_err::Error(kro_err::Kind::kUnavailable, "the server has gone");
     }
 
-    // Goes through the frames of the input. The greeting contains a version in place of the id.
+    // Writes the id of the oldest unanswered request into each reply with the id 0. Skips the
+    // greeting, which contains a version in place of the id.
     void FillIdIn() {
         while (frame_ <= at_ && frame_ + kHead <= said_.size()) {
             const auto bytes = std::as_bytes(std::span(said_));

@@ -91,7 +91,7 @@ class Scene:
         return server
 
     def release(self, server):
-        """Releases the server; returns False when the server command failed."""
+        """Ends the --server command, so that the server ends. Returns False when the command failed."""
         _, errors = server.communicate(timeout=DEADLINE)
         if server.returncode != 0:
             self.failed.append((("--server",), server.returncode, errors.decode()))

@@ -44,7 +44,8 @@ JOBS = 4
 MEMORY_TOLERANCE = 0.02
 MEMORY_SLACK = {"server": 256, "client": 1024}  # KiB
 TIMES_SLOWER = 2
-TIME_SLACK = 200  # ms of processor time; in the short form, smaller differences between quarters are noise
+# In ms of processor time. In a short run, smaller differences between the quarters of the run are noise.
+TIME_SLACK = 200
 
 
 def memory(pid):

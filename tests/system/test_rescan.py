@@ -324,7 +324,7 @@ class Callers(RescanTest):
         os.kill(server.daemon, signal.SIGSTOP)  # without the signal, the daemon would end within a second
         server.release()
         rescan = Server(root, "--rescan")
-        root.wait_log("Wait for the end of the size control server", pid=rescan.pid)
+        root.wait_log("Waiting for the end of the size control server", pid=rescan.pid)
         Backup(root, "web9", DATE)
         for name in tree(root.info_root):
             os.unlink(os.path.join(root.info_root, name))

@@ -77,7 +77,7 @@ class SecretsTest(SystemTest):
         server = hold(root, SUNDAY)
         client = server.node_client()
         made = Maker(root, "tgz", "flat").put("web1", SUNDAY, "F", files)
-        # The watch must see the daemon and the node client, which run for a long time.
+        # Waits until the watch has read the command lines of the daemon and of the node client.
         wait_for(lambda: {command_line(client), command_line(server.daemon)}
                  <= set(watch.seen), "a look at daemon and node client")
         self.assertIn("--client", command_line(client))

@@ -22,7 +22,7 @@ struct Line {
 // line.
 std::optional<Line> ParseLine(const std::string& line);
 
-// A position in the log file of the last Init.
+// A position in the log file that the last call of Init opened.
 class Bookmark {
   public:
     // Points to the current end of the log.

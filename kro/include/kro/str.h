@@ -82,7 +82,7 @@ namespace badchars {
 // character itself as the escape character followed by t, n, r or itself.
 std::string Escape(std::string_view text, char escape);
 
-// Reverses Escape. Another character after the escape character stays as it is.
+// Reverses Escape. If any other character follows the escape character, both stay as they are.
 std::string Unescape(std::string_view text, char escape);
 }  // namespace badchars
 

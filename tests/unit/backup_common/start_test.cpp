@@ -468,7 +468,7 @@ TEST_F(Start, ARescanWaitsForAServerThatNoJobHolds) {
     EXPECT_EQ(fake_clock::Sleeps(), (std::vector<int>{500, 500, 500}));
     EXPECT_TRUE(IsFlocked(kLock));
     EXPECT_FALSE(IsFlocked(kPid)) << "the server of this rescan can start";
-    EXPECT_EQ(Log(), (Lines{"5: Wait for the end of the size control server"}));
+    EXPECT_EQ(Log(), (Lines{"5: Waiting for the end of the size control server"}));
 }
 
 TEST_F(Start, ARescanWithoutAServerWaitsForNothing) {

@@ -185,9 +185,9 @@ TEST_P(HostileAnswer, FileWithoutEnd) {
     });
     const auto storage = Open();
     const Bounds bounds;
-    EXPECT_THAT(
-        ErrorOf([&] { storage->Download("file", target_); }),
-        AnyOf(HasSubstr("did not report the size"), HasSubstr("sent more bytes than the file contains")));
+    EXPECT_THAT(ErrorOf([&] { storage->Download("file", target_); }),
+                AnyOf(HasSubstr("did not report the size"),
+                      HasSubstr("sent more bytes than the file contains")));
 }
 
 INSTANTIATE_TEST_SUITE_P(S3, HostileAnswer, testing::Values(kS3));

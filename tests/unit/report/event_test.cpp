@@ -78,7 +78,7 @@ TEST_F(ReportEvent, EachReasonHasItsWords) {
               "more than the size limit at the start of the server\nspace for an upload\n"
               "the storage was full\nnamed by --delete\nthe full backup that it needs is deleted\n"
               "never completed\n--clear\nthe rescan did not find it on the storage\n"
-              "the end of an interrupted deletion\n");
+              "completion of an interrupted deletion\n");
 }
 
 TEST_F(ReportEvent, TextsAreEscaped) {
