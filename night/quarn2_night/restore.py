@@ -131,7 +131,8 @@ class Restore:
     def _check_tar(self, name, statuses, lines):
         ignored = ["Exiting with failure status due to previous errors"]
         if self.paths:
-            # A daily contains only changed files. missing_paths() finds the paths that no archive contains.
+            # The archive of a daily contains only changed files. missing_paths() finds the paths that no archive of the
+            # restore contains.
             ignored.append("Not found in archive")
         errors = [line for line in lines if not line.endswith(tuple(ignored))]
         failed = [program for program, status in statuses.items() if status not in ((0, 2) if program == "tar" else (0,))]

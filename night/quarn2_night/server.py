@@ -37,7 +37,7 @@ class Server:
         try:
             status = self.children.wait(self.process, 0.2)
         except subprocess.TimeoutExpired:
-            # stop() must not end the server, because an interrupted night ends it with end().
+            # stop() must not end the server, because an interrupted nightly run still needs it and ends it with end().
             self.children.release(self.process)
             return self
         self.process.stdin.close()
@@ -73,8 +73,8 @@ class Server:
             time.sleep(0.05)
 
     def _daemon(self):
-        """Returns the process that has the record lock of the pid file, 0 when no daemon runs, -1 for an unknown
-        one."""
+        """Returns the process that has the record lock of the pid file, 0 when no daemon runs, -1 when the process
+        id is not known."""
         try:
             with open(self.site.pid_file, "rb") as file:
                 question = struct.pack(_FLOCK, fcntl.F_WRLCK, os.SEEK_SET, 0, 0, 0)

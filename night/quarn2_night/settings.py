@@ -186,7 +186,7 @@ def parse_value(section, name, text):
 
 
 def defaults():
-    """Returns the Settings without a configuration file. They name no users."""
+    """Returns the default Settings, for a program without a configuration file. They contain no users."""
     return Settings({key: default for key, (_, default) in _RULES.items()})
 
 

@@ -72,7 +72,7 @@ def note(site, token, jobs):
 
 
 def _append(descriptor, data, size):
-    """Appends all of the data to a file of this size, or nothing, because half a line could match another backup."""
+    """Appends all of the data to a file of `size` bytes, or nothing, because half a line could match another backup."""
     try:
         if os.write(descriptor, data) != len(data):
             raise OSError(errno.ENOSPC, "No space left for the list of unfinished backups")

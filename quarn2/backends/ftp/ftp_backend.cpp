@@ -174,7 +174,7 @@ bool FtpBackend::IsFull(const Outcome& outcome, const ftp::TemporaryName& tempor
 // Returns true if the storage has too little free space for an upload of `size` bytes. Queries the
 // free space with AVBL, which few servers support. On other servers, uploads a small probe file
 // while the unfinished upload still occupies its space. If the server has already removed the
-// unfinished upload, its reply to ALLO decides.
+// unfinished upload, the function uses the server's reply to ALLO instead.
 bool FtpBackend::IsRoomShort(const ftp::TemporaryName& temporary, std::int64_t size) {
     const std::vector<Reply> replies = session_.Commands(
         {"TYPE I", "SIZE " + temporary.path(), "AVBL " + kro_file::Path(temporary.path()),

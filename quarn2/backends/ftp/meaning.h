@@ -17,8 +17,8 @@ enum class Meaning { kDone, kUnauthorized, kNoRoom, kNotFound, kUnavailable, kFa
 Meaning MeaningOf(const Reply& reply);
 
 // Returns the error kind that the backend throws for a refusal. There is no error kind for a full
-// storage, because Put() reports a full storage by returning false. KindOf() then returns
-// kUnavailable or kFailed.
+// storage, because Put() reports a full storage by returning false. For such a refusal, KindOf()
+// returns kUnavailable or kFailed.
 kro_err::Kind KindOf(const Reply& reply);
 
 // Returns true if the reply means that the storage is full.

@@ -108,7 +108,8 @@ void Session::SetProtocol(bool tls) {
     // Send full paths in all commands, so that no change of the directory is necessary before a
     // transfer.
     handle_.Set(CURLOPT_FTP_FILEMETHOD, CURLFTPMETHOD_NOCWD);
-    // Ignore the proxies in the environment variables, because they do not support FTP.
+    // Ignore the proxies in the environment variables, because the program does not use FTP over an
+    // HTTP proxy.
     handle_.Set(CURLOPT_PROXY, "");
 }
 

@@ -16,8 +16,8 @@ namespace quarn2::ftp {
 namespace {
 
 // Sets or clears TCP_CORK of a socket. With TCP_CORK the kernel delays small writes until TCP_CORK
-// is cleared, but at most for the retransmission timeout, which is at least 200 ms and about three
-// round trips.
+// is cleared, or until the retransmission timeout has passed. This timeout is at least 200 ms and
+// about three round trips.
 void Cork(curl_socket_t socket, bool corked) noexcept {
     const int value = corked ? 1 : 0;
     setsockopt(socket, IPPROTO_TCP, TCP_CORK, &value, sizeof value);
@@ -76,7 +76,8 @@ int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size
 int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
                         curl_off_t /*up_total*/, curl_off_t up) {
     auto& session = *static_cast<Session*>(self);
-    // Before the first byte of data, libcurl's own timeouts for connecting and for replies apply.
+    // Does nothing before the first byte of data, because libcurl's own timeouts for connecting and
+    // for replies apply until then.
     if (down + up != session.moved_ || down + up == 0) session.Moved();
     session.moved_ = down + up;
     const auto still = kro_date::SteadyClock::now() - session.moved_at_;

@@ -234,8 +234,8 @@ void Tree::RemoveDirectory(const std::string& name) {
     const auto [above, last] = kro_file::SplitPath(name);
     for (const Entry& entry : ListOrNothing(above)) {
         if (entry.name != last || entry.type == Entry::Type::kFile) continue;
-        // The name is a directory or a link to a directory. RemoveBatch removes a link to a
-        // directory, which some servers list as a directory.
+        // The name can be a link to a directory, because some servers list such a link as a
+        // directory. RemoveBatch removes the link itself.
         if (Look(name) != Found::kDirectory) continue;
         RemoveBatch(above, {&entry, 1}, 0);
     }

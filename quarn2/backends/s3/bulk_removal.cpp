@@ -20,8 +20,8 @@ using kro_err::Kind;
 
 constexpr const char* kDoing = "cannot remove files";
 
-// If a directory contains at most this number of the names, each name is checked with a separate
-// request. Otherwise the directory is listed.
+// If a directory contains at most this number of the names to remove, each of these names is
+// checked with a separate request. Otherwise the directory is listed.
 constexpr std::size_t kFewNames = 3;
 // The minimum number of names per page of a directory listing. If the listing has more pages, one
 // request per name is cheaper.

@@ -262,8 +262,8 @@ PartsUpload::Outcome PartsUpload::Complete() {
     try {
         return OutcomeOf(service_.Ask(std::move(call)));
     } catch (const Error& error) {
-        // If only the response was lost, the server has completed the upload, and the file is
-        // stored.
+        // Checks whether the file is stored, because the server may have completed the upload
+        // although its response was lost.
         if (error.kind() != Kind::kUnavailable || !IsStored()) throw;
         return Outcome::kStored;
     }

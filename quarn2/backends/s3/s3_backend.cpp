@@ -104,7 +104,8 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     try {
         reply = service_.Ask(std::move(call));
     } catch (const Error& error) {
-        // If only the response was lost, the server has stored the file.
+        // Checks whether the file is stored, because the server may have stored it although its
+        // response was lost.
         if (error.kind() != Kind::kUnavailable || !IsStored(key, source.size(), hash)) throw;
         return true;
     }

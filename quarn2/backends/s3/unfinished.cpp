@@ -71,8 +71,8 @@ bool RunningUpload::IsRunning(const std::string& id) {
 void Unfinished::AbortOf(const std::string& key) {
     known_.erase(key);
     std::vector<UnfinishedUpload> uploads = List(key);
-    // Remove the uploads of longer keys that begin with `key`, because the listing also contains
-    // them.
+    // Removes the uploads of other, longer keys from the list, because the listing contains the
+    // uploads of all keys that begin with `key`.
     std::erase_if(uploads, [&key](const UnfinishedUpload& upload) { return upload.key != key; });
     Abort(uploads);
 }
@@ -167,8 +167,8 @@ void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
 }
 
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
-    // If the first attempt takes longer than this, no second attempt to abort the upload is made,
-    // because it would probably take as long.
+    // The maximum duration of a first attempt that is followed by a second one. After a longer
+    // attempt, the second one would probably take as long.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = kro_date::SteadyClock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {

@@ -21,8 +21,8 @@ using kro_err::Kind;
 // data that arrives out of order.
 constexpr std::uint64_t kMaxInFlight = 6UL * 1024 * 1024;
 constexpr int kAttempts = 5;
-// Maximum number of outstanding reads. Only a server whose replies contain less than 1 KiB on
-// average exceeds this limit.
+// Maximum number of outstanding reads. Only a server that returns less than 1 KiB per reply on
+// average reaches this limit.
 constexpr std::size_t kMaxPieces = 10'000;
 constexpr std::uint64_t kMaxFileSize = std::numeric_limits<std::int64_t>::max();
 
@@ -188,8 +188,8 @@ class Downloader {
 
     void Close() { session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_)))); }
 
-    // Restores the old file after an interrupted replacement, which has renamed it to its displaced
-    // name. Returns true if the old file has its name again.
+    // Restores the old file after an interrupted replacement, which has renamed it to a hidden name
+    // (see DisplacedPath). Returns true if the old file has its name again.
     bool Recover() {
         if (session_.Offers("posix-rename@openssh.com")) return false;
         Request request(Type::kRename);

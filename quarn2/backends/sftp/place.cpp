@@ -30,7 +30,8 @@ std::string Place::PathOf(const std::string& name) const {
 
 std::vector<std::string> TemporaryPaths(const std::string& path) {
     std::vector<std::string> paths = {Wrapped(path, 1)};
-    // Skip 2, because DisplacedPath() uses TemporaryName() twice for the displaced file.
+    // Skip the number 2, because DisplacedPath() applies TemporaryName() twice for the displaced
+    // file.
     for (int times = 3; times < kTemporaryNames + 2; ++times) {
         std::string next = Wrapped(path, times);
         if (kro_file::Name(next).size() > kMaxNameLength) break;

@@ -14,8 +14,8 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::uint32_t kVersion = 3;
-// The number of data bytes that every server must accept in one packet, and the number above which
-// larger packets do not increase the speed.
+// The number of data bytes that every server must accept in one packet. Larger packets do not
+// increase the speed.
 constexpr std::size_t kSmallPiece = 32UL * 1024;
 constexpr std::size_t kLargePiece = 255UL * 1024;
 // The maximum length of a reply. The largest data reply that the program requests is shorter. A

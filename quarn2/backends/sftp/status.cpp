@@ -30,7 +30,7 @@ constexpr Row kRows[] = {
     {Code::kConnectionLost, Failure::kUnavailable},
     {Code::kInvalidHandle, Failure::kUnavailable},
     // A file system becomes read-only after a disk error, and writable again when the disk has been
-    // repaired.
+    // repaired, so a later attempt may succeed.
     {Code::kWriteProtected, Failure::kUnavailable},
     {Code::kNoMedia, Failure::kUnavailable},
     {Code::kLockConflict, Failure::kUnavailable},

@@ -252,7 +252,8 @@ class Uploader {
 
     // Removes the temporary file after the server has opened it with the predicted handle and has
     // refused to write to it. A server that executes requests in parallel refuses a write if it has
-    // not opened the file yet. If the storage is full, the second attempt detects this.
+    // not opened the file yet. The upload is then repeated without a prediction. If the storage is
+    // full, the repeated upload detects this.
     void TakeBackEarly() {
         session_.handle_guess().Refuted();
         DropEarly();
