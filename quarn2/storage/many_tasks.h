@@ -23,7 +23,7 @@ namespace quarn2 {
 
 struct ManyTask {
     // Performs the operation with this backend, on any thread. Throws kro_err::Error when the
-    // operation fails. The observer is null when nobody watches the progress.
+    // operation fails. The observer is null when the caller does not observe the progress.
     std::function<void(StorageBackend&, TransferObserver*)> run;
     // Receives the result on the thread of the caller.
     std::function<void(const FileError&)> report;
