@@ -6,6 +6,7 @@
 
 #include "kro/kro_date.h"
 #include "kro/str.h"
+#include "report_output.h"
 #include "report_text.h"
 
 namespace {
@@ -38,24 +39,21 @@ std::string ValuesText(const Event& event, const Names& names) {
     return text;
 }
 
-// The name of the event in words, padded with blanks to the length of the longest name.
-std::string KindText(EventKind kind) {
+// The name of the event, padded with blanks to the length of the longest name.
+std::string PaddedText(EventKind kind) {
     constexpr std::size_t kWidth = std::string_view("deletion failed").size();
-    std::string text = NameOf(kind);
-    std::replace(text.begin(), text.end(), '-', ' ');
+    std::string text = TextOf(kind);
     text.resize(std::max(text.size(), kWidth), ' ');
     return text;
 }
 
-kro_json::Value OrNull(const std::string& text) {
-    return text.empty() ? kro_json::Value() : kro_json::Value(text);
-}
-
-kro_json::Value OrNull(std::optional<std::int64_t> number) {
-    return number ? kro_json::Value(*number) : kro_json::Value();
-}
-
 }  // namespace
+
+std::string TextOf(EventKind kind) {
+    std::string text = NameOf(kind);
+    std::replace(text.begin(), text.end(), '-', ' ');
+    return text;
+}
 
 const char* TextOf(RemovalReason reason) noexcept {
     switch (reason) {
@@ -96,7 +94,7 @@ std::string LocalTime(std::int64_t time) {
 
 std::string EventLine(const Event& event, const Names& names) {
     const std::string backup = str::Append(names.User(event.user), names.Date(event.date), " ");
-    std::string line = LocalTime(event.time) + "  " + KindText(event.kind) + "  ";
+    std::string line = LocalTime(event.time) + "  " + PaddedText(event.kind) + "  ";
     line += str::Append(backup, ValuesText(event, names), ": ");
     line.erase(line.find_last_not_of(' ') + 1);
     return Escaped(line);

@@ -7,6 +7,9 @@
 #include "quarn2_cp2_event.h"
 #include "report_names.h"
 
+// The name of the event in words, such as "deletion failed".
+std::string TextOf(EventKind kind);
+
 // The reason in words, such as "space for an upload". "" when there is no reason.
 const char* TextOf(RemovalReason reason) noexcept;
 

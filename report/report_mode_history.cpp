@@ -1,9 +1,11 @@
-// --history: the events, in the order in which they were written.
+// --history: the events, in the order in which they were written, and their sums.
 
 #include "kro/str.h"
 #include "quarn2_cp2_event_log.h"
 #include "report_event.h"
 #include "report_modes.h"
+#include "report_sums.h"
+#include "report_text.h"
 
 namespace {
 
@@ -42,21 +44,88 @@ EventFilter FilterOf(const Options& options) {
     return filter;
 }
 
+std::string SizeOrDash(std::optional<std::int64_t> size) { return size ? SizeText(*size) : "-"; }
+
+void AddRow(Table& table, const std::string& user, const EventSum& sum) {
+    table.Add({Escaped(user), TextOf(sum.key.kind), TextOf(sum.key.reason), str::Str(sum.events),
+               SizeOrDash(sum.size)});
+}
+
+// The sums of all users follow those of each user, unless there is only one user.
+std::string SumsText(const EventSums& events, const Names& names) {
+    constexpr std::size_t kEventsColumn = 3;
+    constexpr std::size_t kSizeColumn = 4;
+    const std::vector<EventSum> sums = events.Sums();
+    if (sums.empty()) return "";
+    Table table({kEventsColumn, kSizeColumn});
+    table.Add({"user", "event", "reason", "events", "size"});
+    for (const EventSum& sum : sums) {
+        AddRow(table, sum.key.user.empty() ? "(no user)" : names.User(sum.key.user), sum);
+    }
+    if (sums.front().key.user != sums.back().key.user) {
+        for (const EventSum& sum : events.Totals()) AddRow(table, "(all users)", sum);
+    }
+    return table.Text(0);
+}
+
+void WriteSumsJson(const EventSums& events, const Names& names) {
+    for (const EventSum& sum : events.Sums()) {
+        Output::Json({{"user", OrNull(names.User(sum.key.user))},
+                      {"event", NameOf(sum.key.kind)},
+                      {"reason", OrNull(NameOf(sum.key.reason))},
+                      {"events", sum.events},
+                      {"size", OrNull(sum.size)}});
+    }
+}
+
+// Writes each event, or only their sums (--sums).
+class History {
+  public:
+    explicit History(const Site& site) : options_(site.options), names_(site.names) {}
+
+    void Take(const Event& event) {
+        has_events_ = true;
+        const bool are_sums_shown = options_.has_only_sums || !options_.is_json;
+        if (are_sums_shown) sums_.Add(event);
+        if (options_.has_only_sums) return;
+        if (options_.is_json) {
+            Output::Json(EventJson(event, names_));
+        } else {
+            Output::Text(EventLine(event, names_) + "\n");
+        }
+    }
+
+    void Finish() const {
+        if (options_.is_json) {
+            WriteSumsJson(sums_, names_);
+            return;
+        }
+        const std::string sums = SumsText(sums_, names_);
+        if (!has_events_) {
+            Output::Text("no events are known here\n");
+        } else if (options_.has_only_sums) {
+            Output::Text(sums.empty() ? "the events contain nothing to add up\n" : sums);
+        } else if (!sums.empty()) {
+            Output::Text("\n" + sums);
+        }
+    }
+
+  private:
+    const Options& options_;
+    const Names& names_;
+    EventSums sums_;
+    bool has_events_ = false;
+};
+
 }  // namespace
 
 void RunHistory(Site& site) {
     BrokenLines broken(site.output);
-    bool any = false;
-    const auto show = [&](const Event& event) {
-        any = true;
-        if (site.options.is_json) {
-            Output::Json(EventJson(event, site.names));
-        } else {
-            Output::Text(EventLine(event, site.names) + "\n");
-        }
-    };
-    ReadEvents(kEventsPath, FilterOf(site.options), show,
-               [&broken](const BrokenLine& line) { broken.Take(line); });
+    History history(site);
+    ReadEvents(
+        kEventsPath, FilterOf(site.options),
+        [&history](const Event& event) { history.Take(event); },
+        [&broken](const BrokenLine& line) { broken.Take(line); });
     broken.FindRest();
-    if (!any && !site.options.is_json) Output::Text("no events are known here\n");
+    history.Finish();
 }

@@ -65,10 +65,6 @@ std::string UserText(const Site& site, const UserBackups& group) {
     return Escaped(user) + "\n" + table.Text(kIndent);
 }
 
-kro_json::Value OrNull(const std::string& text) {
-    return text.empty() ? kro_json::Value() : kro_json::Value(text);
-}
-
 // The info file can contain the name of any archive. The report shows only the file name of an
 // archive that does not belong to the backup, because its directory can have the name of a user.
 std::string ArchiveText(const Site& site, const Backup& backup) {

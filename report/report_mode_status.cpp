@@ -199,14 +199,6 @@ void WriteText(const Site& site, const Status& status) {
     Output::Text(table.Text(0));
 }
 
-kro_json::Value OrNull(std::optional<std::int64_t> number) {
-    return number ? kro_json::Value(*number) : kro_json::Value();
-}
-
-kro_json::Value OrNull(const std::string& text) {
-    return text.empty() ? kro_json::Value() : kro_json::Value(text);
-}
-
 kro_json::Object ServerJson(const ServerReport& server) {
     const bool runs = server.status == ServerStatus::kRuns;
     return {

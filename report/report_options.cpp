@@ -30,6 +30,7 @@ void DeclareOptions(kro_args::Args& args) {
         .AddOption("history", kNoLetter, "the events: what was stored, completed, refused and deleted, and why")
             .SetGroup(mode)
             .AddSuboption("since", kNoLetter, "only the events from this day on").SetParam()
+            .AddOption("sums", kNoLetter, "only the sums of completions, refusals and deletions, by user and reason")
             .Last()
         .AddOption("plan", kNoLetter, "which backups a server would delete, in order, and why it would keep the others")
             .SetGroup(mode)
@@ -198,6 +199,7 @@ Options ParseOptions(int argc, char** argv) {
     options.user = args->Param("user");
     TakeVerifyOptions(options, *args.GetResult());
     options.since = args->Param("since");
+    options.has_only_sums = args->Has("sums");
     options.bytes = ParseBytes(args->Param("bytes"));
     ParseFor(options, args->Param("for"));
     options.is_json = args->Has("json");

@@ -21,6 +21,7 @@ struct Options {
     int max_age_hours = kDefaultMaxAgeHours;
     int min_days = 0;   // the minimum number of days that the limit must keep (--check); 0: none
     std::string since;  // the first local day of --history; empty: all days
+    bool has_only_sums = false;         // --history shows the sums instead of the events
     std::optional<std::int64_t> bytes;  // the size of the upload of --plan
     std::string for_user;               // the user of the planned backup; empty: none
     bool is_for_full = false;           // the planned backup is a full one

@@ -17,6 +17,14 @@ void Write(std::string_view text) {
 
 }  // namespace
 
+kro_json::Value OrNull(const std::string& text) {
+    return text.empty() ? kro_json::Value() : kro_json::Value(text);
+}
+
+kro_json::Value OrNull(std::optional<std::int64_t> number) {
+    return number ? kro_json::Value(*number) : kro_json::Value();
+}
+
 void Output::Text(const std::string& text) { Write(text); }
 
 void Output::Json(kro_json::Object object) {

@@ -1,12 +1,19 @@
 // The output of all modes: lines on standard output, findings on standard error.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "kro/kro_json.h"
+
+// The text as a value of JSON, or null when it is empty.
+kro_json::Value OrNull(const std::string& text);
+
+// The number as a value of JSON, or null when it is not set.
+kro_json::Value OrNull(std::optional<std::int64_t> number);
 
 class Output {
   public:

@@ -33,12 +33,44 @@ class History(ReportTest):
         self.assertEqual([("server-started", None, None), ("deletion-begun", "web1", "size-reserve"),
                           ("deleted", "web1", "size-reserve"), ("completed", "web2", None), ("server-ended", None, None)],
                          [(one["event"], one["user"], one["reason"]) for one in found if one["event"] != "stored"])
-        lines = self.fine("--history").splitlines()
+        lines, sums = (text.splitlines() for text in self.fine("--history").split("\n\n"))
         self.assertEqual(len(found), len(lines))
         self.assertRegex(lines[1 if "deletion begun" in lines[1] else 2], "web1 " + day(-14))
         self.assertEqual(1, sum(" deleted " in line and "full, 2.00 kB, space for an upload, used 2.00 kB of 5.00 kB" in
                                 line for line in lines))
+        self.assertEqual([["user", "event", "reason", "events", "size"],
+                          ["web1", "deleted", "space", "for", "an", "upload", "1", "2.00", "kB"]],
+                         [line.split() for line in sums[:2]])
         self.assertEqual(["web2"] * (len(found) - 4), [one["user"] for one in self.objects("--history", "--user", "web2")])
+
+    def test_sums_are_by_user_and_reason(self):
+        self.assertEqual("no events are known here\n", self.fine("--history", "--sums"))
+        self.write_events(self.event("stored", 0, user="web1", size=9))
+        self.assertEqual("the events contain nothing to add up\n", self.fine("--history", "--sums"))
+        self.assertEqual([], self.objects("--history", "--sums"))
+        self.write_events(self.event("deleted", -9, user="web1", reason="asked", size=5000),
+                          self.event("deleted", 0, user="web1", reason="asked", size=2000),
+                          self.event("deleted", 0, user="web1", reason="count-full", size=500),
+                          self.event("completed", 0, user="web2", size=700),
+                          self.event("refused", 0, user="web1"))
+        since = ["--history", "--sums", "--since", DATE]
+        self.assertEqual("user         event      reason                                  events     size\n"
+                         "web1         refused                                                 1        -\n"
+                         "web1         deleted    more full backups than the count limit       1    500 B\n"
+                         "web1         deleted    named by --delete                            1  2.00 kB\n"
+                         "web2         completed                                               1    700 B\n"
+                         "(all users)  completed                                               1    700 B\n"
+                         "(all users)  refused                                                 1        -\n"
+                         "(all users)  deleted    more full backups than the count limit       1    500 B\n"
+                         "(all users)  deleted    named by --delete                            1  2.00 kB\n", self.fine(*since))
+        self.assertEqual([{"user": "web1", "event": "refused", "reason": None, "events": 1, "size": None},
+                          {"user": "web1", "event": "deleted", "reason": "count-full", "events": 1, "size": 500},
+                          {"user": "web1", "event": "deleted", "reason": "asked", "events": 1, "size": 2000},
+                          {"user": "web2", "event": "completed", "reason": None, "events": 1, "size": 700}],
+                         self.objects(*since))
+        self.assertNotIn("web1", self.fine(*since, "--anonymous") + self.fine(*since, "--anonymous", "--json"))
+        self.assertEqual(["web2"], [one["user"] for one in self.objects(*since, "--user", "web2")])
+        self.assertNotIn("(all users)", self.fine(*since, "--user", "web1"))
 
     def test_broken_lines_are_named_and_the_rest_is_shown(self):
         self.write_events(self.event("stored", 0, user="web1"), path=self.events + ".1", more=b"junk\n")
@@ -75,9 +107,10 @@ class History(ReportTest):
             text = name.decode(errors="replace")
             self.write_events(self.event("x\x1b", 0, user=text, date=text, type=text, node=text, storage=text, detail=text,
                                          reason="y"))
+            self.write_events(self.event("refused", 0, user=text), path=self.events + ".1")
             for character in self.fine("--history").replace("\n", ""):
                 self.assertTrue(character.isprintable(), repr(character))
-            found, = self.objects("--history")
+            _, found = self.objects("--history")
             self.assertEqual(("unknown", "unknown", text), (found["event"], found["reason"], found["user"]))
         self.write_events(self.event("refused", 0, user="web7", date="web7", storage="web7", detail="x/F.web7.tgz: web7"))
         for arguments in ([], ["--json"]):
