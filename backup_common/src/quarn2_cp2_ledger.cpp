@@ -235,7 +235,8 @@ std::vector<std::string> Ledger::Names() const {
     try {
         if (HasDirectory()) names = kro_file::NamesIn(directory_);
     } catch (const kro_err::Error& error) {
-        KRO_LOG(kLog, 4, "Cant read the ledger '%s'. What: %s", directory_.c_str(), error.what());
+        KRO_LOG(kLog, 4, "Cannot read the ledger directory '%s': %s", directory_.c_str(),
+                error.what());
     }
     std::erase_if(names, [](const std::string& name) {
         return name == kLockFile || kro_file::IsTemporaryName(name);

@@ -297,8 +297,8 @@ void CleanUp(const std::string& dir) {
         done.erase(found);
         return true;
     });
-    // Keeps the entries while a line remains in the list, because they distinguish backups with the
-    // same prefix.
+    // The ledger entries stay until no line is left in the list, because a line contains only a
+    // prefix, and the entries show which of the backups with this prefix it means.
     if (is_any_left) return;
     for (const std::string& name : ended) OwnLedger().End(name);
 }

@@ -76,9 +76,9 @@ std::string JoinWithOwnSize(quarn2::InfoMap& info) {
     }
 }
 
-// Records in the ledger that the info file is being uploaded. The local info file has "finished"
-// before the storage has the file, so the entry shows that the backup is not complete yet. The node
-// client ends the entry when the backup is complete.
+// Records in the ledger that the info file is being uploaded. The local info file already contains
+// the key "finished" before it is on the storage, so only the ledger entry shows that the backup is
+// not complete yet. The node client removes the entry when the backup is complete.
 void RecordInfo(const std::string& file, const std::string& local_info, const std::string& text,
                 const quarn2::InfoMap& info) {
     const Ledger ledger = OwnLedger();

@@ -26,7 +26,7 @@ class Upload {
     using Record = std::unique_ptr<SliceRecord>;
 
     // Takes the upload lock (see SliceRecord::Hold) and starts a thread, which uploads the file and
-    // ends the record.
+    // records the result.
     void Run(Record record);
 
     // Waits until the upload thread has ended. When the upload failed, throws the exception of the
@@ -42,7 +42,8 @@ class Upload {
     // fails without another attempt and the source file is not removed.
     void Put();
 
-    // The thread's body: calls Put and ends the record.
+    // The thread's body: calls Put, and then records in the ledger that the slice is stored,
+    // refused or abandoned.
     void operator()();
 
     // True when the storage has the file. False after the server has refused to free space, even

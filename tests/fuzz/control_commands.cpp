@@ -1,9 +1,10 @@
-// Both sides of the control socket. A node client serves an arbitrary command: it removes a local
-// file only if the storage has its content, and the waiting command can parse the answer. On the
-// other side, the put command accepts no answer without a valid name and size.
+// Fuzz target: both sides of the control socket. A node client serves an arbitrary command. The
+// target checks that the client removes a local file only if the storage has its content, and that
+// the waiting command can parse the answer. On the other side, it checks that the put command
+// accepts no answer without a valid name and size.
 //
-// The first byte selects the answer of the server on the master link. The command follows. If the
-// first byte is "?", the rest is an answer to the put command.
+// Input: the first byte selects the answer of the server on the master link. The command follows.
+// If the first byte is "?", the rest is an answer to the put command.
 #include <unistd.h>
 
 #include <csignal>
@@ -65,7 +66,8 @@ std::string Frame(const std::string& text) {
     return std::string(reinterpret_cast<const char*>(&length), sizeof length) + text;
 }
 
-// A master link that contains all answers of the server before the client sends a line.
+// A master link whose pipe already contains all answers of the server when the client sends its
+// first line.
 class Link {
   public:
     explicit Link(unsigned how) {

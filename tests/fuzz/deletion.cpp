@@ -1,10 +1,11 @@
-// Deletion of a backup with an arbitrary info file, as a storage may return it. For all names in
-// the file, the deletion removes no local file outside of the backup's own folder. It removes the
-// info file of another backup only if the given info file names that backup's user. If the given
-// info file contains only "last-slice", a successful deletion removes this slice from the storage.
+// Fuzz target: the deletion of a backup with an arbitrary info file, as a storage may return it.
+// The target checks that, for all names in the file, the deletion removes no local file outside of
+// the backup's own folder, and the info file of another backup only if the given info file names
+// the user of that backup. It also checks that, if the given info file contains only "last-slice",
+// a successful deletion removes this slice from the storage.
 //
-// The first byte selects the directory of the info file: "d" the backup's own directory, any other
-// the info root, which also contains other backups.
+// Input: the first byte selects the directory of the info file: "d" the backup's own directory, any
+// other the info root, which also contains other backups. The info file follows.
 #include <fstream>
 #include <sstream>
 

@@ -1,9 +1,9 @@
-// Encrypted files. For all responses of a storage, a download fails or returns exactly the stored
-// content. It never outputs data that were not stored.
+// Fuzz target: encrypted files. The target checks that, for all responses of a storage, a download
+// fails or returns exactly the stored content, and never outputs data that were not stored.
 //
-// The target builds the sealed file itself, as the format is documented, with a key derivation
-// cheap enough for many inputs. A download does not decrypt a file that does not begin with the
-// magic number: the file was stored before a password was set.
+// The target builds the encrypted file itself, in the documented format, with a key derivation that
+// is fast enough for many inputs. A download does not decrypt a file that does not begin with the
+// magic number, because such a file was stored before a password was set.
 #include <algorithm>
 #include <memory>
 #include <optional>

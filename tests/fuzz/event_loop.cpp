@@ -1,6 +1,6 @@
-// The event loop, with workers that are added, removed and suspended, and that close each other's
-// descriptors in any order. The loop never calls a removed worker, and calls each worker with its
-// own descriptor.
+// Fuzz target: the event loop. Its workers are added, removed and suspended, and close each other's
+// descriptors in any order. The target checks that the loop never calls a removed worker, and calls
+// each worker with the worker's own descriptor.
 #include <poll.h>
 #include <unistd.h>
 

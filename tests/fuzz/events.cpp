@@ -1,8 +1,10 @@
-// Lines of the events file. A parsed event is written as one line, and parsing this line returns
-// the same event, except that long texts are cut. After any content of the file, the reader still
-// finds an event that the program appends.
+// Fuzz target: lines of the events file. The target checks that a parsed event is written as one
+// line, and that parsing this line returns the same event, except that long texts are truncated. It
+// also checks that, after any content of the file, the reader still finds an event that the program
+// appends.
 //
-// The first byte: "f" if the rest is the content of an events file, any other if it is one line.
+// Input: the first byte is "f" if the rest is the content of an events file, any other if it is one
+// line.
 #include <fstream>
 #include <limits>
 #include <vector>

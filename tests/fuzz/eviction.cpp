@@ -1,8 +1,8 @@
-// Compares the program's eviction with a simple implementation of the same rules, simple_rules.h.
-// From the same records, both implementations evict the same backups in the same order, and the
-// remaining backups can be restored.
+// Fuzz target: the eviction. The target compares the program with a simple implementation of the
+// same rules, simple_rules.h. It checks that, from the same records, both evict the same backups in
+// the same order, and that the remaining backups can be restored.
 //
-// The input creates users with records, and then selects the operations on them.
+// Input: it creates users with records, and then selects the operations on them.
 #include <algorithm>
 #include <map>
 #include <vector>

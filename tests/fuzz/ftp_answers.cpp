@@ -1,9 +1,9 @@
-// Replies of FTP servers. A transcript stores no argument of a command and limits the length of
-// texts. A name in a listing is a valid name of a directory entry, and is a part of the listing's
-// text.
+// Fuzz target: the parsers of FTP replies. The target checks that a transcript contains no argument
+// of a command and only texts of limited length, and that each name in a listing is a valid name of
+// a directory entry and occurs in the text of the listing.
 //
-// The first byte: "t" a transcript (a line that begins with ">" was sent), "m" a machine-readable
-// listing, "l" a human-readable listing.
+// Input: the first byte is "t" for a transcript (a line that begins with ">" was sent), "m" for a
+// machine-readable listing, "l" for a human-readable listing.
 #include <algorithm>
 
 #include "backends/ftp/listing.h"

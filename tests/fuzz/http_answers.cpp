@@ -1,9 +1,10 @@
-// Servers that send arbitrary bytes through libcurl, including headers and replies to commands: S3,
-// WebDAV and FTP storages as the program opens them. A download outputs the promised number of
-// bytes or fails, a listing returns only valid names, and no operation waits forever.
+// Fuzz target: servers that send arbitrary bytes through libcurl, including headers and replies to
+// commands. The target opens S3, WebDAV and FTP storages as the program does. It checks that a
+// download outputs the promised number of bytes or fails, that a listing returns only valid names,
+// and that no operation waits forever.
 //
-// The first byte selects the storage and the operation. Then follow the bytes that the server sends
-// on each connection, separated by "\n====\n". Further connections are refused.
+// Input: the first byte selects the storage and the operation. Then follow the bytes that the
+// server sends on each connection, separated by "\n====\n". Further connections are refused.
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>

@@ -1,6 +1,6 @@
-// Info files. A second, simpler parser returns the same values. Parsing a written info file returns
-// the values that were written. No text raises the limit or the free space of a server's account
-// above the configured size limit.
+// Fuzz target: info files. The target checks that a second, simpler parser returns the same values,
+// and that parsing a written info file returns the values that were written. It also checks that no
+// text raises the limit or the free space of a server's account above the configured size limit.
 #include <sys/mman.h>
 #include <unistd.h>
 

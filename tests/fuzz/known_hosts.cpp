@@ -1,5 +1,6 @@
-// Files of trusted host keys. A key that is revoked for all hosts and a key without a line are
-// never trusted. A line of a certificate authority makes no key trusted.
+// Fuzz target: files of trusted host keys. The target checks that a key that is revoked for all
+// hosts and a key without a line are never trusted, and that a line of a certificate authority
+// makes no key trusted.
 #include "backends/sftp/known_hosts.h"
 
 #include <algorithm>

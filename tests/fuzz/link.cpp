@@ -1,9 +1,10 @@
-// Both sides of the master link. The server's session: the result does not depend on how the bytes
-// are split, every answer is a complete frame, and no line creates free space or leads to a path
-// outside of the info root. The node client: it reads a frame exactly or rejects it.
+// Fuzz target: both sides of the master link. For the server's session, the target checks that the
+// result does not depend on how the bytes are split, that every answer is a complete frame, and
+// that no line creates free space or leads to a path outside of the info root. For the node client,
+// it checks that the client reads a frame exactly or rejects it.
 //
-// The first byte: "0" a client of this machine, "1" of another machine, "2" frames for a node
-// client.
+// Input: the first byte is "0" for a client of this machine, "1" for a client of another machine,
+// "2" for frames that a node client reads.
 #include <unistd.h>
 
 #include <csignal>

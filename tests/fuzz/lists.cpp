@@ -1,9 +1,10 @@
-// The lists beside info files. ".cleanup": the name of each removed file contains the prefix of a
-// line, and a line whose removal failed stays in the list. ".encrypted_indexes": the list contains
-// each removed file, and the other entries stay.
+// Fuzz target: the lists beside info files. For ".cleanup", the target checks that the name of each
+// removed file contains the prefix of a line, and that a line whose removal failed stays in the
+// list. For ".encrypted_indexes", it checks that the list contains each removed file, and that the
+// other entries stay.
 //
-// The first byte: "e" for ".encrypted_indexes", any other for ".cleanup". The target skips a
-// ".cleanup" with a valid token that names another storage than the one in memory.
+// Input: the first byte is "e" for ".encrypted_indexes", any other for ".cleanup". The target skips
+// a ".cleanup" with a valid token that names another storage than the one in memory.
 #include <algorithm>
 #include <array>
 #include <fstream>

@@ -1,5 +1,6 @@
-// Names from a listing, a command line or an info file. No accepted name leads out of a root.
-// Functions that shorten a name never cut into its directory.
+// Fuzz target: names from a listing, a command line or an info file. The target checks that no
+// accepted name leads out of a root, and that functions that shorten a name never truncate its
+// directory.
 #include "quarn2/names.h"
 
 #include <algorithm>

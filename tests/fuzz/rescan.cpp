@@ -1,10 +1,10 @@
-// A rescan of a storage that returns arbitrary listings and contents. For all names, the rescan
-// changes nothing outside of the info root and of the directory for removed files, and each fetched
-// file has a valid name.
+// Fuzz target: a rescan of a storage that returns arbitrary listings and contents. The target
+// checks that, for all names, the rescan changes nothing outside of the info root and of the
+// directory for removed files, and that each downloaded file has a valid name.
 //
-// The lines of the input are the responses of the storage. Each listing and each fetched file
-// consumes the lines up to the next empty line. The first byte selects the info root:
-// "p" that of a user below var/backup, any other a plain one.
+// Input: its lines are the responses of the storage. Each listing and each downloaded file consumes
+// the lines up to the next empty line. The first byte selects the info root: "p" that of a user
+// below var/backup, any other a plain one.
 #include <fstream>
 #include <memory>
 #include <set>

@@ -1,7 +1,9 @@
-// Responses of S3 servers. A response that arrives in pieces has the same result as a complete
-// response, the text of a refusal is one line, and a query contains exactly its parameters.
+// Fuzz target: responses of S3 servers. The target checks that a response that arrives in several
+// parts has the same result as a complete response, that the text of a refusal is one line, and
+// that a query contains exactly its parameters.
 //
-// The first byte selects the response. With "q", the rest contains the parameters of a query.
+// Input: the first byte selects the response. With "q", the rest contains the parameters of a
+// query.
 #include <algorithm>
 #include <optional>
 #include <span>

@@ -1,8 +1,9 @@
-// An SFTP server that sends arbitrary bytes. Listings return only valid names of entries, a
-// download outputs the promised number of bytes or fails, and no operation waits forever.
+// Fuzz target: an SFTP server that sends arbitrary bytes. The target checks that listings return
+// only valid names of entries, that a download outputs the promised number of bytes or fails, and
+// that no operation waits forever.
 //
-// The first byte selects the operation; the rest are the server's bytes. A frame with the id 0 gets
-// the id of the oldest unanswered request.
+// Input: the first byte selects the operation; the rest are the server's bytes. A frame with the id
+// 0 gets the id of the oldest unanswered request.
 #include <algorithm>
 #include <deque>
 #include <memory>

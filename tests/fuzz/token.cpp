@@ -1,7 +1,7 @@
-// Storage tokens. The display form of a token contains no secret, even if the token is invalid, and
-// has the same meaning as the token.
+// Fuzz target: storage tokens. The target checks that the display form of a token contains no
+// secret, even if the token is invalid, and has the same meaning as the token.
 //
-// The input is a text; each "\x01" in it is replaced by a made-up secret.
+// Input: a text; each "\x01" in it is replaced by a made-up secret.
 #include "quarn2/token.h"
 
 #include <vector>

@@ -1,6 +1,6 @@
-// Responses of WebDAV servers with status 207. A response that arrives in pieces has the same
-// result as a complete response, no length is negative, and an href maps to a name of the storage
-// or to none.
+// Fuzz target: responses of WebDAV servers with status 207. The target checks that a response that
+// arrives in several parts has the same result as a complete response, that no length is negative,
+// and that an href maps to a name of the storage or to none.
 #include <optional>
 #include <span>
 #include <vector>

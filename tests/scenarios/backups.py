@@ -59,7 +59,7 @@ class Run:
         self.contents = {}  # stored name -> bytes
         self.sources = {}  # path of each slice that the job has written -> its stored name
         self.passwords = {}  # stored name -> arch_password of its latest --put
-        self.plain_sizes = {}  # stored name -> original size, until find_encrypted() has read the encrypted content
+        self.plain_sizes = {}  # stored name -> original size, of files that find_encrypted() has not found yet
         self.folder = os.path.join(root.work, f"r{number}", self.place)
         self.info_folder = os.path.join(root.info_root, self.place)
         self.make(step)
@@ -128,8 +128,9 @@ class Run:
             self.plain_sizes[name] = len(content_of(path))
 
     def find_encrypted(self, storage, earlier):
-        """Reads the encrypted contents of this run from the storage, because only the program can encrypt. Ignores
-        files that belong to `earlier`, the other runs for this backup."""
+        """Reads the encrypted contents of this run from the storage, because only the program can encrypt. Removes
+        each file that it finds from plain_sizes. Ignores files that belong to `earlier`, the other runs for this
+        backup."""
         for name, size in list(self.plain_sizes.items()):
             stored = content_of(os.path.join(storage, name))
             is_other = any(run.contents.get(name) == stored for run in earlier)

@@ -14,8 +14,8 @@ class Removal(Scene):
     staying = ()
 
     def holds_whole(self, stem):
-        """Returns True when the backup has all of its files. Also returns True when the disk stays full, because the
-        program cannot record on such a disk that a deletion has begun."""
+        """Returns True when the backup has all of its files. Also returns True when the disk stays full: the program
+        cannot record on such a disk that a deletion has begun, so missing files are accepted there."""
         return self.fault.lasting or any(backup.stem == stem and backup.is_whole()
                                           for backup in self.backups)
 

@@ -88,7 +88,7 @@ class ReportPlan : public ProgramSite {
         return lines;
     }
 
-    // Starts a server with the test's options. Its account contains the backups below `root`.
+    // Starts a server with the test's options, which counts the backups below `root`.
     GlobalSizeControl::StorageDesc& Start(GlobalSizeControl& control) {
         const ServerLimits limits = ServerLimits::Parse(options_.count_limit, options_.size_limit);
         control.path = "root";
