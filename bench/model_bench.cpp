@@ -121,13 +121,13 @@ class Link {
 
     void Send(const std::string& line) {
         session_.ProcessCommand(line);
-        if (++unread_ == kAnswersAtOnce) TakeAnswers();
+        if (++unread_ == kAnswersAtOnce) ReadAnswers();
     }
 
   private:
     static constexpr int kAnswersAtOnce = 512;
 
-    void TakeAnswers() {
+    void ReadAnswers() {
         std::array<char, 65536> answers{};
         session_.Write(pipe_.second);
         const ssize_t count = read(pipe_.first, answers.data(), answers.size());

@@ -44,7 +44,7 @@ const std::vector<std::string>& Removed() {
 }  // namespace
 
 Archiver::Archiver(const Settings& settings)
-    : program_(settings.command), patience_(settings.patience) {
+    : program_(settings.command), idle_timeout_(settings.idle_timeout) {
     auto [input_read, input_write] = kro_proc::Pipe();
     auto [messages_read, messages_write] = kro_proc::Pipe();
     std::vector<std::string> environment = Removed();
@@ -60,7 +60,7 @@ Archiver::Archiver(const Settings& settings)
     input_ = std::move(input_write);
     messages_ = std::move(messages_read);
     program_.Run();
-    NoteProgress();
+    ExtendDeadline();
 }
 
 Archiver::~Archiver() {
@@ -89,7 +89,7 @@ void Archiver::ReadMessages() {
     const ssize_t count = read(messages_, buffer.data(), buffer.size());
     if (count < 0 && (errno == EAGAIN || errno == EINTR)) return;
     if (count <= 0) return messages_.Reset();
-    NoteProgress();
+    ExtendDeadline();
     text_.append(buffer.data(), static_cast<std::size_t>(count));
     if (text_.size() > kMaxMessages) text_.erase(0, text_.size() - kMaxMessages);
 }
@@ -107,7 +107,7 @@ Archiver::Event Archiver::WaitFor(int fd, short events) {
         if (count < 0) continue;
         if (states[0].revents != 0) ReadMessages();
         if (states[1].revents == 0) continue;
-        NoteProgress();
+        ExtendDeadline();
         return Event::kReady;
     }
     return Event::kEnded;
@@ -131,7 +131,7 @@ bool Archiver::Feed(const std::string& path) {
     if (!file) throw kro_err::FromErrno("Failed to open '" + path + "'");
     std::vector<char> buffer(kBufferSize);
     // The time of a download does not count as time without progress of the program.
-    NoteProgress();
+    ExtendDeadline();
     for (;;) {
         const ssize_t count = read(file, buffer.data(), buffer.size());
         if (count < 0 && errno == EINTR) continue;
@@ -142,7 +142,7 @@ bool Archiver::Feed(const std::string& path) {
 }
 
 std::optional<std::string> Archiver::NextLine(int requests) {
-    NoteProgress();
+    ExtendDeadline();
     for (;;) {
         const std::size_t end = line_.find('\n');
         if (end != line_.npos) {
@@ -160,11 +160,11 @@ std::optional<std::string> Archiver::NextLine(int requests) {
 
 Archiver::Result Archiver::Finish() {
     input_.Close();
-    NoteProgress();
+    ExtendDeadline();
     constexpr int kNoDescriptor = -1;  // poll ignores a negative descriptor
     WaitFor(kNoDescriptor, 0);
     // The program has closed its output or was killed, so it will end soon.
-    if (!was_hung_ && !program_.Wait(static_cast<int>(patience_.count()))) KillHung();
+    if (!was_hung_ && !program_.Wait(static_cast<int>(idle_timeout_.count()))) KillHung();
     const int status = program_.Result();
     return {status, was_hung_, LastLine(text_)};
 }

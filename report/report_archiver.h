@@ -13,19 +13,19 @@
 #include "kro/res_handle.h"
 
 // Runs the program without a shell, without a terminal, and without the storage token in its
-// environment. Kills the program when it makes no progress for `patience`: when it neither reads
-// its input nor writes a message nor requests a slice. The destructor kills a program that still
-// runs.
+// environment. Kills the program when it makes no progress for `idle_timeout`: when it neither
+// reads its input nor writes a message nor requests a slice. The destructor kills a program that
+// still runs.
 class Archiver {
   public:
     // A program without progress for this time is considered hung. The time is sufficient to test a
     // slice of 100 GB, which can be one step of progress.
-    static constexpr std::chrono::minutes kPatience{30};
+    static constexpr std::chrono::minutes kIdleTimeout{30};
 
     struct Settings {
         std::vector<std::string> command;      // the first word is the path of the program
         std::vector<std::string> environment;  // NAME=VALUE
-        std::chrono::milliseconds patience = kPatience;
+        std::chrono::milliseconds idle_timeout = kIdleTimeout;
     };
     struct Result {
         int status = 0;         // the exit status, or 128 + the signal
@@ -59,10 +59,10 @@ class Archiver {
     void ReadMessages();
     void Kill();
     Event KillHung();
-    void NoteProgress() { deadline_ = kro_date::SteadyClock::now() + patience_; }
+    void ExtendDeadline() { deadline_ = kro_date::SteadyClock::now() + idle_timeout_; }
 
     kro_proc::Execute program_;
-    std::chrono::milliseconds patience_;
+    std::chrono::milliseconds idle_timeout_;
     kro_date::SteadyClock::time_point deadline_;
     ResHandle input_;
     ResHandle messages_;  // closed when the program has ended

@@ -128,7 +128,7 @@ void ContentCheck::CheckArchive(const Archive& archive) {
         return;
     }
     ++tested_;
-    Archiver::Settings settings{archive.tester->command, {}, settings_.patience};
+    Archiver::Settings settings{archive.tester->command, {}, settings_.idle_timeout};
     settings.command.front() = program;
     using Input = Tester::Input;
     if (archive.tester->input == Input::kStream) TestStream(archive, settings);
@@ -142,14 +142,14 @@ void ContentCheck::TestStream(const Archive& archive, const Archiver::Settings& 
         Fetch(slice, kLocal);
         if (!archiver.Feed(directory_.PathOf(kLocal))) break;
     }
-    Judge(archive, archiver.Finish());
+    RecordResult(archive, archiver.Finish());
 }
 
 void ContentCheck::TestFile(const Archive& archive, Archiver::Settings settings) {
     Fetch(archive.slices.front(), kLocal);
     settings.command.push_back(directory_.PathOf(kLocal));
     Archiver archiver(settings);
-    Judge(archive, archiver.Finish());
+    RecordResult(archive, archiver.Finish());
 }
 
 void ContentCheck::TestByRequests(const Archive& archive, Archiver::Settings settings) {
@@ -161,7 +161,7 @@ void ContentCheck::TestByRequests(const Archive& archive, Archiver::Settings set
     settings.environment = {"QUARN2_REPORT_DIRECTORY=" + directory_.path()};
     Archiver archiver(settings);
     Serve(archive, archiver, requests.fd(), answers.fd());
-    Judge(archive, archiver.Finish());
+    RecordResult(archive, archiver.Finish());
 }
 
 // Downloads each slice that dar requests. dar reads the last slice first, which contains the
@@ -177,7 +177,7 @@ void ContentCheck::Serve(const Archive& archive, Archiver& archiver, int request
     }
 }
 
-void ContentCheck::Judge(const Archive& archive, const Archiver::Result& result) {
+void ContentCheck::RecordResult(const Archive& archive, const Archiver::Result& result) {
     const std::string program = archive.tester->command.front();
     if (result.was_hung) {
         problems_.push_back({"hung", archive.name,

@@ -22,7 +22,7 @@ class ContentCheck {
     struct Settings {
         // Called when another file has been downloaded.
         std::function<void()> file_done = [] {};
-        std::chrono::milliseconds patience = Archiver::kPatience;
+        std::chrono::milliseconds idle_timeout = Archiver::kIdleTimeout;
     };
     struct Result {
         std::vector<Problem> problems;
@@ -49,7 +49,7 @@ class ContentCheck {
     void TestFile(const Archive& archive, Archiver::Settings settings);
     void TestByRequests(const Archive& archive, Archiver::Settings settings);
     void Serve(const Archive& archive, Archiver& archiver, int requests, int answers);
-    void Judge(const Archive& archive, const Archiver::Result& result);
+    void RecordResult(const Archive& archive, const Archiver::Result& result);
 
     quarn2::Storage& storage_;
     Settings settings_;

@@ -149,7 +149,7 @@ void ParseShare(Options& options, const std::string& text) {
     (is_rotation ? options.content_days : options.content_share) = value;
 }
 
-void TakeVerifyOptions(Options& options, const kro_args::Result& args) {
+void ParseVerifyOptions(Options& options, const kro_args::Result& args) {
     options.has_orphans = args.Has("orphans");
     if (args.Has("content")) ParseShare(options, args.Param("content"));
     if (args.Has("seed")) {
@@ -161,7 +161,7 @@ void TakeVerifyOptions(Options& options, const kro_args::Result& args) {
     }
 }
 
-void TakeChainArguments(Options& options, const kro_args::Result& args) {
+void ParseChainArguments(Options& options, const kro_args::Result& args) {
     if (options.mode != "chain") return;
     if (!options.user.empty()) throw kro_args::UsageError("--chain takes the user as an argument");
     options.user = args.Args(0);
@@ -197,7 +197,7 @@ Options ParseOptions(int argc, char** argv) {
     options.count_limit = args->Param("count-limit");
     options.date = args->Param("date");
     options.user = args->Param("user");
-    TakeVerifyOptions(options, *args.GetResult());
+    ParseVerifyOptions(options, *args.GetResult());
     options.since = args->Param("since");
     options.has_only_sums = args->Has("sums");
     options.bytes = ParseBytes(args->Param("bytes"));
@@ -211,6 +211,6 @@ Options ParseOptions(int argc, char** argv) {
             ParsePositive("min-days", args->Param("min-days"), "a number of days above 0");
     }
     CheckArguments(options, *args.GetResult());
-    TakeChainArguments(options, *args.GetResult());
+    ParseChainArguments(options, *args.GetResult());
     return options;
 }

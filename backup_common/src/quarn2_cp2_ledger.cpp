@@ -136,14 +136,14 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
     completed = kro_date::DateTime::Now().AsDateTime();
 }
 
-void LedgerEntry::LoseSharedFiles() {
+void LedgerEntry::DropSharedFiles() {
     std::erase_if(slices, [](const auto& slice) { return !IsArchive(slice.first); });
     info.clear();
     info_bytes = 0;
     is_unknown = false;
 }
 
-void LedgerEntry::LoseStoredSharedFiles() {
+void LedgerEntry::DropStoredSharedFiles() {
     std::erase_if(slices, [](const auto& slice) {
         return !IsArchive(slice.first) && slice.second.state == SliceState::kStored;
     });
@@ -151,7 +151,7 @@ void LedgerEntry::LoseStoredSharedFiles() {
     info_bytes = 0;
 }
 
-void LedgerEntry::LoseSlices(const std::vector<std::string>& named, std::int64_t bytes) {
+void LedgerEntry::DropSlices(const std::vector<std::string>& named, std::int64_t bytes) {
     for (const std::string& lost : named) {
         const auto slice = slices.find(lost);
         if (slice == slices.end()) continue;
@@ -271,7 +271,7 @@ std::unique_ptr<kro_file::ByteLock> Ledger::LockUploads(const std::string& name)
 
 bool Ledger::IsUploading(const std::string& name) const {
     try {
-        return HasDirectory() && kro_file::ByteLock::IsHeld(LockPath(), UploadByte(name));
+        return HasDirectory() && kro_file::ByteLock::IsLocked(LockPath(), UploadByte(name));
     } catch (const kro_err::Error& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return true;

@@ -74,18 +74,18 @@ struct LedgerEntry {
 
     // Records that another archive of the same user and day is complete. Its index and info file
     // have replaced those of this entry, so this entry keeps only its archive's slices.
-    void LoseSharedFiles();
+    void DropSharedFiles();
 
     // Records that an earlier custom backup of the same user is complete. Its index and info file
     // have the same names and have replaced those of this entry. An index that this entry's job is
     // uploading stays in the entry.
-    void LoseStoredSharedFiles();
+    void DropStoredSharedFiles();
 
     // Records that the slices `named` belong to another backup of `bytes` bytes, which a later job
     // has completed. This entry has such slices if its job replaced an earlier run of that backup.
     // A completed entry drops the slices, because they are in use again. An open entry keeps them
     // as slices that its job is about to replace.
-    void LoseSlices(const std::vector<std::string>& named, std::int64_t bytes);
+    void DropSlices(const std::vector<std::string>& named, std::int64_t bytes);
 
     std::string Format() const;
     // Returns an open entry of this name without slices when the text cannot be parsed.

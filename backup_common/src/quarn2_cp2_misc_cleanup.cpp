@@ -105,7 +105,7 @@ std::vector<std::string> CompleteArchives(quarn2::Storage& storage, const std::s
         if (!kro_file::Exists(info_path)) continue;
         const quarn2::InfoMap info = quarn2::GetInfo(info_path);
         std::string archive = ArchiveOf(info);
-        if (PrefixOf(archive) == backup && IsOnStorageAsAWhole(storage, info_path, info)) {
+        if (PrefixOf(archive) == backup && IsCompleteOnStorage(storage, info_path, info)) {
             archives.push_back(std::move(archive));
         }
     }

@@ -86,7 +86,7 @@ void RemoveNumbered(Removal& storage, const std::string& stem, int count,
 
 // Removes the archive's slices. Returns the name from which the names of the companion files are
 // derived.
-std::string RemovePieces(const PlainBackup& backup, std::string slice) {
+std::string RemoveArchiveSlices(const PlainBackup& backup, std::string slice) {
     KRO_LOG(kLog, 6, "Delete '%s'", slice.c_str());
     if (str::EndsWith(slice, backup.extension)) {
         backup.storage.RemoveFile(slice);
@@ -140,7 +140,7 @@ void DeletePlainEntry(const PlainBackup& backup, const std::string& key, const s
     const bool shared_role = key != "last-slice" && slice == backup.last_slice;
     const std::string name =
         shared_role ? InsertRole(backup, slice, key.substr(std::string_view("role-").size()))
-                    : RemovePieces(backup, slice);
+                    : RemoveArchiveSlices(backup, slice);
     // The info file can contain any name for a role, and local file names are derived from this
     // name.
     if (name.find('/') != std::string::npos) {
@@ -320,7 +320,7 @@ void DeleteBackup(const std::shared_ptr<quarn2::Storage>& storage, const std::st
     try {
         DeleteEntries(removal, info_path, info);
     } catch (const std::exception&) {
-        removal.GiveUp();
+        removal.Cancel();
         throw;
     }
     ledger.Finish(*storage);

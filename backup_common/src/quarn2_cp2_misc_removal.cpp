@@ -69,10 +69,10 @@ void Removal::RemoveFile(const std::string& name) {
     try {
         storage_->RemoveFile(name);
     } catch (const kro_err::Error& error) {
-        NoteFailed(error);
+        RecordFailure(error);
         throw;
     }
-    NoteRemoved();
+    RecordRemoved();
 }
 
 void Removal::RemoveFiles(const std::vector<std::string>& names) {
@@ -84,19 +84,19 @@ void Removal::RemoveFiles(const std::vector<std::string>& names) {
     const auto next = [&] { return name == names.end() ? std::nullopt : std::optional(*name++); };
     quarn2::FileError first;
     storage_->RemoveMany(next, [&](const std::string& /*name*/, const quarn2::FileError& error) {
-        if (!error) return NoteRemoved();
-        NoteFailed(*error);
+        if (!error) return RecordRemoved();
+        RecordFailure(*error);
         if (!first) first = error;
     });
     if (first) throw kro_err::Error(*first);
 }
 
 // After any other error than those of HasRemovedNothing, the storage may have removed the file.
-void Removal::NoteFailed(const kro_err::Error& error) noexcept {
+void Removal::RecordFailure(const kro_err::Error& error) noexcept {
     touched_ = touched_ || !HasRemovedNothing(error);
 }
 
-void Removal::NoteRemoved() {
+void Removal::RecordRemoved() {
     if (!touched_) Mark();
     touched_ = true;
 }
@@ -108,7 +108,7 @@ void Removal::RemoveDir(const std::string& name) {
     storage_->RemoveDir(name);
 }
 
-void Removal::GiveUp() const noexcept {
+void Removal::Cancel() const noexcept {
     if (touched_) return;
     try {
         Finish();
@@ -194,12 +194,12 @@ bool HasEveryFile(quarn2::Storage& storage, const std::string& info_path,
 
 }  // namespace
 
-bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
+bool IsCompleteOnStorage(quarn2::Storage& storage, const std::string& info_path,
                          const quarn2::InfoMap& info) {
     return info.contains(kFinished) && HasSlicesAndInfo(storage, info_path, info);
 }
 
-bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path) {
+bool CancelDeletion(quarn2::Storage& storage, const std::string& info_path) {
     quarn2::InfoMap info = quarn2::GetInfo(info_path);
     const auto finished = info.find(kWasFinished);
     // The deletion of an unfinished backup is not cancelled.

@@ -40,7 +40,7 @@ class Removal {
     // Cancels the removal after an error: restores the info file and removes the ledger entry that
     // this object has created. Does nothing when a file of the backup may already have been
     // removed. Logs failures.
-    void GiveUp() const noexcept;
+    void Cancel() const noexcept;
 
     // Removes the ledger entry that this object has created. Call it when no file of the backup is
     // left.
@@ -50,8 +50,8 @@ class Removal {
 
   private:
     void Mark();
-    void NoteRemoved();
-    void NoteFailed(const kro_err::Error& error) noexcept;
+    void RecordRemoved();
+    void RecordFailure(const kro_err::Error& error) noexcept;
 
     std::shared_ptr<quarn2::Storage> storage_;
     std::string info_path_;
@@ -76,13 +76,13 @@ bool IsBeingDeleted(const quarn2::InfoReader& info);
 // True when the storage has the complete backup: the info file has "finished", and the storage has
 // the info file and every slice that the info file names. Throws the storage's kro_err::Error when
 // the storage does not answer.
-bool IsOnStorageAsAWhole(quarn2::Storage& storage, const std::string& info_path,
+bool IsCompleteOnStorage(quarn2::Storage& storage, const std::string& info_path,
                          const quarn2::InfoMap& info);
 
 // Cancels a deletion that was interrupted before it removed anything: if the storage still has
 // every file of the backup, restores "finished" in the info file and returns true. Throws the
 // storage's kro_err::Error when the storage does not answer.
-bool TakeBackDeletion(quarn2::Storage& storage, const std::string& info_path);
+bool CancelDeletion(quarn2::Storage& storage, const std::string& info_path);
 
 // Finishes the removals that the info files in `directory` record. Skips info files that cannot be
 // read. Stops at the first removal that fails and throws its error.

@@ -140,7 +140,7 @@ void SliceRecord::End(SliceState state) {
 PutLedger::PutLedger(const std::string& storage_name, std::string identity)
     : ledger_(storage_name), identity_(std::move(identity)) {}
 
-void PutLedger::BelongHere(LedgerEntry& entry) const {
+void PutLedger::SetStorage(LedgerEntry& entry) const {
     const bool is_current = IsCurrent(entry);
     entry.storage = identity_;
     if (is_current) return;
@@ -155,7 +155,7 @@ void PutLedger::BelongHere(LedgerEntry& entry) const {
 bool PutLedger::Set(const std::string& entry, const std::string& name, const LedgerSlice& slice,
                     const Ledger::Change& before) {
     const bool written = ledger_.Update(entry, [&](LedgerEntry& changed) {
-        BelongHere(changed);
+        SetStorage(changed);
         if (before) before(changed);
         changed.slices[name] = slice;
     });
@@ -191,7 +191,7 @@ std::unique_ptr<SliceRecord> PutLedger::Begin(const std::string& name, std::int6
     auto record = std::make_unique<SliceRecord>(this, entry_name, name, slice);
     bool same_key = true;
     const bool written = ledger_.Update(entry_name, [&](LedgerEntry& entry) {
-        BelongHere(entry);
+        SetStorage(entry);
         same_key = HasSameKey(entry, name, key_hash);
         if (!same_key) return;
         entry.completed.clear();
@@ -304,8 +304,8 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
     for (const std::string& name : others) {
         ledger_.Update(name, [&](LedgerEntry& entry) {
             if (!IsCurrent(entry)) return;
-            entry.LoseSharedFiles();
-            entry.LoseSlices(named, bytes);
+            entry.DropSharedFiles();
+            entry.DropSlices(named, bytes);
         });
     }
     // The index of this backup is recorded in the latest entry of the user (see EntryNameOf). That
@@ -315,8 +315,8 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
         ledger_.Update(name, [&](LedgerEntry& entry) {
             if (!IsCurrent(entry)) return;
-            entry.LoseStoredSharedFiles();
-            entry.LoseSlices(named, bytes);
+            entry.DropStoredSharedFiles();
+            entry.DropSlices(named, bytes);
         });
     }
 }

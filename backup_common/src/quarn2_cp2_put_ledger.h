@@ -87,7 +87,7 @@ class PutLedger {
     void CheckSlice(const std::string& name, const quarn2::InfoMap& info, quarn2::Storage& storage);
     // Sets the storage of the entry to the storage of this node client. First clears the entry if
     // it belonged to another storage.
-    void BelongHere(LedgerEntry& entry) const;
+    void SetStorage(LedgerEntry& entry) const;
     bool IsCurrent(const LedgerEntry& entry) const { return entry.IsOf(identity_); }
 
     Ledger ledger_;

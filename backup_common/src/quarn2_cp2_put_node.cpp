@@ -129,7 +129,7 @@ std::string NodeSide::Put(const ControlCommand& command) {
     size_ = storage_->Size(path);
     // Checks the backup before the reservation, because a reservation may evict backups.
     if (last && IsInfo(path)) CheckComplete(path);
-    Record record = Admit(remote, path, info);
+    Record record = RecordAndReserve(remote, path, info);
     KRO_LOG(kLog, 6, "PUT result: '%s'", answer.c_str());
     if (last) {
         PutLast(remote, path, std::move(record));
@@ -139,8 +139,8 @@ std::string NodeSide::Put(const ControlCommand& command) {
     return answer;
 }
 
-NodeSide::Record NodeSide::Admit(const std::string& remote, const std::string& path,
-                                 const std::string& key_hash) {
+NodeSide::Record NodeSide::RecordAndReserve(const std::string& remote, const std::string& path,
+                                            const std::string& key_hash) {
     Record record = IsInfo(path) ? nullptr : ledger_.Begin(remote, size_, key_hash);
     try {
         Reserve();
@@ -209,7 +209,7 @@ std::string NodeSide::GetResult(int fd) {
     return ReadFrame(fd);
 }
 
-std::int32_t NodeSide::TakeOneEviction() noexcept {
+std::int32_t NodeSide::UseOneEviction() noexcept {
     std::int32_t left = max_count_;
     while (left > 0 && !max_count_.compare_exchange_weak(left, left - 1)) {
     }

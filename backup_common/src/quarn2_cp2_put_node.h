@@ -77,14 +77,15 @@ class NodeSide {
 
     // Decrements the number of evictions that uploads may still request. Returns the new number, or
     // -1 when the number was 0.
-    std::int32_t TakeOneEviction() noexcept;
+    std::int32_t UseOneEviction() noexcept;
 
   private:
     std::string Put(const ControlCommand& command);
     using Record = std::unique_ptr<SliceRecord>;
     // Records the put of a file in the ledger and reserves space for the file. Returns null for an
     // info file, which has no record.
-    Record Admit(const std::string& remote, const std::string& path, const std::string& key_hash);
+    Record RecordAndReserve(const std::string& remote, const std::string& path,
+                            const std::string& key_hash);
     void PutInBackground(const std::string& remote, const std::string& path, Record record);
     void PutLast(const std::string& remote, const std::string& path, Record record);
     void JoinPrevious(const std::string& path);

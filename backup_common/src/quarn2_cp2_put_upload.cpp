@@ -19,7 +19,7 @@ namespace {
 
 constexpr kro_log::Module kLog("main");
 
-void LogGivenUp(const std::string& path, const std::exception& error) {
+void LogAbandoned(const std::string& path, const std::exception& error) {
     KRO_LOG(kLog, 3, "Upload abandoned: %s. What: %s", kro_file::Name(path).c_str(), error.what());
 }
 
@@ -101,7 +101,7 @@ void Upload::Put() {
     }
     if (refusal) {
         // The job gets no error. Only this log message and the attempts file report the failure.
-        LogGivenUp(local_path_, *refusal);
+        LogAbandoned(local_path_, *refusal);
         return Release(refusal->what(), source);
     }
     failed_ = false;
@@ -115,7 +115,7 @@ void Upload::Put() {
 // transfers the file again. Throws when no eviction is left.
 void Upload::Store(Source& source) {
     while (!Send(source)) {
-        const std::int32_t left = node_->TakeOneEviction();
+        const std::int32_t left = node_->UseOneEviction();
         if (left < 0) {
             WriteUploadEvent(EventKind::kRefused, remote_name_, size_, "the storage is full");
             throw std::runtime_error("Upload failed");
@@ -150,7 +150,7 @@ bool Upload::MayTryAgain(const kro_err::Error& error, const Source& source) {
     // The file was removed or changed. Another attempt would fail, or would store content of
     // another size than the node client has reported to the job.
     if (source ? source->Compare() != SourceState::kUnchanged : !kro_file::Exists(local_path_)) {
-        LogGivenUp(local_path_, error);
+        LogAbandoned(local_path_, error);
         return false;
     }
     OpenAgain();

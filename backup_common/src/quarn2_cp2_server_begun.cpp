@@ -36,21 +36,22 @@ bool Finish(GlobalSizeControl& control, const StorageDesc& desc, const std::stri
     }
 }
 
-bool TakeBack(GlobalSizeControl& control, const StorageDesc& desc, const std::string& info_path) {
+bool CancelDeletionOf(GlobalSizeControl& control, const StorageDesc& desc,
+                      const std::string& info_path) {
     try {
         control.CheckStorage();
-        return TakeBackDeletion(*desc.storage, info_path);
+        return CancelDeletion(*desc.storage, info_path);
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 6, "%s", error.what());
         return false;
     }
 }
 
-bool TakeBackAny(GlobalSizeControl& control) {
+bool CancelDeletions(GlobalSizeControl& control) {
     bool any = false;
     for (auto& [key, desc] : control.storages) {
         for (const auto& [info_path, size] : desc.half_deleted) {
-            any = TakeBack(control, desc, info_path) || any;
+            any = CancelDeletionOf(control, desc, info_path) || any;
         }
     }
     return any;
@@ -64,11 +65,11 @@ bool IsOfStorage(const std::exception& error) {
 }  // namespace
 
 void GlobalSizeControl::FinishDeletions() {
-    if (TakeBackAny(*this)) Scan(date);
+    if (CancelDeletions(*this)) Scan(date);
     for (auto& [key, desc] : storages) {
         std::erase_if(desc.half_deleted, [&, &storage = desc](const auto& begun) {
             if (Finish(*this, storage, begun.first)) return true;
-            storage.ChargeForGood(std::max<std::int64_t>(begun.second, 0));
+            storage.CountPermanently(std::max<std::int64_t>(begun.second, 0));
             return false;
         });
     }
@@ -90,7 +91,7 @@ void GlobalSizeControl::FinishBegunFirst() {
                         error.what());
                 return false;
             }
-            storage.ChargeForGood(-std::max<std::int64_t>(begun.second, 0));
+            storage.CountPermanently(-std::max<std::int64_t>(begun.second, 0));
             return true;
         });
     }

@@ -68,14 +68,14 @@ Chain::const_iterator OldestRemovable(const Chain& chain) {
     return FindOldestRemovable(chain.begin(), chain.end());
 }
 
-Chain TakeExcessDailies(Chain& chain, int leave) {
+Chain RemoveExcessDailies(Chain& chain, int leave) {
     return Take(chain, Count(chain, IsDaily) - leave,
                 [](const Record& backup, const Record&) { return IsDaily(backup); });
 }
 
 // One pass over the backups is enough, because the deletion of a full backup that another full
 // backup follows does not make an earlier backup removable.
-Chain TakeExcessFulls(Chain& chain, int leave) {
+Chain RemoveExcessFulls(Chain& chain, int leave) {
     return Take(chain, Count(chain, IsFull) - leave,
                 [](const Record& backup, const Record& successor) {
                     return IsFull(backup) && IsFull(successor);

@@ -26,11 +26,11 @@ Chain::const_iterator OldestRemovable(const Chain& chain);
 
 // Removes the oldest dailies beyond the number `leave` from the chain and returns them, oldest
 // first. Never removes the user's newest backup.
-Chain TakeExcessDailies(Chain& chain, int leave);
+Chain RemoveExcessDailies(Chain& chain, int leave);
 
 // Removes the oldest full backups beyond the number `leave` from the chain and returns them, oldest
 // first. Removes only full backups that are followed by another full backup.
-Chain TakeExcessFulls(Chain& chain, int leave);
+Chain RemoveExcessFulls(Chain& chain, int leave);
 
 // True when a backup whose job was repeated and then interrupted may be evicted. The backup may
 // still be restorable, so the rules for complete backups apply: a later complete backup must exist,

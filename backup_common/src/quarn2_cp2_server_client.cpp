@@ -19,11 +19,11 @@ constexpr kro_log::Module kLog("main");
 constexpr const char* kSsh = "ssh";
 constexpr std::size_t kPipeSize = 65536;
 constexpr auto kListenEvery = 200ms;  // the client's error pipe must not stay full
-constexpr ClientProcess::Patience kRemotePatience{60s, 65s};
+constexpr ClientProcess::KillTimes kRemotePatience{60s, 65s};
 // The server sends SIGTERM to a client on this machine that has not ended after 10 seconds. It
 // never kills the client, because that would interrupt the client's uploads. On SIGTERM and at the
 // end of its input, the client finishes its uploads and exits.
-constexpr ClientProcess::Patience kLocalPatience{10s, std::chrono::seconds::max()};
+constexpr ClientProcess::KillTimes kLocalPatience{10s, std::chrono::seconds::max()};
 
 }  // namespace
 
@@ -105,11 +105,11 @@ bool ClientProcess::HasEnded(std::chrono::milliseconds wait) {
     return true;
 }
 
-void ClientProcess::Press(Clock::time_point since, Clock::time_point now, Patience patience) {
+void ClientProcess::SignalWhenDue(Clock::time_point since, Clock::time_point now, KillTimes times) {
     const auto waited = std::chrono::duration_cast<std::chrono::seconds>(now - since);
-    const int signal = waited >= patience.until_killed  ? SIGKILL
-                       : waited >= patience.until_asked ? SIGTERM
-                                                        : 0;
+    const int signal = waited >= times.until_killed  ? SIGKILL
+                       : waited >= times.until_asked ? SIGTERM
+                                                     : 0;
     if (signal == pressed_) return;
     pressed_ = signal;
     child_.Signal(signal);
@@ -118,6 +118,6 @@ void ClientProcess::Press(Clock::time_point since, Clock::time_point now, Patien
 bool ClientProcess::FinishWithin(std::chrono::milliseconds wait, Clock::time_point since) {
     if (HasEnded(wait)) return true;
     Listen();
-    Press(since, Clock::now(), is_remote_ ? kRemotePatience : kLocalPatience);
+    SignalWhenDue(since, Clock::now(), is_remote_ ? kRemotePatience : kLocalPatience);
     return false;
 }

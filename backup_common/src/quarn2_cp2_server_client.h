@@ -37,7 +37,7 @@ class ClientProcess {
 
     // How long a client may take to end before it gets SIGTERM (`until_asked`) and SIGKILL
     // (`until_killed`).
-    struct Patience {
+    struct KillTimes {
         std::chrono::seconds until_asked;
         std::chrono::seconds until_killed;
     };
@@ -67,9 +67,9 @@ class ClientProcess {
     // never ran.
     bool HasEnded(std::chrono::milliseconds wait = {});
 
-    // Sends SIGTERM or SIGKILL to the client when the time in `patience`, counted from `since`, has
+    // Sends SIGTERM or SIGKILL to the client when the time in `times`, counted from `since`, has
     // passed. Sends each signal once.
-    void Press(Clock::time_point since, Clock::time_point now, Patience patience);
+    void SignalWhenDue(Clock::time_point since, Clock::time_point now, KillTimes times);
 
     // Waits at most `wait` for the end of a client whose input was closed at `since`. Returns true
     // when it has ended. Never kills a client of this machine, so that its uploads can finish.

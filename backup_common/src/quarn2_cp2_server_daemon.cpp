@@ -40,7 +40,7 @@ constexpr std::chrono::milliseconds kMaxRun{1000};
 Event ServerEvent(EventKind kind, const GlobalSizeControl& control) {
     Event event;
     event.kind = kind;
-    event.used = control.GreatestUsedSize();
+    event.used = control.MaxUsedSize();
     event.limit = control.LimitOrNothing();
     return event;
 }
@@ -48,7 +48,7 @@ Event ServerEvent(EventKind kind, const GlobalSizeControl& control) {
 StateFigures FiguresOf(const GlobalSizeControl& control) {
     StateFigures figures;
     figures.limit = control.LimitOrNothing();
-    figures.used = control.GreatestUsedSize();
+    figures.used = control.MaxUsedSize();
     figures.max_count = control.max_count;
     for (const auto& [key, desc] : control.storages) {
         figures.reserved = SumOfSizes(figures.reserved, desc.reserved);
@@ -152,7 +152,7 @@ class Daemon {
             is_alone_ = flock(lock_file_, LOCK_EX | LOCK_NB) == 0;
             if (is_alone_) return;
             if (errno != EAGAIN && errno != EINTR) return LogUnknownCallers(errno);
-            const auto next = nodes.Attend(kro_date::SteadyClock::now());
+            const auto next = nodes.Poll(kro_date::SteadyClock::now());
             WriteState(control);
             loop.Run(static_cast<int>(std::min(next, kMaxRun).count()));
         }

@@ -210,7 +210,7 @@ void LogImpossible(const EvictionPlan& plan, std::int64_t wanted, const char* un
 }
 
 void LogUsed(const GlobalSizeControl& control) {
-    KRO_LOG(kLog, 6, "Backup size: %lld, limit: %lld", ForLog(control.GreatestUsedSize()),
+    KRO_LOG(kLog, 6, "Backup size: %lld, limit: %lld", ForLog(control.MaxUsedSize()),
             ForLog(control.size_limit));
 }
 
@@ -313,7 +313,7 @@ void GlobalSizeControl::FitIntoLimits() {
     const EvictionPlan plan = PlanStart(*this);
     if (!plan.IsPossible()) {
         LogUsed(*this);
-        LogImpossible(plan, GreatestUsedSize(), "bytes are used");
+        LogImpossible(plan, MaxUsedSize(), "bytes are used");
         ThrowAllLocked();
     }
     KRO_LOG(kLog, 8, "%s count_to_leave_full = %d, count_to_leave_daily = %d", "DropByCount",

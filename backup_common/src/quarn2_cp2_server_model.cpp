@@ -51,7 +51,7 @@ std::int64_t GlobalSizeControl::StorageDesc::UserDesc::GetLockedSize() const noe
     return record == backups.rend() ? newest : SumOfSizes(newest, record->second.size);
 }
 
-void GlobalSizeControl::StorageDesc::ChargeForGood(std::int64_t size) noexcept {
+void GlobalSizeControl::StorageDesc::CountPermanently(std::int64_t size) noexcept {
     limit = LessSize(limit, size);
     free_size = LessSize(free_size, size);
 }
@@ -117,7 +117,7 @@ void GlobalSizeControl::ClearBackupInfo() {
     }
 }
 
-std::int64_t GlobalSizeControl::GreatestUsedSize() const noexcept {
+std::int64_t GlobalSizeControl::MaxUsedSize() const noexcept {
     std::int64_t greatest = std::numeric_limits<std::int64_t>::min();
     for (const auto& [key, desc] : storages) {
         greatest = std::max(greatest, UsedSizeOf(desc));

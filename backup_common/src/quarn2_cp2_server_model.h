@@ -64,7 +64,7 @@ struct GlobalSizeControl {
         std::int64_t unfinished = 0;       // the size of backups that are not complete
         // Counts `size` bytes as used by files that no eviction can delete. A negative size
         // reverses an earlier call.
-        void ChargeForGood(std::int64_t size) noexcept;
+        void CountPermanently(std::int64_t size) noexcept;
         // Sets the reserved space to 0.
         void ResetReserved() noexcept;
         // The bytes that must be free beyond `reserved` before `size` bytes can be reserved; at
@@ -105,8 +105,8 @@ struct GlobalSizeControl {
 
     // Counts the backup of each info file. Skips an info file that was removed after the files were
     // listed.
-    void TakeInfoFiles(const std::list<std::string>& paths, const std::string& current_date,
-                       ScanObserver* observer = nullptr);
+    void CountInfoFiles(const std::list<std::string>& paths, const std::string& current_date,
+                        ScanObserver* observer = nullptr);
 
     // Throws kro_err::Error while the storage does not answer, and std::runtime_error when the
     // storage has none of the newest backups of the info root. After the first success, does
@@ -157,7 +157,7 @@ struct GlobalSizeControl {
     void RefreshUnfinished();
 
     // The largest used space of any storage; 0 without a storage.
-    std::int64_t GreatestUsedSize() const noexcept;
+    std::int64_t MaxUsedSize() const noexcept;
 
     // The used space of the storage in bytes, without backups that are not complete.
     std::int64_t UsedSizeOf(const StorageDesc& storage) const noexcept;

@@ -19,7 +19,7 @@ constexpr auto kLookAtSession = 1000ms;
 constexpr std::chrono::milliseconds kLookAtEnding = 100ms;
 // After the end of its link to the server, a client is terminated after this time, because no
 // process waits for its remaining work.
-constexpr ClientProcess::Patience kPatience{10s, 20s};
+constexpr ClientProcess::KillTimes kKillTimes{10s, 20s};
 
 std::string Description(const std::string& node) {
     return node.find(':') != std::string::npos ? node : node + ":" + node + ":22";
@@ -45,15 +45,15 @@ void SupervisedNode::TryToStart(Clock::time_point now) {
     } catch (const std::exception& error) {
         KRO_LOG(kLog, 4, "Cant start session with node '%s'. What: %s", name_.c_str(),
                 error.what());
-        PutOff(now, false);
+        ScheduleRestart(now, false);
     }
 }
 
-void SupervisedNode::PutOff(Clock::time_point now, bool did_good) {
+void SupervisedNode::ScheduleRestart(Clock::time_point now, bool did_good) {
     due_ = now + pause_.Next(did_good);
 }
 
-Clock::time_point SupervisedNode::Attend(Clock::time_point now) {
+Clock::time_point SupervisedNode::Poll(Clock::time_point now) {
     if (session_ && session_->is_open()) {
         session_->client().Listen();
         return now + kLookAtSession;
@@ -82,10 +82,10 @@ void SupervisedNode::WaitForClient(Clock::time_point now) {
     if (client_->HasEnded()) {
         LogEnd();
         client_.reset();
-        PutOff(now, did_good_);
+        ScheduleRestart(now, did_good_);
     } else {
         client_->Listen();
-        client_->Press(since_, now, kPatience);
+        client_->SignalWhenDue(since_, now, kKillTimes);
     }
 }
 
@@ -144,9 +144,9 @@ void NodeSessions::Start(Clock::time_point now) {
     for (auto node = std::next(nodes_.begin()); node != nodes_.end(); ++node) node->TryToStart(now);
 }
 
-std::chrono::milliseconds NodeSessions::Attend(Clock::time_point now) {
+std::chrono::milliseconds NodeSessions::Poll(Clock::time_point now) {
     Clock::time_point next = now + kLookAtSession;
-    for (SupervisedNode& node : nodes_) next = std::min(next, node.Attend(now));
+    for (SupervisedNode& node : nodes_) next = std::min(next, node.Poll(now));
     return std::chrono::ceil<std::chrono::milliseconds>(next - now);
 }
 

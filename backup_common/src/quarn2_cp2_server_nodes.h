@@ -46,8 +46,8 @@ class SupervisedNode {
     void TryToStart(Clock::time_point now);
 
     // Reads the client's error output, closes an ended session, waits for its client, or starts the
-    // next session. Returns the time at which Attend must be called again.
-    Clock::time_point Attend(Clock::time_point now);
+    // next session. Returns the time at which Poll must be called again.
+    Clock::time_point Poll(Clock::time_point now);
 
     // Closes the open session, if any. The client process of the session may still run.
     void Close();
@@ -59,7 +59,7 @@ class SupervisedNode {
   private:
     void Listen();
     void WaitForClient(Clock::time_point now);
-    void PutOff(Clock::time_point now, bool did_good);
+    void ScheduleRestart(Clock::time_point now, bool did_good);
     void LogEnd() const;
 
     std::string name_;
@@ -93,8 +93,8 @@ class NodeSessions {
     // when the session with this machine cannot be started.
     void Start(Clock::time_point now);
 
-    // Restarts sessions that have ended. Attend must be called again within the returned time.
-    std::chrono::milliseconds Attend(Clock::time_point now);
+    // Restarts sessions that have ended. Poll must be called again within the returned time.
+    std::chrono::milliseconds Poll(Clock::time_point now);
 
     // Closes all sessions and waits for all clients in parallel.
     void End();

@@ -49,7 +49,7 @@ void WarnOfEndedInput() {
         "--server ... </run/hold & exec 3>/run/hold");
 }
 
-void SayWaiting(const std::string& reason) {
+void PrintWaitReason(const std::string& reason) {
     static std::atomic<bool> said{false};
     if (!said.exchange(true)) Print("waiting: " + reason);
 }

@@ -21,4 +21,4 @@ void WarnOfCountLimit(const kro_args::Result& args);
 void WarnOfEndedInput();
 
 // Prints the reason why this process waits. Only the first call of a process prints.
-void SayWaiting(const std::string& reason);
+void PrintWaitReason(const std::string& reason);

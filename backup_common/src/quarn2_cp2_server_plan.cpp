@@ -33,10 +33,10 @@ void Add(Victims& victims, const UserRef& user, const Chain& taken, RemovalReaso
 
 // Moves the excess backups of a user from the chain to `victims`. The deletion of dailies may make
 // a full backup removable, so the full backups are chosen after the dailies are removed.
-void TakeExcess(Victims& victims, const UserRef& user, Chain& chain, int leave_full,
-                int leave_daily) {
-    Add(victims, user, TakeExcessDailies(chain, leave_daily), RemovalReason::kCountDaily);
-    Add(victims, user, TakeExcessFulls(chain, leave_full), RemovalReason::kCountFull);
+void EvictExcess(Victims& victims, const UserRef& user, Chain& chain, int leave_full,
+                 int leave_daily) {
+    Add(victims, user, RemoveExcessDailies(chain, leave_daily), RemovalReason::kCountDaily);
+    Add(victims, user, RemoveExcessFulls(chain, leave_full), RemovalReason::kCountFull);
 }
 
 // Calls `function` with the UserRef of each user, in the order of storages and users.
@@ -59,10 +59,10 @@ class SimulatedUser {
         if (!open_->empty()) Load();
     }
 
-    Victims TakeExcess(int leave_full, int leave_daily) {
+    Victims EvictExcess(int leave_full, int leave_daily) {
         Load();
         Victims victims;
-        ::TakeExcess(victims, ref_, chain_, leave_full, leave_daily);
+        ::EvictExcess(victims, ref_, chain_, leave_full, leave_daily);
         count_ = chain_.size();
         return victims;
     }
@@ -70,7 +70,7 @@ class SimulatedUser {
     // Appends the backup of this user that one pass deletes to `victims`, if there is one.
     void Pass(Victims& victims, int keep, RemovalReason reason, bool with_interrupted) {
         if (with_interrupted && !interrupted_.empty() &&
-            Exceeds(count_ + interrupted_.size(), keep) && TakeInterrupted(victims, reason)) {
+            Exceeds(count_ + interrupted_.size(), keep) && EvictInterrupted(victims, reason)) {
             return;
         }
         if (!Exceeds(count_, keep)) return;
@@ -82,7 +82,7 @@ class SimulatedUser {
 
     // Adds the user's oldest interrupted backup if it may be evicted and the user has no older
     // removable backup.
-    bool TakeInterrupted(Victims& victims, RemovalReason reason) {
+    bool EvictInterrupted(Victims& victims, RemovalReason reason) {
         if (interrupted_.empty()) return false;
         Load();
         const Chain others = Others();
@@ -164,7 +164,7 @@ class Simulation {
     Victims DropExcess(int leave_full, int leave_daily) {
         Victims victims;
         for (SimulatedUser& user : users_) {
-            const Victims excess = user.TakeExcess(leave_full, leave_daily);
+            const Victims excess = user.EvictExcess(leave_full, leave_daily);
             victims.insert(victims.end(), excess.begin(), excess.end());
         }
         CountAsFree(victims);
@@ -181,7 +181,7 @@ class Simulation {
     // A pass over the interrupted backups only.
     Victims PassInterrupted(RemovalReason reason) {
         Victims victims;
-        for (SimulatedUser& user : users_) user.TakeInterrupted(victims, reason);
+        for (SimulatedUser& user : users_) user.EvictInterrupted(victims, reason);
         CountAsFree(victims);
         return victims;
     }

@@ -49,7 +49,7 @@ void OwnReserved::Add(std::int64_t size) {
     if (is_remote_) storage_.remote_reserved = SumOfSizes(storage_.remote_reserved, size);
 }
 
-void OwnReserved::GiveBack() {
+void OwnReserved::ReleaseAll() {
     if (sum_ == 0) return;
     if (resets_ == storage_.resets) {
         KRO_LOG(kLog, 5, "The session has ended: %lld reserved bytes are free again", ForLog(sum_));

@@ -71,7 +71,7 @@ void ClearForDirectory(const std::string& path, RemovedEntries& removed) {
 
 // Removes the stored name of a local file from the list. Returns false when the list does not
 // contain the name.
-bool TakeOut(Names& files, const std::string& local) {
+bool Erase(Names& files, const std::string& local) {
     const auto matches = [&local](const std::string& file) {
         return file == local || (str::EndsWith(local, ".tgz") && file == local + ".aes");
     };
@@ -210,7 +210,7 @@ class Rescanner {
         ProgressLine progress(static_cast<std::int64_t>(top.size()));
         progress_ = &progress;
         storage_->SetObserver(&progress);
-        TakeEntries(top);
+        ProcessEntries(top);
         progress_ = nullptr;
         RepeatFailed();
         storage_->SetObserver(nullptr);
@@ -267,7 +267,7 @@ class Rescanner {
     }
 
     // Reads the entries of the storage root: files, and the directories of users.
-    void TakeEntries(const Names& entries) {
+    void ProcessEntries(const Names& entries) {
         for (std::size_t next = 0; next < entries.size();) {
             Found found;
             std::vector<Listing> listings = ListSome(entries, next);
@@ -275,7 +275,7 @@ class Rescanner {
             for (Listing& listing : listings) TakeEntry(listing, found);
             DownloadInfoFiles(*storage_, found.unlisted, encrypted_lines_, [](auto, auto) {});
             Fetch(found.infos);
-            TakeDates(found.dates);
+            FetchDates(found.dates);
             for (std::size_t i = 0; i < found.users; ++i) EntryDone();
             if (!is_down) continue;
             LogDown(entries.size() - next);
@@ -304,7 +304,7 @@ class Rescanner {
         } else if (is_file) {
             if (IsInfoFileName(entry)) found.infos.push_back({local_root_, entry});
         } else if (filter_.empty() || filter_ == entry) {
-            TakeUser(entry, listing.names, found.dates);
+            PrepareUser(entry, listing.names, found.dates);
         }
         // Counts finished entries for the progress report. An info file is finished after its
         // download, and a user after the downloads of all dates.
@@ -342,8 +342,8 @@ class Rescanner {
         constexpr int kMaxRounds = 3;
         for (int round = 0; failed_.size() > 0 && round < kMaxRounds; ++round) {
             const FailedReads failed = std::exchange(failed_, {});
-            TakeEntries(failed.entries);
-            TakeDates(failed.dates);
+            ProcessEntries(failed.entries);
+            FetchDates(failed.dates);
             Fetch(failed.infos);
         }
     }
@@ -359,8 +359,8 @@ class Rescanner {
         });
     }
 
-    void TakeUser(const std::string& user, Names& dates,
-                  std::vector<std::pair<std::string, std::string>>& found) {
+    void PrepareUser(const std::string& user, Names& dates,
+                     std::vector<std::pair<std::string, std::string>>& found) {
         DropUnsafe(dates);
         const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
         ClearForDirectory(user_dir, *removed_);
@@ -372,7 +372,7 @@ class Rescanner {
     }
 
     // Reads the directories of dates.
-    void TakeDates(const std::vector<std::pair<std::string, std::string>>& dates) {
+    void FetchDates(const std::vector<std::pair<std::string, std::string>>& dates) {
         Names paths;
         for (const auto& [user, date] : dates) paths.push_back(kro_file::ConcatPath(user, date));
         for (std::size_t next = 0; next < paths.size();) {
@@ -382,7 +382,7 @@ class Rescanner {
             const bool is_down = AreAllUnavailable(listings);
             for (Listing& listing : listings) {
                 const auto& [user, date] = dates[position++];
-                TakeDate(user, date, listing, infos);
+                PrepareDate(user, date, listing, infos);
             }
             Fetch(infos);
             if (!is_down) continue;
@@ -391,8 +391,8 @@ class Rescanner {
         }
     }
 
-    void TakeDate(const std::string& user, const std::string& date, Listing& listing,
-                  std::vector<InfoFile>& infos) {
+    void PrepareDate(const std::string& user, const std::string& date, Listing& listing,
+                     std::vector<InfoFile>& infos) {
         ClearForDirectory(kro_file::ConcatPath(local_dir_, listing.path), *removed_);
         quarn2::MkLocalDir(local_root_, user, date);
         if (listing.error) {
@@ -418,7 +418,7 @@ class Rescanner {
         kro_file::Dir entries(directory, 2);
         while (entries.Read()) {
             if (entries.IsDir()) continue;
-            if (TakeOut(files, entries.name())) {
+            if (Erase(files, entries.name())) {
                 kept.push_back(entries.name());
             } else {
                 missed.push_back(entries.FullName());

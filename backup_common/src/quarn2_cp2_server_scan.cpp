@@ -42,7 +42,7 @@ class Scanner {
             NoteUnfinished(desc->second, path, last_slice);
             return is_being_deleted ? ScanResult::kBeingDeleted : ScanResult::kUnfinished;
         }
-        const ScanResult result = TakeBackup(desc->second, name);
+        const ScanResult result = CountBackup(desc->second, name);
         return is_being_deleted ? ScanResult::kBeingDeleted : result;
     }
 
@@ -73,14 +73,14 @@ class Scanner {
         if (!info_.Find("finished")) return;
         try {
             const std::string type = ValueOf("type");
-            control_.unfinished.NoteInfo(path, {last_slice, type, str::Int64(ValueOf("size"))},
-                                         desc.storage.get());
+            control_.unfinished.AddInfo(path, {last_slice, type, str::Int64(ValueOf("size"))},
+                                        desc.storage.get());
         } catch (const kro_err::Error& error) {
             KRO_LOG(kLog, 4, "%s: %s", path.c_str(), error.what());
         }
     }
 
-    ScanResult TakeBackup(StorageDesc& desc, const std::string& name) const {
+    ScanResult CountBackup(StorageDesc& desc, const std::string& name) const {
         if (!info_.Find("finished")) {
             KRO_LOG(kLog, 7, "%p Skip incomplete backup %s", static_cast<void*>(&desc),
                     name.c_str());
@@ -90,7 +90,7 @@ class Scanner {
         // Throws for a negative size, because it would increase the free space.
         if (size < 0) throw std::runtime_error("the size " + str::Str(size) + " is negative");
         if (str::StartsWith(name, "custom.")) {
-            desc.ChargeForGood(size);
+            desc.CountPermanently(size);
             KRO_LOG(kLog, 7, "Custom backup %s size %lld", name.c_str(), ForLog(size));
             return ScanResult::kCustom;
         }
@@ -101,7 +101,7 @@ class Scanner {
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
             // An eviction could not find this info file by user and date, so the size of the backup
             // can never be freed.
-            desc.ChargeForGood(size);
+            desc.CountPermanently(size);
             KRO_LOG(kLog, 4, "Info file '%s' is not named DATE.USER.info. Never evicted. size %lld",
                     name.c_str(), ForLog(size));
             return ScanResult::kMisnamed;
@@ -111,7 +111,7 @@ class Scanner {
         if (!is_future) {
             Enter(desc, user, date, {name, ValueOf("type"), size});
         } else {
-            desc.ChargeForGood(size);
+            desc.CountPermanently(size);
             KRO_LOG(kLog, 4,
                     "Skip backup. Backup date '%s' in future. Current date '%s'. new free = %lld",
                     date.c_str(), current_date_.c_str(), ForLog(desc.free_size));
@@ -180,13 +180,13 @@ void GlobalSizeControl::Scan(const std::string& current_date, ScanObserver* obse
     ClearBackupInfo();
     std::list<std::string> paths;
     quarn2::GetInfoFiles(paths, path, false, user, "");
-    TakeInfoFiles(paths, current_date, observer);
+    CountInfoFiles(paths, current_date, observer);
     for (auto& [key, desc] : storages) max_count = std::max(max_count, ChargeUsers(desc));
     RefreshUnfinished();
 }
 
-void GlobalSizeControl::TakeInfoFiles(const std::list<std::string>& paths,
-                                      const std::string& current_date, ScanObserver* observer) {
+void GlobalSizeControl::CountInfoFiles(const std::list<std::string>& paths,
+                                       const std::string& current_date, ScanObserver* observer) {
     Scanner scanner(*this, current_date);
     for (const std::string& info_path : paths) {
         try {

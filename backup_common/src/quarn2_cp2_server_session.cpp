@@ -61,7 +61,7 @@ void MasterSide::Start() {
 
 std::unique_ptr<ClientProcess> MasterSide::Close() {
     is_open_ = false;
-    own_reserved_.GiveBack();
+    own_reserved_.ReleaseAll();
     write_.Close();
     // Keeps the client's output pipe open but does not read it. A client that requests space now
     // must find the end of its input instead of a broken output pipe. After a failed write, the
@@ -101,7 +101,7 @@ quarn2::Expect::Result* MasterSide::Read(ResHandle handle) {
             return Closed();
     }
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
-    HandOverLines();
+    ProcessLines();
     KRO_LOG(kLog, 9, "%s:%d m_read = '%s'", kServerSource, __LINE__, m_read.c_str());
     if (m_read.size() > kMaxLineBytes) {
         KRO_LOG(kLog, 4, "Client sent a line of more than %zu bytes. Close", kMaxLineBytes);
@@ -122,7 +122,7 @@ quarn2::Expect::Result* MasterSide::Disconnected() {
 
 quarn2::Expect::Result* MasterSide::Closed() {
     is_open_ = false;
-    own_reserved_.GiveBack();
+    own_reserved_.ReleaseAll();
     return quarn2::Expect::erClose;
 }
 
@@ -138,7 +138,7 @@ MasterSide::Reading MasterSide::ReadAvailable(int fd) {
     }
 }
 
-void MasterSide::HandOverLines() {
+void MasterSide::ProcessLines() {
     std::size_t begin = 0;
     for (std::size_t end = m_read.find('\n'); end != std::string::npos;
          end = m_read.find('\n', begin)) {

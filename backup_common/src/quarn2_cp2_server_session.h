@@ -28,7 +28,7 @@ class OwnReserved {
 
     // Subtracts the session's reserved bytes from those of the storage. Does not access the storage
     // when the session has no reserved bytes.
-    void GiveBack();
+    void ReleaseAll();
 
   private:
     GlobalSizeControl::StorageDesc& storage_;
@@ -90,7 +90,7 @@ class MasterSide {
     quarn2::Expect::Result* Closed();
     void Queue(const std::string& message);
     Reading ReadAvailable(int fd);
-    void HandOverLines();
+    void ProcessLines();
 
     std::string Answer(const LinkCommand& command);
     std::string Reserve(std::int64_t size);

@@ -44,9 +44,9 @@ int FlockWaiting(int fd, int operation) {
 bool LockSayingSo(int fd, const std::string& path, int operation) {
     if (FlockWaiting(fd, operation | LOCK_NB) == 0) return true;
     if (errno != EWOULDBLOCK) return false;
-    SayWaiting(path + (operation == LOCK_EX
-                           ? " is locked by another --server command or a server"
-                           : " is locked by a rescan or by a server that is ending"));
+    PrintWaitReason(path + (operation == LOCK_EX
+                                ? " is locked by another --server command or a server"
+                                : " is locked by a rescan or by a server that is ending"));
     return FlockWaiting(fd, operation) == 0;
 }
 
@@ -115,7 +115,7 @@ class Starter {
             } else {
                 // Another process holds the lock on the pid file, but no server is ready: a server
                 // is starting or ending.
-                if (server_key_.empty()) SayWaiting("another server is starting or ending");
+                if (server_key_.empty()) PrintWaitReason("another server is starting or ending");
                 kro_proc::Sleep(kStartingPause);
             }
         }
@@ -161,9 +161,10 @@ class Starter {
         }
         KRO_LOG(kLog, 4, "Other instanse of size control server is running. Date: %s",
                 server.date.c_str());
-        SayWaiting("process " + str::Str(holder) +
-                   " is the server of this storage and was started with another date, other limits "
-                   "or other nodes; this command waits until that server ends");
+        PrintWaitReason(
+            "process " + str::Str(holder) +
+            " is the server of this storage and was started with another date, other limits "
+            "or other nodes; this command waits until that server ends");
         handle_.Close();
         handle_.Reset();
         kro_proc::Sleep(kOtherServerPause);

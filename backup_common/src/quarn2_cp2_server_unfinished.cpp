@@ -145,8 +145,8 @@ bool UnfinishedBackups::Contains(const std::string& info_path, std::string_view 
     return !open_.empty() && !EntryOf(info_path, last_slice).empty();
 }
 
-void UnfinishedBackups::NoteInfo(const std::string& info_path, const Info& info,
-                                 quarn2::Storage* storage) {
+void UnfinishedBackups::AddInfo(const std::string& info_path, const Info& info,
+                                quarn2::Storage* storage) {
     const std::string name = EntryOf(info_path, info.last_slice);
     if (name.empty()) return;
     Noted noted{
@@ -166,7 +166,7 @@ bool UnfinishedBackups::WasComplete(const LedgerEntry& entry) const {
 
 // True when no job has changed the entry since the server started, and its archive is older than
 // `date`. The date alone is not enough, because a job may make a backup of an earlier date.
-bool UnfinishedBackups::IsForsaken(const LedgerEntry& entry, const std::string& date) const {
+bool UnfinishedBackups::IsAbandoned(const LedgerEntry& entry, const std::string& date) const {
     const auto at_start = open_.find(entry.name);
     return at_start != open_.end() && at_start->second == entry && IsArchive(entry.name) &&
            entry.name.substr(1, date.size()) < date;
@@ -178,7 +178,7 @@ std::vector<LedgerEntry> UnfinishedBackups::Reclaimable(const std::string& date)
     for (LedgerEntry& entry : ledger_.Entries()) {
         if (!IsOurs(entry) || entry.Bytes() == 0) continue;
         const bool is_left_over = !entry.completed.empty();
-        if (!is_left_over && (!IsForsaken(entry, date) || WasComplete(entry))) continue;
+        if (!is_left_over && (!IsAbandoned(entry, date) || WasComplete(entry))) continue;
         if (!ledger_.IsUploading(entry.name)) found.push_back(std::move(entry));
     }
     std::sort(found.begin(), found.end(),
@@ -242,7 +242,7 @@ bool UnfinishedBackups::IsInterrupted(const LedgerEntry& entry, const std::strin
     const auto noted = noted_.find(entry.name);
     return noted != noted_.end() && noted->second.was_complete && !noted->second.stored.empty() &&
            !entry.is_unknown && entry.IsOpen() && !str::StartsWith(entry.name, "C") &&
-           IsForsaken(entry, date) && !ledger_.IsUploading(entry.name);
+           IsAbandoned(entry, date) && !ledger_.IsUploading(entry.name);
 }
 
 std::vector<InterruptedBackup> UnfinishedBackups::Interrupted(const std::string& date) const {

@@ -42,7 +42,7 @@ class UnfinishedBackups {
     // "last-slice" in the info file.
     bool Contains(const std::string& info_path, std::string_view last_slice) const;
 
-    // The keys of a local info file that NoteInfo needs.
+    // The keys of a local info file that AddInfo needs.
     struct Info {
         std::string_view last_slice;
         std::string_view type;
@@ -52,7 +52,7 @@ class UnfinishedBackups {
     // the backup was complete before its job was repeated. The storage may then have the backup's
     // old files as well as the new ones. Without a storage (null), assumes that the storage has the
     // same info file as this machine.
-    void NoteInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
+    void AddInfo(const std::string& info_path, const Info& info, quarn2::Storage* storage);
 
     // The entries whose slices the server may remove when it needs space, oldest first. An entry of
     // a complete backup is included if it has slices that no info file contains. An entry of an
@@ -90,7 +90,7 @@ class UnfinishedBackups {
 
   private:
     bool IsOurs(const LedgerEntry& entry) const { return !identity_ || entry.IsOf(*identity_); }
-    bool IsForsaken(const LedgerEntry& entry, const std::string& date) const;
+    bool IsAbandoned(const LedgerEntry& entry, const std::string& date) const;
     bool WasComplete(const LedgerEntry& entry) const;
     bool IsInterrupted(const LedgerEntry& entry, const std::string& date) const;
     void RecordRemoval(const LedgerEntry& entry) const;

@@ -31,16 +31,16 @@ ByteLock::ByteLock(const std::string& path)
 }
 
 ByteLock::ByteLock(const std::string& path, std::int64_t offset) : ByteLock(path) {
-    Take(offset, F_OFD_SETLKW);
+    Lock(offset, F_OFD_SETLKW);
 }
 
 std::unique_ptr<ByteLock> ByteLock::Try(const std::string& path, std::int64_t offset) {
     std::unique_ptr<ByteLock> lock(new ByteLock(path));
-    if (!lock->Take(offset, F_OFD_SETLK)) lock.reset();
+    if (!lock->Lock(offset, F_OFD_SETLK)) lock.reset();
     return lock;
 }
 
-bool ByteLock::IsHeld(const std::string& path, std::int64_t offset) {
+bool ByteLock::IsLocked(const std::string& path, std::int64_t offset) {
     const ResHandle handle(OpenFd(path, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY));
     if (!handle && errno == ENOENT) return false;
     if (!handle) throw kro_err::FromErrno("Failed to open " + str::Quoted(path));
@@ -51,7 +51,7 @@ bool ByteLock::IsHeld(const std::string& path, std::int64_t offset) {
     return lock.l_type != F_UNLCK;
 }
 
-bool ByteLock::Take(std::int64_t offset, int command) {
+bool ByteLock::Lock(std::int64_t offset, int command) {
     struct flock lock = LockOf(offset);
     if (NoEintr([&] { return fcntl(handle_, command, &lock); }) == 0) return true;
     if (errno == EAGAIN || errno == EACCES) return false;

@@ -16,7 +16,7 @@ namespace kro_file {
 
 namespace {
 
-constexpr std::int64_t kPiece = 16LL * 1024 * 1024;
+constexpr std::int64_t kBlockSize = 16LL * 1024 * 1024;
 constexpr std::size_t kBufferSize = 1024UL * 1024;
 // For smaller files, preallocation costs more than it saves.
 constexpr std::int64_t kWorthAllocating = 4LL * 1024 * 1024;
@@ -76,7 +76,7 @@ class Copy {
         offset_ = begin;
         while (offset_ < end) {
             const std::int64_t start = offset_;
-            if (!Piece(std::min(end, start + kPiece))) return;
+            if (!Piece(std::min(end, start + kBlockSize))) return;
             // Starts the write-back now, so that it runs in parallel with the rest of the copy and
             // the final sync is short. A failure is ignored here, because the final sync reports
             // it.

@@ -51,7 +51,7 @@ std::pair<std::string_view, std::string_view> Halves(std::string_view path) {
 
 // Gives the new file the mode, owner and group of the old file. Ignores EPERM: only root can change
 // an owner, and a file with another owner is better than no file.
-void TakeOver(int fd, const struct stat& old) {
+void CopyOwnerAndMode(int fd, const struct stat& old) {
     if (::fchown(fd, old.st_uid, old.st_gid) != 0 &&
         ::fchown(fd, static_cast<uid_t>(-1), old.st_gid) != 0 && errno != EPERM) {
         throw kro_err::FromErrno("Failed to set the owner of a new file");
@@ -251,7 +251,7 @@ void Write(const std::string& path, std::string_view text, mode_t mode) {
     // it earlier.
     NewFile file(path, old ? 0600 : mode);
     if (!WriteAll(file.fd(), text)) throw CopyError("Failed to write " + Quoted(path), errno);
-    if (old) TakeOver(file.fd(), *old);
+    if (old) CopyOwnerAndMode(file.fd(), *old);
     file.Commit();
 }
 

@@ -126,7 +126,7 @@ class DecryptingSink final : public ByteSink {
             bytes = OpenWholeChunks(bytes);
             // More bytes follow the held complete chunk, so it is not the last chunk of the file.
             if (held_.size() == Wanted()) {
-                TakeHeld(false);
+                DecryptHeld(false);
                 continue;
             }
             const std::size_t count = std::min(bytes.size(), Wanted() - held_.size());
@@ -140,9 +140,9 @@ class DecryptingSink final : public ByteSink {
     // shorter than a header.
     void Finish() {
         if (!cipher_ && !passing_ && held_.size() == kHeaderSize && BeginsAsHeader())
-            TakeHeld(false);
+            DecryptHeld(false);
         if (passing_) return;
-        if (cipher_) return TakeHeld(true);
+        if (cipher_) return DecryptHeld(true);
         // The stored file is shorter than a header: it is a plain file or a truncated encrypted
         // file. An empty file counts as truncated.
         if (held_.empty() || BeginsAsHeader()) ThrowCorrupt();
@@ -159,11 +159,11 @@ class DecryptingSink final : public ByteSink {
                           held_.begin());
     }
 
-    void TakeHeld(bool last) {
+    void DecryptHeld(bool last) {
         if (cipher_) {
             OpenChunk(held_, last);
         } else if (BeginsAsHeader()) {
-            TakeHeader();
+            ParseHeader();
         } else {
             passing_ = true;
             PassOn();
@@ -176,7 +176,7 @@ class DecryptingSink final : public ByteSink {
         plain_.Write(held_);
     }
 
-    void TakeHeader() {
+    void ParseHeader() {
         Header header{};
         std::copy_n(held_.begin(), kHeaderSize, header.begin());
         keys_ = ReadHeader(password_, name_, header);

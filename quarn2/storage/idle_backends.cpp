@@ -42,7 +42,7 @@ class IdleBackends {
         std::vector<Entry> old;
         const std::lock_guard lock(mutex_);
         PutAsideAfterFork();
-        TakeOld(old);
+        CollectOld(old);
         // Search from the end of the list, because the server has most likely not yet closed the
         // most recently used connection.
         const auto found = std::find_if(entries_.rbegin(), entries_.rend(),
@@ -71,7 +71,7 @@ class IdleBackends {
 
     // Moves expired idle backends from entries_, which is sorted by time, to `old`. Keep and Take
     // destroy `old`, which closes the connections, after they have released the mutex.
-    void TakeOld(std::vector<Entry>& old) {
+    void CollectOld(std::vector<Entry>& old) {
         const auto first_young = std::find_if(entries_.begin(), entries_.end(), [](const Entry& e) {
             return Clock::now() - e.since < kMaxIdleTime;
         });
@@ -103,7 +103,7 @@ class KeptBackend final : public StorageBackend {
             Idle().Keep(token_, std::move(backend_));
         } catch (const std::exception&) {
             // If there is not enough memory to keep the idle backend, close its connection. The
-            // next TakeBackend opens a new one.
+            // next AcquireBackend opens a new one.
             backend_.reset();
         }
     }
@@ -168,7 +168,7 @@ class KeptBackend final : public StorageBackend {
 
 }  // namespace
 
-std::unique_ptr<StorageBackend> TakeBackend(
+std::unique_ptr<StorageBackend> AcquireBackend(
     const BackupToken& token, const std::function<std::unique_ptr<StorageBackend>()>& open) {
     std::unique_ptr<StorageBackend> backend = Idle().Take(token);
     if (backend == nullptr) backend = open();

@@ -17,7 +17,7 @@ namespace quarn2 {
 // that failed with an error other than kNotFound, the backend is closed instead, because its
 // connection may be broken. Thread-safe. A forked child does not reuse the connections of its
 // parent.
-std::unique_ptr<StorageBackend> TakeBackend(
+std::unique_ptr<StorageBackend> AcquireBackend(
     const BackupToken& token, const std::function<std::unique_ptr<StorageBackend>()>& open);
 
 }  // namespace quarn2

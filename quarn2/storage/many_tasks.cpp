@@ -112,7 +112,7 @@ void ManyTasks::StartThreads() {
 
 // Performs one task on the thread of the caller.
 void ManyTasks::RunHere() {
-    std::optional<ManyTask> task = TakeHere();
+    std::optional<ManyTask> task = NextForCaller();
     if (task) {
         FileError error = Perform(*task, workers_.own, observer_);
         Finish(std::move(*task), std::move(error));
@@ -171,7 +171,7 @@ void ManyTasks::PerformAll(bool is_first) {
         // connections. End this thread and let another thread perform the task. The first thread
         // never returns a task to the queue, so every task is eventually reported.
         if (!is_first && !has_answered && MayRefuseConnection(error)) {
-            return PutBack(std::move(*task));
+            return Requeue(std::move(*task));
         }
         has_answered = has_answered || HasAnswered(error);
         Finish(std::move(*task), std::move(error));
@@ -187,7 +187,7 @@ std::optional<ManyTask> ManyTasks::Take() {
     return task;
 }
 
-std::optional<ManyTask> ManyTasks::TakeHere() {
+std::optional<ManyTask> ManyTasks::NextForCaller() {
     const std::lock_guard lock(mutex_);
     if (queue_.empty()) return std::nullopt;
     ManyTask task = std::move(queue_.front());
@@ -217,7 +217,7 @@ void ManyTasks::Finish(ManyTask task, FileError error) {
 }
 
 // Returns a task to the queue because its thread ends.
-void ManyTasks::PutBack(ManyTask task) {
+void ManyTasks::Requeue(ManyTask task) {
     const std::lock_guard lock(mutex_);
     --active_;
     Add(std::move(task));

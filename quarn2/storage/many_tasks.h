@@ -74,10 +74,10 @@ class ManyTasks {
     void Work(bool is_first);
     void PerformAll(bool is_first);
     std::optional<ManyTask> Take();
-    std::optional<ManyTask> TakeHere();
+    std::optional<ManyTask> NextForCaller();
     void Add(ManyTask task);
     void Finish(ManyTask task, FileError error);
-    void PutBack(ManyTask task);
+    void Requeue(ManyTask task);
     void Stop() noexcept;
 
     Workers workers_;

@@ -108,7 +108,7 @@ std::unique_ptr<StorageBackend> OpenBackend(const BackendScheme& scheme, const B
 std::unique_ptr<StorageBackend> OpenOrTake(const BackupToken& token, std::shared_ptr<Pace> pace) {
     const BackendScheme& scheme = *FindScheme(token.scheme());
     if (pace || !scheme.keeps_connections) return OpenBackend(scheme, token, std::move(pace));
-    return TakeBackend(token, [&] { return OpenBackend(scheme, token); });
+    return AcquireBackend(token, [&] { return OpenBackend(scheme, token); });
 }
 
 }  // namespace

@@ -23,10 +23,10 @@ void CheckReply(const Reply& reply) {
     Require(reply.code >= 0 && reply.code <= 999, "a reply code has at most three digits");
     Require(reply.text.size() < kMaxText, "the length of a reply text is limited");
     Require(reply.verb.find(' ') == reply.verb.npos, "the recorded command has no arguments");
-    SaysMissing(reply.words);
-    SaysDenied(reply.words);
-    SaysTlsNeeded(reply.words);
-    SaysTruncated(reply.text);
+    ReportsMissing(reply.words);
+    ReportsDenied(reply.words);
+    ReportsTlsNeeded(reply.words);
+    ReportsTruncation(reply.text);
     Require(!IsFull(reply) || reply.IsRefusal(), "only a refusal reports a full storage");
     IsUnknownCommand(reply);
     KindOf(reply);
@@ -41,7 +41,7 @@ void CheckTranscript(fuzz::Input& input) {
         } else {
             transcript.Received(line + "\r\n");
         }
-        transcript.TellsPort();
+        transcript.HasPort();
     }
     for (const Reply& reply : transcript.replies()) {
         CheckReply(reply);

@@ -26,7 +26,7 @@ using fuzz::Require;
 const char* const kToken = "memory:link";
 constexpr std::int64_t kLimit = 1'000'000;
 // Much less than the capacity of a pipe.
-constexpr std::size_t kPiece = 4096;
+constexpr std::size_t kBlockSize = 4096;
 
 void PlaceInfoRoot() {
     fuzz::WorkFolder();
@@ -95,8 +95,8 @@ void CheckSession(bool remote, fuzz::Input& input) {
     const unsigned limited = input.Byte();
     const std::string lines = input.Rest();
     Server whole(limited, remote);
-    for (std::size_t at = 0; at < lines.size() && whole.open(); at += kPiece) {
-        whole.Feed(std::string_view(lines).substr(at, kPiece));
+    for (std::size_t at = 0; at < lines.size() && whole.open(); at += kBlockSize) {
+        whole.Feed(std::string_view(lines).substr(at, kBlockSize));
     }
     CheckFrames(whole.answers());
     CheckNames(whole);
@@ -128,7 +128,7 @@ std::vector<std::string> FramesIn(std::string_view bytes) {
 }
 
 void CheckNodeSide(fuzz::Input& input) {
-    const std::string bytes = input.Take(kPiece);
+    const std::string bytes = input.Take(kBlockSize);
     auto pipe = kro_proc::Pipe();
     Require(write(pipe.second, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size()),
             "the pipe accepts the bytes");
@@ -178,7 +178,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (what == 2) {
         fuzz::Input again = input;
         CheckNodeSide(input);
-        CheckExchange(again.Take(kPiece));
+        CheckExchange(again.Take(kBlockSize));
     } else {
         CheckSession(what == 1, input);
     }

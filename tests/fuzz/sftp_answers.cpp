@@ -39,7 +39,7 @@ class Scripted final : public Stream {
         if (requests_ > kMaxRequests) Gone();
         ids_.push_back(U32At(bytes, 5));
     }
-    std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+    std::size_t Read(std::span<std::byte> buffer, int /*extra_seconds*/) override {
         if (at_ >= said_.size()) Gone();
         FillIdIn();
         const std::size_t wanted = 1 + static_cast<unsigned char>(said_[at_]) % 61U;

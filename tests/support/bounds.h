@@ -74,10 +74,10 @@ class Bounds {
 
 // Calls the function and returns the text of the kro_err::Error that the function throws. Fails the
 // test if the text contains the password of the test's token.
-template <class Deed>
-std::string ErrorOf(const Deed& deed) {
+template <class Operation>
+std::string ErrorOf(const Operation& operation) {
     try {
-        deed();
+        operation();
     } catch (const kro_err::Error& error) {
         const std::string text = error.what();
         EXPECT_EQ(text.find("hidden"), std::string::npos) << text;

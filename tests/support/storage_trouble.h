@@ -27,10 +27,10 @@ using Names = std::vector<std::string>;
 // More than all socket buffers between client and server can hold.
 inline constexpr std::int64_t kLarge = 20 * 1024 * 1024 + 1;
 
-// Timeouts of the client in seconds: kTimeout for a peer that falls silent, kPatience for a peer
+// Timeouts of the client in seconds: kTimeout for a peer that falls silent, kLongTimeout for a peer
 // that may only be slow.
 inline constexpr const char* kTimeout = "3";
-inline constexpr const char* kPatience = "30";
+inline constexpr const char* kLongTimeout = "30";
 // Maximum duration of a failed operation. With the default timeout it would be a minute or more.
 inline constexpr std::chrono::seconds kAFewSeconds{30};
 
@@ -60,7 +60,7 @@ class StorageTrouble : public testing::TestWithParam<RemoteKind> {
     // detects a stall only by its timeout. On a busy machine, a short timeout could expire before
     // another kind of failure starts.
     std::shared_ptr<quarn2::Storage> OpenForHarm(Harm harm) const {
-        return OpenThroughRelay(harm == Harm::kStall ? kTimeout : kPatience);
+        return OpenThroughRelay(harm == Harm::kStall ? kTimeout : kLongTimeout);
     }
 
     std::string LocalFile(const std::string& content) const {

@@ -23,11 +23,11 @@ class ByteLock {
 
     // True while an object holds the lock. Takes no lock itself. A missing file has no locks.
     // Throws kro_err::Error when the file cannot be examined.
-    static bool IsHeld(const std::string& path, std::int64_t offset);
+    static bool IsLocked(const std::string& path, std::int64_t offset);
 
   private:
     explicit ByteLock(const std::string& path);
-    bool Take(std::int64_t offset, int command);
+    bool Lock(std::int64_t offset, int command);
 
     std::string path_;
     ResHandle handle_;

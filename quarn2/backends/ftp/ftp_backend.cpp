@@ -245,7 +245,7 @@ bool FtpBackend::IsRenamed(const std::string& from, const std::string& to, std::
 void FtpBackend::RenameOver(const ftp::TemporaryName& temporary, const std::string& name,
                             const Reply& refusal) {
     const std::string target = tree_.PathOf(name);
-    const Found found = tree_.Look(name);
+    const Found found = tree_.FindType(name);
     if (found == Found::kDirectory) {
         throw Error(Kind::kFailed, Quoted(name) + " on the storage is a directory");
     }
@@ -286,7 +286,7 @@ void FtpBackend::Remove(const std::string& name) {
     tree_.RemoveFile(name);
     const ftp::TemporaryName temporary = TemporaryOf(name);
     // Another upload of this name is running, so its temporary files must not be removed.
-    if (temporary.is_further()) return;
+    if (temporary.is_additional()) return;
     session_.Commands({"DELE " + temporary.path(), "DELE " + temporary.OldPath()});
 }
 
@@ -305,7 +305,7 @@ std::vector<ListedEntry> FtpBackend::ListSizes(const std::string& name) {
         entries = tree_.Entries(name);
     } catch (const Error& error) {
         const bool maybe_file = error.kind() == Kind::kNotFound && !name.empty();
-        if (!maybe_file || tree_.Look(name) != Found::kFile) throw;
+        if (!maybe_file || tree_.FindType(name) != Found::kFile) throw;
         return {{name, std::nullopt}};
     }
     std::vector<ListedEntry> listed;

@@ -85,7 +85,7 @@ std::string Fact(std::string_view facts, std::string_view name) {
 Type TypeOf(std::string_view fact) {
     if (fact == "file") return Type::kFile;
     if (fact == "dir" || fact == "cdir" || fact == "pdir") return Type::kDirectory;
-    return fact.empty() ? Type::kUntold : Type::kOther;
+    return fact.empty() ? Type::kUnspecified : Type::kOther;
 }
 
 void AddFacts(Listing& listing, std::string_view line) {

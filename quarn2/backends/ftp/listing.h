@@ -10,12 +10,12 @@
 namespace quarn2::ftp {
 
 struct Entry {
-    // The type of a directory entry. kOther: for example a link or a device. kUntold: the listing
-    // contains no type.
-    enum class Type { kFile, kDirectory, kOther, kUntold };
+    // The type of a directory entry. kOther: for example a link or a device. kUnspecified: the
+    // listing contains no type.
+    enum class Type { kFile, kDirectory, kOther, kUnspecified };
 
     std::string name;
-    Type type = Type::kUntold;
+    Type type = Type::kUnspecified;
     std::optional<std::int64_t> size = std::nullopt;  // of a file, if the listing contains it
 
     friend bool operator==(const Entry&, const Entry&) = default;

@@ -91,7 +91,7 @@ Meaning MeaningOf(const Reply& reply) {
     }
     if (!row.text_decides) return row.meaning;
     if (SaysFull(reply.words)) return Meaning::kNoRoom;
-    return SaysMissing(reply.words) ? Meaning::kNotFound : row.meaning;
+    return ReportsMissing(reply.words) ? Meaning::kNotFound : row.meaning;
 }
 
 Kind KindOf(const Reply& reply) {
@@ -121,25 +121,25 @@ bool RefusesDataConnection(const Reply& reply) noexcept {
     return std::find(kRefused.begin(), kRefused.end(), reply.code) != kRefused.end();
 }
 
-bool SaysMissing(std::string_view words) {
+bool ReportsMissing(std::string_view words) {
     static constexpr std::array<std::string_view, 5> kPhrases = {
         "no such file", "not found", "does not exist", "doesn't exist", "cannot find the"};
     return HasAny(words, kPhrases);
 }
 
-bool SaysDenied(std::string_view words) {
+bool ReportsDenied(std::string_view words) {
     static constexpr std::array<std::string_view, 5> kPhrases = {
         "permission denied", "access denied", "access is denied", "not permitted", "prohibited"};
     return HasAny(words, kPhrases);
 }
 
-bool SaysTlsNeeded(std::string_view words) {
+bool ReportsTlsNeeded(std::string_view words) {
     static constexpr std::array<std::string_view, 5> kPhrases = {"tls", "ssl", "encrypt",
                                                                  "cleartext", "secure"};
     return HasAny(words, kPhrases);
 }
 
-bool SaysTruncated(std::string_view text) {
+bool ReportsTruncation(std::string_view text) {
     static constexpr std::array<std::string_view, 1> kPhrases = {"truncated"};
     return HasAny(text, kPhrases);
 }

@@ -31,13 +31,13 @@ bool IsUnknownCommand(const Reply& reply) noexcept;
 // transfer.
 bool RefusesDataConnection(const Reply& reply) noexcept;
 
-// SaysMissing, SaysDenied and SaysTlsNeeded search the text of a refusal (Reply::words) for phrases
-// that common servers use.
-bool SaysMissing(std::string_view words);
-bool SaysDenied(std::string_view words);
-bool SaysTlsNeeded(std::string_view words);
+// ReportsMissing, ReportsDenied and ReportsTlsNeeded search the text of a refusal (Reply::words)
+// for phrases that common servers use.
+bool ReportsMissing(std::string_view words);
+bool ReportsDenied(std::string_view words);
+bool ReportsTlsNeeded(std::string_view words);
 // Returns true if the text of the reply to a successful listing command reports that the listing is
 // incomplete.
-bool SaysTruncated(std::string_view text);
+bool ReportsTruncation(std::string_view text);
 
 }  // namespace quarn2::ftp

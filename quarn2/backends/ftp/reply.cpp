@@ -141,14 +141,14 @@ const Reply* Transcript::Refusal() const noexcept {
     return !replies_.empty() && replies_.back().IsRefusal() ? &replies_.back() : nullptr;
 }
 
-bool Transcript::TellsPort() const noexcept {
+bool Transcript::HasPort() const noexcept {
     constexpr int kPassive = 227;
     constexpr int kExtendedPassive = 229;
     if (replies_.empty()) return false;
     return replies_.back().code == kPassive || replies_.back().code == kExtendedPassive;
 }
 
-bool Transcript::SaysBegun() const noexcept {
+bool Transcript::IsTransferStart() const noexcept {
     constexpr int kBegun = 100;
     constexpr int kDone = 200;
     return !replies_.empty() && replies_.back().code >= kBegun && replies_.back().code < kDone;

@@ -43,9 +43,9 @@ class Transcript {
     // Returns the last reply if it is a refusal, else null.
     const Reply* Refusal() const noexcept;
     // Returns true if the last reply contains the port of a data connection.
-    bool TellsPort() const noexcept;
+    bool HasPort() const noexcept;
     // Returns true if the last reply announces the start of a transfer.
-    bool SaysBegun() const noexcept;
+    bool IsTransferStart() const noexcept;
 
   private:
     std::vector<Reply> replies_;

@@ -129,7 +129,7 @@ void Session::LimitTls(bool limited) {
 // doubled. To find out, sends a SIZE command with a name of four bytes 255: such a server returns
 // only two of these bytes. The test is sent once per session, and only if a name contains the byte
 // 255.
-bool Session::FindsTelnet() {
+bool Session::IsTelnet() {
     if (!telnet_) {
         telnet_ = false;
         const std::string four(4, kTelnetEscape);
@@ -141,9 +141,9 @@ bool Session::FindsTelnet() {
     return *telnet_;
 }
 
-std::string Session::Wire(const std::string& text) {
+std::string Session::EscapedForTelnet(const std::string& text) {
     if (text.find(kTelnetEscape) == std::string::npos) return text;
-    if (telnet_ == false || !FindsTelnet()) return text;
+    if (telnet_ == false || !IsTelnet()) return text;
     std::string doubled;
     for (const char c : text) {
         doubled += c;
@@ -155,19 +155,19 @@ std::string Session::Wire(const std::string& text) {
 // Returns the URL of a path. The first slash of the path is encoded as %2F, because libcurl would
 // remove it otherwise.
 std::string Session::Url(const std::string& path) {
-    return server_ + "%2F" + PercentEncoded(Wire(path).substr(1), "/");
+    return server_ + "%2F" + PercentEncoded(EscapedForTelnet(path).substr(1), "/");
 }
 
 // --- Running transfers ---
 
-void Session::SetUp(const std::string& url, bool upload, bool body, const Around& around) {
+void Session::SetUp(const std::string& url, bool upload, bool body, const ExtraCommands& extra) {
     handle_.Set(CURLOPT_URL, url);
     // Set CURLOPT_UPLOAD before CURLOPT_NOBODY, because CURLOPT_UPLOAD also changes the value of
     // the other option.
     handle_.Set(CURLOPT_UPLOAD, upload ? 1 : 0);
     handle_.Set(CURLOPT_NOBODY, body ? 0 : 1);
-    handle_.SetList(CURLOPT_QUOTE, around.before);
-    handle_.SetList(CURLOPT_POSTQUOTE, around.behind);
+    handle_.SetList(CURLOPT_QUOTE, extra.before);
+    handle_.SetList(CURLOPT_POSTQUOTE, extra.behind);
     source_ = nullptr;
     take_ = nullptr;
     offset_ = 0;
@@ -195,7 +195,7 @@ CURLcode Session::Perform() {
     is_stalled_ = false;
     is_new_ = false;
     moved_ = 0;
-    Moved();
+    RecordProgress();
     CURLMcode trouble = curl.multi_add_handle(multi_, handle_.get());
     CURLcode result = CURLE_FAILED_INIT;
     int running = 1;
@@ -281,10 +281,10 @@ bool Session::IsHandshakeTooEarly(CURLcode code) const {
 // --- Commands ---
 
 std::vector<Reply> Session::Commands(const std::vector<std::string>& commands) {
-    Around around;
+    ExtraCommands extra;
     // The prefix "*" makes libcurl continue after the server has refused a command.
-    for (const std::string& command : commands) around.before.Add("*" + Wire(command));
-    SetUp(server_ + "%2F", false, false, around);
+    for (const std::string& command : commands) extra.before.Add("*" + EscapedForTelnet(command));
+    SetUp(server_ + "%2F", false, false, extra);
     const CURLcode code = Run([] { return false; });
     return RepliesTo(commands, code);
 }
@@ -310,12 +310,12 @@ Outcome Session::Store(const std::string& path, ByteSource& source) {
 }
 
 Outcome Session::StoreOnce(const std::string& path, ByteSource& source) {
-    Around around;
+    ExtraCommands extra;
     // Remove an existing file first. The server may still run an interrupted session that has the
     // file open, and that session must not write into the new file.
-    around.before.Add("*" + Wire("DELE " + path));
-    around.behind.Add("*" + Wire("SIZE " + path));
-    SetUp(Url(path), true, true, around);
+    extra.before.Add("*" + EscapedForTelnet("DELE " + path));
+    extra.behind.Add("*" + EscapedForTelnet("SIZE " + path));
+    SetUp(Url(path), true, true, extra);
     source_ = &source;
     handle_.SetSize(CURLOPT_INFILESIZE_LARGE, source.size());
     Outcome outcome;
@@ -345,12 +345,12 @@ Outcome Session::Retrieve(const std::string& path, ByteSink& sink) {
 }
 
 Outcome Session::RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first) {
-    Around around;
+    ExtraCommands extra;
     if (size_first) {
-        around.before.Add("*TYPE I");
-        around.before.Add(Wire("SIZE " + path));
+        extra.before.Add("*TYPE I");
+        extra.before.Add(EscapedForTelnet("SIZE " + path));
     }
-    SetUp(Url(path), false, true, around);
+    SetUp(Url(path), false, true, extra);
     handle_.Set(CURLOPT_IGNORE_CONTENT_LENGTH, size_first ? 1 : 0);
     bool begun = false;
     std::int64_t received = 0;
@@ -433,7 +433,7 @@ Outcome Session::ListOnce(const std::string& command, const std::string& directo
 
 void Session::ThrowLogin(const Reply& reply) const {
     const std::string said = net::OneLine(reply.text);
-    if (!tls_ && SaysTlsNeeded(reply.words)) {
+    if (!tls_ && ReportsTlsNeeded(reply.words)) {
         throw Error(Kind::kFailed, what_ +
                                        " requires encryption for the login; use ftps:// instead of "
                                        "ftp:// in the storage token (" +
@@ -459,8 +459,8 @@ void Session::Throw(const Outcome& outcome) const {
                 what_ + ": " + str::Str(reply->code) + " " + net::OneLine(reply->text));
 }
 
-void Session::ThrowRefused(const Reply& reply, const std::string& deed) const {
-    throw Error(KindOf(reply), what_ + ": cannot " + deed + ": " + str::Str(reply.code) + " " +
+void Session::ThrowRefused(const Reply& reply, const std::string& operation) const {
+    throw Error(KindOf(reply), what_ + ": cannot " + operation + ": " + str::Str(reply.code) + " " +
                                    net::OneLine(reply.text));
 }
 

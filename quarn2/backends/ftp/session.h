@@ -62,9 +62,9 @@ class Session {
 
     // Throws the error for the result of a failed transfer.
     [[noreturn]] void Throw(const Outcome& outcome) const;
-    // Throws the error for a command that the server refused. `deed` describes the refused
+    // Throws the error for a command that the server refused. `operation` names the refused
     // operation for the error text ("remove 'name'").
-    [[noreturn]] void ThrowRefused(const Reply& reply, const std::string& deed) const;
+    [[noreturn]] void ThrowRefused(const Reply& reply, const std::string& operation) const;
 
     // Returns the name of the server for error texts.
     const std::string& what() const noexcept { return what_; }
@@ -75,14 +75,14 @@ class Session {
     void SetProtocol(bool tls);
     std::string Url(const std::string& path);
     std::string ListingUrl(const std::string& directory, Where where);
-    std::string Wire(const std::string& text);
-    bool FindsTelnet();
+    std::string EscapedForTelnet(const std::string& text);
+    bool IsTelnet();
     // The FTP commands that libcurl sends before and after a transfer.
-    struct Around {
+    struct ExtraCommands {
         net::CurlList before;
         net::CurlList behind;
     };
-    void SetUp(const std::string& url, bool upload, bool body, const Around& around);
+    void SetUp(const std::string& url, bool upload, bool body, const ExtraCommands& extra);
     // With `size_first`, queries the file's size before the data connection is opened. Otherwise
     // libcurl queries the size when the data connection is open.
     Outcome RetrieveOnce(const std::string& path, ByteSink& sink, bool size_first);
@@ -108,11 +108,11 @@ class Session {
 
     static curl_socket_t OnOpenSocket(void* self, curlsocktype purpose, curl_sockaddr* address);
     static int OnCloseSocket(void* self, curl_socket_t socket);
-    static void AwaitEnd(curl_socket_t socket, int timeout);
+    static void WaitForClose(curl_socket_t socket, int timeout);
     static int OnDebug(CURL* handle, curl_infotype type, char* data, std::size_t size, void* self);
     static int OnProgress(void* self, curl_off_t down_total, curl_off_t down, curl_off_t up_total,
                           curl_off_t up);
-    void Moved() { moved_at_ = kro_date::SteadyClock::now(); }
+    void RecordProgress() { moved_at_ = kro_date::SteadyClock::now(); }
     static std::size_t OnRead(char* buffer, std::size_t size, std::size_t count, void* self);
     static std::size_t OnWrite(char* buffer, std::size_t size, std::size_t count, void* self);
 

@@ -44,14 +44,14 @@ int Session::OnCloseSocket(void* self, curl_socket_t socket) {
     const bool is_data = socket == session.data_;
     if (is_data) session.data_ = CURL_SOCKET_BAD;
     const bool sent_all = session.source_ != nullptr && session.offset_ == session.source_->size();
-    if (is_data && sent_all) AwaitEnd(socket, session.timeout_);
+    if (is_data && sent_all) WaitForClose(socket, session.timeout_);
     return close(socket);
 }
 
 // Waits after an upload until the server closes the data connection. A TLS 1.3 server sends session
 // tickets, which libcurl does not read. If a socket with unread input is closed, the kernel resets
 // the connection, and the server can lose the end of the upload.
-void Session::AwaitEnd(curl_socket_t socket, int timeout) {
+void Session::WaitForClose(curl_socket_t socket, int timeout) {
     constexpr int kMilliseconds = 1000;
     std::array<char, 4096> unwanted = {};
     shutdown(socket, SHUT_WR);
@@ -67,9 +67,9 @@ int Session::OnDebug(CURL* /*handle*/, curl_infotype type, char* data, std::size
     if (type == CURLINFO_HEADER_OUT) session.transcript_.Sent({data, size});
     if (type != CURLINFO_HEADER_IN) return 0;
     session.transcript_.Received({data, size});
-    session.port_is_known_ = session.transcript_.TellsPort();
+    session.port_is_known_ = session.transcript_.HasPort();
     const bool is_corked = session.is_handshake_late_ && session.data_ != CURL_SOCKET_BAD;
-    if (is_corked && session.transcript_.SaysBegun()) Cork(session.data_, false);
+    if (is_corked && session.transcript_.IsTransferStart()) Cork(session.data_, false);
     return 0;
 }
 
@@ -78,7 +78,7 @@ int Session::OnProgress(void* self, curl_off_t /*down_total*/, curl_off_t down,
     auto& session = *static_cast<Session*>(self);
     // Does nothing before the first byte of data, because libcurl's own timeouts for connecting and
     // for replies apply until then.
-    if (down + up != session.moved_ || down + up == 0) session.Moved();
+    if (down + up != session.moved_ || down + up == 0) session.RecordProgress();
     session.moved_ = down + up;
     const auto still = kro_date::SteadyClock::now() - session.moved_at_;
     session.is_stalled_ = still > std::chrono::seconds(session.timeout_);
@@ -94,7 +94,7 @@ std::size_t Session::OnRead(char* buffer, std::size_t size, std::size_t count, v
         const auto room = std::as_writable_bytes(std::span(buffer, size * count));
         const std::size_t got = session.source_->ReadAt(session.offset_, room);
         session.offset_ += static_cast<std::int64_t>(got);
-        session.Moved();
+        session.RecordProgress();
         return got;
     } catch (...) {
         session.thrown_ = std::current_exception();
@@ -107,7 +107,7 @@ std::size_t Session::OnWrite(char* buffer, std::size_t size, std::size_t count, 
     const auto bytes = std::as_bytes(std::span(buffer, size * count));
     try {
         if (session.take_) session.take_(bytes);
-        session.Moved();
+        session.RecordProgress();
         return bytes.size();
     } catch (...) {
         session.thrown_ = std::current_exception();

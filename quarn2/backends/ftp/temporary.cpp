@@ -68,7 +68,7 @@ TemporaryName::TemporaryName(const std::string& user, const std::string& path) {
         lock_ = TryLockName(key + suffix);
         if (!lock_) continue;
         path_ = Path(suffix);
-        is_further_ = number > 0;
+        is_additional_ = number > 0;
         return;
     }
 }

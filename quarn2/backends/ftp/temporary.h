@@ -26,7 +26,7 @@ class TemporaryName {
 
     // Returns true if the number is greater than 0, because another upload of the same target is
     // running.
-    bool is_further() const noexcept { return is_further_; }
+    bool is_additional() const noexcept { return is_additional_; }
 
     // Returns the path of the old file while it is replaced on a server that cannot rename over an
     // existing file.
@@ -41,7 +41,7 @@ class TemporaryName {
     std::string stem_;
     std::string path_;
     std::unique_ptr<NameLock> lock_;
-    bool is_further_ = false;
+    bool is_additional_ = false;
 };
 
 }  // namespace quarn2::ftp

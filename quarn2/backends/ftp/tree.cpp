@@ -35,7 +35,7 @@ std::string Tree::PathOf(const std::string& name) const {
 
 void Tree::CheckAnswered(const Reply& reply, const std::string& name) const {
     constexpr int kLasting = 500;
-    if (!reply.IsRefusal() || (reply.code >= kLasting && !SaysDenied(reply.words))) return;
+    if (!reply.IsRefusal() || (reply.code >= kLasting && !ReportsDenied(reply.words))) return;
     session_.ThrowRefused(reply, "access " + Quoted(PathOf(name)));
 }
 
@@ -48,7 +48,7 @@ Reply Tree::TryEnter(const std::string& name) {
 // Returns the type of the object at `name`. A link has the type of its target. If the server does
 // not support MLST, SIZE and CWD are used: SIZE succeeds only for files and CWD only for
 // directories. MLST is preferred because some servers delay their replies after many failed CWDs.
-Found Tree::Look(const std::string& name) {
+Found Tree::FindType(const std::string& name) {
     const std::string path = PathOf(name);
     if (has_mlst_) {
         const Reply reply = session_.Command("MLST " + path);
@@ -76,7 +76,7 @@ bool Tree::IsDirectory(const std::string& name, Entry::Type type) {
 void Tree::CheckRoot() {
     const Reply reply = session_.Command("CWD " + PathOf(""));
     if (reply.IsDone()) return;
-    if (reply.code < 500 || SaysDenied(reply.words)) {
+    if (reply.code < 500 || ReportsDenied(reply.words)) {
         session_.ThrowRefused(reply, "access directory " + Quoted(PathOf("")));
     }
     throw Error(Kind::kNotFound, session_.what() + " has no directory " + Quoted(PathOf("")) +
@@ -103,12 +103,12 @@ std::optional<Entry> Tree::FindListed(const std::string& name) {
     return std::nullopt;
 }
 
-void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::string& deed) {
+void Tree::ThrowMissing(const Reply& reply, const std::string& name, const std::string& operation) {
     constexpr int kRefused = 500;
-    if (reply.code < kRefused) session_.ThrowRefused(reply, deed);
-    const bool missing =
-        SaysMissing(reply.words) || (!SaysDenied(reply.words) && Look(name) != Found::kFile);
-    if (!missing && FindListed(name)) session_.ThrowRefused(reply, deed);
+    if (reply.code < kRefused) session_.ThrowRefused(reply, operation);
+    const bool missing = ReportsMissing(reply.words) ||
+                         (!ReportsDenied(reply.words) && FindType(name) != Found::kFile);
+    if (!missing && FindListed(name)) session_.ThrowRefused(reply, operation);
     CheckRoot();
     throw Error(Kind::kNotFound, "no file " + Quoted(name) + " on the storage");
 }
@@ -119,12 +119,12 @@ bool Tree::MakeDirectories(const std::string& name) {
     if (seen_.contains(name)) return true;
     if (name.empty()) {
         CheckRoot();
-    } else if (Look(name) != Found::kDirectory) {
+    } else if (FindType(name) != Found::kDirectory) {
         if (!MakeDirectories(kro_file::Path(name))) return false;
         const Reply reply = session_.Command("MKD " + PathOf(name));
         if (IsFull(reply)) return false;
         // If MKD fails, another process may have created the directory at the same time.
-        if (!reply.IsDone() && Look(name) != Found::kDirectory) {
+        if (!reply.IsDone() && FindType(name) != Found::kDirectory) {
             session_.ThrowRefused(reply, "create directory " + Quoted(name));
         }
     }
@@ -134,29 +134,29 @@ bool Tree::MakeDirectories(const std::string& name) {
 
 // --- Listings ---
 
-bool Tree::IsCut(std::string_view command) const {
+bool Tree::IsTruncated(std::string_view command) const {
     const Reply* const reply = session_.transcript().Find(command);
-    return reply != nullptr && SaysTruncated(reply->text);
+    return reply != nullptr && ReportsTruncation(reply->text);
 }
 
 // Lists a directory with MLSD. Returns false if the server does not support MLSD. Some servers
 // reply with a 501 to MLSD if the name is a file.
-bool Tree::ListByMachine(const std::string& name, Listing& listing) {
+bool Tree::ListMachineReadable(const std::string& name, Listing& listing) {
     constexpr int kBadArgument = 501;
     std::string text;
     const Outcome outcome = session_.List("MLSD", PathOf(name), Session::Where::kNamed, text);
     if (outcome.code == CURLE_OK) {
         listing = ParseMachineListing(text);
-        listing.is_cut = IsCut("MLSD");
+        listing.is_cut = IsTruncated("MLSD");
         return true;
     }
     const Reply* const reply = session_.transcript().Find("MLSD");
     if (reply == nullptr || !reply->IsRefusal() || reply->code < 500) session_.Throw(outcome);
     const Reply refusal = *reply;
     if (IsUnknownCommand(refusal) && refusal.code != kBadArgument) return false;
-    const bool is_directory = !SaysDenied(refusal.words) && Look(name) == Found::kDirectory;
+    const bool is_directory = !ReportsDenied(refusal.words) && FindType(name) == Found::kDirectory;
     if (refusal.code == kBadArgument && is_directory) return false;
-    if (SaysDenied(refusal.words) || is_directory) {
+    if (ReportsDenied(refusal.words) || is_directory) {
         session_.ThrowRefused(refusal, "list " + Quoted(name));
     }
     ThrowNoDirectory(refusal, name);
@@ -176,7 +176,7 @@ bool Tree::TryList(const std::string& command, const std::string& name, Listing&
     if (outcome.code != CURLE_OK && transcript.Refusal() != nullptr) return false;
     if (outcome.code != CURLE_OK || outcome.thrown) session_.Throw(outcome);
     listing = ParseListing(text);
-    listing.is_cut = IsCut("LIST");
+    listing.is_cut = IsTruncated("LIST");
     return true;
 }
 
@@ -184,7 +184,7 @@ bool Tree::TryList(const std::string& command, const std::string& name, Listing&
 // because some servers parse the argument as a pattern or as options. Tries "LIST -a" first, which
 // also lists hidden files. A server that does not support options lists a file named "-a" instead;
 // such a listing has no entry for the directory itself and is discarded.
-Listing Tree::ListForPeople(const std::string& name) {
+Listing Tree::ListHumanReadable(const std::string& name) {
     Listing listing;
     if (TryList("LIST -a", name, listing) && listing.shows_itself) return listing;
     if (TryList("LIST", name, listing)) return listing;
@@ -193,8 +193,8 @@ Listing Tree::ListForPeople(const std::string& name) {
 
 Listing Tree::ListAll(const std::string& name) {
     Listing listing;
-    if (has_mlsd_ && !ListByMachine(name, listing)) has_mlsd_ = false;
-    if (!has_mlsd_) return ListForPeople(name);
+    if (has_mlsd_ && !ListMachineReadable(name, listing)) has_mlsd_ = false;
+    if (!has_mlsd_) return ListHumanReadable(name);
     // Some servers return an empty listing for a missing directory, so check whether the directory
     // exists.
     if (listing.entries.empty() && !listing.shows_itself) {
@@ -220,11 +220,11 @@ std::vector<Entry> Tree::Entries(const std::string& name) {
 void Tree::RemoveFile(const std::string& name) {
     const Reply reply = session_.Command("DELE " + PathOf(name));
     if (reply.IsDone()) return;
-    if (reply.code >= 500 && SaysMissing(reply.words)) {
+    if (reply.code >= 500 && ReportsMissing(reply.words)) {
         CheckRoot();
         return;
     }
-    if (SaysDenied(reply.words) || Look(name) != Found::kNothing) {
+    if (ReportsDenied(reply.words) || FindType(name) != Found::kNothing) {
         session_.ThrowRefused(reply, "remove " + Quoted(name));
     }
     CheckRoot();
@@ -236,7 +236,7 @@ void Tree::RemoveDirectory(const std::string& name) {
         if (entry.name != last || entry.type == Entry::Type::kFile) continue;
         // The name can be a link to a directory, because some servers list such a link as a
         // directory. RemoveBatch removes the link itself.
-        if (Look(name) != Found::kDirectory) continue;
+        if (FindType(name) != Found::kDirectory) continue;
         RemoveBatch(above, {&entry, 1}, 0);
     }
 }
@@ -257,7 +257,7 @@ std::vector<Entry> Tree::ListOrNothing(const std::string& name) {
 void Tree::RemoveEmptied(const std::string& name) {
     Reply reply = session_.Command("RMD " + PathOf(name));
     if (!reply.IsDone() && Enter(name)) {
-        for (const Entry& entry : ListForPeople(name).entries) {
+        for (const Entry& entry : ListHumanReadable(name).entries) {
             session_.Command("DELE " + PathOf(kro_file::ConcatPath(name, entry.name)));
         }
         reply = session_.Command("RMD " + PathOf(name));
@@ -312,10 +312,11 @@ void Tree::RemoveRefused(const std::string& name, const Entry& entry, const Repl
                          int depth) {
     const std::string below = kro_file::ConcatPath(name, entry.name);
     if (entry.type != Entry::Type::kDirectory) {
-        const Found found = SaysMissing(reply.words) ? Found::kNothing : Look(below);
+        const Found found = ReportsMissing(reply.words) ? Found::kNothing : FindType(below);
         if (found == Found::kNothing) return;
-        const bool untold = entry.type == Entry::Type::kUntold && found == Found::kDirectory;
-        if (!untold) session_.ThrowRefused(reply, "remove " + Quoted(below));
+        const bool is_unspecified =
+            entry.type == Entry::Type::kUnspecified && found == Found::kDirectory;
+        if (!is_unspecified) session_.ThrowRefused(reply, "remove " + Quoted(below));
     }
     Empty(below, depth + 1);
     RemoveEmptied(below);

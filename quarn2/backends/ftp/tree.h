@@ -24,7 +24,7 @@ class Tree {
 
     std::string PathOf(const std::string& name) const;
 
-    Found Look(const std::string& name);
+    Found FindType(const std::string& name);
 
     // Throws kNotFound if the storage's root does not exist.
     void CheckRoot();
@@ -49,9 +49,9 @@ class Tree {
     void RemoveFile(const std::string& name);
 
     // Throws the error after the server has refused a command on the file: kNotFound if the file
-    // does not exist, otherwise the error of the reply. `deed` describes the refused operation.
+    // does not exist, otherwise the error of the reply. `operation` names the refused operation.
     [[noreturn]] void ThrowMissing(const Reply& reply, const std::string& name,
-                                   const std::string& deed);
+                                   const std::string& operation);
 
   private:
     // Throws the error of the reply if the reply is a refusal that does not show whether the file
@@ -61,9 +61,9 @@ class Tree {
     bool Enter(const std::string& name) { return TryEnter(name).IsDone(); }
     bool IsDirectory(const std::string& name, Entry::Type type);
     Listing ListAll(const std::string& name);
-    bool IsCut(std::string_view command) const;
-    bool ListByMachine(const std::string& name, Listing& listing);
-    Listing ListForPeople(const std::string& name);
+    bool IsTruncated(std::string_view command) const;
+    bool ListMachineReadable(const std::string& name, Listing& listing);
+    Listing ListHumanReadable(const std::string& name);
     bool TryList(const std::string& command, const std::string& name, Listing& listing);
     // Searches the listing of the parent directory for `name`. This distinguishes a missing file or
     // directory from an inaccessible one.

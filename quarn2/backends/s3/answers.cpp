@@ -66,7 +66,7 @@ std::optional<std::int64_t> SizeOf(const std::string& text) {
     throw Error(Kind::kUnavailable, what + ": unexpected response to " + to);
 }
 
-void TakeRefusal(Refusal& refusal, std::string_view name, const std::string& text) {
+void ParseRefusal(Refusal& refusal, std::string_view name, const std::string& text) {
     if (name == "Code") refusal.code = net::OneLine(text);
     if (name == "Message") refusal.message = net::OneLine(text);
     if (name == "Region") refusal.region = net::OneLine(text);
@@ -81,7 +81,7 @@ Refusal RefusalOf(const net::HttpReply& reply, std::string path) {
     refusal.region = net::OneLine(reply.Header("x-amz-bucket-region"));
     try {
         ReadAll({}, reply.body, [&refusal](auto /*parent*/, auto name, const std::string& text) {
-            TakeRefusal(refusal, name, text);
+            ParseRefusal(refusal, name, text);
         });
     } catch (const Error&) {
         // The body is not valid XML, because it is empty or the page of a proxy. The refusal
@@ -152,7 +152,7 @@ std::vector<DeleteAnswer> ReadDeleteAnswer(const std::string& what, const std::s
     DeleteAnswer one;
     bool whole = false;
     ReadAll(what, body, [&](auto parent, auto name, const std::string& text) {
-        if (parent == "Error") TakeRefusal(one.refusal, name, text);
+        if (parent == "Error") ParseRefusal(one.refusal, name, text);
         if (parent == "Error" && name == "Key") one.key = text;
         if (name == "Error") {
             one.refusal.status = kOk;

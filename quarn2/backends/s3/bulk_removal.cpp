@@ -87,7 +87,7 @@ BulkRemoval::Keys BulkRemoval::Pending() const {
     return keys;
 }
 
-std::string BulkRemoval::Doing(const std::string& key) const {
+std::string BulkRemoval::OperationText(const std::string& key) const {
     const auto found = positions_.find(key);
     return "cannot remove " + Quoted(found == positions_.end() ? key : names_[found->second]);
 }
@@ -130,7 +130,7 @@ void BulkRemoval::RefuseDirectoriesIn(const std::string& directory, const Keys& 
     if (!directories) return RefuseDirectoriesOneByOne(keys);
     for (const std::string& key : keys) {
         if (!directories->contains(key + "/")) continue;
-        Fail(key, Error(Kind::kFailed, Doing(key) + ": it is a directory on the storage"));
+        Fail(key, Error(Kind::kFailed, OperationText(key) + ": it is a directory on the storage"));
     }
 }
 
@@ -145,7 +145,8 @@ void BulkRemoval::RefuseDirectoriesOneByOne(const Keys& keys) {
             ListingReader reader(service_.what());
             reader.Write(std::as_bytes(std::span(result.reply.body)));
             if (reader.Finish().keys.empty()) return;
-            Fail(key, Error(Kind::kFailed, Doing(key) + ": it is a directory on the storage"));
+            Fail(key,
+                 Error(Kind::kFailed, OperationText(key) + ": it is a directory on the storage"));
         });
     }
     requests.Finish();
@@ -219,8 +220,9 @@ bool BulkRemoval::CheckTogether(const Keys& keys, const net::HttpResult& result)
         if (result.error) std::rethrow_exception(result.error);
         if (!result.reply.IsSuccess()) service_.ThrowRefused(result.reply, kDoing);
         for (const DeleteAnswer& left : ReadDeleteAnswer(service_.what(), result.reply.body)) {
-            const Error error(left.refusal.kind(), service_.what() + ": " + Doing(left.key) + ": " +
-                                                       left.refusal.Text());
+            const Error error(
+                left.refusal.kind(),
+                service_.what() + ": " + OperationText(left.key) + ": " + left.refusal.Text());
             // If the error contains none of the requested keys, it can refer to any of them, so all
             // of them fail.
             if (!positions_.contains(left.key)) throw error;
@@ -236,7 +238,7 @@ void BulkRemoval::RemoveOneByOne(const Keys& keys) {
         requests.Start(service_.Signed(DeleteCall(key)), [&](const net::HttpResult& result) {
             Step({key}, [&] {
                 if (result.error) std::rethrow_exception(result.error);
-                CheckGone(service_, result.reply, Doing(key));
+                CheckRemoved(service_, result.reply, OperationText(key));
             });
         });
     }

@@ -46,7 +46,7 @@ class BulkRemoval {
     void RemoveOneByOne(const Keys& keys);
 
     Keys Pending() const;
-    std::string Doing(const std::string& key) const;
+    std::string OperationText(const std::string& key) const;
     void Fail(const std::string& key, const kro_err::Error& error);
     // Runs `step`. If it throws kro_err::Error, records this error for all `keys`.
     void Step(const Keys& keys, const std::function<void()>& step);

@@ -13,11 +13,12 @@ Call DeleteCall(const std::string& key) {
     return call;
 }
 
-void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing) {
+void CheckRemoved(const Service& service, const net::HttpReply& reply,
+                  const std::string& operation) {
     if (reply.IsSuccess()) return;
     const Refusal refusal = RefusalOf(reply);
     if (refusal.IsMissing()) return;
-    service.ThrowRefused(refusal, doing);
+    service.ThrowRefused(refusal, operation);
 }
 
 bool IsUnknownRequest(const net::HttpReply& reply) {

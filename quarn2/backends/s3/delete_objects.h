@@ -17,7 +17,8 @@ Call DeleteCall(const std::string& key);
 
 // Throws the error of the response to a DeleteCall unless it confirms that the key no longer
 // exists.
-void CheckGone(const Service& service, const net::HttpReply& reply, const std::string& doing);
+void CheckRemoved(const Service& service, const net::HttpReply& reply,
+                  const std::string& operation);
 
 // Returns the request that removes up to kMaxKeysOfDelete objects. Its response contains only the
 // keys that were not removed. XML, the format of the request, must be able to represent the keys

@@ -22,11 +22,11 @@ using kro_err::Kind;
 constexpr int kNotFound = 404;
 
 Listing ListPage(Service& service, const std::string& prefix, bool only_direct,
-                 const std::string& next, const std::string& doing) {
+                 const std::string& next, const std::string& operation) {
     Call call = ListingCall(prefix, only_direct, next);
     ListingReader reader(service.what());
     call.sink = &reader;
-    service.Do(std::move(call), doing);
+    service.Do(std::move(call), operation);
     return reader.Finish();
 }
 
@@ -39,7 +39,7 @@ class Pages {
     const std::string& next() const noexcept { return next_; }
 
     // Advances to the page after `page`. Returns false if `page` is the last page.
-    bool GoOn(const Listing& page) {
+    bool Advance(const Listing& page) {
         if (page.next.empty()) return false;
         if (page.next == next_ || ++count_ > kMaxPages) {
             throw Error(
@@ -95,13 +95,13 @@ void RemoveDuplicates(std::vector<ListedEntry>& entries) {
     entries.erase(std::unique(entries.begin(), entries.end(), same), entries.end());
 }
 
-bool FileExists(Service& service, const std::string& name, const std::string& doing) {
+bool FileExists(Service& service, const std::string& name, const std::string& operation) {
     Call call;
     call.method = "HEAD";
     call.key = service.KeyOf(name);
     const net::HttpReply reply = service.Ask(std::move(call));
     if (reply.IsSuccess()) return true;
-    if (reply.status != kNotFound) service.ThrowRefused(reply, doing);
+    if (reply.status != kNotFound) service.ThrowRefused(reply, operation);
     return false;
 }
 
@@ -112,7 +112,7 @@ class Sweeper {
     Sweeper(Service& service, std::string prefix, std::size_t at_once, bool& is_supported)
         : service_(service),
           prefix_(std::move(prefix)),
-          doing_("cannot empty a directory"),
+          operation_("cannot empty a directory"),
           is_supported_(is_supported),
           requests_(service.client(), at_once) {}
 
@@ -120,8 +120,8 @@ class Sweeper {
         Pages pages(service_);
         bool more = true;
         while (more) {
-            const Listing page = ListPage(service_, prefix_, false, pages.next(), doing_);
-            more = pages.GoOn(page);
+            const Listing page = ListPage(service_, prefix_, false, pages.next(), operation_);
+            more = pages.Advance(page);
             StartPage(page.keys);
         }
         requests_.Finish();
@@ -155,8 +155,9 @@ class Sweeper {
     // Removes a key with a separate DELETE request. This is necessary if XML, the format of batch
     // requests, cannot represent the key, or if the server does not support batch requests.
     void StartOne(const std::string& key) {
-        StartCall(DeleteCall(key),
-                  [this](const net::HttpReply& reply) { CheckGone(service_, reply, doing_); });
+        StartCall(DeleteCall(key), [this](const net::HttpReply& reply) {
+            CheckRemoved(service_, reply, operation_);
+        });
     }
 
     void StartBatch(std::vector<std::string> keys) {
@@ -172,7 +173,7 @@ class Sweeper {
             refused_.insert(refused_.end(), keys.begin(), keys.end());
             return;
         }
-        if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
+        if (!reply.IsSuccess()) service_.ThrowRefused(reply, operation_);
         const std::vector<DeleteAnswer> left = ReadDeleteAnswer(service_.what(), reply.body);
         if (left.empty()) return;
         service_.ThrowRefused(left.front().refusal, "cannot remove " + Quoted(left.front().key));
@@ -188,7 +189,7 @@ class Sweeper {
 
     Service& service_;
     std::string prefix_;
-    std::string doing_;
+    std::string operation_;
     bool& is_supported_;
     std::vector<std::string> refused_;  // keys of batches that the server refused
     net::ParallelRequests requests_;
@@ -203,7 +204,7 @@ class FileRemoval {
           unfinished_(unfinished),
           name_(name),
           key_(service.KeyOf(name)),
-          doing_("cannot remove " + Quoted(name)),
+          operation_("cannot remove " + Quoted(name)),
           below_(service.what()) {}
 
     void Run() {
@@ -217,7 +218,7 @@ class FileRemoval {
             Start(unfinished_.PageCall(key_, {}), uploads_);
             while (service_.client().running() > 0) service_.client().Wait();
         }
-        CheckGone(service_, ReplyOf(removed_), doing_);
+        CheckRemoved(service_, ReplyOf(removed_), operation_);
         CheckNoDirectory();
         AbortUploads();
     }
@@ -235,7 +236,7 @@ class FileRemoval {
 
     void CheckNoDirectory() {
         const net::HttpReply& reply = ReplyOf(listed_);
-        if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
+        if (!reply.IsSuccess()) service_.ThrowRefused(reply, operation_);
         if (below_.Finish().keys.empty()) return;
         throw Error(Kind::kFailed, Quoted(name_) + " on the storage is a directory");
     }
@@ -252,7 +253,7 @@ class FileRemoval {
     Unfinished& unfinished_;
     const std::string& name_;
     std::string key_;
-    std::string doing_;
+    std::string operation_;
     ListingReader below_;
     net::HttpResult removed_;
     net::HttpResult listed_;
@@ -270,7 +271,7 @@ Call ListingCall(const std::string& prefix, bool only_direct, const std::string&
 }
 
 std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name) {
-    const std::string doing = "cannot list " + Quoted(name);
+    const std::string operation = "cannot list " + Quoted(name);
     const std::string prefix = service.KeyOfDirectory(name);
     std::vector<ListedEntry> entries;
     ListingLimit limit(service.what());
@@ -278,7 +279,7 @@ std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name
     bool any = false;
     bool more = true;
     while (more) {
-        const Listing page = ListPage(service, prefix, true, pages.next(), doing);
+        const Listing page = ListPage(service, prefix, true, pages.next(), operation);
         const auto add = [&](const ListedKey& listed) {
             limit.Count(listed.key.size());
             AddEntry(entries, listed, prefix);
@@ -286,10 +287,10 @@ std::vector<ListedEntry> ListDirectory(Service& service, const std::string& name
         };
         for (const ListedKey& listed : page.keys) add(listed);
         for (const std::string& key : page.directories) add({key, std::nullopt});
-        more = pages.GoOn(page);
+        more = pages.Advance(page);
     }
     if (!any && !name.empty()) {
-        if (FileExists(service, name, doing)) return {{name, std::nullopt}};
+        if (FileExists(service, name, operation)) return {{name, std::nullopt}};
         throw Error(Kind::kNotFound, "no directory " + Quoted(name) + " on the storage");
     }
     RemoveDuplicates(entries);
@@ -308,7 +309,7 @@ std::optional<std::vector<ListedEntry>> ListAll(Service& service, std::size_t ma
             limit.Count(listed.key.size());
             if (!str::EndsWith(listed.key, "/")) AddEntry(files, listed, prefix);
         }
-        if (!pages.GoOn(page)) return files;
+        if (!pages.Advance(page)) return files;
     }
     return std::nullopt;
 }
@@ -327,7 +328,7 @@ std::optional<std::set<std::string>> DirectoriesOf(Service& service, const std::
     for (std::size_t count = 0; count < max_pages; ++count) {
         const Listing page = ListPage(service, prefix, true, pages.next(), "cannot remove files");
         directories.insert(page.directories.begin(), page.directories.end());
-        if (!pages.GoOn(page)) return directories;
+        if (!pages.Advance(page)) return directories;
     }
     return std::nullopt;
 }

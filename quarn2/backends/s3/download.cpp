@@ -91,11 +91,11 @@ void Download::Run() {
     while (!pieces_.empty()) {
         service_.client().Pump(kPollMs);
         if (error_) std::rethrow_exception(error_);
-        TakeTurns();
+        WriteInOrder();
         StartMore();
         if (std::exchange(again_, false)) Start(0, kRange);
     }
-    CheckWhole();
+    CheckComplete();
 }
 
 Call Download::PieceCall(Piece& piece) const {
@@ -174,7 +174,7 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
     piece.done = true;
     try {
         if (result.error) std::rethrow_exception(result.error);
-        again_ = !size_ && IsWorthAnother(result.reply.status);
+        again_ = !size_ && MustSendAgain(result.reply.status);
         if (again_) return;
         if (!result.reply.IsSuccess()) ThrowRefused(result.reply);
         if (piece.received != piece.length) ThrowCannotFetch("the transfer ended early");
@@ -186,12 +186,12 @@ void Download::End(Piece& piece, const net::HttpResult& result) {
 // Decides by the status of the first response whether the first request is sent again. Servers
 // return a 416 to a range request for an empty file, so the request is repeated without a range.
 // Some servers return a 500 if the file is replaced while they open it.
-bool Download::IsWorthAnother(int status) {
+bool Download::MustSendAgain(int status) {
     if (status == kNoSuchRange) return std::exchange(has_ranges_, false);
     return status == kInternalError && ++failures_ < kMaxFailures;
 }
 
-void Download::TakeTurns() {
+void Download::WriteInOrder() {
     while (!pieces_.empty() && pieces_.front()->done) {
         idle_.push_back(std::move(pieces_.front()));
         pieces_.pop_front();
@@ -201,7 +201,7 @@ void Download::TakeTurns() {
     }
 }
 
-void Download::CheckWhole() {
+void Download::CheckComplete() {
     if (!size_ || delivered_ != *size_) ThrowCannotFetch("the transfer ended early");
     if (digest_ && Hex(digest_->Finish()) != checksum_) {
         ThrowCannotFetch("the checksum of the downloaded data differs from the stored checksum");

@@ -46,10 +46,10 @@ class Download {
     void End(Piece& piece, const net::HttpResult& result);
     // Removes finished ranges from the front of the queue. Then writes the received bytes of the
     // first unfinished range to the sink.
-    void TakeTurns();
+    void WriteInOrder();
     // Returns true if the first request must be sent again after a response with this status.
-    bool IsWorthAnother(int status);
-    void CheckWhole();
+    bool MustSendAgain(int status);
+    void CheckComplete();
     [[noreturn]] void ThrowRefused(const net::HttpReply& reply) const;
     [[noreturn]] void ThrowCannotFetch(const std::string& why) const;
 

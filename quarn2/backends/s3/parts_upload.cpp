@@ -18,7 +18,7 @@ using kro_err::Kind;
 
 // The maximum number of bytes that are read from the source at a time. The running requests are
 // advanced after each read.
-constexpr std::size_t kPiece = kMiB;
+constexpr std::size_t kReadSize = kMiB;
 constexpr std::size_t kMd5Size = 16;
 
 // Thrown when a response of the server ends the upload with a regular outcome, such as a full
@@ -72,8 +72,8 @@ Call CreationCall(const Service& service, const std::string& method, const std::
     return call;
 }
 
-PartsUpload::PartsUpload(Service& service, Unfinished& unfinished, std::string doing)
-    : service_(service), unfinished_(unfinished), doing_(std::move(doing)) {}
+PartsUpload::PartsUpload(Service& service, Unfinished& unfinished, std::string operation)
+    : service_(service), unfinished_(unfinished), operation_(std::move(operation)) {}
 
 PartsUpload::Outcome PartsUpload::Run(const std::string& key, ByteSource& source,
                                       const Plan& plan) {
@@ -112,7 +112,7 @@ std::string PartsUpload::BeginUpload() {
     if (!reply.IsSuccess()) ThrowStopped(service_.RefusalOfKey(reply, key_));
     std::string id = ReadUploadAnswer(service_.what(), reply.body).id;
     if (id.empty()) {
-        throw Error(Kind::kUnavailable, service_.what() + ": " + doing_ +
+        throw Error(Kind::kUnavailable, service_.what() + ": " + operation_ +
                                             ": the server returned no ID for the multipart upload");
     }
     return id;
@@ -175,7 +175,7 @@ PartsUpload::Slot& PartsUpload::FreeSlot() {
 std::string PartsUpload::Fill(std::span<std::byte> bytes, std::int64_t offset) {
     Digest digest(Digest::Algorithm::kSha256);
     while (!bytes.empty()) {
-        const std::span<std::byte> piece = bytes.first(std::min(bytes.size(), kPiece));
+        const std::span<std::byte> piece = bytes.first(std::min(bytes.size(), kReadSize));
         if (source_->ReadAt(offset, piece) != piece.size()) {
             throw Error(Kind::kFailed, "the source became shorter while it was uploaded");
         }
@@ -205,30 +205,30 @@ void PartsUpload::StartPart(std::size_t index, Slot& slot, std::span<const std::
     service_.client().Start(service_.Signed(std::move(call)),
                             [this, index, &slot](const net::HttpResult& result) {
                                 slot.free = true;
-                                TakePart(index, result);
+                                FinishPart(index, result);
                             });
 }
 
 // Uploads parts that are too large for memory. Reads each part twice from the source: first for the
 // hash in the headers of the request, then for the body of the request.
 void PartsUpload::SendInPlace() {
-    const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kPiece);
+    const auto buffer = std::make_unique_for_overwrite<std::byte[]>(kReadSize);
     for (std::size_t index = 0; index < etags_.size(); ++index) {
         Digest digest(Digest::Algorithm::kSha256);
         SourceRange range(*source_, OffsetOf(index), LengthOf(index));
-        while (const std::size_t got = range.Read({buffer.get(), kPiece})) {
+        while (const std::size_t got = range.Read({buffer.get(), kReadSize})) {
             digest.Add({buffer.get(), got});
         }
         Call call = PartCall(index, Hex(digest.Finish()));
         call.body = std::make_unique<SourceRange>(*source_, OffsetOf(index), LengthOf(index));
         net::HttpResult result;
         result.reply = service_.Ask(std::move(call));
-        TakePart(index, result);
+        FinishPart(index, result);
         Check();
     }
 }
 
-void PartsUpload::TakePart(std::size_t index, const net::HttpResult& result) {
+void PartsUpload::FinishPart(std::size_t index, const net::HttpResult& result) {
     const bool is_first = error_ == nullptr && !refusal_;
     if (result.error) {
         if (is_first) error_ = result.error;
@@ -247,7 +247,7 @@ void PartsUpload::Check() {
 void PartsUpload::ThrowStopped(const Refusal& refusal) const {
     if (refusal.IsNoRoom()) throw Stopped{Outcome::kNoRoom};
     if (refusal.code == kGoneCode) throw Stopped{Outcome::kGone};
-    service_.ThrowRefused(refusal, doing_);
+    service_.ThrowRefused(refusal, operation_);
 }
 
 // --- Completion ---
@@ -282,7 +282,7 @@ PartsUpload::Outcome PartsUpload::OutcomeOf(const net::HttpReply& reply) {
     // libcurl sends the request again if the connection fails. The second request fails with
     // kGoneCode if the first request has already completed the upload.
     if (refusal.code == kGoneCode) return IsStored() ? Outcome::kStored : Outcome::kGone;
-    service_.ThrowRefused(refusal, doing_);
+    service_.ThrowRefused(refusal, operation_);
 }
 
 // Returns the ETag that servers usually assign to a multipart object: the MD5 of the MD5s of all
@@ -301,7 +301,7 @@ net::HttpReply PartsUpload::Head() {
     Call call;
     call.method = "HEAD";
     call.key = key_;
-    return service_.AskAnew(std::move(call));
+    return service_.AskOnNewConnection(std::move(call));
 }
 
 // Returns true if the stored file has the expected size and ETag. The size alone is not sufficient,
@@ -320,9 +320,9 @@ bool PartsUpload::IsStored() {
 
 void PartsUpload::CheckSize() {
     const net::HttpReply reply = Head();
-    if (!reply.IsSuccess()) service_.ThrowRefused(reply, doing_);
+    if (!reply.IsSuccess()) service_.ThrowRefused(reply, operation_);
     if (reply.Header("content-length") == str::Str(source_->size())) return;
-    throw Error(Kind::kUnavailable, service_.what() + ": " + doing_ +
+    throw Error(Kind::kUnavailable, service_.what() + ": " + operation_ +
                                         ": the stored file does not have the size of the source");
 }
 

@@ -28,8 +28,8 @@ class PartsUpload {
         kGone,  // another process aborted the upload
     };
 
-    // `doing` describes the operation in error texts: "cannot store 'x'".
-    PartsUpload(Service& service, Unfinished& unfinished, std::string doing);
+    // `operation` names the operation in error texts: "cannot store 'x'".
+    PartsUpload(Service& service, Unfinished& unfinished, std::string operation);
 
     // Uploads the source as an object with this key. If the file is not stored, aborts the
     // multipart upload on the server. If the abort fails, adds the upload to `unfinished`, so that
@@ -54,7 +54,7 @@ class PartsUpload {
     Call PartCall(std::size_t index, std::string hash) const;
     void StartPart(std::size_t index, Slot& slot, std::span<const std::byte> bytes,
                    std::string hash);
-    void TakePart(std::size_t index, const net::HttpResult& result);
+    void FinishPart(std::size_t index, const net::HttpResult& result);
     // Throws the first error if the upload of a part has failed.
     void Check();
     [[noreturn]] void ThrowStopped(const Refusal& refusal) const;
@@ -72,7 +72,7 @@ class PartsUpload {
 
     Service& service_;
     Unfinished& unfinished_;
-    std::string doing_;
+    std::string operation_;
     std::string key_;
     ByteSource* source_ = nullptr;
     Plan plan_;

@@ -82,7 +82,7 @@ bool S3Backend::Put(const std::string& name, ByteSource& source) {
                                                          : PutParts(name, source);
 }
 
-std::string Doing(const std::string& name) { return "cannot store " + Quoted(name); }
+std::string OperationText(const std::string& name) { return "cannot store " + Quoted(name); }
 
 bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     const auto size = static_cast<std::size_t>(source.size());
@@ -112,7 +112,7 @@ bool S3Backend::PutWhole(const std::string& name, ByteSource& source) {
     if (reply.IsSuccess()) return true;
     const Refusal refusal = service_.RefusalOfKey(reply, key);
     if (refusal.IsNoRoom()) return false;
-    service_.ThrowRefused(refusal, Doing(name));
+    service_.ThrowRefused(refusal, OperationText(name));
 }
 
 bool S3Backend::IsStored(const std::string& key, std::int64_t size, const std::string& hash) {
@@ -120,7 +120,7 @@ bool S3Backend::IsStored(const std::string& key, std::int64_t size, const std::s
     call.method = "HEAD";
     call.key = key;
     try {
-        const net::HttpReply reply = service_.AskAnew(std::move(call));
+        const net::HttpReply reply = service_.AskOnNewConnection(std::move(call));
         return reply.IsSuccess() && reply.Header("content-length") == str::Str(size) &&
                reply.Header(kChecksumHeader) == hash;
     } catch (const Error&) {
@@ -132,14 +132,14 @@ bool S3Backend::PutParts(const std::string& name, ByteSource& source) {
     const std::string key = service_.KeyOf(name);
     const Plan plan = PlanParts(source.size(), service_.address().part_size);
     unfinished_.AbortOf(key);
-    PartsUpload upload(service_, unfinished_, Doing(name));
+    PartsUpload upload(service_, unfinished_, OperationText(name));
     for (int i = 0; i < kMaxStarts; ++i) {
         const PartsUpload::Outcome outcome = upload.Run(key, source, plan);
         if (outcome != PartsUpload::Outcome::kGone) {
             return outcome == PartsUpload::Outcome::kStored;
         }
     }
-    throw Error(Kind::kUnavailable, service_.what() + ": " + Doing(name) +
+    throw Error(Kind::kUnavailable, service_.what() + ": " + OperationText(name) +
                                         ": other processes aborted the upload repeatedly");
 }
 

@@ -19,7 +19,7 @@ using kro_err::Error;
 using kro_err::Kind;
 
 constexpr std::size_t kMaxKeyLength = 1024;
-constexpr int kPatience = 10;  // timeout of AskAnew() in seconds
+constexpr int kCleanupTimeout = 10;  // timeout of AskOnNewConnection() in seconds
 
 }  // namespace
 
@@ -74,15 +74,15 @@ net::HttpReply Service::Ask(Call call) {
     return reply;
 }
 
-net::HttpReply Service::Do(Call call, const std::string& doing) {
+net::HttpReply Service::Do(Call call, const std::string& operation) {
     net::HttpReply reply = Ask(std::move(call));
-    if (!reply.IsSuccess()) ThrowRefused(reply, doing);
+    if (!reply.IsSuccess()) ThrowRefused(reply, operation);
     return reply;
 }
 
-net::HttpReply Service::AskAnew(Call call) {
+net::HttpReply Service::AskOnNewConnection(Call call) {
     net::ServerSettings settings = settings_;
-    settings.timeout = std::min(settings.timeout, kPatience);
+    settings.timeout = std::min(settings.timeout, kCleanupTimeout);
     net::HttpClient client(settings);
     return client.Do(Signed(std::move(call)));
 }
@@ -91,12 +91,12 @@ Refusal Service::RefusalOfKey(const net::HttpReply& reply, const std::string& ke
     return RefusalOf(reply, address_.bucket + "/" + key);
 }
 
-void Service::ThrowRefused(const net::HttpReply& reply, const std::string& doing) const {
-    ThrowRefused(RefusalOf(reply), doing);
+void Service::ThrowRefused(const net::HttpReply& reply, const std::string& operation) const {
+    ThrowRefused(RefusalOf(reply), operation);
 }
 
-void Service::ThrowRefused(const Refusal& refusal, const std::string& doing) const {
-    throw Error(refusal.kind(), what() + ": " + doing + ": " + refusal.Text());
+void Service::ThrowRefused(const Refusal& refusal, const std::string& operation) const {
+    throw Error(refusal.kind(), what() + ": " + operation + ": " + refusal.Text());
 }
 
 void SetBody(Call& call, std::string text) {

@@ -44,21 +44,21 @@ class Service {
     net::HttpRequest Signed(Call call);
 
     // Sends a request and returns the response. Throws if the status of the response is not a
-    // success. `doing` describes the operation in the error text: "cannot store 'x'".
-    net::HttpReply Do(Call call, const std::string& doing);
+    // success. `operation` names the operation in the error text: "cannot store 'x'".
+    net::HttpReply Do(Call call, const std::string& operation);
     // Sends a request and returns the response, even if it reports an error. Throws kUnavailable if
     // the server does not respond.
     net::HttpReply Ask(Call call);
 
     // Works like Ask(), but uses a new connection and a timeout of at most 10 seconds. Used for the
     // cleanup after a failed request, when the server may not respond at all.
-    net::HttpReply AskAnew(Call call);
+    net::HttpReply AskOnNewConnection(Call call);
 
     // Parses the error response to a request for the object with this key.
     Refusal RefusalOfKey(const net::HttpReply& reply, const std::string& key) const;
 
-    [[noreturn]] void ThrowRefused(const net::HttpReply& reply, const std::string& doing) const;
-    [[noreturn]] void ThrowRefused(const Refusal& refusal, const std::string& doing) const;
+    [[noreturn]] void ThrowRefused(const net::HttpReply& reply, const std::string& operation) const;
+    [[noreturn]] void ThrowRefused(const Refusal& refusal, const std::string& operation) const;
 
     // Returns true if an earlier response has shown that the bucket exists.
     bool bucket_seen() const noexcept { return bucket_seen_; }

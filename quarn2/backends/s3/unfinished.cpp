@@ -174,7 +174,7 @@ bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (kro_date::SteadyClock::now() - begin > kQuick) return false;
         try {
-            const net::HttpReply reply = service.AskAnew(AbortCall(upload));
+            const net::HttpReply reply = service.AskOnNewConnection(AbortCall(upload));
             if (reply.IsSuccess() || RefusalOf(reply).IsMissing()) return true;
         } catch (const std::exception&) {
             // Ignore this error. The error that ended the upload is reported instead.

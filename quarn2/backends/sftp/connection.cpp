@@ -281,14 +281,14 @@ class Connection final : public Stream {
         if (static_cast<std::uint32_t>(done) != size) ThrowStalled(timeout_);
     }
 
-    std::size_t Read(std::span<std::byte> buffer, int patience) override {
+    std::size_t Read(std::span<std::byte> buffer, int extra_seconds) override {
         // If a read requests more bytes than the channel's window has left, libssh sends a packet
         // that enlarges the window. To send few such packets, a large read is requested only once
         // per kTopUp received bytes.
         const bool top_up = received_ >= kTopUp && buffer.size() >= kWindow;
         if (top_up) received_ = 0;
         const std::size_t size = std::min(buffer.size(), top_up ? kWindow : kSmallRead);
-        const int seconds = std::min(timeout_, kMaxWait - patience) + patience;
+        const int seconds = std::min(timeout_, kMaxWait - extra_seconds) + extra_seconds;
         const int got = Ssh().channel_read_timeout(
             channel_, buffer.data(), static_cast<std::uint32_t>(size), 0, seconds * 1000);
         if (got < 0) ThrowFailed("Failed to receive from ");

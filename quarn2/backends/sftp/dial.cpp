@@ -106,10 +106,10 @@ void Tune(int fd, int seconds) {
     SetOption(fd, IPPROTO_TCP, TCP_KEEPINTVL, 10);
     SetOption(fd, IPPROTO_TCP, TCP_KEEPCNT, 3);
     SetOption(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, static_cast<unsigned>(seconds) * 1000U);
-    timeval patience = {};
-    patience.tv_sec = seconds;
-    SetOption(fd, SOL_SOCKET, SO_SNDTIMEO, patience);
-    SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, patience);
+    timeval timeout = {};
+    timeout.tv_sec = seconds;
+    SetOption(fd, SOL_SOCKET, SO_SNDTIMEO, timeout);
+    SetOption(fd, SOL_SOCKET, SO_RCVTIMEO, timeout);
 }
 
 // Waits up to `seconds` for the result of a connection attempt. Returns 0 if the attempt succeeded,

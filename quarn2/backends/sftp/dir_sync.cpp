@@ -17,19 +17,19 @@ DirSync::~DirSync() {
     try {
         Close();
     } catch (const std::exception&) {
-        session_.Break();
+        session_.SetBroken();
     }
 }
 
 void DirSync::Open(const std::vector<std::string>& paths) {
-    if (!session_.Offers(kSync)) return;
+    if (!session_.Supports(kSync)) return;
     for (const std::string& path : paths) {
         asked_.push_back(
             session_.Send(std::move(Request(Type::kOpen).Text(path).U32(kOpenRead).U32(0))));
     }
 }
 
-void DirSync::TakeHandles() {
+void DirSync::WaitForHandles() {
     for (const std::uint32_t id : std::exchange(asked_, {})) {
         Reply reply = session_.Wait(id);
         if (reply.type == Type::kHandle) handles_.push_back(reply.fields.Text());
@@ -49,7 +49,7 @@ void DirSync::Finish() {
 }
 
 void DirSync::Abandon() {
-    TakeHandles();
+    WaitForHandles();
     Close();
 }
 

@@ -24,7 +24,7 @@ class DirSync {
     // Sends the requests to open the directories, if the server supports syncing.
     void Open(const std::vector<std::string>& paths);
     // Waits for the replies to the requests of Open(). Must be called before Sync().
-    void TakeHandles();
+    void WaitForHandles();
     // Sends the requests that sync the open directories with all changes made so far.
     void Sync();
     // Waits for the replies to the requests of Sync().

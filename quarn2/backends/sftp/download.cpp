@@ -39,7 +39,7 @@ class Reads {
         try {
             session_.Forget(session_.Send(std::move(Request(Type::kClose).Text(handle_))));
         } catch (const std::exception&) {
-            session_.Break();
+            session_.SetBroken();
         }
     }
     Reads(const Reads&) = delete;
@@ -191,7 +191,7 @@ class Downloader {
     // Restores the old file after an interrupted replacement, which has renamed it to a hidden name
     // (see DisplacedPath). Returns true if the old file has its name again.
     bool Recover() {
-        if (session_.Offers("posix-rename@openssh.com")) return false;
+        if (session_.Supports("posix-rename@openssh.com")) return false;
         Request request(Type::kRename);
         request.Text(DisplacedPath(path_)).Text(path_);
         return session_.WaitStatus(session_.Send(std::move(request))).code == Code::kOk;

@@ -16,7 +16,7 @@ const char* const kSpace = "statvfs@openssh.com";
 }  // namespace
 
 bool IsFull(Session& session, const Place& place) {
-    if (!session.Offers(kSpace)) return false;
+    if (!session.Supports(kSpace)) return false;
     Request request(Type::kExtended);
     request.Text(kSpace).Text(place.root());
     Reply reply = session.Wait(session.Send(std::move(request)));

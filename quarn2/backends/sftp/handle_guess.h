@@ -24,7 +24,7 @@ class HandleGuess {
     }
     // Records that a server has assigned another handle than predicted, or has refused requests
     // with the predicted handle. No more handles are predicted then.
-    void Refuted() { is_refuted_ = true; }
+    void SetWrong() { is_wrong_ = true; }
     // Records that `directory` may no longer exist.
     void Forget(const std::string& directory) { directories_.erase(directory); }
 
@@ -32,7 +32,7 @@ class HandleGuess {
     // be predicted, or if no upload has used the directory before: the server may then refuse to
     // open the file, and the data would be sent in vain.
     std::optional<std::string> For(const std::string& directory) const {
-        const bool is_known = repeats_ && !is_refuted_ && directories_.contains(directory);
+        const bool is_known = repeats_ && !is_wrong_ && directories_.contains(directory);
         return is_known ? std::optional(last_) : std::nullopt;
     }
 
@@ -40,7 +40,7 @@ class HandleGuess {
     std::string last_;
     std::set<std::string> directories_;
     bool repeats_ = false;
-    bool is_refuted_ = false;
+    bool is_wrong_ = false;
 };
 
 }  // namespace quarn2::sftp

@@ -116,14 +116,14 @@ void KnownHosts::AddLine(std::string_view line) {
     }
     const std::string_view type = CutWord(line, kBlanks);
     const std::string_view key = CutWord(line, kBlanks);
-    if (!key.empty() && IsMeant(word)) {
+    if (!key.empty() && IsForHost(word)) {
         entries_.push_back({revoked, std::string(type), std::string(key)});
     }
 }
 
 // Returns true if the HOSTS field of a known_hosts line matches this host. A matching pattern with
 // "!" excludes the host, even if other patterns match.
-bool KnownHosts::IsMeant(std::string_view hosts) const {
+bool KnownHosts::IsForHost(std::string_view hosts) const {
     if (str::StartsWith(hosts, kHashMark)) return MatchesHash(host_, hosts);
     bool meant = false;
     for (std::string_view pattern = CutWord(hosts, ","); !pattern.empty();

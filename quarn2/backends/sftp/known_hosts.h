@@ -47,7 +47,7 @@ class KnownHosts {
     };
 
     void AddLine(std::string_view line);
-    bool IsMeant(std::string_view hosts) const;
+    bool IsForHost(std::string_view hosts) const;
 
     std::string host_;
     std::vector<Entry> entries_;

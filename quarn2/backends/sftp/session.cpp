@@ -68,11 +68,11 @@ Session::Session(std::unique_ptr<Stream> stream)
       buffer_(std::make_unique_for_overwrite<std::byte[]>(kBufferSize)),
       read_size_(kSmallPiece),
       write_size_(kSmallPiece) {
-    Greet();
-    if (Offers(kLimits)) AskLimits();
+    ExchangeVersions();
+    if (Supports(kLimits)) QueryLimits();
 }
 
-void Session::Greet() {
+void Session::ExchangeVersions() {
     Breaker breaker(*this);
     stream_->Write(Request(Type::kInit).FinishInit(kVersion));
     Fields fields(NextFrame(0));
@@ -87,7 +87,7 @@ void Session::Greet() {
     breaker.Done();
 }
 
-void Session::AskLimits() {
+void Session::QueryLimits() {
     Reply reply = Wait(Send(std::move(Request(Type::kExtended).Text(kLimits))));
     if (reply.type != Type::kExtendedReply) return;
     Breaker breaker(*this);
@@ -141,18 +141,18 @@ bool Session::HasNext() const noexcept { return HasFrame(); }
 // Reads from the stream until the buffer contains `needed` bytes. First moves the incomplete frame
 // to the front of the buffer, so that each read has as much space as possible. This is cheap,
 // because an incomplete frame is short.
-void Session::Fill(std::size_t needed, int patience) {
+void Session::Fill(std::size_t needed, int extra_seconds) {
     if (end_ - begin_ >= needed) return;
     std::memmove(buffer_.get(), buffer_.get() + begin_, end_ - begin_);
     end_ -= begin_;
     begin_ = 0;
     while (end_ - begin_ < needed) {
-        end_ += stream_->Read({buffer_.get() + end_, kBufferSize - end_}, patience);
+        end_ += stream_->Read({buffer_.get() + end_, kBufferSize - end_}, extra_seconds);
     }
 }
 
-std::span<const std::byte> Session::NextFrame(int patience) {
-    Fill(kLengthSize, patience);
+std::span<const std::byte> Session::NextFrame(int extra_seconds) {
+    Fill(kLengthSize, extra_seconds);
     const std::byte* const head = buffer_.get() + begin_;
     const std::size_t size = LoadU32(std::span<const std::byte, kLengthSize>(head, 4));
     if (size == 0 || size > kMaxFrameBytes) {
@@ -160,7 +160,7 @@ std::span<const std::byte> Session::NextFrame(int patience) {
             "a reply of " + std::to_string(size) +
             " bytes; if the login shell of the user prints text, disable this output");
     }
-    Fill(kLengthSize + size, patience);
+    Fill(kLengthSize + size, extra_seconds);
     const std::span<const std::byte> frame(buffer_.get() + begin_ + kLengthSize, size);
     begin_ += kLengthSize + size;
     return frame;
@@ -184,7 +184,7 @@ Reply Session::Next() {
     }
 }
 
-Reply Session::Wait(std::uint32_t id, int patience) {
+Reply Session::Wait(std::uint32_t id, int extra_seconds) {
     Breaker breaker(*this);
     for (;;) {
         if (const auto kept = kept_.find(id); kept != kept_.end()) {
@@ -193,7 +193,7 @@ Reply Session::Wait(std::uint32_t id, int patience) {
             breaker.Done();
             return Parse(current_);
         }
-        const std::span<const std::byte> frame = NextFrame(patience);
+        const std::span<const std::byte> frame = NextFrame(extra_seconds);
         const Reply reply = Parse(frame);
         if (outstanding_.erase(reply.id) == 0) ThrowInvalidReply("a reply without a request");
         if (forgotten_.erase(reply.id) > 0) continue;
@@ -209,7 +209,7 @@ void Session::Forget(std::uint32_t id) {
     if (kept_.erase(id) == 0 && outstanding_.contains(id)) forgotten_.insert(id);
 }
 
-void Session::Settle(std::uint32_t id) {
+void Session::WaitAndDiscard(std::uint32_t id) {
     if (kept_.erase(id) == 0 && outstanding_.contains(id)) Wait(id);
 }
 

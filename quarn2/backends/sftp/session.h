@@ -28,9 +28,9 @@ class Stream {
     Stream& operator=(const Stream&) = delete;
 
     virtual void Write(std::span<const std::byte> bytes) = 0;
-    // Reads at least one byte and returns the number of bytes read. `patience` extends the timeout
-    // by that many seconds.
-    virtual std::size_t Read(std::span<std::byte> buffer, int patience) = 0;
+    // Reads at least one byte and returns the number of bytes read. `extra_seconds` extends the
+    // timeout by that many seconds.
+    virtual std::size_t Read(std::span<std::byte> buffer, int extra_seconds) = 0;
     // Throws kUnavailable if the server has closed the connection. Does not wait for the network.
     virtual void CheckAlive() = 0;
 };
@@ -63,9 +63,11 @@ class Session {
     std::uint32_t SendWithData(Request request, std::span<std::byte> room_and_data);
 
     // Waits for the reply to this request and returns it. Keeps replies to other requests that
-    // arrive earlier for later calls. `patience` extends the timeout by that many seconds.
-    Reply Wait(std::uint32_t id, int patience = 0);
-    Status WaitStatus(std::uint32_t id, int patience = 0) { return Wait(id, patience).AsStatus(); }
+    // arrive earlier for later calls. `extra_seconds` extends the timeout by that many seconds.
+    Reply Wait(std::uint32_t id, int extra_seconds = 0);
+    Status WaitStatus(std::uint32_t id, int extra_seconds = 0) {
+        return Wait(id, extra_seconds).AsStatus();
+    }
     // Waits for the next reply to any request and returns it.
     Reply Next();
     // Returns true if Next() can return a reply without waiting for the network.
@@ -74,7 +76,7 @@ class Session {
     void Forget(std::uint32_t id);
     // Waits for the reply to this request and discards it. Does nothing if Wait() or Next() has
     // already returned the reply.
-    void Settle(std::uint32_t id);
+    void WaitAndDiscard(std::uint32_t id);
 
     // Throws kUnavailable if the server has closed the connection. Does not wait for the network.
     void CheckAlive();
@@ -83,9 +85,9 @@ class Session {
     // Returns true after an error of the connection or the protocol. The session must not be used
     // any more then.
     bool broken() const noexcept { return broken_; }
-    void Break() noexcept { broken_ = true; }
+    void SetBroken() noexcept { broken_ = true; }
 
-    bool Offers(const std::string& extension) const { return extensions_.contains(extension); }
+    bool Supports(const std::string& extension) const { return extensions_.contains(extension); }
     // Return the maximum number of data bytes in one read request and in one write request.
     std::size_t read_size() const noexcept { return read_size_; }
     std::size_t write_size() const noexcept { return write_size_; }
@@ -93,11 +95,11 @@ class Session {
   private:
     class Breaker;
 
-    void Greet();
-    void AskLimits();
+    void ExchangeVersions();
+    void QueryLimits();
     std::uint32_t Register();
-    std::span<const std::byte> NextFrame(int patience);
-    void Fill(std::size_t needed, int patience);
+    std::span<const std::byte> NextFrame(int extra_seconds);
+    void Fill(std::size_t needed, int extra_seconds);
     bool HasFrame() const noexcept;
     Reply Parse(std::span<const std::byte> frame);
 

@@ -74,7 +74,7 @@ class DirectoryReader {
         }
     }
 
-    void TakeAnswers() {
+    void ReadAnswers() {
         for (const std::uint32_t id : std::exchange(asked_, {})) {
             Reply reply = session_.Wait(id);
             if (reply.type == Type::kName) {
@@ -137,7 +137,7 @@ std::vector<DirectoryReader> ReadDirectories(Session& session, std::span<const s
         for (DirectoryReader& reader : open) {
             if (!reader.done()) reader.Ask(times);
         }
-        for (DirectoryReader& reader : open) reader.TakeAnswers();
+        for (DirectoryReader& reader : open) reader.ReadAnswers();
     }
     return open;
 }
@@ -157,7 +157,7 @@ std::vector<std::string> RemoveFiles(Session& session, const std::vector<std::st
         });
     std::vector<std::string> directories;
     for (auto& [path, status] : refused) {
-        const std::optional<Attributes> there = LookAt(session, path);
+        const std::optional<Attributes> there = ReadAttributes(session, path);
         if (!there) continue;
         if (!there->IsDirectory()) ThrowRefused("remove", path, status);
         directories.push_back(std::move(path));
@@ -241,7 +241,7 @@ std::vector<ListedEntry> EntriesToShow(Session& session, const std::vector<Entry
     for (const Entry& entry : entries) {
         if (!HasControl(entry.name)) shown.push_back({entry.name, SizeOf(entry.attributes)});
     }
-    if (!session.Offers("posix-rename@openssh.com")) ShowDisplaced(shown);
+    if (!session.Supports("posix-rename@openssh.com")) ShowDisplaced(shown);
     std::erase_if(shown,
                   [](const ListedEntry& one) { return kro_file::IsTemporaryName(one.name); });
     // A stable sort keeps the entry of a file before the entry of its displaced predecessor.
@@ -254,7 +254,7 @@ std::vector<ListedEntry> EntriesToShow(Session& session, const std::vector<Entry
 
 }  // namespace
 
-std::optional<Attributes> LookAt(Session& session, const std::string& path) {
+std::optional<Attributes> ReadAttributes(Session& session, const std::string& path) {
     Reply reply = session.Wait(SendPath(session, Type::kLstat, path));
     if (reply.type == Type::kAttrs) return reply.fields.Attrs();
     const Status status = reply.AsStatus();
@@ -262,7 +262,7 @@ std::optional<Attributes> LookAt(Session& session, const std::string& path) {
     return std::nullopt;
 }
 
-std::uint32_t AskForRoot(Session& session, const Place& place) {
+std::uint32_t SendRootQuery(Session& session, const Place& place) {
     return SendPath(session, Type::kStat, place.root());
 }
 
@@ -283,7 +283,7 @@ void CheckRoot(const Place& place, Reply answer) {
 }
 
 void CheckRoot(Session& session, const Place& place) {
-    CheckRoot(place, session.Wait(AskForRoot(session, place)));
+    CheckRoot(place, session.Wait(SendRootQuery(session, place)));
 }
 
 MadeDirs MakeDirs(Session& session, const Place& place, const std::string& name) {
@@ -319,13 +319,13 @@ void MakeDir(Session& session, const Place& place, const std::string& name) {
     }
     DirSync sync(session);
     sync.Open(made.parents);
-    sync.TakeHandles();
+    sync.WaitForHandles();
     sync.Sync();
     sync.Finish();
 }
 
 std::vector<ListedEntry> ListSizes(Session& session, const Place& place, const std::string& name) {
-    const std::uint32_t root = AskForRoot(session, place);
+    const std::uint32_t root = SendRootQuery(session, place);
     const std::string path = place.PathOf(name);
     const std::uint32_t look = SendPath(session, Type::kLstat, path);
     try {
@@ -345,7 +345,7 @@ std::vector<ListedEntry> ListSizes(Session& session, const Place& place, const s
 
 void Remove(Session& session, const Place& place, const std::string& name) {
     const std::string path = place.PathOf(name);
-    const std::uint32_t root = AskForRoot(session, place);
+    const std::uint32_t root = SendRootQuery(session, place);
     std::vector<std::string> paths = TemporaryPaths(path);
     paths.insert(paths.begin(), {path, DisplacedPath(path)});
     const std::vector<std::string> directories = RemoveFiles(session, paths);
@@ -359,7 +359,7 @@ void Remove(Session& session, const Place& place, const std::string& name) {
 void RemoveDir(Session& session, const Place& place, const std::string& name) {
     CheckRoot(session, place);
     const std::string path = place.PathOf(name);
-    const std::optional<Attributes> there = LookAt(session, path);
+    const std::optional<Attributes> there = ReadAttributes(session, path);
     if (!there) return;
     if (there->IsDirectory()) {
         RemoveBelow(session, path, true);

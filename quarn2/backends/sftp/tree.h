@@ -15,12 +15,12 @@ namespace quarn2::sftp {
 
 // Returns the attributes of the file or directory at `path`, or nullopt if nothing exists there.
 // Does not follow links.
-std::optional<Attributes> LookAt(Session& session, const std::string& path);
+std::optional<Attributes> ReadAttributes(Session& session, const std::string& path);
 
-// AskForRoot() sends a query for the storage's root and returns the id of the request. CheckRoot()
-// throws kNotFound if the root does not exist, and kFailed if the root is neither a directory nor a
-// link to a directory.
-std::uint32_t AskForRoot(Session& session, const Place& place);
+// SendRootQuery() sends a query for the storage's root and returns the id of the request.
+// CheckRoot() throws kNotFound if the root does not exist, and kFailed if the root is neither a
+// directory nor a link to a directory.
+std::uint32_t SendRootQuery(Session& session, const Place& place);
 void CheckRoot(const Place& place, Reply answer);
 void CheckRoot(Session& session, const Place& place);
 

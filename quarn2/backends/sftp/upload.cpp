@@ -72,7 +72,7 @@ class Uploader {
             try {
                 Write();
             } catch (const EarlyRefused&) {
-                TakeBackEarly();
+                UndoEarlyOpen();
                 Write();
             }
             Rename();
@@ -111,9 +111,9 @@ class Uploader {
 
     void Open() {
         state_.lock.Release();
-        const std::uint32_t root = AskForRoot(session_, place_);
+        const std::uint32_t root = SendRootQuery(session_, place_);
         for (const std::string& path : TemporaryPaths(path_)) {
-            if (!state_.lock.TryTake(place_.server() + path)) continue;
+            if (!state_.lock.TryLock(place_.server() + path)) continue;
             std::uint32_t opened = SendOpen(path, kExclusive);
             SendEarly(path);
             CheckRootOnce(root, opened);
@@ -156,7 +156,7 @@ class Uploader {
             DropEarly();
             if (status.code == Code::kNoSuchFile && !made_directories_) {
                 MakeDirectories();
-            } else if (const auto there = LookAt(session_, path)) {
+            } else if (const auto there = ReadAttributes(session_, path)) {
                 flags = kExclusive;
                 if (!IsLeftover(path, *there)) return false;
                 session_.WaitStatus(SendPath(Type::kRemove, path));
@@ -182,7 +182,7 @@ class Uploader {
     bool IsLeftover(const std::string& path, Attributes before) {
         for (int watch = 0; watch < kMaxWatches; ++watch) {
             kro_proc::Sleep(kWatchMilliseconds);
-            const std::optional<Attributes> now = LookAt(session_, path);
+            const std::optional<Attributes> now = ReadAttributes(session_, path);
             if (!now || (now->size == before.size && now->mtime == before.mtime)) return true;
             before = *now;
         }
@@ -195,7 +195,7 @@ class Uploader {
         MadeDirs made = MakeDirs(session_, place_, kro_file::Path(name_));
         if (made.parents.empty() && made.refusal.code != Code::kOk) {
             const std::string directory = kro_file::Path(path_);
-            const auto there = LookAt(session_, directory);
+            const auto there = ReadAttributes(session_, directory);
             if (!there) ThrowFailed("create the directory of", made.refusal);
             if (there->IsFile()) {
                 throw Error(Kind::kFailed,
@@ -233,7 +233,7 @@ class Uploader {
 
     void CheckGuess() {
         if (!is_early_ || opened_as_ == sent_handle_) return;
-        session_.handle_guess().Refuted();
+        session_.handle_guess().SetWrong();
         DropEarly();
     }
 
@@ -246,16 +246,16 @@ class Uploader {
     }
 
     void SettleAll() {
-        for (const std::uint32_t id : std::exchange(writes_, {})) session_.Settle(id);
-        for (const std::uint32_t id : std::exchange(later_, {})) session_.Settle(id);
+        for (const std::uint32_t id : std::exchange(writes_, {})) session_.WaitAndDiscard(id);
+        for (const std::uint32_t id : std::exchange(later_, {})) session_.WaitAndDiscard(id);
     }
 
     // Removes the temporary file after the server has opened it with the predicted handle and has
     // refused to write to it. A server that executes requests in parallel refuses a write if it has
     // not opened the file yet. The upload is then repeated without a prediction. If the storage is
     // full, the repeated upload detects this.
-    void TakeBackEarly() {
-        session_.handle_guess().Refuted();
+    void UndoEarlyOpen() {
+        session_.handle_guess().SetWrong();
         DropEarly();
         session_.WaitStatus(SendPath(Type::kClose, opened_as_));
         session_.WaitStatus(SendPath(Type::kRemove, state_.temporary));
@@ -283,9 +283,9 @@ class Uploader {
     // Sends the data, and processes replies to earlier requests in between.
     void SendBlock(std::span<std::byte> room_and_data, std::int64_t offset) {
         while (room_and_data.size() > Session::kHeadroom) {
-            while ((writes_.size() + 1) * session_.write_size() > kMaxInFlight) TakeAnswer();
+            while ((writes_.size() + 1) * session_.write_size() > kMaxInFlight) ReadAnswer();
             offset += static_cast<std::int64_t>(SendWrite(room_and_data, offset));
-            while (session_.HasNext()) TakeAnswer();
+            while (session_.HasNext()) ReadAnswer();
         }
     }
 
@@ -303,7 +303,7 @@ class Uploader {
         return size;
     }
 
-    void TakeAnswer() {
+    void ReadAnswer() {
         Reply reply = session_.Next();
         if (writes_.erase(reply.id) > 0) CheckDone("write", reply.AsStatus());
     }
@@ -324,7 +324,7 @@ class Uploader {
     // Sends the requests that follow the data. `temporary` is the path of the temporary file.
     void SendFinish(const std::string& temporary) {
         synced_.reset();
-        if (session_.Offers(kSync)) {
+        if (session_.Supports(kSync)) {
             synced_ = session_.Send(std::move(Request(Type::kExtended).Text(kSync).Text(handle_)));
             later_.push_back(*synced_);
         }
@@ -346,7 +346,7 @@ class Uploader {
         const Attributes own = AttributesIn(session_.Wait(measured_));
         CheckDone("close", session_.WaitStatus(closed_, SyncPatience()));
         CheckSame(own, Named());
-        sync_.TakeHandles();
+        sync_.WaitForHandles();
         source_.CheckUnchanged();
     }
 
@@ -366,7 +366,7 @@ class Uploader {
     Attributes Named() {
         Attributes named = AttributesIn(session_.Wait(seen_));
         if (!is_early_ || named.size == static_cast<std::uint64_t>(source_.size())) return named;
-        return LookAt(session_, state_.temporary).value_or(Attributes());
+        return ReadAttributes(session_, state_.temporary).value_or(Attributes());
     }
 
     // Checks that the file at the temporary path is the file that this upload has written. Another
@@ -387,7 +387,7 @@ class Uploader {
     }
 
     void Rename() {
-        if (!session_.Offers(kPosixRename)) {
+        if (!session_.Supports(kPosixRename)) {
             RenameWithoutReplacing();
             sync_.Sync();
             return;
@@ -416,7 +416,7 @@ class Uploader {
                 session_.WaitStatus(SendPath(Type::kRemove, aside));
                 return;
             }
-            const std::optional<Attributes> there = LookAt(session_, path_);
+            const std::optional<Attributes> there = ReadAttributes(session_, path_);
             if (there && there->IsDirectory()) break;
             if (!there) continue;
             session_.WaitStatus(SendPath(Type::kRemove, aside));

@@ -9,7 +9,7 @@ namespace quarn2::sftp {
 // Returns true without a lock if the lock cannot be created. The upload then runs without
 // protection from other uploads of this machine. The lock never protects from uploads of other
 // machines.
-bool UploadLock::TryTake(const std::string& what) {
+bool UploadLock::TryLock(const std::string& what) {
     try {
         std::unique_ptr<NameLock> lock = TryLockName("quarn2-sftp-" + Hex(Sha256(what)));
         const bool taken = lock != nullptr;

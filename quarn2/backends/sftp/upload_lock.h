@@ -15,7 +15,7 @@ class UploadLock {
   public:
     // Acquires the lock of a temporary file. `what` identifies the server and the path of the file.
     // Returns false if another upload of this machine holds the lock.
-    bool TryTake(const std::string& what);
+    bool TryLock(const std::string& what);
     void Release() noexcept { lock_.reset(); }
 
   private:

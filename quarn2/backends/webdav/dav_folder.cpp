@@ -16,15 +16,15 @@ using kro_err::Error;
 using kro_err::Kind;
 using Clock = kro_date::SteadyClock;
 
-constexpr std::chrono::seconds kFresh(10);
+constexpr std::chrono::seconds kCacheTime(10);
 constexpr std::size_t kMaxFolders = 16;
 // Maximum number of cached file names per directory. Names beyond this limit are queried
 // individually.
 constexpr std::size_t kMaxFiles = 50'000;
 // In seconds. A temporary file that has not changed for this time is abandoned, because a running
 // upload changes its temporary file more often.
-constexpr std::time_t kSurelyDead = 60;
-constexpr int kLookAgainMs = 1000;
+constexpr std::time_t kMaxUnchanged = 60;
+constexpr int kRecheckMs = 1000;
 
 std::optional<std::time_t> HttpDate(const std::string& text) {
     std::tm time = {};
@@ -33,10 +33,10 @@ std::optional<std::time_t> HttpDate(const std::string& text) {
     return timegm(&time);
 }
 
-bool IsSurelyDead(const Resource& file) {
+bool IsAbandoned(const Resource& file) {
     const std::optional<std::time_t> modified = HttpDate(file.modified);
     const std::optional<std::time_t> now = HttpDate(file.now);
-    return modified && now && *now - *modified > kSurelyDead;
+    return modified && now && *now - *modified > kMaxUnchanged;
 }
 
 }  // namespace
@@ -46,7 +46,7 @@ bool IsSurelyDead(const Resource& file) {
 Folder* DavFolders::Find(const std::string& directory) {
     const auto found = known_.find(directory);
     if (found == known_.end()) return nullptr;
-    if (Clock::now() - found->second.listed < kFresh) return &found->second;
+    if (Clock::now() - found->second.listed < kCacheTime) return &found->second;
     known_.erase(found);
     return nullptr;
 }
@@ -113,11 +113,11 @@ void DavFolders::RemoveLeftovers(Folder& folder, const std::string& directory,
 // running upload grows, and is renamed as soon as it is complete, so a file that does not change is
 // abandoned. If the file of a running upload is removed by mistake, that upload starts again.
 void DavFolders::RemoveLeftover(const std::string& name) {
-    const Resource before = server_.Look(name, Ask::kAll);
+    const Resource before = server_.Query(name, Ask::kAll);
     if (!before.IsFile()) return;
-    if (!IsSurelyDead(before)) {
-        kro_proc::Sleep(kLookAgainMs);
-        const Resource after = server_.Look(name, Ask::kAll);
+    if (!IsAbandoned(before)) {
+        kro_proc::Sleep(kRecheckMs);
+        const Resource after = server_.Query(name, Ask::kAll);
         if (after.length != before.length || after.modified != before.modified) return;
     }
     server_.Delete(name, false);
@@ -142,7 +142,7 @@ bool DavFolders::MakeOne(const std::string& name) {
     }
     if (reply.IsSuccess()) return true;
     if (reply.status == kNoRoom) throw NoRoomForDirectory();
-    const Resource found = server_.Look(name);
+    const Resource found = server_.Query(name);
     if (found.IsCollection()) return false;
     if (found.IsFile()) {
         throw Error(Kind::kFailed, Quoted(name) + " on the storage is not a directory");

@@ -49,7 +49,7 @@ struct DavServer::Deletion {
 DavServer::DavServer(const BackupToken& token, net::ServerSettings settings)
     : address_(token), client_(std::move(settings)) {}
 
-void DavServer::Note(int status) {
+void DavServer::RecordStatus(int status) {
     const bool refused = status == kUnauthorizedStatus || status == kForbidden;
     accepted_ = accepted_ || (status < 500 && !refused);
 }
@@ -58,7 +58,7 @@ void DavServer::Note(int status) {
 
 HttpReply DavServer::Do(HttpRequest request) {
     HttpReply reply = client_.Do(std::move(request));
-    Note(reply.status);
+    RecordStatus(reply.status);
     return reply;
 }
 
@@ -94,7 +94,7 @@ void DavServer::ThrowRefused(const std::string& method, const std::string& name,
 
 // --- Lookups and listings ---
 
-Resource DavServer::Look(const std::string& name, Ask ask) {
+Resource DavServer::Query(const std::string& name, Ask ask) {
     Resource found;
     bool seen = false;
     const HttpReply reply = Propfind(address_.File(name), 0, ask, [&](const DavEntry& entry) {
@@ -113,7 +113,7 @@ Resource DavServer::Look(const std::string& name, Ask ask) {
     // Some servers return a 400 or 409 for a name below a file. If the parent is not a collection,
     // nothing exists at this name.
     const bool may_be_below_a_file = reply.status == kBadRequest || reply.status == kConflict;
-    if (may_be_below_a_file && !name.empty() && !Look(kro_file::Path(name)).IsCollection()) {
+    if (may_be_below_a_file && !name.empty() && !Query(kro_file::Path(name)).IsCollection()) {
         return {};
     }
     ThrowRefused("PROPFIND", name, reply);
@@ -138,7 +138,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
     for (int attempt = 0;; ++attempt) {
         const HttpReply reply = Propfind(address_.Directory(name), 1, ask, take_one);
         if (reply.status == kMultistatus) return kind;
-        const Resource::Kind found = Look(name).kind;
+        const Resource::Kind found = Query(name).kind;
         if (found != kCollection) return found;
         // The collection exists now, although the PROPFIND failed. Retry once, because the
         // collection may have been created between the two requests.
@@ -147,7 +147,7 @@ Resource::Kind DavServer::List(const std::string& name, Ask ask, const TakeEntry
 }
 
 void DavServer::CheckRoot() {
-    if (!Look("").IsNothing()) return;
+    if (!Query("").IsNothing()) return;
     throw Error(Kind::kNotFound, what() + ": the storage directory does not exist; create it");
 }
 
@@ -187,7 +187,7 @@ void DavServer::StartDeletion(const Target& victim, net::ParallelRequests& reque
     request.sink = &deletion->sink;
     requests.Start(std::move(request), [this, deletion](const HttpResult& result) {
         if (result.error) std::rethrow_exception(result.error);
-        Note(result.reply.status);
+        RecordStatus(result.reply.status);
         deletion->sink.Finish();
         CheckDeleted(*deletion, result.reply);
     });

@@ -39,7 +39,7 @@ class DavServer {
   public:
     DavServer(const BackupToken& token, net::ServerSettings settings);
 
-    Resource Look(const std::string& name, Ask ask = Ask::kType);
+    Resource Query(const std::string& name, Ask ask = Ask::kType);
 
     // Lists a collection: calls `take` for each entry directly below it with the last component of
     // the entry's name and the properties of the entry. If the collection does not exist, returns
@@ -83,7 +83,7 @@ class DavServer {
     std::unique_ptr<Deletion> NewDeletion(const Target& victim) const;
     void StartDeletion(const Target& victim, net::ParallelRequests& requests);
     void CheckDeleted(const Deletion& deletion, const net::HttpReply& reply);
-    void Note(int status);
+    void RecordStatus(int status);
 
     DavAddress address_;
     net::HttpClient client_;

@@ -81,7 +81,7 @@ void MultistatusSink::Close(std::string_view space, std::string_view name,
     } else if (name == "propstat") {
         EndProperties();
     } else if (in_properties_) {
-        TakeProperty(name, text);
+        HandleProperty(name, text);
     } else if (name == "href" && entry_.href.empty()) {
         entry_.href = str::Trimmed(text);
     } else if (name == "status") {
@@ -89,7 +89,7 @@ void MultistatusSink::Close(std::string_view space, std::string_view name,
     }
 }
 
-void MultistatusSink::TakeProperty(std::string_view name, const std::string& text) {
+void MultistatusSink::HandleProperty(std::string_view name, const std::string& text) {
     if (name == "status") {
         properties_status_ = StatusOfLine(text);
     } else if (name == "resourcetype") {

@@ -39,7 +39,7 @@ class MultistatusSink final : public net::ReplySink, private net::XmlHandler {
   private:
     void Open(std::string_view space, std::string_view name) override;
     void Close(std::string_view space, std::string_view name, const std::string& text) override;
-    void TakeProperty(std::string_view name, const std::string& text);
+    void HandleProperty(std::string_view name, const std::string& text);
     void EndProperties();
 
     std::string what_;

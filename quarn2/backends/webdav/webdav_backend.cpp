@@ -34,7 +34,7 @@ constexpr int kAttempts = 4;
 // Maximum number of attempts to find a file. While another process replaces the file, it can be
 // missing for a moment.
 constexpr int kLooks = 10;
-constexpr int kLookAgainMs = 20;
+constexpr int kRecheckMs = 20;
 // The cleanup after a failed upload gets 1/kCleanupShare of the storage's timeout, at most
 // kMaxCleanup seconds. This time is short, because the failed upload has already taken a long time,
 // and the next upload of the same name removes a remaining temporary file.
@@ -206,7 +206,7 @@ WebdavBackend::Stored WebdavBackend::Refused(const std::string& temporary, const
     const bool no_directory =
         reply.status == webdav::kConflict || reply.status == webdav::kNotFoundStatus;
     if (reply.status < 500 && !no_directory) server_.ThrowRefused("PUT", temporary, reply);
-    const Resource above = server_.Look(kro_file::Path(temporary), Ask::kAll);
+    const Resource above = server_.Query(kro_file::Path(temporary), Ask::kAll);
     if (!above.IsCollection()) return Stored::kLost;
     const bool too_little = above.available >= 0 && above.available < size;
     const bool no_room = (reply.status >= webdav::kServerError && too_little) ||
@@ -240,7 +240,7 @@ std::optional<std::int64_t> WebdavBackend::LengthOf(const std::string& temporary
     if (reply.status == webdav::kNotFoundStatus) return std::nullopt;
     const std::int64_t told = reply.status == webdav::kOk ? ContentLength(reply) : -1;
     if (told == expected) return told;
-    const Resource found = server_.Look(temporary, Ask::kLength);
+    const Resource found = server_.Query(temporary, Ask::kLength);
     if (!found.IsFile()) return std::nullopt;
     return found.length >= 0 ? found.length : told;
 }
@@ -256,7 +256,7 @@ HttpReply WebdavBackend::Move(const std::string& temporary, const std::string& n
     };
     HttpReply reply = move("F");
     if (reply.status != webdav::kPreconditionFailed) return reply;
-    if (server_.Look(name).IsCollection()) ThrowIsDirectory(name);
+    if (server_.Query(name).IsCollection()) ThrowIsDirectory(name);
     return move("T");
 }
 
@@ -266,8 +266,8 @@ WebdavBackend::Stored WebdavBackend::Rename(const std::string& temporary, const 
         const int status = reply.status;
         if (status == webdav::kOk || status == 201 || status == 204) return Stored::kYes;
         if (status == webdav::kNoRoom) return Stored::kNoRoom;
-        if (server_.Look(name).IsCollection()) ThrowIsDirectory(name);
-        if (server_.Look(temporary).IsNothing()) return Stored::kLost;
+        if (server_.Query(name).IsCollection()) ThrowIsDirectory(name);
+        if (server_.Query(temporary).IsNothing()) return Stored::kLost;
         // Retry after these statuses. A server that removes the old file before it renames the new
         // file can fail if two MOVE requests do this at the same time.
         const bool stumbled = status == webdav::kNotFoundStatus || status == webdav::kConflict ||
@@ -365,7 +365,7 @@ void WebdavBackend::Get(const std::string& name, ByteSink& sink) {
 void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
     for (int attempt = 1;; ++attempt) {
         const bool last = attempt == kLooks;
-        const Resource found = server_.Look(name, Ask::kLength);
+        const Resource found = server_.Query(name, Ask::kLength);
         if (found.IsFile()) {
             BodySink file(sink, true, found.length);
             const HttpReply reply = Fetch(server_, name, file);
@@ -375,7 +375,7 @@ void WebdavBackend::GetChecked(const std::string& name, ByteSink& sink) {
             if (!moved || last) server_.ThrowRefused("GET", name, reply);
         }
         if (found.IsCollection() || last || !IsBeingReplaced(name)) ThrowNotFound(name);
-        kro_proc::Sleep(kLookAgainMs);
+        kro_proc::Sleep(kRecheckMs);
     }
 }
 
@@ -396,7 +396,7 @@ bool WebdavBackend::IsBeingReplaced(const std::string& name) {
 void WebdavBackend::Remove(const std::string& name) {
     const auto [directory, file] = kro_file::SplitPath(name);
     if (!folders_.PrepareToRemove(directory, file)) {
-        const Resource found = server_.Look(name);
+        const Resource found = server_.Query(name);
         if (found.IsCollection()) ThrowIsDirectory(name);
         if (found.IsNothing()) return server_.CheckRoot();
     }
@@ -404,7 +404,7 @@ void WebdavBackend::Remove(const std::string& name) {
 }
 
 void WebdavBackend::RemoveDir(const std::string& name) {
-    const Resource found = server_.Look(name);
+    const Resource found = server_.Query(name);
     if (found.IsNothing()) server_.CheckRoot();
     if (!found.IsCollection()) return;
     folders_.ForgetAll();
@@ -472,9 +472,9 @@ bool WebdavBackend::HidesDottedNames() {
 // files in it.
 void WebdavBackend::RemakeRoot() {
     server_.Do("DELETE", server_.address().Directory(""));
-    if (!server_.Look("").IsNothing()) return;
+    if (!server_.Query("").IsNothing()) return;
     const HttpReply made = server_.Do("MKCOL", server_.address().Directory(""));
-    if (!made.IsSuccess() && !server_.Look("").IsCollection())
+    if (!made.IsSuccess() && !server_.Query("").IsCollection())
         server_.ThrowRefused("MKCOL", "", made);
 }
 

@@ -70,12 +70,12 @@ class Expect {
     };
 
     void AddWorker(ResHandle handle, short events, std::shared_ptr<Callable> worker);
-    // The result of Turn. kTimedOut: no event occurred during the full wait. kServed: workers were
-    // called, or a signal interrupted the wait. kFinished: the run must end.
-    enum class Turned { kTimedOut, kServed, kFinished };
+    // The result of PollOnce. kTimedOut: no event occurred during the full wait. kServed: workers
+    // were called, or a signal interrupted the wait. kFinished: the run must end.
+    enum class PollResult { kTimedOut, kServed, kFinished };
 
     // Polls once and calls every worker whose descriptor is ready.
-    Turned Turn(int timeout_ms);
+    PollResult PollOnce(int timeout_ms);
     // Calls the worker of a ready descriptor. Returns false when the worker returned erFinish.
     bool Serve(int fd, short events, const std::shared_ptr<Callable>& worker);
 

@@ -69,16 +69,16 @@ void Expect::SetEvents(int fd, short events) {
 bool Expect::Run(int timeout_ms) {
     const auto deadline = Clock::now() + std::chrono::milliseconds(std::max(timeout_ms, 0));
     for (;;) {
-        const Turned turned = Turn(timeout_ms < 0 ? -1 : Remaining(deadline));
-        if (turned == Turned::kFinished) return true;
+        const PollResult turned = PollOnce(timeout_ms < 0 ? -1 : Remaining(deadline));
+        if (turned == PollResult::kFinished) return true;
         // The wait took the full remaining time. Do not compare the clock with the deadline here,
         // because the simulated clock of a test does not advance during the wait.
-        if (turned == Turned::kTimedOut) return false;
+        if (turned == PollResult::kTimedOut) return false;
         if (timeout_ms >= 0 && Clock::now() >= deadline) return false;
     }
 }
 
-Expect::Turned Expect::Turn(int timeout_ms) {
+Expect::PollResult Expect::PollOnce(int timeout_ms) {
     DropClosed();
     // Do not poll the descriptors of suspended workers: poll would report a hang-up on such a
     // descriptor in every turn.
@@ -89,17 +89,17 @@ Expect::Turned Expect::Turn(int timeout_ms) {
         waiting.push_back(pollfd{entry.handle, entry.events, 0});
         workers.push_back(entry.worker);
     }
-    if (waiting.empty() && timeout_ms < 0) return Turned::kFinished;
+    if (waiting.empty() && timeout_ms < 0) return PollResult::kFinished;
 
     const int ready = poll(waiting.data(), waiting.size(), timeout_ms);
     if (ready < 0 && errno != EINTR) throw kro_err::FromErrno("Failed to poll");
-    if (ready == 0) return Turned::kTimedOut;
-    if (ready < 0) return Turned::kServed;
+    if (ready == 0) return PollResult::kTimedOut;
+    if (ready < 0) return PollResult::kServed;
     for (std::size_t i = 0; i < waiting.size(); ++i) {
         if (waiting[i].revents == 0) continue;
-        if (!Serve(waiting[i].fd, waiting[i].revents, workers[i])) return Turned::kFinished;
+        if (!Serve(waiting[i].fd, waiting[i].revents, workers[i])) return PollResult::kFinished;
     }
-    return Turned::kServed;
+    return PollResult::kServed;
 }
 
 bool Expect::Serve(int fd, short events, const std::shared_ptr<Callable>& worker) {

@@ -181,7 +181,7 @@ long CurlHandle::Info(CURLINFO info) const {
     return value;
 }
 
-void CurlHandle::TellSockets(std::set<curl_socket_t>& sockets) {
+void CurlHandle::RecordSockets(std::set<curl_socket_t>& sockets) {
     SetFunction(CURLOPT_OPENSOCKETFUNCTION, OpenToldSocket);
     SetPointer(CURLOPT_OPENSOCKETDATA, &sockets);
     SetFunction(CURLOPT_CLOSESOCKETFUNCTION, CloseToldSocket);

@@ -45,7 +45,7 @@ class HttpClient::Transfer {
           timeout_(client.settings_.timeout),
           waited_(client.waited_),
           headers_came_(client.headers_came_) {
-        handle_.TellSockets(client.sockets_);
+        handle_.RecordSockets(client.sockets_);
         handle_.Set(CURLOPT_PROTOCOLS_STR, "http,https");
         // With HTTP/1.1 each parallel transfer has its own connection, so that a slow transfer does
         // not delay the others.
@@ -212,7 +212,7 @@ class HttpClient::Transfer {
         const std::size_t error = 0;
         return self->Guarded(
             [self, line] {
-                self->TakeHeader(line);
+                self->ParseHeader(line);
                 return line.size();
             },
             error);
@@ -254,7 +254,7 @@ class HttpClient::Transfer {
 
     // Parses a header line. If the server sends several responses to a request (a 100, a 401), only
     // the last response is kept.
-    void TakeHeader(std::string_view line) {
+    void ParseHeader(std::string_view line) {
         moved_at_ = waited_;
         if (str::StartsWith(line, "HTTP/")) {
             if (++answers_ > kMaxAnswers) {
@@ -312,7 +312,7 @@ HttpClient::~HttpClient() {
     Curl().multi_cleanup(multi_);
 }
 
-std::unique_ptr<HttpClient::Transfer> HttpClient::TakeTransfer() {
+std::unique_ptr<HttpClient::Transfer> HttpClient::AcquireTransfer() {
     if (idle_.empty()) return std::make_unique<Transfer>(*this);
     std::unique_ptr<Transfer> transfer = std::move(idle_.back());
     idle_.pop_back();
@@ -320,7 +320,7 @@ std::unique_ptr<HttpClient::Transfer> HttpClient::TakeTransfer() {
 }
 
 void HttpClient::Start(HttpRequest request, Done done) {
-    std::unique_ptr<Transfer> transfer = TakeTransfer();
+    std::unique_ptr<Transfer> transfer = AcquireTransfer();
     transfer->Prepare(std::move(request), std::move(done));
     CURL* const handle = transfer->handle();
     Add(handle);

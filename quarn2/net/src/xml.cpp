@@ -56,9 +56,9 @@ class XmlReader::Parser {
     Parser& operator=(const Parser&) = delete;
 
     void Parse(std::span<const std::byte> bytes, bool is_final) {
-        constexpr std::size_t kPiece = 1024UL * 1024;
+        constexpr std::size_t kBlockSize = 1024UL * 1024;
         do {
-            const auto piece = bytes.first(std::min(bytes.size(), kPiece));
+            const auto piece = bytes.first(std::min(bytes.size(), kBlockSize));
             bytes = bytes.subspan(piece.size());
             ParsePiece(piece, is_final && bytes.empty());
         } while (!bytes.empty());

@@ -164,11 +164,11 @@ TEST_F(InterruptedOperations, ADeletionInDirectoryFormIsTakenBackOnlyIfTheIndexE
         store_->SetFile(std::string("web1/2026-11-15/") + name, "x");
     }
     Place(info, marked);
-    EXPECT_FALSE(TakeBackDeletion(*storage_, info)) << "the index may have gone";
+    EXPECT_FALSE(CancelDeletion(*storage_, info)) << "the index may have gone";
     Place(directory + "2026-11-15.web1.1.dar", "index");
-    EXPECT_FALSE(TakeBackDeletion(*storage_, info));
+    EXPECT_FALSE(CancelDeletion(*storage_, info));
     store_->SetFile("web1/2026-11-15/2026-11-15.web1.1.dar", "index");
-    EXPECT_TRUE(TakeBackDeletion(*storage_, info));
+    EXPECT_TRUE(CancelDeletion(*storage_, info));
 }
 
 TEST_F(InterruptedOperations, AnOutageCostsNoFurtherBackup) {

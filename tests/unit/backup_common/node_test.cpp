@@ -439,18 +439,18 @@ TEST_F(Node, AnswerToCompleteCountsForTheEvictionsToCome) {
     StoreSlices();
     NodeSide node(lock_, server.link());
     node.Serve(std::string("PUTLAST ") + kInfo);
-    EXPECT_EQ(node.TakeOneEviction(), 6);
+    EXPECT_EQ(node.UseOneEviction(), 6);
 }
 
 TEST_F(Node, EvictionsAreCountedDownToNone) {
     MasterServer server("memory:site");
     NodeSide node(lock_, server.link());
-    EXPECT_EQ(node.TakeOneEviction(), -1);
+    EXPECT_EQ(node.UseOneEviction(), -1);
     node.Serve(std::string("PUTLAST ") + kSecond);
-    EXPECT_EQ(node.TakeOneEviction(), 1);
-    EXPECT_EQ(node.TakeOneEviction(), 0);
-    EXPECT_EQ(node.TakeOneEviction(), -1);
-    EXPECT_EQ(node.TakeOneEviction(), -1);
+    EXPECT_EQ(node.UseOneEviction(), 1);
+    EXPECT_EQ(node.UseOneEviction(), 0);
+    EXPECT_EQ(node.UseOneEviction(), -1);
+    EXPECT_EQ(node.UseOneEviction(), -1);
 }
 
 // --- Other words ---

@@ -323,7 +323,7 @@ TEST_F(LedgerOfPuts, ACompleteBackupOwnsItsSlicesInOtherEntries) {
     open.slices[kFirstName] = {SliceState::kRemoved, 7, ""};
     LedgerEntry completed = open;
     completed.completed = "2026-11-15 01:00:00";
-    for (LedgerEntry* entry : {&open, &completed}) entry->LoseSlices({kFirstName, kSecondName}, 9);
+    for (LedgerEntry* entry : {&open, &completed}) entry->DropSlices({kFirstName, kSecondName}, 9);
     EXPECT_EQ(open.Bytes(), 3);
     EXPECT_EQ(open.earlier_bytes, 9);
     EXPECT_EQ(open.slices.at(kFirstName), (LedgerSlice{SliceState::kRemoved, 0, ""}));

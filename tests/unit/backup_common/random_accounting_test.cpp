@@ -203,7 +203,7 @@ class World {
             const std::string answer = link_->Answer(line);
             EXPECT_EQ(answer, rules_.Reserve(size));
             if (!answer.starts_with("OK")) return;
-            EXPECT_LE(control_->GreatestUsedSize() + storage_->reserved, control_->size_limit);
+            EXPECT_LE(control_->MaxUsedSize() + storage_->reserved, control_->size_limit);
         });
     }
 

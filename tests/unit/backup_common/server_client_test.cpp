@@ -99,18 +99,18 @@ TEST_F(NodeClientProcess, IsLeftAloneThenAskedThenMadeToEnd) {
     char text[8];
     while (read(pipes.from_client, text, sizeof text) < 0) usleep(1000);
     const auto begin = ClientProcess::Clock::now();
-    const ClientProcess::Patience patience{10s, 20s};
-    client.Press(begin, begin + 9s, patience);
+    const ClientProcess::KillTimes times{10s, 20s};
+    client.SignalWhenDue(begin, begin + 9s, times);
     EXPECT_FALSE(client.HasEnded(50ms));
     EXPECT_EQ(client.last_words(), "");
-    client.Press(begin, begin + 10s, patience);
-    client.Press(begin, begin + 11s, patience);
+    client.SignalWhenDue(begin, begin + 10s, times);
+    client.SignalWhenDue(begin, begin + 11s, times);
     for (int i = 0; i < 1000 && client.last_words().empty(); ++i) {
         EXPECT_FALSE(client.HasEnded(10ms));
         client.Listen();
     }
     EXPECT_EQ(client.last_words(), "asked") << "once";
-    client.Press(begin, begin + 20s, patience);
+    client.SignalWhenDue(begin, begin + 20s, times);
     WaitForEnd(client);
     EXPECT_EQ(client.status(), 128 + SIGKILL);
 }
@@ -120,7 +120,7 @@ TEST_F(NodeClientProcess, OneThatNeverRanHasEnded) {
     EXPECT_ANY_THROW(client.Start());
     EXPECT_TRUE(client.HasEnded());
     EXPECT_EQ(client.last_words(), "");
-    client.Press(ClientProcess::Clock::now() - 100s, ClientProcess::Clock::now(), {1s, 2s});
+    client.SignalWhenDue(ClientProcess::Clock::now() - 100s, ClientProcess::Clock::now(), {1s, 2s});
 }
 
 TEST_F(NodeClientProcess, SshIsRemoteAndOurOwnProgramIsNot) {

@@ -80,7 +80,7 @@ TEST_F(ServerEvents, OfAnEvictionSeriesFollowThePlan) {
     control_.MakeRoom(*desc_, 700);
     EXPECT_EQ(Events(), expected);
     const Event last = AllEvents().back();
-    EXPECT_EQ(last.used, control_.GreatestUsedSize());
+    EXPECT_EQ(last.used, control_.MaxUsedSize());
     EXPECT_EQ(last.limit, 1000);
     EXPECT_EQ(last.size, 100);
     EXPECT_EQ(last.type, "full");

@@ -197,13 +197,13 @@ TEST_F(Account, ClearedKeepsItsUsersAndItsCount) {
 
 TEST_F(Account, GreatestUsedSizeIsThatOfTheFullestStorage) {
     GlobalSizeControl control;
-    EXPECT_EQ(control.GreatestUsedSize(), 0);
+    EXPECT_EQ(control.MaxUsedSize(), 0);
     control.size_limit = 100;
     control.storages["a"].free_size = 70;
     control.storages["b"].free_size = -20;
-    EXPECT_EQ(control.GreatestUsedSize(), 120);
+    EXPECT_EQ(control.MaxUsedSize(), 120);
     control.storages["b"].free_size = 150;
-    EXPECT_EQ(control.GreatestUsedSize(), 30);
+    EXPECT_EQ(control.MaxUsedSize(), 30);
 }
 
 }  // namespace

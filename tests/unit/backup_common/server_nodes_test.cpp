@@ -65,12 +65,12 @@ class Nodes : public ProgramSite {
         return local_files::Has("starts") ? local_files::Load("starts").size() : 0;
     }
 
-    // Calls Attend with this time until `done` is true, while real time passes.
+    // Calls Poll with this time until `done` is true, while real time passes.
     template <class Attended, class Done>
     void AttendUntil(Attended& node, Clock::time_point now, const Done& done) {
         for (int i = 0; i < 3000 && !done(); ++i) {
             loop_.Run(10);
-            node.Attend(now);
+            node.Poll(now);
         }
         ASSERT_TRUE(done());
     }
@@ -96,7 +96,7 @@ TEST_F(Nodes, OneThatCannotBeStartedIsTriedAgainWithGrowingPauses) {
         throw std::runtime_error("no ssh");
     });
     node.TryToStart(now);
-    for (; now <= begin_ + 200s; now += 100ms) node.Attend(now);
+    for (; now <= begin_ + 200s; now += 100ms) node.Poll(now);
     EXPECT_EQ(attempts, (std::vector<std::int64_t>{0, 1, 3, 7, 15, 31, 63, 123, 183}));
     EXPECT_EQ(Log(), Lines(9, "4: Cant start session with node 'n1'. What: no ssh"));
 }
@@ -118,11 +118,11 @@ TEST_F(Nodes, AnEndedSessionIsLoggedOnceAndStartedAgainAfterItsPause) {
         AttendUntil(node, now, [count] { return Ends().size() == count; });
         EXPECT_EQ(Ends().back(),
                   "4: Session with node 'n1' ended. Exit status: 255. Last output: bad key");
-        EXPECT_EQ(node.Attend(now), now + pause);
-        node.Attend(now + pause - 1ms);
+        EXPECT_EQ(node.Poll(now), now + pause);
+        node.Poll(now + pause - 1ms);
         EXPECT_EQ(Starts(), count);
         now += pause;
-        node.Attend(now);
+        node.Poll(now);
         AttendUntil(node, now, [count] { return Starts() == count + 1; });
     }
 }
@@ -131,11 +131,11 @@ TEST_F(Nodes, AfterALongSessionThePauseIsShortAgain) {
     SupervisedNode node = Playing("exit 1\n");
     node.Start(begin_);
     AttendUntil(node, begin_, [] { return Ends().size() == 1; });
-    node.Attend(begin_ + 1s);
+    node.Poll(begin_ + 1s);
     AttendUntil(node, begin_ + 1s, [] { return Ends().size() == 2; });
-    node.Attend(begin_ + 3s);  // starts the third session, which then seems to last a minute
+    node.Poll(begin_ + 3s);  // starts the third session, which then seems to last a minute
     AttendUntil(node, begin_ + 63s, [] { return Ends().size() == 3; });
-    EXPECT_EQ(node.Attend(begin_ + 63s), begin_ + 64s);
+    EXPECT_EQ(node.Poll(begin_ + 63s), begin_ + 64s);
 }
 
 TEST_F(Nodes, AfterACommandWasGrantedThePauseIsShortAgain) {
@@ -145,9 +145,9 @@ TEST_F(Nodes, AfterACommandWasGrantedThePauseIsShortAgain) {
     node.Start(begin_);
     AttendUntil(node, begin_, [] { return Ends().size() == 1; });
     AttendUntil(node, begin_ + 1s, [] { return Ends().size() == 2; });
-    EXPECT_EQ(node.Attend(begin_ + 1s), begin_ + 3s);
+    EXPECT_EQ(node.Poll(begin_ + 1s), begin_ + 3s);
     AttendUntil(node, begin_ + 3s, [] { return Ends().size() == 3; });
-    EXPECT_EQ(node.Attend(begin_ + 3s), begin_ + 4s);
+    EXPECT_EQ(node.Poll(begin_ + 3s), begin_ + 4s);
     EXPECT_EQ(storage_.reserved, 0) << "the reservation ends with its session";
 }
 
@@ -157,7 +157,7 @@ TEST_F(Nodes, NoSecondClientWhileTheFirstIsThere) {
     AttendUntil(node, begin_, [] { return !Log(4).empty(); });
     EXPECT_EQ(Log(4), (Lines{"4: Client disconnected. Close"}));
     for (auto now = begin_; now < begin_ + 20s; now += 500ms) {
-        EXPECT_EQ(node.Attend(now), now + 100ms);
+        EXPECT_EQ(node.Poll(now), now + 100ms);
     }
     EXPECT_EQ(Starts(), 1U);
     EXPECT_EQ(Ends(), Lines());
@@ -255,9 +255,9 @@ TEST_F(Sessions, OneForThisMachineAndOneForEachDifferentNode) {
 TEST_F(Sessions, SaysHowLongItCanBeLeftAlone) {
     NodeSessions sessions(storage_, loop_, Arguments({"--node", "a"}));
     sessions.Start(begin_);
-    EXPECT_LE(sessions.Attend(begin_), 1000ms);
+    EXPECT_LE(sessions.Poll(begin_), 1000ms);
     AttendUntil(sessions, begin_, [] { return Ends().size() == 1; });
-    EXPECT_EQ(sessions.Attend(begin_ + 300ms), 700ms);
+    EXPECT_EQ(sessions.Poll(begin_ + 300ms), 700ms);
 }
 
 TEST_F(Sessions, EndsOnItsOwnWhenTheServerFails) {

@@ -95,7 +95,7 @@ TEST(Excess, DailiesOfATable) {
     for (const ExcessCase& row : cases) {
         const Backups backups = Of(row.letters);
         Chain chain = ChainOf(backups, {});
-        EXPECT_EQ(Names(TakeExcessDailies(chain, row.leave)), row.taken) << row.letters;
+        EXPECT_EQ(Names(RemoveExcessDailies(chain, row.leave)), row.taken) << row.letters;
         EXPECT_EQ(Names(chain), row.left) << row.letters;
     }
 }
@@ -110,7 +110,7 @@ TEST(Excess, FullsOfATable) {
     for (const ExcessCase& row : cases) {
         const Backups backups = Of(row.letters);
         Chain chain = ChainOf(backups, {});
-        EXPECT_EQ(Names(TakeExcessFulls(chain, row.leave)), row.taken) << row.letters;
+        EXPECT_EQ(Names(RemoveExcessFulls(chain, row.leave)), row.taken) << row.letters;
         EXPECT_EQ(Names(chain), row.left) << row.letters;
     }
 }

@@ -74,7 +74,7 @@ TEST_F(Scan, AnInfoFileThatEvictionWouldNotFindIsChargedForGood) {
 TEST_F(Scan, AnInfoFileThatVanishesMeanwhileIsSkipped) {
     Info("2026-11-15.web1", "full", "10");
     Info("2026-11-17.web1", "full", "20");
-    control_.TakeInfoFiles(
+    control_.CountInfoFiles(
         {"root/2026-11-15.web1.info", "root/2026-11-16.web1.info", "root/2026-11-17.web1.info"},
         "2026-11-20");
     EXPECT_EQ(Records("web1"), "2026-11-15F10 2026-11-17F20");
@@ -324,7 +324,7 @@ TEST_F(Scan, SizesBeyondTheLimitLeaveNegativeSpace) {
     Info("2026-11-15.web1", "full", "1500");
     Run();
     EXPECT_EQ(Account(), "-500/-500/0");
-    EXPECT_EQ(control_.GreatestUsedSize(), 1500);
+    EXPECT_EQ(control_.MaxUsedSize(), 1500);
 }
 
 TEST_F(Scan, WithoutALimitTheSpaceStaysHuge) {

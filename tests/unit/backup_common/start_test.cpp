@@ -82,7 +82,7 @@ class Other {
     pid_t process_ = -1;
 };
 
-void TakeRecordLock(const std::string& path) {
+void AcquireRecordLock(const std::string& path) {
     const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
     struct flock lock {};
     lock.l_type = F_WRLCK;
@@ -267,7 +267,7 @@ void SaveState(pid_t process, const std::string& key, const std::string& storage
 
 // A ready server in another process. The text `behind` follows the process ID in its pid file.
 struct Server : Other {
-    explicit Server(const std::string& behind) : Other([] { TakeRecordLock(kPid); }) {
+    explicit Server(const std::string& behind) : Other([] { AcquireRecordLock(kPid); }) {
         local_files::Save(kPid, std::to_string(process()) + behind);
         SaveState(process(), "key", "memory:///site");
         lock.TryLock(kPid, false);
@@ -447,7 +447,7 @@ TEST_F(Start, ServerThatStillStartsIsWaitedForByHalfSeconds) {
     std::unique_ptr<Other> server;
     fake_clock::OnSleep([&](int) {
         if (fake_clock::Sleeps().size() < 2) return;
-        server = std::make_unique<Other>([] { TakeRecordLock(kPid); });
+        server = std::make_unique<Other>([] { AcquireRecordLock(kPid); });
         local_files::Save(kPid, std::to_string(server->process()) + "\n2026-11-20\nkey\n0\n0\n");
         SaveState(server->process(), "key", "memory:///site");
     });

@@ -33,13 +33,13 @@ TEST_F(ByteLocks, OfOneByteExcludeEachOtherAlsoInOneProcess) {
 }
 
 TEST_F(ByteLocks, AreExaminedWithoutALock) {
-    EXPECT_FALSE(ByteLock::IsHeld(path_, 7));
+    EXPECT_FALSE(ByteLock::IsLocked(path_, 7));
     EXPECT_FALSE(std::filesystem::exists(path_)) << "the file is not made";
     auto lock = std::make_unique<ByteLock>(path_, 7);
-    EXPECT_TRUE(ByteLock::IsHeld(path_, 7));
-    EXPECT_FALSE(ByteLock::IsHeld(path_, 8));
+    EXPECT_TRUE(ByteLock::IsLocked(path_, 7));
+    EXPECT_FALSE(ByteLock::IsLocked(path_, 8));
     lock.reset();
-    EXPECT_FALSE(ByteLock::IsHeld(path_, 7));
+    EXPECT_FALSE(ByteLock::IsLocked(path_, 7));
 }
 
 TEST_F(ByteLocks, AreForThisUserAlone) {

@@ -47,8 +47,8 @@ class Planted : public testing::Test {
 
     // Creates objects of several kinds at the path, one after another, and calls the test's
     // function for each.
-    template <class Deed>
-    void WithEach(const std::string& path, const Deed& deed) {
+    template <class Operation>
+    void WithEach(const std::string& path, const Operation& operation) {
         const std::vector<std::pair<const char*, std::function<void()>>> things = {
             {"link", [&] { Link(victim_, path); }},
             {"dangling link", [&] { Link(nothing_, path); }},
@@ -59,17 +59,17 @@ class Planted : public testing::Test {
             SCOPED_TRACE(what);
             ::unlink(path.c_str());
             lay();
-            deed(std::string(what));
+            operation(std::string(what));
             EXPECT_EQ(kro_file::Read(victim_), "kept");
             EXPECT_FALSE(kro_file::Exists(nothing_));
         }
         ::unlink(path.c_str());
     }
 
-    template <class Deed>
-    static std::string ErrorOf(const Deed& deed) {
+    template <class Operation>
+    static std::string ErrorOf(const Operation& operation) {
         try {
-            deed();
+            operation();
         } catch (const kro_err::Error& error) {
             return error.what();
         }

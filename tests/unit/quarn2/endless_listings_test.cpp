@@ -32,11 +32,11 @@ class HostilePages : public HostileHttp {
     std::vector<std::string> Errors() {
         const auto storage = Open();
         std::vector<std::string> errors;
-        for (const Deed& deed : Deeds()) {
-            const std::string name = deed.name;
+        for (const Operation& operation : Operations()) {
+            const std::string name = operation.name;
             if (name != "list" && name != "remove directory" && name != "clear") continue;
             const Bounds bounds;
-            errors.push_back(ErrorOf([&] { deed.run(*storage); }));
+            errors.push_back(ErrorOf([&] { operation.run(*storage); }));
         }
         return errors;
     }

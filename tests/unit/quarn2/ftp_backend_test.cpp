@@ -93,8 +93,8 @@ TEST(FtpTemporaryName, TwoUploadsAtOnceHaveTwoNames) {
     const std::string path = first->path();
     const TemporaryName second("u", "/dir/file");
     const TemporaryName third("u", "/dir/file");
-    EXPECT_FALSE(first->is_further());
-    EXPECT_TRUE(second.is_further());
+    EXPECT_FALSE(first->is_additional());
+    EXPECT_TRUE(second.is_additional());
     EXPECT_NE(second.path(), path);
     EXPECT_NE(third.path(), path);
     EXPECT_NE(third.path(), second.path());

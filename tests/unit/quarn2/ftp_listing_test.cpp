@@ -44,7 +44,7 @@ TEST(FtpMachineListing, TellsFilesDirectoriesAndLinks) {
     EXPECT_THAT(
         listing.entries,
         ElementsAre(Entry{"F2026-11-20.web1.tgz", Type::kFile, 3}, Entry{"user", Type::kDirectory},
-                    Entry{"link", Type::kOther}, Entry{"untold", Type::kUntold}));
+                    Entry{"link", Type::kOther}, Entry{"untold", Type::kUnspecified}));
 }
 
 TEST(FtpMachineListing, ASizeThatIsNoNumberIsUnknown) {
@@ -72,7 +72,7 @@ TEST(FtpMachineListing, KeepsEveryByteOfAName) {
         listing.entries,
         ElementsAre(Entry{" two leading", Type::kFile}, Entry{"trailing ", Type::kFile},
                     Entry{"a;b=c", Type::kFile}, Entry{"\xff\xfe", Type::kFile},
-                    Entry{"no facts", Type::kUntold}, Entry{"line feed alone", Type::kFile}));
+                    Entry{"no facts", Type::kUnspecified}, Entry{"line feed alone", Type::kFile}));
 }
 
 TEST(FtpMachineListing, DropsNamesThatLeadElsewhere) {

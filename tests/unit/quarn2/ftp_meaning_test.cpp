@@ -148,31 +148,31 @@ TEST(FtpReply, HasTheNumberOfSizeAndSpace) {
 }
 
 TEST(FtpReply, TellsMissingFromDenied) {
-    using quarn2::ftp::SaysDenied;
-    using quarn2::ftp::SaysMissing;
+    using quarn2::ftp::ReportsDenied;
+    using quarn2::ftp::ReportsMissing;
     for (const char* const text : {"/nope: No such file or directory", "Can't open x: no such file",
                                    "The system cannot find the file specified.",
                                    "Sorry, but that file doesn't exist", "File not found"}) {
-        EXPECT_TRUE(SaysMissing(text)) << text;
-        EXPECT_FALSE(SaysDenied(text)) << text;
+        EXPECT_TRUE(ReportsMissing(text)) << text;
+        EXPECT_FALSE(ReportsDenied(text)) << text;
     }
     for (const char* const text :
          {"Can't open x: Permission denied", "Access is denied.", "/dd: Operation not permitted"}) {
-        EXPECT_TRUE(SaysDenied(text)) << text;
-        EXPECT_FALSE(SaysMissing(text)) << text;
+        EXPECT_TRUE(ReportsDenied(text)) << text;
+        EXPECT_FALSE(ReportsMissing(text)) << text;
     }
-    EXPECT_FALSE(SaysMissing("Failed to open file."));
-    EXPECT_FALSE(SaysDenied("Failed to open file."));
+    EXPECT_FALSE(ReportsMissing("Failed to open file."));
+    EXPECT_FALSE(ReportsDenied("Failed to open file."));
 }
 
 TEST(FtpReply, TellsAListingThatIsCut) {
-    EXPECT_TRUE(quarn2::ftp::SaysTruncated("Options: -l\nOutput truncated to 10000 matches"));
-    EXPECT_FALSE(quarn2::ftp::SaysTruncated("7 matches total"));
+    EXPECT_TRUE(quarn2::ftp::ReportsTruncation("Options: -l\nOutput truncated to 10000 matches"));
+    EXPECT_FALSE(quarn2::ftp::ReportsTruncation("7 matches total"));
 }
 
 TEST(FtpReply, TellsServersThatWantEncryption) {
     const auto says = [](const std::string& line, const std::string& login = "web1") {
-        return quarn2::ftp::SaysTlsNeeded(ReplyTo("PASS x", line, login).words);
+        return quarn2::ftp::ReportsTlsNeeded(ReplyTo("PASS x", line, login).words);
     };
     EXPECT_TRUE(says("421 Sorry, cleartext sessions and weak ciphers are not accepted"));
     EXPECT_TRUE(says("550 SSL/TLS required on the control channel"));

@@ -73,11 +73,11 @@ class HostileHttp : public testing::TestWithParam<HttpKind> {
     }
 
     // All operations that receive a response from the server.
-    struct Deed {
+    struct Operation {
         const char* name;
         std::function<void(quarn2::Storage&)> run;
     };
-    std::vector<Deed> Deeds() {
+    std::vector<Operation> Operations() {
         return {{"list", [this](auto& storage) { storage.List(names_, ""); }},
                 {"download", [this](auto& storage) { storage.Download("file", target_); }},
                 {"upload", [this](auto& storage) { storage.Upload("file", source_); }},

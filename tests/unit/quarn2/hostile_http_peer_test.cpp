@@ -25,10 +25,10 @@ class HostilePeer : public HostileHttp {
     // receives no request.
     void ExpectNothingSaid(const std::string& more, const std::string& part) {
         const auto storage = Open(more, true, kLong);
-        for (const Deed& deed : Deeds()) {
-            SCOPED_TRACE(deed.name);
+        for (const Operation& operation : Operations()) {
+            SCOPED_TRACE(operation.name);
             const Bounds bounds;
-            EXPECT_THAT(ErrorOf([&] { deed.run(*storage); }), HasSubstr(part));
+            EXPECT_THAT(ErrorOf([&] { operation.run(*storage); }), HasSubstr(part));
         }
         EXPECT_THAT(server_->SeenLines(), IsEmpty());
         // Ends the server before the test destroys the certificate.
@@ -47,9 +47,9 @@ TEST_P(HostilePeer, RedirectsAreFollowedNowhere) {
             exchange.Answer(status, "", {"Location: " + other.Url("/bucket/file")});
         });
         const auto storage = Open();
-        for (const Deed& deed : Deeds()) {
-            SCOPED_TRACE(std::string(deed.name) + ", " + std::to_string(status));
-            EXPECT_NE(ErrorOf([&] { deed.run(*storage); }), "(no error)");
+        for (const Operation& operation : Operations()) {
+            SCOPED_TRACE(std::string(operation.name) + ", " + std::to_string(status));
+            EXPECT_NE(ErrorOf([&] { operation.run(*storage); }), "(no error)");
         }
     }
     EXPECT_EQ(other.connections(), 0);

@@ -89,10 +89,10 @@ TEST_P(HostileAnswer, RefusalsWithoutEnd) {
             exchange.WriteWithoutEnd("HTTP/1.1 " + std::to_string(status) + " No\r\n\r\n", "<p>");
         });
         const auto storage = Open();
-        for (const Deed& deed : Deeds()) {
-            SCOPED_TRACE(std::string(deed.name) + ", " + std::to_string(status));
+        for (const Operation& operation : Operations()) {
+            SCOPED_TRACE(std::string(operation.name) + ", " + std::to_string(status));
             const Bounds bounds;
-            EXPECT_THAT(ErrorOf([&] { deed.run(*storage); }),
+            EXPECT_THAT(ErrorOf([&] { operation.run(*storage); }),
                         HasSubstr(": the error response is too long"));
         }
     }
@@ -104,10 +104,10 @@ TEST_P(HostileAnswer, SuccessesWithoutEnd) {
         exchange.WriteWithoutEnd("HTTP/1.1 200 Fine\r\n\r\n", "<p>fine</p>");
     });
     const auto storage = Open();
-    for (const Deed& deed : Deeds()) {
-        SCOPED_TRACE(deed.name);
+    for (const Operation& operation : Operations()) {
+        SCOPED_TRACE(operation.name);
         const Bounds bounds;
-        EXPECT_NE(ErrorOf([&] { deed.run(*storage); }), "(no error)");
+        EXPECT_NE(ErrorOf([&] { operation.run(*storage); }), "(no error)");
     }
 }
 
@@ -117,10 +117,10 @@ TEST_P(HostileAnswer, HeadersWithoutEnd) {
         exchange.WriteWithoutEnd("HTTP/1.1 200 OK\r\n", "X-Header: text\r\n");
     });
     const auto storage = Open();
-    for (const Deed& deed : Deeds()) {
-        SCOPED_TRACE(deed.name);
+    for (const Operation& operation : Operations()) {
+        SCOPED_TRACE(operation.name);
         const Bounds bounds;
-        EXPECT_NE(ErrorOf([&] { deed.run(*storage); }), "(no error)");
+        EXPECT_NE(ErrorOf([&] { operation.run(*storage); }), "(no error)");
     }
 }
 

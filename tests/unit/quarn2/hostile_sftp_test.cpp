@@ -41,7 +41,7 @@ class EndlessServer final : public quarn2::sftp::Stream {
         id_ = packet.U32();
         Answer(type);
     }
-    std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+    std::size_t Read(std::span<std::byte> buffer, int /*extra_seconds*/) override {
         const std::size_t count = std::min(buffer.size(), out_.size() - read_);
         std::copy_n(out_.begin() + static_cast<std::ptrdiff_t>(read_), count, buffer.begin());
         read_ += count;
@@ -99,9 +99,9 @@ class HostileSftp : public testing::Test {
                                             std::uint32_t mode, bool once = false) {
         return std::make_unique<Session>(std::make_unique<EndlessServer>(names, mode, once));
     }
-    static std::string ErrorOf(const std::function<void()>& deed) {
+    static std::string ErrorOf(const std::function<void()>& operation) {
         const Bounds bounds;
-        return ::ErrorOf(deed);
+        return ::ErrorOf(operation);
     }
 
     Place place_{"/root"};

@@ -193,7 +193,7 @@ class LocalBackendOfOthers : public LocalBackend {
 TEST_F(LocalBackendOfOthers, LinksToDirectoriesAreNotFollowed) {
     std::vector<std::string> names;
     for (const std::string link : {"there", "user/there"}) {
-        const std::vector<std::function<void()>> deeds = {
+        const std::vector<std::function<void()>> operations = {
             [&] { storage_->Upload(link + "/file", source_); },
             [&] { storage_->Upload(link + "/deep/file", source_); },
             [&] { storage_->Download(link + "/precious", local_ / "stolen"); },
@@ -201,9 +201,9 @@ TEST_F(LocalBackendOfOthers, LinksToDirectoriesAreNotFollowed) {
             [&] { storage_->MkDir(link + "/below"); },
             [&] { storage_->RemoveDir(link + "/below"); },
             [&] { storage_->List(names, link); }};
-        for (const std::function<void()>& deed : deeds) {
+        for (const std::function<void()>& operation : operations) {
             try {
-                deed();
+                operation();
                 ADD_FAILURE() << "went through " << link;
             } catch (const kro_err::Error& error) {
                 EXPECT_EQ(error.kind(), Kind::kFailed);

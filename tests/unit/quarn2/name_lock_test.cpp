@@ -30,11 +30,11 @@ std::string Name() { return "quarn2-test-" + str::Str(getpid()); }
 
 // Calls the function in a child process that runs as another user. Returns the exit status of the
 // child.
-int AsNobody(const std::function<int()>& deed) {
+int AsNobody(const std::function<int()>& operation) {
     const pid_t child = fork();
     if (child == 0) {
         if (setgid(kNobody) != 0 || setuid(kNobody) != 0) _exit(100);
-        _exit(deed());
+        _exit(operation());
     }
     int status = 0;
     EXPECT_EQ(waitpid(child, &status, 0), child);

@@ -35,10 +35,10 @@ class ScriptedFtp : public testing::Test {
             scheme + "://user:hidden@127.0.0.1:" + std::to_string(server_->port()) +
             "/dir?timeout=4" + more));
     }
-    template <class Deed>
-    std::string ErrorOf(const Deed& deed) {
+    template <class Operation>
+    std::string ErrorOf(const Operation& operation) {
         const Bounds bounds;
-        return ::ErrorOf(deed);
+        return ::ErrorOf(operation);
     }
     // The type of the error that the action throws, "" when it throws none.
     template <class Action>

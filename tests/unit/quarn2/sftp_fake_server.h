@@ -78,7 +78,7 @@ class Server final : public quarn2::sftp::Stream {
         Answer(type, packet);
     }
 
-    std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+    std::size_t Read(std::span<std::byte> buffer, int /*extra_seconds*/) override {
         OpenLate();
         while (!late_.empty()) {
             out_ += late_.back();
@@ -110,7 +110,7 @@ class Server final : public quarn2::sftp::Stream {
     void Answer(Type type, Fields& packet) {
         switch (type) {
             case Type::kInit:
-                return Greet();
+                return ExchangeVersions();
             case Type::kStat:
             case Type::kLstat:
                 return Look(packet.Text());
@@ -137,7 +137,7 @@ class Server final : public quarn2::sftp::Stream {
         }
     }
 
-    void Greet() {
+    void ExchangeVersions() {
         Request hello(Type::kVersion);
         for (const std::string& name : disk_.extensions) hello.Text(name).Text("1");
         id_ = 3;

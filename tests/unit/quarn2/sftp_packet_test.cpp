@@ -125,7 +125,7 @@ TEST(SftpSession, GivesEachRequestItsOwnAnswer) {
 
 TEST(SftpSession, UsesNothingThatTheServerDoesNotOffer) {
     const Talk talk;
-    EXPECT_FALSE(talk.session->Offers("fsync@openssh.com"));
+    EXPECT_FALSE(talk.session->Supports("fsync@openssh.com"));
     EXPECT_EQ(talk.session->read_size(), 32U * 1024);
     EXPECT_EQ(talk.disk.requests, std::vector<Type>{Type::kInit});
 }
@@ -190,7 +190,7 @@ class Greeter final : public quarn2::sftp::Stream {
   public:
     explicit Greeter(std::string text) : text_(std::move(text)) {}
     void Write(std::span<const std::byte> /*bytes*/) override {}
-    std::size_t Read(std::span<std::byte> buffer, int /*patience*/) override {
+    std::size_t Read(std::span<std::byte> buffer, int /*extra_seconds*/) override {
         if (text_.empty()) throw kro_err::Error(Kind::kUnavailable, "closed");
         buffer[0] = static_cast<std::byte>(text_.front());
         text_.erase(0, 1);

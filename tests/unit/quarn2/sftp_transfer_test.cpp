@@ -236,7 +236,7 @@ const char* const kTemporary = "/root/.file.part~";
 
 TEST_F(SftpTransfer, TakesTheNextNameWhereAnotherOfThisMachineWrites) {
     quarn2::sftp::UploadLock another;
-    ASSERT_TRUE(another.TryTake(place_.server() + kTemporary));
+    ASSERT_TRUE(another.TryLock(place_.server() + kTemporary));
     disk_.files = {{kTemporary, "another's"}};
     EXPECT_TRUE(Put("file", "mine"));
     EXPECT_THAT(Files(), ElementsAre(kTemporary, kPath));
@@ -307,11 +307,11 @@ TEST(SftpUploadLock, IsHeldOnceAndGoesWithItsOwner) {
     quarn2::sftp::UploadLock second;
     {
         quarn2::sftp::UploadLock first;
-        EXPECT_TRUE(first.TryTake("a file of this test"));
-        EXPECT_FALSE(second.TryTake("a file of this test"));
-        EXPECT_TRUE(second.TryTake("another file of this test"));
+        EXPECT_TRUE(first.TryLock("a file of this test"));
+        EXPECT_FALSE(second.TryLock("a file of this test"));
+        EXPECT_TRUE(second.TryLock("another file of this test"));
     }
-    EXPECT_TRUE(second.TryTake("a file of this test"));
+    EXPECT_TRUE(second.TryLock("a file of this test"));
 }
 
 TEST_F(SftpTransfer, RefusedWriteIsNoRoomOnlyWhenThereIsNone) {

@@ -5,7 +5,7 @@
 
 TEST_P(StorageTrouble, WorksThroughTheRelay) {
     const std::string content = local_files::Noise(kLarge);
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     EXPECT_TRUE(storage->Upload("file", LocalFile(content)));
     EXPECT_TRUE(Download(*storage, "file") == content);
     EXPECT_GT(relay_.Passed(Way::kUp), kLarge) << "every connection comes this way";
@@ -40,7 +40,7 @@ TEST_P(StorageTrouble, DownloadStalled) { TestDownload(Harm::kStall, {Way::kDown
 TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
     const std::string content = local_files::Noise(kLarge);
     ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile("old")));
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     relay_.HarmOnce(Harm::kReset, {Way::kUp, kLarge / 2});
     bool stored = false;
     const auto kind = KindOf([&] { stored = storage->Upload("file", LocalFile(content)); });
@@ -57,7 +57,7 @@ TEST_P(StorageTrouble, UploadOverABreakIsWholeOrFails) {
 TEST_P(StorageTrouble, DownloadOverABreakIsWholeOrFails) {
     const std::string content = local_files::Noise(kLarge);
     ASSERT_TRUE(OpenDirectly()->Upload("file", LocalFile(content)));
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     relay_.HarmOnce(Harm::kClose, {Way::kDown, kLarge / 2});
     const auto kind = KindOf([&] { storage->Download("file", local_ / "target"); });
     ASSERT_TRUE(relay_.Harmed());
@@ -107,7 +107,7 @@ TEST_P(StorageTrouble, KilledUploadsGoWithClear) {
 // --- Connections ---
 
 TEST_P(StorageTrouble, KeepsItsConnection) {
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     for (int i = 0; i < 10; ++i) {
         const std::string name = "dir/" + std::to_string(i);
         ASSERT_TRUE(storage->Upload(name, LocalFile(name)));
@@ -123,7 +123,7 @@ TEST_P(StorageTrouble, ASmallUploadTakesFewRoundTrips) {
     constexpr std::size_t kSmall = 64UL * 1024;
     constexpr int kUploads = 12;
     const std::string source = LocalFile(local_files::Noise(kSmall));
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     ASSERT_TRUE(storage->Upload("dir/first", source));
     relay_.HoldAnswers(std::chrono::milliseconds(15));
     std::vector<int> counts;
@@ -138,7 +138,7 @@ TEST_P(StorageTrouble, ASmallUploadTakesFewRoundTrips) {
 }
 
 TEST_P(StorageTrouble, AClosedIdleConnectionIsNotNoticed) {
-    const auto storage = OpenThroughRelay(kPatience);
+    const auto storage = OpenThroughRelay(kLongTimeout);
     ASSERT_TRUE(storage->Upload("dir/file", LocalFile("first")));
     relay_.CloseConnections();
     EXPECT_TRUE(storage->Upload("dir/file", LocalFile("second")));

@@ -68,14 +68,14 @@ class ReportContent : public ProgramSite {
     }
 
     Archiver::Settings Run(const std::string& script,
-                           std::chrono::milliseconds patience = 60s) const {
-        return {{"/bin/sh", "-c", script}, {}, patience};
+                           std::chrono::milliseconds idle_timeout = 60s) const {
+        return {{"/bin/sh", "-c", script}, {}, idle_timeout};
     }
 
-    Lines Problems(const Lines& slices, std::chrono::milliseconds patience = 60s) {
+    Lines Problems(const Lines& slices, std::chrono::milliseconds idle_timeout = 60s) {
         std::vector<StoredFile> files;
         for (const std::string& slice : slices) files.push_back({"slice", slice, std::nullopt});
-        ContentCheck check(*storage_, {.patience = patience});
+        ContentCheck check(*storage_, {.idle_timeout = idle_timeout});
         const ContentCheck::Result result = check.Check(files, false);
         Lines lines;
         for (const Problem& problem : result.problems) {

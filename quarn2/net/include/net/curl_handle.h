@@ -79,7 +79,7 @@ class CurlHandle {
 
     // Registers a set in which the handle records the sockets of its open connections. The set must
     // outlive the connections.
-    void TellSockets(std::set<curl_socket_t>& sockets);
+    void RecordSockets(std::set<curl_socket_t>& sockets);
 
     long Info(CURLINFO info) const;
 

@@ -99,7 +99,7 @@ class HttpClient {
     class Transfer;
     using Clock = kro_date::SteadyClock;
 
-    std::unique_ptr<Transfer> TakeTransfer();
+    std::unique_ptr<Transfer> AcquireTransfer();
     void Add(CURL* handle);
     bool Finish();
     bool Move(int wait_ms);
