@@ -97,6 +97,31 @@ std::int64_t ChangeByte(const std::string& name) {
 
 std::int64_t UploadByte(const std::string& name) { return ChangeByte(name) + 1; }
 
+// The recorded size of a slice of a replaced backup whose bytes another slice of its archive
+// contains. It is not 0, because slices of size 0 are removed from a completed entry.
+constexpr std::int64_t kCountedWithOther = 1;
+
+// Removes a slice from a completed entry. If other slices are counted with this slice, one of them
+// gets its size. That size may be larger than the file, because the entry must never count less
+// than the storage has.
+void EraseSlice(LedgerEntry& entry, const std::string& stored_name) {
+    const auto erased = entry.slices.extract(stored_name);
+    const std::string archive = quarn2::StripSliceNumber(stored_name);
+    for (auto& [name, slice] : entry.slices) {
+        if (slice.bytes != kCountedWithOther || quarn2::StripSliceNumber(name) != archive) continue;
+        slice.bytes = erased.mapped().bytes;
+        return;
+    }
+}
+
+// True when the job of `entry` is later than that of `other`. A completed entry is earlier than any
+// other, because the clock may have been set back since its job, or both jobs may have started in
+// the same second.
+bool IsLater(const LedgerEntry& entry, const LedgerEntry& other) {
+    if (entry.completed.empty() != other.completed.empty()) return entry.completed.empty();
+    return entry.started >= other.started;
+}
+
 }  // namespace
 
 bool LedgerEntry::IsOpen() const {
@@ -123,9 +148,10 @@ void LedgerEntry::Complete(const std::vector<std::string>& named) {
     for (auto& [stored_name, slice] : slices) {
         const bool is_earlier = slice.state == SliceState::kRemoved && earlier_bytes > 0;
         // The sizes of the single slices of the earlier backup are unknown. The first slice gets
-        // the size of the complete earlier backup, the others get 1, because slices of size 0 are
-        // removed from the entry.
-        if (slice.bytes == 0 && is_earlier) slice.bytes = std::exchange(earlier_bytes, 1);
+        // the size of the complete earlier backup.
+        if (slice.bytes == 0 && is_earlier) {
+            slice.bytes = std::exchange(earlier_bytes, kCountedWithOther);
+        }
         slice.state = SliceState::kRemoved;
     }
     std::erase_if(slices, [](const auto& slice) { return slice.second.bytes == 0; });
@@ -156,7 +182,7 @@ void LedgerEntry::DropSlices(const std::vector<std::string>& named, std::int64_t
         const auto slice = slices.find(lost);
         if (slice == slices.end()) continue;
         if (!completed.empty()) {
-            slices.erase(slice);
+            EraseSlice(*this, lost);
         } else {
             // This entry's job is not complete and still replaces the other backup. So the entry
             // gets the state in which such a job begins: the slices have 0 bytes, and
@@ -342,7 +368,7 @@ std::string Ledger::EntryNameOf(const std::string& stored_name) const {
     for (const std::string& name : Names()) {
         if (!IsArchive(name) || LedgerKey(name) != key) continue;
         LedgerEntry entry = Read(name);
-        if (latest.name.empty() || entry.started >= latest.started) latest = std::move(entry);
+        if (latest.name.empty() || IsLater(entry, latest)) latest = std::move(entry);
     }
     return latest.name.empty() ? key : latest.name;
 }

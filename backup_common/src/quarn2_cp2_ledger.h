@@ -121,8 +121,8 @@ class Ledger {
     void End(const std::string& name) const;
 
     // The name of the entry to which a stored file belongs. For a slice it is the archive's name.
-    // For another file it is the name of the latest entry of the same backup, or the LedgerKey of
-    // the file when the backup has no entry.
+    // For another file it is the name of the latest entry of the same backup that is not completed,
+    // or of the latest completed entry, or the LedgerKey of the file when the backup has no entry.
     std::string EntryNameOf(const std::string& stored_name) const;
 
     // The names of the entries of the backup with this info file. For a custom backup, leaves out

@@ -409,6 +409,19 @@ class Removals(IncompleteTest):
                 self.assertNotIn(second.name(1), self.r.stored())
                 self.assertEqual(0, server.end())
 
+    def test_a_slice_that_a_shorter_repeated_job_leaves_over_counts_as_used(self):
+        first = self.night(kind="custom", date=NIGHTS[0], size=2500)
+        server = self.serve()
+        first.run()
+        for date in (NIGHTS[1], NIGHTS[0]):
+            self.night(kind="custom", date=date, size=500, slices=1).run()
+        self.assertIn(first.name(2), self.r.stored())
+        self.assertEqual(0, server.end())
+        server = self.serve("--size-limit", "5000")
+        self.assert_success(self.night(user="web9", size=2500).begin().slice(1))
+        self.assertEqual(0, server.end())
+        self.assertNotIn(first.name(2), self.r.stored())
+
     def test_slices_of_a_job_that_runs_again_are_not_left_over_from_an_earlier_run(self):
         for kinds in (("custom", "custom"), ("incremental", "full")):
             with self.subTest(kinds=kinds):

@@ -332,6 +332,45 @@ TEST_F(LedgerOfPuts, ACompleteBackupOwnsItsSlicesInOtherEntries) {
     EXPECT_TRUE(completed.slices.contains("I2026-11-15.web1.1.dar"));
 }
 
+TEST_F(LedgerOfPuts, AnIndexBelongsToTheLatestJobThatIsNotComplete) {
+    const auto start = [](const std::string& name, const std::string& started) {
+        Ledger("").Update(name, [&](LedgerEntry& entry) {
+            entry.slices[name + ".1.dar"] = {SliceState::kStored, 5, ""};
+            entry.started = started;
+        });
+    };
+    start("C2026-11-15.web1", "2026-11-18 01:00:00");
+    start("C2026-11-16.web1", "2026-11-18 03:00:00");
+    start("C2026-11-17.web1", "2026-11-18 02:00:00");
+    EXPECT_EQ(Ledger("").EntryNameOf("b/custom.web1.1.dar"), "C2026-11-16.web1");
+    for (const char* name : {"C2026-11-16.web1", "C2026-11-17.web1"}) {
+        Ledger("").Update(name,
+                          [](LedgerEntry& entry) { entry.completed = "2026-11-18 04:00:00"; });
+    }
+    EXPECT_EQ(Ledger("").EntryNameOf("b/custom.web1.1.dar"), "C2026-11-15.web1");
+}
+
+// The sizes of the single slices of a replaced backup are unknown, so its first slice in the entry
+// has the size of all.
+TEST_F(LedgerOfPuts, TheOtherSlicesOfAReplacedBackupKeepItsSize) {
+    LedgerEntry entry;
+    entry.slices["C2026-11-15.web1.1.dar"] = {SliceState::kStored, 5, ""};
+    for (const char* number : {"1", "2", "3"}) {
+        entry.slices[std::string("C2026-11-14.web1.") + number + ".dar"] = {SliceState::kRemoved, 0,
+                                                                            ""};
+    }
+    entry.earlier_bytes = 900;
+    entry.Complete({"C2026-11-15.web1.1.dar"});
+    EXPECT_EQ(entry.Bytes(), 902);
+    entry.DropSlices({"C2026-11-14.web1.1.dar"}, 300);
+    EXPECT_EQ(entry.Bytes(), 901);
+    EXPECT_EQ(entry.slices.at("C2026-11-14.web1.2.dar").bytes, 900);
+    entry.DropSlices({"C2026-11-14.web1.1.dar", "C2026-11-14.web1.2.dar"}, 300);
+    EXPECT_EQ(entry.Bytes(), 900);
+    entry.DropSlices({"C2026-11-14.web1.3.dar"}, 300);
+    EXPECT_EQ(entry.Bytes(), 0);
+}
+
 TEST_F(LedgerOfPuts, AnotherTypeOfArchiveOfTheSameDayBlocksNothing) {
     Die("I2026-11-15.web1.1.dar");
     NodeSide node(lock_, server_.link());
