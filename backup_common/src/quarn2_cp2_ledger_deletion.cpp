@@ -44,8 +44,10 @@ void LedgerDeletion::Finish(quarn2::Storage& storage) const {
     for (const std::string& entry_name : entries_) {
         for (const auto& [name, slice] : ledger_.Read(entry_name).slices) {
             // Skips a slice with another LedgerKey, because a damaged ledger entry must not cause
-            // the removal of another backup's files.
-            if (named.contains(name) || slice.bytes == 0 || LedgerKey(name) != key_) continue;
+            // the removal of another backup's files. Does not skip slices with 0 bytes: they belong
+            // to the backup that the job has replaced, and the info file does not name them if the
+            // job has replaced that file too.
+            if (named.contains(name) || LedgerKey(name) != key_) continue;
             rest.push_back(name);
             directories.insert(kro_file::Path(name));
         }

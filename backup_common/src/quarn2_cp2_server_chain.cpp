@@ -19,13 +19,25 @@ std::int64_t Count(const Chain& chain, bool (*is_kind)(const Record&)) {
                          [is_kind](const Record* record) { return is_kind(*record); });
 }
 
+// True when `others` has a daily between the two backups.
+bool HasDailyBetween(const Chain& others, const Record& backup, const Record& successor) {
+    return std::any_of(others.begin(), others.end(), [&](const Record* other) {
+        return !IsFull(*other) && other->first > backup.first && other->first < successor.first;
+    });
+}
+
+// True when no daily needs the backup. `successor`: the next complete backup.
+bool IsNeededByNoDaily(const Record& backup, const Record& successor, const Chain& others) {
+    return !IsFull(backup) || (IsFull(successor) && !HasDailyBetween(others, backup, successor));
+}
+
 template <class Iterator>
-Iterator FindOldestRemovable(Iterator begin, Iterator end) {
+Iterator FindOldestRemovable(Iterator begin, Iterator end, const Chain& others) {
     for (Iterator record = begin; record != end; ++record) {
         if (RecordOf(*record).second.locked) continue;
         const Iterator successor = std::next(record);
         if (successor == end) break;
-        if (!IsFull(RecordOf(*record)) || IsFull(RecordOf(*successor))) return record;
+        if (IsNeededByNoDaily(RecordOf(*record), RecordOf(*successor), others)) return record;
     }
     return end;
 }
@@ -61,11 +73,11 @@ Chain ChainOf(const Backups& backups, const Dates& without) {
 }
 
 Backups::const_iterator OldestRemovable(const Backups& backups) {
-    return FindOldestRemovable(backups.begin(), backups.end());
+    return FindOldestRemovable(backups.begin(), backups.end(), {});
 }
 
-Chain::const_iterator OldestRemovable(const Chain& chain) {
-    return FindOldestRemovable(chain.begin(), chain.end());
+Chain::const_iterator OldestRemovable(const Chain& chain, const Chain& others) {
+    return FindOldestRemovable(chain.begin(), chain.end(), others);
 }
 
 Chain RemoveExcessDailies(Chain& chain, int leave) {
@@ -75,10 +87,10 @@ Chain RemoveExcessDailies(Chain& chain, int leave) {
 
 // One pass over the backups is enough, because the deletion of a full backup that another full
 // backup follows does not make an earlier backup removable.
-Chain RemoveExcessFulls(Chain& chain, int leave) {
+Chain RemoveExcessFulls(Chain& chain, int leave, const Chain& others) {
     return Take(chain, Count(chain, IsFull) - leave,
-                [](const Record& backup, const Record& successor) {
-                    return IsFull(backup) && IsFull(successor);
+                [&others](const Record& backup, const Record& successor) {
+                    return IsFull(backup) && IsNeededByNoDaily(backup, successor, others);
                 });
 }
 
@@ -86,11 +98,7 @@ bool IsInterruptedRemovable(const Record& backup, const Chain& complete, const C
     const auto is_later = [&backup](const Record* other) { return other->first >= backup.first; };
     const auto later = std::find_if(complete.begin(), complete.end(), is_later);
     if (later == complete.end() || (*later)->first == backup.first) return false;
-    if (!IsFull(backup)) return true;
-    if (!IsFull(**later)) return false;
-    return std::none_of(others.begin(), others.end(), [&](const Record* other) {
-        return !IsFull(*other) && other->first > backup.first && other->first < (*later)->first;
-    });
+    return IsNeededByNoDaily(backup, **later, others);
 }
 
 const char* TextOf(KeepReason reason) noexcept {
@@ -109,10 +117,10 @@ const char* TextOf(KeepReason reason) noexcept {
     return "";
 }
 
-KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup) {
+KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup, const Chain& others) {
     const auto successor = std::next(backup);
     if (successor == chain.end()) return KeepReason::kNewest;
     if ((*backup)->second.locked) return KeepReason::kLocked;
-    if (IsFull(**backup) && !IsFull(**successor)) return KeepReason::kNeededByDaily;
+    if (!IsNeededByNoDaily(**backup, **successor, others)) return KeepReason::kNeededByDaily;
     return KeepReason::kNotNeeded;
 }

@@ -20,17 +20,20 @@ using Chain = std::vector<const Backups::value_type*>;
 // The user's backups except those of the dates in `without`.
 Chain ChainOf(const Backups& backups, const Dates& without);
 
-// A user's oldest backup that may be evicted; end() when there is none.
+// A user's oldest backup that may be evicted; end() when there is none. `others`: the user's
+// backups that are not complete now. A daily among them needs the full backup before it, because
+// the daily may still be restorable, or its job may complete it again.
 Backups::const_iterator OldestRemovable(const Backups& backups);
-Chain::const_iterator OldestRemovable(const Chain& chain);
+Chain::const_iterator OldestRemovable(const Chain& chain, const Chain& others = {});
 
 // Removes the oldest dailies beyond the number `leave` from the chain and returns them, oldest
 // first. Never removes the user's newest backup.
 Chain RemoveExcessDailies(Chain& chain, int leave);
 
 // Removes the oldest full backups beyond the number `leave` from the chain and returns them, oldest
-// first. Removes only full backups that are followed by another full backup.
-Chain RemoveExcessFulls(Chain& chain, int leave);
+// first. Removes only full backups that are followed by another full backup, with no daily of
+// `others` between them.
+Chain RemoveExcessFulls(Chain& chain, int leave, const Chain& others = {});
 
 // True when a backup whose job was repeated and then interrupted may be evicted. The backup may
 // still be restorable, so the rules for complete backups apply: a later complete backup must exist,
@@ -52,4 +55,4 @@ enum class KeepReason {
 const char* TextOf(KeepReason reason) noexcept;
 
 // Returns why this backup of the chain is not evicted.
-KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup);
+KeepReason WhyKept(const Chain& chain, Chain::const_iterator backup, const Chain& others = {});

@@ -33,10 +33,10 @@ void Add(Victims& victims, const UserRef& user, const Chain& taken, RemovalReaso
 
 // Moves the excess backups of a user from the chain to `victims`. The deletion of dailies may make
 // a full backup removable, so the full backups are chosen after the dailies are removed.
-void EvictExcess(Victims& victims, const UserRef& user, Chain& chain, int leave_full,
-                 int leave_daily) {
+void EvictExcess(Victims& victims, const UserRef& user, Chain& chain, const Chain& others,
+                 int leave_full, int leave_daily) {
     Add(victims, user, RemoveExcessDailies(chain, leave_daily), RemovalReason::kCountDaily);
-    Add(victims, user, RemoveExcessFulls(chain, leave_full), RemovalReason::kCountFull);
+    Add(victims, user, RemoveExcessFulls(chain, leave_full, others), RemovalReason::kCountFull);
 }
 
 // Calls `function` with the UserRef of each user, in the order of storages and users.
@@ -56,13 +56,13 @@ class SimulatedUser {
         if (ref.storage->empty()) {
             interrupted_ = ChainOf(ValueOf(not_complete.interrupted, *ref.name), {});
         }
-        if (!open_->empty()) Load();
+        if (!open_->empty() || !interrupted_.empty()) Load();
     }
 
     Victims EvictExcess(int leave_full, int leave_daily) {
         Load();
         Victims victims;
-        ::EvictExcess(victims, ref_, chain_, leave_full, leave_daily);
+        ::EvictExcess(victims, ref_, chain_, Others(), leave_full, leave_daily);
         count_ = chain_.size();
         return victims;
     }
@@ -116,7 +116,7 @@ class SimulatedUser {
     const Record* Oldest() {
         if (!is_loaded_ && removed_ != nullptr) Load();
         if (is_loaded_) {
-            const auto oldest = OldestRemovable(chain_);
+            const auto oldest = OldestRemovable(chain_, Others());
             return oldest == chain_.end() ? nullptr : *oldest;
         }
         const auto oldest = OldestRemovable(*ref_.backups);
@@ -330,26 +330,42 @@ EvictionPlan PlanDropOne(const GlobalSizeControl& control, int keep,
 
 namespace {
 
-// The dates of the plan's victims, by storage and user.
+// The dates of the plan's victims, by storage and user: either the interrupted backups or those of
+// the model.
 using Chosen = std::map<std::string, std::map<std::string, Dates>>;
 
-Chosen ChosenBy(const EvictionPlan& plan) {
+Chosen ChosenBy(const EvictionPlan& plan, bool is_interrupted) {
     Chosen chosen;
     for (const Victim& victim : plan.AllVictims()) {
-        if (victim.is_interrupted) continue;
+        if (victim.is_interrupted != is_interrupted) continue;
         chosen[victim.storage][victim.user].insert(victim.date);
     }
     return chosen;
 }
 
+// The user's backups that are not complete.
+Chain OthersOf(const UserRef& user, const NotComplete& not_complete, const Dates& gone) {
+    Chain others;
+    if (user.storage->empty()) {
+        others = ChainOf(ValueOf(not_complete.interrupted, *user.name), gone);
+    }
+    const Dates& open = ValueOf(not_complete.open, *user.name);
+    for (const Record& record : *user.backups) {
+        if (open.contains(record.first)) others.push_back(&record);
+    }
+    return others;
+}
+
 // The reason why the plan keeps one backup. `chain`: the other backups of the user that the plan
-// keeps. `open`: the dates of the backups that a job is making again.
-KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& open) {
+// keeps. `open`: the dates of the backups that a job is making again. `others`: the backups of the
+// user that are not complete and that the plan keeps.
+KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& open,
+                    const Chain& others) {
     if (open.contains(date)) return KeepReason::kBeingMade;
     const auto record = std::find_if(chain.begin(), chain.end(), [&date](const Record* candidate) {
         return candidate->first == date;
     });
-    return WhyKept(chain, record);
+    return WhyKept(chain, record, others);
 }
 
 }  // namespace
@@ -357,17 +373,20 @@ KeepReason ReasonOf(const std::string& date, const Chain& chain, const Dates& op
 std::vector<Kept> WhyKept(const Storages& storages, const EvictionPlan& plan,
                           const NotComplete& not_complete) {
     std::vector<Kept> kept;
-    const Chosen chosen = ChosenBy(plan);
+    const Chosen chosen = ChosenBy(plan, false);
+    const Chosen interrupted = ChosenBy(plan, true);
     ForEachUser(storages, [&](const UserRef& user) {
         const Dates& open_dates = ValueOf(not_complete.open, *user.name);
         const Dates& gone = ValueOf(ValueOf(chosen, *user.storage), *user.name);
         Dates without = open_dates;
         without.insert(gone.begin(), gone.end());
         const Chain chain = ChainOf(*user.backups, without);
+        const Chain others =
+            OthersOf(user, not_complete, ValueOf(ValueOf(interrupted, *user.storage), *user.name));
         for (const Record* record : ChainOf(*user.backups, gone)) {
             const auto& [date, backup] = *record;
             kept.push_back({*user.storage, *user.name, date, backup.size, backup.type,
-                            ReasonOf(date, chain, open_dates)});
+                            ReasonOf(date, chain, open_dates, others)});
         }
     });
     return kept;

@@ -16,8 +16,9 @@ using Storages = std::map<std::string, GlobalSizeControl::StorageDesc>;
 
 // The backups that are incomplete now. They were complete before their jobs began to repeat them.
 struct NotComplete {
-    // The dates of the backups that a job is making again, by user. They are not deleted and do not
-    // protect older backups. Their space still counts as used.
+    // The dates of the backups that a job is making again, by user. They are not deleted, and do
+    // not count as the later backup without which an older one must stay. A daily among them needs
+    // the full backup before it. Their space still counts as used.
     std::map<std::string, Dates> open;
     // The backups whose repeated job was interrupted and does not continue, by user. They are not
     // in the model. The plan evicts each of them when it is its user's oldest removable backup.

@@ -14,6 +14,7 @@ COUNTED = re.compile(r"Add \S+ backup (\S+)\.info\. new used|Custom backup (\S+)
 REMOVED = re.compile(r"Remove the slices of|Delete file|Delete '|Clear all storage|Evict backup|"
                      r"Finish the deletion")
 GRANTED = re.compile(r"SaveResult result = 'OK \d")
+ENDED = re.compile(r"DropByCount count_to_leave_full")  # the log line of a server that starts or ends
 
 
 class Judge:
@@ -164,10 +165,11 @@ class Judge:
         return False
 
     def check_refused(self, step, out, removed):
-        """Checks that a step removed no backup if all its commands failed and the server granted no space."""
+        """Checks that a step removed no backup if all its commands failed and the server granted no space. A server
+        that ends in the step may remove backups because of the count limits."""
         away = os.path.isdir(self.world.away)
         if not removed or not out.failed or out.has_fault or away or not self.has_log \
-                or GRANTED.search(self.log):
+                or GRANTED.search(self.log) or ENDED.search(self.log):
             return
         raise Violation("refused-removes", f"{[str(run) for _, run, _ in removed]} went, and "
                         f"nothing was granted: {out.results}")

@@ -386,6 +386,27 @@ class Removals(IncompleteTest):
         self.assertTrue(earlier.is_stored())
         self.assertEqual(0, server.end())
 
+    def test_a_full_backup_stays_while_the_daily_after_it_is_made_again(self):
+        server = self.serve(date=NIGHTS[2])
+        full = self.night(date=NIGHTS[0]).run()
+        daily = self.night(date=NIGHTS[1], kind="incremental").run()
+        self.assertEqual(0, server.end())
+        server = self.serve("-C", "1:1", date=NIGHTS[2])
+        self.assert_success(self.night(date=NIGHTS[1]).begin().slice(1))
+        self.night(date=NIGHTS[2]).run()
+        self.assertEqual(0, server.end())
+        self.assertTrue(full.is_stored() and daily.is_stored(), self.r.stored())
+
+    def test_a_deletion_removes_the_backup_that_an_incomplete_job_was_replacing(self):
+        server = self.serve()
+        self.night(kind="incremental").run()
+        job = self.night().begin()
+        self.assert_success(job.slice(2))
+        self.assert_fails(job.last(), job.name(1))
+        self.assert_success(self.r.run("--delete", os.path.join(self.r.info_root, f"{job.stem}.info")))
+        self.assertEqual([], self.r.stored())
+        self.assertEqual(0, server.end())
+
     def replaced_and_run_again(self, kinds):
         """Makes two complete backups without a size limit and returns them. The second one has replaced the first."""
         self.r, self.servers = self.root(), 0

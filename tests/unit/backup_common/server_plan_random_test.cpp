@@ -147,6 +147,24 @@ class Execution {
         EXPECT_GT(count, is_full ? model_.control.full_limit : model_.control.daily_limit);
     }
 
+    // True when a job is making a daily between the dates again, or was interrupted while it did
+    // so.
+    bool HasOtherDaily(const Victim& victim, const std::string& next) const {
+        const auto is_daily_between = [&](const auto& record) {
+            return record.second.type != 0 && record.first > victim.date && record.first < next;
+        };
+        const Backups& all =
+            model_.control.storages.at(victim.storage).users.at(victim.user).backups;
+        const auto interrupted = interrupted_.find(victim.storage + "/" + victim.user);
+        return std::any_of(all.begin(), all.end(),
+                           [&](const auto& record) {
+                               return IsOpen(victim.user, record.first) && is_daily_between(record);
+                           }) ||
+               (interrupted != interrupted_.end() &&
+                std::any_of(interrupted->second.begin(), interrupted->second.end(),
+                            is_daily_between));
+    }
+
     // The user must have a later complete backup. If the victim is a full backup, the next backup
     // must not be a daily.
     void RemoveInterrupted(const Victim& victim) {
@@ -161,6 +179,7 @@ class Execution {
         const bool is_next = next != interrupted.end() && next->first < later->first;
         const int follower = is_next ? next->second.type : later->second.type;
         EXPECT_TRUE(victim.type != 0 || follower == 0) << "no full backup before its dailies";
+        EXPECT_FALSE(victim.type == 0 && HasOtherDaily(victim, later->first));
         freed_interrupted_ += victim.size;
     }
 
@@ -175,6 +194,8 @@ class Execution {
         EXPECT_FALSE(record->second.locked);
         EXPECT_TRUE(record->second.type != 0 || (record + 1)->second.type == 0)
             << "no full backup before its dailies";
+        EXPECT_FALSE(record->second.type == 0 && HasOtherDaily(victim, (record + 1)->first))
+            << "no full backup before a daily that is not complete";
         EXPECT_EQ(victim.size, record->second.size);
         EXPECT_EQ(victim.type, record->second.type);
         free_.at(victim.storage) += victim.size;

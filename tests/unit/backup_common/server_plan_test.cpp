@@ -194,7 +194,7 @@ TEST(PlanRoom, WithBackupsThatAreMadeAgain) {
         {"FFF", "", "[aA][aB]"},          {"FFF", "C", "[][aA][] lacks 2"},
         {"FFF", "A", "[][aB][] lacks 1"}, {"FFF", "AB", "[][][] lacks 3"},
         {"FFF", "ABC", "[][][] lacks 3"}, {"FFD", "B", "[][][] lacks 3"},
-        {"FDF", "B", "[][aA][] lacks 2"},
+        {"FDF", "B", "[][][] lacks 3"},   {"FFDF", "C", "[][aA][][] lacks 2"},
     };
     for (const OpenCase& row : cases) {
         GlobalSizeControl control;
@@ -259,7 +259,8 @@ TEST_F(Interrupted, BackupsAreEvictedWhenTheyAreTheOldest) {
         {"F F", " F", "", 1, "[aA]"},
         {"F F", " F", "", 3, "[aA][ab]"},
         {"F F", " F", "", 4, "[aA][ab] lacks 1"},
-        {"F F", " D", "", 3, "[aA][ab]"},
+        {"F F", " D", "", 3, "[ab][aA]"},
+        {"F F", " D", "", 2, "[ab]"},
         {"f F", " F", "", 2, "[ab]"},
         // A daily follows, so an older full backup stays.
         {"   F", "FDF", "", 7, "[ab]aaac"},
@@ -400,8 +401,9 @@ TEST(PlanStart, MeasuresTheFullestStorage) {
 
 TEST(PlanCounts, WithBackupsThatAreMadeAgain) {
     const OpenCase cases[] = {
-        {"FFFF", "", "aAaBaC"}, {"FFFF", "D", "aAaB"}, {"FFFF", "A", "aBaC"}, {"FFD", "B", ""},
-        {"FDF", "A", "aB"},     {"FDF", "C", ""},      {"FDFD", "C", "aB"},
+        {"FFFF", "", "aAaBaC"}, {"FFFF", "D", "aAaB"},  {"FFFF", "A", "aBaC"}, {"FFD", "B", ""},
+        {"FDF", "A", "aB"},     {"FDF", "C", ""},       {"FDFD", "C", "aB"},   {"FDF", "B", ""},
+        {"FFDF", "C", "aA"},    {"FFDFF", "C", "aAaD"},
     };
     for (const OpenCase& row : cases) {
         GlobalSizeControl control;
@@ -444,6 +446,14 @@ TEST(WhyKept, NamesAReasonForEachBackupThatStays) {
               "aE: the limits do not require its deletion\naF: newest backup of its user\n"
               "bA: a daily depends on it\nbB: the limits do not require its deletion\n"
               "bC: newest backup of its user\n");
+}
+
+TEST(WhyKept, AFullBackupIsNeededByADailyThatIsMadeAgain) {
+    GlobalSizeControl control;
+    Fill(control, "FDF");
+    EXPECT_EQ(WhyText(WhyKept(control.storages, {}, OpenOf("a", "B"))),
+              "aA: a daily depends on it\naB: its job is being repeated\n"
+              "aC: newest backup of its user\n");
 }
 
 }  // namespace
