@@ -67,7 +67,7 @@ std::string ForecastText(const Forecast& forecast);
 struct Overdue {
     std::string user;
     std::string date;                   // of the newest complete backup; empty: there is none
-    std::optional<std::int64_t> hours;  // its age
+    std::optional<std::int64_t> hours;  // the age of that backup
 };
 
 // The users whose newest complete backup is older than `max_hours` at `reference`, in the order of

@@ -56,10 +56,10 @@ class EventSummary {
 // Skips lines that are not events.
 EventSummary ReadEventSummary(Site& site);
 
-// The deletions since the last rotation of the events file. These are the deletions in both files
-// (`all`) minus those in the rotated file. So each rotation resets these counters to 0. If both
-// files were counted, a rotation would only decrease the counters, and a monitoring system would
-// count the remainder as new deletions.
+// The deletions since the last rotation of the events file: the deletions in both files (`all`)
+// minus those in the rotated file. So each rotation resets these counters to 0, which a monitoring
+// system recognizes as a restart. If the counters included the rotated file, a rotation would only
+// decrease them, and the monitoring system would count the rest as new deletions.
 Deletions DeletionsSinceRotation(const Site& site, const Deletions& all);
 
 // Subtracts `earlier` from `all`. A sum that would be negative becomes 0.

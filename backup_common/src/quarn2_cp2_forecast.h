@@ -54,9 +54,11 @@ std::optional<Trend> TrendOf(const std::vector<DayValue>& values);
 inline constexpr int kTrendDays = 30;
 inline constexpr std::size_t kMinTrendDays = 10;
 
+// Forecasts end this number of days after the last day of the history.
+inline constexpr int kForecastDays = 365;
+
 // The number of days from the last day of the history until a condition begins; 0 if it already
 // holds. A member is empty if the condition does not begin within kForecastDays.
-inline constexpr int kForecastDays = 365;
 struct Forecast {
     bool has_data = false;        // false: not enough data, the other members have no values
     std::optional<int> expected;  // with the slope of the trend
@@ -66,9 +68,9 @@ struct Forecast {
     friend bool operator==(const Forecast&, const Forecast&) = default;
 };
 
-// The three functions below use the limit of the last day that has one. Without a limit, no
-// condition ever holds. `days` is a history as of DailySums::Days, without the current day, which
-// is not complete. Days without events may be missing.
+// The three functions below use the size limit of the last day whose events contain one. Without a
+// limit, their conditions never begin. `days` is the result of DailySums::Days without the current
+// day, because that day is not over. Days without events may be missing.
 
 // Forecasts when the server begins to delete backups because of the size limit. Backups that it has
 // already deleted for that reason count as growth.

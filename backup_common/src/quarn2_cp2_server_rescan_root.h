@@ -14,8 +14,8 @@ std::string RescanDirectory(const std::string& local_root);
 // directory outside of var/backup that contains files that do not belong to backups.
 void CheckRescanRoot(const std::string& local_root, const std::string& storage_name);
 
-// The user whose info root is or contains `path`; empty when there is none. `data` is var/backup.
-// Either both paths are resolved, or neither is.
+// The user whose info root is or contains `path`; empty when there is none. `data` is the path of
+// var/backup. Symbolic links must be resolved in both paths or in neither.
 std::string UserOfInfoRoot(const std::string& path, const std::string& data);
 
 // True for the program's own files in an info root: marker files, lists, and their temporary files.

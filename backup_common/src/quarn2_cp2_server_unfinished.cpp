@@ -190,8 +190,8 @@ void UnfinishedBackups::RecordRemoval(const LedgerEntry& entry) const {
     ledger_.Update(entry.name, [](LedgerEntry& changed) { changed.RecordRemoval(); });
 }
 
-// True when the ledger entry of another archive records the slice as its own. Then the job that
-// made this archive runs again, after the job of `entry` had replaced the archive.
+// True when the ledger entry of another archive contains the slice as its own. This happens when
+// the job of `entry` has replaced that archive, and the other job is then repeated.
 bool UnfinishedBackups::IsOfOtherJob(const LedgerEntry& entry, const std::string& name) const {
     const std::string archive = quarn2::StripSliceNumber(kro_file::Name(name));
     if (!IsArchive(archive) || archive == entry.name) return false;
@@ -235,9 +235,9 @@ void UnfinishedBackups::Remove(const LedgerEntry& entry, quarn2::Storage& storag
     });
 }
 
-// A custom backup is never evicted. A backup is not evicted either if its slices are not known or
-// its info file on the storage could not be read. Otherwise some of its slices would stay on the
-// storage unnoticed.
+// Only an interrupted backup can be evicted, so this function returns false for a custom backup. It
+// also returns false if the slices are not known or the info file on the storage could not be read,
+// because some slices would then stay on the storage unnoticed.
 bool UnfinishedBackups::IsInterrupted(const LedgerEntry& entry, const std::string& date) const {
     const auto noted = noted_.find(entry.name);
     return noted != noted_.end() && noted->second.was_complete && !noted->second.stored.empty() &&

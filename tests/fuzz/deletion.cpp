@@ -67,8 +67,8 @@ bool IsCheap(const std::string& info) {
     return slices <= kMaxSlices;
 }
 
-// After a successful deletion, checks that the slice is gone if the info file contains only
-// last-slice.
+// Must be called after a successful deletion. If "last-slice" is the only key of the info file, the
+// storage must not have this slice any more. With more keys, the deletion may keep files.
 void CheckSlice(const std::string& info) {
     const auto entries = str::Split(info, "\n");
     const auto named = entries.find("last-slice");

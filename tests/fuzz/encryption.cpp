@@ -139,7 +139,7 @@ Storage& TheStorage() {
 
 // --- Mutations of the stored file ---
 
-// Reduces bytes that would make one input too expensive.
+// Replaces values that would make the key derivation too slow.
 void KeepCheap(std::string& stored) {
     if (stored.size() < quarn2::kHeaderSize) return;
     for (std::size_t i = 0; i < 3; ++i) {

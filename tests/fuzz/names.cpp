@@ -86,7 +86,7 @@ void CheckOwnFile(const std::string& local) {
             "the stored name has the file name of the local file");
 }
 
-// Checks the paths where an info file is searched, for any source of the name.
+// Checks the paths where the program looks for an info file, whatever the name contains.
 void CheckInfoPlaces(const std::string& name) {
     if (!quarn2::IsSafeName(name)) return;
     for (const std::string& place :

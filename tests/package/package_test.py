@@ -138,7 +138,7 @@ class Package(unittest.TestCase):
                 text = file.read()
             units.append(os.path.join(self.folder, f"quarn2-night.{kind}"))
             with open(units[-1], "w", encoding="utf-8") as file:
-                # Replaces the program, because systemd-analyze checks that it exists on this machine.
+                # Replaces the program of the unit, because systemd-analyze checks that the program exists.
                 file.write(text.replace("ExecStart=/usr/lib/kro5/sbin/quarn2-night", "ExecStart=/bin/true"))
         self.assertEqual("", run("systemd-analyze", "verify", "--man=no", *units))
         table = run("systemd-analyze", "security", "--offline=true", "--no-pager", units[0])

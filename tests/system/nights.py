@@ -1,4 +1,4 @@
-"""The programs of night/ in an install root: their configuration, and nights with them."""
+"""The programs of night/ in an install root: their configuration, and nightly runs."""
 
 import os
 import subprocess
@@ -51,7 +51,7 @@ class NightRoot:
         return self.run("quarn2-night", "--date", date, *arguments, **changes)
 
     def start_night(self, date, **changes):
-        """Starts a night in the background."""
+        """Starts a nightly run in the background."""
         process = start([os.path.join(PROGRAMS, "quarn2-night"), "--config", self.config, "--date", date],
                         env=self.environment(**changes), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                         stderr=subprocess.PIPE)

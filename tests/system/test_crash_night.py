@@ -20,7 +20,7 @@ class Interruptions(NightTest):
         site = self.site(form.replace(".", "-"), backup=f"format = {form}\nslice-size = 64K")
         write(os.path.join(site.user("web1"), "file"), os.urandom(300000))
         process, self.writer = self.start_waiting_night(site, "pipe", {"dar": "dar", "tar.zst": "zstd"}[form])
-        # The storage has the first slices. The night puts the last slice only after the archiver has ended.
+        # The storage has the first slices. The nightly run puts the last slice only after the archiver has ended.
         wait_for(lambda: len([name for name in site.root.stored() if name.startswith("F")]) >= 3, "three slices on the storage")
         return site, process
 

@@ -72,7 +72,7 @@ class Page(html.parser.HTMLParser):
 
 
 class Past(SystemTest):
-    """The days of the plots."""
+    """The figures of each day, which the plots show."""
 
     def past(self, *events, first=day(-3), last=DATE):
         found = history.History(history.ordinal(first), history.ordinal(last))

@@ -41,7 +41,7 @@ class BlockedStart:
         return int(read(self.root.file("var/quarn2_cp.pid")).split(b"\n")[0])
 
     def let_go(self):
-        """Lets the clean-up of the blocked daemon fail. The clean-up of later daemons fails at once."""
+        """Closes the storage server. The blocked daemon continues, because its clean-up fails."""
         self.server.close()
         self.connection.close()
 

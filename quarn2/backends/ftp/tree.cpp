@@ -83,8 +83,8 @@ void Tree::CheckRoot() {
                                      "; create it or correct the storage token");
 }
 
-// Throws kNotFound only if the directory is missing. If the directory exists but cannot be entered,
-// throws the error of the refusal.
+// Throws kNotFound if the directory does not exist. If the directory exists but cannot be entered,
+// throws the error that the server has returned.
 void Tree::ThrowNoDirectory(const Reply& refusal, const std::string& name) {
     CheckRoot();
     const std::optional<Entry> entry = FindListed(name);

@@ -27,7 +27,7 @@ void CheckRoot(Session& session, const Place& place);
 // The result of MakeDirs().
 struct MadeDirs {
     std::vector<std::string> parents;  // parent directories of the created directories
-    Status refusal;                    // the refusal of the last directory that was not created
+    Status refusal;  // the server's error for the last directory that could not be created
 };
 // Creates the missing directories above and at `name`. Does not check whether the directories exist
 // afterwards: code that calls MakeDirs() must check this.

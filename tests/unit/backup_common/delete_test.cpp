@@ -310,7 +310,7 @@ TEST_F(DeleteTest, ASharedDirectoryKeepsTheOthersFiles) {
     for (const std::string& name : kept) stored.push_back(directory + name);
     EXPECT_EQ(Stored(), stored);
     Lines local = Below("root/work/2026-11-15");
-    // Archives that wait for their upload belong to the backup job.
+    // Ignores archives that wait for their upload: the backup job removes them, not the deletion.
     std::erase_if(local,
                   [](const std::string& name) { return name.starts_with("F2026-11-15.web1"); });
     EXPECT_EQ(local, kept);

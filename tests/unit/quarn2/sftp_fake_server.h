@@ -42,7 +42,7 @@ struct Disk {
     std::size_t longest_read = 0;  // maximum bytes per read; 0: as requested
     bool backwards = false;        // answers read requests in the opposite order
     std::string growing;           // a file that another client writes to
-    int growths_left = -1;         // how often the file still grows; -1: always
+    int growths_left = -1;         // how many more times the file can grow; -1: no limit
     std::uint64_t told_size = 0;   // the reported size of all files; 0: their real size
     // Refuses to create a file without the truncate flag. With this flag, truncates a file that
     // exists, even if the client requires that it does not exist.

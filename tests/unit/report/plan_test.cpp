@@ -205,7 +205,8 @@ class ReportPlan : public ProgramSite {
     std::size_t CompareFullStorage(unsigned seed) {
         Dice dice(seed);
         MakeModel(dice);
-        options_.size_limit.clear();  // with a limit, the server refuses such requests
+        options_.size_limit
+            .clear();  // with a limit, the server refuses to evict for a full storage
         options_.count_limit = "0:1000000";
         Site site(options_);
         ReadServerAndLedger(site);
@@ -248,8 +249,8 @@ TEST_F(ReportPlan, OfRandomModelsIsWhatTheServerDoes) {
     EXPECT_GT(counts.refusals, 0U);
 }
 
-// Because of "deleted" in the info file of 2026-11-01, the account has empty records for the
-// missing days after it. 2026-11-03 counts as a missing day while its repeated job is interrupted.
+// If an info file has "deleted", the account has an empty record for each following day without a
+// backup. 2026-11-03 is such a day, because its repeated job was interrupted.
 TEST_F(ReportPlan, TheEmptyRecordOfADayIsNotTheInterruptedBackupOfThatDay) {
     Info("a", "2026-11-01", true, 40, "\ndeleted=1");
     Info("a", "2026-11-03", false, 10);
