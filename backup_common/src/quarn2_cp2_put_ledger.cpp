@@ -313,10 +313,14 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
     // its last put was refused. As long as the later entry has these records, the completed backup
     // does not count as complete.
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
+        const bool is_uploading = ledger_.IsUploading(name);
         ledger_.Update(name, [&](LedgerEntry& entry) {
             if (!IsCurrent(entry)) return;
             entry.DropStoredSharedFiles();
             entry.DropSlices(named, bytes);
+            // The job of an entry that could not be written may have uploaded an index before this
+            // backup replaced it. The next upload of that job is recorded again.
+            if (!is_uploading) entry.is_unknown = false;
         });
     }
 }

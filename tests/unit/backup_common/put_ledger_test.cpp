@@ -317,6 +317,31 @@ TEST_F(LedgerOfPuts, ACompleteCustomBackupTakesTheSharedFilesFromTheEntryOfALate
     EXPECT_EQ(later.info_bytes, 0);
 }
 
+class EmptyEntryOfALaterCustomBackup : public LedgerOfPuts {
+  protected:
+    const std::string later_ = "C2026-11-16.web1";
+
+    void CompleteAnEarlierOne(bool is_uploading) {
+        Place("b/C2026-11-15.web1.tgz", "whole");
+        Place("b/custom.web1.info", "last-slice=C2026-11-15.web1.tgz\nsize=5\ntype=custom\n");
+        NodeSide node(lock_, server_.link());
+        node.Serve("PUT b/C2026-11-15.web1.tgz");
+        EXPECT_TRUE(Ledger("").MakeUnknown(later_));
+        const auto uploads = is_uploading ? Ledger("").LockUploads(later_) : nullptr;
+        EXPECT_NE(PutLast(node, "b/custom.web1.info").find("OK "), std::string::npos);
+    }
+};
+
+TEST_F(EmptyEntryOfALaterCustomBackup, EndsWhenAnEarlierOneIsComplete) {
+    CompleteAnEarlierOne(false);
+    EXPECT_FALSE(Ledger("").Read(later_).IsOpen());
+}
+
+TEST_F(EmptyEntryOfALaterCustomBackup, StaysWhileItsJobUploadsAFile) {
+    CompleteAnEarlierOne(true);
+    EXPECT_TRUE(Ledger("").Read(later_).is_unknown);
+}
+
 TEST_F(LedgerOfPuts, ACompleteBackupOwnsItsSlicesInOtherEntries) {
     LedgerEntry open;
     open.slices["I2026-11-15.web1.1.dar"] = {SliceState::kStored, 3, ""};
