@@ -25,7 +25,7 @@ class DownloadDirectory {
     // Removes the file.
     void Drop();
 
-    // The path of the directory, relative to the install root, and of a file in it.
+    // The paths of the directory and of a file in it, both relative to the install root.
     const std::string& path() const noexcept { return path_; }
     std::string PathOf(const std::string& local_name) const;
 

@@ -76,9 +76,9 @@ struct LedgerEntry {
     // have replaced those of this entry, so this entry keeps only its archive's slices.
     void DropSharedFiles();
 
-    // Records that an earlier custom backup of the same user is complete. Its index and info file
-    // have the same names and have replaced those of this entry. An index that this entry's job is
-    // uploading stays in the entry.
+    // Must be called when an earlier custom backup of the same user is complete. The two backups
+    // share the names of the index and of the info file, so the stored ones now belong to the
+    // earlier backup. Removes them from this entry, except an index that is being uploaded.
     void DropStoredSharedFiles();
 
     // Records that the slices `named` belong to another backup of `bytes` bytes, which a later job
@@ -130,7 +130,8 @@ class Ledger {
     std::vector<std::string> EntriesOf(const std::string& info_path,
                                        const quarn2::InfoMap& info) const;
 
-    // The names of the entries that EntriesOf leaves out.
+    // For a custom backup, the names of the entries that EntriesOf leaves out: those of custom
+    // archives with a later date than the archive in the info file.
     std::vector<std::string> LaterEntriesOf(const std::string& info_path,
                                             const quarn2::InfoMap& info) const;
 

@@ -48,9 +48,10 @@ bool IsRecordOnly(const GlobalSizeControl& control, const Victim& victim) {
            control.unfinished.OpenKeys().contains(victim.date + "." + victim.user);
 }
 
-// Deletes a backup. If the backup has no local info file, a job has deleted the backup, or the info
-// file is on another machine or in a job's own directory. Then the storage is queried, except for a
-// record of size 0, which represents a day without a backup and has no files.
+// Deletes a backup. If the info root has no info file of the backup, uses the info file on the
+// storage: the local one may be on another machine or in a job's own directory. If the storage has
+// none either, a job has already deleted the backup. A record of size 0 represents a day without a
+// backup and has no files.
 void DeleteFiles(const GlobalSizeControl& control, const Victim& victim) {
     const std::shared_ptr<quarn2::Storage>& storage = control.storages.at(victim.storage).storage;
     const std::string info_path = quarn2::GetInfoFile(control.path, victim.user, victim.date);

@@ -67,12 +67,12 @@ struct GlobalSizeControl {
         void CountPermanently(std::int64_t size) noexcept;
         // Sets the reserved space to 0.
         void ResetReserved() noexcept;
-        // The bytes that must be free beyond `reserved` before `size` bytes can be reserved; at
-        // least `size`. A completion resets all reservations, including those of uploads in
-        // progress. After that, `unfinished` may be larger than `reserved`. Then the incomplete
-        // backups need the difference, so the result is at least the difference. For a node client
-        // of this machine, `unfinished` already contains the file for which the space is reserved.
-        // `freed`: the part of `unfinished` that will be removed before the reservation.
+        // Returns how many bytes must be free in addition to `reserved` before `size` bytes can be
+        // reserved: at least `size`. The result is larger if `unfinished` is larger than
+        // `reserved`, because the incomplete backups need the difference too. That happens after a
+        // completion, which resets all reservations, also those of uploads in progress. For a node
+        // client of this machine, `unfinished` already contains the file for which the space is
+        // reserved. `freed`: the part of `unfinished` that will be removed before the reservation.
         std::int64_t NeededFor(std::int64_t size, bool is_remote,
                                std::int64_t freed = 0) const noexcept;
 

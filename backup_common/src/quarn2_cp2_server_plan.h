@@ -48,7 +48,7 @@ using Victims = std::vector<Victim>;
 struct EvictionPlan {
     Victims by_count;             // backups beyond the count limits; deleted first
     std::vector<Victims> passes;  // one for each decrement of max_count; may be empty
-    Victims after_passes;         // interrupted backups that remain when max_count is 0
+    Victims after_passes;         // interrupted backups, deleted after the last pass
     // The bytes that are still missing after all deletions; 0 when the plan frees enough space.
     std::int64_t missing = 0;
 
@@ -64,8 +64,8 @@ struct EvictionPlan {
 Victims PlanPass(const Storages& storages, int keep, RemovalReason reason,
                  const NotComplete& not_complete);
 
-// The backups beyond these counts. For each user, the dailies come before the full backups. Their
-// reasons are kCountDaily and kCountFull.
+// Plans the deletion of the backups that exceed the count limits, with the reasons kCountDaily and
+// kCountFull. For each user, the dailies come before the full backups.
 Victims PlanCounts(const Storages& storages, int leave_full, int leave_daily,
                    const NotComplete& not_complete);
 

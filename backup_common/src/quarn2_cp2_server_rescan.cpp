@@ -365,7 +365,8 @@ class Rescanner {
         const std::string user_dir = kro_file::ConcatPath(local_dir_, user);
         ClearForDirectory(user_dir, *removed_);
         Names kept = dates;
-        // Files of the storage root are kept as well, because a user's info root contains them.
+        // In a rescan of one user, the user's directory is the info root itself. It also has the
+        // local copies of files in the storage root, which are not removed.
         if (user_dir == local_root_) kept.insert(kept.end(), top_.begin(), top_.end());
         RemoveMissedDirs(kept, user_dir, skip_local_, *removed_);
         for (const std::string& date : dates) found.emplace_back(user, date);

@@ -34,11 +34,11 @@ class OwnReserved {
     GlobalSizeControl::StorageDesc& storage_;
     bool is_remote_;
     std::int64_t sum_ = 0;
-    std::uint64_t resets_ = 0;  // value of the storage's `resets` to which `sum_` belongs
+    std::uint64_t resets_ = 0;  // the storage's `resets` when `sum_` was last changed
 };
 
 // The server's side of the session with one node client. Must be used only on the thread of the
-// event loop. The workers of the event loop own the object.
+// event loop. The workers that the object registers with the event loop keep it alive.
 class MasterSide {
   public:
     // Starts the node client and registers its session with the loop. `first`, the name of the

@@ -112,6 +112,6 @@ class UnfinishedBackups {
     void RemoveFiles(const std::string& entry_name, const Noted& noted,
                      quarn2::Storage& storage) const;
 
-    std::map<std::string, Noted> noted_;  // by the name of the entry
+    std::map<std::string, Noted> noted_;  // what AddInfo has stored, by the name of the entry
     bool has_ledger_ = false;
 };

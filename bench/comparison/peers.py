@@ -1,4 +1,4 @@
-"""The tools that people use. Each method returns the command for one kind of work, or None if the tool has none.
+"""The tools that the benchmark compares with the program. Each method returns the command for one kind of work, or None if the tool has none.
 
 Each tool runs with sensible defaults and, if it supports that, with eight parallel transfers.
 """

@@ -134,8 +134,8 @@ def _is_finished(fields):
 def base_for(backups, date, full_day, archive_format):
     """Returns the full backup that a daily of this date is based on, None when a full backup is due.
 
-    `full_day` is 0 for Monday. Ignores a full backup that is older than the last day of this kind, and a full backup
-    whose index is missing or has another format.
+    `full_day` is 0 for Monday. Ignores a full backup from before the most recent `full_day`, and a full backup whose
+    index is missing or has another format.
     """
     today = datetime.date.fromisoformat(date)
     first = (today - datetime.timedelta((today.weekday() - full_day) % 7)).isoformat()

@@ -174,7 +174,7 @@ def report(outcome):
 
 
 def summary_of(date, outcomes):
-    """Returns the summary for the end of the output and for the hook after the night."""
+    """Returns the summary for the end of the output and for the hook after the nightly run."""
     def count(state):
         return sum(outcome.state == state for outcome in outcomes)
     lines = [f"night of {date}: {count(DONE)} backed up, {count(SKIPPED)} skipped, {count(FAILED)} failed"]

@@ -191,7 +191,8 @@ fi
 
 
 def authorize_script(line, key):
-    """Returns the shell script that adds the line and the settings of sshd on the node. It prints its changes."""
+    """Returns the shell script that adds `line` to authorized_keys and changes the settings of sshd on the node. The
+    script prints what it has changed."""
     return f"""set -e
 umask 077
 file=$HOME/.ssh/authorized_keys

@@ -1,4 +1,4 @@
-"""Child processes: each in its own process group, so that an interrupted night can end all of them."""
+"""Child processes: each has its own process group, so that an interrupted nightly run can end all of them."""
 
 import os
 import signal

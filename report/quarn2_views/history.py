@@ -88,7 +88,7 @@ def _carried(values, days):
 
 
 def current_life(backup):
-    """Returns the Life of an object of `--list`, or None when the object is no complete backup."""
+    """Returns the Life of a backup from the output of `--list`, or None when the backup is not complete."""
     if backup["state"] != "complete" or ordinal(backup["date"]) is None:
         return None
     begin = ordinal(backup["finished"]) or ordinal(backup["date"])

@@ -95,7 +95,7 @@ def status_metrics(status, findings):
         Metric("quarn2_overdue_users", "Users whose newest complete backup is too old, or who have none.", [((), overdue)]),
         Metric("quarn2_max_age_seconds", "Age from which a user is overdue.",
                [((), status["max_age_hours"] * _SECONDS_PER_HOUR)]),
-        # Each overdue user is a finding. Each other finding is a part of the state that could not be read.
+        # The findings of --status are the overdue users and the parts of the state that could not be read.
         Metric("quarn2_unreadable_parts", "Info files and other parts of the state that could not be read.",
                [((), max(0, findings - overdue))]),
         Metric("quarn2_server_running", "1 while a size control server is ready, else 0.",

@@ -185,7 +185,7 @@ void Change(std::string& stored, const std::string& other, fuzz::Input& input) {
             stored.erase(at, 1 + how / 8);
             break;
         case 6:
-            // Cuts at the end of a chunk that is not the last.
+            // Truncates the file at the end of a chunk that is not the last one.
             stored.resize(std::min(stored.size(), quarn2::kHeaderSize + kSealed * (at % 3)));
             break;
         default:

@@ -44,7 +44,8 @@ class Scripted final : public Stream {
         FillIdIn();
         const std::size_t wanted = 1 + static_cast<unsigned char>(said_[at_]) % 61U;
         const std::string_view piece = std::string_view(said_).substr(at_, wanted);
-        // The bytes after this frame may answer a request that does not exist yet.
+        // Returns at most one frame, because the next one may answer a request that the client has
+        // not sent yet.
         const std::size_t left = frame_ > at_ ? frame_ - at_ : piece.size();
         const std::size_t size = std::min({piece.size(), buffer.size(), left});
         std::copy_n(std::as_bytes(std::span(piece)).begin(), size, buffer.begin());

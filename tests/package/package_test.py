@@ -50,7 +50,7 @@ def remove_left_over():
 
 
 def end(process):
-    """Ends a process in its own way, so that it unmounts what it has mounted."""
+    """Ends a process with SIGINT, so that it unmounts the file systems that it has mounted."""
     if process.poll() is None:
         process.send_signal(signal.SIGINT)
         process.communicate()

@@ -128,9 +128,9 @@ class Run:
             self.plain_sizes[name] = len(content_of(path))
 
     def find_encrypted(self, storage, earlier):
-        """Reads the encrypted contents of this run from the storage, because only the program can encrypt. Removes
-        each file that it finds from plain_sizes. Ignores files that belong to `earlier`, the other runs for this
-        backup."""
+        """Reads the encrypted files of this run from the storage, because the simulator cannot compute what the program
+        encrypts. Removes the files that are found from plain_sizes. Ignores files that belong to `earlier`, the other
+        runs for this backup."""
         for name, size in list(self.plain_sizes.items()):
             stored = content_of(os.path.join(storage, name))
             is_other = any(run.contents.get(name) == stored for run in earlier)

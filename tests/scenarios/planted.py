@@ -20,7 +20,7 @@ WEEK = [SERVE, job("u1", "2026-11-16"), job("u3", "2026-11-16"), job("u2", "2026
 
 
 class Dropped(World):
-    """A put reports success, but has stored nothing."""
+    """Fault: a put reports success, but has stored nothing."""
 
     def run(self, *arguments, **options):
         result = super().run(*arguments, **options)
@@ -31,7 +31,7 @@ class Dropped(World):
 
 
 class Deleted(World):
-    """A stored file disappears some time after its backup was complete."""
+    """Fault: a stored file disappears some time after its backup was complete."""
 
     victim = "F2026-11-16.u1.2.dar"
 
@@ -44,7 +44,7 @@ class Deleted(World):
 
 
 class Altered(Deleted):
-    """The content of a stored file differs from the content that was put."""
+    """Fault: the content of a stored file differs from the content that was put."""
 
     def release_server(self):
         errors = World.release_server(self)
@@ -55,7 +55,7 @@ class Altered(Deleted):
 
 
 class TooMuch(World):
-    """A server deletes the newest backup of a user."""
+    """Fault: a started server has deleted the newest backup of a user."""
 
     def start_server(self, step):
         ready = super().start_server(step)
@@ -66,7 +66,7 @@ class TooMuch(World):
 
 
 class LostSource(World):
-    """A put fails, but has removed its local file."""
+    """Fault: a put fails, but has removed its local file."""
 
     def run(self, *arguments, **options):
         if arguments[-1].endswith("F2026-11-16.u2.tgz.part2"):
@@ -76,7 +76,7 @@ class LostSource(World):
 
 
 class Orphans(World):
-    """The program creates stored files that the server's account does not include."""
+    """Fault: the program creates stored files that the server's account does not include."""
 
     def run(self, *arguments, **options):
         write(os.path.join(self.storage, "F2026-11-01.u9.1.dar"), "x" * 3000)
@@ -84,7 +84,7 @@ class Orphans(World):
 
 
 class Refused(World):
-    """A repeated job never succeeds."""
+    """Fault: the program refuses a job, also when it is repeated."""
 
     def run(self, *arguments, **options):
         if "2026-11-16.u2" in arguments[-1]:
@@ -93,7 +93,7 @@ class Refused(World):
 
 
 class Outside(World):
-    """The program creates a file in a directory that it must not change."""
+    """Fault: the program creates a file in a directory that it must not change."""
 
     def start_server(self, step):
         subprocess.run(["touch", os.path.join(self.other, "made")], check=True)

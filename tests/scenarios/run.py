@@ -7,7 +7,8 @@
     run.py --self-check --seeds 0           checks that planted faults are found
     run.py --real-time --seeds 3            with the program's own pauses, and without faults
 
-A week that breaks a promise is shrunk, and its steps are printed and kept in a file that --replay plays.
+A promise is one of the guarantees that checks.py checks. If a week breaks one, the script searches for a shorter list
+of steps that breaks it too, prints the steps, and saves them in a file for --replay.
 """
 
 import argparse

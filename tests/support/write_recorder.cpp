@@ -101,7 +101,7 @@ class Turn {
         for (;;) {
             pid_t other = 0;
             if (TheRecorder().owner->compare_exchange_weak(other, self)) return;
-            // If the owner was killed, this process releases the lock.
+            // A killed process cannot release the lock, so the next one releases it.
             if (other != 0 && kill(other, 0) != 0) {
                 TheRecorder().owner->compare_exchange_strong(other, 0);
             }

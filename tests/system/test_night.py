@@ -1,4 +1,4 @@
-"""quarn2-night: nights with real archives on a local storage."""
+"""quarn2-night: nightly runs with real archives on a local storage."""
 
 import os
 import shutil

@@ -231,7 +231,7 @@ class Reservation(SystemTest):
         link = self.session(self.root(), "--size-limit", "100")
         link.ask(f"COMPLETE web1 {DATE} full 40")
         link.ask(f"COMPLETE web1 {DATE} full 10")
-        # Only the new record of 10 bytes is locked. The free space is smaller by the sizes of both completions.
+        # The free space is smaller by both completions, but only the new record of 10 bytes cannot be evicted.
         self.assertEqual(refused(100), link.ask("RESERVE 91"))
         self.assertEqual("OK 0", link.ask("RESERVE 50"))
 

@@ -7,8 +7,8 @@ from local_files import read, tree, write
 from system_test import SystemTest
 
 
-# The values are random, so that no four of their characters occur in another text by chance. In the table "SECRET"
-# and "ARCH" are placeholders for them; SEC, RET, AR and CH are placeholders for their halves.
+# Two secrets, each in two halves. They are random, so that no four of their characters occur in another text by
+# chance. In the table, SEC and RET stand for the halves of the first one, AR and CH for those of the second.
 SECRET = ("Zq9XwK", "v7TmPd")
 ARCH = ("vR8hJy", "N3cLq2")
 

@@ -140,7 +140,7 @@ class Storage {
                                            std::vector<std::string>& names, const FileError&)>;
     virtual void ListMany(const NextName& next, const ListingDone& done) = 0;
 
-    // These functions return the results in the order of the list.
+    // The variants for lists. They return one result for each element, in the order of the list.
     std::vector<FileError> DownloadMany(const std::vector<FileDownload>& files);
     std::vector<FileError> RemoveMany(const std::vector<std::string>& names);
 

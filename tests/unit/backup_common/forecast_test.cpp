@@ -174,7 +174,7 @@ TEST(EvictionForecast, PastEvictionsCountAsGrowth) {
     for (std::size_t i = 20; i < days.size(); ++i) *days[i].used -= 3000;
     days[20].evicted = days[20].deleted = 3000;
     EXPECT_EQ(EvictionForecast(days), In(50));
-    // Deletions because of the count limits are a single step, not growth.
+    // A deletion because of the count limits does not count as growth.
     days[20].evicted = 0;
     const Forecast counted = EvictionForecast(days);
     ASSERT_TRUE(counted.earliest);

@@ -121,8 +121,8 @@ TEST_F(HostileSftp, AnswersWithoutNamesAndWithoutEnd) {
                 HasSubstr("the listing is too long: more than 1000000 names or 128 MiB"));
 }
 
-// Each small read needs a request and an entry in the queue, where all reads wait for the first
-// one.
+// The server answers with one byte at a time and in reverse order. So each byte needs a request and
+// a place in the queue until the first byte arrives.
 TEST_F(HostileSftp, FileInEverSmallerPieces) {
     struct Nowhere final : quarn2::ByteSink {
         void Write(std::span<const std::byte> /*bytes*/) override {}

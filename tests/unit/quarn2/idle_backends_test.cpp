@@ -19,7 +19,7 @@ using kro_err::Kind;
 using quarn2::BackupToken;
 using quarn2::GetStorage;
 
-// The numbers of opened and closed connections, and the action of the next operation.
+// The numbers of opened and closed connections. Each operation of a connection calls `operation`.
 std::atomic<int> opened = 0;
 std::atomic<int> closed = 0;
 std::function<void()> operation = [] {};

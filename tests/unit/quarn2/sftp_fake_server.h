@@ -57,7 +57,8 @@ struct Disk {
     std::string write_text = "Failure";
     std::map<std::string, std::string> unwritten;  // data of files that are not closed yet
     std::map<std::string, std::uint32_t> times;
-    int first_handle = -1;  // handles are the lowest free numbers from this one; -1: paths
+    // A new handle is the lowest free number from this one on. With -1, the handles are paths.
+    int first_handle = -1;
     // Opens files only when the client waits for an answer, after all requests that the client has
     // sent before, as if the server executed requests in parallel.
     bool opens_late = false;

@@ -103,8 +103,8 @@ class ReportPlan : public ProgramSite {
         return desc;
     }
 
-    // Runs a server and returns its deletions, which its events contain. Sets `possible` to the
-    // number of steps that the server did not refuse.
+    // Runs a server and returns the deletions that it has recorded in its events. Sets `possible`
+    // to the number of steps that the server did not refuse.
     Lines Serve(const std::optional<PlannedUpload>& upload, std::size_t& possible) {
         GlobalSizeControl control;
         GlobalSizeControl::StorageDesc& desc = Start(control);
