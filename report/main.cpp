@@ -52,16 +52,21 @@ int Run(int argc, char** argv) {
     return site.output.Finish();
 }
 
-// The exit status for an invalid command line. With --check it is 3, because a monitoring system
-// interprets 2 as a critical problem of the backups.
-int UsageStatus(int argc, char** argv) {
-    constexpr int kUnknown = 3;
-    const auto is_check = [](const char* word) { return std::string_view(word) == "--check"; };
-    return std::any_of(argv, argv + argc, is_check) ? kUnknown : kUsage;
+bool Has(int argc, char** argv, std::string_view option) {
+    return std::any_of(argv, argv + argc,
+                       [option](const char* word) { return std::string_view(word) == option; });
 }
 
-void PrintError(const std::exception& error) {
-    std::fprintf(stderr, "%s: %s\n", kProgram, Escaped(error.what()).c_str());
+// Prints the error and returns the exit status: `status`, but 3 with --check, because a monitoring
+// system interprets 2 as a critical problem of the backups. A monitoring system shows only standard
+// output, so with --check the error is printed there too.
+int ReportError(const std::exception& error, int status, int argc, char** argv) {
+    constexpr int kUnknown = 3;
+    const std::string text = Escaped(error.what());
+    std::fprintf(stderr, "%s: %s\n", kProgram, text.c_str());
+    if (!Has(argc, argv, "--check")) return status;
+    if (!Has(argc, argv, "--json")) std::printf("UNKNOWN: %s\n", text.c_str());
+    return kUnknown;
 }
 
 }  // namespace
@@ -72,11 +77,10 @@ int main(int argc, char** argv) {
     } catch (const kro_args::EarlyExit& exit) {
         return exit.status;
     } catch (const kro_args::UsageError& error) {
-        PrintError(error);
+        const int status = ReportError(error, kUsage, argc, argv);
         std::fprintf(stderr, "Try '%s --help'.\n", kProgram);
-        return UsageStatus(argc, argv);
+        return status;
     } catch (const std::exception& error) {
-        PrintError(error);
-        return kFailed;
+        return ReportError(error, kFailed, argc, argv);
     }
 }

@@ -79,12 +79,18 @@ std::optional<std::int64_t> FreeSpace(const Space& space, std::optional<std::int
     return LessSize(free, space.being_deleted);
 }
 
+void SetLimit(std::vector<DaySums>& days, std::int64_t limit) {
+    for (DaySums& day : days) day.limit.reset();
+    if (!days.empty() && limit != ServerLimits::kNoSize) days.back().limit = limit;
+}
+
 std::string ForecastText(const Forecast& forecast) {
     if (!forecast.has_data) return "unknown, the events are of too few days";
     if (!forecast.expected) return "not within a year";
     if (*forecast.expected == 0) return "already";
     const auto day = [](std::optional<int> days) { return days ? str::Str(*days) : "never"; };
-    return "in " + str::Str(*forecast.expected) + " days (" + day(forecast.earliest) + " to " +
+    const char* const unit = *forecast.expected == 1 ? " day (" : " days (";
+    return "in " + str::Str(*forecast.expected) + unit + day(forecast.earliest) + " to " +
            day(forecast.latest) + ")";
 }
 

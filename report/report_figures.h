@@ -61,6 +61,10 @@ Space SpaceOf(const GlobalSizeControl& account);
 std::optional<std::int64_t> FreeSpace(const Space& space, std::optional<std::int64_t> limit,
                                       std::optional<std::int64_t> reserved);
 
+// Replaces the size limit in a history, so that forecasts use `limit` (ServerLimits::kNoSize:
+// none).
+void SetLimit(std::vector<DaySums>& days, std::int64_t limit);
+
 // A forecast in words: "in 12 days (8 to 20)", "already", "not within a year", ...
 std::string ForecastText(const Forecast& forecast);
 

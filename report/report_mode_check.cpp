@@ -65,8 +65,10 @@ void AddEvents(Site& site, CheckFacts& facts) {
         if (!IsRecent(event, facts.max_age_hours)) continue;
         facts.failed_deletions.push_back(BackupName(site, backup.first, backup.second));
     }
-    facts.depth =
-        DepthForecast(summary.DaysBefore(EventDay(kro_date::SystemNowMs())), facts.min_days);
+    std::vector<DaySums> days = summary.DaysBefore(EventDay(kro_date::SystemNowMs()));
+    const KnownLimits known = ChooseLimits(site.options, site.server);
+    if (known.is_size_known) SetLimit(days, known.limits.size);
+    facts.depth = DepthForecast(days, facts.min_days);
 }
 
 CheckFacts ReadFacts(Site& site) {

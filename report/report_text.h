@@ -19,7 +19,7 @@ std::string SizeText(std::int64_t bytes);
 // is longer than kMaxWidth does not widen its column.
 class Table {
   public:
-    static constexpr std::size_t kMaxWidth = 40;
+    static constexpr std::size_t kMaxWidth = 56;
 
     // `right`: the columns that are aligned to the right.
     explicit Table(std::vector<std::size_t> right) : right_(std::move(right)) {}

@@ -51,8 +51,10 @@ class Check(ReportTest):
         self.assertEqual(3, status)
         self.assertRegex(text, "^UNKNOWN: 1 part of the state cannot be read: events file: ")
         self.assertEqual(3, self.check("--path", "var/none")[0])
-        self.assertEqual(3, self.report("--check", "--nothing")[0])
-        self.assertEqual(3, self.report("--check", "--min-days", "0")[0])
+        self.assertRegex(self.check("--nothing")[1], "^UNKNOWN: .*--nothing")
+        self.assertEqual((3, "UNKNOWN: --min-days '0' cannot be used: expected a number of days above 0\n"),
+                         self.check("--min-days", "0"))
+        self.assertEqual((3, ""), self.report("--check", "--json", "--nothing")[:2])
 
     def test_a_limit_that_keeps_too_few_days_is_a_warning(self):
         today = datetime.datetime.now(datetime.timezone.utc)
@@ -65,6 +67,9 @@ class Check(ReportTest):
         self.assertEqual((0, "OK: 0 users, 0 backups, 0 B"), self.check("--min-days", "4"))
         self.assertEqual((1, "WARNING: already the size limit keeps fewer than 7 days of backups"),
                          self.check("--min-days", "7"))
+        self.assertEqual(0, self.check("--min-days", "7", "--size-limit", "1000000")[0])
+        self.assertEqual(0, self.check("--min-days", "7", "--size-limit", "0")[0])
+        self.assertEqual(1, self.check("--min-days", "4", "--size-limit", "3000")[0])
 
     def test_hostile_names_stay_on_one_line(self):
         for name in (*HOSTILE, b"a|b"):

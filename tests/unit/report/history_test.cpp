@@ -75,11 +75,25 @@ TEST(ReportEventSummary, DeletionsOfTheRotatedFileAreSubtracted) {
         << "the file was rotated between the two readings";
 }
 
+TEST(ReportForecast, UsesTheGivenLimit) {
+    std::vector<DaySums> days(3);
+    days[1].limit = 500;
+    SetLimit(days, 700);
+    EXPECT_EQ(days[1].limit, std::nullopt);
+    EXPECT_EQ(days[2].limit, 700);
+    SetLimit(days, ServerLimits::kNoSize);
+    EXPECT_EQ(days[2].limit, std::nullopt);
+    days.clear();
+    SetLimit(days, 700);
+    EXPECT_TRUE(days.empty());
+}
+
 TEST(ReportForecast, IsInWords) {
     EXPECT_EQ(ForecastText({}), "unknown, the events are of too few days");
     EXPECT_EQ(ForecastText({true, std::nullopt, std::nullopt, std::nullopt}), "not within a year");
     EXPECT_EQ(ForecastText({true, 0, 0, 0}), "already");
     EXPECT_EQ(ForecastText({true, 12, 8, 20}), "in 12 days (8 to 20)");
+    EXPECT_EQ(ForecastText({true, 1, 1, 2}), "in 1 day (1 to 2)");
     EXPECT_EQ(ForecastText({true, 12, 8, std::nullopt}), "in 12 days (8 to never)");
 }
 
