@@ -130,7 +130,7 @@ bool Archiver::Feed(const std::string& path) {
     const ResHandle file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!file) throw kro_err::FromErrno("Failed to open '" + path + "'");
     std::vector<char> buffer(kBufferSize);
-    // The time of a download does not count as time without progress of the program.
+    // The time of a download does not count for the idle timeout of the archiver.
     ExtendDeadline();
     for (;;) {
         const ssize_t count = read(file, buffer.data(), buffer.size());

@@ -18,7 +18,7 @@ class Names {
     // text, also a name, so it is replaced by a hash.
     std::string Date(const std::string& date) const;
 
-    // Replaces the complete text, which may contain the name of any user.
+    // Replaces the complete text with "(left out)", because it may contain the name of any user.
     std::string Free(const std::string& text) const;
 
     // Returns only the file name of a path, because the name of a directory can contain the user's

@@ -14,7 +14,8 @@ bool IsAddedUp(const Event& event) noexcept {
         case EventKind::kDeletionFailed:
             return true;
         case EventKind::kDeleted:
-            // The end of a --clear has no user. Each backup that it deleted has its own event.
+            // The event at the end of a --clear has no user. It is not added, because each deleted
+            // backup has its own event.
             return !event.user.empty();
         default:
             return false;

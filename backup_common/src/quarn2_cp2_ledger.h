@@ -157,8 +157,8 @@ class Ledger {
     // Checks the name and makes the directory if it is missing, before an entry is written.
     void Prepare(const std::string& name) const;
     std::vector<std::string> Names() const;
-    // The entries with the LedgerKey of the info file: those of archives that are later than the
-    // archive in the info file, if `later`, else all others.
+    // The entries with the LedgerKey of the info file. With `later`, only those of custom archives
+    // with a later date than the archive in the info file, otherwise only the others.
     std::vector<std::string> Select(const std::string& info_path, const quarn2::InfoMap& info,
                                     bool later) const;
     void Replace(const LedgerEntry& entry) const;

@@ -279,7 +279,8 @@ void DeleteEntries(Removal& storage, const std::string& info_path, const quarn2:
     bool plain_form = false;
     bool directory_form = false;
     bool all_deleted = true;
-    // Iterates from the last key to the first, so that every role is deleted before "last-slice".
+    // The keys are sorted. In reverse order, the further archives (keys "role-...") are deleted
+    // before the main archive (key "last-slice").
     for (auto entry = info.rbegin(); entry != info.rend(); ++entry) {
         const auto& [key, value] = *entry;
         if (!NamesSlice(key)) continue;

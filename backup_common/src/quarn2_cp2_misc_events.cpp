@@ -112,7 +112,8 @@ void DeletionEvents::Write(EventKind kind, std::string_view detail) const {
     Event event = event_;
     event.kind = kind;
     event.detail = detail;
-    // The used space changes only with the removal of the last file.
+    // Only this event has the used space, because the account changes after the last file is
+    // removed.
     if (kind == EventKind::kDeleted) event.used = cause_.used;
     if (kind == EventKind::kDeleted) event.limit = cause_.limit;
     WriteEvent(std::move(event));

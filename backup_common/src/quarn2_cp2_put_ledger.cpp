@@ -308,10 +308,9 @@ void PutLedger::Complete(const std::string& info_path, const quarn2::InfoMap& in
             entry.DropSlices(named, bytes);
         });
     }
-    // The index of this backup is recorded in the latest entry of the user (see EntryNameOf). That
-    // entry can belong to a later custom backup, which may also have recorded its info file before
-    // its last put was refused. As long as the later entry has these records, the completed backup
-    // does not count as complete.
+    // An entry of a later custom backup can contain the index of this backup (see EntryNameOf), and
+    // the info file that both backups share. As long as it does, this backup does not count as
+    // complete, so these records are removed.
     for (const std::string& name : ledger_.LaterEntriesOf(info_path, info)) {
         const bool is_uploading = ledger_.IsUploading(name);
         ledger_.Update(name, [&](LedgerEntry& entry) {

@@ -8,8 +8,8 @@
 // Prints "quarn2_cp: warning: TEXT" on standard error and logs TEXT at level 4.
 void Warn(const std::string& text);
 
-// The warning that a server with this --count-limit deletes every daily backup that is not its
-// user's newest backup; "" when the value contains the number of daily backups.
+// Returns a warning if --count-limit contains no number of daily backups, because the server then
+// deletes every daily backup except the newest backup of a user. Returns "" if it contains one.
 std::string CountLimitWarning(const std::string& count_limit);
 
 // Warns on standard error and in the log when the server will delete daily backups only because

@@ -106,8 +106,8 @@ std::string MasterSide::Reserve(std::int64_t size) {
         KRO_LOG(kLog, 8, "Unfinished backups use %lld bytes, %lld bytes are needed",
                 ForLog(storage_.unfinished), ForLog(needed));
     }
-    // The first condition ignores incomplete backups. MakeRoom may remove some of them, so
-    // CanMakeRoom decides when they use space.
+    // The comparison with the limit assumes that incomplete backups stay. If they use space
+    // (`needed` is larger than `size`), MakeRoom may remove some of them, so CanMakeRoom decides.
     if (needed > LessSize(storage_.limit, storage_.reserved) &&
         (needed == size || !control.CanMakeRoom(storage_, size, is_remote_))) {
         throw std::runtime_error("No disk space left on storage. Size limit: " +

@@ -96,8 +96,8 @@ class Scanner {
         }
         const std::string user_name = quarn2::GetUserName(name);
         const std::string date = quarn2::GetDate(name);
-        // A name with a type letter or without a user is longer or shorter than DATE.USER.info, and
-        // the eviction cannot build it.
+        // The name of the info file must be DATE.USER.info. A name with a type letter is longer, a
+        // name without a user is shorter.
         if (name.size() != date.size() + user_name.size() + std::string_view("..info").size()) {
             // An eviction could not find this info file by user and date, so the size of the backup
             // can never be freed.

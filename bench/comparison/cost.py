@@ -67,7 +67,8 @@ def run(arguments, environment=None, **options):
 
 
 class Meter:
-    """Runs commands and returns their cost. `prefix` is a command that enters another network."""
+    """Runs commands and returns their cost. `prefix` is a command that runs its arguments in another network
+    namespace."""
 
     def __init__(self, program, place, prefix=()):
         self.program = program

@@ -114,7 +114,7 @@ class Setup:
             self.settings = settings_module.load(self.config)
 
     def take(self, value):
-        """Takes a value from its option, or its default if the program does not ask for it."""
+        """Takes a value from its option. Without the option, takes the default if the user will not be asked for it."""
         text = getattr(self.given, value.attribute)
         is_asked = self.is_interactive and value not in (CONFIG, TOKEN_PATH)
         if text is None and not is_asked and not self.keeps:

@@ -52,7 +52,7 @@ boris_next_day() {
     prose 20 "$day" >>"$1/Maildir/log"
 }
 
-# A shop: a database that is rewritten, an order list, and a manual (real files: this project's own).
+# A shop: a database that is rewritten, an order list, and a manual (copies of this project's documentation).
 shop.example_first_day() {
     mkdir -p "$1/db" "$1/orders"
     # shellcheck disable=SC2154  # top is set by common.sh

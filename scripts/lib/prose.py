@@ -324,7 +324,7 @@ def messages(text):
 
 
 def _joined(literals, text, begin):
-    """Literals that follow each other without code between them are one."""
+    """Adjacent string literals without code between them count as one literal."""
     joined, at = [], begin
     for literal in literals:
         start = text.index('"' + literal + '"', at)

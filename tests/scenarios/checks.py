@@ -67,8 +67,8 @@ class Judge:
 
     def check(self, step, out):
         self.log = self.world.new_log()
-        # Without a size limit, the server evicts a backup each time the storage refuses data.
-        # While the disk of "var" is full, the log is incomplete.
+        # Without a size limit, the server evicts a backup each time the storage refuses data, so evictions are allowed.
+        # While the disk of "var" is full, the log is incomplete, so checks of the log are skipped.
         self.has_refused = self.world.disks["storage"].is_full or out.has_fault
         self.has_log = not self.world.disks["var"].is_full
         if not self.has_log or "Cant write 'var/quarn2_cp.ledger" in self.log:

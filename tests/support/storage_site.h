@@ -44,8 +44,8 @@ class StorageSite {
     // True if the server refuses a file of that name with an error.
     virtual bool RefusesName(const std::string& /*name*/) const { return false; }
 
-    // The maximum number of names in one reply to a listing. A storage without such a limit returns
-    // a number of names that exceeds one read of a directory or connection.
+    // The maximum number of names in one reply to a listing. For a storage without such a limit,
+    // a number of names that needs more than one read of the directory or connection.
     virtual std::size_t NamesPerPage() const { return 100; }
 
     // Limits the storage to this many bytes, within about 64 KiB. Returns false if the test cannot

@@ -119,7 +119,7 @@ class ProgramWithFaultLibrary(SystemTest):
 
     @unittest.skipUnless(shutil.which("strace"), "strace is not installed")
     def test_the_kernel_sees_no_change_that_was_not_counted(self):
-        """strace shows the same changing calls of a deletion as the library counts."""
+        """During a deletion, strace reports exactly the calls that change files and that the library counts."""
         root = self.root()
         fault_control = FaultControl(os.path.join(self.folder, "faults"))
         self.addCleanup(fault_control.close)

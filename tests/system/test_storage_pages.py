@@ -45,7 +45,8 @@ class ManyListingPages(SystemTest):
             user = f"web{number}"
             fields = {"type": "full", "created": f"{DATE} 01:00:00", "finished": f"{DATE} 01:00:01",
                       "last-slice": f"F{DATE}.{user}.1.dar", "size": 100}
-            # The size contains the info file itself. Both sizes have three digits.
+            # The value of "size" includes the info file. The placeholder 100 and the result have three digits, so the
+            # length of the info file does not change.
             fields["size"] = len("slice" + "index" + info_text(fields))
             info = info_text(fields)
             files |= {f"F{DATE}.{user}.1.dar": "slice", f"{DATE}.{user}.1.dar": "index", f"{DATE}.{user}.info": info}

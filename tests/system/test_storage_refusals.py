@@ -26,7 +26,8 @@ WRONG_SERVERS = {  # the first bytes of servers of other protocols
 
 
 class RefusedToken:
-    """A token whose use must fail. `words` is a pattern that the error must match, in any case."""
+    """A token whose use must fail. `words` is a pattern that the error must match, in upper or lower
+    case."""
 
     def __init__(self, words, token, patience=TIMEOUT):
         self.words = words

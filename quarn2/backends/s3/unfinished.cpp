@@ -167,8 +167,8 @@ void Unfinished::Abort(const std::vector<UnfinishedUpload>& uploads) {
 }
 
 bool TryToAbort(Service& service, const UnfinishedUpload& upload) noexcept {
-    // The maximum duration of a first attempt that is followed by a second one. After a longer
-    // attempt, the second one would probably take as long.
+    // A failed attempt is repeated only if it took at most this long, because the second one would
+    // probably take as long.
     constexpr std::chrono::seconds kQuick{1};
     const auto begin = kro_date::SteadyClock::now();
     for (int attempt = 0; attempt < 2; ++attempt) {

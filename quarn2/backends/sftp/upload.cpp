@@ -36,9 +36,9 @@ constexpr std::int64_t kMaxEarly = 256L * 1024;
 // The time that an existing temporary file is watched. A running upload writes several times a
 // second, so a file that does not change during this time was left by an interrupted upload.
 constexpr int kWatchMilliseconds = 3000;
-// Maximum number of times that a changing file is watched. After a connection is lost, the server
-// still writes the data that it has received, so the file of an interrupted upload can change at
-// first.
+// How often the program watches a temporary file that still changes. After a connection is lost,
+// the server still writes the data that it has received, so the file of an interrupted upload can
+// change at first.
 constexpr int kMaxWatches = 3;
 // In bytes per second. The timeout of a sync assumes that the server's disk is at least this fast.
 constexpr std::int64_t kMinSyncRate = 4LL * 1024 * 1024;

@@ -175,8 +175,8 @@ TEST_F(DeleteTest, ARoleThatSharesNumberedSlicesKeepsTheirName) {
                      "Remove 2026-11-15.web1.info"}));
 }
 
-// For a custom backup, the storage checks the stored name, which differs from the slice name in its
-// prefix. So this check does not protect the local files.
+// The storage checks only the stored name. For a custom backup, the local name has another prefix,
+// so the deletion must check it.
 TEST_F(DeleteTest, ARoleNeverLeadsOutOfTheInfoRoot) {
     Place("outside.tgz", "");
     Place("root/C/file", "");

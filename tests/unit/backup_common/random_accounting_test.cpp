@@ -155,7 +155,7 @@ class World {
         rules_.DropByCount();
     }
 
-    // A storage that does not fit into its limit would end the server.
+    // The server would exit with an error if the storage does not fit into its limit.
     void FitIntoLimits() {
         bool possible = true;
         try {

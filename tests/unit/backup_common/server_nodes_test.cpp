@@ -133,7 +133,8 @@ TEST_F(Nodes, AfterALongSessionThePauseIsShortAgain) {
     AttendUntil(node, begin_, [] { return Ends().size() == 1; });
     node.Poll(begin_ + 1s);
     AttendUntil(node, begin_ + 1s, [] { return Ends().size() == 2; });
-    node.Poll(begin_ + 3s);  // starts the third session, which then seems to last a minute
+    node.Poll(begin_ +
+              3s);  // starts the third session, which ends a minute later on the test clock
     AttendUntil(node, begin_ + 63s, [] { return Ends().size() == 3; });
     EXPECT_EQ(node.Poll(begin_ + 63s), begin_ + 64s);
 }
