@@ -133,8 +133,8 @@ TEST_F(Nodes, AfterALongSessionThePauseIsShortAgain) {
     AttendUntil(node, begin_, [] { return Ends().size() == 1; });
     node.Poll(begin_ + 1s);
     AttendUntil(node, begin_ + 1s, [] { return Ends().size() == 2; });
-    node.Poll(begin_ +
-              3s);  // starts the third session, which ends a minute later on the test clock
+    // Starts the third session, which ends a minute later on the test clock.
+    node.Poll(begin_ + 3s);
     AttendUntil(node, begin_ + 63s, [] { return Ends().size() == 3; });
     EXPECT_EQ(node.Poll(begin_ + 63s), begin_ + 64s);
 }
