@@ -92,9 +92,6 @@ kro_json::Array TextsJson(const std::vector<std::string>& texts) {
 }
 
 void WriteJson(const CheckResult& result, const CheckFacts& facts) {
-    const auto or_null = [](std::optional<std::int64_t> number) {
-        return number ? kro_json::Value(*number) : kro_json::Value();
-    };
     Output::Json({{"status", NameOf(result.severity)},
                   {"exit_status", static_cast<int>(result.severity)},
                   {"problems", TextsJson(result.problems)},
@@ -107,8 +104,8 @@ void WriteJson(const CheckResult& result, const CheckFacts& facts) {
                   {"backups", facts.backups},
                   {"used", facts.used},
                   {"unfinished", facts.unfinished},
-                  {"limit", or_null(facts.limit)},
-                  {"reserved", or_null(facts.reserved)}});
+                  {"limit", OrNull(facts.limit)},
+                  {"reserved", OrNull(facts.reserved)}});
 }
 
 }  // namespace

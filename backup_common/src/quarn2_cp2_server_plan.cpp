@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <utility>
 
 namespace {
 
@@ -45,6 +46,14 @@ void ForEachUser(const Storages& storages, Function function) {
     for (const auto& [key, desc] : storages) {
         for (const auto& [name, user] : desc.users) function(UserRef{&key, &name, &user.backups});
     }
+}
+
+// Adds the backups that a job is making again.
+Chain WithOpen(Chain others, const UserRef& user, const Dates& open) {
+    for (const Record& record : *user.backups) {
+        if (open.contains(record.first)) others.push_back(&record);
+    }
+    return others;
 }
 
 // The backups of one user during a simulation.
@@ -130,13 +139,7 @@ class SimulatedUser {
     }
 
     // The user's backups that are not complete.
-    Chain Others() const {
-        Chain others = interrupted_;
-        for (const Record& record : *ref_.backups) {
-            if (open_->contains(record.first)) others.push_back(&record);
-        }
-        return others;
-    }
+    Chain Others() const { return WithOpen(interrupted_, ref_, *open_); }
 
     UserRef ref_;
     const Dates* open_;
@@ -349,11 +352,7 @@ Chain OthersOf(const UserRef& user, const NotComplete& not_complete, const Dates
     if (user.storage->empty()) {
         others = ChainOf(ValueOf(not_complete.interrupted, *user.name), gone);
     }
-    const Dates& open = ValueOf(not_complete.open, *user.name);
-    for (const Record& record : *user.backups) {
-        if (open.contains(record.first)) others.push_back(&record);
-    }
-    return others;
+    return WithOpen(std::move(others), user, ValueOf(not_complete.open, *user.name));
 }
 
 // The reason why the plan keeps one backup. `chain`: the other backups of the user that the plan
