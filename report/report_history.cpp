@@ -2,9 +2,11 @@
 
 #include <algorithm>
 
+#include "kro/kro_clock.h"
 #include "kro/kro_err.h"
 #include "quarn2_cp2_event_log.h"
 #include "quarn2_cp2_misc_sizes.h"
+#include "report_figures.h"
 #include "report_site.h"
 
 void EventSummary::Add(const Event& event) {
@@ -63,6 +65,12 @@ EventSummary ReadEventSummary(Site& site) {
         site.output.Find("events file: " + std::string(error.what()));
     }
     return summary;
+}
+
+std::vector<DaySums> DaysForForecast(const EventSummary& summary, const KnownLimits& known) {
+    std::vector<DaySums> days = summary.DaysBefore(EventDay(kro_date::SystemNowMs()));
+    if (known.is_size_known) SetLimit(days, known.limits.size);
+    return days;
 }
 
 Deletions Without(Deletions all, const Deletions& earlier) {

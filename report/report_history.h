@@ -10,6 +10,7 @@
 #include "quarn2_cp2_event.h"
 #include "quarn2_cp2_forecast.h"
 
+struct KnownLimits;
 struct Site;
 
 struct DeletionSums {
@@ -55,6 +56,10 @@ class EventSummary {
 // Reads the events of the site's storage and user. Records a finding when the file cannot be read.
 // Skips lines that are not events.
 EventSummary ReadEventSummary(Site& site);
+
+// The days with events before today, for a forecast with the size limit in `known`. If that limit
+// is not known, the forecast uses the limit in the events.
+std::vector<DaySums> DaysForForecast(const EventSummary& summary, const KnownLimits& known);
 
 // The deletions since the last rotation of the events file: the deletions in both files (`all`)
 // minus those in the rotated file. So each rotation resets these counters to 0, which a monitoring

@@ -65,10 +65,8 @@ void AddEvents(Site& site, CheckFacts& facts) {
         if (!IsRecent(event, facts.max_age_hours)) continue;
         facts.failed_deletions.push_back(BackupName(site, backup.first, backup.second));
     }
-    std::vector<DaySums> days = summary.DaysBefore(EventDay(kro_date::SystemNowMs()));
-    const KnownLimits known = ChooseLimits(site.options, site.server);
-    if (known.is_size_known) SetLimit(days, known.limits.size);
-    facts.depth = DepthForecast(days, facts.min_days);
+    facts.depth = DepthForecast(DaysForForecast(summary, ChooseLimits(site.options, site.server)),
+                                facts.min_days);
 }
 
 CheckFacts ReadFacts(Site& site) {

@@ -35,11 +35,9 @@ void ReadHistory(Site& site, Status& status) {
     if (site.options.is_json) {
         status.deletions = DeletionsSinceRotation(site, summary.deletions());
     }
-    constexpr std::int64_t kMsPerSecond = 1000;
-    std::vector<DaySums> days = summary.DaysBefore(EventDay(kro_date::SystemNow() * kMsPerSecond));
     // No forecast with --user: the events of one user do not show the growth of the storage.
     if (!site.options.user.empty()) return;
-    if (status.known.is_size_known) SetLimit(days, status.known.limits.size);
+    const std::vector<DaySums> days = DaysForForecast(summary, status.known);
     status.evictions = EvictionForecast(days);
     status.refusals = RefusalForecast(days, status.space.protected_bytes);
 }
